@@ -1,0 +1,114 @@
+#pragma once
+
+#include <Poco/Util/Application.h>
+#include <framework/QueryRegistry.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Framework {
+
+class CallbackRegistry;
+class FrameworkThread;
+class Message;
+class Module;
+class ModuleLoader;
+class Task;
+class TaskRegistry;
+
+/// How a task is doing, for the status.
+struct TaskStatus {
+    std::string id;
+    std::string feature;
+    std::string module;
+    std::string state;  ///< "starting", "running", "stalled", "stopping"
+    std::uint64_t passes = 0;
+    double last_pass_ms = 0;
+    std::size_t queue_length = 0;
+    bool init_failed = false;
+};
+
+/// What became of a pushed policy.
+struct PolicyOutcome {
+    bool handled = false;   ///< a callback took it (set the handled flag)
+    int result = 0;         ///< that callback's result; non-zero: the feature is on
+    std::string exception;  ///< what the callback threw, if it did
+};
+
+/// What became of a tasklet request.
+struct TaskletOutcome {
+    bool found = false;
+    int result = 0;
+    std::string exception;
+};
+
+/// The application object of the agent's process: modules, tasks, policies, tasklets, queries.
+///
+/// There is one per process (Poco::Util::Application::instance()). One framework thread runs module
+/// Init and UnInit, policy callbacks and tasklets, one at a time. Start and Stop are for the thread
+/// that made the engine; everything else for any thread.
+class Engine : public Poco::Util::Application {
+  public:
+    Engine();
+    ~Engine() override;
+
+    /// The process's engine; throws Poco::NullPointerException when there is none.
+    static Engine& Instance();
+
+    /// Starts the framework thread. Tests may use tasks and policies from here on.
+    void Start();
+
+    /// Stops in order: modules uninitialised in reverse, remaining tasks unregistered, thread
+    /// ended. May be called twice.
+    void Stop();
+
+    /// Loads module/lib<name>.so of the installation path, enters it through CreateModule and
+    /// initialises it. False with `error` when the file, the symbol or the object is missing, the
+    /// factory throws, or Init fails; the agent goes on without the module.
+    bool LoadModule(const std::string& name, std::string& error);
+
+    /// Takes a module that is linked in, as tests do, and initialises it.
+    bool AddModule(std::unique_ptr<Module> module, std::string& error);
+
+    /// Names of the initialised modules, in order.
+    std::vector<std::string> ModuleNames() const;
+
+    /// The registered task of that id, or null. Borrowed: valid until its module unregisters it;
+    /// use PostMessage where that can happen meanwhile.
+    Task* FindTask(const std::string& id) const;
+
+    /// SendAgileMsg to the task of that id, safe against its unregistration; false when there is
+    /// none or it refuses: the message then stays the caller's.
+    bool PostMessage(const std::string& task_id, Message* msg);
+
+    /// Offers the policy to the callbacks, in the order of their registration, until one sets the
+    /// handled flag, and waits for the outcome. Not from the framework thread.
+    PolicyOutcome ApplyPolicy(const std::string& feature, const std::string& policy_json);
+
+    /// Runs the tasklet of that id and waits for its result. Not from the framework thread.
+    TaskletOutcome InvokeTasklet(const std::string& id, const std::string& request);
+
+    /// Runs `job` on the framework thread and waits for it. What it throws is thrown here.
+    void RunOnFrameworkThread(const std::function<void()>& job);
+
+    std::vector<TaskStatus> TaskStatuses() const;
+    QueryRegistry& Queries() { return queries_; }
+
+  protected:
+    friend class Module;
+    friend class Task;
+    TaskRegistry& Tasks() { return *tasks_; }
+    CallbackRegistry& Callbacks() { return *callbacks_; }
+
+  private:
+    QueryRegistry queries_;
+    std::unique_ptr<TaskRegistry> tasks_;
+    std::unique_ptr<CallbackRegistry> callbacks_;
+    std::unique_ptr<FrameworkThread> thread_;
+    std::unique_ptr<ModuleLoader> loader_;
+};
+
+}  // namespace Framework

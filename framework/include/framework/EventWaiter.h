@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sdk/FileDescriptor.h>
+
+#include <functional>
+#include <map>
+
+namespace Framework {
+
+/// Lets a task's thread wait for its event sources and for its message queue at once.
+///
+/// Wake may be called from any thread; everything else by the task's thread only.
+class EventWaiter {
+  public:
+    using Handler = std::function<void()>;
+
+    EventWaiter();
+    ~EventWaiter();
+    EventWaiter(const EventWaiter&) = delete;
+    EventWaiter& operator=(const EventWaiter&) = delete;
+
+    /// `handler` runs in WaitAndHandleEvent whenever `fd` is readable. The descriptor stays the
+    /// caller's, who removes it before closing it. False with errno when it cannot be watched.
+    bool AddSource(int fd, Handler handler);
+    void RemoveSource(int fd);
+
+    /// Waits at most `timeout_ms` for event sources, messages, or a Wake, and runs the handlers of
+    /// at most `max_events` ready sources. Returns how many; -1 when none was ready: messages are
+    /// waiting, the task was woken, or the time is up.
+    int WaitAndHandleEvent(int timeout_ms, int max_events);
+
+    /// Ends the present or next wait. Wakes add up to one.
+    void Wake();
+
+  private:
+    SDK::FileDescriptor epoll_;
+    SDK::FileDescriptor wake_;
+    std::map<int, Handler> handlers_;
+};
+
+}  // namespace Framework

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <framework/Policy.h>
+
+#include <string>
+
+namespace Framework {
+
+/// The policy of a feature. Allocated with new; registers itself by name when built: the next one
+/// of that name, or the end of the process, deletes it. One that is deleted earlier takes itself
+/// off. Framework thread only.
+class FeaturePolicy : public Policy {
+  public:
+    explicit FeaturePolicy(const std::string& name);
+    ~FeaturePolicy() override;
+
+    bool Parse(const std::string& text) override = 0;
+
+    /// Hands a task's policy on to this feature's tasks; by default nothing.
+    virtual void Dispatch(Policy* policy);
+
+    /// True when either string differs from the one stored by StoreIdentity.
+    virtual bool PolicyChanged(const std::string& version, const std::string& content);
+
+    /// What PolicyChanged compares with.
+    void StoreIdentity(const std::string& version, const std::string& content);
+
+    /// Deletes all registered feature policies. For the end of the process and for tests.
+    static void DeleteAll();
+
+  private:
+    std::string version_;
+    std::string content_;
+};
+
+/// The policy of one task of a feature.
+class TaskPolicy : public Policy {
+  public:
+    explicit TaskPolicy(const std::string& name) : Policy(name) {}
+    bool Parse(const std::string& text) override = 0;
+    virtual void Dispatch(Policy* policy);
+    virtual bool PolicyChanged(const std::string& version, const std::string& content);
+
+  private:
+    std::string version_;
+    std::string content_;
+};
+
+}  // namespace Framework

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace Framework {
+
+class Task;
+
+/// What one task sends to another. The framework owns a message from the moment it is handed over,
+/// whatever the outcome; only a message that SendAgileMsg refuses stays the caller's.
+class Message {
+  public:
+    virtual ~Message() = default;
+
+    /// Called by the default Task::HandleMsg on the receiving task's thread. A message class that
+    /// has an action of its own calls it here; by default nothing happens.
+    virtual void Deliver(Task& receiver);
+};
+
+/// Remarks that travel beside a report's body and are stored beside it, never in it.
+struct ReportNote {
+    std::string outcome;      ///< what was done about it, such as "restored"; empty: nothing said
+    double duration_ms = -1;  ///< from the cause being seen to the outcome; negative: unknown
+};
+
+/// A report on the command channel: id and body.
+class CmdMessage : public Message {
+  public:
+    CmdMessage(const std::string& msg_id, const std::string& body) : msg_id_(msg_id), body_(body) {}
+    const std::string& GetMsgId() const { return msg_id_; }
+    const std::string& GetBody() const { return body_; }
+
+  private:
+    std::string msg_id_;
+    std::string body_;
+};
+
+/// A report on the data channel: event (the data kind; "2" is an alarm) and body.
+class DataMessage : public Message {
+  public:
+    DataMessage(const std::string& event, const std::string& body) : event_(event), body_(body) {}
+    const std::string& GetEvent() const { return event_; }
+    const std::string& GetBody() const { return body_; }
+
+    void SetNote(const ReportNote& note) { note_ = note; }
+    const ReportNote& GetNote() const { return note_; }
+
+  private:
+    std::string event_;
+    std::string body_;
+    ReportNote note_;
+};
+
+}  // namespace Framework

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <framework/Message.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace Engine {
+
+/// One change under a watched path, delivered to the receiver's FileNotifyMessageAction.
+///
+/// A rename gives two messages: IN_MOVED_FROM names the old path, with the new one as its move
+/// target when that lies under a watched path too; IN_MOVED_TO names the new path and has no
+/// target.
+class FileNotifyMessage : public Framework::Message {
+  public:
+    FileNotifyMessage(std::string watch_file, std::string event_path, std::string moveto_file,
+                      std::uint32_t raw_mask, std::chrono::steady_clock::time_point read_time);
+
+    /// Calls the receiver's FileNotifyMessageAction when it is an AbstractMessageReceiver.
+    void Deliver(Framework::Task& receiver) override;
+
+    /// The event bits (IN_CREATE, IN_MODIFY, ...) without IN_ISDIR.
+    std::uint32_t GetEventMask() const;
+
+    /// The event bits as the kernel gives them, IN_ISDIR included.
+    std::uint32_t GetRawMask() const { return raw_mask_; }
+
+    /// Full path of the changed object, without a trailing "/".
+    const std::string& GetEventFilePath() const { return event_path_; }
+
+    /// Full path of a move's target, or empty.
+    const std::string& GetMovetoFile() const { return moveto_file_; }
+
+    /// The id of the watch, as its registration was answered.
+    const std::string& GetWatchFile() const { return watch_file_; }
+
+    /// When the change was read from the kernel.
+    std::chrono::steady_clock::time_point GetReadTime() const { return read_time_; }
+
+  private:
+    std::string watch_file_;
+    std::string event_path_;
+    std::string moveto_file_;
+    std::uint32_t raw_mask_;
+    std::chrono::steady_clock::time_point read_time_;
+};
+
+}  // namespace Engine

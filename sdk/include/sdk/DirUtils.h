@@ -1,0 +1,27 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace SDK {
+
+/// Looks at, makes and removes directories. Stateless; any thread. 0 is success, -1 failure
+/// (errno).
+class DirUtils {
+  public:
+    /// True when `path` is a directory itself: a symbolic link to a directory is not one, however
+    /// it is spelled (a trailing "/" is ignored), since callers decide by it what may be deleted.
+    static bool IsDir(const std::string& path);
+
+    /// Removes the directory `path` with all that it holds. Never follows a symbolic link, also not
+    /// one that is put in place of a directory meanwhile. A missing directory is a failure; goes on
+    /// past what cannot be removed and then fails.
+    static int DeleteDir(const std::string& path);
+
+    /// Makes the directory `path` with all missing parents, each with `mode` (whatever the umask).
+    /// An existing directory is success and keeps its mode.
+    static int MakeDirs(const std::string& path, mode_t mode);
+};
+
+}  // namespace SDK

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <Poco/Format.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include <string>
+#include <utility>
+
+namespace SDK {
+
+/// The base name of a source file's path: "SentrelPolicy.cpp" for ".../SentrelPolicy.cpp". Points
+/// into `file`, which must be a literal, as log records keep only the pointer.
+const char* SourceBaseName(const char* file);
+
+/// Formats with Poco::format and logs; skipped when the logger is missing or does not admit the
+/// priority. Never throws: what fails while formatting or writing is dropped. Use SDK_LOG.
+template <typename... Args>
+void LogFormatted(Poco::Logger* logger, Poco::Message::Priority priority, const char* file,
+                  int line, const char* format, Args&&... args) {
+    if (logger == nullptr || !logger->is(static_cast<int>(priority))) return;
+    try {
+        std::string text;
+        if constexpr (sizeof...(Args) == 0) {
+            text = format;
+        } else {
+            text = Poco::format(std::string(format), std::forward<Args>(args)...);
+        }
+        logger->log(Poco::Message(logger->name(), text, priority, SourceBaseName(file), line));
+    } catch (...) {
+    }
+}
+
+}  // namespace SDK
+
+/// SDK_LOG(logger, PRIO_ERROR, "text %s", argument): the guarded log statement of the whole agent.
+#define SDK_LOG(logger, priority, ...) \
+    ::SDK::LogFormatted((logger), Poco::Message::priority, __FILE__, __LINE__, __VA_ARGS__)
