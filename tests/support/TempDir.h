@@ -12,7 +12,8 @@ namespace test {
 class TempDir {
   public:
     TempDir() {
-        std::string name = (std::filesystem::temp_directory_path() / "sentrel-test-XXXXXX").string();
+        std::string name =
+            (std::filesystem::temp_directory_path() / "sentrel-test-XXXXXX").string();
         if (mkdtemp(name.data()) == nullptr) std::abort();
         path_ = name;
     }

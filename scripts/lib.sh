@@ -1,0 +1,115 @@
+# shellcheck shell=bash disable=SC2034
+# What the scripts share: paths, messages, Debian packages, building. Sourced, never run.
+
+ROOT=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
+readonly ROOT
+readonly LOG_DIR=$ROOT/build/logs
+JOBS=$(nproc 2>/dev/null || echo 2)
+readonly JOBS
+
+# To build and to run the product.
+readonly BUILD_PACKAGES=(
+    g++ cmake ninja-build pkg-config ccache
+    libpoco-dev libjsoncpp-dev libboost-dev libsqlite3-dev libcli11-dev libssl-dev libsystemd-dev
+    rsync diffutils procps sudo ca-certificates util-linux
+)
+# To test it as well.
+readonly TEST_PACKAGES=(
+    libgtest-dev clang-format clang-tidy shellcheck attr acl iproute2 curl git
+)
+
+say() { printf '%s\n' "$*"; }
+step() { printf '%s==>%s %s\n' "$BOLD" "$PLAIN" "$*"; }
+warn() { printf 'warning: %s\n' "$*" >&2; }
+die() {
+    printf 'error: %s\n' "$*" >&2
+    exit 1
+}
+
+if [[ -t 1 && ${TERM:-dumb} != dumb ]]; then
+    BOLD=$'\e[1m' PLAIN=$'\e[0m'
+else
+    BOLD='' PLAIN=''
+fi
+readonly BOLD PLAIN
+
+# as_root COMMAND...: runs it as root, by sudo where we are not.
+as_root() {
+    if [[ $EUID -eq 0 ]]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo -- "$@"
+    else
+        die "this needs root: run it as root, or install sudo. (It was about to run: $*)"
+    fi
+}
+
+# logged NAME COMMAND...: runs it with its output in build/logs/NAME.log; on failure shows the end.
+logged() {
+    local log=$LOG_DIR/$1.log
+    shift
+    mkdir -p "$LOG_DIR"
+    if ! "$@" >"$log" 2>&1; then
+        printf '%s\n' "---- the last lines of $log:" >&2
+        tail -n 30 "$log" >&2
+        return 1
+    fi
+}
+
+missing_packages() {
+    local package
+    for package in "$@"; do
+        dpkg-query -W -f='${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
+            printf '%s\n' "$package"
+    done
+}
+
+# install_dependencies PACKAGE...: installs what is missing of Debian packages.
+install_dependencies() {
+    if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
+        die "this script installs Debian packages, and this system has no apt-get." \
+            "Debian 12 is what Sentrel is built on; elsewhere install the like of these: $*"
+    fi
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    [[ ${#missing[@]} -gt 0 ]] || return 0
+    step "Installing ${#missing[@]} Debian packages: ${missing[*]}"
+    local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300)
+    logged apt-update as_root "${apt[@]}" update ||
+        warn "apt-get update failed; trying with the package lists that are there"
+    logged apt-install as_root "${apt[@]}" install --no-install-recommends "${missing[@]}" ||
+        die "apt-get could not install them; the whole output is in $LOG_DIR/apt-install.log"
+}
+
+# sparse_progress: lets every tenth of ninja's "[done/total]" lines pass, and all that is no progress.
+sparse_progress() {
+    awk '
+        match($0, /^\[[0-9]+\/[0-9]+\]/) {
+            split(substr($0, 2, RLENGTH - 2), count, "/")
+            tenth = int(10 * count[1] / count[2])
+            if (tenth != shown || count[1] == count[2]) {
+                printf "    built %d of %d\n", count[1], count[2]
+                fflush()
+            }
+            shown = tenth
+            next
+        }
+        !/^ninja: (Entering directory|no work to do)/ { print; fflush() }'
+}
+
+# build_preset PRESET [CMAKE_ARGUMENT...]: configures and builds. On a terminal ninja shows one line
+# that changes; elsewhere a line at each tenth.
+build_preset() {
+    local preset=$1 directory=$ROOT/build/$1
+    shift
+    export CCACHE_BASEDIR=$ROOT CCACHE_NOHASHDIR=1
+    (cd "$ROOT" && logged "configure-$preset" cmake --preset "$preset" "$@") ||
+        die "cmake could not configure the preset $preset"
+    if [[ -t 1 ]]; then
+        NINJA_STATUS='    building [%f/%t] %es  ' ninja -C "$directory" -j "$JOBS" ||
+            die "the build failed"
+    else
+        NINJA_STATUS='[%f/%t] ' ninja -C "$directory" -j "$JOBS" 2>&1 | sparse_progress ||
+            die "the build failed"
+    fi
+}

@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Checks the layout of the sources, the shell scripts, and the sources themselves with clang-tidy.
+set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
+
+usage() {
+    cat <<'END'
+Usage: scripts/lint.sh [--fix | --format-only] [FILE.cpp...]
+
+  --fix          lays the sources out and applies clang-tidy's own corrections
+  --format-only  clang-format and shellcheck, without clang-tidy
+  FILE.cpp...    clang-tidy only for these
+
+Checks clang-format, shellcheck and clang-tidy over all files that git knows.
+END
+}
+
+# Files that git knows, or would not ignore, and that are there.
+sources() {
+    local file
+    while IFS= read -r -d '' file; do
+        [[ ! -e $file ]] || printf '%s\0' "$file"
+    done < <(git ls-files -z --cached --others --exclude-standard -- "$@")
+}
+
+check_format() {
+    step "clang-format"
+    local mode=(--dry-run -Werror)
+    [[ -z $FIX ]] || mode=(-i)
+    sources '*.cpp' '*.h' | xargs -0 -r clang-format "${mode[@]}"
+}
+
+check_shell() {
+    step "shellcheck"
+    sources '*.sh' .ci/run 'packaging/*/postinst' 'packaging/*/prerm' |
+        xargs -0 -r shellcheck -x
+}
+
+# One clang-tidy a file, as many at a time as there are cores. Tests are left out: the macros of
+# GoogleTest cost more time than they yield findings.
+check_tidy() {
+    step "clang-tidy"
+    (cmake --preset debug -DSENTREL_TESTS=OFF -B build/lint) >/dev/null ||
+        die "cmake could not configure the sources for clang-tidy"
+    local fix=()
+    [[ -z $FIX ]] || fix=(--fix)
+    if [[ $# -gt 0 ]]; then
+        printf '%s\0' "$@"
+    else
+        sources '*.cpp' ':!tests' ':!bench'
+    fi | xargs -0 -r -n 1 -P "$([[ -n $FIX ]] && echo 1 || echo "$JOBS")" \
+        clang-tidy -p build/lint --quiet "${fix[@]}" 2> >(grep -v ' warnings\{0,1\} \(generated\|treated\)' >&2)
+}
+
+main() {
+    local tidy=yes failed=0 files=()
+    FIX=''
+    while [[ $# -gt 0 ]]; do
+        case $1 in
+            --fix) FIX=yes ;;
+            --format-only) tidy='' ;;
+            -h | --help) usage && return 0 ;;
+            -*) usage >&2 && die "unknown option: $1" ;;
+            *) files+=("$(realpath -e -- "$1")") ;;
+        esac
+        shift
+    done
+    cd "$ROOT"
+    install_dependencies "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+    [[ -z $tidy ]] || check_tidy "${files[@]}" || failed=1
+    check_format || failed=1
+    check_shell || failed=1
+    return "$failed"
+}
+
+main "$@"

@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs the tests.
+set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
+
+usage() {
+    cat <<'END'
+Usage: scripts/test.sh [OPTION]...
+
+Without an option: the dependencies, a release build and all tests, the demo among them.
+
+  --quick       the release tests without the end-to-end ones
+  --sanitizers  all tests under AddressSanitizer + UndefinedBehaviorSanitizer, then ThreadSanitizer
+  --format      only the layout of the sources and the shell scripts
+  --lint        the same, and clang-tidy over the product's sources
+  --all         everything: --lint, the release tests, --sanitizers
+  --ci          what continuous integration runs: --format, the release tests, --sanitizers
+  -h, --help    this text
+
+Options add up. The exit code is 0 only when everything asked for has passed.
+END
+}
+
+SUMMARIES=()
+
+# run_suite PRESET [CTEST_ARGUMENT...]: builds the preset and runs its tests.
+run_suite() {
+    local preset=$1 started=$SECONDS log status=0
+    shift
+    step "Building the preset $preset"
+    build_preset "$preset" -DSENTREL_TESTS=ON
+    local built=$SECONDS
+    step "Testing the preset $preset"
+    mkdir -p "$LOG_DIR"
+    log=$LOG_DIR/test-$preset.log
+    (cd "$ROOT" && ctest --preset "$preset" --no-tests=error -j "$JOBS" "$@") 2>&1 | tee "$log" ||
+        status=1
+    SUMMARIES+=("$(printf '%-8s built in %d s, tested in %d s: %s' "$preset" \
+        "$((built - started))" "$((SECONDS - built))" "$(summary_line "$log")")")
+    return "$status"
+}
+
+# The line with which ctest closes: "100% tests passed, 0 tests failed out of N".
+summary_line() {
+    grep -E '^[0-9]+% tests passed' "$1" | tail -n 1 || echo 'no tests were run'
+}
+
+lint() {
+    if "$ROOT/scripts/lint.sh" "$@"; then
+        SUMMARIES+=("lint     clean")
+    else
+        SUMMARIES+=("lint     found something, see above")
+        return 1
+    fi
+}
+
+main() {
+    local release='' sanitizers='' lint='' failed=0 ctest_arguments=()
+    [[ $# -gt 0 ]] || release=yes
+    while [[ $# -gt 0 ]]; do
+        case $1 in
+            --quick) release=yes ctest_arguments=(-LE e2e) ;;
+            --sanitizers) sanitizers=yes ;;
+            --format) lint=${lint:-format} ;;
+            --lint) lint=all ;;
+            --all) release=yes sanitizers=yes lint=all ;;
+            --ci) release=yes sanitizers=yes lint=${lint:-format} ;;
+            -h | --help) usage && return 0 ;;
+            *) usage >&2 && die "unknown option: $1" ;;
+        esac
+        shift
+    done
+
+    install_dependencies "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+    [[ $lint != format ]] || lint --format-only || failed=1
+    [[ $lint != all ]] || lint || failed=1
+    [[ -z $sanitizers ]] || run_suite asan || failed=1
+    [[ -z $sanitizers ]] || run_suite tsan || failed=1
+    [[ -z $release ]] || run_suite release "${ctest_arguments[@]}" || failed=1
+
+    step "Summary"
+    printf '%s\n' "${SUMMARIES[@]}"
+    return "$failed"
+}
+
+main "$@"
