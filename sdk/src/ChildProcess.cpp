@@ -1,0 +1,112 @@
+#include "ChildProcess.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cerrno>
+
+namespace SDK {
+
+namespace {
+
+constexpr int kFirstInherited = 3;  // the first descriptor that a command must not get
+
+std::vector<char*> Pointers(const std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// What posix_spawn does in the child between its start and the program.
+class SpawnPlan {
+  public:
+    explicit SpawnPlan(int output) {
+        posix_spawn_file_actions_init(&actions_);
+        posix_spawnattr_init(&attributes_);
+        // Input last: when the agent runs without its standard descriptors, `output` may be 0.
+        Note(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
+        Note(posix_spawn_file_actions_adddup2(&actions_, output, STDERR_FILENO));
+        Note(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
+        Note(posix_spawn_file_actions_addclosefrom_np(&actions_, kFirstInherited));
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        Note(posix_spawnattr_setsigmask(&attributes_, &none));
+        Note(posix_spawnattr_setsigdefault(&attributes_, &all));
+        Note(posix_spawnattr_setpgroup(&attributes_, 0));
+        Note(posix_spawnattr_setflags(
+            &attributes_, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
+    }
+    ~SpawnPlan() {
+        posix_spawn_file_actions_destroy(&actions_);
+        posix_spawnattr_destroy(&attributes_);
+    }
+    SpawnPlan(const SpawnPlan&) = delete;
+    SpawnPlan& operator=(const SpawnPlan&) = delete;
+
+    int Run(pid_t& pid, char* const* arguments, char* const* environment) {
+        if (error_ != 0) return error_;
+        return ::posix_spawn(&pid, arguments[0], &actions_, &attributes_, arguments, environment);
+    }
+
+  private:
+    void Note(int error) {
+        if (error_ == 0) error_ = error;
+    }
+
+    posix_spawn_file_actions_t actions_;
+    posix_spawnattr_t attributes_;
+    int error_ = 0;
+};
+
+}  // namespace
+
+ChildProcess::~ChildProcess() {
+    if (pid_ <= 0) return;
+    Kill();
+    Reap();
+}
+
+bool ChildProcess::Start(const std::vector<std::string>& arguments,
+                         const std::vector<std::string>& environment) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
+    output_.Reset(ends[0]);
+    const FileDescriptor write_end(ends[1]);
+    if (::fcntl(output_.Get(), F_SETFL, O_NONBLOCK) != 0) return false;
+
+    SpawnPlan plan(write_end.Get());
+    pid_t pid = -1;
+    const int error = plan.Run(pid, Pointers(arguments).data(), Pointers(environment).data());
+    if (error != 0) {
+        errno = error;
+        return false;
+    }
+    pid_ = pid;
+    // Debian 12's <sys/pidfd.h> cannot be linked from C++.
+    end_.Reset(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
+    return true;
+}
+
+void ChildProcess::Kill() {
+    ::killpg(pid_, SIGKILL);
+}
+
+int ChildProcess::Reap() {
+    int status = -1;
+    while (::waitpid(pid_, &status, 0) < 0) {
+        if (errno == EINTR) continue;
+        status = -1;
+        break;
+    }
+    pid_ = -1;
+    return status;
+}
+
+}  // namespace SDK

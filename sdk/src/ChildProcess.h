@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "sdk/FileDescriptor.h"
+
+namespace SDK {
+
+/// One external command: its process, the group that it leads, and the pipe with its output. Killed
+/// with its group and reaped with the object when it has not been reaped before. One thread.
+class ChildProcess {
+  public:
+    ChildProcess() = default;
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    /// Starts `arguments[0]` with exactly this environment. False (errno) when it cannot be.
+    bool Start(const std::vector<std::string>& arguments,
+               const std::vector<std::string>& environment);
+
+    /// Readable once the process has ended; -1 when the kernel had no descriptor for it.
+    int EndDescriptor() const { return end_.Get(); }
+
+    /// Output and errors of the process and what it starts; does not block.
+    int OutputDescriptor() const { return output_.Get(); }
+
+    /// Kills the whole group; only before Reap, as the number is the process's own until then.
+    void Kill();
+
+    /// Waits for the end; the status as waitpid(2) gives it, or -1.
+    int Reap();
+
+  private:
+    pid_t pid_ = -1;
+    FileDescriptor end_;
+    FileDescriptor output_;
+};
+
+}  // namespace SDK

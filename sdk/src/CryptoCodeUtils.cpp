@@ -1,0 +1,12 @@
+#include "sdk/CryptoCodeUtils.h"
+
+#include <Poco/UUID.h>
+#include <Poco/UUIDGenerator.h>
+
+namespace SDK {
+
+std::string CryptoCodeUtils::GenerateUUID() {
+    return Poco::UUIDGenerator().createRandom().toString();
+}
+
+}  // namespace SDK

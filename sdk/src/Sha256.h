@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+struct evp_md_ctx_st;
+
+namespace SDK {
+
+/// Computes one SHA-256 piece by piece. One thread at a time.
+class Sha256 {
+  public:
+    Sha256();
+
+    void Update(const void* data, std::size_t size);
+
+    /// The digest in lower-case hex, "" when the library failed at any step. Ends the computation.
+    std::string Hex();
+
+  private:
+    struct Free {
+        void operator()(evp_md_ctx_st* context) const;
+    };
+    std::unique_ptr<evp_md_ctx_st, Free> context_;
+    bool good_ = false;
+};
+
+}  // namespace SDK

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "sdk/FileDescriptor.h"
+
+namespace SDK {
+
+/// Removes a directory tree through descriptors only, so that a link put in place of a directory
+/// meanwhile is removed and not followed. Holds one directory open however deep the tree is. One
+/// thread; one use.
+class TreeRemover {
+  public:
+    /// 0 when all is gone. Goes on past what cannot be removed; -1 then, errno the first failure.
+    /// Refuses "/".
+    int Remove(const std::string& path);
+
+  private:
+    struct Level {
+        std::string name;  // in the directory above
+        dev_t device;
+        ino_t inode;
+        std::vector<std::string> directories;  // still to be removed
+    };
+
+    bool Enter(FileDescriptor directory, const std::string& name);
+    bool Leave();
+    void Descend(const std::string& name);
+    void RemoveEntry(const std::string& name);
+    void Failed(int error);
+
+    FileDescriptor current_;  // the directory of levels_.back()
+    std::vector<Level> levels_;
+    int first_error_ = 0;
+};
+
+}  // namespace SDK

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <string>
+
+namespace SDK {
+
+/// `text` with U+FFFD in place of every byte that is no part of valid UTF-8.
+std::string ToValidUtf8(std::string text);
+
+}  // namespace SDK

@@ -1,0 +1,187 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <thread>
+
+#include "CommandLine.h"
+#include "sdk/CommandInterrupter.h"
+#include "sdk/ExecuteCmdUtils.h"
+#include "sdk/PathUtils.h"
+#include "sdk/ProcessUtils.h"
+#include "support/TempDir.h"
+#include "support/WaitFor.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using SDK::ExecuteCmdUtils;
+using Words = std::vector<std::string>;
+
+constexpr std::size_t kMuch = 65536;
+constexpr int kLongMs = 60000;
+
+/// Runs a shell script without an end of its own time.
+int RunScript(const std::string& script, int timeout_ms, std::string& output) {
+    int exit_code = 0;
+    return ExecuteCmdUtils::ExecuteCmd("/bin/sh", {"-c", script}, timeout_ms, exit_code, output,
+                                       kMuch);
+}
+
+unsigned int ReadPid(const std::string& file) {
+    return static_cast<unsigned int>(std::strtoul(test::TempDir::Read(file).c_str(), nullptr, 10));
+}
+
+bool Ends(unsigned int pid) {
+    return pid != 0 &&
+           test::WaitFor([pid] { return !SDK::ProcessUtils::IsProcessAlive(pid); }, 10s);
+}
+
+TEST(CommandLine, PlainWords_AreSplitAsTheShellWould) {
+    EXPECT_EQ(SDK::SplitPlainCommand("  /a/b\t-x --temp-dir=/tmp  "),
+              (Words{"/a/b", "-x", "--temp-dir=/tmp"}));
+    EXPECT_EQ(SDK::SplitPlainCommand("/b --exclude \"*.log\"  --exclude \"a b;c\" u@h::m/"),
+              (Words{"/b", "--exclude", "*.log", "--exclude", "a b;c", "u@h::m/"}));
+    EXPECT_EQ(SDK::SplitPlainCommand("/b --x=\"a  b\"c \"\" \xC3\xA4\xFF"),
+              (Words{"/b", "--x=a  bc", "", "\xC3\xA4\xFF"}));
+}
+
+TEST(CommandLine, AnythingElse_NeedsAShell) {
+    for (const char* line : {"",         "  ",     "exit 3",    "ls",         "A=/b /c",
+                             "/b $HOME", "/b `c`", "/b \"$x\"", "/b \"`c`\"", "/b \"a\\\\b\"",
+                             "/b a\\ b", "/b 'c'", "/b *.c",    "/b a?",      "/b [a]",
+                             "/b ~",     "/b #c",  "/b;c",      "/b&",        "/b|/c",
+                             "/b>c",     "/b<c",   "/b (c)",    "/b {c}",     "/b !c",
+                             "/b\n/c",   "/b ^c",  "/b \"open", "/b c\"",     "/b\rc"}) {
+        EXPECT_TRUE(SDK::SplitPlainCommand(line).empty()) << line;
+    }
+}
+
+TEST(ExecuteCmd, OneString_GivesTheResultOfTheShell) {
+    std::string output;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/echo a \"b  c\"", output, kMuch), 0);
+    EXPECT_EQ(output, "a b  c\n");
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("echo one; echo two >&2; exit 7", output, kMuch), 7);
+    EXPECT_EQ(output, "one\ntwo\n");
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/false", output, kMuch), 1);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/no/such/program", output, kMuch), 127);
+    EXPECT_NE(output.find("not found"), std::string::npos);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/etc", output, kMuch), 126);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("kill -9 $$", output, kMuch),
+              ExecuteCmdUtils::kKilledBySignal);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd(std::string("/bin/echo a\0b", 13), output, kMuch),
+              ExecuteCmdUtils::kStartFailed);
+}
+
+TEST(ExecuteCmd, ScriptWithoutInterpreterLine_RunsAsInTheShell) {
+    const test::TempDir dir;
+    const std::string script = dir.Write("script", "echo ran $1\n");
+    ASSERT_EQ(::chmod(script.c_str(), 0700), 0);
+    std::string output;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd(script + " it", output, kMuch), 0);
+    EXPECT_EQ(output, "ran it\n");
+}
+
+TEST(ExecuteCmd, Arguments_ReachTheProgramUnchanged) {
+    std::string output;
+    int exit_code = 0;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/usr/bin/printf", {"%s|", "a b", "$HOME", "\n\"*"},
+                                          kLongMs, exit_code, output, kMuch),
+              0);
+    EXPECT_EQ(output, "a b|$HOME|\n\"*|");
+    EXPECT_EQ(exit_code, 0);
+    EXPECT_EQ(
+        ExecuteCmdUtils::ExecuteCmd("/bin/sh", {"-c", "exit 9"}, kLongMs, exit_code, output, kMuch),
+        0);
+    EXPECT_EQ(exit_code, 9);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/no/such", {}, kLongMs, exit_code, output, kMuch),
+              ExecuteCmdUtils::kStartFailed);
+    EXPECT_EQ(exit_code, -1);
+}
+
+TEST(ExecuteCmd, OutputPastTheLimit_IsReadAndDropped) {
+    std::string output;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("head -c 3000000 /dev/zero | tr '\\0' x && echo end >&2",
+                                          output, 4096),
+              0);
+    EXPECT_EQ(output, std::string(4096, 'x'));
+}
+
+TEST(ExecuteCmd, TimeOut_KillsTheWholeGroup) {
+    const test::TempDir dir;
+    const std::string pid_file = dir.Path("pid");
+    std::string output;
+    EXPECT_EQ(RunScript("echo begun; sleep 600 & echo $! > " + pid_file + "; wait", 500, output),
+              ExecuteCmdUtils::kTimedOut);
+    EXPECT_EQ(output, "begun\n");
+    EXPECT_TRUE(Ends(ReadPid(pid_file)));
+}
+
+TEST(ExecuteCmd, Interruption_EndsThisAndLaterCommandsUntilReset) {
+    const test::TempDir dir;
+    const std::string pid_file = dir.Path("pid");
+    SDK::CommandInterrupter interrupter;
+    const SDK::CommandInterrupter::Scope scope(interrupter);
+    std::thread other([&] {
+        EXPECT_TRUE(test::WaitFor([&] { return ReadPid(pid_file) != 0; }, 10s));
+        interrupter.Interrupt();
+    });
+    std::string output;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("echo $$ > " + pid_file + "; exec sleep 600", output, 9),
+              ExecuteCmdUtils::kInterrupted);
+    other.join();
+    EXPECT_TRUE(Ends(ReadPid(pid_file)));
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/echo a", output, 9), ExecuteCmdUtils::kInterrupted);
+    interrupter.Reset();
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/echo a", output, 9), 0);
+}
+
+TEST(ExecuteCmd, DaemonLeftBehind_DoesNotHoldTheCall) {
+    std::string output;
+    // It even keeps the output pipe open.
+    EXPECT_EQ(RunScript("sleep 600 & echo $!", kLongMs, output), 0);
+    const auto daemon = static_cast<pid_t>(std::strtol(output.c_str(), nullptr, 10));
+    ASSERT_GT(daemon, 0);
+    EXPECT_TRUE(SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(daemon)));
+    EXPECT_EQ(::kill(daemon, SIGKILL), 0);
+}
+
+TEST(ExecuteCmd, Environment_IsBuiltAndNotInherited) {
+    ::setenv("SECRET", "x", 1);
+    SDK::PathUtils::SetInstallationPath("/opt/agent");
+    std::string output;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/usr/bin/env", output, kMuch), 0);
+    EXPECT_EQ(output,
+              "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin\nLC_ALL=C\n"
+              "HOME=/opt/agent/conf/home\n");
+    const test::TempDir dir;
+    const std::string stand_in = dir.Write("sudo", "#!/bin/sh\necho stand-in \"$@\"\n");
+    ASSERT_EQ(::chmod(stand_in.c_str(), 0700), 0);
+    ExecuteCmdUtils::SetSearchPath(dir.Path() + ":/usr/bin:/bin");
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("sudo x", output, kMuch), 0);
+    EXPECT_EQ(output, "stand-in x\n");
+}
+
+TEST(ExecuteCmd, Command_GetsNoDescriptorsSignalsOrGroupOfOurs) {
+    const int leaked = ::open("/dev/null", O_RDONLY);  // deliberately not close-on-exec
+    ASSERT_GE(leaked, 0);
+    ::signal(SIGPIPE, SIG_IGN);
+    sigset_t blocked;
+    sigfillset(&blocked);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    std::string output;
+    // The shell itself may have descriptors open for the script: look at what a program gets.
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/ls -l /proc/self/fd", output, kMuch), 0);
+    EXPECT_NE(output.find("0 -> /dev/null"), std::string::npos);
+    EXPECT_NE(output.find(" 3 -> /proc/"), std::string::npos) << output;  // of ls itself
+    EXPECT_EQ(output.find(" 4 -> "), std::string::npos) << output;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/cat /proc/self/status", output, kMuch), 0);
+    EXPECT_NE(output.find("SigBlk:\t0000000000000000"), std::string::npos) << output;
+    const std::string ignored = output.substr(output.find("SigIgn:\t") + 8, 16);
+    EXPECT_EQ(std::strtoull(ignored.c_str(), nullptr, 16) & (1ULL << (SIGPIPE - 1)), 0U) << output;
+    ::close(leaked);
+}
+
+}  // namespace
