@@ -1,0 +1,6 @@
+<?php
+return [
+    'database' => 'bakery',
+    'user' => 'bakery',
+    'debug' => false,
+];

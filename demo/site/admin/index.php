@@ -1,0 +1,3 @@
+<?php
+require __DIR__ . '/../includes/price.php';
+echo '<h1>Orders of today</h1>';

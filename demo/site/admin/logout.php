@@ -1,0 +1,4 @@
+<?php
+session_start();
+session_destroy();
+header('Location: /');

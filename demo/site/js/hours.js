@@ -1,0 +1,1 @@
+window.bakery = { open: '07:00', close: '17:30', closed: ['Monday'] };

@@ -1,0 +1,5 @@
+document.addEventListener('DOMContentLoaded', () => {
+    for (const link of document.querySelectorAll('main a')) {
+        link.classList.toggle('here', link.href === location.href);
+    }
+});

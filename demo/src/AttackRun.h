@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "AlarmFeed.h"
+#include "Attacks.h"
+#include "TreeState.h"
+
+namespace Demo {
+
+/// What became of one attack.
+struct AttackResult {
+    std::string name;
+    std::string path;
+    bool undone = false;
+    double undone_ms = 0;        ///< from the attack's beginning to the object being as before
+    std::optional<Alarm> alarm;  ///< the first that names the object or something below it
+    std::string failure;         ///< why it counts as failed; empty when all is well
+};
+
+/// Carries attacks out one after the other and watches each being undone and reported. Owns
+/// nothing; one thread. Blocks at most twice the deadline for each attack.
+class AttackRun {
+  public:
+    AttackRun(AlarmFeed& feed, std::chrono::milliseconds deadline)
+        : feed_(feed), deadline_(deadline) {}
+
+    AttackResult Run(const Attack& attack);
+
+    /// Waits until `path` is as `before` again; the last difference, empty when there is none.
+    std::string WaitUntilAs(const TreeState& before, const std::string& path) const;
+
+  private:
+    AlarmFeed& feed_;
+    std::chrono::milliseconds deadline_;
+};
+
+}  // namespace Demo

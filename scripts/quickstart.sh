@@ -1,0 +1,340 @@
+#!/usr/bin/env bash
+# Builds Sentrel and protects a directory with it, or shows it at work against a scripted attack.
+set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
+
+usage() {
+    cat <<'END'
+Usage: scripts/quickstart.sh [OPTION]... [DIR]
+       scripts/quickstart.sh --demo [DIR]
+
+Installs what is missing, builds, starts an agent of its own below build/quickstart, and protects DIR:
+every change below it is undone from a backup copy and reported here, line by line, until Ctrl-C.
+Without DIR it makes a small site to play with.
+
+  --demo              attacks a site in twelve ways, waits until each is undone and prints a table;
+                      with DIR it attacks a copy of DIR. Exit code 0: all were undone and reported
+  --ignore-dir NAME   leaves the directory NAME below DIR alone, such as uploads (may be repeated)
+  --ignore-suffix S   leaves files alone whose names end in S, such as .log (may be repeated)
+  -h, --help          this text
+
+Nothing outside build/ changes, apart from what is restored in DIR and Debian packages that were
+missing. It needs root, and asks sudo for it.
+END
+}
+
+readonly SKIPPED=77  # what ctest takes for "not possible on this machine"
+
+MODE=protect TARGET='' IGNORED_DIRS=() IGNORED_SUFFIXES=()
+STAGE='' WORK=$ROOT/build/quickstart DEADLINE_MS=15000 INSIDE=''
+AGENT_PID='' CHILD_PID=''
+
+# --stage, --work and --deadline-ms are for the tests, --inside for ourselves.
+parse_arguments() {
+    while [[ $# -gt 0 ]]; do
+        case $1 in
+            --demo) MODE=demo ;;
+            --ignore-dir | --ignore-suffix | --stage | --work | --deadline-ms)
+                [[ $# -ge 2 ]] || die "$1 needs a value; see --help"
+                parse_value "$1" "$2"
+                shift
+                ;;
+            --inside) INSIDE=yes ;;
+            -h | --help) usage && exit 0 ;;
+            -*) die "unknown option: $1; see --help" ;;
+            '') die "the directory to protect has an empty name" ;;
+            *)
+                [[ -z $TARGET ]] || die "one directory at a time: $TARGET or $1; see --help"
+                TARGET=$1
+                ;;
+        esac
+        shift
+    done
+}
+
+parse_value() {
+    [[ -n $2 ]] || die "$1 needs a value; see --help"
+    case $1 in
+        --ignore-dir) IGNORED_DIRS+=("$2") ;;
+        --ignore-suffix) IGNORED_SUFFIXES+=("$2") ;;
+        --stage) STAGE=$(realpath -e -- "$2") ;;
+        --work) WORK=$(realpath -m -- "$2") ;;
+        --deadline-ms) DEADLINE_MS=$2 ;;
+    esac
+}
+
+# What an unquoted command line carries as it stands: letters, digits, a few marks, bytes above ASCII.
+readonly CARRYABLE='A-Za-z0-9/._+@%,:=\200-\377-'
+
+is_carryable() {
+    [[ -z $(printf '%s' "$1" | LC_ALL=C tr -d "$CARRYABLE") ]] &&
+        printf '%s' "$1" | iconv -f UTF-8 -t UTF-8 >/dev/null 2>&1
+}
+
+is_below() { [[ $1/ == "${2%/}"/* ]]; }
+
+check_target() {
+    [[ -n $TARGET ]] || return 0
+    [[ -e $TARGET ]] || die "there is no directory $TARGET"
+    [[ -d $TARGET ]] || die "$TARGET is no directory"
+    TARGET=$(realpath -e -- "$TARGET")
+    [[ $TARGET != / ]] || die "/ cannot be protected as a whole; name a directory below it"
+    if is_below "$ROOT" "$TARGET" || is_below "$WORK" "$TARGET"; then
+        die "$TARGET holds this repository and so the agent and its backup copies;" \
+            "name a directory that does not"
+    fi
+    is_below "$TARGET" "$WORK" && die "$TARGET belongs to the quickstart itself"
+    [[ $MODE == protect ]] || return 0
+    case $TARGET in
+        /tmp | /proc | /proc/* | /sys | /sys/* | /dev | /dev/* | /run | /etc)
+            die "$TARGET is in use by the system itself; name a directory of your own"
+            ;;
+    esac
+    is_carryable "$TARGET" ||
+        die "the path ${TARGET@Q} has blanks, shell characters or bytes that are no UTF-8: the" \
+            "agent could not restore anything in it. Rename the directory."
+}
+
+check_place() {
+    is_carryable "$WORK" ||
+        die "this repository lies in $ROOT, and the agent cannot run from a path with blanks or" \
+            "shell characters. Move it to another path."
+    if [[ -e $WORK/lock ]] && ! flock -n "$WORK/lock" true; then
+        die "another quickstart is running (process $(cat "$WORK/lock")); end it with Ctrl-C there" \
+            "or with: kill $(cat "$WORK/lock")"
+    fi
+}
+
+build() {
+    install_dependencies "${BUILD_PACKAGES[@]}"
+    step "Building (the first time takes a few minutes)"
+    build_preset release -DSENTREL_TESTS=OFF
+    STAGE=$ROOT/build/release/stage
+}
+
+# enter_namespace ARGUMENT...: runs this script again as root, in a mount namespace of its own.
+enter_namespace() {
+    local become=()
+    if [[ $EUID -ne 0 ]]; then
+        command -v sudo >/dev/null ||
+            die "the agent watches and restores files as root: run this as root, or install sudo"
+        say "    the agent watches and restores files as root: sudo may ask for your password"
+        become=(sudo --)
+        sudo -v || die "without root there is no protection"
+    fi
+    if ! "${become[@]}" unshare --mount --propagation private -- true 2>/dev/null; then
+        warn "this machine does not let a process have mounts of its own (unshare --mount), so the" \
+            "agent could not run without changing the machine's settings"
+        exit "$SKIPPED"
+    fi
+    exec "${become[@]}" unshare --mount --propagation private -- \
+        "$BASH" "$ROOT/scripts/quickstart.sh" "$@" --stage "$STAGE" --inside
+}
+
+# ---- From here on: inside the namespace, as root.
+
+take_lock() {
+    mkdir -p "$WORK"
+    exec 9>>"$WORK/lock"
+    flock -n 9 || die "another quickstart is running (process $(cat "$WORK/lock"))"
+    : >"$WORK/lock"
+    echo "$$" >&9
+}
+
+# The agent raises the machine's limit of inotify watches for good. Here it may: it writes to files of
+# ours, which only this namespace sees in the places of the machine's own.
+shield_machine() {
+    local limit=/proc/sys/fs/inotify/max_user_watches
+    [[ -f /etc/sysctl.conf ]] ||
+        die "/etc/sysctl.conf is missing, so it cannot be shielded from the agent." \
+            "Debian's package procps brings it; or create it, empty."
+    mkdir -p "$WORK/shield"
+    : >"$WORK/shield/sysctl.conf"
+    cat "$limit" >"$WORK/shield/max_user_watches"
+    mount --bind "$WORK/shield/sysctl.conf" /etc/sysctl.conf
+    mount --bind "$WORK/shield/max_user_watches" "$limit"
+}
+
+# The agent's folder begins anew each time; the backup copies of a real directory stay.
+prepare_agent() {
+    step "Installing the agent in $WORK/agent"
+    rm -rf "$WORK/agent" "$WORK/site" "$WORK/single" "$WORK/scratch"
+    [[ $MODE == protect && -n $TARGET ]] || rm -rf "$WORK/backup"
+    cp -a -- "$STAGE" "$WORK/agent"
+    rm -rf "$WORK/agent"/{data,log,run}
+    mkdir -p "$WORK/backup" "$WORK/scratch"
+}
+
+# Makes $SITE, and $SINGLE_FILE where there is one.
+prepare_site() {
+    SINGLE_FILE=''
+    if [[ $MODE == protect && -n $TARGET ]]; then
+        SITE=$TARGET
+        return
+    fi
+    SITE=$WORK/site
+    if [[ -n $TARGET ]]; then
+        step "Copying $TARGET to $SITE"
+        cp -a -- "$TARGET" "$SITE"
+        IGNORED_DIRS+=(sentrel-demo-uploads)
+        mkdir -p "$SITE/sentrel-demo-uploads"
+    else
+        step "Making a small site in $SITE"
+        make_sample_site
+        IGNORED_DIRS+=(uploads)
+        IGNORED_SUFFIXES+=(.cache)
+    fi
+    mkdir -p "$WORK/single"
+    SINGLE_FILE=$WORK/single/settings.php
+    cp -- "$ROOT/demo/settings.php" "$SINGLE_FILE"
+    chown -R "${SUDO_UID:-0}:${SUDO_GID:-0}" "$SITE" "$WORK/single"
+}
+
+make_sample_site() {
+    local image
+    cp -r -- "$ROOT/demo/site" "$SITE"
+    mkdir -p "$SITE"/{images/team,uploads/2024,cache}
+    for image in hero.jpg logo.png team/anna.jpg team/ben.jpg team/chris.jpg; do
+        head -c $((4096 + RANDOM)) /dev/urandom >"$SITE/images/$image"
+    done
+    head -c 20000 /dev/urandom >"$SITE/uploads/2024/holiday.jpg"
+    echo 'rendered a minute ago' >"$SITE/cache/home.cache"
+}
+
+start_agent() {
+    step "Starting the agent"
+    setpriv --pdeathsig TERM -- "$WORK/agent/bin/morvane_agent" \
+        >"$WORK/agent.out" 2>&1 </dev/null 9>&- &
+    AGENT_PID=$!
+    run_child "$WORK/agent/bin/sentrel_demo" answer --socket "$SOCKET" --deadline-ms 60000 ||
+        die "the agent does not answer; its last words are in $WORK/agent.out"
+}
+
+apply_policy() {
+    local arguments=(--tree "$SITE" --backup "$WORK/backup/" --rsync "$(realpath -e /usr/bin/rsync)")
+    local name paths=1
+    [[ -z $SINGLE_FILE ]] || arguments+=(--file "$SINGLE_FILE") paths=2
+    for name in "${IGNORED_DIRS[@]}"; do arguments+=(--ignore-dir "$name"); done
+    for name in "${IGNORED_SUFFIXES[@]}"; do arguments+=(--ignore-suffix "$name"); done
+    step "Applying the policy: protect $SITE"
+    "$WORK/agent/bin/sentrel_demo" policy "${arguments[@]}" >"$WORK/policy.json"
+    run_child "$WORK/agent/bin/morvanectl" --socket "$SOCKET" policy apply sentrel_feature \
+        "$WORK/policy.json" || die "the agent did not take the policy $WORK/policy.json"
+    step "Making the first backup copy and setting the watches"
+    run_child "$WORK/agent/bin/sentrel_demo" ready --socket "$SOCKET" --paths "$paths" \
+        --deadline-ms "$([[ $MODE == demo ]] && echo "$((20 * DEADLINE_MS))" || echo 0)" ||
+        die "the protection did not become ready; see $WORK/agent/log"
+}
+
+# Tells what will not be as the user expects, before the first surprise.
+warn_of_limits() {
+    local odd directories limit
+    odd=$(find "$SITE" -print0 | tr '\n' ' ' | LC_ALL=C tr -d "$CARRYABLE" | tr '\0' '\n' |
+        grep -ac . || true)
+    [[ $odd -eq 0 ]] ||
+        warn "$odd names below $SITE have blanks or shell characters: changes to them are reported," \
+            "but cannot be undone one by one"
+    directories=$(find "$SITE" -type d | wc -l)
+    limit=$(cat "$REAL_LIMIT")
+    [[ $directories -lt $limit ]] ||
+        warn "$SITE has $directories directories, but this machine allows only $limit watches:" \
+            "raise it with: sysctl fs.inotify.max_user_watches=819200"
+}
+
+# run_child COMMAND...: in the background, so that a signal is heeded at once; also ends, with a
+# failure, when the agent does.
+run_child() {
+    local status=0 ended=''
+    "$@" 9>&- &
+    CHILD_PID=$!
+    wait -n -p ended "$CHILD_PID" "$AGENT_PID" || status=$?
+    if [[ $ended == "$AGENT_PID" ]]; then
+        AGENT_PID=''
+        warn "the agent ended by itself with exit code $status; its log is in $WORK/agent/log"
+        tail -n 20 "$WORK/agent.out" >&2
+        return 1
+    fi
+    CHILD_PID=''
+    return "$status"
+}
+
+# stop_process PID: ends it in order, by force when it takes longer than 20 seconds.
+stop_process() {
+    local tries
+    kill -TERM "$1" 2>/dev/null || true
+    for ((tries = 0; tries < 200; tries++)); do
+        kill -0 "$1" 2>/dev/null || break
+        sleep 0.1
+    done
+    kill -KILL "$1" 2>/dev/null && warn "process $1 did not stop when asked, and was killed"
+    wait "$1"
+}
+
+clean_up() {
+    local status=$? stopped=0
+    trap - EXIT INT TERM HUP
+    [[ -z $CHILD_PID ]] || stop_process "$CHILD_PID" >/dev/null 2>&1 || true
+    if [[ -n $AGENT_PID ]]; then
+        step "Stopping the agent"
+        stop_process "$AGENT_PID" || stopped=$?
+        if [[ $stopped -ne 0 ]]; then
+            warn "the agent ended with exit code $stopped:"
+            tail -n 40 "$WORK/agent.out" >&2
+            [[ $status -ne 0 ]] || status=1
+        fi
+    fi
+    say "    logs: $WORK/agent/log, policy: $WORK/policy.json, backup copies: $WORK/backup"
+    exit "$status"
+}
+
+demo() {
+    local arguments=(--site "$SITE" --file "$SINGLE_FILE" --scratch "$WORK/scratch")
+    local name
+    for name in "${IGNORED_DIRS[@]}"; do arguments+=(--ignore-dir "$name"); done
+    for name in "${IGNORED_SUFFIXES[@]}"; do arguments+=(--ignore-suffix "$name"); done
+    step "Attacking $SITE"
+    run_child "$WORK/agent/bin/sentrel_demo" attack "${arguments[@]}" --socket "$SOCKET" \
+        --deadline-ms "$DEADLINE_MS"
+}
+
+follow() {
+    say
+    say "$SITE is protected. Change something in it, in another terminal:"
+    say "    echo '<h1>defaced</h1>' >> $(find "$SITE" -type f -name 'index.*' -print -quit)"
+    say "What the agent knows:  ${SUDO_UID:+sudo }$WORK/agent/bin/morvanectl status"
+    say "To stop:               Ctrl-C"
+    say
+    run_child "$WORK/agent/bin/morvanectl" --socket "$SOCKET" alarms --follow
+}
+
+run_inside() {
+    readonly SOCKET=$WORK/agent/run/agent.sock
+    readonly REAL_LIMIT=$WORK/real_limit
+    take_lock
+    trap clean_up EXIT
+    trap 'say; exit 130' INT
+    trap 'exit 143' TERM HUP
+    cat /proc/sys/fs/inotify/max_user_watches >"$REAL_LIMIT"
+    shield_machine
+    prepare_agent
+    prepare_site
+    warn_of_limits
+    start_agent
+    apply_policy
+    if [[ $MODE == demo ]]; then demo; else follow; fi
+}
+
+main() {
+    parse_arguments "$@"
+    check_target
+    if [[ -n $INSIDE ]]; then
+        run_inside
+        return
+    fi
+    check_place
+    [[ -n $STAGE ]] || build
+    enter_namespace "$@"
+}
+
+main "$@"
