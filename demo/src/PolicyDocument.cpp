@@ -44,7 +44,9 @@ std::string MakePolicy(const PolicyRequest& request) {
     if (!request.file.empty()) content["dirlist"].append(Rule(request, request.file));
     Json::Value document;
     document["content"] = content;
-    return document.toStyledString();
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "  ";
+    return Json::writeString(writer, document) + "\n";
 }
 
 }  // namespace Demo

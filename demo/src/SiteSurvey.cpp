@@ -20,10 +20,6 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
            text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-std::string ParentOf(const std::string& path) {
-    return path.substr(0, path.rfind('/'));
-}
-
 bool IsBelow(const std::string& path, const std::string& directory) {
     return path.compare(0, directory.size() + 1, directory + "/") == 0;
 }
