@@ -1,0 +1,13 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace SDK {
+
+/// Why a download ended, in words. Thrown and caught within this library.
+class DownloadError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+}  // namespace SDK

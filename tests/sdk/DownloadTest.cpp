@@ -1,0 +1,273 @@
+#include <Poco/Event.h>
+#include <Poco/Net/Context.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/SecureServerSocket.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <thread>
+
+#include "SelfSigned.h"
+#include "Sha256.h"
+#include "sdk/CommandInterrupter.h"
+#include "sdk/FileUtils.h"
+#include "sdk/HttpUtils.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using Poco::Net::HTTPResponse;
+using Poco::Net::HTTPServerRequest;
+using Poco::Net::HTTPServerResponse;
+using Poco::Net::SocketAddress;
+
+const std::string kBody(100000, 'b');
+
+std::string DigestOf(const std::string& text) {
+    SDK::Sha256 digest;
+    digest.Update(text.data(), text.size());
+    return digest.Hex();
+}
+
+using Answer = std::function<void(HTTPServerRequest&, HTTPServerResponse&)>;
+
+class Handlers : public Poco::Net::HTTPRequestHandlerFactory {
+  public:
+    explicit Handlers(const Answer& answer) : answer_(answer) {}
+
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const HTTPServerRequest&) override {
+        return new Handler(answer_);
+    }
+
+  private:
+    class Handler : public Poco::Net::HTTPRequestHandler {
+      public:
+        explicit Handler(const Answer& answer) : answer_(answer) {}
+        void handleRequest(HTTPServerRequest& request, HTTPServerResponse& response) override {
+            answer_(request, response);
+        }
+
+      private:
+        const Answer& answer_;
+    };
+
+    const Answer& answer_;
+};
+
+/// A server on loopback that answers as the test says.
+class Server {
+  public:
+    explicit Server(Answer answer, const Poco::Net::ServerSocket& socket =
+                                       Poco::Net::ServerSocket(SocketAddress("127.0.0.1", 0)))
+        : answer_(std::move(answer)),
+          port_(socket.address().port()),
+          server_(new Handlers(answer_), socket, new Poco::Net::HTTPServerParams) {
+        server_.start();
+    }
+    ~Server() { server_.stopAll(true); }
+
+    std::string Url(const std::string& path, const std::string& scheme = "http") const {
+        return scheme + "://127.0.0.1:" + std::to_string(port_) + path;
+    }
+
+  private:
+    const Answer answer_;
+    const unsigned short port_;
+    Poco::Net::HTTPServer server_;
+};
+
+void Redirect(HTTPServerResponse& response, const std::string& target) {
+    response.setStatus(HTTPResponse::HTTP_FOUND);
+    response.set("Location", target);
+    response.setContentLength(0);
+    response.send();
+}
+
+/// A small site: /file, /chunked, /found (to /file), /loop, /to-file, /short and what is missing.
+void Site(HTTPServerRequest& request, HTTPServerResponse& response) {
+    const std::string& uri = request.getURI();
+    if (uri == "/file" || uri == "http://nowhere.invalid:80/file") {
+        response.sendBuffer(kBody.data(), kBody.size());
+    } else if (uri == "/chunked") {
+        response.setChunkedTransferEncoding(true);
+        response.send() << kBody;
+    } else if (uri == "/found") {
+        Redirect(response, "file");
+    } else if (uri == "/loop") {
+        Redirect(response, "/loop");
+    } else if (uri == "/to-file") {
+        Redirect(response, "file:///etc/hostname");
+    } else if (uri == "/short") {
+        response.setContentLength64(static_cast<Poco::Int64>(kBody.size()) + 1);
+        response.setKeepAlive(false);
+        response.send() << kBody;
+    } else {
+        response.setStatusAndReason(HTTPResponse::HTTP_NOT_FOUND);
+        response.setContentLength(0);
+        response.send();
+    }
+}
+
+class Download : public testing::Test {
+  protected:
+    Download() { SDK::HttpUtils::GetInstance()->SetLimits({}); }
+
+    int Fetch(const std::string& url, const std::string& sha256, const std::string& proxy = "",
+              const std::string& ca_file = "") {
+        return SDK::HttpUtils::GetInstance()->Download(url, target_, sha256, proxy, ca_file);
+    }
+
+    /// The old file is as it was, nothing lies beside it, and the reason names the cause.
+    void ExpectRefused(const std::string& url, const std::string& sha256, const std::string& cause,
+                       const std::string& proxy = "", const std::string& ca_file = "") {
+        EXPECT_EQ(Fetch(url, sha256, proxy, ca_file), -1) << url;
+        const std::string error = SDK::HttpUtils::GetInstance()->LastError();
+        EXPECT_NE(error.find(url), std::string::npos) << error;
+        EXPECT_NE(error.find(cause), std::string::npos) << error;
+        EXPECT_EQ(test::TempDir::Read(target_), "old");
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(site_.Path()), {}), 1);
+    }
+
+    void ExpectFetched(const std::string& url, const std::string& proxy = "",
+                       const std::string& ca_file = "") {
+        site_.Write("tool", "old");
+        EXPECT_EQ(Fetch(url, DigestOf(kBody), proxy, ca_file), 0)
+            << url << ": " << SDK::HttpUtils::GetInstance()->LastError();
+        EXPECT_TRUE(test::TempDir::Read(target_) == kBody);
+        EXPECT_EQ(SDK::HttpUtils::GetInstance()->LastError(), "");
+    }
+
+    test::TempDir site_;
+    test::TempDir other_;
+    const std::string target_ = site_.Write("tool", "old");
+    const std::string digest_ = DigestOf(kBody);
+};
+
+TEST_F(Download, RightDigest_ReplacesTheFile) {
+    const Server server(Site);
+    ExpectFetched(server.Url("/file"));
+    ExpectFetched(server.Url("/chunked"));
+    ExpectFetched(server.Url("/found"));
+    ExpectFetched("http://nowhere.invalid/file", server.Url("/"));
+    ExpectFetched("file://" + other_.Write("source", kBody));
+    EXPECT_EQ(std::filesystem::status(target_).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(Download, WrongAnswers_LeaveTheOldFile) {
+    const Server server(Site);
+    ExpectRefused(server.Url("/file"), DigestOf("else"), "SHA-256 is " + digest_);
+    ExpectRefused(server.Url("/file"), "", "SHA-256 is missing");
+    ExpectRefused(server.Url("/missing"), digest_, "404");
+    ExpectRefused(server.Url("/loop"), digest_, "redirects");
+    ExpectRefused(server.Url("/to-file"), digest_, "refused");
+    ExpectRefused(server.Url("/short"), digest_, "too early");
+    ExpectRefused("ftp://127.0.0.1/file", digest_, "only http");
+    ExpectRefused("http://[", digest_, "cannot download");
+    ExpectRefused("file:///no/such/file", digest_, "No such file");
+    ExpectRefused("file:///dev/zero", digest_, "no regular file");
+    ExpectRefused("http://127.0.0.1:1/file", digest_, "refused");
+}
+
+TEST_F(Download, FileLargerThanAllowed_IsRefused) {
+    const Server server(Site);
+    SDK::HttpUtils::Limits limits;
+    limits.max_bytes = static_cast<std::int64_t>(kBody.size()) - 1;
+    SDK::HttpUtils::GetInstance()->SetLimits(limits);
+    ExpectRefused(server.Url("/file"), digest_, "larger");
+    ExpectRefused(server.Url("/chunked"), digest_, "larger");
+}
+
+TEST_F(Download, Credentials_AreNotTold) {
+    const Server server(Site);
+    const std::string url = server.Url("/missing");
+    EXPECT_EQ(Fetch("http://user:secret@" + url.substr(7), digest_), -1);
+    EXPECT_EQ(SDK::HttpUtils::GetInstance()->LastError().find("secret"), std::string::npos);
+}
+
+TEST_F(Download, StalledServer_EndsAtTheTimeOutOrAnInterruption) {
+    Poco::Event begun;
+    Poco::Event release(Poco::Event::EVENT_MANUALRESET);
+    const Server server([&](HTTPServerRequest& request, HTTPServerResponse& response) {
+        if (request.getURI() == "/part") {
+            response.setContentLength64(static_cast<Poco::Int64>(kBody.size()));
+            (response.send() << "part").flush();
+        }
+        begun.set();
+        release.wait();
+    });
+    SDK::CommandInterrupter interrupter;
+    {
+        const SDK::CommandInterrupter::Scope scope(interrupter);
+        std::thread other([&] {
+            begun.wait();
+            interrupter.Interrupt();
+        });
+        ExpectRefused(server.Url("/part"), digest_, "interrupted");
+        other.join();
+        ExpectRefused(server.Url("/silent"), digest_, "interrupted");
+    }
+    SDK::HttpUtils::Limits limits;
+    limits.stall_timeout_ms = 50;
+    SDK::HttpUtils::GetInstance()->SetLimits(limits);
+    ExpectRefused(server.Url("/part"), digest_, "within 50 ms");
+    ExpectRefused(server.Url("/silent"), digest_, "within 50 ms");
+    release.set();
+}
+
+TEST_F(Download, SilentListener_EndsTheHandshakeAtTheTimeOut) {
+    const Poco::Net::ServerSocket listener(SocketAddress("127.0.0.1", 0));
+    SDK::HttpUtils::Limits limits;
+    limits.connect_timeout_ms = 50;
+    SDK::HttpUtils::GetInstance()->SetLimits(limits);
+    ExpectRefused("https://127.0.0.1:" + std::to_string(listener.address().port()) + "/", digest_,
+                  "no TLS handshake within 50 ms");
+}
+
+class SecureDownload : public Download {
+  protected:
+    /// A server whose certificate is for `name`, and signed by itself.
+    void Serve(const std::string& name, Answer answer = Site) {
+        const std::string key = other_.Path("key.pem");
+        test::WriteSelfSigned(key, certificate_, name);
+        const Poco::Net::Context::Ptr context(
+            new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, key, certificate_, "",
+                                   Poco::Net::Context::VERIFY_NONE));
+        server_ = std::make_unique<Server>(
+            std::move(answer),
+            Poco::Net::SecureServerSocket(SocketAddress("127.0.0.1", 0), 64, context));
+        url_ = server_->Url("/file", "https");
+    }
+
+    const std::string certificate_ = other_.Path("certificate.pem");
+    std::unique_ptr<Server> server_;
+    std::string url_;
+};
+
+TEST_F(SecureDownload, SelfSigned_IsTrustedOnlyWhenGiven) {
+    Serve("IP:127.0.0.1");
+    ExpectRefused(url_, digest_, "verify failed");
+    ExpectFetched(url_, "", certificate_);
+    ExpectFetched(server_->Url("/chunked", "https"), "", certificate_);
+}
+
+TEST_F(SecureDownload, CertificateForAnotherHost_IsRefused) {
+    Serve("DNS:other.example");
+    ExpectRefused(url_, digest_, "ertificate", "", certificate_);
+}
+
+TEST_F(SecureDownload, RedirectToPlainHttp_IsRefused) {
+    const Server plain(Site);
+    Serve("IP:127.0.0.1", [&](HTTPServerRequest&, HTTPServerResponse& response) {
+        Redirect(response, plain.Url("/file"));
+    });
+    ExpectRefused(url_, digest_, "refused", "", certificate_);
+}
+
+}  // namespace
