@@ -53,6 +53,7 @@ class ConfigManager {
 
   private:
     ConfigManager();
+    bool Take(const Json::Value& root, std::string& error);
 
     mutable std::mutex mutex_;  ///< guards agent_id_
     std::string agent_id_;

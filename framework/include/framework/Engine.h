@@ -16,6 +16,7 @@ class FrameworkThread;
 class Message;
 class Module;
 class ModuleLoader;
+class StallWatch;
 class Task;
 class TaskRegistry;
 
@@ -73,6 +74,10 @@ class Engine : public Poco::Util::Application {
     /// Takes a module that is linked in, as tests do, and initialises it.
     bool AddModule(std::unique_ptr<Module> module, std::string& error);
 
+    /// Starts the tasks that were registered deferred; from now on such start at once. For the
+    /// agent, when it has started all its modules.
+    void StartDeferredTasks();
+
     /// Names of the initialised modules, in order.
     std::vector<std::string> ModuleNames() const;
 
@@ -109,6 +114,7 @@ class Engine : public Poco::Util::Application {
     std::unique_ptr<CallbackRegistry> callbacks_;
     std::unique_ptr<FrameworkThread> thread_;
     std::unique_ptr<ModuleLoader> loader_;
+    std::unique_ptr<StallWatch> stall_watch_;
 };
 
 }  // namespace Framework

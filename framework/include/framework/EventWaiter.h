@@ -14,7 +14,8 @@ class EventWaiter {
   public:
     using Handler = std::function<void()>;
 
-    EventWaiter();
+    /// `messages_wait` tells whether the task's queue holds messages; a wait does not wait then.
+    explicit EventWaiter(std::function<bool()> messages_wait = {});
     ~EventWaiter();
     EventWaiter(const EventWaiter&) = delete;
     EventWaiter& operator=(const EventWaiter&) = delete;
@@ -33,6 +34,7 @@ class EventWaiter {
     void Wake();
 
   private:
+    std::function<bool()> messages_wait_;
     SDK::FileDescriptor epoll_;
     SDK::FileDescriptor wake_;
     std::map<int, Handler> handlers_;

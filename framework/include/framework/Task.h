@@ -7,11 +7,14 @@
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace Framework {
 
 class Message;
+class TaskAccess;
+class TaskRegistry;
 class TaskRunner;
 
 /// A unit of work with a thread and a bounded message queue of its own, named by its id.
@@ -47,7 +50,8 @@ class Task : public Poco::Task, public MessageHandler {
     int InterceptMsg(Message* msg, std::string& reply) override;  ///< HandleMsg, then 0
     void HandleMsg(Message* msg) override;                        ///< msg->Deliver(*this)
 
-    /// Hands at most `max_messages` queued messages to HandleMsg and frees them; never waits.
+    /// Hands at most `max_messages` queued messages to HandleMsg and frees them; never waits for
+    /// one. Leaves the rest for the next pass when the task is stopping or a policy waits for it.
     /// Returns how many. Task's thread only.
     std::size_t BulkConsumeMsg(std::size_t max_messages);
 
@@ -57,13 +61,15 @@ class Task : public Poco::Task, public MessageHandler {
     static bool SendAgileMsg(Task* task, Message* msg);
 
     /// Runs the handler of the task `target` on the calling thread, under that task's handler lock.
-    /// 0 when handled, negative otherwise: -1 no such task, -2 the handler failed. `msg` is freed
-    /// in every case. Any thread; never with the target's handler lock held.
+    /// 0 when handled, negative otherwise: -1 no such task (also: one that stops, or whose Init
+    /// has not ended within 5 s), -2 the handler failed, or was this thread's caller already. `msg`
+    /// is freed in every case. Any thread. A handler may send in turn, to tasks further down the
+    /// line only: features to services (file-notify), both to report tasks.
     int SendDirectMsg(const std::string& target, Message* msg);
 
-    /// The same, and gives the handler's reply. Tries to get the target (registered, its handler
-    /// lock free) for `timeout_ms`, and again up to `retries` times; -3 when it could not be had in
-    /// time.
+    /// The same, and gives the handler's reply. Tries to get the target (registered, its Init
+    /// over, its handler lock free) for `timeout_ms`, and again up to `retries` times; -3 when it
+    /// could not be had in time. A sender that is stopping does not wait for a missing target.
     int SyncSendDirectMsg(const std::string& target, Message* msg, std::string& reply,
                           int timeout_ms, int retries);
 
@@ -80,16 +86,22 @@ class Task : public Poco::Task, public MessageHandler {
     std::size_t QueueLength() const;
 
   private:
+    friend class TaskRegistry;
     friend class TaskRunner;
     class Queue;
+
+    std::shared_ptr<TaskRunner> Runner() const;
+    void SetRunner(std::shared_ptr<TaskRunner> runner);
 
     const std::string feature_;
     const TaskCondition::TaskType type_;
     TaskCondition condition_;
     bool condition_in_force_ = false;
     EventWaiter waiter_;
-    std::unique_ptr<Queue> queue_;
-    TaskRunner* runner_ = nullptr;  ///< set while registered; owned by the registry
+    const std::unique_ptr<Queue> queue_;
+    const std::shared_ptr<TaskAccess> access_;
+    mutable std::mutex runner_mutex_;     ///< guards runner_
+    std::shared_ptr<TaskRunner> runner_;  ///< set while registered
 };
 
 }  // namespace Framework

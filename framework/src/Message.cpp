@@ -1,0 +1,7 @@
+#include <framework/Message.h>
+
+namespace Framework {
+
+void Message::Deliver(Task&) {}
+
+}  // namespace Framework

@@ -1,0 +1,102 @@
+// A module's face to the framework. Owns the module's gate; the callbacks and tasks that it
+// registers are the registries'. Runs on the framework thread.
+#include <framework/ConfigManager.h>
+#include <framework/Engine.h>
+#include <framework/Module.h>
+#include <framework/ModuleGate.h>
+
+#include "CallbackRegistry.h"
+#include "Guard.h"
+#include "TaskRegistry.h"
+
+namespace Framework {
+
+namespace {
+
+/// Holds a gate alone while it lives; the module's tasks are brought out of their passes for it.
+class Alone {
+  public:
+    Alone(Module& module, const TaskRegistry& tasks) : gate_(module.Gate()) {
+        const auto for_tasks = [&](void (TaskRunner::*call)()) {
+            tasks.ForTasksOf(module, [call](TaskRunner& runner) { (runner.*call)(); });
+        };
+        gate_.LockAlone(
+            ConfigManager::GetInstance().PolicyGrace(), [&] { for_tasks(&TaskRunner::Nudge); },
+            [&] { for_tasks(&TaskRunner::InterruptForPolicy); });
+        for_tasks(&TaskRunner::EndInterruption);
+    }
+    ~Alone() { gate_.UnlockAlone(); }
+    Alone(const Alone&) = delete;
+    Alone& operator=(const Alone&) = delete;
+
+  private:
+    ModuleGate& gate_;
+};
+
+}  // namespace
+
+Module::Module(const std::string& name) : name_(name), gate_(std::make_unique<ModuleGate>()) {}
+
+Module::~Module() {
+    // Normally nothing is left here. Without an engine there is nothing to take back.
+    RunGuarded([this] {
+        Engine& engine = Engine::Instance();
+        engine.Callbacks().RemoveAll(*this);
+        engine.Tasks().UnregisterAll(this);
+    });
+}
+
+const char* Module::name() const {
+    return name_.c_str();
+}
+
+void Module::initialize(Poco::Util::Application&) {
+    if (!Init()) {
+        SDK_LOG(RootLogger(), PRIO_ERROR, "module %s failed to initialise.", name_);
+    }
+}
+
+void Module::uninitialize() {
+    UnInit();
+}
+
+bool Module::Init() {
+    return true;
+}
+
+void Module::UnInit() {}
+
+int Module::RefreshPolicy(const std::string& callback_id, const std::string& feature,
+                          const std::string& policy_json, Policy*& policy) {
+    Engine& engine = Engine::Instance();
+    const auto callback = engine.Callbacks().FindPolicy(*this, callback_id);
+    if (!callback) return 0;
+    const Alone alone(*this, engine.Tasks());
+    return callback->invoke(feature, policy_json, policy);
+}
+
+bool Module::RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback) {
+    std::unique_ptr<AbstractPolicyCallback> owned(callback);
+    return Engine::Instance().Callbacks().AddPolicy(*this, id, std::move(owned));
+}
+
+bool Module::RegisterTaskletCallback(const std::string& id, AbstractTaskletCallback* callback) {
+    std::unique_ptr<AbstractTaskletCallback> owned(callback);
+    return Engine::Instance().Callbacks().AddTasklet(*this, id, std::move(owned));
+}
+
+void Module::UnRegisterPolicyCallback(const std::string& id) {
+    Engine::Instance().Callbacks().Remove(*this, id);
+}
+
+bool Module::RegisterTask(Task* task, bool deferred) {
+    const Poco::AutoPtr<Task> owned(task);
+    if (owned.isNull()) return false;
+    return Engine::Instance().Tasks().Register(*this, owned, deferred);
+}
+
+void Module::UnRegisterTask(const std::string& task_id) {
+    Engine::Instance().Tasks().Unregister(task_id);
+}
+
+}  // namespace Framework

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <framework/Message.h>
+#include <framework/Task.h>
+
+#include <atomic>
+#include <boost/lockfree/spsc_queue.hpp>
+#include <memory>
+#include <mutex>
+
+namespace Framework {
+
+/// The bounded message queue of a task: any number of senders, one consumer.
+///
+/// The ring is lock-free, so the consumer never waits for a sender. Senders take turns among
+/// themselves by a mutex that is held for one push: the library's queue for several senders reads
+/// and writes the free list of its nodes without synchronisation, which ThreadSanitizer reports.
+/// A full queue refuses; nothing is ever overwritten or dropped.
+class Task::Queue {
+  public:
+    enum class Pushed { kRefused, kTaken, kTakenFirst };
+
+    explicit Queue(std::size_t capacity) : ring_(capacity) {}
+    ~Queue() { Drain(); }
+    Queue(const Queue&) = delete;
+    Queue& operator=(const Queue&) = delete;
+
+    void Open() { SetOpen(true); }
+    /// Refuses from its return on; what waits, waits on.
+    void Close() { SetOpen(false); }
+
+    /// kTakenFirst: the queue was empty, so the consumer may be waiting.
+    Pushed Push(Message* msg) {
+        const std::lock_guard<std::mutex> turn(senders_);
+        if (!open_) return Pushed::kRefused;
+        const bool first = length_.fetch_add(1) == 0;
+        if (ring_.push(msg)) return first ? Pushed::kTakenFirst : Pushed::kTaken;
+        length_.fetch_sub(1);
+        return Pushed::kRefused;
+    }
+
+    /// The oldest message, or null. Consumer only.
+    std::unique_ptr<Message> Pop() {
+        Message* msg = nullptr;
+        if (!ring_.pop(msg)) return nullptr;
+        length_.fetch_sub(1);
+        return std::unique_ptr<Message>(msg);
+    }
+
+    /// Frees what waits. With the consumer gone and the queue closed, or from the consumer.
+    void Drain() {
+        while (Pop()) {
+        }
+    }
+
+    /// Never less than what Pop would give.
+    std::size_t Length() const { return length_.load(); }
+
+  private:
+    void SetOpen(bool open) {
+        const std::lock_guard<std::mutex> turn(senders_);
+        open_ = open;
+    }
+
+    std::mutex senders_;
+    bool open_ = false;
+    boost::lockfree::spsc_queue<Message*> ring_;
+    std::atomic<std::size_t> length_{0};
+};
+
+}  // namespace Framework

@@ -1,0 +1,132 @@
+#include <framework/ModuleGate.h>
+#include <sdk/ExecuteCmdUtils.h>
+
+#include <memory>
+#include <vector>
+
+#include "EngineFixture.h"
+
+namespace test {
+
+using Framework::Policy;
+
+/// A policy callback and the passes of its module's tasks exclude each other.
+class GateTest : public EngineTest {
+  protected:
+    int Apply() { return engine_.ApplyPolicy("feature", "{}").result; }
+};
+
+TEST_F(GateTest, ManyTasksAndPolicies_SettingsNeedNoLock) {
+    // Plain integers: ThreadSanitizer sees a pass that overlaps a callback.
+    int first = 0;
+    int second = 0;
+    std::atomic<int> torn{0};
+    std::vector<std::unique_ptr<ScriptedTask>> tasks;
+    for (int i = 0; i < 4; ++i) {
+        tasks.push_back(std::make_unique<ScriptedTask>("task" + std::to_string(i)));
+        ScriptedTask* const task = tasks.back().get();
+        const auto look = [&, task, i] {
+            if (first != second) ++torn;
+            if (i % 2 == 0) task->Waiter().WaitAndHandleEvent(60'000, 1);
+            return 0;
+        };
+        task->on_run = look;
+        task->on_init = [look] { return look() == 0; };
+    }
+    module_->on_policy = [&](const std::string&, Policy*& policy) {
+        policy->SetHandled(true);
+        ++first;
+        // As modules do: the tasks start afresh with the new settings.
+        for (auto& task : tasks) {
+            Unregister(*task);
+            if (first % 4 == 3) continue;
+            EXPECT_TRUE(Register(*task));
+        }
+        ++second;
+        return first;
+    };
+    for (int i = 1; i <= 40; ++i) EXPECT_EQ(Apply(), i);
+    EXPECT_EQ(torn, 0);
+    for (auto& task : tasks) Unregister(*task);
+}
+
+TEST_F(GateTest, TaskIsInsideALongCommand_PolicyInterruptsItAfterTheGrace) {
+    ScriptedTask task("task");
+    Signal running;
+    Signal again;
+    int interrupted = 0;
+    int after = -1;
+    task.on_run = [&] {
+        std::string output;
+        if (again.IsSet()) return task.Waiter().WaitAndHandleEvent(60'000, 10);
+        if (running.IsSet()) {
+            after = SDK::ExecuteCmdUtils::ExecuteCmd("true", output, 100);
+            again.Set();
+            return 0;
+        }
+        running.Set();
+        interrupted = SDK::ExecuteCmdUtils::ExecuteCmd("sleep 60", output, 100);
+        return 0;
+    };
+    ASSERT_TRUE(Register(task));
+    ASSERT_TRUE(running.Wait());
+    module_->on_policy = [&](const std::string&, Policy*& policy) {
+        policy->SetHandled(true);
+        EXPECT_EQ(after, -1);  // no new pass before the policy
+        return 1;
+    };
+    EXPECT_EQ(Apply(), 1);
+    EXPECT_EQ(interrupted, SDK::ExecuteCmdUtils::kInterrupted);
+    EXPECT_TRUE(again.Wait());
+    Unregister(task);
+    EXPECT_EQ(after, 0);
+    EXPECT_TRUE(LogSays("a policy waits"));
+}
+
+TEST_F(GateTest, TaskHandlesManyMessages_PolicyGoesBetweenThem) {
+    Configure(R"({"policy_grace_ms": 60000})");
+    ScriptedTask task("task");
+    Signal first;
+    std::atomic<int> handled{0};
+    task.on_message = [&](Framework::Message*) {
+        if (++handled > 1) return;
+        first.Set();
+        EXPECT_TRUE(WaitFor([&] { return module_->Gate().IsWanted(); }, kDeadline));
+    };
+    ASSERT_TRUE(Register(task));
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(engine_.PostMessage("task", new CountedMessage));
+    ASSERT_TRUE(first.Wait());
+    module_->on_policy = [&](const std::string&, Policy*&) {
+        EXPECT_EQ(handled, 1);
+        return 1;
+    };
+    Apply();
+    EXPECT_TRUE(WaitFor([&] { return handled == 10; }, kDeadline));
+    Unregister(task);
+}
+
+TEST_F(GateTest, TaskOfAnotherModule_IsNotDisturbed) {
+    auto other = std::make_unique<ScriptedModule>("other");
+    ScriptedModule* const other_module = other.get();
+    std::string error;
+    ASSERT_TRUE(engine_.AddModule(std::move(other), error)) << error;
+    ScriptedTask task("task");
+    Signal running;
+    Signal release;
+    task.on_run = [&] {
+        running.Set();
+        return release.Wait() ? 0 : 1;
+    };
+    ASSERT_TRUE(Register(task));
+    ASSERT_TRUE(running.Wait());
+    other_module->on_policy = [](const std::string&, Policy*& policy) {
+        policy->SetHandled(true);
+        return 7;
+    };
+    engine_.RunOnFrameworkThread([&] { module_->UnRegisterPolicyCallback("10001"); });
+    EXPECT_EQ(Apply(), 7);
+    release.Set();
+    Unregister(task);
+}
+
+}  // namespace test

@@ -1,0 +1,3 @@
+extern "C" int AnotherFunction() {
+    return 0;
+}
