@@ -1,0 +1,11 @@
+#include "common/ControlProtocol.h"
+
+#include <sdk/PathUtils.h>
+
+namespace Agent {
+
+std::string DefaultSocketPath() {
+    return SDK::PathUtils::GetInstallationPath() + "run/agent.sock";
+}
+
+}  // namespace Agent

@@ -1,0 +1,178 @@
+// Owns the translation between HTTP and the routes, and the limits on what a client may send.
+// Must not know the operations (Routes) nor keep anything between connections.
+// Runs on one thread of the control server's pool per connection.
+#include "control/ControlConnection.h"
+
+#include <Poco/Net/HTTPServerSession.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/URI.h>
+#include <fcntl.h>
+#include <sdk/JsonUtils.h>
+#include <sdk/Log.h>
+#include <sdk/LoggerUtils.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <optional>
+
+#include "common/ControlProtocol.h"
+
+namespace Agent {
+
+using Poco::Net::HTTPResponse;
+using Poco::Net::HTTPServerRequestImpl;
+using Poco::Net::HTTPServerResponseImpl;
+
+namespace {
+
+constexpr std::size_t kReadBytes = 64 * 1024;
+/// How much of an oversized body is read away, so that a simple client that sends all before it
+/// reads gets its answer.
+constexpr std::size_t kMaxDrainBytes = 64 * 1024 * 1024;
+
+void Send(HTTPServerResponseImpl& response, const Reply& reply) {
+    const std::string text = SDK::JsonUtils::JsonToString(reply.body) + "\n";
+    response.setVersion(Poco::Net::HTTPMessage::HTTP_1_1);
+    response.setStatusAndReason(static_cast<HTTPResponse::HTTPStatus>(reply.status));
+    response.setContentType("application/json");
+    response.setKeepAlive(false);
+    if (!reply.allow.empty()) response.set("Allow", reply.allow);
+    response.sendBuffer(text.data(), text.size());
+}
+
+Reply TooLarge() {
+    return ErrorReply(413, "The document is larger than the " +
+                               std::to_string(kMaxBodyBytes / (1024 * 1024)) +
+                               " MiB that the agent takes.");
+}
+
+/// Reads and forgets the rest of the body, up to a limit.
+void Drain(std::istream& stream) {
+    std::array<char, kReadBytes> buffer;
+    std::size_t drained = 0;
+    while (drained < kMaxDrainBytes && stream.read(buffer.data(), buffer.size())) {
+        drained += buffer.size();
+    }
+}
+
+/// Reads the body; a reply when it is refused.
+std::optional<Reply> ReadBody(HTTPServerRequestImpl& request, HTTPServerResponseImpl& response,
+                              std::string& body) {
+    const bool has_length = request.hasContentLength();
+    if (!has_length && !request.getChunkedTransferEncoding()) {
+        return ErrorReply(411, "The request needs a Content-Length.");
+    }
+    const Poco::Int64 length = has_length ? request.getContentLength64() : 0;
+    if (length < 0) return ErrorReply(400, "The Content-Length is not a size.");
+    if (length > static_cast<Poco::Int64>(kMaxBodyBytes)) {
+        if (!request.getExpectContinue()) Drain(request.stream());
+        return TooLarge();
+    }
+    if (request.getExpectContinue()) response.sendContinue();
+    std::istream& stream = request.stream();
+    std::array<char, kReadBytes> buffer;
+    while (stream.read(buffer.data(), buffer.size()) || stream.gcount() > 0) {
+        body.append(buffer.data(), static_cast<std::size_t>(stream.gcount()));
+        if (body.size() > kMaxBodyBytes) {
+            Drain(stream);
+            return TooLarge();
+        }
+    }
+    if (has_length && static_cast<Poco::Int64>(body.size()) != length) {
+        return ErrorReply(400, "The request ended before its Content-Length.");
+    }
+    return std::nullopt;
+}
+
+/// False when the address is no URL.
+bool TakeAddress(const std::string& address, ControlRequest& request) {
+    try {
+        const Poco::URI uri(address);
+        uri.getPathSegments(request.path);
+        request.parameters = uri.getQueryParameters();
+        return true;
+    } catch (const Poco::Exception&) {
+        return false;
+    }
+}
+
+}  // namespace
+
+bool IsAdmittedPeer(const Poco::Net::StreamSocket& socket) {
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (::getsockopt(socket.impl()->sockfd(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        return false;
+    }
+    return peer.uid == 0 || peer.uid == ::geteuid();
+}
+
+ControlConnection::ControlConnection(const Poco::Net::StreamSocket& stream,
+                                     Poco::Net::HTTPServerParams::Ptr params, Routes& routes,
+                                     ConnectionRegistry& registry, const Admission& admission)
+    : TCPServerConnection(stream),
+      params_(std::move(params)),
+      routes_(routes),
+      registry_(registry),
+      admission_(admission) {}
+
+void ControlConnection::run() {
+    ConnectionRegistry::Place place(registry_, socket().impl()->sockfd());
+    try {
+        ::fcntl(socket().impl()->sockfd(), F_SETFD, FD_CLOEXEC);
+        Serve(place);
+    } catch (const Poco::Exception& e) {
+        SDK_LOG(SDK::LoggerUtils::GetInstance()->GetRootLogger(), PRIO_DEBUG,
+                "control connection ended early: %s", e.displayText());
+    } catch (const std::exception& e) {
+        SDK_LOG(SDK::LoggerUtils::GetInstance()->GetRootLogger(), PRIO_ERROR,
+                "control connection: %s", std::string(e.what()));
+    }
+}
+
+void ControlConnection::Serve(ConnectionRegistry::Place& place) {
+    Poco::Net::HTTPServerSession session(socket(), params_);
+    HTTPServerResponseImpl response(session);
+    std::optional<HTTPServerRequestImpl> request;
+    if (!admission_(socket())) {
+        Send(response,
+             ErrorReply(403, "Only root and the agent's own user may talk to the agent."));
+        return;
+    }
+    try {
+        request.emplace(response, session, params_.get());
+    } catch (const Poco::Net::NoMessageException&) {
+        return;  // the client closed without a word
+    } catch (const Poco::Net::MessageException&) {
+        Send(response, ErrorReply(400, "This is not a request that HTTP knows."));
+        return;
+    }
+    Send(response, Answer(*request, response, place));
+}
+
+Reply ControlConnection::Answer(HTTPServerRequestImpl& request, HTTPServerResponseImpl& response,
+                                ConnectionRegistry::Place& place) {
+    try {
+        ControlRequest wanted;
+        wanted.method = request.getMethod();
+        if (!TakeAddress(request.getURI(), wanted)) {
+            return ErrorReply(400, "The address is not a URL.");
+        }
+        if (wanted.method == "PUT" || wanted.method == "POST") {
+            if (auto refused = ReadBody(request, response, wanted.body)) return *refused;
+        }
+        place.RequestRead();
+        return routes_.Handle(wanted);
+    } catch (const Poco::SyntaxException&) {
+        return ErrorReply(400, "A number in the request's header is none.");
+    } catch (const Poco::Net::NetException&) {
+        throw;
+    } catch (const Poco::TimeoutException&) {
+        return ErrorReply(408, "The request did not arrive in time.");
+    } catch (const std::exception& e) {
+        return ErrorReply(500, std::string("The agent failed to answer: ") + e.what());
+    }
+}
+
+}  // namespace Agent

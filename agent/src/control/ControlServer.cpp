@@ -1,0 +1,129 @@
+// Owns the listening socket, its threads and the connections' registry.
+// Must not read requests (ControlConnection) nor answer them (Routes).
+// Poco's accept thread and the pool's threads run below it.
+#include "control/ControlServer.h"
+
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/TCPServerConnectionFactory.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace Agent {
+
+namespace {
+
+using Poco::Net::StreamSocket;
+
+constexpr int kMinThreads = 2;
+constexpr int kMaxQueued = 64;
+constexpr int kThreadIdleSeconds = 10;
+constexpr int kSocketTimeoutSeconds = 10;
+constexpr auto kMaxRequestTime = std::chrono::seconds(15);
+constexpr int kStopGraceMs = 2000;
+
+class ConnectionFactory : public Poco::Net::TCPServerConnectionFactory {
+  public:
+    ConnectionFactory(Poco::Net::HTTPServerParams::Ptr params, Routes& routes,
+                      ConnectionRegistry& registry, const ControlConnection::Admission& admission)
+        : params_(std::move(params)), routes_(routes), registry_(registry), admission_(admission) {}
+
+    Poco::Net::TCPServerConnection* createConnection(const StreamSocket& socket) override {
+        return new ControlConnection(socket, params_, routes_, registry_, admission_);
+    }
+
+  private:
+    Poco::Net::HTTPServerParams::Ptr params_;
+    Routes& routes_;
+    ConnectionRegistry& registry_;
+    const ControlConnection::Admission& admission_;
+};
+
+/// Admits everyone, but makes room first: runs on the accept thread for each newcomer.
+class SlowClientCutter : public Poco::Net::TCPServerConnectionFilter {
+  public:
+    explicit SlowClientCutter(ConnectionRegistry& registry) : registry_(registry) {}
+    bool accept(const StreamSocket&) override {
+        registry_.CutSlow(kMaxRequestTime);
+        return true;
+    }
+
+  private:
+    ConnectionRegistry& registry_;
+};
+
+Poco::Net::HTTPServerParams::Ptr MakeParams() {
+    Poco::Net::HTTPServerParams::Ptr params = new Poco::Net::HTTPServerParams;
+    params->setTimeout(Poco::Timespan(kSocketTimeoutSeconds, 0));
+    params->setMaxThreads(ControlServer::kMaxThreads);
+    params->setMaxQueued(kMaxQueued);
+    params->setThreadIdleTime(Poco::Timespan(kThreadIdleSeconds, 0));
+    params->setKeepAlive(false);
+    return params;
+}
+
+}  // namespace
+
+ControlServer::ControlServer(Routes& routes, ControlConnection::Admission admission)
+    : routes_(routes),
+      admission_(std::move(admission)),
+      pool_("control", kMinThreads, kMaxThreads, kThreadIdleSeconds) {}
+
+ControlServer::~ControlServer() {
+    Stop();
+}
+
+bool ControlServer::Start(const std::string& socket_path, std::string& error) {
+    if (socket_path.size() >= sizeof(sockaddr_un::sun_path)) {
+        error =
+            "the path of the control socket is longer than a Unix socket's may be: " + socket_path;
+        return false;
+    }
+    try {
+        Listen(socket_path);
+        return true;
+    } catch (const Poco::Exception& e) {
+        error = "cannot listen on " + socket_path + ": " + e.displayText();
+    } catch (const std::exception& e) {
+        error = "cannot listen on " + socket_path + ": " + e.what();
+    }
+    server_.reset();
+    return false;
+}
+
+/// The process's umask and the 0700 directory keep others out between bind and chmod.
+void ControlServer::Listen(const std::string& socket_path) {
+    if (::unlink(socket_path.c_str()) != 0 && errno != ENOENT) {
+        throw Poco::FileException(std::strerror(errno));
+    }
+    Poco::Net::ServerSocket socket;
+    socket.bind(Poco::Net::SocketAddress(Poco::Net::SocketAddress::UNIX_LOCAL, socket_path));
+    socket_path_ = socket_path;
+    ::fcntl(socket.impl()->sockfd(), F_SETFD, FD_CLOEXEC);
+    if (::chmod(socket_path.c_str(), 0600) != 0) throw Poco::FileException(std::strerror(errno));
+    socket.listen();
+
+    const Poco::Net::HTTPServerParams::Ptr params = MakeParams();
+    server_ = std::make_unique<Poco::Net::TCPServer>(
+        new ConnectionFactory(params, routes_, registry_, admission_), pool_, socket, params);
+    server_->setConnectionFilter(new SlowClientCutter(registry_));
+    server_->start();
+}
+
+void ControlServer::Stop() {
+    if (!server_) return;
+    server_->stop();
+    ::unlink(socket_path_.c_str());
+    registry_.WaitUntilEmpty(std::chrono::milliseconds(kStopGraceMs));
+    registry_.CutAll();
+    server_.reset();
+    pool_.joinAll();
+}
+
+}  // namespace Agent

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <framework/Engine.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "control/Reply.h"
+#include "control/ReportReader.h"
+#include "control/Slots.h"
+#include "policy/PolicyService.h"
+
+namespace Agent {
+
+/// A request of the control API, after it was HTTP.
+struct ControlRequest {
+    std::string method;
+    std::vector<std::string> path;  ///< decoded segments
+    QueryParameters parameters;
+    std::string body;
+};
+
+/// Finds and runs the operation that a request asks for. Any thread; blocks as long as the
+/// operation does. Every request gets a reply, errors a sentence.
+class Routes {
+  public:
+    using Tasklet =
+        std::function<Framework::TaskletOutcome(const std::string& id, const std::string& request)>;
+    using Status = std::function<Json::Value()>;
+
+    /// Borrows `policies` and `reports`. At most `max_slow` requests that the framework thread
+    /// works on run or wait at a time; others get a 503.
+    Routes(PolicyService& policies, ReportReader& reports, Tasklet tasklet, Status status,
+           int max_slow);
+
+    Reply Handle(const ControlRequest& request);
+
+  private:
+    Reply HandlePolicies(const ControlRequest& request);
+    Reply HandlePolicy(const ControlRequest& request, const std::string& feature);
+    Reply ApplyPolicy(const std::string& feature, const std::string& text);
+    Reply RunTasklet(const std::string& id, const std::string& text);
+
+    PolicyService& policies_;
+    ReportReader& reports_;
+    const Tasklet tasklet_;
+    const Status status_;
+    Slots slow_;
+};
+
+}  // namespace Agent

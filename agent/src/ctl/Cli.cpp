@@ -1,0 +1,139 @@
+#include "ctl/Cli.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <iostream>
+#include <string>
+
+#include "common/ControlProtocol.h"
+#include "ctl/Commands.h"
+#include "ctl/ExitCodes.h"
+
+namespace Ctl {
+
+namespace {
+
+/// Where the parsed arguments lie, and what is to be run.
+struct Arguments {
+    std::string socket_path = Agent::DefaultSocketPath();
+    std::string feature;
+    std::string file;
+    std::string tasklet;
+    bool json = false;
+    ReportQuery query;
+    std::function<int(const ControlClient&)> command;
+};
+
+void AddPolicyFile(CLI::App* command, Arguments& args) {
+    command->add_option("FEATURE", args.feature, "Name of the feature")->required();
+    command->add_option("FILE", args.file, "The policy document, or - for standard input")
+        ->required();
+}
+
+void DefinePolicy(CLI::App& app, Arguments& args) {
+    CLI::App* policy = app.add_subcommand("policy", "Put policies into force and look at them");
+    policy->require_subcommand(1)->fallthrough();
+
+    CLI::App* apply = policy->add_subcommand("apply", "Check a policy and put it into force");
+    AddPolicyFile(apply, args);
+    apply->footer("Exit codes: 0 on, 3 accepted and off, 4 rejected, 5 no agent.");
+    apply->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return ApplyPolicy(client, args.feature, args.file);
+        };
+    });
+    CLI::App* check = policy->add_subcommand("check", "Check a policy and change nothing");
+    AddPolicyFile(check, args);
+    check->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return CheckPolicy(client, args.feature, args.file);
+        };
+    });
+    CLI::App* show = policy->add_subcommand("show", "Print the policy that is in force");
+    show->add_option("FEATURE", args.feature, "Name of the feature")->required();
+    show->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return ShowPolicy(client, args.feature);
+        };
+    });
+    CLI::App* list = policy->add_subcommand("list", "List the policies and their states");
+    list->callback([&args] { args.command = ListPolicies; });
+    for (CLI::App* command : {apply, check, show, list}) command->fallthrough();
+}
+
+void DefineStatus(CLI::App& app, Arguments& args) {
+    CLI::App* status = app.add_subcommand("status", "Show how the agent is");
+    status->add_flag("--json", args.json, "The status as one JSON object");
+    status->fallthrough()->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return ShowStatus(client, args.json);
+        };
+    });
+    CLI::App* tasklet = app.add_subcommand("tasklet", "Run a tasklet with a request from stdin");
+    tasklet->add_option("ID", args.tasklet, "Id of the tasklet")->required();
+    tasklet->fallthrough()->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return RunTasklet(client, args.tasklet);
+        };
+    });
+}
+
+void DefineReports(CLI::App& app, Arguments& args) {
+    CLI::App* alarms = app.add_subcommand("alarms", "Show the alarms");
+    alarms->add_flag("--follow", args.query.follow, "Go on with new ones as they come");
+    alarms->add_flag("--diff", args.query.diff, "Show what was changed below each alarm");
+    CLI::App* reports = app.add_subcommand("reports", "Show all reports");
+    reports->add_option("--kind", args.query.kind, "Only reports of that channel")
+        ->check(CLI::IsMember({"cmd", "data"}));
+    for (CLI::App* command : {alarms, reports}) {
+        command->add_flag("--json", args.query.json, "One JSON object a line");
+        command
+            ->add_option("--since", args.query.since,
+                         "Those of the last SECONDS, or since that time of the epoch")
+            ->check(CLI::NonNegativeNumber)
+            ->type_name("SECONDS");
+        command->add_option("--limit", args.query.limit, "At most the newest NUMBER (default 100)")
+            ->check(CLI::Range(1, Agent::kMaxReportsPerRequest))
+            ->type_name("NUMBER");
+        command->fallthrough()->callback([&args, command, alarm = command == alarms] {
+            if (alarm) args.query.kind = "alarm";
+            args.query.has_since = command->count("--since") > 0;
+            args.command = [&args](const ControlClient& client) {
+                return ShowReports(client, args.query);
+            };
+        });
+    }
+}
+
+int Run(int argc, const char* const* argv) {
+    Arguments args;
+    CLI::App app("Controls the host agent.", "morvanectl");
+    app.add_option("--socket", args.socket_path,
+                   "Control socket of the agent; default: the one of this installation")
+        ->type_name("PATH");
+    app.set_version_flag("--version", std::string("morvanectl ") + SENTREL_VERSION);
+    app.require_subcommand(1);
+    DefinePolicy(app, args);
+    DefineStatus(app, args);
+    DefineReports(app, args);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    }
+    return args.command(ControlClient(args.socket_path));
+}
+
+}  // namespace
+
+int Main(int argc, const char* const* argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        std::cerr << "morvanectl: " << e.what() << std::endl;
+        return kExitFailed;
+    }
+}
+
+}  // namespace Ctl

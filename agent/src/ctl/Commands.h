@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+#include "ctl/ControlClient.h"
+
+namespace Ctl {
+
+/// What "alarms" and "reports" are asked for.
+struct ReportQuery {
+    std::string kind;     ///< "", "cmd", "data" or "alarm"
+    long long since = 0;  ///< seconds back, or a time of the epoch when it is that large; 0: unset
+    bool has_since = false;
+    int limit = 0;  ///< 0: the agent's default
+    bool json = false;
+    bool follow = false;
+    bool diff = false;
+};
+
+/// The commands of morvanectl. Each prints its result to standard output and what went wrong to
+/// standard error, and returns the exit code. `file` is a path, or "-" for standard input.
+int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file);
+int CheckPolicy(const ControlClient& client, const std::string& feature, const std::string& file);
+int ShowPolicy(const ControlClient& client, const std::string& feature);
+int ListPolicies(const ControlClient& client);
+int RunTasklet(const ControlClient& client, const std::string& id);
+int ShowStatus(const ControlClient& client, bool json);
+int ShowReports(const ControlClient& client, const ReportQuery& query);
+
+/// Prints what kept the agent from answering; the exit code for it.
+int Complain(const Answer& answer);
+
+}  // namespace Ctl

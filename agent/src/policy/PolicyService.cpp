@@ -1,0 +1,246 @@
+// Owns what is known about each feature's policy, and the order check, apply, keep.
+// Must not know what a policy means: the module that owns the feature checks it, the framework
+// applies it. Runs on the control API's threads and, at the start, on the main thread.
+#include "policy/PolicyService.h"
+
+#include <sdk/Log.h>
+#include <sdk/LoggerUtils.h>
+#include <sdk/TimeUtils.h>
+
+#include <algorithm>
+
+namespace Agent {
+
+namespace {
+
+Poco::Logger* Log() {
+    return SDK::LoggerUtils::GetInstance()->GetRootLogger();
+}
+
+Json::Value Message(const std::string& text) {
+    Json::Value message;
+    message["pointer"] = "";
+    message["message"] = text;
+    return message;
+}
+
+PolicyVerdict Rejected(const std::string& reason) {
+    PolicyVerdict verdict;
+    verdict.errors.append(Message(reason));
+    return verdict;
+}
+
+std::string FirstError(const PolicyVerdict& verdict) {
+    if (verdict.errors.empty()) return "";
+    const Json::Value& first = verdict.errors[0];
+    const std::string pointer = first["pointer"].asString();
+    return (pointer.empty() ? "" : pointer + ": ") + first["message"].asString();
+}
+
+std::string Joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+    return text.empty() ? "none" : text;
+}
+
+/// The module's list, or what can be used of it: objects with two strings.
+void TakeMessages(const Json::Value& from, Json::Value& to) {
+    if (!from.isArray()) return;
+    for (const Json::Value& item : from) {
+        if (!item.isObject() || !item["message"].isString()) continue;
+        Json::Value message = Message(item["message"].asString());
+        if (item["pointer"].isString()) message["pointer"] = item["pointer"];
+        to.append(message);
+    }
+}
+
+}  // namespace
+
+const char* ToText(PolicyState state) {
+    switch (state) {
+        case PolicyState::kOn:
+            return "on";
+        case PolicyState::kOff:
+            return "off";
+        case PolicyState::kRejected:
+            break;
+    }
+    return "rejected";
+}
+
+PolicyService::PolicyService(PolicyHost& host, const PolicyStore& store)
+    : host_(host), store_(store) {}
+
+PolicyVerdict PolicyService::Check(const std::string& feature, const std::string& text) {
+    if (!IsFeatureName(feature)) return Rejected("This is not a name that a feature can have.");
+    if (!IsKnown(feature)) {
+        return Rejected("No module handles the feature " + feature +
+                        "; known: " + Joined(host_.Features()) + ".");
+    }
+    Json::Value answer;
+    if (!host_.Check(feature, text, answer)) {
+        return Rejected("The module failed to check the policy; the agent's log says why.");
+    }
+    PolicyVerdict verdict;
+    TakeMessages(answer["errors"], verdict.errors);
+    TakeMessages(answer["warnings"], verdict.warnings);
+    if (verdict.errors.empty()) verdict.state = PolicyState::kOn;
+    return verdict;
+}
+
+PolicyVerdict PolicyService::Apply(const std::string& feature, const std::string& text) {
+    std::lock_guard<std::mutex> one_at_a_time(apply_mutex_);
+    PolicyVerdict verdict = Check(feature, text);
+    if (verdict.errors.empty()) verdict = ApplyChecked(feature, text, std::move(verdict));
+    if (verdict.state == PolicyState::kRejected) RememberRejected(feature, verdict);
+    SDK_LOG(Log(), PRIO_NOTICE, "policy of %s: %s%s", feature, std::string(ToText(verdict.state)),
+            verdict.errors.empty() ? std::string() : ", " + FirstError(verdict));
+    return verdict;
+}
+
+PolicyVerdict PolicyService::ApplyChecked(const std::string& feature, const std::string& text,
+                                          PolicyVerdict verdict) {
+    const Attempt attempt = Try(feature, text);
+    verdict.state = attempt.state;
+    if (attempt.state == PolicyState::kRejected) {
+        verdict.errors.append(Message(attempt.reason + " " + RestoreLastGood(feature)));
+        return verdict;
+    }
+    RememberAccepted(feature, attempt.state);
+    std::string error;
+    if (!store_.Save(feature, text, error)) {
+        verdict.warnings.append(
+            Message("The policy is in force but could not be kept for the next "
+                    "start of the agent: " +
+                    error + "."));
+    }
+    return verdict;
+}
+
+/// A task that is on its way out may report an exception of its own while the policy is applied.
+/// When a policy that left its feature off seems to have caused one, it is applied once more: now
+/// that no task of the feature runs, only the policy itself can cause it.
+PolicyService::Attempt PolicyService::Try(const std::string& feature, const std::string& text) {
+    const Attempt first = TryOnce(feature, text);
+    return first.state == PolicyState::kRejected ? TryOnce(feature, text) : first;
+}
+
+PolicyService::Attempt PolicyService::TryOnce(const std::string& feature, const std::string& text) {
+    const std::int64_t before = host_.LastReport();
+    const Framework::PolicyOutcome outcome = host_.Apply(feature, text);
+    if (!outcome.exception.empty()) {
+        return {PolicyState::kRejected,
+                "Applying the policy ended with an exception: " + outcome.exception + "."};
+    }
+    if (!outcome.handled) {
+        return {PolicyState::kRejected, "No module took the policy."};
+    }
+    if (outcome.result != 0) return {PolicyState::kOn, ""};
+    const std::string reported = host_.ExceptionSince(before, feature);
+    if (reported.empty()) return {PolicyState::kOff, ""};
+    return {PolicyState::kRejected, "The module reported: " + reported};
+}
+
+std::string PolicyService::RestoreLastGood(const std::string& feature) {
+    std::string text;
+    if (!store_.Load(feature, text)) return "The feature is off, as there is no earlier policy.";
+    const Attempt attempt = TryOnce(feature, text);
+    if (attempt.state == PolicyState::kRejected) {
+        SDK_LOG(Log(), PRIO_ERROR, "the last good policy of %s was not taken again: %s", feature,
+                attempt.reason);
+        return "The last good policy could not be put into force again: " + attempt.reason;
+    }
+    RememberAccepted(feature, attempt.state);
+    return "The last good policy is in force again.";
+}
+
+void PolicyService::ReapplyStored() {
+    std::lock_guard<std::mutex> one_at_a_time(apply_mutex_);
+    for (const std::string& feature : store_.Features()) {
+        const PolicyVerdict verdict = Reapply(feature);
+        if (verdict.state == PolicyState::kRejected) {
+            SDK_LOG(Log(), PRIO_ERROR, "the kept policy of %s was not applied: %s", feature,
+                    FirstError(verdict));
+            RememberFailed(feature);
+            RememberRejected(feature, verdict);
+        } else {
+            SDK_LOG(Log(), PRIO_NOTICE, "the kept policy of %s is applied: %s", feature,
+                    std::string(ToText(verdict.state)));
+            RememberAccepted(feature, verdict.state);
+        }
+    }
+}
+
+/// Without the check: the policy was good once, and what a check finds now (a protected directory
+/// that is missing, say) must not leave the rest of it off.
+PolicyVerdict PolicyService::Reapply(const std::string& feature) {
+    std::string text;
+    if (!store_.Load(feature, text)) return Rejected("The kept policy cannot be read.");
+    if (!IsKnown(feature)) return Rejected("No loaded module handles the feature.");
+    const Attempt attempt = Try(feature, text);
+    PolicyVerdict verdict;
+    verdict.state = attempt.state;
+    if (attempt.state == PolicyState::kRejected) verdict.errors.append(Message(attempt.reason));
+    return verdict;
+}
+
+bool PolicyService::IsKnown(const std::string& feature) const {
+    const std::vector<std::string> known = host_.Features();
+    return std::find(known.begin(), known.end(), feature) != known.end();
+}
+
+void PolicyService::RememberAccepted(const std::string& feature, PolicyState state) {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    Entry& entry = entries_[feature];
+    entry.state = ToText(state);
+    entry.applied_at = SDK::TimeUtils::GetCurrentTimestampS();
+}
+
+void PolicyService::RememberFailed(const std::string& feature) {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    entries_[feature].state = "failed";
+}
+
+void PolicyService::RememberRejected(const std::string& feature, const PolicyVerdict& verdict) {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    // Only of features that have a policy, so that no one can fill the memory with names.
+    const auto found = entries_.find(feature);
+    if (found == entries_.end()) return;
+    Entry& entry = found->second;
+    entry.rejected_at = SDK::TimeUtils::GetCurrentTimestampS();
+    entry.rejection = FirstError(verdict);
+}
+
+Json::Value PolicyService::Describe(const std::string& feature, const Entry& entry) {
+    Json::Value policy;
+    policy["feature"] = feature;
+    policy["state"] = entry.state;
+    policy["applied_at"] = static_cast<Json::Int64>(entry.applied_at);
+    if (entry.rejected_at != 0) {
+        policy["last_rejection"]["at"] = static_cast<Json::Int64>(entry.rejected_at);
+        policy["last_rejection"]["message"] = entry.rejection;
+    }
+    return policy;
+}
+
+Json::Value PolicyService::List() const {
+    Json::Value list(Json::arrayValue);
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    for (const auto& [feature, entry] : entries_) list.append(Describe(feature, entry));
+    return list;
+}
+
+Json::Value PolicyService::Show(const std::string& feature) const {
+    Json::Value policy;
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        const auto found = entries_.find(feature);
+        if (found == entries_.end()) return Json::nullValue;
+        policy = Describe(feature, found->second);
+    }
+    std::string text;
+    if (store_.Load(feature, text)) policy["text"] = text;
+    return policy;
+}
+
+}  // namespace Agent

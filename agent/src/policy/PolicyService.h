@@ -1,0 +1,84 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "policy/PolicyHost.h"
+#include "policy/PolicyStore.h"
+
+namespace Agent {
+
+enum class PolicyState { kOn, kOff, kRejected };
+
+const char* ToText(PolicyState state);
+
+/// What became of a policy, or what a check says about one. Both lists are arrays of
+/// {"pointer","message"}.
+struct PolicyVerdict {
+    PolicyState state = PolicyState::kRejected;
+    Json::Value errors{Json::arrayValue};
+    Json::Value warnings{Json::arrayValue};
+};
+
+/// Takes policies in: checks, applies and keeps them. A policy that is refused changes nothing,
+/// the last good one stays in force.
+///
+/// Any thread but the framework's. Apply and ReapplyStored run one at a time and block for as long
+/// as the framework takes; the others never wait for them.
+class PolicyService {
+  public:
+    /// Borrows both.
+    PolicyService(PolicyHost& host, const PolicyStore& store);
+
+    PolicyVerdict Check(const std::string& feature, const std::string& text);
+    PolicyVerdict Apply(const std::string& feature, const std::string& text);
+
+    /// Applies the kept policies again, as at the start of the agent. One that is refused is
+    /// logged and stays kept; the others go on.
+    void ReapplyStored();
+
+    /// [{"feature","state","applied_at"(,"last_rejection")}], by name. `state` is "failed" for a
+    /// kept policy that could not be applied again.
+    Json::Value List() const;
+
+    /// The same for one feature with its "text"; null when none was ever accepted.
+    Json::Value Show(const std::string& feature) const;
+
+  private:
+    struct Entry {
+        std::string state;
+        std::int64_t applied_at = 0;
+        std::int64_t rejected_at = 0;
+        std::string rejection;
+    };
+
+    /// What the framework made of it.
+    struct Attempt {
+        PolicyState state = PolicyState::kRejected;
+        std::string reason;
+    };
+
+    bool IsKnown(const std::string& feature) const;
+    Attempt Try(const std::string& feature, const std::string& text);
+    Attempt TryOnce(const std::string& feature, const std::string& text);
+    std::string RestoreLastGood(const std::string& feature);
+    PolicyVerdict ApplyChecked(const std::string& feature, const std::string& text,
+                               PolicyVerdict verdict);
+    void RememberAccepted(const std::string& feature, PolicyState state);
+    PolicyVerdict Reapply(const std::string& feature);
+    void RememberFailed(const std::string& feature);
+    void RememberRejected(const std::string& feature, const PolicyVerdict& verdict);
+    static Json::Value Describe(const std::string& feature, const Entry& entry);
+
+    PolicyHost& host_;
+    const PolicyStore& store_;
+    std::mutex apply_mutex_;          ///< one policy at a time; never held with state_mutex_ first
+    mutable std::mutex state_mutex_;  ///< guards entries_; held for moments only
+    std::map<std::string, Entry> entries_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,72 @@
+#include "policy/PolicyStore.h"
+
+#include <sdk/DirUtils.h>
+#include <sdk/FileUtils.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "common/ControlProtocol.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr std::size_t kMaxNameLength = 64;
+constexpr char kSuffix[] = ".json";
+constexpr std::size_t kSuffixLength = sizeof(kSuffix) - 1;
+
+bool IsNameCharacter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '-' || c == '.';
+}
+
+}  // namespace
+
+bool IsFeatureName(const std::string& name) {
+    return !name.empty() && name.size() <= kMaxNameLength && name.front() != '.' &&
+           std::all_of(name.begin(), name.end(), IsNameCharacter);
+}
+
+PolicyStore::PolicyStore(const std::string& directory) : directory_(directory) {}
+
+bool PolicyStore::Save(const std::string& feature, const std::string& text,
+                       std::string& error) const {
+    if (!IsFeatureName(feature)) {
+        error = "not a feature name";
+        return false;
+    }
+    if (SDK::DirUtils::MakeDirs(directory_, 0700) == 0 &&
+        SDK::FileUtils::WriteFile(FileOf(feature), text, false) == 0) {
+        return true;
+    }
+    error = FileOf(feature) + ": " + std::strerror(errno);
+    return false;
+}
+
+bool PolicyStore::Load(const std::string& feature, std::string& text) const {
+    return IsFeatureName(feature) &&
+           SDK::FileUtils::ReadFile(FileOf(feature), text, static_cast<long>(kMaxBodyBytes)) == 0;
+}
+
+std::vector<std::string> PolicyStore::Features() const {
+    std::vector<std::string> features;
+    std::error_code failed;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_, failed)) {
+        const std::string name = entry.path().filename().string();
+        if (name.size() <= kSuffixLength) continue;
+        const std::size_t length = name.size() - kSuffixLength;
+        if (name.compare(length, kSuffixLength, kSuffix) != 0) continue;
+        if (IsFeatureName(name.substr(0, length))) features.push_back(name.substr(0, length));
+    }
+    std::sort(features.begin(), features.end());
+    return features;
+}
+
+std::string PolicyStore::FileOf(const std::string& feature) const {
+    return directory_ + "/" + feature + kSuffix;
+}
+
+}  // namespace Agent

@@ -1,0 +1,216 @@
+// Owns the agent's parts and the order in which they start and stop.
+// Must not do the parts' work: framework, policy and control folders do. Main thread.
+#include "process/AgentProcess.h"
+
+#include <framework/ConfigManager.h>
+#include <sdk/DirUtils.h>
+#include <sdk/InnerCpuCtrlUtils.h>
+#include <sdk/Log.h>
+#include <sdk/LoggerUtils.h>
+#include <sdk/PathUtils.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <iostream>
+
+#include "common/ControlProtocol.h"
+#include "process/ExitCodes.h"
+
+namespace Agent {
+
+using Framework::ConfigManager;
+
+namespace {
+
+constexpr mode_t kUmask = 077;
+constexpr int kMaxWaitingReaders = 12;
+constexpr int kMaxSlowRequests = 12;
+
+Poco::Logger* Log() {
+    return SDK::LoggerUtils::GetInstance()->GetRootLogger();
+}
+
+/// A configured directory: relative ones are below the installation path.
+std::string Below(const std::string& base, const std::string& directory) {
+    return !directory.empty() && directory.front() == '/' ? directory : base + directory;
+}
+
+}  // namespace
+
+AgentProcess::AgentProcess(const Options& options)
+    : options_(options), installation_path_(SDK::PathUtils::GetInstallationPath()) {}
+
+AgentProcess::~AgentProcess() {
+    Stop();
+}
+
+int AgentProcess::Run() {
+    ::umask(kUmask);
+    if (options_.daemon) launcher_.Daemonize();
+    const int failed = StartCaught();
+    if (failed != kExitOk) {
+        Stop();
+        return failed;
+    }
+    const int signal = signals_.Wait();
+    SDK_LOG(Log(), PRIO_NOTICE, "stopping on signal %d", signal);
+    Stop();
+    return kExitOk;
+}
+
+int AgentProcess::StartCaught() {
+    try {
+        return Start();
+    } catch (const Poco::Exception& e) {
+        return launcher_.Failed(kExitFailed, e.displayText());
+    } catch (const std::exception& e) {
+        return launcher_.Failed(kExitFailed, e.what());
+    }
+}
+
+int AgentProcess::Start() {
+    std::string error;
+    if (!LoadConfiguration(error) || !MakeDirectories(error)) {
+        return launcher_.Failed(kExitFailed, error);
+    }
+    if (const int refused = TakeLock(); refused != kExitOk) return refused;
+    if (!StartLogging(error) || !ConfigManager::GetInstance().EnsureAgentId(error)) {
+        return launcher_.Failed(kExitFailed, error);
+    }
+    SDK_LOG(Log(), PRIO_NOTICE, "morvane_agent %s starts in %s, process %d",
+            std::string(SENTREL_VERSION), installation_path_, static_cast<int>(::getpid()));
+    if (::geteuid() != 0) {
+        const std::string warning =
+            "not running as root: files that other users own can be neither read nor restored";
+        launcher_.Warn(warning);
+        SDK_LOG(Log(), PRIO_WARNING, "%s", warning);
+    }
+    StartEngine();
+    if (!StartControl(error)) return launcher_.Failed(kExitFailed, error);
+    policies_->ReapplyStored();
+    notifier_ = std::make_unique<ServiceNotifier>([this] { engine_->RunOnFrameworkThread([] {}); });
+    notifier_->Ready();
+    launcher_.Ready("morvane_agent runs, process " + std::to_string(::getpid()) + ", " +
+                    DefaultSocketPath());
+    return kExitOk;
+}
+
+bool AgentProcess::LoadConfiguration(std::string& error) const {
+    const bool named = !options_.config_file.empty();
+    const std::string file = named ? options_.config_file : installation_path_ + "conf/agent.json";
+    std::string problem;
+    if (ConfigManager::GetInstance().Load(file, named, problem)) return true;
+    error = "configuration " + file + ": " + problem;
+    return false;
+}
+
+bool AgentProcess::MakeDirectories(std::string& error) const {
+    const std::string log =
+        Below(installation_path_, ConfigManager::GetInstance().GetLoggerConfig().directory);
+    for (const std::string& path : {installation_path_ + "data", installation_path_ + "run", log}) {
+        if (SDK::DirUtils::MakeDirs(path, 0700) != 0) {
+            error = "cannot make the directory " + path + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+int AgentProcess::TakeLock() {
+    int holder = 0;
+    std::string error;
+    switch (lock_.Take(installation_path_ + "run/agent.lock", holder, error)) {
+        case InstanceLock::Result::kTaken:
+            return kExitOk;
+        case InstanceLock::Result::kFailed:
+            return launcher_.Failed(kExitFailed, "cannot take the lock file " + error);
+        case InstanceLock::Result::kHeldByOther:
+            break;
+    }
+    const std::string process =
+        holder > 0 ? "process " + std::to_string(holder) : "a process that is just starting";
+    return launcher_.Failed(kExitAlreadyRunning, "another agent runs on the installation path " +
+                                                     installation_path_ + " already: " + process +
+                                                     ". Stop that one first.");
+}
+
+bool AgentProcess::StartLogging(std::string& error) const {
+    const Framework::LoggerConfig& config = ConfigManager::GetInstance().GetLoggerConfig();
+    SDK::LoggerUtils::Settings settings;
+    settings.directory = Below(installation_path_, config.directory);
+    settings.level = config.level;
+    settings.rotate_bytes = static_cast<std::size_t>(config.rotate_bytes);
+    settings.keep_files = config.keep_files;
+    settings.console = config.console;
+    std::string problem;
+    if (SDK::LoggerUtils::GetInstance()->Configure(settings, problem)) return true;
+    error = "cannot log to " + settings.directory + ": " + problem;
+    return false;
+}
+
+void AgentProcess::StartEngine() {
+    const ConfigManager& config = ConfigManager::GetInstance();
+    SDK::InnerCpuCtrlUtils::SetLimitPercent(config.CpuLimitPercent());
+    engine_ = std::make_unique<Framework::Engine>();
+    engine_->Start();
+    policy_host_ = std::make_unique<EnginePolicyHost>(*engine_);
+    policy_store_ = std::make_unique<PolicyStore>(installation_path_ + "data/policies");
+    policies_ = std::make_unique<PolicyService>(*policy_host_, *policy_store_);
+    status_ = std::make_unique<StatusDocument>(*engine_, *policies_);
+    std::vector<FailedModule> failed;
+    for (const std::string& name : config.Modules()) {
+        std::string error;
+        if (engine_->LoadModule(name, error)) continue;
+        SDK_LOG(Log(), PRIO_ERROR, "module %s is not used: %s", name, error);
+        launcher_.Warn("module " + name + " is not used: " + error);
+        failed.push_back({name, error});
+    }
+    status_->SetFailedModules(failed);
+}
+
+bool AgentProcess::StartControl(std::string& error) {
+    reports_ = std::make_unique<ReportReader>(engine_->Queries(), kMaxWaitingReaders);
+    routes_ = std::make_unique<Routes>(
+        *policies_, *reports_,
+        [this](const std::string& id, const std::string& text) {
+            return engine_->InvokeTasklet(id, text);
+        },
+        [this] { return status_->Build(); }, kMaxSlowRequests);
+    control_ = std::make_unique<ControlServer>(*routes_);
+    return control_->Start(DefaultSocketPath(), error);
+}
+
+void AgentProcess::Stop() {
+    if (notifier_) notifier_->Stopping();
+    if (reports_) reports_->Stop();
+    if (control_) control_->Stop();
+    if (!engine_) return;
+    engine_->Stop();
+    SDK_LOG(Log(), PRIO_NOTICE, "stopped");
+    notifier_.reset();
+    control_.reset();
+    routes_.reset();
+    reports_.reset();
+    status_.reset();
+    policies_.reset();
+    engine_.reset();
+    SDK::LoggerUtils::GetInstance()->Shutdown();
+}
+
+int Main(int argc, const char* const* argv) {
+    try {
+        int exit_code = kExitOk;
+        const std::optional<Options> options = ParseOptions(argc, argv, exit_code);
+        return options ? AgentProcess(*options).Run() : exit_code;
+    } catch (const Poco::Exception& e) {
+        std::cerr << "morvane_agent: " << e.displayText() << std::endl;
+    } catch (const std::exception& e) {
+        std::cerr << "morvane_agent: " << e.what() << std::endl;
+    }
+    return kExitFailed;
+}
+
+}  // namespace Agent

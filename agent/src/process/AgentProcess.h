@@ -1,0 +1,63 @@
+#pragma once
+
+#include <framework/Engine.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "control/ControlServer.h"
+#include "control/ReportReader.h"
+#include "control/Routes.h"
+#include "control/StatusDocument.h"
+#include "policy/PolicyHost.h"
+#include "policy/PolicyService.h"
+#include "policy/PolicyStore.h"
+#include "process/InstanceLock.h"
+#include "process/Launcher.h"
+#include "process/Options.h"
+#include "process/ServiceNotifier.h"
+#include "process/StopSignals.h"
+
+namespace Agent {
+
+/// The agent from its first step to its last. Main thread.
+class AgentProcess {
+  public:
+    explicit AgentProcess(const Options& options);
+    ~AgentProcess();
+
+    /// Starts, waits for a signal to stop, and stops; the exit code of the process. Blocks.
+    int Run();
+
+  private:
+    int StartCaught();
+    int Start();
+    bool LoadConfiguration(std::string& error) const;
+    bool MakeDirectories(std::string& error) const;
+    int TakeLock();
+    bool StartLogging(std::string& error) const;
+    void StartEngine();
+    bool StartControl(std::string& error);
+    void Stop();
+
+    const Options options_;
+    const std::string installation_path_;
+    StopSignals signals_;
+    Launcher launcher_;
+    InstanceLock lock_;
+    std::unique_ptr<Framework::Engine> engine_;
+    std::unique_ptr<EnginePolicyHost> policy_host_;
+    std::unique_ptr<PolicyStore> policy_store_;
+    std::unique_ptr<PolicyService> policies_;
+    std::unique_ptr<StatusDocument> status_;
+    std::unique_ptr<ReportReader> reports_;
+    std::unique_ptr<Routes> routes_;
+    std::unique_ptr<ControlServer> control_;
+    std::unique_ptr<ServiceNotifier> notifier_;
+};
+
+/// The program: parses the command line and runs the agent; nothing is thrown.
+int Main(int argc, const char* const* argv);
+
+}  // namespace Agent

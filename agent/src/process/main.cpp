@@ -1,0 +1,5 @@
+#include "process/AgentProcess.h"
+
+int main(int argc, char** argv) {
+    return Agent::Main(argc, argv);
+}
