@@ -1,0 +1,101 @@
+#include <ctl/AlarmFormat.h>
+#include <ctl/StatusFormat.h>
+#include <ctl/Terminal.h>
+#include <gtest/gtest.h>
+#include <sdk/JsonUtils.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace {
+
+constexpr long long kNow = 1763714260000;  // 2025-11-21 08:37:40 UTC
+
+class Formats : public testing::Test {
+  protected:
+    void SetUp() override {
+        ::setenv("TZ", "UTC", 1);
+        ::tzset();
+        Ctl::SetColours(false);
+    }
+
+    static Json::Value Alarm(const std::string& path, const std::string& diff) {
+        Json::Value document;
+        document["file_info"][0]["action"] = "modify";
+        document["file_info"][0]["file_path"] = path;
+        document["file_info"][0]["diff"] = diff;
+        Json::Value report;
+        report["seq"] = 7;
+        report["time_ms"] = static_cast<Json::Int64>(kNow - 7000);
+        report["kind"] = "data";
+        report["name"] = "2";
+        report["body"] = SDK::JsonUtils::JsonToString(document);
+        report["outcome"] = "restored";
+        report["duration_ms"] = 6.24;
+        return report;
+    }
+};
+
+TEST_F(Formats, Alarm_IsOneLine) {
+    EXPECT_EQ(Ctl::FormatAlarm(Alarm("/srv/site/index.html", "-a\n+b\n"), false, kNow),
+              "08:37:33  modify     /srv/site/index.html  restored in 6.2 ms\n");
+}
+
+TEST_F(Formats, AlarmWithDiff_HasItBelowAndHarmless) {
+    EXPECT_EQ(Ctl::FormatAlarm(Alarm("/srv/a\n\x1b[31m", "-a\n+\x1b[2Jb"), true, kNow),
+              "08:37:33  modify     /srv/a\\n\\x1b[31m  restored in 6.2 ms\n"
+              "    -a\n    +\\x1b[2Jb\n");
+}
+
+TEST_F(Formats, AlarmWithoutOutcomeOrDocument_IsStillALine) {
+    Json::Value report = Alarm("/srv/x", "");
+    report["outcome"] = "";
+    report["duration_ms"] = Json::nullValue;
+    EXPECT_EQ(Ctl::FormatAlarm(report, true, kNow), "08:37:33  modify     /srv/x\n");
+    report["body"] = "{\"file_info\":7,\x1b";
+    EXPECT_EQ(Ctl::FormatAlarm(report, true, kNow), "08:37:33  data  2  {\"file_info\":7,\\x1b\n");
+    EXPECT_NO_FATAL_FAILURE(Ctl::FormatAlarm(Json::Value(Json::objectValue), true, kNow));
+}
+
+TEST_F(Formats, AlarmObject_CarriesTheParsedDocument) {
+    EXPECT_EQ(Ctl::AlarmObject(Alarm("/srv/x", ""))["alarm"]["file_info"][0]["file_path"],
+              "/srv/x");
+}
+
+TEST_F(Formats, Status_ShowsPathsCountersAndWarnings) {
+    Json::Value status;
+    status["agent_id"] = "id-1";
+    status["protection"]["on"] = true;
+    Json::Value path;
+    path["path"] = "/srv/\x1bsite/";
+    path["kind"] = "tree";
+    path["state"] = "waiting";
+    path["watched_directories"] = 12;
+    path["auto_restore"] = true;
+    status["protected_paths"].append(path);
+    status["counters"]["restores_done"] = 3;
+    status["counters"]["log_records_dropped"] = 2;
+    status["modules"][0]["name"] = "broken";
+    status["modules"][0]["state"] = "failed";
+    status["rsync"]["degraded"] = true;
+    status["rsync"]["reason"] = "older than 3.5.0";
+    const std::string page = Ctl::FormatStatus(status, kNow);
+    for (const char* part :
+         {"id-1", "protection  on", "/srv/\\x1bsite/", "tree", "3 done", "is not there",
+          "2 log records", "module broken", "older than 3.5.0"}) {
+        EXPECT_NE(page.find(part), std::string::npos) << part << " in\n" << page;
+    }
+    EXPECT_EQ(page.find('\x1b'), std::string::npos);
+}
+
+TEST_F(Formats, StatusOfAnotherShape_IsNoCrash) {
+    for (const char* text :
+         {"{}", "[]", R"({"protected_paths":{"a":1},"counters":[],"policies":7})",
+          R"({"modules":"x","tasks":[1,"2",null],"rsync":[],"protection":1})"}) {
+        Json::Value status;
+        ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, std::string(text).size(), status), 0);
+        EXPECT_NO_THROW(Ctl::FormatStatus(status, kNow)) << text;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+#include <policy/PolicyService.h>
+
+#include "support/FakePolicyHost.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using Agent::PolicyState;
+using Agent::PolicyVerdict;
+
+class PolicyService : public testing::Test {
+  protected:
+    std::string Kept(const std::string& feature) {
+        std::string text;
+        return store_.Load(feature, text) ? text : "";
+    }
+    std::string StateOf(const std::string& feature) {
+        return service_.Show(feature)["state"].asString();
+    }
+
+    test::TempDir dir_;
+    test::FakePolicyHost host_;
+    Agent::PolicyStore store_{dir_.Path("policies")};
+    Agent::PolicyService service_{host_, store_};
+};
+
+TEST_F(PolicyService, AcceptedPolicy_IsAppliedAndKept) {
+    const PolicyVerdict on = service_.Apply("feature_a", "on, odd");
+    EXPECT_EQ(on.state, PolicyState::kOn);
+    EXPECT_EQ(on.warnings.size(), 1u);
+    EXPECT_EQ(Kept("feature_a"), "on, odd");
+    EXPECT_EQ(service_.Apply("feature_a", "off").state, PolicyState::kOff);
+    EXPECT_EQ(Kept("feature_a"), "off");
+    EXPECT_EQ(StateOf("feature_a"), "off");
+}
+
+TEST_F(PolicyService, PolicyWithErrors_ChangesNothing) {
+    service_.Apply("feature_a", "on");
+    const PolicyVerdict verdict = service_.Apply("feature_a", "wrong");
+    EXPECT_EQ(verdict.state, PolicyState::kRejected);
+    EXPECT_EQ(verdict.errors[0]["pointer"], "/content");
+    EXPECT_EQ(host_.applied.size(), 1u);
+    EXPECT_EQ(Kept("feature_a"), "on");
+    EXPECT_EQ(StateOf("feature_a"), "on");
+    EXPECT_EQ(service_.Show("feature_a")["last_rejection"]["message"], "/content: wrong");
+}
+
+TEST_F(PolicyService, UnknownFeatureOrName_IsRejectedWithTheKnownOnes) {
+    const PolicyVerdict unknown = service_.Apply("feature_c", "on");
+    EXPECT_EQ(unknown.state, PolicyState::kRejected);
+    const std::string message = unknown.errors[0]["message"].asString();
+    EXPECT_NE(message.find("known: feature_a, feature_b"), std::string::npos) << message;
+    EXPECT_EQ(service_.Apply("../feature_a", "on").state, PolicyState::kRejected);
+    EXPECT_EQ(service_.Apply("feature_a", "uncheckable").state, PolicyState::kRejected);
+    EXPECT_TRUE(host_.applied.empty());
+    EXPECT_TRUE(service_.List().empty());
+}
+
+TEST_F(PolicyService, PolicyThatFailsWhileApplied_GivesWayToTheLastGoodOne) {
+    service_.Apply("feature_a", "on");
+    for (const char* bad : {"throws", "reports", "unhandled"}) {
+        const PolicyVerdict verdict = service_.Apply("feature_a", bad);
+        EXPECT_EQ(verdict.state, PolicyState::kRejected) << bad;
+        EXPECT_EQ(host_.applied.back().second, "on") << bad;
+        EXPECT_EQ(Kept("feature_a"), "on") << bad;
+        EXPECT_EQ(StateOf("feature_a"), "on") << bad;
+    }
+}
+
+TEST_F(PolicyService, PolicyThatFailsWhileAppliedFirst_LeavesNothing) {
+    EXPECT_EQ(service_.Apply("feature_a", "reports").state, PolicyState::kRejected);
+    EXPECT_EQ(Kept("feature_a"), "");
+    EXPECT_TRUE(service_.Show("feature_a").isNull());
+}
+
+TEST_F(PolicyService, ExceptionOfATaskThatIsEnding_DoesNotRejectAPolicy) {
+    service_.Apply("feature_a", "on");
+    host_.noise = "download failed.";
+    EXPECT_EQ(service_.Apply("feature_a", "off").state, PolicyState::kOff);
+    EXPECT_EQ(Kept("feature_a"), "off");
+}
+
+TEST_F(PolicyService, PolicyThatCannotBeKept_IsInForceWithAWarning) {
+    dir_.Write("policies", "a file where the folder should be");
+    const PolicyVerdict verdict = service_.Apply("feature_a", "on");
+    EXPECT_EQ(verdict.state, PolicyState::kOn);
+    EXPECT_EQ(verdict.warnings.size(), 1u);
+}
+
+TEST_F(PolicyService, KeptPolicies_AreAppliedAgainAndOneFailureStopsNoOther) {
+    std::string error;
+    ASSERT_TRUE(store_.Save("feature_a", "throws", error));
+    ASSERT_TRUE(store_.Save("feature_b", "on, wrong by now", error));
+    ASSERT_TRUE(store_.Save("of_no_module", "on", error));
+    service_.ReapplyStored();
+    EXPECT_EQ(StateOf("feature_a"), "failed");
+    EXPECT_EQ(StateOf("feature_b"), "on");
+    EXPECT_EQ(StateOf("of_no_module"), "failed");
+    EXPECT_EQ(Kept("feature_a"), "throws");
+}
+
+}  // namespace

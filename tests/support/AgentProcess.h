@@ -1,0 +1,106 @@
+#pragma once
+
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "support/TempDir.h"
+
+namespace test {
+
+/// `time`, or as much longer as a build with sanitizers needs.
+constexpr std::chrono::milliseconds Scaled(std::chrono::milliseconds time) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    return time * 4;
+#else
+    return time;
+#endif
+}
+
+struct CommandResult {
+    int exit_code = -1;  ///< -1: ended by a signal, or killed when its time was up
+    std::string out;
+    std::string err;
+};
+
+/// One entry of a protection policy's "dirlist".
+struct ProtectedPath {
+    std::string path;
+    std::string backup_path;
+    bool auto_restore = true;
+    std::vector<std::string> ignored_subdir = {};
+};
+
+/// A protection policy for those paths, with the distribution's rsync as the download.
+Json::Value ProtectionPolicy(const std::vector<ProtectedPath>& paths);
+
+/// Makes `policy` name another download.
+void SetRsync(Json::Value& policy, const std::string& url, const std::string& sha256);
+
+/// The built agent, in an installation of its own. Each process of the agent runs in a private
+/// mount namespace where the kernel's settings and /etc/sysctl.conf are stand-ins, so that the
+/// machine stays as it is; that takes root. Everything that was started ends with the object.
+class AgentProcess {
+  public:
+    AgentProcess();
+    ~AgentProcess();
+    AgentProcess(const AgentProcess&) = delete;
+    AgentProcess& operator=(const AgentProcess&) = delete;
+
+    /// The installation path without a trailing "/", or `name` below it.
+    std::string Path() const { return installation_.Path(); }
+    std::string Path(const std::string& name) const { return installation_.Path(name); }
+
+    /// Starts it and waits until it says that it is ready; false, and the failure recorded with
+    /// what it said, when it does not.
+    bool Start();
+
+    /// SIGTERM, and waits for the end; the exit code, -1 when it did not end in order.
+    int Stop();
+
+    /// SIGKILL, and reaps it.
+    void Kill();
+
+    bool IsRunning();
+    pid_t Pid() const { return pid_; }
+
+    /// Sends a signal to the running agent.
+    void Signal(int number) const;
+
+    /// Runs another process of the agent's program to its end, as a second start would.
+    CommandResult RunAgent(const std::vector<std::string>& arguments) const;
+
+    /// Runs morvanectl of the installation.
+    CommandResult Ctl(const std::vector<std::string>& arguments, const std::string& input = "",
+                      std::chrono::milliseconds deadline = std::chrono::seconds(30)) const;
+
+    /// `policy apply` of the protection feature; the exit code.
+    int Apply(const Json::Value& policy) const;
+
+    /// The status document; null when there is none.
+    Json::Value Status() const;
+
+    /// The objects that `morvanectl <arguments>` prints one a line. A line that is no JSON is a
+    /// recorded failure.
+    std::vector<Json::Value> JsonLines(const std::vector<std::string>& arguments) const;
+
+    /// True when an alarm of that action about `path` is stored.
+    bool HasAlarm(const std::string& action, const std::string& path) const;
+
+  private:
+    pid_t Spawn(const std::string& program, const std::vector<std::string>& arguments,
+                const std::string& input, bool isolate, const std::string& output) const;
+    CommandResult RunToEnd(const std::string& program, const std::vector<std::string>& arguments,
+                           const std::string& input, bool isolate,
+                           std::chrono::milliseconds deadline) const;
+
+    TempDir installation_;
+    TempDir scratch_;  ///< stand-ins and captured output
+    mutable int runs_ = 0;
+    pid_t pid_ = -1;
+};
+
+}  // namespace test

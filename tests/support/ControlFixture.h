@@ -1,0 +1,44 @@
+#pragma once
+
+#include <control/ControlServer.h>
+#include <control/ReportReader.h>
+#include <control/Routes.h>
+#include <gtest/gtest.h>
+#include <policy/PolicyService.h>
+
+#include <memory>
+
+#include "support/FakePolicyHost.h"
+#include "support/FakeReports.h"
+#include "support/TempDir.h"
+
+namespace test {
+
+/// The control API in front of stand-ins: two features, one tasklet ("echo", whose result is its
+/// request's length), and a report store.
+class ControlFixture : public testing::Test {
+  protected:
+    TempDir dir_;
+    FakePolicyHost host_;
+    Agent::PolicyStore store_{dir_.Path("policies")};
+    Agent::PolicyService policies_{host_, store_};
+    Framework::QueryRegistry queries_;
+    FakeReports reports_{queries_};
+    Agent::ReportReader reader_{queries_, 2};
+    Agent::Routes routes_{policies_, reader_,
+                          [](const std::string& id, const std::string& text) {
+                              Framework::TaskletOutcome outcome;
+                              outcome.found = id == "echo";
+                              outcome.result = static_cast<int>(text.size());
+                              if (text == "throw") outcome.exception = "thrown";
+                              return outcome;
+                          },
+                          [] {
+                              Json::Value status;
+                              status["agent_id"] = "fake";
+                              return status;
+                          },
+                          2};
+};
+
+}  // namespace test
