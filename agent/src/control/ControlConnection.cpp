@@ -38,7 +38,8 @@ void Send(HTTPServerResponseImpl& response, const Reply& reply) {
     response.setContentType("application/json");
     response.setKeepAlive(false);
     if (!reply.allow.empty()) response.set("Allow", reply.allow);
-    response.sendBuffer(text.data(), text.size());
+    response.setContentLength(static_cast<std::streamsize>(text.size()));
+    response.send() << text << std::flush;
 }
 
 Reply TooLarge() {
@@ -133,22 +134,28 @@ void ControlConnection::run() {
 
 void ControlConnection::Serve(ConnectionRegistry::Place& place) {
     Poco::Net::HTTPServerSession session(socket(), params_);
-    HTTPServerResponseImpl response(session);
-    std::optional<HTTPServerRequestImpl> request;
     if (!admission_(socket())) {
+        HTTPServerResponseImpl response(session);
         Send(response,
              ErrorReply(403, "Only root and the agent's own user may talk to the agent."));
         return;
     }
+    std::string problem;
     try {
-        request.emplace(response, session, params_.get());
+        HTTPServerResponseImpl response(session);
+        HTTPServerRequestImpl request(response, session, params_.get());
+        Send(response, Answer(request, response, place));
+        return;
     } catch (const Poco::Net::NoMessageException&) {
         return;  // the client closed without a word
     } catch (const Poco::Net::MessageException&) {
-        Send(response, ErrorReply(400, "This is not a request that HTTP knows."));
-        return;
+        problem = "This is not a request that HTTP knows.";
+    } catch (const Poco::SyntaxException&) {
+        problem = "A number in the request's header is none.";
     }
-    Send(response, Answer(*request, response, place));
+    // A response that has seen a broken request still points to it; this one has not.
+    HTTPServerResponseImpl response(session);
+    Send(response, ErrorReply(400, problem));
 }
 
 Reply ControlConnection::Answer(HTTPServerRequestImpl& request, HTTPServerResponseImpl& response,
@@ -164,8 +171,6 @@ Reply ControlConnection::Answer(HTTPServerRequestImpl& request, HTTPServerRespon
         }
         place.RequestRead();
         return routes_.Handle(wanted);
-    } catch (const Poco::SyntaxException&) {
-        return ErrorReply(400, "A number in the request's header is none.");
     } catch (const Poco::Net::NetException&) {
         throw;
     } catch (const Poco::TimeoutException&) {

@@ -120,6 +120,7 @@ void ControlServer::Stop() {
     if (!server_) return;
     server_->stop();
     ::unlink(socket_path_.c_str());
+    registry_.CutSlow(std::chrono::milliseconds(0));
     registry_.WaitUntilEmpty(std::chrono::milliseconds(kStopGraceMs));
     registry_.CutAll();
     server_.reset();

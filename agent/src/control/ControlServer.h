@@ -27,7 +27,8 @@ class ControlServer {
     /// nobody else listens there. False with `error`.
     bool Start(const std::string& socket_path, std::string& error);
 
-    /// Takes no more requests, lets the running ones end for a moment, then cuts them. May be
+    /// Takes no more requests, cuts those that are still being sent, gives the others a moment to
+    /// end and then cuts them too. May be
     /// called twice. Whoever makes requests wait is stopped first (ReportReader).
     void Stop();
 
