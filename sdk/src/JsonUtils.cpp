@@ -6,7 +6,7 @@
 #include <exception>
 #include <memory>
 
-#include "Utf8.h"
+#include "sdk/Utf8.h"
 
 namespace SDK {
 

@@ -1,4 +1,4 @@
-#include "Utf8.h"
+#include "sdk/Utf8.h"
 
 #include <Poco/UTF8Encoding.h>
 
