@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Engine {
+
+constexpr const char* kCmdKind = "cmd";
+constexpr const char* kDataKind = "data";
+constexpr const char* kAlarmEvent = "2";  ///< the event of data reports that are alarms
+
+/// One report as the store keeps it. Strings are bytes: a body may hold anything.
+struct Report {
+    std::int64_t seq = 0;      ///< given by the store; rises, never used twice
+    std::int64_t time_ms = 0;  ///< since the epoch, given by the store
+    std::string kind;          ///< kCmdKind or kDataKind
+    std::string name;          ///< message id (cmd) or event (data)
+    std::string body;
+    std::string outcome;      ///< empty: nothing said
+    double duration_ms = -1;  ///< negative: unknown
+};
+
+/// Which reports to read.
+struct ReportFilter {
+    enum class Kind { kAny, kCmd, kData, kAlarm };
+
+    Kind kind = Kind::kAny;
+    std::int64_t after = 0;     ///< only reports with a greater sequence number
+    std::int64_t since_ms = 0;  ///< only reports of that time or later; 0: any
+    std::int64_t limit = 100;
+    bool newest = false;  ///< when the limit cuts, keep the newest instead of the oldest
+};
+
+}  // namespace Engine

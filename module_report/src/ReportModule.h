@@ -1,0 +1,37 @@
+#pragma once
+
+#include <Poco/AutoPtr.h>
+#include <framework/Module.h>
+
+#include <memory>
+#include <vector>
+
+#include "AlarmLog.h"
+#include "ReportQueries.h"
+#include "ReportStore.h"
+#include "ReportTask.h"
+
+namespace Engine {
+
+/// The module "report_module": the report store, the alarm file, the two report tasks and the
+/// queries. Framework thread only.
+class ReportModule : public Framework::Module {
+  public:
+    ReportModule();
+    ~ReportModule() override;
+
+    /// Always true: a store that cannot be opened now is tried again with each report.
+    bool Init() override;
+    void UnInit() override;
+
+  private:
+    void RegisterQueries();
+    void UnregisterQueries();
+
+    std::unique_ptr<ReportStore> store_;
+    std::unique_ptr<AlarmLog> alarms_;
+    std::unique_ptr<ReportQueries> queries_;
+    std::vector<Poco::AutoPtr<ReportTask>> tasks_;
+};
+
+}  // namespace Engine
