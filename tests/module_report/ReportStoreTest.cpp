@@ -1,0 +1,132 @@
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <future>
+
+#include "ReportSettings.h"
+#include "StoreFixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ReportStoreTest = test::StoreTest;
+
+TEST_F(ReportStoreTest, Reopened_ReportsAreKeptByteForByte) {
+    const std::vector<std::string> bodies = {std::string("a\0b", 3), "\xff\xfe{\"no json", "",
+                                             std::string(100000, 'x')};
+    for (const std::string& body : bodies) ASSERT_GT(Store(body), 0);
+    Engine::Report noted = MakeReport(Engine::kCmdKind, "feature_exception_1", "{}");
+    noted.outcome = "restored";
+    noted.duration_ms = 4.25;
+    ASSERT_TRUE(store_->Store(noted));
+    ASSERT_TRUE(store_->Acknowledge("exporter", 3));
+
+    Reopen();
+    std::int64_t acked = 0;
+    ASSERT_TRUE(store_->AckedSeq("exporter", acked));
+    EXPECT_EQ(acked, 3);
+    const std::vector<Engine::Report> reports = ReadAll();
+    ASSERT_EQ(reports.size(), bodies.size() + 1);
+    for (std::size_t i = 0; i < bodies.size(); ++i) {
+        EXPECT_EQ(reports[i].body, bodies[i]);
+        EXPECT_EQ(reports[i].time_ms, test::kStartMs);
+        EXPECT_LT(reports[i].duration_ms, 0);
+    }
+    EXPECT_EQ(reports.back().name, "feature_exception_1");
+    EXPECT_EQ(reports.back().outcome, "restored");
+    EXPECT_EQ(reports.back().duration_ms, 4.25);
+    EXPECT_GT(Store("next"), reports.back().seq);
+    struct stat status {};
+    ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(ReportStoreTest, WriterKilled_EverythingStoredIsThere) {
+    constexpr int kReports = 50;
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        for (int i = 0; i < kReports; ++i) Store(std::to_string(i));
+        ::kill(::getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    const std::vector<Engine::Report> reports = ReadAll();
+    ASSERT_EQ(reports.size(), kReports);
+    EXPECT_EQ(reports.back().body, "49");
+    EXPECT_EQ(store_->Status().files_set_aside, 0U);
+}
+
+TEST_F(ReportStoreTest, AgeBound_RemovesWhatIsOlderAndNothingElse) {
+    constexpr std::int64_t kDayMs = 24LL * 3600 * 1000;
+    for (int i = 0; i < 600; ++i) Store("old");
+    now_ms_ += 10 * kDayMs;
+    Store("young");
+    store_->Maintain();
+    EXPECT_EQ(store_->Status().stored, 601);
+    now_ms_ += settings_.max_age_days * kDayMs - 1;
+    store_->Maintain();
+    ASSERT_EQ(ReadAll().size(), 1U);
+    EXPECT_EQ(ReadAll()[0].body, "young");
+    EXPECT_EQ(store_->Status().stored, 1);
+}
+
+TEST_F(ReportStoreTest, SizeBound_RemovesTheOldestAndCountsUnacknowledgedOnes) {
+    settings_.max_megabytes = 1;
+    Reopen();
+    constexpr int kReports = 300;
+    for (int i = 0; i < kReports; ++i) Store(std::string(10000, 'x'));
+    ASSERT_TRUE(store_->Acknowledge("exporter", 10));
+    store_->Maintain();
+
+    const Engine::StoreStatus status = store_->Status();
+    EXPECT_LE(status.bytes, settings_.MaxBytes());
+    EXPECT_GT(status.stored, 50) << "it prunes no more than it must";
+    EXPECT_EQ(status.reports_lost, static_cast<std::uint64_t>(kReports - status.stored - 10));
+    EXPECT_EQ(ReadAll().back().seq, kReports);
+    EXPECT_EQ(static_cast<std::int64_t>(ReadAll().size()), status.stored);
+}
+
+TEST_F(ReportStoreTest, WaitingReader_IsWokenByAMatchOnly) {
+    Store("earlier alarm");
+    Engine::ReportFilter filter;
+    filter.kind = Engine::ReportFilter::Kind::kAlarm;
+    filter.after = 1;
+    Engine::ReportPage page;
+    auto reader = std::async(std::launch::async, [&] { return store_->Read(filter, 60s, page); });
+    Store("a status", Engine::kDataKind, "sentrel_status_1");
+    Store("an exception", Engine::kCmdKind, "2");
+    const std::int64_t alarm = Store("the alarm");
+    ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
+    EXPECT_TRUE(reader.get());
+    ASSERT_EQ(page.reports.size(), 1U);
+    EXPECT_EQ(page.reports[0].seq, alarm);
+}
+
+TEST_F(ReportStoreTest, WaitingReader_EndsWhenTheStoreStops) {
+    Engine::ReportPage page;
+    auto reader = std::async(std::launch::async, [&] { return store_->Read({}, 60s, page); });
+    store_->StopWaiting();
+    ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
+    EXPECT_TRUE(reader.get());
+    EXPECT_TRUE(page.reports.empty());
+}
+
+TEST(ReportSettings, WrongValues_AreLoggedAndTheDefaultsHold) {
+    const test::LogCapture log;
+    Json::Value section(Json::objectValue);
+    section["max_age_days"] = 30;
+    section["max_megabytes"] = "many";
+    section["alarms_keep_files"] = 0;
+    section["max_age_day"] = 3;
+    const Engine::ReportSettings settings = Engine::ParseReportSettings(section);
+    EXPECT_EQ(settings.max_age_days, 30);
+    EXPECT_EQ(settings.max_megabytes, 256);
+    EXPECT_EQ(settings.alarms_keep_files, 5);
+    EXPECT_EQ(log.Count("Error", "/report/"), 3);
+}
+
+}  // namespace
