@@ -298,10 +298,19 @@ demo() {
         --deadline-ms "$DEADLINE_MS"
 }
 
+page_to_deface() {
+    local page
+    for page in "$SITE"/index.{html,php}; do
+        [[ ! -f $page ]] || break
+    done
+    [[ -f $page ]] || page=$(find "$SITE" -type f -size -100k -print -quit)
+    printf '%s' "${page:-$SITE/new.html}"
+}
+
 follow() {
     say
     say "$SITE is protected. Change something in it, in another terminal:"
-    say "    echo '<h1>defaced</h1>' >> $(find "$SITE" -type f -name 'index.*' -print -quit)"
+    say "    echo '<h1>defaced</h1>' >> $(page_to_deface)"
     say "What the agent knows:  ${SUDO_UID:+sudo }$WORK/agent/bin/morvanectl status"
     say "To stop:               Ctrl-C"
     say

@@ -58,7 +58,10 @@ Json::Value ResultTable::ToJson(const AttackResult& result) const {
 }
 
 std::string ResultTable::Relative(const std::string& path) const {
-    return path.rfind(base_ + "/", 0) == 0 ? path.substr(base_.size() + 1) : path;
+    for (const std::string& base : {base_, base_.substr(0, base_.rfind('/'))}) {
+        if (path.rfind(base + "/", 0) == 0) return path.substr(base.size() + 1);
+    }
+    return path;
 }
 
 std::string ResultTable::Row(const std::string& action, const std::string& path,

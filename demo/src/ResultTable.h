@@ -12,7 +12,8 @@ namespace Demo {
 /// Lays results out as lines of one table: action, path, reported as, restored, milliseconds.
 class ResultTable {
   public:
-    /// `attacks` are those to come, for the widths; paths are shown relative to `base`.
+    /// `attacks` are those to come, for the widths; paths are shown relative to `base`, or to
+    /// the folder that it lies in.
     ResultTable(const std::vector<Attack>& attacks, std::string base);
 
     std::string Header() const;
