@@ -1,0 +1,68 @@
+// Keeps the rsync daemon alive. It must not write the daemon's configuration (BackUpServerPolicy
+// does): without one, every pass tries and fails to start. The daemon is no child of the agent; its
+// pid file is all that is known of it. Task's thread.
+#include <BackUpServerTask.h>
+#include <SentrelUtils.h>
+#include <TaskSteps.h>
+#include <framework/ConfigManager.h>
+#include <sdk/FileUtils.h>
+#include <sdk/Log.h>
+
+namespace Engine {
+
+namespace {
+
+constexpr unsigned int kQueueCapacity = 1024;
+constexpr long kRotateBytes = 10485760;
+
+}  // namespace
+
+BackUpServerTask::BackUpServerTask()
+    : Framework::Task("sentrel_backupserver_task", "backupserver_feature",
+                      Framework::TaskCondition::kPeriodic, kQueueCapacity) {}
+
+bool BackUpServerTask::Init() {
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
+    PrepareRsyncForTask();
+    return Framework::Task::Init();
+}
+
+int BackUpServerTask::Run() {
+    RestartWhenDead();
+    RotateLog();
+    return 0;
+}
+
+void BackUpServerTask::RestartWhenDead() {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    const std::string pid_file = utils->install_path + "bin/morvane_rsyncd.pid";
+    int pid = 0;
+    if (utils->GetRsyncRunningPid(pid_file, pid)) return;
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "pid not running: %d", pid);
+    if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
+        SDK_LOG(ModuleLogger(), PRIO_TRACE, "remove file: %s", pid_file);
+    }
+    if (!utils->RunRsyncDaemon(utils->install_path + "conf/morvane_rsync.conf")) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "run rsync daemon failed");
+    }
+}
+
+void BackUpServerTask::RotateLog() {
+    const std::string log =
+        Framework::ConfigManager::GetInstance().GetLoggerConfig().directory + "/morvane_rsync.log";
+    long size = 0;
+    if (SDK::FileUtils::GetFileSize(log, size) != 0 || size < kRotateBytes) return;
+    const std::string rotated = log + ".0";
+    SDK::FileUtils::TalDeleteFile(rotated);
+    SDK::FileUtils::TalCopyFile(log, rotated, kRotateBytes);
+    SDK::FileUtils::TalDeleteFile(log);
+}
+
+bool BackUpServerTask::UnInit() {
+    SentrelUtils::GetInstance()->DoStopRsyncDeamon();
+    const bool result = Framework::Task::UnInit();
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) uninit.", Id());
+    return result;
+}
+
+}  // namespace Engine

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <PolicyFindings.h>
+#include <json/value.h>
+
+#include <string>
+
+namespace Engine {
+
+// The checks of a policy's "content" but its protected paths. `pointer` is where `content` stands.
+// Members of a wrong type are left alone: the key check has told.
+
+void CheckOsType(const Json::Value& content, const std::string& pointer, PolicyFindings& findings);
+
+/// The download of rsync for this host's processor and system.
+void CheckRsyncSource(const Json::Value& content, const std::string& pointer,
+                      PolicyFindings& findings);
+
+/// "backup_type", "backup_addr", "backup_port".
+void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
+                       PolicyFindings& findings);
+
+/// "distime_enable", "disable_timerange", "disable_week".
+void CheckSchedule(const Json::Value& content, const std::string& pointer,
+                   PolicyFindings& findings);
+
+/// "backupserver_ip", "backupserver_port", "backupserver_path".
+void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
+                        PolicyFindings& findings);
+
+}  // namespace Engine

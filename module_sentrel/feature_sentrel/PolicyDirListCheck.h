@@ -1,0 +1,14 @@
+#pragma once
+
+#include <PolicyFindings.h>
+#include <json/value.h>
+
+#include <string>
+
+namespace Engine {
+
+/// Checks the enabled entries of "dirlist": their paths, exclusions, and how they lie to each
+/// other. Looks at the file system, at most at 20,000 names below all protected paths together.
+void CheckDirList(const Json::Value& content, const std::string& pointer, PolicyFindings& findings);
+
+}  // namespace Engine

@@ -1,0 +1,134 @@
+// Owns the alarms of the last minute: a burst of changes of one file gives one report. It must not
+// decide what is tampering (SentrelEvents.cpp). A report belongs to the framework once it is sent.
+// Inotify task's thread.
+#include <SentrelInotifyTask.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <framework/Message.h>
+#include <json/value.h>
+#include <sdk/CryptoCodeUtils.h>
+#include <sdk/JsonUtils.h>
+#include <sdk/Log.h>
+#include <sdk/TimeUtils.h>
+
+#include <utility>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kCacheLimit = 1024;
+constexpr std::time_t kMergeSeconds = 61;
+
+const char* ActionOf(alarm_type type) {
+    switch (type) {
+        case ALARM_ADD:
+            return "add";
+        case ALARM_DELETE:
+            return "delete";
+        case ALARM_MODIFY:
+            return "modify";
+        case ALARM_ATTRIBUTE:
+            return "attribute";
+        default:
+            return "unknown";
+    }
+}
+
+SentrelCacheMsg CacheRecord(const std::string& file_path, alarm_type type) {
+    SentrelCacheMsg record;
+    record.occur_time = SDK::TimeUtils::GetCurrentTimestampS();
+    record.count = 1;
+    record.type = type;
+    for (const alarm_type any :
+         {ALARM_ADD, ALARM_DELETE, ALARM_MODIFY, ALARM_ATTRIBUTE, ALARM_UNKNOWN}) {
+        record.type_counts[any] = 0;
+    }
+    record.file_path = file_path;
+    return record;
+}
+
+Json::Value AlarmDocument(const std::string& file_path, alarm_type type, const std::string& diff,
+                          const std::string& diff_attr) {
+    Json::Value alarm(Json::objectValue);
+    alarm["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
+    alarm["event_classid"] = "sentrel_0001";
+    alarm["event_name"] = "Linux web tamper protection";
+    alarm["occur_time"] = static_cast<Json::Int64>(SDK::TimeUtils::GetCurrentTimestampS());
+    alarm["event_category"] = 8000;
+    alarm["event_type"] = 8003;
+    alarm["severity"] = 2;
+    alarm["event_count"] = 1;
+    alarm["attack_phase"] = 4;
+    alarm["attack_tag"] = 3;
+    alarm["confidence"] = 70;
+    alarm["detect_module"] = "sentrel_module";
+    Json::Value file(Json::objectValue);
+    file["file_path"] = file_path;
+    file["action"] = ActionOf(type);
+    file["diff"] = diff;
+    file["diff_attr"] = diff_attr;
+    alarm["file_info"].append(std::move(file));
+    return alarm;
+}
+
+double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    if (start == std::chrono::steady_clock::time_point{}) return -1;
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+        .count();
+}
+
+}  // namespace
+
+bool SentrelInotifyTask::IsMessageMerged(const SentrelCacheMsg& msg) {
+    for (SentrelCacheMsg& cached : alarm_cache) {
+        if (cached.merge_key != msg.merge_key || cached.file_path != msg.file_path) continue;
+        const auto counter = cached.type_counts.find(msg.type);
+        if (counter == cached.type_counts.end()) continue;
+        ++cached.count;
+        ++counter->second;
+        return true;
+    }
+    return false;
+}
+
+void SentrelInotifyTask::AddMessageToCache(SentrelCacheMsg& msg) {
+    if (alarm_cache.size() > kCacheLimit) alarm_cache.pop_front();
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "add msg to cache: [%?d] %s", msg.occur_time,
+            msg.file_path);
+    msg.type_counts[msg.type] = 1;
+    alarm_cache.push_back(msg);
+}
+
+void SentrelInotifyTask::CleanOldMessageFromCache() {
+    const std::time_t now = clock_();
+    while (!alarm_cache.empty()) {
+        const SentrelCacheMsg& oldest = alarm_cache.front();
+        const std::time_t age =
+            now > oldest.occur_time ? now - oldest.occur_time : oldest.occur_time - now;
+        if (age < kMergeSeconds) return;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "clean old msg from cache: [%?d] %s [%?u]",
+                oldest.occur_time, oldest.file_path, oldest.count);
+        alarm_cache.pop_front();
+    }
+}
+
+void SentrelInotifyTask::SentrelSendAlarm(const std::string& file_path, alarm_type type,
+                                          const std::string& diff, const std::string& diff_attr) {
+    SentrelStatus& status = SentrelStatus::Instance();
+    SentrelCacheMsg record = CacheRecord(file_path, type);
+    if (IsMessageMerged(record)) {
+        status.Count(SentrelStatus::kAlarmsMerged);
+        return;
+    }
+    AddMessageToCache(record);
+    const std::string text =
+        SDK::JsonUtils::JsonToString(AlarmDocument(file_path, type, diff, diff_attr));
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "sentrel alarm:%s", text);
+    auto* message = new Framework::DataMessage("2", text);
+    message->SetNote({current_event_.outcome, MillisecondsSince(current_event_.read_time)});
+    const int result = SendDirectMsg("data_comm_report_task", message);
+    status.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);
+}
+
+}  // namespace Engine

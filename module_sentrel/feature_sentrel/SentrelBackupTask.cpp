@@ -1,0 +1,116 @@
+// Owns nothing: what is still to be copied are the two pending flags of SentrelUtils. It must not
+// touch the protected paths (the inotify task restores). Task's thread; a waiting policy interrupts
+// the copy that runs.
+#include <SentrelBackupTask.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <TaskSteps.h>
+#include <sdk/Log.h>
+
+#include <cstdint>
+
+namespace Engine {
+
+namespace {
+
+constexpr const char* kTaskId = "sentrel_backup_task";
+constexpr unsigned int kQueueCapacity = 1024;
+
+enum BackupType : int { kRemoteOnly = 1, kLocalAndRemote = 2, kRemoteByOthers = 3 };
+
+void YieldBeforePass() {
+    static unsigned long last_cpu_tick = 0;
+    YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
+}
+
+void YieldInPass() {
+    static unsigned long last_cpu_tick = 0;
+    YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
+}
+
+void ClearPending(std::atomic<bool>& pending) {
+    const Poco::FastMutex::ScopedLock lock(SentrelUtils::GetInstance()->mutex);
+    pending = false;
+}
+
+}  // namespace
+
+SentrelBackupTask::SentrelBackupTask()
+    : Framework::Task(kTaskId, "sentrel_feature", Framework::TaskCondition::kPeriodic,
+                      kQueueCapacity) {}
+
+bool SentrelBackupTask::Init() {
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
+    PrepareRsyncForTask();
+    return Framework::Task::Init();
+}
+
+bool SentrelBackupTask::UnInit() {
+    const bool result = Framework::Task::UnInit();
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) uninit.", Id());
+    return result;
+}
+
+int SentrelBackupTask::Run() {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (utils->backup_type == kRemoteOnly || utils->backup_type == kRemoteByOthers) {
+        SDK_LOG(ModuleLogger(), PRIO_TRACE, "remote backup not local.");
+        return 0;
+    }
+    if (!utils->local_backup_pending && !utils->remote_backup_pending) {
+        SDK_LOG(ModuleLogger(), PRIO_TRACE, "all backup ok, no need backup again.");
+        return 0;
+    }
+    YieldBeforePass();
+    std::uint64_t local_ok = 0;
+    std::uint64_t remote_ok = 0;
+    for (const SentrelDirRule& rule : utils->dir_rules) {
+        YieldInPass();
+        if (utils->local_backup_pending && BackUpLocally(rule, local_ok)) ++local_ok;
+        if (utils->backup_type == kLocalAndRemote && utils->remote_backup_pending &&
+            PushToServer(rule)) {
+            ++remote_ok;
+        }
+    }
+    if (local_ok == utils->dir_rules.size()) {
+        SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "local backup all ok.");
+        ClearPending(utils->local_backup_pending);
+    }
+    if (remote_ok == utils->dir_rules.size()) {
+        SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "remote backup all ok.");
+        ClearPending(utils->remote_backup_pending);
+    }
+    return 0;
+}
+
+bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (!utils->DoRsyncLocal(rule.real_path, rule.backup_path, rule.ignored_postfix,
+                             rule.ignored_subdir, RSYNC_BACKUP)) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "Backup (%s) to (%s) faild.", rule.real_path,
+                rule.backup_path);
+        SentrelStatus::Instance().NoteFailure(rule.real_path,
+                                              "local backup: " + utils->LastCopyError());
+        return false;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to (%s) success num(%lu).", rule.real_path,
+            rule.backup_path, succeeded_before + 1);
+    SentrelStatus::Instance().NoteLocalBackup(rule.real_path);
+    return true;
+}
+
+bool SentrelBackupTask::PushToServer(const SentrelDirRule& rule) {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    const std::string copy = rule.backup_path + rule.real_path;
+    if (!utils->DoRsyncRemote(copy, RSYNC_BACKUP)) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "Backup (%s) to remote faild.", copy);
+        SentrelStatus::Instance().NoteFailure(rule.real_path,
+                                              "remote backup: " + utils->LastCopyError());
+        return false;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to remote success.", copy);
+    SentrelStatus::Instance().NoteRemoteBackup(rule.real_path);
+    return true;
+}
+
+}  // namespace Engine

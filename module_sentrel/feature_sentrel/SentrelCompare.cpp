@@ -1,0 +1,147 @@
+// Looks at changed files and their backup copies, and describes how they differ. Reads only, never
+// writes; nothing here decides what is done about a difference. Inotify task's thread.
+#include <SentrelInotifyTask.h>
+#include <SentrelUtils.h>
+#include <sdk/DirUtils.h>
+#include <sdk/ExecuteCmdUtils.h>
+#include <sdk/FileUtils.h>
+#include <sdk/Log.h>
+#include <sdk/PathUtils.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kMaxDiff = 1024;
+constexpr int kDiffTimeoutMs = 5000;
+
+void AppendSlash(std::string& path) {
+    if (path.empty() || path.back() != '/') path += '/';
+}
+
+/// The text of one side of the attribute difference; `label` is "before" or " after".
+std::string DescribeAttributes(const char* label, const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return std::string(label) + "(uid: gid: mode: size:)";
+    std::array<char, 128> text{};
+    std::snprintf(text.data(), text.size(), "%s(uid:%u gid:%u mode:%s size:%ld)", label,
+                  info.st_uid, info.st_gid, SDK::FileUtils::StModeToStr(info.st_mode).c_str(),
+                  static_cast<long>(info.st_size));
+    return text.data();
+}
+
+bool DigestOf(const std::string& path, std::string& digest) {
+    if (SDK::FileUtils::GetFileSha256(path, digest, kDigestLimit) == 0) return true;
+    SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file %s sha256 failed.", path);
+    return false;
+}
+
+}  // namespace
+
+bool SentrelInotifyTask::HandleEventBuildStr(std::string event_path, std::string moveto_file,
+                                             bool is_dir, unsigned int mask, std::string& file1,
+                                             std::string& file2) {
+    std::string directory;
+    if (!event_path.empty()) {
+        file1 = std::move(event_path);
+        if (file1.back() == '.') return false;
+        if (is_dir) {
+            AppendSlash(file1);
+            directory = file1.substr(0, file1.size() - 1);
+        }
+    }
+    if (!moveto_file.empty()) {
+        file2 = std::move(moveto_file);
+        if (is_dir) AppendSlash(file2);
+    }
+    if ((mask & IN_DELETE) != 0) {
+        const std::string parent = SDK::PathUtils::GetDirFromPath(directory);
+        if (!parent.empty() && !SDK::DirUtils::IsDir(parent)) {
+            SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Parent dir %s maybe deleted, filePath:%s.", parent,
+                    file1);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule,
+                                           bool& exists, BackupFileInfo& info) {
+    exists = false;
+    const std::string backup = rule.backup_path + path;
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "compare file:%s, comparepath:%s", path, backup);
+    struct stat found {};
+    if (::lstat(backup.c_str(), &found) != 0) {
+        const int error = errno;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "file:%s  info:%d", backup, error);
+        return true;
+    }
+    exists = true;
+    info.size = found.st_size;
+    info.mtime = found.st_mtime;
+    info.mode = SDK::FileUtils::StModeToStr(found.st_mode);
+    return S_ISDIR(found.st_mode) || DigestOf(backup, info.sha256);
+}
+
+bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const BackupFileInfo& info) {
+    struct stat found {};
+    if (::lstat(file.c_str(), &found) != 0) return true;
+    if (found.st_size != info.size) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s size (%u) not matched with (%u). ", file,
+                static_cast<unsigned int>(found.st_size), static_cast<unsigned int>(info.size));
+        return true;
+    }
+    if (found.st_mtime != info.mtime) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s mtime (%d) not matched with (%d). ", file,
+                static_cast<int>(found.st_mtime), static_cast<int>(info.mtime));
+        return true;
+    }
+    const std::string mode = SDK::FileUtils::StModeToStr(found.st_mode);
+    if (mode != info.mode) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s attr (%s) not matched with (%s). ", file, mode,
+                info.mode);
+        return true;
+    }
+    if (S_ISDIR(found.st_mode)) return false;
+    std::string digest;
+    SDK::FileUtils::GetFileSha256(file, digest, kDigestLimit);  // unreadable: an empty digest
+    if (digest == info.sha256) return false;
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s sha256 (%s) not matched with (%s). ", file, digest,
+            info.sha256);
+    return true;
+}
+
+std::string SentrelInotifyTask::HandleFileAttrDiff(const std::string& backup,
+                                                   const std::string& changed) {
+    std::string diff_attr = DescribeAttributes("before", backup);
+    diff_attr += DescribeAttributes(" after", changed);
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "backup: %s, changed:%s, diff_attr:%s.", backup, changed,
+            diff_attr);
+    return diff_attr;
+}
+
+std::string SentrelInotifyTask::HandleFileContentDiff(const std::string& backup,
+                                                      const std::string& changed) {
+    std::string output;
+    if (!SDK::FileUtils::IsFile(changed) || SDK::FileUtils::IsFileElf(changed)) return output;
+    if (!SDK::FileUtils::IsFile(backup)) {
+        const int result = SDK::FileUtils::ReadFile(changed, output, kMaxDiff);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "read(%s) -> [%d] [%?d]", changed, result,
+                output.size());
+        return output;
+    }
+    int exit_code = 0;
+    const int result = SDK::ExecuteCmdUtils::ExecuteCmd(
+        "/usr/bin/diff", {"-bBi", changed, backup}, kDiffTimeoutMs, exit_code, output, kMaxDiff);
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "diff(%s, %s) -> [%d] [%d] [%?d]", changed, backup, result,
+            exit_code, output.size());
+    return output;
+}
+
+}  // namespace Engine

@@ -1,0 +1,241 @@
+// Decides for every change whether it is tampering, and undoes it. An event is only a hint: what
+// counts is the file as it is now against its backup copy. Keeps nothing between events but the
+// alarm cache (SentrelAlarms.cpp); copying is rsync's (SentrelUtils). Inotify task's thread.
+#include <SentrelInotifyTask.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <module_filenotify/FileNotifyMessage.h>
+#include <sdk/DirUtils.h>
+#include <sdk/FileUtils.h>
+#include <sdk/Log.h>
+#include <sdk/PathUtils.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::uint32_t kMoved = IN_MOVED_FROM | IN_MOVED_TO;
+constexpr std::uint32_t kArrived = IN_CREATE | IN_MOVED_TO;
+
+bool BeginsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+bool EndsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+void AppendSlash(std::string& path) {
+    if (path.empty() || path.back() != '/') path += '/';
+}
+
+/// The last component; of a directory as well, whose path ends in "/".
+std::string FileName(const std::string& file) {
+    const std::size_t last = file.find_last_not_of('/');
+    if (last == std::string::npos) return file;
+    const std::size_t slash = file.rfind('/', last);
+    const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
+    return file.substr(begin, last + 1 - begin);
+}
+
+alarm_type AlarmTypeOf(std::uint32_t mask) {
+    if ((mask & IN_ATTRIB) != 0) return ALARM_ATTRIBUTE;
+    if ((mask & (IN_DELETE | kMoved)) != 0) return ALARM_DELETE;
+    return ALARM_MODIFY;
+}
+
+/// The directory that a rule's exclusions are relative to. Names a root given without its "/".
+std::string AdjustToRule(const SentrelDirRule& rule, std::string& file) {
+    if (rule.is_file) {
+        std::string directory = SDK::PathUtils::GetDirFromPath(rule.real_path);
+        AppendSlash(directory);
+        return directory;
+    }
+    if (!EndsWith(file, "/") && file + "/" == rule.real_path) {
+        file += '/';
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "edit root path %s ", file);
+    }
+    return rule.real_path;
+}
+
+}  // namespace
+
+void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
+    if (!SentrelUtils::GetInstance()->is_run || msg == nullptr) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "inot not run");
+        return;
+    }
+    current_event_ = CurrentEvent();
+    current_event_.read_time = msg->GetReadTime();
+    const std::uint32_t mask = msg->GetEventMask();
+    const bool is_dir = (msg->GetRawMask() & IN_ISDIR) != 0;
+    const std::string& watch_file = msg->GetWatchFile();
+    std::string file1;
+    std::string file2;
+    if (!HandleEventBuildStr(msg->GetEventFilePath(), msg->GetMovetoFile(), is_dir, mask, file1,
+                             file2)) {
+        return;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG,
+            "WatchFile %s, file1 (%s), file2 (%s), dir (%s), optype (0x%x)", watch_file, file1,
+            file2, std::string(is_dir ? "true" : "false"), mask);
+    const auto found = watch_rules.find(watch_file);
+    if (found == watch_rules.end()) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Find watch file (%s) faild.", watch_file);
+        return;
+    }
+    const SentrelDirRule& rule = found->second;
+    const std::string rule_path = AdjustToRule(rule, file1);
+    // A restore of "" would be one of the whole file system.
+    if (file1.empty() || !HandleMoveEvent(rule, msg, file1)) return;
+    HandleFileEvent(rule, rule_path, mask, file1);
+}
+
+bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyMessage* msg,
+                                         const std::string& path) {
+    if (path.empty() || (msg->GetEventMask() & kMoved) == 0) return true;
+    if (IsMoveIgnored(rule, path)) return true;
+    bool exists = false;
+    BackupFileInfo info;
+    if (!GetBackupFileInfo(path, rule, exists, info)) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", path);
+        return false;
+    }
+    AutoRestoreFile(rule, exists, !exists, path);
+    RaiseAlarm(rule, path, exists ? ALARM_MODIFY : ALARM_ADD);
+    return true;
+}
+
+bool SentrelInotifyTask::IsMoveIgnored(const SentrelDirRule& rule, const std::string& path) {
+    bool ignored = false;
+    if (!rule.is_file) {
+        for (const std::string& subdir : rule.ignored_subdir) {
+            if (!BeginsWith(path, rule.real_path + subdir)) continue;
+            SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is a ignored.", path);
+            ignored = true;
+        }
+    }
+    for (const std::string& prefix : SentrelUtils::GetInstance()->other_rule_prefixes) {
+        if (!BeginsWith(path, prefix)) continue;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in other rules.", path);
+        ignored = true;
+    }
+    return ignored;
+}
+
+void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::string& rule_path,
+                                         std::uint32_t mask, const std::string& file) {
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check file %s.", file);
+    if (IsIgnored(rule, rule_path, file)) return;
+    bool exists = false;
+    BackupFileInfo info;
+    if (!GetBackupFileInfo(file, rule, exists, info)) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", file);
+        return;
+    }
+    if (!exists) {
+        HandleUnknownFile(rule, mask, file);
+        return;
+    }
+    if (!DiffersFromBackup(file, info)) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
+        return;
+    }
+    AutoRestoreFile(rule, true, (mask & kArrived) != 0, file);
+    RaiseAlarm(rule, file, AlarmTypeOf(mask));
+}
+
+bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string& rule_path,
+                                   const std::string& file) {
+    for (const std::string& subdir : rule.ignored_subdir) {
+        const std::string full = rule_path + subdir;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG,
+                "HandleEventMainFile1 check ignore dir real:%s, full:%s.", subdir, full);
+        if (!BeginsWith(file, full)) continue;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is a ignored %s.", file, subdir);
+        return true;
+    }
+    for (const std::string& prefix : SentrelUtils::GetInstance()->other_rule_prefixes) {
+        if (!BeginsWith(file, prefix)) continue;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in other rules %s.", file, prefix);
+        return true;
+    }
+    const std::string name = FileName(file);
+    for (const std::string& postfix : rule.ignored_postfix) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check ext:%s, fileName:%s.",
+                postfix, name);
+        if (!EndsWith(name, postfix)) continue;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in ext rules %s.", file, postfix);
+        return true;
+    }
+    return false;
+}
+
+void SentrelInotifyTask::HandleUnknownFile(const SentrelDirRule& rule, std::uint32_t mask,
+                                           const std::string& file) {
+    if ((mask & IN_DELETE) != 0) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s deleted by update or restore.", file);
+        return;
+    }
+    AutoRestoreFile(rule, false, (mask & kArrived) != 0, file);
+    RaiseAlarm(rule, file, ALARM_ADD);
+}
+
+void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
+                                         const std::string& path) {
+    if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return;
+    if (restore) {
+        RestoreFromBackup(rule, path);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "auto restore %s ", path);
+    } else if (remove) {
+        RemoveForeign(path);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "delete : %s", path);
+    }
+}
+
+void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std::string& path) {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    SentrelStatus& status = SentrelStatus::Instance();
+    if (utils->DoRsyncLocal(path, rule.backup_path, rule.ignored_postfix, rule.ignored_subdir,
+                            RSYNC_RESTORE)) {
+        current_event_.outcome = "restored";
+        status.Count(SentrelStatus::kRestoresDone);
+        return;
+    }
+    current_event_.outcome = "restore failed";
+    status.Count(SentrelStatus::kRestoresFailed);
+    status.NoteFailure(rule.real_path, "restore of " + path + ": " + utils->LastCopyError());
+}
+
+void SentrelInotifyTask::RemoveForeign(const std::string& path) {
+    const bool removed = SDK::DirUtils::IsDir(path) ? SDK::DirUtils::DeleteDir(path) == 0
+                                                    : SDK::FileUtils::TalDeleteFile(path) == 0;
+    if (removed) {
+        current_event_.outcome = "removed";
+        SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
+        return;
+    }
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0 && errno == ENOENT) return;  // it went by itself
+    current_event_.outcome = "removal failed";
+    SentrelStatus::Instance().Count(SentrelStatus::kRemovalsFailed);
+}
+
+void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::string& file,
+                                    alarm_type type) {
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    const std::string backup = rule.backup_path + file;
+    std::string diff;
+    std::string diff_attr;
+    if (utils->diff_content) diff = HandleFileContentDiff(backup, file);
+    if (utils->diff_attr) diff_attr = HandleFileAttrDiff(backup, file);
+    SentrelSendAlarm(file, type, diff, diff_attr);
+}
+
+}  // namespace Engine

@@ -1,0 +1,130 @@
+#pragma once
+
+#include <SentrelDirRule.h>
+#include <framework/Task.h>
+#include <module_filenotify/AbstractMessageReceiver.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <map>
+#include <string>
+
+namespace Engine {
+
+class FileNotifyMessage;
+
+/// What kind of change an alarm tells.
+enum alarm_type : int {
+    ALARM_ADD = 0,
+    ALARM_DELETE = 1,
+    ALARM_MODIFY = 2,
+    ALARM_ATTRIBUTE = 3,
+    ALARM_UNKNOWN = 4,
+};
+
+/// One recent alarm; repeats for the same file are counted into it.
+struct SentrelCacheMsg {
+    std::time_t occur_time = 0;
+    unsigned long count = 0;  ///< alarms that this entry stands for
+    alarm_type type = ALARM_UNKNOWN;
+    std::map<alarm_type, unsigned long> type_counts;
+    std::string file_path;
+    unsigned int merge_key = 0;
+};
+
+/// Watches the protected paths and decides, for every change, whether it is tampering; restores and
+/// raises alarms. Owned by the module. Everything runs on the task's own thread, so the members
+/// need no lock; `alarm_cache` outlives registrations, the watches do not.
+class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceiver {
+  public:
+    using Clock = std::time_t (*)();
+
+    SentrelInotifyTask();
+
+    bool Init() override;
+    bool UnInit() override;
+    /// One cycle: work-time gate, at most a second of waiting, at most 128 events, ageing of the
+    /// alarm cache. Always 0.
+    int Run() override;
+
+    /// One change, as the file-notify module delivers it. Restoring blocks until rsync has ended.
+    void FileNotifyMessageAction(FileNotifyMessage* msg) override;
+
+    // Watches.
+    void AddFileNotifyWatches();
+    void RmvFileNotifyWatches();
+    /// The watch id; empty when the file-notify task did not give one.
+    std::string HandleFileNotifyWatch(bool remove, const std::string& path);
+
+    // Events (SentrelEvents.cpp).
+    /// False: the event needs no further handling.
+    bool HandleMoveEvent(const SentrelDirRule& rule, FileNotifyMessage* msg,
+                         const std::string& path);
+    /// Restores, or else removes, as asked; nothing when the policy says so. Notes in the current
+    /// event what came of it.
+    void AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
+                         const std::string& path);
+
+    // Comparison (SentrelCompare.cpp).
+    /// What a file is compared with.
+    struct BackupFileInfo {
+        off_t size = 0;
+        std::time_t mtime = 0;
+        std::string mode;
+        std::string sha256;  ///< empty for a directory
+    };
+    /// False when the backup copy is there but cannot be read.
+    bool GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule, bool& exists,
+                           BackupFileInfo& info);
+    /// False: the event is not to be handled.
+    bool HandleEventBuildStr(std::string event_path, std::string moveto_file, bool is_dir,
+                             unsigned int mask, std::string& file1, std::string& file2);
+    std::string HandleFileAttrDiff(const std::string& backup, const std::string& changed);
+    /// At most 1024 bytes; blocks for at most five seconds. Empty for what is no text file.
+    std::string HandleFileContentDiff(const std::string& backup, const std::string& changed);
+
+    // Alarms (SentrelAlarms.cpp).
+    bool IsMessageMerged(const SentrelCacheMsg& msg);
+    void AddMessageToCache(SentrelCacheMsg& msg);
+    void CleanOldMessageFromCache();
+    void SentrelSendAlarm(const std::string& file_path, alarm_type type, const std::string& diff,
+                          const std::string& diff_attr);
+
+    // Work time (SentrelWorkTime.cpp).
+    /// `sec` is the minute of the day. True: protection works then; also for arguments out of
+    /// range.
+    bool SentrelCheckWork(int weekday, int sec);
+    void CheckDisableTime();
+
+    /// Another source of the present time, for tests; never null.
+    void SetClock(Clock clock) { clock_ = clock; }
+
+    std::map<std::string, SentrelDirRule> watch_rules;  ///< by watch id
+    std::list<SentrelCacheMsg> alarm_cache;             ///< the front is the oldest
+
+  private:
+    /// What was done about the event that is being handled.
+    struct CurrentEvent {
+        std::chrono::steady_clock::time_point read_time{};  ///< zero: not known
+        std::string outcome = "reported only";
+    };
+
+    void HandleFileEvent(const SentrelDirRule& rule, const std::string& rule_path,
+                         std::uint32_t mask, const std::string& file);
+    bool IsIgnored(const SentrelDirRule& rule, const std::string& rule_path,
+                   const std::string& file);
+    bool IsMoveIgnored(const SentrelDirRule& rule, const std::string& path);
+    void HandleUnknownFile(const SentrelDirRule& rule, std::uint32_t mask, const std::string& file);
+    bool DiffersFromBackup(const std::string& file, const BackupFileInfo& info);
+    void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
+    void RemoveForeign(const std::string& path);
+    void RaiseAlarm(const SentrelDirRule& rule, const std::string& file, alarm_type type);
+
+    CurrentEvent current_event_;
+    Clock clock_;
+};
+
+}  // namespace Engine

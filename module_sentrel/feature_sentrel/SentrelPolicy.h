@@ -1,0 +1,39 @@
+#pragma once
+
+#include <framework/FeaturePolicy.h>
+#include <json/value.h>
+
+#include <string>
+
+namespace Engine {
+
+/// Turns a protection policy into the module's settings (SentrelUtils); keeps nothing itself.
+/// Framework thread, with the module's gate held alone.
+class SentrelFeaturePolicy : public Framework::FeaturePolicy {
+  public:
+    explicit SentrelFeaturePolicy(const std::string& name);
+
+    /// True when the document was accepted. On false, what was written before the failure stays.
+    /// Throws std::out_of_range for an empty "filepath" or "ignored_subdir" element.
+    bool Parse(const std::string& text) override;
+
+    /// False, and the setting emptied, when the URL or the hash has no valid length.
+    bool ParseRsyncPolicy(const Json::Value& content);
+    /// Replaces the rules when "dirlist" is there; an entry whose path cannot be protected now is
+    /// logged and skipped.
+    void ParseDirList(const Json::Value& content, int backup_type);
+    void ParseDisableTime(const Json::Value& content);
+    /// Disables the minutes of a range such as "22:00-06:30", both ends included, in addition to
+    /// those disabled before. What is no range changes nothing.
+    void SetDisableWorkTime(const std::string& range);
+    void ParseDiffPolicy(const Json::Value& content);
+};
+
+/// The task policy of the inotify task, which has none of its own.
+class SentrelInotifyTaskPolicy : public Framework::TaskPolicy {
+  public:
+    explicit SentrelInotifyTaskPolicy(const std::string& name);
+    bool Parse(const std::string& text) override;
+};
+
+}  // namespace Engine

@@ -1,0 +1,144 @@
+#include <PolicyContentCheck.h>
+#include <PolicyDirListCheck.h>
+#include <PolicyKeyCheck.h>
+#include <SentrelPolicyCheck.h>
+#include <sdk/JsonUtils.h>
+
+namespace Engine {
+
+namespace {
+
+using Type = PolicyKey::Type;
+using SDK::JsonUtils;
+
+constexpr std::size_t kMaxDocument = 4 * 1024 * 1024;
+constexpr const char* kContent = "/content";
+
+const std::vector<PolicyKey>& DocumentKeys() {
+    static const std::vector<PolicyKey> keys = {{"enabled", Type::kBool},
+                                                {"content", Type::kObject}};
+    return keys;
+}
+
+const std::vector<PolicyKey>& ProtectionKeys() {
+    static const std::vector<PolicyKey> keys = {
+        {"os_type", Type::kInt},           {"backup_type", Type::kInt},
+        {"backup_port", Type::kInt},       {"backup_addr", Type::kString},
+        {"distime_enable", Type::kBool},   {"disable_timerange", Type::kStringArray},
+        {"disable_week", Type::kIntArray}, {"dirlist", Type::kObjectArray},
+        {"diff_content", Type::kBool},     {"diff_attr", Type::kBool},
+        {"monitor_only", Type::kBool},
+    };
+    return keys;
+}
+
+const std::vector<PolicyKey>& BackupServerKeys() {
+    static const std::vector<PolicyKey> keys = {
+        {"backupserver_ip", Type::kString},
+        {"backupserver_port", Type::kInt},
+        {"backupserver_path", Type::kString},
+        {"os_type", Type::kInt},
+    };
+    return keys;
+}
+
+const std::vector<PolicyKey>& EntryKeys() {
+    static const std::vector<PolicyKey> keys = {
+        {"enable", Type::kBool},
+        {"auto_restore", Type::kBool},
+        {"filepath", Type::kString},
+        {"backup_path", Type::kString},
+        {"ignored_postfix", Type::kStringArray},
+        {"ignored_subdir", Type::kStringArray},
+    };
+    return keys;
+}
+
+/// False when nothing more can be said about the document.
+bool ReadDocument(const std::string& text, Json::Value& root, PolicyFindings& findings) {
+    if (text.size() > kMaxDocument) {
+        findings.Error("", "the document is larger than 4 MiB");
+        return false;
+    }
+    std::string error;
+    if (JsonUtils::ParseJsonStr(text.c_str(), text.size(), root, error) != 0) {
+        findings.Error("", "no readable JSON: " + error);
+        return false;
+    }
+    if (root.isObject()) return true;
+    findings.Error("", "must be an object");
+    return false;
+}
+
+void CheckEntryKeys(const Json::Value& content, PolicyFindings& findings) {
+    Json::Value list;
+    if (!JsonUtils::GetArrayValue(content, "dirlist", list)) return;
+    const std::string base = PointerTo(kContent, "dirlist");
+    for (Json::ArrayIndex at = 0; at < list.size(); ++at) {
+        if (!list[at].isObject()) continue;
+        CheckKeys(list[at], PointerTo(base, at), EntryKeys(), ProtectionKeys(), findings);
+    }
+}
+
+/// Keys and types; `content` is the object of that name. False when the feature goes off by this
+/// document, or its parts cannot be looked at.
+bool CheckFrame(const Json::Value& root, const std::vector<PolicyKey>& content_keys,
+                const std::vector<PolicyKey>& entry_keys, Json::Value& content,
+                PolicyFindings& findings) {
+    CheckKeys(root, "", DocumentKeys(), content_keys, findings);
+    const bool has_content = JsonUtils::GetSubobjectValue(root, "content", content);
+    if (has_content) CheckKeys(content, kContent, content_keys, entry_keys, findings);
+    if (!JsonUtils::GetBoolValue(root, "enabled", false)) return false;
+    if (!root.isMember("content")) findings.Error(kContent, "is missing");
+    return has_content;
+}
+
+}  // namespace
+
+PolicyFindings SentrelPolicyCheck::CheckProtection(const std::string& text) {
+    PolicyFindings findings;
+    Json::Value root;
+    Json::Value content;
+    if (!ReadDocument(text, root, findings)) return findings;
+    const bool on = CheckFrame(root, ProtectionKeys(), EntryKeys(), content, findings);
+    if (content.isObject()) CheckEntryKeys(content, findings);
+    if (!on) return findings;
+    CheckOsType(content, kContent, findings);
+    CheckRsyncSource(content, kContent, findings);
+    CheckRemoteBackup(content, kContent, findings);
+    CheckSchedule(content, kContent, findings);
+    CheckDirList(content, kContent, findings);
+    return findings;
+}
+
+PolicyFindings SentrelPolicyCheck::CheckBackupServer(const std::string& text) {
+    PolicyFindings findings;
+    Json::Value root;
+    Json::Value content;
+    if (!ReadDocument(text, root, findings)) return findings;
+    if (!CheckFrame(root, BackupServerKeys(), {}, content, findings)) return findings;
+    CheckRsyncSource(content, kContent, findings);
+    CheckReceivingSide(content, kContent, findings);
+    return findings;
+}
+
+Json::Value SentrelPolicyCheck::Answer(
+    const Json::Value& request, const std::function<PolicyFindings(const std::string&)>& check) {
+    const PolicyFindings findings = check(JsonUtils::GetStringValue(request, "text", ""));
+    const auto list = [](const std::vector<PolicyFinding>& of) {
+        Json::Value array(Json::arrayValue);
+        for (const PolicyFinding& finding : of) {
+            Json::Value entry(Json::objectValue);
+            entry["pointer"] = finding.pointer;
+            entry["message"] = finding.message;
+            array.append(std::move(entry));
+        }
+        return array;
+    };
+    Json::Value answer(Json::objectValue);
+    answer["errors"] = list(findings.errors);
+    answer["warnings"] = list(findings.warnings);
+    return answer;
+}
+
+}  // namespace Engine

@@ -1,0 +1,79 @@
+// Starts, finds and stops the rsync daemon of a backup server. It must not write the daemon's
+// configuration (BackUpServerPolicy does) nor decide when it runs (BackUpServerTask does).
+// Stopping blocks the caller for up to 13 seconds, in whole seconds.
+#include <SentrelUtils.h>
+#include <sdk/ExecuteCmdUtils.h>
+#include <sdk/FileUtils.h>
+#include <sdk/Log.h>
+#include <sdk/ProcessUtils.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kMaxOutput = 4096;
+constexpr long kMaxPidFile = 10485760;
+constexpr int kKillWaits = 10;
+constexpr unsigned int kSettleSeconds = 3;  ///< for the port to be free again
+
+/// Kills the process and waits for its end; false when it cannot be had away.
+bool KillAndWait(int pid) {
+    if (::kill(pid, SIGKILL) != 0) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "kill pid %d failed.", pid);
+        return false;
+    }
+    const auto process = static_cast<unsigned int>(pid);
+    bool alive = true;
+    for (int waits = 0; waits < kKillWaits; ++waits) {
+        alive = SDK::ProcessUtils::IsProcessAlive(process);
+        if (!alive) break;
+        ::sleep(1);
+        alive = SDK::ProcessUtils::IsProcessAlive(process);
+    }
+    if (alive) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "kill pid %u use more than 10s", process);
+        return false;
+    }
+    ::sleep(kSettleSeconds);
+    return true;
+}
+
+}  // namespace
+
+bool SentrelUtils::RunRsyncDaemon(const std::string& conf_path) {
+    const std::string command = install_path + "bin/rsync --daemon --config=" + conf_path;
+    std::string output;
+    SDK::ExecuteCmdUtils::ExecuteCmd(command, output, kMaxOutput);
+    // Only an empty output is searched, so a start never counts as failed here: whether the daemon
+    // lives is seen from its pid file at the next pass.
+    if (output.empty() && output.find("failed") != std::string::npos) {
+        SDK_LOG(GetLogger(), PRIO_ERROR, "Exec cmd [%s] failed, info:%s.", command, output);
+        return false;
+    }
+    SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command);
+    return true;
+}
+
+bool SentrelUtils::GetRsyncRunningPid(const std::string& pid_file, int& pid) {
+    std::string text;
+    if (SDK::FileUtils::ReadFile(pid_file, text, kMaxPidFile) != 0) return false;
+    pid = static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+    if (pid <= 0) return false;
+    return SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(pid));
+}
+
+bool SentrelUtils::DoStopRsyncDeamon() {
+    const std::string pid_file = install_path + "bin/morvane_rsyncd.pid";
+    int pid = 0;
+    if (GetRsyncRunningPid(pid_file, pid) && !KillAndWait(pid)) return false;
+    if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
+        SDK_LOG(GetLogger(), PRIO_TRACE, "remove file: %s", pid_file);
+    }
+    return true;
+}
+
+}  // namespace Engine

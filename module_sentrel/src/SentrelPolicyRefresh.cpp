@@ -1,0 +1,157 @@
+// Decides what a pushed policy does to the tasks. It must not keep whether a feature is on: the
+// framework's registry of tasks is the only record. A policy object that was applied belongs to the
+// framework's registry of feature policies; one that failed is deleted here. Framework thread, with
+// the module's gate held alone.
+#include <BackUpServerPolicy.h>
+#include <BackUpServerTask.h>
+#include <SentrelBackupTask.h>
+#include <SentrelInotifyTask.h>
+#include <SentrelModule.h>
+#include <SentrelPolicy.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <json/value.h>
+#include <sdk/JsonUtils.h>
+#include <sdk/Log.h>
+
+#include <new>
+
+namespace Engine {
+
+namespace {
+
+constexpr const char* kParseFailed = "parse feature policy failed.";
+constexpr const char* kApplyFailed = "apply feature resource failed.";
+constexpr Framework::TaskCondition::Condition kStallLimit = {Framework::TaskCondition::kStallLimit,
+                                                             120};
+
+void ReportParseFailure(const std::string& feature) {
+    SDK_LOG(ModuleLogger(), PRIO_ERROR, "parse feature policy failed [%s].", feature);
+    SentrelUtils::GetInstance()->SendExceptionMsg(feature, kParseFailed);
+}
+
+void ReportApplyFailure(const std::string& feature) {
+    SDK_LOG(ModuleLogger(), PRIO_ERROR, "apply feature resource failed [%s].", feature);
+    SentrelUtils::GetInstance()->SendExceptionMsg(feature, kApplyFailed);
+}
+
+void LimitStalls(Framework::Task& task) {
+    task.SetTaskCondition(kStallLimit);
+    task.SetConditionInForce(true);
+}
+
+}  // namespace
+
+int SentrelModule::RefreshFeaturePolicy(const std::string& featureName,
+                                        const std::string& policyJson, Framework::Policy*& policy) {
+    int result = 0;
+    if (featureName == "sentrel_feature") {
+        result = RefreshFeaturePolicyInotify(featureName, policyJson);
+    } else if (featureName == "backupserver_feature") {
+        result = RefreshFeaturePolicyBackUpServer(featureName, policyJson);
+    }
+    if (policy != nullptr) policy->SetHandled(true);
+    return result;
+}
+
+int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
+                                               const std::string& policyJson) {
+    Json::Value root;
+    if (SDK::JsonUtils::ParseJsonStr(policyJson.c_str(), policyJson.size(), root) != 0) {
+        ReportParseFailure(featureName);
+        return 0;
+    }
+    if (!SDK::JsonUtils::GetBoolValue(root, "enabled", false)) {
+        RefreshFeaturePolicyInotifyFailed(nullptr);
+        SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
+        return 0;
+    }
+    auto* fp = new (std::nothrow) SentrelFeaturePolicy(featureName);
+    if (fp == nullptr) {
+        RefreshFeaturePolicyInotifyFailed(nullptr);
+        ReportApplyFailure(featureName);
+        return 0;
+    }
+    if (!fp->Parse(policyJson)) {
+        ReportParseFailure(featureName);
+        RefreshFeaturePolicyInotifyFailed(fp);
+        return 0;
+    }
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (utils->dir_rules.empty()) {
+        SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "rule list is empty, disable feature [%s].",
+                featureName);
+        RefreshFeaturePolicyInotifyFailed(fp);
+        return 0;
+    }
+    utils->SetInotifyMaxUserWatches();
+    ProcSentrelRegisterTask();
+    utils->SendStatusMsg("sentrel_feature", "SentrelInotifyTask", "protect");
+    return 1;
+}
+
+int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureName,
+                                                    const std::string& policyJson) {
+    Json::Value root;
+    if (SDK::JsonUtils::ParseJsonStr(policyJson.c_str(), policyJson.size(), root) != 0) {
+        ReportParseFailure(featureName);
+        return 0;
+    }
+    if (!SDK::JsonUtils::GetBoolValue(root, "enabled", false)) {
+        RefreshFeaturePolicyBackUpServer(nullptr);
+        SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
+        return 0;
+    }
+    auto* fp = new (std::nothrow) BackUpServerPolicy(featureName);
+    if (fp == nullptr) {
+        ReportApplyFailure(featureName);
+        RefreshFeaturePolicyBackUpServer(nullptr);
+        return 0;
+    }
+    if (!fp->Parse(policyJson)) {
+        ReportParseFailure(featureName);
+        RefreshFeaturePolicyBackUpServer(fp);
+        return 0;
+    }
+    UnRegisterTask("sentrel_backupserver_task");
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+    LimitStalls(*m_pBackUpServerTask);
+    m_pBackUpServerTask->duplicate();
+    RegisterTask(m_pBackUpServerTask, false);
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "register backup server task.");
+    return 1;
+}
+
+void SentrelModule::ProcSentrelRegisterTask() {
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    UnRegisterTask("sentrel_inotify_task");
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister sentrel task.");
+    SentrelStatus::Instance().SetProtectionOn(utils->monitor_only, utils->backup_type,
+                                              utils->dir_rules);
+    m_pInotifyTask->duplicate();
+    RegisterTask(m_pInotifyTask, false);
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "register sentrel task.");
+    UnRegisterTask("sentrel_backup_task");
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup task.");
+    LimitStalls(*m_pBackupTask);
+    m_pBackupTask->duplicate();
+    RegisterTask(m_pBackupTask, false);
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "register backup task.");
+}
+
+void SentrelModule::RefreshFeaturePolicyInotifyFailed(Framework::Policy* policy) {
+    UnRegisterTask("sentrel_inotify_task");
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister sentrel task.");
+    UnRegisterTask("sentrel_backup_task");
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup task.");
+    SentrelStatus::Instance().SetProtectionOff();
+    delete policy;
+}
+
+void SentrelModule::RefreshFeaturePolicyBackUpServer(Framework::Policy* policy) {
+    UnRegisterTask("sentrel_backupserver_task");
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+    delete policy;
+}
+
+}  // namespace Engine

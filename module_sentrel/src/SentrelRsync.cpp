@@ -1,0 +1,122 @@
+// Builds and runs the rsync commands. It must not decide what is copied when (the tasks do) nor
+// quote: file names go on the command line as they stand, and what it cannot carry is refused or
+// pointed out when a policy is checked. Keeps no state but each thread's last error.
+#include <SentrelUtils.h>
+#include <framework/ConfigManager.h>
+#include <sdk/ExecuteCmdUtils.h>
+#include <sdk/Log.h>
+#include <sdk/PathUtils.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kMaxOutput = 4096;
+
+std::string& ThreadError() {
+    thread_local std::string text;
+    return text;
+}
+
+std::string FirstLine(const std::string& text) {
+    return text.substr(0, text.find('\n'));
+}
+
+std::string DescribeFailure(int result, const std::string& output) {
+    switch (result) {
+        case SDK::ExecuteCmdUtils::kInterrupted:
+            return "rsync was interrupted";
+        case SDK::ExecuteCmdUtils::kStartFailed:
+            return "rsync could not be started";
+        case SDK::ExecuteCmdUtils::kKilledBySignal:
+            return "rsync was killed";
+        default:
+            break;
+    }
+    return "rsync ended with " + std::to_string(result) + ": " + FirstLine(output);
+}
+
+std::string Exclusions(const std::list<std::string>& ignored_postfix,
+                       const std::list<std::string>& ignored_subdir) {
+    std::string options;
+    for (const std::string& postfix : ignored_postfix) {
+        options += " --exclude \"*" + postfix + "\" ";
+    }
+    for (const std::string& subdir : ignored_subdir) {
+        options += " --exclude \"" + subdir + "\" ";
+    }
+    return options;
+}
+
+/// Source and destination of a restore; false when there is no backup copy.
+bool RestoreArguments(const std::string& src, const std::string& dst, std::string& arguments) {
+    std::string target = src;
+    const std::string backup = dst + target;
+    struct stat info {};
+    if (::lstat(backup.c_str(), &info) != 0) {
+        const int error = errno;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "file:%s  info:%d", backup, error);
+        ThreadError() = "no backup copy " + backup + ": " + std::strerror(error);
+        return false;
+    }
+    if (S_ISDIR(info.st_mode) && (target.empty() || target.back() != '/')) target += '/';
+    arguments = dst + target + " " + target + " ";
+    return true;
+}
+
+}  // namespace
+
+bool SentrelUtils::DoRsyncLocal(const std::string& src, const std::string& dst,
+                                const std::list<std::string>& ignored_postfix,
+                                const std::list<std::string>& ignored_subdir, rsync_mode mode) {
+    std::string command = SDK::PathUtils::GetInstallationPath() + "bin/rsync" +
+                          " -az -H -X --links --delete-excluded --temp-dir=/tmp " +
+                          Exclusions(ignored_postfix, ignored_subdir);
+    if (mode == RSYNC_BACKUP) {
+        command += " -R " + src + " " + dst + " ";
+    } else {
+        std::string arguments;
+        if (!RestoreArguments(src, dst, arguments)) return false;
+        command += arguments;
+    }
+    return RunCopy(command);
+}
+
+bool SentrelUtils::DoRsyncRemote(const std::string& src, [[maybe_unused]] rsync_mode mode) {
+    const std::string install = SDK::PathUtils::GetInstallationPath();
+    std::string command = install + "bin/rsync" +
+                          " -az -H -X -R --links --delete-excluded --password-file=" + install +
+                          "conf/rsync_client.secrets";
+    if (backup_port != 0) command += " --port " + std::to_string(backup_port);
+    command += " " + src + " morvane_agent@" + backup_addr + "::morvane_agent/";
+    const std::string agent_id = Framework::ConfigManager::GetInstance().GetAgentId();
+    if (agent_id.empty()) {
+        SDK_LOG(GetLogger(), PRIO_DEBUG, "agentid pok.");
+        ThreadError() = "the agent has no id";
+        return false;
+    }
+    command += agent_id + " ";
+    return RunCopy(command);
+}
+
+bool SentrelUtils::RunCopy(const std::string& command) {
+    std::string output;
+    const int result = SDK::ExecuteCmdUtils::ExecuteCmd(command, output, kMaxOutput);
+    if (result != 0 || output.find("error") != std::string::npos) {
+        SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] failed, infor:%s.", command, output);
+        ThreadError() = DescribeFailure(result, output);
+        return false;
+    }
+    SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command);
+    ThreadError().clear();
+    return true;
+}
+
+std::string SentrelUtils::LastCopyError() const {
+    return ThreadError();
+}
+
+}  // namespace Engine

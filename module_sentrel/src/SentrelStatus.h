@@ -1,0 +1,89 @@
+#pragma once
+
+#include <SentrelDirRule.h>
+#include <json/value.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Engine {
+
+/// What the module tells about itself: counters, and snapshots of what its tasks last knew.
+///
+/// The tasks and the policy callbacks write, the status query reads; any thread. Reset takes
+/// everything back. It never influences what the module does.
+class SentrelStatus {
+  public:
+    static SentrelStatus& Instance();
+
+    enum Counter : std::size_t {
+        kRestoresDone,
+        kRestoresFailed,
+        kRemovalsDone,
+        kRemovalsFailed,
+        kAlarmsSent,
+        kAlarmsMerged,
+        kAlarmsLost,  ///< no report task took them
+        kCounterCount,
+    };
+
+    /// A path as the inotify task watches it.
+    struct ProtectedPath {
+        std::string watch_id;  ///< empty when the watch was refused
+        SentrelDirRule rule;
+    };
+
+    void Count(Counter counter) { counters_[counter].fetch_add(1, std::memory_order_relaxed); }
+
+    /// The protection was switched on with these settings; what is known of other paths is dropped.
+    void SetProtectionOn(bool monitor_only, int backup_type,
+                         const std::list<SentrelDirRule>& rules);
+    void SetProtectionOff();
+
+    void PublishPaths(std::vector<ProtectedPath> paths);
+    void ClearPaths() { PublishPaths({}); }
+
+    void NoteLocalBackup(const std::string& real_path);
+    void NoteRemoteBackup(const std::string& real_path);
+    void NoteFailure(const std::string& real_path, const std::string& text);
+
+    bool IsRsyncKnown() const;
+    /// `degraded_reason` empty: nothing is wrong with it.
+    void SetRsync(const std::string& version, const std::string& degraded_reason);
+
+    /// The answer to the query "status.sentrel". `watches` is the answer to "filenotify.watches",
+    /// or null.
+    Json::Value ToJson(const Json::Value& watches) const;
+
+    void Reset();
+
+  private:
+    struct History {
+        std::int64_t last_local_backup = 0;  ///< seconds since the epoch, 0 never
+        std::int64_t last_remote_backup = 0;
+        std::string last_failure;
+    };
+
+    SentrelStatus() = default;
+    Json::Value PathsToJson(const Json::Value& watches) const;
+    Json::Value CountersToJson() const;
+
+    std::array<std::atomic<std::uint64_t>, kCounterCount> counters_{};
+    mutable std::mutex mutex_;  ///< guards all below
+    bool on_ = false;
+    bool monitor_only_ = false;
+    int backup_type_ = 0;
+    std::vector<ProtectedPath> paths_;
+    std::map<std::string, History> history_;  ///< by real_path
+    bool rsync_known_ = false;
+    std::string rsync_version_;
+    std::string degraded_reason_;
+};
+
+}  // namespace Engine
