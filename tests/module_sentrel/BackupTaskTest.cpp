@@ -1,0 +1,112 @@
+#include <SentrelBackupTask.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <framework/ConfigManager.h>
+
+#include "FakeTasks.h"
+#include "Installation.h"
+
+namespace {
+
+using Engine::SentrelUtils;
+using Poco::Message;
+
+class BackupTask : public ::testing::Test {
+  protected:
+    BackupTask() {
+        install_.UseRecordingRsync("case \"$*\" in *bad*) exit 3;; esac");
+        Framework::ConfigManager::GetInstance().SetAgentId("agent-1");
+        utils_->backup_addr = "10.0.0.9";
+    }
+    void Protect(const std::string& path) {
+        Engine::SentrelDirRule rule;
+        rule.real_path = path;
+        rule.backup_path = "/backup";
+        utils_->dir_rules.push_back(rule);
+    }
+    long Calls() const {
+        const std::string calls = install_.RsyncCalls();
+        return std::count(calls.begin(), calls.end(), '\n');
+    }
+
+    test::Installation install_;
+    SentrelUtils* utils_ = SentrelUtils::GetInstance();
+    Engine::SentrelBackupTask task_;
+};
+
+TEST_F(BackupTask, AllPathsCopied_EndsTheWork) {
+    Protect("/a/");
+    Protect("/b/");
+    EXPECT_EQ(task_.Run(), 0);
+    EXPECT_FALSE(utils_->local_backup_pending);
+    EXPECT_TRUE(utils_->remote_backup_pending);
+    EXPECT_EQ(install_.log.Texts(Message::PRIO_INFORMATION),
+              std::vector<std::string>{"local backup all ok."});
+    task_.Run();
+    EXPECT_EQ(Calls(), 2);
+}
+
+TEST_F(BackupTask, OneFailure_LeavesTheWholePassToBeRepeated) {
+    Protect("/a/");
+    Protect("/bad/");
+    task_.Run();
+    EXPECT_EQ(install_.log.Texts(Message::PRIO_TRACE),
+              std::vector<std::string>{"Backup (/a/) to (/backup) success num(1)."});
+    EXPECT_EQ(install_.log.Texts(Message::PRIO_ERROR),
+              std::vector<std::string>{"Backup (/bad/) to (/backup) faild."});
+    EXPECT_TRUE(utils_->local_backup_pending);
+    task_.Run();
+    EXPECT_EQ(Calls(), 4);
+}
+
+TEST_F(BackupTask, Remote_PushesTheBackupCopies) {
+    Protect("/a/");
+    Protect("/bad/");
+    utils_->backup_type = 2;
+    utils_->local_backup_pending = false;
+    task_.Run();
+    EXPECT_EQ(Calls(), 2);
+    EXPECT_EQ(install_.log.Texts(Message::PRIO_TRACE),
+              std::vector<std::string>{"Backup (/backup/a/) to remote success."});
+    EXPECT_EQ(install_.log.Texts(Message::PRIO_ERROR),
+              std::vector<std::string>{"Backup (/backup/bad/) to remote faild."});
+    EXPECT_TRUE(utils_->remote_backup_pending);
+    utils_->dir_rules.pop_back();
+    task_.Run();
+    EXPECT_FALSE(utils_->remote_backup_pending);
+}
+
+TEST_F(BackupTask, TypesAndEmptyList_DoNothing) {
+    Protect("/a/");
+    for (const int type : {1, 3}) {
+        utils_->backup_type = type;
+        task_.Run();
+    }
+    EXPECT_EQ(install_.log.Count(Message::PRIO_TRACE, "remote backup not local."), 2);
+    utils_->backup_type = 0;
+    utils_->dir_rules.clear();
+    task_.Run();
+    EXPECT_FALSE(utils_->local_backup_pending || utils_->remote_backup_pending);
+    EXPECT_EQ(install_.log.Texts(Message::PRIO_INFORMATION),
+              (std::vector<std::string>{"local backup all ok.", "remote backup all ok."}));
+    task_.Run();
+    EXPECT_EQ(install_.log.Count(Message::PRIO_TRACE, "all backup ok, no need backup again."), 1);
+    EXPECT_EQ(Calls(), 0);
+}
+
+TEST_F(BackupTask, InitWithoutRsync_ReportsAndGoesOn) {
+    const test::RunningEngine running(install_.log);
+    EXPECT_TRUE(task_.Init());
+    EXPECT_EQ(install_.log.Count(Message::PRIO_ERROR, "download rsync failed."), 1);
+    const auto seen = running.fakes->cmd.Seen();
+    ASSERT_EQ(seen.size(), 1U);
+    EXPECT_EQ(seen[0].name, "feature_exception_1");
+    EXPECT_EQ(seen[0].body,
+              R"({"feature":"sentrel_feature", "exception":"download rsync failed."})");
+    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION,
+                                 "send feature_exception_1 to cmd_comm_report_task, length=" +
+                                     std::to_string(seen[0].body.size()) + ", result=0"),
+              1);
+}
+
+}  // namespace

@@ -1,0 +1,55 @@
+#include <SentrelModule.h>
+
+#include "FakeTasks.h"
+#include "Installation.h"
+
+namespace {
+
+using Poco::Message;
+
+class Credentials : public ::testing::Test {
+  protected:
+    mode_t Mode(const std::string& name) const {
+        struct stat info {};
+        ::stat(install_.dir.Path(name).c_str(), &info);
+        return info.st_mode & 07777;
+    }
+    test::Installation install_;
+    test::RunningEngine running_{install_.log};
+    Engine::SentrelModule module_;
+};
+
+TEST_F(Credentials, Passwords_AreWrittenAndLockedDown) {
+    EXPECT_EQ(module_.GetPasswdServer(R"({"passwd":"s3cret"})"), 0);
+    EXPECT_EQ(module_.GetPasswdClient(R"({"passwd":"old"})"), 0);
+    EXPECT_EQ(module_.GetPasswdClient(R"({"passwd":"s3cret"})"), 0);
+    EXPECT_EQ(test::TempDir::Read(install_.dir.Path("conf/rsync_server.secrets")),
+              "morvane_agent:s3cret");
+    EXPECT_EQ(test::TempDir::Read(install_.dir.Path("conf/rsync_client.secrets")), "s3cret");
+    EXPECT_EQ(Mode("conf/rsync_server.secrets"), 0500U);
+    EXPECT_EQ(Mode("conf/rsync_client.secrets"), 0500U);
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
+                                 "rsyslog write pass [" +
+                                     install_.dir.Path("conf/rsync_server.secrets") + "] ok."),
+              1);
+    for (const auto& record : install_.log.Records()) {
+        EXPECT_EQ(record.text.find("s3cret"), std::string::npos);
+    }
+}
+
+TEST_F(Credentials, BadRequests_WriteNothing) {
+    install_.dir.Write("conf/rsync_client.secrets", "kept");
+    EXPECT_EQ(module_.GetPasswdClient(""), -1);
+    EXPECT_EQ(module_.GetPasswdClient("{\"passwd\":"), -1);
+    EXPECT_EQ(module_.GetPasswdClient(R"({"passwd":""})"), 0);
+    EXPECT_EQ(module_.GetPasswdClient(R"({"passwd":7})"), 0);
+    EXPECT_EQ(test::TempDir::Read(install_.dir.Path("conf/rsync_client.secrets")), "kept");
+    std::filesystem::remove_all(install_.dir.Path("conf"));
+    EXPECT_NE(module_.GetPasswdClient(R"({"passwd":"x"})"), 0);
+    EXPECT_EQ(install_.log.Count(
+                  Message::PRIO_ERROR,
+                  "rsyslog write [" + install_.dir.Path("conf/rsync_client.secrets") + "] failed."),
+              1);
+}
+
+}  // namespace

@@ -1,0 +1,260 @@
+#include <SentrelInotifyTask.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <module_filenotify/FileNotifyMessage.h>
+#include <sys/inotify.h>
+
+#include <filesystem>
+
+#include "FakeTasks.h"
+#include "Installation.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Engine::SentrelStatus;
+using Engine::SentrelUtils;
+using Poco::Message;
+
+/// A protected site with its backup copy made, real rsync, and events told by hand.
+class Event : public ::testing::Test {
+  protected:
+    Event() {
+        install_.UseRealRsync();
+        data_.Write("site/index.html", "welcome");
+        data_.Write("site/sub/page.html", "page");
+        data_.Write("site/uploads/user.png", "png");
+        data_.Write("site/app.log", "log");
+        rule_.auto_restore = true;
+        rule_.filepath = rule_.real_path = data_.Path("site/");
+        rule_.backup_path = data_.Path("backup");
+        rule_.ignored_subdir = {"uploads"};
+        rule_.ignored_postfix = {".log"};
+        Apply();
+        EXPECT_TRUE(utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, rule_.ignored_postfix,
+                                         rule_.ignored_subdir, Engine::RSYNC_BACKUP));
+    }
+
+    void Apply() {
+        std::string id = rule_.real_path;
+        if (id.back() == '/') id.pop_back();
+        task_.watch_rules[id] = rule_;
+        watch_ = id;
+    }
+
+    void Tell(const std::string& path, std::uint32_t mask, const std::string& target = "") {
+        install_.log.Clear();
+        Engine::FileNotifyMessage msg(watch_, path, target, mask, std::chrono::steady_clock::now());
+        task_.FileNotifyMessageAction(&msg);
+    }
+
+    /// Action, path below the site, and outcome of the alarms since the last call, one a line.
+    std::string Alarms() {
+        std::string lines;
+        const auto seen = running_.fakes->data.Seen();
+        for (; told_ < seen.size(); ++told_) {
+            Json::Value alarm;
+            SDK::JsonUtils::ParseJsonStr(seen[told_].body.data(), seen[told_].body.size(), alarm);
+            const Json::Value& info = alarm["file_info"][0];
+            lines += info["action"].asString() + " " +
+                     info["file_path"].asString().substr(rule_.real_path.size()) + ": " +
+                     seen[told_].note.outcome + "\n";
+            EXPECT_GE(seen[told_].note.duration_ms, 0);
+        }
+        return lines;
+    }
+    std::string Content(const std::string& name) const {
+        return test::TempDir::Read(data_.Path("site/" + name));
+    }
+    std::string File(const std::string& name) const { return data_.Path("site/" + name); }
+
+    test::Installation install_;
+    test::RunningEngine running_{install_.log};
+    SentrelUtils* utils_ = SentrelUtils::GetInstance();
+    Engine::SentrelInotifyTask task_;
+    test::TempDir data_;
+    Engine::SentrelDirRule rule_;
+    std::string watch_;
+    std::size_t told_ = 0;
+};
+
+TEST_F(Event, ModifiedFile_IsRestoredAndItsEchoIsQuiet) {
+    data_.Write("site/index.html", "defaced!");
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    EXPECT_EQ(Alarms(), "modify index.html: restored\n");
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
+                                 "File " + File("index.html") + " size (8) not matched with (7). "),
+              1);
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "auto restore " + File("index.html") + " "),
+              1);
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(Alarms(), "");
+    EXPECT_EQ(
+        install_.log.Count(Message::PRIO_DEBUG, "File/Dir " + File("index.html") + " updated."), 1);
+}
+
+TEST_F(Event, SameSizeAndTimeSetBack_IsRestored) {
+    const auto time = fs::last_write_time(File("index.html"));
+    data_.Write("site/index.html", "defaced");
+    fs::last_write_time(File("index.html"), time);
+    Tell(File("index.html"), IN_ATTRIB);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    EXPECT_EQ(Alarms(), "attribute index.html: restored\n");
+}
+
+TEST_F(Event, DeletedFileAndDirectory_ComeBack) {
+    fs::remove(File("index.html"));
+    Tell(File("index.html"), IN_DELETE);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    fs::remove_all(File("sub"));
+    Tell(File("sub"), IN_DELETE | IN_ISDIR);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "delete index.html: restored\ndelete sub/: restored\n");
+}
+
+TEST_F(Event, ModeAndOwner_AreRestored) {
+    ::chmod(File("index.html").c_str(), 04777);
+    Tell(File("index.html"), IN_ATTRIB);
+    EXPECT_EQ(fs::status(File("index.html")).permissions(), fs::perms(0644));
+    EXPECT_EQ(Alarms(), "attribute index.html: restored\n");
+}
+
+TEST_F(Event, ForeignFileAndTree_AreRemovedOnArrivalOnly) {
+    data_.Write("site/shell.php", "evil");
+    data_.Write("site/new/deep/shell.php", "evil");
+    Tell(File("shell.php"), IN_MODIFY);
+    EXPECT_TRUE(fs::exists(File("shell.php")));
+    EXPECT_EQ(Alarms(), "add shell.php: reported only\n");
+    Tell(File("shell.php"), IN_CREATE);
+    EXPECT_FALSE(fs::exists(File("shell.php")));
+    Tell(File("new"), IN_CREATE | IN_ISDIR);
+    EXPECT_FALSE(fs::exists(File("new")));
+    EXPECT_EQ(Alarms(), "add new/: removed\n");
+    Tell(File("shell.php"), IN_DELETE);
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "File/Dir " + File("shell.php") +
+                                                          " deleted by update or restore."),
+              1);
+    EXPECT_EQ(Alarms(), "");
+}
+
+TEST_F(Event, Moves_AreUndoneAtBothEnds) {
+    fs::rename(File("index.html"), File("gone.html"));
+    Tell(File("index.html"), IN_MOVED_FROM, File("gone.html"));
+    Tell(File("gone.html"), IN_MOVED_TO);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    EXPECT_FALSE(fs::exists(File("gone.html")));
+    EXPECT_EQ(Alarms(), "modify index.html: restored\nadd gone.html: removed\n");
+    data_.Write("elsewhere", "replaced");
+    fs::rename(data_.Path("elsewhere"), File("sub/page.html"));
+    Tell(File("sub/page.html"), IN_MOVED_TO);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "modify sub/page.html: restored\n");
+    const Json::Value counters = SentrelStatus::Instance().ToJson(Json::Value())["counters"];
+    EXPECT_EQ(counters["removals_done"].asInt(), 1);
+    EXPECT_EQ(counters["removals_failed"].asInt(), 0);
+}
+
+TEST_F(Event, Exclusions_AreLeftAlone) {
+    data_.Write("site/uploads/user.png", "other");
+    data_.Write("site/other.log", "x");
+    utils_->other_rule_prefixes = {File("other_rule/")};
+    data_.Write("site/other_rule/f", "x");
+    for (const std::string name : {"uploads/user.png", "app.log", "other.log", "other_rule/f"}) {
+        Tell(File(name), IN_CREATE);
+        EXPECT_TRUE(fs::exists(File(name))) << name;
+    }
+    Tell(File("uploads/user.png"), IN_MOVED_TO);
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, File("uploads/user.png") + " is a ignored."),
+              1);
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
+                                 File("uploads/user.png") + " is a ignored uploads."),
+              1);
+    EXPECT_EQ(Alarms(), "");
+}
+
+TEST_F(Event, RootRestore_KeepsExcludedContent) {
+    data_.Write("site/uploads/new.png", "png");
+    data_.Write("site/shell.php", "evil");
+    ::chmod(data_.Path("site").c_str(), 0777);
+    Tell(data_.Path("site"), IN_ATTRIB);
+    EXPECT_EQ(fs::status(data_.Path("site")).permissions(), fs::perms(0755));
+    EXPECT_FALSE(fs::exists(File("shell.php")));
+    EXPECT_EQ(Content("uploads/user.png") + Content("uploads/new.png") + Content("app.log"),
+              "pngpnglog");
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "edit root path " + rule_.real_path + " "),
+              1);
+    EXPECT_EQ(Alarms(), "attribute : restored\n");
+}
+
+TEST_F(Event, MonitorOnlyOrNoAutoRestore_OnlyReports) {
+    data_.Write("site/index.html", "defaced");
+    data_.Write("site/shell.php", "evil");
+    utils_->monitor_only = true;
+    Tell(File("index.html"), IN_MODIFY);
+    utils_->monitor_only = false;
+    rule_.auto_restore = false;
+    Apply();
+    Tell(File("shell.php"), IN_CREATE);
+    EXPECT_EQ(Content("index.html") + Content("shell.php"), "defacedevil");
+    EXPECT_EQ(Alarms(), "modify index.html: reported only\nadd shell.php: reported only\n");
+}
+
+TEST_F(Event, LinksAndPipes_AreComparedLikeFiles) {
+    fs::remove(File("index.html"));
+    fs::create_symlink("/etc/hostname", File("index.html"));
+    Tell(File("index.html"), IN_CREATE);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(File("index.html"))));
+    fs::remove(File("sub/page.html"));
+    ASSERT_EQ(::mkfifo(File("sub/page.html").c_str(), 0644), 0);
+    Tell(File("sub/page.html"), IN_CREATE);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_EQ(Alarms(), "modify index.html: restored\nmodify sub/page.html: restored\n");
+}
+
+TEST_F(Event, RestoreThatFails_IsSaidInAlarmAndStatus) {
+    install_.UseRecordingRsync("echo disk full; exit 11");
+    data_.Write("site/index.html", "defaced!");
+    task_.watch_rules[watch_] = rule_;
+    SentrelStatus::Instance().PublishPaths({{watch_, rule_}});
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(Alarms(), "modify index.html: restore failed\n");
+    const Json::Value status = SentrelStatus::Instance().ToJson(Json::Value());
+    EXPECT_EQ(status["protected_paths"][0]["last_failure"],
+              "restore of " + File("index.html") + ": rsync ended with 11: disk full");
+    EXPECT_EQ(status["counters"]["restores_failed"].asInt(), 1);
+}
+
+TEST_F(Event, SingleFile_IsRestoredAfterBeingReplaced) {
+    rule_.is_file = true;
+    rule_.filepath = rule_.real_path = File("sub/page.html");
+    rule_.ignored_subdir = {"cache"};
+    Apply();
+    data_.Write("site/new", "replaced");
+    fs::rename(File("new"), File("sub/page.html"));
+    Tell(File("sub/page.html"), IN_MOVED_TO);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "modify : restored\n");
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
+                                 "HandleEventMainFile1 check ignore dir real:cache, full:" +
+                                     File("sub/cache") + "."),
+              1);
+}
+
+TEST_F(Event, WhatIsNotForUs_EndsEarly) {
+    data_.Write("site/index.html", "defaced");
+    utils_->is_run = false;
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(install_.log.Texts(Message::PRIO_DEBUG), std::vector<std::string>{"inot not run"});
+    utils_->is_run = true;
+    task_.FileNotifyMessageAction(nullptr);
+    watch_ = "/other";
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "Find watch file (/other) faild."), 1);
+    Apply();
+    Tell("", IN_MODIFY);
+    EXPECT_EQ(Content("index.html"), "defaced");
+    EXPECT_EQ(Alarms(), "");
+}
+
+}  // namespace

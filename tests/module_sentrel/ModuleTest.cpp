@@ -1,0 +1,208 @@
+#include <SentrelModule.h>
+#include <SentrelUtils.h>
+#include <sys/inotify.h>
+
+#include "FakeTasks.h"
+#include "Installation.h"
+#include "support/WaitFor.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Engine::SentrelUtils;
+using Poco::Message;
+using Strings = std::vector<std::string>;
+
+class ModuleShell : public ::testing::Test {
+  protected:
+    ModuleShell() {
+        std::unique_ptr<Framework::Module> module(
+            static_cast<Framework::Module*>(::CreateModule()));
+        module_ = static_cast<Engine::SentrelModule*>(module.get());
+        std::string error;
+        EXPECT_TRUE(running_.engine.AddModule(std::move(module), error)) << error;
+        site_.Write("index.html", "x");
+        policy_ = test::Installation::Policy();
+        policy_["content"]["dirlist"].append(
+            test::Installation::Entry(site_.Path(), backup_.Path()));
+    }
+
+    int Apply(const std::string& text, const std::string& feature = "sentrel_feature") {
+        const Framework::PolicyOutcome outcome = running_.engine.ApplyPolicy(feature, text);
+        EXPECT_EQ(outcome.handled, outcome.exception.empty());
+        exception_ = outcome.exception;
+        return outcome.result;
+    }
+    bool IsOn(const std::string& task) const { return running_.engine.FindTask(task) != nullptr; }
+    bool ProtectionIsOn() const {
+        EXPECT_EQ(IsOn("sentrel_inotify_task"), IsOn("sentrel_backup_task"));
+        return IsOn("sentrel_inotify_task");
+    }
+    /// Bodies of the exceptions reported since the last call.
+    Strings Exceptions() {
+        Strings bodies;
+        const auto seen = running_.fakes->cmd.Seen();
+        for (; exceptions_ < seen.size(); ++exceptions_) bodies.push_back(seen[exceptions_].body);
+        return bodies;
+    }
+    Json::Value Status() {
+        Json::Value answer;
+        EXPECT_TRUE(running_.engine.Queries().Ask("status.sentrel", Json::objectValue, answer));
+        return answer;
+    }
+
+    test::Installation install_;
+    test::RunningEngine running_{install_.log};
+    test::TempDir site_;
+    test::TempDir backup_;
+    Json::Value policy_;
+    Engine::SentrelModule* module_ = nullptr;
+    std::string exception_;
+    std::size_t exceptions_ = 0;
+};
+
+TEST_F(ModuleShell, InitAndUnInit_SayEachStepInOrder) {
+    EXPECT_EQ(
+        install_.log.Texts(Message::PRIO_INFORMATION),
+        (Strings{"register feature policy refresh callback.",
+                 "register rsync server passwd callback.", "register rsync client passwd callback.",
+                 "create sentrel task class success.", "create backup task class success.",
+                 "create backup server task class success."}));
+    const Strings unregistered = {"unregister rsync client passwd callback.",
+                                  "unregister rsync server passwd callback.",
+                                  "unregister feature policy refresh callback.",
+                                  "unregister sentrel task.",
+                                  "unregister backup task.",
+                                  "unregister backup server task."};
+    Strings with_tasks = unregistered;
+    with_tasks.insert(with_tasks.end(), {"delete sentrel task class.", "delete backup task class.",
+                                         "delete backup server task class."});
+    for (const Strings& expected : {with_tasks, unregistered}) {
+        install_.log.Clear();
+        running_.engine.RunOnFrameworkThread([this] { module_->UnInit(); });
+        EXPECT_EQ(install_.log.Texts(Message::PRIO_INFORMATION), expected);
+    }
+    EXPECT_FALSE(running_.engine.InvokeTasklet("sentrel_getpasswd_10001", "{}").found);
+    EXPECT_FALSE(running_.engine.ApplyPolicy("sentrel_feature", "{}").handled);
+    EXPECT_TRUE(running_.engine.Queries().Names("status.sentrel").empty());
+}
+
+TEST_F(ModuleShell, ValidPolicy_StartsWatchesBackupAndSaysSo) {
+    EXPECT_NE(Apply(test::Text(policy_)), 0) << exception_;
+    EXPECT_TRUE(ProtectionIsOn());
+    EXPECT_EQ(test::TempDir::Read(install_.dir.Path("sudo.log")),
+              "tee -a /etc/sysctl.conf\nsysctl -p\n");
+    auto& fakes = *running_.fakes;
+    EXPECT_TRUE(test::WaitFor([&] { return fakes.data.Seen().size() == 1; }, 10s));
+    EXPECT_EQ(fakes.data.Seen()[0].name, "sentrel_status_1");
+    EXPECT_EQ(fakes.data.Seen()[0].body,
+              R"({"feature":"sentrel_feature","status":"protect","task":"SentrelInotifyTask"})");
+    EXPECT_TRUE(test::WaitFor([&] { return !fakes.notify.Requests().empty(); }, 10s));
+    EXPECT_EQ(fakes.notify.Mask(),
+              static_cast<unsigned>(IN_CREATE | IN_MODIFY | IN_DELETE | IN_ATTRIB | IN_MOVE |
+                                    IN_DELETE_SELF | IN_MOVE_SELF));
+    const _FileNotifyOpt& options = fakes.notify.Options();
+    EXPECT_TRUE(options.recursive && options.report_directories && options.rewatch);
+    const std::string copy = backup_.Path() + site_.Path("index.html");
+    EXPECT_TRUE(
+        test::WaitFor([&] { return !SentrelUtils::GetInstance()->local_backup_pending; }, 30s));
+    EXPECT_EQ(test::TempDir::Read(copy), "x");
+    const Json::Value status = Status();
+    EXPECT_TRUE(status["protection"]["on"].asBool() && status["protection"]["working"].asBool());
+    EXPECT_EQ(status["protected_paths"][0]["path"], site_.Path() + "/");
+    EXPECT_GT(status["protected_paths"][0]["last_local_backup"].asInt64(), 0);
+    EXPECT_FALSE(status["backup"]["local_pending"].asBool());
+    EXPECT_FALSE(status["rsync"]["version"].asString().empty());
+    EXPECT_TRUE(Exceptions().empty());
+}
+
+TEST_F(ModuleShell, SamePolicyTwice_RegistersTheTasksAnew) {
+    for (int pass = 0; pass < 2; ++pass) {
+        EXPECT_NE(Apply(test::Text(policy_)), 0);
+        EXPECT_TRUE(test::WaitFor(
+            [&] { return running_.fakes->notify.Requests().size() == 2U * pass + 1; }, 10s));
+    }
+    const std::string root = site_.Path() + "/";
+    EXPECT_EQ(running_.fakes->notify.Requests(), (Strings{"+" + root, "-" + root, "+" + root}));
+    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION, "register backup task."), 2);
+    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION, "Task(sentrel_inotify_task) uninit."),
+              1);
+}
+
+TEST_F(ModuleShell, RefusedPolicies_HaveTheirOutcome) {
+    const std::string failed =
+        R"({"feature":"sentrel_feature", "exception":"parse feature policy failed."})";
+    struct Case {
+        std::string text;
+        Message::Priority priority;
+        std::string log;
+        Strings exceptions;
+        bool stays_on;
+    };
+    Json::Value no_entry = policy_;
+    no_entry["content"]["dirlist"][0]["enable"] = false;
+    Json::Value bad = policy_;
+    bad["content"]["os_type"] = 1;
+    const std::vector<Case> table = {
+        {"{",
+         Message::PRIO_ERROR,
+         "parse feature policy failed [sentrel_feature].",
+         {failed},
+         true},
+        {"{}", Message::PRIO_INFORMATION, "disable feature [sentrel_feature].", {}, false},
+        {test::Text(bad),
+         Message::PRIO_ERROR,
+         "parse feature policy failed [sentrel_feature].",
+         {failed},
+         false},
+        {test::Text(no_entry),
+         Message::PRIO_INFORMATION,
+         "rule list is empty, disable feature [sentrel_feature].",
+         {},
+         false},
+    };
+    for (const Case& c : table) {
+        ASSERT_NE(Apply(test::Text(policy_)), 0);
+        install_.log.Clear();
+        EXPECT_EQ(Apply(c.text), 0) << c.text;
+        EXPECT_EQ(install_.log.Count(c.priority, c.log), 1) << c.text;
+        EXPECT_EQ(Exceptions(), c.exceptions) << c.text;
+        EXPECT_EQ(ProtectionIsOn(), c.stays_on) << c.text;
+        EXPECT_EQ(Status()["protection"]["on"].asBool(), c.stays_on);
+    }
+}
+
+TEST_F(ModuleShell, ThrowingPolicy_ReachesTheFrameworkAndHarmsNothing) {
+    policy_["content"]["dirlist"][1] = test::Installation::Entry("", "/b");
+    EXPECT_EQ(Apply(test::Text(policy_)), 0);
+    EXPECT_FALSE(exception_.empty());
+    policy_["content"]["dirlist"].removeIndex(1, nullptr);
+    EXPECT_NE(Apply(test::Text(policy_)), 0);
+}
+
+TEST_F(ModuleShell, BackupServerFeature_SwitchesItsOwnTaskOnly) {
+    install_.UseRecordingRsync();
+    Json::Value document = test::Installation::Policy();
+    Json::Value& content = document["content"];
+    content["backupserver_ip"] = "127.0.0.1";
+    content["backupserver_port"] = 1;
+    content["backupserver_path"] = backup_.Path();
+    EXPECT_EQ(Apply(test::Text(document), "no_feature_of_ours"), 0);
+    content[Engine::RsyncKeys::OfThisHost().hash] = "wrong";  // the recording rsync stays
+    EXPECT_NE(Apply(test::Text(document), "backupserver_feature"), 0);
+    EXPECT_TRUE(IsOn("sentrel_backupserver_task"));
+    EXPECT_FALSE(ProtectionIsOn());
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return install_.RsyncCalls().find("<--daemon>") != std::string::npos; }, 10s));
+    EXPECT_EQ(Apply("{", "backupserver_feature"), 0);
+    EXPECT_TRUE(IsOn("sentrel_backupserver_task"));
+    content["backupserver_port"] = 0;
+    EXPECT_EQ(Apply(test::Text(document), "backupserver_feature"), 0);
+    EXPECT_FALSE(IsOn("sentrel_backupserver_task"));
+    EXPECT_EQ(Apply(R"({"enabled":false})", "backupserver_feature"), 0);
+    EXPECT_EQ(
+        install_.log.Count(Message::PRIO_INFORMATION, "disable feature [backupserver_feature]."),
+        1);
+}
+
+}  // namespace
