@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 
+#include "sdk/StrUtils.h"
 #include "sdk/Utf8.h"
 
 namespace SDK {
@@ -41,6 +42,29 @@ std::string FirstError(const std::string& messages) {
     return ToValidUtf8(text);
 }
 
+/// What JsonCpp lets pass even when it is strict: a comment between members, and a NUL byte, which
+/// it takes for the end of the text. Neither "/" nor NUL can stand outside a string. "" when all is
+/// well.
+std::string FindLeniency(const char* text, std::size_t length) {
+    bool in_string = false;
+    int line = 1;
+    std::size_t line_start = 0;
+    for (std::size_t i = 0; i < length; ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            line_start = i + 1;
+        } else if (text[i] == '"') {
+            in_string = !in_string;
+        } else if (in_string && text[i] == '\\') {
+            ++i;
+        } else if (!in_string && (text[i] == '/' || text[i] == '\0')) {
+            return StrUtils::Format("Line %d, Column %zu: a %s is not allowed", line,
+                                    i - line_start + 1, text[i] == '/' ? "comment" : "NUL byte");
+        }
+    }
+    return {};
+}
+
 /// The member, or null when `object` is no object or has none of that name.
 const Json::Value* Find(const Json::Value& object, const char* key) {
     if (!object.isObject() || key == nullptr) return nullptr;
@@ -66,8 +90,9 @@ int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& o
         static const Json::CharReaderBuilder builder = ReaderBuilder();
         const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         std::string messages;
-        if (reader->parse(text, text + length, &out, &messages)) return 0;
-        error = FirstError(messages);
+        error = reader->parse(text, text + length, &out, &messages) ? FindLeniency(text, length)
+                                                                    : FirstError(messages);
+        if (error.empty()) return 0;
     } catch (const std::exception& exception) {
         error = FirstError(exception.what());  // such as a nesting that is too deep
     }

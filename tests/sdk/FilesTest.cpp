@@ -1,0 +1,243 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <filesystem>
+#include <thread>
+
+#include "Sha256.h"
+#include "sdk/DirUtils.h"
+#include "sdk/FileDescriptor.h"
+#include "sdk/FileUtils.h"
+#include "support/TempDir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using SDK::DirUtils;
+using SDK::FileUtils;
+
+constexpr long kMegabyte = 1024 * 1024;
+constexpr const char* kEmptyDigest =
+    "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+constexpr const char* kAbcDigest =
+    "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+std::string DigestOf(const std::string& path, long limit = kMegabyte) {
+    std::string digest = "left over";
+    EXPECT_EQ(FileUtils::GetFileSha256(path, digest, limit), 0) << path;
+    return digest;
+}
+
+mode_t ModeOf(const std::string& path) {
+    struct stat info {};
+    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+    return info.st_mode & 07777;
+}
+
+std::size_t EntriesIn(const std::string& directory) {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(directory), {}));
+}
+
+class Files : public testing::Test {
+  protected:
+    std::string MakeFifo() {
+        EXPECT_EQ(::mkfifo(dir_.Path("fifo").c_str(), 0600), 0);
+        return dir_.Path("fifo");
+    }
+    std::string MakeLink(const std::string& target, const std::string& name = "link") {
+        EXPECT_EQ(::symlink(target.c_str(), dir_.Path(name).c_str()), 0);
+        return dir_.Path(name);
+    }
+
+    test::TempDir dir_;
+};
+
+TEST_F(Files, Digest_CoversAtMostTheLimit) {
+    EXPECT_EQ(DigestOf(dir_.Write("a", "abc")), kAbcDigest);
+    EXPECT_EQ(DigestOf(dir_.Write("long", "abcdef"), 3), kAbcDigest);
+    EXPECT_EQ(DigestOf(dir_.Path("long"), 0), kEmptyDigest);
+    // Longer than what is read at once.
+    EXPECT_EQ(DigestOf(dir_.Write("huge", std::string(200000, 'x'))),
+              DigestOf(dir_.Write("huger", std::string(200001, 'x')), 200000));
+}
+
+TEST_F(Files, DigestOfALink_IsThatOfItsText) {
+    EXPECT_EQ(DigestOf(MakeLink("abc", "dangling")), kAbcDigest);
+    dir_.Write("file", "else");
+    EXPECT_EQ(DigestOf(MakeLink("file")), DigestOf(dir_.Write("text", "file")));
+}
+
+TEST_F(Files, DigestOfWhatIsNoFile_DoesNotBlock) {
+    EXPECT_EQ(DigestOf(MakeFifo()), kEmptyDigest);
+    EXPECT_EQ(DigestOf("/dev/zero"), kEmptyDigest);
+    const SDK::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    dir_.Path("socket").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    ASSERT_EQ(::bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(DigestOf(dir_.Path("socket")), kEmptyDigest);
+
+    std::string digest = "left over";
+    EXPECT_EQ(FileUtils::GetFileSha256(dir_.Path(), digest, kMegabyte), -1);
+    EXPECT_EQ(digest, "");
+    EXPECT_EQ(FileUtils::GetFileSha256(dir_.Path("missing"), digest, kMegabyte), -1);
+}
+
+TEST_F(Files, ReadFile_TakesRegularFilesOnly) {
+    std::string content;
+    EXPECT_EQ(FileUtils::ReadFile(MakeLink(dir_.Write("a", "abcdef")), content, 4), 0);
+    EXPECT_EQ(content, "abcd");
+    EXPECT_EQ(FileUtils::ReadFile("/proc/self/stat", content, kMegabyte), 0);  // of size 0
+    EXPECT_FALSE(content.empty());
+    EXPECT_EQ(FileUtils::ReadFile(MakeFifo(), content, kMegabyte), -1);
+    EXPECT_EQ(FileUtils::ReadFile("/dev/zero", content, kMegabyte), -1);
+    EXPECT_EQ(FileUtils::ReadFile(dir_.Path(), content, kMegabyte), -1);
+    EXPECT_EQ(errno, EISDIR);
+}
+
+TEST_F(Files, WriteFile_ReplacesOrAppends) {
+    const std::string file = dir_.Path(std::string(NAME_MAX, 'n'));
+    ::umask(0);
+    EXPECT_EQ(FileUtils::WriteFile(file, "one", false), 0);
+    EXPECT_EQ(FileUtils::WriteFile(file, std::string("t\0o", 3), false), 0);
+    EXPECT_EQ(FileUtils::WriteFile(file, "+", true), 0);
+    EXPECT_EQ(test::TempDir::Read(file), std::string("t\0o+", 4));
+    EXPECT_EQ(ModeOf(file), 0600U);
+    EXPECT_EQ(FileUtils::WriteFile(dir_.Path("new"), "+", true), 0);
+    EXPECT_EQ(ModeOf(dir_.Path("new")), 0600U);
+    EXPECT_EQ(FileUtils::WriteFile(MakeFifo(), "+", true), -1);
+    EXPECT_EQ(FileUtils::WriteFile(dir_.Path("no/such/file"), "x", false), -1);
+    EXPECT_EQ(EntriesIn(dir_.Path()), 3U);
+}
+
+TEST_F(Files, WriteThatFails_LeavesTheOldContentAndNothingElse) {
+    const std::string file = dir_.Write("file", "old");
+    const std::string large = dir_.Write("large", std::string(100000, 'x'));
+    fs::create_directories(dir_.Path("folder/inside"));
+    EXPECT_EQ(FileUtils::WriteFile(dir_.Path("folder"), "x", false), -1);
+
+    ::signal(SIGXFSZ, SIG_IGN);  // as on a full disk, writes then fail in the middle
+    const rlimit limit{50000, 50000};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_EQ(FileUtils::WriteFile(file, std::string(100000, 'x'), false), -1);
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(FileUtils::TalCopyFile(large, file, kMegabyte), -1);
+    EXPECT_EQ(test::TempDir::Read(file), "old");
+    EXPECT_EQ(EntriesIn(dir_.Path()), 3U);
+}
+
+TEST_F(Files, CopySizeAndDelete_TellFilesFromTheRest) {
+    const std::string file = dir_.Write("file", "\177ELF...");
+    const std::string link = MakeLink("file");
+    EXPECT_EQ(FileUtils::TalCopyFile(link, dir_.Path("copy"), 4), 0);
+    EXPECT_EQ(test::TempDir::Read(dir_.Path("copy")), "\177ELF");
+    long size = 0;
+    EXPECT_EQ(FileUtils::GetFileSize(link, size), 0);
+    EXPECT_EQ(size, 7);
+    EXPECT_EQ(FileUtils::GetFileSize(dir_.Path(), size), -1);
+    EXPECT_TRUE(FileUtils::IsFile(link));
+    EXPECT_FALSE(FileUtils::IsFile(dir_.Path()));
+    EXPECT_TRUE(FileUtils::IsFileElf(link));
+    EXPECT_FALSE(FileUtils::IsFileElf(dir_.Write("short", "\177EL")));
+    EXPECT_EQ(FileUtils::TalDeleteFile(link), 0);
+    EXPECT_TRUE(FileUtils::IsFile(file));
+    EXPECT_EQ(FileUtils::TalDeleteFile(link), -1);
+    EXPECT_EQ(FileUtils::TalDeleteFile(dir_.Path()), -1);
+}
+
+TEST(Mode, AsText_IsThatOfLs) {
+    EXPECT_EQ(FileUtils::StModeToStr(S_IFREG | 0644), "-rw-r--r--");
+    EXPECT_EQ(FileUtils::StModeToStr(S_IFDIR | 03755), "drwxr-sr-t");
+    EXPECT_EQ(FileUtils::StModeToStr(S_IFLNK | 0777), "lrwxrwxrwx");
+    EXPECT_EQ(FileUtils::StModeToStr(S_IFREG | 07000), "---S--S--T");
+    EXPECT_EQ(FileUtils::StModeToStr(S_IFREG | 04711), "-rws--x--x");
+    EXPECT_EQ(FileUtils::StModeToStr(S_IFIFO | 0600), "prw-------");
+}
+
+TEST_F(Files, IsDir_IsFalseForALinkHoweverSpelled) {
+    const std::string link = MakeLink(dir_.Path());
+    EXPECT_TRUE(DirUtils::IsDir(dir_.Path() + "//"));
+    EXPECT_TRUE(DirUtils::IsDir("/"));
+    EXPECT_FALSE(DirUtils::IsDir(link));
+    EXPECT_FALSE(DirUtils::IsDir(link + "/"));
+    EXPECT_FALSE(DirUtils::IsDir(dir_.Path("missing")));
+}
+
+TEST_F(Files, MakeDirs_GivesTheModeWhateverTheUmask) {
+    ::umask(0077);
+    EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("a/b//c/"), 0755), 0);
+    for (const char* name : {"a", "a/b", "a/b/c"})
+        EXPECT_EQ(ModeOf(dir_.Path(name)), 0755U) << name;
+    EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("a/b"), 0700), 0);
+    EXPECT_EQ(ModeOf(dir_.Path("a/b")), 0755U);
+    dir_.Write("file", "");
+    EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("file"), 0755), -1);
+    EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("file/x"), 0755), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+}
+
+TEST_F(Files, DeleteDir_RemovesTheTreeAndFollowsNoLink) {
+    const test::TempDir outside;
+    outside.Write("kept/file", "x");
+    dir_.Write("tree/a/b/file", "x");
+    MakeLink(outside.Path("kept"), "tree/a/link");
+    ASSERT_EQ(::mkfifo(dir_.Path("tree/a/fifo").c_str(), 0600), 0);
+    EXPECT_EQ(DirUtils::DeleteDir(dir_.Path("tree/")), 0);
+    EXPECT_EQ(EntriesIn(dir_.Path()), 0U);
+
+    const std::string link = MakeLink(outside.Path("kept"));
+    EXPECT_EQ(DirUtils::DeleteDir(link), -1);
+    EXPECT_EQ(DirUtils::DeleteDir(link + "/"), -1);
+    EXPECT_EQ(DirUtils::DeleteDir(dir_.Path("missing")), -1);
+    EXPECT_EQ(DirUtils::DeleteDir("//"), -1);
+    EXPECT_TRUE(fs::exists(outside.Path("kept/file")));
+}
+
+TEST_F(Files, DeleteDirOfADeepTree_NeedsFewDescriptors) {
+    constexpr int kDepth = 150;
+    const std::string name(50, 'd');  // so that the whole is far longer than a path may be
+    SDK::FileDescriptor at(::open(dir_.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (int level = 0; level < kDepth; ++level) {
+        ASSERT_EQ(::mkdirat(at.Get(), name.c_str(), 0700), 0);
+        at.Reset(::openat(at.Get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    const rlimit limit{64, 64};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(DirUtils::DeleteDir(dir_.Path(name)), 0);
+    EXPECT_EQ(EntriesIn(dir_.Path()), 0U);
+}
+
+TEST_F(Files, DirectorySwappedForALinkMeanwhile_IsNeverFollowed) {
+    const test::TempDir outside;
+    const std::string kept = outside.Write("file", "x");
+    constexpr int kRounds = 200;
+    const std::string victim = dir_.Path("tree/d");
+    std::atomic<bool> done{false};
+    std::thread attacker([&] {
+        while (!done) {
+            // Whether each step succeeds depends on who comes first.
+            ::rename(victim.c_str(), dir_.Path("aside").c_str());
+            (void)!::symlink(outside.Path().c_str(), victim.c_str());
+            ::unlink(victim.c_str());
+            ::rename(dir_.Path("aside").c_str(), victim.c_str());
+        }
+    });
+    for (int round = 0; round < kRounds; ++round) {
+        fs::create_directories(dir_.Path("tree"));
+        ::mkdir(victim.c_str(), 0700);
+        DirUtils::DeleteDir(dir_.Path("tree"));
+    }
+    done = true;
+    attacker.join();
+    EXPECT_TRUE(fs::exists(kept));
+}
+
+}  // namespace
