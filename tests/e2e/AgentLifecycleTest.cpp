@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "support/AgentProcess.h"
+#include "support/RawConnection.h"
+#include "support/WaitFor.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using test::CommandResult;
+
+class AgentLifecycle : public testing::Test {
+  protected:
+    static bool Mentions(const std::string& text, const std::string& part) {
+        return text.find(part) != std::string::npos;
+    }
+
+    test::AgentProcess agent_;
+};
+
+TEST_F(AgentLifecycle, SignalToStop_EndsItInOrder) {
+    ASSERT_TRUE(agent_.Start());
+    EXPECT_EQ(agent_.Stop(), 0);
+    EXPECT_FALSE(std::filesystem::exists(agent_.Path("run/agent.sock")));
+    ASSERT_TRUE(agent_.Start());
+    agent_.Signal(SIGINT);
+    agent_.Signal(SIGINT);
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(AgentLifecycle, SecondInstance_IsRefusedWithTheFirstOnesProcess) {
+    ASSERT_TRUE(agent_.Start());
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{}, std::vector<std::string>{"--daemon"}}) {
+        const CommandResult second = agent_.RunAgent(arguments);
+        EXPECT_EQ(second.exit_code, 2);
+        EXPECT_TRUE(Mentions(second.err, std::to_string(agent_.Pid()))) << second.err;
+    }
+    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 0) << "the first one is not disturbed";
+}
+
+TEST_F(AgentLifecycle, NoAgent_IsSaidByEveryCommand) {
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{"status"},
+                                               {"alarms"},
+                                               {"alarms", "--follow"},
+                                               {"reports", "--json"},
+                                               {"policy", "list"},
+                                               {"policy", "apply", "sentrel_feature", "-"},
+                                               {"tasklet", "x"}}) {
+        const CommandResult result = agent_.Ctl(command, "{}");
+        EXPECT_EQ(result.exit_code, 5) << command[0];
+        EXPECT_TRUE(Mentions(result.err, "bin/morvane_agent --daemon")) << result.err;
+        EXPECT_TRUE(Mentions(result.err, agent_.Path("run/agent.sock"))) << result.err;
+    }
+}
+
+TEST_F(AgentLifecycle, WrongArguments_AreUsageErrors) {
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{},
+                                               {"statu"},
+                                               {"policy"},
+                                               {"policy", "apply"},
+                                               {"alarms", "--since", "-1"},
+                                               {"reports", "--kind", "x"}}) {
+        EXPECT_EQ(agent_.Ctl(command).exit_code, 2) << testing::PrintToString(command);
+    }
+    EXPECT_EQ(agent_.Ctl({"--help"}).exit_code, 0);
+    EXPECT_EQ(agent_.RunAgent({"--frobnicate"}).exit_code, 64);
+}
+
+TEST_F(AgentLifecycle, AgentThatWasKilled_StartsAgainOnItsStaleSocket) {
+    ASSERT_TRUE(agent_.Start());
+    const Json::Value before = agent_.Status();
+    agent_.Kill();
+    ASSERT_TRUE(std::filesystem::exists(agent_.Path("run/agent.sock")));
+    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 5);
+    ASSERT_TRUE(agent_.Start());
+    EXPECT_EQ(agent_.Status()["agent_id"], before["agent_id"]);
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(AgentLifecycle, Daemon_ReturnsWhenItIsReady) {
+    const CommandResult start = agent_.RunAgent({"--daemon"});
+    ASSERT_EQ(start.exit_code, 0) << start.err;
+    const pid_t daemon = agent_.Status()["pid"].asInt();
+    ASSERT_GT(daemon, 1);
+    EXPECT_TRUE(Mentions(start.out, std::to_string(daemon))) << start.out;
+    ::kill(daemon, SIGTERM);
+    EXPECT_TRUE(test::WaitFor([&] { return ::kill(daemon, 0) != 0; }, test::Scaled(30s)));
+    ::kill(daemon, SIGKILL);
+}
+
+TEST_F(AgentLifecycle, StartThatFails_SaysWhyInTheForegroundAndAsADaemon) {
+    const test::TempDir dir;
+    const std::string broken = dir.Write("broken.json", "{\"modules\": 7}");
+    for (const std::string& config : {broken, dir.Path("missing.json")}) {
+        for (const std::vector<std::string>& mode :
+             {std::vector<std::string>{}, std::vector<std::string>{"--daemon"}}) {
+            std::vector<std::string> arguments{"--config", config};
+            arguments.insert(arguments.end(), mode.begin(), mode.end());
+            const CommandResult result = agent_.RunAgent(arguments);
+            EXPECT_EQ(result.exit_code, 1);
+            EXPECT_TRUE(Mentions(result.err, config)) << result.err;
+        }
+    }
+}
+
+TEST_F(AgentLifecycle, Status_HasWhatItPromises) {
+    ASSERT_TRUE(agent_.Start());
+    const Json::Value status = agent_.Status();
+    EXPECT_EQ(status["pid"], agent_.Pid());
+    EXPECT_EQ(status["installation_path"], agent_.Path() + "/");
+    for (const char* member : {"agent_id", "version", "started", "modules", "tasks",
+                               "protected_paths", "backup", "counters"}) {
+        EXPECT_TRUE(status.isMember(member)) << member;
+    }
+    for (const char* counter :
+         {"events_received", "events_delivered", "events_dropped", "overflows", "restores_done",
+          "restores_failed", "alarms_sent", "alarms_merged"}) {
+        EXPECT_TRUE(status["counters"][counter].isIntegral()) << counter;
+    }
+    for (const Json::Value& module : status["modules"]) EXPECT_EQ(module["state"], "running");
+    EXPECT_FALSE(status["tasks"].empty());
+    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 0);
+}
+
+TEST_F(AgentLifecycle, GarbageOnTheSocket_DoesNotHarmTheAgent) {
+    ASSERT_TRUE(agent_.Start());
+    for (const std::string& bytes :
+         {std::string("\0\xff garbage\r\n\r\n", 14), std::string(1 << 20, 'x'),
+          std::string("PUT /v1/policies/sentrel_feature HTTP/1.1\r\nContent-Length: 99999999999\r\n"
+                      "Expect: 100-continue\r\n\r\n")}) {
+        test::RawConnection client(agent_.Path("run/agent.sock"));
+        client.Send(bytes);
+        client.Close();
+        client.Receive();
+    }
+    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 0);
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,132 @@
+#include <sdk/FileUtils.h>
+#include <sdk/JsonUtils.h>
+
+#include "support/ProtectedSite.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using test::CommandResult;
+
+class Policy : public test::ProtectedSite {
+  protected:
+    CommandResult ApplyText(const std::string& text) const {
+        return agent_.Ctl({"policy", "apply", "sentrel_feature", "-"}, text);
+    }
+
+    bool HasException(const std::string& text) const {
+        for (const Json::Value& report : agent_.JsonLines({"reports", "--json", "--kind", "cmd"})) {
+            if (report["body"].asString().find(text) != std::string::npos) return true;
+        }
+        return false;
+    }
+};
+
+TEST_F(Policy, ExitCodes_TellOnOffAndRejected) {
+    ASSERT_TRUE(agent_.Start());
+    Json::Value policy = Policy();
+    const CommandResult on = ApplyText(SDK::JsonUtils::JsonToString(policy));
+    EXPECT_EQ(on.exit_code, 0) << on.err;
+    EXPECT_EQ(on.out, "sentrel_feature: on\n");
+    policy["enabled"] = false;
+    const CommandResult off = ApplyText(SDK::JsonUtils::JsonToString(policy));
+    EXPECT_EQ(off.exit_code, 3) << off.err;
+    EXPECT_EQ(agent_.Ctl({"policy", "list"}).out.find("sentrel_feature  off"), 0u);
+    policy["content"]["os_type"] = 7;
+    policy["enabled"] = true;
+    const CommandResult rejected = ApplyText(SDK::JsonUtils::JsonToString(policy));
+    EXPECT_EQ(rejected.exit_code, 4);
+    EXPECT_NE(rejected.err.find("/content/os_type"), std::string::npos) << rejected.err;
+    EXPECT_EQ(agent_.Ctl({"policy", "apply", "no_feature", "-"}, "{}").exit_code, 4);
+    EXPECT_EQ(agent_.Ctl({"policy", "apply", "../../x", "-"}, "{}").exit_code, 4);
+}
+
+TEST_F(Policy, BadPolicies_AreRefusedAndTheLastGoodOneStaysInForce) {
+    Protect();
+    Json::Value wrong_type = Policy();
+    wrong_type["content"]["dirlist"][0]["filepath"] = 7;
+    std::string binary(4096, '\0');
+    for (std::size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>(i * 37);
+    for (const std::string& bad :
+         {std::string(), std::string("{\"enabled\": true, "), std::string("not JSON"), binary,
+          std::string("[1, 2]"), std::string(10 * 1024 * 1024, ' '),
+          SDK::JsonUtils::JsonToString(wrong_type)}) {
+        const CommandResult result = ApplyText(bad);
+        EXPECT_EQ(result.exit_code, bad.size() > (1u << 22) ? 1 : 4) << bad.substr(0, 80);
+        EXPECT_FALSE(result.err.empty());
+    }
+    const CommandResult shown = agent_.Ctl({"policy", "show", "sentrel_feature"});
+    EXPECT_EQ(shown.out, SDK::JsonUtils::JsonToString(Policy()) + "\n");
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+}
+
+TEST_F(Policy, FileThatCannotBeRead_IsSaidSo) {
+    ASSERT_TRUE(agent_.Start());
+    for (const std::string& file : {site_.Path(), site_.Path("missing.json")}) {
+        const CommandResult result = agent_.Ctl({"policy", "apply", "sentrel_feature", file});
+        EXPECT_EQ(result.exit_code, 1);
+        EXPECT_NE(result.err.find(file), std::string::npos) << result.err;
+    }
+}
+
+TEST_F(Policy, Check_FindsErrorsAndChangesNothing) {
+    ASSERT_TRUE(agent_.Start());
+    const std::string good = site_.Write("good.json", SDK::JsonUtils::JsonToString(Policy()));
+    EXPECT_EQ(agent_.Ctl({"policy", "check", "sentrel_feature", good}).exit_code, 0);
+    EXPECT_EQ(agent_.Ctl({"policy", "check", "sentrel_feature", "-"}, "{").exit_code, 4);
+    EXPECT_EQ(agent_.Ctl({"policy", "list"}).out, "");
+}
+
+TEST_F(Policy, AppliedPolicy_IsInForceAgainAfterARestart) {
+    Protect();
+    ASSERT_EQ(agent_.Stop(), 0);
+    ASSERT_TRUE(agent_.Start());
+    ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Policy, RsyncThatCannotBeHad_IsReportedAndTheOldOneStays) {
+    Protect();
+    const std::string rsync = agent_.Path("bin/rsync");
+    std::string before;
+    ASSERT_EQ(SDK::FileUtils::GetFileSha256(rsync, before, 1L << 30), 0);
+    Json::Value unreachable = Policy();
+    test::SetRsync(unreachable, "file://" + site_.Path("no/rsync"), before);
+    Json::Value wrong_digest = Policy();
+    test::SetRsync(wrong_digest, "file:///usr/bin/rsync", std::string(64, '0'));
+    // The executable that was installed last is known by its identity and not fetched again.
+    std::filesystem::last_write_time(rsync, std::filesystem::file_time_type::clock::now() - 1h);
+    for (const Json::Value& policy : {unreachable, wrong_digest}) {
+        EXPECT_EQ(agent_.Apply(policy), 0);
+        EXPECT_TRUE(Await([&] { return HasException("download rsync failed."); }));
+        ASSERT_TRUE(AwaitProtection());
+        std::string after;
+        EXPECT_EQ(SDK::FileUtils::GetFileSha256(rsync, after, 1L << 30), 0);
+        EXPECT_EQ(after, before);
+    }
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+}
+
+TEST_F(Policy, PolicyDuringALongFirstBackup_TakesEffectWithinTenSeconds) {
+    ASSERT_TRUE(agent_.Start());
+    const std::string begun = backup_.Path("begun");
+    const std::string endless =
+        site_.Write("rsync", "#!/bin/sh\ncase \"$*\" in *--version*) exit 0;; esac\n: > " + begun +
+                                 "\nexec tail -f /dev/null\n");
+    std::string sha256;
+    ASSERT_EQ(SDK::FileUtils::GetFileSha256(endless, sha256, 1L << 30), 0);
+    Json::Value slow = Policy();
+    test::SetRsync(slow, "file://" + endless, sha256);
+    ASSERT_EQ(agent_.Apply(slow), 0);
+    ASSERT_TRUE(Await([&] { return std::filesystem::exists(begun); }));
+    std::filesystem::remove(endless);
+    const CommandResult pushed = agent_.Ctl({"policy", "apply", "sentrel_feature", "-"},
+                                            SDK::JsonUtils::JsonToString(Policy()), 10s);
+    EXPECT_EQ(pushed.exit_code, 0) << pushed.err;
+    ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+}  // namespace

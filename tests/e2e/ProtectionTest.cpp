@@ -1,0 +1,91 @@
+#include <sys/stat.h>
+
+#include "support/ProtectedSite.h"
+
+namespace {
+
+class Protection : public test::ProtectedSite {};
+
+TEST_F(Protection, TamperingIsUndone_AndTold) {
+    Protect();
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+    std::filesystem::remove(site_.Path("about.html"));
+    EXPECT_TRUE(Await([&] { return std::filesystem::exists(site_.Path("about.html")); }));
+    EXPECT_TRUE(Await([&] { return agent_.HasAlarm("modify", site_.Path("index.html")); }));
+    EXPECT_TRUE(Await([&] { return agent_.HasAlarm("delete", site_.Path("about.html")); }));
+    const std::string page = agent_.Ctl({"alarms", "--since", "60"}).out;
+    EXPECT_NE(page.find("modify     " + site_.Path("index.html") + "  restored in "),
+              std::string::npos)
+        << page;
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, AgentThatWasKilled_ProtectsAgainWithItsStoreIntact) {
+    Protect();
+    ASSERT_TRUE(TamperingIsUndone("index.html"));
+    ASSERT_TRUE(Await([&] { return agent_.HasAlarm("modify", site_.Path("index.html")); }));
+    const std::size_t stored = agent_.JsonLines({"reports", "--json"}).size();
+    agent_.Kill();
+    ASSERT_TRUE(agent_.Start());
+    ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    EXPECT_TRUE(agent_.HasAlarm("modify", site_.Path("index.html")));
+    EXPECT_GE(agent_.JsonLines({"reports", "--json"}).size(), stored);
+    EXPECT_TRUE(TamperingIsUndone("news.html"));
+    EXPECT_TRUE(Await([&] { return agent_.HasAlarm("modify", site_.Path("news.html")); }));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, ProtectedDirectoryThatIsDeleted_ComesBack) {
+    Protect();
+    std::filesystem::remove_all(site_.Path());
+    EXPECT_TRUE(Await([&] {
+        return test::TempDir::Read(site_.Path("img/logo.svg")) == Good("img/logo.svg") &&
+               test::TempDir::Read(site_.Path("index.html")) == Good("index.html");
+    }));
+    ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    EXPECT_TRUE(TamperingIsUndone("news.html"));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, OddFileNames_AreReportedInValidJson) {
+    Protect();
+    const std::vector<std::string> names = {"two words.html",   "quo\"te'.html",
+                                            "new\nline.html",   "\xff\xfe.html",
+                                            "esc\x1b[31m.html", "back\\slash.html"};
+    for (const std::string& name : names) site_.Write(name, "planted");
+    // JsonLines records every line that is no JSON.
+    const auto reported = [&] {
+        std::size_t count = 0;
+        for (const Json::Value& alarm : agent_.JsonLines({"alarms", "--json"})) {
+            const std::string path = alarm["alarm"]["file_info"][0]["file_path"].asString();
+            count += path.find(".html") != std::string::npos ? 1u : 0u;
+        }
+        return count;
+    };
+    EXPECT_TRUE(Await([&] { return reported() >= names.size(); })) << reported();
+    for (const std::string& name : {names[0], names[1], names[2], names[5]}) {
+        EXPECT_TRUE(agent_.HasAlarm("add", site_.Path(name))) << name;
+    }
+    EXPECT_TRUE(agent_.HasAlarm("add", site_.Path("\xef\xbf\xbd\xef\xbf\xbd.html")));
+    const std::string page = agent_.Ctl({"alarms"}).out;
+    EXPECT_EQ(page.find('\x1b'), std::string::npos);
+    EXPECT_NE(page.find("new\\nline.html"), std::string::npos) << page;
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, MissingProtectedDirectory_IsSaidAndTheOthersAreProtected) {
+    ASSERT_TRUE(agent_.Start());
+    const Json::Value policy = test::ProtectionPolicy(
+        {{site_.Path(), backup_.Path()}, {site_.Path() + "-missing", backup_.Path()}});
+    const test::CommandResult check =
+        agent_.Ctl({"policy", "check", "sentrel_feature", "-"}, policy.toStyledString());
+    EXPECT_NE(check.err.find("/content/dirlist/1"), std::string::npos) << check.err;
+    if (check.exit_code == 0) {
+        ASSERT_EQ(agent_.Apply(policy), 0);
+        ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+        EXPECT_TRUE(TamperingIsUndone("index.html"));
+    }
+}
+
+}  // namespace

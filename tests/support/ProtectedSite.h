@@ -1,0 +1,64 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "support/AgentProcess.h"
+#include "support/WaitFor.h"
+
+namespace test {
+
+/// A small site, its backup folder, and an agent to protect it.
+class ProtectedSite : public testing::Test {
+  protected:
+    static constexpr std::chrono::seconds kDeadline{20};
+
+    ProtectedSite() {
+        for (const char* name : {"index.html", "about.html", "news.html", "img/logo.svg"}) {
+            site_.Write(name, Good(name));
+        }
+    }
+
+    static std::string Good(const std::string& name) { return "This is " + name + "\n"; }
+
+    Json::Value Policy() const { return ProtectionPolicy({{site_.Path(), backup_.Path()}}); }
+
+    bool Await(const std::function<bool()>& condition) const {
+        return WaitFor(condition, Scaled(kDeadline));
+    }
+
+    /// The first backup is complete and every protected path is watched.
+    bool AwaitProtection() const {
+        return Await([&] {
+            const Json::Value status = agent_.Status();
+            const Json::Value& paths = status["protected_paths"];
+            bool ready = !paths.empty() && status["protection"]["on"].asBool() &&
+                         !status["backup"]["local_pending"].asBool();
+            for (const Json::Value& path : paths) ready = ready && path["state"] == "ready";
+            return ready;
+        });
+    }
+
+    /// Starts the agent and protects the site.
+    void Protect() {
+        ASSERT_TRUE(agent_.Start());
+        ASSERT_EQ(agent_.Apply(Policy()), 0);
+        ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    }
+
+    /// Overwrites a page and waits until it is as it was.
+    bool TamperingIsUndone(const std::string& name) const {
+        std::ofstream(site_.Path(name), std::ios::app) << "defaced";
+        return Await([&] { return TempDir::Read(site_.Path(name)) == Good(name); });
+    }
+
+    TempDir site_;
+    TempDir backup_;
+    AgentProcess agent_;
+};
+
+}  // namespace test
