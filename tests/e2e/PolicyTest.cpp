@@ -8,7 +8,7 @@ namespace {
 using namespace std::chrono_literals;
 using test::CommandResult;
 
-class Policy : public test::ProtectedSite {
+class PolicyPush : public test::ProtectedSite {
   protected:
     CommandResult ApplyText(const std::string& text) const {
         return agent_.Ctl({"policy", "apply", "sentrel_feature", "-"}, text);
@@ -22,9 +22,9 @@ class Policy : public test::ProtectedSite {
     }
 };
 
-TEST_F(Policy, ExitCodes_TellOnOffAndRejected) {
+TEST_F(PolicyPush, ExitCodes_TellOnOffAndRejected) {
     ASSERT_TRUE(agent_.Start());
-    Json::Value policy = Policy();
+    Json::Value policy = SitePolicy();
     const CommandResult on = ApplyText(SDK::JsonUtils::JsonToString(policy));
     EXPECT_EQ(on.exit_code, 0) << on.err;
     EXPECT_EQ(on.out, "sentrel_feature: on\n");
@@ -41,9 +41,9 @@ TEST_F(Policy, ExitCodes_TellOnOffAndRejected) {
     EXPECT_EQ(agent_.Ctl({"policy", "apply", "../../x", "-"}, "{}").exit_code, 4);
 }
 
-TEST_F(Policy, BadPolicies_AreRefusedAndTheLastGoodOneStaysInForce) {
+TEST_F(PolicyPush, BadPolicies_AreRefusedAndTheLastGoodOneStaysInForce) {
     Protect();
-    Json::Value wrong_type = Policy();
+    Json::Value wrong_type = SitePolicy();
     wrong_type["content"]["dirlist"][0]["filepath"] = 7;
     std::string binary(4096, '\0');
     for (std::size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>(i * 37);
@@ -56,11 +56,11 @@ TEST_F(Policy, BadPolicies_AreRefusedAndTheLastGoodOneStaysInForce) {
         EXPECT_FALSE(result.err.empty());
     }
     const CommandResult shown = agent_.Ctl({"policy", "show", "sentrel_feature"});
-    EXPECT_EQ(shown.out, SDK::JsonUtils::JsonToString(Policy()) + "\n");
+    EXPECT_EQ(shown.out, SDK::JsonUtils::JsonToString(SitePolicy()) + "\n");
     EXPECT_TRUE(TamperingIsUndone("index.html"));
 }
 
-TEST_F(Policy, FileThatCannotBeRead_IsSaidSo) {
+TEST_F(PolicyPush, FileThatCannotBeRead_IsSaidSo) {
     ASSERT_TRUE(agent_.Start());
     for (const std::string& file : {site_.Path(), site_.Path("missing.json")}) {
         const CommandResult result = agent_.Ctl({"policy", "apply", "sentrel_feature", file});
@@ -69,15 +69,15 @@ TEST_F(Policy, FileThatCannotBeRead_IsSaidSo) {
     }
 }
 
-TEST_F(Policy, Check_FindsErrorsAndChangesNothing) {
+TEST_F(PolicyPush, Check_FindsErrorsAndChangesNothing) {
     ASSERT_TRUE(agent_.Start());
-    const std::string good = site_.Write("good.json", SDK::JsonUtils::JsonToString(Policy()));
+    const std::string good = site_.Write("good.json", SDK::JsonUtils::JsonToString(SitePolicy()));
     EXPECT_EQ(agent_.Ctl({"policy", "check", "sentrel_feature", good}).exit_code, 0);
     EXPECT_EQ(agent_.Ctl({"policy", "check", "sentrel_feature", "-"}, "{").exit_code, 4);
     EXPECT_EQ(agent_.Ctl({"policy", "list"}).out, "");
 }
 
-TEST_F(Policy, AppliedPolicy_IsInForceAgainAfterARestart) {
+TEST_F(PolicyPush, AppliedPolicy_IsInForceAgainAfterARestart) {
     Protect();
     ASSERT_EQ(agent_.Stop(), 0);
     ASSERT_TRUE(agent_.Start());
@@ -86,14 +86,14 @@ TEST_F(Policy, AppliedPolicy_IsInForceAgainAfterARestart) {
     EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST_F(Policy, RsyncThatCannotBeHad_IsReportedAndTheOldOneStays) {
+TEST_F(PolicyPush, RsyncThatCannotBeHad_IsReportedAndTheOldOneStays) {
     Protect();
     const std::string rsync = agent_.Path("bin/rsync");
     std::string before;
     ASSERT_EQ(SDK::FileUtils::GetFileSha256(rsync, before, 1L << 30), 0);
-    Json::Value unreachable = Policy();
+    Json::Value unreachable = SitePolicy();
     test::SetRsync(unreachable, "file://" + site_.Path("no/rsync"), before);
-    Json::Value wrong_digest = Policy();
+    Json::Value wrong_digest = SitePolicy();
     test::SetRsync(wrong_digest, "file:///usr/bin/rsync", std::string(64, '0'));
     // The executable that was installed last is known by its identity and not fetched again.
     std::filesystem::last_write_time(rsync, std::filesystem::file_time_type::clock::now() - 1h);
@@ -108,21 +108,22 @@ TEST_F(Policy, RsyncThatCannotBeHad_IsReportedAndTheOldOneStays) {
     EXPECT_TRUE(TamperingIsUndone("index.html"));
 }
 
-TEST_F(Policy, PolicyDuringALongFirstBackup_TakesEffectWithinTenSeconds) {
+TEST_F(PolicyPush, PolicyDuringALongFirstBackup_TakesEffectWithinTenSeconds) {
     ASSERT_TRUE(agent_.Start());
+    // Stands in for a backup of hours: the first copy never ends, later ones are rsync's.
     const std::string begun = backup_.Path("begun");
-    const std::string endless =
-        site_.Write("rsync", "#!/bin/sh\ncase \"$*\" in *--version*) exit 0;; esac\n: > " + begun +
-                                 "\nexec tail -f /dev/null\n");
+    const std::string endless = site_.Write(
+        "rsync", "#!/bin/sh\ncase \"$1\" in --version) exec /usr/bin/rsync \"$@\";; esac\n[ -e " +
+                     begun + " ] && exec /usr/bin/rsync \"$@\"\n: > " + begun +
+                     "\nexec tail -f /dev/null\n");
     std::string sha256;
     ASSERT_EQ(SDK::FileUtils::GetFileSha256(endless, sha256, 1L << 30), 0);
-    Json::Value slow = Policy();
+    Json::Value slow = SitePolicy();
     test::SetRsync(slow, "file://" + endless, sha256);
     ASSERT_EQ(agent_.Apply(slow), 0);
     ASSERT_TRUE(Await([&] { return std::filesystem::exists(begun); }));
-    std::filesystem::remove(endless);
     const CommandResult pushed = agent_.Ctl({"policy", "apply", "sentrel_feature", "-"},
-                                            SDK::JsonUtils::JsonToString(Policy()), 10s);
+                                            SDK::JsonUtils::JsonToString(slow), 10s);
     EXPECT_EQ(pushed.exit_code, 0) << pushed.err;
     ASSERT_TRUE(AwaitProtection()) << agent_.Status();
     EXPECT_TRUE(TamperingIsUndone("index.html"));

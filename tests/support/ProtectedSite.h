@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <json/writer.h>
 
 #include <chrono>
 #include <filesystem>
@@ -25,7 +26,7 @@ class ProtectedSite : public testing::Test {
 
     static std::string Good(const std::string& name) { return "This is " + name + "\n"; }
 
-    Json::Value Policy() const { return ProtectionPolicy({{site_.Path(), backup_.Path()}}); }
+    Json::Value SitePolicy() const { return ProtectionPolicy({{site_.Path(), backup_.Path()}}); }
 
     bool Await(const std::function<bool()>& condition) const {
         return WaitFor(condition, Scaled(kDeadline));
@@ -46,7 +47,7 @@ class ProtectedSite : public testing::Test {
     /// Starts the agent and protects the site.
     void Protect() {
         ASSERT_TRUE(agent_.Start());
-        ASSERT_EQ(agent_.Apply(Policy()), 0);
+        ASSERT_EQ(agent_.Apply(SitePolicy()), 0);
         ASSERT_TRUE(AwaitProtection()) << agent_.Status();
     }
 
