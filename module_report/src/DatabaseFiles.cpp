@@ -40,7 +40,7 @@ FileIdentity IdentifyFile(const std::string& path) {
 
 std::string SetDatabaseAside(const std::string& path, std::int64_t epoch_ms) {
     const std::string prefix = path + ".corrupt-";
-    const std::string aside = prefix + std::to_string(epoch_ms);
+    std::string aside = prefix + std::to_string(epoch_ms);
     if (std::rename(path.c_str(), aside.c_str()) != 0) return "";
     std::rename((path + "-wal").c_str(), (aside + "-wal").c_str());
     ::unlink((path + "-shm").c_str());

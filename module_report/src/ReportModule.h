@@ -19,6 +19,8 @@ class ReportModule : public Framework::Module {
   public:
     ReportModule();
     ~ReportModule() override;
+    ReportModule(const ReportModule&) = delete;
+    ReportModule& operator=(const ReportModule&) = delete;
 
     /// Always true: a store that cannot be opened now is tried again with each report.
     bool Init() override;

@@ -110,6 +110,7 @@ Json::Value ReportQueries::Read(const Json::Value& request) {
     answer["reports"] = Json::Value(Json::arrayValue);
     for (const Report& report : page.reports) answer["reports"].append(ToJson(report));
     answer["last_seq"] = Json::Int64{page.last_seq};
+    answer["more"] = page.more;
     return answer;
 }
 

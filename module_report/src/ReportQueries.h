@@ -13,8 +13,9 @@ class ReportQueries {
     ReportQueries(ReportStore& store, AlarmLog& alarms) : store_(store), alarms_(alarms) {}
 
     /// "reports.read": {"kind":"cmd"|"data"|"alarm"|"", "after":SEQ, "since":EPOCH_SECONDS,
-    /// "limit":N, "wait_ms":N, "exporter":NAME}, all optional. {"reports":[...],"last_seq":N},
-    /// ascending: all that match up to last_seq, which is the "after" to go on from. With an
+    /// "limit":N, "wait_ms":N, "exporter":NAME}, all optional. {"reports":[...],"last_seq":N,
+    /// "more":bool}, ascending: all that match up to last_seq, which is the "after" to go on from;
+    /// "more" when the limit or the size of the answer may have cut off later ones. With an
     /// exporter, only what it has not acknowledged. Without "after", "since" and "exporter", the
     /// newest `limit`. Waits up to wait_ms (at most a minute) for the first match. A request or
     /// store that is wrong: {"error":"..."}.

@@ -63,6 +63,7 @@ bool ReportStore::ReadPage(ReportDatabase& database, const ReportFilter& filter,
                            ReportPage& page) const {
     bool complete = false;
     if (!database.Read(filter, kMaxPageBytes, page.reports, complete)) return false;
+    page.more = !complete;
     page.last_seq = complete ? last_seq_ : page.reports.back().seq;
     return true;
 }

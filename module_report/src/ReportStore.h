@@ -36,6 +36,7 @@ struct StoreStatus {
 struct ReportPage {
     std::vector<Report> reports;
     std::int64_t last_seq = 0;
+    bool more = false;  ///< there are matches beyond last_seq, or there may be
 };
 
 /// The durable report store, data/reports.db. Any thread; owned by the module.

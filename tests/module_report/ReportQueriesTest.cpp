@@ -61,6 +61,8 @@ TEST_F(ReportQueriesTest, LastSeq_LeadsThroughAllPagesWithoutAGap) {
     for (int i = 0; i < 20; ++i) Store(std::string(1024 * 1024, 'x'));
     const Json::Value page = Read(R"({"after":7})");
     EXPECT_EQ(page["last_seq"], page["reports"][page["reports"].size() - 1]["seq"]);
+    EXPECT_TRUE(page["more"].asBool());
+    EXPECT_FALSE(Read(R"({"kind":"cmd","after":0})")["more"].asBool());
     EXPECT_LT(page["reports"].size(), 20U) << "an answer has a bounded size";
 }
 

@@ -90,6 +90,23 @@ TEST_F(ReportStoreTest, SizeBound_RemovesTheOldestAndCountsUnacknowledgedOnes) {
     EXPECT_EQ(static_cast<std::int64_t>(ReadAll().size()), status.stored);
 }
 
+TEST_F(ReportStoreTest, MaintainedWhileWritten_NothingIsLost) {
+    std::atomic<bool> done{false};
+    auto maintenance = std::async(std::launch::async, [&] {
+        while (!done) store_->Maintain();
+    });
+    auto other = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 200; ++i) EXPECT_GT(Store("other"), 0);
+    });
+    for (int i = 0; i < 200; ++i) EXPECT_GT(Store("one"), 0);
+    other.wait();
+    done = true;
+    maintenance.wait();
+    Reopen();
+    EXPECT_EQ(ReadAll().size(), 400U);
+    EXPECT_EQ(store_->Status().files_set_aside, 0U);
+}
+
 TEST_F(ReportStoreTest, WaitingReader_IsWokenByAMatchOnly) {
     Store("earlier alarm");
     Engine::ReportFilter filter;
