@@ -43,6 +43,7 @@ std::string MakePolicy(const PolicyRequest& request) {
     content["dirlist"].append(tree);
     if (!request.file.empty()) content["dirlist"].append(Rule(request, request.file));
     Json::Value document;
+    document["enabled"] = true;
     document["content"] = content;
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "  ";
