@@ -163,7 +163,7 @@ prepare_agent() {
     [[ $MODE == protect && -n $TARGET ]] || rm -rf "$WORK/backup"
     cp -a -- "$STAGE" "$WORK/agent"
     rm -rf "$WORK/agent"/{data,log,run}
-    mkdir -p "$WORK/backup" "$WORK/scratch"
+    mkdir -p "$WORK/backup"/{tree,file} "$WORK/scratch"
 }
 
 # Makes $SITE, and $SINGLE_FILE where there is one.
@@ -212,7 +212,7 @@ start_agent() {
 }
 
 apply_policy() {
-    local arguments=(--tree "$SITE" --backup "$WORK/backup/" --rsync "$(realpath -e /usr/bin/rsync)")
+    local arguments=(--tree "$SITE" --backup "$WORK/backup" --rsync "$(realpath -e /usr/bin/rsync)")
     local name paths=1
     [[ -z $SINGLE_FILE ]] || arguments+=(--file "$SINGLE_FILE") paths=2
     for name in "${IGNORED_DIRS[@]}"; do arguments+=(--ignore-dir "$name"); done

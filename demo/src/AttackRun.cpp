@@ -1,5 +1,6 @@
 #include "AttackRun.h"
 
+#include <poll.h>
 #include <time.h>
 
 namespace Demo {
@@ -9,6 +10,10 @@ using Clock = std::chrono::steady_clock;
 
 /// Short beside the times that are measured, long enough to leave the processor to those who work.
 constexpr long kPollNanoseconds = 200000;
+
+/// Longer than one restore, so that an agent whose counters stand still for as long has no more to
+/// do.
+constexpr int kRestMs = 120;
 
 void Pause() {
     const struct timespec pause { 0, kPollNanoseconds };
@@ -25,6 +30,7 @@ AttackResult AttackRun::Run(const Attack& attack) {
     AttackResult result;
     result.name = attack.name;
     result.path = attack.path;
+    WaitForRest();
     const TreeState before = TakeState(attack.path);
     feed_.Mark();
     const auto start = Clock::now();
@@ -39,6 +45,19 @@ AttackResult AttackRun::Run(const Attack& attack) {
     result.alarm = feed_.WaitFor(names_it, deadline_);
     if (result.undone && !result.alarm) result.failure = "no alarm names " + attack.path;
     return result;
+}
+
+void AttackRun::WaitForRest() const {
+    const auto end = Clock::now() + deadline_;
+    Json::Value counters;
+    std::string error;
+    while (Clock::now() < end) {
+        Json::Value status;
+        if (!agent_.Get("/v1/status", deadline_, status, error)) return;
+        if (status["filenotify"]["pending_events"] == 0 && status["counters"] == counters) return;
+        counters = status["counters"];
+        ::poll(nullptr, 0, kRestMs);
+    }
 }
 
 std::string AttackRun::WaitUntilAs(const TreeState& before, const std::string& path) const {

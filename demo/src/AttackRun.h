@@ -8,6 +8,7 @@
 
 #include "AlarmFeed.h"
 #include "Attacks.h"
+#include "ControlClient.h"
 #include "TreeState.h"
 
 namespace Demo {
@@ -26,16 +27,20 @@ struct AttackResult {
 /// nothing; one thread. Blocks at most twice the deadline for each attack.
 class AttackRun {
   public:
-    AttackRun(AlarmFeed& feed, std::chrono::milliseconds deadline)
-        : feed_(feed), deadline_(deadline) {}
+    AttackRun(AlarmFeed& feed, const ControlClient& agent, std::chrono::milliseconds deadline)
+        : feed_(feed), agent_(agent), deadline_(deadline) {}
 
+    /// Begins when the agent is at rest, so that the time is that of this attack alone.
     AttackResult Run(const Attack& attack);
 
     /// Waits until `path` is as `before` again; the last difference, empty when there is none.
     std::string WaitUntilAs(const TreeState& before, const std::string& path) const;
 
   private:
+    void WaitForRest() const;
+
     AlarmFeed& feed_;
+    const ControlClient& agent_;
     std::chrono::milliseconds deadline_;
 };
 

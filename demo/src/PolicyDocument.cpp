@@ -10,12 +10,12 @@
 namespace Demo {
 namespace {
 
-Json::Value Rule(const PolicyRequest& request, const std::string& path) {
+Json::Value Rule(const PolicyRequest& request, const std::string& path, const char* name) {
     Json::Value rule;
     rule["enable"] = true;
     rule["auto_restore"] = request.auto_restore;
     rule["filepath"] = path;
-    rule["backup_path"] = request.backup;
+    rule["backup_path"] = request.backup + "/" + name + "/";
     rule["ignored_subdir"] = Json::Value(Json::arrayValue);
     rule["ignored_postfix"] = Json::Value(Json::arrayValue);
     return rule;
@@ -37,11 +37,11 @@ std::string MakePolicy(const PolicyRequest& request) {
     content["diff_content"] = true;
     content["diff_attr"] = true;
     content["monitor_only"] = false;
-    Json::Value tree = Rule(request, request.tree);
+    Json::Value tree = Rule(request, request.tree, "tree");
     for (const std::string& name : request.excluded_subdirs) tree["ignored_subdir"].append(name);
     for (const std::string& name : request.excluded_suffixes) tree["ignored_postfix"].append(name);
     content["dirlist"].append(tree);
-    if (!request.file.empty()) content["dirlist"].append(Rule(request, request.file));
+    if (!request.file.empty()) content["dirlist"].append(Rule(request, request.file, "file"));
     Json::Value document;
     document["enabled"] = true;
     document["content"] = content;

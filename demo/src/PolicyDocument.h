@@ -9,7 +9,7 @@ namespace Demo {
 struct PolicyRequest {
     std::string tree;
     std::string file;    ///< empty: none
-    std::string backup;  ///< folder of the backup copies
+    std::string backup;  ///< folder of the backup copies, without a trailing "/"
     std::string rsync;   ///< the executable that the agent is to take, by a file: URL
     std::vector<std::string> excluded_subdirs;
     std::vector<std::string> excluded_suffixes;

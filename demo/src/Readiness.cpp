@@ -36,8 +36,11 @@ std::string Describe(const Json::Value& status, std::size_t paths, bool& ready) 
         const std::string failure = SDK::JsonUtils::GetStringValue(path, "last_failure", "");
         if (!failure.empty()) text += "    " + name + ": " + failure + "\n";
         if (state == "ready" || state == "degraded") {
-            text += "    " + name + ": " + path["watched_directories"].asString() +
-                    " directories watched" + (state == "ready" ? "" : ", not all there are") + "\n";
+            text += "    " + name + ": watched";
+            if (SDK::JsonUtils::GetStringValue(path, "kind", "") == "tree") {
+                text += ", " + path["watched_directories"].asString() + " directories";
+            }
+            text += state == "ready" ? "\n" : ", but not all there are\n";
         } else {
             waiting += "    " + name + ": " + state + "\n";
         }

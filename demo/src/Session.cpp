@@ -124,7 +124,8 @@ int RunSession(const SessionOptions& options, std::ostream& out) {
     const std::vector<Attack> attacks = PlanAttacks(victims, options.scratch, options.file);
     const TreeState before = TakeState(options.site);
     Report report(out, options.json, attacks, options.site);
-    AttackRun run(feed, options.deadline);
+    const ControlClient agent(options.socket);
+    AttackRun run(feed, agent, options.deadline);
     for (const Attack& attack : attacks) report.Add(run.Run(attack));
     const std::string difference = run.WaitUntilAs(before, options.site);
     if (!difference.empty()) report.Fail("the site is not as it was: " + difference);
