@@ -227,14 +227,9 @@ apply_policy() {
         die "the protection did not become ready; see $WORK/agent/log"
 }
 
-# Tells what will not be as the user expects, before the first surprise.
+# The agent itself tells of names that it cannot restore.
 warn_of_limits() {
-    local odd directories limit
-    odd=$(find "$SITE" -print0 | tr '\n' ' ' | LC_ALL=C tr -d "$CARRYABLE" | tr '\0' '\n' |
-        grep -ac . || true)
-    [[ $odd -eq 0 ]] ||
-        warn "$odd names below $SITE have blanks or shell characters: changes to them are reported," \
-            "but cannot be undone one by one"
+    local directories limit
     directories=$(find "$SITE" -type d | wc -l)
     limit=$(cat "$REAL_LIMIT")
     [[ $directories -lt $limit ]] ||
