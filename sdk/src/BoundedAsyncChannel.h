@@ -18,6 +18,8 @@ namespace SDK {
 class BoundedAsyncChannel : public Poco::Channel {
   public:
     explicit BoundedAsyncChannel(std::size_t capacity) : capacity_(capacity) {}
+    BoundedAsyncChannel(const BoundedAsyncChannel&) = delete;
+    BoundedAsyncChannel& operator=(const BoundedAsyncChannel&) = delete;
 
     /// Writes to `target` from now on; what is queued still goes to the former one.
     void Start(Poco::AutoPtr<Poco::Channel> target);

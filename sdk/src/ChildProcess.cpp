@@ -17,6 +17,7 @@ constexpr int kFirstInherited = 3;  // the first descriptor that a command must 
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
     pointers.push_back(nullptr);
     return pointers;
@@ -60,8 +61,8 @@ class SpawnPlan {
         if (error_ == 0) error_ = error;
     }
 
-    posix_spawn_file_actions_t actions_;
-    posix_spawnattr_t attributes_;
+    posix_spawn_file_actions_t actions_{};
+    posix_spawnattr_t attributes_{};
     int error_ = 0;
 };
 

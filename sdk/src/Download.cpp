@@ -87,7 +87,7 @@ void Download::FetchFile(const Poco::URI& url) {
     struct stat info {};
     if (!source.IsOpen() || ::fstat(source.Get(), &info) != 0) FailWithErrno("cannot read it");
     if (!S_ISREG(info.st_mode)) throw DownloadError("it is no regular file");
-    std::array<char, kChunk> buffer;
+    std::array<char, kChunk> buffer{};
     ssize_t got = 0;
     while ((got = ::read(source.Get(), buffer.data(), buffer.size())) > 0) {
         Take(buffer.data(), static_cast<std::size_t>(got));
@@ -127,7 +127,7 @@ bool Download::FetchHttp(const Poco::URI& url, std::string& location) {
     }
     const Poco::Int64 length = response.hasContentLength() ? response.getContentLength64() : -1;
     if (length > limits_.max_bytes) throw DownloadError("the file is larger than allowed");
-    std::array<char, kChunk> buffer;
+    std::array<char, kChunk> buffer{};
     while (length < 0 || taken_ < length) {
         const std::size_t got = session.Read(body, buffer.data(), buffer.size());
         if (got == 0) break;

@@ -47,7 +47,7 @@ class OutputCollector {
 
     /// Takes what one read gives; its size, 0 when there is nothing (any more).
     std::size_t Take() {
-        std::array<char, 64 * 1024> buffer;
+        std::array<char, 64 * 1024> buffer{};
         const ssize_t got = ::read(fd_, buffer.data(), buffer.size());
         if (got < 0 && (errno == EAGAIN || errno == EINTR)) return 0;
         if (got <= 0) {

@@ -53,7 +53,7 @@ FileDescriptor OpenRegular(const std::string& path) {
 /// Hands at most `limit` bytes of the file to `take(data, size)`, which gives 0 to go on.
 template <typename Take>
 int ReadUpTo(int fd, long limit, Take take) {
-    std::array<char, kChunk> buffer;
+    std::array<char, kChunk> buffer{};
     while (limit > 0) {
         const std::size_t wanted = std::min(static_cast<std::size_t>(limit), buffer.size());
         const ssize_t got = ::read(fd, buffer.data(), wanted);
@@ -76,7 +76,7 @@ int HashFile(const std::string& path, long limit, Sha256& digest) {
 }
 
 int HashLinkText(const std::string& path, Sha256& digest) {
-    std::array<char, PATH_MAX> text;
+    std::array<char, PATH_MAX> text{};
     const ssize_t length = ::readlink(path.c_str(), text.data(), text.size());
     if (length < 0) return -1;
     digest.Update(text.data(), static_cast<std::size_t>(length));

@@ -33,6 +33,9 @@ struct LogState {
     std::mutex mutex;  // guards what follows, and changes of the tree of loggers
     std::map<std::string, int> own_levels;
 
+    LogState() = default;
+    LogState(const LogState&) = delete;
+    LogState& operator=(const LogState&) = delete;
     ~LogState() { channel->Stop(); }
 };
 

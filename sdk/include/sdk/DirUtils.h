@@ -16,7 +16,7 @@ class DirUtils {
 
     /// Removes the directory `path` with all that it holds. Never follows a symbolic link, also not
     /// one that is put in place of a directory meanwhile. A missing directory is a failure; goes on
-    /// past what cannot be removed and then fails.
+    /// past what cannot be removed and then fails. Refuses "/".
     static int DeleteDir(const std::string& path);
 
     /// Makes the directory `path` with all missing parents, each with `mode` (whatever the umask).

@@ -24,7 +24,8 @@ class ExecuteCmdUtils {
 
     /// Runs one command line as /bin/sh would and keeps the first `max_output` bytes of its output.
     /// 0 when it exited with 0, its exit code when that is not 0, or one of the negative results.
-    /// No time limit.
+    /// No time limit. A line that needs no shell (plain and double-quoted words, the program with a
+    /// "/") is run without one; one with a NUL byte is not run.
     static int ExecuteCmd(const std::string& command, std::string& output, std::size_t max_output);
 
     /// Runs `program` (an absolute path) with `arguments`, without a shell, for at most

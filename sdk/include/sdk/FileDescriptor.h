@@ -16,6 +16,8 @@ class FileDescriptor {
         if (this != &other) Reset(std::exchange(other.fd_, -1));
         return *this;
     }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
     ~FileDescriptor() { Reset(); }
 
     int Get() const { return fd_; }

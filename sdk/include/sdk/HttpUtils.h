@@ -15,8 +15,9 @@ class HttpUtils {
     /// `sha256` is the expected digest in hex, either case; empty is a failure. Written to a
     /// temporary file beside `target` and renamed when the digest is right: on failure the old file
     /// stays as it was and nothing is left behind. `proxy_url` and `ca_file` may be empty. Ends
-    /// early when the calling thread's CommandInterrupter is interrupted. 0 on success, otherwise
-    /// -1; LastError tells why.
+    /// early when the calling thread's CommandInterrupter is interrupted; only the resolution of
+    /// the host name and the way of https through a proxy are waited for, and a TLS record that has
+    /// begun. 0 on success, otherwise -1; LastError tells why.
     int Download(const std::string& url, const std::string& target, const std::string& sha256,
                  const std::string& proxy_url, const std::string& ca_file);
 

@@ -29,7 +29,8 @@ class LoggerUtils {
     /// Writes out what is queued and closes the files; loggers stay valid and are silent.
     void Shutdown();
 
-    /// Records dropped because the queue was full, since the start.
+    /// Records dropped because the queue was full or the file could not be written, since the
+    /// start. The log itself says "dropped N log records" as soon as it can again.
     unsigned long DroppedRecords() const;
 
     /// Never null, but quiet until Configure.
