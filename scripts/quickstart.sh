@@ -17,6 +17,7 @@ Without DIR it makes a small site to play with.
                       with DIR it attacks a copy of DIR. Exit code 0: all were undone and reported
   --ignore-dir NAME   leaves the directory NAME below DIR alone, such as uploads (may be repeated)
   --ignore-suffix S   leaves files alone whose names end in S, such as .log (may be repeated)
+  --report-only       reports changes and leaves them
   -h, --help          this text
 
 Nothing outside build/ changes, apart from what is restored in DIR and Debian packages that were
@@ -27,7 +28,7 @@ END
 readonly SKIPPED=77  # what ctest takes for "not possible on this machine"
 
 MODE=protect TARGET='' IGNORED_DIRS=() IGNORED_SUFFIXES=()
-STAGE='' WORK=$ROOT/build/quickstart DEADLINE_MS=15000 INSIDE=''
+RESTORE=() STAGE='' WORK=$ROOT/build/quickstart DEADLINE_MS=15000 INSIDE=''
 AGENT_PID='' CHILD_PID=''
 
 # --stage, --work and --deadline-ms are for the tests, --inside for ourselves.
@@ -40,6 +41,7 @@ parse_arguments() {
                 parse_value "$1" "$2"
                 shift
                 ;;
+            --report-only) RESTORE=(--no-restore) ;;
             --inside) INSIDE=yes ;;
             -h | --help) usage && exit 0 ;;
             -*) die "unknown option: $1; see --help" ;;
@@ -213,6 +215,7 @@ start_agent() {
 
 apply_policy() {
     local arguments=(--tree "$SITE" --backup "$WORK/backup" --rsync "$(realpath -e /usr/bin/rsync)")
+    arguments+=("${RESTORE[@]}")
     local name paths=1
     [[ -z $SINGLE_FILE ]] || arguments+=(--file "$SINGLE_FILE") paths=2
     for name in "${IGNORED_DIRS[@]}"; do arguments+=(--ignore-dir "$name"); done
