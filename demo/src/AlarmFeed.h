@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "ControlClient.h"
+#include "AgentClient.h"
 
 namespace Demo {
 
@@ -25,7 +25,7 @@ struct Alarm {
 /// Reads the agent's alarms from its control socket, each once and in order. One thread.
 class AlarmFeed {
   public:
-    explicit AlarmFeed(std::string socket_path) : client_(std::move(socket_path)) {}
+    explicit AlarmFeed(const std::string& socket_path) : client_(socket_path) {}
 
     /// From here on alarms count. False when the agent does not answer; `error` says why.
     bool Start(std::string& error);
@@ -46,7 +46,7 @@ class AlarmFeed {
   private:
     void Keep(const Json::Value& report);
 
-    ControlClient client_;
+    AgentClient client_;
     std::int64_t last_seq_ = 0;
     std::vector<Alarm> alarms_;
     std::size_t mark_ = 0;

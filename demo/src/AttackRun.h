@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "AgentClient.h"
 #include "AlarmFeed.h"
 #include "Attacks.h"
-#include "ControlClient.h"
 #include "TreeState.h"
 
 namespace Demo {
@@ -27,7 +27,7 @@ struct AttackResult {
 /// nothing; one thread. Blocks at most twice the deadline for each attack.
 class AttackRun {
   public:
-    AttackRun(AlarmFeed& feed, const ControlClient& agent, std::chrono::milliseconds deadline)
+    AttackRun(AlarmFeed& feed, const AgentClient& agent, std::chrono::milliseconds deadline)
         : feed_(feed), agent_(agent), deadline_(deadline) {}
 
     /// Begins when the agent is at rest, so that the time is that of this attack alone.
@@ -40,7 +40,7 @@ class AttackRun {
     void WaitForRest() const;
 
     AlarmFeed& feed_;
-    const ControlClient& agent_;
+    const AgentClient& agent_;
     std::chrono::milliseconds deadline_;
 };
 

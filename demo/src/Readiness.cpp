@@ -5,7 +5,7 @@
 #include <chrono>
 #include <functional>
 
-#include "ControlClient.h"
+#include "AgentClient.h"
 #include "sdk/JsonUtils.h"
 
 namespace Demo {
@@ -54,7 +54,7 @@ std::string Describe(const Json::Value& status, std::size_t paths, bool& ready) 
 }  // namespace
 
 bool WaitForAnswer(const ReadinessRequest& request, std::ostream& out) {
-    const ControlClient client(request.socket);
+    const AgentClient client(request.socket);
     Json::Value status;
     std::string error;
     if (Wait(request.deadline_ms,
@@ -66,7 +66,7 @@ bool WaitForAnswer(const ReadinessRequest& request, std::ostream& out) {
 }
 
 bool WaitUntilReady(const ReadinessRequest& request, std::ostream& out) {
-    const ControlClient client(request.socket);
+    const AgentClient client(request.socket);
     std::string said;
     return Wait(request.deadline_ms, [&] {
         Json::Value status;

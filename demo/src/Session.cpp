@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <system_error>
 
 #include "AlarmFeed.h"
@@ -99,12 +100,17 @@ void CheckExcluded(const std::vector<std::string>& left, const AlarmFeed& feed, 
     }
 }
 
-/// Where the planted links led to, something may have been written: rsync before 3.5.0 does that.
-std::string NoteOnLinks(const SessionOptions& options) {
+/// What the planted directory link led to must not be touched by the restore, but rsync follows a
+/// link that is root's own: the reader should know.
+std::string NoteOnLinks(const std::string& bystander) {
     std::error_code error;
-    if (std::filesystem::is_empty(options.scratch + "/elsewhere", error) || error) return {};
-    return "rsync wrote through the link that stood in place of a directory, into " +
-           options.scratch + "/elsewhere. rsync 3.5.0 and later refuse that.";
+    const auto folder = std::filesystem::path(bystander).parent_path();
+    const bool deleted = !std::filesystem::exists(bystander, error);
+    const auto objects = std::distance(std::filesystem::directory_iterator(folder, error), {});
+    if (!deleted && objects == 1) return {};
+    return "the restore followed the link that stood in place of a directory, as rsync does with "
+           "root's own\nlinks: it wrote into " +
+           folder.string() + (deleted ? ",\nand deleted what lay there." : ".");
 }
 
 }  // namespace
@@ -122,15 +128,17 @@ int RunSession(const SessionOptions& options, std::ostream& out) {
     std::filesystem::create_directories(options.scratch);
     const std::vector<std::string> left = LeaveExcludedFiles(options);
     const std::vector<Attack> attacks = PlanAttacks(victims, options.scratch, options.file);
+    const std::string bystander = options.scratch + "/elsewhere/bystander.txt";
+    std::ofstream(bystander) << "no part of the site\n";
     const TreeState before = TakeState(options.site);
     Report report(out, options.json, attacks, options.site);
-    const ControlClient agent(options.socket);
+    const AgentClient agent(options.socket);
     AttackRun run(feed, agent, options.deadline);
     for (const Attack& attack : attacks) report.Add(run.Run(attack));
     const std::string difference = run.WaitUntilAs(before, options.site);
     if (!difference.empty()) report.Fail("the site is not as it was: " + difference);
     CheckExcluded(left, feed, report);
-    return report.Close(attacks.size(), before.size(), NoteOnLinks(options));
+    return report.Close(attacks.size(), before.size(), NoteOnLinks(bystander));
 }
 
 }  // namespace Demo
