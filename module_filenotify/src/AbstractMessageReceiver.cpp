@@ -1,0 +1,17 @@
+#include <module_filenotify/AbstractMessageReceiver.h>
+
+namespace Engine {
+
+void AbstractMessageReceiver::FileNotifyMessageAction(FileNotifyMessage*) {}
+
+void AbstractMessageReceiver::ProcsMessageAction(int, unsigned int,
+                                                 std::shared_ptr<ProcsMessage::procInfo>) {}
+
+void AbstractMessageReceiver::AssetMessageAction(
+    unsigned int, const std::map<int, std::shared_ptr<AssetMessage::assetInfo>>&) {}
+
+void AbstractMessageReceiver::FtraceMessageAction(const FtraceMessage*) {}
+
+AbstractMessageReceiver::~AbstractMessageReceiver() = default;
+
+}  // namespace Engine

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <sdk/FileDescriptor.h>
+
+#include <deque>
+
+#include "DirNode.h"
+
+namespace Engine::FileNotify {
+
+/// Opens directories step by step from their parents, so that no link is followed on the way
+/// (links above a root, which are DirNode::kThroughLink, excepted) and no path is too long. Keeps
+/// the last ones open, as a walk opens one child after another. Task's thread only.
+class DirOpener {
+  public:
+    /// A descriptor of that directory to look names up in, or -errno: ENOENT, ENOTDIR or ELOOP when
+    /// it is no longer there as a directory. Borrowed: valid until the next call.
+    int Locate(const DirNode& node);
+
+    /// The same directory opened to be read; -1 with errno.
+    static SDK::FileDescriptor OpenForReading(int located_fd);
+
+    void Forget(const DirNode& node);
+    void Clear() { open_.clear(); }
+
+  private:
+    static constexpr std::size_t kKeptOpen = 64;
+
+    struct Entry {
+        const DirNode* node;
+        SDK::FileDescriptor fd;
+    };
+
+    int FindOpen(const DirNode& node) const;
+    void Keep(const DirNode& node, SDK::FileDescriptor fd);
+
+    std::deque<Entry> open_;
+};
+
+}  // namespace Engine::FileNotify

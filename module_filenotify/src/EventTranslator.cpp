@@ -1,0 +1,175 @@
+// Owns: half of a move, between its two records. Not: the records (InotifyReader).
+// Thread: the task's.
+
+#include "EventTranslator.h"
+
+#include <sdk/Log.h>
+#include <sys/inotify.h>
+
+#include <string>
+#include <vector>
+
+namespace Engine::FileNotify {
+
+using Kind = NameIndex::Kind;
+
+std::size_t EventTranslator::Handle(std::size_t limit) {
+    std::size_t handled = 0;
+    for (; handled < limit; ++handled) {
+        const InotifyRecord* record = reader_.Front();
+        if (record == nullptr) break;
+        router_.SetTime(reader_.FrontTime());
+        HandleRecord(*record);
+        reader_.Pop();
+        roots_.Settle();
+    }
+    // A partner is always among the records that were read with the first half.
+    if (reader_.Empty()) moves_.clear();
+    counters_.events_received += handled;
+    return handled;
+}
+
+void EventTranslator::HandleRecord(const InotifyRecord& record) {
+    if ((record.mask & IN_Q_OVERFLOW) != 0) {
+        Overflow();
+    } else if ((record.mask & IN_IGNORED) != 0) {
+        WatchEnded(record.wd);
+    } else {
+        // Handling one node may remove another one of the same watch.
+        DirNode* first = tree_.table.FirstNodeOf(record.wd);
+        if (first == nullptr) return;
+        const std::vector<DirNode*> nodes = tree_.table.FurtherNodesOf(record.wd);
+        HandleAt(*first, record);
+        for (DirNode* node : nodes) {
+            if (tree_.table.IsNodeOf(record.wd, node)) HandleAt(*node, record);
+        }
+    }
+}
+
+void EventTranslator::Overflow() {
+    ++counters_.overflows;
+    SDK_LOG(logger_, PRIO_WARNING,
+            "the kernel's event queue has overflowed; all watched trees are walked again.");
+    roots_.LookAgain(true);
+}
+
+void EventTranslator::WatchEnded(int wd) {
+    for (DirNode* node : tree_.table.Forget(wd)) {
+        // Mostly the directory is gone and its parent tells so. Where it does not (something was
+        // unmounted), another directory is there now.
+        if (tree_.coverage.IsWalked(*node)) {
+            tree_.queue.Push(*node, WalkQueue::kReconcile, nullptr);
+        } else {
+            tree_.EnsureWatched(*node);
+            roots_.LookAgain(false);
+        }
+    }
+}
+
+void EventTranslator::HandleAt(DirNode& dir, const InotifyRecord& record) {
+    const bool is_directory = (record.mask & IN_ISDIR) != 0;
+    if (record.name.empty()) {
+        AboutDirectoryItself(dir, record);
+    } else if ((record.mask & IN_CREATE) != 0) {
+        changes_.Appeared(dir, record.name, is_directory, IN_CREATE,
+                          {WalkQueue::kArrived, nullptr, false});
+    } else if ((record.mask & IN_DELETE) != 0) {
+        changes_.Gone(dir, record.name, is_directory, IN_DELETE);
+    } else if ((record.mask & IN_MOVED_FROM) != 0) {
+        MovedFrom(dir, record);
+    } else if ((record.mask & IN_MOVED_TO) != 0) {
+        MovedTo(dir, record);
+    } else {
+        router_.Announce({&dir, record.name}, record.mask);
+    }
+}
+
+void EventTranslator::AboutDirectoryItself(DirNode& dir, const InotifyRecord& record) {
+    const std::uint32_t end = record.mask & (IN_DELETE_SELF | IN_MOVE_SELF);
+    if (end != 0) {
+        // The parent's event says it better, if the parent is watched.
+        if (dir.parent == nullptr || dir.parent->wd >= 0) return;
+        const std::string name = dir.name;
+        changes_.Gone(*dir.parent, name, true, end == IN_MOVE_SELF ? IN_MOVED_FROM : IN_DELETE);
+        return;
+    }
+    // The rest reaches inner directories through their parents too.
+    for (const Watch* watch : tree_.coverage.WaitingFor(dir.parent, dir.name)) {
+        if (watch->AtParent()) router_.AnnounceRoot(*watch, record.mask | IN_ISDIR);
+    }
+}
+
+void EventTranslator::MovedFrom(DirNode& dir, const InotifyRecord& record) {
+    const InotifyRecord* to = reader_.FindAhead(record.cookie, IN_MOVED_TO);
+    if (to == nullptr) {
+        reader_.Fill();
+        to = reader_.FindAhead(record.cookie, IN_MOVED_TO);
+    }
+    const bool is_directory = (record.mask & IN_ISDIR) != 0;
+    DirNode* target = to == nullptr ? nullptr : tree_.table.FirstNodeOf(to->wd);
+    if (target == nullptr || !tree_.coverage.IsCovered(*target, to->name)) {
+        changes_.Gone(dir, record.name, is_directory, IN_MOVED_FROM);
+        return;
+    }
+    if (moves_.count(record.cookie) != 0 || TakeSwap(dir, record, *target, *to)) {
+        router_.Announce({&dir, record.name}, record.mask, {target, to->name});
+        return;
+    }
+    DirNode* node = is_directory ? dir.dirs.Find(record.name) : nullptr;
+    if (node == nullptr || node->Is(DirNode::kThroughLink) ||
+        !tree_.coverage.IsWalked(*target, to->name) || NameIndex::IsWithin(*target, *node) ||
+        (target == &dir && record.name == to->name)) {
+        changes_.Gone(dir, record.name, is_directory, IN_MOVED_FROM, {target, to->name});
+        return;
+    }
+    moves_[record.cookie] = {false, NameIndex::Lookup(*target, to->name)};
+    changes_.Move(*node, *target, to->name, IN_MOVED_FROM);
+}
+
+// Two names that change places give two moves, there and back, right after one another, and no
+// event about what the first move would have replaced.
+bool EventTranslator::TakeSwap(DirNode& dir, const InotifyRecord& from, DirNode& target,
+                               const InotifyRecord& to) {
+    const InotifyRecord* back_from = reader_.Ahead(2);
+    const InotifyRecord* back_to = reader_.Ahead(3);
+    if (back_to == nullptr || reader_.Ahead(1) != &to) return false;
+    const bool is_there_and_back =
+        (back_from->mask & IN_MOVED_FROM) != 0 && (back_to->mask & IN_MOVED_TO) != 0 &&
+        back_from->cookie == back_to->cookie && back_from->wd == to.wd &&
+        back_from->name == to.name && back_to->wd == from.wd && back_to->name == from.name;
+    if (!is_there_and_back || ((from.mask ^ back_from->mask) & IN_ISDIR) != 0) return false;
+    if ((from.mask & IN_ISDIR) != 0) {
+        DirNode* one = dir.dirs.Find(from.name);
+        DirNode* other = target.dirs.Find(to.name);
+        if (one == nullptr || other == nullptr || one == other ||
+            NameIndex::IsWithin(*one, *other) || NameIndex::IsWithin(*other, *one)) {
+            return false;
+        }
+        changes_.Exchange(*one, *other);
+    } else if (NameIndex::Lookup(dir, from.name) != Kind::kOther ||
+               NameIndex::Lookup(target, to.name) != Kind::kOther) {
+        return false;
+    }
+    moves_[from.cookie].swap = true;
+    moves_[back_from->cookie].swap = true;
+    return true;
+}
+
+void EventTranslator::MovedTo(DirNode& dir, const InotifyRecord& record) {
+    const auto move = moves_.find(record.cookie);
+    if (move == moves_.end()) {
+        changes_.Appeared(dir, record.name, (record.mask & IN_ISDIR) != 0, IN_MOVED_TO,
+                          {WalkQueue::kArrived, nullptr, false});
+        return;
+    }
+    const HalfMove half = move->second;
+    moves_.erase(move);
+    if (half.swap) {
+        router_.Announce({&dir, record.name}, record.mask);
+        roots_.NameAppeared(dir, record.name, (record.mask & IN_ISDIR) != 0);
+    } else {
+        changes_.MovedHere(dir, record.name, IN_MOVED_TO, half.replaced);
+    }
+}
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <unordered_map>
+
+#include "InotifyReader.h"
+#include "TreeChanges.h"
+
+namespace Engine::FileNotify {
+
+/// Turns the kernel's records into changes of the tree: brings the halves of a move together, sorts
+/// out what only concerns the keeping of watches. Task's thread only.
+class EventTranslator {
+  public:
+    EventTranslator(InotifyReader& reader, WatchedTree& tree, ChangeRouter& router,
+                    TreeChanges& changes, RootTracker& roots, Counters& counters,
+                    Poco::Logger* logger)
+        : reader_(reader),
+          tree_(tree),
+          router_(router),
+          changes_(changes),
+          roots_(roots),
+          counters_(counters),
+          logger_(logger) {}
+
+    /// Handles at most `limit` of the records that were read; how many it were.
+    std::size_t Handle(std::size_t limit);
+
+  private:
+    struct HalfMove {
+        bool swap = false;  ///< one of two names that have changed places
+        NameIndex::Kind replaced = NameIndex::Kind::kNone;
+    };
+
+    void HandleRecord(const InotifyRecord& record);
+    void HandleAt(DirNode& dir, const InotifyRecord& record);
+    void AboutDirectoryItself(DirNode& dir, const InotifyRecord& record);
+    void MovedFrom(DirNode& dir, const InotifyRecord& record);
+    void MovedTo(DirNode& dir, const InotifyRecord& record);
+    bool TakeSwap(DirNode& dir, const InotifyRecord& from, DirNode& target,
+                  const InotifyRecord& to);
+    void Overflow();
+    void WatchEnded(int wd);
+
+    InotifyReader& reader_;
+    WatchedTree& tree_;
+    ChangeRouter& router_;
+    TreeChanges& changes_;
+    RootTracker& roots_;
+    Counters& counters_;
+    Poco::Logger* logger_;
+    /// Moves whose first half has been taken in for both, by cookie.
+    std::unordered_map<std::uint32_t, HalfMove> moves_;
+};
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,119 @@
+// Owns: the parts of the watching and the requests on their way in.
+// Not: messages once posted (the framework's), nor what receivers make of them.
+// Threads: InterceptMsg on the senders', the rest on the task's.
+
+#include "FileNotifyTask.h"
+
+#include <framework/Engine.h>
+#include <module_filenotify/FileNotifyWatchMessage.h>
+#include <sdk/Log.h>
+#include <sdk/LoggerUtils.h>
+
+#include <system_error>
+#include <utility>
+
+namespace Engine {
+
+namespace {
+
+constexpr unsigned int kQueueCapacity = 64;
+constexpr int kSourcesAtOnce = 4;
+constexpr std::size_t kMessagesAtOnce = 16;
+constexpr int kShortestRetryMs = 10;
+constexpr int kLongestRetryMs = 600000;
+
+Poco::Logger* ModuleLogger() {
+    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", 0);
+}
+
+bool Post(const std::string& receiver, Framework::Message* message) {
+    return Framework::Engine::Instance().PostMessage(receiver, message);
+}
+
+}  // namespace
+
+bool FileNotifyTask::ReadSettings(const Json::Value& section, Settings& settings,
+                                  std::string& error) {
+    if (!section.isObject()) {
+        error = "/filenotify must be an object";
+        return section.isNull();
+    }
+    for (const std::string& key : section.getMemberNames()) {
+        const Json::Value& value = section[key];
+        if (key != "retry_ms") {
+            error = "/filenotify/" + key + " is unknown";
+            return false;
+        }
+        if (!value.isInt() || value.asInt() < kShortestRetryMs || value.asInt() > kLongestRetryMs) {
+            error = "/filenotify/retry_ms must be a number from 10 to 600000";
+            return false;
+        }
+        settings.retry_after = std::chrono::milliseconds(value.asInt());
+    }
+    return true;
+}
+
+FileNotifyTask::FileNotifyTask(const Settings& settings,
+                               std::unique_ptr<FileNotify::InotifyDescriptor> descriptor)
+    : Framework::Task(kId, "filenotify_feature", Framework::TaskCondition::kResident,
+                      kQueueCapacity),
+      logger_(ModuleLogger()),
+      core_(std::move(descriptor), Post, board_, logger_, settings.retry_after),
+      retry_after_(settings.retry_after) {}
+
+FileNotifyTask::~FileNotifyTask() = default;
+
+bool FileNotifyTask::Init() {
+    return Framework::Task::Init() && EnsureOpen();
+}
+
+bool FileNotifyTask::UnInit() {
+    desk_.Close();
+    if (core_.Fd() >= 0) Waiter().RemoveSource(core_.Fd());
+    core_.Close();
+    return Framework::Task::UnInit();
+}
+
+bool FileNotifyTask::EnsureOpen() {
+    if (core_.Fd() >= 0) return true;
+    const int error = core_.Open();
+    if (error == 0 && Waiter().AddSource(core_.Fd(), [this] { core_.Fill(); })) {
+        open_failure_logged_ = false;
+        return true;
+    }
+    if (!std::exchange(open_failure_logged_, true)) {
+        SDK_LOG(logger_, PRIO_ERROR, "inotify cannot be used: %s; it is tried again.",
+                std::generic_category().message(error != 0 ? error : errno));
+    }
+    core_.Close();
+    return false;
+}
+
+int FileNotifyTask::Run() {
+    if (!EnsureOpen()) {
+        Waiter().WaitAndHandleEvent(static_cast<int>(retry_after_.count()), kSourcesAtOnce);
+        BulkConsumeMsg(kMessagesAtOnce);
+        return 0;
+    }
+    core_.Apply(desk_.Take());
+    const auto idle = core_.IdleTime();
+    if (idle.count() > 0) core_.PublishStatus();
+    Waiter().WaitAndHandleEvent(static_cast<int>(idle.count()), kSourcesAtOnce);
+    BulkConsumeMsg(kMessagesAtOnce);
+    core_.Work();
+    return 0;
+}
+
+int FileNotifyTask::InterceptMsg(Framework::Message* msg, std::string& reply) {
+    const auto* request = dynamic_cast<const FileNotifyWatchMessage*>(msg);
+    if (request == nullptr) return -1;
+    reply = desk_.Submit(*request);
+    if (reply.empty()) {
+        SDK_LOG(logger_, PRIO_ERROR, "watch request of %s for \"%s\" refused.",
+                request->GetReceiverId(), request->GetPath());
+    }
+    Waiter().Wake();
+    return 0;
+}
+
+}  // namespace Engine

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <framework/Task.h>
+
+#include <chrono>
+#include <memory>
+
+#include "NotifyCore.h"
+#include "RequestDesk.h"
+
+namespace Engine {
+
+/// The task "filenotify_task": takes watch requests, waits for the kernel, lets the parts work.
+class FileNotifyTask : public Framework::Task {
+  public:
+    static constexpr const char* kId = "filenotify_task";
+
+    struct Settings {
+        std::chrono::milliseconds retry_after{3000};  ///< between tries of what cannot be watched
+    };
+
+    /// Checks the section of the configuration; false with `error` when it holds anything odd.
+    static bool ReadSettings(const Json::Value& section, Settings& settings, std::string& error);
+
+    FileNotifyTask(const Settings& settings,
+                   std::unique_ptr<FileNotify::InotifyDescriptor> descriptor);
+
+    bool Init() override;
+    bool UnInit() override;
+    int Run() override;
+
+    /// Answers a watch request on the sender's thread; refuses other messages.
+    int InterceptMsg(Framework::Message* msg, std::string& reply) override;
+
+    /// Any thread.
+    const FileNotify::StatusBoard& Board() const { return board_; }
+
+  private:
+    ~FileNotifyTask() override;  // reference-counted
+
+    bool EnsureOpen();
+
+    Poco::Logger* logger_;
+    FileNotify::StatusBoard board_;
+    FileNotify::RequestDesk desk_;
+    FileNotify::NotifyCore core_;
+    const std::chrono::milliseconds retry_after_;
+    bool open_failure_logged_ = false;
+};
+
+}  // namespace Engine

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "InotifyRecord.h"
+
+namespace Engine::FileNotify {
+
+class InotifyDescriptor;
+
+/// Empties the kernel's queue into memory and hands the records out in order. It merges and drops
+/// nothing. Task's thread only.
+class InotifyReader {
+  public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    explicit InotifyReader(InotifyDescriptor& descriptor) : descriptor_(descriptor) {}
+
+    /// Reads until the kernel has nothing more or kMaxBufferedBytes wait here; the rest then stays
+    /// in the kernel. Returns how many records came.
+    std::size_t Fill();
+
+    /// The oldest record, or null. Valid until Pop.
+    const InotifyRecord* Front() const;
+    Time FrontTime() const { return batches_.front().read_time; }
+    void Pop();
+
+    /// The record after the first one that has `cookie` and all bits of `mask`, or null; looks at
+    /// most kLookAhead records far.
+    const InotifyRecord* FindAhead(std::uint32_t cookie, std::uint32_t mask) const;
+
+    /// The record `distance` after the first, or null.
+    const InotifyRecord* Ahead(std::size_t distance) const;
+
+    bool Empty() const { return batches_.empty(); }
+    void Clear() { batches_.clear(); }
+
+    static constexpr std::size_t kReadBytes = 256 * 1024;
+    static constexpr std::size_t kMaxBufferedBytes = 64 * 1024 * 1024;
+    static constexpr std::size_t kLookAhead = 256;
+
+  private:
+    struct Batch {
+        std::unique_ptr<char[]> bytes;  ///< what the records' names point into
+        std::vector<InotifyRecord> records;
+        std::size_t next = 0;
+        Time read_time;
+    };
+
+    InotifyDescriptor& descriptor_;
+    std::deque<Batch> batches_;
+    std::size_t buffered_ = 0;
+    std::vector<char> scratch_;
+};
+
+}  // namespace Engine::FileNotify

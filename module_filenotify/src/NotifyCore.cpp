@@ -1,0 +1,158 @@
+// Owns: the parts and the order in which each has its turn. Not: the thread, nor the requests on
+// their way (FileNotifyTask, RequestDesk). Thread: the task's; PublishStatus is how others see it.
+
+#include "NotifyCore.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Engine::FileNotify {
+
+namespace {
+
+constexpr std::size_t kRecordsAtOnce = 4096;
+constexpr std::size_t kWalkedAtOnce = 4096;
+constexpr std::chrono::milliseconds kIdle{1000};
+constexpr std::chrono::milliseconds kFullQueueRetry{5};
+constexpr std::chrono::milliseconds kPublishEvery{100};
+// A policy takes its watches off and puts them on again: what they need is kept so long.
+constexpr std::chrono::milliseconds kPruneAfter{1000};
+constexpr int kFailuresPerRetry = 8;
+
+}  // namespace
+
+NotifyCore::NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::Post post,
+                       StatusBoard& board, Poco::Logger* logger,
+                       std::chrono::milliseconds retry_after)
+    : descriptor_(std::move(descriptor)),
+      board_(board),
+      retry_after_(retry_after),
+      delivery_(std::move(post), board.Count()),
+      tree_(*descriptor_, logger, board.Count()),
+      reader_(*descriptor_),
+      router_(tree_.coverage, delivery_),
+      roots_(tree_, router_),
+      changes_(tree_, router_, roots_),
+      walker_(tree_, router_, changes_, roots_, [this] { reader_.Fill(); }),
+      translator_(reader_, tree_, router_, changes_, roots_, board.Count(), logger) {}
+
+NotifyCore::~NotifyCore() = default;
+
+int NotifyCore::Open() {
+    return descriptor_->Open();
+}
+
+void NotifyCore::Close() {
+    while (!tree_.coverage.All().empty()) {
+        roots_.Stop(tree_.coverage.All().back()->request.ticket.get());
+    }
+    descriptor_->Close();
+    tree_.Clear();
+    reader_.Clear();
+    delivery_.Flush();
+    PublishStatus();
+}
+
+void NotifyCore::Apply(const std::vector<WatchRequest>& requests) {
+    for (const WatchRequest& request : requests) {
+        if (request.remove) {
+            roots_.Stop(request.ticket.get());
+        } else {
+            roots_.Start(request);
+        }
+    }
+    if (requests.empty()) return;
+    prune_at_ = Clock::now() + kPruneAfter;
+    router_.SetTime(Clock::now());
+    roots_.Settle();
+}
+
+void NotifyCore::Work() {
+    translator_.Handle(kRecordsAtOnce);
+    delivery_.Flush();
+    if (!tree_.queue.Empty()) {
+        walker_.Step(kWalkedAtOnce);
+        roots_.Settle();
+        delivery_.Flush();
+    }
+    const auto now = Clock::now();
+    if (!tree_.unwatched.Empty() && now >= next_retry_) RetryUnwatched();
+    if (roots_.PruneDue() && now >= prune_at_) roots_.Prune();
+    if (now >= next_publish_) PublishStatus();
+}
+
+void NotifyCore::RetryUnwatched() {
+    int failures = 0;
+    bool step_watched = false;
+    for (DirNode* node : tree_.unwatched.All()) {
+        const int error = tree_.EnsureWatched(*node);
+        if (error != 0) {
+            if (++failures >= kFailuresPerRetry) break;
+        } else if (tree_.coverage.IsWalked(*node)) {
+            tree_.queue.Push(*node, WalkQueue::kReconcile, nullptr);
+        } else {
+            step_watched = true;
+        }
+    }
+    if (step_watched) roots_.LookAgain(false);
+    roots_.Settle();
+    next_retry_ = Clock::now() + retry_after_;
+}
+
+std::chrono::milliseconds NotifyCore::IdleTime() const {
+    if (!reader_.Empty() || !tree_.queue.Empty()) return std::chrono::milliseconds(0);
+    std::chrono::milliseconds idle = delivery_.Empty() ? kIdle : kFullQueueRetry;
+    const auto until = [&](Clock::time_point due) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
+        idle = std::clamp(left, std::chrono::milliseconds(0), idle);
+    };
+    if (!tree_.unwatched.Empty()) until(next_retry_);
+    if (roots_.PruneDue()) until(prune_at_);
+    return idle;
+}
+
+void NotifyCore::PublishStatus() {
+    StatusBoard::Picture picture;
+    for (const auto& watch : tree_.coverage.All()) picture.watches.push_back(StatusOf(*watch));
+    const SubtreeTotals& totals = tree_.index.Root().totals;
+    picture.watched_directories = tree_.table.Size();
+    picture.indexed_names = std::size_t{totals.directories} + totals.files;
+    picture.unwatched = totals.unwatched;
+    picture.walk_queue = tree_.queue.Size();
+    board_.Publish(std::move(picture));
+    next_publish_ = Clock::now() + kPublishEvery;
+}
+
+WatchStatus NotifyCore::StatusOf(const Watch& watch) const {
+    WatchStatus status;
+    status.id = watch.Id();
+    status.receiver = watch.request.ticket->Receiver();
+    status.is_tree = watch.was_present ? watch.root_is_directory : watch.request.names_directory;
+    const DirNode* root = roots_.RootNode(watch);
+    if (watch.root_present && root != nullptr) {
+        status.directories = root->totals.directories;
+        status.files = root->totals.files;
+        status.unwatched = root->totals.unwatched;
+    } else if (watch.root_present) {
+        status.files = 1;
+    }
+    if (watch.attach != nullptr && watch.attach->Is(DirNode::kUnwatched)) ++status.unwatched;
+    status.state = StateOf(watch, status.unwatched);
+    return status;
+}
+
+const char* NotifyCore::StateOf(const Watch& watch, std::uint32_t unwatched) const {
+    if (!watch.root_present) return watch.started ? "waiting" : "walking";
+    const auto& all = tree_.coverage.All();
+    // Directories that two watches share are walked once, for either.
+    const DirNode* root = roots_.RootNode(watch);
+    const bool walking = std::any_of(all.begin(), all.end(), [&](const auto& other) {
+        const DirNode* top = roots_.RootNode(*other);
+        return other->jobs > 0 && root != nullptr && top != nullptr &&
+               (NameIndex::IsWithin(*root, *top) || NameIndex::IsWithin(*top, *root));
+    });
+    if (walking) return "walking";
+    return unwatched > 0 ? "degraded" : "ready";
+}
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <Poco/Logger.h>
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "Delivery.h"
+#include "EventTranslator.h"
+#include "InotifyDescriptor.h"
+#include "InotifyReader.h"
+#include "StatusBoard.h"
+#include "TreeWalker.h"
+
+namespace Engine::FileNotify {
+
+/// The parts of the watching, put together, without the thread that runs them. One thread.
+class NotifyCore {
+  public:
+    NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::Post post,
+               StatusBoard& board, Poco::Logger* logger, std::chrono::milliseconds retry_after);
+    ~NotifyCore();
+
+    /// 0, or the errno of what failed; may be tried again.
+    int Open();
+    void Close();
+    int Fd() const { return descriptor_->Fd(); }
+
+    void Apply(const std::vector<WatchRequest>& requests);
+
+    /// Takes over what the kernel has queued.
+    void Fill() { reader_.Fill(); }
+
+    /// One bounded portion of everything that is to be done.
+    void Work();
+
+    /// How long there is nothing to do but for new events and requests.
+    std::chrono::milliseconds IdleTime() const;
+
+    void PublishStatus();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    void RetryUnwatched();
+    const char* StateOf(const Watch& watch, std::uint32_t unwatched) const;
+    WatchStatus StatusOf(const Watch& watch) const;
+
+    const std::unique_ptr<InotifyDescriptor> descriptor_;
+    StatusBoard& board_;
+    const std::chrono::milliseconds retry_after_;
+    Delivery delivery_;
+    WatchedTree tree_;
+    InotifyReader reader_;
+    ChangeRouter router_;
+    RootTracker roots_;
+    TreeChanges changes_;
+    TreeWalker walker_;
+    EventTranslator translator_;
+    Clock::time_point next_retry_{};
+    Clock::time_point prune_at_{};
+    Clock::time_point next_publish_{};
+};
+
+}  // namespace Engine::FileNotify

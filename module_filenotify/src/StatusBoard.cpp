@@ -1,0 +1,54 @@
+#include "StatusBoard.h"
+
+#include <utility>
+
+namespace Engine::FileNotify {
+
+void StatusBoard::Publish(Picture picture) {
+    const std::lock_guard lock(mutex_);
+    picture_ = std::move(picture);
+}
+
+Json::Value StatusBoard::Watches() const {
+    Json::Value list(Json::arrayValue);
+    const std::lock_guard lock(mutex_);
+    for (const WatchStatus& watch : picture_.watches) {
+        Json::Value one;
+        one["id"] = watch.id;
+        one["receiver"] = watch.receiver;
+        one["kind"] = watch.is_tree ? "tree" : "file";
+        one["directories"] = watch.directories;
+        one["files"] = watch.files;
+        one["unwatched"] = watch.unwatched;
+        one["state"] = watch.state;
+        list.append(std::move(one));
+    }
+    Json::Value answer;
+    answer["watches"] = std::move(list);
+    return answer;
+}
+
+Json::Value StatusBoard::Status() const {
+    const auto number = [](std::uint64_t value) { return Json::Value(Json::UInt64(value)); };
+    Json::Value answer;
+    Json::Value& own = answer["filenotify"];
+    {
+        const std::lock_guard lock(mutex_);
+        own["watches"] = number(picture_.watches.size());
+        own["watched_directories"] = number(picture_.watched_directories);
+        own["indexed_names"] = number(picture_.indexed_names);
+        own["unwatched_directories"] = number(picture_.unwatched);
+        own["walk_queue"] = number(picture_.walk_queue);
+    }
+    own["pending_events"] = number(counters_.pending);
+    own["watch_failures"] = number(counters_.watch_failures);
+    Json::Value& counters = answer["counters"];
+    counters["events_received"] = number(counters_.events_received);
+    counters["events_delivered"] = number(counters_.events_delivered);
+    counters["events_dropped"] = number(counters_.events_dropped);
+    counters["events_merged"] = number(counters_.events_merged);
+    counters["overflows"] = number(counters_.overflows);
+    return answer;
+}
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Counters.h"
+
+namespace Engine::FileNotify {
+
+struct WatchStatus {
+    std::string id;
+    std::string receiver;
+    bool is_tree = false;
+    std::uint32_t directories = 0;
+    std::uint32_t files = 0;
+    std::uint32_t unwatched = 0;
+    const char* state = "waiting";
+};
+
+/// The last picture of the watches, for any thread to read without disturbing the task.
+class StatusBoard {
+  public:
+    struct Picture {
+        std::vector<WatchStatus> watches;
+        std::size_t watched_directories = 0;
+        std::size_t indexed_names = 0;
+        std::size_t unwatched = 0;
+        std::size_t walk_queue = 0;
+    };
+
+    Counters& Count() { return counters_; }
+    void Publish(Picture picture);
+
+    /// The answer to "filenotify.watches".
+    Json::Value Watches() const;
+
+    /// The answer to "status.filenotify".
+    Json::Value Status() const;
+
+  private:
+    Counters counters_;
+    mutable std::mutex mutex_;
+    Picture picture_;
+};
+
+}  // namespace Engine::FileNotify

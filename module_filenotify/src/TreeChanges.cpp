@@ -1,0 +1,114 @@
+// Owns: the memory of what names stood for. Not: index and watches (WatchedTree).
+// Thread: the task's.
+
+#include "TreeChanges.h"
+
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <string>
+
+namespace Engine::FileNotify {
+
+using Kind = NameIndex::Kind;
+
+void TreeChanges::Appeared(DirNode& dir, std::string_view name, bool is_directory,
+                           std::uint32_t mask, const Visit& visit) {
+    if (!tree_.coverage.IsCovered(dir, name)) {
+        DirNode* step = dir.dirs.Find(name);
+        if (step != nullptr && (!is_directory || step->Is(DirNode::kThroughLink))) {
+            tree_.RemoveDirectory(*step);
+        }
+        dir.Set(DirNode::kPartial, true);
+        roots_.NameAppeared(dir, name, is_directory);
+        return;
+    }
+    const Kind now = is_directory ? Kind::kDirectory : Kind::kOther;
+    const Kind before = NameIndex::Lookup(dir, name);
+    bool changed = before != Kind::kNone && before != now;
+    if (before == Kind::kNone && mask != 0) {
+        changed = memory_.TakeChanged(NameIndex::PathOf(dir, name), is_directory);
+    }
+    if (is_directory) {
+        DirNode& node = tree_.PutDirectory(dir, name);
+        if (before != Kind::kDirectory) node.Set(DirNode::kInitial, visit.initial);
+        if (visit.reasons != 0 && tree_.coverage.IsWalked(dir, name)) {
+            tree_.queue.Push(node, visit.reasons, visit.owner);
+        }
+    } else {
+        tree_.PutFile(dir, name);
+    }
+    if (mask != 0) {
+        router_.Announce({&dir, name}, is_directory ? mask | IN_ISDIR : mask);
+        if (changed) router_.AnnounceKindChange(dir, name, is_directory);
+    }
+    roots_.NameAppeared(dir, name, is_directory);
+}
+
+void TreeChanges::Gone(DirNode& dir, std::string_view name, bool is_directory, std::uint32_t mask,
+                       ObjectRef moved_to) {
+    router_.Announce({&dir, name}, is_directory ? mask | IN_ISDIR : mask, moved_to);
+    const Kind gone = is_directory ? Kind::kDirectory : Kind::kOther;
+    const Kind known = NameIndex::Lookup(dir, name);
+    if (known != Kind::kNone && known != gone) return;
+    if (tree_.coverage.IsCovered(dir, name)) {
+        memory_.Remember(NameIndex::PathOf(dir, name), is_directory);
+    }
+    if (DirNode* node = dir.dirs.Find(name)) {
+        tree_.RemoveDirectory(*node);
+    } else {
+        tree_.index.RemoveFile(dir, name);
+    }
+    roots_.NameGone(dir, name);
+}
+
+void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, std::uint32_t mask) {
+    DirNode& from = *node.parent;
+    const std::string old_name = node.name;
+    router_.Announce({&from, old_name}, mask | IN_ISDIR, {&target, name});
+    memory_.Remember(NameIndex::PathOf(from, old_name), true);
+    const bool has_new_reader = HasNewReader(from, old_name, target, name);
+    tree_.Going(node);
+    roots_.NameGone(from, old_name);
+    if (DirNode* replaced = target.dirs.Find(name)) {
+        tree_.RemoveDirectory(*replaced);
+    } else {
+        tree_.index.RemoveFile(target, name);
+    }
+    tree_.index.Move(node, target, name);
+    const bool unknown = has_new_reader || !node.Is(DirNode::kListed);
+    tree_.queue.Push(node, unknown ? WalkQueue::kArrived : WalkQueue::kVerify, nullptr);
+}
+
+void TreeChanges::MovedHere(DirNode& dir, std::string_view name, std::uint32_t mask,
+                            Kind replaced) {
+    bool changed = replaced == Kind::kOther;
+    if (replaced == Kind::kNone) {
+        changed = memory_.TakeChanged(NameIndex::PathOf(dir, name), true);
+    }
+    router_.Announce({&dir, name}, mask | IN_ISDIR);
+    if (changed) router_.AnnounceKindChange(dir, name, true);
+    roots_.NameAppeared(dir, name, true);
+}
+
+void TreeChanges::Exchange(DirNode& one, DirNode& other) {
+    tree_.Going(one);
+    tree_.Going(other);
+    tree_.index.Exchange(one, other);
+    tree_.queue.Push(one, WalkQueue::kVerify, nullptr);
+    tree_.queue.Push(other, WalkQueue::kVerify, nullptr);
+}
+
+bool TreeChanges::HasNewReader(const DirNode& from, std::string_view name, const DirNode& to,
+                               std::string_view new_name) const {
+    Coverage::Hits old_hits;
+    Coverage::Hits new_hits;
+    tree_.coverage.Covering(from, name, old_hits);
+    tree_.coverage.Covering(to, new_name, new_hits);
+    return std::any_of(new_hits.begin(), new_hits.end(), [&](const Coverage::Hit& hit) {
+        return std::none_of(old_hits.begin(), old_hits.end(),
+                            [&](const Coverage::Hit& old) { return old.watch == hit.watch; });
+    });
+}
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "ChangeRouter.h"
+#include "KindMemory.h"
+#include "RootTracker.h"
+#include "WatchedTree.h"
+
+namespace Engine::FileNotify {
+
+/// Takes changes of names into the index and announces them; the same whether the kernel told them
+/// or a walk found them. Task's thread only.
+class TreeChanges {
+  public:
+    TreeChanges(WatchedTree& tree, ChangeRouter& router, RootTracker& roots)
+        : tree_(tree), router_(router), roots_(roots) {}
+
+    /// How a directory that appears is visited, and for whom; 0: it is not.
+    struct Visit {
+        std::uint8_t reasons = 0;
+        Watch* owner = nullptr;
+        bool initial = false;
+    };
+
+    /// `mask` 0: learnt without being announced.
+    void Appeared(DirNode& dir, std::string_view name, bool is_directory, std::uint32_t mask,
+                  const Visit& visit);
+
+    /// Tells of the name being gone. The index follows unless it knows the name as the other kind
+    /// by now: the event is then older than what a walk has seen.
+    void Gone(DirNode& dir, std::string_view name, bool is_directory, std::uint32_t mask,
+              ObjectRef moved_to = {});
+
+    /// The directory `node` becomes `name` in `target`. Its own announcement is made here (as of
+    /// `mask`, IN_MOVED_FROM); the one of the new name by MovedHere.
+    void Move(DirNode& node, DirNode& target, std::string_view name, std::uint32_t mask);
+
+    /// Second half of a move whose first half was taken in by Move. `replaced` is what the new
+    /// name stood for before.
+    void MovedHere(DirNode& dir, std::string_view name, std::uint32_t mask,
+                   NameIndex::Kind replaced);
+
+    /// Two directories have changed places; nothing is announced.
+    void Exchange(DirNode& one, DirNode& other);
+
+  private:
+    bool HasNewReader(const DirNode& from, std::string_view name, const DirNode& to,
+                      std::string_view new_name) const;
+
+    WatchedTree& tree_;
+    ChangeRouter& router_;
+    RootTracker& roots_;
+    KindMemory memory_;
+};
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,144 @@
+// Owns: nothing that outlives a step. Not: the queue of what to visit (WatchedTree).
+// Thread: the task's.
+
+#include "TreeWalker.h"
+
+#include <sys/inotify.h>
+
+#include <cerrno>
+#include <climits>
+#include <string>
+#include <unordered_set>
+#include <utility>
+
+namespace Engine::FileNotify {
+
+using Kind = NameIndex::Kind;
+
+namespace {
+
+// How what a visit finds is announced; 0: not at all.
+std::uint32_t AnnouncedAs(std::uint8_t reasons, bool known, bool initial, bool is_directory) {
+    if ((reasons & WalkQueue::kArrived) != 0) return IN_CREATE;
+    if ((reasons & WalkQueue::kReconcile) == 0) return 0;
+    // What a first walk has not reached yet may be there for long: not to be called new.
+    if (!known && !initial) return IN_CREATE;
+    return is_directory ? IN_ATTRIB : IN_MODIFY;
+}
+
+}  // namespace
+
+TreeWalker::TreeWalker(WatchedTree& tree, ChangeRouter& router, TreeChanges& changes,
+                       RootTracker& roots, std::function<void()> between)
+    : tree_(tree),
+      router_(router),
+      changes_(changes),
+      roots_(roots),
+      between_(std::move(between)) {}
+
+bool TreeWalker::Step(std::size_t budget) {
+    router_.SetTime(std::chrono::steady_clock::now());
+    for (std::size_t done = 0; done < budget;) {
+        const WalkQueue::Job job = tree_.queue.Pop();
+        if (job.node == nullptr) {
+            tree_.opener.Clear();
+            return false;
+        }
+        done += Visit(job);
+    }
+    return true;
+}
+
+std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
+    DirNode& node = *job.node;
+    if (!tree_.coverage.IsWalked(node)) return 1;
+    if (NameIndex::PathOf(node).size() >= PATH_MAX) {
+        tree_.MarkUnwatched(node, ENAMETOOLONG);
+        return 1;
+    }
+    WatchTable::Result result = WatchTable::Result::kKept;
+    const int error = tree_.EnsureWatched(node, result);
+    if (WatchedTree::IsGone(error)) {
+        DropUnreachable(node);
+        return 1;
+    }
+    std::uint8_t reasons = job.reasons;
+    if (result == WatchTable::Result::kReplaced) {
+        reasons |= WalkQueue::kArrived | WalkQueue::kReconcile;
+    }
+    if (reasons == WalkQueue::kVerify) return 1;
+    const bool is_known = node.Is(DirNode::kListed) && !node.Is(DirNode::kPartial);
+    if ((reasons & ~WalkQueue::kVerify) == WalkQueue::kFirst && is_known) {
+        return Descend(node, job.owner);
+    }
+    return List(node, job, reasons);
+}
+
+// Nobody tells of the end of a directory whose parent has no kernel watch.
+void TreeWalker::DropUnreachable(DirNode& node) {
+    if (node.parent == nullptr || node.parent->wd >= 0) return;
+    const std::string name = node.name;
+    changes_.Gone(*node.parent, name, true, IN_DELETE);
+}
+
+std::size_t TreeWalker::Descend(const DirNode& node, Watch* owner) {
+    for (const auto& child : node.dirs.All()) {
+        tree_.queue.Push(*child, WalkQueue::kFirst, owner);
+    }
+    return 1 + node.dirs.All().size();
+}
+
+std::size_t TreeWalker::List(DirNode& node, const WalkQueue::Job& job, std::uint8_t reasons) {
+    entries_.clear();
+    const int located = tree_.opener.Locate(node);
+    if (located < 0) return 1;
+    const SDK::FileDescriptor directory = DirOpener::OpenForReading(located);
+    if (!directory.IsOpen()) {
+        if (!WatchedTree::IsGone(errno)) tree_.MarkUnwatched(node, errno);
+        return 1;
+    }
+    node.Set(DirNode::kPartial, false);
+    const int error = ListDirectory(directory.Get(), entries_, between_);
+    for (const DirEntry& entry : entries_) Found(node, entry, reasons, job.owner);
+    if (error == 0 && (reasons & (WalkQueue::kArrived | WalkQueue::kReconcile)) != 0) {
+        AnnounceMissing(node, entries_);
+    }
+    node.Set(DirNode::kListed, true);
+    node.Set(DirNode::kInitial, false);
+    node.files.Shrink();
+    return 1 + entries_.size();
+}
+
+void TreeWalker::Found(DirNode& node, const DirEntry& entry, std::uint8_t reasons, Watch* owner) {
+    const Kind kind = entry.is_directory ? Kind::kDirectory : Kind::kOther;
+    const bool known = NameIndex::Lookup(node, entry.name) == kind;
+    const bool initial = node.Is(DirNode::kInitial);
+    TreeChanges::Visit visit;
+    visit.owner = owner;
+    visit.initial = initial && (reasons & WalkQueue::kArrived) == 0;
+    visit.reasons = reasons & static_cast<std::uint8_t>(~WalkQueue::kVerify);
+    if (!known && !initial && (reasons & WalkQueue::kReconcile) != 0) {
+        visit.reasons |= WalkQueue::kArrived;
+    }
+    changes_.Appeared(node, entry.name, entry.is_directory,
+                      AnnouncedAs(reasons, known, initial, entry.is_directory), visit);
+}
+
+void TreeWalker::AnnounceMissing(DirNode& node, const std::vector<DirEntry>& entries) {
+    std::unordered_set<std::string_view> present;
+    for (const DirEntry& entry : entries) present.insert(entry.name);
+    std::vector<std::pair<std::string, bool>> missing;
+    for (const auto& child : node.dirs.All()) {
+        if (present.count(child->name) == 0) {
+            missing.emplace_back(child->name, !child->Is(DirNode::kThroughLink));
+        }
+    }
+    node.files.ForEach([&](std::string_view name) {
+        if (present.count(name) == 0) missing.emplace_back(name, false);
+    });
+    for (const auto& [name, is_directory] : missing) {
+        changes_.Gone(node, name, is_directory, IN_DELETE);
+    }
+}
+
+}  // namespace Engine::FileNotify

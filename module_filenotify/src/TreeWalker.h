@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+#include "DirLister.h"
+#include "TreeChanges.h"
+
+namespace Engine::FileNotify {
+
+/// Visits the directories of the walk queue: kernel watch first, then the listing, so that what
+/// appears between is seen by one or both. Task's thread only.
+class TreeWalker {
+  public:
+    /// `between` is called while a huge directory is read.
+    TreeWalker(WatchedTree& tree, ChangeRouter& router, TreeChanges& changes, RootTracker& roots,
+               std::function<void()> between);
+
+    /// Visits until about `budget` directories and names are done. False: nothing is left.
+    bool Step(std::size_t budget);
+
+  private:
+    std::size_t Visit(const WalkQueue::Job& job);
+    std::size_t List(DirNode& node, const WalkQueue::Job& job, std::uint8_t reasons);
+    std::size_t Descend(const DirNode& node, Watch* owner);
+    void Found(DirNode& node, const DirEntry& entry, std::uint8_t reasons, Watch* owner);
+    void AnnounceMissing(DirNode& node, const std::vector<DirEntry>& entries);
+    void DropUnreachable(DirNode& node);
+
+    WatchedTree& tree_;
+    ChangeRouter& router_;
+    TreeChanges& changes_;
+    RootTracker& roots_;
+    std::function<void()> between_;
+    std::vector<DirEntry> entries_;
+};
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,48 @@
+#include "WalkQueue.h"
+
+#include "Watch.h"
+
+namespace Engine::FileNotify {
+
+void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner) {
+    if (node.job != 0) {
+        node.job |= reasons;
+        Job& job = jobs_[node.job_index];
+        job.reasons = node.job;
+        if (job.owner != nullptr || owner == nullptr) return;
+        job.owner = owner;
+    } else {
+        node.job = reasons;
+        node.job_index = static_cast<std::uint32_t>(jobs_.size());
+        jobs_.push_back({&node, reasons, owner});
+    }
+    if (owner != nullptr) ++owner->jobs;
+}
+
+WalkQueue::Job WalkQueue::Pop() {
+    while (!jobs_.empty()) {
+        const Job job = jobs_.back();
+        jobs_.pop_back();
+        if (job.node == nullptr) continue;
+        job.node->job = 0;
+        if (job.owner != nullptr) --job.owner->jobs;
+        return job;
+    }
+    return {};
+}
+
+void WalkQueue::Cancel(DirNode& node) {
+    if (node.job == 0) return;
+    Job& job = jobs_[node.job_index];
+    if (job.owner != nullptr) --job.owner->jobs;
+    job = {};
+    node.job = 0;
+}
+
+void WalkQueue::Disown(const Watch& owner) {
+    for (Job& job : jobs_) {
+        if (job.owner == &owner) job.owner = nullptr;
+    }
+}
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "DirNode.h"
+
+namespace Engine::FileNotify {
+
+struct Watch;
+
+/// The directories that wait to be visited, the last one added first. Each stands here once, with
+/// all the reasons why. Task's thread only.
+class WalkQueue {
+  public:
+    /// Why a directory is visited; what it means for what is found is TreeWalker's.
+    enum Reason : std::uint8_t {
+        kFirst = 1,      ///< a watch was asked for: learn what is there, announce nothing
+        kArrived = 2,    ///< the directory has appeared: announce all it holds
+        kReconcile = 4,  ///< events may be missing: announce everything, present or gone
+        kVerify = 8      ///< see whether its kernel watch is still the right one
+    };
+
+    struct Job {
+        DirNode* node = nullptr;  ///< null: cancelled, or none left
+        std::uint8_t reasons = 0;
+        Watch* owner = nullptr;  ///< whose first walk, or walk after lost events, it belongs to
+    };
+
+    void Push(DirNode& node, std::uint8_t reasons, Watch* owner);
+    Job Pop();
+    void Cancel(DirNode& node);
+    void Disown(const Watch& owner);
+    bool Empty() const { return jobs_.empty(); }
+    std::size_t Size() const { return jobs_.size(); }
+
+  private:
+    std::vector<Job> jobs_;
+};
+
+}  // namespace Engine::FileNotify

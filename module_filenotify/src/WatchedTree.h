@@ -1,0 +1,55 @@
+#pragma once
+
+#include <functional>
+#include <string_view>
+
+#include "Coverage.h"
+#include "DirOpener.h"
+#include "NameIndex.h"
+#include "UnwatchedList.h"
+#include "WalkQueue.h"
+#include "WatchTable.h"
+
+namespace Engine::FileNotify {
+
+/// The known directories with everything that hangs on them, and the operations that must keep
+/// these together. Task's thread only.
+class WatchedTree {
+  public:
+    WatchedTree(InotifyDescriptor& descriptor, Poco::Logger* logger, Counters& counters)
+        : table(descriptor), unwatched(logger, counters) {}
+
+    /// Called before a directory with all below it is forgotten or moved.
+    void SetGoing(NameIndex::Visitor going) { going_ = std::move(going); }
+    void Going(DirNode& node) { going_(node); }
+
+    /// Puts the kernel watch on `node` that it should have. 0 when it has it. Otherwise errno; the
+    /// node then stands in the list of unwatched ones, unless IsGone(errno).
+    int EnsureWatched(DirNode& node, WatchTable::Result& result);
+    int EnsureWatched(DirNode& node);
+
+    /// The directory is not there any more, or something else is in its place: no failure to
+    /// watch.
+    static bool IsGone(int error);
+
+    void MarkUnwatched(DirNode& node, int error);
+
+    /// Makes `name` known as that kind; what was known under the name as the other kind is removed.
+    DirNode& PutDirectory(DirNode& dir, std::string_view name);
+    void PutFile(DirNode& dir, std::string_view name);
+
+    void RemoveDirectory(DirNode& node);
+    void Clear();
+
+    NameIndex index;
+    WatchTable table;
+    Coverage coverage;
+    DirOpener opener;
+    WalkQueue queue;
+    UnwatchedList unwatched;
+
+  private:
+    NameIndex::Visitor going_ = [](DirNode&) {};
+};
+
+}  // namespace Engine::FileNotify
