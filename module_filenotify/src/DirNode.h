@@ -64,6 +64,7 @@ struct DirNode {
     ChildDirs dirs;
     SubtreeTotals totals;
     int wd = -1;
+    std::uint64_t inode = 0;      ///< which directory it is; 0: not known yet
     std::uint32_t mask = 0;       ///< what the kernel watch asks for
     std::uint32_t job_index = 0;  ///< place in the walk queue while `job` is set
     std::uint8_t job = 0;

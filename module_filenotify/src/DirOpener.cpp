@@ -1,11 +1,12 @@
 // Owns: a few open directories. Not: the nodes; who removes one tells Forget.
-// A kept descriptor stays right when its directory is renamed, and so does the node. When a name
-// stands for another directory by now, the event that says so is on its way and removes the node.
-// Thread: the task's.
+// A name may stand for another directory than its node while the events that say so wait to be
+// read. What was opened is therefore compared with the node; a kept descriptor needs no check, as
+// it follows its directory like the node does. Thread: the task's.
 
 #include "DirOpener.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,24 +15,31 @@
 
 namespace Engine::FileNotify {
 
-int DirOpener::Locate(const DirNode& node) {
-    std::vector<const DirNode*> steps;
+int DirOpener::Locate(DirNode& node) {
+    std::vector<DirNode*> steps;
     int fd = -1;
-    for (const DirNode* at = &node; at != nullptr && fd < 0; at = at->parent) {
+    for (DirNode* at = &node; at != nullptr && fd < 0; at = at->parent) {
         fd = FindOpen(*at);
         if (fd < 0) steps.push_back(at);
     }
     for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
-        const DirNode& next = **step;
-        const int follow = next.Is(DirNode::kThroughLink) ? 0 : O_NOFOLLOW;
-        const bool is_root = next.parent == nullptr;
-        const int opened = ::openat(is_root ? AT_FDCWD : fd, is_root ? "/" : next.name.c_str(),
-                                    O_PATH | O_DIRECTORY | O_CLOEXEC | follow);
-        if (opened < 0) return -errno;
-        Keep(next, SDK::FileDescriptor(opened));
-        fd = opened;
+        fd = OpenStep(**step, fd);
+        if (fd < 0) return fd;
+        Keep(**step, SDK::FileDescriptor(fd));
     }
     return fd;
+}
+
+int DirOpener::OpenStep(DirNode& node, int parent_fd) {
+    const bool is_root = node.parent == nullptr;
+    const bool is_link = node.Is(DirNode::kThroughLink);
+    SDK::FileDescriptor fd(::openat(is_root ? AT_FDCWD : parent_fd,
+                                    is_root ? "/" : node.name.c_str(),
+                                    O_PATH | O_DIRECTORY | O_CLOEXEC | (is_link ? 0 : O_NOFOLLOW)));
+    struct stat status {};
+    if (!fd.IsOpen() || ::fstat(fd.Get(), &status) != 0) return -errno;
+    if (node.inode == 0 || is_link) node.inode = status.st_ino;
+    return node.inode == status.st_ino ? fd.Release() : -ESTALE;
 }
 
 SDK::FileDescriptor DirOpener::OpenForReading(int located_fd) {

@@ -14,8 +14,10 @@ namespace Engine::FileNotify {
 class DirOpener {
   public:
     /// A descriptor of that directory to look names up in, or -errno: ENOENT, ENOTDIR or ELOOP when
-    /// it is no longer there as a directory. Borrowed: valid until the next call.
-    int Locate(const DirNode& node);
+    /// it is no longer there as a directory, ESTALE when its name, or one on the way to it, stands
+    /// for another directory by now. Learns which directory a node is that has not been opened yet.
+    /// Borrowed: valid until the next call.
+    int Locate(DirNode& node);
 
     /// The same directory opened to be read; -1 with errno.
     static SDK::FileDescriptor OpenForReading(int located_fd);
@@ -31,6 +33,7 @@ class DirOpener {
         SDK::FileDescriptor fd;
     };
 
+    static int OpenStep(DirNode& node, int parent_fd);
     int FindOpen(const DirNode& node) const;
     void Keep(const DirNode& node, SDK::FileDescriptor fd);
 

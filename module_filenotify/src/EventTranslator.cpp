@@ -6,6 +6,7 @@
 #include <sdk/Log.h>
 #include <sys/inotify.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -14,12 +15,13 @@ namespace Engine::FileNotify {
 using Kind = NameIndex::Kind;
 
 std::size_t EventTranslator::Handle(std::size_t limit) {
+    // What is read meanwhile, for the sake of moves, waits for the next turn: a watch may have been
+    // asked for before it happened.
+    limit = std::min(limit, reader_.Size());
     std::size_t handled = 0;
     for (; handled < limit; ++handled) {
-        const InotifyRecord* record = reader_.Front();
-        if (record == nullptr) break;
         router_.SetTime(reader_.FrontTime());
-        HandleRecord(*record);
+        HandleRecord(*reader_.Front());
         reader_.Pop();
         roots_.Settle();
     }
@@ -106,6 +108,8 @@ void EventTranslator::MovedFrom(DirNode& dir, const InotifyRecord& record) {
         to = reader_.FindAhead(record.cookie, IN_MOVED_TO);
     }
     const bool is_directory = (record.mask & IN_ISDIR) != 0;
+    // A swap is told by two more records.
+    if (to != nullptr && reader_.Ahead(3) == nullptr) reader_.Fill();
     DirNode* target = to == nullptr ? nullptr : tree_.table.FirstNodeOf(to->wd);
     if (target == nullptr || !tree_.coverage.IsCovered(*target, to->name)) {
         changes_.Gone(dir, record.name, is_directory, IN_MOVED_FROM);
@@ -122,8 +126,11 @@ void EventTranslator::MovedFrom(DirNode& dir, const InotifyRecord& record) {
         changes_.Gone(dir, record.name, is_directory, IN_MOVED_FROM, {target, to->name});
         return;
     }
+    // Moved on before it was seen at its place: it may have been swapped with another.
+    const bool is_unsure = node->job != 0;
     moves_[record.cookie] = {false, NameIndex::Lookup(*target, to->name)};
     changes_.Move(*node, *target, to->name, IN_MOVED_FROM);
+    if (is_unsure) changes_.Recheck(dir, record.name);
 }
 
 // Two names that change places give two moves, there and back, right after one another, and no

@@ -95,11 +95,12 @@ int FileNotifyTask::Run() {
         BulkConsumeMsg(kMessagesAtOnce);
         return 0;
     }
-    core_.Apply(desk_.Take());
     const auto idle = core_.IdleTime();
     if (idle.count() > 0) core_.PublishStatus();
     Waiter().WaitAndHandleEvent(static_cast<int>(idle.count()), kSourcesAtOnce);
     BulkConsumeMsg(kMessagesAtOnce);
+    // After reading and before handling: who asked before a change hears of it.
+    core_.Apply(desk_.Take());
     core_.Work();
     return 0;
 }

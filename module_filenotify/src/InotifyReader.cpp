@@ -26,6 +26,7 @@ std::size_t InotifyReader::Fill() {
         batch.read_time = std::chrono::steady_clock::now();
         if (batch.records.empty()) continue;
         count += batch.records.size();
+        waiting_ += batch.records.size();
         buffered_ += size;
         batches_.push_back(std::move(batch));
         // A short read has emptied the queue; asking again would cost a system call each time.
@@ -40,9 +41,16 @@ const InotifyRecord* InotifyReader::Front() const {
 
 void InotifyReader::Pop() {
     Batch& batch = batches_.front();
+    --waiting_;
     if (++batch.next < batch.records.size()) return;
     batches_.pop_front();
     if (batches_.empty()) buffered_ = 0;
+}
+
+void InotifyReader::Clear() {
+    batches_.clear();
+    buffered_ = 0;
+    waiting_ = 0;
 }
 
 const InotifyRecord* InotifyReader::Ahead(std::size_t distance) const {

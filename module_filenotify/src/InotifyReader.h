@@ -37,8 +37,9 @@ class InotifyReader {
     /// The record `distance` after the first, or null.
     const InotifyRecord* Ahead(std::size_t distance) const;
 
-    bool Empty() const { return batches_.empty(); }
-    void Clear() { batches_.clear(); }
+    bool Empty() const { return waiting_ == 0; }
+    std::size_t Size() const { return waiting_; }
+    void Clear();
 
     static constexpr std::size_t kReadBytes = 256 * 1024;
     static constexpr std::size_t kMaxBufferedBytes = 64 * 1024 * 1024;
@@ -54,7 +55,8 @@ class InotifyReader {
 
     InotifyDescriptor& descriptor_;
     std::deque<Batch> batches_;
-    std::size_t buffered_ = 0;
+    std::size_t buffered_ = 0;  ///< bytes
+    std::size_t waiting_ = 0;   ///< records
     std::vector<char> scratch_;
 };
 

@@ -3,7 +3,9 @@
 
 #include "TreeChanges.h"
 
+#include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <string>
@@ -31,7 +33,12 @@ void TreeChanges::Appeared(DirNode& dir, std::string_view name, bool is_director
     }
     if (is_directory) {
         DirNode& node = tree_.PutDirectory(dir, name);
-        if (before != Kind::kDirectory) node.Set(DirNode::kInitial, visit.initial);
+        if (before != Kind::kDirectory) {
+            node.Set(DirNode::kInitial, visit.initial);
+        } else if (mask != 0) {
+            node.inode = 0;  // may be another one than the one that was known
+            tree_.opener.Forget(node);
+        }
         if (visit.reasons != 0 && tree_.coverage.IsWalked(dir, name)) {
             tree_.queue.Push(node, visit.reasons, visit.owner);
         }
@@ -89,6 +96,14 @@ void TreeChanges::MovedHere(DirNode& dir, std::string_view name, std::uint32_t m
     router_.Announce({&dir, name}, mask | IN_ISDIR);
     if (changed) router_.AnnounceKindChange(dir, name, true);
     roots_.NameAppeared(dir, name, true);
+}
+
+void TreeChanges::Recheck(DirNode& dir, std::string_view name) {
+    const int holder = tree_.opener.Locate(dir);
+    struct stat status {};
+    const std::string text(name);
+    if (holder < 0 || ::fstatat(holder, text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    Appeared(dir, text, S_ISDIR(status.st_mode), IN_CREATE, {WalkQueue::kArrived, nullptr, false});
 }
 
 void TreeChanges::Exchange(DirNode& one, DirNode& other) {

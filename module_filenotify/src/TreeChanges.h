@@ -42,6 +42,9 @@ class TreeChanges {
     void MovedHere(DirNode& dir, std::string_view name, std::uint32_t mask,
                    NameIndex::Kind replaced);
 
+    /// Takes `name` for new if there is something of that name now.
+    void Recheck(DirNode& dir, std::string_view name);
+
     /// Two directories have changed places; nothing is announced.
     void Exchange(DirNode& one, DirNode& other);
 

@@ -17,6 +17,8 @@ using Kind = NameIndex::Kind;
 
 namespace {
 
+constexpr std::uint8_t kTriesForGone = 3;
+
 // How what a visit finds is announced; 0: not at all.
 std::uint32_t AnnouncedAs(std::uint8_t reasons, bool known, bool initial, bool is_directory) {
     if ((reasons & WalkQueue::kArrived) != 0) return IN_CREATE;
@@ -44,7 +46,9 @@ bool TreeWalker::Step(std::size_t budget) {
             tree_.opener.Clear();
             return false;
         }
-        done += Visit(job);
+        const std::size_t seen = Visit(job);
+        if (seen == 0) break;
+        done += seen;
     }
     return true;
 }
@@ -59,7 +63,12 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     WatchTable::Result result = WatchTable::Result::kKept;
     const int error = tree_.EnsureWatched(node, result);
     if (WatchedTree::IsGone(error)) {
-        DropUnreachable(node);
+        // Deleted or moved: the event that tells which is on its way.
+        if (job.tries < kTriesForGone) {
+            tree_.queue.PutBack(job);
+            return 0;
+        }
+        DropVanished(node);
         return 1;
     }
     std::uint8_t reasons = job.reasons;
@@ -74,11 +83,16 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     return List(node, job, reasons);
 }
 
-// Nobody tells of the end of a directory whose parent has no kernel watch.
-void TreeWalker::DropUnreachable(DirNode& node) {
-    if (node.parent == nullptr || node.parent->wd >= 0) return;
-    const std::string name = node.name;
-    changes_.Gone(*node.parent, name, true, IN_DELETE);
+// No event has told of it: a directory without a kernel watch is on the way, or something was
+// mounted there.
+void TreeWalker::DropVanished(DirNode& node) {
+    DirNode* top = &node;
+    while (top->parent != nullptr && tree_.opener.Locate(*top->parent) < 0) top = top->parent;
+    if (top->parent == nullptr) return;
+    DirNode& dir = *top->parent;
+    const std::string name = top->name;
+    changes_.Gone(dir, name, !top->Is(DirNode::kThroughLink), IN_DELETE);
+    changes_.Recheck(dir, name);
 }
 
 std::size_t TreeWalker::Descend(const DirNode& node, Watch* owner) {

@@ -21,12 +21,13 @@ class TreeWalker {
     bool Step(std::size_t budget);
 
   private:
+    /// How many directories and names were looked at; 0: it has to wait for events.
     std::size_t Visit(const WalkQueue::Job& job);
     std::size_t List(DirNode& node, const WalkQueue::Job& job, std::uint8_t reasons);
     std::size_t Descend(const DirNode& node, Watch* owner);
     void Found(DirNode& node, const DirEntry& entry, std::uint8_t reasons, Watch* owner);
     void AnnounceMissing(DirNode& node, const std::vector<DirEntry>& entries);
-    void DropUnreachable(DirNode& node);
+    void DropVanished(DirNode& node);
 
     WatchedTree& tree_;
     ChangeRouter& router_;

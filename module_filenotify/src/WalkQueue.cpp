@@ -14,7 +14,7 @@ void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner) {
     } else {
         node.job = reasons;
         node.job_index = static_cast<std::uint32_t>(jobs_.size());
-        jobs_.push_back({&node, reasons, owner});
+        jobs_.push_back({&node, reasons, owner, 0});
     }
     if (owner != nullptr) ++owner->jobs;
 }
@@ -29,6 +29,11 @@ WalkQueue::Job WalkQueue::Pop() {
         return job;
     }
     return {};
+}
+
+void WalkQueue::PutBack(const Job& job) {
+    Push(*job.node, job.reasons, job.owner);
+    ++(jobs_[job.node->job_index].tries = job.tries);
 }
 
 void WalkQueue::Cancel(DirNode& node) {

@@ -26,10 +26,14 @@ class WalkQueue {
         DirNode* node = nullptr;  ///< null: cancelled, or none left
         std::uint8_t reasons = 0;
         Watch* owner = nullptr;  ///< whose first walk, or walk after lost events, it belongs to
+        std::uint8_t tries = 0;  ///< how often it was put back
     };
 
     void Push(DirNode& node, std::uint8_t reasons, Watch* owner);
     Job Pop();
+
+    /// The job that was popped last could not be done yet: it is the next again.
+    void PutBack(const Job& job);
     void Cancel(DirNode& node);
     void Disown(const Watch& owner);
     bool Empty() const { return jobs_.empty(); }

@@ -54,6 +54,7 @@ std::vector<DirNode*> WatchTable::Forget(int wd) {
     for (DirNode* node : nodes) {
         node->wd = -1;
         node->mask = 0;
+        node->inode = 0;
     }
     nodes_.erase(wd);
     further_nodes_.erase(wd);

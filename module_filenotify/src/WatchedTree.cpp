@@ -8,7 +8,7 @@
 namespace Engine::FileNotify {
 
 bool WatchedTree::IsGone(int error) {
-    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ESTALE;
 }
 
 int WatchedTree::EnsureWatched(DirNode& node, WatchTable::Result& result) {

@@ -1,0 +1,248 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+
+#include "NotifyFixture.h"
+
+namespace test {
+
+using Changes = NotifyTest;
+
+TEST_F(Changes, FileCreatedWrittenChangedDeleted_EachIsToldInOrder) {
+    EXPECT_EQ(Watch(Root() + "/"), Root());
+    const std::string file = Root("a");
+    TouchFile(file);
+    ASSERT_TRUE(Sees(IN_MODIFY, file));
+    fs::permissions(file, fs::perms::owner_read);
+    ASSERT_TRUE(Sees(IN_ATTRIB, file));
+    fs::remove(file);
+    const auto seen = SeenUntilNow();
+    EXPECT_LT(IndexOf(seen, IN_CREATE, file), IndexOf(seen, IN_MODIFY, file)) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_DELETE, file)) << Print(seen);
+    for (const SeenChange& change : seen) EXPECT_EQ(change.watch, Root());
+    EXPECT_EQ(Counter("events_dropped"), 0U);
+}
+
+TEST_F(Changes, OddNames_AreToldAsTheyAre) {
+    Watch(Root());
+    const std::string odd = Root(std::string("new\nline \xff\xfe'\"") + "$(x)");
+    TouchFile(odd);
+    EXPECT_TRUE(Sees(IN_CREATE, odd));
+    const std::string longest = Root(std::string(255, 'n'));
+    TouchFile(longest);
+    EXPECT_TRUE(Sees(IN_CREATE, longest));
+}
+
+TEST_F(Changes, AttributesOfRootAndInnerDirectory_AreToldOnceEach) {
+    fs::create_directory(Root("d"));
+    Watch(Root());
+    ::chmod(Root("d").c_str(), 0700);
+    ::chmod(Root().c_str(), 0711);
+    const auto seen = SeenUntilNow();
+    ASSERT_EQ(seen.size(), 2U) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_ATTRIB | IN_ISDIR, Root("d")));
+    EXPECT_TRUE(Has(seen, IN_ATTRIB | IN_ISDIR, Root()));
+}
+
+TEST_F(Changes, DirectoryMovedWithin_KeepsItsWatchesUnderTheNewName) {
+    site_.Write("root/old/in/file", "x");
+    fs::create_directory(Root("to"));
+    Watch(Root());
+    fs::rename(Root("old"), Root("to/new"));
+    TouchFile(Root("to/new/in/file"));
+    const auto seen = SeenUntilNow();
+    const std::size_t from = IndexOf(seen, IN_MOVED_FROM | IN_ISDIR, Root("old"));
+    ASSERT_LT(from, seen.size()) << Print(seen);
+    EXPECT_EQ(seen[from].moveto, Root("to/new"));
+    EXPECT_TRUE(Has(seen, IN_MOVED_TO | IN_ISDIR, Root("to/new"))) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_MODIFY, Root("to/new/in/file"))) << Print(seen);
+    // Known already: renamed, not walked.
+    EXPECT_FALSE(Has(seen, IN_CREATE | IN_ISDIR, Root("to/new/in"))) << Print(seen);
+}
+
+TEST_F(Changes, TwoDirectoriesSwapped_EachIsKnownByItsNewName) {
+    site_.Write("root/a/of_a", "x");
+    site_.Write("root/b/of_b", "x");
+    Watch(Root());
+    ASSERT_EQ(
+        ::renameat2(AT_FDCWD, Root("a").c_str(), AT_FDCWD, Root("b").c_str(), RENAME_EXCHANGE), 0);
+    TouchFile(Root("b/of_a"));
+    TouchFile(Root("a/of_b"));
+    const auto seen = SeenUntilNow();
+    // Told as modified when the swap was recognised, as new when only its effects were.
+    for (const std::string& file : {Root("b/of_a"), Root("a/of_b")}) {
+        EXPECT_TRUE(WaitFor(
+            [&] {
+                return Has(receiver_->Seen(), IN_MODIFY, file) ||
+                       Has(receiver_->Seen(), IN_CREATE, file);
+            },
+            kDeadline))
+            << file << "\n"
+            << Print(receiver_->Seen());
+    }
+    EXPECT_TRUE(Has(seen, IN_MOVED_TO | IN_ISDIR, Root("a"))) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_MOVED_TO | IN_ISDIR, Root("b"))) << Print(seen);
+}
+
+TEST_F(Changes, DirectoryMovedOut_IsNoLongerWatched) {
+    site_.Write("root/d/e/file", "x");
+    Watch(Root());
+    fs::rename(Root("d"), site_.Path("outside"));
+    ASSERT_TRUE(Sees(IN_MOVED_FROM | IN_ISDIR, Root("d")));
+    receiver_->Forget();
+    TouchFile(site_.Path("outside/e/file"));
+    TouchFile(site_.Path("outside/e/more"));
+    EXPECT_EQ(Print(SeenUntilNow()), "");
+    EXPECT_EQ(WatchStatus(Root())["directories"].asInt(), 1);
+}
+
+TEST_F(Changes, DirectoryMovedIn_IsAnnouncedWithAllItHoldsTopDown) {
+    site_.Write("outside/e/file", "x");
+    Watch(Root());
+    fs::rename(site_.Path("outside"), Root("d"));
+    ASSERT_TRUE(Sees(IN_CREATE, Root("d/e/file")));
+    TouchFile(Root("d/e/later"));
+    ASSERT_TRUE(Sees(IN_CREATE, Root("d/e/later")));
+    const auto seen = SeenUntilNow();
+    const std::size_t arrived = IndexOf(seen, IN_MOVED_TO | IN_ISDIR, Root("d"));
+    const std::size_t inner = IndexOf(seen, IN_CREATE | IN_ISDIR, Root("d/e"));
+    EXPECT_LT(arrived, inner) << Print(seen);
+    EXPECT_LT(inner, IndexOf(seen, IN_CREATE, Root("d/e/file"))) << Print(seen);
+}
+
+TEST_F(Changes, DeepTreesMadeByRacingWriters_EveryFileIsAnnounced) {
+    Watch(Root());
+    constexpr int kWriters = 4;
+    constexpr int kTrees = 60;
+    const auto path_of = [](int writer, int tree, int level) {
+        std::string path = "w" + std::to_string(writer) + "/t" + std::to_string(tree);
+        for (int i = 0; i < level; ++i) path += "/l" + std::to_string(i);
+        return path;
+    };
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+        writers.emplace_back([&, writer] {
+            for (int tree = 0; tree < kTrees; ++tree) {
+                for (int level = 0; level < 5; ++level) {
+                    fs::create_directories(Root(path_of(writer, tree, level)));
+                    TouchFile(Root(path_of(writer, tree, level) + "/f"));
+                }
+                if (tree % 3 == 0) {
+                    fs::rename(Root(path_of(writer, tree, 0)),
+                               Root(path_of(writer, tree, 0) + "moved"));
+                }
+            }
+        });
+    }
+    for (std::thread& writer : writers) writer.join();
+    std::vector<std::string> expected;
+    for (const auto& entry : fs::recursive_directory_iterator(Root())) {
+        if (entry.is_regular_file()) expected.push_back(entry.path().string());
+    }
+    ASSERT_EQ(expected.size(), std::size_t{kWriters * kTrees * 5});
+    // A moved tree may be announced by its top alone when all of it was known before.
+    const auto is_told = [&](const std::vector<SeenChange>& seen, const std::string& file) {
+        if (Has(seen, IN_CREATE, file)) return true;
+        const std::size_t moved = file.find("moved/");
+        if (moved == std::string::npos) return false;
+        return Has(seen, IN_CREATE, file.substr(0, moved) + file.substr(moved + 5)) &&
+               Has(seen, IN_MOVED_TO | IN_ISDIR, file.substr(0, moved + 5));
+    };
+    std::string missing;
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            const auto seen = receiver_->Seen();
+            const auto it = std::find_if(expected.begin(), expected.end(),
+                                         [&](const auto& file) { return !is_told(seen, file); });
+            missing = it == expected.end() ? "" : *it;
+            return missing.empty();
+        },
+        kDeadline))
+        << missing;
+    receiver_->Forget();
+    for (const std::string& file : expected) TouchFile(file);
+    const auto seen = SeenUntilNow();
+    for (const std::string& file : expected) EXPECT_TRUE(Has(seen, IN_MODIFY, file)) << file;
+}
+
+TEST_F(Changes, DirectoryReplacedByLink_ParentIsToldAfterIt) {
+    site_.Write("root/p/d/file", "x");
+    Watch(Root());
+    fs::rename(Root("p/d"), site_.Path("away"));
+    fs::create_directory_symlink(site_.Path("away"), Root("p/d"));
+    ASSERT_TRUE(Sees(IN_ATTRIB | IN_ISDIR, Root("p")));
+    auto seen = SeenUntilNow();
+    EXPECT_LT(IndexOf(seen, IN_CREATE, Root("p/d")), IndexOf(seen, IN_ATTRIB | IN_ISDIR, Root("p")))
+        << Print(seen);
+    receiver_->Forget();
+    fs::remove(Root("p/d"));
+    fs::create_directory(Root("p/d"));
+    EXPECT_TRUE(Sees(IN_ATTRIB | IN_ISDIR, Root("p")));
+    receiver_->Forget();
+    fs::remove(Root("p/d"));
+    fs::create_directory(Root("p/d"));  // the same kind again
+    seen = SeenUntilNow();
+    EXPECT_FALSE(Has(seen, IN_ATTRIB | IN_ISDIR, Root("p"))) << Print(seen);
+}
+
+TEST_F(Changes, FileMovedOverByDirectorySwap_ParentsAreTold) {
+    site_.Write("root/p/d/file", "x");
+    site_.Write("root/q/f", "x");
+    Watch(Root());
+    ASSERT_EQ(
+        ::renameat2(AT_FDCWD, Root("p/d").c_str(), AT_FDCWD, Root("q/f").c_str(), RENAME_EXCHANGE),
+        0);
+    EXPECT_TRUE(Sees(IN_ATTRIB | IN_ISDIR, Root("p")));
+    EXPECT_TRUE(Sees(IN_ATTRIB | IN_ISDIR, Root("q")));
+    TouchFile(Root("q/f/file"));
+    EXPECT_TRUE(Sees(IN_MODIFY, Root("q/f/file")));
+}
+
+TEST_F(Changes, LinkToDirectory_IsNotFollowed) {
+    site_.Write("outside/file", "x");
+    fs::create_directory_symlink(site_.Path("outside"), Root("before"));
+    Watch(Root());
+    fs::create_directory_symlink(site_.Path("outside"), Root("after"));
+    TouchFile(site_.Path("outside/file"));
+    TouchFile(site_.Path("outside/new"));
+    const auto seen = SeenUntilNow();
+    ASSERT_EQ(seen.size(), 1U) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_CREATE, Root("after")));
+    EXPECT_EQ(WatchStatus(Root())["directories"].asInt(), 1);
+}
+
+TEST_F(Changes, MasksAndExclusions_NothingElseIsTold) {
+    fs::create_directories(Root("cache/deep"));
+    fs::create_directory(Root("cached"));
+    _FileNotifyOpt options = Tree();
+    options.report_directories = false;
+    options.excluded_suffixes = {".log"};
+    options.excluded_subdirs = {"/cache/"};
+    EXPECT_EQ(receiver_->Ask(Root(), {IN_CREATE}, options), Root());
+    ASSERT_TRUE(Reaches(Root(), "ready"));
+    EXPECT_EQ(WatchStatus(Root())["directories"].asInt(), 2);
+    TouchFile(Root("cache/deep/f"));
+    TouchFile(Root("a.log"));
+    TouchFile(Root("cached/f"));
+    fs::create_directory(Root("d"));
+    fs::remove_all(Root("cache"));
+    const auto seen = SeenUntilNow();
+    ASSERT_EQ(seen.size(), 1U) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_CREATE, Root("cached/f")));
+}
+
+TEST_F(Changes, NotRecursive_OnlyDirectChildrenAreTold) {
+    fs::create_directory(Root("d"));
+    _FileNotifyOpt options = Tree();
+    options.recursive = false;
+    Watch(Root(), "ready", options);
+    TouchFile(Root("d/f"));
+    TouchFile(Root("f"));
+    const auto seen = SeenUntilNow();
+    EXPECT_TRUE(Has(seen, IN_CREATE, Root("f")));
+    EXPECT_FALSE(Has(seen, IN_CREATE, Root("d/f"))) << Print(seen);
+}
+
+}  // namespace test

@@ -1,0 +1,138 @@
+#include <thread>
+
+#include "NotifyFixture.h"
+
+namespace test {
+
+using Limits = NotifyTest;
+
+TEST_F(Limits, EventsLost_EverythingIsAnnouncedAndTheIndexPutRight) {
+    site_.Write("root/keep/file", "x");
+    site_.Write("root/lost/file", "x");
+    Watch(Root());
+    faults_.stalled = true;
+    fs::remove_all(Root("lost"));
+    site_.Write("root/new/deep/file", "x");
+    TouchFile(Root("keep/file"));
+    faults_.forget_unread = true;
+    faults_.stalled = false;
+    EXPECT_TRUE(Sees(IN_CREATE, Root("new/deep/file")));
+    EXPECT_TRUE(Sees(IN_MODIFY, Root("keep/file")));
+    const auto seen = SeenUntilNow();
+    EXPECT_TRUE(Has(seen, IN_DELETE | IN_ISDIR, Root("lost"))) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_ATTRIB | IN_ISDIR, Root("keep"))) << Print(seen);
+    EXPECT_TRUE(Has(seen, IN_CREATE | IN_ISDIR, Root("new"))) << Print(seen);
+    EXPECT_EQ(Counter("overflows"), 1U);
+    EXPECT_EQ(WatchStatus(Root())["directories"].asInt(), 4);
+    TouchFile(Root("new/deep/later"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("new/deep/later")));
+}
+
+TEST_F(Limits, RealFloodWhileTheReaderStalls_NothingIsLost) {
+    fs::create_directories(Root("d"));
+    Watch(Root());
+    faults_.stalled = true;
+    constexpr int kFiles = 9000;  // at least two events each: more than the kernel keeps
+    for (int i = 0; i < kFiles; ++i) TouchFile(Root("d/f" + std::to_string(i)));
+    fs::create_directory(Root("late"));
+    TouchFile(Root("late/f"));
+    faults_.stalled = false;
+    EXPECT_TRUE(WaitFor([&] { return Counter("overflows") > 0; }, kDeadline));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("late/f")));
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            std::vector<bool> told(kFiles);
+            for (const SeenChange& change : receiver_->Seen()) {
+                const std::string prefix = Root("d/f");
+                if (change.path.rfind(prefix, 0) == 0 && change.mask == IN_CREATE) {
+                    told[std::stoul(change.path.substr(prefix.size()))] = true;
+                }
+            }
+            return std::all_of(told.begin(), told.end(), [](bool one) { return one; });
+        },
+        kDeadline));
+}
+
+TEST_F(Limits, ReceiverQueueFull_DeliveryIsOnlyLate) {
+    auto slow = NewReceiver("slow", 1);
+    slow->Ask(Root(), {IN_CREATE}, Tree());
+    ASSERT_TRUE(Reaches(Root(), "ready"));
+    slow->SetReading(false);
+    constexpr int kFiles = 300;
+    for (int i = 0; i < kFiles; ++i) TouchFile(Root("f" + std::to_string(i)));
+    ASSERT_TRUE(WaitFor([&] { return Counter("pending_events") >= kFiles - 2; }, kDeadline));
+    slow->SetReading(true);
+    ASSERT_TRUE(WaitFor([&] { return slow->Seen().size() == kFiles; }, kDeadline));
+    const auto seen = slow->Seen();
+    for (int i = 0; i < kFiles; ++i) {
+        EXPECT_EQ(seen[static_cast<std::size_t>(i)].path, Root("f" + std::to_string(i)));
+    }
+    EXPECT_TRUE(WaitFor([&] { return Counter("pending_events") == 0; }, kDeadline));
+    EXPECT_EQ(Counter("events_dropped"), 0U);
+}
+
+TEST_F(Limits, WatchesRunOut_IsShownAndMendedLater) {
+    fs::create_directories(Root("a/b"));
+    fs::create_directories(Root("c"));
+    Watch(Root());
+    faults_.watches_left = 0;
+    site_.Write("root/new/in/file", "x");
+    ASSERT_TRUE(Reaches(Root(), "degraded"));
+    EXPECT_GT(WatchStatus(Root())["unwatched"].asInt(), 0);
+    EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/file")));  // found by listing all the same
+    TouchFile(Root("new/in/unseen"));
+    faults_.watches_left = 1000;
+    EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/unseen")));
+    EXPECT_TRUE(Reaches(Root(), "ready"));
+    TouchFile(Root("new/in/seen"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/seen")));
+}
+
+TEST_F(Limits, NoWatchEvenForTheParents_RootsComeAndGoIsFoundByRetrying) {
+    faults_.watches_left = 0;
+    const std::string root = site_.Path("later");
+    receiver_->Ask(root, kMasks, Tree());
+    ASSERT_TRUE(Reaches(root, "waiting"));
+    fs::create_directory(root);
+    TouchFile(root + "/f");
+    faults_.watches_left = 1000;
+    EXPECT_TRUE(Sees(IN_CREATE | IN_ISDIR, root));
+    EXPECT_TRUE(Sees(IN_CREATE, root + "/f"));
+    EXPECT_TRUE(Reaches(root, "ready"));
+}
+
+TEST_F(Limits, TreeDeeperThanAnyPath_IsCountedAndTheRestIsWatched) {
+    Watch(Root());
+    const fs::path before = fs::current_path();
+    fs::current_path(Root());
+    const std::string name(200, 'd');
+    int made = 0;
+    for (; made < 25 && ::mkdir(name.c_str(), 0755) == 0 && ::chdir(name.c_str()) == 0; ++made) {
+    }
+    fs::current_path(before);
+    ASSERT_EQ(made, 25);
+    EXPECT_TRUE(Reaches(Root(), "degraded"));
+    TouchFile(Root(name + "/f"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root(name + "/f")));
+    fs::remove_all(Root(name));
+    EXPECT_TRUE(Reaches(Root(), "ready"));
+}
+
+TEST_F(Limits, StoppedInTheMiddleOfAStorm_EndsInOrder) {
+    Watch(Root());
+    std::atomic<bool> stop{false};
+    std::thread storm([&] {
+        for (int i = 0; !stop; ++i) {
+            const std::string dir = Root("d" + std::to_string(i % 50));
+            fs::create_directories(dir + "/e");
+            TouchFile(dir + "/e/f");
+            fs::remove_all(dir);
+        }
+    });
+    EXPECT_TRUE(WaitFor([&] { return Counter("events_received") > 2000; }, kDeadline));
+    engine_.Stop();
+    stop = true;
+    storm.join();
+}
+
+}  // namespace test

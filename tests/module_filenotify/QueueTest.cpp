@@ -1,0 +1,102 @@
+#include <Delivery.h>
+#include <WalkQueue.h>
+#include <Watch.h>
+#include <gtest/gtest.h>
+#include <module_filenotify/FileNotifyMessage.h>
+#include <sys/inotify.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace test {
+
+using Engine::FileNotify::Counters;
+using Engine::FileNotify::Delivery;
+using Engine::FileNotify::DirNode;
+using Engine::FileNotify::PendingChange;
+using Engine::FileNotify::WalkQueue;
+using Engine::FileNotify::WatchTicket;
+
+class DeliveryTest : public ::testing::Test {
+  protected:
+    static PendingChange Change(const std::shared_ptr<WatchTicket>& ticket, const std::string& path,
+                                std::uint32_t mask) {
+        return {ticket, path, {}, mask, {}};
+    }
+
+    bool Post(const std::string& receiver, Framework::Message* message) {
+        if (room <= 0) return false;
+        --room;
+        const std::unique_ptr<Engine::FileNotifyMessage> owned(
+            static_cast<Engine::FileNotifyMessage*>(message));
+        posted.push_back(receiver + owned->GetEventFilePath());
+        return true;
+    }
+
+    int room = 0;
+    std::vector<std::string> posted;
+    Counters counters;
+    Delivery delivery{[this](const std::string& receiver, Framework::Message* message) {
+                          return Post(receiver, message);
+                      },
+                      counters};
+    std::shared_ptr<WatchTicket> one = std::make_shared<WatchTicket>("one", "/w");
+    std::shared_ptr<WatchTicket> two = std::make_shared<WatchTicket>("two", "/w");
+};
+
+TEST_F(DeliveryTest, NoRoom_KeepsOrderAndOneEntryPerPathAndMask) {
+    for (int round = 0; round < 3; ++round) {
+        delivery.Add(Change(one, "/a", IN_MODIFY));
+        delivery.Add(Change(one, "/b", IN_MODIFY));
+        delivery.Add(Change(one, "/a", IN_DELETE));
+    }
+    delivery.Flush();
+    EXPECT_EQ(counters.pending, 3U);
+    EXPECT_EQ(counters.events_merged, 6U);
+    room = 2;
+    delivery.Flush();
+    EXPECT_EQ(posted, (std::vector<std::string>{"one/a", "one/b"}));
+    delivery.Add(Change(one, "/a", IN_MODIFY));  // delivered before: news again
+    room = 5;
+    delivery.Flush();
+    EXPECT_EQ(posted, (std::vector<std::string>{"one/a", "one/b", "one/a", "one/a"}));
+    EXPECT_TRUE(delivery.Empty());
+    EXPECT_EQ(counters.pending, 0U);
+    EXPECT_EQ(counters.events_delivered, 4U);
+}
+
+TEST_F(DeliveryTest, TicketRevoked_ItsChangesAreDroppedAndOthersAreNot) {
+    const auto again = std::make_shared<WatchTicket>("one", "/w");
+    delivery.Add(Change(one, "/a", IN_MODIFY));
+    delivery.Add(Change(again, "/a", IN_MODIFY));
+    delivery.Add(Change(two, "/a", IN_MODIFY));
+    one->Revoke();
+    room = 9;
+    delivery.Flush();
+    EXPECT_EQ(posted, (std::vector<std::string>{"one/a", "two/a"}));
+    EXPECT_EQ(counters.events_dropped, 1U);
+    EXPECT_FALSE(one->IsValid());
+}
+
+TEST(WalkQueue, ReasonsAddUpAndCancelledJobsAreSkipped) {
+    WalkQueue queue;
+    DirNode a;
+    DirNode b;
+    Engine::FileNotify::Watch owner;
+    queue.Push(a, WalkQueue::kFirst, &owner);
+    queue.Push(b, WalkQueue::kFirst, &owner);
+    queue.Push(a, WalkQueue::kReconcile, nullptr);
+    EXPECT_EQ(owner.jobs, 2U);
+    queue.Cancel(b);
+    EXPECT_EQ(owner.jobs, 1U);
+    const WalkQueue::Job job = queue.Pop();
+    EXPECT_EQ(job.node, &a);
+    EXPECT_EQ(job.reasons, WalkQueue::kFirst | WalkQueue::kReconcile);
+    EXPECT_EQ(owner.jobs, 0U);
+    EXPECT_EQ(queue.Pop().node, nullptr);
+    queue.Push(a, WalkQueue::kVerify, nullptr);
+    EXPECT_EQ(queue.Pop().node, &a);
+}
+
+}  // namespace test

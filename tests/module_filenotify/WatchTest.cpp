@@ -1,0 +1,116 @@
+#include <RequestDesk.h>
+
+#include "NotifyFixture.h"
+
+namespace test {
+
+using Watches = NotifyTest;
+
+TEST_F(Watches, BadRequests_AreRefused) {
+    EXPECT_EQ(receiver_->Ask("", kMasks, Tree()), "");
+    EXPECT_EQ(receiver_->Ask("relative/path", kMasks, Tree()), "");
+    EXPECT_EQ(receiver_->Ask(Root(), {}, Tree()), "");
+    EXPECT_EQ(receiver_->Ask(Root() + "//", kMasks, Tree()), Root());
+    EXPECT_EQ(Engine::FileNotify::RequestDesk::Split("/a//./b/../c/"),
+              (std::vector<std::string>{"a", "c"}));
+}
+
+TEST_F(Watches, NestedAndOfSeveralReceivers_EachIsToldByItsOwnId) {
+    fs::create_directories(Root("in/deep"));
+    auto other = NewReceiver("other");
+    Watch(Root());
+    Watch(Root("in"));
+    EXPECT_EQ(other->Ask(Root("in/deep"), kMasks, Tree()), Root("in/deep"));
+    ASSERT_TRUE(Reaches(Root("in/deep"), "ready"));
+    const std::string file = Root("in/deep/f");
+    TouchFile(file);
+    const auto seen = SeenUntilNow();
+    std::vector<std::string> ids;
+    for (const SeenChange& change : seen) {
+        if (change.path == file && change.mask == IN_CREATE) ids.push_back(change.watch);
+    }
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(ids, (std::vector<std::string>{Root(), Root("in")})) << Print(seen);
+    EXPECT_TRUE(WaitFor([&] { return Has(other->Seen(), IN_CREATE, file); }, kDeadline));
+    EXPECT_EQ(other->Seen().front().watch, Root("in/deep"));
+    // The inner root moves within the outer tree: gone for the one, moved for the other.
+    fs::rename(Root("in/deep"), Root("elsewhere"));
+    EXPECT_TRUE(Sees(IN_MOVED_TO | IN_ISDIR, Root("elsewhere")));
+    EXPECT_TRUE(WaitFor(
+        [&] { return Has(other->Seen(), IN_MOVED_FROM | IN_ISDIR, Root("in/deep")); }, kDeadline));
+    TouchFile(Root("elsewhere/f"));
+    EXPECT_TRUE(Sees(IN_MODIFY, Root("elsewhere/f")));
+    fs::rename(Root("elsewhere"), Root("in/deep"));
+    EXPECT_TRUE(WaitFor([&] { return Has(other->Seen(), IN_CREATE, file); }, kDeadline));
+    TouchFile(Root("in/deep/again"));
+    EXPECT_TRUE(
+        WaitFor([&] { return Has(other->Seen(), IN_CREATE, Root("in/deep/again")); }, kDeadline));
+}
+
+TEST_F(Watches, Removed_NothingWaitingOrNewIsToldAndReAddingWorksAtOnce) {
+    auto other = NewReceiver("other", 1);
+    EXPECT_EQ(other->Ask(Root(), kMasks, Tree()), Root());
+    Watch(Root());  // the receiver's own watch, for the cookies
+    other->SetReading(false);
+    for (int i = 0; i < 20; ++i) TouchFile(Root("f" + std::to_string(i)));
+    SeenUntilNow();
+    _FileNotifyOpt removal = Tree();
+    removal.remove = true;
+    EXPECT_EQ(other->Ask(Root(), kMasks, removal), Root());
+    const std::size_t queued = other->QueueLength();
+    EXPECT_EQ(other->Ask(Root() + "/", kMasks, Tree()), Root());
+    other->SetReading(true);
+    TouchFile(Root("after"));
+    ASSERT_TRUE(WaitFor([&] { return Has(other->Seen(), IN_CREATE, Root("after")); }, kDeadline));
+    const auto seen = other->Seen();
+    EXPECT_LE(IndexOf(seen, IN_CREATE, Root("after")), queued) << Print(seen);
+    EXPECT_GT(Counter("events_dropped"), 0U);
+}
+
+TEST_F(Watches, LastOneRemoved_NoKernelWatchIsLeft) {
+    fs::create_directories(Root("a/b/c"));
+    Watch(Root());
+    EXPECT_GE(Counter("watched_directories"), 4U);
+    _FileNotifyOpt removal = Tree();
+    removal.remove = true;
+    receiver_->Ask(Root(), kMasks, removal);
+    EXPECT_TRUE(WaitFor([&] { return Counter("watched_directories") == 0; }, kDeadline));
+}
+
+TEST_F(Watches, WiderOneAfterNarrowOne_SeesWhatTheNarrowOneLeftOut) {
+    fs::create_directories(Root("cache/deep"));
+    _FileNotifyOpt narrow = Tree();
+    narrow.excluded_subdirs = {"cache"};
+    auto other = NewReceiver("other");
+    other->Ask(Root(), kMasks, narrow);
+    ASSERT_TRUE(Reaches(Root(), "ready"));
+    Watch(Root("."));
+    TouchFile(Root("cache/deep/f"));
+    EXPECT_TRUE(WaitFor([&] { return Has(receiver_->Seen(), IN_CREATE, Root("./cache/deep/f")); },
+                        kDeadline));
+}
+
+TEST_F(Watches, LoadedAsAModule_RegistersItsTask) {
+    engine_.RunOnFrameworkThread([] {});
+    std::unique_ptr<Framework::Module> module(static_cast<Framework::Module*>(CreateModule()));
+    ASSERT_NE(module, nullptr);
+    EXPECT_STREQ(module->name(), "filenotify_module");
+    EXPECT_NE(engine_.FindTask("filenotify_task"), nullptr);
+}
+
+TEST(Settings, UnknownKeysAndWrongTypes_AreErrors) {
+    Engine::FileNotifyTask::Settings settings;
+    std::string error;
+    Json::Value section(Json::objectValue);
+    EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
+    section["retry_ms"] = "soon";
+    EXPECT_FALSE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
+    section["retry_ms"] = 50;
+    EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
+    EXPECT_EQ(settings.retry_after, 50ms);
+    section["retry"] = 50;
+    EXPECT_FALSE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
+    EXPECT_NE(error.find("/filenotify/retry "), std::string::npos) << error;
+}
+
+}  // namespace test
