@@ -6,11 +6,9 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <filesystem>
-#include <thread>
 
 #include "Sha256.h"
 #include "sdk/DirUtils.h"
@@ -213,31 +211,6 @@ TEST_F(Files, DeleteDirOfADeepTree_NeedsFewDescriptors) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(DirUtils::DeleteDir(dir_.Path(name)), 0);
     EXPECT_EQ(EntriesIn(dir_.Path()), 0U);
-}
-
-TEST_F(Files, DirectorySwappedForALinkMeanwhile_IsNeverFollowed) {
-    const test::TempDir outside;
-    const std::string kept = outside.Write("file", "x");
-    constexpr int kRounds = 200;
-    const std::string victim = dir_.Path("tree/d");
-    std::atomic<bool> done{false};
-    std::thread attacker([&] {
-        while (!done) {
-            // Whether each step succeeds depends on who comes first.
-            ::rename(victim.c_str(), dir_.Path("aside").c_str());
-            (void)!::symlink(outside.Path().c_str(), victim.c_str());
-            ::unlink(victim.c_str());
-            ::rename(dir_.Path("aside").c_str(), victim.c_str());
-        }
-    });
-    for (int round = 0; round < kRounds; ++round) {
-        fs::create_directories(dir_.Path("tree"));
-        ::mkdir(victim.c_str(), 0700);
-        DirUtils::DeleteDir(dir_.Path("tree"));
-    }
-    done = true;
-    attacker.join();
-    EXPECT_TRUE(fs::exists(kept));
 }
 
 }  // namespace
