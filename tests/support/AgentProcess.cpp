@@ -48,14 +48,17 @@ void CopyStage(const std::string& to) {
     fs::copy(std::string(SENTREL_STAGE) + "/conf", to + "/conf", fs::copy_options::recursive);
 }
 
-/// In the child: what the agent does to the kernel's settings is done to stand-ins.
-bool Isolate(const std::string& stand_in) {
+/// In the child: what the agent does to the kernel's settings is done to stand-ins, and of the
+/// machine's files it can write none but those below the temporary directory.
+bool Isolate(const std::string& stand_in, const std::string& temporary) {
     if (::unshare(CLONE_NEWNS) != 0) return false;
     if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
     for (const char* path : {"/etc/sysctl.conf", "/proc/sys/fs/inotify/max_user_watches"}) {
         if (::mount(stand_in.c_str(), path, nullptr, MS_BIND, nullptr) != 0) return false;
     }
-    return true;
+    const char* writable = temporary.c_str();
+    return ::mount(writable, writable, nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
+           ::mount("none", "/", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
 }
 
 bool Redirect(const std::string& file, int flags, int fd) {
@@ -123,6 +126,7 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
     const std::string out = scratch_.Path(output + ".out");
     const std::string err = scratch_.Path(output + ".err");
     const std::string stand_in = scratch_.Path("stand_in");
+    const std::string temporary = fs::temp_directory_path().string();
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
@@ -133,7 +137,7 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
     if (!Redirect(in, O_RDONLY, STDIN_FILENO) ||
         !Redirect(out, O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO) ||
         !Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO) ||
-        (isolate && !Isolate(stand_in))) {
+        (isolate && !Isolate(stand_in, temporary))) {
         ::_exit(kCannotIsolate);
     }
     ::execv(program.c_str(), argv.data());

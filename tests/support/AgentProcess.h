@@ -41,8 +41,9 @@ Json::Value ProtectionPolicy(const std::vector<ProtectedPath>& paths);
 void SetRsync(Json::Value& policy, const std::string& url, const std::string& sha256);
 
 /// The built agent, in an installation of its own. Each process of the agent runs in a private
-/// mount namespace where the kernel's settings and /etc/sysctl.conf are stand-ins, so that the
-/// machine stays as it is; that takes root. Everything that was started ends with the object.
+/// mount namespace where the kernel's settings and /etc/sysctl.conf are stand-ins and everything
+/// outside the temporary directory is read-only, so that the machine stays as it is whatever the
+/// agent does; that takes root. Everything that was started ends with the object.
 class AgentProcess {
   public:
     AgentProcess();
