@@ -64,7 +64,7 @@ bool Engine::AddModule(std::unique_ptr<Module> module, std::string& error) {
 }
 
 void Engine::StartDeferredTasks() {
-    tasks_->StartDeferred();
+    RunOnFrameworkThread([this] { tasks_->StartDeferred(); });
 }
 
 std::vector<std::string> Engine::ModuleNames() const {

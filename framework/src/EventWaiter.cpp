@@ -65,7 +65,7 @@ void EventWaiter::RemoveSource(int fd) {
 }
 
 int EventWaiter::WaitAndHandleEvent(int timeout_ms, int max_events) {
-    std::array<epoll_event, kMostEvents> events;
+    std::array<epoll_event, kMostEvents> events{};
     const int most = std::clamp(max_events, 0, kMostEvents - 1);
     // A sender counts its message before it wakes, so nothing is missed between look and wait.
     if (messages_wait_ && messages_wait_()) timeout_ms = 0;

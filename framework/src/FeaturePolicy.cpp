@@ -15,7 +15,10 @@ class Registered {
         return registered;
     }
 
+    Registered() = default;
     ~Registered() { DeleteAll(); }
+    Registered(const Registered&) = delete;
+    Registered& operator=(const Registered&) = delete;
 
     void Replace(const std::string& name, FeaturePolicy* policy) {
         Delete(name);

@@ -18,6 +18,8 @@ class ModuleLoader {
   public:
     ModuleLoader(CallbackRegistry& callbacks, TaskRegistry& tasks);
     ~ModuleLoader();
+    ModuleLoader(const ModuleLoader&) = delete;
+    ModuleLoader& operator=(const ModuleLoader&) = delete;
 
     /// Both: false with `error` when the module cannot be used; nothing of it is left registered.
     bool Load(const std::string& name, std::string& error);

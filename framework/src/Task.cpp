@@ -42,8 +42,7 @@ void Task::SetRunner(std::shared_ptr<TaskRunner> runner) {
 
 void Task::cancel() {
     const std::shared_ptr<TaskRunner> runner = Runner();
-    // First the runner's flag: Poco::Task::run overwrites a state that is set before it begins, and
-    // the runner then sets it again.
+    // First the runner's flag: what is woken by the rest finds it set.
     if (runner) runner->MarkStopping();
     Poco::Task::cancel();
     queue_->Close();

@@ -53,6 +53,8 @@ class TaskUse {
     }
     TaskUse(TaskUse&&) = default;
     TaskUse& operator=(TaskUse&&) = delete;
+    TaskUse(const TaskUse&) = delete;
+    TaskUse& operator=(const TaskUse&) = delete;
     ~TaskUse() {
         if (access_) access_->Leave();
     }

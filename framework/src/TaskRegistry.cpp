@@ -35,7 +35,7 @@ bool TaskRegistry::Register(Module& module, Poco::AutoPtr<Task> task, bool defer
         changed_.notify_all();
     }
     if (deferred || runner->Start(pool_)) return true;
-    Discard(runner);
+    Unregister(runner->Id());
     return false;
 }
 
@@ -47,7 +47,7 @@ void TaskRegistry::StartDeferred() {
         start.swap(deferred_);
     }
     for (const auto& runner : start) {
-        if (!runner->Start(pool_)) Discard(runner);
+        if (!runner->Start(pool_)) Unregister(runner->Id());
     }
 }
 

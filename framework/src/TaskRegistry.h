@@ -38,6 +38,7 @@ class TaskRegistry {
     /// All tasks of `module`, or of all modules for null, the youngest first.
     void UnregisterAll(const Module* module);
 
+    /// Not while another thread unregisters.
     void StartDeferred();
 
     /// Null when it is not registered, or stopping.

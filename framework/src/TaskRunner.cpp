@@ -82,7 +82,6 @@ void TaskRunner::run() {
 }
 
 void TaskRunner::RunTask() {
-    if (stopping_) task_->setState(Poco::Task::TASK_CANCELLING);
     const SDK::CommandInterrupter::Scope commands(interrupter_);
     if (!RunInit()) return;
     access_->SetReady();
@@ -178,7 +177,8 @@ void TaskRunner::InterruptForPolicy() {
     if (!interruptible_) return;
     interrupter_.Interrupt();
     SDK_LOG(RootLogger(), PRIO_NOTICE,
-            "Task(%s): a policy waits, its external command is interrupted.", id_);
+            "Task(%s): a policy waits for its pass to end, its external commands are interrupted.",
+            id_);
 }
 
 void TaskRunner::EndInterruption() {

@@ -21,6 +21,7 @@ TEST_F(MessagingTest, QueueCannotTake_MessageStaysTheSenders) {
     ScriptedTask task("task", Framework::TaskCondition::kPeriodic, 2);
     CountedMessage refused;
     EXPECT_FALSE(Task::SendAgileMsg(&task, &refused));  // not registered
+    EXPECT_FALSE(task.EnqueueMsg(&refused));
     EXPECT_FALSE(engine_.PostMessage("task", &refused));
     EXPECT_FALSE(Task::SendAgileMsg(nullptr, &refused));
     task.on_run = [] { return 0; };  // never consumes

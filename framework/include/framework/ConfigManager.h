@@ -59,8 +59,8 @@ class ConfigManager {
     std::string agent_id_;
     LoggerConfig logger_;
     std::vector<std::string> modules_;
-    std::chrono::milliseconds task_period_;
-    std::chrono::milliseconds policy_grace_;
+    std::chrono::milliseconds task_period_{};
+    std::chrono::milliseconds policy_grace_{};
     int cpu_limit_percent_ = 0;
     Json::Value sections_;
 };

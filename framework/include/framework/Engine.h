@@ -55,6 +55,8 @@ class Engine : public Poco::Util::Application {
   public:
     Engine();
     ~Engine() override;
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
 
     /// The process's engine; throws Poco::NullPointerException when there is none.
     static Engine& Instance();
@@ -96,7 +98,9 @@ class Engine : public Poco::Util::Application {
     /// Runs the tasklet of that id and waits for its result. Not from the framework thread.
     TaskletOutcome InvokeTasklet(const std::string& id, const std::string& request);
 
-    /// Runs `job` on the framework thread and waits for it. What it throws is thrown here.
+    /// Runs `job` on the framework thread and waits for it. What it throws is thrown here;
+    /// Poco::IllegalStateException before Start and after Stop. Not from a task's thread, and so
+    /// for policies and tasklets: the framework thread waits for tasks.
     void RunOnFrameworkThread(const std::function<void()>& job);
 
     std::vector<TaskStatus> TaskStatuses() const;

@@ -13,6 +13,8 @@ class FeaturePolicy : public Policy {
   public:
     explicit FeaturePolicy(const std::string& name);
     ~FeaturePolicy() override;
+    FeaturePolicy(const FeaturePolicy&) = delete;
+    FeaturePolicy& operator=(const FeaturePolicy&) = delete;
 
     bool Parse(const std::string& text) override = 0;
 

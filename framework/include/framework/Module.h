@@ -20,6 +20,8 @@ class Module : public Poco::Util::Subsystem {
   public:
     explicit Module(const std::string& name);
     ~Module() override;
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
 
     const char* name() const override;
     void initialize(Poco::Util::Application& app) override;

@@ -34,6 +34,8 @@ class Task : public Poco::Task, public MessageHandler {
     Task(const std::string& id, const std::string& feature, TaskCondition::TaskType type,
          unsigned int queue_capacity);
     ~Task() override;
+    Task(const Task&) = delete;
+    Task& operator=(const Task&) = delete;
 
     // Poco::Task
     void cancel() override;   ///< asks the task to stop and wakes it; any thread
