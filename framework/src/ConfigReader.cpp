@@ -1,5 +1,7 @@
 #include "ConfigReader.h"
 
+#include <sdk/JsonUtils.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -15,17 +17,7 @@ ConfigReader::ConfigReader(const Json::Value& object, std::string pointer, std::
 }
 
 std::string ConfigReader::PointerTo(std::string_view key) const {
-    std::string pointer = pointer_ + "/";
-    for (const char c : key) {
-        if (c == '~') {
-            pointer += "~0";
-        } else if (c == '/') {
-            pointer += "~1";
-        } else {
-            pointer += c;
-        }
-    }
-    return pointer;
+    return SDK::JsonUtils::PointerTo(pointer_, key);
 }
 
 void ConfigReader::Fail(std::string_view key, const std::string& what) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <json/value.h>
+#include <sdk/JsonUtils.h>
 
 #include <string>
 #include <utility>
@@ -27,8 +28,11 @@ struct PolicyFindings {
     }
 };
 
-/// "/dirlist" + "/" + 3; a name's "~" and "/" are escaped as JSON pointers ask.
-std::string PointerTo(const std::string& base, const std::string& name);
-std::string PointerTo(const std::string& base, Json::ArrayIndex index);
+inline std::string PointerTo(const std::string& base, const std::string& name) {
+    return SDK::JsonUtils::PointerTo(base, name);
+}
+inline std::string PointerTo(const std::string& base, Json::ArrayIndex index) {
+    return base + "/" + std::to_string(index);
+}
 
 }  // namespace Engine

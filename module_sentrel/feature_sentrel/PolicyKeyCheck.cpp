@@ -105,24 +105,6 @@ void CheckUnknownKey(const std::string& key, const std::string& pointer,
 
 }  // namespace
 
-std::string PointerTo(const std::string& base, const std::string& name) {
-    std::string pointer = base + "/";
-    for (const char c : name) {
-        if (c == '~') {
-            pointer += "~0";
-        } else if (c == '/') {
-            pointer += "~1";
-        } else {
-            pointer += c;
-        }
-    }
-    return pointer;
-}
-
-std::string PointerTo(const std::string& base, Json::ArrayIndex index) {
-    return base + "/" + std::to_string(index);
-}
-
 void CheckKeys(const Json::Value& object, const std::string& pointer,
                const std::vector<PolicyKey>& known, const std::vector<PolicyKey>& elsewhere,
                PolicyFindings& findings) {

@@ -35,6 +35,17 @@ void ReportApplyFailure(const std::string& feature) {
     SentrelUtils::GetInstance()->SendExceptionMsg(feature, kApplyFailed);
 }
 
+/// False, logged and reported, when the document is no JSON: the tasks then stay as they are.
+bool ReadDocument(const std::string& feature, const std::string& policyJson, bool& enabled) {
+    Json::Value root;
+    if (SDK::JsonUtils::ParseJsonStr(policyJson.c_str(), policyJson.size(), root) != 0) {
+        ReportParseFailure(feature);
+        return false;
+    }
+    enabled = SDK::JsonUtils::GetBoolValue(root, "enabled", false);
+    return true;
+}
+
 void LimitStalls(Framework::Task& task) {
     task.SetTaskCondition(kStallLimit);
     task.SetConditionInForce(true);
@@ -56,12 +67,9 @@ int SentrelModule::RefreshFeaturePolicy(const std::string& featureName,
 
 int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
                                                const std::string& policyJson) {
-    Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(policyJson.c_str(), policyJson.size(), root) != 0) {
-        ReportParseFailure(featureName);
-        return 0;
-    }
-    if (!SDK::JsonUtils::GetBoolValue(root, "enabled", false)) {
+    bool enabled = false;
+    if (!ReadDocument(featureName, policyJson, enabled)) return 0;
+    if (!enabled) {
         RefreshFeaturePolicyInotifyFailed(nullptr);
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
         return 0;
@@ -92,12 +100,9 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
 
 int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureName,
                                                     const std::string& policyJson) {
-    Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(policyJson.c_str(), policyJson.size(), root) != 0) {
-        ReportParseFailure(featureName);
-        return 0;
-    }
-    if (!SDK::JsonUtils::GetBoolValue(root, "enabled", false)) {
+    bool enabled = false;
+    if (!ReadDocument(featureName, policyJson, enabled)) return 0;
+    if (!enabled) {
         RefreshFeaturePolicyBackUpServer(nullptr);
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
         return 0;

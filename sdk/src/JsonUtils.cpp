@@ -131,6 +131,20 @@ std::string JsonUtils::GetStringValue(const Json::Value& object, const char* key
     return member->asString();
 }
 
+std::string JsonUtils::PointerTo(const std::string& base, std::string_view name) {
+    std::string pointer = base + "/";
+    for (const char c : name) {
+        if (c == '~') {
+            pointer += "~0";
+        } else if (c == '/') {
+            pointer += "~1";
+        } else {
+            pointer += c;
+        }
+    }
+    return pointer;
+}
+
 std::string JsonUtils::JsonToString(const Json::Value& value) {
     try {
         static const Json::StreamWriterBuilder builder = WriterBuilder();

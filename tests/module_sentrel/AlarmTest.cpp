@@ -74,9 +74,9 @@ TEST_F(AlarmCache, Age_IsMeasuredBothWaysAndFromTheFrontOnly) {
     task_.CleanOldMessageFromCache();
     ASSERT_EQ(task_.alarm_cache.size(), 2U);
     EXPECT_EQ(task_.alarm_cache.front().file_path, "/young");
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "clean old msg from cache: [" +
-                                                          std::to_string(kNow - 61) + "] /old [1]"),
-              1);
+    EXPECT_EQ(
+        install_.Debugs("clean old msg from cache: [" + std::to_string(kNow - 61) + "] /old [1]"),
+        1);
 }
 
 TEST(AlarmReport, FirstAlarmOfAFile_IsSentWithItsDocument) {
@@ -107,7 +107,7 @@ TEST(AlarmReport, FirstAlarmOfAFile_IsSentWithItsDocument) {
         R"([{"action":"delete","diff":"d","diff_attr":"a","file_path":)"
         "\"/site/\\\"q\\\"\\n\xef\xbf\xbd.html\"}],\"severity\":2}");
     EXPECT_NE(seen[1].body.find(R"("action":"unknown")"), std::string::npos);
-    EXPECT_EQ(install.log.Count(Message::PRIO_INFORMATION, "sentrel alarm:" + seen[0].body), 1);
+    EXPECT_EQ(install.Infos("sentrel alarm:" + seen[0].body), 1);
 }
 
 }  // namespace

@@ -87,9 +87,7 @@ TEST_F(BackUpServer, AcceptedPolicy_WritesTheDaemonConfiguration) {
                   "/conf/rsync_server.secrets\n"
                   "\tcomment = This is morvane_agent home data\n\n");
     EXPECT_EQ(fs::status(root + "/received/here").permissions(), fs::perms(0700));
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
-                                 "backupserver path[" + root + "/received/here] not exist."),
-              1);
+    EXPECT_EQ(install_.Debugs("backupserver path[" + root + "/received/here] not exist."), 1);
 }
 
 TEST_F(BackUpServer, RejectedPolicy_LeavesNoOrTheOldConfiguration) {
@@ -103,8 +101,7 @@ TEST_F(BackUpServer, RejectedPolicy_LeavesNoOrTheOldConfiguration) {
     document["content"]["backupserver_ip"] = "203.0.113.7";
     EXPECT_FALSE(Parse(document));
     EXPECT_FALSE(fs::exists(conf_));
-    EXPECT_EQ(install_.log.Count(Message::PRIO_ERROR, "backupserver ip[203.0.113.7] not exist."),
-              1);
+    EXPECT_EQ(install_.Errors("backupserver ip[203.0.113.7] not exist."), 1);
     document = Document();
     document["content"]["backupserver_path"] = install_.dir.Write("a_file", "x") + "/below_a_file";
     EXPECT_FALSE(Parse(document));
@@ -120,7 +117,7 @@ TEST_F(BackUpServer, PidFile_IsBelievedOnlyForALiveProcess) {
         EXPECT_TRUE(utils_->DoStopRsyncDeamon());
         EXPECT_FALSE(fs::exists(pid_file_));
     }
-    EXPECT_EQ(install_.log.Count(Message::PRIO_TRACE, "remove file: " + pid_file_), 4);
+    EXPECT_EQ(install_.Traces("remove file: " + pid_file_), 4);
     install_.dir.Write("bin/morvane_rsyncd.pid", std::to_string(::getpid()) + "\n");
     EXPECT_TRUE(utils_->GetRsyncRunningPid(pid_file_, pid));
     EXPECT_EQ(pid, ::getpid());
@@ -132,7 +129,7 @@ TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
     ASSERT_TRUE(Parse(Document()));
     Engine::BackUpServerTask task;
     EXPECT_EQ(task.Run(), 0);
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "pid not running: 0"), 1);
+    EXPECT_EQ(install_.Debugs("pid not running: 0"), 1);
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
     const int first = RunningPid();
     task.Run();

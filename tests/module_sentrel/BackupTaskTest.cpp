@@ -82,7 +82,7 @@ TEST_F(BackupTask, TypesAndEmptyList_DoNothing) {
         utils_->backup_type = type;
         task_.Run();
     }
-    EXPECT_EQ(install_.log.Count(Message::PRIO_TRACE, "remote backup not local."), 2);
+    EXPECT_EQ(install_.Traces("remote backup not local."), 2);
     utils_->backup_type = 0;
     utils_->dir_rules.clear();
     task_.Run();
@@ -90,22 +90,21 @@ TEST_F(BackupTask, TypesAndEmptyList_DoNothing) {
     EXPECT_EQ(install_.log.Texts(Message::PRIO_INFORMATION),
               (std::vector<std::string>{"local backup all ok.", "remote backup all ok."}));
     task_.Run();
-    EXPECT_EQ(install_.log.Count(Message::PRIO_TRACE, "all backup ok, no need backup again."), 1);
+    EXPECT_EQ(install_.Traces("all backup ok, no need backup again."), 1);
     EXPECT_EQ(Calls(), 0);
 }
 
 TEST_F(BackupTask, InitWithoutRsync_ReportsAndGoesOn) {
     const test::RunningEngine running(install_.log);
     EXPECT_TRUE(task_.Init());
-    EXPECT_EQ(install_.log.Count(Message::PRIO_ERROR, "download rsync failed."), 1);
+    EXPECT_EQ(install_.Errors("download rsync failed."), 1);
     const auto seen = running.fakes->cmd.Seen();
     ASSERT_EQ(seen.size(), 1U);
     EXPECT_EQ(seen[0].name, "feature_exception_1");
     EXPECT_EQ(seen[0].body,
               R"({"feature":"sentrel_feature", "exception":"download rsync failed."})");
-    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION,
-                                 "send feature_exception_1 to cmd_comm_report_task, length=" +
-                                     std::to_string(seen[0].body.size()) + ", result=0"),
+    EXPECT_EQ(install_.Infos("send feature_exception_1 to cmd_comm_report_task, length=" +
+                             std::to_string(seen[0].body.size()) + ", result=0"),
               1);
 }
 

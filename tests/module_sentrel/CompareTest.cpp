@@ -55,9 +55,8 @@ TEST_F(Compare, EventPaths_AreBuiltAsTheHandlingNeedsThem) {
     EXPECT_FALSE(task_.HandleEventBuildStr("/s/a.", "", false, IN_CREATE, file1, file2));
     EXPECT_TRUE(task_.HandleEventBuildStr(data_.Path("d"), "", true, IN_DELETE, file1, file2));
     EXPECT_FALSE(task_.HandleEventBuildStr(data_.Path("no/d"), "", true, IN_DELETE, file1, file2));
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
-                                 "Parent dir " + data_.Path("no") +
-                                     " maybe deleted, filePath:" + data_.Path("no/d/") + "."),
+    EXPECT_EQ(install_.Debugs("Parent dir " + data_.Path("no") +
+                              " maybe deleted, filePath:" + data_.Path("no/d/") + "."),
               1);
     EXPECT_TRUE(task_.HandleEventBuildStr(data_.Path("no/f"), "", false, IN_DELETE, file1, file2));
 }
@@ -85,7 +84,7 @@ TEST_F(Compare, ContentDiff_IsShortTextOrNothing) {
     data_.Write("changed", std::string(5000, 'x'));
     EXPECT_EQ(task_.HandleFileContentDiff(backup, changed).size(), 1024U);
     EXPECT_EQ(task_.HandleFileContentDiff("/no/backup", changed), std::string(1024, 'x'));
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "read(" + changed + ") -> [0] [1024]"), 1);
+    EXPECT_EQ(install_.Debugs("read(" + changed + ") -> [0] [1024]"), 1);
     data_.Write("changed",
                 "\x7f"
                 "ELF and more");

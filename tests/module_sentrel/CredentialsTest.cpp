@@ -28,9 +28,8 @@ TEST_F(Credentials, Passwords_AreWrittenAndLockedDown) {
     EXPECT_EQ(test::TempDir::Read(install_.dir.Path("conf/rsync_client.secrets")), "s3cret");
     EXPECT_EQ(Mode("conf/rsync_server.secrets"), 0500U);
     EXPECT_EQ(Mode("conf/rsync_client.secrets"), 0500U);
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
-                                 "rsyslog write pass [" +
-                                     install_.dir.Path("conf/rsync_server.secrets") + "] ok."),
+    EXPECT_EQ(install_.Debugs("rsyslog write pass [" +
+                              install_.dir.Path("conf/rsync_server.secrets") + "] ok."),
               1);
     for (const auto& record : install_.log.Records()) {
         EXPECT_EQ(record.text.find("s3cret"), std::string::npos);
@@ -46,9 +45,8 @@ TEST_F(Credentials, BadRequests_WriteNothing) {
     EXPECT_EQ(test::TempDir::Read(install_.dir.Path("conf/rsync_client.secrets")), "kept");
     std::filesystem::remove_all(install_.dir.Path("conf"));
     EXPECT_NE(module_.GetPasswdClient(R"({"passwd":"x"})"), 0);
-    EXPECT_EQ(install_.log.Count(
-                  Message::PRIO_ERROR,
-                  "rsyslog write [" + install_.dir.Path("conf/rsync_client.secrets") + "] failed."),
+    EXPECT_EQ(install_.Errors("rsyslog write [" + install_.dir.Path("conf/rsync_client.secrets") +
+                              "] failed."),
               1);
 }
 

@@ -22,6 +22,8 @@ namespace test {
 /// settings at their defaults. Commands find the stand-ins of `fake_bin` first.
 class Installation {
   public:
+    using Prio = Poco::Message;
+
     Installation() : log(*Engine::SentrelUtils::GetInstance()->GetLogger()) {
         std::filesystem::create_directories(dir.Path("bin"));
         std::filesystem::create_directories(dir.Path("conf/home"));
@@ -86,6 +88,12 @@ class Installation {
         entry["backup_path"] = backup_path;
         return entry;
     }
+
+    // How often exactly this was logged.
+    long Debugs(const std::string& text) const { return log.Count(Prio::PRIO_DEBUG, text); }
+    long Infos(const std::string& text) const { return log.Count(Prio::PRIO_INFORMATION, text); }
+    long Errors(const std::string& text) const { return log.Count(Prio::PRIO_ERROR, text); }
+    long Traces(const std::string& text) const { return log.Count(Prio::PRIO_TRACE, text); }
 
     TempDir dir;
     ModuleLog log;

@@ -124,9 +124,8 @@ TEST_F(ModuleShell, SamePolicyTwice_RegistersTheTasksAnew) {
     }
     const std::string root = site_.Path() + "/";
     EXPECT_EQ(running_.fakes->notify.Requests(), (Strings{"+" + root, "-" + root, "+" + root}));
-    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION, "register backup task."), 2);
-    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION, "Task(sentrel_inotify_task) uninit."),
-              1);
+    EXPECT_EQ(install_.Infos("register backup task."), 2);
+    EXPECT_EQ(install_.Infos("Task(sentrel_inotify_task) uninit."), 1);
 }
 
 TEST_F(ModuleShell, RefusedPolicies_HaveTheirOutcome) {
@@ -200,9 +199,7 @@ TEST_F(ModuleShell, BackupServerFeature_SwitchesItsOwnTaskOnly) {
     EXPECT_EQ(Apply(test::Text(document), "backupserver_feature"), 0);
     EXPECT_FALSE(IsOn("sentrel_backupserver_task"));
     EXPECT_EQ(Apply(R"({"enabled":false})", "backupserver_feature"), 0);
-    EXPECT_EQ(
-        install_.log.Count(Message::PRIO_INFORMATION, "disable feature [backupserver_feature]."),
-        1);
+    EXPECT_EQ(install_.Infos("disable feature [backupserver_feature]."), 1);
 }
 
 }  // namespace

@@ -59,11 +59,8 @@ TEST_F(PolicyParse, AcceptedDocument_SetsTopLevelSettings) {
     EXPECT_EQ(utils_->backup_addr, "192.168.0.10");
     EXPECT_TRUE(utils_->monitor_only && utils_->diff_attr && !utils_->diff_content);
     EXPECT_TRUE(utils_->local_backup_pending && utils_->remote_backup_pending);
-    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION, "diff_content=false, diff_attr=true"),
-              1);
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG,
-                                 "Sentrel parse policy " + test::Text(document) + "."),
-              1);
+    EXPECT_EQ(install_.Infos("diff_content=false, diff_attr=true"), 1);
+    EXPECT_EQ(install_.Debugs("Sentrel parse policy " + test::Text(document) + "."), 1);
 }
 
 TEST_F(PolicyParse, RsyncLengths_AreCheckedBothAndOnlyTheBadOneIsEmptied) {

@@ -23,7 +23,7 @@ class Provision : public ::testing::Test {
         success_ = "download file success, url=" + utils_->rsync_url +
                    ", hash=" + utils_->rsync_hash + ".";
     }
-    long Downloads() const { return install_.log.Count(Message::PRIO_INFORMATION, success_); }
+    long Downloads() const { return install_.Infos(success_); }
 
     test::Installation install_;
     SentrelUtils* utils_ = SentrelUtils::GetInstance();
@@ -36,7 +36,7 @@ TEST_F(Provision, FirstCall_DownloadsAndLaterCallsTrustTheSameFile) {
     struct stat info {};
     ASSERT_EQ(::stat(rsync_.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0500U);
-    EXPECT_EQ(install_.log.Count(Message::PRIO_INFORMATION, "chmod(" + rsync_ + ", 500) -> 0."), 1);
+    EXPECT_EQ(install_.Infos("chmod(" + rsync_ + ", 500) -> 0."), 1);
     EXPECT_TRUE(utils_->DownloadRsync());
     EXPECT_EQ(Downloads(), 1);
     std::filesystem::last_write_time(
@@ -57,10 +57,9 @@ TEST_F(Provision, FailedDownload_KeepsTheOldFileAndSaysSo) {
     utils_->rsync_hash = std::string(64, '0');
     EXPECT_FALSE(utils_->DownloadRsync());
     EXPECT_EQ(test::TempDir::Read(rsync_), "old");
-    EXPECT_EQ(
-        install_.log.Count(Message::PRIO_ERROR, "download file failed, url=" + utils_->rsync_url +
-                                                    ", hash=" + utils_->rsync_hash + "."),
-        1);
+    EXPECT_EQ(install_.Errors("download file failed, url=" + utils_->rsync_url +
+                              ", hash=" + utils_->rsync_hash + "."),
+              1);
     utils_->rsync_url.clear();
     EXPECT_FALSE(utils_->DownloadRsync());
 }

@@ -57,9 +57,8 @@ TEST_F(RsyncCommand, Restore_CopiesAFileOntoItselfAndADirectoryByItsContents) {
 TEST_F(RsyncCommand, RestoreWithoutBackupCopy_RunsNothing) {
     EXPECT_FALSE(utils_->DoRsyncLocal("/site/f", data_.Path("b"), {}, {}, RSYNC_RESTORE));
     EXPECT_EQ(install_.RsyncCalls(), "");
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "file:" + data_.Path("b") + "/site/f  info:" +
-                                                          std::to_string(ENOENT)),
-              1);
+    EXPECT_EQ(
+        install_.Debugs("file:" + data_.Path("b") + "/site/f  info:" + std::to_string(ENOENT)), 1);
 }
 
 TEST_F(RsyncCommand, Remote_NamesServerPortAndAgent) {
@@ -75,7 +74,7 @@ TEST_F(RsyncCommand, Remote_NamesServerPortAndAgent) {
     ExpectRun(base + " --port 873 /backup/site/ morvane_agent@10.0.0.9::morvane_agent/agent-1 ");
     Framework::ConfigManager::GetInstance().SetAgentId("");
     EXPECT_FALSE(utils_->DoRsyncRemote("/backup/site/", RSYNC_BACKUP));
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "agentid pok."), 1);
+    EXPECT_EQ(install_.Debugs("agentid pok."), 1);
 }
 
 TEST_F(RsyncCommand, Outcome_IsJudgedByExitCodeAndTheWordError) {
@@ -101,13 +100,12 @@ TEST_F(RsyncCommand, WatchLimit_AppendsItsLineEachTimeAndReloads) {
     EXPECT_TRUE(utils_->SetInotifyMaxUserWatches());
     EXPECT_EQ(test::TempDir::Read(install_.dir.Path("sudo.log")),
               "tee -a /etc/sysctl.conf\nsysctl -p\ntee -a /etc/sysctl.conf\nsysctl -p\n");
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "Exec cmd [" + command + "] sucess."), 2);
+    EXPECT_EQ(install_.Debugs("Exec cmd [" + command + "] sucess."), 2);
     install_.WriteScript("fake/sudo", "cat >/dev/null; echo 'error: refused'");
     EXPECT_FALSE(utils_->SetInotifyMaxUserWatches());
     install_.WriteScript("fake/sudo", "exit 1");
     EXPECT_FALSE(utils_->SetInotifyMaxUserWatches());
-    EXPECT_EQ(install_.log.Count(Message::PRIO_DEBUG, "Exec cmd [" + command + "] failed, infor:."),
-              1);
+    EXPECT_EQ(install_.Debugs("Exec cmd [" + command + "] failed, infor:."), 1);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace SDK {
 
@@ -26,6 +27,9 @@ class JsonUtils {
     static bool GetBoolValue(const Json::Value& object, const char* key, bool fallback);
     static std::string GetStringValue(const Json::Value& object, const char* key,
                                       const char* fallback);
+
+    /// The JSON pointer to the member `name` of what `base` points to.
+    static std::string PointerTo(const std::string& base, std::string_view name);
 
     /// One line, no white space outside strings, without a line end. Always valid UTF-8, whatever
     /// bytes the strings hold: a byte that is no UTF-8 is written as U+FFFD.
