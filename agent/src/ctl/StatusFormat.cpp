@@ -146,7 +146,7 @@ std::string PathWarnings(const Json::Value& status) {
         if (state == "waiting") text += Warning(name + " is not there; it is watched for");
         if (state == "degraded") text += Warning(name + " has directories that cannot be watched");
         const std::string failure = Text(path, "last_failure");
-        if (!failure.empty()) text += Warning(name + ": " + failure);
+        if (!failure.empty()) text += Warning(name + ", last failure: " + failure);
     }
     return text;
 }
