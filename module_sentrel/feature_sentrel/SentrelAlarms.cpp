@@ -126,7 +126,7 @@ void SentrelInotifyTask::SentrelSendAlarm(const std::string& file_path, alarm_ty
         SDK::JsonUtils::JsonToString(AlarmDocument(file_path, type, diff, diff_attr));
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "sentrel alarm:%s", text);
     auto* message = new Framework::DataMessage("2", text);
-    message->SetNote({current_event_.outcome, MillisecondsSince(current_event_.read_time)});
+    message->SetNote({current_event_.outcome, MillisecondsSince(current_event_.source.read_time)});
     const int result = SendDirectMsg("data_comm_report_task", message);
     status.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);
 }

@@ -1,6 +1,7 @@
 // Owns nothing: what is still to be copied are the two pending flags of SentrelUtils. It must not
 // touch the protected paths (the inotify task restores). Task's thread; a waiting policy interrupts
 // the copy that runs.
+#include <BackupProgress.h>
 #include <SentrelBackupTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -15,8 +16,6 @@ namespace {
 
 constexpr const char* kTaskId = "sentrel_backup_task";
 constexpr unsigned int kQueueCapacity = 1024;
-
-enum BackupType : int { kRemoteOnly = 1, kLocalAndRemote = 2, kRemoteByOthers = 3 };
 
 void YieldBeforePass() {
     static unsigned long last_cpu_tick = 0;
@@ -53,7 +52,7 @@ bool SentrelBackupTask::UnInit() {
 
 int SentrelBackupTask::Run() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    if (utils->backup_type == kRemoteOnly || utils->backup_type == kRemoteByOthers) {
+    if (!utils->MakesLocalBackup()) {
         SDK_LOG(ModuleLogger(), PRIO_TRACE, "remote backup not local.");
         return 0;
     }
@@ -85,6 +84,7 @@ int SentrelBackupTask::Run() {
 
 bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
+    const std::uint64_t round = BackupProgress::Instance().Round();
     if (!utils->DoRsyncLocal(rule.real_path, rule.backup_path, rule.ignored_postfix,
                              rule.ignored_subdir, RSYNC_BACKUP)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Backup (%s) to (%s) faild.", rule.real_path,
@@ -96,7 +96,8 @@ bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long 
     SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to (%s) success num(%lu).", rule.real_path,
             rule.backup_path, succeeded_before + 1);
     SentrelStatus::Instance().NoteLocalBackup(rule.real_path);
-    return true;
+    // A copy that was begun before the last pause of protection lacks what was changed in that.
+    return BackupProgress::Instance().NoteComplete(rule, round);
 }
 
 bool SentrelBackupTask::PushToServer(const SentrelDirRule& rule) {

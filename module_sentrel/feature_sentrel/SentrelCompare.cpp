@@ -1,5 +1,6 @@
 // Looks at changed files and their backup copies, and describes how they differ. Reads only, never
 // writes; nothing here decides what is done about a difference. Inotify task's thread.
+#include <ProtectedWay.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
 #include <sdk/DirUtils.h>
@@ -77,7 +78,7 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
     const std::string backup = rule.backup_path + path;
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "compare file:%s, comparepath:%s", path, backup);
     struct stat found {};
-    if (::lstat(backup.c_str(), &found) != 0) {
+    if (::lstat(WithoutTrailingSlash(backup).c_str(), &found) != 0) {
         const int error = errno;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "file:%s  info:%d", backup, error);
         return true;
@@ -91,7 +92,7 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
 
 bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const BackupFileInfo& info) {
     struct stat found {};
-    if (::lstat(file.c_str(), &found) != 0) return true;
+    if (::lstat(WithoutTrailingSlash(file).c_str(), &found) != 0) return true;
     if (found.st_size != info.size) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s size (%u) not matched with (%u). ", file,
                 static_cast<unsigned int>(found.st_size), static_cast<unsigned int>(info.size));

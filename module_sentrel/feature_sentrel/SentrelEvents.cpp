@@ -1,19 +1,13 @@
-// Decides for every change whether it is tampering, and undoes it. An event is only a hint: what
-// counts is the file as it is now against its backup copy. Keeps nothing between events but the
-// alarm cache (SentrelAlarms.cpp); copying is rsync's (SentrelUtils). Inotify task's thread.
+// Decides for every change whether it is tampering. An event is only a hint: what counts is the
+// file as it is now against its backup copy. Undoing is SentrelRestore.cpp's, merging of alarms
+// SentrelAlarms.cpp's. Inotify task's thread.
+#include <ProtectedWay.h>
 #include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
-#include <sdk/DirUtils.h>
-#include <sdk/FileUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstring>
 
 namespace Engine {
 
@@ -72,7 +66,8 @@ void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
         return;
     }
     current_event_ = CurrentEvent();
-    current_event_.read_time = msg->GetReadTime();
+    current_event_.source = {msg->GetWatchFile(), msg->GetEventFilePath(), msg->GetRawMask(),
+                             msg->GetReadTime()};
     const std::uint32_t mask = msg->GetEventMask();
     const bool is_dir = (msg->GetRawMask() & IN_ISDIR) != 0;
     const std::string& watch_file = msg->GetWatchFile();
@@ -187,53 +182,16 @@ void SentrelInotifyTask::HandleUnknownFile(const SentrelDirRule& rule, std::uint
     RaiseAlarm(rule, file, ALARM_ADD);
 }
 
-void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
-                                         const std::string& path) {
-    if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return;
-    if (restore) {
-        RestoreFromBackup(rule, path);
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "auto restore %s ", path);
-    } else if (remove) {
-        RemoveForeign(path);
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "delete : %s", path);
-    }
-}
-
-void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std::string& path) {
-    SentrelUtils* utils = SentrelUtils::GetInstance();
-    SentrelStatus& status = SentrelStatus::Instance();
-    if (utils->DoRsyncLocal(path, rule.backup_path, rule.ignored_postfix, rule.ignored_subdir,
-                            RSYNC_RESTORE)) {
-        current_event_.outcome = "restored";
-        status.Count(SentrelStatus::kRestoresDone);
-        return;
-    }
-    current_event_.outcome = "restore failed";
-    status.Count(SentrelStatus::kRestoresFailed);
-    status.NoteFailure(rule.real_path, "restore of " + path + ": " + utils->LastCopyError());
-}
-
-void SentrelInotifyTask::RemoveForeign(const std::string& path) {
-    const bool removed = SDK::DirUtils::IsDir(path) ? SDK::DirUtils::DeleteDir(path) == 0
-                                                    : SDK::FileUtils::TalDeleteFile(path) == 0;
-    if (removed) {
-        current_event_.outcome = "removed";
-        SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
-        return;
-    }
-    struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0 && errno == ENOENT) return;  // it went by itself
-    current_event_.outcome = "removal failed";
-    SentrelStatus::Instance().Count(SentrelStatus::kRemovalsFailed);
-}
-
 void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::string& file,
                                     alarm_type type) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
     const std::string backup = rule.backup_path + file;
     std::string diff;
     std::string diff_attr;
-    if (utils->diff_content) diff = HandleFileContentDiff(backup, file);
+    // What lies behind a planted link is no part of the site, and its text none of the alarm's.
+    if (utils->diff_content && !ProtectedWay(rule, file).IsBarred()) {
+        diff = HandleFileContentDiff(backup, file);
+    }
     if (utils->diff_attr) diff_attr = HandleFileAttrDiff(backup, file);
     SentrelSendAlarm(file, type, diff, diff_attr);
 }

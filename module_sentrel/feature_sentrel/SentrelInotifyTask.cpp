@@ -54,6 +54,8 @@ bool SentrelInotifyTask::Init() {
 bool SentrelInotifyTask::UnInit() {
     RmvFileNotifyWatches();
     watch_rules.clear();
+    deferred_.Clear();
+    deferred_overflow_told_ = false;
     SentrelStatus::Instance().ClearPaths();
     const bool result = Framework::Task::UnInit();
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) uninit.", Id());
@@ -64,6 +66,7 @@ int SentrelInotifyTask::Run() {
     static unsigned long last_cpu_tick = 0;
     CheckDisableTime();
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
+    HandleDeferredEvents();
     if (Waiter().WaitAndHandleEvent(kWaitMs, kMaxEventSources) == -1) {
         BulkConsumeMsg(kMaxMessagesPerCycle);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <DeferredEvents.h>
 #include <SentrelDirRule.h>
 #include <framework/Task.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
@@ -63,10 +64,15 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     /// False: the event needs no further handling.
     bool HandleMoveEvent(const SentrelDirRule& rule, FileNotifyMessage* msg,
                          const std::string& path);
+
+    // Undoing (SentrelRestore.cpp).
     /// Restores, or else removes, as asked; nothing when the policy says so. Notes in the current
-    /// event what came of it.
+    /// event what came of it. Until the rule's first local backup is complete only a file or link
+    /// that has a copy is put back; the event is then kept for HandleDeferredEvents.
     void AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
                          const std::string& path);
+    /// Judges again what had to wait, where the backup is complete by now; at most 128 events.
+    void HandleDeferredEvents();
 
     // Comparison (SentrelCompare.cpp).
     /// What a file is compared with.
@@ -108,7 +114,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
   private:
     /// What was done about the event that is being handled.
     struct CurrentEvent {
-        std::chrono::steady_clock::time_point read_time{};  ///< zero: not known
+        DeferredEvent source;  ///< read_time zero: not known
         std::string outcome = "reported only";
     };
 
@@ -120,10 +126,13 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void HandleUnknownFile(const SentrelDirRule& rule, std::uint32_t mask, const std::string& file);
     bool DiffersFromBackup(const std::string& file, const BackupFileInfo& info);
     void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
-    void RemoveForeign(const std::string& path);
+    void RemoveForeign(const SentrelDirRule& rule, const std::string& path);
+    void Defer(const std::string& path);
     void RaiseAlarm(const SentrelDirRule& rule, const std::string& file, alarm_type type);
 
     CurrentEvent current_event_;
+    DeferredEvents deferred_;
+    bool deferred_overflow_told_ = false;
     Clock clock_;
 };
 

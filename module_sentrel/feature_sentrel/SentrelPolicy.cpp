@@ -1,5 +1,6 @@
 // Reads protection policies. It owns nothing: the settings are SentrelUtils', and what a policy
 // does to the tasks is the module's. Framework thread.
+#include <BackupProgress.h>
 #include <RsyncKeys.h>
 #include <SentrelPolicy.h>
 #include <SentrelUtils.h>
@@ -123,6 +124,7 @@ bool SentrelFeaturePolicy::Parse(const std::string& text) {
     utils->backup_type = JsonUtils::GetIntValue(content, "backup_type", 0);
     utils->backup_port = JsonUtils::GetIntValue(content, "backup_port", 0);
     utils->backup_addr = JsonUtils::GetStringValue(content, "backup_addr", "");
+    BackupProgress::Instance().Restart();
     utils->local_backup_pending = true;
     utils->remote_backup_pending = true;
     utils->distime_enable = JsonUtils::GetBoolValue(content, "distime_enable", false);

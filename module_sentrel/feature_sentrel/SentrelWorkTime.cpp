@@ -1,3 +1,4 @@
+#include <BackupProgress.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
 #include <sdk/Log.h>
@@ -23,6 +24,8 @@ void SentrelInotifyTask::CheckDisableTime() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
     if (work == utils->is_run) return;
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
+    // What was changed in the pause has to be copied before anything is taken for foreign.
+    if (work) BackupProgress::Instance().Restart();
     utils->is_run = work;
     utils->local_backup_pending = work;
     utils->remote_backup_pending = work;

@@ -122,8 +122,9 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
 
 Json::Value SentrelStatus::CountersToJson() const {
     static constexpr std::array<const char*, kCounterCount> kNames = {
-        "restores_done", "restores_failed", "removals_done", "removals_failed",
-        "alarms_sent",   "alarms_merged",   "alarms_lost"};
+        "restores_done",   "restores_failed", "removals_done", "removals_failed",
+        "alarms_sent",     "alarms_merged",   "alarms_lost",   "planted_links_removed",
+        "events_deferred", "deferred_lost"};
     Json::Value counters(Json::objectValue);
     for (std::size_t at = 0; at < kNames.size(); ++at) {
         counters[kNames[at]] =

@@ -29,7 +29,10 @@ class SentrelStatus {
         kRemovalsFailed,
         kAlarmsSent,
         kAlarmsMerged,
-        kAlarmsLost,  ///< no report task took them
+        kAlarmsLost,           ///< no report task took them
+        kPlantedLinksRemoved,  ///< they stood where the backup copy has no link
+        kEventsDeferred,       ///< left to be judged after the first backup
+        kDeferredLost,         ///< the same, but there was no more room
         kCounterCount,
     };
 

@@ -1,5 +1,6 @@
 // Owns the settings of the module and compares files. It must not parse policies (the policy
 // classes do) nor run rsync (SentrelRsync.cpp). Any thread; see the header for who writes what.
+#include <BackupProgress.h>
 #include <SentrelUtils.h>
 #include <sdk/FileUtils.h>
 #include <sdk/LoggerUtils.h>
@@ -12,6 +13,7 @@ SentrelUtils* SentrelUtils::GetInstance() {
 }
 
 void SentrelUtils::Init() {
+    BackupProgress::Instance().Restart();
     is_run = true;
     local_backup_pending = true;
     remote_backup_pending = true;

@@ -20,6 +20,9 @@ enum rsync_mode : int {
 };
 
 constexpr long kDigestLimit = 10 * 1024 * 1024;  ///< bytes of a file that a digest covers
+/// Values of `backup_type` with a meaning of their own; with any other only the local copy is made.
+enum BackupType : int { kRemoteOnly = 1, kLocalAndRemote = 2, kRemoteByOthers = 3 };
+
 constexpr int kMinutesPerDay = 1440;
 constexpr int kDaysPerWeek = 7;
 
@@ -86,6 +89,11 @@ class SentrelUtils {
 
     /// Raises the kernel's inotify watch limit for good; adds a line to /etc/sysctl.conf each time.
     bool SetInotifyMaxUserWatches();
+
+    /// The local backup copies are this module's to make.
+    bool MakesLocalBackup() const {
+        return backup_type != kRemoteOnly && backup_type != kRemoteByOthers;
+    }
 
     // Settings; who writes which is beside the policies.
     std::atomic<bool> is_run{false};  ///< protection is active at this minute

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <sstream>
+#include <vector>
 
 #include "TreeRemover.h"
 #include "sdk/FileDescriptor.h"
@@ -37,6 +39,19 @@ int MakeOne(const std::string& path, mode_t mode) {
     return made.IsOpen() ? ::fchmod(made.Get(), mode) : -1;
 }
 
+constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+/// The components of a relative path; none when there are none, or one that leads upwards.
+std::vector<std::string> ComponentsBelow(const std::string& path) {
+    std::vector<std::string> components;
+    std::istringstream text(path);
+    for (std::string name; std::getline(text, name, '/');) {
+        if (name == "..") return {};
+        if (!name.empty() && name != ".") components.push_back(name);
+    }
+    return components;
+}
+
 }  // namespace
 
 bool DirUtils::IsDir(const std::string& path) {
@@ -46,6 +61,21 @@ bool DirUtils::IsDir(const std::string& path) {
 
 int DirUtils::DeleteDir(const std::string& path) {
     return TreeRemover().Remove(WithoutTrailingSlashes(path));
+}
+
+int DirUtils::DeleteBeneath(const std::string& root, const std::string& path) {
+    const std::vector<std::string> components = ComponentsBelow(path);
+    if (components.empty() || path.front() == '/') {
+        errno = EINVAL;
+        return -1;
+    }
+    FileDescriptor parent(::open(WithoutTrailingSlashes(root).c_str(), kWayFlags));
+    for (std::size_t at = 0; parent.IsOpen() && at + 1 < components.size(); ++at) {
+        parent.Reset(::openat(parent.Get(), components[at].c_str(), kWayFlags));
+    }
+    if (!parent.IsOpen()) return -1;
+    if (::unlinkat(parent.Get(), components.back().c_str(), 0) == 0) return 0;
+    return errno == EISDIR ? TreeRemover().RemoveAt(parent.Get(), components.back()) : -1;
 }
 
 int DirUtils::MakeDirs(const std::string& path, mode_t mode) {

@@ -174,7 +174,7 @@ int FileUtils::GetFileSize(const std::string& path, long& size) {
 
 bool FileUtils::IsFile(const std::string& path) {
     struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    return ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 bool FileUtils::IsFileElf(const std::string& path) {

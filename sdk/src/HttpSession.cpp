@@ -8,13 +8,13 @@
 #include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <istream>
 
 #include "DownloadError.h"
 #include "SocketWait.h"
-#include "sdk/FileUtils.h"
 
 namespace SDK {
 
@@ -32,7 +32,7 @@ constexpr const char* kUserAgent = "morvane_agent";
 constexpr int kVerificationDepth = 9;
 
 Context::Ptr MakeContext(const std::string& ca_file) {
-    const bool built_in = ca_file.empty() && !FileUtils::IsFile(kSystemCertificates);
+    const bool built_in = ca_file.empty() && ::access(kSystemCertificates, R_OK) != 0;
     const std::string location = !ca_file.empty() ? ca_file : built_in ? "" : kSystemCertificates;
     Context::Ptr context(new Context(Context::TLS_CLIENT_USE, location, Context::VERIFY_STRICT,
                                      kVerificationDepth, built_in, kCiphers));

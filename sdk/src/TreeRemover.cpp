@@ -42,16 +42,21 @@ int TreeRemover::Remove(const std::string& path) {
         errno = EBUSY;
         return -1;
     }
-    if (!Enter(FileDescriptor(::open(path.c_str(), kDirectoryFlags)), path)) {
+    return RemoveAt(AT_FDCWD, path);
+}
+
+int TreeRemover::RemoveAt(int parent, const std::string& name) {
+    parent_ = parent;
+    if (!Enter(FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags)), name)) {
         errno = first_error_;
         return -1;
     }
     while (!levels_.empty()) {
         std::vector<std::string>& waiting = levels_.back().directories;
         if (!waiting.empty()) {
-            const std::string name = std::move(waiting.back());
+            const std::string child = std::move(waiting.back());
             waiting.pop_back();
-            Descend(name);
+            Descend(child);
         } else if (!Leave()) {
             break;
         }
@@ -111,7 +116,7 @@ bool TreeRemover::Leave() {
             return false;
         }
     }
-    const int at = levels_.empty() ? AT_FDCWD : above.Get();
+    const int at = levels_.empty() ? parent_ : above.Get();
     if (::unlinkat(at, done.name.c_str(), AT_REMOVEDIR) != 0) Failed(errno);
     current_ = std::move(above);
     return true;

@@ -18,6 +18,9 @@ class TreeRemover {
     /// Refuses "/".
     int Remove(const std::string& path);
 
+    /// The same for the directory `name` in the directory `parent`, which stays the caller's.
+    int RemoveAt(int parent, const std::string& name);
+
   private:
     struct Level {
         std::string name;  // in the directory above
@@ -32,6 +35,7 @@ class TreeRemover {
     void RemoveEntry(const std::string& name);
     void Failed(int error);
 
+    int parent_ = -1;         // borrowed: where the tree's root stands
     FileDescriptor current_;  // the directory of levels_.back()
     std::vector<Level> levels_;
     int first_error_ = 0;

@@ -1,3 +1,4 @@
+#include <BackupProgress.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -20,6 +21,7 @@ using Poco::Message;
 class Event : public ::testing::Test {
   protected:
     Event() {
+        SentrelStatus::Instance().Reset();
         install_.UseRealRsync();
         data_.Write("site/index.html", "welcome");
         data_.Write("site/sub/page.html", "page");
@@ -33,6 +35,7 @@ class Event : public ::testing::Test {
         Apply();
         EXPECT_TRUE(utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, rule_.ignored_postfix,
                                          rule_.ignored_subdir, Engine::RSYNC_BACKUP));
+        NoteBackup();
     }
 
     void Apply() {
@@ -40,6 +43,10 @@ class Event : public ::testing::Test {
         if (id.back() == '/') id.pop_back();
         task_.watch_rules[id] = rule_;
         watch_ = id;
+    }
+    void NoteBackup() const {
+        Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
+        EXPECT_TRUE(progress.NoteComplete(rule_, progress.Round()));
     }
 
     void Tell(const std::string& path, std::uint32_t mask, const std::string& target = "") {
@@ -63,6 +70,23 @@ class Event : public ::testing::Test {
         }
         return lines;
     }
+    /// Puts a link to a directory of somebody else's in the place of `name`.
+    void PlantLink(const std::string& name) {
+        data_.Write("elsewhere/page.html", "secret");
+        data_.Write("elsewhere/passwd", "secret");
+        const std::string place = name.empty() ? data_.Path("site") : File(name);
+        fs::rename(place, data_.Path("moved" + std::to_string(++planted_)));
+        fs::create_directory_symlink(data_.Path("elsewhere"), place);
+    }
+    void ExpectElsewhereUntouched() const {
+        EXPECT_EQ(test::TempDir::Read(data_.Path("elsewhere/page.html")), "secret");
+        EXPECT_EQ(test::TempDir::Read(data_.Path("elsewhere/passwd")), "secret");
+        const auto entries = fs::directory_iterator(data_.Path("elsewhere"));
+        EXPECT_EQ(std::distance(fs::begin(entries), fs::end(entries)), 2);
+    }
+    static int Counter(const std::string& name) {
+        return SentrelStatus::Instance().ToJson(Json::Value())["counters"][name].asInt();
+    }
     std::string Content(const std::string& name) const {
         return test::TempDir::Read(data_.Path("site/" + name));
     }
@@ -76,6 +100,7 @@ class Event : public ::testing::Test {
     Engine::SentrelDirRule rule_;
     std::string watch_;
     std::size_t told_ = 0;
+    int planted_ = 0;
 };
 
 TEST_F(Event, ModifiedFile_IsRestoredAndItsEchoIsQuiet) {
@@ -146,9 +171,8 @@ TEST_F(Event, Moves_AreUndoneAtBothEnds) {
     Tell(File("sub/page.html"), IN_MOVED_TO);
     EXPECT_EQ(Content("sub/page.html"), "page");
     EXPECT_EQ(Alarms(), "modify sub/page.html: restored\n");
-    const Json::Value counters = SentrelStatus::Instance().ToJson(Json::Value())["counters"];
-    EXPECT_EQ(counters["removals_done"].asInt(), 1);
-    EXPECT_EQ(counters["removals_failed"].asInt(), 0);
+    EXPECT_EQ(Counter("removals_done"), 1);
+    EXPECT_EQ(Counter("removals_failed"), 0);
 }
 
 TEST_F(Event, Exclusions_AreLeftAlone) {
@@ -202,6 +226,110 @@ TEST_F(Event, LinksAndPipes_AreComparedLikeFiles) {
     Tell(File("sub/page.html"), IN_CREATE);
     EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
     EXPECT_EQ(Alarms(), "modify index.html: restored\nmodify sub/page.html: restored\n");
+}
+
+TEST_F(Event, LinkPlantedForDirectoryFileOrRoot_IsReplacedAndNotFollowed) {
+    PlantLink("sub");
+    Tell(File("sub"), IN_CREATE);
+    PlantLink("index.html");
+    Tell(File("index.html"), IN_MOVED_TO);
+    EXPECT_TRUE(fs::is_directory(fs::symlink_status(File("sub"))));
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    PlantLink("");
+    Tell(data_.Path("site"), IN_ATTRIB | IN_ISDIR);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    ExpectElsewhereUntouched();
+    EXPECT_EQ(Alarms(),
+              "modify sub: restored\nmodify index.html: restored\nattribute : restored\n");
+    EXPECT_EQ(Counter("planted_links_removed"), 3);
+}
+
+TEST_F(Event, LinkPlantedOnTheWay_BringsTheWholeDirectoryBack) {
+    data_.Write("site/sub/deep/a.html", "a");
+    ASSERT_TRUE(
+        utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, {}, {}, Engine::RSYNC_BACKUP));
+    PlantLink("sub");
+    Tell(File("sub/deep/a.html"), IN_DELETE);
+    EXPECT_EQ(Content("sub/deep/a.html") + Content("sub/page.html"), "apage");
+    EXPECT_EQ(Alarms(), "delete sub/deep/a.html: restored\n");
+    ExpectElsewhereUntouched();
+}
+
+TEST_F(Event, RemovalBehindALink_TakesTheLinkOnlyWhereADirectoryBelongs) {
+    PlantLink("sub");
+    Tell(File("sub/passwd"), IN_CREATE);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(File("sub"))));
+    fs::create_directory_symlink(data_.Path("elsewhere"), File("foreign"));
+    Tell(File("foreign/passwd"), IN_CREATE);
+    ExpectElsewhereUntouched();
+    Tell(File("foreign"), IN_CREATE | IN_ISDIR);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(File("foreign"))));
+    ExpectElsewhereUntouched();
+    EXPECT_EQ(Alarms(),
+              "add sub/passwd: removed\nadd foreign/passwd: reported only\n"
+              "add foreign/: removed\n");
+}
+
+TEST_F(Event, TextBehindAPlantedLink_IsNotInTheAlarm) {
+    utils_->monitor_only = true;
+    utils_->diff_content = true;
+    PlantLink("sub");
+    Tell(File("sub/page.html"), IN_MODIFY);
+    fs::remove(File("index.html"));
+    fs::create_symlink(data_.Path("elsewhere/passwd"), File("index.html"));
+    Tell(File("index.html"), IN_CREATE);
+    for (const auto& alarm : running_.fakes->data.Seen()) {
+        EXPECT_EQ(alarm.body.find("secret"), std::string::npos) << alarm.body;
+    }
+    EXPECT_EQ(Alarms(), "modify sub/page.html: reported only\nmodify index.html: reported only\n");
+    utils_->monitor_only = utils_->diff_content = false;
+}
+
+TEST_F(Event, BeforeTheFirstBackup_OnlyWhatHasACopyIsPutBackAndTheRestWaits) {
+    Engine::BackupProgress::Instance().Restart();
+    data_.Write("site/index.html", "defaced!");
+    data_.Write("site/new.html", "not copied yet");
+    data_.Write("site/gone.html", "x");
+    ::chmod(File("sub").c_str(), 0700);
+    Tell(File("index.html"), IN_MODIFY);
+    Tell(File("new.html"), IN_MOVED_TO);
+    Tell(File("new.html"), IN_MODIFY);
+    Tell(File("gone.html"), IN_CREATE);
+    Tell(File("sub"), IN_ATTRIB | IN_ISDIR);
+    EXPECT_EQ(Content("index.html") + Content("new.html"), "welcomenot copied yet");
+    EXPECT_EQ(Alarms(),
+              "modify index.html: restored\nadd new.html: reported only\n"
+              "add gone.html: reported only\nattribute sub/: reported only\n");
+    task_.HandleDeferredEvents();
+    EXPECT_TRUE(fs::exists(File("new.html")));
+    NoteBackup();
+    fs::remove(File("gone.html"));
+    task_.HandleDeferredEvents();
+    EXPECT_FALSE(fs::exists(File("new.html")));
+    EXPECT_EQ(fs::status(File("sub")).permissions(), fs::perms(0755));
+    EXPECT_EQ(Counter("removals_done"), 1);
+    EXPECT_EQ(Counter("restores_done"), 2);
+    EXPECT_EQ(Counter("removals_failed") + Counter("deferred_lost"), 0);
+}
+
+TEST(DeferredEvents, Keep_BoundsAndTellsHowAPathStandsNow) {
+    Engine::DeferredEvents deferred;
+    const auto keep = [&](const std::string& path, std::uint32_t mask) {
+        return deferred.Keep({path == "/other" ? "/w2" : "/w", path, mask, {}});
+    };
+    EXPECT_TRUE(keep("/a", IN_DELETE) && keep("/a", IN_MOVED_TO) && keep("/a", IN_MODIFY));
+    EXPECT_TRUE(keep("/b", IN_CREATE | IN_ISDIR) && keep("/b", IN_MOVED_FROM | IN_ISDIR));
+    EXPECT_TRUE(keep("/other", IN_ATTRIB));
+    for (int at = 3; at < 4096; ++at) keep("/" + std::to_string(at), IN_CREATE);
+    EXPECT_FALSE(keep("/more", IN_CREATE));
+    EXPECT_TRUE(keep("/other", IN_MODIFY));
+    const auto first = deferred.Take(2, [](const std::string& id) { return id == "/w"; });
+    ASSERT_EQ(first.size(), 2U);
+    EXPECT_EQ(first[0].path + first[1].path, "/a/b");
+    EXPECT_EQ(first[0].raw_mask, static_cast<std::uint32_t>(IN_CREATE | IN_MODIFY));
+    EXPECT_EQ(first[1].raw_mask, static_cast<std::uint32_t>(IN_DELETE | IN_ISDIR));
+    EXPECT_TRUE(keep("/more", IN_CREATE));
+    EXPECT_EQ(deferred.Take(9, [](const std::string& id) { return id == "/w2"; }).size(), 1U);
 }
 
 TEST_F(Event, RestoreThatFails_IsSaidInAlarmAndStatus) {

@@ -70,14 +70,14 @@ class Installation {
         return digest;
     }
 
-    /// A protection policy with the system's rsync as the download and no path yet.
-    static Json::Value Policy() {
+    /// A protection policy with that rsync as the download and no path yet.
+    static Json::Value Policy(const std::string& rsync = RealRsync()) {
         const Engine::RsyncKeys keys = Engine::RsyncKeys::OfThisHost();
         Json::Value policy(Json::objectValue);
         policy["enabled"] = true;
         policy["content"]["os_type"] = 0;
-        policy["content"][keys.url] = "file://" + RealRsync();
-        policy["content"][keys.hash] = DigestOf(RealRsync());
+        policy["content"][keys.url] = "file://" + rsync;
+        policy["content"][keys.hash] = DigestOf(rsync);
         return policy;
     }
     static Json::Value Entry(const std::string& filepath, const std::string& backup_path) {

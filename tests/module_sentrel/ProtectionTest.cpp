@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "Installation.h"
 #include "support/WaitFor.h"
@@ -25,24 +26,27 @@ class Protection : public ::testing::Test {
         for (const char* name : {"report_module", "filenotify_module", "sentrel_module"}) {
             EXPECT_TRUE(engine_.LoadModule(name, error)) << error;
         }
-        Json::Value policy = test::Installation::Policy();
+    }
+    ~Protection() override { engine_.Stop(); }
+
+    void Protect(const std::string& rsync = test::Installation::RealRsync()) {
+        Json::Value policy = test::Installation::Policy(rsync);
         policy["content"]["dirlist"].append(
             test::Installation::Entry(site_.Path(), backup_.Path()));
         EXPECT_NE(engine_.ApplyPolicy("sentrel_feature", test::Text(policy)).result, 0);
-        EXPECT_TRUE(test::WaitFor([this] { return IsReady(); }, 60s));
+        EXPECT_TRUE(test::WaitFor([this] { return IsWatched(); }, 60s));
     }
-    ~Protection() override { engine_.Stop(); }
+    void AwaitBackup() {
+        EXPECT_TRUE(test::WaitFor([this] { return IsBackedUp(); }, 60s));
+    }
 
     Json::Value Ask(const std::string& query, const Json::Value& request = Json::objectValue) {
         Json::Value answer;
         EXPECT_TRUE(engine_.Queries().Ask(query, request, answer)) << query;
         return answer;
     }
-    bool IsReady() {
-        const Json::Value status = Ask("status.sentrel");
-        return status["protected_paths"][0]["state"] == "ready" &&
-               !status["backup"]["local_pending"].asBool();
-    }
+    bool IsWatched() { return Ask("status.sentrel")["protected_paths"][0]["state"] == "ready"; }
+    bool IsBackedUp() { return !Ask("status.sentrel")["backup"]["local_pending"].asBool(); }
     /// The alarm for that path in the store, or null; waits for it.
     Json::Value Alarm(const std::string& path) {
         Json::Value request(Json::objectValue);
@@ -57,7 +61,8 @@ class Protection : public ::testing::Test {
             }
             return !found.isNull();
         };
-        EXPECT_TRUE(test::WaitFor(arrived, 20s)) << path << test::Text(Ask("reports.read", request));
+        EXPECT_TRUE(test::WaitFor(arrived, 20s))
+            << path << test::Text(Ask("reports.read", request));
         return found;
     }
     bool Becomes(const std::string& file, const std::string& content) {
@@ -71,6 +76,8 @@ class Protection : public ::testing::Test {
 };
 
 TEST_F(Protection, Tampering_IsUndoneAndReported) {
+    Protect();
+    AwaitBackup();
     const std::string index = site_.Write("index.html", "defaced");
     EXPECT_TRUE(Becomes(index, "welcome"));
     const Json::Value alarm = Alarm(index);
@@ -87,12 +94,52 @@ TEST_F(Protection, Tampering_IsUndoneAndReported) {
 }
 
 TEST_F(Protection, NameThatCannotBeRestored_IsReportedAsValidJson) {
+    Protect();
+    AwaitBackup();
     const std::string odd = site_.Write("a \"b\"\n\xff.html", "x");
     const Json::Value alarm = Alarm(site_.Path("a \\\"b\\\"\\n\xef\xbf\xbd.html"));
     Json::Value document;
     const std::string body = alarm["body"].asString();
     EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(body.data(), body.size(), document), 0);
     EXPECT_TRUE(test::WaitFor([&] { return !fs::exists(odd); }, 20s));
+}
+
+TEST_F(Protection, FirstBackupThatTakesLong_DestroysNothingAndIsMadeUpForAfterwards) {
+    const std::string gate = install_.dir.Path("gate");
+    ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+    // A backup waits before it copies, and again before it says that it is done.
+    const std::string copied = install_.dir.Path("copied");
+    Protect(install_.WriteScript("slow_rsync", "case \"$*\" in *' -R '*) read x <" + gate +
+                                                   "; /usr/bin/rsync \"$@\" || exit; touch " +
+                                                   copied + "; read x <" + gate +
+                                                   ";; *) exec /usr/bin/rsync \"$@\";; esac"));
+    const auto open_gate = [&] { std::ofstream(gate) << "go\n"; };
+    const std::string deployed = site_.Write("deployed/a.html", "legitimate");
+    ::chmod(site_.Path("sub").c_str(), 0711);
+    EXPECT_EQ(Alarm(site_.Path("deployed/"))["outcome"], "reported only");
+    EXPECT_EQ(Alarm(site_.Path("sub/"))["outcome"], "reported only");
+
+    open_gate();
+    ASSERT_TRUE(test::WaitFor([&] { return fs::exists(copied); }, 20s));
+    const std::string shell = site_.Write("shell.php", "evil");
+    ::chmod(site_.Path("deployed").c_str(), 0777);
+    fs::remove_all(site_.Path("sub"));
+    EXPECT_EQ(Alarm(shell)["outcome"], "reported only");
+    const std::string index = site_.Write("index.html", "defaced");
+    EXPECT_TRUE(Becomes(index, "welcome"));
+    EXPECT_TRUE(fs::exists(shell));
+
+    open_gate();
+    EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
+    EXPECT_TRUE(test::WaitFor([&] { return !fs::exists(shell); }, 20s));
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            return fs::status(site_.Path("deployed")).permissions() == fs::perms(0755) &&
+                   fs::status(site_.Path("sub")).permissions() == fs::perms(0711);
+        },
+        20s));
+    EXPECT_EQ(test::TempDir::Read(deployed), "legitimate");
+    AwaitBackup();
 }
 
 }  // namespace

@@ -141,7 +141,7 @@ TEST_F(Files, CopySizeAndDelete_TellFilesFromTheRest) {
     EXPECT_EQ(FileUtils::GetFileSize(link, size), 0);
     EXPECT_EQ(size, 7);
     EXPECT_EQ(FileUtils::GetFileSize(dir_.Path(), size), -1);
-    EXPECT_TRUE(FileUtils::IsFile(link));
+    EXPECT_FALSE(FileUtils::IsFile(link));
     EXPECT_FALSE(FileUtils::IsFile(dir_.Path()));
     EXPECT_TRUE(FileUtils::IsFileElf(link));
     EXPECT_FALSE(FileUtils::IsFileElf(dir_.Write("short", "\177EL")));
@@ -196,6 +196,34 @@ TEST_F(Files, DeleteDir_RemovesTheTreeAndFollowsNoLink) {
     EXPECT_EQ(DirUtils::DeleteDir(link + "/"), -1);
     EXPECT_EQ(DirUtils::DeleteDir(dir_.Path("missing")), -1);
     EXPECT_EQ(DirUtils::DeleteDir("//"), -1);
+    EXPECT_TRUE(fs::exists(outside.Path("kept/file")));
+}
+
+TEST_F(Files, DeleteBeneath_RemovesAnythingButThroughALink) {
+    const test::TempDir outside;
+    outside.Write("kept/file", "x");
+    const auto remove = [this](const std::string& path) {
+        return DirUtils::DeleteBeneath(dir_.Path() + "/", path);
+    };
+    dir_.Write("tree/a/b/file", "x");
+    dir_.Write("tree/single", "x");
+    MakeLink(outside.Path("kept"), "tree/a/link");
+    EXPECT_EQ(remove("tree/single"), 0);
+    EXPECT_EQ(remove("tree/a/link/file"), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(remove("tree/a/"), 0);
+    EXPECT_EQ(remove("tree/a"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(EntriesIn(dir_.Path("tree")), 0U);
+    MakeLink(outside.Path("kept"), "tree/link");
+    EXPECT_EQ(remove("tree/link/"), 0);
+    for (const std::string& refused :
+         {std::string(), std::string("."), std::string("tree/../tree"), dir_.Path("tree")}) {
+        EXPECT_EQ(remove(refused), -1) << refused;
+        EXPECT_EQ(errno, EINVAL) << refused;
+    }
+    MakeLink(outside.Path(), "root");
+    EXPECT_EQ(DirUtils::DeleteBeneath(dir_.Path("root/"), "kept"), -1);
     EXPECT_TRUE(fs::exists(outside.Path("kept/file")));
 }
 

@@ -19,6 +19,13 @@ class DirUtils {
     /// past what cannot be removed and then fails. Refuses "/".
     static int DeleteDir(const std::string& path);
 
+    /// Removes what lies at `path` below the directory `root`, whatever it is; a directory with all
+    /// that it holds. Never follows a symbolic link, neither at `root` itself nor anywhere below
+    /// it, also not one that is put there meanwhile: a link on the way is a failure (ENOTDIR), a
+    /// link at its end is removed itself. `path` is relative; ".." in it is refused (EINVAL). A
+    /// missing object is a failure (ENOENT).
+    static int DeleteBeneath(const std::string& root, const std::string& path);
+
     /// Makes the directory `path` with all missing parents, each with `mode` (whatever the umask).
     /// An existing directory is success and keeps its mode.
     static int MakeDirs(const std::string& path, mode_t mode);

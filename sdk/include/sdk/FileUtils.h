@@ -35,7 +35,8 @@ class FileUtils {
     /// Size in bytes of the regular file at `path` (links are followed).
     static int GetFileSize(const std::string& path, long& size);
 
-    /// True when `path` is a regular file, or a link to one.
+    /// True when `path` is a regular file itself; a symbolic link to one is none, since callers
+    /// decide by it what may be read.
     static bool IsFile(const std::string& path);
 
     /// True when `path` is a regular file (or a link to one) that begins with the ELF magic number.

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <SentrelDirRule.h>
+#include <sdk/FileDescriptor.h>
+
+#include <string>
+
+namespace Engine {
+
+/// The way to something protected, from the rule's path down, as it was when the object was made:
+/// looked at without following a symbolic link, so that none that was planted leads a restore or a
+/// removal elsewhere. What lies above the rule's path is the administrator's, links included.
+/// Holds one descriptor; one thread.
+class ProtectedWay {
+  public:
+    /// `path` is the rule's path or lies below it; a trailing "/" is ignored.
+    ProtectedWay(const SentrelDirRule& rule, const std::string& path);
+
+    /// What must not be gone through: a link on the way, or a way that leaves the rule's path.
+    bool IsBarred() const { return outside_ || (HasLink() && !is_last_); }
+
+    bool HasLink() const { return parent_.IsOpen(); }
+
+    /// The topmost link is what `path` itself names.
+    bool IsLinkLast() const { return HasLink() && is_last_; }
+
+    /// Where the topmost link stands, without a trailing "/".
+    const std::string& LinkPath() const { return link_path_; }
+
+    /// Removes the topmost link itself; true when it is gone.
+    bool RemoveLink();
+
+  private:
+    void Walk(const std::string& anchor, const std::string& path);
+
+    bool outside_ = false;
+    bool is_last_ = false;
+    std::string link_path_;
+    SDK::FileDescriptor parent_;  ///< the directory that the link stands in
+};
+
+/// `path` without trailing "/", with which lstat would follow a link; "/" stays.
+std::string WithoutTrailingSlash(std::string path);
+
+}  // namespace Engine

@@ -1,0 +1,153 @@
+// Undoes changes: puts back from the backup copy, removes what is foreign. It must not judge
+// whether something is tampering (SentrelEvents.cpp). Owns the changes that have to wait until the
+// first backup is complete: before that, what the copy lacks may just not have been copied yet.
+// Inotify task's thread.
+#include <BackupProgress.h>
+#include <ProtectedWay.h>
+#include <SentrelInotifyTask.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <module_filenotify/FileNotifyMessage.h>
+#include <sdk/DirUtils.h>
+#include <sdk/FileUtils.h>
+#include <sdk/Log.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kMaxDeferredPerCycle = 128;
+
+/// What stands at `path` itself; 0 when there is nothing.
+mode_t TypeAt(const std::string& path) {
+    struct stat info {};
+    return ::lstat(WithoutTrailingSlash(path).c_str(), &info) == 0 ? info.st_mode & S_IFMT : 0;
+}
+
+bool RemoveLink(ProtectedWay& way, mode_t backup_type) {
+    if (!way.RemoveLink()) return false;
+    if (backup_type == S_IFLNK) return true;  // one of the site's own
+    SDK_LOG(ModuleLogger(), PRIO_WARNING, "removed the planted link %s.", way.LinkPath());
+    SentrelStatus::Instance().Count(SentrelStatus::kPlantedLinksRemoved);
+    return true;
+}
+
+/// Takes away the link that rsync would go through, or copy into where it leads to a directory.
+/// With a link in place of a directory on the way all below that is gone, so `target` becomes that
+/// directory. False: the way cannot be cleared.
+///
+/// A link that is planted after this and before rsync gets there is for rsync to refuse: 3.5.0 and
+/// later do not follow one that belongs to another user.
+bool ClearWay(const SentrelDirRule& rule, std::string& target) {
+    ProtectedWay way(rule, target);
+    if (!way.HasLink()) return !way.IsBarred();
+    const mode_t backup_type = TypeAt(rule.backup_path + way.LinkPath());
+    if (way.IsLinkLast()) return backup_type == 0 || RemoveLink(way, backup_type);
+    if (backup_type != S_IFDIR || !RemoveLink(way, backup_type)) return false;
+    target = way.LinkPath() + "/";
+    return true;
+}
+
+/// One file or link that has a copy, which rsync puts back without deleting anything.
+bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) {
+    const mode_t backup_type = TypeAt(rule.backup_path + path);
+    return backup_type != 0 && backup_type != S_IFDIR && TypeAt(path) != S_IFDIR &&
+           !ProtectedWay(rule, path).IsBarred();
+}
+
+bool AwaitsBackup(const SentrelDirRule& rule) {
+    return SentrelUtils::GetInstance()->MakesLocalBackup() &&
+           !BackupProgress::Instance().IsComplete(rule);
+}
+
+}  // namespace
+
+void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
+                                         const std::string& path) {
+    if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return;
+    if (!restore && !remove) return;
+    if (AwaitsBackup(rule) && !(restore && IsRestoredAlone(rule, path))) {
+        Defer(path);
+    } else if (restore) {
+        RestoreFromBackup(rule, path);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "auto restore %s ", path);
+    } else {
+        RemoveForeign(rule, path);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "delete : %s", path);
+    }
+}
+
+void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std::string& path) {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    SentrelStatus& status = SentrelStatus::Instance();
+    std::string target = path;
+    const bool clear = ClearWay(rule, target);
+    if (clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
+                                     rule.ignored_subdir, RSYNC_RESTORE)) {
+        current_event_.outcome = "restored";
+        status.Count(SentrelStatus::kRestoresDone);
+        return;
+    }
+    current_event_.outcome = "restore failed";
+    status.Count(SentrelStatus::kRestoresFailed);
+    status.NoteFailure(rule.real_path,
+                       "restore of " + path + ": " +
+                           (clear ? utils->LastCopyError() : "a symbolic link stands on the way"));
+}
+
+void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::string& path) {
+    bool removed = false;
+    ProtectedWay way(rule, path);
+    if (way.IsBarred()) {
+        // Beyond the link nothing is ours. Where it took a directory's place, that comes back when
+        // the loss of the link is told.
+        const mode_t backup_type = TypeAt(rule.backup_path + way.LinkPath());
+        if (!way.HasLink() || backup_type != S_IFDIR) return;
+        removed = RemoveLink(way, backup_type);
+    } else if (rule.is_file) {
+        removed = SDK::DirUtils::IsDir(path) ? SDK::DirUtils::DeleteDir(path) == 0
+                                             : SDK::FileUtils::TalDeleteFile(path) == 0;
+    } else {
+        const std::string below = path.substr(std::min(path.size(), rule.real_path.size()));
+        removed = SDK::DirUtils::DeleteBeneath(rule.real_path, below) == 0;
+    }
+    if (removed) {
+        current_event_.outcome = "removed";
+        SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
+    } else if (errno != ENOENT) {  // else it went by itself
+        current_event_.outcome = "removal failed";
+        SentrelStatus::Instance().Count(SentrelStatus::kRemovalsFailed);
+    }
+}
+
+void SentrelInotifyTask::Defer(const std::string& path) {
+    SentrelStatus& status = SentrelStatus::Instance();
+    if (deferred_.Keep(current_event_.source)) {
+        status.Count(SentrelStatus::kEventsDeferred);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s waits for the first backup to be complete.", path);
+        return;
+    }
+    status.Count(SentrelStatus::kDeferredLost);
+    if (deferred_overflow_told_) return;
+    deferred_overflow_told_ = true;
+    SDK_LOG(ModuleLogger(), PRIO_WARNING,
+            "too many changes wait for the first backup; %s and more stay as they are.", path);
+}
+
+void SentrelInotifyTask::HandleDeferredEvents() {
+    if (deferred_.Size() == 0 || !SentrelUtils::GetInstance()->is_run) return;
+    const auto is_ready = [this](const std::string& watch_id) {
+        const auto rule = watch_rules.find(watch_id);
+        return rule == watch_rules.end() || !AwaitsBackup(rule->second);
+    };
+    for (const DeferredEvent& event : deferred_.Take(kMaxDeferredPerCycle, is_ready)) {
+        FileNotifyMessage msg(event.watch_id, event.path, "", event.raw_mask, event.read_time);
+        FileNotifyMessageAction(&msg);
+    }
+}
+
+}  // namespace Engine

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <SentrelDirRule.h>
+
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace Engine {
+
+/// Which protected paths have a complete local backup copy. Until then what is missing in the copy
+/// may just not have been copied yet, and must not be taken for foreign.
+///
+/// Policies and the work-time gate start it anew, the backup task notes its successes, the inotify
+/// task asks. Any thread.
+class BackupProgress {
+  public:
+    static BackupProgress& Instance();
+
+    /// From now on no copy counts as complete; one that is being made does not count any more.
+    void Restart();
+
+    /// The number of the present round, to be fetched before a copy is begun.
+    std::uint64_t Round() const;
+
+    /// A copy that was begun in `round` is complete; false when that round is over.
+    bool NoteComplete(const SentrelDirRule& rule, std::uint64_t round);
+
+    bool IsComplete(const SentrelDirRule& rule) const;
+
+  private:
+    using Key = std::pair<std::string, std::string>;  // what is copied, and where to
+
+    BackupProgress() = default;
+
+    mutable std::mutex mutex_;  ///< guards all below
+    std::uint64_t round_ = 0;
+    std::set<Key> complete_;
+};
+
+}  // namespace Engine
