@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
 #include "AlarmFeed.h"
@@ -39,23 +38,22 @@ class Report {
     void Fail(const std::string& problem) { problems_.push_back(problem); }
 
     /// The closing lines and the exit code.
-    int Close(std::size_t attacks, std::size_t objects, const std::string& note) {
+    int Close(std::size_t attacks, std::size_t objects) {
         if (json_) {
             Json::Value line;
             line["attacks"] = static_cast<Json::UInt64>(attacks);
             line["objects_compared"] = static_cast<Json::UInt64>(objects);
             line["problems"] = Json::Value(Json::arrayValue);
             for (const std::string& problem : problems_) line["problems"].append(problem);
-            line["note"] = note;
             out_ << SDK::JsonUtils::JsonToString(line) << std::endl;
         } else {
-            CloseText(attacks, objects, note);
+            CloseText(attacks, objects);
         }
         return problems_.empty() ? kAllUndone : kNotAllUndone;
     }
 
   private:
-    void CloseText(std::size_t attacks, std::size_t objects, const std::string& note) {
+    void CloseText(std::size_t attacks, std::size_t objects) {
         out_ << "\n";
         for (const std::string& problem : problems_)
             out_ << "NOT AS IT SHOULD BE: " << problem << "\n";
@@ -64,7 +62,6 @@ class Report {
                  << " files, directories and links of the site\nare as they were; what the policy "
                     "excludes was left alone.\n";
         }
-        if (!note.empty()) out_ << "Note: " << note << "\n";
         out_ << std::flush;
     }
 
@@ -100,17 +97,18 @@ void CheckExcluded(const std::vector<std::string>& left, const AlarmFeed& feed, 
     }
 }
 
-/// What the planted directory link led to must not be touched by the restore, but rsync follows a
-/// link that is root's own: the reader should know.
-std::string NoteOnLinks(const std::string& bystander) {
+/// What the planted directory link led to is no part of the site: nothing may be deleted there, and
+/// nothing written.
+void CheckBystander(const std::string& bystander, Report& report) {
     std::error_code error;
     const auto folder = std::filesystem::path(bystander).parent_path();
-    const bool deleted = !std::filesystem::exists(bystander, error);
-    const auto objects = std::distance(std::filesystem::directory_iterator(folder, error), {});
-    if (!deleted && objects == 1) return {};
-    return "the restore followed the link that stood in place of a directory, as rsync does with "
-           "root's own\nlinks: it wrote into " +
-           folder.string() + (deleted ? ",\nand deleted what lay there." : ".");
+    if (!std::filesystem::exists(bystander, error)) {
+        report.Fail("a planted link was followed: " + bystander + " was deleted");
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        if (entry.path() == bystander) continue;
+        report.Fail("a planted link was followed: " + entry.path().string() + " was written");
+    }
 }
 
 }  // namespace
@@ -138,7 +136,8 @@ int RunSession(const SessionOptions& options, std::ostream& out) {
     const std::string difference = run.WaitUntilAs(before, options.site);
     if (!difference.empty()) report.Fail("the site is not as it was: " + difference);
     CheckExcluded(left, feed, report);
-    return report.Close(attacks.size(), before.size(), NoteOnLinks(bystander));
+    CheckBystander(bystander, report);
+    return report.Close(attacks.size(), before.size());
 }
 
 }  // namespace Demo

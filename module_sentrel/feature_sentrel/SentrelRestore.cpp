@@ -52,6 +52,17 @@ bool ClearWay(const SentrelDirRule& rule, std::string& target) {
     return true;
 }
 
+/// An excluded subdirectory of several levels is named from the rule's path on, and rsync knows it
+/// only when it starts there: below that it would take the excluded content for foreign.
+bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
+    const std::string inside = WithoutTrailingSlash(directory) + "/";
+    const auto lies_there = [&](const std::string& subdir) {
+        return (rule.real_path + subdir).compare(0, inside.size(), inside) == 0;
+    };
+    return !rule.is_file &&
+           std::any_of(rule.ignored_subdir.begin(), rule.ignored_subdir.end(), lies_there);
+}
+
 /// One file or link that has a copy, which rsync puts back without deleting anything.
 bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) {
     const mode_t backup_type = TypeAt(rule.backup_path + path);
@@ -86,6 +97,7 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
     SentrelStatus& status = SentrelStatus::Instance();
     std::string target = path;
     const bool clear = ClearWay(rule, target);
+    if (HoldsExclusion(rule, target)) target = rule.real_path;
     if (clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
                                      rule.ignored_subdir, RSYNC_RESTORE)) {
         current_event_.outcome = "restored";

@@ -203,6 +203,18 @@ TEST_F(Event, RootRestore_KeepsExcludedContent) {
     EXPECT_EQ(Alarms(), "attribute : restored\n");
 }
 
+TEST_F(Event, RestoreOfADirectory_KeepsWhatIsExcludedFurtherDown) {
+    rule_.ignored_subdir = {"sub/cache"};
+    Apply();
+    data_.Write("site/sub/cache/kept", "x");
+    data_.Write("site/sub/foreign", "x");
+    ::chmod(File("sub").c_str(), 0777);
+    Tell(File("sub"), IN_ATTRIB | IN_ISDIR);
+    EXPECT_TRUE(fs::exists(File("sub/cache/kept")));
+    EXPECT_FALSE(fs::exists(File("sub/foreign")));
+    EXPECT_EQ(fs::status(File("sub")).permissions(), fs::perms(0755));
+}
+
 TEST_F(Event, MonitorOnlyOrNoAutoRestore_OnlyReports) {
     data_.Write("site/index.html", "defaced");
     data_.Write("site/shell.php", "evil");
