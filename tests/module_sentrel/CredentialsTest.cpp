@@ -42,6 +42,10 @@ TEST_F(Credentials, BadRequests_WriteNothing) {
     EXPECT_EQ(module_.GetPasswdClient("{\"passwd\":"), -1);
     EXPECT_EQ(module_.GetPasswdClient(R"({"passwd":""})"), 0);
     EXPECT_EQ(module_.GetPasswdClient(R"({"passwd":7})"), 0);
+    const std::string mebibyte(1024 * 1024, 'x');
+    EXPECT_EQ(module_.GetPasswdClient(mebibyte), -1);
+    EXPECT_EQ(module_.GetPasswdClient("{\"passwd\":\"" + mebibyte), -1);
+    EXPECT_EQ(module_.GetPasswdClient("{\"other\":\"" + mebibyte + "\"}"), 0);
     EXPECT_EQ(test::TempDir::Read(install_.dir.Path("conf/rsync_client.secrets")), "kept");
     std::filesystem::remove_all(install_.dir.Path("conf"));
     EXPECT_NE(module_.GetPasswdClient(R"({"passwd":"x"})"), 0);

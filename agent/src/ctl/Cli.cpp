@@ -19,6 +19,7 @@ struct Arguments {
     std::string feature;
     std::string file;
     std::string tasklet;
+    std::string role;
     bool json = false;
     ReportQuery query;
     std::function<int(const ControlClient&)> command;
@@ -78,6 +79,22 @@ void DefineStatus(CLI::App& app, Arguments& args) {
     });
 }
 
+void DefineSecret(CLI::App& app, Arguments& args) {
+    CLI::App* secret = app.add_subcommand("secret", "Hand the agent the passwords of backups");
+    secret->require_subcommand(1)->fallthrough();
+    CLI::App* set = secret->add_subcommand(
+        "set", "Set a password: from the terminal, or the first line of stdin");
+    set->add_option("ROLE", args.role,
+                    "server: what this backup server asks for; client: what this host gives")
+        ->required()
+        ->check(CLI::IsMember({"server", "client"}));
+    set->fallthrough()->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return SetSecret(client, args.role);
+        };
+    });
+}
+
 void DefineReports(CLI::App& app, Arguments& args) {
     CLI::App* alarms = app.add_subcommand("alarms", "Show the alarms");
     alarms->add_flag("--follow", args.query.follow, "Go on with new ones as they come");
@@ -115,6 +132,7 @@ int Run(int argc, const char* const* argv) {
     app.require_subcommand(1);
     DefinePolicy(app, args);
     DefineStatus(app, args);
+    DefineSecret(app, args);
     DefineReports(app, args);
     try {
         app.parse(argc, argv);

@@ -24,8 +24,15 @@ int CheckPolicy(const ControlClient& client, const std::string& feature, const s
 int ShowPolicy(const ControlClient& client, const std::string& feature);
 int ListPolicies(const ControlClient& client);
 int RunTasklet(const ControlClient& client, const std::string& id);
+/// `role` is "server" or "client". The password comes from standard input or the terminal.
+int SetSecret(const ControlClient& client, const std::string& role);
 int ShowStatus(const ControlClient& client, bool json);
 int ShowReports(const ControlClient& client, const ReportQuery& query);
+
+/// Runs a tasklet; its own result is in `result` when the exit code is kExitOk. Otherwise what went
+/// wrong was printed.
+int CallTasklet(const ControlClient& client, const std::string& id, const std::string& request,
+                int& result);
 
 /// Prints what kept the agent from answering; the exit code for it.
 int Complain(const Answer& answer);

@@ -113,18 +113,26 @@ int ListPolicies(const ControlClient& client) {
     return kExitOk;
 }
 
-int RunTasklet(const ControlClient& client, const std::string& id) {
-    std::string text;
-    if (!Read("-", text)) return kExitFailed;
+int CallTasklet(const ControlClient& client, const std::string& id, const std::string& request,
+                int& result) {
     const Answer answer =
-        client.Send(HTTPRequest::HTTP_POST, "/v1/tasklets/" + Encoded(id), text, kApplyTimeoutS);
+        client.Send(HTTPRequest::HTTP_POST, "/v1/tasklets/" + Encoded(id), request, kApplyTimeoutS);
     if (answer.kind != Answer::Kind::kAnswered) return Complain(answer);
     if (answer.status == kUnknown) {
         std::cerr << Printable(answer.problem) << std::endl;
         return kExitRejected;
     }
     if (answer.status != 200) return Complain(answer);
-    const int result = JsonUtils::GetIntValue(answer.body, "result", -1);
+    result = JsonUtils::GetIntValue(answer.body, "result", -1);
+    return kExitOk;
+}
+
+int RunTasklet(const ControlClient& client, const std::string& id) {
+    std::string text;
+    if (!Read("-", text)) return kExitFailed;
+    int result = 0;
+    const int exit_code = CallTasklet(client, id, text, result);
+    if (exit_code != kExitOk) return exit_code;
     std::cout << result << std::endl;
     return result == 0 ? kExitOk : kExitFailed;
 }
