@@ -56,7 +56,9 @@ void EventTranslator::Overflow() {
 }
 
 void EventTranslator::WatchEnded(int wd) {
-    for (DirNode* node : tree_.table.Forget(wd)) {
+    const std::vector<DirNode*> nodes = tree_.table.Forget(wd);
+    if (!nodes.empty()) tree_.opener.Clear();
+    for (DirNode* node : nodes) {
         // Mostly the directory is gone and its parent tells so. Where it does not (something was
         // unmounted), another directory is there now.
         if (tree_.coverage.IsWalked(*node)) {
@@ -74,7 +76,7 @@ void EventTranslator::HandleAt(DirNode& dir, const InotifyRecord& record) {
         AboutDirectoryItself(dir, record);
     } else if ((record.mask & IN_CREATE) != 0) {
         changes_.Appeared(dir, record.name, is_directory, IN_CREATE,
-                          {WalkQueue::kArrived, nullptr, false});
+                          {WalkQueue::kArrived, nullptr, false, true});
     } else if ((record.mask & IN_DELETE) != 0) {
         changes_.Gone(dir, record.name, is_directory, IN_DELETE);
     } else if ((record.mask & IN_MOVED_FROM) != 0) {
@@ -102,35 +104,45 @@ void EventTranslator::AboutDirectoryItself(DirNode& dir, const InotifyRecord& re
 }
 
 void EventTranslator::MovedFrom(DirNode& dir, const InotifyRecord& record) {
-    const InotifyRecord* to = reader_.FindAhead(record.cookie, IN_MOVED_TO);
-    if (to == nullptr) {
-        reader_.Fill();
-        to = reader_.FindAhead(record.cookie, IN_MOVED_TO);
-    }
-    const bool is_directory = (record.mask & IN_ISDIR) != 0;
-    // A swap is told by two more records.
-    if (to != nullptr && reader_.Ahead(3) == nullptr) reader_.Fill();
+    const InotifyRecord* to = PartnerOf(record);
     DirNode* target = to == nullptr ? nullptr : tree_.table.FirstNodeOf(to->wd);
-    if (target == nullptr || !tree_.coverage.IsCovered(*target, to->name)) {
-        changes_.Gone(dir, record.name, is_directory, IN_MOVED_FROM);
-        return;
-    }
-    if (moves_.count(record.cookie) != 0 || TakeSwap(dir, record, *target, *to)) {
-        router_.Announce({&dir, record.name}, record.mask, {target, to->name});
-        return;
+    const bool is_directory = (record.mask & IN_ISDIR) != 0;
+    ObjectRef moved_to;
+    if (target != nullptr && tree_.coverage.IsCovered(*target, to->name)) {
+        moved_to = {target, to->name};
+        if (moves_.count(record.cookie) != 0 || TakeSwap(dir, record, *target, *to)) {
+            router_.Announce({&dir, record.name}, record.mask, moved_to);
+            return;
+        }
     }
     DirNode* node = is_directory ? dir.dirs.Find(record.name) : nullptr;
-    if (node == nullptr || node->Is(DirNode::kThroughLink) ||
-        !tree_.coverage.IsWalked(*target, to->name) || NameIndex::IsWithin(*target, *node) ||
-        (target == &dir && record.name == to->name)) {
-        changes_.Gone(dir, record.name, is_directory, IN_MOVED_FROM, {target, to->name});
-        return;
+    if (node != nullptr && moved_to.dir != nullptr && CanMove(*node, *target, to->name)) {
+        moves_[record.cookie] = {false, NameIndex::Lookup(*target, to->name)};
+        changes_.Move(*node, *target, to->name, IN_MOVED_FROM);
+    } else {
+        changes_.Gone(dir, record.name, is_directory, IN_MOVED_FROM, moved_to);
     }
-    // Moved on before it was seen at its place: it may have been swapped with another.
-    const bool is_unsure = node->job != 0;
-    moves_[record.cookie] = {false, NameIndex::Lookup(*target, to->name)};
-    changes_.Move(*node, *target, to->name, IN_MOVED_FROM);
-    if (is_unsure) changes_.Recheck(dir, record.name);
+    // A swap leaves something at the old name; of one with a place that is not watched, and of one
+    // whose other half is not to be read yet, nothing else tells.
+    changes_.Recheck(dir, record.name);
+}
+
+const InotifyRecord* EventTranslator::PartnerOf(const InotifyRecord& from) {
+    const InotifyRecord* to = reader_.FindAhead(from.cookie, IN_MOVED_TO);
+    // A swap is told by two more records.
+    if (to != nullptr && reader_.Ahead(3) != nullptr) return to;
+    reader_.Fill();
+    return reader_.FindAhead(from.cookie, IN_MOVED_TO);
+}
+
+// What cannot be in the file system can seem so here, as a walk has seen later changes already; the
+// directory is then taken for gone, and for new at the other place.
+bool EventTranslator::CanMove(const DirNode& node, const DirNode& target,
+                              std::string_view name) const {
+    if (node.Is(DirNode::kThroughLink) || !tree_.coverage.IsWalked(target, name)) return false;
+    const DirNode* replaced = target.dirs.Find(name);
+    return !NameIndex::IsWithin(target, node) &&
+           (replaced == nullptr || !NameIndex::IsWithin(node, *replaced));
 }
 
 // Two names that change places give two moves, there and back, right after one another, and no
@@ -166,7 +178,7 @@ void EventTranslator::MovedTo(DirNode& dir, const InotifyRecord& record) {
     const auto move = moves_.find(record.cookie);
     if (move == moves_.end()) {
         changes_.Appeared(dir, record.name, (record.mask & IN_ISDIR) != 0, IN_MOVED_TO,
-                          {WalkQueue::kArrived, nullptr, false});
+                          {WalkQueue::kArrived, nullptr, false, true});
         return;
     }
     const HalfMove half = move->second;

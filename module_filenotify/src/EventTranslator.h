@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <unordered_map>
 
 #include "InotifyReader.h"
@@ -38,6 +39,8 @@ class EventTranslator {
     void AboutDirectoryItself(DirNode& dir, const InotifyRecord& record);
     void MovedFrom(DirNode& dir, const InotifyRecord& record);
     void MovedTo(DirNode& dir, const InotifyRecord& record);
+    const InotifyRecord* PartnerOf(const InotifyRecord& from);
+    bool CanMove(const DirNode& node, const DirNode& target, std::string_view name) const;
     bool TakeSwap(DirNode& dir, const InotifyRecord& from, DirNode& target,
                   const InotifyRecord& to);
     void Overflow();

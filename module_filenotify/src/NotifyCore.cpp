@@ -79,14 +79,19 @@ void NotifyCore::Work() {
     if (!tree_.unwatched.Empty() && now >= next_retry_) RetryUnwatched();
     if (roots_.PruneDue() && now >= prune_at_) roots_.Prune();
     if (now >= next_publish_) PublishStatus();
+    // An open directory keeps its file system from being unmounted.
+    if (reader_.Empty() && tree_.queue.Empty()) tree_.opener.Clear();
 }
 
 void NotifyCore::RetryUnwatched() {
     int failures = 0;
     bool step_watched = false;
     for (DirNode* node : tree_.unwatched.All()) {
+        if (!tree_.unwatched.Contains(node)) continue;  // went with the one before
         const int error = tree_.EnsureWatched(*node);
-        if (error != 0) {
+        if (WatchedTree::IsGone(error)) {
+            walker_.DropVanished(*node);
+        } else if (error != 0) {
             if (++failures >= kFailuresPerRetry) break;
         } else if (tree_.coverage.IsWalked(*node)) {
             tree_.queue.Push(*node, WalkQueue::kReconcile, nullptr);

@@ -35,9 +35,9 @@ void TreeChanges::Appeared(DirNode& dir, std::string_view name, bool is_director
         DirNode& node = tree_.PutDirectory(dir, name);
         if (before != Kind::kDirectory) {
             node.Set(DirNode::kInitial, visit.initial);
-        } else if (mask != 0) {
-            node.inode = 0;  // may be another one than the one that was known
-            tree_.opener.Forget(node);
+        } else if (visit.may_be_another) {
+            node.inode = 0;
+            tree_.opener.Clear();
         }
         if (visit.reasons != 0 && tree_.coverage.IsWalked(dir, name)) {
             tree_.queue.Push(node, visit.reasons, visit.owner);
@@ -83,6 +83,7 @@ void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, st
         tree_.index.RemoveFile(target, name);
     }
     tree_.index.Move(node, target, name);
+    tree_.opener.Forget(node);  // to be looked for at its new place
     const bool unknown = has_new_reader || !node.Is(DirNode::kListed);
     tree_.queue.Push(node, unknown ? WalkQueue::kArrived : WalkQueue::kVerify, nullptr);
 }
@@ -103,13 +104,16 @@ void TreeChanges::Recheck(DirNode& dir, std::string_view name) {
     struct stat status {};
     const std::string text(name);
     if (holder < 0 || ::fstatat(holder, text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    Appeared(dir, text, S_ISDIR(status.st_mode), IN_CREATE, {WalkQueue::kArrived, nullptr, false});
+    Appeared(dir, text, S_ISDIR(status.st_mode), IN_CREATE,
+             {WalkQueue::kArrived, nullptr, false, true});
 }
 
 void TreeChanges::Exchange(DirNode& one, DirNode& other) {
     tree_.Going(one);
     tree_.Going(other);
     tree_.index.Exchange(one, other);
+    tree_.opener.Forget(one);
+    tree_.opener.Forget(other);
     tree_.queue.Push(one, WalkQueue::kVerify, nullptr);
     tree_.queue.Push(other, WalkQueue::kVerify, nullptr);
 }

@@ -22,6 +22,7 @@ class TreeChanges {
         std::uint8_t reasons = 0;
         Watch* owner = nullptr;
         bool initial = false;
+        bool may_be_another = false;  ///< than the directory that is known under the name
     };
 
     /// `mask` 0: learnt without being announced.

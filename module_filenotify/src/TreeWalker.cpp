@@ -42,10 +42,7 @@ bool TreeWalker::Step(std::size_t budget) {
     router_.SetTime(std::chrono::steady_clock::now());
     for (std::size_t done = 0; done < budget;) {
         const WalkQueue::Job job = tree_.queue.Pop();
-        if (job.node == nullptr) {
-            tree_.opener.Clear();
-            return false;
-        }
+        if (job.node == nullptr) return false;
         const std::size_t seen = Visit(job);
         if (seen == 0) break;
         done += seen;
@@ -74,6 +71,8 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     std::uint8_t reasons = job.reasons;
     if (result == WatchTable::Result::kReplaced) {
         reasons |= WalkQueue::kArrived | WalkQueue::kReconcile;
+    } else if (result == WatchTable::Result::kNew && node.Is(DirNode::kListed)) {
+        reasons |= WalkQueue::kReconcile;
     }
     if (reasons == WalkQueue::kVerify) return 1;
     const bool is_known = node.Is(DirNode::kListed) && !node.Is(DirNode::kPartial);
@@ -83,8 +82,6 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     return List(node, job, reasons);
 }
 
-// No event has told of it: a directory without a kernel watch is on the way, or something was
-// mounted there.
 void TreeWalker::DropVanished(DirNode& node) {
     DirNode* top = &node;
     while (top->parent != nullptr && tree_.opener.Locate(*top->parent) < 0) top = top->parent;

@@ -20,6 +20,11 @@ class TreeWalker {
     /// Visits until about `budget` directories and names are done. False: nothing is left.
     bool Step(std::size_t budget);
 
+    /// Takes the directory, or the highest one above it that is not where it should be, for gone,
+    /// and what has its name now for new. For when no event tells so: a directory without a kernel
+    /// watch is on the way, or something was mounted there.
+    void DropVanished(DirNode& node);
+
   private:
     /// How many directories and names were looked at; 0: it has to wait for events.
     std::size_t Visit(const WalkQueue::Job& job);
@@ -27,7 +32,6 @@ class TreeWalker {
     std::size_t Descend(const DirNode& node, Watch* owner);
     void Found(DirNode& node, const DirEntry& entry, std::uint8_t reasons, Watch* owner);
     void AnnounceMissing(DirNode& node, const std::vector<DirEntry>& entries);
-    void DropVanished(DirNode& node);
 
     WatchedTree& tree_;
     ChangeRouter& router_;

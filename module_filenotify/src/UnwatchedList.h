@@ -22,6 +22,7 @@ class UnwatchedList {
 
     void Add(DirNode& node, int error);
     void Remove(DirNode& node) { nodes_.erase(&node); }
+    bool Contains(DirNode* node) const { return nodes_.count(node) != 0; }
     bool Empty() const { return nodes_.empty(); }
     std::vector<DirNode*> All() const { return {nodes_.begin(), nodes_.end()}; }
     void Clear() { nodes_.clear(); }

@@ -1,0 +1,102 @@
+#include <fcntl.h>
+
+#include <cstdio>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "NotifyFixture.h"
+
+namespace test {
+
+/// Writers that do at random what can be done to names, without looking where they tread.
+class Storm : public NotifyTest, public ::testing::WithParamInterface<unsigned int> {
+  protected:
+    static std::string Name(std::mt19937& random) { return std::string(1, "abcd"[random() % 4]); }
+
+    std::string Place(std::mt19937& random) const {
+        std::string path = Root(Name(random));
+        for (unsigned int depth = random() % 4; depth > 0; --depth) path += "/" + Name(random);
+        return path;
+    }
+
+    void Act(std::mt19937& random) const {
+        const std::string place = Place(random);
+        const std::string other = Place(random);
+        std::error_code ignored;
+        switch (random() % 10) {
+            case 0:
+            case 1:
+            case 2:
+                fs::create_directories(place, ignored);
+                break;
+            case 3:
+            case 4:
+                TouchFile(place);
+                break;
+            case 5:
+                fs::rename(place, other, ignored);
+                break;
+            case 6:
+                ::renameat2(AT_FDCWD, place.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+                break;
+            case 7:
+                fs::remove_all(place, ignored);
+                break;
+            case 8:
+                fs::create_directory_symlink(site_.Path("outside"), place, ignored);
+                break;
+            default:
+                fs::rename(place, site_.Path("outside/" + Name(random)), ignored);
+                fs::rename(site_.Path("outside/" + Name(random)), other, ignored);
+        }
+    }
+};
+
+TEST_P(Storm, WhenItEnds_TheIndexIsTheTreeAndEveryFileIsWatched) {
+    fs::create_directory(site_.Path("outside"));
+    Watch(Root());
+    std::vector<std::thread> writers;
+    for (unsigned int writer = 0; writer < 3; ++writer) {
+        writers.emplace_back([this, writer] {
+            std::mt19937 random(GetParam() * 10 + writer);
+            for (int step = 0; step < 1500; ++step) Act(random);
+        });
+    }
+    for (std::thread& writer : writers) writer.join();
+    SeenUntilNow();
+    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
+
+    int directories = 1;
+    std::set<std::string> files;
+    int others = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(Root())) {
+        if (entry.symlink_status().type() == fs::file_type::directory) {
+            ++directories;
+        } else if (entry.is_symlink()) {
+            ++others;
+        } else {
+            files.insert(entry.path().string());
+        }
+    }
+    const auto agrees = [&] {
+        const Json::Value status = WatchStatus(Root());
+        return status["directories"].asInt() == directories &&
+               status["files"].asInt() == static_cast<int>(files.size()) + others;
+    };
+    EXPECT_TRUE(WaitFor(agrees, 5s))
+        << WatchStatus(Root()).toStyledString() << directories << " directories, "
+        << files.size() + static_cast<std::size_t>(others) << " files";
+    receiver_->Forget();
+    for (const std::string& file : files) TouchFile(file);
+    const auto seen = SeenUntilNow();
+    for (const std::string& file : files) {
+        if (file.find("cookie") == std::string::npos) {
+            EXPECT_TRUE(Has(seen, IN_MODIFY, file)) << file << "\n";
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, Storm, ::testing::Range(1U, 6U));
+
+}  // namespace test
