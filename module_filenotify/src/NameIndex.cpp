@@ -129,6 +129,12 @@ std::string NameIndex::PathBelow(const DirNode* top, const DirNode& dir, std::st
     return path;
 }
 
+std::size_t NameIndex::PathLength(const DirNode& dir) {
+    std::size_t length = 0;
+    for (const DirNode* at = &dir; at != nullptr; at = at->parent) length += at->name.size() + 1;
+    return length;
+}
+
 std::string NameIndex::PathOf(const DirNode& dir, std::string_view name) {
     return PathBelow(nullptr, dir, name);
 }

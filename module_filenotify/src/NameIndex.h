@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -53,6 +54,7 @@ class NameIndex {
     /// The path of `name` in `dir`, from below `top` on, without a leading "/"; the whole path
     /// when `top` is null.
     static std::string PathBelow(const DirNode* top, const DirNode& dir, std::string_view name);
+    static std::size_t PathLength(const DirNode& dir);
     static std::string PathOf(const DirNode& dir, std::string_view name = {});
 
   private:

@@ -4,6 +4,7 @@
 #include "NotifyCore.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 namespace Engine::FileNotify {
@@ -17,6 +18,9 @@ constexpr std::chrono::milliseconds kFullQueueRetry{5};
 constexpr std::chrono::milliseconds kPublishEvery{100};
 // A policy takes its watches off and puts them on again: what they need is kept so long.
 constexpr std::chrono::milliseconds kPruneAfter{1000};
+// Of the directories without a kernel watch so many are looked through at a time, the next ones the
+// next time; and after so many failures no further watch is tried.
+constexpr std::size_t kRetriedAtOnce = 4096;
 constexpr int kFailuresPerRetry = 8;
 
 }  // namespace
@@ -84,20 +88,23 @@ void NotifyCore::Work() {
 }
 
 void NotifyCore::RetryUnwatched() {
+    const std::vector<DirNode*> unwatched = tree_.unwatched.All();
+    const std::size_t count = std::min(unwatched.size(), kRetriedAtOnce);
     int failures = 0;
     bool step_watched = false;
-    for (DirNode* node : tree_.unwatched.All()) {
+    for (std::size_t i = 0; i < count; ++i) {
+        DirNode* node = unwatched[retry_from_++ % unwatched.size()];
         if (!tree_.unwatched.Contains(node)) continue;  // went with the one before
-        const int error = tree_.EnsureWatched(*node);
+        const bool hopeless = failures >= kFailuresPerRetry;
+        const int error = hopeless ? ENOSPC : tree_.EnsureWatched(*node);
         if (WatchedTree::IsGone(error)) {
             walker_.DropVanished(*node);
-        } else if (error != 0) {
-            if (++failures >= kFailuresPerRetry) break;
         } else if (tree_.coverage.IsWalked(*node)) {
-            tree_.queue.Push(*node, WalkQueue::kReconcile, nullptr);
-        } else {
+            tree_.queue.Push(*node, error == 0 ? WalkQueue::kReconcile : WalkQueue::kLook, nullptr);
+        } else if (error == 0) {
             step_watched = true;
         }
+        if (error != 0) ++failures;
     }
     if (step_watched) roots_.LookAgain(false);
     roots_.Settle();

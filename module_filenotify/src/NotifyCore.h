@@ -59,6 +59,7 @@ class NotifyCore {
     TreeWalker walker_;
     EventTranslator translator_;
     Clock::time_point next_retry_{};
+    std::size_t retry_from_ = 0;
     Clock::time_point prune_at_{};
     Clock::time_point next_publish_{};
 };

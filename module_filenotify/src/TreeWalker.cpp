@@ -6,7 +6,6 @@
 #include <sys/inotify.h>
 
 #include <cerrno>
-#include <climits>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -22,7 +21,8 @@ constexpr std::uint8_t kTriesForGone = 3;
 // How what a visit finds is announced; 0: not at all.
 std::uint32_t AnnouncedAs(std::uint8_t reasons, bool known, bool initial, bool is_directory) {
     if ((reasons & WalkQueue::kArrived) != 0) return IN_CREATE;
-    if ((reasons & WalkQueue::kReconcile) == 0) return 0;
+    const bool looks = (reasons & WalkQueue::kLook) != 0;
+    if ((reasons & WalkQueue::kReconcile) == 0) return looks && !known && !initial ? IN_CREATE : 0;
     // What a first walk has not reached yet may be there for long: not to be called new.
     if (!known && !initial) return IN_CREATE;
     return is_directory ? IN_ATTRIB : IN_MODIFY;
@@ -53,10 +53,6 @@ bool TreeWalker::Step(std::size_t budget) {
 std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     DirNode& node = *job.node;
     if (!tree_.coverage.IsWalked(node)) return 1;
-    if (NameIndex::PathOf(node).size() >= PATH_MAX) {
-        tree_.MarkUnwatched(node, ENAMETOOLONG);
-        return 1;
-    }
     WatchTable::Result result = WatchTable::Result::kKept;
     const int error = tree_.EnsureWatched(node, result);
     if (WatchedTree::IsGone(error)) {
@@ -68,10 +64,12 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
         DropVanished(node);
         return 1;
     }
+    if (error == ENAMETOOLONG) return 1;
     std::uint8_t reasons = job.reasons;
     if (result == WatchTable::Result::kReplaced) {
         reasons |= WalkQueue::kArrived | WalkQueue::kReconcile;
-    } else if (result == WatchTable::Result::kNew && node.Is(DirNode::kListed)) {
+    } else if (result == WatchTable::Result::kNew &&
+               (node.Is(DirNode::kListed) || reasons == WalkQueue::kVerify)) {
         reasons |= WalkQueue::kReconcile;
     }
     if (reasons == WalkQueue::kVerify) return 1;
@@ -111,7 +109,9 @@ std::size_t TreeWalker::List(DirNode& node, const WalkQueue::Job& job, std::uint
     node.Set(DirNode::kPartial, false);
     const int error = ListDirectory(directory.Get(), entries_, between_);
     for (const DirEntry& entry : entries_) Found(node, entry, reasons, job.owner);
-    if (error == 0 && (reasons & (WalkQueue::kArrived | WalkQueue::kReconcile)) != 0) {
+    constexpr std::uint8_t kTellsGone =
+        WalkQueue::kArrived | WalkQueue::kReconcile | WalkQueue::kLook;
+    if (error == 0 && (reasons & kTellsGone) != 0) {
         AnnounceMissing(node, entries_);
     }
     node.Set(DirNode::kListed, true);
@@ -127,9 +127,11 @@ void TreeWalker::Found(DirNode& node, const DirEntry& entry, std::uint8_t reason
     TreeChanges::Visit visit;
     visit.owner = owner;
     visit.initial = initial && (reasons & WalkQueue::kArrived) == 0;
-    visit.reasons = reasons & static_cast<std::uint8_t>(~WalkQueue::kVerify);
-    if (!known && !initial && (reasons & WalkQueue::kReconcile) != 0) {
-        visit.reasons |= WalkQueue::kArrived;
+    constexpr std::uint8_t kHandedDown =
+        WalkQueue::kFirst | WalkQueue::kArrived | WalkQueue::kReconcile;
+    visit.reasons = reasons & kHandedDown;
+    if (!known && (reasons & (WalkQueue::kReconcile | WalkQueue::kLook)) != 0) {
+        visit.reasons |= initial ? WalkQueue::kFirst : WalkQueue::kArrived;
     }
     changes_.Appeared(node, entry.name, entry.is_directory,
                       AnnouncedAs(reasons, known, initial, entry.is_directory), visit);

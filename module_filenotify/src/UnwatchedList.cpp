@@ -28,8 +28,7 @@ std::string Advice(int error) {
 }  // namespace
 
 void UnwatchedList::Add(DirNode& node, int error) {
-    nodes_.insert(&node);
-    ++counters_.watch_failures;
+    if (nodes_.insert(&node).second) ++counters_.watch_failures;
     const auto now = std::chrono::steady_clock::now();
     auto& next = next_log_[error];
     if (now < next) return;

@@ -19,7 +19,8 @@ class WalkQueue {
         kFirst = 1,      ///< a watch was asked for: learn what is there, announce nothing
         kArrived = 2,    ///< the directory has appeared: announce all it holds
         kReconcile = 4,  ///< events may be missing: announce everything, present or gone
-        kVerify = 8      ///< see whether its kernel watch is still the right one
+        kVerify = 8,     ///< see whether its kernel watch is still the right one
+        kLook = 16       ///< it has no kernel watch: announce what is new in it or gone
     };
 
     struct Job {

@@ -4,6 +4,7 @@
 #include "WatchedTree.h"
 
 #include <cerrno>
+#include <climits>
 
 namespace Engine::FileNotify {
 
@@ -12,7 +13,8 @@ bool WatchedTree::IsGone(int error) {
 }
 
 int WatchedTree::EnsureWatched(DirNode& node, WatchTable::Result& result) {
-    const int located = opener.Locate(node);
+    const int located =
+        NameIndex::PathLength(node) < PATH_MAX ? opener.Locate(node) : -ENAMETOOLONG;
     int error = located < 0 ? -located : 0;
     if (error == 0) error = table.Watch(node, located, coverage.KernelMask(node), result);
     if (error == 0) {

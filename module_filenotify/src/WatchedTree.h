@@ -24,7 +24,8 @@ class WatchedTree {
     void Going(DirNode& node) { going_(node); }
 
     /// Puts the kernel watch on `node` that it should have. 0 when it has it. Otherwise errno; the
-    /// node then stands in the list of unwatched ones, unless IsGone(errno).
+    /// node then stands in the list of unwatched ones, unless IsGone(errno). What no path can reach
+    /// is not watched: ENAMETOOLONG.
     int EnsureWatched(DirNode& node, WatchTable::Result& result);
     int EnsureWatched(DirNode& node);
 

@@ -79,10 +79,15 @@ TEST_F(Limits, WatchesRunOut_IsShownAndMendedLater) {
     site_.Write("root/new/in/file", "x");
     ASSERT_TRUE(Reaches(Root(), "degraded"));
     EXPECT_GT(WatchStatus(Root())["unwatched"].asInt(), 0);
-    EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/file")));  // found by listing all the same
-    TouchFile(Root("new/in/unseen"));
+    // Found by looking through all the same, and what goes too; a change of content is not.
+    EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/file")));
+    TouchFile(Root("new/in/other"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/other")));
+    fs::remove(Root("new/in/other"));
+    EXPECT_TRUE(Sees(IN_DELETE, Root("new/in/other")));
+    TouchFile(Root("new/in/file"));
     faults_.watches_left = 1000;
-    EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/unseen")));
+    EXPECT_TRUE(Sees(IN_MODIFY, Root("new/in/file")));
     EXPECT_TRUE(Reaches(Root(), "ready"));
     TouchFile(Root("new/in/seen"));
     EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/seen")));
