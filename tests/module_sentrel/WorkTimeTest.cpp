@@ -1,3 +1,4 @@
+#include <BackupProgress.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
 
@@ -18,6 +19,9 @@ TEST(WorkTime, Gate_FollowsTheTablesAndSetsAllFlagsAtTransitions) {
     Engine::SentrelUtils* utils = Engine::SentrelUtils::GetInstance();
     Engine::SentrelInotifyTask task;
     task.SetClock([] { return g_now; });
+    Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
+    const std::uint64_t round = progress.Round();
+    EXPECT_TRUE(progress.NoteComplete({}, round));
     utils->minute_enabled[480] = false;
     EXPECT_TRUE(task.SentrelCheckWork(0, 480));
     utils->weekday_enabled[0] = false;
@@ -25,26 +29,22 @@ TEST(WorkTime, Gate_FollowsTheTablesAndSetsAllFlagsAtTransitions) {
     EXPECT_TRUE(task.SentrelCheckWork(0, 481) && task.SentrelCheckWork(1, 480));
     task.CheckDisableTime();
     EXPECT_FALSE(utils->is_run || utils->local_backup_pending || utils->remote_backup_pending);
+    EXPECT_TRUE(progress.IsComplete({}));
     g_now += 60;
     task.CheckDisableTime();
+    EXPECT_FALSE(progress.NoteComplete({}, round));  // begun before the pause
     EXPECT_TRUE(utils->is_run && utils->local_backup_pending && utils->remote_backup_pending);
+    EXPECT_FALSE(progress.IsComplete({}));
     utils->local_backup_pending = false;
     task.CheckDisableTime();
     EXPECT_FALSE(utils->local_backup_pending);
-    EXPECT_EQ(
-        install.log.Texts(Message::PRIO_TRACE),
-        (std::vector<std::string>{"is_run true change to false", "is_run false change to true"}));
-}
-
-TEST(WorkTime, ArgumentOutOfRange_NeverStopsProtection) {
-    test::Installation install;
-    Engine::SentrelUtils::GetInstance()->weekday_enabled.fill(false);
-    Engine::SentrelUtils::GetInstance()->minute_enabled.fill(false);
-    Engine::SentrelInotifyTask task;
     for (const auto& [day, minute] : {std::pair{-1, 0}, {7, 0}, {0, -1}, {0, 1440}}) {
         EXPECT_TRUE(task.SentrelCheckWork(day, minute));
     }
     EXPECT_EQ(install.Errors("check work time failse:weekday 7 sec 0 "), 1);
+    EXPECT_EQ(
+        install.log.Texts(Message::PRIO_TRACE),
+        (std::vector<std::string>{"is_run true change to false", "is_run false change to true"}));
 }
 
 }  // namespace
