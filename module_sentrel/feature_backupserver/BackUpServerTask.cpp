@@ -2,6 +2,7 @@
 // does): without one, every pass tries and fails to start. The daemon is no child of the agent; its
 // pid file is all that is known of it. Task's thread.
 #include <BackUpServerTask.h>
+#include <BackupServerStatus.h>
 #include <SentrelUtils.h>
 #include <TaskSteps.h>
 #include <framework/ConfigManager.h>
@@ -44,7 +45,9 @@ void BackUpServerTask::RestartWhenDead() {
     }
     if (!utils->RunRsyncDaemon(utils->install_path + "conf/morvane_rsync.conf")) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "run rsync daemon failed");
+        return;
     }
+    BackupServerStatus::Instance().NoteStart();
 }
 
 void BackUpServerTask::RotateLog() {

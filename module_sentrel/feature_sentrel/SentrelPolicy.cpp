@@ -4,14 +4,13 @@
 #include <RsyncKeys.h>
 #include <SentrelPolicy.h>
 #include <SentrelUtils.h>
-#include <TimeRange.h>
+#include <WorkSchedule.h>
 #include <sdk/JsonUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
 #include <sdk/StrUtils.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -187,16 +186,9 @@ void SentrelFeaturePolicy::ParseDisableTime(const Json::Value& content) {
 }
 
 void SentrelFeaturePolicy::SetDisableWorkTime(const std::string& range) {
-    const auto minutes = TimeRange::Scan(range);
-    if (!minutes) return;
-    const auto [start, end] = *minutes;
-    auto& enabled = SentrelUtils::GetInstance()->minute_enabled;
-    if (start < end) {
-        std::fill(enabled.begin() + start, enabled.begin() + end + 1, false);
-    } else {
-        std::fill(enabled.begin() + start, enabled.end(), false);
-        std::fill(enabled.begin(), enabled.begin() + end + 1, false);
-    }
+    WorkSchedule schedule = WorkSchedule::OfSettings();
+    schedule.DisableRange(range);
+    SentrelUtils::GetInstance()->minute_enabled = schedule.minutes;
 }
 
 void SentrelFeaturePolicy::ParseDiffPolicy(const Json::Value& content) {

@@ -2,6 +2,8 @@
 // (SentrelPolicyRefresh.cpp) nor run tasks: registering hands one reference to the framework, which
 // gives it back when it has joined the task's thread. Framework thread.
 #include <BackUpServerTask.h>
+#include <BackupServerStatus.h>
+#include <ScheduleStatus.h>
 #include <SentrelBackupTask.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelModule.h>
@@ -12,6 +14,7 @@
 #include <framework/Engine.h>
 #include <sdk/Log.h>
 
+#include <ctime>
 #include <new>
 
 namespace Engine {
@@ -47,7 +50,10 @@ Json::Value AnswerStatus() {
                                                      Json::Value(Json::objectValue), watches)) {
         watches = Json::Value();
     }
-    return SentrelStatus::Instance().ToJson(watches);
+    Json::Value answer = SentrelStatus::Instance().ToJson(watches);
+    answer["schedule"] = ScheduleStatus::Instance().ToJson(std::time(nullptr));
+    answer["backup_server"] = BackupServerStatus::Instance().ToJson();
+    return answer;
 }
 
 }  // namespace
@@ -63,6 +69,8 @@ SentrelModule::~SentrelModule() {
 bool SentrelModule::Init() {
     SentrelUtils::GetInstance()->Init();
     SentrelStatus::Instance().Reset();
+    ScheduleStatus::Instance().Reset();
+    BackupServerStatus::Instance().Reset();
     RegisterCallbacks();
     CreateTasks();
     RegisterQueries();
@@ -127,6 +135,7 @@ void SentrelModule::UnInit() {
     DeleteTask(m_pBackUpServerTask, "backup server");
     SentrelUtils::GetInstance()->Init();
     SentrelStatus::Instance().SetProtectionOff();
+    BackupServerStatus::Instance().SetOff();
     Framework::Module::UnInit();
 }
 

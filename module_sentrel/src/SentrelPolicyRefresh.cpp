@@ -4,6 +4,8 @@
 // the module's gate held alone.
 #include <BackUpServerPolicy.h>
 #include <BackUpServerTask.h>
+#include <BackupServerStatus.h>
+#include <ScheduleStatus.h>
 #include <SentrelBackupTask.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelModule.h>
@@ -86,6 +88,7 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
         return 0;
     }
     SentrelUtils* utils = SentrelUtils::GetInstance();
+    ScheduleStatus::Instance().Publish(WorkSchedule::OfSettings(), utils->distime_enable);
     if (utils->dir_rules.empty()) {
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "rule list is empty, disable feature [%s].",
                 featureName);
@@ -120,6 +123,9 @@ int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureNa
     }
     UnRegisterTask("sentrel_backupserver_task");
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    BackupServerStatus::Instance().SetOn(utils->backupserver_ip, utils->backupserver_port,
+                                         utils->backupserver_path);
     LimitStalls(*m_pBackUpServerTask);
     m_pBackUpServerTask->duplicate();
     RegisterTask(m_pBackUpServerTask, false);
@@ -156,6 +162,7 @@ void SentrelModule::RefreshFeaturePolicyInotifyFailed(Framework::Policy* policy)
 void SentrelModule::RefreshFeaturePolicyBackUpServer(Framework::Policy* policy) {
     UnRegisterTask("sentrel_backupserver_task");
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+    BackupServerStatus::Instance().SetOff();
     delete policy;
 }
 

@@ -65,7 +65,9 @@ void SentrelStatus::NoteRemoteBackup(const std::string& real_path) {
 
 void SentrelStatus::NoteFailure(const std::string& real_path, const std::string& text) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    history_[real_path].last_failure = text;
+    History& history = history_[real_path];
+    history.last_failure = text;
+    history.last_failure_at = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
 bool SentrelStatus::IsRsyncKnown() const {
@@ -115,6 +117,7 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
         entry["last_local_backup"] = TimeOrNull(history.last_local_backup);
         entry["last_remote_backup"] = TimeOrNull(history.last_remote_backup);
         entry["last_failure"] = history.last_failure;
+        entry["last_failure_at"] = TimeOrNull(history.last_failure_at);
         list.append(std::move(entry));
     }
     return list;

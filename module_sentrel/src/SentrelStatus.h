@@ -71,6 +71,7 @@ class SentrelStatus {
         std::int64_t last_local_backup = 0;  ///< seconds since the epoch, 0 never
         std::int64_t last_remote_backup = 0;
         std::string last_failure;
+        std::int64_t last_failure_at = 0;
     };
 
     SentrelStatus() = default;

@@ -88,10 +88,54 @@ TEST_F(Formats, Status_ShowsPathsCountersAndWarnings) {
     EXPECT_EQ(page.find('\x1b'), std::string::npos);
 }
 
+TEST_F(Formats, Status_ShowsScheduleBackupsAndServer) {
+    Json::Value status;
+    status["protection"]["on"] = true;
+    status["protection"]["working"] = false;
+    status["schedule"]["working"] = false;
+    status["schedule"]["text"] = "paused until 09:30";
+    Json::Value path;
+    path["path"] = "/srv/site/";
+    path["last_local_backup"] = static_cast<Json::Int64>(kNow / 1000 - 40);
+    path["last_remote_backup"] = Json::nullValue;
+    path["last_failure"] = "remote backup: connection refused";
+    path["last_failure_at"] = static_cast<Json::Int64>(kNow / 1000 - 30);
+    status["protected_paths"].append(path);
+    const auto page = [&status] { return Ctl::FormatStatus(status, kNow); };
+    const auto expect = [&page](const std::string& part, bool there = true) {
+        EXPECT_EQ(page().find(part) != std::string::npos, there) << part << " in\n" << page();
+    };
+    expect("on, paused by the schedule\nschedule    paused until 09:30\n");
+    expect("08:37:00");
+    expect("last failure at 08:37:10: remote backup: connection refused");
+    for (const char* part : {"pushed", "server"}) expect(part, false);
+    status["backup"]["type"] = 2;
+    status["backup"]["remote_pending"] = true;
+    expect("local up to date, remote pending\n");
+    expect("08:37:00   never");
+    Json::Value& server = status["backup_server"];
+    server["on"] = true;
+    server["address"] = "10.0.0.9";
+    server["port"] = 873;
+    server["path"] = "/backup";
+    server["restarts"] = 2;
+    expect("not running, last started never, 2 restarts\n");
+    expect("takes backups at 10.0.0.9 port 873 into /backup\n");
+    server["running"] = true;
+    server["pid"] = 77;
+    server["last_start"] = static_cast<Json::Int64>(kNow / 1000);
+    expect("running as process 77 since 08:37:40, 2 restarts\n");
+    status["schedule"]["working"] = true;
+    status["protection"]["working"] = true;
+    expect("schedule", false);
+}
+
 TEST_F(Formats, StatusOfAnotherShape_IsNoCrash) {
-    for (const char* text :
-         {"{}", "[]", R"({"protected_paths":{"a":1},"counters":[],"policies":7})",
-          R"({"modules":"x","tasks":[1,"2",null],"rsync":[],"protection":1})"}) {
+    for (
+        const char* text :
+        {"{}", "[]", R"({"protected_paths":{"a":1},"counters":[],"policies":7})",
+         R"({"modules":"x","tasks":[1,"2",null],"rsync":[],"protection":1})",
+         R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"backup_server":{"on":1}})"}) {
         Json::Value status;
         ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, std::string(text).size(), status), 0);
         EXPECT_NO_THROW(Ctl::FormatStatus(status, kNow)) << text;

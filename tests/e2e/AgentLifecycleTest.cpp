@@ -112,8 +112,9 @@ TEST_F(AgentLifecycle, Status_HasWhatItPromises) {
     const Json::Value status = agent_.Status();
     EXPECT_EQ(status["pid"], agent_.Pid());
     EXPECT_EQ(status["installation_path"], agent_.Path() + "/");
-    for (const char* member : {"agent_id", "version", "started", "modules", "tasks",
-                               "protected_paths", "backup", "counters"}) {
+    for (const char* member :
+         {"agent_id", "version", "started", "modules", "tasks", "protected_paths", "backup",
+          "schedule", "backup_server", "counters"}) {
         EXPECT_TRUE(status.isMember(member)) << member;
     }
     for (const char* counter :

@@ -1,5 +1,6 @@
 #include <BackUpServerPolicy.h>
 #include <BackUpServerTask.h>
+#include <BackupServerStatus.h>
 #include <Poco/Net/ServerSocket.h>
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
@@ -127,6 +128,10 @@ TEST_F(BackUpServer, PidFile_IsBelievedOnlyForALiveProcess) {
 TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
     install_.UseRealRsync();
     ASSERT_TRUE(Parse(Document()));
+    auto& status = Engine::BackupServerStatus::Instance();
+    status.SetOn("127.0.0.1", port_, utils_->backupserver_path);
+    EXPECT_EQ(test::Text(status.ToJson()["pid"]) + test::Text(status.ToJson()["last_start"]),
+              "nullnull");
     Engine::BackUpServerTask task;
     EXPECT_EQ(task.Run(), 0);
     EXPECT_EQ(install_.Debugs("pid not running: 0"), 1);
@@ -134,11 +139,15 @@ TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
     const int first = RunningPid();
     task.Run();
     EXPECT_EQ(RunningPid(), first);
+    EXPECT_EQ(status.ToJson()["pid"], first);
+    EXPECT_EQ(status.ToJson()["restarts"].asInt(), 0);
+    EXPECT_GT(status.ToJson()["last_start"].asInt64(), 0);
     ASSERT_EQ(::kill(first, SIGKILL), 0);
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() == 0; }, 10s));
     task.Run();
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
     EXPECT_NE(RunningPid(), first);
+    EXPECT_TRUE(status.ToJson()["running"].asBool() && status.ToJson()["restarts"].asInt() == 1);
     EXPECT_TRUE(task.UnInit());
     EXPECT_EQ(RunningPid(), 0);
     EXPECT_FALSE(fs::exists(pid_file_));

@@ -15,6 +15,8 @@ using SDK::StrUtils;
 namespace {
 
 constexpr std::size_t kMaxPathColumn = 50;
+constexpr int kTimeColumn = 9;  ///< of a time of today
+constexpr int kPushes = 2;      ///< the backup type with copies on a backup server
 
 std::string Text(const Json::Value& object, const char* key) {
     return Printable(JsonUtils::GetStringValue(object, key, ""));
@@ -46,6 +48,16 @@ std::string FormatAgent(const Json::Value& status, long long now_ms) {
            "            " + Text(status, "installation_path") + "\n";
 }
 
+/// Nothing for a schedule without pauses.
+std::string FormatSchedule(const Json::Value& status) {
+    Json::Value schedule;
+    if (!JsonUtils::GetSubobjectValue(status, "schedule", schedule)) return "";
+    const bool told = JsonUtils::GetBoolValue(schedule, "enabled", false) ||
+                      !JsonUtils::GetBoolValue(schedule, "working", true) ||
+                      schedule["until"].isIntegral();
+    return told ? StrUtils::Format("%-10s  %s\n", "schedule", Text(schedule, "text").c_str()) : "";
+}
+
 std::string FormatProtection(const Json::Value& status) {
     Json::Value protection;
     if (!JsonUtils::GetSubobjectValue(status, "protection", protection)) return "";
@@ -55,30 +67,39 @@ std::string FormatProtection(const Json::Value& status) {
     if (on && JsonUtils::GetBoolValue(protection, "monitor_only", false)) {
         text += ", monitoring only: changes are reported and not undone";
     }
-    if (on && !JsonUtils::GetBoolValue(protection, "working", true)) {
-        text += ", paused by the schedule";
+    if (!on) return text + "\n";
+    if (!JsonUtils::GetBoolValue(protection, "working", true)) {
+        text += ", " + Coloured("paused by the schedule", Colour::kYellow);
     }
-    return text + "\n";
+    return text + "\n" + FormatSchedule(status);
 }
 
-std::string FormatPaths(const Json::Value& status) {
+std::string FormatPaths(const Json::Value& status, long long now_ms) {
     Json::Value paths;
     if (!JsonUtils::GetArrayValue(status, "protected_paths", paths) || paths.empty()) return "";
     std::size_t width = 4;
     for (const Json::Value& path : paths) width = std::max(width, Text(path, "path").size());
     const int column = static_cast<int>(std::min(width, kMaxPathColumn));
-    std::string text = "\n" +
-                       Coloured(StrUtils::Format("%-*s  %-4s  %-8s  %8s  %-7s  %s", column, "path",
-                                                 "kind", "state", "watched", "restore", "backup"),
-                                Colour::kBold) +
-                       "\n";
+    const bool pushes = Number(status["backup"], "type") == kPushes;
+    const auto pushed = [pushes](const std::string& when) {
+        return pushes ? StrUtils::Format("%-*s  ", kTimeColumn, when.c_str()) : std::string();
+    };
+    std::string text =
+        "\n" +
+        Coloured(StrUtils::Format("%-*s  %-4s  %-8s  %8s  %-7s  %-*s  ", column, "path", "kind",
+                                  "state", "watched", "restore", kTimeColumn, "backed up") +
+                     pushed("pushed") + "backup",
+                 Colour::kBold) +
+        "\n";
     for (const Json::Value& path : paths) {
         const bool restore = JsonUtils::GetBoolValue(path, "auto_restore", false);
-        text += StrUtils::Format("%-*s  %-4s  %-8s  %8s  %-7s  %s\n", column,
-                                 Text(path, "path").c_str(), Text(path, "kind").c_str(),
-                                 Text(path, "state").c_str(),
-                                 Count(path, "watched_directories").c_str(), restore ? "yes" : "no",
-                                 Text(path, "backup_path").c_str());
+        text += StrUtils::Format(
+            "%-*s  %-4s  %-8s  %8s  %-7s  %-*s  ", column, Text(path, "path").c_str(),
+            Text(path, "kind").c_str(), Text(path, "state").c_str(),
+            Count(path, "watched_directories").c_str(), restore ? "yes" : "no", kTimeColumn,
+            When(Number(path, "last_local_backup"), now_ms).c_str());
+        text += pushed(When(Number(path, "last_remote_backup"), now_ms)) +
+                Text(path, "backup_path") + "\n";
     }
     return text;
 }
@@ -112,8 +133,31 @@ std::string FormatCounters(const Json::Value& status) {
 std::string FormatBackup(const Json::Value& status) {
     Json::Value backup;
     if (!JsonUtils::GetSubobjectValue(status, "backup", backup)) return "";
-    const bool local = JsonUtils::GetBoolValue(backup, "local_pending", false);
-    return StrUtils::Format("%-10s  local %s\n", "backup", local ? "pending" : "up to date");
+    const auto state = [&backup](const char* key) {
+        return JsonUtils::GetBoolValue(backup, key, false) ? "pending" : "up to date";
+    };
+    const std::string text = StrUtils::Format("%-10s  local %s", "backup", state("local_pending"));
+    if (Number(backup, "type") != kPushes) return text + "\n";
+    return text + ", remote " + state("remote_pending") + "\n";
+}
+
+/// Nothing on a host that is no backup server.
+std::string FormatBackupServer(const Json::Value& status, long long now_ms) {
+    Json::Value server;
+    if (!JsonUtils::GetSubobjectValue(status, "backup_server", server) ||
+        !JsonUtils::GetBoolValue(server, "on", false)) {
+        return "";
+    }
+    const bool running = JsonUtils::GetBoolValue(server, "running", false);
+    const std::string daemon = running ? Coloured("running", Colour::kGreen) + " as process " +
+                                             Count(server, "pid") + " since " +
+                                             When(Number(server, "last_start"), now_ms)
+                                       : Coloured("not running", Colour::kRed) + ", last started " +
+                                             When(Number(server, "last_start"), now_ms);
+    return StrUtils::Format("%-10s  ", "server") + daemon + ", " + Count(server, "restarts") +
+           " restarts\n" + StrUtils::Format("%-10s  ", "") + "takes backups at " +
+           Text(server, "address") + " port " + Count(server, "port") + " into " +
+           Text(server, "path") + "\n";
 }
 
 std::string FormatPolicies(const Json::Value& status, long long now_ms) {
@@ -138,7 +182,7 @@ std::string PolicyWarnings(const Json::Value& status, long long now_ms) {
     return text;
 }
 
-std::string PathWarnings(const Json::Value& status) {
+std::string PathWarnings(const Json::Value& status, long long now_ms) {
     std::string text;
     for (const Json::Value& path : status["protected_paths"]) {
         const std::string state = JsonUtils::GetStringValue(path, "state", "");
@@ -146,7 +190,9 @@ std::string PathWarnings(const Json::Value& status) {
         if (state == "waiting") text += Warning(name + " is not there; it is watched for");
         if (state == "degraded") text += Warning(name + " has directories that cannot be watched");
         const std::string failure = Text(path, "last_failure");
-        if (!failure.empty()) text += Warning(name + ", last failure: " + failure);
+        const long long at = Number(path, "last_failure_at");
+        const std::string when = at > 0 ? " at " + When(at, now_ms) : "";
+        if (!failure.empty()) text += Warning(name + ", last failure" + when + ": " + failure);
     }
     return text;
 }
@@ -165,7 +211,7 @@ std::string FormatWarnings(const Json::Value& status, long long now_ms) {
             text += Warning("task " + Text(task, "id") + " could not start in full; see the log");
         }
     }
-    text += PathWarnings(status);
+    text += PathWarnings(status, now_ms);
     if (JsonUtils::GetBoolValue(status["rsync"], "degraded", false)) {
         text += Warning("rsync " + Text(status["rsync"], "version") + ": " +
                         Text(status["rsync"], "reason"));
@@ -180,8 +226,8 @@ std::string FormatWarnings(const Json::Value& status, long long now_ms) {
 std::string FormatStatus(const Json::Value& status, long long now_ms) {
     if (!status.isObject()) return "";
     return FormatAgent(status, now_ms) + FormatProtection(status) + FormatPolicies(status, now_ms) +
-           FormatBackup(status) + FormatPaths(status) + FormatCounters(status) +
-           FormatWarnings(status, now_ms);
+           FormatBackup(status) + FormatBackupServer(status, now_ms) + FormatPaths(status, now_ms) +
+           FormatCounters(status) + FormatWarnings(status, now_ms);
 }
 
 }  // namespace Ctl
