@@ -31,7 +31,7 @@ bool Delivery::FlushOne(const std::string& receiver, PendingQueue& queue) {
             auto message = std::make_unique<FileNotifyMessage>(
                 change.ticket->Id(), change.path, change.moveto, change.mask, change.read_time);
             if (!post_(receiver, message.get())) return false;
-            message.release();  // the framework's from here on
+            static_cast<void>(message.release());  // the framework's from here on
             return true;
         });
         if (posted == WatchTicket::Posted::kRefused) return false;

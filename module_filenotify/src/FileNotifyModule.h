@@ -14,6 +14,8 @@ class FileNotifyModule : public Framework::Module {
   public:
     /// `descriptor`: what the task watches with; null: the real one.
     explicit FileNotifyModule(std::unique_ptr<FileNotify::InotifyDescriptor> descriptor = nullptr);
+    FileNotifyModule(const FileNotifyModule&) = delete;
+    FileNotifyModule& operator=(const FileNotifyModule&) = delete;
     ~FileNotifyModule() override;
 
     bool Init() override;

@@ -25,6 +25,9 @@ class FileNotifyTask : public Framework::Task {
     FileNotifyTask(const Settings& settings,
                    std::unique_ptr<FileNotify::InotifyDescriptor> descriptor);
 
+    FileNotifyTask(const FileNotifyTask&) = delete;
+    FileNotifyTask& operator=(const FileNotifyTask&) = delete;
+
     bool Init() override;
     bool UnInit() override;
     int Run() override;

@@ -20,6 +20,8 @@ class NotifyCore {
   public:
     NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::Post post,
                StatusBoard& board, Poco::Logger* logger, std::chrono::milliseconds retry_after);
+    NotifyCore(const NotifyCore&) = delete;
+    NotifyCore& operator=(const NotifyCore&) = delete;
     ~NotifyCore();
 
     /// 0, or the errno of what failed; may be tried again.

@@ -27,7 +27,7 @@ std::string RequestDesk::Submit(const FileNotifyWatchMessage& message) {
     if (!remove && (message.GetMask() & IN_ALL_EVENTS) == 0) return {};
 
     const std::size_t last = path.find_last_not_of('/');
-    const std::string id = last == std::string::npos ? "/" : path.substr(0, last + 1);
+    std::string id = last == std::string::npos ? "/" : path.substr(0, last + 1);
     WatchRequest request = Translate(message);
     const std::lock_guard lock(mutex_);
     const Key key(message.GetReceiverId(), id);

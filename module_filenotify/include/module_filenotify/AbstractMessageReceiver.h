@@ -22,6 +22,10 @@ class AssetMessage {
 /// does nothing unless overridden. Messages stay the framework's.
 class AbstractMessageReceiver {
   public:
+    AbstractMessageReceiver() = default;
+    AbstractMessageReceiver(const AbstractMessageReceiver&) = delete;
+    AbstractMessageReceiver& operator=(const AbstractMessageReceiver&) = delete;
+
     virtual void FileNotifyMessageAction(FileNotifyMessage* msg);
     virtual void ProcsMessageAction(int kind, unsigned int count,
                                     std::shared_ptr<ProcsMessage::procInfo> info);

@@ -4,6 +4,7 @@
 #include <string>
 
 /// What a watch request asks for beside path and masks.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the agreed name
 struct _FileNotifyOpt {
     bool recursive = false;           ///< the whole tree, also what appears in it later
     bool report_directories = false;  ///< events about directories are delivered too
