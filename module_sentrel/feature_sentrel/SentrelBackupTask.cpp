@@ -2,6 +2,7 @@
 // touch the protected paths (the inotify task restores). Task's thread; a waiting policy interrupts
 // the copy that runs.
 #include <BackupProgress.h>
+#include <ProtectedWay.h>
 #include <SentrelBackupTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -85,12 +86,16 @@ int SentrelBackupTask::Run() {
 bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
     const std::uint64_t round = BackupProgress::Instance().Round();
-    if (!utils->DoRsyncLocal(rule.real_path, rule.backup_path, rule.ignored_postfix,
-                             rule.ignored_subdir, RSYNC_BACKUP)) {
+    // Given with its "/", a link in place of the directory would be followed, and what it leads to
+    // taken for the good state.
+    const bool replaced = !rule.is_file && ProtectedWay(rule, rule.real_path).HasLink();
+    if (replaced || !utils->DoRsyncLocal(rule.real_path, rule.backup_path, rule.ignored_postfix,
+                                         rule.ignored_subdir, RSYNC_BACKUP)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Backup (%s) to (%s) faild.", rule.real_path,
                 rule.backup_path);
-        SentrelStatus::Instance().NoteFailure(rule.real_path,
-                                              "local backup: " + utils->LastCopyError());
+        SentrelStatus::Instance().NoteFailure(
+            rule.real_path, "local backup: " + (replaced ? "a symbolic link stands in its place"
+                                                         : utils->LastCopyError()));
         return false;
     }
     SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to (%s) success num(%lu).", rule.real_path,

@@ -1,3 +1,4 @@
+#include <BackupProgress.h>
 #include <SentrelBackupTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -57,6 +58,20 @@ TEST_F(BackupTask, OneFailure_LeavesTheWholePassToBeRepeated) {
     EXPECT_TRUE(utils_->local_backup_pending);
     task_.Run();
     EXPECT_EQ(Calls(), 4);
+}
+
+TEST_F(BackupTask, LinkInPlaceOfTheDirectory_IsNotCopied) {
+    std::filesystem::create_directories(install_.dir.Path("elsewhere"));
+    std::filesystem::create_directory_symlink(install_.dir.Path("elsewhere"),
+                                              install_.dir.Path("site"));
+    Protect(install_.dir.Path("site/"));
+    task_.Run();
+    EXPECT_EQ(Calls(), 0);
+    EXPECT_TRUE(utils_->local_backup_pending);
+    EXPECT_FALSE(Engine::BackupProgress::Instance().IsComplete(utils_->dir_rules.front()));
+    std::filesystem::remove(install_.dir.Path("site"));
+    task_.Run();
+    EXPECT_TRUE(Engine::BackupProgress::Instance().IsComplete(utils_->dir_rules.front()));
 }
 
 TEST_F(BackupTask, Remote_PushesTheBackupCopies) {
