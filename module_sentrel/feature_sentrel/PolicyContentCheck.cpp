@@ -3,6 +3,7 @@
 #include <RsyncKeys.h>
 #include <sdk/IpUtils.h>
 #include <sdk/JsonUtils.h>
+#include <sdk/PathUtils.h>
 
 #include <algorithm>
 #include <array>
@@ -113,6 +114,15 @@ void CheckReceivingPath(const std::string& path, const std::string& place,
     }
 }
 
+/// rsync's password of that role may be handed in later.
+void CheckPassword(const std::string& role, const std::string& place, PolicyFindings& findings) {
+    const std::string file =
+        SDK::PathUtils::GetInstallationPath() + "conf/rsync_" + role + ".secrets";
+    std::error_code error;
+    if (std::filesystem::exists(file, error)) return;
+    findings.Warning(place, "no password is set yet: use morvanectl secret set " + role);
+}
+
 }  // namespace
 
 void CheckOsType(const Json::Value& content, const std::string& pointer, PolicyFindings& findings) {
@@ -145,6 +155,9 @@ void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
         findings.Warning(PointerTo(pointer, "backup_type"),
                          "with this backup type no backup copy is made on this host");
     }
+    if (type == kLocalAndRemote) {
+        CheckPassword("client", PointerTo(pointer, "backup_type"), findings);
+    }
     if (IsWrongString(content, "backup_addr")) return;
     const std::string address = JsonUtils::GetStringValue(content, "backup_addr", "");
     const std::string place = PointerTo(pointer, "backup_addr");
@@ -158,6 +171,7 @@ void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
 
 void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
                         PolicyFindings& findings) {
+    CheckPassword("server", pointer, findings);
     CheckPort(content, "backupserver_port", 1, pointer, findings);
     if (!IsWrongString(content, "backupserver_path")) {
         CheckReceivingPath(JsonUtils::GetStringValue(content, "backupserver_path", ""),
@@ -173,6 +187,8 @@ void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
         findings.Error(place, "must be an IP address of this host");
     } else if (std::find(own.begin(), own.end(), address) == own.end()) {
         findings.Error(place, "this host has no address " + address);
+    } else if (parsed.isLoopback()) {
+        findings.Warning(place, "no other host can reach a loopback address");
     }
 }
 

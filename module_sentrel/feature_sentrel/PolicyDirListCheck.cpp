@@ -1,6 +1,7 @@
 // Checks the protected paths of a policy. Reads the file system, changes nothing, keeps nothing.
 #include <CommandLineText.h>
 #include <PolicyDirListCheck.h>
+#include <PolicyTreeCheck.h>
 #include <ProtectedPlaces.h>
 #include <sdk/JsonUtils.h>
 #include <sdk/StrUtils.h>
@@ -13,8 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using SDK::JsonUtils;
-
-constexpr std::size_t kMaxScannedNames = 20000;
 
 void CheckCarried(const std::string& path, const std::string& place, PolicyFindings& findings) {
     const std::string culprit = WhatBreaksPath(path);
@@ -83,6 +82,16 @@ void CheckBackupPath(const Json::Value& entry, const std::string& pointer,
     }
 }
 
+/// The entry protects a single file whose name has that ending.
+bool IsFileEndingIn(const Json::Value& entry, const std::string& ending) {
+    std::error_code error;
+    const std::string path = JsonUtils::GetStringValue(entry, "filepath", "");
+    if (!fs::is_regular_file(path, error)) return false;
+    const std::string name = fs::canonical(path, error).filename().string();
+    return name.size() >= ending.size() &&
+           name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+}
+
 void CheckExclusions(const Json::Value& entry, const char* key, const std::string& pointer,
                      PolicyFindings& findings) {
     Json::Value list;
@@ -100,35 +109,13 @@ void CheckExclusions(const Json::Value& entry, const char* key, const std::strin
         if (exclusion.empty() || (subdirs && exclusion == "/")) {
             findings.Warning(place, "excludes everything: nothing of this path is protected");
         }
+        if (!subdirs && !exclusion.empty() && IsFileEndingIn(entry, exclusion)) {
+            findings.Warning(place, "excludes the protected file itself: nothing is protected");
+        }
         const std::string culprit = WhatBreaksExclusion(exclusion);
         if (culprit.empty()) continue;
         findings.Error(place, "the command line of rsync cannot carry " + culprit + " here");
     }
-}
-
-/// Counts names that the command line cannot carry, as far as `budget` goes.
-void ScanNames(const ProtectedPlace& place, std::size_t& budget, PolicyFindings& findings) {
-    std::error_code error;
-    std::size_t unfit = 0;
-    std::string example;
-    fs::recursive_directory_iterator at(place.path, fs::directory_options::skip_permission_denied,
-                                        error);
-    for (; !error && at != fs::recursive_directory_iterator() && budget > 0; at.increment(error)) {
-        --budget;
-        const std::string name = at->path().string();
-        if (place.IsExcluded(name)) {
-            at.disable_recursion_pending();
-            continue;
-        }
-        if (WhatBreaksPath(name.substr(place.path.string().size())).empty()) continue;
-        if (unfit++ == 0) example = name;
-    }
-    if (unfit == 0) return;
-    findings.Warning(PointerTo(place.pointer, "filepath"),
-                     std::to_string(unfit) +
-                         " names with blanks or shell characters can be reported but not "
-                         "restored, such as " +
-                         example);
 }
 
 }  // namespace
@@ -160,8 +147,7 @@ void CheckDirList(const Json::Value& content, const std::string& pointer,
     }
     if (!any_enabled) findings.Warning(base, "has no enabled entry: protection goes off");
     CheckHowPlacesLie(places, findings);
-    std::size_t budget = kMaxScannedNames;
-    for (const ProtectedPlace& place : places) ScanNames(place, budget, findings);
+    CheckNamesBelow(places, findings);
 }
 
 }  // namespace Engine

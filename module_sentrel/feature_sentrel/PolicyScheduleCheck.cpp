@@ -1,5 +1,5 @@
 #include <PolicyContentCheck.h>
-#include <SentrelUtils.h>
+#include <ScheduleStatus.h>
 #include <TimeRange.h>
 #include <sdk/JsonUtils.h>
 
@@ -66,24 +66,77 @@ bool CheckDays(const Json::Value& list, const std::string& pointer, PolicyFindin
     return any;
 }
 
+/// What the document disables, by itself.
+WorkSchedule OwnSchedule(const Json::Value& ranges, const Json::Value& days) {
+    WorkSchedule schedule = WorkSchedule::AlwaysOn();
+    for (const Json::Value& range : ranges) {
+        if (range.isString()) schedule.DisableRange(range.asString());
+    }
+    for (const Json::Value& day : days) {
+        if (!day.isInt() || day.asInt() < 0 || day.asInt() >= kDaysPerWeek) continue;
+        schedule.weekdays[static_cast<std::size_t>(day.asInt())] = false;
+    }
+    return schedule;
+}
+
+/// A pause past midnight belongs to one weekday, not to the night between two.
+void CheckNights(const Json::Value& ranges, const WorkSchedule& schedule,
+                 const std::string& pointer, PolicyFindings& findings) {
+    bool interrupted = false;
+    for (std::size_t day = 0; day < schedule.weekdays.size(); ++day) {
+        const std::size_t next = (day + 1) % schedule.weekdays.size();
+        if (!schedule.weekdays[day] && schedule.weekdays[next]) interrupted = true;
+    }
+    if (!interrupted) return;
+    for (Json::ArrayIndex at = 0; at < ranges.size(); ++at) {
+        const auto range =
+            ranges[at].isString() ? TimeRange::Scan(ranges[at].asString()) : std::nullopt;
+        if (!range || range->start <= range->end) continue;
+        findings.Warning(PointerTo(pointer, at),
+                         "passes midnight: each weekday of disable_week pauses in its own early "
+                         "and late hours, and after the last one work begins at midnight");
+    }
+}
+
+/// What earlier policies disabled stays so until the agent restarts.
+void CheckEarlierTimes(const WorkSchedule& own, const std::string& place,
+                       PolicyFindings& findings) {
+    WorkSchedule united = own;
+    united.Unite(ScheduleStatus::Instance().Get());
+    if (united.NeverWorks()) {
+        findings.Warning(place, own.NeverWorks()
+                                    ? "protection never works: every minute of the week is disabled"
+                                    : "protection never works: with the times that earlier "
+                                      "policies disabled, which stay so until the agent "
+                                      "restarts, no minute of the week is left");
+    } else if (own.WorksBeyond(united)) {
+        findings.Warning(place,
+                         "earlier policies disabled other times too: they stay disabled until the "
+                         "agent restarts");
+    }
+}
+
 }  // namespace
 
 void CheckSchedule(const Json::Value& content, const std::string& pointer,
                    PolicyFindings& findings) {
     const std::string range_place = PointerTo(pointer, "disable_timerange");
     const std::string week_place = PointerTo(pointer, "disable_week");
+    const std::string enable_place = PointerTo(pointer, "distime_enable");
     Json::Value ranges;
     Json::Value days;
     const bool has_ranges = JsonUtils::GetArrayValue(content, "disable_timerange", ranges) &&
                             CheckRanges(ranges, range_place, findings);
     const bool has_days = JsonUtils::GetArrayValue(content, "disable_week", days) &&
                           CheckDays(days, week_place, findings);
-    const std::string enable_place = PointerTo(pointer, "distime_enable");
     if (!JsonUtils::GetBoolValue(content, "distime_enable", false)) {
         if (has_ranges || has_days) {
             findings.Warning(enable_place, "is not true: the schedule is not read");
         }
-    } else if (!has_ranges && !has_days) {
+        CheckEarlierTimes(WorkSchedule::AlwaysOn(), enable_place, findings);
+        return;
+    }
+    if (!has_ranges && !has_days) {
         findings.Warning(enable_place, "the schedule is on but disables nothing");
     } else if (!has_days) {
         findings.Warning(range_place,
@@ -93,6 +146,9 @@ void CheckSchedule(const Json::Value& content, const std::string& pointer,
                          "has no effect: on these weekdays only the minutes of "
                          "disable_timerange are disabled, and there are none");
     }
+    const WorkSchedule own = OwnSchedule(ranges, days);
+    CheckNights(ranges, own, range_place, findings);
+    CheckEarlierTimes(own, enable_place, findings);
 }
 
 }  // namespace Engine

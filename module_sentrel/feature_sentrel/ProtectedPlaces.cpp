@@ -73,6 +73,23 @@ bool ProtectedPlace::IsExcluded(const std::string& name) const {
     });
 }
 
+bool ProtectedPlace::IsMeantByExclusion(const std::string& name) const {
+    return std::any_of(excluded.begin(), excluded.end(), [&name](const std::string& prefix) {
+        const fs::path subdir(prefix);
+        return IsWithin(name, subdir.has_filename() ? subdir : subdir.parent_path());
+    });
+}
+
+bool ProtectedPlace::IsKeptFromBackup(const std::string& name) const {
+    const std::size_t root = path.string().size();
+    return std::any_of(excluded.begin(), excluded.end(), [&](const std::string& full) {
+        std::string ending = full.substr(root);
+        if (ending.back() == '/') ending.pop_back();
+        return ending.size() > 1 && name.size() >= root + ending.size() &&
+               name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+    });
+}
+
 void CheckHowPlacesLie(const std::vector<ProtectedPlace>& places, PolicyFindings& findings) {
     const std::size_t compared = std::min(places.size(), kMaxCompared);
     if (compared < places.size()) {

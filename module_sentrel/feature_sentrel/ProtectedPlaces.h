@@ -13,13 +13,20 @@ namespace Engine {
 struct ProtectedPlace {
     ProtectedPlace(const Json::Value& entry, std::string entry_pointer);
 
-    /// `name`, a path below `path`, lies in an excluded subdirectory.
+    // `name` is a path below `path`.
+
+    /// Events about it are left alone: it begins like an excluded subdirectory.
     bool IsExcluded(const std::string& name) const;
+    /// It is an excluded subdirectory or lies in one.
+    bool IsMeantByExclusion(const std::string& name) const;
+    /// rsync leaves it out of a backup: at whatever depth, it is named like an excluded
+    /// subdirectory.
+    bool IsKeptFromBackup(const std::string& name) const;
 
     std::string pointer;
-    std::filesystem::path path;    ///< without a trailing "/"
-    std::filesystem::path backup;  ///< the same; empty when there is none
-    std::vector<std::string> excluded;
+    std::filesystem::path path;         ///< without a trailing "/"
+    std::filesystem::path backup;       ///< the same; empty when there is none
+    std::vector<std::string> excluded;  ///< full paths
 };
 
 /// Backup folders within protected paths, protected paths within their backup folder, and paths

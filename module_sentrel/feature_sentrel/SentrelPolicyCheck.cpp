@@ -1,6 +1,6 @@
 #include <PolicyContentCheck.h>
 #include <PolicyDirListCheck.h>
-#include <PolicyKeyCheck.h>
+#include <PolicyKeys.h>
 #include <SentrelPolicyCheck.h>
 #include <sdk/JsonUtils.h>
 
@@ -8,51 +8,10 @@ namespace Engine {
 
 namespace {
 
-using Type = PolicyKey::Type;
 using SDK::JsonUtils;
 
 constexpr std::size_t kMaxDocument = 4 * 1024 * 1024;
 constexpr const char* kContent = "/content";
-
-const std::vector<PolicyKey>& DocumentKeys() {
-    static const std::vector<PolicyKey> keys = {{"enabled", Type::kBool},
-                                                {"content", Type::kObject}};
-    return keys;
-}
-
-const std::vector<PolicyKey>& ProtectionKeys() {
-    static const std::vector<PolicyKey> keys = {
-        {"os_type", Type::kInt},           {"backup_type", Type::kInt},
-        {"backup_port", Type::kInt},       {"backup_addr", Type::kString},
-        {"distime_enable", Type::kBool},   {"disable_timerange", Type::kStringArray},
-        {"disable_week", Type::kIntArray}, {"dirlist", Type::kObjectArray},
-        {"diff_content", Type::kBool},     {"diff_attr", Type::kBool},
-        {"monitor_only", Type::kBool},
-    };
-    return keys;
-}
-
-const std::vector<PolicyKey>& BackupServerKeys() {
-    static const std::vector<PolicyKey> keys = {
-        {"backupserver_ip", Type::kString},
-        {"backupserver_port", Type::kInt},
-        {"backupserver_path", Type::kString},
-        {"os_type", Type::kInt},
-    };
-    return keys;
-}
-
-const std::vector<PolicyKey>& EntryKeys() {
-    static const std::vector<PolicyKey> keys = {
-        {"enable", Type::kBool},
-        {"auto_restore", Type::kBool},
-        {"filepath", Type::kString},
-        {"backup_path", Type::kString},
-        {"ignored_postfix", Type::kStringArray},
-        {"ignored_subdir", Type::kStringArray},
-    };
-    return keys;
-}
 
 /// False when nothing more can be said about the document.
 bool ReadDocument(const std::string& text, Json::Value& root, PolicyFindings& findings) {

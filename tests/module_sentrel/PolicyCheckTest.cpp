@@ -1,4 +1,5 @@
 #include <PolicyKeyCheck.h>
+#include <ScheduleStatus.h>
 #include <SentrelPolicy.h>
 #include <SentrelPolicyCheck.h>
 
@@ -119,9 +120,12 @@ TEST_F(PolicyCheck, Values_AreCheckedForWhatTheModuleCanUse) {
     for (const std::string address : {"10.0.0.256", "::1", "a b", "host;id", "-x", "[::g]"}) {
         ExpectError(Content()["backup_addr"], address, "/content/backup_addr");
     }
+    Content()["backup_addr"] = "10.0.0.9";
+    EXPECT_TRUE(Holds(Check().warnings, "/content/backup_type", "secret set client"));
+    install_.dir.Write("conf/rsync_client.secrets", "x");
     for (const std::string address : {"10.0.0.9", "backup-1.example.org", "[::1]"}) {
         Content()["backup_addr"] = address;
-        EXPECT_EQ(Listed(Check().errors), "") << address;
+        EXPECT_EQ(Listed(Check().errors) + Listed(Check().warnings), "") << address;
     }
 }
 
@@ -190,12 +194,36 @@ TEST_F(PolicyCheck, NamesThatCannotBeRestored_AreCountedOutsideExclusions) {
         << Listed(findings.warnings);
 }
 
+TEST_F(PolicyCheck, Exclusions_ThatHitMoreThanTheyMeanAreTold) {
+    data_.Write("site/cache/a", "x");
+    data_.Write("site/cache2.php", "x");
+    data_.Write("site/blog/cache/b", "x");
+    for (const std::string subdir : {"cache", " /cache", "cache/"}) {
+        Entry()["ignored_subdir"][0] = subdir;
+        const auto warnings = Check().warnings;
+        const bool prefix = subdir != "cache/";
+        EXPECT_EQ(warnings.size(), prefix ? 2U : 1U) << Listed(warnings);
+        EXPECT_EQ(Holds(warnings, kEntry + "/filepath", "site/cache2.php"), prefix);
+        EXPECT_EQ(Holds(warnings, kEntry + "/filepath", "site/blog/cache"), true)
+            << subdir << Listed(warnings);
+    }
+    Entry()["filepath"] = data_.Path("site/index.html");
+    Entry()["ignored_postfix"].append(".css");
+    EXPECT_EQ(Listed(Check().warnings), "");
+    Entry()["ignored_postfix"].append(".html ");
+    EXPECT_TRUE(Holds(Check().warnings, kEntry + "/ignored_postfix/1", "itself"));
+    Entry()["ignored_postfix"][0] = " ";
+    EXPECT_TRUE(Holds(Check().warnings, kEntry + "/ignored_postfix/0", "everything"));
+}
+
 TEST_F(PolicyCheck, Schedule_IsCheckedForFormAndEffect) {
     Content()["distime_enable"] = true;
     Content()["disable_week"].append(0);
     Content()["disable_timerange"].append("22:00-06:30");
-    EXPECT_EQ(Listed(Check().errors) + Listed(Check().warnings), "");
-    for (const std::string range : {"", "8:00", "24:00-1:00", "1:60-2:00", "8-9", "-1:00-2:00"}) {
+    EXPECT_EQ(Listed(Check().errors), "");
+    EXPECT_TRUE(Holds(Check().warnings, "/content/disable_timerange/0", "passes midnight"));
+    for (const std::string range : {"", "8:00", "24:00-1:00", "1:60-2:00", "8-9", "-1:00-2:00",
+                                    "a:b-c:d", "8:00-9:00 ", " 8:00-9:00", "8:00-9:00-10:00"}) {
         ExpectError(Content()["disable_timerange"][0], range, "/content/disable_timerange/0");
     }
     for (const int day : {-1, 7}) {
@@ -213,6 +241,46 @@ TEST_F(PolicyCheck, Schedule_IsCheckedForFormAndEffect) {
     warned("disable_week", "no effect");
     Content()["distime_enable"] = false;
     warned("distime_enable", "not read");
+}
+
+TEST_F(PolicyCheck, Schedule_ThatNeverWorksOrIsHeldUpByEarlierOnes_IsTold) {
+    Engine::ScheduleStatus::Instance().Reset();
+    const auto warnings = [this] { return Listed(Check().warnings); };
+    const std::string place = "/content/distime_enable: ";
+    Content()["distime_enable"] = true;
+    for (int day = 0; day < 7; ++day) Content()["disable_week"].append(day);
+    Content()["disable_timerange"].append("22:00-06:30");
+    EXPECT_EQ(warnings(), "");
+    Content()["disable_timerange"].append("6:31-21:59");
+    EXPECT_EQ(warnings(), place + "protection never works: every minute of the week is disabled\n");
+    Content()["disable_week"].resize(6);
+    EXPECT_EQ(warnings().find("never works"), std::string::npos);
+    // Now with what earlier policies left behind.
+    Content()["disable_week"].resize(0);
+    Content()["disable_week"].append(2);
+    Content()["disable_timerange"].resize(0);
+    Content()["disable_timerange"].append("08:00-08:30");
+    Engine::WorkSchedule earlier = Engine::WorkSchedule::AlwaysOn();
+    earlier.weekdays[2] = false;
+    earlier.DisableRange("08:00-08:30");
+    Engine::ScheduleStatus::Instance().Publish(earlier, true);
+    EXPECT_EQ(warnings(), "");
+    const std::string other = place +
+                              "earlier policies disabled other times too: they stay disabled until "
+                              "the agent restarts\n";
+    earlier.DisableRange("08:31-08:32");
+    Engine::ScheduleStatus::Instance().Publish(earlier, true);
+    EXPECT_EQ(warnings(), other);
+    for (const char* key : {"distime_enable", "disable_week", "disable_timerange"}) {
+        Content().removeMember(key);
+    }
+    EXPECT_EQ(warnings(), other);
+    earlier.weekdays.fill(false);
+    earlier.minutes.fill(false);
+    Engine::ScheduleStatus::Instance().Publish(earlier, true);
+    EXPECT_NE(warnings().find("which stay so until the agent restarts"), std::string::npos);
+    Engine::ScheduleStatus::Instance().Reset();
+    EXPECT_EQ(warnings(), "");
 }
 
 TEST_F(PolicyCheck, DisabledDocument_IsCheckedForTypesOnly) {
@@ -241,7 +309,21 @@ TEST_F(PolicyCheck, BackupServer_IsCheckedForWhatTheDaemonNeeds) {
     Content()["backupserver_ip"] = "127.0.0.1";
     Content()["backupserver_port"] = 873;
     Content()["backupserver_path"] = data_.Path("new/received");
-    EXPECT_EQ(Listed(check().errors) + Listed(check().warnings), "");
+    EXPECT_EQ(Listed(check().errors), "");
+    EXPECT_TRUE(Holds(check().warnings, "/content", "secret set server"));
+    install_.dir.Write("conf/rsync_server.secrets", "x");
+    EXPECT_EQ(check().warnings.size(), 1U);
+    EXPECT_TRUE(Holds(check().warnings, "/content/backupserver_ip", "loopback"));
+    for (const std::string address : {"", "0.0.0.0", "localhost", "127.0.0.1 ", "127.0.0.256"}) {
+        Content()["backupserver_ip"] = address;
+        EXPECT_TRUE(Holds(check().errors, "/content/backupserver_ip")) << address;
+    }
+    Content()["backupserver_ip"] = "127.0.0.1";
+    for (const int port : {0, -1, 65536}) {
+        Content()["backupserver_port"] = port;
+        EXPECT_TRUE(Holds(check().errors, "/content/backupserver_port")) << port;
+    }
+    Content()["backupserver_port"] = 873;
     for (const std::string path : {"rel", "/a\nb", "/a%b", "/a ", "/a\\"}) {
         Content()["backupserver_path"] = path;
         EXPECT_TRUE(Holds(check().errors, "/content/backupserver_path")) << path;
@@ -250,8 +332,6 @@ TEST_F(PolicyCheck, BackupServer_IsCheckedForWhatTheDaemonNeeds) {
     EXPECT_TRUE(Holds(check().errors, "/content/backupserver_path", "cannot be made"));
     Content()["backupserver_ip"] = "203.0.113.7";
     EXPECT_TRUE(Holds(check().errors, "/content/backupserver_ip", "203.0.113.7"));
-    Content()["backupserver_port"] = 65536;
-    EXPECT_TRUE(Holds(check().errors, "/content/backupserver_port"));
 }
 
 }  // namespace
