@@ -59,6 +59,12 @@ void CheckProtectedObject(const std::string& path, const std::string& place,
     }
 }
 
+bool HasParent(fs::path path) {
+    std::error_code error;
+    if (!path.has_filename()) path = path.parent_path();
+    return fs::is_directory(path.parent_path(), error);
+}
+
 void CheckBackupPath(const Json::Value& entry, const std::string& pointer,
                      PolicyFindings& findings) {
     const std::string place = PointerTo(pointer, "backup_path");
@@ -79,6 +85,10 @@ void CheckBackupPath(const Json::Value& entry, const std::string& pointer,
     std::error_code error;
     if (fs::exists(path, error) && !fs::is_directory(path, error)) {
         findings.Error(place, "is not a directory");
+    } else if (!fs::exists(path, error) && !HasParent(path)) {
+        findings.Warning(place,
+                         "neither it nor its parent directory exists: rsync makes one level only, "
+                         "and every backup fails until the parent is there");
     }
 }
 

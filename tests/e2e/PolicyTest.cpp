@@ -77,6 +77,29 @@ TEST_F(PolicyPush, Check_FindsErrorsAndChangesNothing) {
     EXPECT_EQ(agent_.Ctl({"policy", "list"}).out, "");
 }
 
+TEST_F(PolicyPush, Schedule_IsInTheStatusAndOutlastsItsPolicyUntilARestart) {
+    ASSERT_TRUE(agent_.Start());
+    Json::Value policy = SitePolicy();
+    const Json::Value without = policy;
+    policy["content"]["distime_enable"] = true;
+    policy["content"]["disable_timerange"].append("0:00-23:59");
+    for (int day = 0; day < 7; ++day) policy["content"]["disable_week"].append(day);
+    const auto schedule = [this] { return agent_.Status()["schedule"]; };
+    EXPECT_TRUE(schedule()["working"].asBool());
+    const CommandResult applied = ApplyText(SDK::JsonUtils::JsonToString(policy));
+    EXPECT_EQ(applied.exit_code, 0);
+    EXPECT_NE(applied.err.find("protection never works"), std::string::npos) << applied.err;
+    EXPECT_TRUE(schedule()["enabled"].asBool() && schedule()["until"].isNull());
+    EXPECT_FALSE(schedule()["working"].asBool());
+    EXPECT_NE(agent_.Ctl({"status"}).out.find("schedule    paused"), std::string::npos);
+    const CommandResult taken_back = ApplyText(SDK::JsonUtils::JsonToString(without));
+    EXPECT_NE(taken_back.err.find("until the agent restarts"), std::string::npos) << taken_back.err;
+    EXPECT_FALSE(schedule()["enabled"].asBool() || schedule()["working"].asBool());
+    agent_.Stop();
+    ASSERT_TRUE(agent_.Start());
+    EXPECT_TRUE(test::WaitFor([&] { return schedule()["working"].asBool(); }, test::Scaled(10s)));
+}
+
 TEST_F(PolicyPush, AppliedPolicy_IsInForceAgainAfterARestart) {
     Protect();
     ASSERT_EQ(agent_.Stop(), 0);

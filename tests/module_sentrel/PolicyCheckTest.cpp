@@ -147,6 +147,9 @@ TEST_F(PolicyCheck, Paths_AreCheckedForWhatTheCommandLineCarries) {
     ExpectError(Entry()["backup_path"], "backup", kEntry + "/backup_path", "absolute");
     ExpectError(Entry()["backup_path"], "", kEntry + "/backup_path", "auto_restore");
     ExpectError(Entry()["backup_path"], data_.Write("a_file", "x"), kEntry + "/backup_path");
+    Entry()["backup_path"] = data_.Path("b1/b2/");
+    EXPECT_TRUE(Holds(Check().warnings, kEntry + "/backup_path", "one level"));
+    Entry()["backup_path"] = data_.Path("b1/");
     Entry()["ignored_subdir"].append(" / ");
     for (const std::string bad : {"a\"b", "a$b", "a`b", "a\\b", "a*b", "a\nb"}) {
         ExpectError(Entry()["ignored_subdir"][0], bad, kEntry + "/ignored_subdir/0", "carry");
