@@ -38,7 +38,7 @@ void BackupServerStatus::NoteStart() {
 
 Json::Value BackupServerStatus::ToJson() const {
     int pid = 0;
-    const bool running = SentrelUtils::GetInstance()->GetRsyncRunningPid(
+    const bool running = SentrelUtils::GetInstance()->GetDaemonPid(
         SDK::PathUtils::GetInstallationPath() + "bin/morvane_rsyncd.pid", pid);
     const std::lock_guard<std::mutex> lock(mutex_);
     Json::Value answer(Json::objectValue);

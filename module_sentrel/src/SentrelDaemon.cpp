@@ -9,7 +9,10 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <sstream>
+#include <vector>
 
 namespace Engine {
 
@@ -19,6 +22,16 @@ constexpr std::size_t kMaxOutput = 4096;
 constexpr long kMaxPidFile = 10485760;
 constexpr int kKillWaits = 10;
 constexpr unsigned int kSettleSeconds = 3;  ///< for the port to be free again
+
+/// The words of the process's command line; empty when it has none or they cannot be read.
+std::vector<std::string> CommandLine(int pid) {
+    std::string text;
+    SDK::FileUtils::ReadFile("/proc/" + std::to_string(pid) + "/cmdline", text, kMaxOutput);
+    std::istringstream in(text);
+    std::vector<std::string> words;
+    for (std::string word; std::getline(in, word, '\0');) words.push_back(word);
+    return words;
+}
 
 /// Kills the process and waits for its end; false when it cannot be had away.
 bool KillAndWait(int pid) {
@@ -66,10 +79,25 @@ bool SentrelUtils::GetRsyncRunningPid(const std::string& pid_file, int& pid) {
     return SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(pid));
 }
 
+bool SentrelUtils::GetDaemonPid(const std::string& pid_file, int& pid) {
+    if (!GetRsyncRunningPid(pid_file, pid)) return false;
+    const std::vector<std::string> words = CommandLine(pid);
+    const auto has = [&words](const std::string& word) {
+        return std::find(words.begin(), words.end(), word) != words.end();
+    };
+    return has(pid_file.substr(0, pid_file.rfind('/') + 1) + "rsync") && has("--daemon");
+}
+
 bool SentrelUtils::DoStopRsyncDeamon() {
     const std::string pid_file = install_path + "bin/morvane_rsyncd.pid";
     int pid = 0;
-    if (GetRsyncRunningPid(pid_file, pid) && !KillAndWait(pid)) return false;
+    if (GetDaemonPid(pid_file, pid)) {
+        if (!KillAndWait(pid)) return false;
+    } else if (GetRsyncRunningPid(pid_file, pid)) {
+        SDK_LOG(GetLogger(), PRIO_WARNING,
+                "%s names process %d, which is no rsync daemon of ours; it is left alone", pid_file,
+                pid);
+    }
     if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
         SDK_LOG(GetLogger(), PRIO_TRACE, "remove file: %s", pid_file);
     }

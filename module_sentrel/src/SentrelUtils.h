@@ -77,7 +77,12 @@ class SentrelUtils {
     bool RunRsyncDaemon(const std::string& conf_path);
     /// True when the file names a live process. `pid` is set whenever the file could be read.
     bool GetRsyncRunningPid(const std::string& pid_file, int& pid);
-    /// True when nothing is left running. Blocks for up to 13 seconds.
+    /// True when the file names a live process that runs the rsync beside the file as a daemon, by
+    /// its command line. After a restart of the machine the number may belong to any process: that
+    /// one is neither killed nor taken for the daemon. `pid` as above. Reads no settings.
+    bool GetDaemonPid(const std::string& pid_file, int& pid);
+    /// Kills our daemon and removes its pid file. True when nothing is left running. Blocks for up
+    /// to 13 seconds.
     bool DoStopRsyncDeamon();
 
     // Reports (SentrelReports.cpp).

@@ -125,6 +125,23 @@ TEST_F(BackUpServer, PidFile_IsBelievedOnlyForALiveProcess) {
     fs::remove(pid_file_);
 }
 
+TEST_F(BackUpServer, PidFileThatNamesAnotherProcess_IsNoReasonToKillIt) {
+    const pid_t other = ::fork();
+    if (other == 0) {
+        ::execl("/bin/sleep", (install_.Path() + "bin/rsync").c_str(), "60", nullptr);
+        ::_exit(1);
+    }
+    install_.dir.Write("bin/morvane_rsyncd.pid", std::to_string(other));
+    int pid = 0;
+    EXPECT_FALSE(utils_->GetDaemonPid(pid_file_, pid));
+    EXPECT_EQ(pid, other);
+    EXPECT_TRUE(utils_->DoStopRsyncDeamon());
+    EXPECT_FALSE(fs::exists(pid_file_));
+    EXPECT_TRUE(SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(other)));
+    ::kill(other, SIGKILL);
+    ::waitpid(other, nullptr, 0);
+}
+
 TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
     install_.UseRealRsync();
     ASSERT_TRUE(Parse(Document()));

@@ -2,12 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sdk/FileUtils.h>
 #include <sdk/JsonUtils.h>
 #include <sdk/SystemUtils.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +14,8 @@
 #include <filesystem>
 #include <sstream>
 
+#include "support/Isolation.h"
+#include "support/TwoHosts.h"
 #include "support/WaitFor.h"
 
 namespace test {
@@ -48,19 +48,6 @@ void CopyStage(const std::string& to) {
     fs::copy(std::string(SENTREL_STAGE) + "/conf", to + "/conf", fs::copy_options::recursive);
 }
 
-/// In the child: what the agent does to the kernel's settings is done to stand-ins, and of the
-/// machine's files it can write none but those below the temporary directory.
-bool Isolate(const std::string& stand_in, const std::string& temporary) {
-    if (::unshare(CLONE_NEWNS) != 0) return false;
-    if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
-    for (const char* path : {"/etc/sysctl.conf", "/proc/sys/fs/inotify/max_user_watches"}) {
-        if (::mount(stand_in.c_str(), path, nullptr, MS_BIND, nullptr) != 0) return false;
-    }
-    const char* writable = temporary.c_str();
-    return ::mount(writable, writable, nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
-           ::mount("none", "/", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
-}
-
 bool Redirect(const std::string& file, int flags, int fd) {
     const int opened = ::open(file.c_str(), flags | O_CLOEXEC, 0600);
     return opened >= 0 && ::dup2(opened, fd) == fd;
@@ -75,6 +62,12 @@ int Reap(pid_t pid, std::chrono::milliseconds deadline) {
         ADD_FAILURE() << "process " << pid << " did not end in time";
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void SetDistributionsRsync(Json::Value& policy) {
+    std::string sha256;
+    SDK::FileUtils::GetFileSha256(kRsync, sha256, 1L << 30);
+    SetRsync(policy, std::string("file://") + kRsync, sha256);
 }
 
 }  // namespace
@@ -98,9 +91,17 @@ Json::Value ProtectionPolicy(const std::vector<ProtectedPath>& paths) {
             entry["ignored_subdir"].append(subdir);
         content["dirlist"].append(entry);
     }
-    std::string sha256;
-    SDK::FileUtils::GetFileSha256(kRsync, sha256, 1L << 30);
-    SetRsync(policy, std::string("file://") + kRsync, sha256);
+    SetDistributionsRsync(policy);
+    return policy;
+}
+
+Json::Value BackupServerPolicy(const std::string& address, int port, const std::string& path) {
+    Json::Value policy;
+    policy["enabled"] = true;
+    policy["content"]["backupserver_ip"] = address;
+    policy["content"]["backupserver_port"] = port;
+    policy["content"]["backupserver_path"] = path;
+    SetDistributionsRsync(policy);
     return policy;
 }
 
@@ -131,13 +132,15 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
-    const pid_t child = ::fork();
+    const bool in_host = isolate && host_ != nullptr;
+    const pid_t child = in_host ? host_->Fork() : ::fork();
     if (child != 0) return child;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (!Redirect(in, O_RDONLY, STDIN_FILENO) ||
         !Redirect(out, O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO) ||
         !Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO) ||
-        (isolate && !Isolate(stand_in, temporary))) {
+        (isolate && !in_host &&
+         !(UnshareMounts() && ShieldMachine(stand_in.c_str(), temporary.c_str())))) {
         ::_exit(kCannotIsolate);
     }
     ::execv(program.c_str(), argv.data());
@@ -209,9 +212,9 @@ CommandResult AgentProcess::Ctl(const std::vector<std::string>& arguments, const
     return RunToEnd(Path("bin/morvanectl"), arguments, input, false, deadline);
 }
 
-int AgentProcess::Apply(const Json::Value& policy) const {
+int AgentProcess::Apply(const Json::Value& policy, const std::string& feature) const {
     const CommandResult result =
-        Ctl({"policy", "apply", "sentrel_feature", "-"}, SDK::JsonUtils::JsonToString(policy));
+        Ctl({"policy", "apply", feature, "-"}, SDK::JsonUtils::JsonToString(policy));
     if (result.exit_code != 0) std::fputs(result.err.c_str(), stderr);
     return result.exit_code;
 }

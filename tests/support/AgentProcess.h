@@ -26,6 +26,8 @@ struct CommandResult {
     std::string err;
 };
 
+class Host;
+
 /// One entry of a protection policy's "dirlist".
 struct ProtectedPath {
     std::string path;
@@ -36,6 +38,9 @@ struct ProtectedPath {
 
 /// A protection policy for those paths, with the distribution's rsync as the download.
 Json::Value ProtectionPolicy(const std::vector<ProtectedPath>& paths);
+
+/// A policy for a backup server, with the distribution's rsync as the download.
+Json::Value BackupServerPolicy(const std::string& address, int port, const std::string& path);
 
 /// Makes `policy` name another download.
 void SetRsync(Json::Value& policy, const std::string& url, const std::string& sha256);
@@ -50,6 +55,10 @@ class AgentProcess {
     ~AgentProcess();
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
+
+    /// Its processes are to run in `host`, which the caller keeps for as long; morvanectl is run
+    /// outside all the same.
+    void RunIn(const Host& host) { host_ = &host; }
 
     /// The installation path without a trailing "/", or `name` below it.
     std::string Path() const { return installation_.Path(); }
@@ -78,8 +87,8 @@ class AgentProcess {
     CommandResult Ctl(const std::vector<std::string>& arguments, const std::string& input = "",
                       std::chrono::milliseconds deadline = std::chrono::seconds(30)) const;
 
-    /// `policy apply` of the protection feature; the exit code.
-    int Apply(const Json::Value& policy) const;
+    /// `policy apply`; the exit code.
+    int Apply(const Json::Value& policy, const std::string& feature = "sentrel_feature") const;
 
     /// The status document; null when there is none.
     Json::Value Status() const;
@@ -99,7 +108,8 @@ class AgentProcess {
                            std::chrono::milliseconds deadline) const;
 
     TempDir installation_;
-    TempDir scratch_;  ///< stand-ins and captured output
+    TempDir scratch_;             ///< stand-ins and captured output
+    const Host* host_ = nullptr;  ///< none: each process in mounts of its own
     mutable int runs_ = 0;
     pid_t pid_ = -1;
 };

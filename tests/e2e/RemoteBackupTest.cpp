@@ -1,0 +1,206 @@
+#include "support/ProtectedSite.h"
+#include "support/TwoHosts.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using test::TempDir;
+using test::TwoHosts;
+
+/// Two agents on two hosts: one is the backup server, the other protects a site and pushes its
+/// backup copies to the first.
+class RemoteBackup : public test::ProtectedSite {
+  protected:
+    static constexpr int kPort = 8730;
+    static constexpr char kPassword[] = "correct horse";
+
+    void SetUp() override {
+        std::string reason;
+        if (hosts_.AreNotAllowed(reason)) GTEST_SKIP() << reason;
+        ASSERT_TRUE(hosts_.AreUp());
+        server_.RunIn(hosts_.server);
+        agent_.RunIn(hosts_.client);
+        // Failed pushes are tried again sooner than the product would.
+        for (const test::AgentProcess* agent : {&server_, &agent_}) {
+            std::ofstream(agent->Path("conf/agent.json")) << R"({"task_period_ms": 500})";
+        }
+    }
+
+    /// The hosts cannot end before the processes that the test has started in them.
+    void TearDown() override {
+        server_.Kill();
+        agent_.Kill();
+    }
+
+    static int SetPassword(const test::AgentProcess& agent, const std::string& role,
+                           const std::string& password) {
+        return agent.Ctl({"secret", "set", role}, password + "\n").exit_code;
+    }
+
+    void StartServer() {
+        ASSERT_TRUE(server_.Start());
+        ASSERT_EQ(SetPassword(server_, "server", kPassword), 0);
+        ASSERT_EQ(server_.Apply(test::BackupServerPolicy(TwoHosts::kServerAddress, kPort,
+                                                         received_.Path("here")),
+                                "backupserver_feature"),
+                  0);
+        ASSERT_TRUE(Await([&] { return DaemonRuns(); }));
+    }
+
+    int PushPolicy() const {
+        Json::Value policy = SitePolicy();
+        policy["content"]["backup_type"] = 2;
+        policy["content"]["backup_addr"] = TwoHosts::kServerAddress;
+        policy["content"]["backup_port"] = kPort;
+        return agent_.Apply(policy);
+    }
+
+    /// The other host protects its site; the push need not succeed.
+    void StartClient(const std::string& password = kPassword) {
+        ASSERT_TRUE(agent_.Start());
+        ASSERT_EQ(SetPassword(agent_, "client", password), 0);
+        ASSERT_EQ(PushPolicy(), 0);
+        ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    }
+
+    std::string PidFile() const { return server_.Path("bin/morvane_rsyncd.pid"); }
+    /// The process id as the server counts; 0: none.
+    int DaemonPid() const { return std::atoi(TempDir::Read(PidFile()).c_str()); }
+    bool DaemonRuns() const { return Answers(DaemonPid()); }
+    bool Answers(int pid) const {
+        return pid > 1 && hosts_.server.Run("kill -0 " + std::to_string(pid) + " 2>&-") == 0;
+    }
+
+    bool IsPending() const { return agent_.Status()["backup"]["remote_pending"].asBool(); }
+    std::string LastFailure() const {
+        return agent_.Status()["protected_paths"][0]["last_failure"].asString();
+    }
+
+    /// What the operator sees when pushes fail because of `fault`: the copy stays pending, the
+    /// status says why, the log says which, and the site is protected all the same.
+    void ExpectFailure(const std::string& fault) const {
+        EXPECT_TRUE(Await([&] { return LastFailure().find(fault) != std::string::npos; }))
+            << LastFailure();
+        EXPECT_EQ(LastFailure().find("remote backup: "), 0U) << LastFailure();
+        EXPECT_TRUE(IsPending());
+        const std::string said = "Backup (" + backup_.Path() + site_.Path() + "/) to remote faild.";
+        EXPECT_TRUE(Await([&] {
+            return TempDir::Read(agent_.Path("log/agent.log")).find(said) != std::string::npos;
+        }));
+        EXPECT_TRUE(TamperingIsUndone("news.html"));
+    }
+
+    /// The copy of the site's copy, its full path kept below the agent's id.
+    std::string Received(const std::string& name) const {
+        return received_.Path("here/") + agent_.Status()["agent_id"].asString() + backup_.Path() +
+               site_.Path(name);
+    }
+
+    /// The push is done, by itself, and the whole site is there.
+    void ExpectCaughtUp() const {
+        EXPECT_TRUE(Await([&] { return !IsPending(); })) << LastFailure();
+        EXPECT_GT(agent_.Status()["protected_paths"][0]["last_remote_backup"].asInt64(), 0);
+        for (const char* name : {"index.html", "about.html", "news.html", "img/logo.svg"}) {
+            EXPECT_EQ(TempDir::Read(hosts_.server.Seen(Received(name))), Good(name)) << name;
+        }
+    }
+
+    TempDir received_;
+    test::AgentProcess server_;
+    TwoHosts hosts_;
+};
+
+TEST_F(RemoteBackup, Copy_ArrivesBelowTheAgentsId) {
+    StartServer();
+    StartClient();
+    ExpectCaughtUp();
+    // An update of the site follows with the next policy.
+    Json::Value off = SitePolicy();
+    off["enabled"] = false;
+    EXPECT_EQ(agent_.Apply(off), 3);
+    site_.Write("update.html", Good("update.html"));
+    ASSERT_EQ(PushPolicy(), 0);
+    ExpectCaughtUp();
+    EXPECT_EQ(TempDir::Read(Received("update.html")), Good("update.html"));
+    const int daemon = DaemonPid();
+    EXPECT_EQ(server_.Stop(), 0);
+    EXPECT_FALSE(Answers(daemon));
+    EXPECT_FALSE(fs::exists(PidFile()));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(RemoteBackup, WrongPassword_IsTold_AndTheRightOneIsEnough) {
+    StartServer();
+    StartClient("wrong");
+    ExpectFailure("auth failed");
+    EXPECT_FALSE(fs::exists(Received("")));
+    EXPECT_EQ(SetPassword(agent_, "client", kPassword), 0);
+    ExpectCaughtUp();
+}
+
+TEST_F(RemoteBackup, DeadServer_IsTold_AndOneThatComesBackIsUsed) {
+    StartServer();
+    ASSERT_EQ(server_.Stop(), 0);
+    StartClient();
+    ExpectFailure("Connection refused");
+    ASSERT_TRUE(server_.Start());
+    ExpectCaughtUp();
+    ASSERT_TRUE(hosts_.SetCable(false));
+    ASSERT_EQ(PushPolicy(), 0);
+    ExpectFailure("No route to host");
+    ASSERT_TRUE(hosts_.SetCable(true));
+    ExpectCaughtUp();
+}
+
+TEST_F(RemoteBackup, FullDiskOnTheServer_IsTold_AndSpaceIsEnough) {
+    const std::string large(1 << 20, 'x');
+    site_.Write("large.html", large);
+    const std::string disk = received_.Path("here");
+    fs::create_directory(disk);
+    ASSERT_EQ(hosts_.server.Run("mount -t tmpfs -o size=256k none " + disk), 0);
+    StartServer();
+    StartClient();
+    ExpectFailure("No space left on device");
+    ASSERT_EQ(hosts_.server.Run("mount -o remount,size=16m " + disk), 0);
+    ExpectCaughtUp();
+    EXPECT_EQ(TempDir::Read(hosts_.server.Seen(Received("large.html"))), large);
+}
+
+TEST_F(RemoteBackup, DaemonThatIsKilled_IsBack) {
+    StartServer();
+    StartClient();
+    ExpectCaughtUp();
+    const int killed = DaemonPid();
+    ASSERT_EQ(hosts_.server.Run("kill -KILL " + std::to_string(killed)), 0);
+    EXPECT_TRUE(Await([&] { return DaemonPid() != killed && DaemonRuns(); }));
+    ASSERT_EQ(PushPolicy(), 0);
+    ExpectCaughtUp();
+}
+
+TEST_F(RemoteBackup, ServerAgentThatIsKilled_ReplacesTheDaemonItLeft) {
+    StartServer();
+    const int left = DaemonPid();
+    server_.Kill();
+    EXPECT_TRUE(Answers(left));
+    ASSERT_TRUE(server_.Start());
+    EXPECT_TRUE(Await([&] { return DaemonPid() != left && DaemonRuns(); }));
+    EXPECT_FALSE(Answers(left));
+    StartClient();
+    ExpectCaughtUp();
+}
+
+TEST_F(RemoteBackup, StalePidFile_NeverKillsAnotherProcess) {
+    StartServer();
+    ASSERT_EQ(server_.Stop(), 0);
+    // As after a restart of the machine: the number belongs to someone else now.
+    ASSERT_EQ(hosts_.server.Run("sleep infinity >/dev/null 2>&1 & echo $! >" + PidFile()), 0);
+    const int other = DaemonPid();
+    ASSERT_TRUE(server_.Start());
+    EXPECT_TRUE(Await([&] { return DaemonPid() != other && DaemonRuns(); }));
+    EXPECT_TRUE(Answers(other));
+    EXPECT_EQ(server_.Stop(), 0);
+    EXPECT_TRUE(Answers(other));
+}
+
+}  // namespace
