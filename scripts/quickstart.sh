@@ -111,7 +111,10 @@ check_place() {
 build() {
     install_dependencies "${BUILD_PACKAGES[@]}"
     step "Building (the first time takes a few minutes)"
-    build_preset release -DSENTREL_TESTS=OFF
+    # Tests that somebody builds in the same folder stay as they are.
+    local options=()
+    [[ -e $ROOT/build/release/CMakeCache.txt ]] || options=(-DSENTREL_TESTS=OFF)
+    build_preset release "${options[@]}"
     STAGE=$ROOT/build/release/stage
 }
 

@@ -37,6 +37,12 @@ std::string DescribeAttributes(const char* label, const std::string& path) {
     return text.data();
 }
 
+/// A regular file; also one that only evidence keeps hold of, whose path looks like a link.
+bool IsHeldFile(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
 bool DigestOf(const std::string& path, std::string& digest) {
     if (SDK::FileUtils::GetFileSha256(path, digest, kDigestLimit) == 0) return true;
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file %s sha256 failed.", path);
@@ -130,7 +136,7 @@ std::string SentrelInotifyTask::HandleFileAttrDiff(const std::string& backup,
 std::string SentrelInotifyTask::HandleFileContentDiff(const std::string& backup,
                                                       const std::string& changed) {
     std::string output;
-    if (!SDK::FileUtils::IsFile(changed) || SDK::FileUtils::IsFileElf(changed)) return output;
+    if (!IsHeldFile(changed) || SDK::FileUtils::IsFileElf(changed)) return output;
     if (!SDK::FileUtils::IsFile(backup)) {
         const int result = SDK::FileUtils::ReadFile(changed, output, kMaxDiff);
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "read(%s) -> [%d] [%?d]", changed, result,

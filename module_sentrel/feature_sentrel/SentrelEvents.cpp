@@ -1,7 +1,7 @@
 // Decides for every change whether it is tampering. An event is only a hint: what counts is the
 // file as it is now against its backup copy. Undoing is SentrelRestore.cpp's, merging of alarms
 // SentrelAlarms.cpp's. Inotify task's thread.
-#include <ProtectedWay.h>
+#include <Poco/String.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
@@ -186,13 +186,14 @@ void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::strin
                                     alarm_type type) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
     const std::string backup = rule.backup_path + file;
+    const std::string changed = current_event_.evidence.Path();
     std::string diff;
     std::string diff_attr;
-    // What lies behind a planted link is no part of the site, and its text none of the alarm's.
-    if (utils->diff_content && !ProtectedWay(rule, file).IsBarred()) {
-        diff = HandleFileContentDiff(backup, file);
+    if (utils->diff_content && !changed.empty()) {
+        // diff names the files that it calls different without showing how.
+        diff = Poco::replace(HandleFileContentDiff(backup, changed), changed, file);
     }
-    if (utils->diff_attr) diff_attr = HandleFileAttrDiff(backup, file);
+    if (utils->diff_attr) diff_attr = HandleFileAttrDiff(backup, changed);
     SentrelSendAlarm(file, type, diff, diff_attr);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <DeferredEvents.h>
+#include <Evidence.h>
 #include <SentrelDirRule.h>
 #include <framework/Task.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
@@ -116,6 +117,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     struct CurrentEvent {
         DeferredEvent source;  ///< read_time zero: not known
         std::string outcome = "reported only";
+        Evidence evidence;  ///< what stood there before it was put right
     };
 
     void HandleFileEvent(const SentrelDirRule& rule, const std::string& rule_path,

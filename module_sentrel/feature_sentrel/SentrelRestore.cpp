@@ -63,10 +63,12 @@ bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
            std::any_of(rule.ignored_subdir.begin(), rule.ignored_subdir.end(), lies_there);
 }
 
-/// One file or link that has a copy, which rsync puts back without deleting anything.
+/// One file or link that was copied since the policy or the end of a pause, which rsync puts back
+/// without deleting anything. An older copy may lack an update that is still to be copied.
 bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) {
-    const mode_t backup_type = TypeAt(rule.backup_path + path);
-    return backup_type != 0 && backup_type != S_IFDIR && TypeAt(path) != S_IFDIR &&
+    struct stat copy {};
+    return ::lstat((rule.backup_path + path).c_str(), &copy) == 0 && !S_ISDIR(copy.st_mode) &&
+           BackupProgress::Instance().IsOfThisRound(copy) && TypeAt(path) != S_IFDIR &&
            !ProtectedWay(rule, path).IsBarred();
 }
 
@@ -79,7 +81,9 @@ bool AwaitsBackup(const SentrelDirRule& rule) {
 
 void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
                                          const std::string& path) {
-    if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return;
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (utils->diff_content || utils->diff_attr) current_event_.evidence = Evidence(rule, path);
+    if (utils->monitor_only || !rule.auto_restore) return;
     if (!restore && !remove) return;
     if (AwaitsBackup(rule) && !(restore && IsRestoredAlone(rule, path))) {
         Defer(path);

@@ -1,5 +1,7 @@
 #include <BackupProgress.h>
 
+#include <tuple>
+
 namespace Engine {
 
 BackupProgress& BackupProgress::Instance() {
@@ -10,6 +12,7 @@ BackupProgress& BackupProgress::Instance() {
 void BackupProgress::Restart() {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++round_;
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &begin_);
     complete_.clear();
 }
 
@@ -28,6 +31,12 @@ bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t roun
 bool BackupProgress::IsComplete(const SentrelDirRule& rule) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return complete_.count({rule.real_path, rule.backup_path}) != 0;
+}
+
+bool BackupProgress::IsOfThisRound(const struct stat& copy) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::tie(copy.st_ctim.tv_sec, copy.st_ctim.tv_nsec) >
+           std::tie(begin_.tv_sec, begin_.tv_nsec);
 }
 
 }  // namespace Engine

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <SentrelDirRule.h>
+#include <sys/stat.h>
 
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <set>
 #include <string>
@@ -30,6 +32,9 @@ class BackupProgress {
 
     bool IsComplete(const SentrelDirRule& rule) const;
 
+    /// The backup copy with these attributes was made, or made anew, in the present round.
+    bool IsOfThisRound(const struct stat& copy) const;
+
   private:
     using Key = std::pair<std::string, std::string>;  // what is copied, and where to
 
@@ -37,6 +42,7 @@ class BackupProgress {
 
     mutable std::mutex mutex_;  ///< guards all below
     std::uint64_t round_ = 0;
+    std::timespec begin_{};  ///< of the round, by the clock that files are stamped with
     std::set<Key> complete_;
 };
 

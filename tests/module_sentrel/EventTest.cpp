@@ -9,6 +9,7 @@
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -69,6 +70,16 @@ class Event : public ::testing::Test {
             EXPECT_GE(seen[told_].note.duration_ms, 0);
         }
         return lines;
+    }
+    /// Makes the backup copy look like one of the present round; file stamps are some ms apart.
+    void StampCopyAnew(const std::string& name) {
+        const std::string copy = rule_.backup_path + File(name);
+        const auto is_new = [&] {
+            struct stat info {};
+            return ::chmod(copy.c_str(), 0644) == 0 && ::lstat(copy.c_str(), &info) == 0 &&
+                   Engine::BackupProgress::Instance().IsOfThisRound(info);
+        };
+        EXPECT_TRUE(test::WaitFor(is_new, std::chrono::seconds(5)));
     }
     /// Puts a link to a directory of somebody else's in the place of `name`.
     void PlantLink(const std::string& name) {
@@ -284,8 +295,44 @@ TEST_F(Event, TextBehindAPlantedLink_IsNotInTheAlarm) {
     utils_->monitor_only = utils_->diff_content = false;
 }
 
+TEST_F(Event, Alarm_DescribesWhatStoodThereBeforeItWasPutRight) {
+    utils_->diff_content = utils_->diff_attr = true;
+    ::chmod(data_.Write("site/index.html", "defaced!").c_str(), 0666);
+    Tell(File("index.html"), IN_MODIFY);
+    data_.Write("site/shell.php", "evil code");
+    Tell(File("shell.php"), IN_CREATE);
+    data_.Write("site/sub/page.html", std::string("\0\1", 2));
+    Tell(File("sub/page.html"), IN_MODIFY);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    const auto alarms = running_.fakes->data.Seen();
+    ASSERT_EQ(alarms.size(), 3U);
+    EXPECT_NE(alarms[0].body.find("< defaced!"), std::string::npos) << alarms[0].body;
+    EXPECT_NE(alarms[0].body.find("mode:-rw-rw-rw- size:8)"), std::string::npos) << alarms[0].body;
+    EXPECT_NE(alarms[1].body.find("\"evil code\""), std::string::npos) << alarms[1].body;
+    EXPECT_NE(alarms[2].body.find("Binary files " + File("sub/page.html")), std::string::npos)
+        << alarms[2].body;
+    utils_->diff_content = utils_->diff_attr = false;
+}
+
+TEST_F(Event, CopyFromBeforeAPolicyOrPause_UndoesNoUpdate) {
+    Engine::BackupProgress::Instance().Restart();
+    data_.Write("site/index.html", "an update");
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(Content("index.html"), "an update");
+    EXPECT_EQ(Alarms(), "modify index.html: reported only\n");
+    EXPECT_TRUE(utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, rule_.ignored_postfix,
+                                     rule_.ignored_subdir, Engine::RSYNC_BACKUP));
+    NoteBackup();
+    task_.HandleDeferredEvents();
+    EXPECT_EQ(Content("index.html"), "an update");
+    data_.Write("site/index.html", "defaced");
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(Content("index.html"), "an update");
+}
+
 TEST_F(Event, BeforeTheFirstBackup_OnlyWhatHasACopyIsPutBackAndTheRestWaits) {
     Engine::BackupProgress::Instance().Restart();
+    StampCopyAnew("index.html");
     data_.Write("site/index.html", "defaced!");
     data_.Write("site/new.html", "not copied yet");
     data_.Write("site/gone.html", "x");
