@@ -52,6 +52,19 @@ bool ClearWay(const SentrelDirRule& rule, std::string& target) {
     return true;
 }
 
+/// The topmost directory on the way to `path` that is gone, ending in "/", or `path` itself. rsync
+/// makes one missing directory at most, and with it comes all that was below: what is told about
+/// that afterwards is found equal.
+std::string TopmostMissing(const SentrelDirRule& rule, const std::string& path) {
+    if (rule.is_file) return path;
+    for (std::size_t slash = rule.real_path.size() - 1;
+         slash != std::string::npos && slash + 1 < path.size(); slash = path.find('/', slash + 1)) {
+        const std::string directory = path.substr(0, slash + 1);
+        if (TypeAt(directory) == 0 && errno == ENOENT) return directory;
+    }
+    return path;
+}
+
 /// An excluded subdirectory of several levels is named from the rule's path on, and rsync knows it
 /// only when it starts there: below that it would take the excluded content for foreign.
 bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
@@ -101,6 +114,7 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
     SentrelStatus& status = SentrelStatus::Instance();
     std::string target = path;
     const bool clear = ClearWay(rule, target);
+    if (clear && !AwaitsBackup(rule)) target = TopmostMissing(rule, target);
     if (HoldsExclusion(rule, target)) target = rule.real_path;
     if (clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
                                      rule.ignored_subdir, RSYNC_RESTORE)) {

@@ -146,6 +146,11 @@ TEST_F(Event, DeletedFileAndDirectory_ComeBack) {
     Tell(File("sub"), IN_DELETE | IN_ISDIR);
     EXPECT_EQ(Content("sub/page.html"), "page");
     EXPECT_EQ(Alarms(), "delete index.html: restored\ndelete sub/: restored\n");
+    // The file's event comes first when a whole tree is deleted.
+    fs::remove_all(data_.Path("site"));
+    Tell(File("sub/page.html"), IN_DELETE);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_EQ(Alarms(), "delete sub/page.html: restored\n");
 }
 
 TEST_F(Event, ForeignFileAndTree_AreRemovedOnArrivalOnly) {
