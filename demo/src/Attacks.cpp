@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string_view>
@@ -81,10 +82,14 @@ std::string ReplaceByLink(const std::string& path, const std::string& target,
     return Result(::rename(ready.c_str(), path.c_str()), "replace", path);
 }
 
+/// In one step: where the agent gets a moment between two, it has the directory back before the
+/// link.
 std::string ReplaceDirectoryByLink(const std::string& path, const std::string& aside,
                                    const std::string& target) {
-    if (::rename(path.c_str(), aside.c_str()) != 0) return Failure("move away", path);
-    return Result(::symlink(target.c_str(), path.c_str()), "link", path);
+    ::unlink(aside.c_str());
+    if (::symlink(target.c_str(), aside.c_str()) != 0) return Failure("link", aside);
+    return Result(::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_EXCHANGE),
+                  "exchange", path);
 }
 
 std::string RemoveTree(const std::string& path) {

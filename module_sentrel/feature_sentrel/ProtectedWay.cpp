@@ -51,21 +51,32 @@ void ProtectedWay::Walk(const std::string& anchor, const std::string& path) {
         SDK::FileDescriptor next(
             ::openat(parent.Get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         struct stat info {};
-        if (!next.IsOpen() || ::fstat(next.Get(), &info) != 0) return;
-        if (S_ISLNK(info.st_mode)) {
-            link_path_ = path.substr(0, end);
+        if (!next.IsOpen() && errno == ENOENT) {
+            end_ = End::kMissing;
+        } else if (!next.IsOpen() || ::fstat(next.Get(), &info) != 0) {
+            return;
+        } else if (S_ISLNK(info.st_mode)) {
+            end_ = End::kLink;
+        } else if (!S_ISDIR(info.st_mode)) {
+            return;
+        }
+        if (end_ != End::kReached) {
+            end_path_ = path.substr(0, end);
             is_last_ = end == path.size();
             parent_ = std::move(parent);
             return;
         }
-        if (!S_ISDIR(info.st_mode)) return;
         parent = std::move(next);
     }
 }
 
 bool ProtectedWay::RemoveLink() {
-    const std::string name = link_path_.substr(link_path_.rfind('/') + 1);
-    return ::unlinkat(parent_.Get(), name.c_str(), 0) == 0 || errno == ENOENT;
+    return ::unlinkat(parent_.Get(), EndName().c_str(), 0) == 0 || errno == ENOENT;
+}
+
+// The restore gives it its own mode and owner.
+bool ProtectedWay::MakeMissing() {
+    return ::mkdirat(parent_.Get(), EndName().c_str(), S_IRWXU) == 0;
 }
 
 }  // namespace Engine

@@ -19,24 +19,35 @@ class ProtectedWay {
     /// What must not be gone through: a link on the way, or a way that leaves the rule's path.
     bool IsBarred() const { return outside_ || (HasLink() && !is_last_); }
 
-    bool HasLink() const { return parent_.IsOpen(); }
+    bool HasLink() const { return end_ == End::kLink; }
 
     /// The topmost link is what `path` itself names.
     bool IsLinkLast() const { return HasLink() && is_last_; }
 
-    /// Where the topmost link stands, without a trailing "/".
-    const std::string& LinkPath() const { return link_path_; }
+    /// Something on the way, or what `path` itself names, is not there.
+    bool IsMissing() const { return end_ == End::kMissing; }
+
+    /// Where the topmost link stands, or the topmost missing thing stood, without a trailing "/".
+    const std::string& EndPath() const { return end_path_; }
 
     /// Removes the topmost link itself; true when it is gone.
     bool RemoveLink();
 
+    /// Makes a directory of what is missing, so that no link can be planted there any more. False
+    /// with EEXIST when something came in between; the way is to be looked at anew.
+    bool MakeMissing();
+
   private:
+    enum class End { kReached, kLink, kMissing };
+
     void Walk(const std::string& anchor, const std::string& path);
+    std::string EndName() const { return end_path_.substr(end_path_.rfind('/') + 1); }
 
     bool outside_ = false;
     bool is_last_ = false;
-    std::string link_path_;
-    SDK::FileDescriptor parent_;  ///< the directory that the link stands in
+    End end_ = End::kReached;
+    std::string end_path_;
+    SDK::FileDescriptor parent_;  ///< the directory that it stands in
 };
 
 /// `path` without trailing "/", with which lstat would follow a link; "/" stays.

@@ -21,6 +21,7 @@ namespace Engine {
 namespace {
 
 constexpr std::size_t kMaxDeferredPerCycle = 128;
+constexpr int kTriesToClear = 4;
 
 /// What stands at `path` itself; 0 when there is nothing.
 mode_t TypeAt(const std::string& path) {
@@ -31,38 +32,44 @@ mode_t TypeAt(const std::string& path) {
 bool RemoveLink(ProtectedWay& way, mode_t backup_type) {
     if (!way.RemoveLink()) return false;
     if (backup_type == S_IFLNK) return true;  // one of the site's own
-    SDK_LOG(ModuleLogger(), PRIO_WARNING, "removed the planted link %s.", way.LinkPath());
+    SDK_LOG(ModuleLogger(), PRIO_WARNING, "removed the planted link %s.", way.EndPath());
     SentrelStatus::Instance().Count(SentrelStatus::kPlantedLinksRemoved);
     return true;
 }
 
-/// Takes away the link that rsync would go through, or copy into where it leads to a directory.
-/// With a link in place of a directory on the way all below that is gone, so `target` becomes that
-/// directory. False: the way cannot be cleared.
-///
-/// A link that is planted after this and before rsync gets there is for rsync to refuse: 3.5.0 and
-/// later do not follow one that belongs to another user.
-bool ClearWay(const SentrelDirRule& rule, std::string& target) {
-    ProtectedWay way(rule, target);
-    if (!way.HasLink()) return !way.IsBarred();
-    const mode_t backup_type = TypeAt(rule.backup_path + way.LinkPath());
-    if (way.IsLinkLast()) return backup_type == 0 || RemoveLink(way, backup_type);
+/// Clears the way of a link; with one in place of a directory on the way, all below that is gone,
+/// so `target` becomes that directory. False: it cannot be cleared.
+bool ClearLink(const SentrelDirRule& rule, ProtectedWay& way, std::string& target) {
+    const mode_t backup_type = TypeAt(rule.backup_path + way.EndPath());
+    if (way.IsLinkLast()) return RemoveLink(way, backup_type);
     if (backup_type != S_IFDIR || !RemoveLink(way, backup_type)) return false;
-    target = way.LinkPath() + "/";
+    target = way.EndPath() + "/";
     return true;
 }
 
-/// The topmost directory on the way to `path` that is gone, ending in "/", or `path` itself. rsync
-/// makes one missing directory at most, and with it comes all that was below: what is told about
-/// that afterwards is found equal.
-std::string TopmostMissing(const SentrelDirRule& rule, const std::string& path) {
-    if (rule.is_file) return path;
-    for (std::size_t slash = rule.real_path.size() - 1;
-         slash != std::string::npos && slash + 1 < path.size(); slash = path.find('/', slash + 1)) {
-        const std::string directory = path.substr(0, slash + 1);
-        if (TypeAt(directory) == 0 && errno == ENOENT) return directory;
+/// Makes the way to `target` fit for rsync, which goes through a link that stands there or on the
+/// way, and copies into the directory that a link in its place leads to. A directory that is gone
+/// is made before rsync runs, so that nobody can plant a link there meanwhile, and becomes the
+/// `target`: with it comes all that was below. False: the way cannot be cleared.
+///
+/// A link that takes a directory's place after this and before rsync gets there is for rsync to
+/// refuse: 3.5.0 and later do not follow one that belongs to another user.
+bool ClearWay(const SentrelDirRule& rule, bool copy_is_complete, std::string& target) {
+    for (int tries = 0; tries < kTriesToClear; ++tries) {
+        ProtectedWay way(rule, target);
+        if (way.HasLink()) {
+            const bool has_copy = TypeAt(rule.backup_path + way.EndPath()) != 0;
+            if (!has_copy) return !way.IsBarred();
+            if (!ClearLink(rule, way, target)) return false;
+        } else if (way.IsMissing() && copy_is_complete &&
+                   TypeAt(rule.backup_path + way.EndPath()) == S_IFDIR) {
+            target = way.EndPath() + "/";
+            if (way.MakeMissing() || errno != EEXIST) return true;
+        } else {
+            return !way.IsBarred();
+        }
     }
-    return path;
+    return false;
 }
 
 /// An excluded subdirectory of several levels is named from the rule's path on, and rsync knows it
@@ -113,8 +120,7 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
     SentrelUtils* utils = SentrelUtils::GetInstance();
     SentrelStatus& status = SentrelStatus::Instance();
     std::string target = path;
-    const bool clear = ClearWay(rule, target);
-    if (clear && !AwaitsBackup(rule)) target = TopmostMissing(rule, target);
+    const bool clear = ClearWay(rule, !AwaitsBackup(rule), target);
     if (HoldsExclusion(rule, target)) target = rule.real_path;
     if (clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
                                      rule.ignored_subdir, RSYNC_RESTORE)) {
@@ -135,7 +141,7 @@ void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::st
     if (way.IsBarred()) {
         // Beyond the link nothing is ours. Where it took a directory's place, that comes back when
         // the loss of the link is told.
-        const mode_t backup_type = TypeAt(rule.backup_path + way.LinkPath());
+        const mode_t backup_type = TypeAt(rule.backup_path + way.EndPath());
         if (!way.HasLink() || backup_type != S_IFDIR) return;
         removed = RemoveLink(way, backup_type);
     } else if (rule.is_file) {

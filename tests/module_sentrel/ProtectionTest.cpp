@@ -90,7 +90,7 @@ TEST_F(Protection, Tampering_IsUndoneAndReported) {
 
     fs::remove_all(site_.Path("sub"));
     EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
-    EXPECT_EQ(Alarm(site_.Path("sub/"))["outcome"], "restored");
+    EXPECT_EQ(Alarm(site_.Path("sub/page.html"))["outcome"], "restored");
 }
 
 TEST_F(Protection, NameThatCannotBeRestored_IsReportedAsValidJson) {
