@@ -1,10 +1,11 @@
 // Holds the JSON Schemas and the operators' pages in docs/ against the check of policies.
+#include <Poco/RegularExpression.h>
+#include <Poco/String.h>
 #include <PolicyKeys.h>
 #include <SentrelPolicyCheck.h>
 #include <json/reader.h>
 
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -69,7 +70,8 @@ class Validator {
     }
     static std::size_t Length(const Json::Value& value) { return value.asString().size(); }
     static bool Matches(const std::string& text, const Json::Value& pattern) {
-        return std::regex_search(text, std::regex(pattern.asString()));
+        Poco::RegularExpression::Match match;
+        return Poco::RegularExpression(pattern.asString()).match(text, match) > 0;
     }
     static bool AllAccepted(const Json::Value& schema, const Json::Value& list) {
         return std::all_of(list.begin(), list.end(),
@@ -131,9 +133,10 @@ class PolicySchema : public ::testing::Test {
     /// A document of the pages, with what is a stand-in there replaced by this host's own.
     static Json::Value Example(std::string text) {
         const Engine::RsyncKeys keys = Engine::RsyncKeys::OfThisHost();
-        text = std::regex_replace(text, std::regex("rsync_x86_64_url"), keys.url);
-        text = std::regex_replace(text, std::regex("rsync_x86_64_hash"), keys.hash);
-        text = std::regex_replace(text, std::regex("<sha256[^>]*>"), std::string(64, 'a'));
+        Poco::replaceInPlace(text, std::string("rsync_x86_64_url"), keys.url);
+        Poco::replaceInPlace(text, std::string("rsync_x86_64_hash"), keys.hash);
+        Poco::RegularExpression("<sha256[^>]*>")
+            .subst(text, std::string(64, 'a'), Poco::RegularExpression::RE_GLOBAL);
         Json::Value document;
         std::string error;
         EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(text.c_str(), text.size(), document, error), 0)
