@@ -4,6 +4,7 @@
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
+#include <WorkClock.h>
 #include <framework/Message.h>
 #include <json/value.h>
 #include <sdk/CryptoCodeUtils.h>
@@ -101,7 +102,7 @@ void SentrelInotifyTask::AddMessageToCache(SentrelCacheMsg& msg) {
 }
 
 void SentrelInotifyTask::CleanOldMessageFromCache() {
-    const std::time_t now = clock_();
+    const std::time_t now = WorkClock::Now();
     while (!alarm_cache.empty()) {
         const SentrelCacheMsg& oldest = alarm_cache.front();
         const std::time_t age =

@@ -28,9 +28,11 @@ void YieldInPass() {
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
 }
 
-void ClearPending(std::atomic<bool>& pending) {
+/// Unless a pause of protection ended while the pass was made: what was copied before that lacks
+/// the updates of the pause, and the gate, under the same lock, has asked for it anew.
+void ClearPending(std::atomic<bool>& pending, std::uint64_t round) {
     const Poco::FastMutex::ScopedLock lock(SentrelUtils::GetInstance()->mutex);
-    pending = false;
+    if (BackupProgress::Instance().Round() == round) pending = false;
 }
 
 }  // namespace
@@ -53,6 +55,7 @@ bool SentrelBackupTask::UnInit() {
 
 int SentrelBackupTask::Run() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
+    const std::uint64_t round = BackupProgress::Instance().Round();
     if (!utils->MakesLocalBackup()) {
         SDK_LOG(ModuleLogger(), PRIO_TRACE, "remote backup not local.");
         return 0;
@@ -74,11 +77,11 @@ int SentrelBackupTask::Run() {
     }
     if (local_ok == utils->dir_rules.size()) {
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "local backup all ok.");
-        ClearPending(utils->local_backup_pending);
+        ClearPending(utils->local_backup_pending, round);
     }
     if (remote_ok == utils->dir_rules.size()) {
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "remote backup all ok.");
-        ClearPending(utils->remote_backup_pending);
+        ClearPending(utils->remote_backup_pending, round);
     }
     return 0;
 }

@@ -33,16 +33,11 @@ const std::vector<unsigned int>& WatchEventMasks() {
     return watch_event_masks;
 }
 
-std::time_t SystemTime() {
-    return std::time(nullptr);
-}
-
 }  // namespace
 
 SentrelInotifyTask::SentrelInotifyTask()
     : Framework::Task(kTaskId, "sentrel_feature", Framework::TaskCondition::kResident,
-                      kQueueCapacity),
-      clock_(SystemTime) {}
+                      kQueueCapacity) {}
 
 bool SentrelInotifyTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());

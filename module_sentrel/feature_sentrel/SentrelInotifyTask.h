@@ -42,8 +42,6 @@ struct SentrelCacheMsg {
 /// need no lock; `alarm_cache` outlives registrations, the watches do not.
 class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceiver {
   public:
-    using Clock = std::time_t (*)();
-
     SentrelInotifyTask();
 
     bool Init() override;
@@ -106,9 +104,6 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool SentrelCheckWork(int weekday, int sec);
     void CheckDisableTime();
 
-    /// Another source of the present time, for tests; never null.
-    void SetClock(Clock clock) { clock_ = clock; }
-
     std::map<std::string, SentrelDirRule> watch_rules;  ///< by watch id
     std::list<SentrelCacheMsg> alarm_cache;             ///< the front is the oldest
 
@@ -135,7 +130,6 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     CurrentEvent current_event_;
     DeferredEvents deferred_;
     bool deferred_overflow_told_ = false;
-    Clock clock_;
 };
 
 }  // namespace Engine

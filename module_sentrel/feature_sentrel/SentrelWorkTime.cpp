@@ -1,6 +1,7 @@
 #include <BackupProgress.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
+#include <WorkClock.h>
 #include <sdk/Log.h>
 
 namespace Engine {
@@ -17,7 +18,7 @@ bool SentrelInotifyTask::SentrelCheckWork(int weekday, int sec) {
 }
 
 void SentrelInotifyTask::CheckDisableTime() {
-    const std::time_t now = clock_();
+    const std::time_t now = WorkClock::Now();
     std::tm local{};
     ::localtime_r(&now, &local);
     const bool work = SentrelCheckWork(local.tm_wday, local.tm_hour * 60 + local.tm_min);

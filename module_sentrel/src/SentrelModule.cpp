@@ -10,11 +10,11 @@
 #include <SentrelPolicyCheck.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
+#include <WorkClock.h>
 #include <framework/Callbacks.h>
 #include <framework/Engine.h>
 #include <sdk/Log.h>
 
-#include <ctime>
 #include <new>
 
 namespace Engine {
@@ -51,7 +51,7 @@ Json::Value AnswerStatus() {
         watches = Json::Value();
     }
     Json::Value answer = SentrelStatus::Instance().ToJson(watches);
-    answer["schedule"] = ScheduleStatus::Instance().ToJson(std::time(nullptr));
+    answer["schedule"] = ScheduleStatus::Instance().ToJson(WorkClock::Now());
     answer["backup_server"] = BackupServerStatus::Instance().ToJson();
     return answer;
 }

@@ -1,5 +1,6 @@
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
+#include <WorkClock.h>
 #include <json/value.h>
 
 #include <ctime>
@@ -29,7 +30,7 @@ SentrelCacheMsg Alarm(const std::string& path, std::time_t when,
 class AlarmCache : public ::testing::Test {
   protected:
     AlarmCache() {
-        task_.SetClock([] { return kNow; });
+        Engine::WorkClock::SetSource([] { return kNow; });
     }
     test::Installation install_;
     SentrelInotifyTask task_;

@@ -1,8 +1,13 @@
 #include <BackupProgress.h>
 #include <SentrelBackupTask.h>
+#include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <thread>
 
 #include "FakeTasks.h"
 #include "Installation.h"
@@ -89,6 +94,28 @@ TEST_F(BackupTask, Remote_PushesTheBackupCopies) {
     utils_->dir_rules.pop_back();
     task_.Run();
     EXPECT_FALSE(utils_->remote_backup_pending);
+}
+
+TEST_F(BackupTask, PauseThatEndsWithinAPass_LeavesThePassToBeRepeated) {
+    const std::string gate = install_.dir.Path("gate");
+    ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+    install_.UseRecordingRsync("case \"$*\" in */backup/a/*) [ ! -p " + gate + " ] || read x <" +
+                               gate + ";; esac");
+    Protect("/a/");
+    Protect("/b/");
+    utils_->backup_type = 2;
+    std::thread pass([this] { task_.Run(); });
+    std::ofstream opened(gate);  // when the push of the first path waits
+    utils_->is_run = false;
+    Engine::SentrelInotifyTask().CheckDisableTime();
+    opened << "go\n" << std::flush;
+    pass.join();
+    EXPECT_EQ(Calls(), 4);
+    EXPECT_TRUE(utils_->local_backup_pending && utils_->remote_backup_pending);
+    std::filesystem::remove(gate);
+    task_.Run();
+    EXPECT_FALSE(utils_->local_backup_pending || utils_->remote_backup_pending);
+    EXPECT_TRUE(Engine::BackupProgress::Instance().IsComplete(utils_->dir_rules.front()));
 }
 
 TEST_F(BackupTask, TypesAndEmptyList_DoNothing) {

@@ -1,6 +1,7 @@
 #include <BackupProgress.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
+#include <WorkClock.h>
 
 #include <cstdlib>
 
@@ -18,7 +19,7 @@ TEST(WorkTime, Gate_FollowsTheTablesAndSetsAllFlagsAtTransitions) {
     test::Installation install;
     Engine::SentrelUtils* utils = Engine::SentrelUtils::GetInstance();
     Engine::SentrelInotifyTask task;
-    task.SetClock([] { return g_now; });
+    Engine::WorkClock::SetSource([] { return g_now; });
     Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
     const std::uint64_t round = progress.Round();
     EXPECT_TRUE(progress.NoteComplete({}, round));
