@@ -88,7 +88,7 @@ int SentrelBackupTask::Run() {
 
 bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    const std::uint64_t round = BackupProgress::Instance().Round();
+    const std::uint64_t round = BackupProgress::Instance().BeginCopy();
     // Given with its "/", a link in place of the directory would be followed, and what it leads to
     // taken for the good state.
     const bool replaced = !rule.is_file && ProtectedWay(rule, rule.real_path).HasLink();

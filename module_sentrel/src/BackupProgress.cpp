@@ -12,12 +12,18 @@ BackupProgress& BackupProgress::Instance() {
 void BackupProgress::Restart() {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++round_;
-    ::clock_gettime(CLOCK_REALTIME_COARSE, &begin_);
+    begin_.reset();
     complete_.clear();
 }
 
 std::uint64_t BackupProgress::Round() const {
     const std::lock_guard<std::mutex> lock(mutex_);
+    return round_;
+}
+
+std::uint64_t BackupProgress::BeginCopy() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!begin_) ::clock_gettime(CLOCK_REALTIME_COARSE, &begin_.emplace());
     return round_;
 }
 
@@ -35,8 +41,8 @@ bool BackupProgress::IsComplete(const SentrelDirRule& rule) const {
 
 bool BackupProgress::IsOfThisRound(const struct stat& copy) const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return std::tie(copy.st_ctim.tv_sec, copy.st_ctim.tv_nsec) >
-           std::tie(begin_.tv_sec, begin_.tv_nsec);
+    return begin_ && std::tie(copy.st_ctim.tv_sec, copy.st_ctim.tv_nsec) >
+                         std::tie(begin_->tv_sec, begin_->tv_nsec);
 }
 
 }  // namespace Engine

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -24,15 +25,19 @@ class BackupProgress {
     /// From now on no copy counts as complete; one that is being made does not count any more.
     void Restart();
 
-    /// The number of the present round, to be fetched before a copy is begun.
+    /// The number of the present round.
     std::uint64_t Round() const;
+
+    /// Called right before a copy is begun, when no other is being made; the present round.
+    std::uint64_t BeginCopy();
 
     /// A copy that was begun in `round` is complete; false when that round is over.
     bool NoteComplete(const SentrelDirRule& rule, std::uint64_t round);
 
     bool IsComplete(const SentrelDirRule& rule) const;
 
-    /// The backup copy with these attributes was made, or made anew, in the present round.
+    /// The backup copy with these attributes was made, or made anew, by a copying that was begun in
+    /// the present round.
     bool IsOfThisRound(const struct stat& copy) const;
 
   private:
@@ -42,7 +47,8 @@ class BackupProgress {
 
     mutable std::mutex mutex_;  ///< guards all below
     std::uint64_t round_ = 0;
-    std::timespec begin_{};  ///< of the round, by the clock that files are stamped with
+    /// Of the round's first copying, by the clock that files are stamped with; none before it.
+    std::optional<std::timespec> begin_;
     std::set<Key> complete_;
 };
 
