@@ -3,11 +3,14 @@
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=scripts/remote-demo.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/remote-demo.sh"
 
 usage() {
     cat <<'END'
 Usage: scripts/quickstart.sh [OPTION]... [DIR]
        scripts/quickstart.sh --demo [DIR]
+       scripts/quickstart.sh --demo-remote
 
 Installs what is missing, builds, starts an agent of its own below build/quickstart, and protects DIR:
 every change below it is undone from a backup copy and reported here, line by line, until Ctrl-C.
@@ -15,6 +18,9 @@ Without DIR it makes a small site to play with.
 
   --demo              attacks a site in twelve ways, waits until each is undone and prints a table;
                       with DIR it attacks a copy of DIR. Exit code 0: all were undone and reported
+  --demo-remote       two agents on two hosts that exist only as long: one protects a site and pushes
+                      its copy to the other. Kills the server's daemon, tries a wrong password, and
+                      shows what is seen of it. Exit code 0: everything went as it should
   --ignore-dir NAME   leaves the directory NAME below DIR alone, such as uploads (may be repeated)
   --ignore-suffix S   leaves files alone whose names end in S, such as .log (may be repeated)
   --report-only       reports changes and leaves them
@@ -36,6 +42,7 @@ parse_arguments() {
     while [[ $# -gt 0 ]]; do
         case $1 in
             --demo) MODE=demo ;;
+            --demo-remote) MODE=demo-remote ;;
             --ignore-dir | --ignore-suffix | --stage | --work | --deadline-ms)
                 [[ $# -ge 2 ]] || die "$1 needs a value; see --help"
                 parse_value "$1" "$2"
@@ -78,6 +85,7 @@ is_below() { [[ $1/ == "${2%/}"/* ]]; }
 
 check_target() {
     [[ -n $TARGET ]] || return 0
+    [[ $MODE != demo-remote ]] || die "--demo-remote makes a site of its own; see --help"
     [[ -e $TARGET ]] || die "there is no directory $TARGET"
     [[ -d $TARGET ]] || die "$TARGET is no directory"
     TARGET=$(realpath -e -- "$TARGET")
@@ -319,6 +327,12 @@ follow() {
 }
 
 run_inside() {
+    if [[ $MODE == demo-remote ]]; then
+        take_lock
+        shield_machine
+        demo_remote
+        return
+    fi
     readonly SOCKET=$WORK/agent/run/agent.sock
     readonly REAL_LIMIT=$WORK/real_limit
     take_lock
@@ -344,6 +358,7 @@ main() {
     fi
     check_place
     [[ -n $STAGE ]] || build
+    [[ $MODE != demo-remote ]] || install_dependencies iproute2
     enter_namespace "$@"
 }
 

@@ -21,19 +21,38 @@ Json::Value Rule(const PolicyRequest& request, const std::string& path, const ch
     return rule;
 }
 
+/// Makes the policy name that executable; false when it cannot be read.
+bool AddRsync(const std::string& rsync, Json::Value& content) {
+    std::string digest;
+    if (SDK::FileUtils::GetFileSha256(rsync, digest, LONG_MAX) != 0) return false;
+    const std::string key = "rsync_" + SDK::SystemUtils::GetInstance()->GetOsArch();
+    for (const char* family : {"", "_tx"}) {
+        content[key + family + "_url"] = "file://" + rsync;
+        content[key + family + "_hash"] = digest;
+    }
+    return true;
+}
+
+std::string Document(const Json::Value& content) {
+    Json::Value document;
+    document["enabled"] = true;
+    document["content"] = content;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "  ";
+    return Json::writeString(writer, document) + "\n";
+}
+
 }  // namespace
 
 std::string MakePolicy(const PolicyRequest& request) {
-    std::string digest;
-    if (SDK::FileUtils::GetFileSha256(request.rsync, digest, LONG_MAX) != 0) return {};
     Json::Value content;
+    if (!AddRsync(request.rsync, content)) return {};
     content["os_type"] = 0;
-    const std::string key = "rsync_" + SDK::SystemUtils::GetInstance()->GetOsArch();
-    for (const char* family : {"", "_tx"}) {
-        content[key + family + "_url"] = "file://" + request.rsync;
-        content[key + family + "_hash"] = digest;
+    content["backup_type"] = request.push_address.empty() ? 0 : 2;
+    if (!request.push_address.empty()) {
+        content["backup_addr"] = request.push_address;
+        content["backup_port"] = request.push_port;
     }
-    content["backup_type"] = 0;
     content["diff_content"] = true;
     content["diff_attr"] = true;
     content["monitor_only"] = false;
@@ -42,12 +61,16 @@ std::string MakePolicy(const PolicyRequest& request) {
     for (const std::string& name : request.excluded_suffixes) tree["ignored_postfix"].append(name);
     content["dirlist"].append(tree);
     if (!request.file.empty()) content["dirlist"].append(Rule(request, request.file, "file"));
-    Json::Value document;
-    document["enabled"] = true;
-    document["content"] = content;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "  ";
-    return Json::writeString(writer, document) + "\n";
+    return Document(content);
+}
+
+std::string MakeServerPolicy(const ServerPolicyRequest& request) {
+    Json::Value content;
+    if (!AddRsync(request.rsync, content)) return {};
+    content["backupserver_ip"] = request.address;
+    content["backupserver_port"] = request.port;
+    content["backupserver_path"] = request.path;
+    return Document(content);
 }
 
 }  // namespace Demo

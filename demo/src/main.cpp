@@ -14,10 +14,9 @@ void AddExclusions(CLI::App* command, std::vector<std::string>& subdirs,
     command->add_option("--ignore-suffix", suffixes, "a file name's end to leave out");
 }
 
-int PrintPolicy(const Demo::PolicyRequest& request) {
-    const std::string policy = Demo::MakePolicy(request);
+int PrintPolicy(const std::string& policy, const std::string& rsync) {
     if (policy.empty()) {
-        std::cerr << "error: cannot read the rsync executable " << request.rsync << "\n";
+        std::cerr << "error: cannot read the rsync executable " << rsync << "\n";
         return 2;
     }
     std::cout << policy;
@@ -35,7 +34,16 @@ int Run(int argc, char** argv) {
     print->add_option("--backup", policy.backup, "folder of the backup copies")->required();
     print->add_option("--rsync", policy.rsync, "the rsync executable to take")->required();
     print->add_flag("!--no-restore", policy.auto_restore, "report changes, and leave them");
+    print->add_option("--push-to", policy.push_address, "a backup server to push the copies to");
+    print->add_option("--push-port", policy.push_port, "its port");
     AddExclusions(print, policy.excluded_subdirs, policy.excluded_suffixes);
+
+    Demo::ServerPolicyRequest server;
+    CLI::App* print_server = app.add_subcommand("server-policy", "print a backup server's policy");
+    print_server->add_option("--address", server.address, "where it listens")->required();
+    print_server->add_option("--port", server.port, "its port")->required();
+    print_server->add_option("--path", server.path, "where the copies go")->required();
+    print_server->add_option("--rsync", server.rsync, "the rsync executable to take")->required();
 
     Demo::SessionOptions session;
     int deadline_ms = static_cast<int>(session.deadline.count());
@@ -58,7 +66,8 @@ int Run(int argc, char** argv) {
     ready->add_option("--paths", readiness.paths, "how many protected paths there must be");
 
     CLI11_PARSE(app, argc, argv);
-    if (print->parsed()) return PrintPolicy(policy);
+    if (print->parsed()) return PrintPolicy(Demo::MakePolicy(policy), policy.rsync);
+    if (print_server->parsed()) return PrintPolicy(Demo::MakeServerPolicy(server), server.rsync);
     if (answer->parsed()) return Demo::WaitForAnswer(readiness, std::cerr) ? 0 : 1;
     if (ready->parsed()) return Demo::WaitUntilReady(readiness, std::cout) ? 0 : 1;
     session.deadline = std::chrono::milliseconds(deadline_ms);

@@ -153,6 +153,20 @@ TEST_F(RemoteBackup, DeadServer_IsTold_AndOneThatComesBackIsUsed) {
     ExpectCaughtUp();
 }
 
+TEST_F(RemoteBackup, ServerThatFallsSilent_IsGivenUp_AndUsedWhenItSpeaksAgain) {
+    const std::string options = agent_.Path("conf/home/.popt");
+    std::string text = TempDir::Read(options);
+    const std::string minutes = "--timeout=300";
+    ASSERT_NE(text.find(minutes), std::string::npos);
+    std::ofstream(options) << text.replace(text.find(minutes), minutes.size(), "--timeout=1");
+    StartServer();
+    ASSERT_EQ(hosts_.server.Run("kill -STOP " + std::to_string(DaemonPid())), 0);
+    StartClient();
+    ExpectFailure("timeout");
+    ASSERT_EQ(hosts_.server.Run("kill -CONT " + std::to_string(DaemonPid())), 0);
+    ExpectCaughtUp();
+}
+
 TEST_F(RemoteBackup, FullDiskOnTheServer_IsTold_AndSpaceIsEnough) {
     const std::string large(1 << 20, 'x');
     site_.Write("large.html", large);

@@ -1,0 +1,219 @@
+# shellcheck shell=bash
+# The demo with two hosts, for quickstart.sh: sourced, never run. It owns the two hosts and what runs
+# in them. A host is a namespace each of network, processes and mounts, which live by one process; when
+# that ends, and it does with this script, everything in the host ends, and the cable is gone.
+
+readonly SERVER_IP=10.77.0.1 WEB_IP=10.77.0.2 SERVER_PORT=873
+declare -A HOST_KEEPER=() HOST_INIT=() HOST_AGENT=()
+
+# demo_remote: the whole of it; inside a mount namespace, as root. $SKIPPED where it is not possible.
+demo_remote() {
+    if ! unshare --net --pid --mount --fork -- true 2>/dev/null; then
+        warn "this machine does not let a process have a network of its own (unshare --net), so there" \
+            "can be no second host"
+        exit "$SKIPPED"
+    fi
+    trap clean_up_hosts EXIT
+    trap 'say; exit 130' INT
+    trap 'exit 143' TERM HUP
+    prepare_hosts
+    start_backup_server
+    start_web_server
+    show_copy
+    show_killed_daemon
+    show_wrong_password
+    say
+    say "Everything went as it should."
+}
+
+prepare_hosts() {
+    local host
+    step "Making two hosts with a cable between them: backup server $SERVER_IP, web server $WEB_IP"
+    rm -rf "$WORK"/{server,web,received,site,backup}
+    mkdir -p "$WORK"/{received,backup}
+    for host in server web; do
+        cp -a -- "$STAGE" "$WORK/$host"
+        rm -rf "${WORK:?}/$host"/{data,log,run}
+        start_host "$host"
+    done
+    # The network tool counts processes as this script does: only the network is the host's.
+    nsenter --target "${HOST_INIT[server]}" --net -- \
+        ip link add eth0 type veth peer name eth0 netns "${HOST_INIT[web]}"
+    connect_host server "$SERVER_IP"
+    connect_host web "$WEB_IP"
+    SITE=$WORK/site
+    make_sample_site
+}
+
+# start_host NAME: its file system is this machine's, but only $WORK, /tmp and /run can be written to.
+start_host() {
+    local ready=$WORK/$1.ready tries
+    rm -f "$ready"
+    # shellcheck disable=SC2016
+    setpriv --pdeathsig KILL -- unshare --net --pid --mount --fork --kill-child --mount-proc -- \
+        "$BASH" -c '
+            set -e
+            mount --bind "$1/shield/max_user_watches" /proc/sys/fs/inotify/max_user_watches
+            mount -t tmpfs -o size=1m none /run
+            mount --bind /tmp /tmp
+            mount --bind "$1" "$1"
+            mount -o remount,bind,ro /
+            : >"$2"
+            sleep infinity &
+            wait' host "$WORK" "$ready" 9>&- </dev/null &
+    HOST_KEEPER[$1]=$!
+    for ((tries = 0; tries < 100; tries++)); do
+        [[ ! -e $ready ]] || break
+        kill -0 "${HOST_KEEPER[$1]}" 2>/dev/null || break
+        sleep 0.1
+    done
+    [[ -e $ready ]] || die "the host $1 could not be made"
+    HOST_INIT[$1]=$(<"/proc/${HOST_KEEPER[$1]}/task/${HOST_KEEPER[$1]}/children")
+    HOST_INIT[$1]=${HOST_INIT[$1]%% *}
+}
+
+# connect_host NAME ADDRESS: at its end of the cable.
+connect_host() {
+    local command
+    for command in "link set lo up" "link set eth0 up" "address add $2/24 dev eth0"; do
+        # shellcheck disable=SC2086
+        nsenter --target "${HOST_INIT[$1]}" --net -- ip $command
+    done
+}
+
+# in_host NAME COMMAND...
+in_host() {
+    local host=$1
+    shift
+    nsenter --target "${HOST_INIT[$host]}" --net --pid --mount -- "$@"
+}
+
+# ctl NAME ARGUMENT...: the control command of that host's agent.
+ctl() {
+    local host=$1
+    shift
+    "$WORK/$host/bin/morvanectl" "$@"
+}
+
+start_host_agent() {
+    nsenter --target "${HOST_INIT[$1]}" --net --pid --mount -- "$WORK/$1/bin/morvane_agent" \
+        >"$WORK/$1.out" 2>&1 </dev/null 9>&- &
+    HOST_AGENT[$1]=$!
+    "$WORK/$1/bin/sentrel_demo" answer --socket "$WORK/$1/run/agent.sock" --deadline-ms 60000 ||
+        die "the agent of the host $1 does not answer; its last words are in $WORK/$1.out"
+}
+
+# await NAME PATTERN: until a line of that host's status matches; shows the line.
+await() {
+    local host=$1 pattern=$2 started=$SECONDS line
+    while ! line=$(ctl "$host" status 2>/dev/null | grep -E -m 1 -- "$pattern"); do
+        if ((SECONDS - started > (60 + DEADLINE_MS / 1000))); then
+            ctl "$host" status >&2 || true
+            die "the status of the host $host never said: $pattern"
+        fi
+        sleep 0.1
+    done
+    say "    $host: ${line}"
+}
+
+start_backup_server() {
+    step "Backup server: starting the agent, setting the password, applying the policy"
+    PASSWORD=$(head -c 12 /dev/urandom | base64)
+    start_host_agent server
+    ctl server secret set server <<<"$PASSWORD" >/dev/null
+    "$STAGE/bin/sentrel_demo" server-policy --address "$SERVER_IP" --port "$SERVER_PORT" \
+        --path "$WORK/received" --rsync "$(realpath -e /usr/bin/rsync)" >"$WORK/server-policy.json"
+    ctl server policy apply backupserver_feature "$WORK/server-policy.json" | indent
+    await server '^server +running'
+}
+
+start_web_server() {
+    step "Web server: starting the agent, setting the password, protecting $SITE"
+    start_host_agent web
+    ctl web secret set client <<<"$PASSWORD" >/dev/null
+    push
+}
+
+# Applying a policy brings the backup copies up to date, and pushes them.
+push() {
+    "$STAGE/bin/sentrel_demo" policy --tree "$SITE" --backup "$WORK/backup" --ignore-dir uploads \
+        --rsync "$(realpath -e /usr/bin/rsync)" --push-to "$SERVER_IP" --push-port "$SERVER_PORT" \
+        >"$WORK/web-policy.json"
+    ctl web policy apply sentrel_feature "$WORK/web-policy.json" | indent
+}
+
+indent() { sed 's/^/    /'; }
+
+# expect_copy: the backup server has the web server's backup copy, byte for byte.
+expect_copy() {
+    local id
+    await web '^backup .*remote up to date'
+    id=$(<"$WORK/web/data/agent_id")
+    RECEIVED=$WORK/received/$id$WORK/backup/tree$SITE
+    diff -r "$WORK/backup/tree$SITE" "$RECEIVED" >&2 ||
+        die "$RECEIVED is not what the web server has sent"
+}
+
+show_copy() {
+    step "The copy arrives on the backup server, below the id of the web server's agent"
+    expect_copy
+    say "    $(find "$RECEIVED" -type f | wc -l) files in $RECEIVED"
+}
+
+show_killed_daemon() {
+    local pid_file=$WORK/server/bin/morvane_rsyncd.pid killed started=${EPOCHREALTIME//[.,]/} took
+    killed=$(<"$pid_file")
+    step "Killing the rsync daemon of the backup server (process $killed there)"
+    in_host server kill -KILL "$killed"
+    await server '^server +running .* [1-9][0-9]* restarts'
+    [[ $(<"$pid_file") != "$killed" ]] || die "the daemon that was killed still has its pid file"
+    took=$((${EPOCHREALTIME//[.,]/} - started))
+    say "    back after $((took / 1000)) ms"
+}
+
+show_wrong_password() {
+    step "Giving the web server a wrong password, and a change to push"
+    ctl web secret set client <<<"not $PASSWORD" >/dev/null
+    ctl web policy apply sentrel_feature - <<<'{"enabled": false}' >/dev/null || true
+    echo '<p>new since the last backup</p>' >"$SITE/new.html"
+    push
+    await web 'last failure.*auth failed'
+    await web '^backup .*remote pending'
+    step "Giving it the right one: the backup catches up by itself"
+    ctl web secret set client <<<"$PASSWORD" >/dev/null
+    expect_copy
+    [[ -f $RECEIVED/new.html ]] || die "the change did not arrive"
+    say "    new.html is on the backup server"
+}
+
+# stop_host NAME: its agent in order, then the host with all that is still in it.
+stop_host() {
+    local agent=${HOST_AGENT[$1]:-} tries stopped=0
+    if [[ -n $agent ]]; then
+        in_host "$1" kill -TERM "$(<"$WORK/$1/run/agent.lock")" 2>/dev/null || true
+        for ((tries = 0; tries < 300; tries++)); do
+            kill -0 "$agent" 2>/dev/null || break
+            sleep 0.1
+        done
+        kill -KILL "$agent" 2>/dev/null && warn "the agent of the host $1 did not stop when asked"
+        wait "$agent" || stopped=$?
+    fi
+    if [[ -n ${HOST_KEEPER[$1]:-} ]]; then
+        kill -KILL "${HOST_KEEPER[$1]}" 2>/dev/null || true
+        wait "${HOST_KEEPER[$1]}" 2>/dev/null || true
+    fi
+    [[ $stopped -eq 0 ]] || warn "the agent of the host $1 ended with $stopped; see $WORK/$1.out"
+    return "$stopped"
+}
+
+clean_up_hosts() {
+    local status=$? host
+    trap - EXIT
+    trap '' INT TERM HUP
+    step "Stopping both agents and removing both hosts"
+    for host in web server; do
+        stop_host "$host" || [[ $status -ne 0 ]] || status=1
+    done
+    say "    logs: $WORK/{server,web}/log, policies: $WORK/{server,web}-policy.json"
+    exit "$status"
+}
