@@ -190,6 +190,11 @@ void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
     } else if (parsed.isLoopback()) {
         findings.Warning(place, "no other host can reach a loopback address");
     }
+    if (parsed.family() == Poco::Net::IPAddress::IPv6) {
+        findings.Warning(place,
+                         "the daemon's configuration admits IPv4 addresses only: it refuses "
+                         "every host that connects by IPv6");
+    }
 }
 
 }  // namespace Engine

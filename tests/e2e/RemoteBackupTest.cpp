@@ -123,6 +123,15 @@ TEST_F(RemoteBackup, Copy_ArrivesBelowTheAgentsId) {
     ASSERT_EQ(PushPolicy(), 0);
     ExpectCaughtUp();
     EXPECT_EQ(TempDir::Read(Received("update.html")), Good("update.html"));
+    // As the documentation says how to fetch it back.
+    const TempDir fetched;
+    EXPECT_EQ(hosts_.client.Run(
+                  agent_.Path("bin/rsync") + " -aHX --password-file=" +
+                  agent_.Path("conf/rsync_client.secrets") + " --port " + std::to_string(kPort) +
+                  " morvane_agent@" + TwoHosts::kServerAddress + "::morvane_agent/" +
+                  agent_.Status()["agent_id"].asString() + backup_.Path("") + " " + fetched.Path()),
+              0);
+    EXPECT_EQ(TempDir::Read(fetched.Path() + site_.Path("update.html")), Good("update.html"));
     const int daemon = DaemonPid();
     EXPECT_EQ(server_.Stop(), 0);
     EXPECT_FALSE(Answers(daemon));

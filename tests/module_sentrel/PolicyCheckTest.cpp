@@ -317,6 +317,8 @@ TEST_F(PolicyCheck, BackupServer_IsCheckedForWhatTheDaemonNeeds) {
     install_.dir.Write("conf/rsync_server.secrets", "x");
     EXPECT_EQ(check().warnings.size(), 1U);
     EXPECT_TRUE(Holds(check().warnings, "/content/backupserver_ip", "loopback"));
+    Content()["backupserver_ip"] = "::1";
+    EXPECT_TRUE(Holds(check().warnings, "/content/backupserver_ip", "IPv6"));
     for (const std::string address : {"", "0.0.0.0", "localhost", "127.0.0.1 ", "127.0.0.256"}) {
         Content()["backupserver_ip"] = address;
         EXPECT_TRUE(Holds(check().errors, "/content/backupserver_ip")) << address;
