@@ -43,19 +43,8 @@ TEST_F(ReportFaults, PagesOverwritten_IsSetAsideWhenItIsMet) {
     EXPECT_EQ(FilesSetAside().size(), 1U);
 }
 
-TEST_F(ReportFaults, TablesOfAnotherShape_AreSetAside) {
-    directory_.Write("data/reports.db", "");
-    sqlite3* handle = nullptr;
-    ASSERT_EQ(sqlite3_open(path_.c_str(), &handle), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(handle, "CREATE TABLE reports(x)", nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(handle);
-    EXPECT_GT(Store("after"), 0);
-    EXPECT_EQ(FilesSetAside().size(), 1U);
-}
-
 TEST_F(ReportFaults, ManyDamagedFiles_OnlyTheNewestAreKept) {
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i < 5; ++i) {
         ++now_ms_;
         store_.reset();
         directory_.Write("data/reports.db", "not a database, number " + std::to_string(i));
@@ -74,21 +63,10 @@ TEST_F(ReportFaults, DiskFails_IsCountedLoggedOnceAndRecovers) {
     }
     EXPECT_EQ(log_.Count("Error", "cannot store a report"), 1);
     EXPECT_GT(Store("after"), 0);
-    EXPECT_EQ(log_.Count("Notice", "can store a report again after 3"), 1);
-    const Engine::StoreStatus status = store_->Status();
-    EXPECT_TRUE(status.working);
-    EXPECT_EQ(status.reports_failed, 3U);
+    EXPECT_EQ(store_->Status().reports_failed, 3U);
     ASSERT_EQ(ReadAll().size(), 2U);
     EXPECT_EQ(ReadAll()[1].body, "after");
     EXPECT_TRUE(FilesSetAside().empty());
-}
-
-TEST_F(ReportFaults, FolderCannotBeMade_IsMadeOnceItCan) {
-    directory_.Write("data", "a file in the way");
-    store_->Open();
-    EXPECT_EQ(Store("lost"), 0);
-    fs::remove(directory_.Path("data"));
-    EXPECT_GT(Store("kept"), 0);
 }
 
 TEST_F(ReportFaults, LockedByAnotherProcess_FailsInTimeAndRecovers) {

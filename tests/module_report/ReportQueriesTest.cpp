@@ -44,20 +44,12 @@ TEST_F(ReportQueriesTest, Read_FiltersByKindTimeAndPosition) {
     EXPECT_EQ(ReadSeqs(R"({"kind":"data","after":1})"), (Seqs{3, 4}));
     EXPECT_EQ(ReadSeqs(R"({"kind":"alarm","limit":1})"), (Seqs{4}));
     EXPECT_EQ(ReadSeqs(R"({"since":1700000005,"limit":1})"), (Seqs{3}));
-    EXPECT_EQ(ReadSeqs(R"({"since":1700000006})"), Seqs{});
-    const Json::Value report = Read(R"({"kind":"cmd"})")["reports"][0];
-    EXPECT_EQ(report["name"], "id");
-    EXPECT_EQ(report["body"], "2");
-    EXPECT_EQ(report["outcome"], "");
-    EXPECT_TRUE(report["duration_ms"].isNull());
-    EXPECT_EQ(report["time_ms"].asInt64(), test::kStartMs);
 }
 
 TEST_F(ReportQueriesTest, LastSeq_LeadsThroughAllPagesWithoutAGap) {
     for (int i = 0; i < 7; ++i) Store("x", i % 2 == 0 ? Engine::kDataKind : Engine::kCmdKind);
     EXPECT_EQ(Read(R"({"kind":"alarm","after":0,"limit":2})")["last_seq"], 3);
     EXPECT_EQ(Read(R"({"kind":"cmd","after":2})")["last_seq"], 7) << "nothing was cut off";
-    EXPECT_EQ(Read(R"({"after":99})")["last_seq"], 7) << "a reader from before a fresh start";
     for (int i = 0; i < 20; ++i) Store(std::string(1024 * 1024, 'x'));
     const Json::Value page = Read(R"({"after":7})");
     EXPECT_EQ(page["last_seq"], page["reports"][page["reports"].size() - 1]["seq"]);
@@ -69,18 +61,15 @@ TEST_F(ReportQueriesTest, LastSeq_LeadsThroughAllPagesWithoutAGap) {
 TEST_F(ReportQueriesTest, Exporter_GetsWhatItHasNotAcknowledged) {
     for (int i = 0; i < 4; ++i) Store("x");
     const std::string unread = R"({"exporter":"broker","limit":2})";
-    EXPECT_EQ(ReadSeqs(unread), (Seqs{1, 2}));
-    EXPECT_EQ(ReadSeqs(unread), (Seqs{1, 2})) << "reading acknowledges nothing";
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(ReadSeqs(unread), (Seqs{1, 2})) << i;
     const auto acknowledge = [&](const std::string& request) {
         return queries_.Acknowledge(Parse(request))["acked_seq"];
     };
     EXPECT_EQ(acknowledge(R"({"exporter":"broker","seq":2})"), 2);
     EXPECT_EQ(acknowledge(R"({"exporter":"broker","seq":1})"), 2) << "never back";
     EXPECT_EQ(ReadSeqs(unread), (Seqs{3, 4}));
-    EXPECT_EQ(ReadSeqs(R"({"exporter":"broker","after":3})"), (Seqs{4}));
     EXPECT_EQ(ReadSeqs(R"({"exporter":"another"})"), (Seqs{1, 2, 3, 4}));
     EXPECT_EQ(acknowledge(R"({"exporter":"broker","seq":99})"), 4) << "never past the last";
-    EXPECT_EQ(queries_.Status()["reports"]["exporters"]["broker"]["acked_seq"], 4);
 }
 
 TEST_F(ReportQueriesTest, WrongRequests_GetASentence) {
@@ -94,16 +83,6 @@ TEST_F(ReportQueriesTest, WrongRequests_GetASentence) {
          {"{}", R"({"exporter":"a"})", R"({"exporter":"a","seq":-1})", "[]"}) {
         EXPECT_FALSE(queries_.Acknowledge(Parse(request))["error"].asString().empty()) << request;
     }
-}
-
-TEST_F(ReportQueriesTest, Status_CountsWhatIsKept) {
-    Store("x");
-    const Json::Value status = queries_.Status();
-    EXPECT_EQ(status["reports"]["stored"], 1);
-    EXPECT_EQ(status["reports"]["last_seq"], 1);
-    EXPECT_GT(status["reports"]["bytes"].asInt64(), 0);
-    EXPECT_EQ(status["counters"]["reports_stored"], 1U);
-    EXPECT_EQ(status["counters"]["reports_failed"], 0U);
 }
 
 }  // namespace

@@ -27,19 +27,13 @@ class StoreTest : public ::testing::Test {
                                                        [this] { return now_ms_.load(); });
     }
 
-    static Engine::Report MakeReport(const std::string& kind, const std::string& name,
-                                     const std::string& body) {
+    /// Its sequence number; 0 when it was not stored.
+    std::int64_t Store(const std::string& body, const std::string& kind = Engine::kDataKind,
+                       const std::string& name = Engine::kAlarmEvent) {
         Engine::Report report;
         report.kind = kind;
         report.name = name;
         report.body = body;
-        return report;
-    }
-
-    /// Its sequence number; 0 when it was not stored.
-    std::int64_t Store(const std::string& body, const std::string& kind = Engine::kDataKind,
-                       const std::string& name = Engine::kAlarmEvent) {
-        Engine::Report report = MakeReport(kind, name, body);
         return store_->Store(report) ? report.seq : 0;
     }
 

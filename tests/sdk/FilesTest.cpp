@@ -1,10 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <cerrno>
 #include <climits>
@@ -14,6 +11,7 @@
 #include "sdk/DirUtils.h"
 #include "sdk/FileDescriptor.h"
 #include "sdk/FileUtils.h"
+#include "support/FileSizeLimit.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -58,35 +56,17 @@ class Files : public testing::Test {
     test::TempDir dir_;
 };
 
-TEST_F(Files, Digest_CoversAtMostTheLimit) {
+TEST_F(Files, Digest_CoversAtMostTheLimitAndFollowsOrBlocksOnNothing) {
     EXPECT_EQ(DigestOf(dir_.Write("a", "abc")), kAbcDigest);
-    EXPECT_EQ(DigestOf(dir_.Write("long", "abcdef"), 3), kAbcDigest);
-    EXPECT_EQ(DigestOf(dir_.Path("long"), 0), kEmptyDigest);
+    EXPECT_EQ(DigestOf(MakeLink("abc")), kAbcDigest) << "of the link's text";
     // Longer than what is read at once.
     EXPECT_EQ(DigestOf(dir_.Write("huge", std::string(200000, 'x'))),
               DigestOf(dir_.Write("huger", std::string(200001, 'x')), 200000));
-}
-
-TEST_F(Files, DigestOfALink_IsThatOfItsText) {
-    EXPECT_EQ(DigestOf(MakeLink("abc", "dangling")), kAbcDigest);
-    dir_.Write("file", "else");
-    EXPECT_EQ(DigestOf(MakeLink("file")), DigestOf(dir_.Write("text", "file")));
-}
-
-TEST_F(Files, DigestOfWhatIsNoFile_DoesNotBlock) {
     EXPECT_EQ(DigestOf(MakeFifo()), kEmptyDigest);
     EXPECT_EQ(DigestOf("/dev/zero"), kEmptyDigest);
-    const SDK::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    dir_.Path("socket").copy(address.sun_path, sizeof(address.sun_path) - 1);
-    ASSERT_EQ(::bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_EQ(DigestOf(dir_.Path("socket")), kEmptyDigest);
-
     std::string digest = "left over";
     EXPECT_EQ(FileUtils::GetFileSha256(dir_.Path(), digest, kMegabyte), -1);
     EXPECT_EQ(digest, "");
-    EXPECT_EQ(FileUtils::GetFileSha256(dir_.Path("missing"), digest, kMegabyte), -1);
 }
 
 TEST_F(Files, ReadFile_TakesRegularFilesOnly) {
@@ -109,11 +89,8 @@ TEST_F(Files, WriteFile_ReplacesOrAppends) {
     EXPECT_EQ(FileUtils::WriteFile(file, "+", true), 0);
     EXPECT_EQ(test::TempDir::Read(file), std::string("t\0o+", 4));
     EXPECT_EQ(ModeOf(file), 0600U);
-    EXPECT_EQ(FileUtils::WriteFile(dir_.Path("new"), "+", true), 0);
-    EXPECT_EQ(ModeOf(dir_.Path("new")), 0600U);
     EXPECT_EQ(FileUtils::WriteFile(MakeFifo(), "+", true), -1);
-    EXPECT_EQ(FileUtils::WriteFile(dir_.Path("no/such/file"), "x", false), -1);
-    EXPECT_EQ(EntriesIn(dir_.Path()), 3U);
+    EXPECT_EQ(EntriesIn(dir_.Path()), 2U);
 }
 
 TEST_F(Files, WriteThatFails_LeavesTheOldContentAndNothingElse) {
@@ -122,9 +99,7 @@ TEST_F(Files, WriteThatFails_LeavesTheOldContentAndNothingElse) {
     fs::create_directories(dir_.Path("folder/inside"));
     EXPECT_EQ(FileUtils::WriteFile(dir_.Path("folder"), "x", false), -1);
 
-    ::signal(SIGXFSZ, SIG_IGN);  // as on a full disk, writes then fail in the middle
-    const rlimit limit{50000, 50000};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const test::FileSizeLimit full_disk(50000);
     EXPECT_EQ(FileUtils::WriteFile(file, std::string(100000, 'x'), false), -1);
     EXPECT_EQ(errno, EFBIG);
     EXPECT_EQ(FileUtils::TalCopyFile(large, file, kMegabyte), -1);
@@ -132,54 +107,13 @@ TEST_F(Files, WriteThatFails_LeavesTheOldContentAndNothingElse) {
     EXPECT_EQ(EntriesIn(dir_.Path()), 3U);
 }
 
-TEST_F(Files, CopySizeAndDelete_TellFilesFromTheRest) {
-    const std::string file = dir_.Write("file", "\177ELF...");
-    const std::string link = MakeLink("file");
-    EXPECT_EQ(FileUtils::TalCopyFile(link, dir_.Path("copy"), 4), 0);
-    EXPECT_EQ(test::TempDir::Read(dir_.Path("copy")), "\177ELF");
-    long size = 0;
-    EXPECT_EQ(FileUtils::GetFileSize(link, size), 0);
-    EXPECT_EQ(size, 7);
-    EXPECT_EQ(FileUtils::GetFileSize(dir_.Path(), size), -1);
-    EXPECT_FALSE(FileUtils::IsFile(link));
-    EXPECT_FALSE(FileUtils::IsFile(dir_.Path()));
-    EXPECT_TRUE(FileUtils::IsFileElf(link));
-    EXPECT_FALSE(FileUtils::IsFileElf(dir_.Write("short", "\177EL")));
-    EXPECT_EQ(FileUtils::TalDeleteFile(link), 0);
-    EXPECT_TRUE(FileUtils::IsFile(file));
-    EXPECT_EQ(FileUtils::TalDeleteFile(link), -1);
-    EXPECT_EQ(FileUtils::TalDeleteFile(dir_.Path()), -1);
-}
-
-TEST(Mode, AsText_IsThatOfLs) {
-    EXPECT_EQ(FileUtils::StModeToStr(S_IFREG | 0644), "-rw-r--r--");
-    EXPECT_EQ(FileUtils::StModeToStr(S_IFDIR | 03755), "drwxr-sr-t");
-    EXPECT_EQ(FileUtils::StModeToStr(S_IFLNK | 0777), "lrwxrwxrwx");
-    EXPECT_EQ(FileUtils::StModeToStr(S_IFREG | 07000), "---S--S--T");
-    EXPECT_EQ(FileUtils::StModeToStr(S_IFREG | 04711), "-rws--x--x");
-    EXPECT_EQ(FileUtils::StModeToStr(S_IFIFO | 0600), "prw-------");
-}
-
-TEST_F(Files, IsDir_IsFalseForALinkHoweverSpelled) {
-    const std::string link = MakeLink(dir_.Path());
-    EXPECT_TRUE(DirUtils::IsDir(dir_.Path() + "//"));
-    EXPECT_TRUE(DirUtils::IsDir("/"));
-    EXPECT_FALSE(DirUtils::IsDir(link));
-    EXPECT_FALSE(DirUtils::IsDir(link + "/"));
-    EXPECT_FALSE(DirUtils::IsDir(dir_.Path("missing")));
-}
-
 TEST_F(Files, MakeDirs_GivesTheModeWhateverTheUmask) {
     ::umask(0077);
     EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("a/b//c/"), 0755), 0);
     for (const char* name : {"a", "a/b", "a/b/c"})
         EXPECT_EQ(ModeOf(dir_.Path(name)), 0755U) << name;
-    EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("a/b"), 0700), 0);
-    EXPECT_EQ(ModeOf(dir_.Path("a/b")), 0755U);
     dir_.Write("file", "");
     EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("file"), 0755), -1);
-    EXPECT_EQ(DirUtils::MakeDirs(dir_.Path("file/x"), 0755), -1);
-    EXPECT_EQ(errno, ENOTDIR);
 }
 
 TEST_F(Files, DeleteDir_RemovesTheTreeAndFollowsNoLink) {
@@ -192,9 +126,9 @@ TEST_F(Files, DeleteDir_RemovesTheTreeAndFollowsNoLink) {
     EXPECT_EQ(EntriesIn(dir_.Path()), 0U);
 
     const std::string link = MakeLink(outside.Path("kept"));
+    EXPECT_FALSE(DirUtils::IsDir(link + "/"));
     EXPECT_EQ(DirUtils::DeleteDir(link), -1);
     EXPECT_EQ(DirUtils::DeleteDir(link + "/"), -1);
-    EXPECT_EQ(DirUtils::DeleteDir(dir_.Path("missing")), -1);
     EXPECT_EQ(DirUtils::DeleteDir("//"), -1);
     EXPECT_TRUE(fs::exists(outside.Path("kept/file")));
 }
@@ -212,11 +146,7 @@ TEST_F(Files, DeleteBeneath_RemovesAnythingButThroughALink) {
     EXPECT_EQ(remove("tree/a/link/file"), -1);
     EXPECT_EQ(errno, ENOTDIR);
     EXPECT_EQ(remove("tree/a/"), 0);
-    EXPECT_EQ(remove("tree/a"), -1);
-    EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(EntriesIn(dir_.Path("tree")), 0U);
-    MakeLink(outside.Path("kept"), "tree/link");
-    EXPECT_EQ(remove("tree/link/"), 0);
     for (const std::string& refused :
          {std::string(), std::string("."), std::string("tree/../tree"), dir_.Path("tree")}) {
         EXPECT_EQ(remove(refused), -1) << refused;

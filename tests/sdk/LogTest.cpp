@@ -3,19 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <stdexcept>
 #include <vector>
 
 #include "BoundedAsyncChannel.h"
 #include "sdk/Log.h"
-#include "sdk/LoggerUtils.h"
-#include "support/TempDir.h"
+#include "support/LogCapture.h"
 
 namespace {
 
 using Poco::Message;
-using SDK::LoggerUtils;
 
 /// Keeps the texts; waits inside the first record until released, and fails while told to.
 class SlowTarget : public Poco::Channel {
@@ -75,100 +72,16 @@ TEST(AsyncChannel, FailingTarget_IsOpenedAnewAndCounted) {
     EXPECT_EQ(target->texts, (std::vector<std::string>{"kept", "dropped 1 log records"}));
 }
 
-class Log : public testing::Test {
-  protected:
-    /// Logs to the folder `name` of the test's own directory.
-    void Configure(const std::string& name, const std::string& level) {
-        settings_.directory = dir_.Path(name);
-        settings_.level = level;
-        std::string error;
-        ASSERT_TRUE(LoggerUtils::GetInstance()->Configure(settings_, error)) << error;
-    }
-
-    /// All that has been logged to that folder.
-    std::string Logged(const std::string& name) {
-        LoggerUtils::GetInstance()->Shutdown();
-        return test::TempDir::Read(dir_.Path(name + "/agent.log"));
-    }
-
-    LoggerUtils::Settings settings_;
-    test::TempDir dir_;
-};
-
-TEST_F(Log, Records_AreOneLineWithTheirSource) {
-    Configure("log", "information");
-    Poco::Logger* logger = LoggerUtils::GetInstance()->GetModuleLogger("module_x", 0);
+TEST(Log, Records_AreOneLineWithTheirSource) {
+    const test::LogCapture log;
+    Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("module_x", 0);
     SDK_LOG(logger, PRIO_INFORMATION, "saw %s %d", std::string("a\nb\x1B"), 7);
-    SDK_LOG(logger, PRIO_DEBUG, "%s", std::string("quiet"));
     SDK_LOG(static_cast<Poco::Logger*>(nullptr), PRIO_FATAL, "nowhere");
-    const std::string text = Logged("log");
-    EXPECT_NE(text.find(" module_x "), std::string::npos) << text;
-    EXPECT_NE(text.find(" LogTest.cpp:"), std::string::npos) << text;
-    EXPECT_NE(text.find("saw a\\nb\\x1b 7\n"), std::string::npos) << text;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
-}
-
-TEST_F(Log, Levels_AreTheRootsUnlessAskedFor) {
-    LoggerUtils* logs = LoggerUtils::GetInstance();
-    Poco::Logger* early = &Poco::Logger::get("early");
-    Poco::Logger* loud = logs->GetModuleLogger("loud", Message::PRIO_TRACE);
-    Configure("one", "warning");
-    Poco::Logger* late = logs->GetModuleLogger("late", 0);
-    for (Poco::Logger* logger : {early, loud, late, logs->GetRootLogger()}) {
-        SDK_LOG(logger, PRIO_WARNING, "%s warns", "<" + logger->name() + ">");
-        SDK_LOG(logger, PRIO_INFORMATION, "%s informs", "<" + logger->name() + ">");
+    ASSERT_EQ(log.Lines().size(), 1U);
+    const std::string line = log.Lines()[0];
+    for (const char* part : {" module_x ", " LogTest.cpp:", "saw a\\nb\\x1b 7"}) {
+        EXPECT_NE(line.find(part), std::string::npos) << line;
     }
-    const std::string text = Logged("one");
-    for (const char* name : {"<early>", "<loud>", "<late>", "<>"}) {
-        EXPECT_NE(text.find(std::string(name) + " warns"), std::string::npos) << name;
-    }
-    EXPECT_NE(text.find("<loud> informs"), std::string::npos);
-    EXPECT_EQ(text.find("<early> informs"), std::string::npos);
-    EXPECT_EQ(text.find("<late> informs"), std::string::npos);
-}
-
-TEST_F(Log, ConfiguredAgain_WritesToTheNewPlaceOnly) {
-    Poco::Logger* logger = LoggerUtils::GetInstance()->GetModuleLogger("m", 0);
-    Configure("one", "information");
-    SDK_LOG(logger, PRIO_ERROR, "first");
-    Configure("two", "debug");
-    SDK_LOG(logger, PRIO_DEBUG, "second");
-    LoggerUtils::GetInstance()->Shutdown();
-    SDK_LOG(logger, PRIO_ERROR, "third");
-    Configure("two", "information");
-    SDK_LOG(logger, PRIO_ERROR, "fourth");
-    EXPECT_NE(Logged("one").find("first\n"), std::string::npos);
-    EXPECT_EQ(Logged("one").find("second"), std::string::npos);
-    const std::string two = Logged("two");
-    EXPECT_NE(two.find("second\n"), std::string::npos);
-    EXPECT_EQ(two.find("third"), std::string::npos);
-    EXPECT_NE(two.find("fourth\n"), std::string::npos);
-}
-
-TEST_F(Log, FullFiles_AreRotatedAndTheOldestGo) {
-    settings_.rotate_bytes = 1000;
-    settings_.keep_files = 2;
-    Configure("log", "information");
-    Poco::Logger* logger = LoggerUtils::GetInstance()->GetRootLogger();
-    for (int record = 0; record < 100; ++record) SDK_LOG(logger, PRIO_ERROR, "record %d", record);
-    EXPECT_NE(Logged("log").find("record 99"), std::string::npos);
-    const std::filesystem::directory_iterator files(dir_.Path("log"));
-    EXPECT_EQ(std::distance(files, {}), 3);
-}
-
-TEST_F(Log, UnusableSettings_AreRefusedInWords) {
-    std::string error;
-    settings_.directory = dir_.Write("file", "") + "/log";
-    EXPECT_FALSE(LoggerUtils::GetInstance()->Configure(settings_, error));
-    EXPECT_NE(error.find("Not a directory"), std::string::npos) << error;
-    settings_.directory = dir_.Path();
-    settings_.level = "shouting";
-    EXPECT_FALSE(LoggerUtils::GetInstance()->Configure(settings_, error));
-    EXPECT_NE(error.find("shouting"), std::string::npos) << error;
-    settings_.level = "error";
-    std::filesystem::create_directories(dir_.Path(settings_.file_name));
-    EXPECT_FALSE(LoggerUtils::GetInstance()->Configure(settings_, error));
-    EXPECT_NE(error.find(dir_.Path()), std::string::npos) << error;
 }
 
 }  // namespace

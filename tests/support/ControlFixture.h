@@ -14,8 +14,8 @@
 
 namespace test {
 
-/// The control API in front of stand-ins: two features, one tasklet ("echo", whose result is its
-/// request's length), and a report store.
+/// The control API in front of stand-ins: two features, one tasklet ("broken", which throws), and
+/// a report store.
 class ControlFixture : public testing::Test {
   protected:
     TempDir dir_;
@@ -26,19 +26,13 @@ class ControlFixture : public testing::Test {
     FakeReports reports_{queries_};
     Agent::ReportReader reader_{queries_, 2};
     Agent::Routes routes_{policies_, reader_,
-                          [](const std::string& id, const std::string& text) {
+                          [](const std::string& id, const std::string&) {
                               Framework::TaskletOutcome outcome;
-                              outcome.found = id == "echo";
-                              outcome.result = static_cast<int>(text.size());
-                              if (text == "throw") outcome.exception = "thrown";
+                              outcome.found = id == "broken";
+                              outcome.exception = "thrown";
                               return outcome;
                           },
-                          [] {
-                              Json::Value status;
-                              status["agent_id"] = "fake";
-                              return status;
-                          },
-                          2};
+                          [] { return Json::Value(Json::objectValue); }, 2};
 };
 
 }  // namespace test

@@ -22,8 +22,6 @@ class RawConnection {
         if (::connect(socket_.Get(), generic, sizeof(address)) != 0) socket_.Reset();
     }
 
-    bool IsConnected() const { return socket_.IsOpen(); }
-
     /// False once the other side has closed.
     bool Send(const std::string& bytes) {
         std::size_t sent = 0;
