@@ -103,8 +103,10 @@ pid_t Host::Fork() const {
     const Descriptor network(NamespaceOf(init_, "net"));
     const Descriptor mounts(NamespaceOf(init_, "mnt"));
     const pid_t child = ::fork();
-    if (child == 0 &&
-        (::setns(network.Get(), CLONE_NEWNET) != 0 || ::setns(mounts.Get(), CLONE_NEWNS) != 0)) {
+    // A thread of ThreadSanitizer's shares the working directory, and setns then refuses the
+    // mounts.
+    if (child == 0 && (::unshare(CLONE_FS) != 0 || ::setns(network.Get(), CLONE_NEWNET) != 0 ||
+                       ::setns(mounts.Get(), CLONE_NEWNS) != 0)) {
         ::_exit(kCannotEnter);
     }
     ::setns(own_pids.Get(), CLONE_NEWPID);
