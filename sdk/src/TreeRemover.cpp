@@ -8,10 +8,13 @@
 #include <cstring>
 #include <memory>
 
+#include "sdk/TimeUtils.h"
+
 namespace SDK {
 
 namespace {
 
+constexpr std::int64_t kPatienceMs = 500;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 struct CloseDir {
@@ -45,7 +48,20 @@ int TreeRemover::Remove(const std::string& path) {
     return RemoveAt(AT_FDCWD, path);
 }
 
+// Somebody who goes on putting files in keeps the directory from going: it is gone through again.
 int TreeRemover::RemoveAt(int parent, const std::string& name) {
+    int result = RemoveOnce(parent, name);
+    const std::int64_t end = TimeUtils::GetMonotonicMs() + kPatienceMs;
+    while (result != 0 && errno == ENOTEMPTY && TimeUtils::GetMonotonicMs() < end) {
+        result = RemoveOnce(parent, name);
+        if (result != 0 && errno == ENOENT) return 0;
+    }
+    return result;
+}
+
+int TreeRemover::RemoveOnce(int parent, const std::string& name) {
+    first_error_ = 0;
+    levels_.clear();
     parent_ = parent;
     if (!Enter(FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags)), name)) {
         errno = first_error_;

@@ -14,8 +14,8 @@ namespace SDK {
 /// thread; one use.
 class TreeRemover {
   public:
-    /// 0 when all is gone. Goes on past what cannot be removed; -1 then, errno the first failure.
-    /// Refuses "/".
+    /// 0 when all is gone, at the latest after half a second of files being added meanwhile. Goes
+    /// on past what cannot be removed; -1 then, errno the first failure. Refuses "/".
     int Remove(const std::string& path);
 
     /// The same for the directory `name` in the directory `parent`, which stays the caller's.
@@ -29,6 +29,7 @@ class TreeRemover {
         std::vector<std::string> directories;  // still to be removed
     };
 
+    int RemoveOnce(int parent, const std::string& name);
     bool Enter(FileDescriptor directory, const std::string& name);
     bool Leave();
     void Descend(const std::string& name);

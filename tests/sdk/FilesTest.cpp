@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <string>
+#include <thread>
 
 #include "Sha256.h"
 #include "sdk/DirUtils.h"
@@ -131,6 +133,19 @@ TEST_F(Files, DeleteDir_RemovesTheTreeAndFollowsNoLink) {
     EXPECT_EQ(DirUtils::DeleteDir(link + "/"), -1);
     EXPECT_EQ(DirUtils::DeleteDir("//"), -1);
     EXPECT_TRUE(fs::exists(outside.Path("kept/file")));
+}
+
+TEST_F(Files, DeleteDirWhileFilesAreAdded_LeavesNothing) {
+    dir_.Write("tree/first", "x");
+    std::thread writer([this] {
+        for (int file = 0; file < 300; ++file) {
+            const std::string path = dir_.Path("tree/") + std::to_string(file);
+            ::close(::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        }
+    });
+    EXPECT_EQ(DirUtils::DeleteDir(dir_.Path("tree")), 0) << errno;
+    writer.join();
+    EXPECT_FALSE(fs::exists(dir_.Path("tree")));
 }
 
 TEST_F(Files, DeleteBeneath_RemovesAnythingButThroughALink) {
