@@ -10,6 +10,7 @@
 #include <sdk/PathUtils.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -93,6 +94,8 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
     info.size = found.st_size;
     info.mtime = found.st_mtime;
     info.mode = SDK::FileUtils::StModeToStr(found.st_mode);
+    info.uid = found.st_uid;
+    info.gid = found.st_gid;
     return S_ISDIR(found.st_mode) || DigestOf(backup, info.sha256);
 }
 
@@ -121,6 +124,17 @@ bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const Backup
     if (digest == info.sha256) return false;
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s sha256 (%s) not matched with (%s). ", file, digest,
             info.sha256);
+    return true;
+}
+
+// Size, time, mode and content alone would let a chown pass. As another user than root the agent
+// can neither keep nor put back owners: its copies are its own.
+bool SentrelInotifyTask::HasOtherOwner(const std::string& file, const BackupFileInfo& info) {
+    struct stat found {};
+    if (::geteuid() != 0 || ::lstat(WithoutTrailingSlash(file).c_str(), &found) != 0) return false;
+    if (found.st_uid == info.uid && found.st_gid == info.gid) return false;
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s owner (%u:%u) not matched with (%u:%u). ", file,
+            found.st_uid, found.st_gid, info.uid, info.gid);
     return true;
 }
 

@@ -138,7 +138,7 @@ void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::
         HandleUnknownFile(rule, mask, file);
         return;
     }
-    if (!DiffersFromBackup(file, info)) {
+    if (!DiffersFromBackup(file, info) && !HasOtherOwner(file, info)) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
         return;
     }

@@ -80,6 +80,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
         std::time_t mtime = 0;
         std::string mode;
         std::string sha256;  ///< empty for a directory
+        uid_t uid = 0;
+        gid_t gid = 0;
     };
     /// False when the backup copy is there but cannot be read.
     bool GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule, bool& exists,
@@ -122,6 +124,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool IsMoveIgnored(const SentrelDirRule& rule, const std::string& path);
     void HandleUnknownFile(const SentrelDirRule& rule, std::uint32_t mask, const std::string& file);
     bool DiffersFromBackup(const std::string& file, const BackupFileInfo& info);
+    bool HasOtherOwner(const std::string& file, const BackupFileInfo& info);
     void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
     void RemoveForeign(const SentrelDirRule& rule, const std::string& path);
     void Defer(const std::string& path);

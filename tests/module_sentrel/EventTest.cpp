@@ -4,6 +4,7 @@
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <sys/inotify.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -137,6 +138,29 @@ TEST_F(Event, SameSizeTimeSetBackAndOtherMode_IsRestored) {
     EXPECT_EQ(Content("index.html"), "welcome");
     EXPECT_EQ(fs::status(File("index.html")).permissions(), fs::perms(0644));
     EXPECT_EQ(Alarms(), "attribute index.html: restored\n");
+}
+
+TEST_F(Event, ChangedOwnerAlone_IsMendedAndItsEchoIsQuiet) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+    struct stat info {};
+    ASSERT_EQ(::chown(File("index.html").c_str(), 4711, 4712), 0);
+    ASSERT_EQ(::chown(File("sub").c_str(), 4711, 0), 0);
+    Tell(File("index.html"), IN_ATTRIB);
+    EXPECT_EQ(install_.Debugs("File " + File("index.html") +
+                              " owner (4711:4712) not matched with (0:0). "),
+              1);
+    Tell(File("sub"), IN_ATTRIB | IN_ISDIR);
+    ASSERT_EQ(::stat(File("index.html").c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid + info.st_gid, 0U);
+    ASSERT_EQ(::stat(File("sub").c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, 0U);
+    EXPECT_EQ(Alarms(), "attribute index.html: restored\nattribute sub/: restored\n");
+    Tell(File("index.html"), IN_ATTRIB);
+    // A copy that could not take the owner over: it is put back once, and no loop arises.
+    ASSERT_EQ(::chown((rule_.backup_path + File("sub/page.html")).c_str(), 4711, 0), 0);
+    Tell(File("sub/page.html"), IN_ATTRIB);
+    Tell(File("sub/page.html"), IN_ATTRIB);
+    EXPECT_EQ(Counter("restores_done"), 3);
 }
 
 TEST_F(Event, DeletedFileAndDirectory_ComeBack) {
