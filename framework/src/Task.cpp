@@ -107,6 +107,11 @@ void Task::SetConditionInForce(bool in_force) {
     condition_in_force_ = in_force;
 }
 
+bool Task::ShouldYield() const {
+    const std::shared_ptr<TaskRunner> runner = Runner();
+    return runner && runner->ShouldYield();
+}
+
 std::size_t Task::QueueLength() const {
     return queue_->Length();
 }

@@ -100,7 +100,9 @@ int FileNotifyTask::Run() {
     Waiter().WaitAndHandleEvent(static_cast<int>(idle.count()), kSourcesAtOnce);
     BulkConsumeMsg(kMessagesAtOnce);
     // After reading and before handling: who asked before a change hears of it.
+    const std::uint64_t requests = board_.Requests();
     core_.Apply(desk_.Take());
+    board_.NoteApplied(requests);
     core_.Work();
     return 0;
 }
@@ -109,6 +111,7 @@ int FileNotifyTask::InterceptMsg(Framework::Message* msg, std::string& reply) {
     const auto* request = dynamic_cast<const FileNotifyWatchMessage*>(msg);
     if (request == nullptr) return -1;
     reply = desk_.Submit(*request);
+    board_.NoteRequest();
     if (reply.empty()) {
         SDK_LOG(logger_, PRIO_ERROR, "watch request of %s for \"%s\" refused.",
                 request->GetReceiverId(), request->GetPath());

@@ -1,5 +1,6 @@
 #include "StatusBoard.h"
 
+#include <string_view>
 #include <utility>
 
 namespace Engine::FileNotify {
@@ -7,6 +8,22 @@ namespace Engine::FileNotify {
 void StatusBoard::Publish(Picture picture) {
     const std::lock_guard lock(mutex_);
     picture_ = std::move(picture);
+    shown_ = applied_;
+}
+
+void StatusBoard::NoteRequest() {
+    const std::lock_guard lock(mutex_);
+    ++requests_;
+}
+
+std::uint64_t StatusBoard::Requests() const {
+    const std::lock_guard lock(mutex_);
+    return requests_;
+}
+
+void StatusBoard::NoteApplied(std::uint64_t requests) {
+    const std::lock_guard lock(mutex_);
+    applied_ = requests;
 }
 
 Json::Value StatusBoard::Watches() const {
@@ -20,7 +37,8 @@ Json::Value StatusBoard::Watches() const {
         one["directories"] = watch.directories;
         one["files"] = watch.files;
         one["unwatched"] = watch.unwatched;
-        one["state"] = watch.state;
+        const bool is_old = shown_ != requests_ && std::string_view(watch.state) == "ready";
+        one["state"] = is_old ? "walking" : watch.state;
         list.append(std::move(one));
     }
     Json::Value answer;

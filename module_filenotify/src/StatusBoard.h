@@ -35,7 +35,12 @@ class StatusBoard {
     Counters& Count() { return counters_; }
     void Publish(Picture picture);
 
-    /// The answer to "filenotify.watches".
+    // A watch is told as it is only when the picture was made after the request for it.
+    void NoteRequest();                        ///< one more was taken in; any thread
+    std::uint64_t Requests() const;            ///< so many were taken in; any thread
+    void NoteApplied(std::uint64_t requests);  ///< pictures show the first so many; task's thread
+
+    /// The answer to "filenotify.watches". While the picture lacks a request, no watch is "ready".
     Json::Value Watches() const;
 
     /// The answer to "status.filenotify".
@@ -45,6 +50,9 @@ class StatusBoard {
     Counters counters_;
     mutable std::mutex mutex_;
     Picture picture_;
+    std::uint64_t requests_ = 0;
+    std::uint64_t applied_ = 0;
+    std::uint64_t shown_ = 0;  ///< of the requests, those that picture_ shows
 };
 
 }  // namespace Engine::FileNotify

@@ -7,8 +7,11 @@
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <TaskSteps.h>
+#include <WatchList.h>
 #include <sdk/Log.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 
 namespace Engine {
@@ -17,6 +20,9 @@ namespace {
 
 constexpr const char* kTaskId = "sentrel_backup_task";
 constexpr unsigned int kQueueCapacity = 1024;
+constexpr int kLongestLookMs = 50;  // a look at the watches takes some microseconds
+constexpr std::chrono::seconds kAppearLimit{10};
+constexpr std::chrono::seconds kWalkLimit{120};
 
 void YieldBeforePass() {
     static unsigned long last_cpu_tick = 0;
@@ -69,7 +75,9 @@ int SentrelBackupTask::Run() {
     std::uint64_t remote_ok = 0;
     for (const SentrelDirRule& rule : utils->dir_rules) {
         YieldInPass();
-        if (utils->local_backup_pending && BackUpLocally(rule, local_ok)) ++local_ok;
+        if (utils->local_backup_pending && AwaitWatch(rule) && BackUpLocally(rule, local_ok)) {
+            ++local_ok;
+        }
         if (utils->backup_type == kLocalAndRemote && utils->remote_backup_pending &&
             PushToServer(rule)) {
             ++remote_ok;
@@ -84,6 +92,23 @@ int SentrelBackupTask::Run() {
         ClearPending(utils->remote_backup_pending, round);
     }
     return 0;
+}
+
+bool SentrelBackupTask::AwaitWatch(const SentrelDirRule& rule) {
+    const auto begin = std::chrono::steady_clock::now();
+    for (int wait_ms = 1;; wait_ms = std::min(2 * wait_ms, kLongestLookMs)) {
+        const Watching watching = WatchingOf(rule);
+        if (watching == Watching::kReady) return true;
+        const auto limit = watching == Watching::kMissing ? kAppearLimit : kWalkLimit;
+        if (watching == Watching::kUnknown || std::chrono::steady_clock::now() - begin >= limit) {
+            SDK_LOG(ModuleLogger(), PRIO_WARNING, "backup (%s) does not wait for its watch.",
+                    rule.real_path);
+            return true;
+        }
+        if (ShouldYield()) return false;
+        Waiter().WaitAndHandleEvent(wait_ms, 1);
+        BulkConsumeMsg(kQueueCapacity);
+    }
 }
 
 bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {

@@ -18,6 +18,9 @@ class SentrelBackupTask : public Framework::Task {
     int Run() override;
 
   private:
+    /// Until changes of the path are announced; a change before that would be in neither the copy
+    /// nor an event. False when the pass should end. Waits for two minutes at most.
+    bool AwaitWatch(const SentrelDirRule& rule);
     bool BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before);
     bool PushToServer(const SentrelDirRule& rule);
 };

@@ -10,6 +10,7 @@
 #include <SentrelPolicyCheck.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
+#include <WatchList.h>
 #include <WorkClock.h>
 #include <framework/Callbacks.h>
 #include <framework/Engine.h>
@@ -45,12 +46,7 @@ void DeleteTask(TaskClass*& task, const std::string& what) {
 }
 
 Json::Value AnswerStatus() {
-    Json::Value watches;
-    if (!Framework::Engine::Instance().Queries().Ask("filenotify.watches",
-                                                     Json::Value(Json::objectValue), watches)) {
-        watches = Json::Value();
-    }
-    Json::Value answer = SentrelStatus::Instance().ToJson(watches);
+    Json::Value answer = SentrelStatus::Instance().ToJson(AskForWatches());
     answer["schedule"] = ScheduleStatus::Instance().ToJson(WorkClock::Now());
     answer["backup_server"] = BackupServerStatus::Instance().ToJson();
     return answer;

@@ -1,5 +1,6 @@
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
+#include <WatchList.h>
 #include <sdk/TimeUtils.h>
 
 #include <algorithm>
@@ -11,15 +12,6 @@ namespace {
 
 Json::Value TimeOrNull(std::int64_t seconds) {
     return seconds == 0 ? Json::Value() : Json::Value(static_cast<Json::Int64>(seconds));
-}
-
-/// The watch of that id among the file-notify module's, or null.
-Json::Value FindWatch(const Json::Value& watches, const std::string& id) {
-    if (id.empty() || !watches.isObject()) return {};
-    for (const Json::Value& watch : watches["watches"]) {
-        if (watch["id"] == id && watch["receiver"] == "sentrel_inotify_task") return watch;
-    }
-    return {};
 }
 
 }  // namespace

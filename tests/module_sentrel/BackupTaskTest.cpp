@@ -6,11 +6,14 @@
 #include <framework/ConfigManager.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -134,6 +137,44 @@ TEST_F(BackupTask, TypesAndEmptyList_DoNothing) {
     task_.Run();
     EXPECT_EQ(install_.Traces("all backup ok, no need backup again."), 1);
     EXPECT_EQ(Calls(), 0);
+}
+
+TEST_F(BackupTask, PathThatIsStillBeingWalked_IsCopiedWhenItIsWatched) {
+    const test::RunningEngine running(install_.log);
+    Framework::Task watcher("sentrel_inotify_task", "test", Framework::TaskCondition::kPeriodic, 1);
+    watcher.duplicate();
+    running.fakes->RegisterTask(&watcher, false);
+    std::mutex mutex;
+    Json::Value watch;
+    std::atomic<int> asked{0};
+    Framework::Engine::Instance().Queries().Register("filenotify.watches", [&](const Json::Value&) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        ++asked;
+        Json::Value answer(Json::objectValue);
+        answer["watches"].append(watch);
+        return answer;
+    });
+    const auto answer = [&](const char* id, const char* state) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        watch["receiver"] = "sentrel_inotify_task";
+        watch["id"] = id;
+        watch["state"] = state;
+        return asked.load();
+    };
+    const auto is_asked_since = [&](int before) {
+        return test::WaitFor([&] { return asked > before + 1; }, std::chrono::seconds(5));
+    };
+    Protect("/a/");
+    std::thread pass([this] { task_.Run(); });
+    EXPECT_TRUE(is_asked_since(answer("/b", "ready")));
+    EXPECT_TRUE(is_asked_since(answer("/a", "walking")));
+    EXPECT_EQ(Calls(), 0);
+    answer("/a", "degraded");
+    pass.join();
+    EXPECT_EQ(Calls(), 1);
+    EXPECT_FALSE(utils_->local_backup_pending);
+    Framework::Engine::Instance().Queries().Unregister("filenotify.watches");
+    running.fakes->UnRegisterTask("sentrel_inotify_task");
 }
 
 TEST_F(BackupTask, InitWithoutRsync_ReportsAndGoesOn) {

@@ -57,6 +57,10 @@ class Task : public Poco::Task, public MessageHandler {
     /// Returns how many. Task's thread only.
     std::size_t BulkConsumeMsg(std::size_t max_messages);
 
+    /// True when the present pass should come to an end, as the task is stopping or a policy waits
+    /// for it. Who waits within a pass asks this whenever its Waiter has returned. Task's thread.
+    bool ShouldYield() const;
+
     /// Queues `msg` for `task` and wakes it. False when the queue is full, the task is not
     /// registered or stopping: the message then stays the caller's. Never blocks (report tasks
     /// excepted, which store the report first). Any thread.
