@@ -1,55 +1,59 @@
 #include <DeferredEvents.h>
 #include <sys/inotify.h>
 
+#include <utility>
+
 namespace Engine {
 
 namespace {
 
 constexpr std::uint32_t kArrivalOrLoss = IN_CREATE | IN_DELETE;
 
-/// The event bits with a move told as the arrival or the loss that it is for the one path.
+}  // namespace
+
 std::uint32_t WithoutMoves(std::uint32_t mask) {
     if ((mask & IN_MOVED_FROM) != 0) mask |= IN_DELETE;
     if ((mask & IN_MOVED_TO) != 0) mask |= IN_CREATE;
     return mask & ~static_cast<std::uint32_t>(IN_MOVED_FROM | IN_MOVED_TO);
 }
 
-}  // namespace
-
-bool DeferredEvents::Keep(DeferredEvent event) {
-    event.raw_mask = WithoutMoves(event.raw_mask);
-    const Key key{event.watch_id, event.path};
-    const auto known = by_path_.find(key);
-    if (known != by_path_.end()) {
+bool DeferredEvents::Keep(const DeferredEvent& event) {
+    const std::uint32_t raw_mask = WithoutMoves(event.raw_mask);
+    OfWatch& of_watch = watches_[event.watch_id];
+    const auto known = of_watch.by_path.find(event.path);
+    if (known != of_watch.by_path.end()) {
         // An arrival or a loss tells how things stand now, whatever was before.
         std::uint32_t& mask = known->second->raw_mask;
-        mask = (event.raw_mask & kArrivalOrLoss) != 0 ? event.raw_mask : mask | event.raw_mask;
+        mask = (raw_mask & kArrivalOrLoss) != 0 ? raw_mask : mask | raw_mask;
         return true;
     }
-    if (events_.size() >= kCapacity) return false;
-    events_.push_back(std::move(event));
-    by_path_.emplace(key, std::prev(events_.end()));
+    if (size_ >= capacity_) return false;
+    of_watch.events.push_back({event.path, raw_mask, event.read_time});
+    const auto added = std::prev(of_watch.events.end());
+    of_watch.by_path.emplace(added->path, added);
+    ++size_;
     return true;
 }
 
 std::vector<DeferredEvent> DeferredEvents::Take(
     std::size_t limit, const std::function<bool(const std::string&)>& ready) {
     std::vector<DeferredEvent> taken;
-    for (auto at = events_.begin(); at != events_.end() && taken.size() < limit;) {
-        if (!ready(at->watch_id)) {
-            ++at;
-            continue;
+    for (auto& [watch_id, of_watch] : watches_) {
+        if (of_watch.events.empty() || !ready(watch_id)) continue;
+        while (!of_watch.events.empty() && taken.size() < limit) {
+            Waiting& oldest = of_watch.events.front();
+            of_watch.by_path.erase(oldest.path);
+            taken.push_back({watch_id, std::move(oldest.path), oldest.raw_mask, oldest.read_time});
+            of_watch.events.pop_front();
+            --size_;
         }
-        by_path_.erase({at->watch_id, at->path});
-        taken.push_back(std::move(*at));
-        at = events_.erase(at);
     }
     return taken;
 }
 
 void DeferredEvents::Clear() {
-    events_.clear();
-    by_path_.clear();
+    watches_.clear();
+    size_ = 0;
 }
 
 }  // namespace Engine

@@ -7,7 +7,8 @@
 #include <list>
 #include <map>
 #include <string>
-#include <utility>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace Engine {
@@ -20,28 +21,43 @@ struct DeferredEvent {
     std::chrono::steady_clock::time_point read_time{};
 };
 
+/// The event bits with a move told as the arrival or the loss that it is for the one path.
+std::uint32_t WithoutMoves(std::uint32_t mask);
+
 /// The changes that wait for a complete backup copy to be compared with: one for each path, in the
-/// order of their arrival, at most kCapacity. One thread.
+/// order of their arrival for each watch, at most `capacity`. An event takes about 150 bytes and
+/// its path. One thread.
 class DeferredEvents {
   public:
-    static constexpr std::size_t kCapacity = 4096;
+    static constexpr std::size_t kCapacity = 65536;
+
+    explicit DeferredEvents(std::size_t capacity = kCapacity) : capacity_(capacity) {}
 
     /// Keeps the event; one for the same path is brought up to date. A move is kept as what it is
-    /// at its one end, an arrival or a loss. False when there is no room: the event is lost.
-    bool Keep(DeferredEvent event);
+    /// at its one end, an arrival or a loss. False when there is no room: the event is not kept.
+    bool Keep(const DeferredEvent& event);
 
-    /// Takes out the oldest `limit` events of the watches that are `ready`.
+    /// Takes out the oldest events of the watches that are `ready`, `limit` at most.
     std::vector<DeferredEvent> Take(std::size_t limit,
                                     const std::function<bool(const std::string&)>& ready);
 
-    std::size_t Size() const { return events_.size(); }
+    std::size_t Size() const { return size_; }
     void Clear();
 
   private:
-    using Key = std::pair<std::string, std::string>;  // watch id, path
+    struct Waiting {
+        std::string path;
+        std::uint32_t raw_mask = 0;
+        std::chrono::steady_clock::time_point read_time{};
+    };
+    struct OfWatch {
+        std::list<Waiting> events;
+        std::unordered_map<std::string_view, std::list<Waiting>::iterator> by_path;
+    };
 
-    std::list<DeferredEvent> events_;
-    std::map<Key, std::list<DeferredEvent>::iterator> by_path_;
+    const std::size_t capacity_;
+    std::map<std::string, OfWatch> watches_;
+    std::size_t size_ = 0;
 };
 
 }  // namespace Engine

@@ -44,18 +44,11 @@ alarm_type AlarmTypeOf(std::uint32_t mask) {
     return ALARM_MODIFY;
 }
 
-/// The directory that a rule's exclusions are relative to. Names a root given without its "/".
-std::string AdjustToRule(const SentrelDirRule& rule, std::string& file) {
-    if (rule.is_file) {
-        std::string directory = SDK::PathUtils::GetDirFromPath(rule.real_path);
-        AppendSlash(directory);
-        return directory;
-    }
-    if (!EndsWith(file, "/") && file + "/" == rule.real_path) {
-        file += '/';
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "edit root path %s ", file);
-    }
-    return rule.real_path;
+/// Names a root that was given without its "/".
+void AdjustToRule(const SentrelDirRule& rule, std::string& file) {
+    if (rule.is_file || EndsWith(file, "/") || file + "/" != rule.real_path) return;
+    file += '/';
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "edit root path %s ", file);
 }
 
 }  // namespace
@@ -86,10 +79,17 @@ void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
         return;
     }
     const SentrelDirRule& rule = found->second;
-    const std::string rule_path = AdjustToRule(rule, file1);
+    AdjustToRule(rule, file1);
     // A restore of "" would be one of the whole file system.
     if (file1.empty() || !HandleMoveEvent(rule, msg, file1)) return;
-    HandleFileEvent(rule, rule_path, mask, file1);
+    HandleFileEvent(rule, RulePath(rule), mask, file1);
+}
+
+std::string SentrelInotifyTask::RulePath(const SentrelDirRule& rule) {
+    if (!rule.is_file) return rule.real_path;
+    std::string directory = SDK::PathUtils::GetDirFromPath(rule.real_path);
+    AppendSlash(directory);
+    return directory;
 }
 
 bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyMessage* msg,
@@ -100,6 +100,7 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     BackupFileInfo info;
     if (!GetBackupFileInfo(path, rule, exists, info)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", path);
+        KeepFailed(path, "");
         return false;
     }
     AutoRestoreFile(rule, exists, !exists, path);
@@ -132,6 +133,7 @@ void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::
     BackupFileInfo info;
     if (!GetBackupFileInfo(file, rule, exists, info)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", file);
+        KeepFailed(file, "");
         return;
     }
     if (!exists) {

@@ -10,6 +10,7 @@
 #include <sdk/Log.h>
 #include <sys/inotify.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 #include <vector>
@@ -35,9 +36,11 @@ const std::vector<unsigned int>& WatchEventMasks() {
 
 }  // namespace
 
-SentrelInotifyTask::SentrelInotifyTask()
+SentrelInotifyTask::SentrelInotifyTask(std::size_t backlog)
     : Framework::Task(kTaskId, "sentrel_feature", Framework::TaskCondition::kResident,
-                      kQueueCapacity) {}
+                      kQueueCapacity),
+      deferred_(backlog),
+      failed_(std::min(backlog, FailedEvents::kCapacity)) {}
 
 bool SentrelInotifyTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
@@ -49,8 +52,7 @@ bool SentrelInotifyTask::Init() {
 bool SentrelInotifyTask::UnInit() {
     RmvFileNotifyWatches();
     watch_rules.clear();
-    deferred_.Clear();
-    deferred_overflow_told_ = false;
+    ForgetBacklog();
     SentrelStatus::Instance().ClearPaths();
     const bool result = Framework::Task::UnInit();
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) uninit.", Id());
@@ -61,7 +63,7 @@ int SentrelInotifyTask::Run() {
     static unsigned long last_cpu_tick = 0;
     CheckDisableTime();
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
-    HandleDeferredEvents();
+    HandleBacklog(FailedEvents::Clock::now());
     if (Waiter().WaitAndHandleEvent(kWaitMs, kMaxEventSources) == -1) {
         BulkConsumeMsg(kMaxMessagesPerCycle);
     }

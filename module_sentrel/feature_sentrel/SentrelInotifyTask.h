@@ -2,7 +2,9 @@
 
 #include <DeferredEvents.h>
 #include <Evidence.h>
+#include <FailedEvents.h>
 #include <SentrelDirRule.h>
+#include <TreeSweep.h>
 #include <framework/Task.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
 #include <sys/types.h>
@@ -12,6 +14,8 @@
 #include <ctime>
 #include <list>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 
 namespace Engine {
@@ -42,7 +46,9 @@ struct SentrelCacheMsg {
 /// need no lock; `alarm_cache` outlives registrations, the watches do not.
 class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceiver {
   public:
-    SentrelInotifyTask();
+    /// `backlog`: so many events at most are kept of those that have to wait, and of those that
+    /// could not be undone.
+    explicit SentrelInotifyTask(std::size_t backlog = DeferredEvents::kCapacity);
 
     bool Init() override;
     bool UnInit() override;
@@ -67,11 +73,15 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     // Undoing (SentrelRestore.cpp).
     /// Restores, or else removes, as asked; nothing when the policy says so. Notes in the current
     /// event what came of it. Until the rule's first local backup is complete only a file or link
-    /// that has a copy is put back; the event is then kept for HandleDeferredEvents.
+    /// that has a copy is put back; the event is then kept for HandleBacklog, as is one that could
+    /// not be undone.
     void AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
                          const std::string& path);
-    /// Judges again what had to wait, where the backup is complete by now; at most 128 events.
-    void HandleDeferredEvents();
+
+    // What is to be judged again (SentrelBacklog.cpp).
+    /// Judges a portion of it: what had to wait for a backup that is complete by now, what could
+    /// not be undone and is due as of `now`, and trees of which changes could not be kept.
+    void HandleBacklog(FailedEvents::Clock::time_point now);
 
     // Comparison (SentrelCompare.cpp).
     /// What a file is compared with.
@@ -119,6 +129,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
 
     void HandleFileEvent(const SentrelDirRule& rule, const std::string& rule_path,
                          std::uint32_t mask, const std::string& file);
+    /// The directory that a rule's exclusions are relative to, ending in "/".
+    static std::string RulePath(const SentrelDirRule& rule);
     bool IsIgnored(const SentrelDirRule& rule, const std::string& rule_path,
                    const std::string& file);
     bool IsMoveIgnored(const SentrelDirRule& rule, const std::string& path);
@@ -127,12 +139,28 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool HasOtherOwner(const std::string& file, const BackupFileInfo& info);
     void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
     void RemoveForeign(const SentrelDirRule& rule, const std::string& path);
+    static bool AwaitsBackup(const SentrelDirRule& rule);
     void Defer(const std::string& path);
+    void KeepFailed(const std::string& path, const std::string& target);
+    void SweepLater(const std::string& watch_id);
+    void JudgeAgain(const DeferredEvent& event);
+    bool HandleDeferredEvents();
+    bool HandleFailedEvents(FailedEvents::Clock::time_point now);
+    bool SweepTrees();
+    bool MaySweep(const std::string& watch_id) const;
+    void BeginSweep(const std::string& watch_id);
+    void ForgetBacklog();
     void RaiseAlarm(const SentrelDirRule& rule, const std::string& file, alarm_type type);
 
     CurrentEvent current_event_;
     DeferredEvents deferred_;
-    bool deferred_overflow_told_ = false;
+    FailedEvents failed_;
+    unsigned int tries_ = 0;       ///< of the event that is judged again
+    bool judging_failed_ = false;  ///< what was judged again last could not be undone
+    FailedEvents::Clock::time_point retries_rest_until_{};
+    std::set<std::string> to_sweep_;  ///< watch ids
+    std::string sweeping_;            ///< one of them, when sweep_ is there
+    std::optional<TreeSweep> sweep_;
 };
 
 }  // namespace Engine

@@ -1,13 +1,11 @@
 // Undoes changes: puts back from the backup copy, removes what is foreign. It must not judge
-// whether something is tampering (SentrelEvents.cpp). Owns the changes that have to wait until the
-// first backup is complete: before that, what the copy lacks may just not have been copied yet.
-// Inotify task's thread.
+// whether something is tampering (SentrelEvents.cpp) nor keep what has to wait
+// (SentrelBacklog.cpp). Inotify task's thread.
 #include <BackupProgress.h>
 #include <ProtectedWay.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
-#include <module_filenotify/FileNotifyMessage.h>
 #include <sdk/DirUtils.h>
 #include <sdk/FileUtils.h>
 #include <sdk/Log.h>
@@ -20,7 +18,6 @@ namespace Engine {
 
 namespace {
 
-constexpr std::size_t kMaxDeferredPerCycle = 128;
 constexpr int kTriesToClear = 4;
 
 /// What stands at `path` itself; 0 when there is nothing.
@@ -92,11 +89,6 @@ bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) {
            !ProtectedWay(rule, path).IsBarred();
 }
 
-bool AwaitsBackup(const SentrelDirRule& rule) {
-    return SentrelUtils::GetInstance()->MakesLocalBackup() &&
-           !BackupProgress::Instance().IsComplete(rule);
-}
-
 }  // namespace
 
 void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
@@ -133,6 +125,7 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
     status.NoteFailure(rule.real_path,
                        "restore of " + path + ": " +
                            (clear ? utils->LastCopyError() : "a symbolic link stands on the way"));
+    KeepFailed(path, target);
 }
 
 void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::string& path) {
@@ -157,32 +150,7 @@ void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::st
     } else if (errno != ENOENT) {  // else it went by itself
         current_event_.outcome = "removal failed";
         SentrelStatus::Instance().Count(SentrelStatus::kRemovalsFailed);
-    }
-}
-
-void SentrelInotifyTask::Defer(const std::string& path) {
-    SentrelStatus& status = SentrelStatus::Instance();
-    if (deferred_.Keep(current_event_.source)) {
-        status.Count(SentrelStatus::kEventsDeferred);
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s waits for the first backup to be complete.", path);
-        return;
-    }
-    status.Count(SentrelStatus::kDeferredLost);
-    if (deferred_overflow_told_) return;
-    deferred_overflow_told_ = true;
-    SDK_LOG(ModuleLogger(), PRIO_WARNING,
-            "too many changes wait for the first backup; %s and more stay as they are.", path);
-}
-
-void SentrelInotifyTask::HandleDeferredEvents() {
-    if (deferred_.Size() == 0 || !SentrelUtils::GetInstance()->is_run) return;
-    const auto is_ready = [this](const std::string& watch_id) {
-        const auto rule = watch_rules.find(watch_id);
-        return rule == watch_rules.end() || !AwaitsBackup(rule->second);
-    };
-    for (const DeferredEvent& event : deferred_.Take(kMaxDeferredPerCycle, is_ready)) {
-        FileNotifyMessage msg(event.watch_id, event.path, "", event.raw_mask, event.read_time);
-        FileNotifyMessageAction(&msg);
+        KeepFailed(path, "");
     }
 }
 

@@ -55,6 +55,12 @@ void SentrelStatus::NoteRemoteBackup(const std::string& real_path) {
     history_[real_path].last_remote_backup = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
+void SentrelStatus::PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees) {
+    deferred_ = deferred;
+    failed_ = failed;
+    trees_ = trees;
+}
+
 void SentrelStatus::NoteFailure(const std::string& real_path, const std::string& text) {
     const std::lock_guard<std::mutex> lock(mutex_);
     History& history = history_[real_path];
@@ -88,6 +94,9 @@ Json::Value SentrelStatus::ToJson(const Json::Value& watches) const {
     answer["rsync"]["version"] = rsync_version_;
     answer["rsync"]["degraded"] = !degraded_reason_.empty();
     answer["rsync"]["reason"] = degraded_reason_;
+    answer["backlog"]["deferred"] = static_cast<Json::UInt64>(deferred_);
+    answer["backlog"]["failed"] = static_cast<Json::UInt64>(failed_);
+    answer["backlog"]["trees_to_compare"] = static_cast<Json::UInt64>(trees_);
     answer["counters"] = CountersToJson();
     return answer;
 }
@@ -117,9 +126,10 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
 
 Json::Value SentrelStatus::CountersToJson() const {
     static constexpr std::array<const char*, kCounterCount> kNames = {
-        "restores_done",   "restores_failed", "removals_done", "removals_failed",
-        "alarms_sent",     "alarms_merged",   "alarms_lost",   "planted_links_removed",
-        "events_deferred", "deferred_lost"};
+        "restores_done",   "restores_failed",    "removals_done", "removals_failed",
+        "alarms_sent",     "alarms_merged",      "alarms_lost",   "planted_links_removed",
+        "events_deferred", "deferred_overflows", "retries",       "retries_given_up",
+        "trees_compared"};
     Json::Value counters(Json::objectValue);
     for (std::size_t at = 0; at < kNames.size(); ++at) {
         counters[kNames[at]] =
@@ -130,6 +140,7 @@ Json::Value SentrelStatus::CountersToJson() const {
 
 void SentrelStatus::Reset() {
     for (auto& counter : counters_) counter = 0;
+    PublishBacklog(0, 0, 0);
     const std::lock_guard<std::mutex> lock(mutex_);
     on_ = false;
     monitor_only_ = false;

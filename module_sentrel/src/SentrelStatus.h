@@ -32,7 +32,10 @@ class SentrelStatus {
         kAlarmsLost,           ///< no report task took them
         kPlantedLinksRemoved,  ///< they stood where the backup copy has no link
         kEventsDeferred,       ///< left to be judged after the first backup
-        kDeferredLost,         ///< the same, but there was no more room
+        kDeferredOverflows,    ///< the same, but there was no more room
+        kRetries,              ///< events judged again since their undoing had failed
+        kRetriesGivenUp,
+        kTreesCompared,  ///< with their copies, since events could not be kept
         kCounterCount,
     };
 
@@ -54,6 +57,8 @@ class SentrelStatus {
 
     void NoteLocalBackup(const std::string& real_path);
     void NoteRemoteBackup(const std::string& real_path);
+    /// So many events, and trees, are to be judged again.
+    void PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees);
     void NoteFailure(const std::string& real_path, const std::string& text);
 
     bool IsRsyncKnown() const;
@@ -79,6 +84,9 @@ class SentrelStatus {
     Json::Value CountersToJson() const;
 
     std::array<std::atomic<std::uint64_t>, kCounterCount> counters_{};
+    std::atomic<std::size_t> deferred_{0};
+    std::atomic<std::size_t> failed_{0};
+    std::atomic<std::size_t> trees_{0};
     mutable std::mutex mutex_;  ///< guards all below
     bool on_ = false;
     bool monitor_only_ = false;

@@ -3,6 +3,7 @@
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
+#include <sdk/CommandInterrupter.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -108,7 +109,7 @@ class Event : public ::testing::Test {
     test::Installation install_;
     test::RunningEngine running_{install_.log};
     SentrelUtils* utils_ = SentrelUtils::GetInstance();
-    Engine::SentrelInotifyTask task_;
+    Engine::SentrelInotifyTask task_{4};
     test::TempDir data_;
     Engine::SentrelDirRule rule_;
     std::string watch_;
@@ -356,7 +357,7 @@ TEST_F(Event, CopyFromBeforeAPolicyOrPause_UndoesNoUpdate) {
     EXPECT_TRUE(utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, rule_.ignored_postfix,
                                      rule_.ignored_subdir, Engine::RSYNC_BACKUP));
     NoteBackup();
-    task_.HandleDeferredEvents();
+    task_.HandleBacklog(std::chrono::steady_clock::now());
     EXPECT_EQ(Content("index.html"), "an update");
     data_.Write("site/index.html", "defaced");
     Tell(File("index.html"), IN_MODIFY);
@@ -379,27 +380,115 @@ TEST_F(Event, BeforeTheFirstBackup_OnlyWhatHasACopyIsPutBackAndTheRestWaits) {
     EXPECT_EQ(Alarms(),
               "modify index.html: restored\nadd new.html: reported only\n"
               "add gone.html: reported only\nattribute sub/: reported only\n");
-    task_.HandleDeferredEvents();
+    task_.HandleBacklog(std::chrono::steady_clock::now());
     EXPECT_TRUE(fs::exists(File("new.html")));
     NoteBackup();
     fs::remove(File("gone.html"));
-    task_.HandleDeferredEvents();
+    task_.HandleBacklog(std::chrono::steady_clock::now());
     EXPECT_FALSE(fs::exists(File("new.html")));
     EXPECT_EQ(fs::status(File("sub")).permissions(), fs::perms(0755));
     EXPECT_EQ(Counter("removals_done"), 1);
     EXPECT_EQ(Counter("restores_done"), 2);
-    EXPECT_EQ(Counter("removals_failed") + Counter("deferred_lost"), 0);
+    EXPECT_EQ(Counter("removals_failed") + Counter("deferred_overflows"), 0);
+}
+
+TEST_F(Event, MoreThanCanWait_IsFoundByComparingTheTree) {
+    Engine::BackupProgress::Instance().Restart();
+    for (int at = 0; at < 9; ++at) {
+        Tell(data_.Write("site/sub/new" + std::to_string(at), "evil"), IN_CREATE);
+    }
+    EXPECT_EQ(Counter("events_deferred"), 4);
+    EXPECT_EQ(Counter("deferred_overflows"), 5);
+    // Nobody tells of these any more.
+    const auto time = fs::last_write_time(File("index.html"));
+    data_.Write("site/index.html", "defaced");
+    fs::last_write_time(File("index.html"), time);
+    fs::remove(File("sub/page.html"));
+    ::chmod(File("sub").c_str(), 0700);
+    data_.Write("site/uploads/kept.png", "png");
+    data_.Write("site/new/deep/shell.php", "evil");
+    const auto judge = [&] { task_.HandleBacklog(std::chrono::steady_clock::now()); };
+    judge();
+    EXPECT_EQ(Content("sub/new8"), "evil");
+    NoteBackup();
+    EXPECT_TRUE(test::WaitFor([&] { return judge(), Counter("trees_compared") == 1; },
+                              std::chrono::seconds(20)));
+    EXPECT_EQ(Content("index.html") + Content("uploads/kept.png"), "welcomepng");
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(fs::status(File("sub")).permissions(), fs::perms(0755));
+    EXPECT_FALSE(fs::exists(File("new")) || fs::exists(File("sub/new8")));
+    const std::string alarms = Alarms();
+    EXPECT_NE(alarms.find("modify index.html: restored\n"), std::string::npos) << alarms;
+    EXPECT_NE(alarms.find("add new/: removed\n"), std::string::npos) << alarms;
+    judge();
+    EXPECT_EQ(Counter("trees_compared"), 1);
+}
+
+TEST_F(Event, UndoingThatFailsOrIsInterrupted_IsTriedAgainLater) {
+    const auto now = std::chrono::steady_clock::now();
+    const std::string full = data_.Write("full", "");
+    install_.UseRecordingRsync("[ -e " + full + " ] && exit 11; exec /usr/bin/rsync \"$@\"");
+    data_.Write("site/index.html", "defaced!");
+    Tell(File("index.html"), IN_MODIFY);
+    task_.HandleBacklog(now);
+    EXPECT_EQ(Counter("retries"), 0);
+    task_.HandleBacklog(now + std::chrono::seconds(20));
+    EXPECT_EQ(Counter("retries"), 1);
+    fs::remove(full);
+    task_.HandleBacklog(now + std::chrono::seconds(20));
+    EXPECT_EQ(Content("index.html"), "defaced!");
+    task_.HandleBacklog(now + std::chrono::seconds(30));
+    EXPECT_EQ(Content("index.html"), "welcome");
+
+    SDK::CommandInterrupter interrupter;
+    const SDK::CommandInterrupter::Scope scope(interrupter);
+    fs::remove_all(File("sub"));
+    interrupter.Interrupt();
+    Tell(File("sub"), IN_DELETE | IN_ISDIR);
+    interrupter.Reset();
+    EXPECT_EQ(Content("sub/page.html"), "");
+    task_.HandleBacklog(now + std::chrono::seconds(60));
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Counter("restores_failed"), 3);
+    EXPECT_EQ(Counter("retries_given_up"), 0);
+
+    data_.Write("site/a b", "no command line carries it");
+    fs::copy(File("a b"), rule_.backup_path + File("a b"));
+    fs::remove(File("a b"));
+    Tell(File("a b"), IN_DELETE);
+    task_.HandleBacklog(now + std::chrono::hours(1));
+    EXPECT_EQ(Counter("retries"), 3);
+}
+
+TEST(FailedEvents, Keep_GivesUpAtLast) {
+    Engine::FailedEvents failed(1);
+    Engine::FailedEvents::Clock::time_point now{};
+    using Kept = Engine::FailedEvents::Kept;
+    EXPECT_EQ(failed.Keep({{"/w", "/w/a", IN_MODIFY, {}}, 1}, now), Kept::kYes);
+    EXPECT_EQ(failed.Keep({{"/w", "/w/b", IN_MODIFY, {}}, 1}, now), Kept::kNoRoom);
+    int tries = 0;
+    for (Kept kept = Kept::kYes; kept == Kept::kYes; ++tries) {
+        now += std::chrono::minutes(10);
+        auto due = failed.TakeDue(now);
+        ASSERT_TRUE(due);
+        ++due->tries;
+        kept = failed.Keep(*due, now);
+    }
+    EXPECT_EQ(tries, 12);
+    EXPECT_EQ(failed.Size(), 0U);
 }
 
 TEST(DeferredEvents, Keep_BoundsAndTellsHowAPathStandsNow) {
-    Engine::DeferredEvents deferred;
+    Engine::DeferredEvents deferred(9);
     const auto keep = [&](const std::string& path, std::uint32_t mask) {
         return deferred.Keep({path == "/other" ? "/w2" : "/w", path, mask, {}});
     };
     EXPECT_TRUE(keep("/a", IN_DELETE) && keep("/a", IN_MOVED_TO) && keep("/a", IN_MODIFY));
     EXPECT_TRUE(keep("/b", IN_CREATE | IN_ISDIR) && keep("/b", IN_MOVED_FROM | IN_ISDIR));
     EXPECT_TRUE(keep("/other", IN_ATTRIB));
-    for (int at = 3; at < 4096; ++at) keep("/" + std::to_string(at), IN_CREATE);
+    for (std::size_t at = 3; at < 9; ++at) {
+        keep("/" + std::to_string(at), IN_CREATE);
+    }
     EXPECT_FALSE(keep("/more", IN_CREATE));
     EXPECT_TRUE(keep("/other", IN_MODIFY));
     const auto first = deferred.Take(2, [](const std::string& id) { return id == "/w"; });

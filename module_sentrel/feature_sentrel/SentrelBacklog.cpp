@@ -1,0 +1,161 @@
+// Owns the changes that are to be judged again: those that wait for the first backup, those whose
+// undoing failed, and the trees of which some could not be kept. It must not judge them itself
+// (SentrelEvents.cpp); before a backup is complete, what its copy lacks may just not have been
+// copied yet. Inotify task's thread.
+#include <BackupProgress.h>
+#include <CommandLineText.h>
+#include <SentrelInotifyTask.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <module_filenotify/FileNotifyMessage.h>
+#include <sdk/Log.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace Engine {
+
+namespace {
+
+constexpr int kMostAtOnce = 128;
+constexpr std::chrono::milliseconds kSweepSlice{50};
+// What fails now, such as a full disk, mostly fails for every path.
+constexpr std::chrono::seconds kRestAfterFailure{1};
+
+}  // namespace
+
+bool SentrelInotifyTask::AwaitsBackup(const SentrelDirRule& rule) {
+    return SentrelUtils::GetInstance()->MakesLocalBackup() &&
+           !BackupProgress::Instance().IsComplete(rule);
+}
+
+void SentrelInotifyTask::Defer(const std::string& path) {
+    SentrelStatus& status = SentrelStatus::Instance();
+    if (deferred_.Keep(current_event_.source)) {
+        status.Count(SentrelStatus::kEventsDeferred);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s waits for the first backup to be complete.", path);
+        return;
+    }
+    status.Count(SentrelStatus::kDeferredOverflows);
+    SweepLater(current_event_.source.watch_id);
+}
+
+void SentrelInotifyTask::KeepFailed(const std::string& path, const std::string& target) {
+    // A name that the command line cannot carry never gets further.
+    if (!WhatBreaksPath(target).empty()) return;
+    judging_failed_ = true;
+    switch (failed_.Keep({current_event_.source, tries_ + 1}, FailedEvents::Clock::now())) {
+        case FailedEvents::Kept::kYes:
+            SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is judged again later.", path);
+            return;
+        case FailedEvents::Kept::kGivenUp:
+            SentrelStatus::Instance().Count(SentrelStatus::kRetriesGivenUp);
+            SDK_LOG(ModuleLogger(), PRIO_WARNING, "%s cannot be put right and is given up.", path);
+            return;
+        case FailedEvents::Kept::kNoRoom:
+            SweepLater(current_event_.source.watch_id);
+            return;
+    }
+}
+
+void SentrelInotifyTask::SweepLater(const std::string& watch_id) {
+    if (!to_sweep_.insert(watch_id).second) return;
+    SDK_LOG(ModuleLogger(), PRIO_WARNING,
+            "too many changes of %s wait; all of it is compared with its copy later.", watch_id);
+}
+
+void SentrelInotifyTask::JudgeAgain(const DeferredEvent& event) {
+    judging_failed_ = false;
+    FileNotifyMessage msg(event.watch_id, event.path, "", event.raw_mask, event.read_time);
+    FileNotifyMessageAction(&msg);
+}
+
+void SentrelInotifyTask::HandleBacklog(FailedEvents::Clock::time_point now) {
+    if (!SentrelUtils::GetInstance()->is_run) return;
+    const bool more_deferred = HandleDeferredEvents();
+    const bool more_failed = HandleFailedEvents(now);
+    const bool more_to_sweep = SweepTrees();
+    SentrelStatus::Instance().PublishBacklog(deferred_.Size(), failed_.Size(), to_sweep_.size());
+    // Messages have their turn, but nobody waits for one.
+    if (more_deferred || more_failed || more_to_sweep) Waiter().Wake();
+}
+
+bool SentrelInotifyTask::HandleDeferredEvents() {
+    if (deferred_.Size() == 0) return false;
+    const auto is_ready = [this](const std::string& watch_id) {
+        const auto rule = watch_rules.find(watch_id);
+        return rule == watch_rules.end() || !AwaitsBackup(rule->second);
+    };
+    for (int done = 0; done < kMostAtOnce && !ShouldYield(); ++done) {
+        const std::vector<DeferredEvent> oldest = deferred_.Take(1, is_ready);
+        if (oldest.empty()) return false;
+        JudgeAgain(oldest.front());
+    }
+    return true;
+}
+
+bool SentrelInotifyTask::HandleFailedEvents(FailedEvents::Clock::time_point now) {
+    if (now < retries_rest_until_) return false;
+    for (int done = 0; done < kMostAtOnce && !ShouldYield(); ++done) {
+        const std::optional<FailedEvents::Failed> due = failed_.TakeDue(now);
+        if (!due) return false;
+        SentrelStatus::Instance().Count(SentrelStatus::kRetries);
+        tries_ = due->tries;
+        JudgeAgain(due->event);
+        tries_ = 0;
+        if (!judging_failed_) continue;
+        retries_rest_until_ = now + kRestAfterFailure;
+        return false;
+    }
+    return true;
+}
+
+/// True when there is more to be done at once.
+bool SentrelInotifyTask::SweepTrees() {
+    if (sweep_ && !MaySweep(sweeping_)) sweep_.reset();  // what was found before a pause is void
+    if (!sweep_) {
+        const auto ready = std::find_if(to_sweep_.begin(), to_sweep_.end(),
+                                        [this](const std::string& id) { return MaySweep(id); });
+        if (ready == to_sweep_.end()) return false;
+        BeginSweep(*ready);
+    }
+    const auto until = std::chrono::steady_clock::now() + kSweepSlice;
+    while (!ShouldYield() && std::chrono::steady_clock::now() < until) {
+        if (sweep_->Step(until)) continue;
+        SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s has been compared with its copy.", sweeping_);
+        SentrelStatus::Instance().Count(SentrelStatus::kTreesCompared);
+        sweep_.reset();
+        to_sweep_.erase(sweeping_);
+        break;
+    }
+    return true;
+}
+
+/// Not while something cannot be undone: in the sweep that would fail, too.
+bool SentrelInotifyTask::MaySweep(const std::string& watch_id) const {
+    const auto rule = watch_rules.find(watch_id);
+    return rule != watch_rules.end() && !AwaitsBackup(rule->second) && failed_.Size() == 0;
+}
+
+void SentrelInotifyTask::BeginSweep(const std::string& watch_id) {
+    const SentrelDirRule& rule = watch_rules.at(watch_id);
+    const auto ignored = [this, rule](const std::string& path) {
+        return IsIgnored(rule, RulePath(rule), path);
+    };
+    const auto judge = [this, watch_id](const std::string& path, std::uint32_t raw_mask) {
+        JudgeAgain({watch_id, path, raw_mask, std::chrono::steady_clock::now()});
+    };
+    sweeping_ = watch_id;
+    sweep_.emplace(rule, ignored, judge);
+}
+
+void SentrelInotifyTask::ForgetBacklog() {
+    deferred_.Clear();
+    failed_.Clear();
+    to_sweep_.clear();
+    sweep_.reset();
+    retries_rest_until_ = {};
+    SentrelStatus::Instance().PublishBacklog(0, 0, 0);
+}
+
+}  // namespace Engine
