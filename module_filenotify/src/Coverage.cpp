@@ -124,6 +124,30 @@ bool Coverage::IsWalked(const DirNode& dir, std::string_view name) const {
     });
 }
 
+bool Coverage::TakesAllIn(const DirNode& dir, std::uint32_t& mask) const {
+    if (dir.parent == nullptr || dir.Is(DirNode::kWaitedFor)) return false;
+    Hits hits;
+    Covering(*dir.parent, dir.name, hits);
+    bool takes_all = false;
+    mask = kNeeded;
+    for (const Hit& hit : hits) {
+        mask |= hit.watch->request.mask & IN_ALL_EVENTS;
+        takes_all = takes_all || (hit.watch->request.recursive && !HasExclusionIn(hit, dir));
+    }
+    return takes_all;
+}
+
+bool Coverage::HasExclusionIn(const Hit& hit, const DirNode& dir) {
+    const auto& excluded = hit.watch->request.excluded_subdirs;
+    if (excluded.empty()) return false;
+    const std::string below =
+        hit.root == nullptr ? std::string() : NameIndex::PathBelow(hit.root, dir, {}) + "/";
+    return std::any_of(excluded.begin(), excluded.end(), [&](const std::string& one) {
+        return one.compare(0, below.size(), below) == 0 &&
+               one.find('/', below.size()) == std::string::npos;
+    });
+}
+
 std::uint32_t Coverage::KernelMask(const DirNode& dir) const {
     std::uint32_t mask = kNeeded;
     Hits hits;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <boost/container/small_vector.hpp>
 #include <memory>
 #include <string_view>
 #include <unordered_map>
@@ -20,7 +21,7 @@ class Coverage {
         Watch* watch;
         const DirNode* root;  ///< null when the object is the root itself
     };
-    using Hits = std::vector<Hit>;
+    using Hits = boost::container::small_vector<Hit, 4>;
 
     Watch& Add(std::unique_ptr<Watch> watch);
     void Remove(Watch& watch);
@@ -43,6 +44,10 @@ class Coverage {
     /// The same for a directory `name` in `dir` that has no node.
     bool IsWalked(const DirNode& dir, std::string_view name) const;
 
+    /// True when whatever is in `dir` is covered, and every directory in it walked; `mask` is then
+    /// what the kernel is to tell about it. May be false although it is so.
+    bool TakesAllIn(const DirNode& dir, std::uint32_t& mask) const;
+
     /// What the kernel is to tell about `dir`.
     std::uint32_t KernelMask(const DirNode& dir) const;
 
@@ -53,6 +58,7 @@ class Coverage {
     static bool IsExcluded(const WatchRequest& request, std::string_view path_below_root);
 
   private:
+    static bool HasExclusionIn(const Hit& hit, const DirNode& dir);
     void CollectAt(const DirNode* at, std::string_view child, const DirNode* root,
                    const DirNode& dir, std::string_view name, Hits& hits) const;
 

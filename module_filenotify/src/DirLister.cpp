@@ -8,8 +8,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstddef>
-#include <cstdint>
 #include <string_view>
 
 namespace Engine::FileNotify {
@@ -22,7 +20,7 @@ bool IsDirectoryAt(int dir_fd, const char* name) {
     return ::fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
 }
 
-void TakePortion(int dir_fd, const char* bytes, std::size_t size, std::vector<DirEntry>& entries) {
+void TakePortion(int dir_fd, const char* bytes, std::size_t size, DirListing& listing) {
     for (std::size_t at = 0; at < size;) {
         const auto* entry = reinterpret_cast<const dirent64*>(bytes + at);
         at += entry->d_reclen;
@@ -30,21 +28,29 @@ void TakePortion(int dir_fd, const char* bytes, std::size_t size, std::vector<Di
         if (name == "." || name == "..") continue;
         const bool is_directory = entry->d_type == DT_UNKNOWN ? IsDirectoryAt(dir_fd, entry->d_name)
                                                               : entry->d_type == DT_DIR;
-        entries.push_back({std::string(name), is_directory});
+        (is_directory ? listing.directories : listing.others).Append(name);
     }
 }
 
 }  // namespace
 
-int ListDirectory(int dir_fd, std::vector<DirEntry>& entries,
-                  const std::function<void()>& between) {
+void DirListing::Clear() {
+    directories.Clear();
+    others.Clear();
+    is_snapshot = true;
+}
+
+int ListDirectory(int dir_fd, DirListing& listing, const std::function<void()>& between) {
+    listing.Clear();
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the kernel fills it
     alignas(dirent64) std::array<char, 64 * 1024> bytes;
-    while (true) {
+    for (bool is_first = true;; is_first = false) {
         const long got = ::syscall(SYS_getdents64, dir_fd, bytes.data(), bytes.size());
         if (got < 0) return errno;
         if (got == 0) return 0;
-        TakePortion(dir_fd, bytes.data(), static_cast<std::size_t>(got), entries);
+        TakePortion(dir_fd, bytes.data(), static_cast<std::size_t>(got), listing);
+        if (is_first) continue;
+        listing.is_snapshot = false;
         if (between) between();
     }
 }

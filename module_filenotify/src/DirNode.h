@@ -24,6 +24,7 @@ class ChildDirs {
     DirNode* Find(std::string_view name) const;
     DirNode& Add(std::unique_ptr<DirNode> node);  ///< its name must be new
     std::unique_ptr<DirNode> Take(const DirNode& node);
+    void Reserve(std::size_t count) { nodes_.reserve(count); }
     const std::vector<std::unique_ptr<DirNode>>& All() const { return nodes_; }
 
   private:
@@ -50,7 +51,8 @@ struct DirNode {
         kWaitedFor = 4,     ///< some watch is attached here
         kUnwatched = 8,     ///< it should have a kernel watch and could not get one
         kThroughLink = 16,  ///< on the way to a root, a link that is followed
-        kPartial = 32       ///< some of its names were left out, as no watch wanted them
+        kPartial = 32,      ///< some of its names were left out, as no watch wanted them
+        kByItself = 64      ///< not to be visited together with others
     };
 
     bool Is(Flag flag) const { return (flags & flag) != 0; }

@@ -16,11 +16,15 @@
 namespace Engine::FileNotify {
 
 int DirOpener::Locate(DirNode& node) {
+    if (const Entry* open = FindOpen(node)) return open->fd->Get();
     std::vector<DirNode*> steps;
     int fd = -1;
-    for (DirNode* at = &node; at != nullptr && fd < 0; at = at->parent) {
-        fd = FindOpen(*at);
-        if (fd < 0) steps.push_back(at);
+    for (DirNode* at = &node; at != nullptr; at = at->parent) {
+        if (const Entry* open = FindOpen(*at)) {
+            fd = open->fd->Get();
+            break;
+        }
+        steps.push_back(at);
     }
     for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
         fd = OpenStep(**step, fd);
@@ -28,6 +32,11 @@ int DirOpener::Locate(DirNode& node) {
         Keep(**step, SDK::FileDescriptor(fd));
     }
     return fd;
+}
+
+std::shared_ptr<const SDK::FileDescriptor> DirOpener::Share(DirNode& node) {
+    if (Locate(node) < 0) return nullptr;
+    return FindOpen(node)->fd;
 }
 
 int DirOpener::OpenStep(DirNode& node, int parent_fd) {
@@ -53,16 +62,15 @@ void DirOpener::Forget(const DirNode& node) {
                 open_.end());
 }
 
-int DirOpener::FindOpen(const DirNode& node) const {
-    for (auto entry = open_.rbegin(); entry != open_.rend(); ++entry) {
-        if (entry->node == &node) return entry->fd.Get();
-    }
-    return -1;
+const DirOpener::Entry* DirOpener::FindOpen(const DirNode& node) const {
+    const auto entry = std::find_if(open_.rbegin(), open_.rend(),
+                                    [&](const Entry& one) { return one.node == &node; });
+    return entry == open_.rend() ? nullptr : &*entry;
 }
 
 void DirOpener::Keep(const DirNode& node, SDK::FileDescriptor fd) {
     if (open_.size() >= kKeptOpen) open_.pop_front();
-    open_.push_back({&node, std::move(fd)});
+    open_.push_back({&node, std::make_shared<const SDK::FileDescriptor>(std::move(fd))});
 }
 
 }  // namespace Engine::FileNotify

@@ -3,6 +3,7 @@
 #include <sdk/FileDescriptor.h>
 
 #include <deque>
+#include <memory>
 
 #include "DirNode.h"
 
@@ -19,6 +20,13 @@ class DirOpener {
     /// Borrowed: valid until the next call.
     int Locate(DirNode& node);
 
+    /// The same, kept open for as long as it is held; null when it is not there or cannot be
+    /// opened.
+    std::shared_ptr<const SDK::FileDescriptor> Share(DirNode& node);
+
+    /// Takes over a descriptor of that directory, for what lies in it.
+    void Keep(const DirNode& node, SDK::FileDescriptor fd);
+
     /// The same directory opened to be read; -1 with errno.
     static SDK::FileDescriptor OpenForReading(int located_fd);
 
@@ -30,12 +38,11 @@ class DirOpener {
 
     struct Entry {
         const DirNode* node;
-        SDK::FileDescriptor fd;
+        std::shared_ptr<const SDK::FileDescriptor> fd;
     };
 
     static int OpenStep(DirNode& node, int parent_fd);
-    int FindOpen(const DirNode& node) const;
-    void Keep(const DirNode& node, SDK::FileDescriptor fd);
+    const Entry* FindOpen(const DirNode& node) const;
 
     std::deque<Entry> open_;
 };

@@ -9,7 +9,7 @@
 namespace Engine::FileNotify {
 
 /// The kernel's side of watching: one inotify descriptor. The seam where tests put in failures.
-/// Owned by the task; its thread only.
+/// Owned by the task; its thread only, Add excepted.
 class InotifyDescriptor {
   public:
     virtual ~InotifyDescriptor() = default;
@@ -20,7 +20,7 @@ class InotifyDescriptor {
 
     /// Watches the directory that `dir_fd` is open on, by that descriptor and not by its path, so
     /// that it is surely this one. Adds to the mask of a directory watched already. The watch
-    /// descriptor, or -errno.
+    /// descriptor, or -errno. Any thread.
     virtual int Add(int dir_fd, std::uint32_t mask);
 
     /// A watch that is gone already is no failure.

@@ -47,6 +47,12 @@ bool NameIndex::RemoveFile(DirNode& dir, std::string_view name) {
     return true;
 }
 
+void NameIndex::SetFiles(DirNode& dir, const PackedNames& names) {
+    ClearFiles(dir);
+    dir.files.Assign(names);
+    AddTotals(&dir, {0, dir.files.Size(), 0}, true);
+}
+
 void NameIndex::ClearFiles(DirNode& dir) {
     AddTotals(&dir, {0, dir.files.Size(), 0}, false);
     dir.files.Clear();

@@ -35,6 +35,8 @@ class NameIndex {
     /// False when it was known already. No directory may be known under the name.
     bool AddFile(DirNode& dir, std::string_view name);
     bool RemoveFile(DirNode& dir, std::string_view name);
+    /// All at once; none stands there twice or is a directory's.
+    void SetFiles(DirNode& dir, const PackedNames& names);
     void ClearFiles(DirNode& dir);
 
     /// Gives `node`, with all below it, another place and name, which must be free.

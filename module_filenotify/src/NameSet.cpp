@@ -42,6 +42,13 @@ bool NameSet::Erase(std::string_view name) {
     return true;
 }
 
+void NameSet::Assign(const PackedNames& names) {
+    Clear();
+    bytes_ = names.Bytes();
+    count_ = names.Count();
+    if (count_ >= kHashedFrom) BuildSlots();
+}
+
 void NameSet::Clear() {
     bytes_ = {};
     slots_.reset();

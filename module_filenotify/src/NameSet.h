@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "HashSlots.h"
+#include "PackedNames.h"
 
 namespace Engine::FileNotify {
 
@@ -14,8 +15,9 @@ namespace Engine::FileNotify {
 class NameSet {
   public:
     bool Contains(std::string_view name) const { return Find(name) != HashSlots::kNotFound; }
-    bool Insert(std::string_view name);  ///< false: was there already
-    bool Erase(std::string_view name);   ///< false: was not there
+    bool Insert(std::string_view name);     ///< false: was there already
+    bool Erase(std::string_view name);      ///< false: was not there
+    void Assign(const PackedNames& names);  ///< instead of all; none stands there twice
     void Clear();
     std::uint32_t Size() const { return count_; }
 
@@ -45,7 +47,7 @@ class NameSet {
     void Compact();
     void BuildSlots();
 
-    std::vector<char> bytes_;  ///< length, name, length, name; an erased name begins with NUL
+    std::vector<char> bytes_;  ///< as PackedNames keeps them; an erased name begins with NUL
     std::uint32_t count_ = 0;
     std::uint32_t erased_bytes_ = 0;
     std::unique_ptr<HashSlots> slots_;

@@ -22,6 +22,7 @@ constexpr std::chrono::milliseconds kPruneAfter{1000};
 // next time; and after so many failures no further watch is tried.
 constexpr std::size_t kRetriedAtOnce = 4096;
 constexpr int kFailuresPerRetry = 8;
+constexpr int kRetryPutOff = 10;  // times as long, while a walk goes on
 
 }  // namespace
 
@@ -37,7 +38,7 @@ NotifyCore::NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::
       router_(tree_.coverage, delivery_),
       roots_(tree_, router_),
       changes_(tree_, router_, roots_),
-      walker_(tree_, router_, changes_, roots_, [this] { reader_.Fill(); }),
+      walker_(tree_, *descriptor_, router_, changes_, roots_, [this] { reader_.Fill(); }),
       translator_(reader_, tree_, router_, changes_, roots_, board.Count(), logger) {}
 
 NotifyCore::~NotifyCore() = default;
@@ -50,6 +51,7 @@ void NotifyCore::Close() {
     while (!tree_.coverage.All().empty()) {
         roots_.Stop(tree_.coverage.All().back()->request.ticket.get());
     }
+    walker_.End();
     descriptor_->Close();
     tree_.Clear();
     reader_.Clear();
@@ -75,12 +77,14 @@ void NotifyCore::Work() {
     translator_.Handle(kRecordsAtOnce);
     delivery_.Flush();
     if (!tree_.queue.Empty()) {
-        walker_.Step(kWalkedAtOnce);
+        if (!walker_.Step(kWalkedAtOnce)) walker_.End();
         roots_.Settle();
         delivery_.Flush();
     }
     const auto now = Clock::now();
-    if (!tree_.unwatched.Empty() && now >= next_retry_) RetryUnwatched();
+    // First what is not known at all; but not for as long as somebody keeps the walk going.
+    const auto retry_at = next_retry_ + (tree_.queue.Empty() ? 0 : kRetryPutOff) * retry_after_;
+    if (!tree_.unwatched.Empty() && now >= retry_at) RetryUnwatched();
     if (roots_.PruneDue() && now >= prune_at_) roots_.Prune();
     if (now >= next_publish_) PublishStatus();
     // An open directory keeps its file system from being unmounted.

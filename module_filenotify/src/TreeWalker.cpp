@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 namespace Engine::FileNotify {
 
@@ -30,17 +31,20 @@ std::uint32_t AnnouncedAs(std::uint8_t reasons, bool known, bool initial, bool i
 
 }  // namespace
 
-TreeWalker::TreeWalker(WatchedTree& tree, ChangeRouter& router, TreeChanges& changes,
-                       RootTracker& roots, std::function<void()> between)
+TreeWalker::TreeWalker(WatchedTree& tree, InotifyDescriptor& inotify, ChangeRouter& router,
+                       TreeChanges& changes, RootTracker& roots, std::function<void()> between)
     : tree_(tree),
       router_(router),
       changes_(changes),
       roots_(roots),
-      between_(std::move(between)) {}
+      between_(std::move(between)),
+      first_walk_(tree, inotify, between_) {}
 
 bool TreeWalker::Step(std::size_t budget) {
     router_.SetTime(std::chrono::steady_clock::now());
     for (std::size_t done = 0; done < budget;) {
+        done += first_walk_.Run(budget - done);
+        if (done >= budget) break;
         const WalkQueue::Job job = tree_.queue.Pop();
         if (job.node == nullptr) return false;
         const std::size_t seen = Visit(job);
@@ -52,6 +56,7 @@ bool TreeWalker::Step(std::size_t budget) {
 
 std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     DirNode& node = *job.node;
+    node.Set(DirNode::kByItself, false);
     if (!tree_.coverage.IsWalked(node)) return 1;
     WatchTable::Result result = WatchTable::Result::kKept;
     const int error = tree_.EnsureWatched(node, result);
@@ -98,7 +103,6 @@ std::size_t TreeWalker::Descend(const DirNode& node, Watch* owner) {
 }
 
 std::size_t TreeWalker::List(DirNode& node, const WalkQueue::Job& job, std::uint8_t reasons) {
-    entries_.clear();
     const int located = tree_.opener.Locate(node);
     if (located < 0) return 1;
     const SDK::FileDescriptor directory = DirOpener::OpenForReading(located);
@@ -107,22 +111,26 @@ std::size_t TreeWalker::List(DirNode& node, const WalkQueue::Job& job, std::uint
         return 1;
     }
     node.Set(DirNode::kPartial, false);
-    const int error = ListDirectory(directory.Get(), entries_, between_);
-    for (const DirEntry& entry : entries_) Found(node, entry, reasons, job.owner);
+    const int error = ListDirectory(directory.Get(), listing_, between_);
+    listing_.directories.ForEach(
+        [&](std::string_view name) { Found(node, name, true, reasons, job.owner); });
+    listing_.others.ForEach(
+        [&](std::string_view name) { Found(node, name, false, reasons, job.owner); });
     constexpr std::uint8_t kTellsGone =
         WalkQueue::kArrived | WalkQueue::kReconcile | WalkQueue::kLook;
     if (error == 0 && (reasons & kTellsGone) != 0) {
-        AnnounceMissing(node, entries_);
+        AnnounceMissing(node);
     }
     node.Set(DirNode::kListed, true);
     node.Set(DirNode::kInitial, false);
     node.files.Shrink();
-    return 1 + entries_.size();
+    return 1 + listing_.Count();
 }
 
-void TreeWalker::Found(DirNode& node, const DirEntry& entry, std::uint8_t reasons, Watch* owner) {
-    const Kind kind = entry.is_directory ? Kind::kDirectory : Kind::kOther;
-    const bool known = NameIndex::Lookup(node, entry.name) == kind;
+void TreeWalker::Found(DirNode& node, std::string_view name, bool is_directory,
+                       std::uint8_t reasons, Watch* owner) {
+    const Kind kind = is_directory ? Kind::kDirectory : Kind::kOther;
+    const bool known = NameIndex::Lookup(node, name) == kind;
     const bool initial = node.Is(DirNode::kInitial);
     TreeChanges::Visit visit;
     visit.owner = owner;
@@ -133,13 +141,14 @@ void TreeWalker::Found(DirNode& node, const DirEntry& entry, std::uint8_t reason
     if (!known && (reasons & (WalkQueue::kReconcile | WalkQueue::kLook)) != 0) {
         visit.reasons |= initial ? WalkQueue::kFirst : WalkQueue::kArrived;
     }
-    changes_.Appeared(node, entry.name, entry.is_directory,
-                      AnnouncedAs(reasons, known, initial, entry.is_directory), visit);
+    changes_.Appeared(node, name, is_directory, AnnouncedAs(reasons, known, initial, is_directory),
+                      visit);
 }
 
-void TreeWalker::AnnounceMissing(DirNode& node, const std::vector<DirEntry>& entries) {
+void TreeWalker::AnnounceMissing(DirNode& node) {
     std::unordered_set<std::string_view> present;
-    for (const DirEntry& entry : entries) present.insert(entry.name);
+    listing_.directories.ForEach([&](std::string_view name) { present.insert(name); });
+    listing_.others.ForEach([&](std::string_view name) { present.insert(name); });
     std::vector<std::pair<std::string, bool>> missing;
     for (const auto& child : node.dirs.All()) {
         if (present.count(child->name) == 0) {

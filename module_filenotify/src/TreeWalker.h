@@ -2,9 +2,9 @@
 
 #include <cstddef>
 #include <functional>
-#include <vector>
 
 #include "DirLister.h"
+#include "FirstWalk.h"
 #include "TreeChanges.h"
 
 namespace Engine::FileNotify {
@@ -14,11 +14,14 @@ namespace Engine::FileNotify {
 class TreeWalker {
   public:
     /// `between` is called while a huge directory is read.
-    TreeWalker(WatchedTree& tree, ChangeRouter& router, TreeChanges& changes, RootTracker& roots,
-               std::function<void()> between);
+    TreeWalker(WatchedTree& tree, InotifyDescriptor& inotify, ChangeRouter& router,
+               TreeChanges& changes, RootTracker& roots, std::function<void()> between);
 
     /// Visits until about `budget` directories and names are done. False: nothing is left.
     bool Step(std::size_t budget);
+
+    /// Gives back what only a walk needs.
+    void End() { first_walk_.End(); }
 
     /// Takes the directory, or the highest one above it that is not where it should be, for gone,
     /// and what has its name now for new. For when no event tells so: a directory without a kernel
@@ -30,15 +33,17 @@ class TreeWalker {
     std::size_t Visit(const WalkQueue::Job& job);
     std::size_t List(DirNode& node, const WalkQueue::Job& job, std::uint8_t reasons);
     std::size_t Descend(const DirNode& node, Watch* owner);
-    void Found(DirNode& node, const DirEntry& entry, std::uint8_t reasons, Watch* owner);
-    void AnnounceMissing(DirNode& node, const std::vector<DirEntry>& entries);
+    void Found(DirNode& node, std::string_view name, bool is_directory, std::uint8_t reasons,
+               Watch* owner);
+    void AnnounceMissing(DirNode& node);
 
     WatchedTree& tree_;
     ChangeRouter& router_;
     TreeChanges& changes_;
     RootTracker& roots_;
     std::function<void()> between_;
-    std::vector<DirEntry> entries_;
+    FirstWalk first_walk_;
+    DirListing listing_;
 };
 
 }  // namespace Engine::FileNotify

@@ -20,15 +20,17 @@ void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner) {
 }
 
 WalkQueue::Job WalkQueue::Pop() {
-    while (!jobs_.empty()) {
-        const Job job = jobs_.back();
-        jobs_.pop_back();
-        if (job.node == nullptr) continue;
-        job.node->job = 0;
-        if (job.owner != nullptr) --job.owner->jobs;
-        return job;
-    }
-    return {};
+    if (Next() == nullptr) return {};
+    const Job job = jobs_.back();
+    jobs_.pop_back();
+    job.node->job = 0;
+    if (job.owner != nullptr) --job.owner->jobs;
+    return job;
+}
+
+const WalkQueue::Job* WalkQueue::Next() {
+    while (!jobs_.empty() && jobs_.back().node == nullptr) jobs_.pop_back();
+    return jobs_.empty() ? nullptr : &jobs_.back();
 }
 
 void WalkQueue::PutBack(const Job& job) {

@@ -33,6 +33,9 @@ class WalkQueue {
     void Push(DirNode& node, std::uint8_t reasons, Watch* owner);
     Job Pop();
 
+    /// What Pop will give; null: nothing. Valid until the queue is changed.
+    const Job* Next();
+
     /// The job that was popped last could not be done yet: it is the next again.
     void PutBack(const Job& job);
     void Cancel(DirNode& node);

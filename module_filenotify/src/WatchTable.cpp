@@ -16,10 +16,14 @@ int WatchTable::Watch(DirNode& node, int dir_fd, std::uint32_t mask, Result& res
     }
     result = node.wd >= 0 ? Result::kReplaced : Result::kNew;
     Unwatch(node);
+    Add(node, wd, mask);
+    return 0;
+}
+
+void WatchTable::Add(DirNode& node, int wd, std::uint32_t mask) {
     if (!nodes_.emplace(wd, &node).second) further_nodes_.emplace(wd, &node);
     node.wd = wd;
     node.mask = mask;
-    return 0;
 }
 
 void WatchTable::Unwatch(DirNode& node) {

@@ -27,6 +27,9 @@ class WatchTable {
     /// or another directory than the one that was watched as this node until now.
     int Watch(DirNode& node, int dir_fd, std::uint32_t mask, Result& result);
 
+    /// Takes in a watch that the kernel has given for `node`, which has none here.
+    void Add(DirNode& node, int wd, std::uint32_t mask);
+
     void Unwatch(DirNode& node);
 
     /// The kernel has ended the watch: the nodes that lost it.

@@ -152,6 +152,18 @@ class NotifyTest : public ::testing::Test {
                                        : answer["filenotify"][name].asUInt64();
     }
 
+    /// Whether as many directories and files are known below the root as there are.
+    bool IndexAgrees() const {
+        int directories = 1;
+        int files = 0;
+        for (const auto& entry : fs::recursive_directory_iterator(Root())) {
+            const bool is_directory = entry.symlink_status().type() == fs::file_type::directory;
+            ++(is_directory ? directories : files);
+        }
+        const Json::Value status = WatchStatus(Root());
+        return status["directories"].asInt() == directories && status["files"].asInt() == files;
+    }
+
     static bool Has(const std::vector<SeenChange>& seen, std::uint32_t mask,
                     const std::string& path) {
         return IndexOf(seen, mask, path) < seen.size();

@@ -1,0 +1,202 @@
+// How long it takes until a tree is watched, and what that costs in memory: the least it can take
+// (RawWalk) beside the file-notify module's own parts, in turns in one run. Prints a line of
+// medians; --json one object.
+
+#include <NotifyCore.h>
+#include <malloc.h>
+#include <sys/inotify.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include "RawWalk.h"
+
+namespace bench {
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace notify = Engine::FileNotify;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kFanOut = 32;
+
+double MillisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+// Directory i lies in directory (i - 1) / kFanOut; each has the same number of files.
+void MakeTree(const std::string& root, int directories, int files) {
+    std::vector<std::string> paths{root};
+    for (int i = 0; i < directories; ++i) {
+        if (i > 0) {
+            const std::string& parent = paths[static_cast<std::size_t>((i - 1) / kFanOut)];
+            paths.push_back(parent + "/directory" + std::to_string(i));
+        }
+        fs::create_directory(paths.back());
+        for (int f = 0; f < files; ++f) {
+            std::ofstream(paths.back() + "/file-" + std::to_string(f) + ".html");
+        }
+    }
+}
+
+// From the real parts being made until the watch is "ready".
+class OwnWalk {
+  public:
+    explicit OwnWalk(const std::string& root)
+        : core_(
+              std::make_unique<notify::InotifyDescriptor>(),
+              [](const std::string&, Framework::Message*) { return false; }, board_,
+              &Poco::Logger::get("bench"), std::chrono::seconds(3)) {
+        notify::WatchRequest request;
+        request.ticket = std::make_shared<notify::WatchTicket>("receiver", root);
+        for (const auto& part : fs::path(root).relative_path()) {
+            request.components.push_back(part.string());
+        }
+        request.mask =
+            IN_CREATE | IN_MODIFY | IN_DELETE | IN_ATTRIB | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF;
+        request.recursive = request.report_directories = request.rewatch = true;
+        requests_.push_back(request);
+    }
+
+    double Run() {
+        const auto start = Clock::now();
+        core_.Open();
+        core_.Apply(requests_);
+        while (core_.IdleTime().count() == 0) {
+            core_.Fill();
+            core_.Work();
+        }
+        const double took = MillisecondsSince(start);
+        core_.PublishStatus();
+        state_ = board_.Watches()["watches"][0]["state"].asString();
+        directories_ = board_.Watches()["watches"][0]["directories"].asUInt();
+        return took;
+    }
+
+    bool IsReady(int directories) const {
+        return state_ == "ready" && directories_ == static_cast<unsigned int>(directories);
+    }
+
+  private:
+    notify::StatusBoard board_;
+    notify::NotifyCore core_;
+    std::vector<notify::WatchRequest> requests_;
+    std::string state_;
+    unsigned int directories_ = 0;
+};
+
+struct Memory {
+    double heap = 0;
+    double resident = 0;
+    double peak = 0;
+};
+
+double StatusKiB(const char* key) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(key, 0) == 0) return std::atof(line.c_str() + std::strlen(key));
+    }
+    return 0;
+}
+
+// Bytes per directory, in a process of its own, so that nothing of other runs is in the figures.
+Memory MeasureMemory(const std::string& root, int directories) {
+    int pipe[2];
+    if (::pipe(pipe) != 0) return {};
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::malloc_trim(0);  // what making the tree has left
+        OwnWalk walk(root);
+        const double heap = static_cast<double>(mallinfo2().uordblks);
+        const double resident = StatusKiB("VmRSS:");
+        walk.Run();
+        Memory each{(static_cast<double>(mallinfo2().uordblks) - heap),
+                    (StatusKiB("VmRSS:") - resident) * 1024,
+                    (StatusKiB("VmHWM:") - resident) * 1024};
+        for (double* value : {&each.heap, &each.resident, &each.peak}) *value /= directories;
+        const bool written = ::write(pipe[1], &each, sizeof each) == sizeof each;
+        ::_exit(written ? 0 : 1);
+    }
+    Memory each;
+    if (::read(pipe[0], &each, sizeof each) != sizeof each) each = {};
+    ::waitpid(child, nullptr, 0);
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+    return each;
+}
+
+int Measure(const std::string& root, int directories, int files, int rounds, bool json) {
+    std::vector<double> raw;
+    std::vector<double> raw_two;
+    std::vector<double> own;
+    const Memory memory = MeasureMemory(root, directories);
+    for (int round = -1; round < rounds; ++round) {
+        double one = 0;
+        double two = 0;
+        bool complete = RawWalk(root, 1, one) == static_cast<std::size_t>(directories) &&
+                        RawWalk(root, 2, two) == static_cast<std::size_t>(directories);
+        OwnWalk walk(root);
+        const double ours = walk.Run();
+        complete = complete && walk.IsReady(directories);
+        if (!complete) {
+            std::fprintf(stderr, "not all directories could be watched\n");
+            return 1;
+        }
+        if (round < 0) continue;  // warms the cache
+        raw.push_back(one);
+        raw_two.push_back(two);
+        own.push_back(ours);
+    }
+    const double ratio = Median(own) / Median(raw);
+    std::printf(
+        json ? "{\"directories\":%d,\"files_each\":%d,\"raw_ms\":%.1f,\"raw_two_threads_ms\":%.1f,"
+               "\"own_ms\":%.1f,\"own_to_raw\":%.3f,\"heap_bytes_each\":%.0f,"
+               "\"resident_bytes_each\":%.0f,\"peak_bytes_each\":%.0f}\n"
+             : "%d directories, %d files each: raw %.1f ms, on two threads %.1f ms; ours %.1f ms, "
+               "%.3f of raw; bytes a directory: heap %.0f, resident %.0f, at the peak %.0f\n",
+        directories, files, Median(raw), Median(raw_two), Median(own), ratio, memory.heap,
+        memory.resident, memory.peak);
+    return 0;
+}
+
+}  // namespace
+
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    CLI::App app("Time and memory of watching a tree");
+    int directories = 10000;
+    int files = 10;
+    int rounds = 5;
+    bool json = false;
+    std::string tree;
+    app.add_option("--directories", directories)->check(CLI::Range(1, 1000000));
+    app.add_option("--files", files, "in each directory")->check(CLI::Range(0, 1000));
+    app.add_option("--rounds", rounds)->check(CLI::Range(1, 1000));
+    app.add_option("--tree", tree, "made there, or used again if it is there, and left");
+    app.add_flag("--json", json);
+    CLI11_PARSE(app, argc, argv);
+    const bool is_own = tree.empty();
+    if (is_own) {
+        std::string name = (std::filesystem::temp_directory_path() / "walk_bench.XXXXXX").string();
+        if (::mkdtemp(name.data()) == nullptr) return 1;
+        tree = name + "/tree";
+    }
+    if (!std::filesystem::exists(tree)) bench::MakeTree(tree, directories, files);
+    const int result = bench::Measure(tree, directories, files, rounds, json);
+    if (is_own) std::filesystem::remove_all(std::filesystem::path(tree).parent_path());
+    return result;
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+#include "SurveyTeam.h"
+#include "WatchedTree.h"
+
+namespace Engine::FileNotify {
+
+/// The quick way for what nearly all of a first walk is: a directory of which nothing is known, all
+/// of whose names are wanted, and nobody is to be told. Many are surveyed at a time, beside taking
+/// the ones before into the index. Whatever is not so simple is left in the queue, for TreeWalker.
+/// Task's thread only.
+class FirstWalk {
+  public:
+    /// `between` is called again and again: the kernel's queue must not fill up meanwhile.
+    FirstWalk(WatchedTree& tree, InotifyDescriptor& inotify, std::function<void()> between);
+
+    /// Visits until about `budget` directories and names are done or the next in the queue is not
+    /// for it. How many were done.
+    std::size_t Run(std::size_t budget);
+
+    /// The walk is over: gives thread and memory back.
+    void End();
+
+  private:
+    static constexpr std::size_t kAtOnce = 128;
+
+    struct Batch {
+        std::size_t count = 0;
+        std::array<WalkQueue::Job, kAtOnce> jobs;
+        std::array<std::uint32_t, kAtOnce> masks{};
+        std::vector<DirSurvey> surveys;
+    };
+
+    void Collect(Batch& batch);
+    bool IsForMe(const DirNode& node, std::uint8_t reasons, std::uint32_t& mask) const;
+    std::size_t TakeIn(Batch& batch);
+    void TakeIn(const WalkQueue::Job& job, DirSurvey& survey);
+    void AddNames(const WalkQueue::Job& job, const DirListing& listing);
+
+    WatchedTree& tree_;
+    const std::function<void()> between_;
+    SurveyTeam team_;
+    Batch ahead_;   ///< being surveyed
+    Batch behind_;  ///< surveyed
+};
+
+}  // namespace Engine::FileNotify

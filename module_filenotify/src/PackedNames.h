@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace Engine::FileNotify {
+
+/// Names of 1 to 255 bytes, one behind another, a byte for the length before each: what a listing
+/// gives and NameSet keeps. Not for several threads.
+class PackedNames {
+  public:
+    /// A name that is empty or longer is left out.
+    void Append(std::string_view name) {
+        if (name.empty() || name.size() > 255) return;
+        bytes_.push_back(static_cast<char>(name.size()));
+        bytes_.insert(bytes_.end(), name.begin(), name.end());
+        ++count_;
+    }
+
+    void Clear() {
+        bytes_.clear();
+        count_ = 0;
+    }
+
+    template <typename Each>
+    void ForEach(Each&& each) const {
+        for (std::size_t at = 0; at < bytes_.size();) {
+            const auto size = static_cast<unsigned char>(bytes_[at]);
+            each(std::string_view(bytes_.data() + at + 1, size));
+            at += 1U + size;
+        }
+    }
+
+    std::uint32_t Count() const { return count_; }
+    const std::vector<char>& Bytes() const { return bytes_; }
+
+  private:
+    std::vector<char> bytes_;
+    std::uint32_t count_ = 0;
+};
+
+}  // namespace Engine::FileNotify
