@@ -1,3 +1,4 @@
+#include <RsyncNap.h>
 #include <RsyncVersion.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -44,7 +45,9 @@ bool FollowsPlantedLinks(const std::string& version) {
 
 void NoteRsyncVersion(const std::string& path, bool installed_anew) {
     SentrelStatus& status = SentrelStatus::Instance();
-    if (!installed_anew && status.IsRsyncKnown()) return;
+    if (installed_anew) status.ForgetRsync();
+    if (status.IsRsyncKnown()) return;
+    SDK::ExecuteCmdUtils::SetProgramEnvironment(path, {});  // a new file is asked without additions
     std::string output;
     int exit_code = 0;
     const int result = SDK::ExecuteCmdUtils::ExecuteCmd(path, {"--version"}, kAskTimeoutMs,
@@ -59,6 +62,7 @@ void NoteRsyncVersion(const std::string& path, bool installed_anew) {
     }
     status.SetRsync(version, reason);
     if (!reason.empty()) SDK_LOG(ModuleLogger(), PRIO_WARNING, "rsync degraded: %s.", reason);
+    UseRsyncNap(path, output);
 }
 
 }  // namespace Engine

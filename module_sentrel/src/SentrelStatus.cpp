@@ -73,11 +73,22 @@ bool SentrelStatus::IsRsyncKnown() const {
     return rsync_known_;
 }
 
+void SentrelStatus::ForgetRsync() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    rsync_known_ = false;
+}
+
 void SentrelStatus::SetRsync(const std::string& version, const std::string& degraded_reason) {
     const std::lock_guard<std::mutex> lock(mutex_);
     rsync_known_ = true;
     rsync_version_ = version;
     degraded_reason_ = degraded_reason;
+}
+
+void SentrelStatus::SetRsyncNap(bool in_use, const std::string& reason) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    nap_in_use_ = in_use;
+    no_nap_reason_ = reason;
 }
 
 Json::Value SentrelStatus::ToJson(const Json::Value& watches) const {
@@ -97,6 +108,8 @@ Json::Value SentrelStatus::ToJson(const Json::Value& watches) const {
     answer["backlog"]["deferred"] = static_cast<Json::UInt64>(deferred_);
     answer["backlog"]["failed"] = static_cast<Json::UInt64>(failed_);
     answer["backlog"]["trees_to_compare"] = static_cast<Json::UInt64>(trees_);
+    answer["rsync"]["nap"]["in_use"] = nap_in_use_;
+    answer["rsync"]["nap"]["reason"] = no_nap_reason_;
     answer["counters"] = CountersToJson();
     return answer;
 }
@@ -150,6 +163,8 @@ void SentrelStatus::Reset() {
     rsync_known_ = false;
     rsync_version_.clear();
     degraded_reason_.clear();
+    nap_in_use_ = false;
+    no_nap_reason_.clear();
 }
 
 }  // namespace Engine

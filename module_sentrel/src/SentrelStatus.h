@@ -62,8 +62,11 @@ class SentrelStatus {
     void NoteFailure(const std::string& real_path, const std::string& text);
 
     bool IsRsyncKnown() const;
+    void ForgetRsync();  ///< another file is installed
     /// `degraded_reason` empty: nothing is wrong with it.
     void SetRsync(const std::string& version, const std::string& degraded_reason);
+    /// Whether rsync ends without its sleeps, and if not, why.
+    void SetRsyncNap(bool in_use, const std::string& reason);
 
     /// The answer to the query "status.sentrel". `watches` is the answer to "filenotify.watches",
     /// or null.
@@ -96,6 +99,8 @@ class SentrelStatus {
     bool rsync_known_ = false;
     std::string rsync_version_;
     std::string degraded_reason_;
+    bool nap_in_use_ = false;
+    std::string no_nap_reason_;
 };
 
 }  // namespace Engine

@@ -1,5 +1,6 @@
-// Owns: the search path of commands. The process is ChildProcess's, the decision whether a line
-// needs a shell CommandLine's. Runs on the caller's thread.
+// Runs commands and waits for them on the caller's thread. Keeps nothing: the process is
+// ChildProcess's, its environment CommandEnvironment's, the decision whether a line needs a shell
+// CommandLine's.
 #include "sdk/ExecuteCmdUtils.h"
 
 #include <poll.h>
@@ -10,12 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <mutex>
 
 #include "ChildProcess.h"
+#include "CommandEnvironment.h"
 #include "CommandLine.h"
 #include "sdk/CommandInterrupter.h"
-#include "sdk/PathUtils.h"
 #include "sdk/TimeUtils.h"
 
 namespace SDK {
@@ -23,18 +23,7 @@ namespace SDK {
 namespace {
 
 constexpr const char* kShell = "/bin/sh";
-constexpr const char* kDefaultSearchPath =
-    "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr int kNoLimit = -1;
-
-std::mutex search_path_mutex;
-std::string search_path;  // empty: the default
-
-std::vector<std::string> BuildEnvironment() {
-    const std::lock_guard<std::mutex> lock(search_path_mutex);
-    return {"PATH=" + (search_path.empty() ? kDefaultSearchPath : search_path), "LC_ALL=C",
-            "HOME=" + PathUtils::GetInstallationPath() + "conf/home"};
-}
 
 /// Keeps the beginning of a command's output and throws the rest away.
 class OutputCollector {
@@ -116,7 +105,7 @@ int Run(const std::vector<std::string>& arguments, int timeout_ms, int& exit_cod
     started = true;
     if (IsInterrupted(CommandInterrupter::Current())) return ExecuteCmdUtils::kInterrupted;
     ChildProcess child;
-    started = child.Start(arguments, BuildEnvironment());
+    started = child.Start(arguments, CommandEnvironment::Of(arguments.front()));
     if (!started || child.EndDescriptor() < 0) return ExecuteCmdUtils::kStartFailed;
     OutputCollector collector(child.OutputDescriptor(), output, max_output);
     const int ended = WaitForEnd(child, collector, timeout_ms);
@@ -149,7 +138,8 @@ int ExecuteCmdUtils::ExecuteCmd(const std::string& command, std::string& output,
     // What cannot be started is left to the shell as well: its words and its code tell why, and it
     // can run a script without an interpreter line.
     if (!started) {
-        result = Run({kShell, "-c", command}, kNoLimit, exit_code, output, max_output, started);
+        result = Run({kShell, "-c", CommandEnvironment::ShellLine(command)}, kNoLimit, exit_code,
+                     output, max_output, started);
     }
     return result == 0 ? exit_code : result;
 }
@@ -167,8 +157,12 @@ int ExecuteCmdUtils::ExecuteCmd(const std::string& program,
 }
 
 void ExecuteCmdUtils::SetSearchPath(const std::string& path) {
-    const std::lock_guard<std::mutex> lock(search_path_mutex);
-    search_path = path;
+    CommandEnvironment::SetSearchPath(path);
+}
+
+void ExecuteCmdUtils::SetProgramEnvironment(const std::string& program,
+                                            const std::vector<std::string>& variables) {
+    CommandEnvironment::SetProgramVariables(program, variables);
 }
 
 }  // namespace SDK

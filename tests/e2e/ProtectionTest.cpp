@@ -1,3 +1,4 @@
+#include <sdk/FileUtils.h>
 #include <sys/stat.h>
 
 #include "support/ProtectedSite.h"
@@ -8,6 +9,7 @@ class Protection : public test::ProtectedSite {};
 
 TEST_F(Protection, TamperingIsUndone_AndTold) {
     Protect();
+    EXPECT_TRUE(agent_.Status()["rsync"]["nap"]["in_use"].asBool()) << agent_.Status();
     EXPECT_TRUE(TamperingIsUndone("index.html"));
     std::filesystem::remove(site_.Path("about.html"));
     EXPECT_TRUE(Await([&] { return std::filesystem::exists(site_.Path("about.html")); }));
@@ -86,6 +88,27 @@ TEST_F(Protection, MissingProtectedDirectory_IsSaidAndTheOthersAreProtected) {
         ASSERT_TRUE(AwaitProtection()) << agent_.Status();
         EXPECT_TRUE(TamperingIsUndone("index.html"));
     }
+}
+
+TEST_F(Protection, OldRsync_WorksAndIsTold) {
+    ASSERT_TRUE(agent_.Start());
+    const test::TempDir download;
+    const std::string old = download.Write("rsync",
+                                           "#!/bin/sh\ncase \"$1\" in --version) "
+                                           "echo 'rsync  version 3.2.7  protocol version 31';;\n"
+                                           "*) exec /usr/bin/rsync \"$@\";;\nesac\n");
+    Json::Value policy = SitePolicy();
+    std::string digest;
+    SDK::FileUtils::GetFileSha256(old, digest, 1L << 20);
+    test::SetRsync(policy, "file://" + old, digest);
+    ASSERT_EQ(agent_.Apply(policy), 0);
+    ASSERT_TRUE(AwaitProtection());
+    EXPECT_TRUE(agent_.Status()["rsync"]["degraded"].asBool());
+    const std::string page = agent_.Ctl({"status"}).out;
+    EXPECT_NE(page.find("rsync 3.2.7 is older than 3.5.0: follows planted links as root"),
+              std::string::npos)
+        << page;
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
 }
 
 }  // namespace

@@ -129,6 +129,26 @@ TEST(ExecuteCmd, Environment_IsBuiltAndNotInherited) {
               "HOME=/opt/agent/conf/home\n");
 }
 
+TEST(ExecuteCmd, VariablesOfAProgram_ReachNoOther) {
+    const auto run = [](const std::string& line) {
+        std::string output;
+        EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd(line, output, kMuch), 0) << line;
+        return output;
+    };
+    ExecuteCmdUtils::SetProgramEnvironment("/usr/bin/env", {"NAP=/a,b", "ODD=$x"});
+    const std::string plain = run("/usr/bin/env");
+    EXPECT_NE(plain.find("NAP=/a,b\nODD=$x\n"), std::string::npos) << plain;
+    const std::string shell = run(" /usr/bin/env; echo =$NAP=; /bin/sh -c 'echo $NAP'");
+    EXPECT_NE(shell.find("NAP=/a,b\n"), std::string::npos) << shell;
+    EXPECT_EQ(shell.find("ODD"), std::string::npos) << shell;
+    EXPECT_NE(shell.find("==\n\n"), std::string::npos) << shell;
+    for (const char* other : {"/bin/sh -c env", "echo a; /usr/bin/env", "/usr/bin/../bin/env"}) {
+        EXPECT_EQ(run(other).find("NAP"), std::string::npos) << other;
+    }
+    ExecuteCmdUtils::SetProgramEnvironment("/usr/bin/env", {});
+    EXPECT_EQ(run("/usr/bin/env").find("NAP"), std::string::npos);
+}
+
 TEST(ExecuteCmd, Command_GetsNoDescriptorsSignalsOrGroupOfOurs) {
     const int leaked = ::open("/dev/null", O_RDONLY);  // deliberately not close-on-exec
     ASSERT_GE(leaked, 0);

@@ -44,8 +44,8 @@ class ConfigManager {
     std::chrono::milliseconds PolicyGrace() const { return policy_grace_; }
     int CpuLimitPercent() const { return cpu_limit_percent_; }
 
-    /// The object under that key, for the component of that name ("report", "filenotify"); its own
-    /// business to check. An empty object when there is none.
+    /// The object under that key, for the component of that name ("report", "filenotify",
+    /// "sentrel"); its own business to check. An empty object when there is none.
     Json::Value Section(const std::string& name) const;
 
     /// Back to the defaults, for tests.

@@ -1,0 +1,70 @@
+// Decides whether the sleepless end is used and tells the command runner and the status. What the
+// library does is in its own source; it must not reach any command but rsync.
+#include <RsyncNap.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <framework/ConfigManager.h>
+#include <sdk/ExecuteCmdUtils.h>
+#include <sdk/Log.h>
+#include <sdk/PathUtils.h>
+#include <unistd.h>
+
+namespace Engine {
+
+namespace {
+
+using SDK::ExecuteCmdUtils;
+
+constexpr const char* kSwitch = "rsync_nap";
+constexpr int kAskTimeoutMs = 5000;
+constexpr std::size_t kMaxAnswer = 4096;
+
+bool IsSwitchedOff() {
+    const Json::Value value = Framework::ConfigManager::GetInstance().Section("sentrel")[kSwitch];
+    if (!value.isNull() && !value.isBool()) {
+        SDK_LOG(ModuleLogger(), PRIO_WARNING,
+                "conf/agent.json: /sentrel/%s: must be true or false; true is used.",
+                std::string(kSwitch));
+    }
+    return value.isBool() && !value.asBool();
+}
+
+/// What keeps the library from being loaded; empty when nothing does.
+std::string Obstacle(const std::string& library) {
+    if (::access(library.c_str(), R_OK) != 0) return library + " cannot be read";
+    // The loader takes these for the end of the name.
+    if (library.find_first_of(" :") != std::string::npos) return "a blank or colon in " + library;
+    return "";
+}
+
+/// The loader complains in the program's output; a program that cannot bear the library says less.
+bool AnswersTheSame(const std::string& path, const std::string& version_text) {
+    std::string output;
+    int exit_code = 0;
+    return ExecuteCmdUtils::ExecuteCmd(path, {"--version"}, kAskTimeoutMs, exit_code, output,
+                                       kMaxAnswer) == 0 &&
+           exit_code == 0 && output == version_text;
+}
+
+}  // namespace
+
+void UseRsyncNap(const std::string& path, const std::string& version_text) {
+    ExecuteCmdUtils::SetProgramEnvironment(path, {});
+    if (IsSwitchedOff()) {
+        SentrelStatus::Instance().SetRsyncNap(false, "switched off in conf/agent.json");
+        return;
+    }
+    const std::string library = SDK::PathUtils::GetInstallationPath() + "lib/librsync_nap.so";
+    std::string obstacle = Obstacle(library);
+    if (obstacle.empty()) {
+        ExecuteCmdUtils::SetProgramEnvironment(path, {"LD_PRELOAD=" + library});
+        if (!AnswersTheSame(path, version_text))
+            obstacle = library + " cannot be loaded into rsync";
+    }
+    SentrelStatus::Instance().SetRsyncNap(obstacle.empty(), obstacle);
+    if (obstacle.empty()) return;
+    ExecuteCmdUtils::SetProgramEnvironment(path, {});
+    SDK_LOG(ModuleLogger(), PRIO_NOTICE, "rsync works, but ends slowly: %s.", obstacle);
+}
+
+}  // namespace Engine
