@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cerrno>
+#include <mutex>
 
 namespace SDK {
 
@@ -53,6 +54,11 @@ class SpawnPlan {
 
     int Run(pid_t& pid, char* const* arguments, char* const* environment) {
         if (error_ != 0) return error_;
+        // Until its program runs a child has all our descriptors, also that of a program that
+        // another thread is just writing and is about to start: that would fail with ETXTBSY. One
+        // at a time, as the call returns when the program runs.
+        static std::mutex one_at_a_time;
+        const std::lock_guard<std::mutex> lock(one_at_a_time);
         return ::posix_spawn(&pid, arguments[0], &actions_, &attributes_, arguments, environment);
     }
 
