@@ -1,17 +1,32 @@
-// Owns: the changes that wait for room in their receivers' queues.
-// Not: a message that was posted; that is the framework's. Thread: the task's.
+// Owns: the changes that wait, by receiver. Not: a message that was posted; that is the
+// framework's, which tells its SendWindow when it is gone. Thread: the task's.
 
 #include "Delivery.h"
 
 #include <module_filenotify/FileNotifyMessage.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace Engine::FileNotify {
 
+namespace {
+
+// A queue that others have filled tells nobody when there is room.
+constexpr std::chrono::milliseconds kRefusedRetry{5};
+
+}  // namespace
+
+Delivery::Delivery(Post post, NamesBelow names_below, Counters& counters, Now now)
+    : post_(std::move(post)),
+      names_below_(std::move(names_below)),
+      counters_(counters),
+      now_(std::move(now)) {}
+
 void Delivery::Add(PendingChange change) {
-    PendingQueue& queue = queues_[change.ticket->Receiver()];
-    if (queue.Push(std::move(change))) {
+    const std::string& id = change.ticket->Receiver();
+    Receiver& receiver = receivers_.try_emplace(id, names_below_, wakes_).first->second;
+    if (receiver.queue.Push(std::move(change), now_())) {
         ++counters_.pending;
     } else {
         ++counters_.events_merged;
@@ -19,28 +34,75 @@ void Delivery::Add(PendingChange change) {
 }
 
 void Delivery::Flush() {
-    for (auto queue = queues_.begin(); queue != queues_.end();) {
-        queue = FlushOne(queue->first, queue->second) ? queues_.erase(queue) : std::next(queue);
+    flushed_ = now_();
+    for (auto& [id, receiver] : receivers_) {
+        if (receiver.queue.Size() > 0) FlushOne(id, receiver);
     }
 }
 
-bool Delivery::FlushOne(const std::string& receiver, PendingQueue& queue) {
-    while (!queue.Empty()) {
-        const PendingChange& change = queue.Front();
-        const auto posted = change.ticket->Post([&] {
-            auto message = std::make_unique<FileNotifyMessage>(
-                change.ticket->Id(), change.path, change.moveto, change.mask, change.read_time);
-            if (!post_(receiver, message.get())) return false;
-            static_cast<void>(message.release());  // the framework's from here on
-            return true;
-        });
-        if (posted == WatchTicket::Posted::kRefused) return false;
-        ++(posted == WatchTicket::Posted::kYes ? counters_.events_delivered
-                                               : counters_.events_dropped);
-        --counters_.pending;
-        queue.Pop();
-    }
+void Delivery::FlushOne(const std::string& id, Receiver& receiver) {
+    PendingQueue& queue = receiver.queue;
+    receiver.refused = false;
+    const PendingQueue::Settled settled = queue.Settle(flushed_);
+    counters_.deletions_settled += settled.deletions;
+    counters_.directories_announced += settled.directories;
+    counters_.pending += settled.directories;
+    do {
+        while (receiver.window->HasRoom()) {
+            const PendingChange* change = queue.Next();
+            if (change == nullptr) return;
+            if (!PostOne(id, receiver, *change)) {
+                receiver.refused = true;
+                return;
+            }
+            --counters_.pending;
+            queue.Pop();
+        }
+    } while (!receiver.window->WakeWhenLow());
+}
+
+bool Delivery::PostOne(const std::string& id, Receiver& receiver, const PendingChange& change) {
+    const auto posted = change.ticket->Post([&] {
+        receiver.window->Posted();  // taken back when the message is freed, here or there
+        auto message =
+            std::make_unique<FileNotifyMessage>(change.ticket->Id(), change.path, change.moveto,
+                                                change.mask, change.read_time, receiver.window);
+        if (!post_(id, message.get())) return false;
+        static_cast<void>(message.release());  // the framework's from here on
+        return true;
+    });
+    if (posted == WatchTicket::Posted::kRefused) return false;
+    ++(posted == WatchTicket::Posted::kYes ? counters_.events_delivered : counters_.events_dropped);
     return true;
+}
+
+void Delivery::DropRevoked() {
+    for (auto& [id, receiver] : receivers_) {
+        const std::size_t dropped = receiver.queue.DropRevoked();
+        counters_.events_dropped += dropped;
+        counters_.pending -= dropped;
+    }
+}
+
+bool Delivery::Empty() const {
+    return std::all_of(receivers_.begin(), receivers_.end(),
+                       [](const auto& receiver) { return receiver.second.queue.Size() == 0; });
+}
+
+std::optional<Delivery::Clock::time_point> Delivery::NextDue() const {
+    std::optional<Clock::time_point> next;
+    const auto take = [&](Clock::time_point due) { next = next ? std::min(*next, due) : due; };
+    for (const auto& [id, receiver] : receivers_) {
+        if (receiver.refused) take(flushed_ + kRefusedRetry);
+        if (const auto due = receiver.queue.NextDue()) take(*due);
+    }
+    return next;
+}
+
+std::size_t Delivery::InFlight() const {
+    std::size_t count = 0;
+    for (const auto& [id, receiver] : receivers_) count += receiver.window->InFlight();
+    return count;
 }
 
 }  // namespace Engine::FileNotify

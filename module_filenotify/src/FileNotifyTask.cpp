@@ -64,12 +64,14 @@ FileNotifyTask::FileNotifyTask(const Settings& settings,
 FileNotifyTask::~FileNotifyTask() = default;
 
 bool FileNotifyTask::Init() {
+    if (core_.WakeFd() >= 0) Waiter().AddSource(core_.WakeFd(), [this] { core_.Woken(); });
     return Framework::Task::Init() && EnsureOpen();
 }
 
 bool FileNotifyTask::UnInit() {
     desk_.Close();
     if (core_.Fd() >= 0) Waiter().RemoveSource(core_.Fd());
+    if (core_.WakeFd() >= 0) Waiter().RemoveSource(core_.WakeFd());
     core_.Close();
     return Framework::Task::UnInit();
 }

@@ -3,18 +3,22 @@
 
 #include "NotifyCore.h"
 
+#include <sys/inotify.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
+
+#include "RequestDesk.h"
 
 namespace Engine::FileNotify {
 
 namespace {
 
-constexpr std::size_t kRecordsAtOnce = 4096;
+// Receivers get what there is after so many: they are not to wait for the end of a storm.
+constexpr std::size_t kRecordsAtOnce = 512;
 constexpr std::size_t kWalkedAtOnce = 4096;
 constexpr std::chrono::milliseconds kIdle{1000};
-constexpr std::chrono::milliseconds kFullQueueRetry{5};
 constexpr std::chrono::milliseconds kPublishEvery{100};
 // A policy takes its watches off and puts them on again: what they need is kept so long.
 constexpr std::chrono::milliseconds kPruneAfter{1000};
@@ -32,7 +36,12 @@ NotifyCore::NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::
     : descriptor_(std::move(descriptor)),
       board_(board),
       retry_after_(retry_after),
-      delivery_(std::move(post), board.Count()),
+      delivery_(
+          std::move(post),
+          [this](const WatchTicket& ticket, const std::string& path) {
+              return NamesBelow(ticket, path);
+          },
+          board.Count()),
       tree_(*descriptor_, logger, board.Count()),
       reader_(*descriptor_),
       router_(tree_.coverage, delivery_),
@@ -55,18 +64,21 @@ void NotifyCore::Close() {
     descriptor_->Close();
     tree_.Clear();
     reader_.Clear();
-    delivery_.Flush();
+    delivery_.DropRevoked();
     PublishStatus();
 }
 
 void NotifyCore::Apply(const std::vector<WatchRequest>& requests) {
+    bool removed = false;
     for (const WatchRequest& request : requests) {
         if (request.remove) {
             roots_.Stop(request.ticket.get());
+            removed = true;
         } else {
             roots_.Start(request);
         }
     }
+    if (removed) delivery_.DropRevoked();
     if (requests.empty()) return;
     prune_at_ = Clock::now() + kPruneAfter;
     router_.SetTime(Clock::now());
@@ -115,13 +127,30 @@ void NotifyCore::RetryUnwatched() {
     next_retry_ = Clock::now() + retry_after_;
 }
 
+std::optional<std::size_t> NotifyCore::NamesBelow(const WatchTicket& ticket,
+                                                  const std::string& path) {
+    const Watch* watch = tree_.coverage.Find(&ticket);
+    if (watch == nullptr || !watch->root_present || !watch->request.report_directories ||
+        (watch->request.mask & IN_ATTRIB) == 0) {
+        return std::nullopt;
+    }
+    const DirNode* node = roots_.RootNode(*watch);
+    for (const std::string& name : RequestDesk::Split(path.substr(watch->Id().size()))) {
+        if (node == nullptr) break;
+        node = node->dirs.Find(name);
+    }
+    if (node == nullptr) return std::nullopt;
+    return std::size_t{node->totals.directories} + node->totals.files;
+}
+
 std::chrono::milliseconds NotifyCore::IdleTime() const {
     if (!reader_.Empty() || !tree_.queue.Empty()) return std::chrono::milliseconds(0);
-    std::chrono::milliseconds idle = delivery_.Empty() ? kIdle : kFullQueueRetry;
+    std::chrono::milliseconds idle = kIdle;
     const auto until = [&](Clock::time_point due) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
         idle = std::clamp(left, std::chrono::milliseconds(0), idle);
     };
+    if (const auto due = delivery_.NextDue()) until(*due);
     if (!tree_.unwatched.Empty()) until(next_retry_);
     if (roots_.PruneDue()) until(prune_at_);
     return idle;
@@ -135,6 +164,7 @@ void NotifyCore::PublishStatus() {
     picture.indexed_names = std::size_t{totals.directories} + totals.files;
     picture.unwatched = totals.unwatched;
     picture.walk_queue = tree_.queue.Size();
+    picture.in_flight = delivery_.InFlight();
     board_.Publish(std::move(picture));
     next_publish_ = Clock::now() + kPublishEvery;
 }

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "Delivery.h"
@@ -31,6 +33,10 @@ class NotifyCore {
 
     void Apply(const std::vector<WatchRequest>& requests);
 
+    /// Readable when a receiver has made room; then Woken is to be called.
+    int WakeFd() const { return delivery_.Wakes().Fd(); }
+    void Woken() { delivery_.Wakes().Drain(); }
+
     /// Takes over what the kernel has queued.
     void Fill() { reader_.Fill(); }
 
@@ -46,6 +52,7 @@ class NotifyCore {
     using Clock = std::chrono::steady_clock;
 
     void RetryUnwatched();
+    std::optional<std::size_t> NamesBelow(const WatchTicket& ticket, const std::string& path);
     const char* StateOf(const Watch& watch, std::uint32_t unwatched) const;
     WatchStatus StatusOf(const Watch& watch) const;
 

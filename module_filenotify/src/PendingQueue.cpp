@@ -1,29 +1,174 @@
+// Owns: the changes that wait for one receiver. Not: how many may be posted (SendWindow), nor the
+// posting (Delivery). Thread: the task's.
+
 #include "PendingQueue.h"
 
 #include <functional>
-#include <utility>
+#include <iterator>
+#include <string>
 
 namespace Engine::FileNotify {
 
-std::size_t PendingQueue::Hash::operator()(const PendingChange* change) const {
-    return std::hash<std::string>()(change->path) ^ (change->mask * 0x9E3779B97F4A7C15ULL);
+bool PendingQueue::Equal::operator()(const Entry* one, const Entry* other) const {
+    const PendingChange& a = one->change;
+    const PendingChange& b = other->change;
+    return a.mask == b.mask && a.ticket == b.ticket && a.path == b.path && a.moveto == b.moveto;
 }
 
-bool PendingQueue::Equal::operator()(const PendingChange* one, const PendingChange* other) const {
-    return one->mask == other->mask && one->ticket == other->ticket && one->path == other->path &&
-           one->moveto == other->moveto;
+std::size_t PendingQueue::HashOf(const PendingChange& change) {
+    return std::hash<std::string>()(change.path) ^ (change.mask * 0x9E3779B97F4A7C15ULL);
 }
 
-bool PendingQueue::Push(PendingChange change) {
-    if (known_.count(&change) != 0) return false;
-    changes_.push_back(std::move(change));
-    known_.insert(&changes_.back());
+PendingQueue::Lane PendingQueue::LaneOf(const PendingChange& change) {
+    if (change.IsLoss()) return kHeld;
+    return change.IsAboutDirectory() && !change.IsArrival() ? kDirectories : kContents;
+}
+
+bool PendingQueue::Concerns(const Entry& entry) {
+    return entry.change.IsAboutDirectory() && (entry.change.IsLoss() || entry.change.IsArrival());
+}
+
+bool PendingQueue::Push(PendingChange change, Time now) {
+    const bool is_loss = change.IsLoss();
+    if (is_loss) hold_.Note(now, lanes_[kHeld].empty());
+    Entry entry;
+    entry.change = std::move(change);
+    entry.hash = HashOf(entry.change);
+    if (known_.count(&entry) != 0) return false;
+    entry.lane = LaneOf(entry.change);
+    entry.serial = ++serial_;
+    entry.due = now + LossHold::kLongest;
+    Entries& lane = lanes_[entry.lane];
+    lane.push_back(std::move(entry));
+    known_.insert(&lane.back());
+    if (Concerns(lane.back())) NoteDirectory(std::prev(lane.end()));
     return true;
 }
 
+void PendingQueue::NoteDirectory(Entries::iterator entry) {
+    directories_.erase(entry->change.path);  // its key is the older entry's text
+    directories_.emplace(entry->change.path, entry);
+}
+
+std::optional<PendingQueue::Time> PendingQueue::NextDue() const {
+    if (lanes_[kHeld].empty()) return std::nullopt;
+    return hold_.Due();
+}
+
+PendingQueue::Settled PendingQueue::Settle(Time now) {
+    Settled settled;
+    const std::size_t held = lanes_[kHeld].size();
+    if (held > 0 && hold_.IsOver(now, held)) settled = Release(now);
+    // Directories are in the order of their coming: when one is not due, none behind it is.
+    for (Entry& entry : lanes_[kDirectories]) {
+        if (now < entry.due) break;
+        if (!entry.after) entry.after = serial_;
+    }
+    return settled;
+}
+
+PendingQueue::Settled PendingQueue::Release(Time now) {
+    Entries& held = lanes_[kHeld];
+    Settled settled;
+    if (held.size() > 1) settled.deletions = held.size();
+    for (PendingChange& repair : Plan()) {
+        if (Push(std::move(repair), now)) ++settled.directories;
+    }
+    for (Entry& entry : held) {
+        entry.lane = kReleased;
+        entry.after = serial_;
+    }
+    lanes_[kReleased].splice(lanes_[kReleased].end(), held);
+    return settled;
+}
+
+std::vector<PendingChange> PendingQueue::Plan() const {
+    std::vector<const PendingChange*> losses;
+    for (const Entry& entry : lanes_[kHeld]) {
+        if (!entry.change.IsLoss()) continue;
+        const Entries::iterator* above = TopmostAbove(entry.change, false);
+        if (above == nullptr || !(*above)->change.IsLoss()) losses.push_back(&entry.change);
+    }
+    return PlanRepairs(losses, names_below_);
+}
+
+const PendingChange* PendingQueue::Next() {
+    while (known_.size() > lanes_[kHeld].size()) {
+        next_ = Choose();
+        const Entries::iterator* above = TopmostAbove(next_->change, !Concerns(*next_));
+        if (above == nullptr) return &next_->change;
+        if ((*above)->lane != kHeld) {
+            next_ = *above;
+            return &next_->change;
+        }
+        if (next_->put_back) return &next_->change;
+        Entries& from = lanes_[next_->lane];
+        next_->put_back = true;
+        next_->lane = kHeld;
+        lanes_[kHeld].splice(lanes_[kHeld].end(), from, next_);
+    }
+    return nullptr;
+}
+
+PendingQueue::Entries::iterator PendingQueue::Choose() {
+    for (std::uint8_t turn = 1; turn <= kHeld; ++turn) {
+        const auto lane = static_cast<Lane>((last_lane_ + turn) % kHeld);
+        if (MayGo(lane)) return lanes_[lane].begin();
+    }
+    return lanes_[kContents].end();
+}
+
+bool PendingQueue::MayGo(Lane lane) const {
+    if (lanes_[lane].empty()) return false;
+    const Entry& entry = lanes_[lane].front();
+    if (lane == kContents) return true;
+    if (Precedes(kContents, entry)) return false;
+    return lane != kReleased || !Precedes(kDirectories, entry);
+}
+
+bool PendingQueue::Precedes(Lane lane, const Entry& entry) const {
+    return !lanes_[lane].empty() && !(entry.after && lanes_[lane].front().serial > *entry.after);
+}
+
+const PendingQueue::Entries::iterator* PendingQueue::TopmostAbove(const PendingChange& change,
+                                                                  bool or_itself) const {
+    if (directories_.empty()) return nullptr;
+    const std::string_view path = change.path;
+    std::size_t at = path.find('/', change.ticket->Id().size());
+    while (true) {
+        if (at == std::string_view::npos && !or_itself) return nullptr;
+        const auto found = directories_.find(path.substr(0, at));
+        if (found != directories_.end()) return &found->second;
+        if (at == std::string_view::npos) return nullptr;
+        at = path.find('/', at + 1);
+    }
+}
+
 void PendingQueue::Pop() {
-    known_.erase(&changes_.front());
-    changes_.pop_front();
+    last_lane_ = next_->lane;
+    Remove(next_);
+}
+
+PendingQueue::Entries::iterator PendingQueue::Remove(Entries::iterator entry) {
+    const auto noted = directories_.find(entry->change.path);
+    if (noted != directories_.end() && noted->second == entry) directories_.erase(noted);
+    known_.erase(&*entry);
+    return lanes_[entry->lane].erase(entry);
+}
+
+std::size_t PendingQueue::DropRevoked() {
+    std::size_t dropped = 0;
+    for (Entries& lane : lanes_) {
+        for (auto entry = lane.begin(); entry != lane.end();) {
+            if (entry->change.ticket->IsValid()) {
+                ++entry;
+            } else {
+                entry = Remove(entry);
+                ++dropped;
+            }
+        }
+    }
+    return dropped;
 }
 
 }  // namespace Engine::FileNotify

@@ -1,48 +1,109 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
-#include <memory>
-#include <string>
+#include <list>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
-#include "WatchTicket.h"
+#include "LossHold.h"
+#include "PendingChange.h"
+#include "RepairPlan.h"
 
 namespace Engine::FileNotify {
 
-/// One message that is still to be posted.
-struct PendingChange {
-    std::shared_ptr<const WatchTicket> ticket;
-    std::string path;
-    std::string moveto;
-    std::uint32_t mask = 0;
-    std::chrono::steady_clock::time_point read_time;
-};
-
-/// What waits for one receiver, in order. Of changes with the same watch, path and mask only the
-/// first is kept: the receiver looks at the object when it gets the message, so one that it has
-/// not had yet speaks for the later ones too. Not bounded by a number, but by the paths there are.
+/// What waits for one receiver, and which of it goes next. Of changes with the same watch, path,
+/// mask and move target only the first is kept: the receiver looks at the object when it gets the
+/// message, so one that it has not had yet speaks for the later ones too. Not bounded by a number,
+/// but by the paths there are.
+///
+/// The order, since one message may spare the receiver many others:
+/// - Deletions are held back as long as LossHold says. Where many names of a directory are gone,
+///   the directory is announced once, ahead of them.
+/// - Changes of content go first, then those of directories (a receiver that puts a directory back
+///   undoes what is changed in it, which is to be judged and told before), then deletions.
+/// - The arrival or loss of a directory goes ahead of all that waits below it, the topmost first;
+///   what is below one that is held back waits with it.
+/// - Nothing waits for ever: what waits behind others lets those go ahead that were there when its
+///   own time came, and then takes turns with newer ones.
+///
 /// Task's thread only.
 class PendingQueue {
   public:
-    bool Push(PendingChange change);  ///< false: the same was waiting already
-    bool Empty() const { return changes_.empty(); }
-    std::size_t Size() const { return changes_.size(); }
-    const PendingChange& Front() const { return changes_.front(); }
+    using Time = std::chrono::steady_clock::time_point;
+
+    explicit PendingQueue(NamesBelow names_below) : names_below_(std::move(names_below)) {}
+    PendingQueue(const PendingQueue&) = delete;
+    PendingQueue& operator=(const PendingQueue&) = delete;
+
+    bool Push(PendingChange change, Time now);  ///< false: the same was waiting already
+    std::size_t Size() const { return known_.size(); }
+
+    struct Settled {
+        std::size_t deletions = 0;    ///< let go after they were held back
+        std::size_t directories = 0;  ///< announced on their account
+    };
+
+    /// Lets go what has been held back for long enough.
+    Settled Settle(Time now);
+
+    /// When there is something for Settle to do; none: not before something else happens.
+    std::optional<Time> NextDue() const;
+
+    /// What is to be posted now, or null. Valid until the next call of anything here.
+    const PendingChange* Next();
+    /// Takes out what Next gave.
     void Pop();
 
+    /// Drops what waits for watches that were taken off; how many it was.
+    std::size_t DropRevoked();
+
   private:
+    enum Lane : std::uint8_t { kContents, kDirectories, kReleased, kHeld, kLanes };
+
+    struct Entry {
+        PendingChange change;
+        std::size_t hash = 0;
+        Lane lane = kContents;
+        bool put_back = false;               ///< has waited for a directory above it
+        std::uint64_t serial = 0;            ///< of its coming
+        std::optional<std::uint64_t> after;  ///< what came up to this serial goes first
+        Time due{};                          ///< of a directory: when `after` is to be set
+    };
+    using Entries = std::list<Entry>;
     struct Hash {
-        std::size_t operator()(const PendingChange* change) const;
+        std::size_t operator()(const Entry* entry) const { return entry->hash; }
     };
     struct Equal {
-        bool operator()(const PendingChange* one, const PendingChange* other) const;
+        bool operator()(const Entry* one, const Entry* other) const;
     };
 
-    std::deque<PendingChange> changes_;
-    std::unordered_set<const PendingChange*, Hash, Equal> known_;
+    static std::size_t HashOf(const PendingChange& change);
+    static Lane LaneOf(const PendingChange& change);
+    static bool Concerns(const Entry& entry);
+    void NoteDirectory(Entries::iterator entry);
+    Settled Release(Time now);
+    std::vector<PendingChange> Plan() const;
+    Entries::iterator Choose();
+    bool MayGo(Lane lane) const;
+    bool Precedes(Lane lane, const Entry& entry) const;
+    const Entries::iterator* TopmostAbove(const PendingChange& change, bool or_itself) const;
+    Entries::iterator Remove(Entries::iterator entry);
+
+    const NamesBelow names_below_;
+    std::array<Entries, kLanes> lanes_;
+    std::unordered_set<const Entry*, Hash, Equal> known_;
+    /// The last waiting arrival or loss of each directory, by path.
+    std::unordered_map<std::string_view, Entries::iterator> directories_;
+    Entries::iterator next_;
+    LossHold hold_;
+    std::uint64_t serial_ = 0;
+    std::uint8_t last_lane_ = kContents;  ///< that something went out of
 };
 
 }  // namespace Engine::FileNotify

@@ -57,6 +57,7 @@ Json::Value StatusBoard::Status() const {
         own["indexed_names"] = number(picture_.indexed_names);
         own["unwatched_directories"] = number(picture_.unwatched);
         own["walk_queue"] = number(picture_.walk_queue);
+        own["events_in_flight"] = number(picture_.in_flight);
     }
     own["pending_events"] = number(counters_.pending);
     own["watch_failures"] = number(counters_.watch_failures);
@@ -65,6 +66,8 @@ Json::Value StatusBoard::Status() const {
     counters["events_delivered"] = number(counters_.events_delivered);
     counters["events_dropped"] = number(counters_.events_dropped);
     counters["events_merged"] = number(counters_.events_merged);
+    counters["deletions_settled"] = number(counters_.deletions_settled);
+    counters["directories_announced"] = number(counters_.directories_announced);
     counters["overflows"] = number(counters_.overflows);
     return answer;
 }

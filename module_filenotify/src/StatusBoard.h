@@ -30,6 +30,7 @@ class StatusBoard {
         std::size_t indexed_names = 0;
         std::size_t unwatched = 0;
         std::size_t walk_queue = 0;
+        std::size_t in_flight = 0;  ///< posted, and not dealt with yet
     };
 
     Counters& Count() { return counters_; }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -31,8 +30,9 @@ class WatchTicket {
 
     enum class Posted { kYes, kRefused, kRevoked };
 
-    /// Runs `post` unless revoked. `post` must not block: Revoke waits for it.
-    Posted Post(const std::function<bool()>& post) const {
+    /// Runs `post`, which gives a bool, unless revoked. It must not block: Revoke waits for it.
+    template <typename PostOne>
+    Posted Post(PostOne&& post) const {
         const std::lock_guard lock(mutex_);
         if (!valid_) return Posted::kRevoked;
         return post() ? Posted::kYes : Posted::kRefused;

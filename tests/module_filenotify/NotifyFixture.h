@@ -179,12 +179,19 @@ class NotifyTest : public ::testing::Test {
         return WaitFor([&] { return Has(receiver_->Seen(), mask, path); }, kDeadline);
     }
 
-    /// Everything delivered before, and nothing after, a file that is made now: when its event has
-    /// come, everything earlier has.
-    std::vector<SeenChange> SeenUntilNow() {
+    void AwaitCookie() {
         const std::string cookie = Root("cookie" + std::to_string(++cookies_));
         TouchFile(cookie);
         EXPECT_TRUE(Sees(IN_CREATE, cookie));
+    }
+
+    /// Everything that has been delivered of what happened until now. When the event of a file that
+    /// is made now has come, all earlier ones have been read; when that of another one comes after
+    /// the time when nothing waited any more, all of them have been delivered.
+    std::vector<SeenChange> SeenUntilNow() {
+        AwaitCookie();
+        EXPECT_TRUE(WaitFor([&] { return Counter("pending_events") == 0; }, kDeadline));
+        AwaitCookie();
         std::vector<SeenChange> seen = receiver_->Seen();
         seen.erase(std::remove_if(seen.begin(), seen.end(),
                                   [](const SeenChange& change) {

@@ -14,6 +14,7 @@ namespace test {
 using Engine::FileNotify::Counters;
 using Engine::FileNotify::Delivery;
 using Engine::FileNotify::DirNode;
+using Engine::FileNotify::LossHold;
 using Engine::FileNotify::PendingChange;
 using Engine::FileNotify::WalkQueue;
 using Engine::FileNotify::WatchTicket;
@@ -40,7 +41,9 @@ class DeliveryTest : public ::testing::Test {
     Delivery delivery{[this](const std::string& receiver, Framework::Message* message) {
                           return Post(receiver, message);
                       },
-                      counters};
+                      [](const WatchTicket&, const std::string&) { return std::nullopt; }, counters,
+                      [this] { return now; }};
+    Delivery::Clock::time_point now{std::chrono::hours(1)};
     std::shared_ptr<WatchTicket> one = std::make_shared<WatchTicket>("one", "/w");
     std::shared_ptr<WatchTicket> two = std::make_shared<WatchTicket>("two", "/w");
 };
@@ -57,6 +60,7 @@ TEST_F(DeliveryTest, NoRoom_KeepsOrderAndOneEntryPerPathAndMask) {
     room = 2;
     delivery.Flush();
     EXPECT_EQ(posted, (std::vector<std::string>{"one/a", "one/b"}));
+    now += LossHold::kQuiet;
     delivery.Add(Change(one, "/a", IN_MODIFY));  // delivered before: news again
     room = 5;
     delivery.Flush();

@@ -53,7 +53,7 @@ TEST_F(Watches, Removed_NothingWaitingOrNewIsToldAndReAddingWorksAtOnce) {
     Watch(Root());  // the receiver's own watch, for the cookies
     other->SetReading(false);
     for (int i = 0; i < 20; ++i) TouchFile(Root("f" + std::to_string(i)));
-    SeenUntilNow();
+    AwaitCookie();
     _FileNotifyOpt removal = Tree();
     removal.remove = true;
     EXPECT_EQ(other->Ask(Root(), kMasks, removal), Root());

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <framework/Message.h>
+#include <module_filenotify/DeliveryObserver.h>
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 
 namespace Engine {
@@ -15,8 +18,13 @@ namespace Engine {
 /// target.
 class FileNotifyMessage : public Framework::Message {
   public:
+    /// `observer`, if any, is told when the message is destroyed.
     FileNotifyMessage(std::string watch_file, std::string event_path, std::string moveto_file,
-                      std::uint32_t raw_mask, std::chrono::steady_clock::time_point read_time);
+                      std::uint32_t raw_mask, std::chrono::steady_clock::time_point read_time,
+                      std::shared_ptr<DeliveryObserver> observer = nullptr);
+    ~FileNotifyMessage() override;
+    FileNotifyMessage(const FileNotifyMessage&) = delete;
+    FileNotifyMessage& operator=(const FileNotifyMessage&) = delete;
 
     /// Calls the receiver's FileNotifyMessageAction when it is an AbstractMessageReceiver.
     void Deliver(Framework::Task& receiver) override;
@@ -45,6 +53,8 @@ class FileNotifyMessage : public Framework::Message {
     std::string moveto_file_;
     std::uint32_t raw_mask_;
     std::chrono::steady_clock::time_point read_time_;
+    std::shared_ptr<DeliveryObserver> observer_;
+    std::optional<std::chrono::nanoseconds> handling_;  ///< set once it has been delivered
 };
 
 }  // namespace Engine

@@ -1,0 +1,42 @@
+// Owns: the count of messages on their way to one receiver. Not: the messages (the framework's).
+// Threads: the task's posts, the receiver's tells what it has dealt with.
+
+#include "SendWindow.h"
+
+#include <algorithm>
+
+namespace Engine::FileNotify {
+
+namespace {
+
+// One slow message narrows the window at once; this many parts of it fade with each faster one.
+constexpr std::int64_t kFading = 8;
+
+}  // namespace
+
+std::size_t SendWindow::Size() const {
+    const std::int64_t fitting =
+        std::chrono::nanoseconds(kWork).count() / std::max<std::int64_t>(pace_ns_, 1);
+    return std::clamp(static_cast<std::size_t>(fitting), kFewest, kMost);
+}
+
+bool SendWindow::WakeWhenLow() {
+    const auto low = static_cast<std::int64_t>(Size() / 2);
+    wake_at_ = low;
+    if (in_flight_ > low) return true;
+    wake_at_ = kNoWake;
+    return false;
+}
+
+void SendWindow::MessageGone(std::optional<std::chrono::nanoseconds> handling) noexcept {
+    if (handling) Learn(*handling);
+    const std::int64_t left = in_flight_.fetch_sub(1) - 1;
+    if (left <= wake_at_ && wake_at_.exchange(kNoWake) != kNoWake) wake_->Wake();
+}
+
+void SendWindow::Learn(std::chrono::nanoseconds handling) noexcept {
+    const std::int64_t pace = pace_ns_;
+    pace_ns_ = std::max(handling.count(), pace + (handling.count() - pace) / kFading);
+}
+
+}  // namespace Engine::FileNotify

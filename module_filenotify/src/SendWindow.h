@@ -1,0 +1,52 @@
+#pragma once
+
+#include <module_filenotify/DeliveryObserver.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "WakeLine.h"
+
+namespace Engine::FileNotify {
+
+/// How many messages one receiver has been posted and has not dealt with yet, and how many that
+/// should be: what lies in its queue can no longer be put in order nor merged, so it is to be
+/// little, about kWork of the receiver's time, but never so little that the receiver has to wait
+/// for more. Shared with the messages, which may outlive the task.
+class SendWindow : public DeliveryObserver {
+  public:
+    static constexpr std::chrono::milliseconds kWork{30};
+    static constexpr std::size_t kFewest = 4;
+    static constexpr std::size_t kMost = 256;
+
+    explicit SendWindow(std::shared_ptr<const WakeLine> wake) : wake_(std::move(wake)) {}
+
+    // Task's thread only.
+    bool HasRoom() const { return InFlight() < Size(); }
+    void Posted() { ++in_flight_; }
+
+    /// True: the wake line is told when half of the window is free. False: it is already.
+    bool WakeWhenLow();
+
+    // Any thread.
+    std::size_t InFlight() const { return static_cast<std::size_t>(in_flight_.load()); }
+    std::size_t Size() const;
+    void MessageGone(std::optional<std::chrono::nanoseconds> handling) noexcept override;
+
+  private:
+    static constexpr std::int64_t kNoWake = -1;
+
+    void Learn(std::chrono::nanoseconds handling) noexcept;
+
+    const std::shared_ptr<const WakeLine> wake_;
+    std::atomic<std::int64_t> in_flight_{0};
+    std::atomic<std::int64_t> wake_at_{kNoWake};
+    std::atomic<std::int64_t> pace_ns_{1000000};  ///< what a message is taken to need
+};
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,299 @@
+#include <Delivery.h>
+#include <gtest/gtest.h>
+#include <module_filenotify/FileNotifyMessage.h>
+#include <poll.h>
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace test {
+
+using namespace std::chrono_literals;
+using Engine::FileNotify::Counters;
+using Engine::FileNotify::Delivery;
+using Engine::FileNotify::LossHold;
+using Engine::FileNotify::SendWindow;
+using Engine::FileNotify::WatchTicket;
+using Names = std::vector<std::string>;
+
+constexpr std::uint32_t kDir = IN_ISDIR;
+
+/// A delivery with a clock of its own and a receiver that deals with messages when told to.
+class Burst : public ::testing::Test {
+  protected:
+    void Add(std::uint32_t mask, const std::string& path) {
+        delivery->Add({ticket, "/w" + path, {}, mask, now});
+    }
+    void AddMany(std::uint32_t mask, const std::string& prefix, int count) {
+        for (int i = 0; i < count; ++i) Add(mask, prefix + std::to_string(i));
+    }
+
+    /// What is posted at this time by a receiver that keeps up; "-" marks a loss, "/" a directory.
+    Names Posted() {
+        Names posted;
+        do {
+            Handle(queue.size());
+            delivery->Flush();
+            for (const auto& message : queue) posted.push_back(Print(*message));
+        } while (!queue.empty());
+        return posted;
+    }
+
+    void Handle(std::size_t count) {
+        for (; count > 0; --count) queue.pop_front();
+    }
+
+    static std::string Print(const Engine::FileNotifyMessage& message) {
+        const std::uint32_t mask = message.GetRawMask();
+        std::string text = message.GetEventFilePath().substr(2);
+        if ((mask & IN_ISDIR) != 0) text += "/";
+        return (mask & (IN_DELETE | IN_MOVED_FROM)) != 0 ? "-" + text : text;
+    }
+
+    std::deque<std::unique_ptr<Engine::FileNotifyMessage>> queue;
+    std::map<std::string, std::size_t> names;  ///< known below each directory
+    Counters counters;
+    Delivery::Clock::time_point now{1h};
+    std::shared_ptr<WatchTicket> ticket = std::make_shared<WatchTicket>("one", "/w");
+    std::unique_ptr<Delivery> delivery = std::make_unique<Delivery>(
+        [this](const std::string&, Framework::Message* message) {
+            queue.emplace_back(static_cast<Engine::FileNotifyMessage*>(message));
+            return true;
+        },
+        [this](const WatchTicket&, const std::string& path) -> std::optional<std::size_t> {
+            const auto found = names.find(path);
+            if (found == names.end()) return std::nullopt;
+            return found->second;
+        },
+        counters, [this] { return now; });
+};
+
+TEST_F(Burst, LoneChanges_AreNotHeldBack) {
+    Add(IN_DELETE, "/a");
+    EXPECT_EQ(Posted(), Names{"-/a"});
+    now += LossHold::kStormGap;
+    Add(IN_MOVED_FROM, "/b");
+    Add(IN_MOVED_TO, "/c");
+    Add(IN_ATTRIB | kDir, "/d");
+    EXPECT_EQ(Posted(), (Names{"/c", "/d/", "-/b"}));
+    EXPECT_FALSE(delivery->NextDue());
+}
+
+TEST_F(Burst, Deletions_WaitForAQuietSpellAndTheRestDoesNot) {
+    Add(IN_DELETE, "/a");
+    EXPECT_EQ(Posted(), Names{"-/a"});
+    now += 1ms;
+    Add(IN_DELETE, "/b");
+    Add(IN_MODIFY, "/page");
+    EXPECT_EQ(Posted(), Names{"/page"});
+    now += LossHold::kQuiet - 1ms;
+    Add(IN_DELETE, "/c");
+    EXPECT_EQ(Posted(), Names());
+    ASSERT_TRUE(delivery->NextDue());
+    EXPECT_EQ(*delivery->NextDue(), now + LossHold::kQuiet);
+    now = *delivery->NextDue();
+    EXPECT_EQ(Posted(), (Names{"-/b", "-/c"}));
+    EXPECT_EQ(counters.deletions_settled, 2U);
+}
+
+TEST_F(Burst, StormWithoutPause_DeletionsAreLetGoAtTheBound) {
+    const auto begin = now;
+    for (int i = 0; now < begin + LossHold::kLongest; ++i, now += 2ms) {
+        Add(IN_DELETE, "/" + std::to_string(i));
+        Add(IN_DELETE, "/x" + std::to_string(i));
+        EXPECT_EQ(Posted(), Names());
+    }
+    EXPECT_EQ(Posted().size(), 300U);
+}
+
+TEST_F(Burst, DirectoryDeleted_GoesAheadOfAllBelowIt) {
+    Add(IN_MODIFY, "/top/a/1");
+    for (const char* inner : {"/top/a", "/top/b"}) {
+        AddMany(IN_DELETE, std::string(inner) + "/", 2);
+        Add(IN_DELETE | kDir, inner);
+    }
+    Add(IN_DELETE | kDir, "/top");
+    Add(IN_MODIFY, "/other");
+    EXPECT_EQ(Posted(), Names{"/other"});  // what is modified below waits with its directory
+    now += LossHold::kQuiet;
+    const Names posted = Posted();
+    ASSERT_EQ(posted.size(), 8U);
+    EXPECT_EQ(posted.front(), "-/top/");
+    const auto at = [&](const char* name) {
+        return std::find(posted.begin(), posted.end(), name) - posted.begin();
+    };
+    EXPECT_LT(at("-/top/a/"), at("-/top/a/0"));
+    EXPECT_LT(at("-/top/b/"), at("-/top/b/0"));
+}
+
+TEST_F(Burst, DirectoryComesBackDuringTheStorm_IsNotHeldBack) {
+    AddMany(IN_DELETE, "/d/", 2);
+    Add(IN_DELETE | kDir, "/d");
+    Add(IN_MODIFY, "/d/f");
+    Add(IN_CREATE | kDir, "/d");
+    Add(IN_CREATE, "/d/new");
+    EXPECT_EQ(Posted(), (Names{"/d/", "/d/f", "/d/new"}));
+    now += LossHold::kQuiet;
+    EXPECT_EQ(Posted(), (Names{"-/d/0", "-/d/1", "-/d/"}));
+}
+
+TEST_F(Burst, ChangeOfADirectory_GoesAfterContentsAndBeforeDeletions) {
+    AddMany(IN_DELETE, "/d/", 2);
+    now += LossHold::kQuiet;
+    Add(IN_ATTRIB | kDir, "/d");
+    Add(IN_MODIFY, "/d/f");
+    EXPECT_EQ(Posted(), (Names{"/d/f", "/d/", "-/d/0", "-/d/1"}));
+}
+
+TEST_F(Burst, ContentsWithoutEnd_OthersTakeTurnsAfterTheirTime) {
+    AddMany(IN_MODIFY, "/early", 2);
+    Add(IN_ATTRIB | kDir, "/d");
+    AddMany(IN_DELETE, "/lost", 2);
+    AddMany(IN_MODIFY, "/more", 2);
+    now += LossHold::kLongest;
+    delivery->Flush();  // all the receiver takes for now
+    Names order;
+    for (int step = 0; !queue.empty(); ++step) {
+        order.push_back(Print(*queue.front()));
+        Handle(1);
+        if (step < 40) Add(IN_MODIFY, "/late" + std::to_string(step));
+        delivery->Flush();
+    }
+    const auto at = [&](const char* name) {
+        return std::find(order.begin(), order.end(), name) - order.begin();
+    };
+    EXPECT_EQ(order.size(), 47U);
+    EXPECT_LT(at("/more1"), at("/d/"));
+    EXPECT_LT(at("/d/"), at("-/lost0"));
+    EXPECT_LT(at("-/lost1"), 10 + static_cast<int>(SendWindow::kMost));
+}
+
+class Repair : public Burst {
+  protected:
+    /// What is posted after `count` deletions in /d, of which as many names are left.
+    std::string FirstAfter(int count, std::size_t left) {
+        names["/w/d"] = left;
+        AddMany(IN_DELETE, "/d/", count);
+        now += LossHold::kQuiet;
+        return Posted().front();
+    }
+};
+
+TEST_F(Repair, ManyLostAndWorthIt_DirectoryIsAnnouncedAhead) {
+    EXPECT_EQ(FirstAfter(16, 10), "/d/");
+    EXPECT_EQ(counters.directories_announced, 1U);
+    EXPECT_EQ(counters.pending, 0U);
+}
+
+TEST_F(Repair, FewLostOrMuchThere_EachGoesByItself) {
+    EXPECT_EQ(FirstAfter(15, 0), "-/d/0");
+    EXPECT_EQ(FirstAfter(16, 10000), "-/d/0");
+    names.clear();  // gone meanwhile
+    AddMany(IN_DELETE, "/e/", 100);
+    now += LossHold::kQuiet;
+    EXPECT_EQ(Posted().front(), "-/e/0");
+}
+
+TEST_F(Repair, LostInManyDirectories_TheCheapestSetIsAnnounced) {
+    names = {{"/w", 500000}, {"/w/top", 120}, {"/w/top/a", 50}, {"/w/top/b", 50}, {"/w/far", 10}};
+    AddMany(IN_DELETE, "/top/a/", 40);
+    AddMany(IN_DELETE | kDir, "/top/b/sub", 40);
+    Add(IN_DELETE, "/top/b/sub1/below");
+    AddMany(IN_DELETE, "/far/", 20);
+    now += LossHold::kQuiet;
+    const Names posted = Posted();
+    EXPECT_EQ(counters.directories_announced, 2U);
+    EXPECT_EQ((std::set<std::string>(posted.begin(), posted.begin() + 2)),
+              (std::set<std::string>{"/top/", "/far/"}));
+}
+
+TEST_F(Burst, Window_FollowsTheReceiversPaceAndWakesBeforeItIsEmpty) {
+    AddMany(IN_MODIFY, "/f", 1000);
+    delivery->Flush();
+    const std::size_t first = queue.size();
+    EXPECT_GE(first, SendWindow::kFewest);
+    EXPECT_LE(first, SendWindow::kMost);
+    pollfd wakes{delivery->Wakes().Fd(), POLLIN, 0};
+    Handle(first / 2 - 1);
+    EXPECT_EQ(::poll(&wakes, 1, 0), 0);
+    Handle(2);
+    EXPECT_EQ(::poll(&wakes, 1, 0), 1);
+    Add(IN_MODIFY, "/f999");  // waits, so it is merged
+    EXPECT_EQ(counters.events_merged, 1U);
+
+    SendWindow window(nullptr);
+    const auto dealt = [&](std::chrono::nanoseconds handling) {
+        window.Posted();
+        window.MessageGone(handling);
+    };
+    dealt(50us);
+    for (int i = 0; i < 60; ++i) dealt(10us);
+    EXPECT_EQ(window.Size(), SendWindow::kMost);
+    dealt(100ms);
+    EXPECT_EQ(window.Size(), SendWindow::kFewest);
+    for (int i = 0; i < 100; ++i) dealt(50us);
+    EXPECT_EQ(window.Size(), SendWindow::kMost);
+}
+
+TEST_F(Burst, MessagesOutliveTheDelivery_AndWatchesThatEndReleaseWhatWaits) {
+    AddMany(IN_MODIFY, "/f", 1000);
+    AddMany(IN_DELETE, "/g", 10);
+    delivery->Flush();
+    ticket->Revoke();
+    delivery->DropRevoked();
+    EXPECT_TRUE(delivery->Empty());
+    EXPECT_FALSE(delivery->NextDue());
+    EXPECT_EQ(counters.pending, 0U);
+    EXPECT_EQ(counters.events_dropped + queue.size(), 1010U);
+    std::thread receiver([&] { Handle(queue.size() / 2); });
+    delivery.reset();
+    receiver.join();
+    Handle(queue.size());
+}
+
+TEST_F(Burst, AtRandom_EveryChangeIsDelivered) {
+    std::mt19937 random(7);
+    const std::vector<std::uint32_t> masks = {
+        IN_MODIFY,        IN_CREATE,        IN_DELETE,          IN_CREATE | kDir,
+        IN_DELETE | kDir, IN_ATTRIB | kDir, IN_MOVED_TO | kDir, IN_MOVED_FROM};
+    std::set<std::pair<std::uint32_t, std::string>> waiting;
+    const auto handle = [&](std::size_t count) {
+        for (; count > 0 && !queue.empty(); --count) {
+            const auto& message = *queue.front();
+            waiting.erase({message.GetRawMask(), message.GetEventFilePath().substr(2)});
+            Handle(1);
+        }
+    };
+    for (int step = 0; step < 20000; ++step) {
+        std::string path;
+        for (unsigned int depth = 1 + random() % 4; depth > 0; --depth) {
+            path += std::string("/") + "abc"[random() % 3];
+        }
+        const std::uint32_t mask = masks[random() % masks.size()];
+        Add(mask, path);
+        waiting.emplace(mask, path);
+        now += std::chrono::microseconds(random() % 3000);
+        if (random() % 4 == 0) delivery->Flush();
+        handle(random() % 3);
+    }
+    now += LossHold::kLongest;
+    for (int round = 0; round < 1000 && !delivery->Empty(); ++round) {
+        delivery->Flush();
+        handle(queue.size());
+        now += LossHold::kQuiet;
+    }
+    handle(queue.size());
+    EXPECT_TRUE(delivery->Empty());
+    EXPECT_TRUE(waiting.empty()) << waiting.size();
+    EXPECT_EQ(counters.pending, 0U);
+}
+
+}  // namespace test
