@@ -1,0 +1,92 @@
+// What the kernel tells about a process. Keeps nothing.
+#include <dirent.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "base/Process.h"
+
+namespace Bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Folder(pid_t pid) {
+    return "/proc/" + std::to_string(pid);
+}
+
+/// False for one that has ended and that nobody has asked after yet.
+bool Lives(pid_t pid) {
+    std::ifstream file(Folder(pid) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t name_end = text.rfind(") ");
+    return name_end != std::string::npos && text[name_end + 2] != 'Z';
+}
+
+/// Calls `use` with the path of each entry; a folder that goes away meanwhile is no error.
+template <class Use>
+void ForEachEntry(const std::string& folder, const Use& use) {
+    std::error_code error;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+        use(it->path());
+    }
+}
+
+}  // namespace
+
+std::size_t ResidentBytes(pid_t pid) {
+    std::ifstream file(Folder(pid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.compare(0, 6, "VmRSS:") == 0) return std::stoul(line.substr(6)) * 1024;
+    }
+    return 0;
+}
+
+std::chrono::nanoseconds ProcessorTime(pid_t pid) {
+    std::chrono::nanoseconds total{0};
+    ForEachEntry(Folder(pid) + "/task", [&](const fs::path& thread) {
+        long long nanoseconds = 0;
+        if (std::ifstream(thread / "schedstat") >> nanoseconds) {
+            total += std::chrono::nanoseconds(nanoseconds);
+        }
+    });
+    return total;
+}
+
+std::vector<pid_t> Family(pid_t pid) {
+    std::vector<pid_t> family{pid};
+    for (std::size_t next = 0; next < family.size(); ++next) {
+        ForEachEntry(Folder(family[next]) + "/task", [&](const fs::path& thread) {
+            std::ifstream children(thread / "children");
+            for (pid_t child = 0; children >> child;) {
+                if (Lives(child)) family.push_back(child);
+            }
+        });
+    }
+    return family;
+}
+
+long WaitingEventBytes(pid_t pid) {
+    const int process = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    if (process < 0) return -1;
+    long total = -1;
+    ForEachEntry(Folder(pid) + "/fd", [&](const fs::path& link) {
+        std::error_code error;
+        if (fs::read_symlink(link, error) != "anon_inode:inotify") return;
+        const int number = std::stoi(link.filename().string());
+        const int fd = static_cast<int>(::syscall(SYS_pidfd_getfd, process, number, 0));
+        int bytes = 0;
+        if (fd >= 0 && ::ioctl(fd, FIONREAD, &bytes) == 0) total = (total < 0 ? 0 : total) + bytes;
+        if (fd >= 0) ::close(fd);
+    });
+    ::close(process);
+    return total;
+}
+
+}  // namespace Bench

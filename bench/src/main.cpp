@@ -1,0 +1,122 @@
+// The driver behind bench/run.sh: measures the rows that are asked for, writes the figures after
+// each, and turns them into tables.
+#include <json/json.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+
+#include "guards/BareRsync.h"
+#include "guards/RawWatch.h"
+#include "report/Document.h"
+#include "rows/Row.h"
+#include "sdk/JsonUtils.h"
+
+namespace {
+
+constexpr int kStopped = 130;
+
+struct Options {
+    Bench::Machine machine;
+    bool brief = false;
+    std::vector<std::string> only;
+    std::string results;  ///< the JSON file
+    std::string output;   ///< folder for what `report` makes
+};
+
+Json::Value Load(const std::string& file) {
+    const std::string text = Bench::ReadFile(file);
+    Json::Value document;
+    SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), document);
+    return document;
+}
+
+bool Wanted(const Options& options, const std::string& row) {
+    return options.only.empty() ||
+           std::find(options.only.begin(), options.only.end(), row) != options.only.end();
+}
+
+int Measure(const Options& options) {
+    Bench::PrepareWaits();
+    const Json::Value machine = Bench::DescribeMachine(options.machine.work);
+    Bench::Plan plan;
+    plan.machine = options.machine;
+    plan.brief = options.brief;
+    plan.results.FromJson(Load(options.results)["rows"]);
+    try {
+        for (const Bench::RowEntry& row : Bench::AllRows()) {
+            if (!Wanted(options, row.name)) continue;
+            const auto start = Bench::Clock::now();
+            std::printf("%s: %s\n", row.name, row.what);
+            row.run(plan);
+            plan.Say("took " + std::to_string(static_cast<int>(Bench::MsSince(start) / 1000)) +
+                     " s");
+            Json::StreamWriterBuilder writer;
+            writer["precision"] = 6;
+            Bench::WriteText(
+                options.results,
+                Json::writeString(writer, Bench::ToDocument(plan.results, machine, options.brief)));
+        }
+    } catch (const Bench::Stopped&) {
+        return kStopped;
+    }
+    return 0;
+}
+
+/// `results.md` and the columns that bench/plot.gp draws.
+int Report(const Options& options) {
+    Bench::Results results;
+    const Json::Value document = Load(options.results);
+    results.FromJson(document["rows"]);
+    bool written = Bench::WriteText(options.output + "/results.md", Bench::ToMarkdown(document));
+    const std::vector<std::string> guards = {
+        "Sentrel",          "raw walk and watch", "bare rsync",      "inotifywait",
+        "inotifywait loop", "lsyncd, batching",   "watchman trigger"};
+    for (const char* what : {"ready", "memory", "latency"}) {
+        written = Bench::WriteText(options.output + "/" + what + ".dat",
+                                   Bench::PlotColumns(results, what, guards)) &&
+                  written;
+    }
+    return written ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    std::string first;
+    std::string second;
+    int threads = 1;
+    CLI::App app{"Measures Sentrel and its peers; see bench/run.sh"};
+    app.require_subcommand(1);
+    auto* run = app.add_subcommand("run", "measure");
+    run->add_option("--work", options.machine.work)->required();
+    run->add_option("--stage", options.machine.stage)->required();
+    run->add_option("--peers", options.machine.peers)->required();
+    run->add_option("--home", options.machine.home)->required();
+    run->add_option("--results", options.results)->required();
+    run->add_option("--only", options.only);
+    run->add_flag("--short", options.brief);
+    auto* report = app.add_subcommand("report", "make tables of the figures");
+    report->add_option("--results", options.results)->required();
+    report->add_option("--output", options.output)->required();
+    auto* rows = app.add_subcommand("rows", "name the rows");
+    auto* forker = app.add_subcommand("forker", "for the driver itself");
+    forker->add_option("requests", first);
+    forker->add_option("answers", second);
+    auto* raw = app.add_subcommand("raw", "for the driver itself");
+    raw->add_option("root", first);
+    raw->add_option("threads", threads);
+    CLI11_PARSE(app, argc, argv);
+    options.machine.self = std::filesystem::canonical("/proc/self/exe").string();
+    if (*forker) return Bench::RunForker(first, second);
+    if (*raw) return Bench::RunRawWatch(first, threads);
+    if (*report) return Report(options);
+    if (*rows) {
+        for (const Bench::RowEntry& row : Bench::AllRows())
+            std::printf("%-10s%s\n", row.name, row.what);
+        return 0;
+    }
+    return Measure(options);
+}

@@ -1,0 +1,75 @@
+// Reads what the machine says of itself.
+#include <sys/statfs.h>
+#include <sys/utsname.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include "guards/Guard.h"
+#include "report/Document.h"
+
+namespace Bench {
+namespace {
+
+/// The line of `file` that begins with `key`, after its ":" and blanks.
+std::string Field(const std::string& file, const std::string& key) {
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) {
+        if (line.compare(0, key.size(), key) != 0) continue;
+        const std::size_t start = line.find_first_not_of(": \t", key.size());
+        return start == std::string::npos ? "" : line.substr(start);
+    }
+    return "unknown";
+}
+
+/// What `work` lies on, by the longest mount point that holds it.
+std::string FileSystem(const std::string& work) {
+    std::ifstream mounts("/proc/self/mounts");
+    std::string best;
+    std::string found = "unknown";
+    for (std::string device, point, type, rest; mounts >> device >> point >> type;) {
+        std::getline(mounts, rest);
+        const bool holds =
+            point == "/" || (work + "/").compare(0, point.size() + 1, point + "/") == 0;
+        if (holds && point.size() >= best.size()) {
+            best = point;
+            found = type + " (" + rest.substr(1, rest.find(' ', 1) - 1) + ")";
+        }
+    }
+    return found;
+}
+
+std::string Version(const std::string& package) {
+    const std::string command = "dpkg-query -W -f='${Version}' " + package + " 2>/dev/null";
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
+    std::array<char, 128> text{};
+    if (!pipe || std::fgets(text.data(), text.size(), pipe.get()) == nullptr) return "missing";
+    return text.data();
+}
+
+}  // namespace
+
+Json::Value DescribeMachine(const std::string& work) {
+    Json::Value machine;
+    utsname kernel{};
+    ::uname(&kernel);
+    machine["cores"] = std::to_string(std::thread::hardware_concurrency()) + ", " +
+                       Field("/proc/cpuinfo", "model name");
+    machine["memory"] = Field("/proc/meminfo", "MemTotal");
+    machine["kernel"] = std::string(kernel.release) + " " + kernel.machine;
+    machine["file system"] = FileSystem(work);
+    for (const char* limit : {"max_user_watches", "max_queued_events"}) {
+        machine[limit] = Field(std::string("/proc/sys/fs/inotify/") + limit, "");
+    }
+    std::string versions;
+    for (const char* package : {"rsync", "inotify-tools", "lsyncd", "watchman"}) {
+        versions += (versions.empty() ? "" : ", ") + std::string(package) + " " + Version(package);
+    }
+    machine["versions"] = versions;
+    return machine;
+}
+
+}  // namespace Bench

@@ -1,0 +1,56 @@
+// The first backup of 200,000 files: ours from the policy to "backup complete", beside one rsync.
+#include <filesystem>
+
+#include "guards/AgentGuard.h"
+#include "rows/Row.h"
+
+namespace Bench {
+namespace {
+
+constexpr char kRow[] = "backup_200000";
+constexpr TreeShape kShape{2000, 100, 1024};
+constexpr milliseconds kPatience{300000};
+
+double BareMs(const Plan& plan, const Site& site, const std::string& to) {
+    Command command;
+    command.arguments = RestoreArguments(kRsync);
+    for (const std::string& argument : {std::string("-R"), site.live, to}) {
+        command.arguments.push_back(argument);
+    }
+    command.environment = PlainEnvironment(plan.machine);
+    std::filesystem::create_directories(to);
+    const auto start = Clock::now();
+    Run(command);
+    return MsSince(start);
+}
+
+}  // namespace
+
+void MeasureBackup(Plan& plan) {
+    Post post(plan.machine, std::make_unique<AgentGuard>(plan.machine, true));
+    auto& agent = dynamic_cast<AgentGuard&>(post.Watch());
+    plan.Say("making 200,000 files");
+    if (!MakeTree(post.Place().live, kShape)) return;
+    if (!agent.StartAgent(post.Place())) {
+        plan.results.Note(kRow, agent.Name(), agent.Problem());
+        return;
+    }
+    GuardSettings settings;
+    settings.deadline = kPatience;
+    const std::string bare = post.Place().scratch + "/bare/";
+    for (int run = 0; run < plan.Runs(5, 1); ++run) {
+        plan.Say("backup, run " + std::to_string(run + 1));
+        plan.results.Add(kRow, "bare rsync", BareMs(plan, post.Place(), bare));
+        RemoveTree(bare);
+        // Applied anew, a policy makes its backup anew; without a copy it is a first one.
+        if (!agent.Protect(post.Place(), settings)) {
+            plan.results.Note(kRow, agent.Name(), agent.Problem());
+            return;
+        }
+        plan.results.Add(kRow, agent.Name(), agent.BackupMs());
+        agent.Unprotect();
+        RemoveTree(agent.GoodRoot(post.Place()));
+    }
+}
+
+}  // namespace Bench

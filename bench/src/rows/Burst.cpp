@@ -1,0 +1,116 @@
+// 1,000 files modified as fast as one process writes, until all are back.
+#include "guards/AgentGuard.h"
+#include "guards/BareRsync.h"
+#include "guards/Peers.h"
+#include "rows/Row.h"
+
+namespace Bench {
+namespace {
+
+constexpr char kRow[] = "burst_1000";
+constexpr std::size_t kFiles = 1000;
+constexpr milliseconds kPatience{150000};
+constexpr microseconds kObserve{2000};
+
+struct Contestant {
+    std::unique_ptr<Guard> guard;
+    int runs;
+};
+
+std::vector<Contestant> Contestants(const Plan& plan) {
+    const Machine& machine = plan.machine;
+    const int runs = plan.Runs(5, 2);
+    const int slow = plan.Runs(3, 1);
+    std::vector<Contestant> all;
+    all.push_back({std::make_unique<BareRsync>(machine), plan.Runs(5, 1)});
+    all.push_back({std::make_unique<AgentGuard>(machine, true), runs});
+    if (AgentGuard::HasQuickExit(machine)) {
+        all.push_back({std::make_unique<AgentGuard>(machine, false), plan.Runs(5, 1)});
+    }
+    all.push_back({std::make_unique<InotifywaitLoop>(machine), slow});
+    all.push_back({std::make_unique<Lsyncd>(machine, Lsyncd::Way::kFile), slow});
+    all.push_back({std::make_unique<Lsyncd>(machine, Lsyncd::Way::kPool), runs});
+    all.push_back({std::make_unique<Lsyncd>(machine, Lsyncd::Way::kBatch), runs});
+    all.push_back({std::make_unique<Watchman>(machine), runs});
+    return all;
+}
+
+/// Files of their own for each run: a second alarm of a file within a minute would be merged.
+std::vector<FileState> FilesOf(const Post& post, int run) {
+    const auto first = post.Files().begin() + static_cast<long>(kFiles) * run;
+    return {first, first + static_cast<long>(kFiles)};
+}
+
+double RestoreInSequence(BareRsync& bare, const std::vector<FileState>& files) {
+    const auto start = Clock::now();
+    for (const FileState& file : files) Run(bare.Restore(file.path));
+    return MsSince(start);
+}
+
+void NoteReports(Plan& plan, const AgentGuard& agent, std::int64_t before, const Post& post,
+                 const std::vector<FileState>& files) {
+    const Reported told = agent.Since(before);
+    std::size_t shown = 0;
+    for (const FileState& file : files) shown += told.with_difference.count(post.Live(file));
+    plan.results.Add("burst_1000_reported", agent.Name(), static_cast<double>(shown));
+}
+
+void MeasureOne(Plan& plan, Post& post, int run) {
+    Guard& guard = post.Watch();
+    const std::vector<FileState> files = FilesOf(post, run);
+    auto* agent = dynamic_cast<AgentGuard*>(&guard);
+    const std::int64_t before = agent == nullptr ? 0 : agent->LastReport();
+    const auto cpu = guard.CpuTime();
+    const auto start = Clock::now();
+    for (const FileState& file : files) Tamper(post.Live(file));
+    double milliseconds_taken = 0;
+    Outstanding outstanding(post.Place().live, files);
+    if (auto* bare = dynamic_cast<BareRsync*>(&guard)) {
+        milliseconds_taken = RestoreInSequence(*bare, files);
+        outstanding.Look();
+    } else {
+        outstanding.Wait(kPatience, kObserve);
+        milliseconds_taken = MsSince(start);
+    }
+    guard.Settle();
+    const std::size_t left = post.Differing(files);
+    if (left > 0) {
+        plan.results.Note(kRow, guard.Name(), std::to_string(left) + " of 1,000 left");
+    } else {
+        plan.results.Add(kRow, guard.Name(), milliseconds_taken);
+        plan.results.Add("burst_1000_each", guard.Name(), milliseconds_taken / kFiles);
+    }
+    if (agent == nullptr) return;
+    const double used = std::chrono::duration<double, std::micro>(guard.CpuTime() - cpu).count();
+    plan.results.Add("burst_1000_cpu", guard.Name(), used / static_cast<double>(kFiles));
+    NoteReports(plan, *agent, before, post, files);
+}
+
+}  // namespace
+
+void MeasureBurst(Plan& plan) {
+    std::vector<std::pair<std::unique_ptr<Post>, int>> posts;
+    int rounds = 0;
+    for (Contestant& one : Contestants(plan)) {
+        if (const std::string missing = one.guard->Missing(); !missing.empty()) {
+            plan.results.Note(kRow, one.guard->Name(), "skipped: " + missing);
+            continue;
+        }
+        auto post = std::make_unique<Post>(plan.machine, std::move(one.guard));
+        const auto directories = static_cast<std::size_t>(one.runs) * kFiles / 10;
+        if (MakeTree(post->Place().live, {directories, 10, 4096}) &&
+            post->Survey(post->Good() == post->Place().good) && post->Start(plan, kRow, {})) {
+            rounds = std::max(rounds, one.runs);
+            posts.emplace_back(std::move(post), one.runs);
+        }
+    }
+    for (int run = 0; run < rounds; ++run) {
+        for (auto& [post, runs] : posts) {
+            if (run >= runs) continue;
+            plan.Say("burst " + std::to_string(run + 1) + ": " + post->Watch().Name());
+            MeasureOne(plan, *post, run);
+        }
+    }
+}
+
+}  // namespace Bench
