@@ -36,7 +36,14 @@ AlarmLog::AlarmLog(std::string path, std::int64_t rotate_bytes, int keep_files)
     : path_(std::move(path)), rotate_bytes_(rotate_bytes), keep_files_(keep_files) {}
 
 bool AlarmLog::Append(const std::string& body) {
-    const std::string line = AlarmLine(body);
+    return AppendEnded(AlarmLine(body));
+}
+
+bool AlarmLog::AppendLine(const std::string& body) {
+    return AppendEnded(body + "\n");
+}
+
+bool AlarmLog::AppendEnded(const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::string error;
     if (Write(line, error)) {

@@ -24,10 +24,13 @@ class AlarmLog {
     /// Appends the alarm with one write(2), not synced. False when it is not written; counted, and
     /// logged now and then.
     bool Append(const std::string& body);
+    /// The same for a body that is fit for a line as it is.
+    bool AppendLine(const std::string& body);
 
     std::uint64_t FailedLines();
 
   private:
+    bool AppendEnded(const std::string& line);
     bool Write(const std::string& line, std::string& error);
     bool IsStillThere() const;
     bool Open(std::string& error);

@@ -16,8 +16,9 @@ struct Report {
     std::string kind;          ///< kCmdKind or kDataKind
     std::string name;          ///< message id (cmd) or event (data)
     std::string body;
-    std::string outcome;      ///< empty: nothing said
-    double duration_ms = -1;  ///< negative: unknown
+    std::string outcome;        ///< empty: nothing said
+    double duration_ms = -1;    ///< negative: unknown
+    bool is_json_line = false;  ///< the sender vouches for the body's form; not stored
 };
 
 /// Which reports to read.

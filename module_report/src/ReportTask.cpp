@@ -35,6 +35,7 @@ bool ToReport(const Framework::Message* msg, Report& report) {
         report.body = data->GetBody();
         report.outcome = data->GetNote().outcome;
         report.duration_ms = data->GetNote().duration_ms;
+        report.is_json_line = data->GetNote().is_json_line;
         return true;
     }
     return false;
@@ -71,7 +72,9 @@ int ReportTask::StoreMessage(const Framework::Message* msg) {
         }
         const bool stored = store_.Store(report);
         // Also when the store fails: the log shipper's copy may be the only one left.
-        if (report.kind == kDataKind && report.name == kAlarmEvent) alarms_.Append(report.body);
+        if (report.kind == kDataKind && report.name == kAlarmEvent) {
+            report.is_json_line ? alarms_.AppendLine(report.body) : alarms_.Append(report.body);
+        }
         return stored ? kStored : kNotStored;
     } catch (const std::exception& error) {
         SDK_LOG(ReportLog(), PRIO_ERROR, "%s cannot take a report: %s", Id(),

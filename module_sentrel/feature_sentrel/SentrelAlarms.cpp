@@ -82,11 +82,11 @@ double MillisecondsSince(std::chrono::steady_clock::time_point start) {
 }  // namespace
 
 bool SentrelInotifyTask::IsMessageMerged(const SentrelCacheMsg& msg) {
-    for (SentrelCacheMsg& cached : alarm_cache) {
-        if (cached.merge_key != msg.merge_key || cached.file_path != msg.file_path) continue;
-        const auto counter = cached.type_counts.find(msg.type);
-        if (counter == cached.type_counts.end()) continue;
-        ++cached.count;
+    for (SentrelCacheMsg* cached : alarm_index_.Find(alarm_cache, msg.file_path)) {
+        if (cached->merge_key != msg.merge_key) continue;
+        const auto counter = cached->type_counts.find(msg.type);
+        if (counter == cached->type_counts.end()) continue;
+        ++cached->count;
         ++counter->second;
         return true;
     }
@@ -94,11 +94,11 @@ bool SentrelInotifyTask::IsMessageMerged(const SentrelCacheMsg& msg) {
 }
 
 void SentrelInotifyTask::AddMessageToCache(SentrelCacheMsg& msg) {
-    if (alarm_cache.size() > kCacheLimit) alarm_cache.pop_front();
+    if (alarm_cache.size() > kCacheLimit) alarm_index_.PopFront(alarm_cache);
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "add msg to cache: [%?d] %s", msg.occur_time,
             msg.file_path);
     msg.type_counts[msg.type] = 1;
-    alarm_cache.push_back(msg);
+    alarm_index_.PushBack(alarm_cache, msg);
 }
 
 void SentrelInotifyTask::CleanOldMessageFromCache() {
@@ -110,7 +110,7 @@ void SentrelInotifyTask::CleanOldMessageFromCache() {
         if (age < kMergeSeconds) return;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "clean old msg from cache: [%?d] %s [%?u]",
                 oldest.occur_time, oldest.file_path, oldest.count);
-        alarm_cache.pop_front();
+        alarm_index_.PopFront(alarm_cache);
     }
 }
 
@@ -127,7 +127,8 @@ void SentrelInotifyTask::SentrelSendAlarm(const std::string& file_path, alarm_ty
         SDK::JsonUtils::JsonToString(AlarmDocument(file_path, type, diff, diff_attr));
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "sentrel alarm:%s", text);
     auto* message = new Framework::DataMessage("2", text);
-    message->SetNote({current_event_.outcome, MillisecondsSince(current_event_.source.read_time)});
+    message->SetNote(
+        {current_event_.outcome, MillisecondsSince(current_event_.source.read_time), true});
     const int result = SendDirectMsg("data_comm_report_task", message);
     status.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);
 }

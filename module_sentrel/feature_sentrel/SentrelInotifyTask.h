@@ -1,8 +1,10 @@
 #pragma once
 
+#include <AlarmIndex.h>
 #include <DeferredEvents.h>
 #include <Evidence.h>
 #include <FailedEvents.h>
+#include <SentrelCacheMsg.h>
 #include <SentrelDirRule.h>
 #include <TreeSweep.h>
 #include <framework/Task.h>
@@ -21,25 +23,6 @@
 namespace Engine {
 
 class FileNotifyMessage;
-
-/// What kind of change an alarm tells.
-enum alarm_type : int {
-    ALARM_ADD = 0,
-    ALARM_DELETE = 1,
-    ALARM_MODIFY = 2,
-    ALARM_ATTRIBUTE = 3,
-    ALARM_UNKNOWN = 4,
-};
-
-/// One recent alarm; repeats for the same file are counted into it.
-struct SentrelCacheMsg {
-    std::time_t occur_time = 0;
-    unsigned long count = 0;  ///< alarms that this entry stands for
-    alarm_type type = ALARM_UNKNOWN;
-    std::map<alarm_type, unsigned long> type_counts;
-    std::string file_path;
-    unsigned int merge_key = 0;
-};
 
 /// Watches the protected paths and decides, for every change, whether it is tampering; restores and
 /// raises alarms. Owned by the module. Everything runs on the task's own thread, so the members
@@ -152,6 +135,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void ForgetBacklog();
     void RaiseAlarm(const SentrelDirRule& rule, const std::string& file, alarm_type type);
 
+    AlarmIndex alarm_index_;
     CurrentEvent current_event_;
     DeferredEvents deferred_;
     FailedEvents failed_;

@@ -6,7 +6,9 @@
 namespace SDK {
 
 std::string CryptoCodeUtils::GenerateUUID() {
-    return Poco::UUIDGenerator().createRandom().toString();
+    // Making a generator reads the system's random numbers; one goes on with its own.
+    thread_local Poco::UUIDGenerator generator;
+    return generator.createRandom().toString();
 }
 
 }  // namespace SDK

@@ -6,12 +6,22 @@
 
 namespace SDK {
 
+namespace {
+
+/// Found once: looking the algorithm up costs as much as hashing a small page.
+const EVP_MD* Algorithm() {
+    static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return algorithm;
+}
+
+}  // namespace
+
 void Sha256::Free::operator()(evp_md_ctx_st* context) const {
     EVP_MD_CTX_free(context);
 }
 
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
-    good_ = context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1;
+    good_ = context_ && EVP_DigestInit_ex(context_.get(), Algorithm(), nullptr) == 1;
 }
 
 void Sha256::Update(const void* data, std::size_t size) {

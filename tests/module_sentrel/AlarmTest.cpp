@@ -61,6 +61,12 @@ TEST_F(AlarmCache, Limit_DropsTheOldestOne) {
     }
     EXPECT_EQ(task_.alarm_cache.size(), 1025U);
     EXPECT_EQ(task_.alarm_cache.front().file_path, "/5");
+    EXPECT_FALSE(task_.IsMessageMerged(Alarm("/4", kNow)));
+    EXPECT_TRUE(task_.IsMessageMerged(Alarm("/1029", kNow)));
+    task_.alarm_cache.push_front(Alarm("/4", kNow));
+    task_.alarm_cache.pop_back();
+    EXPECT_TRUE(task_.IsMessageMerged(Alarm("/4", kNow)));
+    EXPECT_FALSE(task_.IsMessageMerged(Alarm("/1029", kNow)));
 }
 
 TEST_F(AlarmCache, Age_IsMeasuredBothWaysAndFromTheFrontOnly) {

@@ -22,6 +22,9 @@ class Message {
 struct ReportNote {
     std::string outcome;      ///< what was done about it, such as "restored"; empty: nothing said
     double duration_ms = -1;  ///< from the cause being seen to the outcome; negative: unknown
+    /// The body is one JSON object in one line of valid UTF-8, as JsonUtils::JsonToString writes
+    /// it; nobody needs to check that again.
+    bool is_json_line = false;
 };
 
 /// A report on the command channel: id and body.
