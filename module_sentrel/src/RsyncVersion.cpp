@@ -1,4 +1,4 @@
-#include <RsyncNap.h>
+#include <RsyncEnvironment.h>
 #include <RsyncVersion.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -62,7 +62,7 @@ void NoteRsyncVersion(const std::string& path, bool installed_anew) {
     }
     status.SetRsync(version, reason);
     if (!reason.empty()) SDK_LOG(ModuleLogger(), PRIO_WARNING, "rsync degraded: %s.", reason);
-    UseRsyncNap(path, output);
+    SetUpRsync(path, output);
 }
 
 }  // namespace Engine

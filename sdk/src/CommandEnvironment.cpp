@@ -31,6 +31,13 @@ bool IsPlainWord(const std::string& text) {
     return SplitPlainCommand("/ " + text) == std::vector<std::string>{"/", text};
 }
 
+/// True when one of them begins with `name`, which ends in "=".
+bool Sets(const std::vector<std::string>& variables, const std::string& name) {
+    return std::any_of(variables.begin(), variables.end(), [&](const std::string& variable) {
+        return variable.compare(0, name.size(), name) == 0;
+    });
+}
+
 }  // namespace
 
 void CommandEnvironment::SetSearchPath(const std::string& path) {
@@ -49,13 +56,19 @@ void CommandEnvironment::SetProgramVariables(const std::string& program,
 }
 
 std::vector<std::string> CommandEnvironment::Of(const std::string& program) {
-    const std::string home = PathUtils::GetInstallationPath() + "conf/home";
-    std::vector<std::string> variables = VariablesOf(program);
-    const std::lock_guard<std::mutex> lock(mutex);
-    variables.insert(variables.begin(),
-                     {"PATH=" + (search_path.empty() ? kDefaultSearchPath : search_path),
-                      "LC_ALL=C", "HOME=" + home});
-    return variables;
+    const std::string home = "HOME=" + PathUtils::GetInstallationPath() + "conf/home";
+    const std::vector<std::string> own = VariablesOf(program);
+    std::string path = "PATH=";
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        path += search_path.empty() ? kDefaultSearchPath : search_path;
+    }
+    std::vector<std::string> all;
+    for (const std::string& variable : {path, std::string("LC_ALL=C"), home}) {
+        if (!Sets(own, variable.substr(0, variable.find('=') + 1))) all.push_back(variable);
+    }
+    all.insert(all.end(), own.begin(), own.end());
+    return all;
 }
 
 std::string CommandEnvironment::ShellLine(const std::string& command) {

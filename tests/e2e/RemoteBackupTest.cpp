@@ -168,11 +168,13 @@ TEST_F(RemoteBackup, DeadServer_IsTold_AndOneThatComesBackIsUsed) {
 }
 
 TEST_F(RemoteBackup, ServerThatFallsSilent_IsGivenUp_AndUsedWhenItSpeaksAgain) {
-    const std::string options = agent_.Path("conf/home/.popt");
-    std::string text = TempDir::Read(options);
-    const std::string minutes = "--timeout=300";
-    ASSERT_NE(text.find(minutes), std::string::npos);
-    std::ofstream(options) << text.replace(text.find(minutes), minutes.size(), "--timeout=1");
+    for (const char* home : {"conf/home/.popt", "conf/home/sha1/.popt"}) {
+        const std::string options = agent_.Path(home);
+        std::string text = TempDir::Read(options);
+        const std::string minutes = "--timeout=300";
+        ASSERT_NE(text.find(minutes), std::string::npos);
+        std::ofstream(options) << text.replace(text.find(minutes), minutes.size(), "--timeout=1");
+    }
     StartServer();
     ASSERT_EQ(hosts_.server.Run("kill -STOP " + std::to_string(DaemonPid())), 0);
     StartClient();

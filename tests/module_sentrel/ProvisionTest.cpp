@@ -1,3 +1,4 @@
+#include <RsyncEnvironment.h>
 #include <RsyncVersion.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -110,6 +111,51 @@ TEST_F(Provision, NapLibrary_IsUsedWhereItCanBeLoadedAndNotSwitchedOff) {
                             true, error));
     EXPECT_EQ(why_not(), "switched off in conf/agent.json");
     EXPECT_EQ(install_.log.Texts(Message::PRIO_NOTICE).size(), 2U);
+}
+
+TEST_F(Provision, OptionAliases_FitTheRsyncAndTheKindOfCopy) {
+    const auto run = [this](const std::string& arguments) {
+        std::string output;
+        const std::string line = rsync_ + " -az -H -X --links --delete-excluded --debug=nstr ";
+        EXPECT_EQ(SDK::ExecuteCmdUtils::ExecuteCmd(line + arguments, output, 4096), 0) << output;
+        return output;
+    };
+    const auto holds = [](const std::string& text, const std::string& part) {
+        return text.find(part) != std::string::npos;
+    };
+    const std::string from = install_.dir.Write("from/f", "content");
+    const std::string to = install_.dir.Path("to/");
+    const std::string server = install_.WriteScript(
+        "server",
+        "exec " + rsync_ + " --server --daemon --config=" +
+            install_.dir.Write("rsyncd.conf", "[m]\npath=" + install_.dir.Path() +
+                                                  "\nuse chroot=no\nuid=0\ngid=0\nread only=no\n") +
+            " .\n");
+    const std::string secret = install_.dir.Write("secret", "x\n");
+    ::chmod(secret.c_str(), 0600);
+    utils_->rsync_url = "file://" + test::Installation::RealRsync();
+    utils_->rsync_hash = test::Installation::DigestOf(test::Installation::RealRsync());
+    std::string version;
+    SDK::ExecuteCmdUtils::ExecuteCmd("/usr/bin/rsync --version", version, 4096);
+    for (const bool named : {false, true}) {
+        std::filesystem::remove(rsync_);
+        EXPECT_TRUE(utils_->DownloadRsync());
+        const std::string restore = run(from + " " + to);
+        const bool known = Engine::HasChecksum(version, "sha1");
+        EXPECT_EQ(holds(restore, "Client checksum: xxh128,sha1\n"), named && known) << restore;
+        EXPECT_FALSE(holds(restore, "compress")) << restore;
+        const std::string backup = run("-R " + from + " " + to);
+        EXPECT_TRUE(holds(backup, "negotiated checksum") && !holds(backup, "compress")) << backup;
+        const std::string push =
+            run("-R --password-file=" + secret + " -e " + server + " " + from + " h::m/to/");
+        EXPECT_TRUE(holds(push, "negotiated checksum") && holds(push, "compress: z")) << push;
+        std::filesystem::create_directories(install_.dir.Path("conf/home/sha1"));
+        std::filesystem::copy_file(SENTREL_MODULE_DIR "/../conf/home/sha1/.popt",
+                                   install_.dir.Path("conf/home/sha1/.popt"),
+                                   std::filesystem::copy_options::overwrite_existing);
+    }
+    EXPECT_TRUE(Engine::HasChecksum("a\nChecksum list:\n    xxh64 sha1\nCompress list:", "sha1"));
+    EXPECT_FALSE(Engine::HasChecksum("Checksum list:\n    xxh64\nDaemon list:\n sha1\n", "sha1"));
 }
 
 }  // namespace

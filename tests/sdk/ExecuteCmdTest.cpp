@@ -135,9 +135,9 @@ TEST(ExecuteCmd, VariablesOfAProgram_ReachNoOther) {
         EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd(line, output, kMuch), 0) << line;
         return output;
     };
-    ExecuteCmdUtils::SetProgramEnvironment("/usr/bin/env", {"NAP=/a,b", "ODD=$x"});
+    ExecuteCmdUtils::SetProgramEnvironment("/usr/bin/env", {"NAP=/a,b", "ODD=$x", "HOME=/h"});
     const std::string plain = run("/usr/bin/env");
-    EXPECT_NE(plain.find("NAP=/a,b\nODD=$x\n"), std::string::npos) << plain;
+    EXPECT_NE(plain.find("LC_ALL=C\nNAP=/a,b\nODD=$x\nHOME=/h\n"), std::string::npos) << plain;
     const std::string shell = run(" /usr/bin/env; echo =$NAP=; /bin/sh -c 'echo $NAP'");
     EXPECT_NE(shell.find("NAP=/a,b\n"), std::string::npos) << shell;
     EXPECT_EQ(shell.find("ODD"), std::string::npos) << shell;

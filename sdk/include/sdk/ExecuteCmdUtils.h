@@ -39,10 +39,10 @@ class ExecuteCmdUtils {
     /// The PATH that commands get; empty takes the default back. Lets a test put stand-ins first.
     static void SetSearchPath(const std::string& path);
 
-    /// Further variables ("NAME=value") for commands whose program is exactly `program`, and for no
-    /// other; none takes them back. In a line that needs a shell only its first program counts, and
-    /// a value that is no plain word is left out there. Any thread; counts from the next command
-    /// on.
+    /// Further variables ("NAME=value"), or other values of the usual ones, for commands whose
+    /// program is exactly `program`, and for no other; none takes them back. In a line that needs a
+    /// shell only its first program counts, and a value that is no plain word is left out there.
+    /// Any thread; counts from the next command on.
     static void SetProgramEnvironment(const std::string& program,
                                       const std::vector<std::string>& variables);
 };

@@ -1,6 +1,7 @@
-// Decides whether the sleepless end is used and tells the command runner and the status. What the
-// library does is in its own source; it must not reach any command but rsync.
-#include <RsyncNap.h>
+// Decides what bin/rsync gets beside the environment of all commands, and tells the command runner
+// and the status. What the library does is in its own source, what the options are for in
+// conf/home/.popt; neither must reach any command but rsync. Keeps nothing.
+#include <RsyncEnvironment.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
@@ -46,10 +47,29 @@ bool AnswersTheSame(const std::string& path, const std::string& version_text) {
            exit_code == 0 && output == version_text;
 }
 
+/// The home whose option aliases fit that rsync, as a variable; none where it is the usual one.
+std::vector<std::string> HomeFor(const std::string& version_text) {
+    const std::string home = SDK::PathUtils::GetInstallationPath() + "conf/home/sha1";
+    const bool is_there = ::access((home + "/.popt").c_str(), R_OK) == 0;
+    const bool fits = HasChecksum(version_text, "xxh128") && HasChecksum(version_text, "sha1");
+    if (!is_there || !fits) return {};
+    return {"HOME=" + home};
+}
+
 }  // namespace
 
-void UseRsyncNap(const std::string& path, const std::string& version_text) {
-    ExecuteCmdUtils::SetProgramEnvironment(path, {});
+bool HasChecksum(const std::string& version_text, const std::string& name) {
+    static const std::string kMark = "Checksum list:\n";
+    const std::size_t mark = version_text.find(kMark);
+    if (mark == std::string::npos) return false;
+    const std::size_t begin = mark + kMark.size();
+    const std::string line = version_text.substr(begin, version_text.find('\n', begin) - begin);
+    return (line + " ").find(" " + name + " ") != std::string::npos;
+}
+
+void SetUpRsync(const std::string& path, const std::string& version_text) {
+    const std::vector<std::string> home = HomeFor(version_text);
+    ExecuteCmdUtils::SetProgramEnvironment(path, home);
     if (IsSwitchedOff()) {
         SentrelStatus::Instance().SetRsyncNap(false, "switched off in conf/agent.json");
         return;
@@ -57,13 +77,15 @@ void UseRsyncNap(const std::string& path, const std::string& version_text) {
     const std::string library = SDK::PathUtils::GetInstallationPath() + "lib/librsync_nap.so";
     std::string obstacle = Obstacle(library);
     if (obstacle.empty()) {
-        ExecuteCmdUtils::SetProgramEnvironment(path, {"LD_PRELOAD=" + library});
+        std::vector<std::string> with_nap = home;
+        with_nap.push_back("LD_PRELOAD=" + library);
+        ExecuteCmdUtils::SetProgramEnvironment(path, with_nap);
         if (!AnswersTheSame(path, version_text))
             obstacle = library + " cannot be loaded into rsync";
     }
     SentrelStatus::Instance().SetRsyncNap(obstacle.empty(), obstacle);
     if (obstacle.empty()) return;
-    ExecuteCmdUtils::SetProgramEnvironment(path, {});
+    ExecuteCmdUtils::SetProgramEnvironment(path, home);
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "rsync works, but ends slowly: %s.", obstacle);
 }
 
