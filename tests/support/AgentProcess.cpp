@@ -224,6 +224,15 @@ Json::Value AgentProcess::Status() const {
     return lines.size() == 1 ? lines.front() : Json::Value();
 }
 
+bool AgentProcess::IsProtecting() const {
+    const Json::Value status = Status();
+    const Json::Value& paths = status["protected_paths"];
+    bool ready = !paths.empty() && status["protection"]["on"].asBool() &&
+                 !status["backup"]["local_pending"].asBool();
+    for (const Json::Value& path : paths) ready = ready && path["state"] == "ready";
+    return ready;
+}
+
 std::vector<Json::Value> AgentProcess::JsonLines(const std::vector<std::string>& arguments) const {
     std::istringstream out(Ctl(arguments).out);
     std::vector<Json::Value> objects;

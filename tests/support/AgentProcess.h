@@ -93,6 +93,9 @@ class AgentProcess {
     /// The status document; null when there is none.
     Json::Value Status() const;
 
+    /// Protection is on, the first backup is complete and every protected path is watched.
+    bool IsProtecting() const;
+
     /// The objects that `morvanectl <arguments>` prints one a line. A line that is no JSON is a
     /// recorded failure.
     std::vector<Json::Value> JsonLines(const std::vector<std::string>& arguments) const;

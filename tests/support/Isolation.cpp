@@ -11,7 +11,8 @@ bool UnshareMounts() {
 }
 
 bool ShieldMachine(const char* stand_in, const char* temporary) {
-    for (const char* path : {"/etc/sysctl.conf", "/proc/sys/fs/inotify/max_user_watches"}) {
+    for (const char* path : {"/etc/sysctl.conf", "/proc/sys/fs/inotify/max_user_watches",
+                             "/proc/sys/fs/inotify/max_queued_events"}) {
         if (::mount(stand_in, path, nullptr, MS_BIND, nullptr) != 0) return false;
     }
     return ::mount(temporary, temporary, nullptr, MS_BIND | MS_REC, nullptr) == 0 &&

@@ -34,14 +34,7 @@ class ProtectedSite : public testing::Test {
 
     /// The first backup is complete and every protected path is watched.
     bool AwaitProtection() const {
-        return Await([&] {
-            const Json::Value status = agent_.Status();
-            const Json::Value& paths = status["protected_paths"];
-            bool ready = !paths.empty() && status["protection"]["on"].asBool() &&
-                         !status["backup"]["local_pending"].asBool();
-            for (const Json::Value& path : paths) ready = ready && path["state"] == "ready";
-            return ready;
-        });
+        return Await([&] { return agent_.IsProtecting(); });
     }
 
     /// Starts the agent and protects the site.

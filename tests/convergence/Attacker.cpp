@@ -1,0 +1,273 @@
+#include "Attacker.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sdk/DirUtils.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+
+namespace test {
+
+namespace {
+
+using SDK::FileDescriptor;
+
+constexpr uid_t kAttacker = 33;
+constexpr std::array<mode_t, 8> kModes = {0, 0600, 0644, 0755, 0777, 04755, 02750, 01777};
+constexpr int kFileFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+/// The directory `path` below `root`; not open where a link is on the way.
+FileDescriptor OpenBeneath(const std::string& root, const std::string& path) {
+    const FileDescriptor top(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    open_how how{};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    return FileDescriptor(static_cast<int>(
+        ::syscall(SYS_openat2, top.Get(), path.empty() ? "." : path.c_str(), &how, sizeof(how))));
+}
+
+void WriteAll(const FileDescriptor& file, const std::string& content) {
+    if (file.IsOpen()) (void)!::write(file.Get(), content.data(), content.size());
+}
+
+/// chmod that follows no link.
+void SetMode(int directory, const std::string& name, mode_t mode) {
+    const FileDescriptor object(::openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    ::chmod(("/proc/self/fd/" + std::to_string(object.Get())).c_str(), mode);
+}
+
+}  // namespace
+
+Attacker::Attacker(const Ground& ground, std::uint64_t seed)
+    : ground_(ground), random_(seed), name_("a" + std::to_string(seed)) {}
+
+Attacker::Spot Attacker::InSite(const std::string& path) const {
+    const std::size_t slash = path.rfind('/');
+    const bool at_top = slash == std::string::npos;
+    Spot spot;
+    spot.name = at_top ? path : path.substr(slash + 1);
+    spot.is_heard = spot.name.back() != '.' && path.find(Ground::kExcluded) == std::string::npos;
+    spot.parent = OpenBeneath(ground_.Site(), at_top ? "" : path.substr(0, slash));
+    return spot;
+}
+
+Attacker::Spot Attacker::Known() {
+    return InSite(OneOf(ground_.Files(), random_));
+}
+
+Attacker::Spot Attacker::KnownDirectory() {
+    return InSite(ground_.Directories()[1 + random_() % (ground_.Directories().size() - 1)]);
+}
+
+Attacker::Spot Attacker::Any() {
+    if (Once(random_, 2)) return Known();
+    const std::string& directory = OneOf(ground_.Directories(), random_);
+    return InSite((directory.empty() ? "" : directory + "/") + Ground::Name(random_));
+}
+
+Attacker::Spot Attacker::Beside() {
+    Spot spot;
+    spot.parent = OpenBeneath(ground_.Outside(), "");
+    spot.name = name_ + "-" + std::to_string(made_++);
+    return spot;
+}
+
+void Attacker::Act() {
+    using Operation = void (Attacker::*)();
+    static constexpr std::array<Operation, 20> operations = {
+        &Attacker::ChangeContent,
+        &Attacker::ChangeContent,
+        &Attacker::ChangeContent,
+        &Attacker::ChangeContent,
+        &Attacker::ChangeContent,
+        &Attacker::ChangeKeepingSizeAndTime,
+        &Attacker::ChangeKeepingSizeAndTime,
+        &Attacker::ChangeAttributes,
+        &Attacker::ChangeAttributes,
+        &Attacker::ChangeAttributes,
+        &Attacker::Remove,
+        &Attacker::Remove,
+        &Attacker::Move,
+        &Attacker::Move,
+        &Attacker::MoveOut,
+        &Attacker::MoveIn,
+        &Attacker::Link,
+        &Attacker::PlantLink,
+        &Attacker::ChangeKind,
+        &Attacker::PlantTree,
+    };
+    (this->*OneOf(operations, random_))();
+}
+
+void Attacker::Flood() const {
+    unsigned long limit = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
+    const Spot site = InSite("flood");
+    // Two of the same in succession would count as one.
+    for (unsigned long event = 0; event < limit + 100; ++event) {
+        const std::string name = site.name + std::to_string(event % 2);
+        const FileDescriptor file(
+            ::openat(site.parent.Get(), name.c_str(), kFileFlags | O_CREAT, 0644));
+        ::futimens(file.Get(), nullptr);
+    }
+}
+
+void Attacker::ChangeContent() {
+    const Spot spot = Any();
+    static constexpr std::array<int, 4> ways = {O_CREAT | O_TRUNC, O_CREAT | O_EXCL, O_APPEND, 0};
+    const int way = OneOf(ways, random_);
+    const std::string content = Ground::Content(random_);
+    if (!spot.is_heard) ::unlinkat(spot.parent.Get(), spot.name.c_str(), 0);
+    const FileDescriptor file(
+        ::openat(spot.parent.Get(), spot.name.c_str(), kFileFlags | way, 0644));
+    if (way == 0 && Once(random_, 2)) {
+        (void)!::ftruncate(file.Get(), static_cast<off_t>(content.size()));
+        return;
+    }
+    WriteAll(file, content);
+    if (Once(random_, 8)) WriteAll(file, content);
+}
+
+void Attacker::ChangeKeepingSizeAndTime() {
+    const Spot spot = Known();
+    const FileDescriptor file(::openat(spot.parent.Get(), spot.name.c_str(), kFileFlags));
+    struct stat before {};
+    if (!spot.is_heard || ::fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode)) return;
+    std::string content = Ground::Content(random_);
+    content.resize(static_cast<std::size_t>(before.st_size), 'x');
+    WriteAll(file, content);
+    const struct timespec times[2] = {before.st_atim, before.st_mtim};
+    if (!Once(random_, 4)) ::futimens(file.Get(), times);
+}
+
+void Attacker::ChangeAttributes() {
+    const Spot spot = Once(random_, 3) ? KnownDirectory() : Known();
+    const mode_t mode = OneOf(kModes, random_);
+    if (!spot.is_heard) return;
+    const auto what = random_() % 4;
+    if (what == 0) {
+        SetMode(spot.parent.Get(), spot.name, mode);
+    } else if (what == 1) {
+        ::fchownat(spot.parent.Get(), spot.name.c_str(), kAttacker, kAttacker, AT_SYMLINK_NOFOLLOW);
+    } else {
+        struct timespec times[2] = {{0, UTIME_OMIT}, {1000000000, 0}};
+        if (what == 2) times[1].tv_nsec = UTIME_NOW;
+        ::utimensat(spot.parent.Get(), spot.name.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    }
+}
+
+void Attacker::Remove() {
+    if (Once(random_, 8)) {
+        SDK::DirUtils::DeleteBeneath(
+            ground_.Site(),
+            ground_.Directories()[1 + random_() % (ground_.Directories().size() - 1)]);
+        return;
+    }
+    const Spot spot = Any();
+    ::unlinkat(spot.parent.Get(), spot.name.c_str(), 0);
+}
+
+void Attacker::Rename(const Spot& from, const Spot& to) {
+    ::renameat(from.parent.Get(), from.name.c_str(), to.parent.Get(), to.name.c_str());
+}
+
+void Attacker::Exchange(const Spot& one, const Spot& other) {
+    ::renameat2(one.parent.Get(), one.name.c_str(), other.parent.Get(), other.name.c_str(),
+                RENAME_EXCHANGE);
+}
+
+void Attacker::Move() {
+    const Spot from = Once(random_, 5) ? KnownDirectory() : Known();
+    const Spot to = Once(random_, 5) ? KnownDirectory() : Any();
+    Once(random_, 4) ? Exchange(from, to) : Rename(from, to);
+}
+
+void Attacker::MoveOut() {
+    Rename(Once(random_, 5) ? KnownDirectory() : Known(), Beside());
+}
+
+void Attacker::MoveIn() {
+    Spot from = Beside();
+    if (made_ > 1 && Once(random_, 2)) {
+        from.name = name_ + "-" + std::to_string(random_() % static_cast<unsigned int>(made_ - 1));
+    } else {
+        WriteAll(FileDescriptor(::openat(from.parent.Get(), from.name.c_str(),
+                                         kFileFlags | O_CREAT | O_EXCL, 0644)),
+                 Ground::Content(random_));
+    }
+    Rename(from, Any());
+}
+
+void Attacker::Link() {
+    const Spot from = Known();
+    const Spot to = Any();
+    if (!from.is_heard || !to.is_heard) return;
+    ::linkat(from.parent.Get(), from.name.c_str(), to.parent.Get(), to.name.c_str(), 0);
+}
+
+void Attacker::PlantLink() {
+    const std::array<std::string, 6> targets = {
+        ground_.Bystander(), ground_.Bystander() + "/page",
+        ground_.Site(),      ground_.Site() + "/" + OneOf(ground_.Files(), random_),
+        "nowhere",           "."};
+    // It belongs to another user from the moment at which it stands in the site.
+    const Spot link = Beside();
+    ::symlinkat(OneOf(targets, random_).c_str(), link.parent.Get(), link.name.c_str());
+    ::fchownat(link.parent.Get(), link.name.c_str(), kAttacker, kAttacker, AT_SYMLINK_NOFOLLOW);
+    const Spot place = Once(random_, 2) ? KnownDirectory() : Any();
+    Exchange(link, place);
+    Rename(link, place);
+}
+
+void Attacker::ChangeKind() {
+    const Spot spot = Once(random_, 2) ? KnownDirectory() : Known();
+    Rename(spot, Beside());
+    switch (random_() % 3) {
+        case 0:
+            BuildTree(spot);
+            break;
+        case 1:
+            ::mkfifoat(spot.parent.Get(), spot.name.c_str(), 0666);
+            break;
+        default:
+            WriteAll(FileDescriptor(::openat(spot.parent.Get(), spot.name.c_str(),
+                                             kFileFlags | O_CREAT | O_EXCL, 0666)),
+                     Ground::Content(random_));
+    }
+}
+
+void Attacker::BuildTree(const Spot& top) {
+    ::mkdirat(top.parent.Get(), top.name.c_str(), 0755);
+    FileDescriptor directory(::openat(top.parent.Get(), top.name.c_str(),
+                                      O_PATH | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC));
+    for (auto depth = random_() % 4; directory.IsOpen(); --depth) {
+        for (auto files = random_() % 5; files > 0; --files) {
+            const std::string name = Ground::Name(random_);
+            WriteAll(FileDescriptor(::openat(directory.Get(), name.c_str(),
+                                             kFileFlags | O_CREAT | O_EXCL, 0644)),
+                     Ground::Content(random_));
+        }
+        if (depth == 0) return;
+        ::mkdirat(directory.Get(), "deeper", 0755);
+        directory = FileDescriptor(
+            ::openat(directory.Get(), "deeper", O_PATH | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC));
+    }
+}
+
+void Attacker::PlantTree() {
+    Spot place = Any();
+    if (Once(random_, 2)) {
+        BuildTree(place);
+        return;
+    }
+    const Spot built = Beside();
+    BuildTree(built);
+    Rename(built, place);
+}
+
+}  // namespace test

@@ -1,0 +1,79 @@
+#include "Judge.h"
+
+#include <CommandLineText.h>
+#include <sdk/Utf8.h>
+
+#include <sstream>
+
+namespace test {
+
+namespace {
+
+using Demo::ObjectState;
+
+std::string Describe(const ObjectState& state) {
+    static const char* const kinds[] = {"file", "directory", "link", "other"};
+    std::ostringstream text;
+    text << kinds[static_cast<int>(state.kind)] << " " << std::oct << state.mode << std::dec << " "
+         << state.uid << ":" << state.gid << " size " << state.size << " time " << state.mtime
+         << " " << state.content;
+    return text.str();
+}
+
+std::string Describe(const Demo::TreeState& tree, const std::string& path) {
+    const auto found = tree.find(path);
+    return found == tree.end() ? "nothing" : Describe(found->second);
+}
+
+bool IsBelow(const std::string& path, const std::string& top) {
+    return path.compare(0, top.size(), top) == 0 &&
+           (path.size() == top.size() || path[top.size()] == '/');
+}
+
+}  // namespace
+
+Judge::Judge(const Ground& ground)
+    : ground_(ground),
+      copy_(Demo::TakeState(ground.Copy())),
+      bystander_(Demo::TakeState(ground.Bystander())) {
+    for (const auto& [path, state] : copy_) left_out_ += IsLeftOut(path) ? 1U : 0U;
+}
+
+bool Judge::IsLeftOut(const std::string& path) const {
+    if (path.empty()) return false;
+    if (IsBelow(path, std::string("/") + Ground::kExcluded) || path.back() == '.') return true;
+    // What is foreign is removed without a command line.
+    return copy_.count(path) > 0 && !Engine::WhatBreaksPath(ground_.Site() + path).empty();
+}
+
+Differences Judge::Find(const Demo::TreeState& now) const {
+    Differences found;
+    const auto look = [&](const std::string& path) {
+        const std::string is = Describe(now, path);
+        const std::string was = Describe(copy_, path);
+        if (is != was && !IsLeftOut(path)) found.emplace(path, is + " for " + was);
+    };
+    for (const auto& [path, state] : copy_) look(path);
+    for (const auto& [path, state] : now) look(path);
+    return found;
+}
+
+std::string Judge::ChangeBeside() const {
+    const std::string change = Demo::FindDifference(bystander_, ground_.Bystander());
+    return change.empty() ? Demo::FindDifference(copy_, ground_.Copy()) : change;
+}
+
+std::vector<std::string> Judge::WithoutAlarm(const Differences& differing,
+                                             const std::set<std::string>& alarms) const {
+    std::vector<std::string> missing;
+    for (const auto& [path, words] : differing) {
+        std::string way = SDK::ToValidUtf8(ground_.Site() + path);
+        while (way.size() >= ground_.Site().size() && alarms.count(way) == 0) {
+            way.resize(way.rfind('/'));
+        }
+        if (way.size() < ground_.Site().size()) missing.push_back(path);
+    }
+    return missing;
+}
+
+}  // namespace test

@@ -1,0 +1,30 @@
+#include <gtest/gtest.h>
+
+#include "StormRun.h"
+
+namespace test {
+
+using Mode = StormRun::Mode;
+
+/// A few fixed seeds; scripts/storm.sh runs as many as one likes.
+class Storm : public testing::TestWithParam<std::pair<Mode, std::uint64_t>> {};
+
+TEST_P(Storm, WhenItEnds_TheSiteIsAsItsCopyAndEveryDifferenceWasTold) {
+    AgentProcess agent;
+    StormRun::Prepare(agent);
+    ASSERT_TRUE(agent.Start());
+    for (std::uint64_t seed = GetParam().second; seed < GetParam().second + 3; ++seed) {
+        StormRun run(agent, seed, GetParam().first, 200);
+        EXPECT_TRUE(run.Run());
+        std::puts(run.Report().c_str());
+    }
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Restoring, Storm,
+                         testing::Values(std::make_pair(Mode::kRestore, 1U),
+                                         std::make_pair(Mode::kMonitor, 11U),
+                                         std::make_pair(Mode::kOverflow, 21U),
+                                         std::make_pair(Mode::kSlow, 31U)));
+
+}  // namespace test
