@@ -36,6 +36,7 @@ ProtectedWay::ProtectedWay(const SentrelDirRule& rule, const std::string& path) 
 
 /// Looks at one component after another, up to a link, the end, or what is no directory.
 void ProtectedWay::Walk(const std::string& anchor, const std::string& path) {
+    end_path_ = path;
     SDK::FileDescriptor parent(::open(anchor.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     std::size_t begin = anchor.size();
     while (parent.IsOpen() && begin < path.size()) {
@@ -58,7 +59,7 @@ void ProtectedWay::Walk(const std::string& anchor, const std::string& path) {
         } else if (S_ISLNK(info.st_mode)) {
             end_ = End::kLink;
         } else if (!S_ISDIR(info.st_mode)) {
-            return;
+            end_ = End::kOther;
         }
         if (end_ != End::kReached) {
             end_path_ = path.substr(0, end);
@@ -70,7 +71,7 @@ void ProtectedWay::Walk(const std::string& anchor, const std::string& path) {
     }
 }
 
-bool ProtectedWay::RemoveLink() {
+bool ProtectedWay::RemoveEnd() {
     return ::unlinkat(parent_.Get(), EndName().c_str(), 0) == 0 || errno == ENOENT;
 }
 

@@ -96,7 +96,7 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
     info.mode = SDK::FileUtils::StModeToStr(found.st_mode);
     info.uid = found.st_uid;
     info.gid = found.st_gid;
-    return S_ISDIR(found.st_mode) || DigestOf(backup, info.sha256);
+    return S_ISDIR(found.st_mode) || DigestOf(WithoutTrailingSlash(backup), info.sha256);
 }
 
 bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const BackupFileInfo& info) {

@@ -197,6 +197,9 @@ void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::strin
     }
     if (utils->diff_attr) diff_attr = HandleFileAttrDiff(backup, changed);
     SentrelSendAlarm(file, type, diff, diff_attr);
+    // Its own event will find it put right.
+    const std::string& lost = current_event_.lost_directory;
+    if (!lost.empty()) SentrelSendAlarm(lost, ALARM_DELETE, "", "");
 }
 
 }  // namespace Engine

@@ -108,6 +108,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
         DeferredEvent source;  ///< read_time zero: not known
         std::string outcome = "reported only";
         Evidence evidence;  ///< what stood there before it was put right
+        /// One above the path that was restored with all that it held, since it had gone.
+        std::string lost_directory = {};
     };
 
     void HandleFileEvent(const SentrelDirRule& rule, const std::string& rule_path,

@@ -27,7 +27,7 @@ mode_t TypeAt(const std::string& path) {
 }
 
 bool RemoveLink(ProtectedWay& way, mode_t backup_type) {
-    if (!way.RemoveLink()) return false;
+    if (!way.RemoveEnd()) return false;
     if (backup_type == S_IFLNK) return true;  // one of the site's own
     SDK_LOG(ModuleLogger(), PRIO_WARNING, "removed the planted link %s.", way.EndPath());
     SentrelStatus::Instance().Count(SentrelStatus::kPlantedLinksRemoved);
@@ -44,6 +44,23 @@ bool ClearLink(const SentrelDirRule& rule, ProtectedWay& way, std::string& targe
     return true;
 }
 
+bool RemoveWhole(const SentrelDirRule& rule, const std::string& path) {
+    if (rule.is_file) {
+        return SDK::DirUtils::IsDir(path) ? SDK::DirUtils::DeleteDir(path) == 0
+                                          : SDK::FileUtils::TalDeleteFile(path) == 0;
+    }
+    const std::string below = path.substr(std::min(path.size(), rule.real_path.size()));
+    return SDK::DirUtils::DeleteBeneath(rule.real_path, below) == 0;
+}
+
+/// Where a directory stands in place of something else, or the other way round: removes it, since
+/// rsync copies into the one and fails at the other. True when something was removed.
+bool RemoveOtherKind(const SentrelDirRule& rule, ProtectedWay& way) {
+    const mode_t backup_type = TypeAt(rule.backup_path + way.EndPath());
+    if (way.IsBlocked()) return backup_type == S_IFDIR && way.RemoveEnd();
+    return backup_type != 0 && backup_type != S_IFDIR && RemoveWhole(rule, way.EndPath());
+}
+
 /// Makes the way to `target` fit for rsync, which goes through a link that stands there or on the
 /// way, and copies into the directory that a link in its place leads to. A directory that is gone
 /// is made before rsync runs, so that nobody can plant a link there meanwhile, and becomes the
@@ -58,11 +75,13 @@ bool ClearWay(const SentrelDirRule& rule, bool copy_is_complete, std::string& ta
             const bool has_copy = TypeAt(rule.backup_path + way.EndPath()) != 0;
             if (!has_copy) return !way.IsBarred();
             if (!ClearLink(rule, way, target)) return false;
-        } else if (way.IsMissing() && copy_is_complete &&
-                   TypeAt(rule.backup_path + way.EndPath()) == S_IFDIR) {
+        } else if (way.IsMissing()) {
+            if (!copy_is_complete || TypeAt(rule.backup_path + way.EndPath()) != S_IFDIR) {
+                return !way.IsBarred();
+            }
             target = way.EndPath() + "/";
             if (way.MakeMissing() || errno != EEXIST) return true;
-        } else {
+        } else if (!copy_is_complete || !RemoveOtherKind(rule, way)) {
             return !way.IsBarred();
         }
     }
@@ -111,8 +130,12 @@ void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restor
 void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std::string& path) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
     SentrelStatus& status = SentrelStatus::Instance();
-    std::string target = path;
+    const bool is_directory = TypeAt(rule.backup_path + path) == S_IFDIR;
+    std::string target = is_directory ? path : WithoutTrailingSlash(path);
     const bool clear = ClearWay(rule, !AwaitsBackup(rule), target);
+    if (WithoutTrailingSlash(target) != WithoutTrailingSlash(path)) {
+        current_event_.lost_directory = target;
+    }
     if (HoldsExclusion(rule, target)) target = rule.real_path;
     if (clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
                                      rule.ignored_subdir, RSYNC_RESTORE)) {
@@ -122,9 +145,9 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
     }
     current_event_.outcome = "restore failed";
     status.Count(SentrelStatus::kRestoresFailed);
-    status.NoteFailure(rule.real_path,
-                       "restore of " + path + ": " +
-                           (clear ? utils->LastCopyError() : "a symbolic link stands on the way"));
+    status.NoteFailure(rule.real_path, "restore of " + path + ": " +
+                                           (clear ? utils->LastCopyError()
+                                                  : "what stands on the way cannot be removed"));
     KeepFailed(path, target);
 }
 
@@ -137,12 +160,8 @@ void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::st
         const mode_t backup_type = TypeAt(rule.backup_path + way.EndPath());
         if (!way.HasLink() || backup_type != S_IFDIR) return;
         removed = RemoveLink(way, backup_type);
-    } else if (rule.is_file) {
-        removed = SDK::DirUtils::IsDir(path) ? SDK::DirUtils::DeleteDir(path) == 0
-                                             : SDK::FileUtils::TalDeleteFile(path) == 0;
     } else {
-        const std::string below = path.substr(std::min(path.size(), rule.real_path.size()));
-        removed = SDK::DirUtils::DeleteBeneath(rule.real_path, below) == 0;
+        removed = RemoveWhole(rule, path);
     }
     if (removed) {
         current_event_.outcome = "removed";

@@ -106,6 +106,7 @@ void StormRun::Rage() {
     const std::uint64_t overflows = stalled ? Counter("overflows") : 0;
     if (stalled) {
         agent_.Signal(SIGSTOP);
+        ::waitpid(agent_.Pid(), nullptr, WUNTRACED);
         Attacker(ground_, seed_).Flood();
     }
     for (int burst = 0; burst < bursts; ++burst) {

@@ -176,7 +176,24 @@ TEST_F(Event, DeletedFileAndDirectory_ComeBack) {
     fs::remove_all(data_.Path("site"));
     Tell(File("sub/page.html"), IN_DELETE);
     EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
-    EXPECT_EQ(Alarms(), "delete sub/page.html: restored\n");
+    EXPECT_EQ(Alarms(), "delete sub/page.html: restored\ndelete : restored\n");
+}
+
+// Also when nothing tells by the times of a directory that something in it was replaced.
+TEST_F(Event, FileInPlaceOfADirectoryOrTheOtherWayRound_IsReplaced) {
+    fs::remove(File("index.html"));
+    data_.Write("site/index.html/shell.php", "evil");
+    Tell(File("index.html"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    for (const char* told : {"sub", "sub/page.html"}) {
+        fs::remove_all(File("sub"));
+        data_.Write("site/sub", "evil");
+        Tell(File(told), IN_CREATE);
+        EXPECT_EQ(Content("sub/page.html"), "page") << told;
+    }
+    EXPECT_EQ(Alarms(),
+              "modify index.html/: restored\nmodify sub: restored\n"
+              "modify sub/page.html: restored\ndelete sub/: restored\n");
 }
 
 TEST_F(Event, ForeignFileAndTree_AreRemovedOnArrivalOnly) {
@@ -292,7 +309,7 @@ TEST_F(Event, LinkPlantedOnTheWay_BringsTheWholeDirectoryBack) {
     PlantLink("sub");
     Tell(File("sub/deep/a.html"), IN_DELETE);
     EXPECT_EQ(Content("sub/deep/a.html") + Content("sub/page.html"), "apage");
-    EXPECT_EQ(Alarms(), "delete sub/deep/a.html: restored\n");
+    EXPECT_EQ(Alarms(), "delete sub/deep/a.html: restored\ndelete sub/: restored\n");
     ExpectElsewhereUntouched();
 }
 
