@@ -43,14 +43,14 @@ void Delivery::Flush() {
 void Delivery::FlushOne(const std::string& id, Receiver& receiver) {
     PendingQueue& queue = receiver.queue;
     receiver.refused = false;
-    const PendingQueue::Settled settled = queue.Settle(flushed_);
-    counters_.deletions_settled += settled.deletions;
-    counters_.directories_announced += settled.directories;
-    counters_.pending += settled.directories;
+    SendWindow& window = *receiver.window;
+    Settle(receiver);
     do {
-        while (receiver.window->HasRoom()) {
-            const PendingChange* change = queue.Next();
-            if (change == nullptr) return;
+        while (window.HasRoom()) {
+            const bool losses_too = window.HasRoomForLoss();
+            const PendingChange* change = queue.Next(losses_too);
+            if (change == nullptr && losses_too) return;
+            if (change == nullptr) break;
             if (!PostOne(id, receiver, *change)) {
                 receiver.refused = true;
                 return;
@@ -58,12 +58,28 @@ void Delivery::FlushOne(const std::string& id, Receiver& receiver) {
             --counters_.pending;
             queue.Pop();
         }
-    } while (!receiver.window->WakeWhenLow());
+    } while (!window.WakeWhenLow());
+}
+
+void Delivery::Settle(Receiver& receiver) {
+    const std::size_t settled = receiver.queue.Settle(flushed_);
+    if (settled > 1) counters_.deletions_settled += settled;
+    if (settled > 0) {
+        receiver.window->ForgetSlowLosses();
+        receiver.repairs_due = true;
+    }
+    // Not earlier: what is deleted may be nothing that the receiver would put back.
+    if (!receiver.repairs_due || !receiver.window->LossesAreSlow()) return;
+    receiver.repairs_due = false;
+    const std::size_t added = receiver.queue.AddRepairs(flushed_);
+    counters_.directories_announced += added;
+    counters_.pending += added;
 }
 
 bool Delivery::PostOne(const std::string& id, Receiver& receiver, const PendingChange& change) {
     const auto posted = change.ticket->Post([&] {
-        receiver.window->Posted();  // taken back when the message is freed, here or there
+        // Taken back when the message is freed, here or there.
+        receiver.window->Posted(change.IsLoss());
         auto message =
             std::make_unique<FileNotifyMessage>(change.ticket->Id(), change.path, change.moveto,
                                                 change.mask, change.read_time, receiver.window);

@@ -53,10 +53,12 @@ class Delivery {
 
         PendingQueue queue;
         const std::shared_ptr<SendWindow> window;
-        bool refused = false;  ///< by the last Flush
+        bool refused = false;      ///< by the last Flush
+        bool repairs_due = false;  ///< once deletions turn out slow
     };
 
     void FlushOne(const std::string& id, Receiver& receiver);
+    void Settle(Receiver& receiver);
     bool PostOne(const std::string& id, Receiver& receiver, const PendingChange& change);
 
     const Post post_;

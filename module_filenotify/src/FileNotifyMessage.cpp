@@ -19,7 +19,7 @@ FileNotifyMessage::FileNotifyMessage(std::string watch_file, std::string event_p
       observer_(std::move(observer)) {}
 
 FileNotifyMessage::~FileNotifyMessage() {
-    if (observer_ != nullptr) observer_->MessageGone(handling_);
+    if (observer_ != nullptr) observer_->MessageGone(*this, handling_);
 }
 
 void FileNotifyMessage::Deliver(Framework::Task& receiver) {
@@ -31,7 +31,7 @@ void FileNotifyMessage::Deliver(Framework::Task& receiver) {
     }
     const auto begin = std::chrono::steady_clock::now();
     taker->FileNotifyMessageAction(this);
-    handling_ = std::chrono::steady_clock::now() - begin;
+    NoteHandling(std::chrono::steady_clock::now() - begin);
 }
 
 std::uint32_t FileNotifyMessage::GetEventMask() const {

@@ -55,46 +55,51 @@ std::optional<PendingQueue::Time> PendingQueue::NextDue() const {
     return hold_.Due();
 }
 
-PendingQueue::Settled PendingQueue::Settle(Time now) {
-    Settled settled;
-    const std::size_t held = lanes_[kHeld].size();
-    if (held > 0 && hold_.IsOver(now, held)) settled = Release(now);
+std::size_t PendingQueue::Settle(Time now) {
+    std::size_t held = lanes_[kHeld].size();
+    if (held > 0 && hold_.IsOver(now, held)) {
+        Release();
+    } else {
+        held = 0;
+    }
     // Directories are in the order of their coming: when one is not due, none behind it is.
     for (Entry& entry : lanes_[kDirectories]) {
         if (now < entry.due) break;
         if (!entry.after) entry.after = serial_;
     }
-    return settled;
+    return held;
 }
 
-PendingQueue::Settled PendingQueue::Release(Time now) {
+void PendingQueue::Release() {
     Entries& held = lanes_[kHeld];
-    Settled settled;
-    if (held.size() > 1) settled.deletions = held.size();
-    for (PendingChange& repair : Plan()) {
-        if (Push(std::move(repair), now)) ++settled.directories;
-    }
     for (Entry& entry : held) {
         entry.lane = kReleased;
         entry.after = serial_;
     }
     lanes_[kReleased].splice(lanes_[kReleased].end(), held);
-    return settled;
 }
 
-std::vector<PendingChange> PendingQueue::Plan() const {
+std::size_t PendingQueue::AddRepairs(Time now) {
     std::vector<const PendingChange*> losses;
-    for (const Entry& entry : lanes_[kHeld]) {
+    for (const Entry& entry : lanes_[kReleased]) {
         if (!entry.change.IsLoss()) continue;
         const Entries::iterator* above = TopmostAbove(entry.change, false);
         if (above == nullptr || !(*above)->change.IsLoss()) losses.push_back(&entry.change);
     }
-    return PlanRepairs(losses, names_below_);
+    std::size_t added = 0;
+    for (PendingChange& repair : PlanRepairs(losses, names_below_)) {
+        if (Push(std::move(repair), now)) ++added;
+    }
+    if (added > 0) {
+        for (Entry& entry : lanes_[kReleased]) entry.after = serial_;
+    }
+    return added;
 }
 
-const PendingChange* PendingQueue::Next() {
+const PendingChange* PendingQueue::Next(bool losses_too) {
     while (known_.size() > lanes_[kHeld].size()) {
-        next_ = Choose();
+        next_ = Choose(losses_too);
+        if (next_ == lanes_[kContents].end()) return nullptr;
         const Entries::iterator* above = TopmostAbove(next_->change, !Concerns(*next_));
         if (above == nullptr) return &next_->change;
         if ((*above)->lane != kHeld) {
@@ -110,10 +115,10 @@ const PendingChange* PendingQueue::Next() {
     return nullptr;
 }
 
-PendingQueue::Entries::iterator PendingQueue::Choose() {
+PendingQueue::Entries::iterator PendingQueue::Choose(bool losses_too) {
     for (std::uint8_t turn = 1; turn <= kHeld; ++turn) {
         const auto lane = static_cast<Lane>((last_lane_ + turn) % kHeld);
-        if (MayGo(lane)) return lanes_[lane].begin();
+        if (MayGo(lane) && (losses_too || lane != kReleased)) return lanes_[lane].begin();
     }
     return lanes_[kContents].end();
 }

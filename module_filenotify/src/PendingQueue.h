@@ -23,8 +23,7 @@ namespace Engine::FileNotify {
 /// but by the paths there are.
 ///
 /// The order, since one message may spare the receiver many others:
-/// - Deletions are held back as long as LossHold says. Where many names of a directory are gone,
-///   the directory is announced once, ahead of them.
+/// - Deletions are held back as long as LossHold says.
 /// - Changes of content go first, then those of directories (a receiver that puts a directory back
 ///   undoes what is changed in it, which is to be judged and told before), then deletions.
 /// - The arrival or loss of a directory goes ahead of all that waits below it, the topmost first;
@@ -44,19 +43,19 @@ class PendingQueue {
     bool Push(PendingChange change, Time now);  ///< false: the same was waiting already
     std::size_t Size() const { return known_.size(); }
 
-    struct Settled {
-        std::size_t deletions = 0;    ///< let go after they were held back
-        std::size_t directories = 0;  ///< announced on their account
-    };
+    /// Lets go what has been held back for long enough; how many changes it was.
+    std::size_t Settle(Time now);
 
-    /// Lets go what has been held back for long enough.
-    Settled Settle(Time now);
+    /// Where many names of a directory are gone, puts a change of the directory ahead of the
+    /// deletions that were let go; how many directories it was.
+    std::size_t AddRepairs(Time now);
 
     /// When there is something for Settle to do; none: not before something else happens.
     std::optional<Time> NextDue() const;
 
-    /// What is to be posted now, or null. Valid until the next call of anything here.
-    const PendingChange* Next();
+    /// What is to be posted now, or null. Deletions, unless `losses_too`, only as far as something
+    /// else has to follow them. Valid until the next call of anything here.
+    const PendingChange* Next(bool losses_too);
     /// Takes out what Next gave.
     void Pop();
 
@@ -87,9 +86,9 @@ class PendingQueue {
     static Lane LaneOf(const PendingChange& change);
     static bool Concerns(const Entry& entry);
     void NoteDirectory(Entries::iterator entry);
-    Settled Release(Time now);
+    void Release();
     std::vector<PendingChange> Plan() const;
-    Entries::iterator Choose();
+    Entries::iterator Choose(bool losses_too);
     bool MayGo(Lane lane) const;
     bool Precedes(Lane lane, const Entry& entry) const;
     const Entries::iterator* TopmostAbove(const PendingChange& change, bool or_itself) const;

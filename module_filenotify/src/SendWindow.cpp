@@ -3,6 +3,9 @@
 
 #include "SendWindow.h"
 
+#include <module_filenotify/FileNotifyMessage.h>
+#include <sys/inotify.h>
+
 #include <algorithm>
 
 namespace Engine::FileNotify {
@@ -20,16 +23,27 @@ std::size_t SendWindow::Size() const {
     return std::clamp(static_cast<std::size_t>(fitting), kFewest, kMost);
 }
 
+void SendWindow::Posted(bool is_loss) {
+    ++in_flight_;
+    if (is_loss) ++losses_in_flight_;
+}
+
 bool SendWindow::WakeWhenLow() {
-    const auto low = static_cast<std::int64_t>(Size() / 2);
+    const std::size_t most = HasRoom() ? kMostLosses : Size();
+    const auto low = static_cast<std::int64_t>(most / 2);
     wake_at_ = low;
     if (in_flight_ > low) return true;
     wake_at_ = kNoWake;
     return false;
 }
 
-void SendWindow::MessageGone(std::optional<std::chrono::nanoseconds> handling) noexcept {
+void SendWindow::MessageGone(const FileNotifyMessage& message,
+                             std::optional<std::chrono::nanoseconds> handling) noexcept {
     if (handling) Learn(*handling);
+    if ((message.GetEventMask() & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+        if (handling >= kSlowLoss) ++slow_losses_;
+        --losses_in_flight_;
+    }
     const std::int64_t left = in_flight_.fetch_sub(1) - 1;
     if (left <= wake_at_ && wake_at_.exchange(kNoWake) != kNoWake) wake_->Wake();
 }

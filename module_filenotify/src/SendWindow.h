@@ -26,17 +26,30 @@ class SendWindow : public DeliveryObserver {
 
     explicit SendWindow(std::shared_ptr<const WakeLine> wake) : wake_(std::move(wake)) {}
 
+    /// Deletions are posted in so small numbers only, until it is known what they cost.
+    static constexpr std::size_t kMostLosses = 8;
+    /// A deletion that took so long has been undone by a command.
+    static constexpr std::chrono::milliseconds kSlowLoss{4};
+    static constexpr int kSlowLosses = 3;
+
     // Task's thread only.
     bool HasRoom() const { return InFlight() < Size(); }
-    void Posted() { ++in_flight_; }
+    bool HasRoomForLoss() const { return losses_in_flight_ < std::int64_t{kMostLosses}; }
+    void Posted(bool is_loss);
 
-    /// True: the wake line is told when half of the window is free. False: it is already.
+    /// True: the wake line is told when half of the window, and of its part for deletions, is free.
+    /// False: it is already.
     bool WakeWhenLow();
+
+    /// Deletions have turned out slow since they were forgotten.
+    bool LossesAreSlow() const { return slow_losses_ >= kSlowLosses; }
+    void ForgetSlowLosses() { slow_losses_ = 0; }
 
     // Any thread.
     std::size_t InFlight() const { return static_cast<std::size_t>(in_flight_.load()); }
     std::size_t Size() const;
-    void MessageGone(std::optional<std::chrono::nanoseconds> handling) noexcept override;
+    void MessageGone(const FileNotifyMessage& message,
+                     std::optional<std::chrono::nanoseconds> handling) noexcept override;
 
   private:
     static constexpr std::int64_t kNoWake = -1;
@@ -45,6 +58,8 @@ class SendWindow : public DeliveryObserver {
 
     const std::shared_ptr<const WakeLine> wake_;
     std::atomic<std::int64_t> in_flight_{0};
+    std::atomic<std::int64_t> losses_in_flight_{0};
+    std::atomic<int> slow_losses_{0};
     std::atomic<std::int64_t> wake_at_{kNoWake};
     std::atomic<std::int64_t> pace_ns_{1000000};  ///< what a message is taken to need
 };

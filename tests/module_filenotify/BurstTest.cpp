@@ -48,7 +48,10 @@ class Burst : public ::testing::Test {
     }
 
     void Handle(std::size_t count) {
-        for (; count > 0; --count) queue.pop_front();
+        for (; count > 0; --count) {
+            queue.front()->NoteHandling(handling);
+            queue.pop_front();
+        }
     }
 
     static std::string Print(const Engine::FileNotifyMessage& message) {
@@ -59,6 +62,7 @@ class Burst : public ::testing::Test {
     }
 
     std::deque<std::unique_ptr<Engine::FileNotifyMessage>> queue;
+    std::chrono::nanoseconds handling{0};
     std::map<std::string, std::size_t> names;  ///< known below each directory
     Counters counters;
     Delivery::Clock::time_point now{1h};
@@ -178,38 +182,48 @@ TEST_F(Burst, ContentsWithoutEnd_OthersTakeTurnsAfterTheirTime) {
 
 class Repair : public Burst {
   protected:
-    /// What is posted after `count` deletions in /d, of which as many names are left.
-    std::string FirstAfter(int count, std::size_t left) {
-        names["/w/d"] = left;
-        AddMany(IN_DELETE, "/d/", count);
+    /// Lets the deletions go and has the first of them dealt with; what is posted after these.
+    Names PostedAfterTheFirst(std::chrono::nanoseconds cost) {
         now += LossHold::kQuiet;
-        return Posted().front();
+        delivery->Flush();
+        EXPECT_EQ(queue.size(), SendWindow::kMostLosses);
+        handling = cost;
+        Handle(queue.size());
+        handling = 0ns;
+        return Posted();
     }
 };
 
-TEST_F(Repair, ManyLostAndWorthIt_DirectoryIsAnnouncedAhead) {
-    EXPECT_EQ(FirstAfter(16, 10), "/d/");
+TEST_F(Repair, ManyLostAndPuttingBackIsSlow_DirectoryIsAnnouncedAhead) {
+    names["/w/d"] = 10;
+    AddMany(IN_DELETE, "/d/", 24);
+    const Names posted = PostedAfterTheFirst(SendWindow::kSlowLoss);
+    EXPECT_EQ(posted.size(), 17U);
+    EXPECT_EQ(posted.front(), "/d/");
     EXPECT_EQ(counters.directories_announced, 1U);
     EXPECT_EQ(counters.pending, 0U);
 }
 
-TEST_F(Repair, FewLostOrMuchThere_EachGoesByItself) {
-    EXPECT_EQ(FirstAfter(15, 0), "-/d/0");
-    EXPECT_EQ(FirstAfter(16, 10000), "-/d/0");
-    names.clear();  // gone meanwhile
-    AddMany(IN_DELETE, "/e/", 100);
-    now += LossHold::kQuiet;
-    EXPECT_EQ(Posted().front(), "-/e/0");
+TEST_F(Repair, FewLostOrMuchThereOrNothingPutBack_EachGoesByItself) {
+    names = {{"/w/d", 10}, {"/w/huge", 100000}, {"/w/foreign", 10}};
+    AddMany(IN_DELETE, "/d/", 23);
+    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowLoss).front(), "-/d/8");
+    AddMany(IN_DELETE, "/huge/", 24);
+    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowLoss).front(), "-/huge/8");
+    AddMany(IN_DELETE, "/foreign/", 24);
+    EXPECT_EQ(PostedAfterTheFirst(30us).front(), "-/foreign/8");
+    AddMany(IN_DELETE, "/gone/", 24);
+    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowLoss).front(), "-/gone/8");
 }
 
 TEST_F(Repair, LostInManyDirectories_TheCheapestSetIsAnnounced) {
     names = {{"/w", 500000}, {"/w/top", 120}, {"/w/top/a", 50}, {"/w/top/b", 50}, {"/w/far", 10}};
+    AddMany(IN_DELETE, "/first", 8);
     AddMany(IN_DELETE, "/top/a/", 40);
     AddMany(IN_DELETE | kDir, "/top/b/sub", 40);
     Add(IN_DELETE, "/top/b/sub1/below");
     AddMany(IN_DELETE, "/far/", 20);
-    now += LossHold::kQuiet;
-    const Names posted = Posted();
+    const Names posted = PostedAfterTheFirst(SendWindow::kSlowLoss);
     EXPECT_EQ(counters.directories_announced, 2U);
     EXPECT_EQ((std::set<std::string>(posted.begin(), posted.begin() + 2)),
               (std::set<std::string>{"/top/", "/far/"}));
@@ -230,9 +244,10 @@ TEST_F(Burst, Window_FollowsTheReceiversPaceAndWakesBeforeItIsEmpty) {
     EXPECT_EQ(counters.events_merged, 1U);
 
     SendWindow window(nullptr);
-    const auto dealt = [&](std::chrono::nanoseconds handling) {
-        window.Posted();
-        window.MessageGone(handling);
+    const Engine::FileNotifyMessage message("/w", "/w/f", "", IN_MODIFY, now);
+    const auto dealt = [&](std::chrono::nanoseconds cost) {
+        window.Posted(false);
+        window.MessageGone(message, cost);
     };
     dealt(50us);
     for (int i = 0; i < 60; ++i) dealt(10us);

@@ -5,6 +5,8 @@
 
 namespace Engine {
 
+class FileNotifyMessage;
+
 /// Hears what became of a message that was posted. Any thread.
 class DeliveryObserver {
   public:
@@ -13,8 +15,10 @@ class DeliveryObserver {
     DeliveryObserver& operator=(const DeliveryObserver&) = delete;
     virtual ~DeliveryObserver() = default;
 
-    /// The message is gone. `handling`: how long its receiver took; none when it never got it.
-    virtual void MessageGone(std::optional<std::chrono::nanoseconds> handling) noexcept = 0;
+    /// The message is being freed. `handling`: how long its receiver took; none when it never got
+    /// it.
+    virtual void MessageGone(const FileNotifyMessage& message,
+                             std::optional<std::chrono::nanoseconds> handling) noexcept = 0;
 };
 
 }  // namespace Engine

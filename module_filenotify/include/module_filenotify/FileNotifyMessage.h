@@ -29,6 +29,9 @@ class FileNotifyMessage : public Framework::Message {
     /// Calls the receiver's FileNotifyMessageAction when it is an AbstractMessageReceiver.
     void Deliver(Framework::Task& receiver) override;
 
+    /// How long its receiver took, for the observer. Deliver notes it by itself.
+    void NoteHandling(std::chrono::nanoseconds handling) { handling_ = handling; }
+
     /// The event bits (IN_CREATE, IN_MODIFY, ...) without IN_ISDIR.
     std::uint32_t GetEventMask() const;
 
