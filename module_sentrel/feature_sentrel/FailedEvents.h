@@ -38,6 +38,7 @@ class FailedEvents {
     std::optional<Failed> TakeDue(Clock::time_point now);
 
     std::size_t Size() const { return waiting_.size(); }
+    bool IsHalfFull() const { return 2 * waiting_.size() >= capacity_; }
     void Clear();
 
   private:

@@ -75,7 +75,8 @@ void SentrelInotifyTask::HandleBacklog(FailedEvents::Clock::time_point now) {
     const bool more_deferred = HandleDeferredEvents();
     const bool more_failed = HandleFailedEvents(now);
     const bool more_to_sweep = SweepTrees();
-    SentrelStatus::Instance().PublishBacklog(deferred_.Size(), failed_.Size(), to_sweep_.size());
+    SentrelStatus::Instance().PublishBacklog(deferred_.Size(), failed_.Size(),
+                                             to_sweep_.size() + (sweep_ ? 1 : 0));
     // Messages have their turn, but nobody waits for one.
     if (more_deferred || more_failed || more_to_sweep) Waiter().Wake();
 }
@@ -112,12 +113,17 @@ bool SentrelInotifyTask::HandleFailedEvents(FailedEvents::Clock::time_point now)
 
 /// True when there is more to be done at once.
 bool SentrelInotifyTask::SweepTrees() {
-    if (sweep_ && !MaySweep(sweeping_)) sweep_.reset();  // what was found before a pause is void
+    if (failed_.IsHalfFull()) return false;  // what the sweep finds would fail, too
+    if (sweep_ && !MaySweep(sweeping_)) {    // what was found before a pause is void
+        sweep_.reset();
+        to_sweep_.insert(sweeping_);
+    }
     if (!sweep_) {
         const auto ready = std::find_if(to_sweep_.begin(), to_sweep_.end(),
                                         [this](const std::string& id) { return MaySweep(id); });
         if (ready == to_sweep_.end()) return false;
         BeginSweep(*ready);
+        to_sweep_.erase(ready);  // from here on a loss calls for another one
     }
     const auto until = std::chrono::steady_clock::now() + kSweepSlice;
     while (!ShouldYield() && std::chrono::steady_clock::now() < until) {
@@ -125,16 +131,14 @@ bool SentrelInotifyTask::SweepTrees() {
         SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s has been compared with its copy.", sweeping_);
         SentrelStatus::Instance().Count(SentrelStatus::kTreesCompared);
         sweep_.reset();
-        to_sweep_.erase(sweeping_);
         break;
     }
     return true;
 }
 
-/// Not while something cannot be undone: in the sweep that would fail, too.
 bool SentrelInotifyTask::MaySweep(const std::string& watch_id) const {
     const auto rule = watch_rules.find(watch_id);
-    return rule != watch_rules.end() && !AwaitsBackup(rule->second) && failed_.Size() == 0;
+    return rule != watch_rules.end() && !AwaitsBackup(rule->second);
 }
 
 void SentrelInotifyTask::BeginSweep(const std::string& watch_id) {

@@ -145,7 +145,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool judging_failed_ = false;  ///< what was judged again last could not be undone
     FailedEvents::Clock::time_point retries_rest_until_{};
     std::set<std::string> to_sweep_;  ///< watch ids
-    std::string sweeping_;            ///< one of them, when sweep_ is there
+    std::string sweeping_;            ///< the watch of sweep_
     std::optional<TreeSweep> sweep_;
 };
 

@@ -29,7 +29,7 @@ TEST_F(ReportTaskTest, ManySenders_NothingIsLostOrMixed) {
                     EXPECT_TRUE(task_->EnqueueMsg(new Framework::CmdMessage("id", body)));
                 } else {
                     Framework::DataMessage alarm("2", body);
-                    alarm.SetNote({"restored", 12.5, false});
+                    alarm.SetNote({"restored", 12.5, i % 2 == 0});
                     std::string reply;
                     EXPECT_EQ(task_->InterceptMsg(&alarm, reply), 0);
                 }
