@@ -39,6 +39,7 @@ class PendingQueue {
     explicit PendingQueue(NamesBelow names_below) : names_below_(std::move(names_below)) {}
     PendingQueue(const PendingQueue&) = delete;
     PendingQueue& operator=(const PendingQueue&) = delete;
+    ~PendingQueue() = default;
 
     bool Push(PendingChange change, Time now);  ///< false: the same was waiting already
     std::size_t Size() const { return known_.size(); }
