@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <random>
 #include <thread>
 
 #include "CommandLine.h"
@@ -49,6 +50,27 @@ TEST(CommandLine, OnlyPlainWords_NeedNoShell) {
                              "/b\n/c",   "/b ^c",  "/b \"open", "/b c\"",     "/b\rc"}) {
         EXPECT_TRUE(SDK::SplitPlainCommand(line).empty()) << line;
     }
+}
+
+TEST(CommandLine, RandomLines_AreSplitAsTheShellDoes) {
+    static const std::string kLetters =
+        "aaaab/=:.,@%+-_\xC3    \t\"\"\"\"'$`*?[]~#;&|<>(){}!^\\\n0";
+    std::mt19937 random(20260);  // NOLINT(cert-msc51-cpp): to be repeated
+    int plain = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::string line = "/usr/bin/printf \"%s|\" ";
+        for (auto left = random() % 12; left > 0; --left)
+            line += kLetters[random() % kLetters.size()];
+        const Words words = SDK::SplitPlainCommand(line);
+        if (words.empty()) continue;
+        ++plain;
+        std::string expected = words.size() == 2 ? "|" : "";
+        for (std::size_t at = 2; at < words.size(); ++at) expected += words[at] + "|";
+        std::string output;
+        EXPECT_EQ(RunScript(line, kLongMs, output), 0) << line;
+        EXPECT_EQ(output, expected) << line;
+    }
+    EXPECT_GT(plain, 300);
 }
 
 TEST(ExecuteCmd, OneString_GivesTheResultOfTheShell) {
