@@ -158,15 +158,17 @@ take_lock() {
 # The agent raises the machine's limit of inotify watches for good. Here it may: it writes to files of
 # ours, which only this namespace sees in the places of the machine's own.
 shield_machine() {
-    local limit=/proc/sys/fs/inotify/max_user_watches
+    local limits=/proc/sys/fs/inotify limit
     [[ -f /etc/sysctl.conf ]] ||
         die "/etc/sysctl.conf is missing, so it cannot be shielded from the agent." \
             "Debian's package procps brings it; or create it, empty."
     mkdir -p "$WORK/shield"
     : >"$WORK/shield/sysctl.conf"
-    cat "$limit" >"$WORK/shield/max_user_watches"
     mount --bind "$WORK/shield/sysctl.conf" /etc/sysctl.conf
-    mount --bind "$WORK/shield/max_user_watches" "$limit"
+    for limit in max_user_watches max_queued_events; do
+        cat "$limits/$limit" >"$WORK/shield/$limit"
+        mount --bind "$WORK/shield/$limit" "$limits/$limit"
+    done
 }
 
 # The agent's folder begins anew each time; the backup copies of a real directory stay.

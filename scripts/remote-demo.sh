@@ -53,7 +53,9 @@ start_host() {
     setpriv --pdeathsig KILL -- unshare --net --pid --mount --fork --kill-child --mount-proc -- \
         "$BASH" -c '
             set -e
-            mount --bind "$1/shield/max_user_watches" /proc/sys/fs/inotify/max_user_watches
+            for limit in max_user_watches max_queued_events; do
+                mount --bind "$1/shield/$limit" "/proc/sys/fs/inotify/$limit"
+            done
             mount -t tmpfs -o size=1m none /run
             mount --bind /tmp /tmp
             mount --bind "$1" "$1"

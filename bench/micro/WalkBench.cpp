@@ -2,20 +2,16 @@
 // (RawWalk) beside the file-notify module's own parts, in turns in one run. Prints a line of
 // medians; --json one object.
 
-#include <NotifyCore.h>
 #include <malloc.h>
-#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <iostream>
 
+#include "OwnCore.h"
 #include "RawWalk.h"
 
 namespace bench {
@@ -23,19 +19,8 @@ namespace bench {
 namespace {
 
 namespace fs = std::filesystem;
-namespace notify = Engine::FileNotify;
-using Clock = std::chrono::steady_clock;
 
 constexpr int kFanOut = 32;
-
-double MillisecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 // Directory i lies in directory (i - 1) / kFanOut; each has the same number of files.
 void MakeTree(const std::string& root, int directories, int files) {
@@ -51,52 +36,6 @@ void MakeTree(const std::string& root, int directories, int files) {
         }
     }
 }
-
-// From the real parts being made until the watch is "ready".
-class OwnWalk {
-  public:
-    explicit OwnWalk(const std::string& root)
-        : core_(
-              std::make_unique<notify::InotifyDescriptor>(),
-              [](const std::string&, Framework::Message*) { return false; }, board_,
-              &Poco::Logger::get("bench"), std::chrono::seconds(3)) {
-        notify::WatchRequest request;
-        request.ticket = std::make_shared<notify::WatchTicket>("receiver", root);
-        for (const auto& part : fs::path(root).relative_path()) {
-            request.components.push_back(part.string());
-        }
-        request.mask =
-            IN_CREATE | IN_MODIFY | IN_DELETE | IN_ATTRIB | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF;
-        request.recursive = request.report_directories = request.rewatch = true;
-        requests_.push_back(request);
-    }
-
-    double Run() {
-        const auto start = Clock::now();
-        core_.Open();
-        core_.Apply(requests_);
-        while (core_.IdleTime().count() == 0) {
-            core_.Fill();
-            core_.Work();
-        }
-        const double took = MillisecondsSince(start);
-        core_.PublishStatus();
-        state_ = board_.Watches()["watches"][0]["state"].asString();
-        directories_ = board_.Watches()["watches"][0]["directories"].asUInt();
-        return took;
-    }
-
-    bool IsReady(int directories) const {
-        return state_ == "ready" && directories_ == static_cast<unsigned int>(directories);
-    }
-
-  private:
-    notify::StatusBoard board_;
-    notify::NotifyCore core_;
-    std::vector<notify::WatchRequest> requests_;
-    std::string state_;
-    unsigned int directories_ = 0;
-};
 
 struct Memory {
     double heap = 0;
@@ -119,10 +58,10 @@ Memory MeasureMemory(const std::string& root, int directories) {
     const pid_t child = ::fork();
     if (child == 0) {
         ::malloc_trim(0);  // what making the tree has left
-        OwnWalk walk(root);
+        OwnCore own(root);
         const double heap = static_cast<double>(mallinfo2().uordblks);
         const double resident = StatusKiB("VmRSS:");
-        walk.Run();
+        own.WalkUntilReady();
         Memory each{(static_cast<double>(mallinfo2().uordblks) - heap),
                     (StatusKiB("VmRSS:") - resident) * 1024,
                     (StatusKiB("VmHWM:") - resident) * 1024};
@@ -141,16 +80,16 @@ Memory MeasureMemory(const std::string& root, int directories) {
 int Measure(const std::string& root, int directories, int files, int rounds, bool json) {
     std::vector<double> raw;
     std::vector<double> raw_two;
-    std::vector<double> own;
+    std::vector<double> ours;
     const Memory memory = MeasureMemory(root, directories);
     for (int round = -1; round < rounds; ++round) {
         double one = 0;
         double two = 0;
         bool complete = RawWalk(root, 1, one) == static_cast<std::size_t>(directories) &&
                         RawWalk(root, 2, two) == static_cast<std::size_t>(directories);
-        OwnWalk walk(root);
-        const double ours = walk.Run();
-        complete = complete && walk.IsReady(directories);
+        OwnCore own(root);
+        const double took = own.WalkUntilReady();
+        complete = complete && own.IsReady(directories);
         if (!complete) {
             std::fprintf(stderr, "not all directories could be watched\n");
             return 1;
@@ -158,16 +97,16 @@ int Measure(const std::string& root, int directories, int files, int rounds, boo
         if (round < 0) continue;  // warms the cache
         raw.push_back(one);
         raw_two.push_back(two);
-        own.push_back(ours);
+        ours.push_back(took);
     }
-    const double ratio = Median(own) / Median(raw);
+    const double ratio = Median(ours) / Median(raw);
     std::printf(
         json ? "{\"directories\":%d,\"files_each\":%d,\"raw_ms\":%.1f,\"raw_two_threads_ms\":%.1f,"
                "\"own_ms\":%.1f,\"own_to_raw\":%.3f,\"heap_bytes_each\":%.0f,"
                "\"resident_bytes_each\":%.0f,\"peak_bytes_each\":%.0f}\n"
              : "%d directories, %d files each: raw %.1f ms, on two threads %.1f ms; ours %.1f ms, "
                "%.3f of raw; bytes a directory: heap %.0f, resident %.0f, at the peak %.0f\n",
-        directories, files, Median(raw), Median(raw_two), Median(own), ratio, memory.heap,
+        directories, files, Median(raw), Median(raw_two), Median(ours), ratio, memory.heap,
         memory.resident, memory.peak);
     return 0;
 }
@@ -189,14 +128,8 @@ int main(int argc, char** argv) {
     app.add_option("--tree", tree, "made there, or used again if it is there, and left");
     app.add_flag("--json", json);
     CLI11_PARSE(app, argc, argv);
-    const bool is_own = tree.empty();
-    if (is_own) {
-        std::string name = (std::filesystem::temp_directory_path() / "walk_bench.XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr) return 1;
-        tree = name + "/tree";
-    }
+    const bench::TempTree temporary;
+    if (tree.empty()) tree = temporary.Path() + "/tree";
     if (!std::filesystem::exists(tree)) bench::MakeTree(tree, directories, files);
-    const int result = bench::Measure(tree, directories, files, rounds, json);
-    if (is_own) std::filesystem::remove_all(std::filesystem::path(tree).parent_path());
-    return result;
+    return bench::Measure(tree, directories, files, rounds, json);
 }

@@ -14,6 +14,12 @@ namespace Engine::FileNotify {
 
 using Kind = NameIndex::Kind;
 
+namespace {
+
+constexpr std::chrono::seconds kOverflowLogAgainAfter{10};
+
+}  // namespace
+
 std::size_t EventTranslator::Handle(std::size_t limit) {
     // What is read meanwhile, for the sake of moves, waits for the next turn: a watch may have been
     // asked for before it happened.
@@ -50,9 +56,23 @@ void EventTranslator::HandleRecord(const InotifyRecord& record) {
 
 void EventTranslator::Overflow() {
     ++counters_.overflows;
-    SDK_LOG(logger_, PRIO_WARNING,
-            "the kernel's event queue has overflowed; all watched trees are walked again.");
+    events_lost_ = true;
+    const auto now = std::chrono::steady_clock::now();
+    if (now < next_overflow_log_) return;
+    next_overflow_log_ = now + kOverflowLogAgainAfter;
+    SDK_LOG(
+        logger_, PRIO_WARNING,
+        "the kernel's event queue has overflowed; all watched trees are walked again, %?u times "
+        "so far.",
+        counters_.overflows.load());
+}
+
+void EventTranslator::Recover() {
+    if (!events_lost_ || tree_.queue.IsReconciling()) return;
+    events_lost_ = false;
+    router_.SetTime(std::chrono::steady_clock::now());
     roots_.LookAgain(true);
+    roots_.Settle();
 }
 
 void EventTranslator::WatchEnded(int wd) {

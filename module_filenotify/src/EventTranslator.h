@@ -28,6 +28,10 @@ class EventTranslator {
     /// Handles at most `limit` of the records that were read; how many it were.
     std::size_t Handle(std::size_t limit);
 
+    /// Has everything walked again if events were lost. While such a walk is under way another loss
+    /// waits for its end: it could not begin anew each time and come to one.
+    void Recover();
+
   private:
     struct HalfMove {
         bool swap = false;  ///< one of two names that have changed places
@@ -55,6 +59,8 @@ class EventTranslator {
     Poco::Logger* logger_;
     /// Moves whose first half has been taken in for both, by cookie.
     std::unordered_map<std::uint32_t, HalfMove> moves_;
+    bool events_lost_ = false;
+    InotifyReader::Time next_overflow_log_{};
 };
 
 }  // namespace Engine::FileNotify

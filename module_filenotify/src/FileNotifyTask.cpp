@@ -21,6 +21,11 @@ constexpr int kSourcesAtOnce = 4;
 constexpr std::size_t kMessagesAtOnce = 16;
 constexpr int kShortestRetryMs = 10;
 constexpr int kLongestRetryMs = 600000;
+constexpr int kMostQueuedEvents = 16777216;
+
+bool IsWithin(const Json::Value& value, int least, int most) {
+    return value.isInt() && value.asInt() >= least && value.asInt() <= most;
+}
 
 Poco::Logger* ModuleLogger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", 0);
@@ -34,21 +39,29 @@ bool Post(const std::string& receiver, Framework::Message* message) {
 
 bool FileNotifyTask::ReadSettings(const Json::Value& section, Settings& settings,
                                   std::string& error) {
+    error.clear();
     if (!section.isObject()) {
         error = "/filenotify must be an object";
         return section.isNull();
     }
     for (const std::string& key : section.getMemberNames()) {
         const Json::Value& value = section[key];
-        if (key != "retry_ms") {
+        if (key == "retry_ms") {
+            if (!IsWithin(value, kShortestRetryMs, kLongestRetryMs)) {
+                error = "/filenotify/retry_ms must be a number from 10 to 600000";
+            } else {
+                settings.retry_after = std::chrono::milliseconds(value.asInt());
+            }
+        } else if (key == "max_queued_events") {
+            if (!IsWithin(value, 0, kMostQueuedEvents)) {
+                error = "/filenotify/max_queued_events must be a number from 0 to 16777216";
+            } else {
+                settings.max_queued_events = value.asUInt();
+            }
+        } else {
             error = "/filenotify/" + key + " is unknown";
-            return false;
         }
-        if (!value.isInt() || value.asInt() < kShortestRetryMs || value.asInt() > kLongestRetryMs) {
-            error = "/filenotify/retry_ms must be a number from 10 to 600000";
-            return false;
-        }
-        settings.retry_after = std::chrono::milliseconds(value.asInt());
+        if (!error.empty()) return false;
     }
     return true;
 }
@@ -58,6 +71,7 @@ FileNotifyTask::FileNotifyTask(const Settings& settings,
     : Framework::Task(kId, "filenotify_feature", Framework::TaskCondition::kResident,
                       kQueueCapacity),
       logger_(ModuleLogger()),
+      queue_limit_(settings.queue_limit_file, settings.max_queued_events, logger_),
       core_(std::move(descriptor), Post, board_, logger_, settings.retry_after),
       retry_after_(settings.retry_after) {}
 
@@ -78,7 +92,8 @@ bool FileNotifyTask::UnInit() {
 
 bool FileNotifyTask::EnsureOpen() {
     if (core_.Fd() >= 0) return true;
-    const int error = core_.Open();
+    const int error = queue_limit_.OpenRaised([this] { return core_.Open(); });
+    board_.SetQueueLimit(queue_limit_.InForce(), queue_limit_.Problem());
     if (error == 0 && Waiter().AddSource(core_.Fd(), [this] { core_.Fill(); })) {
         open_failure_logged_ = false;
         return true;

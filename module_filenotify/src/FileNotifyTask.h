@@ -3,9 +3,12 @@
 #include <framework/Task.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <string>
 
 #include "NotifyCore.h"
+#include "QueueLimit.h"
 #include "RequestDesk.h"
 
 namespace Engine {
@@ -17,6 +20,9 @@ class FileNotifyTask : public Framework::Task {
 
     struct Settings {
         std::chrono::milliseconds retry_after{3000};  ///< between tries of what cannot be watched
+        /// What the kernel is to keep for us; 0: its limit is left alone.
+        std::uint32_t max_queued_events = 0;
+        std::string queue_limit_file = FileNotify::QueueLimit::kFile;  ///< not configurable
     };
 
     /// Checks the section of the configuration; false with `error` when it holds anything odd.
@@ -45,6 +51,7 @@ class FileNotifyTask : public Framework::Task {
 
     Poco::Logger* logger_;
     FileNotify::StatusBoard board_;
+    FileNotify::QueueLimit queue_limit_;
     FileNotify::RequestDesk desk_;
     FileNotify::NotifyCore core_;
     const std::chrono::milliseconds retry_after_;

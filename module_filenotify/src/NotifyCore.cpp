@@ -26,6 +26,8 @@ constexpr std::chrono::milliseconds kPruneAfter{1000};
 // next time; and after so many failures no further watch is tried.
 constexpr std::size_t kRetriedAtOnce = 4096;
 constexpr int kFailuresPerRetry = 8;
+constexpr std::size_t kExamplesShown = 5;
+constexpr std::size_t kMostWaiting = 32768;
 constexpr int kRetryPutOff = 10;  // times as long, while a walk goes on
 
 }  // namespace
@@ -87,20 +89,33 @@ void NotifyCore::Apply(const std::vector<WatchRequest>& requests) {
 
 void NotifyCore::Work() {
     translator_.Handle(kRecordsAtOnce);
+    translator_.Recover();
     delivery_.Flush();
-    if (!tree_.queue.Empty()) {
+    if (MayWalk()) {
         if (!walker_.Step(kWalkedAtOnce)) walker_.End();
         roots_.Settle();
         delivery_.Flush();
     }
     const auto now = Clock::now();
-    // First what is not known at all; but not for as long as somebody keeps the walk going.
-    const auto retry_at = next_retry_ + (tree_.queue.Empty() ? 0 : kRetryPutOff) * retry_after_;
-    if (!tree_.unwatched.Empty() && now >= retry_at) RetryUnwatched();
+    if (!tree_.unwatched.Empty() && now >= RetryDue()) RetryUnwatched();
     if (roots_.PruneDue() && now >= prune_at_) roots_.Prune();
     if (now >= next_publish_) PublishStatus();
     // An open directory keeps its file system from being unmounted.
     if (reader_.Empty() && tree_.queue.Empty()) tree_.opener.Clear();
+}
+
+// What a walk announces waits in memory until the receivers have taken it: with too much of that
+// the walk waits, too.
+bool NotifyCore::MayWalk() {
+    const WalkQueue::Job* next = tree_.queue.Next();
+    if (next == nullptr) return false;
+    constexpr std::uint8_t kSilent = WalkQueue::kFirst | WalkQueue::kVerify;
+    return (next->reasons & ~kSilent) == 0 || board_.Count().pending < kMostWaiting;
+}
+
+// First comes what is not known at all; but not for as long as somebody keeps the walk going.
+NotifyCore::Clock::time_point NotifyCore::RetryDue() const {
+    return next_retry_ + (tree_.queue.Empty() ? 0 : kRetryPutOff) * retry_after_;
 }
 
 void NotifyCore::RetryUnwatched() {
@@ -143,15 +158,15 @@ std::optional<std::size_t> NotifyCore::NamesBelow(const WatchTicket& ticket,
     return std::size_t{node->totals.directories} + node->totals.files;
 }
 
-std::chrono::milliseconds NotifyCore::IdleTime() const {
-    if (!reader_.Empty() || !tree_.queue.Empty()) return std::chrono::milliseconds(0);
+std::chrono::milliseconds NotifyCore::IdleTime() {
+    if (!reader_.Empty() || MayWalk()) return std::chrono::milliseconds(0);
     std::chrono::milliseconds idle = kIdle;
     const auto until = [&](Clock::time_point due) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
         idle = std::clamp(left, std::chrono::milliseconds(0), idle);
     };
     if (const auto due = delivery_.NextDue()) until(*due);
-    if (!tree_.unwatched.Empty()) until(next_retry_);
+    if (!tree_.unwatched.Empty()) until(RetryDue());
     if (roots_.PruneDue()) until(prune_at_);
     return idle;
 }
@@ -165,6 +180,7 @@ void NotifyCore::PublishStatus() {
     picture.unwatched = totals.unwatched;
     picture.walk_queue = tree_.queue.Size();
     picture.in_flight = delivery_.InFlight();
+    picture.unwatched_examples = tree_.unwatched.Examples(kExamplesShown);
     board_.Publish(std::move(picture));
     next_publish_ = Clock::now() + kPublishEvery;
 }

@@ -44,13 +44,15 @@ class NotifyCore {
     void Work();
 
     /// How long there is nothing to do but for new events and requests.
-    std::chrono::milliseconds IdleTime() const;
+    std::chrono::milliseconds IdleTime();
 
     void PublishStatus();
 
   private:
     using Clock = std::chrono::steady_clock;
 
+    bool MayWalk();
+    Clock::time_point RetryDue() const;
     void RetryUnwatched();
     std::optional<std::size_t> NamesBelow(const WatchTicket& ticket, const std::string& path);
     const char* StateOf(const Watch& watch, std::uint32_t unwatched) const;

@@ -26,6 +26,12 @@ void StatusBoard::NoteApplied(std::uint64_t requests) {
     applied_ = requests;
 }
 
+void StatusBoard::SetQueueLimit(std::uint32_t limit, const std::string& problem) {
+    const std::lock_guard lock(mutex_);
+    queue_limit_ = limit;
+    queue_limit_problem_ = problem;
+}
+
 Json::Value StatusBoard::Watches() const {
     Json::Value list(Json::arrayValue);
     const std::lock_guard lock(mutex_);
@@ -58,6 +64,15 @@ Json::Value StatusBoard::Status() const {
         own["unwatched_directories"] = number(picture_.unwatched);
         own["walk_queue"] = number(picture_.walk_queue);
         own["events_in_flight"] = number(picture_.in_flight);
+        own["unwatched_examples"] = Json::Value(Json::arrayValue);
+        for (const UnwatchedDirectory& directory : picture_.unwatched_examples) {
+            Json::Value one;
+            one["path"] = directory.path;
+            one["reason"] = directory.reason;
+            own["unwatched_examples"].append(std::move(one));
+        }
+        own["queue_limit"] = number(queue_limit_);
+        own["queue_limit_problem"] = queue_limit_problem_;
     }
     own["pending_events"] = number(counters_.pending);
     own["watch_failures"] = number(counters_.watch_failures);

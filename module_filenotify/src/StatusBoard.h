@@ -11,6 +11,12 @@
 
 namespace Engine::FileNotify {
 
+/// A directory that should be watched and is not.
+struct UnwatchedDirectory {
+    std::string path;
+    std::string reason;
+};
+
 struct WatchStatus {
     std::string id;
     std::string receiver;
@@ -31,10 +37,14 @@ class StatusBoard {
         std::size_t unwatched = 0;
         std::size_t walk_queue = 0;
         std::size_t in_flight = 0;  ///< posted, and not dealt with yet
+        std::vector<UnwatchedDirectory> unwatched_examples;  ///< some of them
     };
 
     Counters& Count() { return counters_; }
     void Publish(Picture picture);
+
+    /// How many events the kernel keeps for us (0: not known), and why not as many as wanted.
+    void SetQueueLimit(std::uint32_t limit, const std::string& problem);
 
     // A watch is told as it is only when the picture was made after the request for it.
     void NoteRequest();                        ///< one more was taken in; any thread
@@ -51,6 +61,8 @@ class StatusBoard {
     Counters counters_;
     mutable std::mutex mutex_;
     Picture picture_;
+    std::uint32_t queue_limit_ = 0;
+    std::string queue_limit_problem_;
     std::uint64_t requests_ = 0;
     std::uint64_t applied_ = 0;
     std::uint64_t shown_ = 0;  ///< of the requests, those that picture_ shows

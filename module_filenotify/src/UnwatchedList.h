@@ -5,11 +5,12 @@
 #include <chrono>
 #include <map>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include "Counters.h"
 #include "DirNode.h"
+#include "StatusBoard.h"
 
 namespace Engine::FileNotify {
 
@@ -24,13 +25,16 @@ class UnwatchedList {
     void Remove(DirNode& node) { nodes_.erase(&node); }
     bool Contains(DirNode* node) const { return nodes_.count(node) != 0; }
     bool Empty() const { return nodes_.empty(); }
-    std::vector<DirNode*> All() const { return {nodes_.begin(), nodes_.end()}; }
+    std::vector<DirNode*> All() const;
+
+    /// At most `count` of them, for people to look at.
+    std::vector<UnwatchedDirectory> Examples(std::size_t count) const;
     void Clear() { nodes_.clear(); }
 
   private:
     Poco::Logger* logger_;
     Counters& counters_;
-    std::unordered_set<DirNode*> nodes_;
+    std::unordered_map<DirNode*, int> nodes_;  ///< the last errno of each
     std::map<int, std::chrono::steady_clock::time_point> next_log_;
 };
 

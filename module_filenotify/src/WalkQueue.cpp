@@ -5,6 +5,7 @@
 namespace Engine::FileNotify {
 
 void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner) {
+    Count(reasons & ~node.job, 1);
     if (node.job != 0) {
         node.job |= reasons;
         Job& job = jobs_[node.job_index];
@@ -24,6 +25,7 @@ WalkQueue::Job WalkQueue::Pop() {
     const Job job = jobs_.back();
     jobs_.pop_back();
     job.node->job = 0;
+    Count(job.reasons, -1);
     if (job.owner != nullptr) --job.owner->jobs;
     return job;
 }
@@ -42,6 +44,7 @@ void WalkQueue::Cancel(DirNode& node) {
     if (node.job == 0) return;
     Job& job = jobs_[node.job_index];
     if (job.owner != nullptr) --job.owner->jobs;
+    Count(job.reasons, -1);
     job = {};
     node.job = 0;
 }

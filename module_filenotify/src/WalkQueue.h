@@ -43,8 +43,16 @@ class WalkQueue {
     bool Empty() const { return jobs_.empty(); }
     std::size_t Size() const { return jobs_.size(); }
 
+    /// A walk that announces everything is still under way.
+    bool IsReconciling() const { return reconciling_ > 0; }
+
   private:
+    void Count(std::uint8_t reasons, int change) {
+        if ((reasons & kReconcile) != 0) reconciling_ += change;
+    }
+
     std::vector<Job> jobs_;
+    int reconciling_ = 0;
 };
 
 }  // namespace Engine::FileNotify

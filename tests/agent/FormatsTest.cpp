@@ -63,11 +63,18 @@ TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
     status["counters"]["log_records_dropped"] = 2;
     status["modules"][0]["name"] = "broken";
     status["modules"][0]["state"] = "failed";
+    Json::Value unwatched;
+    unwatched["path"] = "/srv/deep";
+    unwatched["reason"] = "Permission denied";
+    status["filenotify"]["unwatched_directories"] = 12;
+    status["filenotify"]["unwatched_examples"].append(unwatched);
+    status["filenotify"]["queue_limit_problem"] = "cannot be raised";
     status["rsync"]["degraded"] = true;
     status["rsync"]["reason"] = "older than 3.5.0";
     const std::string page = Ctl::FormatStatus(status, kNow);
     for (const char* part : {"protection  on", "/srv/\\x1bsite/", "is not there", "remote \\x1b",
-                             "2 log records", "module broken", "older than 3.5.0"}) {
+                             "2 log records", "module broken", "older than 3.5.0", "12 directories",
+                             "/srv/deep: Permission", "cannot be raised"}) {
         EXPECT_NE(page.find(part), std::string::npos) << part << " in\n" << page;
     }
     EXPECT_EQ(page.find('\x1b'), std::string::npos);
@@ -78,7 +85,7 @@ TEST_F(Formats, StatusOfAnotherShape_IsNoCrash) {
         const char* text :
         {"{}", "[]", R"({"protected_paths":{"a":1},"counters":[],"policies":7})",
          R"({"modules":"x","tasks":[1,"2",null],"rsync":[],"protection":1})",
-         R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"backup_server":{"on":1}})"}) {
+         R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"backup_server":{"on":1},"filenotify":[7]})"}) {
         Json::Value status;
         ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, std::string(text).size(), status), 0);
         EXPECT_NO_THROW(Ctl::FormatStatus(status, kNow)) << text;

@@ -125,6 +125,10 @@ TEST_F(AgentLifecycle, Status_HasWhatItPromises) {
     for (const Json::Value& module : status["modules"]) EXPECT_EQ(module["state"], "running");
     EXPECT_FALSE(status["tasks"].empty());
     EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 0);
+    // The stand-in for the kernel's limit lets it be raised.
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return agent_.Status()["filenotify"]["queue_limit"].asInt() == 1048576; },
+        test::Scaled(20s)));
 }
 
 TEST_F(AgentLifecycle, GarbageOnTheSocket_DoesNotHarmTheAgent) {

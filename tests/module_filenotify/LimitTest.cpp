@@ -1,4 +1,7 @@
+#include <QueueLimit.h>
+
 #include <thread>
+#include <unordered_set>
 
 #include "NotifyFixture.h"
 
@@ -53,6 +56,38 @@ TEST_F(Limits, RealFloodWhileTheReaderStalls_NothingIsLost) {
         kDeadline));
 }
 
+TEST_F(Limits, EventsLostAgainAndAgainWithASlowReceiver_WalksWaitAndEachObjectIsAnnounced) {
+    constexpr int kFiles = 40000;
+    const auto path = [&](int i) {
+        return Root("d" + std::to_string(i / 1000) + "/f" + std::to_string(i));
+    };
+    for (int i = 0; i < kFiles; i += 1000) fs::create_directory(fs::path(path(i)).parent_path());
+    for (int i = 0; i < kFiles; ++i) TouchFile(path(i));
+    auto slow = NewReceiver("slow");
+    slow->Ask(Root(), kMasks, Tree());
+    ASSERT_TRUE(Reaches(Root(), "ready"));
+    slow->SetReading(false);
+    for (std::uint64_t overflow = 1; overflow <= 3; ++overflow) {
+        faults_.forget_unread = true;
+        TouchFile(Root("wakes"));
+        ASSERT_TRUE(WaitFor([&] { return Counter("overflows") == overflow; }, kDeadline));
+    }
+    ASSERT_TRUE(WaitFor([&] { return Counter("pending_events") >= 32768; }, kDeadline));
+    fs::remove(path(0));
+    ASSERT_TRUE(WaitFor([&] { return Counter("pending_events") > 32768; }, kDeadline));
+    EXPECT_GT(Counter("walk_queue"), 0U);
+    EXPECT_LT(Counter("pending_events"), 38000U);
+    slow->SetReading(true);
+    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") + Counter("pending_events") == 0; },
+                        2 * kDeadline));
+    std::unordered_set<std::string> told;
+    for (const SeenChange& change : slow->Seen()) {
+        if ((change.mask & IN_MODIFY) != 0) told.insert(change.path);
+    }
+    for (int i = 1; i < kFiles; ++i) EXPECT_EQ(told.count(path(i)), 1U) << path(i);
+    EXPECT_TRUE(Has(slow->Seen(), IN_DELETE, path(0)));
+}
+
 TEST_F(Limits, ReceiverQueueFull_DeliveryIsOnlyLate) {
     auto slow = NewReceiver("slow", 1);
     slow->Ask(Root(), {IN_CREATE}, Tree());
@@ -79,6 +114,11 @@ TEST_F(Limits, WatchesRunOut_IsShownAndMendedLater) {
     site_.Write("root/new/in/file", "x");
     ASSERT_TRUE(Reaches(Root(), "degraded"));
     EXPECT_GT(WatchStatus(Root())["unwatched"].asInt(), 0);
+    Json::Value status;
+    Framework::Engine::Instance().Queries().Ask("status.filenotify", {}, status);
+    const Json::Value& example = status["filenotify"]["unwatched_examples"][0];
+    EXPECT_EQ(example["path"].asString().rfind(Root("new"), 0), 0U) << status.toStyledString();
+    EXPECT_NE(example["reason"].asString().find("max_user_watches"), std::string::npos);
     // Found by looking through all the same, and what goes too; a change of content is not.
     EXPECT_TRUE(Sees(IN_CREATE, Root("new/in/file")));
     TouchFile(Root("new/in/other"));
@@ -121,6 +161,41 @@ TEST_F(Limits, TreeDeeperThanAnyPath_IsCountedAndTheRestIsWatched) {
     EXPECT_TRUE(Sees(IN_CREATE, Root(name + "/f")));
     fs::remove_all(Root(name));
     EXPECT_TRUE(Reaches(Root(), "ready"));
+}
+
+TEST(QueueLimit, IsRaisedWhileAnInstanceIsOpenedAndPutBack) {
+    using Engine::FileNotify::QueueLimit;
+    TempDir dir;
+    Poco::Logger& logger = Poco::Logger::get("test");
+    const std::string file = dir.Write("limit", "16384\n");
+    std::string seen;
+    const auto open = [&] {
+        seen = TempDir::Read(file);
+        return 7;
+    };
+    QueueLimit limit(file, 1048576, &logger);
+    EXPECT_EQ(limit.OpenRaised(open), 7);
+    EXPECT_EQ(seen, "1048576\n");
+    EXPECT_EQ(TempDir::Read(file), "16384\n");
+    EXPECT_EQ(limit.InForce(), 1048576U);
+    // Somebody else sets it meanwhile: that stays.
+    limit.OpenRaised([&] {
+        dir.Write("limit", "99\n");
+        return 0;
+    });
+    EXPECT_EQ(TempDir::Read(file), "99\n");
+    for (const std::uint32_t wanted : {0, 50}) {
+        QueueLimit modest(file, wanted, &logger);
+        modest.OpenRaised(open);
+        EXPECT_EQ(seen, "99\n");
+        EXPECT_EQ(modest.InForce(), 99U);
+        EXPECT_EQ(modest.Problem(), "");
+    }
+    // Cannot be written: opened all the same, and told.
+    QueueLimit refused(dir.Path(), 1048576, &logger);
+    EXPECT_EQ(refused.OpenRaised(open), 7);
+    EXPECT_NE(refused.Problem().find("1048576: Is a directory"), std::string::npos)
+        << refused.Problem();
 }
 
 TEST_F(Limits, StoppedInTheMiddleOfAStorm_EndsInOrder) {

@@ -112,6 +112,11 @@ TEST(Settings, UnknownKeysAndWrongTypes_AreErrors) {
     section["retry_ms"] = 50;
     EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
     EXPECT_EQ(settings.retry_after, 50ms);
+    section["max_queued_events"] = -1;
+    EXPECT_FALSE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
+    section["max_queued_events"] = 65536;
+    EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings(section, settings, error)) << error;
+    EXPECT_EQ(settings.max_queued_events, 65536U);
     section["retry"] = 50;
     EXPECT_FALSE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
     EXPECT_NE(error.find("/filenotify/retry "), std::string::npos) << error;

@@ -115,6 +115,7 @@ void SetRsync(Json::Value& policy, const std::string& url, const std::string& sh
 AgentProcess::AgentProcess() {
     CopyStage(installation_.Path());
     scratch_.Write("stand_in", "");
+    scratch_.Write("queue_limit", "16384\n");
 }
 
 AgentProcess::~AgentProcess() {
@@ -127,6 +128,7 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
     const std::string out = scratch_.Path(output + ".out");
     const std::string err = scratch_.Path(output + ".err");
     const std::string stand_in = scratch_.Path("stand_in");
+    const std::string queue_limit = scratch_.Path("queue_limit");
     const std::string temporary = fs::temp_directory_path().string();
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& argument : arguments)
@@ -140,7 +142,8 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
         !Redirect(out, O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO) ||
         !Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO) ||
         (isolate && !in_host &&
-         !(UnshareMounts() && ShieldMachine(stand_in.c_str(), temporary.c_str())))) {
+         !(UnshareMounts() &&
+           ShieldMachine(stand_in.c_str(), queue_limit.c_str(), temporary.c_str())))) {
         ::_exit(kCannotIsolate);
     }
     ::execv(program.c_str(), argv.data());

@@ -42,13 +42,14 @@ std::string NamespaceOf(pid_t pid, const char* kind) {
 
 /// The first process of a host: says on `ready` how making it went, then waits for the end and lets
 /// the kernel reap what is left to it.
-[[noreturn]] void BeInit(int ready, const char* stand_in, const char* temporary) {
+[[noreturn]] void BeInit(int ready, const char* stand_in, const char* queue_limit,
+                         const char* temporary) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::signal(SIGCHLD, SIG_IGN);
     const bool made = ::unshare(CLONE_NEWNET) == 0 && UnshareMounts() &&
                       ::mount("proc", "/proc", "proc", 0, nullptr) == 0 &&
                       ::mount("none", "/run", "tmpfs", 0, "size=1m") == 0 &&
-                      ShieldMachine(stand_in, temporary);
+                      ShieldMachine(stand_in, queue_limit, temporary);
     const int error = made ? 0 : errno;
     if (::write(ready, &error, sizeof(error)) != sizeof(error) || !made) ::_exit(kCannotEnter);
     for (;;) ::pause();
@@ -69,6 +70,7 @@ int ExitCode(pid_t pid) {
 
 Host::Host() {
     const std::string stand_in = scratch_.Write("stand_in", "");
+    const std::string queue_limit = scratch_.Write("queue_limit", "16384\n");
     const std::string temporary = std::filesystem::temp_directory_path().string();
     const Descriptor own_pids("/proc/self/ns/pid");
     int ready[2];
@@ -77,7 +79,7 @@ Host::Host() {
         return;
     }
     const pid_t child = ::fork();
-    if (child == 0) BeInit(ready[1], stand_in.c_str(), temporary.c_str());
+    if (child == 0) BeInit(ready[1], stand_in.c_str(), queue_limit.c_str(), temporary.c_str());
     ::setns(own_pids.Get(), CLONE_NEWPID);
     ::close(ready[1]);
     const bool told = ::read(ready[0], &error_, sizeof(error_)) == sizeof(error_);

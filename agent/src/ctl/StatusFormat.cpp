@@ -197,6 +197,22 @@ std::string PathWarnings(const Json::Value& status, long long now_ms) {
     return text;
 }
 
+std::string WatchWarnings(const Json::Value& own) {
+    if (!own.isObject()) return {};
+    std::string text;
+    const long long unwatched = Number(own, "unwatched_directories");
+    if (unwatched > 0) {
+        text +=
+            Warning(std::to_string(unwatched) +
+                    " directories are not protected, as they cannot be watched; it is tried again");
+    }
+    for (const Json::Value& example : own["unwatched_examples"]) {
+        text += Warning("not watched: " + Text(example, "path") + ": " + Text(example, "reason"));
+    }
+    const std::string limit = Text(own, "queue_limit_problem");
+    return limit.empty() ? text : text + Warning(limit);
+}
+
 std::string FormatWarnings(const Json::Value& status, long long now_ms) {
     std::string text = PolicyWarnings(status, now_ms);
     for (const Json::Value& module : status["modules"]) {
@@ -212,6 +228,7 @@ std::string FormatWarnings(const Json::Value& status, long long now_ms) {
         }
     }
     text += PathWarnings(status, now_ms);
+    text += WatchWarnings(status["filenotify"]);
     if (JsonUtils::GetBoolValue(status["rsync"], "degraded", false)) {
         text += Warning("rsync " + Text(status["rsync"], "version") + ": " +
                         Text(status["rsync"], "reason"));

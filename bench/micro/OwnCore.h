@@ -1,0 +1,96 @@
+#pragma once
+
+#include <NotifyCore.h>
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+using Clock = std::chrono::steady_clock;
+
+inline double MillisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+inline double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+/// A directory that goes with the object.
+class TempTree {
+  public:
+    TempTree() : path_((std::filesystem::temp_directory_path() / "bench.XXXXXX").string()) {
+        if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no temporary directory");
+    }
+    ~TempTree() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TempTree(const TempTree&) = delete;
+    TempTree& operator=(const TempTree&) = delete;
+    const std::string& Path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+/// The file-notify module's parts without the framework, with one watch on a tree; the receiver
+/// never has room.
+class OwnCore {
+  public:
+    explicit OwnCore(const std::string& root)
+        : core_(
+              std::make_unique<Engine::FileNotify::InotifyDescriptor>(),
+              [](const std::string&, Framework::Message*) { return false; }, board_,
+              &Poco::Logger::get("bench"), std::chrono::seconds(3)) {
+        Engine::FileNotify::WatchRequest request;
+        request.ticket = std::make_shared<Engine::FileNotify::WatchTicket>("receiver", root);
+        for (const auto& part : std::filesystem::path(root).relative_path()) {
+            request.components.push_back(part.string());
+        }
+        request.mask =
+            IN_CREATE | IN_MODIFY | IN_DELETE | IN_ATTRIB | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF;
+        request.recursive = request.report_directories = request.rewatch = true;
+        requests_.push_back(request);
+    }
+
+    /// From opening inotify on; milliseconds.
+    double WalkUntilReady() {
+        const auto start = Clock::now();
+        core_.Open();
+        core_.Apply(requests_);
+        while (Step()) {
+        }
+        return MillisecondsSince(start);
+    }
+
+    /// A turn as the task makes it; false: there was nothing to do.
+    bool Step() {
+        core_.Fill();
+        core_.Work();
+        return core_.IdleTime().count() == 0;
+    }
+
+    bool IsReady(int directories) {
+        core_.PublishStatus();
+        const Json::Value watch = board_.Watches()["watches"][0];
+        return watch["state"] == "ready" && watch["directories"].asInt() == directories;
+    }
+
+    Engine::FileNotify::NotifyCore& Core() { return core_; }
+    std::uint64_t Received() { return board_.Count().events_received; }
+    std::uint64_t Overflows() { return board_.Count().overflows; }
+
+  private:
+    Engine::FileNotify::StatusBoard board_;
+    Engine::FileNotify::NotifyCore core_;
+    std::vector<Engine::FileNotify::WatchRequest> requests_;
+};
+
+}  // namespace bench
