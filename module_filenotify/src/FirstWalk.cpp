@@ -39,7 +39,7 @@ void FirstWalk::End() {
 
 void FirstWalk::Collect(Batch& batch) {
     while (batch.count < kAtOnce) {
-        const WalkQueue::Job* next = tree_.queue.Next();
+        const WalkQueue::Job* next = tree_.queue.Next(WalkQueue::kSilent);
         std::uint32_t mask = 0;
         if (next == nullptr || !IsForMe(*next->node, next->reasons, mask)) return;
         auto parent = tree_.opener.Share(*next->node->parent);
@@ -52,7 +52,7 @@ void FirstWalk::Collect(Batch& batch) {
         survey.parent = std::move(parent);
         survey.name = next->node->name.c_str();
         survey.mask = mask;
-        batch.jobs[batch.count++] = tree_.queue.Pop();
+        batch.jobs[batch.count++] = tree_.queue.Pop(WalkQueue::kSilent);
     }
 }
 

@@ -92,7 +92,7 @@ void NotifyCore::Work() {
     translator_.Recover();
     delivery_.Flush();
     if (MayWalk()) {
-        if (!walker_.Step(kWalkedAtOnce)) walker_.End();
+        if (!walker_.Step(kWalkedAtOnce, MayTell())) walker_.End();
         roots_.Settle();
         delivery_.Flush();
     }
@@ -105,12 +105,13 @@ void NotifyCore::Work() {
 }
 
 // What a walk announces waits in memory until the receivers have taken it: with too much of that
-// the walk waits, too.
-bool NotifyCore::MayWalk() {
-    const WalkQueue::Job* next = tree_.queue.Next();
-    if (next == nullptr) return false;
-    constexpr std::uint8_t kSilent = WalkQueue::kFirst | WalkQueue::kVerify;
-    return (next->reasons & ~kSilent) == 0 || board_.Count().pending < kMostWaiting;
+// such walks wait, too.
+bool NotifyCore::MayTell() const {
+    return board_.Count().pending < kMostWaiting;
+}
+
+bool NotifyCore::MayWalk() const {
+    return !tree_.queue.Empty(WalkQueue::kSilent) || (!tree_.queue.Empty() && MayTell());
 }
 
 // First comes what is not known at all; but not for as long as somebody keeps the walk going.
@@ -158,7 +159,7 @@ std::optional<std::size_t> NotifyCore::NamesBelow(const WatchTicket& ticket,
     return std::size_t{node->totals.directories} + node->totals.files;
 }
 
-std::chrono::milliseconds NotifyCore::IdleTime() {
+std::chrono::milliseconds NotifyCore::IdleTime() const {
     if (!reader_.Empty() || MayWalk()) return std::chrono::milliseconds(0);
     std::chrono::milliseconds idle = kIdle;
     const auto until = [&](Clock::time_point due) {

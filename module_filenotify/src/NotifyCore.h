@@ -44,14 +44,15 @@ class NotifyCore {
     void Work();
 
     /// How long there is nothing to do but for new events and requests.
-    std::chrono::milliseconds IdleTime();
+    std::chrono::milliseconds IdleTime() const;
 
     void PublishStatus();
 
   private:
     using Clock = std::chrono::steady_clock;
 
-    bool MayWalk();
+    bool MayTell() const;
+    bool MayWalk() const;
     Clock::time_point RetryDue() const;
     void RetryUnwatched();
     std::optional<std::size_t> NamesBelow(const WatchTicket& ticket, const std::string& path);

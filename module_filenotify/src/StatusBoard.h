@@ -36,7 +36,7 @@ class StatusBoard {
         std::size_t indexed_names = 0;
         std::size_t unwatched = 0;
         std::size_t walk_queue = 0;
-        std::size_t in_flight = 0;  ///< posted, and not dealt with yet
+        std::size_t in_flight = 0;                           ///< posted, and not dealt with yet
         std::vector<UnwatchedDirectory> unwatched_examples;  ///< some of them
     };
 

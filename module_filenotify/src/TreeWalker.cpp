@@ -40,18 +40,23 @@ TreeWalker::TreeWalker(WatchedTree& tree, InotifyDescriptor& inotify, ChangeRout
       between_(std::move(between)),
       first_walk_(tree, inotify, between_) {}
 
-bool TreeWalker::Step(std::size_t budget) {
+bool TreeWalker::Step(std::size_t budget, bool may_tell) {
     router_.SetTime(std::chrono::steady_clock::now());
+    if (may_tell) StepLane(WalkQueue::kTelling, budget / 2);
+    StepLane(WalkQueue::kSilent, budget / 2);
+    return !tree_.queue.Empty();
+}
+
+void TreeWalker::StepLane(WalkQueue::Lane lane, std::size_t budget) {
     for (std::size_t done = 0; done < budget;) {
-        done += first_walk_.Run(budget - done);
-        if (done >= budget) break;
-        const WalkQueue::Job job = tree_.queue.Pop();
-        if (job.node == nullptr) return false;
+        if (lane == WalkQueue::kSilent) done += first_walk_.Run(budget - done);
+        if (done >= budget) return;
+        const WalkQueue::Job job = tree_.queue.Pop(lane);
+        if (job.node == nullptr) return;
         const std::size_t seen = Visit(job);
-        if (seen == 0) break;
+        if (seen == 0) return;
         done += seen;
     }
-    return true;
 }
 
 std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {

@@ -17,8 +17,10 @@ class TreeWalker {
     TreeWalker(WatchedTree& tree, InotifyDescriptor& inotify, ChangeRouter& router,
                TreeChanges& changes, RootTracker& roots, std::function<void()> between);
 
-    /// Visits until about `budget` directories and names are done. False: nothing is left.
-    bool Step(std::size_t budget);
+    /// Visits until about `budget` directories and names are done, half of them for nobody to be
+    /// told of: neither kind of walk waits for the end of the other. Without `may_tell` only those.
+    /// False: nothing is left.
+    bool Step(std::size_t budget, bool may_tell);
 
     /// Gives back what only a walk needs.
     void End() { first_walk_.End(); }
@@ -29,6 +31,7 @@ class TreeWalker {
     void DropVanished(DirNode& node);
 
   private:
+    void StepLane(WalkQueue::Lane lane, std::size_t budget);
     /// How many directories and names were looked at; 0: it has to wait for events.
     std::size_t Visit(const WalkQueue::Job& job);
     std::size_t List(DirNode& node, const WalkQueue::Job& job, std::uint8_t reasons);

@@ -5,53 +5,62 @@
 namespace Engine::FileNotify {
 
 void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner) {
-    Count(reasons & ~node.job, 1);
+    Job job{&node, reasons, owner, 0};
     if (node.job != 0) {
-        node.job |= reasons;
-        Job& job = jobs_[node.job_index];
-        job.reasons = node.job;
-        if (job.owner != nullptr || owner == nullptr) return;
-        job.owner = owner;
-    } else {
-        node.job = reasons;
-        node.job_index = static_cast<std::uint32_t>(jobs_.size());
-        jobs_.push_back({&node, reasons, owner, 0});
+        const Job waiting = JobOf(node);
+        job.reasons |= waiting.reasons;
+        if (waiting.owner != nullptr) job.owner = waiting.owner;
+        if (LaneOf(job.reasons) == LaneOf(node.job)) {
+            if (job.owner != waiting.owner) ++job.owner->jobs;
+            Count(job.reasons & ~node.job, 1);
+            node.job = job.reasons;
+            job.tries = waiting.tries;
+            JobOf(node) = job;
+            return;
+        }
+        Cancel(node);
     }
-    if (owner != nullptr) ++owner->jobs;
+    std::vector<Job>& lane = lanes_[LaneOf(job.reasons)];
+    node.job = job.reasons;
+    node.job_index = static_cast<std::uint32_t>(lane.size());
+    lane.push_back(job);
+    Count(job.reasons, 1);
+    if (job.owner != nullptr) ++job.owner->jobs;
 }
 
-WalkQueue::Job WalkQueue::Pop() {
-    if (Next() == nullptr) return {};
-    const Job job = jobs_.back();
-    jobs_.pop_back();
-    job.node->job = 0;
-    Count(job.reasons, -1);
-    if (job.owner != nullptr) --job.owner->jobs;
+WalkQueue::Job WalkQueue::Pop(Lane lane) {
+    if (Next(lane) == nullptr) return {};
+    const Job job = lanes_[lane].back();
+    Cancel(*job.node);
+    lanes_[lane].pop_back();
     return job;
 }
 
-const WalkQueue::Job* WalkQueue::Next() {
-    while (!jobs_.empty() && jobs_.back().node == nullptr) jobs_.pop_back();
-    return jobs_.empty() ? nullptr : &jobs_.back();
+const WalkQueue::Job* WalkQueue::Next(Lane lane) {
+    std::vector<Job>& jobs = lanes_[lane];
+    while (!jobs.empty() && jobs.back().node == nullptr) jobs.pop_back();
+    return jobs.empty() ? nullptr : &jobs.back();
 }
 
 void WalkQueue::PutBack(const Job& job) {
     Push(*job.node, job.reasons, job.owner);
-    ++(jobs_[job.node->job_index].tries = job.tries);
+    ++(JobOf(*job.node).tries = job.tries);
 }
 
 void WalkQueue::Cancel(DirNode& node) {
     if (node.job == 0) return;
-    Job& job = jobs_[node.job_index];
-    if (job.owner != nullptr) --job.owner->jobs;
+    Job& job = JobOf(node);
     Count(job.reasons, -1);
+    if (job.owner != nullptr) --job.owner->jobs;
     job = {};
     node.job = 0;
 }
 
 void WalkQueue::Disown(const Watch& owner) {
-    for (Job& job : jobs_) {
-        if (job.owner == &owner) job.owner = nullptr;
+    for (auto& lane : lanes_) {
+        for (Job& job : lane) {
+            if (job.owner == &owner) job.owner = nullptr;
+        }
     }
 }
 

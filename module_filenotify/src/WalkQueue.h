@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -11,7 +12,8 @@ namespace Engine::FileNotify {
 struct Watch;
 
 /// The directories that wait to be visited, the last one added first. Each stands here once, with
-/// all the reasons why. Task's thread only.
+/// all the reasons why. Those whose visit announces something have a lane of their own, as they may
+/// have to wait for the receivers. Task's thread only.
 class WalkQueue {
   public:
     /// Why a directory is visited; what it means for what is found is TreeWalker's.
@@ -30,18 +32,21 @@ class WalkQueue {
         std::uint8_t tries = 0;  ///< how often it was put back
     };
 
+    enum Lane : std::size_t { kTelling, kSilent, kLanes };
+
     void Push(DirNode& node, std::uint8_t reasons, Watch* owner);
-    Job Pop();
+    Job Pop(Lane lane);
 
     /// What Pop will give; null: nothing. Valid until the queue is changed.
-    const Job* Next();
+    const Job* Next(Lane lane);
 
     /// The job that was popped last could not be done yet: it is the next again.
     void PutBack(const Job& job);
     void Cancel(DirNode& node);
     void Disown(const Watch& owner);
-    bool Empty() const { return jobs_.empty(); }
-    std::size_t Size() const { return jobs_.size(); }
+    bool Empty() const { return Size() == 0; }
+    bool Empty(Lane lane) const { return lanes_[lane].empty(); }
+    std::size_t Size() const { return lanes_[kTelling].size() + lanes_[kSilent].size(); }
 
     /// A walk that announces everything is still under way.
     bool IsReconciling() const { return reconciling_ > 0; }
@@ -51,7 +56,12 @@ class WalkQueue {
         if ((reasons & kReconcile) != 0) reconciling_ += change;
     }
 
-    std::vector<Job> jobs_;
+    static Lane LaneOf(std::uint8_t reasons) {
+        return (reasons & (kArrived | kReconcile | kLook)) != 0 ? kTelling : kSilent;
+    }
+    Job& JobOf(const DirNode& node) { return lanes_[LaneOf(node.job)][node.job_index]; }
+
+    std::array<std::vector<Job>, kLanes> lanes_;
     int reconciling_ = 0;
 };
 

@@ -94,13 +94,16 @@ TEST(WalkQueue, ReasonsAddUpAndCancelledJobsAreSkipped) {
     EXPECT_EQ(owner.jobs, 2U);
     queue.Cancel(b);
     EXPECT_EQ(owner.jobs, 1U);
-    const WalkQueue::Job job = queue.Pop();
+    EXPECT_TRUE(queue.IsReconciling());
+    EXPECT_EQ(queue.Pop(WalkQueue::kSilent).node, nullptr);
+    const WalkQueue::Job job = queue.Pop(WalkQueue::kTelling);
     EXPECT_EQ(job.node, &a);
     EXPECT_EQ(job.reasons, WalkQueue::kFirst | WalkQueue::kReconcile);
     EXPECT_EQ(owner.jobs, 0U);
-    EXPECT_EQ(queue.Pop().node, nullptr);
+    EXPECT_FALSE(queue.IsReconciling());
+    EXPECT_TRUE(queue.Empty());
     queue.Push(a, WalkQueue::kVerify, nullptr);
-    EXPECT_EQ(queue.Pop().node, &a);
+    EXPECT_EQ(queue.Pop(WalkQueue::kSilent).node, &a);
 }
 
 }  // namespace test

@@ -30,7 +30,7 @@ TEST_F(Walks, TreeChangesMeanwhile_IndexIsTheTreeAndEveryDirectoryIsWatched) {
     std::thread storm([&] {
         std::mt19937 random(1);
         std::error_code ignored;
-        while (!stop) {
+        for (int step = 0; step < 1500 && !stop; ++step) {
             const std::string one = Dir(static_cast<int>(random() % kDirectories));
             const std::string other = Dir(static_cast<int>(random() % kDirectories));
             if (random() % 2 == 0) fs::rename(one, other + "/moved", ignored);
