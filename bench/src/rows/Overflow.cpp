@@ -29,7 +29,7 @@ void MeasureOne(Plan& plan, Post& post, std::size_t capacity) {
     Guard& guard = post.Watch();
     const Noise noise(post.Place().live, kSuffix);
     guard.Freeze();
-    noise.Write(capacity + kMore);
+    noise.Touch(capacity + kMore);
     for (const FileState& file : post.Files()) Tamper(post.Live(file));
     const auto start = Clock::now();
     guard.Thaw();

@@ -34,7 +34,9 @@ Guards Contestants(const Machine& machine) {
 bool MeasureOne(Plan& plan, Post& post, const Form& form) {
     Guard& guard = post.Watch();
     const auto begin = Clock::now();
-    Run({{"/bin/rm", "-rf", post.Place().live + "/shop"}, {}, "", "", ""});
+    const auto ended =
+        Run({{"/bin/rm", "-rf", post.Place().live + "/shop"}, {}, "", "", ""}, kPatience);
+    if (!ended) plan.results.Note(form.row, guard.Name(), "a run's rm did not end within 60 s");
     const auto gone = Clock::now();
     const auto start = guard.Told("shop/").value_or(gone);
     Outstanding outstanding(post.Place().live, post.Files());
