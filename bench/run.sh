@@ -11,7 +11,7 @@ Usage: bench/run.sh [OPTION]...
 Builds Sentrel, installs its peers from Debian's packages, measures all of them and prints tables.
 Takes some 45 minutes on two cores, and wants the machine for itself.
 
-  --short        fewer runs, under 10 minutes
+  --short        under 10 minutes: fewer runs, without the burst of 30,000 files and the slowest peers
   --only ROW     that row alone (may be repeated); the others keep the figures of the last run
   --rows         name the rows
   --publish      write docs/performance-results.md, docs/performance.json and docs/plot.svg as well

@@ -20,11 +20,11 @@ struct Form {
 constexpr Form kForms[] = {{"removed_nested", {100, 100, 1024}},
                            {"removed_flat", {1, 10000, 1024}}};
 
-Guards Contestants(const Machine& machine) {
+Guards Contestants(const Machine& machine, bool brief) {
     Guards guards;
     guards.push_back(std::make_unique<BareRsync>(machine));
     guards.push_back(std::make_unique<AgentGuard>(machine, true));
-    guards.push_back(std::make_unique<InotifywaitLoop>(machine));
+    if (!brief) guards.push_back(std::make_unique<InotifywaitLoop>(machine));
     guards.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kBatch));
     guards.push_back(std::make_unique<Watchman>(machine));
     return guards;
@@ -62,7 +62,7 @@ bool MeasureOne(Plan& plan, Post& post, const Form& form) {
 void MeasureRemoved(Plan& plan) {
     for (const Form& form : kForms) {
         Posts posts;
-        for (auto& guard : Installed(plan, form.row, Contestants(plan.machine))) {
+        for (auto& guard : Installed(plan, form.row, Contestants(plan.machine, plan.brief))) {
             auto post = std::make_unique<Post>(plan.machine, std::move(guard));
             if (MakeTree(post->Place().live + "/shop", form.shape) &&
                 MakeTree(post->Place().live + "/rest", {10, 10, 1024}) &&
