@@ -38,6 +38,7 @@ const std::vector<RowTitle>& RowTitles() {
         {"rest_100000", "Processor time at rest, 100,000 directories", "% of a core", ""},
         {"events_ignored", "Events of ignored files: the writer's rate", "a second", "nobody"},
         {"events_ignored_overflows", "The same: overflows", "", ""},
+        {"events_ignored_settled", "The same: from the last event until all are read", "ms", ""},
         {"events_unchanged", "Events of unchanged files: the writer's rate", "a second", "nobody"},
         {"events_unchanged_overflows", "The same: overflows", "", ""},
         {"events_unchanged_settled", "The same: from the last event until all are judged", "ms",
