@@ -1,7 +1,7 @@
 // At its end rsync looks whether its own children are gone, sleeps 20 ms and looks again: its
 // handler of SIGCHLD has taken the child by then, but the sleep is gone on with. So a copy of one
 // file that is done after 5 ms holds its caller for 25 or 45. This library is loaded into the
-// agent's rsync alone, and lets a short sleep end as soon as a child has; nothing else is changed.
+// agent's rsync alone, and lets a short sleep end as soon as a child has.
 // Without it rsync works the same, only slower.
 //
 // Owns: the count of ended children. It never takes a child: rsync does, and is counted at it, also

@@ -1,6 +1,8 @@
 // The library is linked into this program: nanosleep and waitpid are its.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -9,6 +11,9 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <string>
+
+#include "support/TempDir.h"
 
 namespace {
 
@@ -122,6 +127,24 @@ TEST(Nap, OtherSignals_InterruptAsEver) {
         EXPECT_EQ(sleep.result, -1);
         EXPECT_EQ(sleep.error, EINVAL);
     }
+}
+
+// A wait would last until the test is killed.
+TEST(Open, PipeWithoutAWriter_IsOpenedForReadingAtOnceAndIsEmpty) {
+    const test::TempDir dir;
+    const std::string pipe = dir.Path("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    char byte = 0;
+    for (const int fd : {::open(pipe.c_str(), O_RDONLY | O_CLOEXEC),
+                         ::openat(AT_FDCWD, pipe.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)}) {
+        EXPECT_EQ(::read(fd, &byte, 1), 0);
+        ::close(fd);
+    }
+    const int made = ::open(dir.Path("new").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0640);
+    struct stat info {};
+    ASSERT_EQ(::fstat(made, &info), 0);
+    EXPECT_EQ(info.st_mode & 0777U, 0640U);
+    ::close(made);
 }
 
 }  // namespace
