@@ -4,14 +4,17 @@
 // copied yet. Inotify task's thread.
 #include <BackupProgress.h>
 #include <CommandLineText.h>
+#include <ProtectedWay.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <sdk/Log.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 namespace Engine {
 
@@ -59,9 +62,18 @@ void SentrelInotifyTask::KeepFailed(const std::string& path, const std::string& 
 }
 
 void SentrelInotifyTask::SweepLater(const std::string& watch_id) {
-    if (!to_sweep_.insert(watch_id).second) return;
+    if (std::exchange(to_sweep_[watch_id].everything, true)) return;
     SDK_LOG(ModuleLogger(), PRIO_WARNING,
             "too many changes of %s wait; all of it is compared with its copy later.", watch_id);
+}
+
+/// A change that was made through one name of an object is a change of all its names, and nothing
+/// tells of the others.
+void SentrelInotifyTask::NoteOtherNames(const std::string& path) {
+    struct stat info {};
+    if (judging_swept_ || ::lstat(WithoutTrailingSlash(path).c_str(), &info) != 0) return;
+    if (S_ISDIR(info.st_mode) || info.st_nlink < 2) return;
+    to_sweep_[current_event_.source.watch_id].objects.emplace(info.st_dev, info.st_ino);
 }
 
 void SentrelInotifyTask::JudgeAgain(const DeferredEvent& event) {
@@ -114,23 +126,18 @@ bool SentrelInotifyTask::HandleFailedEvents(FailedEvents::Clock::time_point now)
 /// True when there is more to be done at once.
 bool SentrelInotifyTask::SweepTrees() {
     if (failed_.IsHalfFull()) return false;  // what the sweep finds would fail, too
-    if (sweep_ && !MaySweep(sweeping_)) {    // what was found before a pause is void
-        sweep_.reset();
-        to_sweep_.insert(sweeping_);
-    }
+    // What was found before a pause is void.
+    if (sweep_ && !MaySweep(sweeping_)) EndSweep(false);
     if (!sweep_) {
         const auto ready = std::find_if(to_sweep_.begin(), to_sweep_.end(),
-                                        [this](const std::string& id) { return MaySweep(id); });
+                                        [this](const auto& one) { return MaySweep(one.first); });
         if (ready == to_sweep_.end()) return false;
-        BeginSweep(*ready);
-        to_sweep_.erase(ready);  // from here on a loss calls for another one
+        BeginSweep(ready->first);
     }
     const auto until = std::chrono::steady_clock::now() + kSweepSlice;
     while (!ShouldYield() && std::chrono::steady_clock::now() < until) {
         if (sweep_->Step(until)) continue;
-        SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s has been compared with its copy.", sweeping_);
-        SentrelStatus::Instance().Count(SentrelStatus::kTreesCompared);
-        sweep_.reset();
+        EndSweep(true);
         break;
     }
     return true;
@@ -147,10 +154,33 @@ void SentrelInotifyTask::BeginSweep(const std::string& watch_id) {
         return IsIgnored(rule, RulePath(rule), path);
     };
     const auto judge = [this, watch_id](const std::string& path, std::uint32_t raw_mask) {
+        if (!IsWithin(sweep_scope_, path)) return;
+        judging_swept_ = true;
         JudgeAgain({watch_id, path, raw_mask, std::chrono::steady_clock::now()});
+        judging_swept_ = false;
     };
     sweeping_ = watch_id;
     sweep_.emplace(rule, ignored, judge);
+    sweep_scope_ = std::move(to_sweep_[sweeping_]);
+    to_sweep_.erase(sweeping_);
+}
+
+void SentrelInotifyTask::EndSweep(bool is_complete) {
+    sweep_.reset();
+    if (!is_complete) {
+        SweepScope& waiting = to_sweep_[sweeping_];
+        waiting.everything = waiting.everything || sweep_scope_.everything;
+        waiting.objects.merge(sweep_scope_.objects);
+    } else if (sweep_scope_.everything) {
+        SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s has been compared with its copy.", sweeping_);
+        SentrelStatus::Instance().Count(SentrelStatus::kTreesCompared);
+    }
+}
+
+bool SentrelInotifyTask::IsWithin(const SweepScope& scope, const std::string& path) {
+    struct stat info {};
+    return scope.everything || (::lstat(WithoutTrailingSlash(path).c_str(), &info) == 0 &&
+                                scope.objects.count({info.st_dev, info.st_ino}) > 0);
 }
 
 void SentrelInotifyTask::ForgetBacklog() {

@@ -19,6 +19,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 namespace Engine {
 
@@ -128,12 +129,14 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void Defer(const std::string& path);
     void KeepFailed(const std::string& path, const std::string& target);
     void SweepLater(const std::string& watch_id);
+    void NoteOtherNames(const std::string& path);
     void JudgeAgain(const DeferredEvent& event);
     bool HandleDeferredEvents();
     bool HandleFailedEvents(FailedEvents::Clock::time_point now);
     bool SweepTrees();
     bool MaySweep(const std::string& watch_id) const;
     void BeginSweep(const std::string& watch_id);
+    void EndSweep(bool is_complete);
     void ForgetBacklog();
     void RaiseAlarm(const SentrelDirRule& rule, const std::string& file, alarm_type type);
 
@@ -144,8 +147,16 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     unsigned int tries_ = 0;       ///< of the event that is judged again
     bool judging_failed_ = false;  ///< what was judged again last could not be undone
     FailedEvents::Clock::time_point retries_rest_until_{};
-    std::set<std::string> to_sweep_;  ///< watch ids
-    std::string sweeping_;            ///< the watch of sweep_
+    /// What of a tree is to be compared with its copy.
+    struct SweepScope {
+        bool everything = false;
+        std::set<std::pair<dev_t, ino_t>> objects = {};  ///< and their names anywhere in the tree
+    };
+    static bool IsWithin(const SweepScope& scope, const std::string& path);
+    std::map<std::string, SweepScope> to_sweep_;  ///< by watch id
+    std::string sweeping_;                        ///< the tree of sweep_, when that is there
+    SweepScope sweep_scope_;
+    bool judging_swept_ = false;  ///< what is judged was found by sweep_
     std::optional<TreeSweep> sweep_;
 };
 

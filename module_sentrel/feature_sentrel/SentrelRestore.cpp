@@ -114,6 +114,7 @@ void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restor
                                          const std::string& path) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
     if (utils->diff_content || utils->diff_attr) current_event_.evidence = Evidence(rule, path);
+    NoteOtherNames(path);
     if (utils->monitor_only || !rule.auto_restore) return;
     if (!restore && !remove) return;
     if (AwaitsBackup(rule) && !(restore && IsRestoredAlone(rule, path))) {

@@ -23,7 +23,7 @@ TEST_P(Storm, WhenItEnds_TheSiteIsAsItsCopyAndEveryDifferenceWasTold) {
 
 INSTANTIATE_TEST_SUITE_P(Restoring, Storm,
                          testing::Values(std::make_pair(Mode::kRestore, 1U),
-                                         std::make_pair(Mode::kMonitor, 60U),
+                                         std::make_pair(Mode::kMonitor, 11U),
                                          std::make_pair(Mode::kOverflow, 21U),
                                          std::make_pair(Mode::kSlow, 15U)));
 

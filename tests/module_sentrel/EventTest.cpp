@@ -196,6 +196,16 @@ TEST_F(Event, FileInPlaceOfADirectoryOrTheOtherWayRound_IsReplaced) {
               "modify sub/page.html: restored\ndelete sub/: restored\n");
 }
 
+TEST_F(Event, ChangeThroughOneNameOfAFile_IsSeenAtItsOtherNames) {
+    fs::create_hard_link(File("sub/page.html"), File("planted.html"));
+    data_.Write("site/planted.html", "evil");
+    Tell(File("planted.html"), IN_CREATE);
+    EXPECT_EQ(Content("sub/page.html"), "evil");
+    task_.HandleBacklog(std::chrono::steady_clock::now());
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "add planted.html: removed\nmodify sub/page.html: restored\n");
+}
+
 TEST_F(Event, ForeignFileAndTree_AreRemovedOnArrivalOnly) {
     data_.Write("site/shell.php", "evil");
     data_.Write("site/new/deep/shell.php", "evil");
