@@ -102,7 +102,8 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
 bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const BackupFileInfo& info) {
     struct stat found {};
     if (::lstat(WithoutTrailingSlash(file).c_str(), &found) != 0) return true;
-    if (found.st_size != info.size) {
+    // A file system gives directories a size of its own, which no restore can make equal.
+    if (!S_ISDIR(found.st_mode) && found.st_size != info.size) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s size (%u) not matched with (%u). ", file,
                 static_cast<unsigned int>(found.st_size), static_cast<unsigned int>(info.size));
         return true;

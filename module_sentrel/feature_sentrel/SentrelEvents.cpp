@@ -103,6 +103,12 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
         KeepFailed(path, "");
         return false;
     }
+    // A restore ends with a move as well: to answer that with a restore would double each of them.
+    if (exists && own_restores_.MayEcho(path, msg->GetReadTime()) &&
+        !DiffersFromBackup(path, info) && !HasOtherOwner(path, info)) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
+        return false;
+    }
     AutoRestoreFile(rule, exists, !exists, path);
     RaiseAlarm(rule, path, exists ? ALARM_MODIFY : ALARM_ADD);
     return true;

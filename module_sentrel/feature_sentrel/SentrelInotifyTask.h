@@ -4,6 +4,7 @@
 #include <DeferredEvents.h>
 #include <Evidence.h>
 #include <FailedEvents.h>
+#include <OwnRestores.h>
 #include <SentrelCacheMsg.h>
 #include <SentrelDirRule.h>
 #include <TreeSweep.h>
@@ -142,6 +143,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
 
     AlarmIndex alarm_index_;
     CurrentEvent current_event_;
+    OwnRestores own_restores_;
     DeferredEvents deferred_;
     FailedEvents failed_;
     unsigned int tries_ = 0;       ///< of the event that is judged again

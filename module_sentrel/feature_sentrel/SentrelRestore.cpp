@@ -138,8 +138,12 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
         current_event_.lost_directory = target;
     }
     if (HoldsExclusion(rule, target)) target = rule.real_path;
-    if (clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
-                                     rule.ignored_subdir, RSYNC_RESTORE)) {
+    const auto begun = OwnRestores::Clock::now();
+    const bool restored =
+        clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
+                                     rule.ignored_subdir, RSYNC_RESTORE);
+    own_restores_.Note(target, begun, OwnRestores::Clock::now());
+    if (restored) {
         current_event_.outcome = "restored";
         status.Count(SentrelStatus::kRestoresDone);
         return;

@@ -125,9 +125,15 @@ TEST_F(Event, ModifiedFile_IsRestoredAndItsEchoIsQuiet) {
     EXPECT_EQ(install_.Debugs("File " + File("index.html") + " size (8) not matched with (7). "),
               1);
     EXPECT_EQ(install_.Debugs("auto restore " + File("index.html") + " "), 1);
-    Tell(File("index.html"), IN_MODIFY);
-    EXPECT_EQ(Alarms(), "");
-    EXPECT_EQ(install_.Debugs("File/Dir " + File("index.html") + " updated."), 1);
+    for (const std::uint32_t echo : {IN_MODIFY, IN_MOVED_TO}) {
+        Tell(File("index.html"), echo);
+        EXPECT_EQ(Alarms(), "");
+        EXPECT_EQ(install_.Debugs("File/Dir " + File("index.html") + " updated."), 1);
+    }
+    EXPECT_EQ(Counter("restores_done"), 1);
+    fs::rename(File("index.html"), File("kept"));
+    Tell(File("index.html"), IN_MOVED_FROM);
+    EXPECT_EQ(Content("index.html"), "welcome");
 }
 
 TEST_F(Event, SameSizeTimeSetBackAndOtherMode_IsRestored) {

@@ -28,7 +28,7 @@ TEST_F(Protection, Tampering_IsUndoneAndReported) {
     // At one stroke: what is deleted piece by piece may be back before the last piece is gone.
     fs::rename(site_.Path("sub"), install_.dir.Path("taken"));
     EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
-    EXPECT_EQ(Alarm(site_.Path("sub/page.html"))["outcome"], "restored");
+    EXPECT_EQ(Alarm(site_.Path("sub/"))["outcome"], "restored");
 }
 
 TEST_F(Protection, NameThatCannotBeRestored_IsReportedAsValidJson) {

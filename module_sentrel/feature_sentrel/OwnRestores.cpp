@@ -1,0 +1,32 @@
+#include <OwnRestores.h>
+#include <ProtectedWay.h>
+
+namespace Engine {
+
+void OwnRestores::Note(const std::string& path, Clock::time_point begun, Clock::time_point ended) {
+    const std::string plain = WithoutTrailingSlash(path);
+    latest_[plain] = {begun, ended};
+    by_age_.emplace_back(ended, plain);
+    while (by_age_.front().first + kEchoTime < ended || by_age_.size() > kCapacity) {
+        const auto known = latest_.find(by_age_.front().second);
+        if (known != latest_.end() && known->second.ended <= by_age_.front().first) {
+            latest_.erase(known);
+        }
+        by_age_.pop_front();
+    }
+}
+
+bool OwnRestores::MayEcho(const std::string& path, Clock::time_point read_time) const {
+    std::string at = WithoutTrailingSlash(path);
+    while (!at.empty()) {
+        const auto known = latest_.find(at);
+        if (known != latest_.end() && read_time >= known->second.begun &&
+            read_time <= known->second.ended + kEchoTime) {
+            return true;
+        }
+        at.resize(at.rfind('/') == std::string::npos ? 0 : at.rfind('/'));
+    }
+    return false;
+}
+
+}  // namespace Engine
