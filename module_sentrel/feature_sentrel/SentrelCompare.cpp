@@ -15,6 +15,8 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 namespace Engine {
 
@@ -137,6 +139,24 @@ bool SentrelInotifyTask::HasOtherOwner(const std::string& file, const BackupFile
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s owner (%u:%u) not matched with (%u:%u). ", file,
             found.st_uid, found.st_gid, info.uid, info.gid);
     return true;
+}
+
+/// A directory that took the place of its like within a second may look the same from outside. What
+/// it holds is announced by itself, what it lacks is not.
+bool SentrelInotifyTask::LacksContent(const SentrelDirRule& rule, const std::string& file) {
+    const std::string directory = WithoutTrailingSlash(file) + "/";
+    const std::string copy = rule.backup_path + directory;
+    std::error_code error;
+    if (!SDK::DirUtils::IsDir(copy)) return false;
+    std::filesystem::directory_iterator entry(copy, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        const std::string path = directory + entry->path().filename().string();
+        struct stat found {};
+        if (path.back() == '.' || ::lstat(path.c_str(), &found) == 0 || errno != ENOENT) continue;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Dir %s lacks %s. ", file, path);
+        return true;
+    }
+    return false;
 }
 
 std::string SentrelInotifyTask::HandleFileAttrDiff(const std::string& backup,

@@ -146,7 +146,9 @@ void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::
         HandleUnknownFile(rule, mask, file);
         return;
     }
-    if (!DiffersFromBackup(file, info) && !HasOtherOwner(file, info)) {
+    const bool came_or_went = (mask & (kArrived | IN_DELETE)) != 0;
+    if (!DiffersFromBackup(file, info) && !HasOtherOwner(file, info) &&
+        !(came_or_went && LacksContent(rule, file))) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
         return;
     }

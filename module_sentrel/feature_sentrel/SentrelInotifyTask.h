@@ -124,6 +124,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void HandleUnknownFile(const SentrelDirRule& rule, std::uint32_t mask, const std::string& file);
     bool DiffersFromBackup(const std::string& file, const BackupFileInfo& info);
     bool HasOtherOwner(const std::string& file, const BackupFileInfo& info);
+    bool LacksContent(const SentrelDirRule& rule, const std::string& file);
     void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
     void RemoveForeign(const SentrelDirRule& rule, const std::string& path);
     static bool AwaitsBackup(const SentrelDirRule& rule);

@@ -41,7 +41,9 @@ Judge::Judge(const Ground& ground)
 
 bool Judge::IsLeftOut(const std::string& path) const {
     if (path.empty()) return false;
-    if (IsBelow(path, std::string("/") + Ground::kExcluded) || path.back() == '.') return true;
+    if (IsBelow(path, std::string("/") + Ground::kExcluded)) return true;
+    // With a directory of such a name comes what it holds.
+    if ((path + "/").find("./") != std::string::npos) return true;
     // What is foreign is removed without a command line.
     return copy_.count(path) > 0 && !Engine::WhatBreaksPath(ground_.Site() + path).empty();
 }

@@ -2,9 +2,11 @@
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
+#include <fcntl.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <sdk/CommandInterrupter.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -200,6 +202,18 @@ TEST_F(Event, FileInPlaceOfADirectoryOrTheOtherWayRound_IsReplaced) {
     EXPECT_EQ(Alarms(),
               "modify index.html/: restored\nmodify sub: restored\n"
               "modify sub/page.html: restored\ndelete sub/: restored\n");
+}
+
+TEST_F(Event, EmptyDirectoryInPlaceOfItsLike_IsFilledAgain) {
+    struct stat before {};
+    ASSERT_EQ(::stat(File("sub").c_str(), &before), 0);
+    fs::remove_all(File("sub"));
+    fs::create_directory(File("sub"));
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, File("sub").c_str(), times, 0), 0);
+    Tell(File("sub"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "modify sub/: restored\n");
 }
 
 TEST_F(Event, ChangeThroughOneNameOfAFile_IsSeenAtItsOtherNames) {
