@@ -23,7 +23,19 @@ void LockDown(const std::string& path) {
 
 }  // namespace
 
+// The tasks ask at about the same time, and for a moment a file just fetched cannot be run: whoever
+// comes meanwhile waits and takes over what became of it.
 bool SentrelUtils::DownloadRsync() {
+    std::unique_lock<std::mutex> lock(provision_mutex_, std::try_to_lock);
+    if (lock.owns_lock()) return rsync_is_usable_ = ProvideRsync();
+    lock.lock();
+    if (rsync_is_usable_) return rsync_is_usable_ = ProvideRsync();
+    SDK_LOG(GetLogger(), PRIO_ERROR, "download file failed, url=%s, hash=%s.", rsync_url,
+            rsync_hash);
+    return false;
+}
+
+bool SentrelUtils::ProvideRsync() {
     const std::string path = SDK::PathUtils::GetInstallationPath() + "bin/rsync";
     struct stat info {};
     if (::lstat(path.c_str(), &info) == 0 && IsInstalledRsync(info)) {
@@ -51,8 +63,7 @@ bool SentrelUtils::DownloadRsync() {
     return true;
 }
 
-bool SentrelUtils::IsInstalledRsync(const struct stat& info) {
-    const std::lock_guard<std::mutex> lock(installed_mutex_);
+bool SentrelUtils::IsInstalledRsync(const struct stat& info) const {
     return info.st_uid == installed_.st_uid && info.st_gid == installed_.st_gid &&
            info.st_mode == installed_.st_mode && info.st_size == installed_.st_size &&
            info.st_ino == installed_.st_ino && info.st_mtime == installed_.st_mtime;
@@ -61,7 +72,6 @@ bool SentrelUtils::IsInstalledRsync(const struct stat& info) {
 bool SentrelUtils::RememberInstalledRsync(const std::string& path) {
     struct stat info {};
     if (::lstat(path.c_str(), &info) != 0) return false;
-    const std::lock_guard<std::mutex> lock(installed_mutex_);
     installed_ = info;
     return true;
 }

@@ -129,12 +129,14 @@ class SentrelUtils {
     SentrelUtils() = default;
     ~SentrelUtils() = default;
 
-    bool IsInstalledRsync(const struct stat& info);
+    bool ProvideRsync();
+    bool IsInstalledRsync(const struct stat& info) const;
     bool RememberInstalledRsync(const std::string& path);
     bool RunCopy(const std::string& command);
 
-    std::mutex installed_mutex_;  ///< guards installed_
-    struct stat installed_ {};    ///< bin/rsync right after the last successful download
+    std::mutex provision_mutex_;  ///< held while bin/rsync is provided; guards what follows
+    bool rsync_is_usable_ = true;
+    struct stat installed_ {};  ///< bin/rsync right after the last successful download
 };
 
 /// The logger for SDK_LOG; null when there is none.

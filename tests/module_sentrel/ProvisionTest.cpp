@@ -5,6 +5,8 @@
 #include <framework/ConfigManager.h>
 
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "Installation.h"
 
@@ -46,6 +48,15 @@ TEST_F(Provision, FirstCall_DownloadsAndLaterCallsTrustTheSameFile) {
         rsync_, std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
     EXPECT_TRUE(utils_->DownloadRsync());
     EXPECT_EQ(Downloads(), 2);
+}
+
+TEST_F(Provision, AllTasksAtOnce_FetchItOnce) {
+    std::vector<std::thread> tasks;
+    for (int i = 0; i < 3; ++i) {
+        tasks.emplace_back([this] { EXPECT_TRUE(utils_->DownloadRsync()); });
+    }
+    for (std::thread& task : tasks) task.join();
+    EXPECT_EQ(Downloads(), 1);
 }
 
 TEST_F(Provision, FileAlreadyThere_IsFetchedAgain) {
