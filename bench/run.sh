@@ -116,8 +116,10 @@ measure() {
 
 report() {
     "$DRIVER" report --results "$OUTPUT/results.json" --output "$OUTPUT"
-    if command -v gnuplot >/dev/null; then
-        (cd "$OUTPUT" && gnuplot "$ROOT/bench/plot.gp") || warn "no plot"
+    if ! grep -q ' [0-9]' "$OUTPUT/ready.dat"; then
+        warn "no plot: the row scale has not been measured"
+    elif command -v gnuplot >/dev/null; then
+        (cd "$OUTPUT" && gnuplot "$ROOT/bench/plot.gp" 2>/dev/null) || warn "no plot"
     else
         warn "no plot: gnuplot is missing"
     fi
@@ -125,7 +127,7 @@ report() {
     [[ -n $PUBLISH ]] || return 0
     cp "$OUTPUT/results.md" "$ROOT/docs/performance-results.md"
     cp "$OUTPUT/results.json" "$ROOT/docs/performance.json"
-    cp "$OUTPUT/plot.svg" "$ROOT/docs/plot.svg"
+    [[ ! -e $OUTPUT/plot.svg ]] || cp "$OUTPUT/plot.svg" "$ROOT/docs/plot.svg"
 }
 
 main() {
