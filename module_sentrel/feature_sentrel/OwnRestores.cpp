@@ -29,4 +29,9 @@ bool OwnRestores::MayEcho(const std::string& path, Clock::time_point read_time) 
     return false;
 }
 
+bool OwnRestores::IsLaterThan(const std::string& path, Clock::time_point read_time) const {
+    const auto known = latest_.find(WithoutTrailingSlash(path));
+    return known != latest_.end() && known->second.ended >= read_time;
+}
+
 }  // namespace Engine

@@ -9,8 +9,8 @@
 
 namespace Engine {
 
-/// What was put back lately. rsync moves each file into place, and that is told like a move by
-/// anybody; with this, the echo of a restore can be told from an attack. One thread.
+/// What was put back or removed lately. rsync moves each file into place, and that is told like a
+/// move by anybody; with this, the echo of a restore can be told from an attack. One thread.
 class OwnRestores {
   public:
     using Clock = std::chrono::steady_clock;
@@ -24,6 +24,9 @@ class OwnRestores {
 
     /// Whether what was read at `read_time` may be told because of a restore.
     bool MayEcho(const std::string& path, Clock::time_point read_time) const;
+
+    /// Whether `path` itself was put right since what was read at `read_time`.
+    bool IsLaterThan(const std::string& path, Clock::time_point read_time) const;
 
   private:
     struct Span {

@@ -10,10 +10,13 @@
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <sdk/Log.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <utility>
 
 namespace Engine {
@@ -24,6 +27,11 @@ constexpr int kMostAtOnce = 128;
 constexpr std::chrono::milliseconds kSweepSlice{50};
 // What fails now, such as a full disk, mostly fails for every path.
 constexpr std::chrono::seconds kRestAfterFailure{1};
+// A change is read from the kernel so much later than it happened, at most.
+constexpr std::chrono::seconds kReadingDelay{2};
+// Names that come and go all the time must not keep the agent comparing: a twentieth of the time.
+constexpr std::chrono::seconds kLeastRest{1};
+constexpr int kRestPerSweep = 20;
 
 }  // namespace
 
@@ -76,6 +84,22 @@ void SentrelInotifyTask::NoteOtherNames(const std::string& path) {
     to_sweep_[current_event_.source.watch_id].objects.emplace(info.st_dev, info.st_ino);
 }
 
+/// What was changed through a name that is gone by now may be changed at other names as well; which
+/// object that was cannot be told any more, but a change leaves its time. What went because it was
+/// put right after the change had been looked at then.
+void SentrelInotifyTask::NoteVanished(std::uint32_t mask, const std::string& path) {
+    struct stat info {};
+    const auto read_time = current_event_.source.read_time;
+    if ((mask & (IN_MODIFY | IN_ATTRIB)) == 0 || judging_swept_) return;
+    if (read_time == decltype(read_time)() || own_restores_.IsLaterThan(path, read_time)) return;
+    if (::lstat(WithoutTrailingSlash(path).c_str(), &info) == 0 || errno != ENOENT) return;
+    const auto age = std::chrono::duration_cast<std::chrono::seconds>(
+        std::chrono::steady_clock::now() - read_time + kReadingDelay);
+    SweepScope& scope = to_sweep_[current_event_.source.watch_id];
+    scope.changed_since =
+        std::min<std::time_t>(scope.changed_since, std::time(nullptr) - age.count());
+}
+
 void SentrelInotifyTask::JudgeAgain(const DeferredEvent& event) {
     judging_failed_ = false;
     FileNotifyMessage msg(event.watch_id, event.path, "", event.raw_mask, event.read_time);
@@ -86,7 +110,7 @@ void SentrelInotifyTask::HandleBacklog(FailedEvents::Clock::time_point now) {
     if (!SentrelUtils::GetInstance()->is_run) return;
     const bool more_deferred = HandleDeferredEvents();
     const bool more_failed = HandleFailedEvents(now);
-    const bool more_to_sweep = SweepTrees();
+    const bool more_to_sweep = SweepTrees(now);
     SentrelStatus::Instance().PublishBacklog(deferred_.Size(), failed_.Size(),
                                              to_sweep_.size() + (sweep_ ? 1 : 0));
     // Messages have their turn, but nobody waits for one.
@@ -124,13 +148,15 @@ bool SentrelInotifyTask::HandleFailedEvents(FailedEvents::Clock::time_point now)
 }
 
 /// True when there is more to be done at once.
-bool SentrelInotifyTask::SweepTrees() {
+bool SentrelInotifyTask::SweepTrees(std::chrono::steady_clock::time_point now) {
     if (failed_.IsHalfFull()) return false;  // what the sweep finds would fail, too
     // What was found before a pause is void.
     if (sweep_ && !MaySweep(sweeping_)) EndSweep(false);
     if (!sweep_) {
-        const auto ready = std::find_if(to_sweep_.begin(), to_sweep_.end(),
-                                        [this](const auto& one) { return MaySweep(one.first); });
+        const auto may_begin = [&](const auto& one) {
+            return MaySweep(one.first) && (one.second.IsUrgent() || now >= sweeps_rest_until_);
+        };
+        const auto ready = std::find_if(to_sweep_.begin(), to_sweep_.end(), may_begin);
         if (ready == to_sweep_.end()) return false;
         BeginSweep(ready->first);
     }
@@ -160,6 +186,7 @@ void SentrelInotifyTask::BeginSweep(const std::string& watch_id) {
         judging_swept_ = false;
     };
     sweeping_ = watch_id;
+    sweep_begun_ = std::chrono::steady_clock::now();
     sweep_.emplace(rule, ignored, judge);
     sweep_scope_ = std::move(to_sweep_[sweeping_]);
     to_sweep_.erase(sweeping_);
@@ -167,10 +194,14 @@ void SentrelInotifyTask::BeginSweep(const std::string& watch_id) {
 
 void SentrelInotifyTask::EndSweep(bool is_complete) {
     sweep_.reset();
+    const auto now = std::chrono::steady_clock::now();
+    sweeps_rest_until_ = now + std::max<std::chrono::steady_clock::duration>(
+                                   kLeastRest, kRestPerSweep * (now - sweep_begun_));
     if (!is_complete) {
         SweepScope& waiting = to_sweep_[sweeping_];
         waiting.everything = waiting.everything || sweep_scope_.everything;
         waiting.objects.merge(sweep_scope_.objects);
+        waiting.changed_since = std::min(waiting.changed_since, sweep_scope_.changed_since);
     } else if (sweep_scope_.everything) {
         SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s has been compared with its copy.", sweeping_);
         SentrelStatus::Instance().Count(SentrelStatus::kTreesCompared);
@@ -179,8 +210,10 @@ void SentrelInotifyTask::EndSweep(bool is_complete) {
 
 bool SentrelInotifyTask::IsWithin(const SweepScope& scope, const std::string& path) {
     struct stat info {};
-    return scope.everything || (::lstat(WithoutTrailingSlash(path).c_str(), &info) == 0 &&
-                                scope.objects.count({info.st_dev, info.st_ino}) > 0);
+    if (scope.everything) return true;
+    return ::lstat(WithoutTrailingSlash(path).c_str(), &info) == 0 &&
+           (info.st_ctime >= scope.changed_since ||
+            scope.objects.count({info.st_dev, info.st_ino}) > 0);
 }
 
 void SentrelInotifyTask::ForgetBacklog() {
@@ -189,6 +222,7 @@ void SentrelInotifyTask::ForgetBacklog() {
     to_sweep_.clear();
     sweep_.reset();
     retries_rest_until_ = {};
+    sweeps_rest_until_ = {};
     SentrelStatus::Instance().PublishBacklog(0, 0, 0);
 }
 

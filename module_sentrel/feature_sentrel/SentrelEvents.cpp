@@ -134,7 +134,11 @@ bool SentrelInotifyTask::IsMoveIgnored(const SentrelDirRule& rule, const std::st
 void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::string& rule_path,
                                          std::uint32_t mask, const std::string& file) {
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check file %s.", file);
-    if (IsIgnored(rule, rule_path, file)) return;
+    if (IsIgnored(rule, rule_path, file)) {
+        if ((mask & (IN_MODIFY | IN_ATTRIB)) != 0) NoteOtherNames(file);
+        return;
+    }
+    NoteVanished(mask, file);
     bool exists = false;
     BackupFileInfo info;
     if (!GetBackupFileInfo(file, rule, exists, info)) {

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <limits>
 #include <list>
 #include <map>
 #include <optional>
@@ -132,10 +133,11 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void KeepFailed(const std::string& path, const std::string& target);
     void SweepLater(const std::string& watch_id);
     void NoteOtherNames(const std::string& path);
+    void NoteVanished(std::uint32_t mask, const std::string& path);
     void JudgeAgain(const DeferredEvent& event);
     bool HandleDeferredEvents();
     bool HandleFailedEvents(FailedEvents::Clock::time_point now);
-    bool SweepTrees();
+    bool SweepTrees(std::chrono::steady_clock::time_point now);
     bool MaySweep(const std::string& watch_id) const;
     void BeginSweep(const std::string& watch_id);
     void EndSweep(bool is_complete);
@@ -154,11 +156,16 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     struct SweepScope {
         bool everything = false;
         std::set<std::pair<dev_t, ino_t>> objects = {};  ///< and their names anywhere in the tree
+        /// And objects changed since then, by the wall clock.
+        std::time_t changed_since = std::numeric_limits<std::time_t>::max();
+        bool IsUrgent() const { return everything || !objects.empty(); }
     };
     static bool IsWithin(const SweepScope& scope, const std::string& path);
     std::map<std::string, SweepScope> to_sweep_;  ///< by watch id
     std::string sweeping_;                        ///< the tree of sweep_, when that is there
     SweepScope sweep_scope_;
+    std::chrono::steady_clock::time_point sweep_begun_{};
+    std::chrono::steady_clock::time_point sweeps_rest_until_{};  ///< those that are not urgent
     bool judging_swept_ = false;  ///< what is judged was found by sweep_
     std::optional<TreeSweep> sweep_;
 };

@@ -157,6 +157,7 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
 }
 
 void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::string& path) {
+    const auto begun = OwnRestores::Clock::now();
     bool removed = false;
     ProtectedWay way(rule, path);
     if (way.IsBarred()) {
@@ -169,6 +170,7 @@ void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::st
         removed = RemoveWhole(rule, path);
     }
     if (removed) {
+        own_restores_.Note(path, begun, OwnRestores::Clock::now());
         current_event_.outcome = "removed";
         SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
     } else if (errno != ENOENT) {  // else it went by itself

@@ -224,6 +224,16 @@ TEST_F(Event, ChangeThroughOneNameOfAFile_IsSeenAtItsOtherNames) {
     task_.HandleBacklog(std::chrono::steady_clock::now());
     EXPECT_EQ(Content("sub/page.html"), "page");
     EXPECT_EQ(Alarms(), "add planted.html: removed\nmodify sub/page.html: restored\n");
+
+    fs::create_hard_link(File("sub/page.html"), File("gone.html"));
+    data_.Write("site/gone.html", "evil again");
+    fs::remove(File("gone.html"));
+    Tell(File("gone.html"), IN_MODIFY);
+    fs::create_hard_link(File("index.html"), File("ignored.log"));
+    data_.Write("site/ignored.log", "evil");
+    Tell(File("ignored.log"), IN_MODIFY);
+    task_.HandleBacklog(std::chrono::steady_clock::now());
+    EXPECT_EQ(Content("sub/page.html") + Content("index.html"), "pagewelcome");
 }
 
 TEST_F(Event, ForeignFileAndTree_AreRemovedOnArrivalOnly) {
