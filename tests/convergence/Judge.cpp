@@ -2,7 +2,9 @@
 
 #include <CommandLineText.h>
 #include <sdk/Utf8.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <sstream>
 
 namespace test {
@@ -36,7 +38,16 @@ Judge::Judge(const Ground& ground)
     : ground_(ground),
       copy_(Demo::TakeState(ground.Copy())),
       bystander_(Demo::TakeState(ground.Bystander())) {
-    for (const auto& [path, state] : copy_) left_out_ += IsLeftOut(path) ? 1U : 0U;
+    for (const auto& [path, state] : copy_) {
+        left_out_ += IsLeftOut(path) ? 1U : 0U;
+        struct stat info {};
+        if (state.kind == ObjectState::Kind::kDirectory ||
+            ::lstat((ground_.Copy() + path).c_str(), &info) != 0 || info.st_nlink < 2) {
+            continue;
+        }
+        object_of_[path] = info.st_ino;
+        names_of_[info.st_ino].push_back(path);
+    }
 }
 
 bool Judge::IsLeftOut(const std::string& path) const {
@@ -67,13 +78,19 @@ std::string Judge::ChangeBeside() const {
 
 std::vector<std::string> Judge::WithoutAlarm(const Differences& differing,
                                              const std::set<std::string>& alarms) const {
-    std::vector<std::string> missing;
-    for (const auto& [path, words] : differing) {
+    const auto is_told = [&](const std::string& path) {
         std::string way = SDK::ToValidUtf8(ground_.Site() + path);
         while (way.size() >= ground_.Site().size() && alarms.count(way) == 0) {
             way.resize(way.rfind('/'));
         }
-        if (way.size() < ground_.Site().size()) missing.push_back(path);
+        return way.size() >= ground_.Site().size();
+    };
+    std::vector<std::string> missing;
+    for (const auto& [path, words] : differing) {
+        const auto object = object_of_.find(path);
+        const std::vector<std::string> names =
+            object == object_of_.end() ? std::vector{path} : names_of_.at(object->second);
+        if (std::none_of(names.begin(), names.end(), is_told)) missing.push_back(path);
     }
     return missing;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <TreeState.h>
+#include <sys/types.h>
 
 #include <map>
 #include <set>
@@ -28,7 +29,8 @@ class Judge {
     /// How the backup copy or the bystander has changed since; empty: not at all.
     std::string ChangeBeside() const;
 
-    /// Those of `differing` of which neither themselves nor a directory above them has an alarm.
+    /// Those of `differing` of which neither themselves nor a directory above them has an alarm; of
+    /// a file with several names the alarm of one tells: time and mode go back for all at once.
     std::vector<std::string> WithoutAlarm(const Differences& differing,
                                           const std::set<std::string>& alarms) const;
 
@@ -43,6 +45,8 @@ class Judge {
     Demo::TreeState copy_;
     Demo::TreeState bystander_;
     std::size_t left_out_ = 0;
+    std::map<std::string, ino_t> object_of_;  ///< of names that share one with others
+    std::map<ino_t, std::vector<std::string>> names_of_;
 };
 
 }  // namespace test
