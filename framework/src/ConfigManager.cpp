@@ -116,7 +116,8 @@ bool ConfigManager::Take(const Json::Value& root, std::string& error) {
     CheckModules(modules, error);
     const LoggerConfig logger = ReadLogger(reader.Object("log"), error);
     Json::Value sections(Json::objectValue);
-    for (const char* name : {"report", "filenotify", "sentrel"}) sections[name] = reader.Object(name);
+    for (const char* name : {"report", "filenotify", "sentrel"})
+        sections[name] = reader.Object(name);
     if (!error.empty()) return false;
     modules_ = modules;
     logger_ = logger;
