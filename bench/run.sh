@@ -85,7 +85,8 @@ shield_machine() {
 run_inside() {
     shield_machine
     mkdir -p "$WORK/home" "$WORK/run"
-    cp "$ROOT/build/release/stage/conf/home/.popt" "$WORK/home/"
+    # The option aliases that the agent uses with this rsync (it has the checksums that they name).
+    cp "$ROOT/build/release/stage/conf/home/sha1/.popt" "$WORK/home/"
     local driver status=0
     trap 'kill -TERM "$driver" 2>/dev/null' INT TERM HUP
     "$DRIVER" run --work "$WORK/run" --stage "$ROOT/build/release/stage" --home "$WORK/home" \

@@ -98,7 +98,10 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
     info.mode = SDK::FileUtils::StModeToStr(found.st_mode);
     info.uid = found.st_uid;
     info.gid = found.st_gid;
-    return S_ISDIR(found.st_mode) || DigestOf(WithoutTrailingSlash(backup), info.sha256);
+    info.path = WithoutTrailingSlash(backup);
+    if (!S_ISREG(found.st_mode) || ::access(info.path.c_str(), R_OK) == 0) return true;
+    SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file %s sha256 failed.", info.path);
+    return false;
 }
 
 bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const BackupFileInfo& info) {
@@ -122,11 +125,14 @@ bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const Backup
         return true;
     }
     if (S_ISDIR(found.st_mode)) return false;
+    // Only now: of most changes the size or the time tells, and a large page must not wait for the
+    // digest of its copy.
     std::string digest;
+    std::string copy_digest;
     SDK::FileUtils::GetFileSha256(file, digest, kDigestLimit);  // unreadable: an empty digest
-    if (digest == info.sha256) return false;
+    if (DigestOf(info.path, copy_digest) && digest == copy_digest) return false;
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s sha256 (%s) not matched with (%s). ", file, digest,
-            info.sha256);
+            copy_digest);
     return true;
 }
 

@@ -75,7 +75,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
         off_t size = 0;
         std::time_t mtime = 0;
         std::string mode;
-        std::string sha256;  ///< empty for a directory
+        std::string path = {};  ///< of the copy, whose digest is taken only when all else agrees
         uid_t uid = 0;
         gid_t gid = 0;
     };
