@@ -38,7 +38,10 @@ std::string Shown(const std::string& path) {
 /// An rsync that takes longer.
 void MakeSlow(Json::Value& policy, const TempDir& scratch) {
     const std::string script =
-        scratch.Write("slow", "#!/bin/sh\nsleep 0.1\nexec /usr/bin/rsync \"$@\"\n");
+        // The library is for rsync, and the shell does not hand it on.
+        scratch.Write("slow",
+                      "#!/bin/sh\nsleep 0.1\n"
+                      "LD_PRELOAD=${0%/*}/../lib/librsync_nap.so exec /usr/bin/rsync \"$@\"\n");
     std::string sha256;
     SDK::FileUtils::GetFileSha256(script, sha256, 1L << 20);
     SetRsync(policy, "file://" + script, sha256);
