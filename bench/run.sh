@@ -19,7 +19,7 @@ Takes some 45 minutes on two cores, and wants the machine for itself.
 
 Figures: build/bench/results.json and results.md, the plot: build/bench/plot.svg. Everything runs in
 one temporary directory below ${TMPDIR:-/tmp}, which goes at the end. It needs root. No setting of the
-machine changes, apart from the length of inotify's queues while an agent runs, which it undoes itself.
+machine changes, apart from the length of inotify's queues for the moment in which an agent starts.
 END
 }
 
