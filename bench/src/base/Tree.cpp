@@ -129,12 +129,13 @@ bool SameContent(const std::string& one, const std::string& other) {
 }
 
 std::size_t Outstanding::Look() {
-    left_.erase(std::remove_if(left_.begin(), left_.end(),
-                               [&](std::size_t i) {
-                                   const FileState& file = (*files_)[i];
-                                   return IsBack(root_ + "/" + file.path, file);
-                               }),
-                left_.end());
+    const auto is_back = [this](std::size_t i) {
+        return IsBack(root_ + "/" + (*files_)[i].path, (*files_)[i]);
+    };
+    while (!left_.empty() && is_back(left_.front())) left_.pop_front();
+    if (Clock::now() < sweep_at_) return left_.size();
+    left_.erase(std::remove_if(left_.begin(), left_.end(), is_back), left_.end());
+    sweep_at_ = Clock::now() + kSweepEvery;
     return left_.size();
 }
 

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <deque>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -45,15 +47,16 @@ bool IsBack(const std::string& path, const FileState& file);
 
 bool SameContent(const std::string& one, const std::string& other);
 
-/// Files that are still to come back; asks each again only until it did.
+/// Files that are still to come back. Watching them must not take the time of what is measured: it
+/// asks for the first of them until that is back, then for the next, and only now and then for all.
 class Outstanding {
   public:
     Outstanding(std::string root, const std::vector<FileState>& files)
         : root_(std::move(root)), files_(&files), left_(files.size()) {
-        for (std::size_t i = 0; i < left_.size(); ++i) left_[i] = i;
+        std::iota(left_.begin(), left_.end(), std::size_t{0});
     }
 
-    /// How many are not back now.
+    /// How many are not known to be back; 0 as soon as all are.
     std::size_t Look();
 
     /// Until all are back or the deadline has passed: how many are left. Throws Stopped.
@@ -61,8 +64,11 @@ class Outstanding {
 
   private:
     const std::string root_;
+    static constexpr milliseconds kSweepEvery{2000};
+
     const std::vector<FileState>* files_;
-    std::vector<std::size_t> left_;
+    std::deque<std::size_t> left_;
+    Clock::time_point sweep_at_ = Clock::now() + kSweepEvery;
 };
 
 }  // namespace Bench
