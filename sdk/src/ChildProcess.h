@@ -28,6 +28,9 @@ class ChildProcess {
     /// Output and errors of the process and what it starts; does not block.
     int OutputDescriptor() const { return output_.Get(); }
 
+    /// The number of the process and its group; it may be another's after Reap.
+    pid_t Group() const { return pid_; }
+
     /// Kills the whole group; only before Reap, as the number is the process's own until then.
     void Kill();
 

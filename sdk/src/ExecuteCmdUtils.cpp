@@ -15,6 +15,7 @@
 #include "ChildProcess.h"
 #include "CommandEnvironment.h"
 #include "CommandLine.h"
+#include "GroupWatch.h"
 #include "sdk/CommandInterrupter.h"
 #include "sdk/TimeUtils.h"
 
@@ -81,19 +82,20 @@ int Remaining(std::int64_t deadline_ms) {
 int WaitForEnd(const ChildProcess& child, OutputCollector& output, int timeout_ms) {
     const std::int64_t deadline = timeout_ms < 0 ? -1 : TimeUtils::GetMonotonicMs() + timeout_ms;
     const CommandInterrupter* interrupter = CommandInterrupter::Current();
+    GroupWatch watch(child.Group());
     for (;;) {
         std::array<pollfd, 3> events{
             {{child.EndDescriptor(), POLLIN, 0},
              {output.Descriptor(), POLLIN, 0},
              {interrupter == nullptr ? -1 : interrupter->Descriptor(), POLLIN, 0}}};
         const int remaining = Remaining(deadline);
-        if (::poll(events.data(), events.size(), remaining) < 0 && errno != EINTR) {
+        if (::poll(events.data(), events.size(), watch.Until(remaining)) < 0 && errno != EINTR) {
             return ExecuteCmdUtils::kStartFailed;
         }
         if (events[1].revents != 0) output.Take();
-        if (events[0].revents != 0) return 0;
+        if (events[0].revents != 0) return watch.HasAsked() ? ExecuteCmdUtils::kTimedOut : 0;
         if (events[2].revents != 0) return ExecuteCmdUtils::kInterrupted;
-        if (remaining == 0) return ExecuteCmdUtils::kTimedOut;
+        if (remaining == 0 || !watch.Look()) return ExecuteCmdUtils::kTimedOut;
     }
 }
 

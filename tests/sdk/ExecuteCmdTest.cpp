@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "CommandLine.h"
+#include "sdk/CommandIdleLimit.h"
 #include "sdk/CommandInterrupter.h"
 #include "sdk/ExecuteCmdUtils.h"
 #include "sdk/PathUtils.h"
@@ -129,6 +130,30 @@ TEST(ExecuteCmd, Interruption_EndsThisAndLaterCommandsUntilReset) {
     EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/echo a", output, 9), ExecuteCmdUtils::kInterrupted);
     interrupter.Reset();
     EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/echo a", output, 9), 0);
+}
+
+TEST(ExecuteCmd, CommandThatDoesNothing_IsAskedToEndThenKilledWithItsGroup) {
+    const test::TempDir dir;
+    const std::string pid_file = dir.Path("pid");
+    const SDK::CommandIdleLimit limit(200ms);
+    std::string output;
+    EXPECT_EQ(RunScript("trap 'echo asked; exit 0' TERM; sleep 600 & wait", kLongMs, output),
+              ExecuteCmdUtils::kTimedOut);
+    EXPECT_EQ(output, "asked\n");
+    EXPECT_EQ(
+        RunScript("trap '' TERM; sleep 600 & echo $! > " + pid_file + "; wait", kLongMs, output),
+        ExecuteCmdUtils::kTimedOut);
+    EXPECT_TRUE(Ends(ReadPid(pid_file)));
+}
+
+TEST(ExecuteCmd, CommandThatDoesLittle_GoesOn) {
+    const SDK::CommandIdleLimit limit(500ms);
+    std::string output;
+    EXPECT_EQ(RunScript("for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16; do sleep 0.1; done & "
+                        "wait; echo done",
+                        kLongMs, output),
+              0);
+    EXPECT_EQ(output, "done\n");
 }
 
 TEST(ExecuteCmd, DaemonLeftBehind_DoesNotHoldTheCall) {
