@@ -3,6 +3,7 @@
 // pointed out when a policy is checked. Keeps no state but each thread's last error.
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
+#include <sdk/CommandIdleLimit.h>
 #include <sdk/ExecuteCmdUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
@@ -33,6 +34,8 @@ std::string DescribeFailure(int result, const std::string& output) {
             return "rsync could not be started";
         case SDK::ExecuteCmdUtils::kKilledBySignal:
             return "rsync was killed";
+        case SDK::ExecuteCmdUtils::kTimedOut:
+            return "rsync was held up and has been ended";
         default:
             break;
     }
@@ -82,6 +85,9 @@ bool SentrelUtils::DoRsyncLocal(const std::string& src, const std::string& dst,
         if (!RestoreArguments(src, dst, arguments)) return false;
         command += arguments;
     }
+    // A pipe in a file's place would hold it for ever, and rsync's own time limit ends only what
+    // waits for the other end.
+    const SDK::CommandIdleLimit limit(copy_idle_period);
     return RunCopy(command);
 }
 
@@ -108,6 +114,9 @@ bool SentrelUtils::RunCopy(const std::string& command) {
     if (result != 0 || output.find("error") != std::string::npos) {
         SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] failed, infor:%s.", command, output);
         ThreadError() = DescribeFailure(result, output);
+        if (result == SDK::ExecuteCmdUtils::kTimedOut) {
+            SDK_LOG(GetLogger(), PRIO_WARNING, "%s: %s", ThreadError(), command);
+        }
         return false;
     }
     SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command);

@@ -26,6 +26,7 @@ void SentrelUtils::Init() {
     dir_rules.clear();
     minute_enabled.fill(true);
     weekday_enabled.fill(true);
+    copy_idle_period = kCopyIdlePeriod;
 }
 
 Poco::Logger* SentrelUtils::GetLogger() {

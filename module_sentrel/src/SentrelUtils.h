@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <list>
 #include <mutex>
 #include <string>
@@ -22,6 +23,10 @@ enum rsync_mode : int {
 constexpr long kDigestLimit = 10 * 1024 * 1024;  ///< bytes of a file that a digest covers
 /// Values of `backup_type` with a meaning of their own; with any other only the local copy is made.
 enum BackupType : int { kRemoteOnly = 1, kLocalAndRemote = 2, kRemoteByOthers = 3 };
+
+/// An rsync within the host of which no process has done anything for so long is held up by
+/// something that it opened, and is ended.
+constexpr std::chrono::seconds kCopyIdlePeriod{15};
 
 constexpr int kMinutesPerDay = 1440;
 constexpr int kDaysPerWeek = 7;
@@ -61,7 +66,8 @@ class SentrelUtils {
     bool DownloadRsync();
 
     /// Copies `src` into the backup directory `dst`, or its backup copy below `dst` back. Blocks
-    /// until rsync has ended. Paths are put on the command line as they stand.
+    /// until rsync has ended, which takes as long as it goes on working; one that is held up is
+    /// ended (`copy_idle_period`). Paths are put on the command line as they stand.
     bool DoRsyncLocal(const std::string& src, const std::string& dst,
                       const std::list<std::string>& ignored_postfix,
                       const std::list<std::string>& ignored_subdir, rsync_mode mode);
@@ -124,6 +130,8 @@ class SentrelUtils {
     std::string backupserver_path;
     std::string backupserver_ip;
     std::string install_path;  ///< ends in "/"; refreshed by each policy
+    /// Only a test sets it.
+    std::chrono::milliseconds copy_idle_period = kCopyIdlePeriod;
 
   private:
     SentrelUtils() = default;
