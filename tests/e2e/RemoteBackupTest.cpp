@@ -197,17 +197,6 @@ TEST_F(RemoteBackup, FullDiskOnTheServer_IsTold_AndSpaceIsEnough) {
     EXPECT_EQ(TempDir::Read(hosts_.server.Seen(Received("large.html"))), large);
 }
 
-TEST_F(RemoteBackup, DaemonThatIsKilled_IsBack) {
-    StartServer();
-    StartClient();
-    ExpectCaughtUp();
-    const int killed = DaemonPid();
-    ASSERT_EQ(hosts_.server.Run("kill -KILL " + std::to_string(killed)), 0);
-    EXPECT_TRUE(Await([&] { return DaemonPid() != killed && DaemonRuns(); }));
-    ASSERT_EQ(PushPolicy(), 0);
-    ExpectCaughtUp();
-}
-
 TEST_F(RemoteBackup, ServerAgentThatIsKilled_ReplacesTheDaemonItLeft) {
     StartServer();
     const int left = DaemonPid();

@@ -7,7 +7,6 @@
 #include <framework/Policy.h>
 #include <framework/Task.h>
 #include <gtest/gtest.h>
-#include <sdk/LoggerUtils.h>
 #include <sdk/PathUtils.h>
 
 #include <atomic>
@@ -16,6 +15,7 @@
 #include <memory>
 #include <string>
 
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 
@@ -109,21 +109,14 @@ class EngineTest : public ::testing::Test {
   protected:
     void SetUp() override {
         SDK::PathUtils::SetInstallationPath(installation_.Path());
-        SDK::LoggerUtils::Settings log;
-        log.directory = installation_.Path("log");
-        log.level = "debug";
-        std::string error;
-        ASSERT_TRUE(SDK::LoggerUtils::GetInstance()->Configure(log, error)) << error;
         Configure(R"({"task_period_ms": 3600000, "policy_grace_ms": 50})");
         engine_.Start();
         auto module = std::make_unique<ScriptedModule>();
         module_ = module.get();
+        std::string error;
         ASSERT_TRUE(engine_.AddModule(std::move(module), error)) << error;
     }
-    void TearDown() override {
-        engine_.Stop();
-        SDK::LoggerUtils::GetInstance()->Shutdown();
-    }
+    void TearDown() override { engine_.Stop(); }
 
     void Configure(const std::string& json) {
         auto& config = Framework::ConfigManager::GetInstance();
@@ -153,13 +146,13 @@ class EngineTest : public ::testing::Test {
         return {};
     }
 
-    std::string LogText() const { return TempDir::Read(installation_.Path("log/agent.log")); }
     bool LogSays(const std::string& text) const {
-        return WaitFor([&] { return LogText().find(text) != std::string::npos; }, kDeadline);
+        return WaitFor([&] { return log_.Text().find(text) != std::string::npos; }, kDeadline);
     }
 
     TempDir installation_;
     Framework::Engine engine_;
+    LogCapture log_;  // after the engine, which gives all loggers another channel
     ScriptedModule* module_ = nullptr;
 };
 

@@ -125,7 +125,7 @@ TEST_F(TaskTest, PassOutlastsItsLimit_IsReportedStalledOnce) {
     release.Set();
     EXPECT_TRUE(WaitFor([&] { return StatusOf("task").state == "running"; }, kDeadline));
     Unregister(task);
-    const std::string log = LogText();
+    const std::string log = log_.Text();
     EXPECT_EQ(log.find("has stalled"), log.rfind("has stalled"));
 }
 

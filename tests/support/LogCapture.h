@@ -30,6 +30,9 @@ class LogCapture {
         return lines;
     }
 
+    /// All that has been written by now.
+    std::string Text() const { return TempDir::Read(directory_.Path("agent.log")); }
+
     /// How many lines of that priority ("Error", "Information") contain `text`.
     long Count(const std::string& priority, const std::string& text) const {
         const std::vector<std::string> lines = Lines();

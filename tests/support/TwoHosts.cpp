@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sdk/FileDescriptor.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -21,20 +22,9 @@ namespace {
 constexpr int kCannotEnter = 121;
 constexpr int kCannotExecute = 122;
 
-class Descriptor {
-  public:
-    explicit Descriptor(const std::string& path)
-        : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return fd_; }
-
-  private:
-    int fd_;
-};
+SDK::FileDescriptor Open(const std::string& path) {
+    return SDK::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
 
 std::string NamespaceOf(pid_t pid, const char* kind) {
     return "/proc/" + std::to_string(pid) + "/ns/" + kind;
@@ -72,7 +62,7 @@ Host::Host() {
     const std::string stand_in = scratch_.Write("stand_in", "");
     const std::string queue_limit = scratch_.Write("queue_limit", "16384\n");
     const std::string temporary = std::filesystem::temp_directory_path().string();
-    const Descriptor own_pids("/proc/self/ns/pid");
+    const SDK::FileDescriptor own_pids = Open("/proc/self/ns/pid");
     int ready[2];
     if (::pipe2(ready, O_CLOEXEC) != 0 || ::unshare(CLONE_NEWPID) != 0) {
         error_ = errno;
@@ -99,11 +89,11 @@ Host::~Host() {
 }
 
 pid_t Host::Fork() const {
-    const Descriptor own_pids("/proc/self/ns/pid");
-    const Descriptor pids(NamespaceOf(init_, "pid"));
+    const SDK::FileDescriptor own_pids = Open("/proc/self/ns/pid");
+    const SDK::FileDescriptor pids = Open(NamespaceOf(init_, "pid"));
     if (::setns(pids.Get(), CLONE_NEWPID) != 0) return -1;
-    const Descriptor network(NamespaceOf(init_, "net"));
-    const Descriptor mounts(NamespaceOf(init_, "mnt"));
+    const SDK::FileDescriptor network = Open(NamespaceOf(init_, "net"));
+    const SDK::FileDescriptor mounts = Open(NamespaceOf(init_, "mnt"));
     const pid_t child = ::fork();
     // A thread of ThreadSanitizer's shares the working directory, and setns then refuses the
     // mounts.
@@ -122,7 +112,7 @@ int Host::Run(const std::string& script) const {
 }
 
 int Host::RunInNetwork(const std::string& script) const {
-    const Descriptor network(NamespaceOf(init_, "net"));
+    const SDK::FileDescriptor network = Open(NamespaceOf(init_, "net"));
     const pid_t child = ::fork();
     if (child == 0) {
         if (::setns(network.Get(), CLONE_NEWNET) != 0) ::_exit(kCannotEnter);
