@@ -22,6 +22,8 @@ namespace Engine {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr std::size_t kMaxDiff = 1024;
 constexpr int kDiffTimeoutMs = 5000;
 
@@ -148,17 +150,21 @@ bool SentrelInotifyTask::HasOtherOwner(const std::string& file, const BackupFile
 }
 
 /// A directory that took the place of its like within a second may look the same from outside. What
-/// it holds is announced by itself, what it lacks is not.
+/// it holds is announced by itself, what it lacks is not. An older copy may still have what the
+/// policy excludes by now, and no restore brings that.
 bool SentrelInotifyTask::LacksContent(const SentrelDirRule& rule, const std::string& file) {
     const std::string directory = WithoutTrailingSlash(file) + "/";
     const std::string copy = rule.backup_path + directory;
     std::error_code error;
     if (!SDK::DirUtils::IsDir(copy)) return false;
-    std::filesystem::directory_iterator entry(copy, error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    fs::directory_iterator entry(copy, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const std::string path = directory + entry->path().filename().string();
         struct stat found {};
         if (path.back() == '.' || ::lstat(path.c_str(), &found) == 0 || errno != ENOENT) continue;
+        std::error_code unknown;
+        const bool is_directory = entry->symlink_status(unknown).type() == fs::file_type::directory;
+        if (IsIgnored(rule, RulePath(rule), is_directory ? path + "/" : path)) continue;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Dir %s lacks %s. ", file, path);
         return true;
     }

@@ -204,6 +204,21 @@ TEST_F(Event, FileInPlaceOfADirectoryOrTheOtherWayRound_IsReplaced) {
               "modify sub/page.html: restored\ndelete sub/: restored\n");
 }
 
+TEST_F(Event, DirectoryThatLacksOnlyWhatIsExcluded_IsLeftAlone) {
+    const std::string copy = rule_.backup_path + File("sub/");
+    struct stat before {};
+    ASSERT_EQ(::stat(copy.c_str(), &before), 0);
+    fs::create_directories(copy + "cache/deep");
+    fs::copy_file(copy + "page.html", copy + "old.log");
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, copy.c_str(), times, 0), 0);
+    rule_.ignored_subdir = {"uploads/", "sub/cache/"};
+    Apply();
+    Tell(File("sub"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Alarms(), "");
+    EXPECT_EQ(Counter("restores_done"), 0);
+}
+
 TEST_F(Event, EmptyDirectoryInPlaceOfItsLike_IsFilledAgain) {
     struct stat before {};
     ASSERT_EQ(::stat(File("sub").c_str(), &before), 0);
