@@ -54,6 +54,16 @@ bool DigestOf(const std::string& path, std::string& digest) {
     return false;
 }
 
+// Size, time, mode and content alone would let a chown pass. As another user than root the agent
+// can neither keep nor put back owners: its copies are its own.
+bool HasOtherOwner(const std::string& file, const struct stat& found,
+                   const SentrelInotifyTask::BackupFileInfo& info) {
+    if (::geteuid() != 0 || (found.st_uid == info.uid && found.st_gid == info.gid)) return false;
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s owner (%u:%u) not matched with (%u:%u). ", file,
+            found.st_uid, found.st_gid, info.uid, info.gid);
+    return true;
+}
+
 }  // namespace
 
 bool SentrelInotifyTask::HandleEventBuildStr(std::string event_path, std::string moveto_file,
@@ -126,26 +136,17 @@ bool SentrelInotifyTask::DiffersFromBackup(const std::string& file, const Backup
                 info.mode);
         return true;
     }
-    if (S_ISDIR(found.st_mode)) return false;
+    if (S_ISDIR(found.st_mode)) return HasOtherOwner(file, found, info);
     // Only now: of most changes the size or the time tells, and a large page must not wait for the
     // digest of its copy.
     std::string digest;
     std::string copy_digest;
     SDK::FileUtils::GetFileSha256(file, digest, kDigestLimit);  // unreadable: an empty digest
-    if (DigestOf(info.path, copy_digest) && digest == copy_digest) return false;
+    if (DigestOf(info.path, copy_digest) && digest == copy_digest) {
+        return HasOtherOwner(file, found, info);
+    }
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s sha256 (%s) not matched with (%s). ", file, digest,
             copy_digest);
-    return true;
-}
-
-// Size, time, mode and content alone would let a chown pass. As another user than root the agent
-// can neither keep nor put back owners: its copies are its own.
-bool SentrelInotifyTask::HasOtherOwner(const std::string& file, const BackupFileInfo& info) {
-    struct stat found {};
-    if (::geteuid() != 0 || ::lstat(WithoutTrailingSlash(file).c_str(), &found) != 0) return false;
-    if (found.st_uid == info.uid && found.st_gid == info.gid) return false;
-    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s owner (%u:%u) not matched with (%u:%u). ", file,
-            found.st_uid, found.st_gid, info.uid, info.gid);
     return true;
 }
 

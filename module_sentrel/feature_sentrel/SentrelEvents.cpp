@@ -105,7 +105,7 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     }
     // A restore ends with a move as well: to answer that with a restore would double each of them.
     if (exists && own_restores_.MayEcho(path, msg->GetReadTime()) &&
-        !DiffersFromBackup(path, info) && !HasOtherOwner(path, info)) {
+        !DiffersFromBackup(path, info)) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
         return false;
     }
@@ -151,8 +151,7 @@ void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::
         return;
     }
     const bool came_or_went = (mask & (kArrived | IN_DELETE)) != 0;
-    if (!DiffersFromBackup(file, info) && !HasOtherOwner(file, info) &&
-        !(came_or_went && LacksContent(rule, file))) {
+    if (!DiffersFromBackup(file, info) && !(came_or_went && LacksContent(rule, file))) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
         return;
     }

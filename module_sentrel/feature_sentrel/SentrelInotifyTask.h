@@ -124,7 +124,6 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool IsMoveIgnored(const SentrelDirRule& rule, const std::string& path);
     void HandleUnknownFile(const SentrelDirRule& rule, std::uint32_t mask, const std::string& file);
     bool DiffersFromBackup(const std::string& file, const BackupFileInfo& info);
-    bool HasOtherOwner(const std::string& file, const BackupFileInfo& info);
     bool LacksContent(const SentrelDirRule& rule, const std::string& file);
     void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
     void RemoveForeign(const SentrelDirRule& rule, const std::string& path);
