@@ -130,9 +130,11 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
     const std::string stand_in = scratch_.Path("stand_in");
     const std::string queue_limit = scratch_.Path("queue_limit");
     const std::string temporary = fs::temp_directory_path().string();
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
+    std::vector<std::string> words = isolate ? behind_ : std::vector<std::string>();
+    words.push_back(program);
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     const bool in_host = isolate && host_ != nullptr;
     const pid_t child = in_host ? host_->Fork() : ::fork();
@@ -146,7 +148,7 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
            ShieldMachine(stand_in.c_str(), queue_limit.c_str(), temporary.c_str())))) {
         ::_exit(kCannotIsolate);
     }
-    ::execv(program.c_str(), argv.data());
+    ::execv(argv[0], argv.data());
     ::_exit(kCannotExecute);
 }
 

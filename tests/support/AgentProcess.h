@@ -60,6 +60,10 @@ class AgentProcess {
     /// outside all the same.
     void RunIn(const Host& host) { host_ = &host; }
 
+    /// Its processes are to be started by `command`, a program with arguments to which the agent's
+    /// own are added, and which becomes the agent (as env or unshare do).
+    void RunBehind(const std::vector<std::string>& command) { behind_ = command; }
+
     /// The installation path without a trailing "/", or `name` below it.
     std::string Path() const { return installation_.Path(); }
     std::string Path(const std::string& name) const { return installation_.Path(name); }
@@ -113,6 +117,7 @@ class AgentProcess {
     TempDir installation_;
     TempDir scratch_;             ///< stand-ins and captured output
     const Host* host_ = nullptr;  ///< none: each process in mounts of its own
+    std::vector<std::string> behind_;
     mutable int runs_ = 0;
     pid_t pid_ = -1;
 };
