@@ -26,7 +26,6 @@ END
 readonly PEERS=(inotify-tools lsyncd watchman gnuplot-nox)
 readonly OUTPUT=$ROOT/build/bench
 readonly DRIVER=$ROOT/build/release/bench/sentrel_bench
-readonly QUEUE=/proc/sys/fs/inotify/max_queued_events
 
 ARGUMENTS=() PUBLISH='' INSIDE='' WORK='' ROWS=''
 
@@ -99,19 +98,14 @@ run_inside() {
 # ---- Outside again.
 
 measure() {
-    local queue status=0
+    local status=0
     [[ $EUID -eq 0 ]] || die "the agent watches and restores files as root: run this as root"
-    queue=$(cat "$QUEUE")
     WORK=$(mktemp -d "${TMPDIR:-/tmp}/sentrel-bench.XXXXXX")
     trap 'rm -rf "$WORK"' EXIT
     trap : INT TERM HUP
     step "Measuring in $WORK"
     unshare --mount --propagation private --pid --fork --kill-child --mount-proc -- \
         "$BASH" "${BASH_SOURCE[0]}" --inside "$WORK" "${ARGUMENTS[@]}" || status=$?
-    if [[ $(cat "$QUEUE") != "$queue" ]]; then
-        warn "an agent that was killed left $QUEUE at $(cat "$QUEUE"); it is $queue again"
-        echo "$queue" >"$QUEUE"
-    fi
     [[ $status -eq 0 ]] || die "the measuring ended with exit code $status"
 }
 

@@ -3,16 +3,19 @@
 // medians; --json one object.
 
 #include <malloc.h>
+#include <sdk/FileDescriptor.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 
 #include "OwnCore.h"
-#include "RawWalk.h"
+#include "base/RawWalk.h"
 
 namespace bench {
 
@@ -77,6 +80,16 @@ Memory MeasureMemory(const std::string& root, int directories) {
     return each;
 }
 
+// The watches go after the time was taken. False: not all directories could be watched.
+bool TimeRawWalk(const std::string& root, int threads, int directories, double& milliseconds) {
+    const SDK::FileDescriptor inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    const auto start = std::chrono::steady_clock::now();
+    const std::size_t count = Bench::RawWalk(inotify.Get(), root, threads);
+    const auto end = std::chrono::steady_clock::now();
+    milliseconds = std::chrono::duration<double, std::milli>(end - start).count();
+    return count == static_cast<std::size_t>(directories);
+}
+
 int Measure(const std::string& root, int directories, int files, int rounds, bool json) {
     std::vector<double> raw;
     std::vector<double> raw_two;
@@ -85,8 +98,8 @@ int Measure(const std::string& root, int directories, int files, int rounds, boo
     for (int round = -1; round < rounds; ++round) {
         double one = 0;
         double two = 0;
-        bool complete = RawWalk(root, 1, one) == static_cast<std::size_t>(directories) &&
-                        RawWalk(root, 2, two) == static_cast<std::size_t>(directories);
+        bool complete =
+            TimeRawWalk(root, 1, directories, one) && TimeRawWalk(root, 2, directories, two);
         OwnCore own(root);
         const double took = own.WalkUntilReady();
         complete = complete && own.IsReady(directories);

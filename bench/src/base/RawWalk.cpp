@@ -1,4 +1,7 @@
-#include "RawWalk.h"
+// A walk as cheap as the kernel allows: one open, one watch by its path, one pass of getdents a
+// directory; by descriptors, without paths, it takes a sixth longer. Owns its queue of directories;
+// the threads share it under a mutex.
+#include "base/RawWalk.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,25 +11,22 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-namespace bench {
+namespace Bench {
 
 namespace {
 
-constexpr std::uint32_t kMask = IN_CREATE | IN_MODIFY | IN_ATTRIB | IN_DELETE | IN_MOVED_FROM |
-                                IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK |
-                                IN_ONLYDIR;
+constexpr std::uint32_t kMask = IN_MODIFY | IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM |
+                                IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::size_t kTakenAtOnce = 32;
 
 class Walk {
   public:
-    explicit Walk(const std::string& root)
-        : inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), waiting_{root} {}
+    Walk(int inotify, const std::string& root) : inotify_(inotify), waiting_{root} {}
 
     std::size_t Run(int threads) {
         std::vector<std::thread> helpers;
@@ -66,7 +66,7 @@ class Walk {
     void Visit(const std::string& path, std::vector<std::string>& found) {
         const SDK::FileDescriptor dir(
             ::openat(AT_FDCWD, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!dir.IsOpen() || ::inotify_add_watch(inotify_.Get(), path.c_str(), kMask) < 0) return;
+        if (!dir.IsOpen() || ::inotify_add_watch(inotify_, path.c_str(), kMask) < 0) return;
         ++count_;
         alignas(dirent64) char bytes[32768];
         for (long got; (got = ::syscall(SYS_getdents64, dir.Get(), bytes, sizeof bytes)) > 0;) {
@@ -79,7 +79,7 @@ class Walk {
         }
     }
 
-    const SDK::FileDescriptor inotify_;
+    const int inotify_;
     std::atomic<std::size_t> count_{0};
     std::mutex mutex_;
     std::condition_variable changed_;
@@ -89,13 +89,8 @@ class Walk {
 
 }  // namespace
 
-std::size_t RawWalk(const std::string& root, int threads, double& milliseconds) {
-    Walk walk(root);
-    const auto start = std::chrono::steady_clock::now();
-    const std::size_t count = walk.Run(threads);
-    const auto end = std::chrono::steady_clock::now();
-    milliseconds = std::chrono::duration<double, std::milli>(end - start).count();
-    return count;
+std::size_t RawWalk(int inotify, const std::string& root, int threads) {
+    return Walk(inotify, root).Run(threads);
 }
 
-}  // namespace bench
+}  // namespace Bench
