@@ -45,7 +45,7 @@ std::string Result(int returned, const std::string& what, const std::string& pat
 }
 
 /// A step inside a tree that may be taken away under the intruder's hands.
-std::string UnlessGone(std::string failure) {
+std::string UnlessGone(const std::string& failure) {
     return errno == ENOENT ? std::string() : failure;
 }
 

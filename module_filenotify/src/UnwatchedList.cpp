@@ -14,7 +14,7 @@ namespace {
 constexpr std::chrono::minutes kLogAgainAfter{1};
 
 std::string Reason(int error) {
-    const std::string text = std::generic_category().message(error);
+    std::string text = std::generic_category().message(error);
     switch (error) {
         case ENOSPC:
             return text + " (raise fs.inotify.max_user_watches)";

@@ -50,7 +50,7 @@ Reply TooLarge() {
 
 /// Reads and forgets the rest of the body, up to a limit.
 void Drain(std::istream& stream) {
-    std::array<char, kReadBytes> buffer;
+    std::array<char, kReadBytes> buffer{};
     std::size_t drained = 0;
     while (drained < kMaxDrainBytes && stream.read(buffer.data(), buffer.size())) {
         drained += buffer.size();
@@ -72,7 +72,7 @@ std::optional<Reply> ReadBody(HTTPServerRequestImpl& request, HTTPServerResponse
     }
     if (request.getExpectContinue()) response.sendContinue();
     std::istream& stream = request.stream();
-    std::array<char, kReadBytes> buffer;
+    std::array<char, kReadBytes> buffer{};
     while (stream.read(buffer.data(), buffer.size()) || stream.gcount() > 0) {
         body.append(buffer.data(), static_cast<std::size_t>(stream.gcount()));
         if (body.size() > kMaxBodyBytes) {

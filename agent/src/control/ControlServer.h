@@ -22,6 +22,8 @@ class ControlServer {
     /// Borrows `routes`. `admission` says whether a peer may talk to us.
     explicit ControlServer(Routes& routes, ControlConnection::Admission admission = IsAdmittedPeer);
     ~ControlServer();
+    ControlServer(const ControlServer&) = delete;
+    ControlServer& operator=(const ControlServer&) = delete;
 
     /// Replaces a socket that a killed agent left behind: the caller holds the instance lock, so
     /// nobody else listens there. False with `error`.

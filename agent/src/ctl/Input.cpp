@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t kReadBytes = 64 * 1024;
 
 bool ReadAll(int fd, const std::string& name, std::string& text, std::string& error) {
-    std::array<char, kReadBytes> buffer;
+    std::array<char, kReadBytes> buffer{};
     while (true) {
         const ssize_t count = ::read(fd, buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR) continue;

@@ -43,7 +43,7 @@ class SignalsHeld {
     SignalsHeld& operator=(const SignalsHeld&) = delete;
 
   private:
-    sigset_t before_;
+    sigset_t before_{};
 };
 
 /// True when whoever read our output has gone.

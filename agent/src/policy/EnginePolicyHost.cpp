@@ -65,7 +65,7 @@ std::string EnginePolicyHost::ExceptionSince(std::int64_t after, const std::stri
     if (!engine_.Queries().Ask(kReportQuery, request, answer)) return "";
     for (const Json::Value& report : answer["reports"]) {
         if (SDK::JsonUtils::GetStringValue(report, "name", "") != kExceptionReport) continue;
-        const std::string text = ExceptionText(report, feature);
+        std::string text = ExceptionText(report, feature);
         if (!text.empty()) return text;
     }
     return "";

@@ -26,6 +26,8 @@ class AgentProcess {
   public:
     explicit AgentProcess(const Options& options);
     ~AgentProcess();
+    AgentProcess(const AgentProcess&) = delete;
+    AgentProcess& operator=(const AgentProcess&) = delete;
 
     /// Starts, waits for a signal to stop, and stops; the exit code of the process. Blocks.
     int Run();

@@ -16,7 +16,7 @@ namespace {
 int ReadProcessId(int fd) {
     std::array<char, 16> text{};
     const ssize_t length = ::pread(fd, text.data(), text.size() - 1, 0);
-    return length > 0 ? std::atoi(text.data()) : 0;
+    return length > 0 ? static_cast<int>(std::strtol(text.data(), nullptr, 10)) : 0;
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ void WriteReport(int fd, int exit_code, const std::string& text) {
 
 [[noreturn]] void WaitForReport(int fd) {
     std::string report;
-    std::array<char, 1024> buffer;
+    std::array<char, 1024> buffer{};
     while (true) {
         const ssize_t count = ::read(fd, buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR) continue;

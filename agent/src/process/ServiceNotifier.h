@@ -17,6 +17,8 @@ class ServiceNotifier {
     /// watchdog then hears nothing.
     explicit ServiceNotifier(std::function<void()> proof);
     ~ServiceNotifier();
+    ServiceNotifier(const ServiceNotifier&) = delete;
+    ServiceNotifier& operator=(const ServiceNotifier&) = delete;
 
     void Ready();
 

@@ -15,7 +15,7 @@ class StopSignals {
     int Wait() const;
 
   private:
-    sigset_t signals_;
+    sigset_t signals_{};
 };
 
 }  // namespace Agent
