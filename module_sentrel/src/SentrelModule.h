@@ -21,6 +21,8 @@ class SentrelModule : public Framework::Module {
   public:
     SentrelModule();
     ~SentrelModule() override;
+    SentrelModule(const SentrelModule&) = delete;
+    SentrelModule& operator=(const SentrelModule&) = delete;
 
     bool Init() override;
     void UnInit() override;

@@ -22,6 +22,9 @@ bool TakesMode(int flags) {
 
 }  // namespace
 
+// The names are the C library's.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+
 // What open and openat are called by where the compiler checks their arguments.
 extern "C" int __open_2(const char* path, int flags) {
     return Open(AT_FDCWD, path, flags, 0);
@@ -54,3 +57,5 @@ extern "C" int __openat64_2(int directory, const char* path, int flags)
 extern "C" int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 extern "C" int openat64(int directory, const char* path, int flags, ...)
     __attribute__((alias("openat")));
+
+// NOLINTEND(bugprone-reserved-identifier)
