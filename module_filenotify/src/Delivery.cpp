@@ -33,6 +33,10 @@ void Delivery::Add(PendingChange change) {
     }
 }
 
+void Delivery::SetStorm(bool storm) {
+    for (auto& [id, receiver] : receivers_) receiver.queue.SetStorm(storm);
+}
+
 void Delivery::Flush() {
     flushed_ = now_();
     for (auto& [id, receiver] : receivers_) {

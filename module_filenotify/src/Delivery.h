@@ -29,6 +29,9 @@ class Delivery {
 
     void Add(PendingChange change);
 
+    /// In a storm changes that come again and again are posted less often.
+    void SetStorm(bool storm);
+
     /// Posts what is due, as far as the receivers have room.
     void Flush();
 

@@ -9,6 +9,7 @@
 #include <sdk/Log.h>
 #include <sdk/LoggerUtils.h>
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -84,7 +85,7 @@ bool FileNotifyTask::Init() {
 
 bool FileNotifyTask::UnInit() {
     desk_.Close();
-    if (core_.Fd() >= 0) Waiter().RemoveSource(core_.Fd());
+    if (std::exchange(listening_, false)) Waiter().RemoveSource(core_.Fd());
     if (core_.WakeFd() >= 0) Waiter().RemoveSource(core_.WakeFd());
     core_.Close();
     return Framework::Task::UnInit();
@@ -95,7 +96,9 @@ bool FileNotifyTask::EnsureOpen() {
     const int error = queue_limit_.OpenRaised([this] { return core_.Open(); });
     board_.SetQueueLimit(queue_limit_.InForce(), queue_limit_.Problem());
     if (error == 0 && Waiter().AddSource(core_.Fd(), [this] { core_.Fill(); })) {
+        listening_ = true;
         open_failure_logged_ = false;
+        core_.SetQueueLimit(queue_limit_.InForce());
         return true;
     }
     if (!std::exchange(open_failure_logged_, true)) {
@@ -106,13 +109,27 @@ bool FileNotifyTask::EnsureOpen() {
     return false;
 }
 
+// While the kernel's queue is left alone, nothing is asked to wake us: that, too, costs whoever
+// makes the changes.
+void FileNotifyTask::Listen() {
+    if (core_.IsResting()) {
+        if (std::exchange(listening_, false)) Waiter().RemoveSource(core_.Fd());
+    } else if (!listening_) {
+        core_.Fill();
+        if (core_.IsResting()) return;
+        listening_ = Waiter().AddSource(core_.Fd(), [this] { core_.Fill(); });
+    }
+}
+
 int FileNotifyTask::Run() {
     if (!EnsureOpen()) {
         Waiter().WaitAndHandleEvent(static_cast<int>(retry_after_.count()), kSourcesAtOnce);
         BulkConsumeMsg(kMessagesAtOnce);
         return 0;
     }
-    const auto idle = core_.IdleTime();
+    Listen();
+    auto idle = core_.IdleTime();
+    if (!listening_) idle = std::min(idle, FileNotify::ReadPace::kLongest);
     if (idle.count() > 0) core_.PublishStatus();
     Waiter().WaitAndHandleEvent(static_cast<int>(idle.count()), kSourcesAtOnce);
     BulkConsumeMsg(kMessagesAtOnce);

@@ -48,6 +48,7 @@ class FileNotifyTask : public Framework::Task {
     ~FileNotifyTask() override;  // reference-counted
 
     bool EnsureOpen();
+    void Listen();
 
     Poco::Logger* logger_;
     FileNotify::StatusBoard board_;
@@ -56,6 +57,7 @@ class FileNotifyTask : public Framework::Task {
     FileNotify::NotifyCore core_;
     const std::chrono::milliseconds retry_after_;
     bool open_failure_logged_ = false;
+    bool listening_ = false;  ///< the kernel's queue wakes the task
 };
 
 }  // namespace Engine

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "InotifyDescriptor.h"
 
@@ -14,13 +15,14 @@ namespace Engine::FileNotify {
 std::size_t InotifyReader::Fill() {
     scratch_.resize(kReadBytes);
     std::size_t count = 0;
+    emptied_ = false;
     while (buffered_ < kMaxBufferedBytes) {
         const ssize_t got = descriptor_.Read(scratch_.data(), scratch_.size());
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        Batch batch;
+        emptied_ = got <= 0;
+        if (emptied_) break;
         const auto size = static_cast<std::size_t>(got);
-        batch.bytes = std::make_unique<char[]>(size);
+        Batch batch = TakeBatch(size);
         std::memcpy(batch.bytes.get(), scratch_.data(), size);
         ParseRecords({batch.bytes.get(), size}, batch.records);
         batch.read_time = std::chrono::steady_clock::now();
@@ -30,9 +32,18 @@ std::size_t InotifyReader::Fill() {
         buffered_ += size;
         batches_.push_back(std::move(batch));
         // A short read has emptied the queue; asking again would cost a system call each time.
-        if (size < kReadBytes / 2) break;
+        emptied_ = size < kReadBytes / 2;
+        if (emptied_) break;
     }
     return count;
+}
+
+InotifyReader::Batch InotifyReader::TakeBatch(std::size_t size) {
+    if (spare_.room >= size) return std::exchange(spare_, {});
+    Batch batch;
+    batch.bytes.reset(new char[size]);  // not set to zero
+    batch.room = size;
+    return batch;
 }
 
 const InotifyRecord* InotifyReader::Front() const {
@@ -43,6 +54,11 @@ void InotifyReader::Pop() {
     Batch& batch = batches_.front();
     --waiting_;
     if (++batch.next < batch.records.size()) return;
+    if (batch.room > spare_.room) {
+        batch.records.clear();
+        batch.next = 0;
+        spare_ = std::move(batch);
+    }
     batches_.pop_front();
     if (batches_.empty()) buffered_ = 0;
 }

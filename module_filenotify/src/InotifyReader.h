@@ -25,6 +25,9 @@ class InotifyReader {
     /// in the kernel. Returns how many records came.
     std::size_t Fill();
 
+    /// The last Fill has left nothing in the kernel.
+    bool HasEmptied() const { return emptied_; }
+
     /// The oldest record, or null. Valid until Pop.
     const InotifyRecord* Front() const;
     Time FrontTime() const { return batches_.front().read_time; }
@@ -48,16 +51,21 @@ class InotifyReader {
   private:
     struct Batch {
         std::unique_ptr<char[]> bytes;  ///< what the records' names point into
+        std::size_t room = 0;           ///< there
         std::vector<InotifyRecord> records;
         std::size_t next = 0;
         Time read_time;
     };
 
+    Batch TakeBatch(std::size_t size);
+
     InotifyDescriptor& descriptor_;
     std::deque<Batch> batches_;
     std::size_t buffered_ = 0;  ///< bytes
     std::size_t waiting_ = 0;   ///< records
+    bool emptied_ = false;
     std::vector<char> scratch_;
+    Batch spare_;  ///< used up; its memory serves again
 };
 
 }  // namespace Engine::FileNotify

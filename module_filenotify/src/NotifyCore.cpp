@@ -17,6 +17,9 @@ namespace {
 
 // Receivers get what there is after so many: they are not to wait for the end of a storm.
 constexpr std::size_t kRecordsAtOnce = 512;
+// In a storm only after so long, unless all has been handled before: of what changes again and
+// again they then get one message for many records.
+constexpr std::chrono::milliseconds kMergeFor{8};
 constexpr std::size_t kWalkedAtOnce = 4096;
 constexpr std::chrono::milliseconds kIdle{1000};
 constexpr std::chrono::milliseconds kPublishEvery{100};
@@ -87,14 +90,27 @@ void NotifyCore::Apply(const std::vector<WatchRequest>& requests) {
     roots_.Settle();
 }
 
+void NotifyCore::Fill() {
+    const std::size_t records = reader_.Fill();
+    const auto now = Clock::now();
+    if (!pace_.IsStorm()) flush_at_ = now + kMergeFor;
+    pace_.Note(records, reader_.HasEmptied(), now);
+    delivery_.SetStorm(pace_.IsStorm());
+}
+
+void NotifyCore::Flush() {
+    delivery_.Flush();
+    flush_at_ = Clock::now() + kMergeFor;
+}
+
 void NotifyCore::Work() {
     translator_.Handle(kRecordsAtOnce);
     translator_.Recover();
-    delivery_.Flush();
+    if (!pace_.IsStorm() || reader_.Empty() || Clock::now() >= flush_at_) Flush();
     if (MayWalk()) {
         if (!walker_.Step(kWalkedAtOnce, MayTell())) walker_.End();
         roots_.Settle();
-        delivery_.Flush();
+        Flush();
     }
     const auto now = Clock::now();
     if (!tree_.unwatched.Empty() && now >= RetryDue()) RetryUnwatched();
@@ -167,6 +183,7 @@ std::chrono::milliseconds NotifyCore::IdleTime() const {
         idle = std::clamp(left, std::chrono::milliseconds(0), idle);
     };
     if (const auto due = delivery_.NextDue()) until(*due);
+    if (IsResting()) until(pace_.Until());
     if (!tree_.unwatched.Empty()) until(RetryDue());
     if (roots_.PruneDue()) until(prune_at_);
     return idle;

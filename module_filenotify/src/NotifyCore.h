@@ -12,6 +12,7 @@
 #include "EventTranslator.h"
 #include "InotifyDescriptor.h"
 #include "InotifyReader.h"
+#include "ReadPace.h"
 #include "StatusBoard.h"
 #include "TreeWalker.h"
 
@@ -28,6 +29,8 @@ class NotifyCore {
 
     /// 0, or the errno of what failed; may be tried again.
     int Open();
+    /// How many events the kernel keeps for us; 0: not known.
+    void SetQueueLimit(std::uint32_t events) { pace_.SetQueueLimit(events); }
     void Close();
     int Fd() const { return descriptor_->Fd(); }
 
@@ -38,7 +41,10 @@ class NotifyCore {
     void Woken() { delivery_.Wakes().Drain(); }
 
     /// Takes over what the kernel has queued.
-    void Fill() { reader_.Fill(); }
+    void Fill();
+
+    /// The kernel's queue is to be left alone for now; IdleTime says how long.
+    bool IsResting() const { return pace_.IsResting(Clock::now()); }
 
     /// One bounded portion of everything that is to be done.
     void Work();
@@ -51,6 +57,7 @@ class NotifyCore {
   private:
     using Clock = std::chrono::steady_clock;
 
+    void Flush();
     bool MayTell() const;
     bool MayWalk() const;
     Clock::time_point RetryDue() const;
@@ -65,6 +72,7 @@ class NotifyCore {
     Delivery delivery_;
     WatchedTree tree_;
     InotifyReader reader_;
+    ReadPace pace_;
     ChangeRouter router_;
     RootTracker roots_;
     TreeChanges changes_;
@@ -74,6 +82,7 @@ class NotifyCore {
     std::size_t retry_from_ = 0;
     Clock::time_point prune_at_{};
     Clock::time_point next_publish_{};
+    Clock::time_point flush_at_{};  ///< in a storm
 };
 
 }  // namespace Engine::FileNotify

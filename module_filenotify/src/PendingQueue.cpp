@@ -3,6 +3,7 @@
 
 #include "PendingQueue.h"
 
+#include <algorithm>
 #include <functional>
 #include <iterator>
 #include <string>
@@ -34,10 +35,20 @@ bool PendingQueue::Push(PendingChange change, Time now) {
     Entry entry;
     entry.change = std::move(change);
     entry.hash = HashOf(entry.change);
-    if (known_.count(&entry) != 0) return false;
+    const auto known = known_.find(&entry);
+    if (known != known_.end()) {
+        (*known)->repeated = true;
+        return false;
+    }
     entry.lane = LaneOf(entry.change);
     entry.serial = ++serial_;
     entry.due = now + LossHold::kLongest;
+    if (entry.lane == kContents && !entry.change.IsArrival() &&
+        repeats_.IsRepeat(entry.hash, now)) {
+        entry.lane = kRepeats;
+        entry.due = now + RepeatHold::kQuiet;
+        entry.last_due = now + RepeatHold::kLongest;
+    }
     Entries& lane = lanes_[entry.lane];
     lane.push_back(std::move(entry));
     known_.insert(&lane.back());
@@ -51,11 +62,16 @@ void PendingQueue::NoteDirectory(Entries::iterator entry) {
 }
 
 std::optional<PendingQueue::Time> PendingQueue::NextDue() const {
-    if (lanes_[kHeld].empty()) return std::nullopt;
-    return hold_.Due();
+    std::optional<Time> next;
+    if (!lanes_[kHeld].empty()) next = hold_.Due();
+    const Entries& repeats = lanes_[kRepeats];
+    if (!repeats.empty()) next = std::min(next.value_or(Time::max()), repeats.front().due);
+    return next;
 }
 
 std::size_t PendingQueue::Settle(Time now) {
+    settled_ = now;
+    ReleaseRepeats(now);
     std::size_t held = lanes_[kHeld].size();
     if (held > 0 && hold_.IsOver(now, held)) {
         Release();
@@ -79,6 +95,21 @@ void PendingQueue::Release() {
     lanes_[kReleased].splice(lanes_[kReleased].end(), held);
 }
 
+void PendingQueue::ReleaseRepeats(Time now) {
+    Entries& repeats = lanes_[kRepeats];
+    while (!repeats.empty() && repeats.front().due <= now) {
+        Entry& entry = repeats.front();
+        if (std::exchange(entry.repeated, false) && now < entry.last_due) {
+            entry.due = now + RepeatHold::kQuiet;
+            repeats.splice(repeats.end(), repeats, repeats.begin());
+            continue;
+        }
+        entry.lane = kContents;
+        entry.serial = ++serial_;
+        lanes_[kContents].splice(lanes_[kContents].end(), repeats, repeats.begin());
+    }
+}
+
 std::size_t PendingQueue::AddRepairs(Time now) {
     std::vector<const PendingChange*> losses;
     for (const Entry& entry : lanes_[kReleased]) {
@@ -97,7 +128,7 @@ std::size_t PendingQueue::AddRepairs(Time now) {
 }
 
 const PendingChange* PendingQueue::Next(bool losses_too) {
-    while (known_.size() > lanes_[kHeld].size()) {
+    while (known_.size() > lanes_[kHeld].size() + lanes_[kRepeats].size()) {
         next_ = Choose(losses_too);
         if (next_ == lanes_[kContents].end()) return nullptr;
         const Entries::iterator* above = TopmostAbove(next_->change, !Concerns(*next_));
@@ -151,6 +182,7 @@ const PendingQueue::Entries::iterator* PendingQueue::TopmostAbove(const PendingC
 
 void PendingQueue::Pop() {
     last_lane_ = next_->lane;
+    repeats_.NotePosted(next_->hash, settled_);
     Remove(next_);
 }
 

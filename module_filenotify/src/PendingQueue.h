@@ -14,6 +14,7 @@
 #include "LossHold.h"
 #include "PendingChange.h"
 #include "RepairPlan.h"
+#include "RepeatHold.h"
 
 namespace Engine::FileNotify {
 
@@ -23,7 +24,8 @@ namespace Engine::FileNotify {
 /// but by the paths there are.
 ///
 /// The order, since one message may spare the receiver many others:
-/// - Deletions are held back as long as LossHold says.
+/// - Deletions are held back as long as LossHold says, repeated changes of contents in a storm as
+///   long as RepeatHold says.
 /// - Changes of content go first, then those of directories (a receiver that puts a directory back
 ///   undoes what is changed in it, which is to be judged and told before), then deletions.
 /// - The arrival or loss of a directory goes ahead of all that waits below it, the topmost first;
@@ -42,6 +44,7 @@ class PendingQueue {
     ~PendingQueue() = default;
 
     bool Push(PendingChange change, Time now);  ///< false: the same was waiting already
+    void SetStorm(bool storm) { repeats_.SetStorm(storm); }
     std::size_t Size() const { return known_.size(); }
 
     /// Lets go what has been held back for long enough; how many changes it was.
@@ -64,7 +67,7 @@ class PendingQueue {
     std::size_t DropRevoked();
 
   private:
-    enum Lane : std::uint8_t { kContents, kDirectories, kReleased, kHeld, kLanes };
+    enum Lane : std::uint8_t { kContents, kDirectories, kReleased, kHeld, kRepeats, kLanes };
 
     struct Entry {
         PendingChange change;
@@ -73,7 +76,9 @@ class PendingQueue {
         bool put_back = false;               ///< has waited for a directory above it
         std::uint64_t serial = 0;            ///< of its coming
         std::optional<std::uint64_t> after;  ///< what came up to this serial goes first
-        Time due{};                          ///< of a directory: when `after` is to be set
+        Time due{};             ///< of a directory: when `after` is to be set; of a repeat: its end
+        Time last_due{};        ///< of a repeat: it is not put off beyond that
+        bool repeated = false;  ///< has come again while it waited
     };
     using Entries = std::list<Entry>;
     struct Hash {
@@ -88,6 +93,7 @@ class PendingQueue {
     static bool Concerns(const Entry& entry);
     void NoteDirectory(Entries::iterator entry);
     void Release();
+    void ReleaseRepeats(Time now);
     std::vector<PendingChange> Plan() const;
     Entries::iterator Choose(bool losses_too);
     bool MayGo(Lane lane) const;
@@ -97,11 +103,13 @@ class PendingQueue {
 
     const NamesBelow names_below_;
     std::array<Entries, kLanes> lanes_;
-    std::unordered_set<const Entry*, Hash, Equal> known_;
+    std::unordered_set<Entry*, Hash, Equal> known_;
     /// The last waiting arrival or loss of each directory, by path.
     std::unordered_map<std::string_view, Entries::iterator> directories_;
     Entries::iterator next_;
     LossHold hold_;
+    RepeatHold repeats_;
+    Time settled_{};
     std::uint64_t serial_ = 0;
     std::uint8_t last_lane_ = kContents;  ///< that something went out of
 };

@@ -20,6 +20,7 @@ using namespace std::chrono_literals;
 using Engine::FileNotify::Counters;
 using Engine::FileNotify::Delivery;
 using Engine::FileNotify::LossHold;
+using Engine::FileNotify::RepeatHold;
 using Engine::FileNotify::SendWindow;
 using Engine::FileNotify::WatchTicket;
 using Names = std::vector<std::string>;
@@ -116,6 +117,33 @@ TEST_F(Burst, StormWithoutPause_DeletionsAreLetGoAtTheBound) {
         EXPECT_EQ(Posted(), Names());
     }
     EXPECT_EQ(Posted().size(), 300U);
+}
+
+TEST_F(Burst, SameFilesChangedAllTheTime_OnlyInAStormTheyWaitBoundedAndTheFirstChangeDoesNot) {
+    Add(IN_MODIFY, "/page");
+    EXPECT_EQ(Posted(), Names{"/page"});
+    Add(IN_MODIFY, "/page");
+    EXPECT_EQ(Posted(), Names{"/page"});
+    delivery->SetStorm(true);
+    Add(IN_MODIFY, "/page");
+    EXPECT_EQ(Posted(), Names{"/page"});
+    const auto begin = now;
+    for (; now < begin + RepeatHold::kLongest; now += 1ms) {
+        Add(IN_MODIFY, "/page");
+        EXPECT_EQ(Posted(), Names());
+        Add(IN_MODIFY, "/new" + std::to_string((now - begin) / 1ms));
+        EXPECT_EQ(Posted().size(), 1U);
+    }
+    now += RepeatHold::kQuiet;
+    EXPECT_EQ(Posted(), Names{"/page"});
+    Add(IN_MODIFY, "/page");
+    delivery->SetStorm(false);
+    EXPECT_EQ(Posted(), Names());
+    ASSERT_EQ(delivery->NextDue(), now + RepeatHold::kQuiet);
+    now = *delivery->NextDue();
+    EXPECT_EQ(Posted(), Names{"/page"});
+    EXPECT_FALSE(delivery->NextDue());
+    EXPECT_EQ(counters.pending, 0U);
 }
 
 TEST_F(Burst, DirectoryDeleted_GoesAheadOfAllBelowIt) {

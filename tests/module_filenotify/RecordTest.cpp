@@ -87,4 +87,27 @@ TEST(InotifyReader, HalvesOfAMoveInTwoReads_ArePairedByCookie) {
     EXPECT_EQ(reader.Fill(), 0U);
 }
 
+TEST(InotifyReader, ReadsOfAllSizes_KeepTheirRecordsAndTellWhetherMoreMayBeThere) {
+    ScriptedDescriptor descriptor;
+    InotifyReader reader(descriptor);
+    const std::string one = Record(1, IN_MODIFY, 0, "name");
+    std::string many;
+    while (many.size() + one.size() < InotifyReader::kReadBytes) many += one;
+    for (int round = 0; round < 3; ++round) {
+        descriptor.reads = {many, Record(2, IN_MODIFY, 0, "last")};
+        reader.Fill();
+        EXPECT_TRUE(reader.HasEmptied());
+        for (; reader.Size() > 1; reader.Pop()) ASSERT_EQ(reader.Front()->name, "name");
+        EXPECT_EQ(reader.Front()->name, "last");
+        reader.Pop();
+        EXPECT_TRUE(reader.Empty());
+    }
+    for (std::size_t read = 0; read <= InotifyReader::kMaxBufferedBytes; read += many.size()) {
+        descriptor.reads.push_back(many);
+    }
+    descriptor.reads.push_back(many);
+    reader.Fill();
+    EXPECT_FALSE(reader.HasEmptied());
+}
+
 }  // namespace test
