@@ -1,161 +1,49 @@
-// Runs commands and waits for them on the caller's thread. Keeps nothing: the process is
-// ChildProcess's, its environment CommandEnvironment's, the decision whether a line needs a shell
+// Runs commands and waits for them on the caller's thread. Keeps nothing: the command is
+// RunningCommand's, its environment CommandEnvironment's, the decision whether a line needs a shell
 // CommandLine's.
 #include "sdk/ExecuteCmdUtils.h"
 
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
-#include <cerrno>
+#include <optional>
 
-#include "ChildProcess.h"
 #include "CommandEnvironment.h"
 #include "CommandLine.h"
-#include "GroupWatch.h"
-#include "sdk/CommandInterrupter.h"
-#include "sdk/TimeUtils.h"
+#include "sdk/RunningCommand.h"
 
 namespace SDK {
 
 namespace {
 
+using Words = std::vector<std::string>;
+
 constexpr const char* kShell = "/bin/sh";
-constexpr int kNoLimit = -1;
-
-/// Keeps the beginning of a command's output and throws the rest away.
-class OutputCollector {
-  public:
-    OutputCollector(int fd, std::string& output, std::size_t max_output)
-        : fd_(fd), output_(output), max_output_(max_output) {}
-
-    /// -1 once all writers have closed.
-    int Descriptor() const { return fd_; }
-
-    /// Takes what one read gives; its size, 0 when there is nothing (any more).
-    std::size_t Take() {
-        std::array<char, 64 * 1024> buffer{};
-        const ssize_t got = ::read(fd_, buffer.data(), buffer.size());
-        if (got < 0 && (errno == EAGAIN || errno == EINTR)) return 0;
-        if (got <= 0) {
-            fd_ = -1;
-            return 0;
-        }
-        const std::size_t room = max_output_ - std::min(max_output_, output_.size());
-        output_.append(buffer.data(), std::min(room, static_cast<std::size_t>(got)));
-        return static_cast<std::size_t>(got);
-    }
-
-    /// Takes what lies in the pipe now, and not what a process left behind goes on writing.
-    void TakeRest() {
-        int waiting = 0;
-        if (fd_ < 0 || ::ioctl(fd_, FIONREAD, &waiting) != 0) return;
-        for (auto left = static_cast<std::size_t>(waiting); left > 0;) {
-            const std::size_t taken = Take();
-            if (taken == 0) return;
-            left -= std::min(left, taken);
-        }
-    }
-
-  private:
-    int fd_;
-    std::string& output_;
-    const std::size_t max_output_;
-};
-
-bool IsInterrupted(const CommandInterrupter* interrupter) {
-    if (interrupter == nullptr) return false;
-    pollfd event{interrupter->Descriptor(), POLLIN, 0};
-    return ::poll(&event, 1, 0) > 0;
-}
-
-/// Milliseconds that poll may wait, -1 for any time, 0 when the time is up.
-int Remaining(std::int64_t deadline_ms) {
-    if (deadline_ms < 0) return -1;
-    return static_cast<int>(std::max<std::int64_t>(0, deadline_ms - TimeUtils::GetMonotonicMs()));
-}
-
-/// Waits until the process has ended and collects its output meanwhile; 0, or why the wait ended.
-int WaitForEnd(const ChildProcess& child, OutputCollector& output, int timeout_ms) {
-    const std::int64_t deadline = timeout_ms < 0 ? -1 : TimeUtils::GetMonotonicMs() + timeout_ms;
-    const CommandInterrupter* interrupter = CommandInterrupter::Current();
-    GroupWatch watch(child.Group());
-    for (;;) {
-        std::array<pollfd, 3> events{
-            {{child.EndDescriptor(), POLLIN, 0},
-             {output.Descriptor(), POLLIN, 0},
-             {interrupter == nullptr ? -1 : interrupter->Descriptor(), POLLIN, 0}}};
-        const int remaining = Remaining(deadline);
-        if (::poll(events.data(), events.size(), watch.Until(remaining)) < 0 && errno != EINTR) {
-            return ExecuteCmdUtils::kStartFailed;
-        }
-        if (events[1].revents != 0) output.Take();
-        if (events[0].revents != 0) return watch.HasAsked() ? ExecuteCmdUtils::kTimedOut : 0;
-        if (events[2].revents != 0) return ExecuteCmdUtils::kInterrupted;
-        if (remaining == 0 || !watch.Look()) return ExecuteCmdUtils::kTimedOut;
-    }
-}
-
-/// Runs `arguments` to its end or the time's; `started` tells a failed start from other results.
-int Run(const std::vector<std::string>& arguments, int timeout_ms, int& exit_code,
-        std::string& output, std::size_t max_output, bool& started) {
-    exit_code = -1;
-    output.clear();
-    started = true;
-    if (IsInterrupted(CommandInterrupter::Current())) return ExecuteCmdUtils::kInterrupted;
-    ChildProcess child;
-    started = child.Start(arguments, CommandEnvironment::Of(arguments.front()));
-    if (!started || child.EndDescriptor() < 0) return ExecuteCmdUtils::kStartFailed;
-    OutputCollector collector(child.OutputDescriptor(), output, max_output);
-    const int ended = WaitForEnd(child, collector, timeout_ms);
-    if (ended != 0) child.Kill();
-    const int status = child.Reap();
-    collector.TakeRest();
-    if (ended != 0) return ended;
-    if (status == -1) return ExecuteCmdUtils::kStartFailed;
-    if (WIFSIGNALED(status)) return ExecuteCmdUtils::kKilledBySignal;
-    exit_code = WEXITSTATUS(status);
-    return 0;
-}
-
-/// A word with a NUL byte would reach the program cut short, as another command.
-bool HoldsNul(const std::string& text) {
-    return text.find('\0') != std::string::npos;
-}
 
 }  // namespace
 
 int ExecuteCmdUtils::ExecuteCmd(const std::string& command, std::string& output,
                                 std::size_t max_output) {
     output.clear();
-    if (HoldsNul(command)) return kStartFailed;
-    const std::vector<std::string> words = SplitPlainCommand(command);
-    bool started = false;
-    int exit_code = -1;
-    int result = kStartFailed;
-    if (!words.empty()) result = Run(words, kNoLimit, exit_code, output, max_output, started);
+    if (command.find('\0') != std::string::npos) return kStartFailed;
+    const Words words = SplitPlainCommand(command);
+    std::optional<RunningCommand> running;
+    if (!words.empty()) running.emplace(words, RunningCommand::kNoLimit);
     // What cannot be started is left to the shell as well: its words and its code tell why, and it
     // can run a script without an interpreter line.
-    if (!started) {
-        result = Run({kShell, "-c", CommandEnvironment::ShellLine(command)}, kNoLimit, exit_code,
-                     output, max_output, started);
+    if (!running || running->CouldNotStart()) {
+        running.emplace(Words{kShell, "-c", CommandEnvironment::ShellLine(command)},
+                        RunningCommand::kNoLimit);
     }
+    int exit_code = -1;
+    const int result = running->Wait(exit_code, output, max_output);
     return result == 0 ? exit_code : result;
 }
 
 int ExecuteCmdUtils::ExecuteCmd(const std::string& program,
                                 const std::vector<std::string>& arguments, int timeout_ms,
                                 int& exit_code, std::string& output, std::size_t max_output) {
-    output.clear();
-    exit_code = -1;
-    std::vector<std::string> words{program};
+    Words words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    if (std::any_of(words.begin(), words.end(), HoldsNul)) return kStartFailed;
-    bool started = false;
-    return Run(words, std::max(timeout_ms, 0), exit_code, output, max_output, started);
+    return RunningCommand(words, std::max(timeout_ms, 0)).Wait(exit_code, output, max_output);
 }
 
 void ExecuteCmdUtils::SetSearchPath(const std::string& path) {

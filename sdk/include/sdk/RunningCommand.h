@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace SDK {
+
+class ChildProcess;
+
+/// An external command that goes on while its starter does something else; what a command gets is
+/// said in ExecuteCmdUtils, which is for those that are waited for at once. Killed with its group
+/// when nobody has waited for it. One thread.
+class RunningCommand {
+  public:
+    static constexpr int kNoLimit = -1;
+
+    /// Starts `arguments[0]` (an absolute path), without a shell. The time of `timeout_ms` begins
+    /// now; it counts only for Wait. Does not start when the thread is interrupted.
+    RunningCommand(const std::vector<std::string>& arguments, int timeout_ms);
+    ~RunningCommand();
+    RunningCommand(const RunningCommand&) = delete;
+    RunningCommand& operator=(const RunningCommand&) = delete;
+
+    /// There is no such program, or it cannot be run.
+    bool CouldNotStart() const;
+
+    /// Blocks until the command has ended or its time is up, and kills it then. Nobody reads the
+    /// output before: a command that writes more than a pipe holds (64 KiB) waits for this. 0 when
+    /// it ran to its end (the code is then in `exit_code`), else one of the negative results of
+    /// ExecuteCmdUtils (`exit_code` is -1). Once only.
+    int Wait(int& exit_code, std::string& output, std::size_t max_output);
+
+  private:
+    const std::int64_t deadline_ms_;
+    const std::unique_ptr<ChildProcess> child_;
+    bool is_interrupted_ = false;
+    bool has_started_ = false;
+};
+
+}  // namespace SDK

@@ -1,0 +1,135 @@
+// Owns one started command and the reading of its output. Not what it is run with: its environment
+// is CommandEnvironment's, the process itself ChildProcess's. One thread.
+#include "sdk/RunningCommand.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "ChildProcess.h"
+#include "CommandEnvironment.h"
+#include "GroupWatch.h"
+#include "sdk/CommandInterrupter.h"
+#include "sdk/ExecuteCmdUtils.h"
+#include "sdk/TimeUtils.h"
+
+namespace SDK {
+
+namespace {
+
+/// Keeps the beginning of a command's output and throws the rest away.
+class OutputCollector {
+  public:
+    OutputCollector(int fd, std::string& output, std::size_t max_output)
+        : fd_(fd), output_(output), max_output_(max_output) {}
+
+    /// -1 once all writers have closed.
+    int Descriptor() const { return fd_; }
+
+    /// Takes what one read gives; its size, 0 when there is nothing (any more).
+    std::size_t Take() {
+        std::array<char, 64 * 1024> buffer{};
+        const ssize_t got = ::read(fd_, buffer.data(), buffer.size());
+        if (got < 0 && (errno == EAGAIN || errno == EINTR)) return 0;
+        if (got <= 0) {
+            fd_ = -1;
+            return 0;
+        }
+        const std::size_t room = max_output_ - std::min(max_output_, output_.size());
+        output_.append(buffer.data(), std::min(room, static_cast<std::size_t>(got)));
+        return static_cast<std::size_t>(got);
+    }
+
+    /// Takes what lies in the pipe now, and not what a process left behind goes on writing.
+    void TakeRest() {
+        int waiting = 0;
+        if (fd_ < 0 || ::ioctl(fd_, FIONREAD, &waiting) != 0) return;
+        for (auto left = static_cast<std::size_t>(waiting); left > 0;) {
+            const std::size_t taken = Take();
+            if (taken == 0) return;
+            left -= std::min(left, taken);
+        }
+    }
+
+  private:
+    int fd_;
+    std::string& output_;
+    const std::size_t max_output_;
+};
+
+/// A word with a NUL byte would reach the program cut short, as another command.
+bool HoldsNul(const std::string& text) {
+    return text.find('\0') != std::string::npos;
+}
+
+bool IsInterrupted(const CommandInterrupter* interrupter) {
+    if (interrupter == nullptr) return false;
+    pollfd event{interrupter->Descriptor(), POLLIN, 0};
+    return ::poll(&event, 1, 0) > 0;
+}
+
+/// Milliseconds that poll may wait, -1 for any time, 0 when the time is up.
+int Remaining(std::int64_t deadline_ms) {
+    if (deadline_ms < 0) return -1;
+    return static_cast<int>(std::max<std::int64_t>(0, deadline_ms - TimeUtils::GetMonotonicMs()));
+}
+
+/// Waits until the process has ended and collects its output meanwhile; 0, or why the wait ended.
+int WaitForEnd(const ChildProcess& child, OutputCollector& output, std::int64_t deadline) {
+    const CommandInterrupter* interrupter = CommandInterrupter::Current();
+    GroupWatch watch(child.Group());
+    for (;;) {
+        std::array<pollfd, 3> events{
+            {{child.EndDescriptor(), POLLIN, 0},
+             {output.Descriptor(), POLLIN, 0},
+             {interrupter == nullptr ? -1 : interrupter->Descriptor(), POLLIN, 0}}};
+        const int remaining = Remaining(deadline);
+        if (::poll(events.data(), events.size(), watch.Until(remaining)) < 0 && errno != EINTR) {
+            return ExecuteCmdUtils::kStartFailed;
+        }
+        if (events[1].revents != 0) output.Take();
+        if (events[0].revents != 0) return watch.HasAsked() ? ExecuteCmdUtils::kTimedOut : 0;
+        if (events[2].revents != 0) return ExecuteCmdUtils::kInterrupted;
+        if (remaining == 0 || !watch.Look()) return ExecuteCmdUtils::kTimedOut;
+    }
+}
+
+}  // namespace
+
+RunningCommand::RunningCommand(const std::vector<std::string>& arguments, int timeout_ms)
+    : deadline_ms_(timeout_ms < 0 ? kNoLimit : TimeUtils::GetMonotonicMs() + timeout_ms),
+      child_(std::make_unique<ChildProcess>()) {
+    is_interrupted_ = IsInterrupted(CommandInterrupter::Current());
+    if (is_interrupted_ || std::any_of(arguments.begin(), arguments.end(), HoldsNul)) return;
+    has_started_ = child_->Start(arguments, CommandEnvironment::Of(arguments.front()));
+}
+
+RunningCommand::~RunningCommand() = default;
+
+bool RunningCommand::CouldNotStart() const {
+    return !has_started_ && !is_interrupted_;
+}
+
+int RunningCommand::Wait(int& exit_code, std::string& output, std::size_t max_output) {
+    exit_code = -1;
+    output.clear();
+    if (is_interrupted_) return ExecuteCmdUtils::kInterrupted;
+    if (!has_started_ || child_->EndDescriptor() < 0) return ExecuteCmdUtils::kStartFailed;
+    OutputCollector collector(child_->OutputDescriptor(), output, max_output);
+    const int ended = WaitForEnd(*child_, collector, deadline_ms_);
+    if (ended != 0) child_->Kill();
+    const int status = child_->Reap();
+    collector.TakeRest();
+    if (ended != 0) return ended;
+    if (status == -1) return ExecuteCmdUtils::kStartFailed;
+    if (WIFSIGNALED(status)) return ExecuteCmdUtils::kKilledBySignal;
+    exit_code = WEXITSTATUS(status);
+    return 0;
+}
+
+}  // namespace SDK
