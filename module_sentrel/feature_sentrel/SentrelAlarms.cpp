@@ -1,11 +1,11 @@
-// Owns the alarms of the last minute: a burst of changes of one file gives one report. It must not
-// decide what is tampering (SentrelEvents.cpp). A report belongs to the framework once it is sent.
-// Inotify task's thread.
+// Owns the alarms of the last minute, as a burst of changes of one file gives one report, and the
+// one that is still being described. It must not decide what is tampering (SentrelEvents.cpp). A
+// report belongs to the framework once it is sent. Inotify task's thread.
+#include <Poco/String.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <WorkClock.h>
-#include <framework/Message.h>
 #include <json/value.h>
 #include <sdk/CryptoCodeUtils.h>
 #include <sdk/JsonUtils.h>
@@ -114,8 +114,57 @@ void SentrelInotifyTask::CleanOldMessageFromCache() {
     }
 }
 
+/// The page is back by now. How it differed is found out while the next one is put back when more
+/// changes wait; the evidence lasts as long as that takes.
+void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::string& file,
+                                    alarm_type type) {
+    SendPendingAlarm();
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    PendingAlarm alarm;
+    alarm.file = file;
+    alarm.type = type;
+    alarm.lost_directory = current_event_.lost_directory;
+    alarm.note = NoteOfEvent();
+    alarm.evidence = std::move(current_event_.evidence);
+    const std::string backup = rule.backup_path + file;
+    const std::string changed = alarm.evidence.Path();
+    if (utils->diff_attr) alarm.diff_attr = HandleFileAttrDiff(backup, changed);
+    const bool more_wait = QueueLength() > 0;
+    if (utils->diff_content && !changed.empty()) {
+        alarm.diff = more_wait ? ContentDiff(backup, changed)
+                               : ContentDiff(HandleFileContentDiff(backup, changed));
+    }
+    pending_alarm_ = std::move(alarm);
+    if (!more_wait) SendPendingAlarm();
+}
+
+void SentrelInotifyTask::SendPendingAlarm() {
+    if (!pending_alarm_) return;
+    PendingAlarm alarm = std::move(*pending_alarm_);
+    pending_alarm_.reset();
+    // diff names the files that it calls different without showing how.
+    std::string diff = alarm.diff.Take();
+    const std::string held = alarm.evidence.Path();
+    if (!held.empty()) Poco::replaceInPlace(diff, held, alarm.file);
+    SendAlarm(alarm.file, alarm.type, diff, alarm.diff_attr, alarm.note);
+    // Its own event will find it put right.
+    if (!alarm.lost_directory.empty()) {
+        SendAlarm(alarm.lost_directory, ALARM_DELETE, "", "", alarm.note);
+    }
+}
+
+Framework::ReportNote SentrelInotifyTask::NoteOfEvent() const {
+    return {current_event_.outcome, MillisecondsSince(current_event_.source.read_time), true};
+}
+
 void SentrelInotifyTask::SentrelSendAlarm(const std::string& file_path, alarm_type type,
                                           const std::string& diff, const std::string& diff_attr) {
+    SendAlarm(file_path, type, diff, diff_attr, NoteOfEvent());
+}
+
+void SentrelInotifyTask::SendAlarm(const std::string& file_path, alarm_type type,
+                                   const std::string& diff, const std::string& diff_attr,
+                                   const Framework::ReportNote& note) {
     SentrelStatus& status = SentrelStatus::Instance();
     SentrelCacheMsg record = CacheRecord(file_path, type);
     if (IsMessageMerged(record)) {
@@ -127,8 +176,7 @@ void SentrelInotifyTask::SentrelSendAlarm(const std::string& file_path, alarm_ty
         SDK::JsonUtils::JsonToString(AlarmDocument(file_path, type, diff, diff_attr));
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "sentrel alarm:%s", text);
     auto* message = new Framework::DataMessage("2", text);
-    message->SetNote(
-        {current_event_.outcome, MillisecondsSince(current_event_.source.read_time), true});
+    message->SetNote(note);
     const int result = SendDirectMsg("data_comm_report_task", message);
     status.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);
 }

@@ -1,10 +1,10 @@
 // Looks at changed files and their backup copies, and describes how they differ. Reads only, never
 // writes; nothing here decides what is done about a difference. Inotify task's thread.
+#include <ContentDiff.h>
 #include <ProtectedWay.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
 #include <sdk/DirUtils.h>
-#include <sdk/ExecuteCmdUtils.h>
 #include <sdk/FileUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
@@ -24,9 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMaxDiff = 1024;
-constexpr int kDiffTimeoutMs = 5000;
-
 void AppendSlash(std::string& path) {
     if (path.empty() || path.back() != '/') path += '/';
 }
@@ -40,12 +37,6 @@ std::string DescribeAttributes(const char* label, const std::string& path) {
                   info.st_uid, info.st_gid, SDK::FileUtils::StModeToStr(info.st_mode).c_str(),
                   static_cast<long>(info.st_size));
     return text.data();
-}
-
-/// A regular file; also one that only evidence keeps hold of, whose path looks like a link.
-bool IsHeldFile(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 bool DigestOf(const std::string& path, std::string& digest) {
@@ -183,20 +174,7 @@ std::string SentrelInotifyTask::HandleFileAttrDiff(const std::string& backup,
 
 std::string SentrelInotifyTask::HandleFileContentDiff(const std::string& backup,
                                                       const std::string& changed) {
-    std::string output;
-    if (!IsHeldFile(changed) || SDK::FileUtils::IsFileElf(changed)) return output;
-    if (!SDK::FileUtils::IsFile(backup)) {
-        const int result = SDK::FileUtils::ReadFile(changed, output, kMaxDiff);
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "read(%s) -> [%d] [%?d]", changed, result,
-                output.size());
-        return output;
-    }
-    int exit_code = 0;
-    const int result = SDK::ExecuteCmdUtils::ExecuteCmd(
-        "/usr/bin/diff", {"-bBi", changed, backup}, kDiffTimeoutMs, exit_code, output, kMaxDiff);
-    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "diff(%s, %s) -> [%d] [%d] [%?d]", changed, backup, result,
-            exit_code, output.size());
-    return output;
+    return ContentDiff(backup, changed).Take();
 }
 
 }  // namespace Engine

@@ -1,7 +1,6 @@
 // Decides for every change whether it is tampering. An event is only a hint: what counts is the
 // file as it is now against its backup copy. Undoing is SentrelRestore.cpp's, merging of alarms
 // SentrelAlarms.cpp's. Inotify task's thread.
-#include <Poco/String.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
@@ -193,24 +192,6 @@ void SentrelInotifyTask::HandleUnknownFile(const SentrelDirRule& rule, std::uint
     }
     AutoRestoreFile(rule, false, (mask & kArrived) != 0, file);
     RaiseAlarm(rule, file, ALARM_ADD);
-}
-
-void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::string& file,
-                                    alarm_type type) {
-    const SentrelUtils* utils = SentrelUtils::GetInstance();
-    const std::string backup = rule.backup_path + file;
-    const std::string changed = current_event_.evidence.Path();
-    std::string diff;
-    std::string diff_attr;
-    if (utils->diff_content && !changed.empty()) {
-        // diff names the files that it calls different without showing how.
-        diff = Poco::replace(HandleFileContentDiff(backup, changed), changed, file);
-    }
-    if (utils->diff_attr) diff_attr = HandleFileAttrDiff(backup, changed);
-    SentrelSendAlarm(file, type, diff, diff_attr);
-    // Its own event will find it put right.
-    const std::string& lost = current_event_.lost_directory;
-    if (!lost.empty()) SentrelSendAlarm(lost, ALARM_DELETE, "", "");
 }
 
 }  // namespace Engine

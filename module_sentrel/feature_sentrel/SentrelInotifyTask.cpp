@@ -67,6 +67,7 @@ int SentrelInotifyTask::Run() {
     if (Waiter().WaitAndHandleEvent(kWaitMs, kMaxEventSources) == -1) {
         BulkConsumeMsg(kMaxMessagesPerCycle);
     }
+    SendPendingAlarm();
     CleanOldMessageFromCache();
     return 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <AlarmIndex.h>
+#include <ContentDiff.h>
 #include <DeferredEvents.h>
 #include <Evidence.h>
 #include <FailedEvents.h>
@@ -8,6 +9,7 @@
 #include <SentrelCacheMsg.h>
 #include <SentrelDirRule.h>
 #include <TreeSweep.h>
+#include <framework/Message.h>
 #include <framework/Task.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
 #include <sys/types.h>
@@ -43,6 +45,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     int Run() override;
 
     /// One change, as the file-notify module delivers it. Restoring blocks until rsync has ended.
+    /// An alarm may be sent only with the next one, or at the end of the pass, when more changes
+    /// wait.
     void FileNotifyMessageAction(FileNotifyMessage* msg) override;
 
     // Watches.
@@ -141,8 +145,24 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void BeginSweep(const std::string& watch_id);
     void EndSweep(bool is_complete);
     void ForgetBacklog();
-    void RaiseAlarm(const SentrelDirRule& rule, const std::string& file, alarm_type type);
 
+    /// An alarm of what has been dealt with, while its difference is found out.
+    struct PendingAlarm {
+        std::string file;
+        alarm_type type = ALARM_UNKNOWN;
+        std::string diff_attr;
+        std::string lost_directory;
+        Framework::ReportNote note;
+        Evidence evidence;
+        ContentDiff diff;
+    };
+    void RaiseAlarm(const SentrelDirRule& rule, const std::string& file, alarm_type type);
+    void SendPendingAlarm();
+    void SendAlarm(const std::string& file_path, alarm_type type, const std::string& diff,
+                   const std::string& diff_attr, const Framework::ReportNote& note);
+    Framework::ReportNote NoteOfEvent() const;
+
+    std::optional<PendingAlarm> pending_alarm_;  ///< within one pass only
     AlarmIndex alarm_index_;
     CurrentEvent current_event_;
     OwnRestores own_restores_;

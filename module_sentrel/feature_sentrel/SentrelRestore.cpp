@@ -138,6 +138,7 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
         current_event_.lost_directory = target;
     }
     if (HoldsExclusion(rule, target)) target = rule.real_path;
+    if (is_directory) SendPendingAlarm();  // it would wait for all that the directory holds
     const auto begun = OwnRestores::Clock::now();
     const bool restored =
         clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
+#include <utility>
 
 #include "FakeTasks.h"
 #include "Installation.h"
@@ -573,6 +575,49 @@ TEST(DeferredEvents, Keep_BoundsAndTellsHowAPathStandsNow) {
     EXPECT_EQ(first[1].raw_mask, static_cast<std::uint32_t>(IN_DELETE | IN_ISDIR));
     EXPECT_TRUE(keep("/more", IN_CREATE));
     EXPECT_EQ(deferred.Take(9, [](const std::string& id) { return id == "/w2"; }).size(), 1U);
+}
+
+/// Runs on the thread of the task that it is sent to.
+class Errand : public Framework::Message {
+  public:
+    explicit Errand(std::function<void()> action) : action_(std::move(action)) {}
+    void Deliver(Framework::Task&) override { action_(); }
+
+  private:
+    const std::function<void()> action_;
+};
+
+TEST_F(Event, ManyAtOnce_EachHasItsOwnDifferenceAndItsTurn) {
+    utils_->diff_content = true;
+    const auto post = [&](const std::string& name, std::uint32_t mask) {
+        const auto now = std::chrono::steady_clock::now();
+        EXPECT_TRUE(
+            task_.EnqueueMsg(new Engine::FileNotifyMessage(watch_, File(name), "", mask, now)));
+    };
+    task_.duplicate();
+    running_.fakes->RegisterTask(&task_, false);
+    EXPECT_TRUE(Framework::Task::SendAgileMsg(&task_, new Errand([&] {
+        data_.Write("site/index.html", "defaced index");
+        post("index.html", IN_MODIFY);
+        fs::remove(File("sub/page.html"));
+        post("sub/page.html", IN_DELETE);
+        data_.Write("site/shell.php", "evil code");
+        post("shell.php", IN_CREATE);
+        post("app.log", IN_MODIFY);  // nothing to tell, and yet nothing waits for more to come
+    })));
+    EXPECT_TRUE(test::WaitFor([&] { return running_.fakes->data.Seen().size() == 3; },
+                              std::chrono::seconds(10)));
+    const auto seen = running_.fakes->data.Seen();
+    running_.fakes->UnRegisterTask(task_.Id());
+    EXPECT_EQ(Alarms(),
+              "modify index.html: restored\ndelete sub/page.html: restored\n"
+              "add shell.php: removed\n");
+    ASSERT_EQ(seen.size(), 3U);
+    EXPECT_NE(seen[0].body.find("< defaced index"), std::string::npos) << seen[0].body;
+    EXPECT_NE(seen[1].body.find(R"("diff":"")"), std::string::npos) << seen[1].body;
+    EXPECT_NE(seen[2].body.find(R"("evil code")"), std::string::npos) << seen[2].body;
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    utils_->diff_content = false;
 }
 
 TEST_F(Event, RestoreThatFails_IsSaidInAlarmAndStatus) {
