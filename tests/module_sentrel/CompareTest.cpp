@@ -41,8 +41,6 @@ TEST_F(Compare, FileComparisons_SeeModeOwnerAndContent) {
     EXPECT_TRUE(utils->IsFileHashEqual(a, digest));
     digest[digest.find_first_of("abcdef")] -= 'a' - 'A';
     EXPECT_FALSE(utils->IsFileHashEqual(a, digest));
-    EXPECT_FALSE(utils->IsLengthValid(0, 1, 128) || utils->IsLengthValid(129, 1, 128));
-    EXPECT_TRUE(utils->IsLengthValid(1, 1, 128) && utils->IsLengthValid(128, 1, 128));
 }
 
 TEST_F(Compare, EventPaths_AreBuiltAsTheHandlingNeedsThem) {

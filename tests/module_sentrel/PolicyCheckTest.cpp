@@ -113,7 +113,6 @@ TEST_F(PolicyCheck, Values_AreCheckedForWhatTheModuleCanUse) {
     ExpectError(Content()[keys.url], "", "/content/" + keys.url, "missing");
     ExpectError(Content()[keys.hash], std::string(64, 'A'), "/content/" + keys.hash, "lower-case");
     ExpectError(Content()[keys.hash], std::string(63, 'a'), "/content/" + keys.hash);
-    ExpectError(Content()["backup_port"], 70000, "/content/backup_port");
     Content()["backup_port"] = 873;
     ExpectError(Content()["backup_type"], 2, "/content/backup_addr", "missing");
     Content()["backup_type"] = 2;
@@ -323,12 +322,6 @@ TEST_F(PolicyCheck, BackupServer_IsCheckedForWhatTheDaemonNeeds) {
         Content()["backupserver_ip"] = address;
         EXPECT_TRUE(Holds(check().errors, "/content/backupserver_ip")) << address;
     }
-    Content()["backupserver_ip"] = "127.0.0.1";
-    for (const int port : {0, -1, 65536}) {
-        Content()["backupserver_port"] = port;
-        EXPECT_TRUE(Holds(check().errors, "/content/backupserver_port")) << port;
-    }
-    Content()["backupserver_port"] = 873;
     for (const std::string path : {"rel", "/a\nb", "/a%b", "/a ", "/a\\"}) {
         Content()["backupserver_path"] = path;
         EXPECT_TRUE(Holds(check().errors, "/content/backupserver_path")) << path;

@@ -222,70 +222,68 @@ Json::Value Changed(Json::Value document, const Change& change) {
     return document;
 }
 
+/// The schema and the check judge each change of the example alike, and as it is meant.
+void ExpectJudged(const Json::Value& schema, PolicyFindings (*check)(const std::string&),
+                  const Json::Value& example, const std::vector<Change>& changes) {
+    for (const Change& change : changes) {
+        const Json::Value document = Changed(example, change);
+        EXPECT_EQ(Validator::Accepts(schema, document), change.good) << test::Text(document);
+        EXPECT_EQ(check(test::Text(document)).errors.empty(), change.good) << test::Text(document);
+    }
+}
+
 TEST_F(PolicySchema, ProtectionPolicies_AreJudgedAsTheCheckDoes) {
     const Engine::RsyncKeys keys = Engine::RsyncKeys::OfThisHost();
     const std::string entry = "/content/dirlist/0/";
-    const Json::Value example = Examples(false).at(0);
-    for (const Change& change : std::vector<Change>{
-             {"/enabled", "1"},
-             {"/content", ""},
-             {"/content", "[]"},
-             {"/content/os_type", ""},
-             {"/content/os_type", "1"},
-             {"/content/os_type", "\"0\""},
-             {"/content/backup_port", "65535", true},
-             {"/content/backup_port", "65536"},
-             {"/content/backup_port", "-1"},
-             {"/content/backup_addr", "7"},
-             {"/content/monitor_only", "\"yes\""},
-             {"/content/disable_week", "[6]", true},
-             {"/content/disable_week", "[7]"},
-             {"/content/disable_week", "[\"0\"]"},
-             {"/content/disable_timerange", "[\"8:00-9:5\", \"23:59-00:00\"]", true},
-             {"/content/disable_timerange", "[\"24:00-01:00\"]"},
-             {"/content/disable_timerange", "[\"8:00\"]"},
-             {"/content/disable_timerange", "[\"8:60-9:00\"]"},
-             {"/content/disable_timerange", "\"8:00-9:00\""},
-             {"/content/" + keys.url, "\"ftp://host/rsync\""},
-             {"/content/" + keys.hash, "\"AB\""},
-             {"/content/rsync_riscv64_url", "7"},
-             {"/content/dirlist", "", true},
-             {"/content/dirlist", "[7]"},
-             {entry + "enable", "0"},
-             {entry + "filepath", "[]"},
-             {entry + "ignored_postfix", "\".log\""},
-             {entry + "ignored_subdir", "[\"\"]"},
-             {"/note", "7", true}}) {
-        const Json::Value document = Changed(example, change);
-        EXPECT_EQ(Validator::Accepts(protection_, document), change.good) << test::Text(document);
-        const std::string errors =
-            ErrorsOf(SentrelPolicyCheck::CheckProtection(test::Text(document)));
-        EXPECT_EQ(errors.empty(), change.good) << errors << test::Text(document);
-    }
+    ExpectJudged(protection_, SentrelPolicyCheck::CheckProtection, Examples(false).at(0),
+                 {{"/enabled", "1"},
+                  {"/content", ""},
+                  {"/content", "[]"},
+                  {"/content/os_type", ""},
+                  {"/content/os_type", "1"},
+                  {"/content/os_type", "\"0\""},
+                  {"/content/backup_port", "65535", true},
+                  {"/content/backup_port", "65536"},
+                  {"/content/backup_port", "-1"},
+                  {"/content/backup_addr", "7"},
+                  {"/content/monitor_only", "\"yes\""},
+                  {"/content/disable_week", "[6]", true},
+                  {"/content/disable_week", "[7]"},
+                  {"/content/disable_week", "[\"0\"]"},
+                  {"/content/disable_timerange", "[\"8:00-9:5\", \"23:59-00:00\"]", true},
+                  {"/content/disable_timerange", "[\"24:00-01:00\"]"},
+                  {"/content/disable_timerange", "[\"8:00\"]"},
+                  {"/content/disable_timerange", "[\"8:60-9:00\"]"},
+                  {"/content/disable_timerange", "\"8:00-9:00\""},
+                  {"/content/" + keys.url, "\"ftp://host/rsync\""},
+                  {"/content/" + keys.hash, "\"AB\""},
+                  {"/content/rsync_riscv64_url", "7"},
+                  {"/content/dirlist", "", true},
+                  {"/content/dirlist", "[7]"},
+                  {entry + "enable", "0"},
+                  {entry + "filepath", "[]"},
+                  {entry + "ignored_postfix", "\".log\""},
+                  {entry + "ignored_subdir", "[\"\"]"},
+                  {"/note", "7", true}});
 }
 
 TEST_F(PolicySchema, BackupServerPolicies_AreJudgedAsTheCheckDoes) {
     const Json::Value example = Examples(true).at(0);
-    for (const Change& change : std::vector<Change>{{"/enabled", "\"true\""},
-                                                    {"/content", ""},
-                                                    {"/content/backupserver_ip", ""},
-                                                    {"/content/backupserver_ip", "\"\""},
-                                                    {"/content/backupserver_ip", "127"},
-                                                    {"/content/backupserver_port", ""},
-                                                    {"/content/backupserver_port", "0"},
-                                                    {"/content/backupserver_port", "65536"},
-                                                    {"/content/backupserver_port", "\"873\""},
-                                                    {"/content/backupserver_port", "1", true},
-                                                    {"/content/backupserver_path", ""},
-                                                    {"/content/backupserver_path", "\"backup\""},
-                                                    {"/content/os_type", "\"0\""},
-                                                    {"/content/os_type", "0", true}}) {
-        const Json::Value document = Changed(example, change);
-        EXPECT_EQ(Validator::Accepts(server_, document), change.good) << test::Text(document);
-        const std::string errors =
-            ErrorsOf(SentrelPolicyCheck::CheckBackupServer(test::Text(document)));
-        EXPECT_EQ(errors.empty(), change.good) << errors << test::Text(document);
-    }
+    ExpectJudged(server_, SentrelPolicyCheck::CheckBackupServer, example,
+                 {{"/enabled", "\"true\""},
+                  {"/content", ""},
+                  {"/content/backupserver_ip", ""},
+                  {"/content/backupserver_ip", "\"\""},
+                  {"/content/backupserver_ip", "127"},
+                  {"/content/backupserver_port", ""},
+                  {"/content/backupserver_port", "0"},
+                  {"/content/backupserver_port", "65536"},
+                  {"/content/backupserver_port", "\"873\""},
+                  {"/content/backupserver_port", "1", true},
+                  {"/content/backupserver_path", ""},
+                  {"/content/backupserver_path", "\"backup\""},
+                  {"/content/os_type", "\"0\""},
+                  {"/content/os_type", "0", true}});
     const Json::Value off = Changed(Changed(example, {"/content", ""}), {"/enabled", "false"});
     EXPECT_TRUE(Validator::Accepts(server_, off));
     EXPECT_EQ(ErrorsOf(SentrelPolicyCheck::CheckBackupServer(test::Text(off))), "");

@@ -12,36 +12,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using test::Protection;
 
-TEST_F(Protection, Tampering_IsUndoneAndReported) {
-    Protect();
-    AwaitBackup();
-    const std::string index = site_.Write("index.html", "defaced");
-    EXPECT_TRUE(Becomes(index, "welcome"));
-    const Json::Value alarm = Alarm(index);
-    EXPECT_EQ(alarm["outcome"], "restored");
-    EXPECT_GT(alarm["duration_ms"].asDouble(), 0);
-
-    const std::string shell = site_.Write("new/deep/shell.php", "evil");
-    EXPECT_TRUE(test::WaitFor([&] { return !fs::exists(site_.Path("new")); }, 20s));
-    EXPECT_EQ(Alarm(site_.Path("new/"))["outcome"], "removed");
-
-    // At one stroke: what is deleted piece by piece may be back before the last piece is gone.
-    fs::rename(site_.Path("sub"), install_.dir.Path("taken"));
-    EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
-    EXPECT_EQ(Alarm(site_.Path("sub/"))["outcome"], "restored");
-}
-
-TEST_F(Protection, NameThatCannotBeRestored_IsReportedAsValidJson) {
-    Protect();
-    AwaitBackup();
-    const std::string odd = site_.Write("a \"b\"\n\xff.html", "x");
-    const Json::Value alarm = Alarm(site_.Path("a \\\"b\\\"\\n\xef\xbf\xbd.html"));
-    Json::Value document;
-    const std::string body = alarm["body"].asString();
-    EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(body.data(), body.size(), document), 0);
-    EXPECT_TRUE(test::WaitFor([&] { return !fs::exists(odd); }, 20s));
-}
-
 TEST_F(Protection, FirstBackupThatTakesLong_DestroysNothingAndIsMadeUpForAfterwards) {
     const std::string gate = install_.dir.Path("gate");
     ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
