@@ -13,7 +13,7 @@ using Framework::TaskCondition;
 
 class TaskTest : public EngineTest {};
 
-TEST_F(TaskTest, RegisteredTwice_LivesTwiceAndIsGivenBack) {
+TEST_F(TaskTest, RegisteredTwice_LivesTwiceAloneUnderItsIdAndIsGivenBack) {
     ScriptedTask task("task");
     int inits = 0;
     int uninits = 0;
@@ -26,6 +26,9 @@ TEST_F(TaskTest, RegisteredTwice_LivesTwiceAndIsGivenBack) {
     for (int life = 1; life <= 2; ++life) {
         EXPECT_EQ(engine_.FindTask("task"), nullptr);
         ASSERT_TRUE(Register(task));
+        ScriptedTask rival("task");
+        EXPECT_FALSE(Register(rival));
+        EXPECT_EQ(rival.referenceCount(), 1);
         EXPECT_EQ(engine_.FindTask("task"), &task);
         EXPECT_EQ(task.referenceCount(), 2);
         // The first message ends the first wait, and with it the first pass.
@@ -41,16 +44,6 @@ TEST_F(TaskTest, RegisteredTwice_LivesTwiceAndIsGivenBack) {
     }
     Unregister(task);  // unknown by now
     EXPECT_EQ(uninits, 2);
-}
-
-TEST_F(TaskTest, IdIsTaken_RefusedAndReferenceReleased) {
-    ScriptedTask task("task");
-    ScriptedTask rival("task");
-    ASSERT_TRUE(Register(task));
-    EXPECT_FALSE(Register(rival));
-    EXPECT_EQ(rival.referenceCount(), 1);
-    EXPECT_EQ(engine_.FindTask("task"), &task);
-    Unregister(task);
 }
 
 TEST_F(TaskTest, UnregisteredBeforeInit_NeverRunsAndFreesItsQueue) {
