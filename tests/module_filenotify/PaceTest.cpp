@@ -66,7 +66,8 @@ TEST_F(PaceOfTask, StormOverTheSameFiles_EachIsAnnouncedAfterItsLastChange) {
         files.push_back(
             std::make_unique<std::ofstream>(Root("f" + std::to_string(i)), std::ios::app));
     }
-    for (int round = 0; round < 1000; ++round) {
+    // Fewer than the kernel keeps: a reader that gets no processor must not fail the test.
+    for (int round = 0; round < 300; ++round) {
         for (auto& file : files) *file << "x" << std::flush;
     }
     ASSERT_TRUE(WaitFor([&] { return SeenUntilNow().size() >= kFiles; }, kDeadline));
