@@ -29,7 +29,7 @@ class SendWindow : public DeliveryObserver {
     /// Deletions are posted in so small numbers only, until it is known what they cost.
     static constexpr std::size_t kMostLosses = 8;
     /// A deletion that took so long has been undone by a command.
-    static constexpr std::chrono::milliseconds kSlowLoss{4};
+    static constexpr std::chrono::milliseconds kSlowLoss{2};
     static constexpr int kSlowLosses = 3;
 
     // Task's thread only.

@@ -114,8 +114,8 @@ void SentrelInotifyTask::CleanOldMessageFromCache() {
     }
 }
 
-/// The page is back by now. How it differed is found out while the next one is put back when more
-/// changes wait; the evidence lasts as long as that takes.
+/// When more changes wait, how this one differed is found out while the next is put back; the
+/// evidence lasts as long as that takes.
 void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::string& file,
                                     alarm_type type) {
     SendPendingAlarm();
@@ -126,6 +126,7 @@ void SentrelInotifyTask::RaiseAlarm(const SentrelDirRule& rule, const std::strin
     alarm.lost_directory = current_event_.lost_directory;
     alarm.note = NoteOfEvent();
     alarm.evidence = std::move(current_event_.evidence);
+    alarm.restore = std::move(current_event_.restore);
     const std::string backup = rule.backup_path + file;
     const std::string changed = alarm.evidence.Path();
     if (utils->diff_attr) alarm.diff_attr = HandleFileAttrDiff(backup, changed);
@@ -142,6 +143,10 @@ void SentrelInotifyTask::SendPendingAlarm() {
     if (!pending_alarm_) return;
     PendingAlarm alarm = std::move(*pending_alarm_);
     pending_alarm_.reset();
+    if (alarm.restore) {
+        alarm.note.outcome = ConcludeRestore(*alarm.restore);
+        alarm.note.duration_ms = MillisecondsSince(alarm.restore->source.read_time);
+    }
     // diff names the files that it calls different without showing how.
     std::string diff = alarm.diff.Take();
     const std::string held = alarm.evidence.Path();

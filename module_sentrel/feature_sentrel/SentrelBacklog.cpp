@@ -51,11 +51,12 @@ void SentrelInotifyTask::Defer(const std::string& path) {
     SweepLater(current_event_.source.watch_id);
 }
 
-void SentrelInotifyTask::KeepFailed(const std::string& path, const std::string& target) {
+void SentrelInotifyTask::KeepFailed(const DeferredEvent& source, const std::string& path,
+                                    const std::string& target) {
     // A name that the command line cannot carry never gets further.
     if (!WhatBreaksPath(target).empty()) return;
     judging_failed_ = true;
-    switch (failed_.Keep({current_event_.source, tries_ + 1}, FailedEvents::Clock::now())) {
+    switch (failed_.Keep({source, tries_ + 1}, FailedEvents::Clock::now())) {
         case FailedEvents::Kept::kYes:
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is judged again later.", path);
             return;
@@ -64,7 +65,7 @@ void SentrelInotifyTask::KeepFailed(const std::string& path, const std::string& 
             SDK_LOG(ModuleLogger(), PRIO_WARNING, "%s cannot be put right and is given up.", path);
             return;
         case FailedEvents::Kept::kNoRoom:
-            SweepLater(current_event_.source.watch_id);
+            SweepLater(source.watch_id);
             return;
     }
 }
@@ -104,6 +105,7 @@ void SentrelInotifyTask::JudgeAgain(const DeferredEvent& event) {
     judging_failed_ = false;
     FileNotifyMessage msg(event.watch_id, event.path, "", event.raw_mask, event.read_time);
     FileNotifyMessageAction(&msg);
+    SendPendingAlarm();  // its outcome counts for this judgement
 }
 
 void SentrelInotifyTask::HandleBacklog(FailedEvents::Clock::time_point now) {

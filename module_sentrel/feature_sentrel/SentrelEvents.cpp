@@ -95,11 +95,12 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
                                          const std::string& path) {
     if (path.empty() || (msg->GetEventMask() & kMoved) == 0) return true;
     if (IsMoveIgnored(rule, path)) return true;
+    SettleBefore(path);
     bool exists = false;
     BackupFileInfo info;
     if (!GetBackupFileInfo(path, rule, exists, info)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", path);
-        KeepFailed(path, "");
+        KeepFailed(current_event_.source, path, "");
         return false;
     }
     // A restore ends with a move as well: to answer that with a restore would double each of them.
@@ -137,12 +138,13 @@ void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::
         if ((mask & (IN_MODIFY | IN_ATTRIB)) != 0) NoteOtherNames(file);
         return;
     }
+    SettleBefore(file);
     NoteVanished(mask, file);
     bool exists = false;
     BackupFileInfo info;
     if (!GetBackupFileInfo(file, rule, exists, info)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", file);
-        KeepFailed(file, "");
+        KeepFailed(current_event_.source, file, "");
         return;
     }
     if (!exists) {

@@ -8,6 +8,7 @@
 #include <OwnRestores.h>
 #include <SentrelCacheMsg.h>
 #include <SentrelDirRule.h>
+#include <SentrelUtils.h>
 #include <TreeSweep.h>
 #include <framework/Message.h>
 #include <framework/Task.h>
@@ -20,6 +21,7 @@
 #include <limits>
 #include <list>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -110,11 +112,22 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     std::list<SentrelCacheMsg> alarm_cache;             ///< the front is the oldest
 
   private:
+    /// The restore of a file that goes on while the next change is judged.
+    struct RestoreUnderWay {
+        DeferredEvent source;
+        std::string path;
+        std::string target;  ///< what rsync puts back: the path, or a directory above it
+        std::string rule_path;
+        OwnRestores::Clock::time_point begun{};
+        bool is_way_clear = false;
+        std::unique_ptr<SentrelUtils::RunningCopy> copy;
+    };
     /// What was done about the event that is being handled.
     struct CurrentEvent {
         DeferredEvent source;  ///< read_time zero: not known
         std::string outcome = "reported only";
-        Evidence evidence;  ///< what stood there before it was put right
+        Evidence evidence;                         ///< what stood there before it was put right
+        std::unique_ptr<RestoreUnderWay> restore;  ///< none: `outcome` is final
         /// One above the path that was restored with all that it held, since it had gone.
         std::string lost_directory = {};
     };
@@ -130,10 +143,15 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool DiffersFromBackup(const std::string& file, const BackupFileInfo& info);
     bool LacksContent(const SentrelDirRule& rule, const std::string& file);
     void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
+    std::string ConcludeRestore(const RestoreUnderWay& restore);
+    bool MayOverlap(const SentrelDirRule& rule, const std::string& path,
+                    const std::string& target) const;
+    void SettleBefore(const std::string& path);
     void RemoveForeign(const SentrelDirRule& rule, const std::string& path);
     static bool AwaitsBackup(const SentrelDirRule& rule);
     void Defer(const std::string& path);
-    void KeepFailed(const std::string& path, const std::string& target);
+    void KeepFailed(const DeferredEvent& source, const std::string& path,
+                    const std::string& target);
     void SweepLater(const std::string& watch_id);
     void NoteOtherNames(const std::string& path);
     void NoteVanished(std::uint32_t mask, const std::string& path);
@@ -146,8 +164,9 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void EndSweep(bool is_complete);
     void ForgetBacklog();
 
-    /// An alarm of what has been dealt with, while its difference is found out.
+    /// An alarm of what is being put right, or while its difference is found out.
     struct PendingAlarm {
+        std::unique_ptr<RestoreUnderWay> restore;
         std::string file;
         alarm_type type = ALARM_UNKNOWN;
         std::string diff_attr;

@@ -128,9 +128,21 @@ void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restor
     }
 }
 
+/// While more changes wait one file goes back beside the next. Directories, and what had to be made
+/// room for, have the place for themselves.
+bool SentrelInotifyTask::MayOverlap(const SentrelDirRule& rule, const std::string& path,
+                                    const std::string& target) const {
+    const mode_t type = TypeAt(rule.backup_path + path);
+    return QueueLength() > 0 && target == path && (type == S_IFREG || type == S_IFLNK);
+}
+
+/// What happens to a path comes after what is still under way for it.
+void SentrelInotifyTask::SettleBefore(const std::string& path) {
+    if (pending_alarm_ && pending_alarm_->file == WithoutTrailingSlash(path)) SendPendingAlarm();
+}
+
 void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std::string& path) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    SentrelStatus& status = SentrelStatus::Instance();
     const bool is_directory = TypeAt(rule.backup_path + path) == S_IFDIR;
     std::string target = is_directory ? path : WithoutTrailingSlash(path);
     const bool clear = ClearWay(rule, !AwaitsBackup(rule), target);
@@ -138,23 +150,42 @@ void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std
         current_event_.lost_directory = target;
     }
     if (HoldsExclusion(rule, target)) target = rule.real_path;
-    if (is_directory) SendPendingAlarm();  // it would wait for all that the directory holds
-    const auto begun = OwnRestores::Clock::now();
-    const bool restored =
-        clear && utils->DoRsyncLocal(target, rule.backup_path, rule.ignored_postfix,
-                                     rule.ignored_subdir, RSYNC_RESTORE);
-    own_restores_.Note(target, begun, OwnRestores::Clock::now());
-    if (restored) {
-        current_event_.outcome = "restored";
-        status.Count(SentrelStatus::kRestoresDone);
-        return;
+    const bool overlaps = MayOverlap(rule, path, target);
+    if (!overlaps) SendPendingAlarm();
+    auto restore = std::make_unique<RestoreUnderWay>();
+    restore->source = current_event_.source;
+    restore->path = path;
+    restore->target = target;
+    restore->rule_path = rule.real_path;
+    restore->begun = OwnRestores::Clock::now();
+    restore->is_way_clear = clear;
+    if (clear) {
+        restore->copy = utils->BeginRestore(target, rule.backup_path, rule.ignored_postfix,
+                                            rule.ignored_subdir);
     }
-    current_event_.outcome = "restore failed";
+    if (overlaps && restore->copy) {
+        current_event_.restore = std::move(restore);
+    } else {
+        current_event_.outcome = ConcludeRestore(*restore);
+    }
+}
+
+std::string SentrelInotifyTask::ConcludeRestore(const RestoreUnderWay& restore) {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    SentrelStatus& status = SentrelStatus::Instance();
+    const bool restored = restore.is_way_clear && utils->FinishLocal(restore.copy);
+    own_restores_.Note(restore.target, restore.begun, OwnRestores::Clock::now());
+    if (restored) {
+        status.Count(SentrelStatus::kRestoresDone);
+        return "restored";
+    }
     status.Count(SentrelStatus::kRestoresFailed);
-    status.NoteFailure(rule.real_path, "restore of " + path + ": " +
-                                           (clear ? utils->LastCopyError()
-                                                  : "what stands on the way cannot be removed"));
-    KeepFailed(path, target);
+    status.NoteFailure(restore.rule_path,
+                       "restore of " + restore.path + ": " +
+                           (restore.is_way_clear ? utils->LastCopyError()
+                                                 : "what stands on the way cannot be removed"));
+    KeepFailed(restore.source, restore.path, restore.target);
+    return "restore failed";
 }
 
 void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::string& path) {
@@ -177,7 +208,7 @@ void SentrelInotifyTask::RemoveForeign(const SentrelDirRule& rule, const std::st
     } else if (errno != ENOENT) {  // else it went by itself
         current_event_.outcome = "removal failed";
         SentrelStatus::Instance().Count(SentrelStatus::kRemovalsFailed);
-        KeepFailed(path, "");
+        KeepFailed(current_event_.source, path, "");
     }
 }
 

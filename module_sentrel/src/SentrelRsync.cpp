@@ -72,23 +72,37 @@ bool RestoreArguments(const std::string& src, const std::string& dst, std::strin
 
 }  // namespace
 
+std::unique_ptr<SentrelUtils::RunningCopy> SentrelUtils::BeginLocal(
+    const std::string& arguments, const std::list<std::string>& ignored_postfix,
+    const std::list<std::string>& ignored_subdir) {
+    const std::string command = SDK::PathUtils::GetInstallationPath() + "bin/rsync" +
+                                " -az -H -X --links --delete-excluded --temp-dir=/tmp " +
+                                Exclusions(ignored_postfix, ignored_subdir) + arguments;
+    return std::make_unique<RunningCopy>(command);
+}
+
 bool SentrelUtils::DoRsyncLocal(const std::string& src, const std::string& dst,
                                 const std::list<std::string>& ignored_postfix,
                                 const std::list<std::string>& ignored_subdir, rsync_mode mode) {
-    std::string command = SDK::PathUtils::GetInstallationPath() + "bin/rsync" +
-                          " -az -H -X --links --delete-excluded --temp-dir=/tmp " +
-                          Exclusions(ignored_postfix, ignored_subdir);
-    if (mode == RSYNC_BACKUP) {
-        command += " -R " + src + " " + dst + " ";
-    } else {
-        std::string arguments;
-        if (!RestoreArguments(src, dst, arguments)) return false;
-        command += arguments;
-    }
+    return FinishLocal(
+        mode == RSYNC_BACKUP
+            ? BeginLocal(" -R " + src + " " + dst + " ", ignored_postfix, ignored_subdir)
+            : BeginRestore(src, dst, ignored_postfix, ignored_subdir));
+}
+
+std::unique_ptr<SentrelUtils::RunningCopy> SentrelUtils::BeginRestore(
+    const std::string& src, const std::string& dst, const std::list<std::string>& ignored_postfix,
+    const std::list<std::string>& ignored_subdir) {
+    std::string arguments;
+    if (!RestoreArguments(src, dst, arguments)) return nullptr;
+    return BeginLocal(arguments, ignored_postfix, ignored_subdir);
+}
+
+bool SentrelUtils::FinishLocal(const std::unique_ptr<RunningCopy>& copy) {
     // A pipe in a file's place would hold it for ever, and rsync's own time limit ends only what
     // waits for the other end.
     const SDK::CommandIdleLimit limit(copy_idle_period);
-    return RunCopy(command);
+    return copy != nullptr && FinishCopy(*copy);
 }
 
 bool SentrelUtils::DoRsyncRemote(const std::string& src, [[maybe_unused]] rsync_mode mode) {
@@ -105,12 +119,16 @@ bool SentrelUtils::DoRsyncRemote(const std::string& src, [[maybe_unused]] rsync_
         return false;
     }
     command += agent_id + " ";
-    return RunCopy(command);
+    RunningCopy copy(command);
+    return FinishCopy(copy);
 }
 
-bool SentrelUtils::RunCopy(const std::string& command) {
+bool SentrelUtils::FinishCopy(RunningCopy& copy) {
     std::string output;
-    const int result = SDK::ExecuteCmdUtils::ExecuteCmd(command, output, kMaxOutput);
+    int exit_code = -1;
+    const int ended = copy.rsync.Wait(exit_code, output, kMaxOutput);
+    const int result = ended == 0 ? exit_code : ended;
+    const std::string& command = copy.command;
     if (result != 0 || output.find("error") != std::string::npos) {
         SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] failed, infor:%s.", command, output);
         ThreadError() = DescribeFailure(result, output);

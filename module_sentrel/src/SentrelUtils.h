@@ -3,12 +3,14 @@
 #include <Poco/Logger.h>
 #include <Poco/Mutex.h>
 #include <SentrelDirRule.h>
+#include <sdk/RunningCommand.h>
 #include <sys/stat.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -71,6 +73,20 @@ class SentrelUtils {
     bool DoRsyncLocal(const std::string& src, const std::string& dst,
                       const std::list<std::string>& ignored_postfix,
                       const std::list<std::string>& ignored_subdir, rsync_mode mode);
+
+    /// An rsync within the host that goes on while its starter does something else; killed when
+    /// nobody has waited for it. One thread.
+    struct RunningCopy {
+        explicit RunningCopy(const std::string& line) : command(line), rsync(line) {}
+        const std::string command;
+        SDK::RunningCommand rsync;
+    };
+    /// Begins what DoRsyncLocal does for RSYNC_RESTORE; null when there is no backup copy.
+    std::unique_ptr<RunningCopy> BeginRestore(const std::string& src, const std::string& dst,
+                                              const std::list<std::string>& ignored_postfix,
+                                              const std::list<std::string>& ignored_subdir);
+    /// Blocks as DoRsyncLocal does, with its result. Null is a failure.
+    bool FinishLocal(const std::unique_ptr<RunningCopy>& copy);
 
     /// Pushes `src` to the backup server, whatever `mode` says. Blocks until rsync has ended.
     bool DoRsyncRemote(const std::string& src, rsync_mode mode);
@@ -140,7 +156,10 @@ class SentrelUtils {
     bool ProvideRsync();
     bool IsInstalledRsync(const struct stat& info) const;
     bool RememberInstalledRsync(const std::string& path);
-    bool RunCopy(const std::string& command);
+    std::unique_ptr<RunningCopy> BeginLocal(const std::string& arguments,
+                                            const std::list<std::string>& ignored_postfix,
+                                            const std::list<std::string>& ignored_subdir);
+    bool FinishCopy(RunningCopy& copy);
 
     std::mutex provision_mutex_;  ///< held while bin/rsync is provided; guards what follows
     bool rsync_is_usable_ = true;

@@ -13,6 +13,7 @@
 
 #include "ChildProcess.h"
 #include "CommandEnvironment.h"
+#include "CommandLine.h"
 #include "GroupWatch.h"
 #include "sdk/CommandInterrupter.h"
 #include "sdk/ExecuteCmdUtils.h"
@@ -21,6 +22,8 @@
 namespace SDK {
 
 namespace {
+
+constexpr const char* kShell = "/bin/sh";
 
 /// Keeps the beginning of a command's output and throws the rest away.
 class OutputCollector {
@@ -102,24 +105,36 @@ int WaitForEnd(const ChildProcess& child, OutputCollector& output, std::int64_t 
 }  // namespace
 
 RunningCommand::RunningCommand(const std::vector<std::string>& arguments, int timeout_ms)
-    : deadline_ms_(timeout_ms < 0 ? kNoLimit : TimeUtils::GetMonotonicMs() + timeout_ms),
-      child_(std::make_unique<ChildProcess>()) {
-    is_interrupted_ = IsInterrupted(CommandInterrupter::Current());
-    if (is_interrupted_ || std::any_of(arguments.begin(), arguments.end(), HoldsNul)) return;
-    has_started_ = child_->Start(arguments, CommandEnvironment::Of(arguments.front()));
+    : deadline_ms_(timeout_ms < 0 ? kNoLimit : TimeUtils::GetMonotonicMs() + timeout_ms) {
+    Start(arguments);
+}
+
+RunningCommand::RunningCommand(const std::string& line) : deadline_ms_(kNoLimit) {
+    if (HoldsNul(line)) return;
+    const std::vector<std::string> words = SplitPlainCommand(line);
+    if (!words.empty()) Start(words);
+    // What cannot be started is left to the shell as well: its words and its code tell why, and it
+    // can run a script without an interpreter line.
+    if (child_ == nullptr && !is_interrupted_) {
+        Start({kShell, "-c", CommandEnvironment::ShellLine(line)});
+    }
 }
 
 RunningCommand::~RunningCommand() = default;
 
-bool RunningCommand::CouldNotStart() const {
-    return !has_started_ && !is_interrupted_;
+void RunningCommand::Start(const std::vector<std::string>& arguments) {
+    is_interrupted_ = IsInterrupted(CommandInterrupter::Current());
+    if (is_interrupted_ || std::any_of(arguments.begin(), arguments.end(), HoldsNul)) return;
+    auto child = std::make_unique<ChildProcess>();
+    const auto environment = CommandEnvironment::Of(arguments.front());
+    if (child->Start(arguments, environment)) child_ = std::move(child);
 }
 
 int RunningCommand::Wait(int& exit_code, std::string& output, std::size_t max_output) {
     exit_code = -1;
     output.clear();
     if (is_interrupted_) return ExecuteCmdUtils::kInterrupted;
-    if (!has_started_ || child_->EndDescriptor() < 0) return ExecuteCmdUtils::kStartFailed;
+    if (child_ == nullptr || child_->EndDescriptor() < 0) return ExecuteCmdUtils::kStartFailed;
     OutputCollector collector(child_->OutputDescriptor(), output, max_output);
     const int ended = WaitForEnd(*child_, collector, deadline_ms_);
     if (ended != 0) child_->Kill();

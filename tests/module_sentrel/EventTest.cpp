@@ -24,6 +24,16 @@ using Engine::SentrelStatus;
 using Engine::SentrelUtils;
 using Poco::Message;
 
+/// Runs on the thread of the task that it is sent to.
+class Errand : public Framework::Message {
+  public:
+    explicit Errand(std::function<void()> action) : action_(std::move(action)) {}
+    void Deliver(Framework::Task&) override { action_(); }
+
+  private:
+    const std::function<void()> action_;
+};
+
 /// A protected site with its backup copy made, real rsync, and events told by hand.
 class Event : public ::testing::Test {
   protected:
@@ -76,6 +86,25 @@ class Event : public ::testing::Test {
             EXPECT_GE(seen[told_].note.duration_ms, 0);
         }
         return lines;
+    }
+    /// Runs the task, which finds all at once what `attack` posts.
+    void TellAtOnce(const std::function<void()>& attack) {
+        task_.duplicate();
+        running_.fakes->RegisterTask(&task_, false);
+        EXPECT_TRUE(Framework::Task::SendAgileMsg(&task_, new Errand(attack)));
+    }
+    void Post(const std::string& name, std::uint32_t mask) {
+        const auto now = std::chrono::steady_clock::now();
+        EXPECT_TRUE(
+            task_.EnqueueMsg(new Engine::FileNotifyMessage(watch_, File(name), "", mask, now)));
+    }
+    /// Waits for so many, and for the end of the pass that told of them.
+    std::string AlarmsOnce(std::size_t count) {
+        EXPECT_TRUE(test::WaitFor(
+            [&] { return running_.fakes->data.Seen().size() >= count && task_.QueueLength() == 0; },
+            std::chrono::seconds(10)));
+        running_.fakes->UnRegisterTask(task_.Id());
+        return Alarms();
     }
     /// Makes the backup copy look like one of the present round; file stamps are some ms apart.
     void StampCopyAnew(const std::string& name) {
@@ -577,47 +606,44 @@ TEST(DeferredEvents, Keep_BoundsAndTellsHowAPathStandsNow) {
     EXPECT_EQ(deferred.Take(9, [](const std::string& id) { return id == "/w2"; }).size(), 1U);
 }
 
-/// Runs on the thread of the task that it is sent to.
-class Errand : public Framework::Message {
-  public:
-    explicit Errand(std::function<void()> action) : action_(std::move(action)) {}
-    void Deliver(Framework::Task&) override { action_(); }
-
-  private:
-    const std::function<void()> action_;
-};
-
 TEST_F(Event, ManyAtOnce_EachHasItsOwnDifferenceAndItsTurn) {
     utils_->diff_content = true;
-    const auto post = [&](const std::string& name, std::uint32_t mask) {
-        const auto now = std::chrono::steady_clock::now();
-        EXPECT_TRUE(
-            task_.EnqueueMsg(new Engine::FileNotifyMessage(watch_, File(name), "", mask, now)));
-    };
-    task_.duplicate();
-    running_.fakes->RegisterTask(&task_, false);
-    EXPECT_TRUE(Framework::Task::SendAgileMsg(&task_, new Errand([&] {
+    TellAtOnce([&] {
         data_.Write("site/index.html", "defaced index");
-        post("index.html", IN_MODIFY);
+        Post("index.html", IN_MODIFY);
         fs::remove(File("sub/page.html"));
-        post("sub/page.html", IN_DELETE);
+        Post("sub/page.html", IN_DELETE);
         data_.Write("site/shell.php", "evil code");
-        post("shell.php", IN_CREATE);
-        post("app.log", IN_MODIFY);  // nothing to tell, and yet nothing waits for more to come
-    })));
-    EXPECT_TRUE(test::WaitFor([&] { return running_.fakes->data.Seen().size() == 3; },
-                              std::chrono::seconds(10)));
-    const auto seen = running_.fakes->data.Seen();
-    running_.fakes->UnRegisterTask(task_.Id());
-    EXPECT_EQ(Alarms(),
+        Post("shell.php", IN_CREATE);
+        Post("app.log", IN_MODIFY);  // nothing to tell, and yet nothing waits for more to come
+    });
+    EXPECT_EQ(AlarmsOnce(3),
               "modify index.html: restored\ndelete sub/page.html: restored\n"
               "add shell.php: removed\n");
-    ASSERT_EQ(seen.size(), 3U);
+    const auto seen = running_.fakes->data.Seen();
     EXPECT_NE(seen[0].body.find("< defaced index"), std::string::npos) << seen[0].body;
     EXPECT_NE(seen[1].body.find(R"("diff":"")"), std::string::npos) << seen[1].body;
     EXPECT_NE(seen[2].body.find(R"("evil code")"), std::string::npos) << seen[2].body;
     EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
     utils_->diff_content = false;
+}
+
+TEST_F(Event, ManyAtOnce_FailureIsOfItsOwnFileAndTheSameFileWaits) {
+    const std::string calls = data_.Path("calls");
+    install_.UseRecordingRsync("echo begin >> " + calls + "; case \"$*\" in *index.html*) " +
+                               "echo disk full; echo end >> " + calls + "; exit 11;; esac");
+    TellAtOnce([&] {
+        data_.Write("site/index.html", "defaced!");
+        data_.Write("site/sub/page.html", "defaced");
+        for (const char* name : {"index.html", "index.html", "sub/page.html", "app.log"}) {
+            Post(name, IN_MODIFY);
+        }
+    });
+    EXPECT_EQ(AlarmsOnce(2), "modify index.html: restore failed\nmodify sub/page.html: restored\n");
+    EXPECT_EQ(Counter("restores_failed"), 2);
+    EXPECT_EQ(Counter("alarms_merged"), 1);
+    const std::string text = test::TempDir::Read(calls);
+    EXPECT_EQ(text.substr(0, 10), "begin\nend\n") << text;  // no two of one file at a time
 }
 
 TEST_F(Event, RestoreThatFails_IsSaidInAlarmAndStatus) {

@@ -20,12 +20,11 @@ class RunningCommand {
     /// Starts `arguments[0]` (an absolute path), without a shell. The time of `timeout_ms` begins
     /// now; it counts only for Wait. Does not start when the thread is interrupted.
     RunningCommand(const std::vector<std::string>& arguments, int timeout_ms);
+    /// Starts a command line, with a shell where it needs one, and without a time limit.
+    explicit RunningCommand(const std::string& line);
     ~RunningCommand();
     RunningCommand(const RunningCommand&) = delete;
     RunningCommand& operator=(const RunningCommand&) = delete;
-
-    /// There is no such program, or it cannot be run.
-    bool CouldNotStart() const;
 
     /// Blocks until the command has ended or its time is up, and kills it then. Nobody reads the
     /// output before: a command that writes more than a pipe holds (64 KiB) waits for this. 0 when
@@ -34,10 +33,11 @@ class RunningCommand {
     int Wait(int& exit_code, std::string& output, std::size_t max_output);
 
   private:
+    void Start(const std::vector<std::string>& arguments);
+
     const std::int64_t deadline_ms_;
-    const std::unique_ptr<ChildProcess> child_;
+    std::unique_ptr<ChildProcess> child_;
     bool is_interrupted_ = false;
-    bool has_started_ = false;
 };
 
 }  // namespace SDK
