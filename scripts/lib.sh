@@ -15,7 +15,7 @@ readonly BUILD_PACKAGES=(
 )
 # To test it as well.
 readonly TEST_PACKAGES=(
-    libgtest-dev clang-format clang-tidy shellcheck iproute2 curl git openssl
+    libgtest-dev clang-format clang-tidy shellcheck attr acl iproute2 curl git openssl
 )
 
 say() { printf '%s\n' "$*"; }
