@@ -54,6 +54,7 @@ std::optional<int> Run(const Command& command, milliseconds deadline = std::chro
 
 /// Of a process now, all of its threads. Zero when it is gone.
 std::size_t ResidentBytes(pid_t pid);
+std::size_t PeakBytes(pid_t pid);  ///< the most it ever had
 std::chrono::nanoseconds ProcessorTime(pid_t pid);
 
 /// The process and all that came from it, as far as they live.

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include "base/Process.h"
 
@@ -29,6 +30,16 @@ bool Lives(pid_t pid) {
     return name_end != std::string::npos && text[name_end + 2] != 'Z';
 }
 
+std::size_t StatusBytes(pid_t pid, std::string_view name) {
+    std::ifstream file(Folder(pid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.compare(0, name.size(), name) == 0) {
+            return std::stoul(line.substr(name.size())) * 1024;
+        }
+    }
+    return 0;
+}
+
 /// Calls `use` with the path of each entry; a folder that goes away meanwhile is no error.
 template <class Use>
 void ForEachEntry(const std::string& folder, const Use& use) {
@@ -41,11 +52,11 @@ void ForEachEntry(const std::string& folder, const Use& use) {
 }  // namespace
 
 std::size_t ResidentBytes(pid_t pid) {
-    std::ifstream file(Folder(pid) + "/status");
-    for (std::string line; std::getline(file, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) return std::stoul(line.substr(6)) * 1024;
-    }
-    return 0;
+    return StatusBytes(pid, "VmRSS:");
+}
+
+std::size_t PeakBytes(pid_t pid) {
+    return StatusBytes(pid, "VmHWM:");
 }
 
 std::chrono::nanoseconds ProcessorTime(pid_t pid) {

@@ -38,6 +38,12 @@ std::size_t Guard::MemoryBytes() const {
     return total;
 }
 
+std::size_t Guard::PeakMemoryBytes() const {
+    std::size_t total = 0;
+    for (const pid_t pid : lasting_) total += PeakBytes(pid);
+    return total;
+}
+
 std::chrono::nanoseconds Guard::CpuTime() const {
     std::chrono::nanoseconds total{0};
     for (const pid_t pid : lasting_) total += ProcessorTime(pid);

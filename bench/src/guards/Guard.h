@@ -70,6 +70,7 @@ class Guard {
 
     /// Of the processes that run as long as the guard does.
     std::size_t MemoryBytes() const;
+    std::size_t PeakMemoryBytes() const;
     std::chrono::nanoseconds CpuTime() const;
 
     /// All that belongs to the guard at rest is stopped, or goes on.

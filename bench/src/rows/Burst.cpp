@@ -9,6 +9,7 @@ namespace {
 
 constexpr char kRow[] = "burst_1000";
 constexpr std::size_t kFiles = 1000;
+constexpr double kMebibyte = 1024 * 1024;
 constexpr milliseconds kPatience{150000};
 constexpr microseconds kObserve{2000};
 
@@ -80,6 +81,8 @@ void MeasureOne(Plan& plan, Post& post, int run) {
         plan.results.Add(kRow, guard.Name(), milliseconds_taken);
         plan.results.Add("burst_1000_each", guard.Name(), milliseconds_taken / kFiles);
     }
+    const auto most = static_cast<double>(guard.PeakMemoryBytes());
+    if (most > 0) plan.results.Add("burst_1000_memory", guard.Name(), most / kMebibyte);
     if (agent == nullptr) return;
     const double used = std::chrono::duration<double, std::micro>(guard.CpuTime() - cpu).count();
     plan.results.Add("burst_1000_cpu", guard.Name(), used / static_cast<double>(kFiles));

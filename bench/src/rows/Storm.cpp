@@ -81,6 +81,8 @@ void MeasureOurs(Plan& plan) {
     }
     plan.results.Note(kRow, agent.Name(),
                       "all written within " + std::to_string(static_cast<int>(writing)) + " ms");
+    plan.results.Add("storm_30000_memory", agent.Name(),
+                     static_cast<double>(agent.PeakMemoryBytes()) / (1024 * 1024));
     const Reported told = agent.Since(before);
     std::size_t reported = 0;
     for (const FileState& file : post->Files()) {
