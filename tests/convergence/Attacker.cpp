@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 
 namespace test {
@@ -18,7 +19,10 @@ namespace {
 using SDK::FileDescriptor;
 
 constexpr uid_t kAttacker = 33;
-constexpr std::array<mode_t, 8> kModes = {0, 0600, 0644, 0755, 0777, 04755, 02750, 01777};
+// Neither the ground's own modes nor the present time, which may be that of the copy to the second:
+// of a change that the attacker takes back before it is judged nobody can tell.
+constexpr std::array<mode_t, 8> kModes = {0, 0600, 0640, 0700, 0777, 04755, 02750, 01777};
+constexpr std::array<std::time_t, 2> kTimes = {1000000000, 2000000000};
 constexpr int kFileFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 /// The directory `path` below `root`; not open where a link is on the way.
@@ -155,8 +159,7 @@ void Attacker::ChangeAttributes() {
     } else if (what == 1) {
         ::fchownat(spot.parent.Get(), spot.name.c_str(), kAttacker, kAttacker, AT_SYMLINK_NOFOLLOW);
     } else {
-        struct timespec times[2] = {{0, UTIME_OMIT}, {1000000000, 0}};
-        if (what == 2) times[1].tv_nsec = UTIME_NOW;
+        const struct timespec times[2] = {{0, UTIME_OMIT}, {kTimes.at(what - 2), 0}};
         ::utimensat(spot.parent.Get(), spot.name.c_str(), times, AT_SYMLINK_NOFOLLOW);
     }
 }
