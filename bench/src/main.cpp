@@ -16,6 +16,7 @@
 namespace {
 
 constexpr int kStopped = 130;
+constexpr int kBadArguments = 2;
 
 struct Options {
     Bench::Machine machine;
@@ -37,7 +38,21 @@ bool Wanted(const Options& options, const std::string& row) {
            std::find(options.only.begin(), options.only.end(), row) != options.only.end();
 }
 
+/// The first of the wanted rows that there is not; empty when there are all.
+std::string UnknownRow(const Options& options) {
+    const std::vector<Bench::RowEntry>& rows = Bench::AllRows();
+    for (const std::string& name : options.only) {
+        const auto is_named = [&](const Bench::RowEntry& row) { return row.name == name; };
+        if (std::none_of(rows.begin(), rows.end(), is_named)) return name;
+    }
+    return {};
+}
+
 int Measure(const Options& options) {
+    if (const std::string name = UnknownRow(options); !name.empty()) {
+        std::fprintf(stderr, "error: no row %s; --rows names them\n", name.c_str());
+        return kBadArguments;
+    }
     Bench::PrepareWaits();
     const Json::Value machine = Bench::DescribeMachine(options.machine.work);
     Bench::Plan plan;
