@@ -94,7 +94,6 @@ class PendingQueue {
     void NoteDirectory(Entries::iterator entry);
     void Release();
     void ReleaseRepeats(Time now);
-    std::vector<PendingChange> Plan() const;
     Entries::iterator Choose(bool losses_too);
     bool MayGo(Lane lane) const;
     bool Precedes(Lane lane, const Entry& entry) const;

@@ -46,9 +46,9 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     /// alarm cache. Always 0.
     int Run() override;
 
-    /// One change, as the file-notify module delivers it. Restoring blocks until rsync has ended.
-    /// An alarm may be sent only with the next one, or at the end of the pass, when more changes
-    /// wait.
+    /// One change, as the file-notify module delivers it. Restoring blocks until rsync has ended,
+    /// unless more changes wait: then a single file may still be on its way back afterwards, and
+    /// its alarm is sent with the next change or at the end of the pass.
     void FileNotifyMessageAction(FileNotifyMessage* msg) override;
 
     // Watches.
@@ -144,8 +144,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool LacksContent(const SentrelDirRule& rule, const std::string& file);
     void RestoreFromBackup(const SentrelDirRule& rule, const std::string& path);
     std::string ConcludeRestore(const RestoreUnderWay& restore);
-    bool MayOverlap(const SentrelDirRule& rule, const std::string& path,
-                    const std::string& target) const;
+    bool MayOverlap(mode_t backup_type, const std::string& path, const std::string& target) const;
     void SettleBefore(const std::string& path);
     void RemoveForeign(const SentrelDirRule& rule, const std::string& path);
     static bool AwaitsBackup(const SentrelDirRule& rule);

@@ -130,10 +130,10 @@ void SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restor
 
 /// While more changes wait one file goes back beside the next. Directories, and what had to be made
 /// room for, have the place for themselves.
-bool SentrelInotifyTask::MayOverlap(const SentrelDirRule& rule, const std::string& path,
+bool SentrelInotifyTask::MayOverlap(mode_t backup_type, const std::string& path,
                                     const std::string& target) const {
-    const mode_t type = TypeAt(rule.backup_path + path);
-    return QueueLength() > 0 && target == path && (type == S_IFREG || type == S_IFLNK);
+    return QueueLength() > 0 && target == path &&
+           (backup_type == S_IFREG || backup_type == S_IFLNK);
 }
 
 /// What happens to a path comes after what is still under way for it.
@@ -143,14 +143,14 @@ void SentrelInotifyTask::SettleBefore(const std::string& path) {
 
 void SentrelInotifyTask::RestoreFromBackup(const SentrelDirRule& rule, const std::string& path) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    const bool is_directory = TypeAt(rule.backup_path + path) == S_IFDIR;
-    std::string target = is_directory ? path : WithoutTrailingSlash(path);
+    const mode_t backup_type = TypeAt(rule.backup_path + path);
+    std::string target = backup_type == S_IFDIR ? path : WithoutTrailingSlash(path);
     const bool clear = ClearWay(rule, !AwaitsBackup(rule), target);
     if (WithoutTrailingSlash(target) != WithoutTrailingSlash(path)) {
         current_event_.lost_directory = target;
     }
     if (HoldsExclusion(rule, target)) target = rule.real_path;
-    const bool overlaps = MayOverlap(rule, path, target);
+    const bool overlaps = MayOverlap(backup_type, path, target);
     if (!overlaps) SendPendingAlarm();
     auto restore = std::make_unique<RestoreUnderWay>();
     restore->source = current_event_.source;
