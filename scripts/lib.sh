@@ -56,6 +56,21 @@ logged() {
     fi
 }
 
+# is_roots_alone DIRECTORY: true when nobody but root can change what lies at that path: it and every
+# directory above it belong to root, and others may write to none of them. In a directory above, such
+# as /tmp, the sticky bit is enough: there others cannot replace what is root's.
+is_roots_alone() {
+    local directory owner mode above=''
+    directory=$(realpath -e -- "$1") || return 1
+    while :; do
+        read -r owner mode < <(stat -c '%u 0%a' -- "$directory") || return 1
+        [[ $owner -eq 0 ]] || return 1
+        (((mode & 022) == 0)) || { [[ -n $above ]] && (((mode & 01000) != 0)); } || return 1
+        [[ $directory != / ]] || return 0
+        directory=$(dirname -- "$directory") above=yes
+    done
+}
+
 missing_packages() {
     local package
     for package in "$@"; do

@@ -14,7 +14,9 @@ Usage: scripts/quickstart.sh [OPTION]... [DIR]
 
 Installs what is missing, builds, starts an agent of its own below build/quickstart, and protects DIR:
 every change below it is undone from a backup copy and reported here, line by line, until Ctrl-C.
-Without DIR it makes a small site to play with.
+Without DIR it makes a small site to play with. Where others than root may write to build/quickstart
+or a directory above it, as in a home, agent and backup copies live in a directory of root's below
+/var/tmp instead, which is named and goes at the end.
 
   --demo              attacks a site in twelve ways, waits until each is undone and prints a table;
                       with DIR it attacks a copy of DIR. Exit code 0: all were undone and reported
@@ -26,15 +28,15 @@ Without DIR it makes a small site to play with.
   --report-only       reports changes and leaves them
   -h, --help          this text
 
-Nothing outside build/ changes, apart from what is restored in DIR and Debian packages that were
-missing. It needs root, and asks sudo for it.
+Nothing outside build/ and that directory changes, apart from what is restored in DIR and Debian
+packages that were missing. It needs root, and asks sudo for it.
 END
 }
 
 readonly SKIPPED=77  # what ctest takes for "not possible on this machine"
 
 MODE=protect TARGET='' IGNORED_DIRS=() IGNORED_SUFFIXES=()
-RESTORE=() STAGE='' WORK=$ROOT/build/quickstart DEADLINE_MS=15000 INSIDE=''
+RESTORE=() STAGE='' WORK=$ROOT/build/quickstart PLACE='' DEADLINE_MS=15000 INSIDE=''
 AGENT_PID='' CHILD_PID=''
 
 # --stage, --work and --deadline-ms are for the tests, --inside for ourselves.
@@ -155,6 +157,34 @@ take_lock() {
     echo "$$" >&9
 }
 
+# The agent refuses an installation and backup copies that others than root could change: $WORK where
+# it is root's alone, else a place that is. The trap that removes it is set before.
+choose_place() {
+    PLACE=$WORK
+    ! is_roots_alone "$WORK" || return 0
+    PLACE=$(mktemp -d /var/tmp/sentrel-quickstart.XXXXXX)
+    say "    others than root may write to $WORK or a directory above it:"
+    say "    agent and backup copies live in $PLACE until the end"
+}
+
+# leave_place LOG...: removes the place where it is one for this run only, and keeps the logs.
+leave_place() {
+    [[ -n $PLACE && $PLACE != "$WORK" ]] || return 0
+    rm -rf "$WORK/log"
+    mkdir -p "$WORK/log"
+    (cd "$PLACE" && cp -r --parents -- "$@" "$WORK/log" 2>/dev/null) || true
+    rm -rf "$PLACE"
+    say "    removed $PLACE; logs: $WORK/log"
+}
+
+# install_stage TO: the built installation, root's whoever has built it.
+install_stage() {
+    cp -a -- "$STAGE" "$1"
+    rm -rf "$1"/{data,log,run}
+    chown -R 0:0 -- "$1"
+    chmod -R go-w -- "$1"
+}
+
 # The agent raises the machine's limit of inotify watches for good. Here it may: it writes to files of
 # ours, which only this namespace sees in the places of the machine's own.
 shield_machine() {
@@ -162,33 +192,36 @@ shield_machine() {
     [[ -f /etc/sysctl.conf ]] ||
         die "/etc/sysctl.conf is missing, so it cannot be shielded from the agent." \
             "Debian's package procps brings it; or create it, empty."
-    mkdir -p "$WORK/shield"
-    : >"$WORK/shield/sysctl.conf"
-    mount --bind "$WORK/shield/sysctl.conf" /etc/sysctl.conf
+    mkdir -p "$PLACE/shield"
+    : >"$PLACE/shield/sysctl.conf"
+    mount --bind "$PLACE/shield/sysctl.conf" /etc/sysctl.conf
     for limit in max_user_watches max_queued_events; do
-        cat "$limits/$limit" >"$WORK/shield/$limit"
-        mount --bind "$WORK/shield/$limit" "$limits/$limit"
+        cat "$limits/$limit" >"$PLACE/shield/$limit"
+        mount --bind "$PLACE/shield/$limit" "$limits/$limit"
     done
 }
 
 # The agent's folder begins anew each time; the backup copies of a real directory stay.
 prepare_agent() {
-    step "Installing the agent in $WORK/agent"
-    rm -rf "$WORK/agent" "$WORK/site" "$WORK/single" "$WORK/scratch"
-    [[ $MODE == protect && -n $TARGET ]] || rm -rf "$WORK/backup"
-    cp -a -- "$STAGE" "$WORK/agent"
-    rm -rf "$WORK/agent"/{data,log,run}
-    mkdir -p "$WORK/backup"/{tree,file} "$WORK/scratch"
+    step "Installing the agent in $PLACE/agent"
+    rm -rf "$PLACE/agent" "$PLACE/scratch"
+    [[ $MODE == protect && -n $TARGET ]] || rm -rf "$PLACE/backup"
+    install_stage "$PLACE/agent"
+    mkdir -p "$PLACE/backup"/{tree,file} "$PLACE/scratch"
+    chmod 0700 "$PLACE/backup"  # the copies keep their owners, who must not reach them
 }
 
-# Makes $SITE, and $SINGLE_FILE where there is one.
+# Makes $SITE, and $SINGLE_FILE where there is one. A site to play with lies where its user can.
 prepare_site() {
+    local folder=$WORK
     SINGLE_FILE=''
     if [[ $MODE == protect && -n $TARGET ]]; then
         SITE=$TARGET
         return
     fi
-    SITE=$WORK/site
+    [[ $MODE == protect ]] || folder=$PLACE
+    rm -rf "$folder/site" "$folder/single"
+    SITE=$folder/site
     if [[ -n $TARGET ]]; then
         step "Copying $TARGET to $SITE"
         cp -a -- "$TARGET" "$SITE"
@@ -200,10 +233,10 @@ prepare_site() {
         IGNORED_DIRS+=(uploads)
         IGNORED_SUFFIXES+=(.cache)
     fi
-    mkdir -p "$WORK/single"
-    SINGLE_FILE=$WORK/single/settings.php
+    mkdir -p "$folder/single"
+    SINGLE_FILE=$folder/single/settings.php
     cp -- "$ROOT/demo/settings.php" "$SINGLE_FILE"
-    chown -R "${SUDO_UID:-0}:${SUDO_GID:-0}" "$SITE" "$WORK/single"
+    chown -R "${SUDO_UID:-0}:${SUDO_GID:-0}" "$SITE" "$folder/single"
 }
 
 make_sample_site() {
@@ -219,28 +252,28 @@ make_sample_site() {
 
 start_agent() {
     step "Starting the agent"
-    setpriv --pdeathsig TERM -- "$WORK/agent/bin/morvane_agent" \
-        >"$WORK/agent.out" 2>&1 </dev/null 9>&- &
+    setpriv --pdeathsig TERM -- "$PLACE/agent/bin/morvane_agent" \
+        >"$PLACE/agent.out" 2>&1 </dev/null 9>&- &
     AGENT_PID=$!
-    run_child "$WORK/agent/bin/sentrel_demo" answer --socket "$SOCKET" --deadline-ms 60000 ||
-        die "the agent does not answer; its last words are in $WORK/agent.out"
+    run_child "$PLACE/agent/bin/sentrel_demo" answer --socket "$SOCKET" --deadline-ms 60000 ||
+        die "the agent does not answer; its last words are in $PLACE/agent.out"
 }
 
 apply_policy() {
-    local arguments=(--tree "$SITE" --backup "$WORK/backup" --rsync "$(realpath -e /usr/bin/rsync)")
+    local arguments=(--tree "$SITE" --backup "$PLACE/backup" --rsync "$(realpath -e /usr/bin/rsync)")
     arguments+=("${RESTORE[@]}")
     local name paths=1
     [[ -z $SINGLE_FILE ]] || arguments+=(--file "$SINGLE_FILE") paths=2
     for name in "${IGNORED_DIRS[@]}"; do arguments+=(--ignore-dir "$name"); done
     for name in "${IGNORED_SUFFIXES[@]}"; do arguments+=(--ignore-suffix "$name"); done
     step "Applying the policy: protect $SITE"
-    "$WORK/agent/bin/sentrel_demo" policy "${arguments[@]}" >"$WORK/policy.json"
-    run_child "$WORK/agent/bin/morvanectl" --socket "$SOCKET" policy apply sentrel_feature \
-        "$WORK/policy.json" || die "the agent did not take the policy $WORK/policy.json"
+    "$PLACE/agent/bin/sentrel_demo" policy "${arguments[@]}" >"$PLACE/policy.json"
+    run_child "$PLACE/agent/bin/morvanectl" --socket "$SOCKET" policy apply sentrel_feature \
+        "$PLACE/policy.json" || die "the agent did not take the policy $PLACE/policy.json"
     step "Making the first backup copy and setting the watches"
-    run_child "$WORK/agent/bin/sentrel_demo" ready --socket "$SOCKET" --paths "$paths" \
+    run_child "$PLACE/agent/bin/sentrel_demo" ready --socket "$SOCKET" --paths "$paths" \
         --deadline-ms "$([[ $MODE == demo ]] && echo "$((20 * DEADLINE_MS))" || echo 0)" ||
-        die "the protection did not become ready; see $WORK/agent/log"
+        die "the protection did not become ready; see $PLACE/agent/log"
 }
 
 # The agent itself tells of names that it cannot restore.
@@ -262,8 +295,8 @@ run_child() {
     wait -n -p ended "$CHILD_PID" "$AGENT_PID" || status=$?
     if [[ $ended == "$AGENT_PID" ]]; then
         AGENT_PID=''
-        warn "the agent ended by itself with exit code $status; its log is in $WORK/agent/log"
-        tail -n 20 "$WORK/agent.out" >&2
+        warn "the agent ended by itself with exit code $status; its log is in $PLACE/agent/log"
+        tail -n 20 "$PLACE/agent.out" >&2
         return 1
     fi
     CHILD_PID=''
@@ -291,21 +324,24 @@ clean_up() {
         stop_process "$AGENT_PID" || stopped=$?
         if [[ $stopped -ne 0 ]]; then
             warn "the agent ended with exit code $stopped:"
-            tail -n 40 "$WORK/agent.out" >&2
+            tail -n 40 "$PLACE/agent.out" >&2
             [[ $status -ne 0 ]] || status=1
         fi
     fi
-    say "    logs: $WORK/agent/log, policy: $WORK/policy.json, backup copies: $WORK/backup"
+    if [[ $PLACE == "$WORK" ]]; then
+        say "    logs: $WORK/agent/log, policy: $WORK/policy.json, backup copies: $WORK/backup"
+    fi
+    leave_place agent/log agent.out policy.json
     exit "$status"
 }
 
 demo() {
-    local arguments=(--site "$SITE" --file "$SINGLE_FILE" --scratch "$WORK/scratch")
+    local arguments=(--site "$SITE" --file "$SINGLE_FILE" --scratch "$PLACE/scratch")
     local name
     for name in "${IGNORED_DIRS[@]}"; do arguments+=(--ignore-dir "$name"); done
     for name in "${IGNORED_SUFFIXES[@]}"; do arguments+=(--ignore-suffix "$name"); done
     step "Attacking $SITE"
-    run_child "$WORK/agent/bin/sentrel_demo" attack "${arguments[@]}" --socket "$SOCKET" \
+    run_child "$PLACE/agent/bin/sentrel_demo" attack "${arguments[@]}" --socket "$SOCKET" \
         --deadline-ms "$DEADLINE_MS"
 }
 
@@ -322,25 +358,25 @@ follow() {
     say
     say "$SITE is protected. Change something in it, in another terminal:"
     say "    echo '<h1>defaced</h1>' >> $(page_to_deface)"
-    say "What the agent knows:  ${SUDO_UID:+sudo }$WORK/agent/bin/morvanectl status"
+    say "What the agent knows:  ${SUDO_UID:+sudo }$PLACE/agent/bin/morvanectl status"
     say "To stop:               Ctrl-C"
     say
-    run_child "$WORK/agent/bin/morvanectl" --socket "$SOCKET" alarms --follow
+    run_child "$PLACE/agent/bin/morvanectl" --socket "$SOCKET" alarms --follow
 }
 
 run_inside() {
+    take_lock
+    if [[ $MODE == demo-remote ]]; then trap clean_up_hosts EXIT; else trap clean_up EXIT; fi
+    trap 'say; exit 130' INT
+    trap 'exit 143' TERM HUP
+    choose_place
     if [[ $MODE == demo-remote ]]; then
-        take_lock
         shield_machine
         demo_remote
         return
     fi
-    readonly SOCKET=$WORK/agent/run/agent.sock
-    readonly REAL_LIMIT=$WORK/real_limit
-    take_lock
-    trap clean_up EXIT
-    trap 'say; exit 130' INT
-    trap 'exit 143' TERM HUP
+    readonly SOCKET=$PLACE/agent/run/agent.sock
+    readonly REAL_LIMIT=$PLACE/real_limit
     cat /proc/sys/fs/inotify/max_user_watches >"$REAL_LIMIT"
     shield_machine
     prepare_agent

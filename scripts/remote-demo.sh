@@ -13,9 +13,6 @@ demo_remote() {
             "can be no second host"
         exit "$SKIPPED"
     fi
-    trap clean_up_hosts EXIT
-    trap 'say; exit 130' INT
-    trap 'exit 143' TERM HUP
     prepare_hosts
     start_backup_server
     start_web_server
@@ -29,11 +26,11 @@ demo_remote() {
 prepare_hosts() {
     local host
     step "Making two hosts with a cable between them: backup server $SERVER_IP, web server $WEB_IP"
-    rm -rf "$WORK"/{server,web,received,site,backup}
-    mkdir -p "$WORK"/{received,backup}
+    rm -rf "$PLACE"/{server,web,received,site,backup}
+    mkdir -p "$PLACE"/{received,backup}
+    chmod 0700 "$PLACE"/{received,backup}
     for host in server web; do
-        cp -a -- "$STAGE" "$WORK/$host"
-        rm -rf "${WORK:?}/$host"/{data,log,run}
+        install_stage "$PLACE/$host"
         start_host "$host"
     done
     # The network tool counts processes as this script does: only the network is the host's.
@@ -41,13 +38,13 @@ prepare_hosts() {
         ip link add eth0 type veth peer name eth0 netns "${HOST_INIT[web]}"
     connect_host server "$SERVER_IP"
     connect_host web "$WEB_IP"
-    SITE=$WORK/site
+    SITE=$PLACE/site
     make_sample_site
 }
 
-# start_host NAME: its file system is this machine's, but only $WORK, /tmp and /run can be written to.
+# start_host NAME: its file system is this machine's, but only $PLACE, /tmp and /run can be written to.
 start_host() {
-    local ready=$WORK/$1.ready tries
+    local ready=$PLACE/$1.ready tries
     rm -f "$ready"
     # shellcheck disable=SC2016
     setpriv --pdeathsig KILL -- unshare --net --pid --mount --fork --kill-child --mount-proc -- \
@@ -62,7 +59,7 @@ start_host() {
             mount -o remount,bind,ro /
             : >"$2"
             sleep infinity &
-            wait' host "$WORK" "$ready" 9>&- </dev/null &
+            wait' host "$PLACE" "$ready" 9>&- </dev/null &
     HOST_KEEPER[$1]=$!
     for ((tries = 0; tries < 100; tries++)); do
         [[ ! -e $ready ]] || break
@@ -94,15 +91,15 @@ in_host() {
 ctl() {
     local host=$1
     shift
-    "$WORK/$host/bin/morvanectl" "$@"
+    "$PLACE/$host/bin/morvanectl" "$@"
 }
 
 start_host_agent() {
-    nsenter --target "${HOST_INIT[$1]}" --net --pid --mount -- "$WORK/$1/bin/morvane_agent" \
-        >"$WORK/$1.out" 2>&1 </dev/null 9>&- &
+    nsenter --target "${HOST_INIT[$1]}" --net --pid --mount -- "$PLACE/$1/bin/morvane_agent" \
+        >"$PLACE/$1.out" 2>&1 </dev/null 9>&- &
     HOST_AGENT[$1]=$!
-    "$WORK/$1/bin/sentrel_demo" answer --socket "$WORK/$1/run/agent.sock" --deadline-ms 60000 ||
-        die "the agent of the host $1 does not answer; its last words are in $WORK/$1.out"
+    "$PLACE/$1/bin/sentrel_demo" answer --socket "$PLACE/$1/run/agent.sock" --deadline-ms 60000 ||
+        die "the agent of the host $1 does not answer; its last words are in $PLACE/$1.out"
 }
 
 # await NAME PATTERN: until a line of that host's status matches; shows the line.
@@ -124,8 +121,8 @@ start_backup_server() {
     start_host_agent server
     ctl server secret set server <<<"$PASSWORD" >/dev/null
     "$STAGE/bin/sentrel_demo" server-policy --address "$SERVER_IP" --port "$SERVER_PORT" \
-        --path "$WORK/received" --rsync "$(realpath -e /usr/bin/rsync)" >"$WORK/server-policy.json"
-    ctl server policy apply backupserver_feature "$WORK/server-policy.json" | indent
+        --path "$PLACE/received" --rsync "$(realpath -e /usr/bin/rsync)" >"$PLACE/server-policy.json"
+    ctl server policy apply backupserver_feature "$PLACE/server-policy.json" | indent
     await server '^server +running'
 }
 
@@ -138,10 +135,10 @@ start_web_server() {
 
 # Applying a policy brings the backup copies up to date, and pushes them.
 push() {
-    "$STAGE/bin/sentrel_demo" policy --tree "$SITE" --backup "$WORK/backup" --ignore-dir uploads \
+    "$STAGE/bin/sentrel_demo" policy --tree "$SITE" --backup "$PLACE/backup" --ignore-dir uploads \
         --rsync "$(realpath -e /usr/bin/rsync)" --push-to "$SERVER_IP" --push-port "$SERVER_PORT" \
-        >"$WORK/web-policy.json"
-    ctl web policy apply sentrel_feature "$WORK/web-policy.json" | indent
+        >"$PLACE/web-policy.json"
+    ctl web policy apply sentrel_feature "$PLACE/web-policy.json" | indent
 }
 
 indent() { sed 's/^/    /'; }
@@ -150,9 +147,9 @@ indent() { sed 's/^/    /'; }
 expect_copy() {
     local id
     await web '^backup .*remote up to date'
-    id=$(<"$WORK/web/data/agent_id")
-    RECEIVED=$WORK/received/$id$WORK/backup/tree$SITE
-    diff -r "$WORK/backup/tree$SITE" "$RECEIVED" >&2 ||
+    id=$(<"$PLACE/web/data/agent_id")
+    RECEIVED=$PLACE/received/$id$PLACE/backup/tree$SITE
+    diff -r "$PLACE/backup/tree$SITE" "$RECEIVED" >&2 ||
         die "$RECEIVED is not what the web server has sent"
 }
 
@@ -163,7 +160,7 @@ show_copy() {
 }
 
 show_killed_daemon() {
-    local pid_file=$WORK/server/bin/morvane_rsyncd.pid killed started=${EPOCHREALTIME//[.,]/} took
+    local pid_file=$PLACE/server/bin/morvane_rsyncd.pid killed started=${EPOCHREALTIME//[.,]/} took
     killed=$(<"$pid_file")
     step "Killing the rsync daemon of the backup server (process $killed there)"
     in_host server kill -KILL "$killed"
@@ -192,7 +189,7 @@ show_wrong_password() {
 stop_host() {
     local agent=${HOST_AGENT[$1]:-} tries stopped=0
     if [[ -n $agent ]]; then
-        in_host "$1" kill -TERM "$(<"$WORK/$1/run/agent.lock")" 2>/dev/null || true
+        in_host "$1" kill -TERM "$(<"$PLACE/$1/run/agent.lock")" 2>/dev/null || true
         for ((tries = 0; tries < 300; tries++)); do
             kill -0 "$agent" 2>/dev/null || break
             sleep 0.1
@@ -204,7 +201,7 @@ stop_host() {
         kill -KILL "${HOST_KEEPER[$1]}" 2>/dev/null || true
         wait "${HOST_KEEPER[$1]}" 2>/dev/null || true
     fi
-    [[ $stopped -eq 0 ]] || warn "the agent of the host $1 ended with $stopped; see $WORK/$1.out"
+    [[ $stopped -eq 0 ]] || warn "the agent of the host $1 ended with $stopped; see $PLACE/$1.out"
     return "$stopped"
 }
 
@@ -212,10 +209,13 @@ clean_up_hosts() {
     local status=$? host
     trap - EXIT
     trap '' INT TERM HUP
-    step "Stopping both agents and removing both hosts"
+    [[ ${#HOST_KEEPER[@]} -eq 0 ]] || step "Stopping both agents and removing both hosts"
     for host in web server; do
         stop_host "$host" || [[ $status -ne 0 ]] || status=1
     done
-    say "    logs: $WORK/{server,web}/log, policies: $WORK/{server,web}-policy.json"
+    if [[ $PLACE == "$WORK" ]]; then
+        say "    logs: $WORK/{server,web}/log, policies: $WORK/{server,web}-policy.json"
+    fi
+    leave_place {server,web}/log {server,web}{.out,-policy.json}
     exit "$status"
 }
