@@ -1,5 +1,7 @@
 // Writes the passwords that the agent pushes into the files that rsync reads. No password is kept
 // in memory nor logged. Framework thread.
+#define SDK_LOG_FILE "SentrelModule.cpp"
+
 #include <SentrelModule.h>
 #include <SentrelUtils.h>
 #include <json/value.h>

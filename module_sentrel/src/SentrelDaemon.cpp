@@ -1,6 +1,8 @@
 // Starts, finds and stops the rsync daemon of a backup server. It must not write the daemon's
 // configuration (BackUpServerPolicy does) nor decide when it runs (BackUpServerTask does).
 // Stopping blocks the caller for up to 13 seconds, in whole seconds.
+#define SDK_LOG_FILE "SentrelUtils.cpp"
+
 #include <SentrelUtils.h>
 #include <sdk/ExecuteCmdUtils.h>
 #include <sdk/FileUtils.h>

@@ -1,6 +1,8 @@
 // Provides bin/rsync. It must not judge the URL or the digest: the policy gives them, the download
 // library checks them. Tasks call it from their own threads, at the same time too; the lock is held
 // only while the remembered file is read or written, never during a download.
+#define SDK_LOG_FILE "SentrelUtils.cpp"
+
 #include <RsyncVersion.h>
 #include <SentrelUtils.h>
 #include <sdk/HttpUtils.h>

@@ -1,6 +1,8 @@
 // Builds and runs the rsync commands. It must not decide what is copied when (the tasks do) nor
 // quote: file names go on the command line as they stand, and what it cannot carry is refused or
 // pointed out when a policy is checked. Keeps no state but each thread's last error.
+#define SDK_LOG_FILE "SentrelUtils.cpp"
+
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 #include <sdk/CommandIdleLimit.h>

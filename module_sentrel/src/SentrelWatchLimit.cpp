@@ -1,3 +1,5 @@
+#define SDK_LOG_FILE "SentrelUtils.cpp"
+
 #include <SentrelUtils.h>
 #include <sdk/ExecuteCmdUtils.h>
 #include <sdk/Log.h>

@@ -31,6 +31,7 @@ TEST_F(Credentials, Passwords_AreWrittenAndLockedDown) {
     EXPECT_EQ(install_.Debugs("rsyslog write pass [" +
                               install_.dir.Path("conf/rsync_server.secrets") + "] ok."),
               1);
+    EXPECT_EQ(install_.log.Sources(), std::set<std::string>{"SentrelModule.cpp"});
     for (const auto& record : install_.log.Records()) {
         EXPECT_EQ(record.text.find("s3cret"), std::string::npos);
     }

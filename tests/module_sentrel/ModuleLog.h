@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ class ModuleLog {
     struct Record {
         Poco::Message::Priority priority;
         std::string text;
+        std::string source;
     };
 
     explicit ModuleLog(Poco::Logger& logger) : logger_(logger), channel_(new Keeper) { Attach(); }
@@ -44,6 +46,13 @@ class ModuleLog {
         });
     }
 
+    /// The source files that the records so far name, each once.
+    std::set<std::string> Sources() const {
+        std::set<std::string> sources;
+        for (const Record& record : Records()) sources.insert(record.source);
+        return sources;
+    }
+
     /// The texts of one priority, in order.
     std::vector<std::string> Texts(Poco::Message::Priority priority) const {
         std::vector<std::string> texts;
@@ -62,7 +71,9 @@ class ModuleLog {
     struct Keeper : Poco::Channel {
         void log(const Poco::Message& message) override {
             const std::lock_guard<std::mutex> lock(mutex);
-            records.push_back({message.getPriority(), message.getText()});
+            const char* source = message.getSourceFile();
+            records.push_back(
+                {message.getPriority(), message.getText(), source == nullptr ? "" : source});
         }
         mutable std::mutex mutex;
         std::vector<Record> records;

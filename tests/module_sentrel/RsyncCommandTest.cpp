@@ -93,6 +93,15 @@ TEST_F(RsyncCommand, Outcome_IsJudgedByExitCodeAndTheWordError) {
     }
 }
 
+TEST_F(RsyncCommand, Records_NameTheSourceOfTheirClass) {
+    EXPECT_TRUE(utils_->DoRsyncLocal("/a", "/b", {}, {}, RSYNC_BACKUP));
+    EXPECT_TRUE(utils_->RunRsyncDaemon(install_.Path() + "conf/none.conf"));
+    EXPECT_TRUE(utils_->SetInotifyMaxUserWatches());
+    EXPECT_FALSE(utils_->DownloadRsync());
+    EXPECT_GE(install_.log.Records().size(), 4U);
+    EXPECT_EQ(install_.log.Sources(), std::set<std::string>{"SentrelUtils.cpp"});
+}
+
 TEST_F(RsyncCommand, WatchLimit_AppendsItsLineEachTimeAndReloads) {
     const std::string command =
         "echo fs.inotify.max_user_watches=819200 | sudo tee -a /etc/sysctl.conf && sudo sysctl -p";

@@ -33,6 +33,12 @@ void LogFormatted(Poco::Logger* logger, Poco::Message::Priority priority, const 
 
 }  // namespace SDK
 
+/// The source file that a record names. A source of a class that has several defines it, before any
+/// include, as the class's main one, a literal: operators look for records by that name.
+#ifndef SDK_LOG_FILE
+#define SDK_LOG_FILE __FILE__
+#endif
+
 /// SDK_LOG(logger, PRIO_ERROR, "text %s", argument): the guarded log statement of the whole agent.
 #define SDK_LOG(logger, priority, ...) \
-    ::SDK::LogFormatted((logger), Poco::Message::priority, __FILE__, __LINE__, __VA_ARGS__)
+    ::SDK::LogFormatted((logger), Poco::Message::priority, SDK_LOG_FILE, __LINE__, __VA_ARGS__)
