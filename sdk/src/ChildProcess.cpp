@@ -9,12 +9,13 @@
 #include <array>
 #include <cerrno>
 #include <mutex>
+#include <utility>
 
 namespace SDK {
 
 namespace {
 
-constexpr int kFirstInherited = 3;  // the first descriptor that a command must not get
+constexpr int kFirstInherited = 3;
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
@@ -24,17 +25,34 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     return pointers;
 }
 
+/// Copies of `descriptors` that lie above the places that they will have in the child, so that
+/// putting one into its place does not close another; fewer (errno) when one cannot be copied.
+std::vector<FileDescriptor> CopiesAbove(const std::vector<FileDescriptor>& descriptors) {
+    const int end = kFirstInherited + static_cast<int>(descriptors.size());
+    std::vector<FileDescriptor> copies;
+    for (const FileDescriptor& descriptor : descriptors) {
+        FileDescriptor copy(::fcntl(descriptor.Get(), F_DUPFD_CLOEXEC, end));
+        if (!copy.IsOpen()) break;
+        copies.push_back(std::move(copy));
+    }
+    return copies;
+}
+
 /// What posix_spawn does in the child between its start and the program.
 class SpawnPlan {
   public:
-    explicit SpawnPlan(int output) {
+    SpawnPlan(int output, const std::vector<FileDescriptor>& inherited) {
         posix_spawn_file_actions_init(&actions_);
         posix_spawnattr_init(&attributes_);
         // Input last: when the agent runs without its standard descriptors, `output` may be 0.
         Note(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
         Note(posix_spawn_file_actions_adddup2(&actions_, output, STDERR_FILENO));
         Note(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
-        Note(posix_spawn_file_actions_addclosefrom_np(&actions_, kFirstInherited));
+        int place = kFirstInherited;
+        for (const FileDescriptor& descriptor : inherited) {
+            Note(posix_spawn_file_actions_adddup2(&actions_, descriptor.Get(), place++));
+        }
+        Note(posix_spawn_file_actions_addclosefrom_np(&actions_, place));
         sigset_t none;
         sigset_t all;
         sigemptyset(&none);
@@ -81,14 +99,17 @@ ChildProcess::~ChildProcess() {
 }
 
 bool ChildProcess::Start(const std::vector<std::string>& arguments,
-                         const std::vector<std::string>& environment) {
+                         const std::vector<std::string>& environment,
+                         const std::vector<FileDescriptor>& inherited) {
+    const std::vector<FileDescriptor> copies = CopiesAbove(inherited);
+    if (copies.size() != inherited.size()) return false;
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
     output_.Reset(ends[0]);
     const FileDescriptor write_end(ends[1]);
     if (::fcntl(output_.Get(), F_SETFL, O_NONBLOCK) != 0) return false;
 
-    SpawnPlan plan(write_end.Get());
+    SpawnPlan plan(write_end.Get(), copies);
     pid_t pid = -1;
     const int error = plan.Run(pid, Pointers(arguments).data(), Pointers(environment).data());
     if (error != 0) {

@@ -18,9 +18,11 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    /// Starts `arguments[0]` with exactly this environment. False (errno) when it cannot be.
+    /// Starts `arguments[0]` with exactly this environment and, as its descriptors 3, 4, ..., with
+    /// `inherited`, which stay the caller's. False (errno) when it cannot be.
     bool Start(const std::vector<std::string>& arguments,
-               const std::vector<std::string>& environment);
+               const std::vector<std::string>& environment,
+               const std::vector<FileDescriptor>& inherited);
 
     /// Readable once the process has ended; -1 when the kernel had no descriptor for it.
     int EndDescriptor() const { return end_.Get(); }

@@ -1,10 +1,12 @@
 // Runs commands and waits for them on the caller's thread. Keeps nothing: the command is
-// RunningCommand's, its environment CommandEnvironment's.
+// RunningCommand's, its environment CommandEnvironment's, its handler CommandHandlers'.
 #include "sdk/ExecuteCmdUtils.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "CommandEnvironment.h"
+#include "CommandHandlers.h"
 #include "sdk/RunningCommand.h"
 
 namespace SDK {
@@ -31,6 +33,10 @@ void ExecuteCmdUtils::SetSearchPath(const std::string& path) {
 void ExecuteCmdUtils::SetProgramEnvironment(const std::string& program,
                                             const std::vector<std::string>& variables) {
     CommandEnvironment::SetProgramVariables(program, variables);
+}
+
+void ExecuteCmdUtils::SetProgramHandler(const std::string& program, CommandHandler handler) {
+    CommandHandlers::Set(program, std::move(handler));
 }
 
 }  // namespace SDK

@@ -1,5 +1,6 @@
-// Owns one started command and the reading of its output. Not what it is run with: its environment
-// is CommandEnvironment's, the process itself ChildProcess's. One thread.
+// Owns one started command, or what a handler did in its place, and the reading of its output. Not
+// what it is run with: its environment is CommandEnvironment's, its handler CommandHandlers', the
+// process itself ChildProcess's. One thread.
 #include "sdk/RunningCommand.h"
 
 #include <poll.h>
@@ -10,9 +11,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
+#include <utility>
 
 #include "ChildProcess.h"
 #include "CommandEnvironment.h"
+#include "CommandHandlers.h"
 #include "CommandLine.h"
 #include "GroupWatch.h"
 #include "sdk/CommandInterrupter.h"
@@ -70,6 +74,12 @@ bool HoldsNul(const std::string& text) {
     return text.find('\0') != std::string::npos;
 }
 
+bool AnyHoldsNul(const std::vector<std::string>& words) {
+    if (std::none_of(words.begin(), words.end(), HoldsNul)) return false;
+    errno = EINVAL;
+    return true;
+}
+
 bool IsInterrupted(const CommandInterrupter* interrupter) {
     if (interrupter == nullptr) return false;
     pollfd event{interrupter->Descriptor(), POLLIN, 0};
@@ -112,28 +122,63 @@ RunningCommand::RunningCommand(const std::vector<std::string>& arguments, int ti
 RunningCommand::RunningCommand(const std::string& line) : deadline_ms_(kNoLimit) {
     if (HoldsNul(line)) return;
     const std::vector<std::string> words = SplitPlainCommand(line);
-    if (!words.empty()) Start(words);
+    const std::string program = CommandHandlers::Beginning(line);
+    const bool is_whole = program.empty() || (!words.empty() && words.front() == program);
+    if (is_whole && !words.empty()) Start(words);
+    if (child_ != nullptr || answer_ || is_interrupted_) return;
+    const std::string named = CommandHandlers::NamedIn(line);
+    if (!named.empty()) {
+        Refuse("not given to a shell: " + named);
+        return;
+    }
     // What cannot be started is left to the shell as well: its words and its code tell why, and it
     // can run a script without an interpreter line.
-    if (child_ == nullptr && !is_interrupted_) {
-        Start({kShell, "-c", CommandEnvironment::ShellLine(line)});
-    }
+    Start({kShell, "-c", CommandEnvironment::ShellLine(line)});
 }
 
 RunningCommand::~RunningCommand() = default;
 
 void RunningCommand::Start(const std::vector<std::string>& arguments) {
-    is_interrupted_ = IsInterrupted(CommandInterrupter::Current());
-    if (is_interrupted_ || std::any_of(arguments.begin(), arguments.end(), HoldsNul)) return;
-    auto child = std::make_unique<ChildProcess>();
+    const CommandInterrupter* interrupter = CommandInterrupter::Current();
+    is_interrupted_ = IsInterrupted(interrupter);
+    if (is_interrupted_ || arguments.empty() || AnyHoldsNul(arguments)) return;
     const auto environment = CommandEnvironment::Of(arguments.front());
-    if (child->Start(arguments, environment)) child_ = std::move(child);
+    std::optional<CommandAnswer> answer = CommandHandlers::Ask(arguments);
+    if (!answer) return StartProgram(arguments, environment, {});
+    if (answer->kind == CommandAnswer::Kind::kRun) {
+        const auto& instead = answer->arguments.empty() ? arguments : answer->arguments;
+        if (!AnyHoldsNul(instead)) StartProgram(instead, environment, answer->inherited);
+        if (child_ == nullptr) Refuse(instead.front() + ": " + std::strerror(errno));
+        return;
+    }
+    // A handler that gave up when it was interrupted has no other way to say so.
+    is_interrupted_ = answer->kind == CommandAnswer::Kind::kRefused && IsInterrupted(interrupter);
+    answer_ = std::move(answer);
+}
+
+void RunningCommand::StartProgram(const std::vector<std::string>& arguments,
+                                  const std::vector<std::string>& environment,
+                                  const std::vector<FileDescriptor>& inherited) {
+    auto child = std::make_unique<ChildProcess>();
+    if (child->Start(arguments, environment, inherited)) child_ = std::move(child);
+}
+
+void RunningCommand::Refuse(const std::string& why) {
+    answer_.emplace();
+    answer_->kind = CommandAnswer::Kind::kRefused;
+    answer_->output = why;
 }
 
 int RunningCommand::Wait(int& exit_code, std::string& output, std::size_t max_output) {
     exit_code = -1;
     output.clear();
     if (is_interrupted_) return ExecuteCmdUtils::kInterrupted;
+    if (answer_) {
+        output = answer_->output.substr(0, max_output);
+        if (answer_->kind != CommandAnswer::Kind::kDone) return ExecuteCmdUtils::kStartFailed;
+        exit_code = answer_->exit_code;
+        return 0;
+    }
     if (child_ == nullptr || child_->EndDescriptor() < 0) return ExecuteCmdUtils::kStartFailed;
     OutputCollector collector(child_->OutputDescriptor(), output, max_output);
     const int ended = WaitForEnd(*child_, collector, deadline_ms_);

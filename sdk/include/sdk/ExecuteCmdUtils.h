@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "sdk/CommandHandler.h"
+
 namespace SDK {
 
 /// Runs external commands and waits for them. Any thread.
@@ -17,7 +19,7 @@ namespace SDK {
 class ExecuteCmdUtils {
   public:
     /// Results other than the exit code of the command itself.
-    static constexpr int kStartFailed = -1;
+    static constexpr int kStartFailed = -1;  ///< or refused by a program's handler
     static constexpr int kTimedOut = -2;
     static constexpr int kInterrupted = -3;  ///< by the thread's CommandInterrupter
     static constexpr int kKilledBySignal = -4;
@@ -45,6 +47,13 @@ class ExecuteCmdUtils {
     /// Any thread; counts from the next command on.
     static void SetProgramEnvironment(const std::string& program,
                                       const std::vector<std::string>& variables);
+
+    /// From the next command on `handler` is asked before `program` (exactly this text, the first
+    /// word of a command) is started; a null handler takes it back. A program that has a handler
+    /// never gets to a shell: a line that names it anywhere and needs one, or of which more or less
+    /// than the first word is that program, is not run (kStartFailed, the output says why). A call
+    /// of the handler that is under way goes on. Any thread.
+    static void SetProgramHandler(const std::string& program, CommandHandler handler);
 };
 
 }  // namespace SDK

@@ -3,8 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "sdk/CommandHandler.h"
 
 namespace SDK {
 
@@ -18,7 +21,8 @@ class RunningCommand {
     static constexpr int kNoLimit = -1;
 
     /// Starts `arguments[0]` (an absolute path), without a shell. The time of `timeout_ms` begins
-    /// now; it counts only for Wait. Does not start when the thread is interrupted.
+    /// now; it counts only for Wait. Does not start when the thread is interrupted. Blocks only
+    /// where the program has a handler, for as long as that works.
     RunningCommand(const std::vector<std::string>& arguments, int timeout_ms);
     /// Starts a command line, with a shell where it needs one, and without a time limit.
     explicit RunningCommand(const std::string& line);
@@ -34,9 +38,14 @@ class RunningCommand {
 
   private:
     void Start(const std::vector<std::string>& arguments);
+    void StartProgram(const std::vector<std::string>& arguments,
+                      const std::vector<std::string>& environment,
+                      const std::vector<FileDescriptor>& inherited);
+    void Refuse(const std::string& why);
 
     const std::int64_t deadline_ms_;
     std::unique_ptr<ChildProcess> child_;
+    std::optional<CommandAnswer> answer_;  ///< what stands for a process: kDone or kRefused
     bool is_interrupted_ = false;
 };
 
