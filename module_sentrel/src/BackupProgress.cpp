@@ -1,8 +1,30 @@
+// Owns what is complete and what is open in the present round. It must not copy or compare (the
+// backup task does) nor undo anything (the inotify task does). Any thread.
 #include <BackupProgress.h>
 
+#include <algorithm>
+#include <string_view>
 #include <tuple>
 
 namespace Engine {
+
+namespace {
+
+/// `path` relative to the rule's path, without a trailing "/"; "" for that itself and for what lies
+/// elsewhere.
+std::string_view Below(const SentrelDirRule& rule, std::string_view path) {
+    while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+    const std::string& root = rule.real_path;
+    if (rule.is_file || path.size() <= root.size()) return {};
+    return path.substr(0, root.size()) == root ? path.substr(root.size()) : std::string_view();
+}
+
+bool HasCopy(const SentrelDirRule& rule, const std::string& below) {
+    struct stat info {};
+    return ::lstat((rule.backup_path + rule.real_path + below).c_str(), &info) == 0;
+}
+
+}  // namespace
 
 BackupProgress& BackupProgress::Instance() {
     static BackupProgress instance;
@@ -14,6 +36,7 @@ void BackupProgress::Restart() {
     ++round_;
     begin_.reset();
     complete_.clear();
+    CountOpen();
 }
 
 std::uint64_t BackupProgress::Round() const {
@@ -27,22 +50,80 @@ std::uint64_t BackupProgress::BeginCopy() {
     return round_;
 }
 
-bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t round) {
+std::optional<std::timespec> BackupProgress::Begin() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return begin_;
+}
+
+bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t round,
+                                  OpenObjects open) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (round != round_) return false;
-    complete_.emplace(rule.real_path, rule.backup_path);
+    complete_.insert_or_assign({rule.real_path, rule.backup_path}, std::move(open));
+    CountOpen();
     return true;
 }
 
 bool BackupProgress::IsComplete(const SentrelDirRule& rule) const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return complete_.count({rule.real_path, rule.backup_path}) != 0;
+    return OpenOf(rule) != nullptr;
 }
 
 bool BackupProgress::IsOfThisRound(const struct stat& copy) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return begin_ && std::tie(copy.st_ctim.tv_sec, copy.st_ctim.tv_nsec) >
                          std::tie(begin_->tv_sec, begin_->tv_nsec);
+}
+
+bool BackupProgress::IsOpen(const SentrelDirRule& rule, const std::string& path) const {
+    if (!has_open_.load(std::memory_order_acquire)) return false;
+    const std::string_view below = Below(rule, path);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const OpenObjects* open = OpenOf(rule);
+    return open != nullptr && !below.empty() &&
+           open->Covers(below, [&](const std::string& one) { return HasCopy(rule, one); });
+}
+
+bool BackupProgress::HasOpenIn(const SentrelDirRule& rule, const std::string& path) const {
+    if (!has_open_.load(std::memory_order_acquire)) return false;
+    if (IsOpen(rule, path)) return true;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const OpenObjects* open = OpenOf(rule);
+    return open != nullptr && open->HasAnyIn(Below(rule, path));
+}
+
+std::vector<OpenObjects::Entry> BackupProgress::OpenEntries(const SentrelDirRule& rule,
+                                                            std::size_t most) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const OpenObjects* open = OpenOf(rule);
+    return open == nullptr ? std::vector<OpenObjects::Entry>() : open->Entries(most);
+}
+
+std::size_t BackupProgress::OpenCount(const SentrelDirRule& rule) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const OpenObjects* open = OpenOf(rule);
+    return open == nullptr ? 0 : open->Size();
+}
+
+void BackupProgress::NoteCopied(const SentrelDirRule& rule, std::uint64_t round,
+                                const std::string& below) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = complete_.find({rule.real_path, rule.backup_path});
+    if (round != round_ || known == complete_.end()) return;
+    known->second.Remove(below);
+    CountOpen();
+}
+
+/// Null while the rule's copy is not complete.
+const OpenObjects* BackupProgress::OpenOf(const SentrelDirRule& rule) const {
+    const auto known = complete_.find({rule.real_path, rule.backup_path});
+    return known == complete_.end() ? nullptr : &known->second;
+}
+
+void BackupProgress::CountOpen() {
+    const bool any = std::any_of(complete_.begin(), complete_.end(),
+                                 [](const auto& one) { return !one.second.IsEmpty(); });
+    has_open_.store(any, std::memory_order_release);
 }
 
 }  // namespace Engine
