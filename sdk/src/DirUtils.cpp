@@ -74,8 +74,12 @@ int DirUtils::DeleteBeneath(const std::string& root, const std::string& path) {
         parent.Reset(::openat(parent.Get(), components[at].c_str(), kWayFlags));
     }
     if (!parent.IsOpen()) return -1;
-    if (::unlinkat(parent.Get(), components.back().c_str(), 0) == 0) return 0;
-    return errno == EISDIR ? TreeRemover().RemoveAt(parent.Get(), components.back()) : -1;
+    return DeleteAt(parent.Get(), components.back());
+}
+
+int DirUtils::DeleteAt(int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) == 0) return 0;
+    return errno == EISDIR ? TreeRemover().RemoveAt(directory, name) : -1;
 }
 
 int DirUtils::MakeDirs(const std::string& path, mode_t mode) {

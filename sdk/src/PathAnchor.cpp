@@ -103,12 +103,15 @@ PathAnchor::PathAnchor(std::string path, FileDescriptor directory, const struct 
       inode_(info.st_ino) {}
 
 std::unique_ptr<PathAnchor> PathAnchor::Open(const std::string& path) {
-    std::string wanted = WithoutTrailingDots(path);
-    FileDescriptor directory(::open(wanted.c_str(), kListing | O_NOFOLLOW));
+    return Hold(FileDescriptor(::open(WithoutTrailingDots(path).c_str(), kListing | O_NOFOLLOW)),
+                path);
+}
+
+std::unique_ptr<PathAnchor> PathAnchor::Hold(FileDescriptor directory, const std::string& path) {
     struct stat info {};
     if (!directory.IsOpen() || ::fstat(directory.Get(), &info) != 0) return nullptr;
     return std::unique_ptr<PathAnchor>(
-        new PathAnchor(std::move(wanted), std::move(directory), info));
+        new PathAnchor(WithoutTrailingDots(path), std::move(directory), info));
 }
 
 // The inode is held by the descriptor, so its number cannot have been given to another directory.

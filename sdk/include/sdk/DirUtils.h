@@ -26,6 +26,11 @@ class DirUtils {
     /// missing object is a failure (ENOENT).
     static int DeleteBeneath(const std::string& root, const std::string& path);
 
+    /// Removes `name` in the directory that is open as `directory`, whatever it is; a directory
+    /// with all that it holds. Never follows a symbolic link. A missing object is a failure
+    /// (ENOENT).
+    static int DeleteAt(int directory, const std::string& name);
+
     /// Makes the directory `path` with all missing parents, each with `mode` (whatever the umask).
     /// An existing directory is success and keeps its mode.
     static int MakeDirs(const std::string& path, mode_t mode);

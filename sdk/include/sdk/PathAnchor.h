@@ -36,6 +36,10 @@ class PathAnchor {
     /// none (ENOTDIR or ELOOP). Null on failure (errno). Does not block on a pipe or device.
     static std::unique_ptr<PathAnchor> Open(const std::string& path);
 
+    /// Takes over a directory that is open already (O_RDONLY), as the one at `path`. Null on
+    /// failure (errno).
+    static std::unique_ptr<PathAnchor> Hold(FileDescriptor directory, const std::string& path);
+
     /// As given to Open, without trailing "/" or "/.".
     const std::string& Path() const { return path_; }
 
