@@ -4,10 +4,10 @@
 #define SDK_LOG_FILE "SentrelUtils.cpp"
 
 #include <SentrelUtils.h>
-#include <sdk/ExecuteCmdUtils.h>
 #include <sdk/FileUtils.h>
 #include <sdk/Log.h>
 #include <sdk/ProcessUtils.h>
+#include <sdk/RunningCommand.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -61,8 +61,13 @@ bool KillAndWait(int pid) {
 
 bool SentrelUtils::RunRsyncDaemon(const std::string& conf_path) {
     const std::string command = install_path + "bin/rsync --daemon --config=" + conf_path;
+    // Run by its words: the line does not quote the paths, and a shell would take a blank for their
+    // end.
+    SDK::RunningCommand rsync({install_path + "bin/rsync", "--daemon", "--config=" + conf_path},
+                              SDK::RunningCommand::kNoLimit);
     std::string output;
-    SDK::ExecuteCmdUtils::ExecuteCmd(command, output, kMaxOutput);
+    int exit_code = 0;
+    rsync.Wait(exit_code, output, kMaxOutput);
     // Only an empty output is searched, so a start never counts as failed here: whether the daemon
     // lives is seen from its pid file at the next pass.
     if (output.empty() && output.find("failed") != std::string::npos) {

@@ -1,17 +1,21 @@
-// Builds and runs the rsync commands. It must not decide what is copied when (the tasks do) nor
-// quote: file names go on the command line as they stand, and what it cannot carry is refused or
-// pointed out when a policy is checked. Keeps no state but each thread's last error.
+// Builds and runs the rsync commands. It must not decide what is copied when (the tasks do). Each
+// command has a line, which is given and logged, and the words that are meant by it. Only the words
+// are run, and no shell: on the line file names stand as they are, so a name could add words to it,
+// or commands. Keeps no state but each thread's last error.
 #define SDK_LOG_FILE "SentrelUtils.cpp"
 
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 #include <sdk/CommandIdleLimit.h>
+#include <sdk/CommandLine.h>
 #include <sdk/ExecuteCmdUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace Engine {
 
@@ -33,7 +37,7 @@ std::string DescribeFailure(int result, const std::string& output) {
         case SDK::ExecuteCmdUtils::kInterrupted:
             return "rsync was interrupted";
         case SDK::ExecuteCmdUtils::kStartFailed:
-            return "rsync could not be started";
+            return "rsync was not started: " + FirstLine(output);
         case SDK::ExecuteCmdUtils::kKilledBySignal:
             return "rsync was killed";
         case SDK::ExecuteCmdUtils::kTimedOut:
@@ -44,20 +48,64 @@ std::string DescribeFailure(int result, const std::string& output) {
     return "rsync ended with " + std::to_string(result) + ": " + FirstLine(output);
 }
 
-std::string Exclusions(const std::list<std::string>& ignored_postfix,
-                       const std::list<std::string>& ignored_subdir) {
-    std::string options;
-    for (const std::string& postfix : ignored_postfix) {
-        options += " --exclude \"*" + postfix + "\" ";
+/// One rsync command: its line, the words that are meant, and those of them that are paths.
+struct Command {
+    std::string line;
+    std::vector<std::string> words;
+    std::vector<std::string> paths;
+
+    /// Appends a word that stands on the line as it is, behind `before`.
+    void Add(const std::string& before, const std::string& word) {
+        line += before + word;
+        words.push_back(word);
     }
-    for (const std::string& subdir : ignored_subdir) {
-        options += " --exclude \"" + subdir + "\" ";
+    void AddPath(const std::string& before, const std::string& path) {
+        Add(before, path);
+        paths.push_back(path);
     }
-    return options;
+    void AddExclusion(const std::string& pattern) {
+        line += " --exclude \"" + pattern + "\" ";
+        words.insert(words.end(), {"--exclude", pattern});
+    }
+};
+
+using RunningCopy = SentrelUtils::RunningCopy;
+enum class Way { kLineOnly, kLineOrWords };
+
+/// A relative path would be an option, a place on another host or one below our own directory.
+std::string WhyRefused(const Command& command, Way way) {
+    for (const std::string& path : command.paths) {
+        if (path.empty() || path.front() != '/') return "\"" + path + "\" is no absolute path";
+    }
+    if (way == Way::kLineOrWords || SDK::SplitPlainCommand(command.line) == command.words) {
+        return "";
+    }
+    return "the command line does not carry each path as one word";
 }
 
-/// Source and destination of a restore; false when there is no backup copy.
-bool RestoreArguments(const std::string& src, const std::string& dst, std::string& arguments) {
+RunningCopy Launch(const Command& command, Way way) {
+    RunningCopy copy{command.line, WhyRefused(command, way), nullptr};
+    if (copy.refusal.empty()) {
+        copy.rsync =
+            std::make_unique<SDK::RunningCommand>(command.words, SDK::RunningCommand::kNoLimit);
+    }
+    return copy;
+}
+
+Command LocalCommand(const std::list<std::string>& ignored_postfix,
+                     const std::list<std::string>& ignored_subdir) {
+    Command command;
+    command.AddPath("", SDK::PathUtils::GetInstallationPath() + "bin/rsync");
+    command.line += " -az -H -X --links --delete-excluded --temp-dir=/tmp ";
+    command.words.insert(command.words.end(),
+                         {"-az", "-H", "-X", "--links", "--delete-excluded", "--temp-dir=/tmp"});
+    for (const std::string& postfix : ignored_postfix) command.AddExclusion("*" + postfix);
+    for (const std::string& subdir : ignored_subdir) command.AddExclusion(subdir);
+    return command;
+}
+
+/// Adds source and destination of a restore; false when there is no backup copy.
+bool AddRestore(const std::string& src, const std::string& dst, Command& command) {
     std::string target = src;
     const std::string backup = dst + target;
     struct stat info {};
@@ -68,36 +116,51 @@ bool RestoreArguments(const std::string& src, const std::string& dst, std::strin
         return false;
     }
     if (S_ISDIR(info.st_mode) && (target.empty() || target.back() != '/')) target += '/';
-    arguments = dst + target + " " + target + " ";
+    command.AddPath("", dst + target);
+    command.AddPath(" ", target);
+    command.line += " ";
     return true;
+}
+
+std::unique_ptr<RunningCopy> LaunchRestore(const std::string& src, const std::string& dst,
+                                           const std::list<std::string>& ignored_postfix,
+                                           const std::list<std::string>& ignored_subdir, Way way) {
+    Command command = LocalCommand(ignored_postfix, ignored_subdir);
+    if (!AddRestore(src, dst, command)) return nullptr;
+    return std::make_unique<RunningCopy>(Launch(command, way));
+}
+
+std::unique_ptr<RunningCopy> LaunchBackup(const std::string& src, const std::string& dst,
+                                          const std::list<std::string>& ignored_postfix,
+                                          const std::list<std::string>& ignored_subdir) {
+    Command command = LocalCommand(ignored_postfix, ignored_subdir);
+    command.Add(" ", "-R");
+    command.AddPath(" ", src);
+    command.AddPath(" ", dst);
+    command.line += " ";
+    return std::make_unique<RunningCopy>(Launch(command, Way::kLineOrWords));
 }
 
 }  // namespace
 
-std::unique_ptr<SentrelUtils::RunningCopy> SentrelUtils::BeginLocal(
-    const std::string& arguments, const std::list<std::string>& ignored_postfix,
-    const std::list<std::string>& ignored_subdir) {
-    const std::string command = SDK::PathUtils::GetInstallationPath() + "bin/rsync" +
-                                " -az -H -X --links --delete-excluded --temp-dir=/tmp " +
-                                Exclusions(ignored_postfix, ignored_subdir) + arguments;
-    return std::make_unique<RunningCopy>(command);
-}
-
 bool SentrelUtils::DoRsyncLocal(const std::string& src, const std::string& dst,
                                 const std::list<std::string>& ignored_postfix,
                                 const std::list<std::string>& ignored_subdir, rsync_mode mode) {
-    return FinishLocal(
-        mode == RSYNC_BACKUP
-            ? BeginLocal(" -R " + src + " " + dst + " ", ignored_postfix, ignored_subdir)
-            : BeginRestore(src, dst, ignored_postfix, ignored_subdir));
+    return FinishLocal(mode == RSYNC_BACKUP
+                           ? LaunchBackup(src, dst, ignored_postfix, ignored_subdir)
+                           : BeginRestoreWithoutLine(src, dst, ignored_postfix, ignored_subdir));
 }
 
-std::unique_ptr<SentrelUtils::RunningCopy> SentrelUtils::BeginRestore(
+std::unique_ptr<RunningCopy> SentrelUtils::BeginRestore(
     const std::string& src, const std::string& dst, const std::list<std::string>& ignored_postfix,
     const std::list<std::string>& ignored_subdir) {
-    std::string arguments;
-    if (!RestoreArguments(src, dst, arguments)) return nullptr;
-    return BeginLocal(arguments, ignored_postfix, ignored_subdir);
+    return LaunchRestore(src, dst, ignored_postfix, ignored_subdir, Way::kLineOnly);
+}
+
+std::unique_ptr<RunningCopy> SentrelUtils::BeginRestoreWithoutLine(
+    const std::string& src, const std::string& dst, const std::list<std::string>& ignored_postfix,
+    const std::list<std::string>& ignored_subdir) {
+    return LaunchRestore(src, dst, ignored_postfix, ignored_subdir, Way::kLineOrWords);
 }
 
 bool SentrelUtils::FinishLocal(const std::unique_ptr<RunningCopy>& copy) {
@@ -109,27 +172,36 @@ bool SentrelUtils::FinishLocal(const std::unique_ptr<RunningCopy>& copy) {
 
 bool SentrelUtils::DoRsyncRemote(const std::string& src, [[maybe_unused]] rsync_mode mode) {
     const std::string install = SDK::PathUtils::GetInstallationPath();
-    std::string command = install + "bin/rsync" +
-                          " -az -H -X -R --links --delete-excluded --password-file=" + install +
-                          "conf/rsync_client.secrets";
-    if (backup_port != 0) command += " --port " + std::to_string(backup_port);
-    command += " " + src + " morvane_agent@" + backup_addr + "::morvane_agent/";
+    Command command;
+    command.AddPath("", install + "bin/rsync");
+    command.line += " -az -H -X -R --links --delete-excluded";
+    command.words.insert(command.words.end(),
+                         {"-az", "-H", "-X", "-R", "--links", "--delete-excluded"});
+    command.Add(" ", "--password-file=" + install + "conf/rsync_client.secrets");
+    if (backup_port != 0) {
+        command.Add(" ", "--port");
+        command.Add(" ", std::to_string(backup_port));
+    }
+    command.AddPath(" ", src);
     const std::string agent_id = Framework::ConfigManager::GetInstance().GetAgentId();
     if (agent_id.empty()) {
         SDK_LOG(GetLogger(), PRIO_DEBUG, "agentid pok.");
         ThreadError() = "the agent has no id";
         return false;
     }
-    command += agent_id + " ";
-    RunningCopy copy(command);
-    return FinishCopy(copy);
+    command.Add(" ", "morvane_agent@" + backup_addr + "::morvane_agent/" + agent_id);
+    command.line += " ";
+    return FinishCopy(Launch(command, Way::kLineOrWords));
 }
 
-bool SentrelUtils::FinishCopy(RunningCopy& copy) {
-    std::string output;
+bool SentrelUtils::FinishCopy(const RunningCopy& copy) {
+    std::string output = copy.refusal;
     int exit_code = -1;
-    const int ended = copy.rsync.Wait(exit_code, output, kMaxOutput);
-    const int result = ended == 0 ? exit_code : ended;
+    int result = SDK::ExecuteCmdUtils::kStartFailed;
+    if (copy.rsync != nullptr) {
+        const int ended = copy.rsync->Wait(exit_code, output, kMaxOutput);
+        result = ended == 0 ? exit_code : ended;
+    }
     const std::string& command = copy.command;
     if (result != 0 || output.find("error") != std::string::npos) {
         SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] failed, infor:%s.", command, output);

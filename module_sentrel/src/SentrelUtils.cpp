@@ -27,6 +27,7 @@ void SentrelUtils::Init() {
     minute_enabled.fill(true);
     weekday_enabled.fill(true);
     copy_idle_period = kCopyIdlePeriod;
+    watch_limit_period = kWatchLimitPeriod;
 }
 
 Poco::Logger* SentrelUtils::GetLogger() {

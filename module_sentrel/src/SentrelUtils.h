@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace Engine {
 
@@ -29,6 +30,9 @@ enum BackupType : int { kRemoteOnly = 1, kLocalAndRemote = 2, kRemoteByOthers = 
 /// An rsync within the host of which no process has done anything for so long is held up by
 /// something that it opened, and is ended.
 constexpr std::chrono::seconds kCopyIdlePeriod{15};
+
+/// A sudo or sysctl that takes longer to raise the watch limit is ended.
+constexpr std::chrono::seconds kWatchLimitPeriod{10};
 
 constexpr int kMinutesPerDay = 1440;
 constexpr int kDaysPerWeek = 7;
@@ -69,7 +73,8 @@ class SentrelUtils {
 
     /// Copies `src` into the backup directory `dst`, or its backup copy below `dst` back. Blocks
     /// until rsync has ended, which takes as long as it goes on working; one that is held up is
-    /// ended (`copy_idle_period`). Paths are put on the command line as they stand.
+    /// ended (`copy_idle_period`). Paths are put on the command line as they stand; where that
+    /// line does not carry each of them as one word, rsync gets the words without the line.
     bool DoRsyncLocal(const std::string& src, const std::string& dst,
                       const std::list<std::string>& ignored_postfix,
                       const std::list<std::string>& ignored_subdir, rsync_mode mode);
@@ -77,14 +82,21 @@ class SentrelUtils {
     /// An rsync within the host that goes on while its starter does something else; killed when
     /// nobody has waited for it. One thread.
     struct RunningCopy {
-        explicit RunningCopy(const std::string& line) : command(line), rsync(line) {}
-        const std::string command;
-        SDK::RunningCommand rsync;
+        std::string command;                         ///< the line, for the log
+        std::string refusal;                         ///< why nothing was started
+        std::unique_ptr<SDK::RunningCommand> rsync;  ///< null: refused
     };
-    /// Begins what DoRsyncLocal does for RSYNC_RESTORE; null when there is no backup copy.
+    /// Begins what DoRsyncLocal does for RSYNC_RESTORE; null when there is no backup copy. Refused,
+    /// which FinishLocal tells, when the line does not carry each path as one word.
     std::unique_ptr<RunningCopy> BeginRestore(const std::string& src, const std::string& dst,
                                               const std::list<std::string>& ignored_postfix,
                                               const std::list<std::string>& ignored_subdir);
+    /// The same, for paths and exclusions of any bytes: rsync gets its words, and no line of them
+    /// is read by anybody. Only paths that do not begin with "/" are refused.
+    std::unique_ptr<RunningCopy> BeginRestoreWithoutLine(
+        const std::string& src, const std::string& dst,
+        const std::list<std::string>& ignored_postfix,
+        const std::list<std::string>& ignored_subdir);
     /// Blocks as DoRsyncLocal does, with its result. Null is a failure.
     bool FinishLocal(const std::unique_ptr<RunningCopy>& copy);
 
@@ -96,6 +108,8 @@ class SentrelUtils {
 
     // The rsync daemon of a backup server (SentrelDaemon.cpp).
 
+    /// Starts bin/rsync as a daemon with that configuration. Always true: whether the daemon lives
+    /// is seen from its pid file at the next pass. Returns when rsync has detached.
     bool RunRsyncDaemon(const std::string& conf_path);
     /// True when the file names a live process. `pid` is set whenever the file could be read.
     bool GetRsyncRunningPid(const std::string& pid_file, int& pid);
@@ -115,6 +129,7 @@ class SentrelUtils {
     void SendExceptionMsg(const std::string& feature, const std::string& exception);
 
     /// Raises the kernel's inotify watch limit for good; adds a line to /etc/sysctl.conf each time.
+    /// False also when that takes longer than `watch_limit_period`; the command is then killed.
     bool SetInotifyMaxUserWatches();
 
     /// The local backup copies are this module's to make.
@@ -146,8 +161,9 @@ class SentrelUtils {
     std::string backupserver_path;
     std::string backupserver_ip;
     std::string install_path;  ///< ends in "/"; refreshed by each policy
-    /// Only a test sets it.
+    // Only tests set these.
     std::chrono::milliseconds copy_idle_period = kCopyIdlePeriod;
+    std::chrono::milliseconds watch_limit_period = kWatchLimitPeriod;
 
   private:
     SentrelUtils() = default;
@@ -156,10 +172,7 @@ class SentrelUtils {
     bool ProvideRsync();
     bool IsInstalledRsync(const struct stat& info) const;
     bool RememberInstalledRsync(const std::string& path);
-    std::unique_ptr<RunningCopy> BeginLocal(const std::string& arguments,
-                                            const std::list<std::string>& ignored_postfix,
-                                            const std::list<std::string>& ignored_subdir);
-    bool FinishCopy(RunningCopy& copy);
+    bool FinishCopy(const RunningCopy& copy);
 
     std::mutex provision_mutex_;  ///< held while bin/rsync is provided; guards what follows
     bool rsync_is_usable_ = true;

@@ -59,9 +59,9 @@ class SpawnPlan {
         sigfillset(&all);
         Note(posix_spawnattr_setsigmask(&attributes_, &none));
         Note(posix_spawnattr_setsigdefault(&attributes_, &all));
-        Note(posix_spawnattr_setpgroup(&attributes_, 0));
+        // The leader of a session leads a group of the same number.
         Note(posix_spawnattr_setflags(
-            &attributes_, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
+            &attributes_, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
     }
     ~SpawnPlan() {
         posix_spawn_file_actions_destroy(&actions_);

@@ -9,8 +9,9 @@
 
 namespace SDK {
 
-/// One external command: its process, the group that it leads, and the pipe with its output. Killed
-/// with its group and reaped with the object when it has not been reaped before. One thread.
+/// One external command: its process, the session and group that it leads, and the pipe with its
+/// output. Killed with its group and reaped with the object when it has not been reaped before. One
+/// thread.
 class ChildProcess {
   public:
     ChildProcess() = default;

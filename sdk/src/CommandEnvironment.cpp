@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "CommandLine.h"
+#include "sdk/CommandLine.h"
 #include "sdk/PathUtils.h"
 
 namespace SDK {

@@ -1,4 +1,4 @@
-#include "CommandLine.h"
+#include "sdk/CommandLine.h"
 
 #include <cstring>
 

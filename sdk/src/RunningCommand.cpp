@@ -17,9 +17,10 @@
 #include "ChildProcess.h"
 #include "CommandEnvironment.h"
 #include "CommandHandlers.h"
-#include "CommandLine.h"
 #include "GroupWatch.h"
 #include "sdk/CommandInterrupter.h"
+#include "sdk/CommandLine.h"
+#include "sdk/CommandTimeLimit.h"
 #include "sdk/ExecuteCmdUtils.h"
 #include "sdk/TimeUtils.h"
 
@@ -86,6 +87,13 @@ bool IsInterrupted(const CommandInterrupter* interrupter) {
     return ::poll(&event, 1, 0) > 0;
 }
 
+/// When a command that begins now must have ended; kNoLimit for never.
+std::int64_t DeadlineAfter(int timeout_ms) {
+    const std::int64_t limit = CommandTimeLimit::Current().count();
+    if (timeout_ms < 0 && limit == 0) return RunningCommand::kNoLimit;
+    return TimeUtils::GetMonotonicMs() + (timeout_ms < 0 ? limit : timeout_ms);
+}
+
 /// Milliseconds that poll may wait, -1 for any time, 0 when the time is up.
 int Remaining(std::int64_t deadline_ms) {
     if (deadline_ms < 0) return -1;
@@ -115,11 +123,14 @@ int WaitForEnd(const ChildProcess& child, OutputCollector& output, std::int64_t 
 }  // namespace
 
 RunningCommand::RunningCommand(const std::vector<std::string>& arguments, int timeout_ms)
-    : deadline_ms_(timeout_ms < 0 ? kNoLimit : TimeUtils::GetMonotonicMs() + timeout_ms) {
+    : deadline_ms_(DeadlineAfter(timeout_ms)) {
     Start(arguments);
+    if (child_ == nullptr && !answer_ && !is_interrupted_ && !arguments.empty()) {
+        Refuse(arguments.front() + ": " + std::strerror(errno));
+    }
 }
 
-RunningCommand::RunningCommand(const std::string& line) : deadline_ms_(kNoLimit) {
+RunningCommand::RunningCommand(const std::string& line) : deadline_ms_(DeadlineAfter(kNoLimit)) {
     if (HoldsNul(line)) return;
     const std::vector<std::string> words = SplitPlainCommand(line);
     const std::string program = CommandHandlers::Beginning(line);

@@ -6,12 +6,14 @@
 #include <random>
 #include <thread>
 
-#include "CommandLine.h"
 #include "sdk/CommandIdleLimit.h"
 #include "sdk/CommandInterrupter.h"
+#include "sdk/CommandLine.h"
+#include "sdk/CommandTimeLimit.h"
 #include "sdk/ExecuteCmdUtils.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcessUtils.h"
+#include "sdk/RunningCommand.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 
@@ -113,6 +115,21 @@ TEST(ExecuteCmd, TimeOut_KillsTheWholeGroup) {
     EXPECT_TRUE(Ends(ReadPid(pid_file)));
 }
 
+TEST(ExecuteCmd, TimeLimitOfTheThread_CountsWhereACommandHasNone) {
+    std::string output;
+    const SDK::CommandTimeLimit limit(300ms);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("echo begun && sleep 600", output, kMuch),
+              ExecuteCmdUtils::kTimedOut);
+    EXPECT_EQ(output, "begun\n");
+    int exit_code = 0;
+    EXPECT_EQ(SDK::RunningCommand({"/bin/sleep", "600"}, SDK::RunningCommand::kNoLimit)
+                  .Wait(exit_code, output, kMuch),
+              ExecuteCmdUtils::kTimedOut);
+    EXPECT_EQ(RunScript("sleep 0.5", kLongMs, output), 0);
+    const SDK::CommandTimeLimit none(0ms);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("sleep 0.5", output, kMuch), 0);
+}
+
 TEST(ExecuteCmd, Interruption_EndsThisAndLaterCommandsUntilReset) {
     const test::TempDir dir;
     const std::string pid_file = dir.Path("pid");
@@ -196,7 +213,7 @@ TEST(ExecuteCmd, VariablesOfAProgram_ReachNoOther) {
     EXPECT_EQ(run("/usr/bin/env").find("NAP"), std::string::npos);
 }
 
-TEST(ExecuteCmd, Command_GetsNoDescriptorsSignalsOrGroupOfOurs) {
+TEST(ExecuteCmd, Command_GetsNoDescriptorsSignalsGroupOrSessionOfOurs) {
     const int leaked = ::open("/dev/null", O_RDONLY);  // deliberately not close-on-exec
     ASSERT_GE(leaked, 0);
     ::signal(SIGPIPE, SIG_IGN);
@@ -214,6 +231,12 @@ TEST(ExecuteCmd, Command_GetsNoDescriptorsSignalsOrGroupOfOurs) {
     const std::string ignored = output.substr(output.find("SigIgn:\t") + 8, 16);
     EXPECT_EQ(std::strtoull(ignored.c_str(), nullptr, 16) & (1ULL << (SIGPIPE - 1)), 0U) << output;
     ::close(leaked);
+    // Number, group, session, terminal: a session of its own and no terminal to ask at.
+    EXPECT_EQ(RunScript("read -r pid name state parent group session tty rest </proc/$$/stat; "
+                        "[ $group = $$ ] && [ $session = $$ ] && echo $tty",
+                        kLongMs, output),
+              0);
+    EXPECT_EQ(output, "0\n");
 }
 
 }  // namespace

@@ -10,12 +10,13 @@ namespace SDK {
 
 /// Runs external commands and waits for them. Any thread.
 ///
-/// A command gets its own process group, /dev/null as standard input, no descriptor of the agent
-/// but its output pipe, default signal handling, and an environment that is built, not inherited:
-/// PATH (the system's directories), LC_ALL=C and HOME (installation path + "conf/home"). Standard
-/// output and standard error are captured together and read to their end, also past the limit.
-/// Starting one costs the same whatever the agent's size. A command ends when the process that was
-/// started ends; a daemon that it left behind with its descriptors closed does not hold the call.
+/// A command gets a session and process group of its own, so it cannot ask anything at the agent's
+/// terminal; /dev/null as standard input, no descriptor of the agent but its output pipe, default
+/// signal handling, and an environment that is built, not inherited: PATH (the system's
+/// directories), LC_ALL=C and HOME (installation path + "conf/home"). Standard output and standard
+/// error are captured together and read to their end, also past the limit. Starting one costs the
+/// same whatever the agent's size. A command ends when the process that was started ends; a daemon
+/// that it left behind with its descriptors closed does not hold the call.
 class ExecuteCmdUtils {
   public:
     /// Results other than the exit code of the command itself.
@@ -26,7 +27,8 @@ class ExecuteCmdUtils {
 
     /// Runs one command line as /bin/sh would and keeps the first `max_output` bytes of its output.
     /// 0 when it exited with 0, its exit code when that is not 0, or one of the negative results.
-    /// No time limit. A line that needs no shell (plain and double-quoted words, the program with a
+    /// No time limit but the thread's CommandTimeLimit. A line that needs no shell (plain and
+    /// double-quoted words, the program with a
     /// "/") is run without one; one with a NUL byte is not run.
     static int ExecuteCmd(const std::string& command, std::string& output, std::size_t max_output);
 

@@ -22,9 +22,11 @@ class RunningCommand {
 
     /// Starts `arguments[0]` (an absolute path), without a shell. The time of `timeout_ms` begins
     /// now; it counts only for Wait. Does not start when the thread is interrupted. Blocks only
-    /// where the program has a handler, for as long as that works.
+    /// where the program has a handler, for as long as that works. The output of a command that
+    /// cannot be started says why.
     RunningCommand(const std::vector<std::string>& arguments, int timeout_ms);
-    /// Starts a command line, with a shell where it needs one, and without a time limit.
+    /// Starts a command line, with a shell where it needs one. No time limit but the thread's
+    /// CommandTimeLimit, which counts in the other form too when `timeout_ms` is kNoLimit.
     explicit RunningCommand(const std::string& line);
     ~RunningCommand();
     RunningCommand(const RunningCommand&) = delete;

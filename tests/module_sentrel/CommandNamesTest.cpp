@@ -1,0 +1,215 @@
+#include <SentrelUtils.h>
+#include <framework/ConfigManager.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <vector>
+
+#include "Installation.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Engine::SentrelUtils;
+using Words = std::vector<std::string>;
+using Strings = std::list<std::string>;
+
+/// What a shell, rsync's options or the splitting of a line may take for something else.
+constexpr std::string_view kSpecial = " \t\n\r\"'\\$`;&|<>()*?[]{}#~!=:-%@+.,";
+
+/// Every byte that a name can hold, within other letters, and what has a meaning somewhere.
+std::vector<std::string> SingleNames() {
+    std::vector<std::string> names = {"x;echo b64|base64 -d|sh;y.html",
+                                      "-e",
+                                      "--rsh=x",
+                                      "$(id)",
+                                      "`id`",
+                                      "a b c",
+                                      "host:x",
+                                      "host::x",
+                                      "\"a\" b",
+                                      "x\nrm -rf y"};
+    for (int byte = 1; byte < 256; ++byte) {
+        if (byte != '/') names.push_back("a" + std::string(1, static_cast<char>(byte)) + "b");
+    }
+    return names;
+}
+
+/// These and every pair of special characters.
+std::vector<std::string> Names() {
+    std::vector<std::string> names = SingleNames();
+    for (const char first : kSpecial) {
+        for (const char second : kSpecial) {
+            std::string pair{first, second};
+            if (pair != "..") names.push_back(pair);
+        }
+    }
+    return names;
+}
+
+/// The module's commands with a stand-in that keeps the words it was started with.
+class CommandNames : public ::testing::Test {
+  protected:
+    CommandNames() { Install(install_.dir.Path()); }
+
+    void Install(const std::string& path) {
+        bin_ = path + "/bin/rsync";
+        fs::create_directories(path + "/bin");
+        fs::create_symlink(SENTREL_RECORD_PROGRAM, bin_);
+        SDK::PathUtils::SetInstallationPath(path);
+        utils_->install_path = path + "/";
+    }
+    /// What ran since the last call.
+    std::string TakeCalls() {
+        std::string calls = test::TempDir::Read(bin_ + ".calls");
+        fs::remove(bin_ + ".calls");
+        return calls;
+    }
+    static std::string Call(const Words& words) {
+        std::string call;
+        for (const std::string& word : words) call.append(word).push_back('\0');
+        return call + "\n";
+    }
+    Words Local(const Strings& patterns, const Words& rest) const {
+        Words words{bin_, "-az", "-H", "-X", "--links", "--delete-excluded", "--temp-dir=/tmp"};
+        for (const std::string& pattern : patterns) {
+            words.insert(words.end(), {"--exclude", pattern});
+        }
+        words.insert(words.end(), rest.begin(), rest.end());
+        return words;
+    }
+    /// A copy in `backup` that would be restored to `path`.
+    void MakeCopy(const std::string& backup, const std::string& path) const {
+        const std::string copy = backup + path;
+        fs::create_directories(fs::path(copy).parent_path());
+        if (::mkdir((copy + ".d").c_str(), 0700) != 0 || ::mknod(copy.c_str(), S_IFREG, 0) != 0) {
+            ADD_FAILURE() << copy;
+        }
+    }
+    /// A restore by the line is what is meant, or nothing has run and the log tells the line.
+    void ExpectMeantOrRefused(const std::string& path, const std::string& backup,
+                              const Words& meant) {
+        install_.log.Clear();
+        const bool done = utils_->FinishLocal(utils_->BeginRestore(path, backup, {}, {}));
+        EXPECT_EQ(TakeCalls(), done ? Call(meant) : "") << path;
+        const std::string line = "Exec cmd [" + bin_ +
+                                 " -az -H -X --links --delete-excluded --temp-dir=/tmp " +
+                                 meant[7] + " " + meant[8] + " ] ";
+        const std::string why = "the command line does not carry each path as one word";
+        EXPECT_EQ(install_.Debugs(line + (done ? "sucess." : "failed, infor:" + why + ".")), 1)
+            << path;
+        EXPECT_EQ(utils_->LastCopyError(), done ? "" : "rsync was not started: " + why);
+        carried_ += done ? 1 : 0;
+    }
+
+    test::Installation install_;
+    SentrelUtils* utils_ = SentrelUtils::GetInstance();
+    test::TempDir data_;
+    std::string bin_;
+    int carried_ = 0;
+};
+
+TEST_F(CommandNames, Restores_GiveEachNameAsItIsOrNothingRuns) {
+    const std::string backup = data_.Path("backup");
+    const std::vector<std::string> names = Names();
+    for (const std::string& name : names) {
+        const std::string file = "/site/" + name + "/" + name;
+        const std::string directory = file + ".d";
+        MakeCopy(backup, file);
+        ExpectMeantOrRefused(file, backup, Local({}, {backup + file, file}));
+        ExpectMeantOrRefused(directory, backup,
+                             Local({}, {backup + directory + "/", directory + "/"}));
+        utils_->FinishLocal(utils_->BeginRestoreWithoutLine(file, backup, {}, {name}));
+        EXPECT_EQ(TakeCalls(), Call(Local({name}, {backup + file, file}))) << name;
+    }
+    EXPECT_GT(carried_, 200);  // plain names do go by the line
+    EXPECT_LT(carried_, static_cast<int>(names.size()));
+}
+
+TEST_F(CommandNames, BackupsAndPushes_GiveEachNameAsItIs) {
+    Framework::ConfigManager::GetInstance().SetAgentId("agent-1");
+    utils_->backup_addr = "10.0.0.9";
+    for (const std::string& name : Names()) {
+        const std::string path = "/site/" + name;
+        const std::string backup = "/backup/" + name + "/";
+        EXPECT_TRUE(utils_->DoRsyncLocal(path, backup, {name}, {}, Engine::RSYNC_BACKUP));
+        EXPECT_EQ(TakeCalls(), Call(Local({"*" + name}, {"-R", path, backup}))) << name;
+    }
+    for (const std::string& name : SingleNames()) {
+        const std::string path = "/site/" + name;
+        EXPECT_TRUE(utils_->DoRsyncRemote(path, Engine::RSYNC_BACKUP));
+        EXPECT_EQ(TakeCalls(),
+                  Call({bin_, "-az", "-H", "-X", "-R", "--links", "--delete-excluded",
+                        "--password-file=" + install_.Path() + "conf/rsync_client.secrets", path,
+                        "morvane_agent@10.0.0.9::morvane_agent/agent-1"}))
+            << name;
+    }
+    Framework::ConfigManager::GetInstance().SetAgentId("");
+}
+
+TEST_F(CommandNames, InstallationPaths_AreNoCommandsAndTheirCommandsWork) {
+    Framework::ConfigManager::GetInstance().SetAgentId("agent-1");
+    for (const char* name :
+         {"my agent", "a;touch b", "$HOME", "it's", "a\"b", "a\nb", "x=y", "~"}) {
+        SCOPED_TRACE(name);
+        const std::string install = data_.Path(std::string("first ") + name);
+        // What a blank or a shell would make of the path must not run.
+        const std::string mark = data_.Path("ran");
+        data_.Write("first", "#!/bin/sh\ntouch " + mark);
+        ::chmod(data_.Path("first").c_str(), 0755);
+        Install(install);
+        const std::string conf = install + "/conf/morvane_rsync.conf";
+        EXPECT_TRUE(utils_->RunRsyncDaemon(conf));
+        EXPECT_EQ(TakeCalls(), Call({bin_, "--daemon", "--config=" + conf}));
+        EXPECT_EQ(install_.Debugs("Exec cmd [" + bin_ + " --daemon --config=" + conf + "] sucess."),
+                  1);
+        EXPECT_TRUE(utils_->DoRsyncLocal("/a", "/b", {}, {}, Engine::RSYNC_BACKUP));
+        EXPECT_EQ(TakeCalls(), Call(Local({}, {"-R", "/a", "/b"})));
+        EXPECT_TRUE(utils_->DoRsyncRemote("/a", Engine::RSYNC_BACKUP));
+        EXPECT_NE(TakeCalls(), "");
+        MakeCopy(data_.Path("backup"), install + "/page");
+        EXPECT_FALSE(utils_->FinishLocal(
+            utils_->BeginRestore(install + "/page", data_.Path("backup"), {}, {})));
+        EXPECT_EQ(TakeCalls(), "");
+        EXPECT_FALSE(fs::exists(mark));
+    }
+    Framework::ConfigManager::GetInstance().SetAgentId("");
+}
+
+TEST_F(CommandNames, PathsThatAreOptionsHostsOrCutShort_AreRefused) {
+    const std::string nul("/a\0b", 4);
+    for (const std::string& path : {std::string("--rsh=x"), std::string("host:/x"),
+                                    std::string("rsync://h/m"), std::string(), nul}) {
+        EXPECT_FALSE(utils_->DoRsyncLocal(path, "/b", {}, {}, Engine::RSYNC_BACKUP)) << path;
+        EXPECT_FALSE(utils_->DoRsyncLocal("/a", path, {}, {}, Engine::RSYNC_BACKUP)) << path;
+        EXPECT_NE(utils_->LastCopyError(), "") << path;
+    }
+    EXPECT_EQ(TakeCalls(), "");
+}
+
+TEST_F(CommandNames, RealRsync_CopiesNamesAndPlacesWithBlanks) {
+    const std::string install = data_.Path("my agent");
+    fs::create_directories(install + "/bin");
+    fs::copy_file(test::Installation::RealRsync(), install + "/bin/rsync");
+    fs::create_directories(install + "/conf/home");
+    fs::copy_file(SENTREL_POPT_FILE, install + "/conf/home/.popt");
+    SDK::PathUtils::SetInstallationPath(install);
+    const std::string page = data_.Write("my site/a page;.html", "good");
+    const std::string kept = data_.Write("my site/a page.log", "of today");
+    const std::string backup = data_.Path("my copies");
+    fs::create_directories(backup);
+    const std::string site = data_.Path("my site");
+    EXPECT_TRUE(utils_->DoRsyncLocal(site, backup, {"e.log"}, {}, Engine::RSYNC_BACKUP));
+    data_.Write("my site/a page;.html", "evil");
+    EXPECT_TRUE(utils_->FinishLocal(utils_->BeginRestoreWithoutLine(page, backup, {}, {})));
+    EXPECT_EQ(test::TempDir::Read(page), "good");
+    data_.Write("my site/a page;.html", "evil");
+    data_.Write("my site/a shell.php", "evil");
+    EXPECT_TRUE(utils_->DoRsyncLocal(site, backup, {"e.log"}, {}, Engine::RSYNC_RESTORE));
+    EXPECT_EQ(test::TempDir::Read(page), "good");
+    EXPECT_EQ(test::TempDir::Read(kept), "of today");
+    EXPECT_FALSE(fs::exists(data_.Path("my site/a shell.php")));
+}
+
+}  // namespace
