@@ -1,14 +1,12 @@
 #include "sdk/PathAnchor.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <utility>
+
+#include "OpenBeneath.h"
 
 namespace SDK {
 
@@ -16,48 +14,6 @@ namespace {
 
 constexpr int kListing = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 constexpr int kResolving = O_PATH | O_DIRECTORY | O_CLOEXEC;
-constexpr int kMaxTries = 16;
-
-FileDescriptor OpenBeneath(int directory, const std::string& path, int flags) {
-    struct open_how how {};
-    how.flags = static_cast<decltype(how.flags)>(flags);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    long fd = -1;
-    // EAGAIN: something was moved or mounted at the same moment.
-    for (int tries = 0; tries < kMaxTries; ++tries) {
-        fd = ::syscall(SYS_openat2, directory, path.c_str(), &how, sizeof(how));
-        if (fd >= 0 || (errno != EAGAIN && errno != EINTR)) break;
-    }
-    return FileDescriptor(static_cast<int>(fd));
-}
-
-/// The length of the longest beginning that the kernel takes at once, up to a "/" or the end; 0
-/// when a single component is too long for it.
-std::size_t PieceLength(std::string_view path) {
-    if (path.size() < PATH_MAX) return path.size();
-    const std::size_t slash = path.rfind('/', PATH_MAX - 2);
-    return slash == std::string_view::npos ? 0 : slash + 1;
-}
-
-/// Opens the directory `path` below `directory` in as many pieces as it takes.
-FileDescriptor OpenInPieces(int directory, std::string_view path, int flags) {
-    FileDescriptor held;
-    while (path.size() >= PATH_MAX) {
-        const std::size_t length = PieceLength(path);
-        if (length == 0) {
-            errno = ENAMETOOLONG;
-            return {};
-        }
-        FileDescriptor next = OpenBeneath(held.IsOpen() ? held.Get() : directory,
-                                          std::string(path.substr(0, length)), kResolving);
-        if (!next.IsOpen()) return {};
-        held = std::move(next);
-        // A further "/" would make the rest absolute.
-        path.remove_prefix(std::min(path.find_first_not_of('/', length), path.size()));
-    }
-    return OpenBeneath(held.IsOpen() ? held.Get() : directory,
-                       path.empty() ? std::string(".") : std::string(path), flags);
-}
 
 std::string_view WithoutTrailingSlashes(std::string_view path) {
     while (!path.empty() && path.back() == '/') path.remove_suffix(1);
@@ -122,7 +78,7 @@ bool PathAnchor::IsInPlace() const {
 
 FileDescriptor PathAnchor::OpenDirectory(std::string_view below) const {
     if (!IsBelow(below)) return {};
-    return OpenInPieces(directory_.Get(), WithoutTrailingSlashes(below), kListing);
+    return OpenBeneath(directory_.Get(), WithoutTrailingSlashes(below), kListing);
 }
 
 PathAnchor::Entry PathAnchor::OpenParent(std::string_view below) const {
@@ -134,7 +90,7 @@ PathAnchor::Entry PathAnchor::OpenParent(std::string_view below) const {
         errno = EINVAL;
         return {};
     }
-    FileDescriptor parent = OpenInPieces(
+    FileDescriptor parent = OpenBeneath(
         directory_.Get(), WithoutTrailingSlashes(path.substr(0, name_start)), kResolving);
     return {std::move(parent), std::string(name)};
 }

@@ -1,0 +1,291 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "OddTree.h"
+#include "WithoutCall.h"
+#include "sdk/CommandInterrupter.h"
+#include "sdk/FileDescriptor.h"
+#include "sdk/ObjectRestorer.h"
+#include "sdk/PathAnchor.h"
+#include "support/FileSizeLimit.h"
+#include "support/TempDir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using SDK::ObjectRestorer;
+using SDK::PathAnchor;
+using Outcome = ObjectRestorer::Outcome;
+
+// The access ACL that gives user 33 all: owner rw-, user 33 rwx, group r--, mask rwx, others ---.
+const std::string kAcl(
+    "\x02\0\0\0"
+    "\x01\0\x06\0\xff\xff\xff\xff"
+    "\x02\0\x07\0\x21\0\0\0"
+    "\x04\0\x04\0\xff\xff\xff\xff"
+    "\x10\0\x07\0\xff\xff\xff\xff"
+    "\x20\0\0\0\xff\xff\xff\xff",
+    44);
+constexpr const char* kAccessAcl = "system.posix_acl_access";
+constexpr const char* kDefaultAcl = "system.posix_acl_default";
+
+ObjectRestorer::Result Restore(const std::string& root, const std::string& name) {
+    const auto copy = PathAnchor::Open(root + "/copy");
+    const auto live = PathAnchor::Open(root + "/live");
+    return ObjectRestorer::Restore(copy->OpenParent(name), live->OpenParent(name));
+}
+
+struct stat StatOf(const std::string& path) {
+    struct stat info {};
+    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+    return info;
+}
+
+/// A copy and a live directory, and a bystander that nobody may touch.
+class Restorer : public testing::Test {
+  protected:
+    Restorer() {
+        for (const char* name : {"copy", "live", "bystander"})
+            fs::create_directory(dir_.Path(name));
+        dir_.Write("bystander/file", "not yours");
+        bystander_ = test::StateOf(dir_.Path("bystander"));
+    }
+    ~Restorer() override {
+        EXPECT_EQ(test::Differences(bystander_, test::StateOf(dir_.Path("bystander"))), "");
+    }
+
+    /// Restores `name`, which must succeed and leave nothing beside it.
+    void ExpectRestored(const std::string& name = "page") {
+        const ObjectRestorer::Result result = Restore(dir_.Path(), name);
+        EXPECT_EQ(result.outcome, Outcome::kRestored) << result.step << std::strerror(result.error);
+        ExpectAsCopy(name);
+    }
+    void ExpectAsCopy(const std::string& name = "page") {
+        test::TreeState copy = test::StateOf(dir_.Path("copy"));
+        test::TreeState live = test::StateOf(dir_.Path("live"));
+        copy.erase("");
+        live.erase("");
+        EXPECT_EQ(test::Differences(copy, live), "") << name;
+    }
+
+    test::TempDir dir_;
+    test::TreeState bystander_;
+};
+
+TEST_F(Restorer, EveryKindOfObject_IsAsRsyncLeavesIt) {
+    for (unsigned seed = 0; seed < 60; ++seed) {
+        const test::TempDir dir;
+        for (const char* name : {"copy", "live", "theirs"}) fs::create_directory(dir.Path(name));
+        test::OddTree tree(seed);
+        const std::string name = tree.Name();
+        const bool is_link = tree.Roll(4) == 0;
+        is_link ? tree.MakeLink(dir.Path("copy/" + name)) : tree.MakeFile(dir.Path("copy/" + name));
+        const std::string live = dir.Path("live/" + name);
+        if (tree.Roll(4) == 0) {
+            // Not where rsync would go through it or fail.
+            is_link ? tree.MakeLink(live) : tree.MakeFile(live);
+        } else if (tree.Roll(6) != 0) {
+            test::Clone(dir.Path("copy/" + name), live);
+            tree.Change(live);
+            if (fs::is_directory(fs::symlink_status(live))) fs::remove_all(live);
+        }
+        fs::remove(live + "+");
+        test::Clone(dir.Path("live"), dir.Path("theirs"));
+        const bool goes_through = fs::is_directory(live);
+        if (!goes_through) {
+            ASSERT_EQ(test::RunRsync({}, dir.Path("copy/" + name), dir.Path("theirs/" + name)), 0);
+        }
+        const ObjectRestorer::Result result = Restore(dir.Path(), name);
+        EXPECT_EQ(result.outcome, Outcome::kRestored) << result.step << std::strerror(result.error);
+        test::TreeState ours = test::StateOf(dir.Path("live"));
+        test::TreeState wanted = test::StateOf(dir.Path(goes_through ? "copy" : "theirs"));
+        ours.erase("");
+        wanted.erase("");
+        EXPECT_EQ(test::Differences(wanted, ours), "") << "seed " << seed;
+    }
+}
+
+TEST_F(Restorer, WhatIsPlantedInItsPlace_IsReplacedAndNotFollowed) {
+    test::OddTree tree(1);
+    tree.MakeFile(dir_.Path("copy/page"));
+    const std::string live = dir_.Path("live/page");
+
+    // rsync would copy into both of these directories.
+    fs::create_directory_symlink(dir_.Path("bystander"), live);
+    ExpectRestored();
+    fs::remove(live);
+    tree.Fill(live, 3);
+    ExpectRestored();
+
+    fs::remove(live);
+    fs::create_symlink(dir_.Path("bystander/file"), live);
+    ExpectRestored();
+    fs::remove(live);
+    ASSERT_EQ(::mkfifo(live.c_str(), 0666), 0);
+    ExpectRestored();
+
+    // Another name of somebody's file of the same content, which rsync would give other attributes.
+    const std::string other = dir_.Path("bystander/other");
+    fs::copy_file(dir_.Path("copy/page"), other);
+    ASSERT_EQ(::chmod(other.c_str(), 0600), 0);
+    bystander_ = test::StateOf(dir_.Path("bystander"));
+    fs::remove(live);
+    fs::create_hard_link(other, live);
+    bystander_["other"] += " = other";
+    ASSERT_EQ(StatOf(live).st_nlink, 2U);
+    ExpectRestored();
+    fs::remove(other);
+    bystander_.erase("other");
+    bystander_[""] = test::StateOf(dir_.Path("bystander"))[""];
+}
+
+TEST_F(Restorer, EqualContent_KeepsTheInodeUnlessSomebodyCouldGainByIt) {
+    const std::string copy = dir_.Write("copy/page", "text");
+    const std::string live = dir_.Write("live/page", "text");
+    ASSERT_EQ(::chmod(live.c_str(), 0666), 0);
+    test::SetAttribute(live, "user.planted", "1");
+    const ino_t inode = StatOf(live).st_ino;
+    ExpectRestored();
+    EXPECT_EQ(StatOf(live).st_ino, inode);
+
+    // Held open for writing by their owner, who would then own a root program.
+    for (const mode_t mode : {04755U, 02755U, 0644U}) {
+        ASSERT_EQ(::chmod(copy.c_str(), mode), 0);
+        const uid_t owner = mode == 0644 ? 33 : 0;
+        ASSERT_EQ(::chown(live.c_str(), owner, owner), 0);
+        const ino_t before = StatOf(live).st_ino;
+        const SDK::FileDescriptor handle(::open(live.c_str(), O_RDWR | O_CLOEXEC));
+        ExpectRestored();
+        EXPECT_NE(StatOf(live).st_ino, before) << mode;
+    }
+}
+
+TEST_F(Restorer, AccessControlLists_AreThoseOfTheCopy) {
+    const std::string copy = dir_.Write("copy/page", "text");
+    const std::string live = dir_.Write("live/page", "text");
+    test::SetAttribute(live, kAccessAcl, kAcl);
+    ExpectRestored();
+
+    // What is made in this directory begins with an ACL.
+    test::SetAttribute(dir_.Path("live"), kDefaultAcl, kAcl);
+    fs::remove(live);
+    ExpectRestored();
+    dir_.Write("live/page", "other text");
+    ExpectRestored();
+
+    test::SetAttribute(copy, kAccessAcl, kAcl);
+    ExpectRestored();
+    dir_.Write("live/page", "");
+    ExpectRestored();
+}
+
+TEST_F(Restorer, Holes_StayHoles) {
+    const std::string copy = dir_.Write("copy/page", "begin");
+    constexpr off_t kSize = 64 * 1024 * 1024;
+    ASSERT_EQ(::truncate(copy.c_str(), kSize), 0);
+    std::ofstream(copy, std::ios::app) << "end";
+    ASSERT_EQ(::truncate(copy.c_str(), 2 * kSize), 0);
+    const ObjectRestorer::Result result = Restore(dir_.Path(), "page");
+    EXPECT_EQ(result.outcome, Outcome::kRestored);
+    const std::string live = dir_.Path("live/page");
+    EXPECT_EQ(StatOf(live).st_size, 2 * kSize);
+    EXPECT_LT(StatOf(live).st_blocks, 1000);
+    std::ifstream in(live, std::ios::binary);
+    std::string begin(5, '\0');
+    std::string end(4, 'x');
+    in.read(begin.data(), 5);
+    in.seekg(kSize);
+    in.read(end.data(), 4);
+    EXPECT_EQ(begin, "begin");
+    EXPECT_EQ(end, std::string("end\0", 4));
+}
+
+TEST_F(Restorer, WhatIsUnusualOrFails_LeavesEverythingAsItWas) {
+    dir_.Write("copy/page", std::string(300'000, 'c'));
+    dir_.Write("copy/large", "");
+    ASSERT_EQ(::truncate(dir_.Path("copy/large").c_str(), ObjectRestorer::kMaxSize + 1), 0);
+    ASSERT_EQ(::mkfifo(dir_.Path("copy/fifo").c_str(), 0600), 0);
+    fs::create_directory(dir_.Path("copy/folder"));
+    for (const char* name : {"page", "large", "fifo", "folder", "missing"}) {
+        dir_.Write(std::string("live/") + name, "live");
+    }
+    const test::TreeState before = test::StateOf(dir_.Path("live"));
+    for (const char* name : {"large", "fifo", "folder"}) {
+        EXPECT_EQ(Restore(dir_.Path(), name).outcome, Outcome::kUnusual) << name;
+    }
+    EXPECT_EQ(Restore(dir_.Path(), "missing").error, ENOENT);
+    {
+        const test::FileSizeLimit full_disk(100'000);
+        EXPECT_EQ(Restore(dir_.Path(), "page").error, EFBIG);
+    }
+    {
+        SDK::CommandInterrupter interrupter;
+        const SDK::CommandInterrupter::Scope scope(interrupter);
+        interrupter.Interrupt();
+        EXPECT_EQ(Restore(dir_.Path(), "page").outcome, Outcome::kInterrupted);
+    }
+    EXPECT_EQ(ObjectRestorer::Restore({}, {}).outcome, Outcome::kFailed);
+    EXPECT_EQ(test::Differences(before, test::StateOf(dir_.Path("live"))), "");
+}
+
+TEST_F(Restorer, CopyThatChangesMeanwhile_IsNotRestored) {
+    const std::string copy = dir_.Write("copy/page", std::string(32 * 1024 * 1024, 'c'));
+    dir_.Write("live/page", "live");
+    std::atomic<bool> is_ending{false};
+    std::atomic<int> changes{0};
+    std::thread writer([&] {
+        for (mode_t mode = 0; !is_ending; mode ^= 1U) {
+            ::chmod(copy.c_str(), 0600 | mode);
+            ++changes;
+        }
+    });
+    while (changes == 0) std::this_thread::yield();
+    const ObjectRestorer::Result result = Restore(dir_.Path(), "page");
+    is_ending = true;
+    writer.join();
+    EXPECT_EQ(result.error, ESTALE) << result.step;
+    EXPECT_EQ(test::TempDir::Read(dir_.Path("live/page")), "live");
+}
+
+TEST_F(Restorer, CallsThatAreMissing_AreDoneWithout) {
+    using test::Call;
+    for (const Call call : {Call::kNamelessFile, Call::kLinkOfDescriptor, Call::kExchange,
+                            Call::kNoAtime, Call::kCopyFileRange}) {
+        test::OddTree tree(static_cast<unsigned>(call));
+        const std::string text(200'000, 'c');
+        dir_.Write("copy/page", text);
+        tree.Dress(dir_.Path("copy/page"));
+        for (const char* live : {"nothing", "file", "directory"}) {
+            fs::remove_all(dir_.Path("live/page"));
+            if (*live == 'f') dir_.Write("live/page", "x");
+            if (*live == 'd') tree.Fill(dir_.Path("live/page"), 2);
+            const auto act = [](const std::string& root) {
+                return Restore(root, "page").outcome == Outcome::kRestored ? 0 : 1;
+            };
+            EXPECT_EQ(test::ActWithout(call, act, dir_.Path()), 0)
+                << static_cast<int>(call) << " " << live;
+            ExpectAsCopy();
+        }
+    }
+    // A failure must not leave the name that a nameless file would not have had.
+    const auto fail = [](const std::string& root) {
+        const test::FileSizeLimit full_disk(100'000);
+        return Restore(root, "page").error == EFBIG ? 0 : 1;
+    };
+    dir_.Write("live/page", "x");
+    EXPECT_EQ(test::ActWithout(Call::kNamelessFile, fail, dir_.Path()), 0);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.Path("live")), {}), 1);
+}
+
+}  // namespace
