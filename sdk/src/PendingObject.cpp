@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "TreeRemover.h"
+#include "sdk/DirUtils.h"
 #include "sdk/ObjectRestorer.h"
 
 namespace SDK {
@@ -48,10 +48,9 @@ bool IsSameObject(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-/// Removes whatever bears the name.
+/// Removes whatever bears the name, if anything does.
 int RemoveAny(int directory, const std::string& name) {
-    if (::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) return 0;
-    return errno == EISDIR ? TreeRemover().RemoveAt(directory, name) : -1;
+    return DirUtils::DeleteAt(directory, name) == 0 || errno == ENOENT ? 0 : -1;
 }
 
 }  // namespace
