@@ -4,6 +4,7 @@
 #include <sdk/IpUtils.h>
 #include <sdk/JsonUtils.h>
 #include <sdk/PathUtils.h>
+#include <sdk/PlaceTrust.h>
 
 #include <algorithm>
 #include <array>
@@ -169,9 +170,24 @@ void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
     }
 }
 
+void CheckReceivingPlace(const Json::Value& content, const std::string& pointer,
+                         PolicyFindings& findings) {
+    const std::string path = JsonUtils::GetStringValue(content, "backupserver_path", "");
+    if (path.empty() || path.front() != '/') return;
+    const std::string place = PointerTo(pointer, "backupserver_path");
+    std::string why = SDK::PlaceTrust::WhyWritable(path);
+    if (!why.empty()) {
+        findings.Error(place, "is not safe from other users: " + why);
+        return;
+    }
+    why = SDK::PlaceTrust::WhyReachable(path);
+    if (!why.empty()) findings.Warning(place, "copies keep their owners: " + why);
+}
+
 void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
                         PolicyFindings& findings) {
     CheckPassword("server", pointer, findings);
+    CheckReceivingPlace(content, pointer, findings);
     CheckPort(content, "backupserver_port", 1, pointer, findings);
     if (!IsWrongString(content, "backupserver_path")) {
         CheckReceivingPath(JsonUtils::GetStringValue(content, "backupserver_path", ""),

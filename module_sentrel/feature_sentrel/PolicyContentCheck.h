@@ -28,4 +28,8 @@ void CheckSchedule(const Json::Value& content, const std::string& pointer,
 void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
                         PolicyFindings& findings);
 
+/// Only whether "backupserver_path" is safe from other users.
+void CheckReceivingPlace(const Json::Value& content, const std::string& pointer,
+                         PolicyFindings& findings);
+
 }  // namespace Engine

@@ -3,7 +3,9 @@
 #include <PolicyDirListCheck.h>
 #include <PolicyTreeCheck.h>
 #include <ProtectedPlaces.h>
+#include <TrustedPlaces.h>
 #include <sdk/JsonUtils.h>
+#include <sdk/PlaceTrust.h>
 #include <sdk/StrUtils.h>
 
 #include <filesystem>
@@ -50,6 +52,9 @@ void CheckProtectedObject(const std::string& path, const std::string& place,
                          "does not exist now: it is not protected until the policy is applied "
                          "again");
         return;
+    }
+    if (const std::string why = SDK::PlaceTrust::WhyReplaceable(path); !why.empty()) {
+        findings.Warning(place, "others can put something else in its place: " + why);
     }
     const bool linked = fs::is_symlink(fs::symlink_status(path, error));
     if (!fs::is_directory(target) && !fs::is_regular_file(target)) {
@@ -130,6 +135,23 @@ void CheckExclusions(const Json::Value& entry, const char* key, const std::strin
 
 }  // namespace
 
+void CheckCopyPlaces(const Json::Value& content, const std::string& pointer,
+                     PolicyFindings& findings) {
+    Json::Value list;
+    if (!JsonUtils::GetArrayValue(content, "dirlist", list)) return;
+    for (Json::ArrayIndex at = 0; at < list.size(); ++at) {
+        const std::string path = JsonUtils::GetStringValue(list[at], "backup_path", "");
+        if (!JsonUtils::GetBoolValue(list[at], "enable", false) || path.empty() ||
+            path.front() != '/') {
+            continue;
+        }
+        const std::string why = TrustedPlaces::WhyNotForCopies(path);
+        if (why.empty()) continue;
+        findings.Error(PointerTo(PointerTo(PointerTo(pointer, "dirlist"), at), "backup_path"),
+                       "is not safe from other users: " + why);
+    }
+}
+
 void CheckDirList(const Json::Value& content, const std::string& pointer,
                   PolicyFindings& findings) {
     const std::string base = PointerTo(pointer, "dirlist");
@@ -156,6 +178,7 @@ void CheckDirList(const Json::Value& content, const std::string& pointer,
         places.emplace_back(entry, place);
     }
     if (!any_enabled) findings.Warning(base, "has no enabled entry: protection goes off");
+    CheckCopyPlaces(content, pointer, findings);
     CheckHowPlacesLie(places, findings);
     CheckNamesBelow(places, findings);
 }

@@ -11,4 +11,8 @@ namespace Engine {
 /// other. Looks at the file system, at most at 20,000 names below all protected paths together.
 void CheckDirList(const Json::Value& content, const std::string& pointer, PolicyFindings& findings);
 
+/// Only whether the backup paths of the enabled entries are safe from other users.
+void CheckCopyPlaces(const Json::Value& content, const std::string& pointer,
+                     PolicyFindings& findings);
+
 }  // namespace Engine

@@ -2,6 +2,7 @@
 #include <PolicyDirListCheck.h>
 #include <PolicyKeys.h>
 #include <SentrelPolicyCheck.h>
+#include <TrustedPlaces.h>
 #include <sdk/JsonUtils.h>
 
 namespace Engine {
@@ -52,6 +53,28 @@ bool CheckFrame(const Json::Value& root, const std::vector<PolicyKey>& content_k
     return has_content;
 }
 
+constexpr const char* kInstallation = "the installation is not safe from other users: ";
+
+void CheckInstallation(PolicyFindings& findings) {
+    const std::string why = TrustedPlaces::WhyNotInstallation();
+    if (!why.empty()) findings.Error("", kInstallation + why);
+}
+
+/// An installation that is not safe is no reason to leave at a start what an agent of that very
+/// installation had in force.
+PolicyFindings CheckPlaces(const std::string& text,
+                           void (*check)(const Json::Value&, const std::string&, PolicyFindings&)) {
+    PolicyFindings findings;
+    Json::Value root;
+    Json::Value content;
+    if (JsonUtils::ParseJsonStr(text.c_str(), text.size(), root) != 0) return findings;
+    if (!JsonUtils::GetBoolValue(root, "enabled", false)) return findings;
+    const std::string why = TrustedPlaces::WhyNotInstallation();
+    if (!why.empty()) findings.Warning("", kInstallation + why);
+    if (JsonUtils::GetSubobjectValue(root, "content", content)) check(content, kContent, findings);
+    return findings;
+}
+
 }  // namespace
 
 PolicyFindings SentrelPolicyCheck::CheckProtection(const std::string& text) {
@@ -62,6 +85,7 @@ PolicyFindings SentrelPolicyCheck::CheckProtection(const std::string& text) {
     const bool on = CheckFrame(root, ProtectionKeys(), EntryKeys(), content, findings);
     if (content.isObject()) CheckEntryKeys(content, findings);
     if (!on) return findings;
+    CheckInstallation(findings);
     CheckOsType(content, kContent, findings);
     CheckRsyncSource(content, kContent, findings);
     CheckRemoteBackup(content, kContent, findings);
@@ -76,13 +100,22 @@ PolicyFindings SentrelPolicyCheck::CheckBackupServer(const std::string& text) {
     Json::Value content;
     if (!ReadDocument(text, root, findings)) return findings;
     if (!CheckFrame(root, BackupServerKeys(), {}, content, findings)) return findings;
+    CheckInstallation(findings);
     CheckRsyncSource(content, kContent, findings);
     CheckReceivingSide(content, kContent, findings);
     return findings;
 }
 
-Json::Value SentrelPolicyCheck::Answer(
-    const Json::Value& request, const std::function<PolicyFindings(const std::string&)>& check) {
+PolicyFindings SentrelPolicyCheck::CheckProtectionPlaces(const std::string& text) {
+    return CheckPlaces(text, CheckCopyPlaces);
+}
+
+PolicyFindings SentrelPolicyCheck::CheckBackupServerPlaces(const std::string& text) {
+    return CheckPlaces(text, CheckReceivingPlace);
+}
+
+Json::Value SentrelPolicyCheck::Answer(const Json::Value& request, Check whole, Check places) {
+    const Check check = JsonUtils::GetBoolValue(request, "places_only", false) ? places : whole;
     const PolicyFindings findings = check(JsonUtils::GetStringValue(request, "text", ""));
     const auto list = [](const std::vector<PolicyFinding>& of) {
         Json::Value array(Json::arrayValue);

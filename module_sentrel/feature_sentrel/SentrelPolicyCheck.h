@@ -3,7 +3,6 @@
 #include <PolicyFindings.h>
 #include <json/value.h>
 
-#include <functional>
 #include <string>
 
 namespace Engine {
@@ -20,9 +19,17 @@ class SentrelPolicyCheck {
     /// A document of the feature "backupserver_feature".
     static PolicyFindings CheckBackupServer(const std::string& text);
 
-    /// The answer to a query {"text": document}.
-    static Json::Value Answer(const Json::Value& request,
-                              const std::function<PolicyFindings(const std::string&)>& check);
+    /// Of a document that was good once: only whether the places that it names are safe from other
+    /// users still.
+    static PolicyFindings CheckProtectionPlaces(const std::string& text);
+    static PolicyFindings CheckBackupServerPlaces(const std::string& text);
+
+    using Check = PolicyFindings (*)(const std::string& text);
+
+    /// The answer to a query {"text": document} by `whole`, or with "places_only": true by
+    /// `places`:
+    /// {"errors","warnings"}, arrays of {"pointer","message"}.
+    static Json::Value Answer(const Json::Value& request, Check whole, Check places);
 };
 
 }  // namespace Engine

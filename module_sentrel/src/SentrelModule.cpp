@@ -10,6 +10,7 @@
 #include <SentrelPolicyCheck.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
+#include <TrustedPlaces.h>
 #include <WatchList.h>
 #include <WorkClock.h>
 #include <framework/Callbacks.h>
@@ -49,6 +50,7 @@ Json::Value AnswerStatus() {
     Json::Value answer = SentrelStatus::Instance().ToJson(AskForWatches());
     answer["schedule"] = ScheduleStatus::Instance().ToJson(WorkClock::Now());
     answer["backup_server"] = BackupServerStatus::Instance().ToJson();
+    answer["unsafe_places"] = TrustedPlaces::Instance().ToJson();
     return answer;
 }
 
@@ -67,6 +69,7 @@ bool SentrelModule::Init() {
     SentrelStatus::Instance().Reset();
     ScheduleStatus::Instance().Reset();
     BackupServerStatus::Instance().Reset();
+    TrustedPlaces::Instance().Judge({});
     RegisterCallbacks();
     CreateTasks();
     RegisterQueries();
@@ -97,10 +100,12 @@ void SentrelModule::RegisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     queries.Register(kStatusQuery, [](const Json::Value&) { return AnswerStatus(); });
     queries.Register(kProtectionCheckQuery, [](const Json::Value& request) {
-        return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckProtection);
+        return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckProtection,
+                                          SentrelPolicyCheck::CheckProtectionPlaces);
     });
     queries.Register(kBackupServerCheckQuery, [](const Json::Value& request) {
-        return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckBackupServer);
+        return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckBackupServer,
+                                          SentrelPolicyCheck::CheckBackupServerPlaces);
     });
 }
 
@@ -132,6 +137,7 @@ void SentrelModule::UnInit() {
     SentrelUtils::GetInstance()->Init();
     SentrelStatus::Instance().SetProtectionOff();
     BackupServerStatus::Instance().SetOff();
+    TrustedPlaces::Instance().Reset();
     Framework::Module::UnInit();
 }
 

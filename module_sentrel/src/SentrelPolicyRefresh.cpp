@@ -12,6 +12,7 @@
 #include <SentrelPolicy.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
+#include <TrustedPlaces.h>
 #include <json/value.h>
 #include <sdk/JsonUtils.h>
 #include <sdk/Log.h>
@@ -89,6 +90,7 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
     }
     SentrelUtils* utils = SentrelUtils::GetInstance();
     ScheduleStatus::Instance().Publish(WorkSchedule::OfSettings(), utils->distime_enable);
+    TrustedPlaces::Instance().Judge(utils->dir_rules);
     if (utils->dir_rules.empty()) {
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "rule list is empty, disable feature [%s].",
                 featureName);

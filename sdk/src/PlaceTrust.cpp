@@ -29,6 +29,11 @@ std::string WhyOwned(const std::string& kind, const std::string& path, const str
     return "the " + kind + " " + path + " belongs to user " + std::to_string(info.st_uid);
 }
 
+const char* KindOf(const struct stat& info) {
+    if (S_ISLNK(info.st_mode)) return "link";
+    return S_ISDIR(info.st_mode) ? "directory" : "file";
+}
+
 std::string WhyOthersWrite(const std::string& path, const struct stat& info) {
     if ((info.st_mode & S_IWOTH) != 0) return "every user may write to " + path;
     if ((info.st_mode & S_IWGRP) == 0) return "";
@@ -94,7 +99,8 @@ class Way {
         struct stat info {};
         const int error = ::lstat(next.c_str(), &info) == 0 ? 0 : errno;
         exists_ = error != ENOENT;
-        why_ = exists_ && error != 0 ? Failure(next, error) : Leave(exists_ ? &info : nullptr);
+        why_ =
+            exists_ && error != 0 ? Failure(next, error) : Leave(next, exists_ ? &info : nullptr);
         if (!why_.empty() || !exists_) return;
         if (S_ISLNK(info.st_mode)) {
             Follow(next, info);
@@ -103,15 +109,17 @@ class Way {
         }
     }
 
-    /// Judges the directory that the way has come to. `next` is what lies in it, or null.
-    std::string Leave(const struct stat* next) const {
+    /// Judges the directory that the way has come to. `next` is what it goes on to, or null when
+    /// nothing lies there.
+    std::string Leave(const std::string& next_path, const struct stat* next) const {
         struct stat info {};
         if (::lstat(at_.c_str(), &info) != 0) return Failure(at_, errno);
         std::string why = WhyOwned("directory", at_, info);
         if (!why.empty()) return why;
+        why = WhyOthersWrite(at_, info);
         const bool sticky = (info.st_mode & S_ISVTX) != 0;
-        if (sticky && next != nullptr && IsTrustedUser(next->st_uid)) return "";
-        return WhyOthersWrite(at_, info);
+        if (why.empty() || !sticky || next == nullptr) return why;
+        return WhyOwned(KindOf(*next), next_path, *next);
     }
 
     void Follow(const std::string& link, const struct stat& info) {
@@ -140,7 +148,7 @@ std::string WhyObjectWritable(const Way& way) {
     if (!way.Why().empty() || !way.Exists()) return way.Why();
     struct stat info {};
     if (::lstat(way.End().c_str(), &info) != 0) return Failure(way.End(), errno);
-    std::string why = WhyOwned(S_ISDIR(info.st_mode) ? "directory" : "file", way.End(), info);
+    std::string why = WhyOwned(KindOf(info), way.End(), info);
     return why.empty() ? WhyOthersWrite(way.End(), info) : why;
 }
 

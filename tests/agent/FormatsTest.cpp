@@ -71,10 +71,12 @@ TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
     status["filenotify"]["queue_limit_problem"] = "cannot be raised";
     status["rsync"]["degraded"] = true;
     status["rsync"]["reason"] = "older than 3.5.0";
+    status["unsafe_places"][0]["path"] = "/var/copies";
     const std::string page = Ctl::FormatStatus(status, kNow);
-    for (const char* part : {"protection  on", "/srv/\\x1bsite/", "is not there", "remote \\x1b",
-                             "2 log records", "module broken", "older than 3.5.0", "12 directories",
-                             "/srv/deep: Permission", "cannot be raised"}) {
+    for (const char* part :
+         {"/var/copies is not safe", "protection  on", "/srv/\\x1bsite/", "is not there",
+          "remote \\x1b", "2 log records", "module broken", "older than 3.5.0", "12 directories",
+          "/srv/deep: Permission", "cannot be raised"}) {
         EXPECT_NE(page.find(part), std::string::npos) << part << " in\n" << page;
     }
     EXPECT_EQ(page.find('\x1b'), std::string::npos);
@@ -85,7 +87,7 @@ TEST_F(Formats, StatusOfAnotherShape_IsNoCrash) {
         const char* text :
         {"{}", "[]", R"({"protected_paths":{"a":1},"counters":[],"policies":7})",
          R"({"modules":"x","tasks":[1,"2",null],"rsync":[],"protection":1})",
-         R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"backup_server":{"on":1},"filenotify":[7]})"}) {
+         R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"unsafe_places":[1],"backup_server":{"on":1},"filenotify":[7]})"}) {
         Json::Value status;
         ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, std::string(text).size(), status), 0);
         EXPECT_NO_THROW(Ctl::FormatStatus(status, kNow)) << text;

@@ -69,9 +69,12 @@ TEST_F(PolicyService, KeptPolicies_AreAppliedAgainAndOneFailureStopsNoOther) {
     std::string error;
     ASSERT_TRUE(store_.Save("feature_a", "throws", error));
     ASSERT_TRUE(store_.Save("feature_b", "on, wrong by now", error));
+    ASSERT_TRUE(store_.Save("feature_c", "on, but unsafe", error));
     ASSERT_TRUE(store_.Save("of_no_module", "on", error));
+    host_.features.push_back("feature_c");
     service_.ReapplyStored();
     EXPECT_EQ(StateOf("feature_a"), "failed");
+    EXPECT_EQ(StateOf("feature_c"), "failed") << "others can write to the copies by now";
     EXPECT_EQ(StateOf("feature_b"), "on");
     EXPECT_EQ(StateOf("of_no_module"), "failed");
     EXPECT_EQ(Kept("feature_a"), "throws");

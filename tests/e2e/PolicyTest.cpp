@@ -1,5 +1,6 @@
 #include <sdk/FileUtils.h>
 #include <sdk/JsonUtils.h>
+#include <unistd.h>
 
 #include "support/ProtectedSite.h"
 
@@ -51,6 +52,29 @@ TEST_F(PolicyPush, BadPolicies_AreRefusedAndTheLastGoodOneStaysInForce) {
     }
     const CommandResult shown = agent_.Ctl({"policy", "show", "sentrel_feature"});
     EXPECT_EQ(shown.out, SDK::JsonUtils::JsonToString(SitePolicy()) + "\n");
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+}
+
+TEST_F(PolicyPush, BackupFolderOfAnotherUser_IsNotUsedNorRestoredFromAfterARestart) {
+    Protect();
+    agent_.Stop();
+    const std::string copy = backup_.Path() + site_.Path("index.html");
+    ASSERT_TRUE(std::filesystem::exists(copy));
+    std::ofstream(copy) << "planted";
+    ASSERT_EQ(::chown(backup_.Path().c_str(), 33, 33), 0);
+    ASSERT_TRUE(agent_.Start());
+    const Json::Value policy = agent_.Status()["policies"][0];
+    EXPECT_EQ(policy["state"], "failed");
+    EXPECT_NE(policy["last_rejection"]["message"].asString().find("belongs to user 33"),
+              std::string::npos)
+        << policy;
+    EXPECT_EQ(test::TempDir::Read(copy), "planted");
+    const CommandResult again = ApplyText(SDK::JsonUtils::JsonToString(SitePolicy()));
+    EXPECT_EQ(again.exit_code, 4);
+    EXPECT_NE(again.err.find("/content/dirlist/0/backup_path"), std::string::npos) << again.err;
+    ASSERT_EQ(::chown(backup_.Path().c_str(), 0, 0), 0);
+    ASSERT_EQ(agent_.Apply(SitePolicy()), 0);
+    ASSERT_TRUE(AwaitProtection()) << agent_.Status();
     EXPECT_TRUE(TamperingIsUndone("index.html"));
 }
 

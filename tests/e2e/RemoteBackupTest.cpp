@@ -188,7 +188,7 @@ TEST_F(RemoteBackup, FullDiskOnTheServer_IsTold_AndSpaceIsEnough) {
     site_.Write("large.html", large);
     const std::string disk = received_.Path("here");
     fs::create_directory(disk);
-    ASSERT_EQ(hosts_.server.Run("mount -t tmpfs -o size=256k none " + disk), 0);
+    ASSERT_EQ(hosts_.server.Run("mount -t tmpfs -o size=256k,mode=700 none " + disk), 0);
     StartServer();
     StartClient();
     ExpectFailure("No space left on device");

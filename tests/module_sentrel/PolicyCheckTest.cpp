@@ -173,6 +173,38 @@ TEST_F(PolicyCheck, BackupWithinProtectedPath_IsRefusedHoweverItIsWritten) {
     EXPECT_TRUE(Holds(Check().errors, place, "lies within"));
 }
 
+TEST_F(PolicyCheck, PlacesThatOthersCanChange_AreRefusedForCopiesAndToldForSites) {
+    const std::string place = kEntry + "/backup_path";
+    data_.Write("open/b/x", "");
+    ::chmod(data_.Path("open").c_str(), 0777);
+    ExpectError(Entry()["backup_path"], data_.Path("open/b"), place, "every user may write to");
+    ExpectError(Entry()["backup_path"], data_.Path("open/new"), place, "every user may write to");
+    EXPECT_FALSE(SentrelPolicyCheck::CheckProtectionPlaces("{").errors.size() > 0);
+    Entry()["backup_path"] = data_.Path("open/b");
+    EXPECT_EQ(SentrelPolicyCheck::CheckProtectionPlaces(test::Text(document_)).errors.size(), 1U);
+    Entry()["enable"] = false;
+    EXPECT_EQ(SentrelPolicyCheck::CheckProtectionPlaces(test::Text(document_)).errors.size(), 0U);
+    Entry()["enable"] = true;
+    Entry()["backup_path"] = data_.Path("backup");
+    EXPECT_EQ(Listed(SentrelPolicyCheck::CheckProtectionPlaces(test::Text(document_)).errors), "");
+    Entry()["filepath"] = data_.Path("open/b");
+    EXPECT_TRUE(Holds(Check().warnings, kEntry + "/filepath", "put something else in its place"));
+    EXPECT_EQ(Listed(Check().errors), "");
+    // Whoever may enter can change the copies, which belong to the owners of the site.
+    ::chmod(data_.Path().c_str(), 0755);
+    data_.Write("backup/x", "");
+    ::chmod(data_.Path("backup").c_str(), 0755);
+    EXPECT_TRUE(Holds(Check().errors, place, "every user may enter"));
+    ::chmod(data_.Path("backup").c_str(), 0700);
+    EXPECT_EQ(Listed(Check().errors), "");
+    ::chmod(install_.dir.Path("bin").c_str(), 0777);
+    EXPECT_TRUE(Holds(Check().errors, "", "installation is not safe"));
+    EXPECT_TRUE(Holds(SentrelPolicyCheck::CheckProtectionPlaces(test::Text(document_)).warnings, "",
+                      "installation is not safe"));
+    document_["enabled"] = false;
+    EXPECT_EQ(Listed(Check().errors), "") << "off can always be said";
+}
+
 TEST_F(PolicyCheck, Places_ThatMeetAreOnlyWarnedAbout) {
     AddEntry(data_.Path("site/"), data_.Path("backup"));
     AddEntry(data_.Path("site/sub"), data_.Path("b3"));

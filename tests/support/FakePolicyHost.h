@@ -8,9 +8,10 @@
 
 namespace test {
 
-/// Stands in for the framework and its modules: finds errors in a policy with the word "wrong",
-/// warns of one with "odd", and applies by keyword: "on", "off" (also the default), "throws",
-/// "reports" (off, with an exception report). Notes what was applied.
+/// Stands in for the framework and its modules: finds errors in a policy with the word "wrong", and
+/// places that are not safe in one with "unsafe" when it looks only for these, warns of one with
+/// "odd", and applies by keyword: "on", "off" (also the default), "throws", "reports" (off, with an
+/// exception report). Notes what was applied.
 class FakePolicyHost : public Agent::PolicyHost {
   public:
     std::vector<std::string> features = {"feature_a", "feature_b"};
@@ -19,11 +20,13 @@ class FakePolicyHost : public Agent::PolicyHost {
 
     std::vector<std::string> Features() const override { return features; }
 
-    bool Check(const std::string&, const std::string& text, Json::Value& answer) override {
+    bool Check(const std::string&, const std::string& text, Scope scope,
+               Json::Value& answer) override {
         Json::Value message;
         message["pointer"] = "/content";
         message["message"] = text;
-        if (Has(text, "wrong")) answer["errors"].append(message);
+        if (scope == Scope::kAll ? Has(text, "wrong") : Has(text, "unsafe"))
+            answer["errors"].append(message);
         if (Has(text, "odd")) answer["warnings"].append(message);
         return !Has(text, "uncheckable");
     }

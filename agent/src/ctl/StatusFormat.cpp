@@ -227,6 +227,10 @@ std::string FormatWarnings(const Json::Value& status, long long now_ms) {
             text += Warning("task " + Text(task, "id") + " could not start in full; see the log");
         }
     }
+    for (const Json::Value& place : status["unsafe_places"]) {
+        text += Warning(Text(place, "path") +
+                        " is not safe from other users: " + Text(place, "reason"));
+    }
     text += PathWarnings(status, now_ms);
     text += WatchWarnings(status["filenotify"]);
     if (JsonUtils::GetBoolValue(status["rsync"], "degraded", false)) {

@@ -35,10 +35,11 @@ std::vector<std::string> EnginePolicyHost::Features() const {
     return features;
 }
 
-bool EnginePolicyHost::Check(const std::string& feature, const std::string& text,
+bool EnginePolicyHost::Check(const std::string& feature, const std::string& text, Scope scope,
                              Json::Value& answer) {
     Json::Value request;
     request["text"] = text;
+    request["places_only"] = scope == Scope::kPlaces;
     return engine_.Queries().Ask(kCheckPrefix + feature, request, answer) && answer.isObject();
 }
 

@@ -17,9 +17,13 @@ class PolicyHost {
     /// The features that a loaded module has a check for, sorted.
     virtual std::vector<std::string> Features() const = 0;
 
+    /// What a check looks at: all, or of a policy that was good once only whether the places that
+    /// it relies on are safe still.
+    enum class Scope { kAll, kPlaces };
+
     /// The owning module's opinion: {"errors":[...],"warnings":[...]}. False when it has none to
     /// give.
-    virtual bool Check(const std::string& feature, const std::string& text,
+    virtual bool Check(const std::string& feature, const std::string& text, Scope scope,
                        Json::Value& answer) = 0;
 
     /// Has the framework apply the policy, and waits for it.
@@ -39,7 +43,8 @@ class EnginePolicyHost : public PolicyHost {
     explicit EnginePolicyHost(Framework::Engine& engine) : engine_(engine) {}
 
     std::vector<std::string> Features() const override;
-    bool Check(const std::string& feature, const std::string& text, Json::Value& answer) override;
+    bool Check(const std::string& feature, const std::string& text, Scope scope,
+               Json::Value& answer) override;
     Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text) override;
     std::int64_t LastReport() override;
     std::string ExceptionSince(std::int64_t after, const std::string& feature) override;

@@ -72,13 +72,18 @@ PolicyService::PolicyService(PolicyHost& host, const PolicyStore& store)
     : host_(host), store_(store) {}
 
 PolicyVerdict PolicyService::Check(const std::string& feature, const std::string& text) {
+    return Check(feature, text, PolicyHost::Scope::kAll);
+}
+
+PolicyVerdict PolicyService::Check(const std::string& feature, const std::string& text,
+                                   PolicyHost::Scope scope) {
     if (!IsFeatureName(feature)) return Rejected("This is not a name that a feature can have.");
     if (!IsKnown(feature)) {
         return Rejected("No module handles the feature " + feature +
                         "; known: " + Joined(host_.Features()) + ".");
     }
     Json::Value answer;
-    if (!host_.Check(feature, text, answer)) {
+    if (!host_.Check(feature, text, scope, answer)) {
         return Rejected("The module failed to check the policy; the agent's log says why.");
     }
     PolicyVerdict verdict;
@@ -171,14 +176,18 @@ void PolicyService::ReapplyStored() {
     }
 }
 
-/// Without the check: the policy was good once, and what a check finds now (a protected directory
-/// that is missing, say) must not leave the rest of it off.
+/// Without the whole check: the policy was good once, and what is missing now (a protected
+/// directory, say) must not leave the rest of it off. But nothing is put back from where others can
+/// write.
 PolicyVerdict PolicyService::Reapply(const std::string& feature) {
     std::string text;
     if (!store_.Load(feature, text)) return Rejected("The kept policy cannot be read.");
-    if (!IsKnown(feature)) return Rejected("No loaded module handles the feature.");
+    PolicyVerdict verdict = Check(feature, text, PolicyHost::Scope::kPlaces);
+    for (const Json::Value& warning : verdict.warnings) {
+        SDK_LOG(Log(), PRIO_ERROR, "policy of %s: %s", feature, warning["message"].asString());
+    }
+    if (!verdict.errors.empty()) return verdict;
     const Attempt attempt = Try(feature, text);
-    PolicyVerdict verdict;
     verdict.state = attempt.state;
     if (attempt.state == PolicyState::kRejected) verdict.errors.append(Message(attempt.reason));
     return verdict;

@@ -62,6 +62,8 @@ class PolicyService {
         std::string reason;
     };
 
+    PolicyVerdict Check(const std::string& feature, const std::string& text,
+                        PolicyHost::Scope scope);
     bool IsKnown(const std::string& feature) const;
     Attempt Try(const std::string& feature, const std::string& text);
     Attempt TryOnce(const std::string& feature, const std::string& text);
