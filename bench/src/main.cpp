@@ -18,9 +18,12 @@ namespace {
 constexpr int kStopped = 130;
 constexpr int kBadArguments = 2;
 
+/// What the short form keeps to; its rows end early by less than the rest of ten minutes.
+constexpr double kBriefSeconds = 540;
+
 struct Options {
     Bench::Machine machine;
-    bool brief = false;
+    Bench::Form form;
     std::vector<std::string> only;
     std::string results;  ///< the JSON file
     std::string output;   ///< folder for what `report` makes
@@ -48,6 +51,39 @@ std::string UnknownRow(const Options& options) {
     return {};
 }
 
+/// Chooses among the rows of the short form: one that would not end in time is left out, as judged
+/// by how much longer than on a quiet machine those before it took.
+class TimeTable {
+  public:
+    explicit TimeTable(bool brief) : brief_(brief) {}
+
+    Bench::Clock::time_point End() const {
+        const auto time = std::chrono::duration<double>(kBriefSeconds);
+        return brief_ ? start_ + std::chrono::duration_cast<Bench::Clock::duration>(time)
+                      : Bench::Clock::time_point::max();
+    }
+
+    bool HasTimeFor(const Bench::RowEntry& row) {
+        const double spent = Bench::MsSince(start_) / 1000;
+        const double slowness = planned_ > 0 ? std::max(1.0, spent / planned_) : 1;
+        if (brief_ && spent + slowness * row.brief_seconds > kBriefSeconds) return false;
+        planned_ += row.brief_seconds;
+        return true;
+    }
+
+  private:
+    const bool brief_;
+    const Bench::Clock::time_point start_ = Bench::Clock::now();
+    double planned_ = 0;
+};
+
+void MeasureRow(const Bench::RowEntry& row, Bench::Plan& plan) {
+    const auto start = Bench::Clock::now();
+    std::printf("%s: %s\n", row.name, row.what);
+    row.run(plan);
+    plan.Say("took " + std::to_string(static_cast<int>(Bench::MsSince(start) / 1000)) + " s");
+}
+
 int Measure(const Options& options) {
     if (const std::string name = UnknownRow(options); !name.empty()) {
         std::fprintf(stderr, "error: no row %s; --rows names them\n", name.c_str());
@@ -57,21 +93,23 @@ int Measure(const Options& options) {
     const Json::Value machine = Bench::DescribeMachine(options.machine.work);
     Bench::Plan plan;
     plan.machine = options.machine;
-    plan.brief = options.brief;
+    plan.brief = options.form.brief;
+    TimeTable time(plan.brief && options.only.empty());
+    plan.until = time.End();
     plan.results.FromJson(Load(options.results)["rows"]);
     try {
         for (const Bench::RowEntry& row : Bench::AllRows()) {
             if (!Wanted(options, row.name)) continue;
-            const auto start = Bench::Clock::now();
-            std::printf("%s: %s\n", row.name, row.what);
-            row.run(plan);
-            plan.Say("took " + std::to_string(static_cast<int>(Bench::MsSince(start) / 1000)) +
-                     " s");
+            if (!time.HasTimeFor(row)) {
+                std::printf("%s: left out, it would not end within ten minutes\n", row.name);
+                continue;
+            }
+            MeasureRow(row, plan);
             Json::StreamWriterBuilder writer;
             writer["precision"] = 6;
             Bench::WriteText(
                 options.results,
-                Json::writeString(writer, Bench::ToDocument(plan.results, machine, options.brief)));
+                Json::writeString(writer, Bench::ToDocument(plan.results, machine, options.form)));
         }
     } catch (const Bench::Stopped&) {
         return kStopped;
@@ -112,7 +150,8 @@ int main(int argc, char** argv) {
     run->add_option("--home", options.machine.home)->required();
     run->add_option("--results", options.results)->required();
     run->add_option("--only", options.only);
-    run->add_flag("--short", options.brief);
+    run->add_flag("--short", options.form.brief);
+    run->add_flag("--busy", options.form.busy, "others keep the processors busy meanwhile");
     auto* report = app.add_subcommand("report", "make tables of the figures");
     report->add_option("--results", options.results)->required();
     report->add_option("--output", options.output)->required();

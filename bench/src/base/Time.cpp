@@ -1,6 +1,7 @@
 // Owns the flag that a signal sets. All waiting of the driver passes here.
 #include "base/Time.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 
@@ -33,6 +34,12 @@ void Pause(microseconds time) {
     const auto nanoseconds = std::chrono::nanoseconds(time).count();
     timespec wait{static_cast<time_t>(nanoseconds / 1000000000), nanoseconds % 1000000000};
     while (!stop_asked && ::nanosleep(&wait, &wait) != 0 && errno == EINTR) continue;
+    if (stop_asked) throw Stopped{};
+}
+
+void AwaitReadable(int fd, milliseconds time) {
+    pollfd wait{fd, POLLIN, 0};
+    if (!stop_asked) ::poll(&wait, 1, static_cast<int>(time.count()));
     if (stop_asked) throw Stopped{};
 }
 

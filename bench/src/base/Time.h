@@ -19,6 +19,9 @@ void PrepareWaits();
 /// Sleeps; throws Stopped.
 void Pause(microseconds time);
 
+/// Until `fd` can be read or the time has passed; throws Stopped.
+void AwaitReadable(int fd, milliseconds time);
+
 /// Asks `done` every `step` until it is true; false when `deadline` has passed before. Throws
 /// Stopped.
 bool WaitUntil(milliseconds deadline, microseconds step, const std::function<bool()>& done);

@@ -5,6 +5,7 @@
 #include <PolicyDocument.h>
 #include <json/json.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "ctl/ControlClient.h"
@@ -19,7 +20,9 @@ constexpr int kAnswerSeconds = 60;
 constexpr milliseconds kStartDeadline{30000};
 constexpr microseconds kStatusStep{5000};
 constexpr char kPolicies[] = "/v1/policies/sentrel_feature";
-constexpr char kQuickExit[] = "rsync_nap";
+constexpr milliseconds kReportStep{20};
+/// What makes a restore quick, by its switch below "sentrel" in conf/agent.json.
+constexpr const char* kQuickening[] = {"rsync_nap", "restore_in_process"};
 constexpr char kBackupFolder[] = "/backup";
 
 /// One file of an alarm, kept where it says what changed.
@@ -37,10 +40,24 @@ void Note(const Json::Value& report, Reported& told) {
     }
 }
 
+/// Words before a command that give it a /tmp of its own without a free byte.
+std::vector<std::string> BehindFullTmp() {
+    return {"/usr/bin/unshare",
+            "--mount",
+            "--propagation",
+            "private",
+            "--",
+            "/bin/sh",
+            "-c",
+            "mount -t tmpfs -o size=64k none /tmp || exit 1\n"
+            "head -c 1M /dev/zero >/tmp/full 2>/dev/null\n"
+            "exec \"$0\""};
+}
+
 }  // namespace
 
 std::string AgentGuard::Name() const {
-    return quick_exit_ ? "Sentrel" : "Sentrel, plain rsync";
+    return quick_ ? "Sentrel" : "Sentrel, plain rsync";
 }
 
 /// The policy names a folder for the copies, in which each lies under its whole path.
@@ -48,11 +65,11 @@ std::string AgentGuard::GoodRoot(const Site& site) const {
     return site.scratch + kBackupFolder + "/tree" + site.live;
 }
 
-bool AgentGuard::HasQuickExit(const Machine& machine) {
+bool AgentGuard::HasPlainForm(const Machine& machine) {
     Json::Value config;
     const std::string text = ReadFile(machine.stage + "/conf/agent.json");
     return SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), config) == 0 &&
-           config["sentrel"].isMember(kQuickExit);
+           config["sentrel"].isMember(kQuickening[0]);
 }
 
 bool AgentGuard::Configure() const {
@@ -60,24 +77,35 @@ bool AgentGuard::Configure() const {
     const std::string file = install_ + "/conf/agent.json";
     const std::string text = ReadFile(file);
     if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), config) != 0) return false;
-    if (HasQuickExit(machine_)) config["sentrel"][kQuickExit] = quick_exit_;
+    for (const char* name : kQuickening) {
+        if (config["sentrel"].isMember(name)) config["sentrel"][name] = quick_;
+    }
     return WriteText(file, SDK::JsonUtils::JsonToString(config));
 }
 
 bool AgentGuard::Start(const Site& site, const GuardSettings& settings) {
-    return StartAgent(site) && Protect(site, settings);
+    return StartAgent(site, settings.tmp_is_full) && Protect(site, settings);
 }
 
-bool AgentGuard::StartAgent(const Site& site) {
-    install_ = site.scratch + "/agent";
+/// The agent takes an installation and copies only where nobody but root can write, whoever has
+/// built the stage and with whichever umask.
+bool AgentGuard::Install(const Site& site) const {
     std::error_code error;
     fs::remove_all(install_, error);
     fs::copy(machine_.stage, install_, fs::copy_options::recursive, error);
     for (const char* folder : {"data", "log", "run"}) fs::remove_all(install_ + "/" + folder);
-    fs::create_directories(site.scratch + kBackupFolder + "/tree");
-    if (error || !Configure()) return Fail("no installation in " + install_);
+    const std::string backup = site.scratch + kBackupFolder;
+    fs::create_directories(backup + "/tree");
+    fs::permissions(backup, fs::perms::owner_all, error);
+    return !error && Run({{"/bin/chmod", "-R", "go-w", install_}, {}, "", "", ""}) == 0;
+}
+
+bool AgentGuard::StartAgent(const Site& site, bool tmp_is_full) {
+    install_ = site.scratch + "/agent";
+    if (!Install(site) || !Configure()) return Fail("no installation in " + install_);
     Command command;
-    command.arguments = {install_ + "/bin/morvane_agent"};
+    if (tmp_is_full) command.arguments = BehindFullTmp();
+    command.arguments.push_back(install_ + "/bin/morvane_agent");
     command.environment = PlainEnvironment(machine_);
     command.output = site.scratch + "/agent.out";
     command.error = site.scratch + "/agent.err";
@@ -147,17 +175,34 @@ std::int64_t AgentGuard::LastReport() const {
 
 Reported AgentGuard::Since(std::int64_t report) const {
     Reported told;
+    Collect(report, told);
+    return told;
+}
+
+void AgentGuard::Collect(std::int64_t& report, Reported& told) const {
     while (true) {
         const Ctl::Answer answer = Ctl::ControlClient(Socket()).Send(
             "GET", "/v1/reports?kind=alarm&limit=1000&after=" + std::to_string(report), "",
             kAnswerSeconds);
         const Json::Value& reports = answer.body["reports"];
-        if (answer.status != 200 || reports.empty()) return told;
+        if (answer.status != 200 || reports.empty()) return;
         for (const Json::Value& one : reports) {
             report = one["seq"].asInt64();
             Note(one, told);
         }
     }
+}
+
+/// Reads the alarms themselves only once there are as many, so that it costs the agent little.
+bool AgentGuard::AwaitReports(std::int64_t report, const std::vector<std::string>& paths,
+                              milliseconds deadline, Reported& told) const {
+    const auto wanted = report + static_cast<std::int64_t>(paths.size());
+    return WaitUntil(deadline, kReportStep, [&] {
+        if (LastReport() < wanted) return false;
+        Collect(report, told);
+        return std::all_of(paths.begin(), paths.end(),
+                           [&](const std::string& path) { return told.paths.count(path) > 0; });
+    });
 }
 
 }  // namespace Bench

@@ -20,9 +20,8 @@ struct Reported {
 /// nothing else here does.
 class AgentGuard : public Guard {
   public:
-    /// `quick_exit`: with our library against rsync's sleeps at its end.
-    AgentGuard(const Machine& machine, bool quick_exit)
-        : machine_(machine), quick_exit_(quick_exit) {}
+    /// `quick`: as it is installed; else restoring by plain rsync processes alone.
+    AgentGuard(const Machine& machine, bool quick) : machine_(machine), quick_(quick) {}
 
     std::string Name() const override;
     std::string GoodRoot(const Site& site) const override;
@@ -30,7 +29,7 @@ class AgentGuard : public Guard {
     void Settle() override;
 
     /// The agent alone, without a policy; then a policy for the site, which waits for readiness.
-    bool StartAgent(const Site& site);
+    bool StartAgent(const Site& site, bool tmp_is_full = false);
     bool Protect(const Site& site, const GuardSettings& settings);
 
     /// The policy off again.
@@ -46,16 +45,23 @@ class AgentGuard : public Guard {
     std::int64_t LastReport() const;
     Reported Since(std::int64_t report) const;
 
-    /// False where this build has no such switch.
-    static bool HasQuickExit(const Machine& machine);
+    /// Waits until each of `paths` has an alarm that came after `report`; false at the deadline.
+    /// `told` gets all that came. Throws Stopped.
+    bool AwaitReports(std::int64_t report, const std::vector<std::string>& paths,
+                      milliseconds deadline, Reported& told) const;
+
+    /// False where this build cannot be told to restore by plain rsync processes.
+    static bool HasPlainForm(const Machine& machine);
 
   private:
     std::string Socket() const { return install_ + "/run/agent.sock"; }
+    bool Install(const Site& site) const;
     bool Configure() const;
+    void Collect(std::int64_t& report, Reported& told) const;
     std::string Policy(const Site& site, const GuardSettings& settings) const;
 
     const Machine machine_;
-    const bool quick_exit_;
+    const bool quick_;
     std::string install_;
     double backup_ms_ = 0;
 };

@@ -27,8 +27,9 @@ struct Site {
 
 /// How a guard is to run.
 struct GuardSettings {
-    bool makes_copy = true;  ///< ours: from a first backup; else from copies made beforehand
-    std::string ignored;     ///< a suffix of file names to leave alone; empty: none
+    bool makes_copy = true;    ///< ours: from a first backup; else from copies made beforehand
+    std::string ignored;       ///< a suffix of file names to leave alone; empty: none
+    bool tmp_is_full = false;  ///< ours: with a /tmp of its own, in which nothing can be written
     milliseconds deadline = std::chrono::minutes(3);  ///< to be ready
 };
 

@@ -55,13 +55,14 @@ void WriteRow(const RowTitle& title, const Json::Value& lines, std::ostream& out
 
 }  // namespace
 
-Json::Value ToDocument(const Results& results, const Json::Value& machine, bool brief) {
+Json::Value ToDocument(const Results& results, const Json::Value& machine, const Form& form) {
     Json::Value document;
     document["machine"] = machine;
-    document["form"] = brief ? "short" : "full";
+    document["form"] = form.brief ? "short" : "full";
+    document["busy"] = form.busy;
     document["rows"] = results.ToJson();
     document["limits"] = Json::Value(Json::arrayValue);
-    for (const Verdict& verdict : Judge(results)) {
+    for (const Verdict& verdict : Judge(results, form.busy)) {
         Json::Value one;
         one["what"] = verdict.what;
         one["ours"] = verdict.ours;
@@ -77,7 +78,7 @@ std::string ToMarkdown(const Json::Value& document) {
     std::ostringstream out;
     const Json::Value& machine = document["machine"];
     out << "Measured by `bench/run.sh" << (document["form"] == "short" ? " --short" : "")
-        << "`. The machine:\n\n";
+        << (document["busy"].asBool() ? " --busy" : "") << "`. The machine:\n\n";
     for (const std::string& name : machine.getMemberNames()) {
         out << "- " << name << ": " << machine[name].asString() << "\n";
     }

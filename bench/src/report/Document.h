@@ -11,8 +11,14 @@ namespace Bench {
 /// Cores, memory, kernel, file system, versions: what the figures depend on.
 Json::Value DescribeMachine(const std::string& work);
 
+/// How a run was made.
+struct Form {
+    bool brief = false;
+    bool busy = false;  ///< beside processes that keep the processors busy
+};
+
 /// The whole run: {"machine", "form", "rows", "limits"}.
-Json::Value ToDocument(const Results& results, const Json::Value& machine, bool brief);
+Json::Value ToDocument(const Results& results, const Json::Value& machine, const Form& form);
 
 /// The same for people, in Markdown.
 std::string ToMarkdown(const Json::Value& document);

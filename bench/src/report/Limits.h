@@ -26,8 +26,9 @@ struct RowTitle {
 
 const std::vector<RowTitle>& RowTitles();
 
-/// Those for which both sides were measured.
-std::vector<Verdict> Judge(const Results& results);
+/// Those for which both sides were measured. `busy`: only those that also hold while others keep
+/// the processors busy, as they are then.
+std::vector<Verdict> Judge(const Results& results, bool busy = false);
 
 /// With as many digits as it needs.
 std::string Figure(double value, const std::string& unit);

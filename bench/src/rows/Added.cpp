@@ -69,7 +69,7 @@ void MeasureAdded(Plan& plan) {
         !post.Start(plan, kRow, {})) {
         return;
     }
-    for (int run = 0; run < plan.Runs(5, 2); ++run) {
+    for (int run = 0; plan.Goes(run, plan.Runs(5, 2)); ++run) {
         plan.Say("added, run " + std::to_string(run + 1));
         MeasureOne(plan, post, run);
     }

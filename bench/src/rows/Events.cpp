@@ -46,7 +46,7 @@ bool Drained(Guard& guard) {
 
 void MeasureWriter(Plan& plan, Guard& guard, const Noise& noise, const std::string& row,
                    void (Noise::*make)(std::size_t) const) {
-    for (int run = 0; run < plan.Runs(5, 2); ++run) {
+    for (int run = 0; plan.Goes(run, plan.Runs(5, 2)); ++run) {
         const std::int64_t before = Overflows(guard);
         const auto start = Clock::now();
         (noise.*make)(kEvents);
@@ -67,7 +67,7 @@ void MeasureWriter(Plan& plan, Guard& guard, const Noise& noise, const std::stri
 /// The guard stands still while its queue fills to nine tenths.
 void MeasureDrain(Plan& plan, Guard& guard, const Noise& noise, std::size_t capacity) {
     const std::size_t events = std::min(kEvents, capacity / 10 * 9);
-    for (int run = 0; run < plan.Runs(5, 2); ++run) {
+    for (int run = 0; plan.Goes(run, plan.Runs(5, 2)); ++run) {
         guard.Freeze();
         noise.Write(events);
         const bool hears = guard.Backlog() > 0;
@@ -95,7 +95,7 @@ void MeasureNobody(Plan& plan) {
     if (!MakeSite(post)) return;
     const Noise ignored(post.Place().live, kSuffix);
     const Noise unchanged(post.Place().live, ".html");
-    for (int run = 0; run < plan.Runs(5, 2); ++run) {
+    for (int run = 0; plan.Goes(run, plan.Runs(5, 2)); ++run) {
         auto start = Clock::now();
         ignored.Write(kEvents);
         plan.results.Add("events_ignored", "nobody", PerSecond(kEvents, MsSince(start)));

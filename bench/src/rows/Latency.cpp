@@ -2,7 +2,9 @@
 // content is back.
 #include <map>
 
+#include "base/FileObserver.h"
 #include "guards/AgentGuard.h"
+#include "guards/BareCopy.h"
 #include "guards/BareRsync.h"
 #include "guards/Peers.h"
 #include "rows/Row.h"
@@ -10,7 +12,6 @@
 namespace Bench {
 namespace {
 
-constexpr microseconds kObserve{50};
 constexpr milliseconds kPatience{10000};
 
 struct Size {
@@ -28,8 +29,9 @@ Guards Contestants(const Machine& machine) {
     Guards guards;
     guards.push_back(std::make_unique<BareRsync>(machine));
     guards.push_back(std::make_unique<ForkedRsync>(machine));
+    guards.push_back(std::make_unique<BareCopy>(machine));
     guards.push_back(std::make_unique<AgentGuard>(machine, true));
-    if (AgentGuard::HasQuickExit(machine)) {
+    if (AgentGuard::HasPlainForm(machine)) {
         guards.push_back(std::make_unique<AgentGuard>(machine, false));
     }
     guards.push_back(std::make_unique<InotifywaitLoop>(machine));
@@ -57,14 +59,13 @@ void MeasureOne(Plan& plan, Post& post, const Size& size, int run) {
     Guard& guard = post.Watch();
     for (const FileState& file : post.Files()) {
         if (file.path != path) continue;
+        const FileObserver observer(post.Live(file));
         const auto tampered = Tamper(post.Live(file));
         const auto start = guard.Told(path).value_or(tampered);
-        const bool back =
-            WaitUntil(kPatience, kObserve, [&] { return IsBack(post.Live(file), file); });
-        const auto end = Clock::now();
+        const auto back = observer.AwaitBack(file, kPatience);
         guard.Settle();
         if (back && post.Differing({file}) == 0) {
-            plan.results.Add(size.row, guard.Name(), MsBetween(start, end));
+            plan.results.Add(size.row, guard.Name(), MsBetween(start, *back));
         } else {
             plan.results.Note(size.row, guard.Name(), "some did not come back");
         }
@@ -88,7 +89,7 @@ void MeasureLatency(Plan& plan) {
     }
     for (const Size& size : kSizes) {
         plan.Say(std::string(size.row) + ", " + std::to_string(posts.size()) + " guards in turn");
-        for (int run = 0; run < plan.Runs(50, 15); ++run) {
+        for (int run = 0; plan.Goes(run, plan.Runs(50, 15)); ++run) {
             for (auto& post : posts) MeasureOne(plan, *post, size, run);
         }
     }

@@ -50,7 +50,7 @@ void MeasureOne(Plan& plan, Post& post, std::size_t capacity) {
 }  // namespace
 
 void MeasureOverflow(Plan& plan) {
-    for (int run = 0; run < plan.Runs(2, 1); ++run) {
+    for (int run = 0; plan.Goes(run, plan.Runs(2, 1)); ++run) {
         for (auto& guard : Installed(plan, kRow, Contestants(plan.machine))) {
             plan.Say("overflow: " + guard->Name());
             const std::size_t before = QueueCapacity();

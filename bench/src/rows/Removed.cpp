@@ -71,7 +71,7 @@ void MeasureRemoved(Plan& plan) {
                 posts.push_back(std::move(post));
             }
         }
-        for (int run = 0; run < plan.Runs(5, 2); ++run) {
+        for (int run = 0; plan.Goes(run, plan.Runs(5, 2)); ++run) {
             for (auto& post : posts) {
                 if (!post) continue;
                 plan.Say(std::string(form.row) + ": " + post->Watch().Name());

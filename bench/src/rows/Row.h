@@ -13,10 +13,14 @@ namespace Bench {
 /// What a row needs to run.
 struct Plan {
     Machine machine;
-    bool brief = false;  ///< the short form: fewer runs
+    bool brief = false;  ///< the short form: fewer runs, and rows that end when their time is up
+    Clock::time_point until = Clock::time_point::max();  ///< of the short form
     Results results;
 
     int Runs(int full, int in_brief) const { return brief ? in_brief : full; }
+
+    /// Whether run number `run` of `runs` is to be made: the first always, others only in time.
+    bool Goes(int run, int runs) const { return run < runs && (run == 0 || Clock::now() < until); }
 
     /// One line on the terminal, so that one sees where it is.
     void Say(const std::string& text) const;
@@ -28,6 +32,7 @@ using RowFunction = void (*)(Plan& plan);
 struct RowEntry {
     const char* name;  ///< for --only
     const char* what;
+    int brief_seconds;  ///< what its short form takes on two cores, about
     RowFunction run;
 };
 
@@ -37,6 +42,8 @@ const std::vector<RowEntry>& AllRows();
 void MeasureLatency(Plan& plan);
 void MeasureBurst(Plan& plan);
 void MeasureStorm(Plan& plan);
+void MeasureHostile(Plan& plan);
+void MeasureNames(Plan& plan);
 void MeasureAdded(Plan& plan);
 void MeasureRemoved(Plan& plan);
 void MeasureScale(Plan& plan);

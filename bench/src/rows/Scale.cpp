@@ -2,6 +2,7 @@
 // One tree for all, one guard at a time: the kernel's limit of watches allows no more.
 #include <filesystem>
 
+#include "base/FileObserver.h"
 #include "guards/AgentGuard.h"
 #include "guards/BareRsync.h"
 #include "guards/Peers.h"
@@ -16,7 +17,6 @@ namespace fs = std::filesystem;
 constexpr std::size_t kSmallest = 10;  ///< what memory is counted from
 constexpr std::size_t kLargest = 100000;
 constexpr std::size_t kSamples = 20;
-constexpr microseconds kObserve{50};
 constexpr milliseconds kPatience{10000};
 constexpr microseconds kBeforeRest{3000000};
 constexpr char kTargets[] = "targets";
@@ -95,7 +95,7 @@ class ScaleRow {
                 continue;
             }
             plan_.Say(name);
-            for (int run = 0; run < runs; ++run) {
+            for (int run = 0; plan_.Goes(run, runs); ++run) {
                 if (!MeasureOne(*one.guard, one.restores, run + 1 == runs, smallest)) break;
             }
         }
@@ -159,12 +159,12 @@ class ScaleRow {
         const std::string row = "latency" + suffix_;
         for (const FileState& file : tree_.targets) {
             const std::string path = tree_.live + "/" + file.path;
+            const FileObserver observer(path);
             const auto tampered = Tamper(path);
             const auto start = guard.Told(file.path).value_or(tampered);
-            const bool back = WaitUntil(kPatience, kObserve, [&] { return IsBack(path, file); });
-            const auto end = Clock::now();
+            const auto back = observer.AwaitBack(file, kPatience);
             guard.Settle();
-            if (back) plan_.results.Add(row, guard.Name(), MsBetween(start, end));
+            if (back) plan_.results.Add(row, guard.Name(), MsBetween(start, *back));
             if (!back) {
                 plan_.results.Note(row, guard.Name(), "one did not come back");
                 return;
