@@ -32,12 +32,20 @@ Engine& Engine::Instance() {
 
 void Engine::Start() {
     if (stall_watch_) return;
+    stopping_ = false;
     thread_->Start();
     stall_watch_ = std::make_unique<StallWatch>(*tasks_);
 }
 
+void Engine::BeginStop() {
+    stopping_ = true;
+    thread_->InterruptCommands();
+    tasks_->InterruptWanted();
+}
+
 void Engine::Stop() {
     if (!stall_watch_) return;
+    BeginStop();
     thread_->Run([this] {
         loader_->RemoveAll();
         tasks_->UnregisterAll(nullptr);

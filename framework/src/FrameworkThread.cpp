@@ -15,6 +15,7 @@ void FrameworkThread::Start() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (running_) return;
     running_ = true;
+    commands_.Reset();
     thread_ = std::thread([this] { Loop(); });
     id_ = thread_.get_id();
 }
@@ -26,6 +27,10 @@ void FrameworkThread::Stop() {
         changed_.notify_all();
     }
     if (thread_.joinable()) thread_.join();
+}
+
+void FrameworkThread::InterruptCommands() {
+    commands_.Interrupt();
 }
 
 void FrameworkThread::Run(const std::function<void()>& job) {
@@ -47,6 +52,7 @@ void FrameworkThread::Run(const std::function<void()>& job) {
 
 void FrameworkThread::Loop() {
     ::pthread_setname_np(::pthread_self(), "framework");
+    const SDK::CommandInterrupter::Scope commands(commands_);
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         changed_.wait(lock, [this] { return !jobs_.empty() || !running_; });

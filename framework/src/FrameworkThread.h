@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sdk/CommandInterrupter.h>
+
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -23,6 +25,9 @@ class FrameworkThread {
     /// Runs what is queued, then ends the thread. May be called twice.
     void Stop();
 
+    /// Ends the external commands of its jobs early, from now until the next Start. Any thread.
+    void InterruptCommands();
+
     /// Runs `job` and waits for it; at once when called from the thread itself. What it throws is
     /// thrown here; Poco::IllegalStateException when the thread is not running.
     void Run(const std::function<void()>& job);
@@ -30,6 +35,7 @@ class FrameworkThread {
   private:
     void Loop();
 
+    SDK::CommandInterrupter commands_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<std::packaged_task<void()>> jobs_;

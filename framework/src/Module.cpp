@@ -5,6 +5,9 @@
 #include <framework/Module.h>
 #include <framework/ModuleGate.h>
 
+#include <algorithm>
+#include <chrono>
+
 #include "CallbackRegistry.h"
 #include "Guard.h"
 #include "TaskRegistry.h"
@@ -12,6 +15,14 @@
 namespace Framework {
 
 namespace {
+
+/// While the agent stops nothing is worth a wait; not zero, as the wait repeats.
+constexpr std::chrono::milliseconds kGraceAtStop{100};
+
+std::chrono::milliseconds Grace() {
+    const std::chrono::milliseconds grace = ConfigManager::GetInstance().PolicyGrace();
+    return Engine::Instance().IsStopping() ? std::min(grace, kGraceAtStop) : grace;
+}
 
 /// Holds a gate alone while it lives; the module's tasks are brought out of their passes for it.
 class Alone {
@@ -21,7 +32,7 @@ class Alone {
             tasks.ForTasksOf(module, [call](TaskRunner& runner) { (runner.*call)(); });
         };
         gate_.LockAlone(
-            ConfigManager::GetInstance().PolicyGrace(), [&] { for_tasks(&TaskRunner::Nudge); },
+            Grace(), [&] { for_tasks(&TaskRunner::Nudge); },
             [&] { for_tasks(&TaskRunner::InterruptForPolicy); });
         for_tasks(&TaskRunner::EndInterruption);
     }

@@ -142,6 +142,13 @@ void TaskRegistry::ReportStalls() const {
     for (const auto& runner : runners_) runner->ReportStall();
 }
 
+void TaskRegistry::InterruptWanted() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& runner : runners_) {
+        if (runner->ShouldYield()) runner->InterruptForPolicy();
+    }
+}
+
 std::vector<TaskStatus> TaskRegistry::Statuses() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<TaskStatus> statuses;

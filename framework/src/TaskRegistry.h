@@ -49,6 +49,9 @@ class TaskRegistry {
 
     void ForTasksOf(const Module& module, const std::function<void(TaskRunner&)>& call) const;
     void ReportStalls() const;
+
+    /// Interrupts the commands of tasks that a policy waits for.
+    void InterruptWanted() const;
     std::vector<TaskStatus> Statuses() const;
 
   private:

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <future>
 
 #include "support/AgentProcess.h"
 #include "support/WaitFor.h"
@@ -26,6 +30,44 @@ TEST_F(AgentLifecycle, SignalToStop_EndsItInOrder) {
     agent_.Signal(SIGINT);
     agent_.Signal(SIGINT);
     EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(AgentLifecycle, SudoThatNeverReturns_DoesNotKeepItFromStopping) {
+    // Found before the machine's; notes the agent, which is the parent of its shell.
+    const test::TempDir dir;
+    const std::string pid_file = dir.Path("agent");
+    dir.Write("bin/sudo",
+              "#!/bin/sh\nread -r pid name state parent rest </proc/$PPID/stat\n"
+              "echo $parent >" +
+                  pid_file + "\nexec sleep 600\n");
+    ::chmod(dir.Path("bin/sudo").c_str(), 0755);
+    agent_.RunBehind({"/bin/sh", "-c",
+                      "mount --bind " + dir.Path("bin") + " /usr/local/sbin && exec \"$@\"", "sh"});
+    const auto stop_when_held = [&] {
+        const auto pid = [&] { return std::atoi(test::TempDir::Read(pid_file).c_str()); };
+        EXPECT_TRUE(test::WaitFor([&] { return pid() > 0; }, 20s));
+        EXPECT_TRUE(pid() > 0 && ::kill(pid(), SIGTERM) == 0);
+        return std::chrono::steady_clock::now();
+    };
+    const auto expect_soon = [](std::chrono::steady_clock::time_point since) {
+        EXPECT_LT(std::chrono::steady_clock::now() - since, test::Scaled(4s));
+    };
+    const test::TempDir site;
+    const test::TempDir backup;
+    ASSERT_TRUE(agent_.Start());
+    auto applied = std::async(std::launch::async, [&] {
+        return agent_.Apply(test::ProtectionPolicy({{site.Path(), backup.Path()}}));
+    });
+    auto signalled = stop_when_held();
+    EXPECT_EQ(agent_.Stop(), 0);
+    expect_soon(signalled);
+    EXPECT_EQ(applied.get(), 0) << "the policy itself was taken";
+
+    std::filesystem::remove(pid_file);
+    auto started = std::async(std::launch::async, [&] { return agent_.RunAgent({}); });
+    signalled = stop_when_held();
+    EXPECT_EQ(started.get().exit_code, 0);
+    expect_soon(signalled);
 }
 
 TEST_F(AgentLifecycle, SecondInstance_IsRefusedWithTheFirstOnesProcess) {

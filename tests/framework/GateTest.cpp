@@ -105,6 +105,41 @@ TEST_F(GateTest, TaskHandlesManyMessages_PolicyGoesBetweenThem) {
     Unregister(task);
 }
 
+TEST_F(GateTest, BeginOfTheStop_EndsCommandsOfPoliciesAndOfTasksTheyWaitFor) {
+    Configure(R"({"policy_grace_ms": 60000})");
+    ScriptedTask task("task");
+    Signal in_task;
+    Signal in_policy;
+    int of_task = 0;
+    int of_policy = 0;
+    const auto command = [] {
+        std::string output;
+        return SDK::ExecuteCmdUtils::ExecuteCmd("sleep 600", output, 100);
+    };
+    task.on_run = [&] {
+        if (in_task.IsSet()) return task.Waiter().WaitAndHandleEvent(60'000, 10);
+        in_task.Set();
+        of_task = command();
+        return 0;
+    };
+    ASSERT_TRUE(Register(task));
+    ASSERT_TRUE(in_task.Wait());
+    module_->on_policy = [&](const std::string&, Policy*&) {
+        in_policy.Set();
+        return of_policy = command();
+    };
+    auto applied = std::async(std::launch::async, [&] { return Apply(); });
+    EXPECT_TRUE(WaitFor([&] { return module_->Gate().IsWanted(); }, kDeadline));
+    EXPECT_FALSE(in_policy.IsSet());
+    const auto begun = std::chrono::steady_clock::now();
+    engine_.BeginStop();
+    applied.wait();
+    Unregister(task);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, 10s);
+    EXPECT_EQ(of_task, SDK::ExecuteCmdUtils::kInterrupted);
+    EXPECT_EQ(of_policy, SDK::ExecuteCmdUtils::kInterrupted);
+}
+
 TEST_F(GateTest, TaskOfAnotherModule_IsNotDisturbed) {
     auto other = std::make_unique<ScriptedModule>("other");
     ScriptedModule* const other_module = other.get();

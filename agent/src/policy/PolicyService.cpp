@@ -162,6 +162,7 @@ std::string PolicyService::RestoreLastGood(const std::string& feature) {
 void PolicyService::ReapplyStored() {
     std::lock_guard<std::mutex> one_at_a_time(apply_mutex_);
     for (const std::string& feature : store_.Features()) {
+        if (is_stopping_) return;
         const PolicyVerdict verdict = Reapply(feature);
         if (verdict.state == PolicyState::kRejected) {
             SDK_LOG(Log(), PRIO_ERROR, "the kept policy of %s was not applied: %s", feature,

@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -41,6 +42,9 @@ class PolicyService {
     /// logged and stays kept; the others go on.
     void ReapplyStored();
 
+    /// Makes ReapplyStored end after the policy that it is at; the agent stops.
+    void StopReapplying() { is_stopping_ = true; }
+
     /// [{"feature","state","applied_at"(,"last_rejection")}], by name. `state` is "failed" for a
     /// kept policy that could not be applied again.
     Json::Value List() const;
@@ -78,6 +82,7 @@ class PolicyService {
 
     PolicyHost& host_;
     const PolicyStore& store_;
+    std::atomic<bool> is_stopping_{false};
     std::mutex apply_mutex_;          ///< one policy at a time; never held with state_mutex_ first
     mutable std::mutex state_mutex_;  ///< guards entries_; held for moments only
     std::map<std::string, Entry> entries_;

@@ -8,12 +8,14 @@
 #include <sdk/Log.h>
 #include <sdk/LoggerUtils.h>
 #include <sdk/PathUtils.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <future>
 #include <iostream>
 
 #include "common/ControlProtocol.h"
@@ -32,6 +34,12 @@ constexpr int kMaxSlowRequests = 12;
 Poco::Logger* Log() {
     return SDK::LoggerUtils::GetInstance()->GetRootLogger();
 }
+
+/// Makes an eventfd readable when it goes.
+struct EventAtEnd {
+    const int descriptor;
+    ~EventAtEnd() { ::eventfd_write(descriptor, 1); }
+};
 
 /// A configured directory: relative ones are below the installation path.
 std::string Below(const std::string& base, const std::string& directory) {
@@ -90,7 +98,7 @@ int AgentProcess::Start() {
     }
     StartEngine();
     if (!StartControl(error)) return launcher_.Failed(kExitFailed, error);
-    policies_->ReapplyStored();
+    if (!ReapplyPolicies()) return kExitOk;
     notifier_ = std::make_unique<ServiceNotifier>([this] { engine_->RunOnFrameworkThread([] {}); });
     notifier_->Ready();
     launcher_.Ready("morvane_agent runs, process " + std::to_string(::getpid()) + ", " +
@@ -183,8 +191,26 @@ bool AgentProcess::StartControl(std::string& error) {
     return control_->Start(DefaultSocketPath(), error);
 }
 
+/// On a thread of its own, as a policy may take long and signals are to be heard meanwhile. False
+/// when one has come: the rest is left out.
+bool AgentProcess::ReapplyPolicies() {
+    const SDK::FileDescriptor ended(::eventfd(0, EFD_CLOEXEC));
+    auto reapplied = std::async(std::launch::async, [&] {
+        const EventAtEnd at_end{ended.Get()};
+        policies_->ReapplyStored();
+    });
+    const bool must_stop = signals_.HaveComeBefore(ended.Get());
+    if (must_stop) {
+        policies_->StopReapplying();
+        engine_->BeginStop();
+    }
+    reapplied.get();
+    return !must_stop;
+}
+
 void AgentProcess::Stop() {
     if (notifier_) notifier_->Stopping();
+    if (engine_) engine_->BeginStop();  // requests of the control API wait for policies
     if (reports_) reports_->Stop();
     if (control_) control_->Stop();
     if (!engine_) return;

@@ -41,6 +41,7 @@ class AgentProcess {
     bool StartLogging(std::string& error) const;
     void StartEngine();
     bool StartControl(std::string& error);
+    bool ReapplyPolicies();
     void Stop();
 
     const Options options_;

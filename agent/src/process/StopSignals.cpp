@@ -1,7 +1,10 @@
 #include "process/StopSignals.h"
 
+#include <poll.h>
 #include <pthread.h>
+#include <sys/signalfd.h>
 
+#include <array>
 #include <cerrno>
 
 namespace Agent {
@@ -12,6 +15,7 @@ StopSignals::StopSignals() {
     sigaddset(&signals_, SIGINT);
     sigaddset(&signals_, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    pending_.Reset(::signalfd(-1, &signals_, SFD_CLOEXEC));
     std::signal(SIGPIPE, SIG_IGN);
 }
 
@@ -21,6 +25,13 @@ int StopSignals::Wait() const {
         number = sigwaitinfo(&signals_, nullptr);
     } while (number < 0 && errno == EINTR);
     return number;
+}
+
+bool StopSignals::HaveComeBefore(int descriptor) const {
+    std::array<pollfd, 2> events{{{pending_.Get(), POLLIN, 0}, {descriptor, POLLIN, 0}}};
+    while (::poll(events.data(), events.size(), -1) < 0 && errno == EINTR) {
+    }
+    return events[0].revents != 0;
 }
 
 }  // namespace Agent

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sdk/FileDescriptor.h>
+
 #include <csignal>
 
 namespace Agent {
@@ -14,8 +16,13 @@ class StopSignals {
     /// Blocks until one has come; its number. Further ones change nothing.
     int Wait() const;
 
+    /// Blocks until one has come or `descriptor` is readable; true for the former. The signal is
+    /// still there for Wait.
+    bool HaveComeBefore(int descriptor) const;
+
   private:
     sigset_t signals_{};
+    SDK::FileDescriptor pending_;  ///< a signalfd(2), readable while one has come
 };
 
 }  // namespace Agent

@@ -3,6 +3,7 @@
 #include <Poco/Util/Application.h>
 #include <framework/QueryRegistry.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -64,8 +65,14 @@ class Engine : public Poco::Util::Application {
     /// Starts the framework thread. Tests may use tasks and policies from here on.
     void Start();
 
-    /// Stops in order: modules uninitialised in reverse, remaining tasks unregistered, thread
-    /// ended. May be called twice.
+    /// Ends what would hold Stop up: external commands of policies and tasklets are interrupted
+    /// from now on, and those of tasks that a policy waits for. For who has to wait for a policy
+    /// before Stop. May be called twice; any thread.
+    void BeginStop();
+    bool IsStopping() const { return stopping_; }
+
+    /// Begins to stop if that is still to be done, and stops in order: modules uninitialised in
+    /// reverse, remaining tasks unregistered, thread ended. May be called twice.
     void Stop();
 
     /// Loads module/lib<name>.so of the installation path, enters it through CreateModule and
@@ -113,6 +120,7 @@ class Engine : public Poco::Util::Application {
     CallbackRegistry& Callbacks() { return *callbacks_; }
 
   private:
+    std::atomic<bool> stopping_{false};
     QueryRegistry queries_;
     std::unique_ptr<TaskRegistry> tasks_;
     std::unique_ptr<CallbackRegistry> callbacks_;
