@@ -14,6 +14,7 @@
 #include <istream>
 
 #include "DownloadError.h"
+#include "NameResolver.h"
 #include "SocketWait.h"
 
 namespace SDK {
@@ -66,10 +67,16 @@ void MakeBlocking(StreamSocket& socket, const HttpUtils::Limits& limits) {
     socket.setSendTimeout(Milliseconds(limits.stall_timeout_ms));
 }
 
+/// In place of the name, so that the Poco session asks no name server itself: it could not be
+/// ended.
+std::string AddressOf(const std::string& host, const HttpUtils::Limits& limits) {
+    return NameResolver::Resolve(host, limits.resolve_timeout_ms).toString();
+}
+
 class PlainSession : public Poco::Net::HTTPClientSession {
   public:
-    PlainSession(const Poco::URI& url, const HttpUtils::Limits& limits)
-        : HTTPClientSession(url.getHost(), url.getPort()), limits_(limits) {}
+    PlainSession(const std::string& host, const Poco::URI& url, const HttpUtils::Limits& limits)
+        : HTTPClientSession(host, url.getPort()), limits_(limits) {}
 
     bool HoldsBytes() const { return buffered() > 0; }
 
@@ -86,8 +93,10 @@ class PlainSession : public Poco::Net::HTTPClientSession {
 
 class TlsSession : public Poco::Net::HTTPSClientSession {
   public:
-    TlsSession(const Poco::URI& url, const Context::Ptr& context, const HttpUtils::Limits& limits)
-        : HTTPSClientSession(url.getHost(), url.getPort(), context),
+    TlsSession(const std::string& host, const Poco::URI& url, const Context::Ptr& context,
+               const HttpUtils::Limits& limits)
+        : HTTPSClientSession(host, url.getPort(), context),
+          name_(url.getHost()),
           context_(context),
           limits_(limits) {}
 
@@ -101,12 +110,13 @@ class TlsSession : public Poco::Net::HTTPSClientSession {
         }
         const int timeout_ms = limits_.connect_timeout_ms;
         const StreamSocket plain = ConnectSocket(address, timeout_ms);
-        SecureStreamSocket secure = Handshake(plain, getHost(), context_, timeout_ms);
+        SecureStreamSocket secure = Handshake(plain, name_, context_, timeout_ms);
         MakeBlocking(secure, limits_);
         attachSocket(secure);
     }
 
   private:
+    const std::string name_;  // that the server's certificate must bear
     const Context::Ptr context_;
     const HttpUtils::Limits limits_;
 };
@@ -116,12 +126,14 @@ class TlsSession : public Poco::Net::HTTPSClientSession {
 HttpSession::HttpSession(const Poco::URI& url, const std::string& proxy_url,
                          const std::string& ca_file, const HttpUtils::Limits& limits)
     : limits_(limits) {
+    const std::string host =
+        proxy_url.empty() ? AddressOf(url.getHost(), limits) : url.getHost();  // else the proxy's
     if (url.getScheme() == "https") {
-        auto session = std::make_unique<TlsSession>(url, MakeContext(ca_file), limits);
+        auto session = std::make_unique<TlsSession>(host, url, MakeContext(ca_file), limits);
         holds_bytes_ = [tls = session.get()] { return tls->HoldsBytes(); };
         session_ = std::move(session);
     } else {
-        auto session = std::make_unique<PlainSession>(url, limits);
+        auto session = std::make_unique<PlainSession>(host, url, limits);
         holds_bytes_ = [plain = session.get()] { return plain->HoldsBytes(); };
         session_ = std::move(session);
     }
@@ -137,7 +149,7 @@ void HttpSession::SetProxy(const std::string& proxy_url) {
     if (proxy.getScheme() != "http" || proxy.getHost().empty()) {
         throw DownloadError("the proxy must be given as http://HOST:PORT");
     }
-    session_->setProxy(proxy.getHost(), proxy.getPort());
+    session_->setProxy(AddressOf(proxy.getHost(), limits_), proxy.getPort());
     if (proxy.getUserInfo().empty()) return;
     std::string user;
     std::string password;
@@ -152,6 +164,7 @@ std::istream& HttpSession::Get(const Poco::URI& url, HTTPResponse& response) {
     request.set("User-Agent", kUserAgent);
     request.set("Accept-Encoding", "identity");
     request.setKeepAlive(false);
+    request.setHost(url.getHost(), url.getPort());  // the session knows the address only
     if (!url.getUserInfo().empty()) {
         std::string user;
         std::string password;

@@ -11,11 +11,12 @@
 
 namespace SDK {
 
-/// One HTTP or HTTPS connection whose waits the calling thread's CommandInterrupter ends, but name
-/// resolution and, for https, the way through a proxy. Throws DownloadError, or what Poco throws.
+/// One HTTP or HTTPS connection whose waits the calling thread's CommandInterrupter ends, but, for
+/// https, the way through a proxy. Throws DownloadError, or what Poco throws.
 class HttpSession {
   public:
-    /// `proxy_url` and `ca_file` may be empty. Connects with the first request.
+    /// `proxy_url` and `ca_file` may be empty. Waits for the address of the
+    /// host, or of the proxy; connects with the first request.
     HttpSession(const Poco::URI& url, const std::string& proxy_url, const std::string& ca_file,
                 const HttpUtils::Limits& limits);
     ~HttpSession();

@@ -5,14 +5,17 @@
 #include <Poco/Net/HTTPServer.h>
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/NetException.h>
 #include <Poco/Net/SecureServerSocket.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <iterator>
 #include <thread>
 
+#include "NameResolver.h"
 #include "Sha256.h"
 #include "sdk/CommandInterrupter.h"
 #include "sdk/ExecuteCmdUtils.h"
@@ -192,6 +195,80 @@ TEST_F(Download, StalledServer_EndsAtTheTimeOutOrAnInterruption) {
     ExpectRefused(server.Url("/part"), digest_, "within 50 ms");
     ExpectRefused(server.Url("/silent"), digest_, "within 50 ms");
     release.set();
+}
+
+/// The names of `test`'s hosts; released for all at the end.
+class NamedDownload : public Download {
+  protected:
+    ~NamedDownload() override {
+        release_.set();
+        SDK::NameResolver::SetLookup(nullptr);
+    }
+    static std::string Named(const Server& server) {
+        std::string url = server.Url("/file");
+        return url.replace(url.find("127.0.0.1"), 9, "host.test");
+    }
+    /// A name server that answers only at the end of the test. The thread may outlive that.
+    void NobodyAnswers() {
+        SDK::NameResolver::SetLookup([this, release = &release_](const std::string&) {
+            ++asked_;
+            begun_.set();
+            release->wait();
+            ended_.set();
+            return Poco::Net::IPAddress("127.0.0.1");
+        });
+    }
+
+    std::atomic<int> asked_{0};
+    Poco::Event begun_;
+    Poco::Event ended_;
+    Poco::Event release_{Poco::Event::EVENT_MANUALRESET};
+};
+
+TEST_F(NamedDownload, Name_IsResolvedAndToldToTheServer) {
+    std::string host;
+    const Server server([&](HTTPServerRequest& request, HTTPServerResponse& response) {
+        host = request.getHost();
+        Site(request, response);
+    });
+    SDK::NameResolver::SetLookup([](const std::string& name) {
+        if (name != "host.test") throw Poco::Net::HostNotFoundException(name);
+        return Poco::Net::IPAddress("127.0.0.1");
+    });
+    ExpectRefused("http://other.test/", digest_, "no address of other.test: Host not found");
+    ExpectFetched(Named(server));
+    EXPECT_FALSE(host.empty());
+    EXPECT_EQ(Named(server), "http://" + host + "/file");
+}
+
+TEST_F(NamedDownload, NameServerThatDoesNotAnswer_EndsAtTheTimeOutOrAnInterruption) {
+    const Server server(Site);
+    NobodyAnswers();
+    SDK::HttpUtils::Limits limits;
+    limits.resolve_timeout_ms = 100;
+    SDK::HttpUtils::GetInstance()->SetLimits(limits);
+    ExpectRefused(Named(server), digest_, "no address of host.test within 100 ms");
+    EXPECT_EQ(SDK::HttpUtils::GetInstance()->Download("http://10.0.0.1/", target_, digest_,
+                                                      "http://host.test:80", ""),
+              -1);
+    EXPECT_NE(SDK::HttpUtils::GetInstance()->LastError().find("no address of host.test"),
+              std::string::npos)
+        << "the proxy's name";
+    SDK::HttpUtils::GetInstance()->SetLimits({});
+    SDK::CommandInterrupter interrupter;
+    {
+        const SDK::CommandInterrupter::Scope scope(interrupter);
+        std::thread other([&] {
+            begun_.wait();
+            interrupter.Interrupt();
+        });
+        ExpectRefused(Named(server), digest_, "interrupted");
+        other.join();
+    }
+    EXPECT_EQ(asked_, 1) << "all asked for the same name";
+    release_.set();
+    ended_.wait();
+    ExpectFetched(Named(server));
 }
 
 TEST_F(Download, SilentListener_EndsTheHandshakeAtTheTimeOut) {

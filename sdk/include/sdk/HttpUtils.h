@@ -15,9 +15,9 @@ class HttpUtils {
     /// `sha256` is the expected digest in hex, either case; empty is a failure. Written to a
     /// temporary file beside `target` and renamed when the digest is right: on failure the old file
     /// stays as it was and nothing is left behind. `proxy_url` and `ca_file` may be empty. Ends
-    /// early when the calling thread's CommandInterrupter is interrupted; only the resolution of
-    /// the host name and the way of https through a proxy are waited for, and a TLS record that has
-    /// begun. 0 on success, otherwise -1; LastError tells why.
+    /// early when the calling thread's CommandInterrupter is interrupted; only the way of https
+    /// through a proxy is waited for, and a TLS record that has begun. 0 on success, otherwise -1;
+    /// LastError tells why.
     int Download(const std::string& url, const std::string& target, const std::string& sha256,
                  const std::string& proxy_url, const std::string& ca_file);
 
@@ -25,6 +25,7 @@ class HttpUtils {
     std::string LastError() const;
 
     struct Limits {
+        int resolve_timeout_ms = 5000;  ///< for the address of a host name
         int connect_timeout_ms = 10000;
         int stall_timeout_ms = 30000;  ///< longest wait for the next bytes
         std::int64_t max_bytes = 512LL * 1024 * 1024;
