@@ -3,19 +3,26 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <mutex>
 #include <utility>
+
+#include "sdk/FileUtils.h"
 
 namespace SDK {
 
 namespace {
 
 constexpr int kFirstInherited = 3;
+constexpr long kStatmSize = 256;
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
@@ -36,6 +43,24 @@ std::vector<FileDescriptor> CopiesAbove(const std::vector<FileDescriptor>& descr
         copies.push_back(std::move(copy));
     }
     return copies;
+}
+
+/// 0 is no limit; one that is lower already stays.
+bool SetLimit(pid_t process, __rlimit_resource resource, std::uint64_t value) {
+    if (value == 0) return true;
+    rlimit limit{};
+    if (::prlimit(process, resource, nullptr, &limit) != 0) return false;
+    limit.rlim_max = std::min<rlim_t>(limit.rlim_max, value);
+    limit.rlim_cur = std::min(limit.rlim_cur, limit.rlim_max);
+    return ::prlimit(process, resource, &limit, nullptr) == 0;
+}
+
+/// In bytes; 0 when it has ended.
+std::uint64_t AddressSpaceOf(pid_t process) {
+    std::string pages;
+    FileUtils::ReadFile("/proc/" + std::to_string(process) + "/statm", pages, kStatmSize);
+    return std::strtoull(pages.c_str(), nullptr, 10) *
+           static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
 }
 
 /// What posix_spawn does in the child between its start and the program.
@@ -120,6 +145,17 @@ bool ChildProcess::Start(const std::vector<std::string>& arguments,
     // Debian 12's <sys/pidfd.h> cannot be linked from C++.
     end_.Reset(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
     return true;
+}
+
+// posix_spawn sets no limits, so the program may run for a moment without them. What it took in
+// that moment is looked at when nothing can be added any more.
+bool ChildProcess::Limit(const CommandLimits& limits) const {
+    if (!SetLimit(pid_, RLIMIT_CPU, limits.cpu_seconds)) return false;
+    if (limits.address_space_bytes == 0) return true;
+    if (!SetLimit(pid_, RLIMIT_AS, limits.address_space_bytes)) return false;
+    if (AddressSpaceOf(pid_) <= limits.address_space_bytes) return true;
+    errno = ENOMEM;
+    return false;
 }
 
 void ChildProcess::Kill() {

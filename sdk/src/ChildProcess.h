@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "sdk/CommandLimits.h"
 #include "sdk/FileDescriptor.h"
 
 namespace SDK {
@@ -24,6 +25,10 @@ class ChildProcess {
     bool Start(const std::vector<std::string>& arguments,
                const std::vector<std::string>& environment,
                const std::vector<FileDescriptor>& inherited);
+
+    /// Holds the process to `limits` from now on, also to what it has taken since its start. False
+    /// (errno) when that cannot be done or it has taken too much: it is then to be killed.
+    bool Limit(const CommandLimits& limits) const;
 
     /// Readable once the process has ended; -1 when the kernel had no descriptor for it.
     int EndDescriptor() const { return end_.Get(); }

@@ -122,8 +122,9 @@ int WaitForEnd(const ChildProcess& child, OutputCollector& output, std::int64_t 
 
 }  // namespace
 
-RunningCommand::RunningCommand(const std::vector<std::string>& arguments, int timeout_ms)
-    : deadline_ms_(DeadlineAfter(timeout_ms)) {
+RunningCommand::RunningCommand(const std::vector<std::string>& arguments, int timeout_ms,
+                               const CommandLimits& limits)
+    : deadline_ms_(DeadlineAfter(timeout_ms)), limits_(limits) {
     Start(arguments);
     if (child_ == nullptr && !answer_ && !is_interrupted_ && !arguments.empty()) {
         Refuse(arguments.front() + ": " + std::strerror(errno));
@@ -171,7 +172,9 @@ void RunningCommand::StartProgram(const std::vector<std::string>& arguments,
                                   const std::vector<std::string>& environment,
                                   const std::vector<FileDescriptor>& inherited) {
     auto child = std::make_unique<ChildProcess>();
-    if (child->Start(arguments, environment, inherited)) child_ = std::move(child);
+    if (child->Start(arguments, environment, inherited) && child->Limit(limits_)) {
+        child_ = std::move(child);
+    }
 }
 
 void RunningCommand::Refuse(const std::string& why) {

@@ -130,6 +130,27 @@ TEST(ExecuteCmd, TimeLimitOfTheThread_CountsWhereACommandHasNone) {
     EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("sleep 0.5", output, kMuch), 0);
 }
 
+TEST(ExecuteCmd, LimitsOfACommand_EndWhatTakesMore) {
+    std::string output;
+    const auto run = [&](const Words& words, const SDK::CommandLimits& limits) {
+        int exit_code = -1;
+        const int result =
+            SDK::RunningCommand(words, kLongMs, limits).Wait(exit_code, output, kMuch);
+        return result == 0 ? exit_code : result;
+    };
+    const Words greedy{"/bin/dd", "if=/dev/zero", "of=/dev/null", "bs=300M", "count=1"};
+    EXPECT_EQ(run(greedy, {}), 0) << output;
+    SDK::CommandLimits memory;
+    memory.address_space_bytes = 256ULL * 1024 * 1024;
+    for (int round = 0; round < 20; ++round) EXPECT_NE(run(greedy, memory), 0);
+    EXPECT_EQ(run({"/bin/echo", "modest"}, memory), 0);
+    EXPECT_EQ(output, "modest\n");
+    SDK::CommandLimits time;
+    time.cpu_seconds = 1;
+    EXPECT_EQ(run({"/bin/sh", "-c", "while :; do :; done"}, time),
+              ExecuteCmdUtils::kKilledBySignal);
+}
+
 TEST(ExecuteCmd, Interruption_EndsThisAndLaterCommandsUntilReset) {
     const test::TempDir dir;
     const std::string pid_file = dir.Path("pid");

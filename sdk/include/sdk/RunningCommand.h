@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sdk/CommandHandler.h"
+#include "sdk/CommandLimits.h"
 
 namespace SDK {
 
@@ -24,7 +25,8 @@ class RunningCommand {
     /// now; it counts only for Wait. Does not start when the thread is interrupted. Blocks only
     /// where the program has a handler, for as long as that works. The output of a command that
     /// cannot be started says why.
-    RunningCommand(const std::vector<std::string>& arguments, int timeout_ms);
+    RunningCommand(const std::vector<std::string>& arguments, int timeout_ms,
+                   const CommandLimits& limits = {});
     /// Starts a command line, with a shell where it needs one. No time limit but the thread's
     /// CommandTimeLimit, which counts in the other form too when `timeout_ms` is kNoLimit.
     explicit RunningCommand(const std::string& line);
@@ -46,6 +48,7 @@ class RunningCommand {
     void Refuse(const std::string& why);
 
     const std::int64_t deadline_ms_;
+    const CommandLimits limits_;
     std::unique_ptr<ChildProcess> child_;
     std::optional<CommandAnswer> answer_;  ///< what stands for a process: kDone or kRefused
     bool is_interrupted_ = false;
