@@ -12,6 +12,9 @@ readonly USER_ID=12345 HOME_DIR=$FOLDER/home CLONE=$FOLDER/home/sentrel BROKER=$
 ROOT=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd -P)
 readonly ROOT
 BROKER_PID='' USER_PID=''
+# What the build's own options are, apart from which root's environment is empty.
+mapfile -t SANITIZERS < <(env | grep -E '^(A|L|T|UB)SAN_OPTIONS=')
+readonly SANITIZERS
 
 fail() {
     printf 'FAILED: %s\n' "$*" >&2
@@ -62,7 +65,8 @@ serve_sudo() {
             :
         elif [[ ${arguments[*]:0:6} == '-- unshare --mount --propagation private --' ]]; then
             env -i --default-signal=INT PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb \
-                SUDO_UID="$USER_ID" SUDO_GID="$USER_ID" "${arguments[@]:1}" || status=$?
+                "${SANITIZERS[@]}" SUDO_UID="$USER_ID" SUDO_GID="$USER_ID" "${arguments[@]:1}" ||
+                status=$?
         else
             echo "sudo was asked for: ${arguments[*]}" >&2
             status=1
