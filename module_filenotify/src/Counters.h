@@ -15,6 +15,8 @@ struct Counters {
     std::atomic<std::uint64_t> directories_announced{0};  ///< since much in them was deleted
     std::atomic<std::uint64_t> overflows{0};
     std::atomic<std::uint64_t> watch_failures{0};
+    std::atomic<std::uint64_t> watches_given_up{
+        0};  ///< of excluded directories, for protected ones
     std::atomic<std::uint64_t> pending{0};
 };
 

@@ -148,6 +148,28 @@ bool Coverage::HasExclusionIn(const Hit& hit, const DirNode& dir) {
     });
 }
 
+bool Coverage::GivesWay(const DirNode& dir) const {
+    if (dir.parent == nullptr || dir.Is(DirNode::kThroughLink)) return false;
+    Hits hits;
+    Covering(*dir.parent, dir.name, hits);
+    if (hits.empty() || !std::all_of(hits.begin(), hits.end(),
+                                     [&](const Hit& hit) { return NeedsNothingIn(hit, dir); })) {
+        return false;
+    }
+    return std::none_of(watches_.begin(), watches_.end(), [&](const auto& watch) {
+        return watch->attach != nullptr && NameIndex::IsWithin(*watch->attach, dir);
+    });
+}
+
+bool Coverage::NeedsNothingIn(const Hit& hit, const DirNode& dir) {
+    const auto& prefixes = hit.watch->request.unneeded_prefixes;
+    if (prefixes.empty() || hit.root == nullptr) return false;
+    const std::string inside = PathFor(hit, *dir.parent, dir.name) + "/";
+    return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
+        return inside.compare(0, prefix.size(), prefix) == 0;
+    });
+}
+
 std::uint32_t Coverage::KernelMask(const DirNode& dir) const {
     std::uint32_t mask = kNeeded;
     Hits hits;

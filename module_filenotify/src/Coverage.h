@@ -48,6 +48,10 @@ class Coverage {
     /// what the kernel is to tell about it. May be false although it is so.
     bool TakesAllIn(const DirNode& dir, std::uint32_t& mask) const;
 
+    /// True when no receiver needs what `dir` holds (WatchRequest::unneeded_prefixes) and no root
+    /// is followed through it: when kernel watches run out, others go first.
+    bool GivesWay(const DirNode& dir) const;
+
     /// What the kernel is to tell about `dir`.
     std::uint32_t KernelMask(const DirNode& dir) const;
 
@@ -59,6 +63,7 @@ class Coverage {
 
   private:
     static bool HasExclusionIn(const Hit& hit, const DirNode& dir);
+    static bool NeedsNothingIn(const Hit& hit, const DirNode& dir);
     void CollectAt(const DirNode* at, std::string_view child, const DirNode* root,
                    const DirNode& dir, std::string_view name, Hits& hits) const;
 

@@ -82,7 +82,7 @@ void EventTranslator::WatchEnded(int wd) {
         // Mostly the directory is gone and its parent tells so. Where it does not (something was
         // unmounted), another directory is there now.
         if (tree_.coverage.IsWalked(*node)) {
-            tree_.queue.Push(*node, WalkQueue::kReconcile, nullptr);
+            tree_.Enqueue(*node, WalkQueue::kReconcile, nullptr);
         } else {
             tree_.EnsureWatched(*node);
             roots_.LookAgain(false);

@@ -5,6 +5,7 @@
 #include "FileNotifyTask.h"
 
 #include <framework/Engine.h>
+#include <framework/QueryRegistry.h>
 #include <module_filenotify/FileNotifyWatchMessage.h>
 #include <sdk/Log.h>
 #include <sdk/LoggerUtils.h>
@@ -30,6 +31,21 @@ bool IsWithin(const Json::Value& value, int least, int most) {
 
 Poco::Logger* ModuleLogger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", 0);
+}
+
+/// The request itself cannot carry it, so its receiver is asked; one that answers nothing needs
+/// all.
+std::vector<std::string> UnneededBy(const std::string& receiver, const std::string& path) {
+    Json::Value question;
+    question["path"] = path;
+    Json::Value answer;
+    std::vector<std::string> prefixes;
+    const auto& queries = Framework::Engine::Instance().Queries();
+    if (!queries.Ask("exclusions." + receiver, question, answer) || !answer.isObject()) return {};
+    for (const Json::Value& prefix : answer["prefixes"]) {
+        if (prefix.isString() && !prefix.asString().empty()) prefixes.push_back(prefix.asString());
+    }
+    return prefixes;
 }
 
 bool Post(const std::string& receiver, Framework::Message* message) {
@@ -73,6 +89,7 @@ FileNotifyTask::FileNotifyTask(const Settings& settings,
                       kQueueCapacity),
       logger_(ModuleLogger()),
       queue_limit_(settings.queue_limit_file, settings.max_queued_events, logger_),
+      desk_(UnneededBy),
       core_(std::move(descriptor), Post, board_, logger_, settings.retry_after),
       retry_after_(settings.retry_after) {}
 

@@ -12,9 +12,9 @@ namespace Engine::FileNotify {
 FirstWalk::FirstWalk(WatchedTree& tree, InotifyDescriptor& inotify, std::function<void()> between)
     : tree_(tree), between_(between), team_(inotify, std::move(between)) {}
 
-std::size_t FirstWalk::Run(std::size_t budget) {
+std::size_t FirstWalk::Run(WalkQueue::Lane lane, std::size_t budget) {
     std::size_t done = 0;
-    Collect(ahead_);
+    Collect(lane, ahead_);
     while (ahead_.count != 0) {
         if (ahead_.count == kAtOnce && tree_.queue.Size() >= kAtOnce) team_.Reinforce();
         team_.Begin(ahead_.surveys, ahead_.count);
@@ -23,10 +23,10 @@ std::size_t FirstWalk::Run(std::size_t budget) {
         std::swap(ahead_, behind_);
         between_();
         if (done >= budget) break;
-        Collect(ahead_);
+        Collect(lane, ahead_);
         if (ahead_.count != 0) continue;
         done += TakeIn(behind_);
-        Collect(ahead_);
+        Collect(lane, ahead_);
     }
     return done + TakeIn(behind_);
 }
@@ -37,9 +37,9 @@ void FirstWalk::End() {
     behind_ = {};
 }
 
-void FirstWalk::Collect(Batch& batch) {
+void FirstWalk::Collect(WalkQueue::Lane lane, Batch& batch) {
     while (batch.count < kAtOnce) {
-        const WalkQueue::Job* next = tree_.queue.Next(WalkQueue::kSilent);
+        const WalkQueue::Job* next = tree_.queue.Next(lane);
         std::uint32_t mask = 0;
         if (next == nullptr || !IsForMe(*next->node, next->reasons, mask)) return;
         auto parent = tree_.opener.Share(*next->node->parent);
@@ -52,7 +52,7 @@ void FirstWalk::Collect(Batch& batch) {
         survey.parent = std::move(parent);
         survey.name = next->node->name.c_str();
         survey.mask = mask;
-        batch.jobs[batch.count++] = tree_.queue.Pop(WalkQueue::kSilent);
+        batch.jobs[batch.count++] = tree_.queue.Pop(lane);
     }
 }
 
@@ -88,7 +88,7 @@ void FirstWalk::TakeIn(const WalkQueue::Job& job, DirSurvey& survey) {
     if (survey.error != 0) {
         // TreeWalker tries again and finds out what is wrong.
         node.Set(DirNode::kByItself, true);
-        tree_.queue.Push(node, job.reasons, job.owner);
+        tree_.Enqueue(node, job.reasons, job.owner);
         return;
     }
     AddNames(job, survey.listing);
@@ -104,7 +104,7 @@ void FirstWalk::AddNames(const WalkQueue::Job& job, const DirListing& listing) {
     listing.directories.ForEach([&](std::string_view name) {
         DirNode& child = tree_.index.AddDirectory(node, name);
         child.Set(DirNode::kInitial, is_initial);
-        tree_.queue.Push(child, job.reasons, job.owner);
+        tree_.Enqueue(child, job.reasons, job.owner);
     });
     if (listing.is_snapshot) {
         tree_.index.SetFiles(node, listing.others);

@@ -19,9 +19,9 @@ class FirstWalk {
     /// `between` is called again and again: the kernel's queue must not fill up meanwhile.
     FirstWalk(WatchedTree& tree, InotifyDescriptor& inotify, std::function<void()> between);
 
-    /// Visits until about `budget` directories and names are done or the next in the queue is not
-    /// for it. How many were done.
-    std::size_t Run(std::size_t budget);
+    /// Visits until about `budget` directories and names are done or the next in the lane is not
+    /// for it. How many were done. The lane is one that announces nothing.
+    std::size_t Run(WalkQueue::Lane lane, std::size_t budget);
 
     /// The walk is over: gives thread and memory back.
     void End();
@@ -36,7 +36,7 @@ class FirstWalk {
         std::vector<DirSurvey> surveys;
     };
 
-    void Collect(Batch& batch);
+    void Collect(WalkQueue::Lane lane, Batch& batch);
     bool IsForMe(const DirNode& node, std::uint8_t reasons, std::uint32_t& mask) const;
     std::size_t TakeIn(Batch& batch);
     void TakeIn(const WalkQueue::Job& job, DirSurvey& survey);

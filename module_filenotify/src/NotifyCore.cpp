@@ -113,7 +113,11 @@ void NotifyCore::Work() {
         Flush();
     }
     const auto now = Clock::now();
-    if (!tree_.unwatched.Empty() && now >= RetryDue()) RetryUnwatched();
+    if (RetryPending() && now >= RetryDue()) {
+        RetryUnwatched();
+        RetryUnneeded();
+        next_retry_ = Clock::now() + retry_after_;
+    }
     if (roots_.PruneDue() && now >= prune_at_) roots_.Prune();
     if (now >= next_publish_) PublishStatus();
     // An open directory keeps its file system from being unmounted.
@@ -127,12 +131,17 @@ bool NotifyCore::MayTell() const {
 }
 
 bool NotifyCore::MayWalk() const {
-    return !tree_.queue.Empty(WalkQueue::kSilent) || (!tree_.queue.Empty() && MayTell());
+    return !tree_.queue.Empty(WalkQueue::kSilent) || !tree_.queue.Empty(WalkQueue::kUnneeded) ||
+           (!tree_.queue.Empty() && MayTell());
 }
 
 // First comes what is not known at all; but not for as long as somebody keeps the walk going.
 NotifyCore::Clock::time_point NotifyCore::RetryDue() const {
     return next_retry_ + (tree_.queue.Empty() ? 0 : kRetryPutOff) * retry_after_;
+}
+
+bool NotifyCore::RetryPending() const {
+    return !tree_.unwatched.Empty() || tree_.reserve.Unwatched() > 0;
 }
 
 void NotifyCore::RetryUnwatched() {
@@ -148,7 +157,7 @@ void NotifyCore::RetryUnwatched() {
         if (WatchedTree::IsGone(error)) {
             walker_.DropVanished(*node);
         } else if (tree_.coverage.IsWalked(*node)) {
-            tree_.queue.Push(*node, error == 0 ? WalkQueue::kReconcile : WalkQueue::kLook, nullptr);
+            tree_.Enqueue(*node, error == 0 ? WalkQueue::kReconcile : WalkQueue::kLook, nullptr);
         } else if (error == 0) {
             step_watched = true;
         }
@@ -156,7 +165,22 @@ void NotifyCore::RetryUnwatched() {
     }
     if (step_watched) roots_.LookAgain(false);
     roots_.Settle();
-    next_retry_ = Clock::now() + retry_after_;
+}
+
+// Directories that gave way get watches again when there are some left. The first refusal ends it.
+void NotifyCore::RetryUnneeded() {
+    for (DirNode* node : tree_.reserve.SomeUnwatched(kRetriedAtOnce)) {
+        if (!tree_.reserve.IsUnwatched(*node)) continue;  // went with the one before
+        const int error = tree_.EnsureWatched(*node);
+        if (WatchedTree::IsGone(error)) {
+            walker_.DropVanished(*node);
+        } else if (error != 0) {
+            break;
+        } else if (tree_.coverage.IsWalked(*node)) {
+            tree_.Enqueue(*node, WalkQueue::kReconcile, nullptr);
+        }
+    }
+    roots_.Settle();
 }
 
 std::optional<std::size_t> NotifyCore::NamesBelow(const WatchTicket& ticket,
@@ -184,7 +208,7 @@ std::chrono::milliseconds NotifyCore::IdleTime() const {
     };
     if (const auto due = delivery_.NextDue()) until(*due);
     if (IsResting()) until(pace_.Until());
-    if (!tree_.unwatched.Empty()) until(RetryDue());
+    if (RetryPending()) until(RetryDue());
     if (roots_.PruneDue()) until(prune_at_);
     return idle;
 }
@@ -196,6 +220,7 @@ void NotifyCore::PublishStatus() {
     picture.watched_directories = tree_.table.Size();
     picture.indexed_names = std::size_t{totals.directories} + totals.files;
     picture.unwatched = totals.unwatched;
+    picture.unneeded_unwatched = tree_.reserve.Unwatched();
     picture.walk_queue = tree_.queue.Size();
     picture.in_flight = delivery_.InFlight();
     picture.unwatched_examples = tree_.unwatched.Examples(kExamplesShown);

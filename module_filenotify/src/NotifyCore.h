@@ -61,7 +61,9 @@ class NotifyCore {
     bool MayTell() const;
     bool MayWalk() const;
     Clock::time_point RetryDue() const;
+    bool RetryPending() const;
     void RetryUnwatched();
+    void RetryUnneeded();
     std::optional<std::size_t> NamesBelow(const WatchTicket& ticket, const std::string& path);
     const char* StateOf(const Watch& watch, std::uint32_t unwatched) const;
     WatchStatus StatusOf(const Watch& watch) const;

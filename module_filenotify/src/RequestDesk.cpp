@@ -29,6 +29,7 @@ std::string RequestDesk::Submit(const FileNotifyWatchMessage& message) {
     const std::size_t last = path.find_last_not_of('/');
     std::string id = last == std::string::npos ? "/" : path.substr(0, last + 1);
     WatchRequest request = Translate(message);
+    if (!remove && unneeded_) request.unneeded_prefixes = unneeded_(message.GetReceiverId(), path);
     const std::lock_guard lock(mutex_);
     const Key key(message.GetReceiverId(), id);
     const auto known = tickets_.find(key);

@@ -2,6 +2,7 @@
 
 #include <module_filenotify/FileNotifyWatchMessage.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -17,6 +18,13 @@ namespace Engine::FileNotify {
 /// them. Any thread.
 class RequestDesk {
   public:
+    /// The beginnings of paths of which `receiver` needs nothing below `path`.
+    using Unneeded = std::function<std::vector<std::string>(const std::string& receiver,
+                                                            const std::string& path)>;
+
+    /// `unneeded` may be null; it is called on the senders' threads.
+    explicit RequestDesk(Unneeded unneeded) : unneeded_(std::move(unneeded)) {}
+
     /// The watch id; empty when the request is refused: an empty or relative path, no receiver, no
     /// masks. When a removal returns, nothing more is posted for that watch.
     std::string Submit(const FileNotifyWatchMessage& message);
@@ -34,6 +42,7 @@ class RequestDesk {
 
     static WatchRequest Translate(const FileNotifyWatchMessage& message);
 
+    const Unneeded unneeded_;
     std::mutex mutex_;
     std::map<Key, std::shared_ptr<WatchTicket>> tickets_;
     std::vector<WatchRequest> requests_;

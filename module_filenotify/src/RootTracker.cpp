@@ -183,7 +183,7 @@ void RootTracker::RootFound(Watch& watch, bool is_directory) {
 }
 
 void RootTracker::PushWalk(Watch& watch, std::uint8_t reasons) {
-    if (DirNode* root = RootNode(watch)) tree_.queue.Push(*root, reasons, &watch);
+    if (DirNode* root = RootNode(watch)) tree_.Enqueue(*root, reasons, &watch);
 }
 
 DirNode* RootTracker::RootNode(const Watch& watch) const {

@@ -62,6 +62,7 @@ Json::Value StatusBoard::Status() const {
         own["watched_directories"] = number(picture_.watched_directories);
         own["indexed_names"] = number(picture_.indexed_names);
         own["unwatched_directories"] = number(picture_.unwatched);
+        own["excluded_unwatched"] = number(picture_.unneeded_unwatched);
         own["walk_queue"] = number(picture_.walk_queue);
         own["events_in_flight"] = number(picture_.in_flight);
         own["unwatched_examples"] = Json::Value(Json::arrayValue);
@@ -76,6 +77,7 @@ Json::Value StatusBoard::Status() const {
     }
     own["pending_events"] = number(counters_.pending);
     own["watch_failures"] = number(counters_.watch_failures);
+    own["watches_given_up"] = number(counters_.watches_given_up);
     Json::Value& counters = answer["counters"];
     counters["events_received"] = number(counters_.events_received);
     counters["events_delivered"] = number(counters_.events_delivered);

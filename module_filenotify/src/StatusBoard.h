@@ -35,6 +35,7 @@ class StatusBoard {
         std::size_t watched_directories = 0;
         std::size_t indexed_names = 0;
         std::size_t unwatched = 0;
+        std::size_t unneeded_unwatched = 0;  ///< excluded directories that gave way
         std::size_t walk_queue = 0;
         std::size_t in_flight = 0;                           ///< posted, and not dealt with yet
         std::vector<UnwatchedDirectory> unwatched_examples;  ///< some of them

@@ -40,7 +40,7 @@ void TreeChanges::Appeared(DirNode& dir, std::string_view name, bool is_director
             tree_.opener.Clear();
         }
         if (visit.reasons != 0 && tree_.coverage.IsWalked(dir, name)) {
-            tree_.queue.Push(node, visit.reasons, visit.owner);
+            tree_.Enqueue(node, visit.reasons, visit.owner);
         }
     } else {
         tree_.PutFile(dir, name);
@@ -75,6 +75,7 @@ void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, st
     router_.Announce({&from, old_name}, mask | IN_ISDIR, {&target, name});
     memory_.Remember(NameIndex::PathOf(from, old_name), true);
     const bool has_new_reader = HasNewReader(from, old_name, target, name);
+    const bool gave_way = tree_.coverage.GivesWay(node);
     tree_.Going(node);
     roots_.NameGone(from, old_name);
     if (DirNode* replaced = target.dirs.Find(name)) {
@@ -85,7 +86,9 @@ void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, st
     tree_.index.Move(node, target, name);
     tree_.opener.Forget(node);  // to be looked for at its new place
     const bool unknown = has_new_reader || !node.Is(DirNode::kListed);
-    tree_.queue.Push(node, unknown ? WalkQueue::kArrived : WalkQueue::kVerify, nullptr);
+    tree_.Enqueue(node,
+                  unknown || IsNeededNow(node, gave_way) ? WalkQueue::kArrived : WalkQueue::kVerify,
+                  nullptr);
 }
 
 void TreeChanges::MovedHere(DirNode& dir, std::string_view name, std::uint32_t mask,
@@ -109,13 +112,23 @@ void TreeChanges::Recheck(DirNode& dir, std::string_view name) {
 }
 
 void TreeChanges::Exchange(DirNode& one, DirNode& other) {
+    const bool one_gave_way = tree_.coverage.GivesWay(one);
+    const bool other_gave_way = tree_.coverage.GivesWay(other);
     tree_.Going(one);
     tree_.Going(other);
     tree_.index.Exchange(one, other);
     tree_.opener.Forget(one);
     tree_.opener.Forget(other);
-    tree_.queue.Push(one, WalkQueue::kVerify, nullptr);
-    tree_.queue.Push(other, WalkQueue::kVerify, nullptr);
+    const auto reason = [&](const DirNode& node, bool gave_way) {
+        return IsNeededNow(node, gave_way) ? WalkQueue::kArrived : WalkQueue::kVerify;
+    };
+    tree_.Enqueue(one, reason(one, one_gave_way), nullptr);
+    tree_.Enqueue(other, reason(other, other_gave_way), nullptr);
+}
+
+// Directories in it may have lost their watches, or may never have been listed.
+bool TreeChanges::IsNeededNow(const DirNode& node, bool gave_way) const {
+    return gave_way && !tree_.coverage.GivesWay(node);
 }
 
 bool TreeChanges::HasNewReader(const DirNode& from, std::string_view name, const DirNode& to,

@@ -50,6 +50,7 @@ class TreeChanges {
     void Exchange(DirNode& one, DirNode& other);
 
   private:
+    bool IsNeededNow(const DirNode& node, bool gave_way) const;
     bool HasNewReader(const DirNode& from, std::string_view name, const DirNode& to,
                       std::string_view new_name) const;
 

@@ -44,12 +44,15 @@ bool TreeWalker::Step(std::size_t budget, bool may_tell) {
     router_.SetTime(std::chrono::steady_clock::now());
     if (may_tell) StepLane(WalkQueue::kTelling, budget / 2);
     StepLane(WalkQueue::kSilent, budget / 2);
+    const bool others_wait = !tree_.queue.Empty(WalkQueue::kSilent) ||
+                             (may_tell && !tree_.queue.Empty(WalkQueue::kTelling));
+    if (!others_wait) StepLane(WalkQueue::kUnneeded, budget / 2);
     return !tree_.queue.Empty();
 }
 
 void TreeWalker::StepLane(WalkQueue::Lane lane, std::size_t budget) {
     for (std::size_t done = 0; done < budget;) {
-        if (lane == WalkQueue::kSilent) done += first_walk_.Run(budget - done);
+        if (lane != WalkQueue::kTelling) done += first_walk_.Run(lane, budget - done);
         if (done >= budget) return;
         const WalkQueue::Job job = tree_.queue.Pop(lane);
         if (job.node == nullptr) return;
@@ -74,7 +77,8 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
         DropVanished(node);
         return 1;
     }
-    if (error == ENAMETOOLONG) return 1;
+    // What nobody needs and nothing tells of is not listed either.
+    if (error == ENAMETOOLONG || (error == ENOSPC && tree_.reserve.IsUnwatched(node))) return 1;
     std::uint8_t reasons = job.reasons;
     if (result == WatchTable::Result::kReplaced) {
         reasons |= WalkQueue::kArrived | WalkQueue::kReconcile;
@@ -102,7 +106,7 @@ void TreeWalker::DropVanished(DirNode& node) {
 
 std::size_t TreeWalker::Descend(const DirNode& node, Watch* owner) {
     for (const auto& child : node.dirs.All()) {
-        tree_.queue.Push(*child, WalkQueue::kFirst, owner);
+        tree_.Enqueue(*child, WalkQueue::kFirst, owner);
     }
     return 1 + node.dirs.All().size();
 }

@@ -4,24 +4,26 @@
 
 namespace Engine::FileNotify {
 
-void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner) {
+void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool unneeded) {
     Job job{&node, reasons, owner, 0};
+    const std::uint8_t mark = unneeded ? kIsUnneeded : 0;
+    if (LaneOf(reasons | mark) == kUnneeded) job.owner = nullptr;
     if (node.job != 0) {
         const Job waiting = JobOf(node);
         job.reasons |= waiting.reasons;
         if (waiting.owner != nullptr) job.owner = waiting.owner;
-        if (LaneOf(job.reasons) == LaneOf(node.job)) {
+        if (LaneOf(job.reasons | mark) == LaneOf(node.job)) {
             if (job.owner != waiting.owner) ++job.owner->jobs;
-            Count(job.reasons & ~node.job, 1);
-            node.job = job.reasons;
+            Count(job.reasons & ~waiting.reasons, 1);
+            node.job = job.reasons | mark;
             job.tries = waiting.tries;
             JobOf(node) = job;
             return;
         }
         Cancel(node);
     }
-    std::vector<Job>& lane = lanes_[LaneOf(job.reasons)];
-    node.job = job.reasons;
+    node.job = job.reasons | mark;
+    std::vector<Job>& lane = lanes_[LaneOf(node.job)];
     node.job_index = static_cast<std::uint32_t>(lane.size());
     lane.push_back(job);
     Count(job.reasons, 1);
@@ -43,7 +45,7 @@ const WalkQueue::Job* WalkQueue::Next(Lane lane) {
 }
 
 void WalkQueue::PutBack(const Job& job) {
-    Push(*job.node, job.reasons, job.owner);
+    Push(*job.node, job.reasons, job.owner, false);
     ++(JobOf(*job.node).tries = job.tries);
 }
 

@@ -13,7 +13,8 @@ struct Watch;
 
 /// The directories that wait to be visited, the last one added first. Each stands here once, with
 /// all the reasons why. Those whose visit announces something have a lane of their own, as they may
-/// have to wait for the receivers. Task's thread only.
+/// have to wait for the receivers; so have those of which nobody needs anything, as they come after
+/// the others. Task's thread only.
 class WalkQueue {
   public:
     /// Why a directory is visited; what it means for what is found is TreeWalker's.
@@ -32,9 +33,10 @@ class WalkQueue {
         std::uint8_t tries = 0;  ///< how often it was put back
     };
 
-    enum Lane : std::size_t { kTelling, kSilent, kLanes };
+    enum Lane : std::size_t { kTelling, kSilent, kUnneeded, kLanes };
 
-    void Push(DirNode& node, std::uint8_t reasons, Watch* owner);
+    /// `unneeded`: a visit that announces nothing comes after all others, and counts for no owner.
+    void Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool unneeded = false);
     Job Pop(Lane lane);
 
     /// What Pop will give; null: nothing. Valid until the queue is changed.
@@ -46,7 +48,9 @@ class WalkQueue {
     void Disown(const Watch& owner);
     bool Empty() const { return Size() == 0; }
     bool Empty(Lane lane) const { return lanes_[lane].empty(); }
-    std::size_t Size() const { return lanes_[kTelling].size() + lanes_[kSilent].size(); }
+    std::size_t Size() const {
+        return lanes_[kTelling].size() + lanes_[kSilent].size() + lanes_[kUnneeded].size();
+    }
 
     /// A walk that announces everything is still under way.
     bool IsReconciling() const { return reconciling_ > 0; }
@@ -56,8 +60,11 @@ class WalkQueue {
         if ((reasons & kReconcile) != 0) reconciling_ += change;
     }
 
-    static Lane LaneOf(std::uint8_t reasons) {
-        return (reasons & (kArrived | kReconcile | kLook)) != 0 ? kTelling : kSilent;
+    static constexpr std::uint8_t kIsUnneeded = 128;  ///< in DirNode::job, beside the reasons
+
+    static Lane LaneOf(std::uint8_t job) {
+        if ((job & (kArrived | kReconcile | kLook)) != 0) return kTelling;
+        return (job & kIsUnneeded) != 0 ? kUnneeded : kSilent;
     }
     Job& JobOf(const DirNode& node) { return lanes_[LaneOf(node.job)][node.job_index]; }
 

@@ -25,6 +25,9 @@ struct WatchRequest {
     bool names_directory = false;  ///< the path was given with a trailing "/"
     std::vector<std::string> excluded_suffixes;
     std::vector<std::string> excluded_subdirs;  ///< relative, without "/" at either end
+    /// The receiver needs nothing of paths that begin with one of these, byte by byte. They are
+    /// watched and delivered all the same, as long as there are watches.
+    std::vector<std::string> unneeded_prefixes;
 };
 
 /// A request in force, and how far its path exists. Task's thread only.

@@ -41,6 +41,15 @@ class WatchTable {
     std::vector<DirNode*> FurtherNodesOf(int wd) const;
     bool IsNodeOf(int wd, const DirNode* node) const;
 
+    /// Calls `each(wd, node)` for the first node of each watch until it returns false. The table
+    /// must not be changed meanwhile.
+    template <typename Each>
+    void ForEach(Each&& each) const {
+        for (const auto& [wd, node] : nodes_) {
+            if (!each(wd, *node)) return;
+        }
+    }
+
     std::size_t Size() const { return nodes_.size(); }
     void Clear();
 

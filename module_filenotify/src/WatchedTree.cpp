@@ -8,6 +8,12 @@
 
 namespace Engine::FileNotify {
 
+namespace {
+
+constexpr int kTriesToMakeRoom = 8;
+
+}  // namespace
+
 bool WatchedTree::IsGone(int error) {
     return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ESTALE;
 }
@@ -16,12 +22,24 @@ int WatchedTree::EnsureWatched(DirNode& node, WatchTable::Result& result) {
     const int located =
         NameIndex::PathLength(node) < PATH_MAX ? opener.Locate(node) : -ENAMETOOLONG;
     int error = located < 0 ? -located : 0;
-    if (error == 0) error = table.Watch(node, located, coverage.KernelMask(node), result);
-    if (error == 0) {
+    if (error == 0) error = Watch(node, located, result);
+    if (error == 0 || (error == ENOSPC && coverage.GivesWay(node))) {
         index.SetUnwatched(node, false);
         unwatched.Remove(node);
+        error == 0 ? reserve.Remove(node) : reserve.AddUnwatched(node);
     } else if (!IsGone(error)) {
         MarkUnwatched(node, error);
+    }
+    return error;
+}
+
+int WatchedTree::Watch(DirNode& node, int located, WatchTable::Result& result) {
+    const std::uint32_t mask = coverage.KernelMask(node);
+    int error = table.Watch(node, located, mask, result);
+    if (error != ENOSPC || coverage.GivesWay(node)) return error;
+    // Another program may be quicker to take what becomes free.
+    for (int tries = 0; tries < kTriesToMakeRoom && error == ENOSPC && reserve.FreeOne(); ++tries) {
+        error = table.Watch(node, located, mask, result);
     }
     return error;
 }
@@ -57,6 +75,7 @@ void WatchedTree::RemoveDirectory(DirNode& node) {
         queue.Cancel(leaving);
         opener.Forget(leaving);
         unwatched.Remove(leaving);
+        reserve.Remove(leaving);
     });
 }
 

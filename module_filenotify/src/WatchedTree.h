@@ -8,6 +8,7 @@
 #include "NameIndex.h"
 #include "UnwatchedList.h"
 #include "WalkQueue.h"
+#include "WatchReserve.h"
 #include "WatchTable.h"
 
 namespace Engine::FileNotify {
@@ -17,7 +18,9 @@ namespace Engine::FileNotify {
 class WatchedTree {
   public:
     WatchedTree(InotifyDescriptor& descriptor, Poco::Logger* logger, Counters& counters)
-        : table(descriptor), unwatched(logger, counters) {}
+        : table(descriptor),
+          unwatched(logger, counters),
+          reserve(table, coverage, logger, counters) {}
 
     /// Called before a directory with all below it is forgotten or moved.
     void SetGoing(NameIndex::Visitor going) { going_ = std::move(going); }
@@ -25,7 +28,8 @@ class WatchedTree {
 
     /// Puts the kernel watch on `node` that it should have. 0 when it has it. Otherwise errno; the
     /// node then stands in the list of unwatched ones, unless IsGone(errno). What no path can reach
-    /// is not watched: ENAMETOOLONG.
+    /// is not watched: ENAMETOOLONG. When there are no more watches (ENOSPC), one of a directory
+    /// that gives way ends for it; a node that gives way itself then stands in the reserve's list.
     int EnsureWatched(DirNode& node, WatchTable::Result& result);
     int EnsureWatched(DirNode& node);
 
@@ -34,6 +38,11 @@ class WatchedTree {
     static bool IsGone(int error);
 
     void MarkUnwatched(DirNode& node, int error);
+
+    /// Has `node` visited; what gives way after everything else.
+    void Enqueue(DirNode& node, std::uint8_t reasons, Watch* owner) {
+        queue.Push(node, reasons, owner, coverage.GivesWay(node));
+    }
 
     /// Makes `name` known as that kind; what was known under the name as the other kind is removed.
     DirNode& PutDirectory(DirNode& dir, std::string_view name);
@@ -48,8 +57,11 @@ class WatchedTree {
     DirOpener opener;
     WalkQueue queue;
     UnwatchedList unwatched;
+    WatchReserve reserve;
 
   private:
+    int Watch(DirNode& node, int located, WatchTable::Result& result);
+
     NameIndex::Visitor going_ = [](DirNode&) {};
 };
 

@@ -24,6 +24,7 @@ namespace Engine {
 namespace {
 
 constexpr const char* kStatusQuery = "status.sentrel";
+constexpr const char* kExclusionsQuery = "exclusions.sentrel_inotify_task";
 constexpr const char* kProtectionCheckQuery = "policy.check.sentrel_feature";
 constexpr const char* kBackupServerCheckQuery = "policy.check.backupserver_feature";
 
@@ -99,6 +100,9 @@ void SentrelModule::CreateTasks() {
 void SentrelModule::RegisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     queries.Register(kStatusQuery, [](const Json::Value&) { return AnswerStatus(); });
+    queries.Register(kExclusionsQuery, [](const Json::Value& request) {
+        return SentrelStatus::Instance().ExclusionsOf(request);
+    });
     queries.Register(kProtectionCheckQuery, [](const Json::Value& request) {
         return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckProtection,
                                           SentrelPolicyCheck::CheckProtectionPlaces);
@@ -111,7 +115,8 @@ void SentrelModule::RegisterQueries() {
 
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
-    for (const char* query : {kStatusQuery, kProtectionCheckQuery, kBackupServerCheckQuery}) {
+    for (const char* query :
+         {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackupServerCheckQuery}) {
         queries.Unregister(query);
     }
 }

@@ -1,6 +1,7 @@
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <WatchList.h>
+#include <sdk/JsonUtils.h>
 #include <sdk/TimeUtils.h>
 
 #include <algorithm>
@@ -27,10 +28,15 @@ void SentrelStatus::SetProtectionOn(bool monitor_only, int backup_type,
     on_ = true;
     monitor_only_ = monitor_only;
     backup_type_ = backup_type;
+    exclusions_.clear();
     std::map<std::string, History> kept;
     for (const SentrelDirRule& rule : rules) {
         const auto known = history_.find(rule.real_path);
         if (known != history_.end()) kept.insert(*known);
+        if (rule.is_file) continue;
+        for (const std::string& subdir : rule.ignored_subdir) {
+            exclusions_[rule.real_path].push_back(rule.real_path + subdir);
+        }
     }
     history_ = std::move(kept);
 }
@@ -38,6 +44,18 @@ void SentrelStatus::SetProtectionOn(bool monitor_only, int backup_type,
 void SentrelStatus::SetProtectionOff() {
     const std::lock_guard<std::mutex> lock(mutex_);
     on_ = false;
+    exclusions_.clear();
+}
+
+Json::Value SentrelStatus::ExclusionsOf(const Json::Value& request) const {
+    Json::Value answer(Json::objectValue);
+    Json::Value& prefixes = answer["prefixes"] = Json::Value(Json::arrayValue);
+    const std::string path = SDK::JsonUtils::GetStringValue(request, "path", "");
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = exclusions_.find(path);
+    if (known == exclusions_.end()) return answer;
+    for (const std::string& prefix : known->second) prefixes.append(prefix);
+    return answer;
 }
 
 void SentrelStatus::PublishPaths(std::vector<ProtectedPath> paths) {
@@ -160,6 +178,7 @@ void SentrelStatus::Reset() {
     backup_type_ = 0;
     paths_.clear();
     history_.clear();
+    exclusions_.clear();
     rsync_known_ = false;
     rsync_version_.clear();
     degraded_reason_.clear();

@@ -52,6 +52,11 @@ class SentrelStatus {
                          const std::list<SentrelDirRule>& rules);
     void SetProtectionOff();
 
+    /// The answer to the query "exclusions.sentrel_inotify_task" with the member "path", a
+    /// protected path: {"prefixes": [...]}. Events of paths that begin with one of these, byte by
+    /// byte, are ignored. It is ready before the task asks for its watches.
+    Json::Value ExclusionsOf(const Json::Value& request) const;
+
     void PublishPaths(std::vector<ProtectedPath> paths);
     void ClearPaths() { PublishPaths({}); }
 
@@ -95,7 +100,8 @@ class SentrelStatus {
     bool monitor_only_ = false;
     int backup_type_ = 0;
     std::vector<ProtectedPath> paths_;
-    std::map<std::string, History> history_;  ///< by real_path
+    std::map<std::string, History> history_;                      ///< by real_path
+    std::map<std::string, std::vector<std::string>> exclusions_;  ///< by real_path
     bool rsync_known_ = false;
     std::string rsync_version_;
     std::string degraded_reason_;

@@ -68,6 +68,7 @@ TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
     unwatched["reason"] = "Permission denied";
     status["filenotify"]["unwatched_directories"] = 12;
     status["filenotify"]["unwatched_examples"].append(unwatched);
+    status["filenotify"]["excluded_unwatched"] = 34;
     status["filenotify"]["queue_limit_problem"] = "cannot be raised";
     status["rsync"]["degraded"] = true;
     status["rsync"]["reason"] = "older than 3.5.0";
@@ -76,7 +77,7 @@ TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
     for (const char* part :
          {"/var/copies is not safe", "protection  on", "/srv/\\x1bsite/", "is not there",
           "remote \\x1b", "2 log records", "module broken", "older than 3.5.0", "12 directories",
-          "/srv/deep: Permission", "cannot be raised"}) {
+          "34 excluded directories", "/srv/deep: Permission", "cannot be raised"}) {
         EXPECT_NE(page.find(part), std::string::npos) << part << " in\n" << page;
     }
     EXPECT_EQ(page.find('\x1b'), std::string::npos);

@@ -35,8 +35,8 @@ class Shortage : public test::ProtectedSite {
         trial.emplace_back("/bin/true");
         return Run("/usr/bin/unshare", trial) == 0;
     }
-    void LimitAgent() {
-        std::vector<std::string> command = Limited(kTooFew);
+    void LimitAgent(int limit) {
+        std::vector<std::string> command = Limited(limit);
         command.insert(command.begin(), "/usr/bin/unshare");
         agent_.RunBehind(command);
     }
@@ -62,7 +62,7 @@ class Shortage : public test::ProtectedSite {
 
 TEST_F(Shortage, DirectoriesWithoutAWatch_AreToldAndProtectedWhenThereIsOne) {
     if (!IsAllowed()) GTEST_SKIP() << "user namespaces are not allowed here";
-    LimitAgent();
+    LimitAgent(kTooFew);
     ASSERT_TRUE(agent_.Start());
     ASSERT_EQ(agent_.Apply(SitePolicy()), 0);
     ASSERT_TRUE(AwaitState("degraded")) << agent_.Status();
@@ -88,6 +88,31 @@ TEST_F(Shortage, DirectoriesWithoutAWatch_AreToldAndProtectedWhenThereIsOne) {
                !std::filesystem::exists(lost + "/shell.php");
     }));
     for (int at = 0; at < kDirectories; ++at) EXPECT_TRUE(TamperingIsUndone(Page(at))) << at;
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Shortage, ExcludedDirectoriesInTheThousands_ThePagesAreProtectedAllTheSame) {
+    if (!IsAllowed()) GTEST_SKIP() << "user namespaces are not allowed here";
+    constexpr int kUploads = 2000;
+    for (int at = 0; at < kUploads; ++at) {
+        std::filesystem::create_directories(
+            site_.Path("a-uploads/" + std::to_string(at % 50) + "/" + std::to_string(at)));
+    }
+    constexpr int kEnoughForPages = 100;
+    LimitAgent(kEnoughForPages);
+    ASSERT_TRUE(agent_.Start());
+    ASSERT_EQ(
+        agent_.Apply(test::ProtectionPolicy({{site_.Path(), backup_.Path(), true, {"a-uploads"}}})),
+        0);
+    ASSERT_TRUE(AwaitState("ready")) << agent_.Status();
+    ASSERT_TRUE(
+        Await([&] { return agent_.Status()["filenotify"]["excluded_unwatched"].asInt() > 0; }));
+    for (int at = 0; at < kDirectories; ++at) EXPECT_TRUE(TamperingIsUndone(Page(at))) << at;
+    EXPECT_EQ(agent_.Stop(), 0);
+    ASSERT_TRUE(agent_.Start());
+    ASSERT_TRUE(AwaitState("ready")) << agent_.Status();
+    for (int at = 0; at < kDirectories; ++at) EXPECT_TRUE(TamperingIsUndone(Page(at))) << at;
+    EXPECT_EQ(agent_.Status()["filenotify"]["unwatched_directories"].asInt(), 0);
     EXPECT_EQ(agent_.Stop(), 0);
 }
 

@@ -17,6 +17,8 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,7 +40,7 @@ const std::vector<unsigned int> kMasks = {
 class FaultyDescriptor : public Engine::FileNotify::InotifyDescriptor {
   public:
     struct Faults {
-        std::atomic<int> watches_left{1 << 30};
+        std::atomic<int> watches_left{1 << 30};  ///< as the kernel counts: directories
         std::atomic<bool> stalled{false};        ///< nothing can be read
         std::atomic<bool> forget_unread{false};  ///< what waits is lost, an overflow is told
     };
@@ -46,9 +48,22 @@ class FaultyDescriptor : public Engine::FileNotify::InotifyDescriptor {
     explicit FaultyDescriptor(Faults& faults) : faults_(faults) {}
 
     int Add(int dir_fd, std::uint32_t mask) override {
-        if (faults_.watches_left <= 0) return -ENOSPC;
-        --faults_.watches_left;
-        return InotifyDescriptor::Add(dir_fd, mask);
+        const std::lock_guard lock(mutex_);
+        const int wd = InotifyDescriptor::Add(dir_fd, mask);
+        if (wd < 0 || !watches_.insert(wd).second) return wd;
+        if (faults_.watches_left > 0) {
+            --faults_.watches_left;
+            return wd;
+        }
+        watches_.erase(wd);
+        InotifyDescriptor::Remove(wd);
+        return -ENOSPC;
+    }
+
+    void Remove(int wd) override {
+        const std::lock_guard lock(mutex_);
+        if (watches_.erase(wd) > 0) ++faults_.watches_left;
+        InotifyDescriptor::Remove(wd);
     }
 
     ssize_t Read(char* buffer, std::size_t size) override {
@@ -68,6 +83,8 @@ class FaultyDescriptor : public Engine::FileNotify::InotifyDescriptor {
 
   private:
     Faults& faults_;
+    std::mutex mutex_;
+    std::set<int> watches_;
 };
 
 /// A running engine with the file-notify module, and receivers.

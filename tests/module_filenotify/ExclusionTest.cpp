@@ -1,0 +1,109 @@
+#include <iterator>
+
+#include "NotifyFixture.h"
+
+namespace test {
+
+/// A site with pages and uploads; the receiver needs nothing of the uploads.
+class Exclusions : public NotifyTest {
+  protected:
+    static constexpr int kPages = 10;
+    static constexpr int kUploads = 40;
+
+    void SetUp() override {
+        NotifyTest::SetUp();
+        for (int i = 0; i < kPages; ++i) site_.Write(Page(i), "x");
+        for (int i = 0; i < kUploads; ++i) fs::create_directories(Root(Upload(i)));
+        engine_.Queries().Register("exclusions.receiver", [this](const Json::Value& question) {
+            Json::Value answer;
+            const std::string path = question["path"].asString();
+            answer["prefixes"].append((path.back() == '/' ? path : path + "/") + "uploads");
+            return answer;
+        });
+    }
+    static std::string Page(int i) { return "root/pages/p" + std::to_string(i) + "/file"; }
+    static std::string Upload(int i) {
+        return "uploads/u" + std::to_string(i % 8) + "/" + std::to_string(i);
+    }
+    /// What the pages need with the way to them, and `more`.
+    void LimitWatches(int more) {
+        const fs::path root = Root();
+        const auto steps = static_cast<int>(std::distance(root.begin(), root.end()));
+        faults_.watches_left = steps + 1 + kPages + more;
+    }
+};
+
+TEST_F(Exclusions, TooFewWatches_ExcludedDirectoriesComeLastAndGiveWay) {
+    LimitWatches(5);
+    Watch(Root() + "/");
+    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
+    EXPECT_GT(Counter("excluded_unwatched"), 0U);
+    EXPECT_EQ(Counter("watches_given_up"), 0U);
+    EXPECT_EQ(WatchStatus(Root())["unwatched"].asInt(), 0);
+    for (int i = 0; i < kPages; ++i) {
+        TouchFile(site_.Path(Page(i)));
+        EXPECT_TRUE(Sees(IN_MODIFY, site_.Path(Page(i))));
+    }
+    const std::uint64_t excluded = Counter("excluded_unwatched");
+    for (const char* name : {"new/a", "new/b", "new/c", "uploads/later"}) {
+        fs::create_directories(Root(name));
+    }
+    ASSERT_TRUE(WaitFor([&] { return Counter("watches_given_up") == 4; }, kDeadline));
+    EXPECT_EQ(Counter("unwatched_directories"), 0U);
+    EXPECT_GE(Counter("excluded_unwatched"), excluded + 4);
+    for (const char* name : {"new/a/f", "new/b/f", "new/c/f"}) {
+        TouchFile(Root(name));
+        EXPECT_TRUE(Sees(IN_CREATE, Root(name)));
+    }
+    EXPECT_TRUE(Reaches(Root(), "ready"));
+}
+
+TEST_F(Exclusions, MovedToTheProtectedPart_IsWatchedThroughout) {
+    LimitWatches(2);
+    Watch(Root());
+    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
+    ASSERT_GT(Counter("excluded_unwatched"), 0U);
+    // Only the two uppermost directories of the uploads can have a watch.
+    fs::rename(Root("uploads"), Root("moved"));
+    faults_.watches_left = 9;
+    ASSERT_TRUE(Reaches(Root(), "degraded"));  // nothing is left that could give way
+    faults_.watches_left = 100;
+    ASSERT_TRUE(Reaches(Root(), "ready"));
+    EXPECT_EQ(Counter("excluded_unwatched"), 0U);
+    TouchFile(Root("moved/u3/11/file"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("moved/u3/11/file")));
+}
+
+TEST_F(Exclusions, MoreWatchesLater_ExcludedDirectoriesAreToldOfAgain) {
+    LimitWatches(2);
+    Watch(Root());
+    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
+    ASSERT_GT(Counter("excluded_unwatched"), 0U);
+    TouchFile(Root(Upload(7) + "/missed"));
+    faults_.watches_left = 1000;
+    EXPECT_TRUE(WaitFor([&] { return Counter("excluded_unwatched") == 0; }, kDeadline));
+    EXPECT_TRUE(Sees(IN_MODIFY, Root(Upload(7) + "/missed")));
+    TouchFile(Root(Upload(8) + "/seen"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root(Upload(8) + "/seen")));
+    EXPECT_TRUE(IndexAgrees());
+}
+
+TEST_F(Exclusions, NamesThatOnlyBeginAlikeOrAreWatchedOtherwise_DoNotGiveWay) {
+    fs::create_directories(Root("upload"));
+    fs::create_directories(Root("uploads/u1/1/inner/deep"));
+    auto other = NewReceiver("other");
+    other->Ask(Root("uploads/u1/1/inner"), kMasks, Tree());
+    LimitWatches(1 + 5 + 1);  // upload, and the inner one with the way to it and what it holds
+    Watch(Root());
+    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
+    EXPECT_EQ(Counter("unwatched_directories"), 0U);
+    ASSERT_GT(Counter("excluded_unwatched"), 0U);
+    TouchFile(Root("upload/f"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("upload/f")));
+    TouchFile(Root("uploads/u1/1/inner/deep/f"));
+    EXPECT_TRUE(
+        WaitFor([&] { return Has(other->Seen(), IN_CREATE, Root("uploads/u1/1/inner/deep/f")); },
+                kDeadline));
+}
+
+}  // namespace test
