@@ -38,7 +38,7 @@ void BackUpServerTask::RestartWhenDead() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
     const std::string pid_file = utils->install_path + "bin/morvane_rsyncd.pid";
     int pid = 0;
-    if (utils->GetDaemonPid(pid_file, pid)) return;
+    if (utils->GetRsyncRunningPid(pid_file, pid)) return;
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "pid not running: %d", pid);
     if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
         SDK_LOG(ModuleLogger(), PRIO_TRACE, "remove file: %s", pid_file);

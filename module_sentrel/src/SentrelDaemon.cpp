@@ -1,18 +1,22 @@
-// Starts, finds and stops the rsync daemon of a backup server. It must not write the daemon's
-// configuration (BackUpServerPolicy does) nor decide when it runs (BackUpServerTask does).
-// Stopping blocks the caller for up to 13 seconds, in whole seconds.
+// Starts, finds and stops the rsync daemon of a backup server. While the module runs its pid file
+// is taken at its word; what an earlier run of the machine left there is dropped before. It must
+// not write the daemon's configuration (BackUpServerPolicy does) nor decide when it runs
+// (BackUpServerTask does). Stopping blocks the caller for up to 13 seconds, in whole seconds.
 #define SDK_LOG_FILE "SentrelUtils.cpp"
 
 #include <SentrelUtils.h>
 #include <sdk/FileUtils.h>
 #include <sdk/Log.h>
+#include <sdk/PathUtils.h>
 #include <sdk/ProcessUtils.h>
 #include <sdk/RunningCommand.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <limits>
 #include <sstream>
 #include <vector>
 
@@ -33,6 +37,15 @@ std::vector<std::string> CommandLine(int pid) {
     std::vector<std::string> words;
     for (std::string word; std::getline(in, word, '\0');) words.push_back(word);
     return words;
+}
+
+/// 0 without a number, and for one that no process can have.
+int LeadingNumber(const std::string& text) {
+    errno = 0;
+    const long number = std::strtol(text.c_str(), nullptr, 10);
+    const bool fits = errno != ERANGE && number >= std::numeric_limits<int>::min() &&
+                      number <= std::numeric_limits<int>::max();
+    return fits ? static_cast<int>(number) : 0;
 }
 
 /// Kills the process and waits for its end; false when it cannot be had away.
@@ -81,7 +94,7 @@ bool SentrelUtils::RunRsyncDaemon(const std::string& conf_path) {
 bool SentrelUtils::GetRsyncRunningPid(const std::string& pid_file, int& pid) {
     std::string text;
     if (SDK::FileUtils::ReadFile(pid_file, text, kMaxPidFile) != 0) return false;
-    pid = static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+    pid = LeadingNumber(text);
     if (pid <= 0) return false;
     return SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(pid));
 }
@@ -95,16 +108,18 @@ bool SentrelUtils::GetDaemonPid(const std::string& pid_file, int& pid) {
     return has(pid_file.substr(0, pid_file.rfind('/') + 1) + "rsync") && has("--daemon");
 }
 
+void SentrelUtils::DropForeignPidFile() {
+    const std::string pid_file = SDK::PathUtils::GetInstallationPath() + "bin/morvane_rsyncd.pid";
+    int pid = 0;
+    if (GetDaemonPid(pid_file, pid) || SDK::FileUtils::TalDeleteFile(pid_file) != 0) return;
+    SDK_LOG(GetLogger(), PRIO_WARNING,
+            "%s is removed: it names process %d, which is no rsync daemon of ours", pid_file, pid);
+}
+
 bool SentrelUtils::DoStopRsyncDeamon() {
     const std::string pid_file = install_path + "bin/morvane_rsyncd.pid";
     int pid = 0;
-    if (GetDaemonPid(pid_file, pid)) {
-        if (!KillAndWait(pid)) return false;
-    } else if (GetRsyncRunningPid(pid_file, pid)) {
-        SDK_LOG(GetLogger(), PRIO_WARNING,
-                "%s names process %d, which is no rsync daemon of ours; it is left alone", pid_file,
-                pid);
-    }
+    if (GetRsyncRunningPid(pid_file, pid) && !KillAndWait(pid)) return false;
     if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
         SDK_LOG(GetLogger(), PRIO_TRACE, "remove file: %s", pid_file);
     }

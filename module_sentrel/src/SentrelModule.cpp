@@ -67,6 +67,7 @@ SentrelModule::~SentrelModule() {
 
 bool SentrelModule::Init() {
     SentrelUtils::GetInstance()->Init();
+    SentrelUtils::GetInstance()->DropForeignPidFile();
     SentrelStatus::Instance().Reset();
     ScheduleStatus::Instance().Reset();
     BackupServerStatus::Instance().Reset();

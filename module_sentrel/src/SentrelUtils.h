@@ -111,14 +111,18 @@ class SentrelUtils {
     /// Starts bin/rsync as a daemon with that configuration. Always true: whether the daemon lives
     /// is seen from its pid file at the next pass. Returns when rsync has detached.
     bool RunRsyncDaemon(const std::string& conf_path);
-    /// True when the file names a live process. `pid` is set whenever the file could be read.
+    /// True when the file names a live process. `pid` is set whenever the file could be read; a
+    /// number that no process can have counts as 0.
     bool GetRsyncRunningPid(const std::string& pid_file, int& pid);
     /// True when the file names a live process that runs the rsync beside the file as a daemon, by
-    /// its command line. After a restart of the machine the number may belong to any process: that
-    /// one is neither killed nor taken for the daemon. `pid` as above. Reads no settings.
+    /// its command line. `pid` as above. Reads no settings.
     bool GetDaemonPid(const std::string& pid_file, int& pid);
-    /// Kills our daemon and removes its pid file. True when nothing is left running. Blocks for up
-    /// to 13 seconds.
+    /// Removes a pid file that does not name our daemon (GetDaemonPid). For the start of the
+    /// module: after a restart of the machine the number may belong to any process, which must
+    /// neither be killed nor be taken for the daemon. Reads no settings.
+    void DropForeignPidFile();
+    /// Kills the process that the pid file names and removes the file. True when nothing is left
+    /// running. Blocks for up to 13 seconds.
     bool DoStopRsyncDeamon();
 
     // Reports (SentrelReports.cpp).

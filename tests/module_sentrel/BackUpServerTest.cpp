@@ -2,6 +2,7 @@
 #include <BackUpServerTask.h>
 #include <BackupServerStatus.h>
 #include <Poco/Net/ServerSocket.h>
+#include <SentrelModule.h>
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 #include <sdk/ProcessUtils.h>
@@ -11,7 +12,9 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <thread>
 
+#include "FakeTasks.h"
 #include "Installation.h"
 #include "support/WaitFor.h"
 
@@ -112,34 +115,61 @@ TEST_F(BackUpServer, PidFile_IsBelievedOnlyForALiveProcess) {
     int pid = 7;
     EXPECT_FALSE(utils_->GetRsyncRunningPid(pid_file_, pid));
     EXPECT_EQ(pid, 7);
-    for (const std::string text : {"0", "-5", "abc", "99999999999999999999"}) {
+    for (const std::string text : {"0", "-5", "abc", "4294967297", "99999999999999999999"}) {
         install_.dir.Write("bin/morvane_rsyncd.pid", text);
         EXPECT_FALSE(utils_->GetRsyncRunningPid(pid_file_, pid)) << text;
         EXPECT_TRUE(utils_->DoStopRsyncDeamon());
         EXPECT_FALSE(fs::exists(pid_file_));
     }
-    EXPECT_EQ(install_.Traces("remove file: " + pid_file_), 4);
+    EXPECT_EQ(install_.Traces("remove file: " + pid_file_), 5);
     install_.dir.Write("bin/morvane_rsyncd.pid", std::to_string(::getpid()) + "\n");
     EXPECT_TRUE(utils_->GetRsyncRunningPid(pid_file_, pid));
     EXPECT_EQ(pid, ::getpid());
     fs::remove(pid_file_);
 }
 
-TEST_F(BackUpServer, PidFileThatNamesAnotherProcess_IsNoReasonToKillIt) {
+TEST_F(BackUpServer, PidFileOfAnotherProcess_IsDroppedAtTheStartAndObeyedLater) {
     const pid_t other = ::fork();
     if (other == 0) {
         ::execl("/bin/sleep", (install_.Path() + "bin/rsync").c_str(), "60", nullptr);
         ::_exit(1);
     }
+    const auto is_alive = [other] {
+        return SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(other));
+    };
     install_.dir.Write("bin/morvane_rsyncd.pid", std::to_string(other));
     int pid = 0;
     EXPECT_FALSE(utils_->GetDaemonPid(pid_file_, pid));
     EXPECT_EQ(pid, other);
-    EXPECT_TRUE(utils_->DoStopRsyncDeamon());
+    {
+        Engine::SentrelModule module;
+        test::RunningEngine running(install_.log);
+        EXPECT_TRUE(module.Init());
+        module.UnInit();
+    }
     EXPECT_FALSE(fs::exists(pid_file_));
-    EXPECT_TRUE(SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(other)));
-    ::kill(other, SIGKILL);
-    ::waitpid(other, nullptr, 0);
+    EXPECT_TRUE(is_alive());
+    EXPECT_EQ(install_.log.Count(Message::PRIO_WARNING,
+                                 pid_file_ + " is removed: it names process " +
+                                     std::to_string(other) + ", which is no rsync daemon of ours"),
+              1);
+    utils_->install_path = install_.Path();
+    install_.dir.Write("bin/morvane_rsyncd.pid", std::to_string(other));
+    std::thread reaper([other] { ::waitpid(other, nullptr, 0); });
+    EXPECT_TRUE(utils_->DoStopRsyncDeamon());
+    reaper.join();
+    EXPECT_FALSE(is_alive());
+    EXPECT_FALSE(fs::exists(pid_file_));
+}
+
+TEST_F(BackUpServer, DaemonOfOurs_IsKeptAtTheStart) {
+    install_.UseRealRsync();
+    ASSERT_TRUE(Parse(Document()));
+    ASSERT_TRUE(utils_->RunRsyncDaemon(conf_));
+    ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
+    const int pid = RunningPid();
+    utils_->DropForeignPidFile();
+    EXPECT_EQ(RunningPid(), pid);
 }
 
 TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
