@@ -1,13 +1,15 @@
 #include "TreeRemover.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
-#include <memory>
+#include <climits>
+#include <utility>
 
+#include "DirectoryListing.h"
+#include "FileContent.h"
+#include "OpenBeneath.h"
 #include "sdk/TimeUtils.h"
 
 namespace SDK {
@@ -15,28 +17,8 @@ namespace SDK {
 namespace {
 
 constexpr std::int64_t kPatienceMs = 500;
+constexpr unsigned kEntriesPerLook = 256;  // between two looks at clock and interrupter
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-struct CloseDir {
-    void operator()(DIR* stream) const { ::closedir(stream); }
-};
-
-/// The names in the directory but "." and ".."; false when it cannot be listed to its end (errno).
-bool ListNames(int directory, std::vector<std::string>& names) {
-    FileDescriptor own(::openat(directory, ".", kDirectoryFlags));
-    if (!own.IsOpen()) return false;
-    const std::unique_ptr<DIR, CloseDir> stream(::fdopendir(own.Get()));
-    if (!stream) return false;
-    own.Release();
-    for (;;) {
-        errno = 0;
-        const dirent* entry = ::readdir(stream.get());
-        if (entry == nullptr) return errno == 0;
-        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
-            names.emplace_back(entry->d_name);
-        }
-    }
-}
 
 }  // namespace
 
@@ -50,6 +32,8 @@ int TreeRemover::Remove(const std::string& path) {
 
 // Somebody who goes on putting files in keeps the directory from going: it is gone through again.
 int TreeRemover::RemoveAt(int parent, const std::string& name) {
+    const std::int64_t start = TimeUtils::GetMonotonicMs();
+    if (limit_ms_ != kNoLimit) end_ms_ = start + limit_ms_;
     int result = RemoveOnce(parent, name);
     const std::int64_t end = TimeUtils::GetMonotonicMs() + kPatienceMs;
     while (result != 0 && errno == ENOTEMPTY && TimeUtils::GetMonotonicMs() < end) {
@@ -62,12 +46,13 @@ int TreeRemover::RemoveAt(int parent, const std::string& name) {
 int TreeRemover::RemoveOnce(int parent, const std::string& name) {
     first_error_ = 0;
     levels_.clear();
+    below_ = root_below_;
     parent_ = parent;
     if (!Enter(FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags)), name)) {
         errno = first_error_;
         return -1;
     }
-    while (!levels_.empty()) {
+    while (!levels_.empty() && !is_stopped_) {
         std::vector<std::string>& waiting = levels_.back().directories;
         if (!waiting.empty()) {
             const std::string child = std::move(waiting.back());
@@ -89,11 +74,23 @@ bool TreeRemover::Enter(FileDescriptor directory, const std::string& name) {
         return false;
     }
     current_ = std::move(directory);
-    levels_.push_back({name, info.st_dev, info.st_ino, {}});
-    std::vector<std::string> names;
-    if (!ListNames(current_.Get(), names)) Failed(errno);
-    for (const std::string& entry : names) RemoveEntry(entry);
+    if (!levels_.empty()) below_ += "/" + name;
+    levels_.push_back({name, info.st_dev, info.st_ino, {}, false});
+    DirectoryListing listing(current_.Get());
+    while (!IsStopped() && listing.Next()) {
+        if (shield_ && IsShielded(listing.Name(), listing.IsDirectory())) {
+            levels_.back().is_kept = true;
+        } else {
+            RemoveEntry(listing.Name());
+        }
+    }
+    if (listing.Error() != 0) Failed(listing.Error());
     return true;
+}
+
+bool TreeRemover::IsShielded(const std::string& name, bool is_directory) const {
+    const std::string path = below_.empty() ? name : below_ + "/" + name;
+    return path.size() < PATH_MAX && shield_(path, is_directory);
 }
 
 void TreeRemover::RemoveEntry(const std::string& name) {
@@ -106,7 +103,8 @@ void TreeRemover::RemoveEntry(const std::string& name) {
 }
 
 void TreeRemover::Descend(const std::string& name) {
-    FileDescriptor child(::openat(current_.Get(), name.c_str(), kDirectoryFlags));
+    FileDescriptor child = OpenBeneath(current_.Get(), name, O_RDONLY | O_DIRECTORY | O_CLOEXEC,
+                                       MountPoints::kRefused);
     if (child.IsOpen()) {
         Enter(std::move(child), name);
     } else if (errno == ENOTDIR || errno == ELOOP) {
@@ -124,6 +122,7 @@ bool TreeRemover::Leave() {
     levels_.pop_back();
     FileDescriptor above;
     if (!levels_.empty()) {
+        below_.resize(below_.size() - done.name.size() - 1);
         above.Reset(::openat(current_.Get(), "..", kDirectoryFlags));
         struct stat info {};
         if (!above.IsOpen() || ::fstat(above.Get(), &info) != 0 ||
@@ -132,10 +131,27 @@ bool TreeRemover::Leave() {
             return false;
         }
     }
-    const int at = levels_.empty() ? parent_ : above.Get();
-    if (::unlinkat(at, done.name.c_str(), AT_REMOVEDIR) != 0) Failed(errno);
     current_ = std::move(above);
+    const int directory = levels_.empty() ? parent_ : current_.Get();
+    if (::unlinkat(directory, done.name.c_str(), AT_REMOVEDIR) == 0) return true;
+    if (done.is_kept && errno == ENOTEMPTY) {
+        if (!levels_.empty()) levels_.back().is_kept = true;
+    } else {
+        Failed(errno);
+    }
     return true;
+}
+
+bool TreeRemover::IsStopped() {
+    if (limit_ms_ == kNoLimit || is_stopped_ || ++looks_ % kEntriesPerLook != 0) return is_stopped_;
+    if (FileContent::IsInterrupted()) {
+        Failed(ECANCELED);
+        is_stopped_ = true;
+    } else if (TimeUtils::GetMonotonicMs() > end_ms_) {
+        Failed(ETIMEDOUT);
+        is_stopped_ = true;
+    }
+    return is_stopped_;
 }
 
 void TreeRemover::Failed(int error) {

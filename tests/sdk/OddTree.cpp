@@ -29,17 +29,14 @@ namespace fs = std::filesystem;
 constexpr time_t kEpoch = 1'500'000'000;
 
 std::string Quoted(const std::string& text) {
-    std::ostringstream out;
-    for (const char c : text) {
-        if (c > ' ' && c < 127) {
-            out << c;
-        } else {
-            out << '\\' << static_cast<int>(static_cast<unsigned char>(c));
-        }
+    constexpr std::size_t kShown = 300;
+    std::string out;
+    for (const char c : text.substr(0, kShown)) {
+        const int code = static_cast<unsigned char>(c);
+        out += c > ' ' && c < 127 ? std::string(1, c) : "\\" + std::to_string(code);
     }
-    return out.str().size() < 300
-               ? out.str()
-               : out.str().substr(0, 100) + "...#" + std::to_string(std::hash<std::string>{}(text));
+    if (text.size() <= kShown) return out;
+    return out + "...#" + std::to_string(std::hash<std::string>{}(text));
 }
 
 std::string ContentOf(const std::string& path) {
@@ -96,7 +93,8 @@ void Note(const std::string& path, const std::string& below, std::map<ino_t, std
     state[below] = Describe(path, info);
     if (!S_ISDIR(info.st_mode)) {
         if (info.st_nlink > 1) {
-            state[below] += " = " + Quoted(first.emplace(info.st_ino, below).first->second);
+            const std::string& name = first.emplace(info.st_ino, below).first->second;
+            if (name != below) state[below] += " = " + name;
         }
         return;
     }
@@ -356,7 +354,8 @@ void OddTree::Tamper(const std::string& root, int changes) {
 int RunRsync(const std::vector<std::string>& exclusions, const std::string& from,
              const std::string& to) {
     std::vector<std::string> words = {
-        "/usr/bin/rsync", "-az", "-H", "-X", "--links", "--delete-excluded", "--temp-dir=/tmp"};
+        "/usr/bin/rsync",  "-az",         "-H", "-X", "--links", "--delete-excluded",
+        "--temp-dir=/tmp", "--timeout=20"};
     for (const std::string& exclusion : exclusions) {
         words.emplace_back("--exclude");
         words.push_back(exclusion);
