@@ -29,11 +29,15 @@ int NotRegular(mode_t mode) {
     return Fail(S_ISDIR(mode) ? EISDIR : EINVAL);
 }
 
-/// Opens `path` for reading without ever waiting for a writer; none (errno) when it is no regular
-/// file.
-FileDescriptor OpenChecked(const std::string& path, int extra_flags) {
-    FileDescriptor file(
-        ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | extra_flags));
+/// Opens `path`, below `directory` where it is relative, for reading without ever waiting for a
+/// writer; none (errno) when it is no regular file.
+FileDescriptor OpenChecked(int directory, const std::string& path, int extra_flags) {
+    const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | extra_flags;
+    FileDescriptor file(::openat(directory, path.c_str(), flags));
+    // O_NOATIME is for owners and root.
+    if (!file.IsOpen() && errno == EPERM && (flags & O_NOATIME) != 0) {
+        file.Reset(::openat(directory, path.c_str(), flags & ~O_NOATIME));
+    }
     struct stat info {};
     if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0) return {};
     if (S_ISREG(info.st_mode)) return file;
@@ -45,7 +49,7 @@ FileDescriptor OpenChecked(const std::string& path, int extra_flags) {
 FileDescriptor OpenRegular(const std::string& path) {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) return {};
-    if (S_ISREG(info.st_mode)) return OpenChecked(path, 0);
+    if (S_ISREG(info.st_mode)) return OpenChecked(AT_FDCWD, path, 0);
     NotRegular(info.st_mode);
     return {};
 }
@@ -66,8 +70,8 @@ int ReadUpTo(int fd, long limit, Take take) {
     return 0;
 }
 
-int HashFile(const std::string& path, long limit, Sha256& digest) {
-    const FileDescriptor file = OpenChecked(path, O_NOFOLLOW);
+int HashFile(int directory, const std::string& path, long limit, Sha256& digest) {
+    const FileDescriptor file = OpenChecked(directory, path, O_NOFOLLOW | O_NOATIME);
     if (!file.IsOpen()) return -1;
     return ReadUpTo(file.Get(), limit, [&](const char* data, std::size_t size) {
         digest.Update(data, size);
@@ -75,9 +79,9 @@ int HashFile(const std::string& path, long limit, Sha256& digest) {
     });
 }
 
-int HashLinkText(const std::string& path, Sha256& digest) {
+int HashLinkText(int directory, const std::string& path, Sha256& digest) {
     std::array<char, PATH_MAX> text{};
-    const ssize_t length = ::readlink(path.c_str(), text.data(), text.size());
+    const ssize_t length = ::readlinkat(directory, path.c_str(), text.data(), text.size());
     if (length < 0) return -1;
     digest.Update(text.data(), static_cast<std::size_t>(length));
     return 0;
@@ -118,14 +122,18 @@ char TypeLetter(mode_t mode) {
 }  // namespace
 
 int FileUtils::GetFileSha256(const std::string& path, std::string& out, long limit) {
+    return GetFileSha256(AT_FDCWD, path, out, limit);
+}
+
+int FileUtils::GetFileSha256(int directory, const std::string& name, std::string& out, long limit) {
     out.clear();
     if (limit < 0) return Fail(EINVAL);
     struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0) return -1;
+    if (::fstatat(directory, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) return -1;
     if (S_ISDIR(info.st_mode)) return Fail(EISDIR);
     Sha256 digest;
-    if (S_ISLNK(info.st_mode) && HashLinkText(path, digest) != 0) return -1;
-    if (S_ISREG(info.st_mode) && HashFile(path, limit, digest) != 0) return -1;
+    if (S_ISLNK(info.st_mode) && HashLinkText(directory, name, digest) != 0) return -1;
+    if (S_ISREG(info.st_mode) && HashFile(directory, name, limit, digest) != 0) return -1;
     out = digest.Hex();
     return out.empty() ? Fail(ENOTSUP) : 0;
 }

@@ -16,6 +16,10 @@ class FileUtils {
     /// `out` is then empty.
     static int GetFileSha256(const std::string& path, std::string& out, long limit);
 
+    /// The same of the object `name` in the directory that is open as `directory` (O_PATH is
+    /// enough), wherever that directory is by now. `name` is one component.
+    static int GetFileSha256(int directory, const std::string& name, std::string& out, long limit);
+
     /// Reads at most the first `max_size` bytes of the regular file at `path` (links are followed).
     /// Never blocks on a FIFO: what is no regular file is a failure. A longer file is no error.
     static int ReadFile(const std::string& path, std::string& content, long max_size);
