@@ -10,8 +10,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -166,6 +168,11 @@ std::string Differences(const TreeState& expected, const TreeState& found) {
 void SetAttribute(const std::string& path, const std::string& name, const std::string& value) {
     EXPECT_EQ(::lsetxattr(path.c_str(), name.c_str(), value.data(), value.size(), 0), 0)
         << path << " " << name << ": " << std::strerror(errno);
+}
+
+unsigned Seeds(unsigned usual) {
+    const char* wanted = std::getenv("SENTREL_TEST_SEEDS");
+    return wanted == nullptr ? usual : static_cast<unsigned>(std::strtoul(wanted, nullptr, 10));
 }
 
 unsigned OddTree::Roll(unsigned limit) {

@@ -18,6 +18,9 @@ TreeState StateOf(const std::string& root);
 /// Lines that say where the two differ; "" when they do not.
 std::string Differences(const TreeState& expected, const TreeState& found);
 
+/// How many seeds a test goes through: `usual`, or SENTREL_TEST_SEEDS of the environment.
+unsigned Seeds(unsigned usual);
+
 /// Sets one attribute; a failure to do so is a test failure.
 void SetAttribute(const std::string& path, const std::string& name, const std::string& value);
 

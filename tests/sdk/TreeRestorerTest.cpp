@@ -29,6 +29,7 @@ namespace fs = std::filesystem;
 using SDK::ObjectRestorer;
 using SDK::PathAnchor;
 using SDK::TreeRestorer;
+using test::Seeds;
 using Outcome = ObjectRestorer::Outcome;
 
 const std::vector<std::string> kExclusions = {"*.log", "uploads", "\xff"};
@@ -100,7 +101,7 @@ class TreeRestore : public testing::Test {
 };
 
 TEST_F(TreeRestore, TreesOfEveryKind_AreAsRsyncLeavesThem) {
-    for (unsigned seed = 0; seed < 80; ++seed) {
+    for (unsigned seed = 0; seed < Seeds(60); ++seed) {
         const test::TempDir dir;
         test::OddTree tree(seed);
         tree.Fill(dir.Path("copy"), 3);
