@@ -4,9 +4,11 @@
 #include <framework/Engine.h>
 #include <framework/Module.h>
 #include <framework/ModuleGate.h>
+#include <framework/OutsideGate.h>
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "CallbackRegistry.h"
 #include "Guard.h"
@@ -24,27 +26,51 @@ std::chrono::milliseconds Grace() {
     return Engine::Instance().IsStopping() ? std::min(grace, kGraceAtStop) : grace;
 }
 
+}  // namespace
+
 /// Holds a gate alone while it lives; the module's tasks are brought out of their passes for it.
-class Alone {
+class AloneHold {
   public:
-    Alone(Module& module, const TaskRegistry& tasks) : gate_(module.Gate()) {
-        const auto for_tasks = [&](void (TaskRunner::*call)()) {
-            tasks.ForTasksOf(module, [call](TaskRunner& runner) { (runner.*call)(); });
-        };
-        gate_.LockAlone(
-            Grace(), [&] { for_tasks(&TaskRunner::Nudge); },
-            [&] { for_tasks(&TaskRunner::InterruptForPolicy); });
-        for_tasks(&TaskRunner::EndInterruption);
+    AloneHold(Module& module, const TaskRegistry& tasks) : module_(module), tasks_(tasks) {
+        Take();
+        current = this;
     }
-    ~Alone() { gate_.UnlockAlone(); }
-    Alone(const Alone&) = delete;
-    Alone& operator=(const Alone&) = delete;
+    ~AloneHold() {
+        current = nullptr;
+        Release();
+    }
+    AloneHold(const AloneHold&) = delete;
+    AloneHold& operator=(const AloneHold&) = delete;
+
+    void Take() {
+        module_.Gate().LockAlone(
+            Grace(), [this] { ForTasks(&TaskRunner::Nudge); },
+            [this] { ForTasks(&TaskRunner::InterruptForPolicy); });
+        ForTasks(&TaskRunner::EndInterruption);
+    }
+    void Release() { module_.Gate().UnlockAlone(); }
+
+    /// The calling thread's, or null; null too while it has let the gate go.
+    static inline thread_local AloneHold* current = nullptr;
 
   private:
-    ModuleGate& gate_;
+    void ForTasks(void (TaskRunner::*call)()) const {
+        tasks_.ForTasksOf(module_, [call](TaskRunner& runner) { (runner.*call)(); });
+    }
+
+    Module& module_;
+    const TaskRegistry& tasks_;
 };
 
-}  // namespace
+OutsideGate::OutsideGate() : let_go_(std::exchange(AloneHold::current, nullptr)) {
+    if (let_go_ != nullptr) let_go_->Release();
+}
+
+OutsideGate::~OutsideGate() {
+    if (let_go_ == nullptr) return;
+    let_go_->Take();
+    AloneHold::current = let_go_;
+}
 
 Module::Module(const std::string& name) : name_(name), gate_(std::make_unique<ModuleGate>()) {}
 
@@ -82,7 +108,7 @@ int Module::RefreshPolicy(const std::string& callback_id, const std::string& fea
     Engine& engine = Engine::Instance();
     const auto callback = engine.Callbacks().FindPolicy(*this, callback_id);
     if (!callback) return 0;
-    const Alone alone(*this, engine.Tasks());
+    const AloneHold alone(*this, engine.Tasks());
     return callback->invoke(feature, policy_json, policy);
 }
 

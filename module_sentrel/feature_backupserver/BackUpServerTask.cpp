@@ -36,6 +36,7 @@ int BackUpServerTask::Run() {
 
 void BackUpServerTask::RestartWhenDead() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (utils->is_stopping_daemon) return;  // it would come back with its old configuration
     const std::string pid_file = utils->install_path + "bin/morvane_rsyncd.pid";
     int pid = 0;
     if (utils->GetRsyncRunningPid(pid_file, pid)) return;

@@ -5,6 +5,7 @@
 #define SDK_LOG_FILE "SentrelUtils.cpp"
 
 #include <SentrelUtils.h>
+#include <framework/OutsideGate.h>
 #include <sdk/FileUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
@@ -48,12 +49,14 @@ int LeadingNumber(const std::string& text) {
     return fits ? static_cast<int>(number) : 0;
 }
 
-/// Kills the process and waits for its end; false when it cannot be had away.
+/// Kills the process and waits for its end; false when it cannot be had away. A policy lets the
+/// tasks go on meanwhile: pages are put back while the daemon ends.
 bool KillAndWait(int pid) {
     if (::kill(pid, SIGKILL) != 0) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "kill pid %d failed.", pid);
         return false;
     }
+    const Framework::OutsideGate outside;
     const auto process = static_cast<unsigned int>(pid);
     bool alive = true;
     for (int waits = 0; waits < kKillWaits; ++waits) {
@@ -119,7 +122,12 @@ void SentrelUtils::DropForeignPidFile() {
 bool SentrelUtils::DoStopRsyncDeamon() {
     const std::string pid_file = install_path + "bin/morvane_rsyncd.pid";
     int pid = 0;
-    if (GetRsyncRunningPid(pid_file, pid) && !KillAndWait(pid)) return false;
+    if (GetRsyncRunningPid(pid_file, pid)) {
+        is_stopping_daemon = true;
+        const bool stopped = KillAndWait(pid);
+        is_stopping_daemon = false;
+        if (!stopped) return false;
+    }
     if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
         SDK_LOG(GetLogger(), PRIO_TRACE, "remove file: %s", pid_file);
     }

@@ -1,7 +1,7 @@
 // Decides what a pushed policy does to the tasks. It must not keep whether a feature is on: the
 // framework's registry of tasks is the only record. A policy object that was applied belongs to the
 // framework's registry of feature policies; one that failed is deleted here. Framework thread, with
-// the module's gate held alone.
+// the module's gate held alone but while the rsync daemon ends.
 #include <BackUpServerPolicy.h>
 #include <BackUpServerTask.h>
 #include <BackupServerStatus.h>
@@ -13,6 +13,7 @@
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <TrustedPlaces.h>
+#include <framework/OutsideGate.h>
 #include <json/value.h>
 #include <sdk/JsonUtils.h>
 #include <sdk/Log.h>
@@ -47,6 +48,15 @@ bool ReadDocument(const std::string& feature, const std::string& policyJson, boo
     }
     enabled = SDK::JsonUtils::GetBoolValue(root, "enabled", false);
     return true;
+}
+
+/// The end of the daemon takes seconds, which the other tasks need not wait.
+void UnRegisterBackupServerTask(SentrelModule& module) {
+    {
+        const Framework::OutsideGate outside;
+        module.UnRegisterTask("sentrel_backupserver_task");
+    }
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
 }
 
 void LimitStalls(Framework::Task& task) {
@@ -123,8 +133,7 @@ int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureNa
         RefreshFeaturePolicyBackUpServer(fp);
         return 0;
     }
-    UnRegisterTask("sentrel_backupserver_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+    UnRegisterBackupServerTask(*this);
     const SentrelUtils* utils = SentrelUtils::GetInstance();
     BackupServerStatus::Instance().SetOn(utils->backupserver_ip, utils->backupserver_port,
                                          utils->backupserver_path);
@@ -162,8 +171,7 @@ void SentrelModule::RefreshFeaturePolicyInotifyFailed(Framework::Policy* policy)
 }
 
 void SentrelModule::RefreshFeaturePolicyBackUpServer(Framework::Policy* policy) {
-    UnRegisterTask("sentrel_backupserver_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+    UnRegisterBackupServerTask(*this);
     BackupServerStatus::Instance().SetOff();
     delete policy;
 }

@@ -122,8 +122,12 @@ class SentrelUtils {
     /// neither be killed nor be taken for the daemon. Reads no settings.
     void DropForeignPidFile();
     /// Kills the process that the pid file names and removes the file. True when nothing is left
-    /// running. Blocks for up to 13 seconds.
+    /// running. Blocks for up to 13 seconds; a policy's callback waits outside the module's gate.
     bool DoStopRsyncDeamon();
+
+    /// A policy waits for the end of our daemon, outside the module's gate: nobody may start it
+    /// now.
+    std::atomic<bool> is_stopping_daemon{false};
 
     // Reports (SentrelReports.cpp).
 

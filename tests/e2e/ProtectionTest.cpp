@@ -1,8 +1,29 @@
+#include <arpa/inet.h>
+#include <sdk/FileDescriptor.h>
+#include <sdk/ProcessUtils.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <future>
+
 #include "support/ProtectedSite.h"
 
 namespace {
 
 using Protection = test::ProtectedSite;
+
+/// A port of the loopback address that nobody used a moment ago.
+int FreePort() {
+    const SDK::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_TRUE(::bind(socket.Get(), generic, size) == 0 &&
+                ::getsockname(socket.Get(), generic, &size) == 0);
+    return ntohs(address.sin_port);
+}
 
 TEST_F(Protection, TamperingIsUndone_AndTold) {
     Protect();
@@ -44,6 +65,34 @@ TEST_F(Protection, ProtectedDirectoryThatIsDeleted_ComesBack) {
     }));
     ASSERT_TRUE(AwaitProtection()) << agent_.Status();
     EXPECT_TRUE(TamperingIsUndone("news.html"));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, PolicyThatWaitsForTheBackupServersDaemon_LeavesThePagesProtected) {
+    Protect();
+    const test::TempDir received;
+    const Json::Value policy = test::BackupServerPolicy("127.0.0.1", FreePort(), received.Path());
+    ASSERT_EQ(agent_.Apply(policy, "backupserver_feature"), 0);
+    const auto daemon = [&] {
+        const std::string text = test::TempDir::Read(agent_.Path("bin/morvane_rsyncd.pid"));
+        return static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, 10));
+    };
+    ASSERT_TRUE(Await([&] { return daemon() != 0; })) << agent_.Status();
+    // The policy writes the daemon's configuration anew when it has waited.
+    const auto configuration = [&] {
+        std::error_code gone;
+        return std::filesystem::last_write_time(agent_.Path("conf/morvane_rsync.conf"), gone);
+    };
+    const auto before = configuration();
+    const unsigned int first = daemon();
+    auto applied = std::async(std::launch::async,
+                              [&] { return agent_.Apply(policy, "backupserver_feature"); });
+    EXPECT_TRUE(Await([&] { return !SDK::ProcessUtils::IsProcessAlive(first); }));
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+    EXPECT_TRUE(configuration() == before) << "the page came back only after the policy";
+    EXPECT_EQ(applied.get(), 0);
+    EXPECT_TRUE(configuration() != before);
+    EXPECT_TRUE(Await([&] { return daemon() != 0 && daemon() != first; })) << agent_.Status();
     EXPECT_EQ(agent_.Stop(), 0);
 }
 

@@ -1,4 +1,5 @@
 #include <framework/ModuleGate.h>
+#include <framework/OutsideGate.h>
 #include <sdk/ExecuteCmdUtils.h>
 
 #include <memory>
@@ -102,6 +103,40 @@ TEST_F(GateTest, TaskHandlesManyMessages_PolicyGoesBetweenThem) {
     };
     Apply();
     EXPECT_TRUE(WaitFor([&] { return handled == 10; }, kDeadline));
+    Unregister(task);
+}
+
+TEST_F(GateTest, CallbackThatWaitsOutside_LetsTasksWorkAndIsAloneAgainAfterwards) {
+    const Framework::OutsideGate without_a_gate;  // nothing happens
+    int first = 0;
+    int second = 0;
+    std::atomic<int> torn{0};
+    std::atomic<int> passes{0};
+    ScriptedTask task("task");
+    ScriptedTask other("other");
+    task.on_run = [&] {
+        if (first != second) ++torn;
+        ++passes;
+        return task.Waiter().WaitAndHandleEvent(1, 1);
+    };
+    ASSERT_TRUE(Register(task));
+    module_->on_policy = [&](const std::string&, Policy*& policy) {
+        policy->SetHandled(true);
+        EXPECT_TRUE(Register(other));
+        second = ++first;
+        {
+            const Framework::OutsideGate outside;
+            const Framework::OutsideGate nested;
+            const int seen = passes;
+            EXPECT_TRUE(WaitFor([&] { return passes > seen + 3; }, kDeadline));
+            Unregister(other);
+        }
+        ++first;
+        ++second;
+        return 1;
+    };
+    for (int round = 0; round < 20; ++round) EXPECT_EQ(Apply(), 1);
+    EXPECT_EQ(torn, 0);
     Unregister(task);
 }
 
