@@ -26,11 +26,9 @@ Delivery::Delivery(Post post, NamesBelow names_below, Counters& counters, Now no
 void Delivery::Add(PendingChange change) {
     const std::string& id = change.ticket->Receiver();
     Receiver& receiver = receivers_.try_emplace(id, names_below_, wakes_).first->second;
-    if (receiver.queue.Push(std::move(change), now_())) {
-        ++counters_.pending;
-    } else {
-        ++counters_.events_merged;
-    }
+    const PendingQueue::Pushed pushed = receiver.queue.Push(std::move(change), now_());
+    counters_.events_merged += pushed.dropped + (pushed.added ? 0 : 1);
+    counters_.pending += (pushed.added ? 1 : 0) - pushed.dropped;
 }
 
 void Delivery::SetStorm(bool storm) {
@@ -66,6 +64,7 @@ void Delivery::FlushOne(const std::string& id, Receiver& receiver) {
 }
 
 void Delivery::Settle(Receiver& receiver) {
+    receiver.queue.SetLossCost(receiver.window->LossCost());
     const std::size_t settled = receiver.queue.Settle(flushed_);
     if (settled > 1) counters_.deletions_settled += settled;
     if (settled > 0) {

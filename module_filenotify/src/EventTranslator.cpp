@@ -3,12 +3,15 @@
 
 #include "EventTranslator.h"
 
+#include <fcntl.h>
 #include <sdk/Log.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
+#include <cerrno>
+
+#include "RestoreNames.h"
 
 namespace Engine::FileNotify {
 
@@ -17,6 +20,10 @@ using Kind = NameIndex::Kind;
 namespace {
 
 constexpr std::chrono::seconds kOverflowLogAgainAfter{10};
+constexpr std::uint32_t kEnds = IN_MOVED_FROM | IN_DELETE;
+constexpr std::uint32_t kOfNames = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+// A restore makes and moves its temporary with few records between.
+constexpr std::size_t kFleetingRecords = 16;
 
 }  // namespace
 
@@ -32,7 +39,10 @@ std::size_t EventTranslator::Handle(std::size_t limit) {
         roots_.Settle();
     }
     // A partner is always among the records that were read with the first half.
-    if (reader_.Empty()) moves_.clear();
+    if (reader_.Empty()) {
+        moves_.clear();
+        fleeting_.clear();
+    }
     counters_.events_received += handled;
     return handled;
 }
@@ -42,7 +52,7 @@ void EventTranslator::HandleRecord(const InotifyRecord& record) {
         Overflow();
     } else if ((record.mask & IN_IGNORED) != 0) {
         WatchEnded(record.wd);
-    } else {
+    } else if (!IsFleeting(record)) {
         // Handling one node may remove another one of the same watch.
         DirNode* first = tree_.table.FirstNodeOf(record.wd);
         if (first == nullptr) return;
@@ -52,6 +62,52 @@ void EventTranslator::HandleRecord(const InotifyRecord& record) {
             if (tree_.table.IsNodeOf(record.wd, node)) HandleAt(*node, record);
         }
     }
+}
+
+// What a restore makes under a temporary name is moved to its place at once; who hears of the place
+// need not hear of the temporary. Only a name whose end has been read is left out.
+bool EventTranslator::IsFleeting(const InotifyRecord& record) {
+    if (!IsRestoreTemporary(record.name) || (record.mask & IN_ISDIR) != 0) return false;
+    const auto known = std::find_if(fleeting_.begin(), fleeting_.end(), [&](const auto& one) {
+        return one.first == record.wd && one.second == record.name;
+    });
+    if (known != fleeting_.end()) {
+        if ((record.mask & kEnds) != 0) fleeting_.erase(known);
+        return true;
+    }
+    if ((record.mask & IN_CREATE) == 0 || !EndsSoon(record)) return false;
+    fleeting_.emplace_back(record.wd, record.name);
+    return true;
+}
+
+bool EventTranslator::EndsSoon(const InotifyRecord& record) {
+    const auto find = [&] {
+        for (std::size_t distance = 1; distance <= kFleetingRecords; ++distance) {
+            const InotifyRecord* next = reader_.Ahead(distance);
+            if (next == nullptr) return false;
+            if (next->wd == record.wd && (next->mask & kEnds) != 0 && next->name == record.name) {
+                return true;
+            }
+        }
+        return false;
+    };
+    if (find()) return true;
+    if (reader_.Ahead(kFleetingRecords) != nullptr) return false;
+    reader_.Fill();
+    return find();
+}
+
+// A change of a file that has no name is told under a name that is nobody's. The index knows all
+// names of a directory that it has listed, as far as the records say; otherwise the disk is asked.
+bool EventTranslator::IsAboutNoName(DirNode& dir, const InotifyRecord& record) {
+    if (!IsUnnamedFile(record.name) || (record.mask & kOfNames) != 0) return false;
+    if (NameIndex::Lookup(dir, record.name) != Kind::kNone) return false;
+    if (dir.Is(DirNode::kListed) && !dir.Is(DirNode::kPartial)) return true;
+    const int holder = tree_.opener.Locate(dir);
+    struct stat status {};
+    const std::string name(record.name);
+    return holder >= 0 && ::fstatat(holder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 &&
+           errno == ENOENT;
 }
 
 void EventTranslator::Overflow() {
@@ -103,7 +159,7 @@ void EventTranslator::HandleAt(DirNode& dir, const InotifyRecord& record) {
         MovedFrom(dir, record);
     } else if ((record.mask & IN_MOVED_TO) != 0) {
         MovedTo(dir, record);
-    } else {
+    } else if (!IsAboutNoName(dir, record)) {
         router_.Announce({&dir, record.name}, record.mask);
     }
 }

@@ -2,8 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "InotifyReader.h"
 #include "TreeChanges.h"
@@ -40,6 +43,9 @@ class EventTranslator {
 
     void HandleRecord(const InotifyRecord& record);
     void HandleAt(DirNode& dir, const InotifyRecord& record);
+    bool IsFleeting(const InotifyRecord& record);
+    bool EndsSoon(const InotifyRecord& record);
+    bool IsAboutNoName(DirNode& dir, const InotifyRecord& record);
     void AboutDirectoryItself(DirNode& dir, const InotifyRecord& record);
     void MovedFrom(DirNode& dir, const InotifyRecord& record);
     void MovedTo(DirNode& dir, const InotifyRecord& record);
@@ -59,6 +65,8 @@ class EventTranslator {
     Poco::Logger* logger_;
     /// Moves whose first half has been taken in for both, by cookie.
     std::unordered_map<std::uint32_t, HalfMove> moves_;
+    /// Restore temporaries whose creation was left out, as their end is among the records to come.
+    std::vector<std::pair<int, std::string>> fleeting_;
     bool events_lost_ = false;
     InotifyReader::Time next_overflow_log_{};
 };

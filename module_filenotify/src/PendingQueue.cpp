@@ -8,9 +8,12 @@
 #include <iterator>
 #include <string>
 
+#include "RestoreNames.h"
+
 namespace Engine::FileNotify {
 
-bool PendingQueue::Equal::operator()(const Entry* one, const Entry* other) const {
+bool PendingQueue::Equal::operator()(const Entries::iterator& one,
+                                     const Entries::iterator& other) const {
     const PendingChange& a = one->change;
     const PendingChange& b = other->change;
     return a.mask == b.mask && a.ticket == b.ticket && a.path == b.path && a.moveto == b.moveto;
@@ -29,31 +32,71 @@ bool PendingQueue::Concerns(const Entry& entry) {
     return entry.change.IsAboutDirectory() && (entry.change.IsLoss() || entry.change.IsArrival());
 }
 
-bool PendingQueue::Push(PendingChange change, Time now) {
-    const bool is_loss = change.IsLoss();
-    if (is_loss) hold_.Note(now, lanes_[kHeld].empty());
-    Entry entry;
+bool PendingQueue::IsTemporary(const PendingChange& change) {
+    const std::string_view path = change.path;
+    return !change.IsAboutDirectory() && IsRestoreTemporary(path.substr(path.rfind('/') + 1));
+}
+
+PendingQueue::Pushed PendingQueue::Push(PendingChange change, Time now) {
+    if (incoming_.empty()) incoming_.emplace_back();
+    Entry& entry = incoming_.front();
     entry.change = std::move(change);
     entry.hash = HashOf(entry.change);
-    const auto known = known_.find(&entry);
+    Pushed pushed;
+    if (entry.change.IsLoss()) {
+        pushed.dropped = DropWaiting(entry, {IN_MODIFY, IN_ATTRIB});
+        if (IsTemporary(entry.change) && DropWaiting(entry, {IN_CREATE}) > 0) {
+            ++pushed.dropped;
+            return pushed;
+        }
+        hold_.Note(now, lanes_[kHeld].empty());
+    }
+    const auto known = known_.find(incoming_.begin());
     if (known != known_.end()) {
         (*known)->repeated = true;
-        return false;
+        return pushed;
     }
+    Place(entry, now);
+    Entries& lane = lanes_[entry.lane];
+    lane.splice(lane.end(), incoming_);
+    const auto placed = std::prev(lane.end());
+    known_.insert(placed);
+    if (Concerns(*placed)) NoteDirectory(placed);
+    pushed.added = true;
+    return pushed;
+}
+
+void PendingQueue::Place(Entry& entry, Time now) {
     entry.lane = LaneOf(entry.change);
     entry.serial = ++serial_;
     entry.due = now + LossHold::kLongest;
-    if (entry.lane == kContents && !entry.change.IsArrival() &&
-        repeats_.IsRepeat(entry.hash, now)) {
-        entry.lane = kRepeats;
-        entry.due = now + RepeatHold::kQuiet;
-        entry.last_due = now + RepeatHold::kLongest;
+    if (entry.lane != kContents) return;
+    const bool waits =
+        entry.change.IsArrival() ? IsTemporary(entry.change) : repeats_.IsRepeat(entry.hash, now);
+    if (!waits) return;
+    entry.lane = kRepeats;
+    entry.due = now + RepeatHold::kQuiet;
+    entry.last_due = now + RepeatHold::kLongest;
+}
+
+std::size_t PendingQueue::DropWaiting(const Entry& loss,
+                                      std::initializer_list<std::uint32_t> masks) {
+    if (known_.empty()) return 0;
+    if (probe_.empty()) probe_.emplace_back();
+    Entry& probe = probe_.front();
+    probe.change.ticket = loss.change.ticket;
+    probe.change.path = loss.change.path;
+    std::size_t dropped = 0;
+    for (const std::uint32_t mask : masks) {
+        probe.change.mask = mask | (loss.change.mask & IN_ISDIR);
+        probe.hash = HashOf(probe.change);
+        const auto found = known_.find(probe_.begin());
+        if (found == known_.end()) continue;
+        Remove(*found);
+        ++dropped;
     }
-    Entries& lane = lanes_[entry.lane];
-    lane.push_back(std::move(entry));
-    known_.insert(&lane.back());
-    if (Concerns(lane.back())) NoteDirectory(std::prev(lane.end()));
-    return true;
+    probe.change.ticket.reset();
+    return dropped;
 }
 
 void PendingQueue::NoteDirectory(Entries::iterator entry) {
@@ -63,7 +106,7 @@ void PendingQueue::NoteDirectory(Entries::iterator entry) {
 
 std::optional<PendingQueue::Time> PendingQueue::NextDue() const {
     std::optional<Time> next;
-    if (!lanes_[kHeld].empty()) next = hold_.Due();
+    if (!lanes_[kHeld].empty()) next = hold_.Due(lanes_[kHeld].size(), loss_cost_);
     const Entries& repeats = lanes_[kRepeats];
     if (!repeats.empty()) next = std::min(next.value_or(Time::max()), repeats.front().due);
     return next;
@@ -73,7 +116,7 @@ std::size_t PendingQueue::Settle(Time now) {
     settled_ = now;
     ReleaseRepeats(now);
     std::size_t held = lanes_[kHeld].size();
-    if (held > 0 && hold_.IsOver(now, held)) {
+    if (held > 0 && hold_.IsOver(now, held, loss_cost_)) {
         Release();
     } else {
         held = 0;
@@ -118,8 +161,8 @@ std::size_t PendingQueue::AddRepairs(Time now) {
         if (above == nullptr || !(*above)->change.IsLoss()) losses.push_back(&entry.change);
     }
     std::size_t added = 0;
-    for (PendingChange& repair : PlanRepairs(losses, names_below_)) {
-        if (Push(std::move(repair), now)) ++added;
+    for (PendingChange& repair : PlanRepairs(losses, names_below_, loss_cost_)) {
+        if (Push(std::move(repair), now).added) ++added;
     }
     if (added > 0) {
         for (Entry& entry : lanes_[kReleased]) entry.after = serial_;
@@ -189,7 +232,7 @@ void PendingQueue::Pop() {
 PendingQueue::Entries::iterator PendingQueue::Remove(Entries::iterator entry) {
     const auto noted = directories_.find(entry->change.path);
     if (noted != directories_.end() && noted->second == entry) directories_.erase(noted);
-    known_.erase(&*entry);
+    known_.erase(entry);
     return lanes_[entry->lane].erase(entry);
 }
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <list>
 #include <optional>
 #include <string_view>
@@ -23,9 +24,14 @@ namespace Engine::FileNotify {
 /// message, so one that it has not had yet speaks for the later ones too. Not bounded by a number,
 /// but by the paths there are.
 ///
+/// A loss speaks for the changes of contents and attributes of its object that came before it and
+/// still wait: these are dropped, so that the receiver does not take the loss for one of them.
+///
 /// The order, since one message may spare the receiver many others:
 /// - Deletions are held back as long as LossHold says, repeated changes of contents in a storm as
 ///   long as RepeatHold says.
+/// - The arrival of a restore's temporary (RestoreNames) waits as long as a repeated change; when
+///   its loss comes meanwhile, neither is told.
 /// - Changes of content go first, then those of directories (a receiver that puts a directory back
 ///   undoes what is changed in it, which is to be judged and told before), then deletions.
 /// - The arrival or loss of a directory goes ahead of all that waits below it, the topmost first;
@@ -43,8 +49,14 @@ class PendingQueue {
     PendingQueue& operator=(const PendingQueue&) = delete;
     ~PendingQueue() = default;
 
-    bool Push(PendingChange change, Time now);  ///< false: the same was waiting already
+    struct Pushed {
+        bool added = false;       ///< else the same was waiting already, or nothing is left to tell
+        std::size_t dropped = 0;  ///< of those that waited; the new one speaks for them
+    };
+    Pushed Push(PendingChange change, Time now);
     void SetStorm(bool storm) { repeats_.SetStorm(storm); }
+    /// What the receiver needs to undo one deletion, as far as that has been seen.
+    void SetLossCost(std::chrono::nanoseconds cost) { loss_cost_ = cost; }
     std::size_t Size() const { return known_.size(); }
 
     /// Lets go what has been held back for long enough; how many changes it was.
@@ -82,15 +94,18 @@ class PendingQueue {
     };
     using Entries = std::list<Entry>;
     struct Hash {
-        std::size_t operator()(const Entry* entry) const { return entry->hash; }
+        std::size_t operator()(const Entries::iterator& entry) const { return entry->hash; }
     };
     struct Equal {
-        bool operator()(const Entry* one, const Entry* other) const;
+        bool operator()(const Entries::iterator& one, const Entries::iterator& other) const;
     };
 
     static std::size_t HashOf(const PendingChange& change);
     static Lane LaneOf(const PendingChange& change);
     static bool Concerns(const Entry& entry);
+    static bool IsTemporary(const PendingChange& change);
+    void Place(Entry& entry, Time now);
+    std::size_t DropWaiting(const Entry& loss, std::initializer_list<std::uint32_t> masks);
     void NoteDirectory(Entries::iterator entry);
     void Release();
     void ReleaseRepeats(Time now);
@@ -102,11 +117,14 @@ class PendingQueue {
 
     const NamesBelow names_below_;
     std::array<Entries, kLanes> lanes_;
-    std::unordered_set<Entry*, Hash, Equal> known_;
+    std::unordered_set<Entries::iterator, Hash, Equal> known_;
+    Entries incoming_;  ///< one, not known yet
+    Entries probe_;     ///< one, to look others up by
     /// The last waiting arrival or loss of each directory, by path.
     std::unordered_map<std::string_view, Entries::iterator> directories_;
     Entries::iterator next_;
     LossHold hold_;
+    std::chrono::nanoseconds loss_cost_ = LossHold::kUsualCost;
     RepeatHold repeats_;
     Time settled_{};
     std::uint64_t serial_ = 0;

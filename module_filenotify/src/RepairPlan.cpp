@@ -9,10 +9,9 @@ namespace Engine::FileNotify {
 
 namespace {
 
-// What putting back costs, in microseconds: the start of a command, and what it takes for each name
-// that is there already and has to be compared. Measured on small files; what counts is the ratio.
-constexpr std::size_t kOneCommand = 6000;
-constexpr std::size_t kOneName = 100;
+// What it takes for each name of a directory that is put back as a whole, to compare it or to put
+// it back, beside what one loss costs. Measured on small files.
+constexpr std::chrono::nanoseconds kOneName = std::chrono::microseconds(100);
 // Fewer are put back one by one: a directory put back as a whole also undoes, without a word, what
 // else has been changed in it.
 constexpr std::size_t kFewest = 16;
@@ -32,7 +31,7 @@ struct Place {
 
 struct Losses {
     std::size_t count = 0;
-    std::size_t cost = 0;  ///< of the cheapest way found so far
+    std::chrono::nanoseconds cost{0};  ///< of the cheapest way found so far
     std::chrono::steady_clock::time_point oldest = std::chrono::steady_clock::time_point::max();
 };
 
@@ -59,7 +58,8 @@ void Choose(const Place& place, const Losses& losses, Chosen& chosen) {
 }  // namespace
 
 std::vector<PendingChange> PlanRepairs(const std::vector<const PendingChange*>& losses,
-                                       const NamesBelow& names_below) {
+                                       const NamesBelow& names_below,
+                                       std::chrono::nanoseconds one_loss) {
     std::map<Place, Losses> places;
     const auto add = [&](const std::shared_ptr<const WatchTicket>& ticket, const std::string& path,
                          const Losses& more) {
@@ -71,14 +71,14 @@ std::vector<PendingChange> PlanRepairs(const std::vector<const PendingChange*>& 
         sum.oldest = std::min(sum.oldest, more.oldest);
     };
     for (const PendingChange* loss : losses) {
-        add(loss->ticket, loss->path, {1, kOneCommand, loss->read_time});
+        add(loss->ticket, loss->path, {1, one_loss, loss->read_time});
     }
     Chosen chosen;
     // Outer directories, which come later, are added on the way.
     for (auto& [place, sum] : places) {
         if (sum.count >= kFewest) {
             const auto names = names_below(*place.ticket, place.directory);
-            const std::size_t whole = kOneCommand + kOneName * (names.value_or(0) + sum.count);
+            const auto whole = one_loss + kOneName * (names.value_or(0) + sum.count);
             if (names && whole < sum.cost) {
                 sum.cost = whole;
                 Choose(place, sum, chosen);

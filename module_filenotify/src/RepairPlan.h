@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -17,10 +18,11 @@ using NamesBelow =
 
 /// The directories whose content is to be put back as a whole rather than name by name, given what
 /// has been deleted in and below them; none of them lies in another one. A receiver reads all that
-/// a directory holds, but only once, while every single name costs it a command of its own.
+/// a directory holds, but only once, while every single name costs it `one_loss`.
 ///
 /// Each is a change of its directory, as old as the oldest deletion.
 std::vector<PendingChange> PlanRepairs(const std::vector<const PendingChange*>& losses,
-                                       const NamesBelow& names_below);
+                                       const NamesBelow& names_below,
+                                       std::chrono::nanoseconds one_loss);
 
 }  // namespace Engine::FileNotify

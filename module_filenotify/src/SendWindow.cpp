@@ -41,11 +41,20 @@ void SendWindow::MessageGone(const FileNotifyMessage& message,
                              std::optional<std::chrono::nanoseconds> handling) noexcept {
     if (handling) Learn(*handling);
     if ((message.GetEventMask() & (IN_DELETE | IN_MOVED_FROM)) != 0) {
-        if (handling >= kSlowLoss) ++slow_losses_;
+        // A directory costs as much as there is in it.
+        if (handling && (message.GetRawMask() & IN_ISDIR) == 0) LearnLoss(*handling);
         --losses_in_flight_;
     }
     const std::int64_t left = in_flight_.fetch_sub(1) - 1;
     if (left <= wake_at_ && wake_at_.exchange(kNoWake) != kNoWake) wake_->Wake();
+}
+
+void SendWindow::LearnLoss(std::chrono::nanoseconds handling) noexcept {
+    if (handling < kUndone) return;
+    if (handling >= kSlowLoss) ++slow_losses_;
+    const std::int64_t took = std::min<std::chrono::nanoseconds>(handling, kDearest).count();
+    const std::int64_t cost = loss_cost_ns_;
+    loss_cost_ns_ = loss_cost_known_.exchange(true) ? cost + (took - cost) / kFading : took;
 }
 
 void SendWindow::Learn(std::chrono::nanoseconds handling) noexcept {

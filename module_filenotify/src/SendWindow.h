@@ -10,6 +10,7 @@
 #include <optional>
 #include <utility>
 
+#include "LossHold.h"
 #include "WakeLine.h"
 
 namespace Engine::FileNotify {
@@ -21,16 +22,20 @@ namespace Engine::FileNotify {
 class SendWindow : public DeliveryObserver {
   public:
     static constexpr std::chrono::milliseconds kWork{30};
-    static constexpr std::size_t kFewest = 4;
+    static constexpr std::size_t kFewest = 8;
     static constexpr std::size_t kMost = 256;
 
     explicit SendWindow(std::shared_ptr<const WakeLine> wake) : wake_(std::move(wake)) {}
 
     /// Deletions are posted in so small numbers only, until it is known what they cost.
     static constexpr std::size_t kMostLosses = 8;
-    /// A deletion that took so long has been undone by a command.
+    /// A deletion that took so long has been undone by a command; one that took less than this has
+    /// been found to be undone already.
     static constexpr std::chrono::milliseconds kSlowLoss{2};
     static constexpr int kSlowLosses = 3;
+    static constexpr std::chrono::microseconds kUndone{60};
+    static constexpr std::chrono::milliseconds kDearest{
+        20};  ///< one that took longer counts so much
 
     // Task's thread only.
     bool HasRoom() const { return InFlight() < Size(); }
@@ -44,6 +49,10 @@ class SendWindow : public DeliveryObserver {
     /// Deletions have turned out slow since they were forgotten.
     bool LossesAreSlow() const { return slow_losses_ >= kSlowLosses; }
     void ForgetSlowLosses() { slow_losses_ = 0; }
+    /// What it takes to undo the deletion of one file, by the last ones.
+    std::chrono::nanoseconds LossCost() const {
+        return std::chrono::nanoseconds(loss_cost_ns_.load());
+    }
 
     // Any thread.
     std::size_t InFlight() const { return static_cast<std::size_t>(in_flight_.load()); }
@@ -55,11 +64,14 @@ class SendWindow : public DeliveryObserver {
     static constexpr std::int64_t kNoWake = -1;
 
     void Learn(std::chrono::nanoseconds handling) noexcept;
+    void LearnLoss(std::chrono::nanoseconds handling) noexcept;
 
     const std::shared_ptr<const WakeLine> wake_;
     std::atomic<std::int64_t> in_flight_{0};
     std::atomic<std::int64_t> losses_in_flight_{0};
     std::atomic<int> slow_losses_{0};
+    std::atomic<std::int64_t> loss_cost_ns_{LossHold::kUsualCost.count()};
+    std::atomic<bool> loss_cost_known_{false};
     std::atomic<std::int64_t> wake_at_{kNoWake};
     std::atomic<std::int64_t> pace_ns_{1000000};  ///< what a message is taken to need
 };

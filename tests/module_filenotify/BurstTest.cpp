@@ -99,14 +99,70 @@ TEST_F(Burst, Deletions_WaitForAQuietSpellAndTheRestDoesNot) {
     Add(IN_DELETE, "/b");
     Add(IN_MODIFY, "/page");
     EXPECT_EQ(Posted(), Names{"/page"});
-    now += LossHold::kQuiet - 1ms;
+    now += LossHold::kShortestQuiet - 1us;
     Add(IN_DELETE, "/c");
     EXPECT_EQ(Posted(), Names());
     ASSERT_TRUE(delivery->NextDue());
-    EXPECT_EQ(*delivery->NextDue(), now + LossHold::kQuiet);
+    EXPECT_EQ(*delivery->NextDue(), now + 2 * LossHold::kUsualCost);
     now = *delivery->NextDue();
     EXPECT_EQ(Posted(), (Names{"-/b", "-/c"}));
     EXPECT_EQ(counters.deletions_settled, 2U);
+}
+
+TEST_F(Burst, Deletions_WaitNoLongerThanUndoingThemTakes) {
+    handling = 200us;
+    Add(IN_DELETE, "/a");
+    EXPECT_EQ(Posted(), Names{"-/a"});
+    handling = 10us;  // as for what a restored directory has brought back already
+    Add(IN_DELETE, "/b");
+    EXPECT_EQ(Posted(), Names());
+    EXPECT_EQ(delivery->NextDue(), now + LossHold::kShortestQuiet);
+    AddMany(IN_DELETE, "/c", 49);
+    EXPECT_EQ(delivery->NextDue(), now + 50 * 200us);
+    AddMany(IN_DELETE, "/d", 1000);
+    EXPECT_EQ(delivery->NextDue(), now + LossHold::kLongestQuiet);
+    now += LossHold::kLongestQuiet;
+    EXPECT_EQ(Posted().size(), 1050U);
+    Add(IN_DELETE, "/e");
+    Add(IN_DELETE, "/f");
+    EXPECT_EQ(Posted(), Names());
+    EXPECT_EQ(delivery->NextDue(), now + LossHold::kShortestQuiet);
+}
+
+TEST_F(Burst, LossOfWhatWaits_SpeaksForWhatCameBefore) {
+    Add(IN_ATTRIB | kDir, "/d");
+    Add(IN_MODIFY, "/f");
+    Add(IN_ATTRIB, "/f");
+    Add(IN_MODIFY, "/g");
+    AddMany(IN_DELETE, "/d/", 2);
+    Add(IN_DELETE | kDir, "/d");
+    Add(IN_DELETE, "/f");
+    Add(IN_CREATE, "/f");
+    Add(IN_ATTRIB, "/f");
+    EXPECT_EQ(Posted(), (Names{"/g", "/f", "/f"}));
+    now += LossHold::kLongestQuiet;
+    EXPECT_EQ(Posted(), (Names{"-/d/", "-/d/0", "-/d/1", "-/f"}));
+    EXPECT_EQ(counters.events_merged, 3U);
+    EXPECT_EQ(counters.pending, 0U);
+}
+
+TEST_F(Burst, RestoreTemporary_IsToldOnlyWhenItStays) {
+    const std::string temporary = "/d/.morvane-restore-0123456789abcdef";
+    Add(IN_CREATE, temporary);
+    Add(IN_MOVED_TO, "/d/page");
+    EXPECT_EQ(Posted(), Names{"/d/page"});
+    Add(IN_MOVED_FROM, temporary);
+    EXPECT_EQ(counters.pending, 0U);
+    EXPECT_FALSE(delivery->NextDue());
+    Add(IN_DELETE, "/x");
+    EXPECT_EQ(Posted(), Names{"-/x"});  // no storm
+    Add(IN_CREATE, temporary);
+    Add(IN_CREATE, temporary + "0");
+    EXPECT_EQ(Posted(), Names{temporary + "0"});
+    now += RepeatHold::kQuiet;
+    EXPECT_EQ(Posted(), Names{temporary});
+    Add(IN_MOVED_FROM, temporary);
+    EXPECT_EQ(Posted(), Names{"-" + temporary});
 }
 
 TEST_F(Burst, StormWithoutPause_DeletionsAreLetGoAtTheBound) {
@@ -147,7 +203,7 @@ TEST_F(Burst, SameFilesChangedAllTheTime_OnlyInAStormTheyWaitBoundedAndTheFirstC
 }
 
 TEST_F(Burst, DirectoryDeleted_GoesAheadOfAllBelowIt) {
-    Add(IN_MODIFY, "/top/a/1");
+    Add(IN_MODIFY, "/top/a/other");
     for (const char* inner : {"/top/a", "/top/b"}) {
         AddMany(IN_DELETE, std::string(inner) + "/", 2);
         Add(IN_DELETE | kDir, inner);
@@ -155,7 +211,7 @@ TEST_F(Burst, DirectoryDeleted_GoesAheadOfAllBelowIt) {
     Add(IN_DELETE | kDir, "/top");
     Add(IN_MODIFY, "/other");
     EXPECT_EQ(Posted(), Names{"/other"});  // what is modified below waits with its directory
-    now += LossHold::kQuiet;
+    now += LossHold::kLongestQuiet;
     const Names posted = Posted();
     ASSERT_EQ(posted.size(), 8U);
     EXPECT_EQ(posted.front(), "-/top/");
@@ -173,13 +229,13 @@ TEST_F(Burst, DirectoryComesBackDuringTheStorm_IsNotHeldBack) {
     Add(IN_CREATE | kDir, "/d");
     Add(IN_CREATE, "/d/new");
     EXPECT_EQ(Posted(), (Names{"/d/", "/d/f", "/d/new"}));
-    now += LossHold::kQuiet;
+    now += LossHold::kLongestQuiet;
     EXPECT_EQ(Posted(), (Names{"-/d/0", "-/d/1", "-/d/"}));
 }
 
 TEST_F(Burst, ChangeOfADirectory_GoesAfterContentsAndBeforeDeletions) {
     AddMany(IN_DELETE, "/d/", 2);
-    now += LossHold::kQuiet;
+    now += LossHold::kLongestQuiet;
     Add(IN_ATTRIB | kDir, "/d");
     Add(IN_MODIFY, "/d/f");
     EXPECT_EQ(Posted(), (Names{"/d/f", "/d/", "-/d/0", "-/d/1"}));
@@ -212,7 +268,7 @@ class Repair : public Burst {
   protected:
     /// Lets the deletions go and has the first of them dealt with; what is posted after these.
     Names PostedAfterTheFirst(std::chrono::nanoseconds cost) {
-        now += LossHold::kQuiet;
+        now += LossHold::kLongestQuiet;
         delivery->Flush();
         EXPECT_EQ(queue.size(), SendWindow::kMostLosses);
         handling = cost;
@@ -251,7 +307,7 @@ TEST_F(Repair, LostInManyDirectories_TheCheapestSetIsAnnounced) {
     AddMany(IN_DELETE | kDir, "/top/b/sub", 40);
     Add(IN_DELETE, "/top/b/sub1/below");
     AddMany(IN_DELETE, "/far/", 20);
-    const Names posted = PostedAfterTheFirst(SendWindow::kSlowLoss);
+    const Names posted = PostedAfterTheFirst(6ms);
     EXPECT_EQ(counters.directories_announced, 2U);
     EXPECT_EQ((std::set<std::string>(posted.begin(), posted.begin() + 2)),
               (std::set<std::string>{"/top/", "/far/"}));
@@ -322,6 +378,10 @@ TEST_F(Burst, AtRandom_EveryChangeIsDelivered) {
         }
         const std::uint32_t mask = masks[random() % masks.size()];
         Add(mask, path);
+        if ((mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+            waiting.erase({IN_MODIFY | (mask & kDir), path});
+            waiting.erase({IN_ATTRIB | (mask & kDir), path});
+        }
         waiting.emplace(mask, path);
         now += std::chrono::microseconds(random() % 3000);
         if (random() % 4 == 0) delivery->Flush();
@@ -331,7 +391,7 @@ TEST_F(Burst, AtRandom_EveryChangeIsDelivered) {
     for (int round = 0; round < 1000 && !delivery->Empty(); ++round) {
         delivery->Flush();
         handle(queue.size());
-        now += LossHold::kQuiet;
+        now += LossHold::kLongestQuiet;
     }
     handle(queue.size());
     EXPECT_TRUE(delivery->Empty());

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sdk/FileDescriptor.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -243,6 +244,62 @@ TEST_F(Changes, NotRecursive_OnlyDirectChildrenAreTold) {
     const auto seen = SeenUntilNow();
     EXPECT_TRUE(Has(seen, IN_CREATE, Root("f")));
     EXPECT_FALSE(Has(seen, IN_CREATE, Root("d/f"))) << Print(seen);
+}
+
+/// Puts content in a page's place as a restore does: unnamed, under a temporary name, renamed.
+class RestoreEcho : public NotifyTest {
+  protected:
+    static constexpr const char* kTemporary = ".morvane-restore-00112233445566";
+
+    void Replace(const std::string& name, int number) const {
+        const SDK::FileDescriptor dir(::open(Root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        const SDK::FileDescriptor file(
+            ::openat(dir.Get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+        ASSERT_TRUE(file.IsOpen());
+        ASSERT_EQ(::write(file.Get(), "good", 4), 4);
+        ASSERT_EQ(::fchmod(file.Get(), 0644), 0);
+        const std::string temporary = kTemporary + std::to_string(10 + number % 90);
+        const std::string unnamed = "/proc/self/fd/" + std::to_string(file.Get());
+        ASSERT_EQ(
+            ::linkat(AT_FDCWD, unnamed.c_str(), dir.Get(), temporary.c_str(), AT_SYMLINK_FOLLOW),
+            0);
+        ASSERT_EQ(::renameat(dir.Get(), temporary.c_str(), dir.Get(), name.c_str()), 0);
+    }
+};
+
+TEST_F(RestoreEcho, PagesPutBack_OnlyTheirNewPlacesAreTold) {
+    constexpr int kPages = 200;
+    const auto page = [](int i) { return "page" + std::to_string(i); };
+    for (int i = 0; i < kPages; ++i) TouchFile(Root(page(i)));
+    Watch(Root());
+    for (int i = 0; i < kPages; ++i) Replace(page(i), i);
+    const auto seen = SeenUntilNow();
+    EXPECT_EQ(seen.size(), std::size_t{kPages}) << Print(seen);
+    for (int i = 0; i < kPages; ++i) EXPECT_TRUE(Has(seen, IN_MOVED_TO, Root(page(i)))) << i;
+    EXPECT_TRUE(IndexAgrees());
+}
+
+TEST_F(RestoreEcho, FilesOfSuchNamesThatStay_AreTold) {
+    TouchFile(Root("#77"));
+    Watch(Root());
+    TouchFile(Root("#77"));
+    EXPECT_TRUE(Sees(IN_MODIFY, Root("#77")));
+    TouchFile(Root("#5"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("#5")));
+    const std::string temporary = Root(std::string(kTemporary) + "ab");
+    TouchFile(temporary);
+    EXPECT_TRUE(Sees(IN_CREATE, temporary));
+    // Made and moved away again and again, and there at last.
+    for (int i = 0; i < 50; ++i) {
+        TouchFile(temporary + "x");
+        fs::rename(temporary + "x", Root("shell"));
+        fs::rename(Root("shell"), temporary);
+    }
+    fs::rename(temporary, Root("shell"));
+    receiver_->Forget();
+    TouchFile(temporary);
+    EXPECT_TRUE(Sees(IN_CREATE, temporary));
+    EXPECT_TRUE(IndexAgrees());
 }
 
 }  // namespace test
