@@ -38,14 +38,14 @@ void MeasureOne(Plan& plan, Post& post, int run) {
     std::vector<std::string> left = Add(post.Place().live, run);
     const std::vector<std::string> added = left;
     const auto last = Clock::now();
-    const bool removed = WaitUntil(kPatience, kObserve, [&] {
+    const bool removed = WaitUntil(plan.Patience(kPatience), kObserve, [&] {
         while (!left.empty() && ::access(left.back().c_str(), F_OK) != 0) left.pop_back();
         return left.empty();
     });
     const double removed_ms = MsSince(last);
     const auto wanted = static_cast<std::int64_t>(added.size());
-    const bool reported =
-        WaitUntil(kPatience, kObserve, [&] { return agent.LastReport() - before >= wanted; });
+    const bool reported = WaitUntil(plan.Patience(kPatience), kObserve,
+                                    [&] { return agent.LastReport() - before >= wanted; });
     const double reported_ms = MsSince(last);
     const Reported told = agent.Since(before);
     std::size_t missing = 0;

@@ -26,7 +26,7 @@ std::vector<Contestant> Contestants(const Plan& plan) {
     all.push_back({std::make_unique<BareRsync>(machine), plan.Runs(5, 1)});
     all.push_back({std::make_unique<AgentGuard>(machine, true), runs});
     if (AgentGuard::HasPlainForm(machine)) {
-        all.push_back({std::make_unique<AgentGuard>(machine, false), plan.Runs(5, 1)});
+        all.push_back({std::make_unique<AgentGuard>(machine, false), plan.Runs(5, 0)});
     }
     all.push_back({std::make_unique<InotifywaitLoop>(machine), slow});
     all.push_back({std::make_unique<Lsyncd>(machine, Lsyncd::Way::kFile), slow});
@@ -48,17 +48,22 @@ std::vector<std::string> PathsOf(const Post& post, const std::vector<FileState>&
     return paths;
 }
 
-double RestoreInSequence(BareRsync& bare, const std::vector<FileState>& files) {
+/// In the short form each fourth is timed, as each takes the same, and the rest put back at once.
+double RestoreInSequence(Plan& plan, BareRsync& bare, const std::vector<FileState>& files) {
+    const std::size_t step = plan.brief ? 4 : 1;
+    if (plan.brief) plan.results.Note(kRow, bare.Name(), "250 files, times four");
     const auto start = Clock::now();
-    for (const FileState& file : files) Run(bare.Restore(file.path));
-    return MsSince(start);
+    for (std::size_t i = 0; i < files.size(); i += step) Run(bare.Restore(files[i].path));
+    const double taken = MsSince(start) * static_cast<double>(step);
+    if (plan.brief) Run(bare.Restore(""));
+    return taken;
 }
 
 /// `start`: of the writing. Files whose alarm shows no difference do not count as reported.
 void MeasureReports(Plan& plan, const AgentGuard& agent, std::int64_t before,
                     Clock::time_point start, const std::vector<std::string>& paths) {
     Reported told;
-    const bool all = agent.AwaitReports(before, paths, kPatience, told);
+    const bool all = agent.AwaitReports(before, paths, plan.Patience(kPatience), told);
     const double taken = MsSince(start);
     std::size_t shown = 0;
     for (const std::string& path : paths) shown += told.with_difference.count(path);
@@ -82,10 +87,10 @@ void MeasureOne(Plan& plan, Post& post, int run) {
     double milliseconds_taken = 0;
     Outstanding outstanding(post.Place().live, files);
     if (auto* bare = dynamic_cast<BareRsync*>(&guard)) {
-        milliseconds_taken = RestoreInSequence(*bare, files);
+        milliseconds_taken = RestoreInSequence(plan, *bare, files);
         outstanding.Look();
     } else {
-        outstanding.Wait(kPatience, kObserve);
+        outstanding.Wait(plan.Patience(kPatience), kObserve);
         milliseconds_taken = MsSince(start);
     }
     if (agent != nullptr) MeasureReports(plan, *agent, before, start, PathsOf(post, files));

@@ -25,17 +25,17 @@ constexpr Size kSizes[] = {{"restore_4k", "small", 4096, 50},
                            {"restore_1m", "medium", 1 << 20, 10},
                            {"restore_10m", "large", 10 << 20, 5}};
 
-Guards Contestants(const Machine& machine) {
+Guards Contestants(const Machine& machine, bool brief) {
     Guards guards;
     guards.push_back(std::make_unique<BareRsync>(machine));
-    guards.push_back(std::make_unique<ForkedRsync>(machine));
+    if (!brief) guards.push_back(std::make_unique<ForkedRsync>(machine));
     guards.push_back(std::make_unique<BareCopy>(machine));
     guards.push_back(std::make_unique<AgentGuard>(machine, true));
-    if (AgentGuard::HasPlainForm(machine)) {
+    if (AgentGuard::HasPlainForm(machine) && !brief) {
         guards.push_back(std::make_unique<AgentGuard>(machine, false));
     }
     guards.push_back(std::make_unique<InotifywaitLoop>(machine));
-    guards.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kFile));
+    if (!brief) guards.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kFile));
     guards.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kBatch));
     guards.push_back(std::make_unique<Watchman>(machine));
     return guards;
@@ -79,7 +79,7 @@ void MeasureOne(Plan& plan, Post& post, const Size& size, int run) {
 
 void MeasureLatency(Plan& plan) {
     Posts posts;
-    for (auto& guard : Installed(plan, kSizes[0].row, Contestants(plan.machine))) {
+    for (auto& guard : Installed(plan, kSizes[0].row, Contestants(plan.machine, plan.brief))) {
         auto post = std::make_unique<Post>(plan.machine, std::move(guard));
         if (!FillSite(post->Place().live) || !post->Survey(post->Good() == post->Place().good)) {
             plan.results.Note(kSizes[0].row, post->Watch().Name(), "no room for its tree");

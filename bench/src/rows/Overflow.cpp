@@ -36,7 +36,7 @@ void MeasureOne(Plan& plan, Post& post, std::size_t capacity) {
     Outstanding outstanding(post.Place().live, post.Files());
     std::size_t left = post.Files().size();
     auto last = start;
-    WaitUntil(kPatience, kObserve, [&] {
+    WaitUntil(plan.Patience(kPatience), kObserve, [&] {
         const std::size_t now = outstanding.Look();
         if (now < left) last = Clock::now();
         left = now;

@@ -1,12 +1,25 @@
 // The list of rows and what they share. A post owns its guard and its folder.
 #include "rows/Row.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
 namespace Bench {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+constexpr milliseconds kLeastPatience{5000};
+
+}  // namespace
+
+milliseconds Plan::Patience(milliseconds most) const {
+    if (until == Clock::time_point::max()) return most;
+    const auto left = std::chrono::duration_cast<milliseconds>(until - Clock::now());
+    return std::max(kLeastPatience, std::min(most, left));
+}
 
 void Plan::Say(const std::string& text) const {
     std::printf("    %s\n", text.c_str());
@@ -15,9 +28,9 @@ void Plan::Say(const std::string& text) const {
 
 const std::vector<RowEntry>& AllRows() {
     static const std::vector<RowEntry> kRows = {
-        {"latency", "one file modified: 4 KiB, 1 MiB, 10 MiB", 40, MeasureLatency},
+        {"latency", "one file modified: 4 KiB, 1 MiB, 10 MiB", 25, MeasureLatency},
         {"names", "one file modified, by what is in its name", 5, MeasureNames},
-        {"burst", "1,000 files modified at once", 90, MeasureBurst},
+        {"burst", "1,000 files modified at once", 30, MeasureBurst},
         {"storm", "30,000 files modified at once", 40, MeasureStorm},
         {"hostile", "one file modified while others do their worst", 30, MeasureHostile},
         {"added", "10,000 files added at once", 15, MeasureAdded},

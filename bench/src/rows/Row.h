@@ -22,6 +22,10 @@ struct Plan {
     /// Whether run number `run` of `runs` is to be made: the first always, others only in time.
     bool Goes(int run, int runs) const { return run < runs && (run == 0 || Clock::now() < until); }
 
+    /// How long to wait for what should take less than `most`: in the short form never so long
+    /// that it would not end within its time.
+    milliseconds Patience(milliseconds most) const;
+
     /// One line on the terminal, so that one sees where it is.
     void Say(const std::string& text) const;
 };

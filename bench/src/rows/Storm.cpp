@@ -67,7 +67,7 @@ void MeasureReports(Plan& plan, const AgentGuard& agent, const Post& post, std::
     std::vector<std::string> paths;
     for (const FileState& file : post.Files()) paths.push_back(post.Live(file));
     Reported told;
-    const bool all = agent.AwaitReports(before, paths, kReportPatience, told);
+    const bool all = agent.AwaitReports(before, paths, plan.Patience(kReportPatience), told);
     if (all) plan.results.Add("storm_30000_told", agent.Name(), MsSince(start));
     std::size_t reported = 0;
     std::size_t shown = 0;
@@ -88,7 +88,7 @@ void MeasureOurs(Plan& plan) {
     for (const FileState& file : post->Files()) Tamper(post->Live(file));
     const double writing = MsSince(start);
     Outstanding outstanding(post->Place().live, post->Files());
-    const std::size_t left = WaitWhileProgress(outstanding, kPatience);
+    const std::size_t left = WaitWhileProgress(outstanding, plan.Patience(kPatience));
     const double taken = MsSince(start);
     MeasureReports(plan, agent, *post, before, start);
     agent.Settle();
