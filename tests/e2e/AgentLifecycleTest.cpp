@@ -38,11 +38,11 @@ TEST_F(AgentLifecycle, SudoThatNeverReturns_DoesNotKeepItFromStopping) {
     const std::string pid_file = dir.Path("agent");
     dir.Write("bin/sudo",
               "#!/bin/sh\nread -r pid name state parent rest </proc/$PPID/stat\n"
-              "echo $parent >" +
-                  pid_file + "\nexec sleep 600\n");
+              "echo $parent >\"" +
+                  pid_file + "\"\nexec sleep 600\n");
     ::chmod(dir.Path("bin/sudo").c_str(), 0755);
-    agent_.RunBehind({"/bin/sh", "-c",
-                      "mount --bind " + dir.Path("bin") + " /usr/local/sbin && exec \"$@\"", "sh"});
+    agent_.RunBehind(
+        {"/bin/sh", "-c", "mount --bind \"$0\" /usr/local/sbin && exec \"$@\"", dir.Path("bin")});
     const auto stop_when_held = [&] {
         const auto pid = [&] { return std::atoi(test::TempDir::Read(pid_file).c_str()); };
         EXPECT_TRUE(test::WaitFor([&] { return pid() > 0; }, 20s));
