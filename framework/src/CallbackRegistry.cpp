@@ -81,9 +81,11 @@ PolicyOutcome CallbackRegistry::Dispatch(const std::string& feature,
     for (const auto& entry : entries) {
         if (!entry->policy) continue;
         int result = 0;
+        entry->module->TakePolicyRejection();  // nobody has asked for an earlier one
         const std::string thrown = RunGuarded([&] {
             result = entry->module->RefreshPolicy(entry->id, feature, policy_json, policy);
         });
+        const std::string rejection = entry->module->TakePolicyRejection();
         if (!thrown.empty()) {
             SDK_LOG(RootLogger(), PRIO_ERROR, "policy callback %s failed on feature %s: %s",
                     entry->id, feature, thrown);
@@ -93,6 +95,7 @@ PolicyOutcome CallbackRegistry::Dispatch(const std::string& feature,
         outcome.handled = true;
         outcome.result = result;
         outcome.exception = thrown;
+        outcome.rejection = rejection;
         break;
     }
     delete policy;

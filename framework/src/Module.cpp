@@ -112,6 +112,14 @@ int Module::RefreshPolicy(const std::string& callback_id, const std::string& fea
     return callback->invoke(feature, policy_json, policy);
 }
 
+void Module::RejectPolicy(const std::string& reason) {
+    if (policy_rejection_.empty()) policy_rejection_ = reason;
+}
+
+std::string Module::TakePolicyRejection() {
+    return std::exchange(policy_rejection_, std::string());
+}
+
 bool Module::RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback) {
     std::unique_ptr<AbstractPolicyCallback> owned(callback);
     return Engine::Instance().Callbacks().AddPolicy(*this, id, std::move(owned));

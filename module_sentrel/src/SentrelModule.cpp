@@ -3,6 +3,7 @@
 // gives it back when it has joined the task's thread. Framework thread.
 #include <BackUpServerTask.h>
 #include <BackupServerStatus.h>
+#include <PolicyTakeover.h>
 #include <ScheduleStatus.h>
 #include <SentrelBackupTask.h>
 #include <SentrelInotifyTask.h>
@@ -27,6 +28,7 @@ constexpr const char* kStatusQuery = "status.sentrel";
 constexpr const char* kExclusionsQuery = "exclusions.sentrel_inotify_task";
 constexpr const char* kProtectionCheckQuery = "policy.check.sentrel_feature";
 constexpr const char* kBackupServerCheckQuery = "policy.check.backupserver_feature";
+constexpr const char* kTakeoverQuery = "policy.complete.sentrel_feature";
 
 template <typename TaskClass>
 TaskClass* CreateTask(const std::string& what) {
@@ -112,12 +114,14 @@ void SentrelModule::RegisterQueries() {
         return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckBackupServer,
                                           SentrelPolicyCheck::CheckBackupServerPlaces);
     });
+    queries.Register(kTakeoverQuery, AnswerTakeover);
 }
 
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     for (const char* query :
-         {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackupServerCheckQuery}) {
+         {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackupServerCheckQuery,
+          kTakeoverQuery}) {
         queries.Unregister(query);
     }
 }

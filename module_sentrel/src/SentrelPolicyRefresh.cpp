@@ -2,6 +2,8 @@
 // framework's registry of tasks is the only record. A policy object that was applied belongs to the
 // framework's registry of feature policies; one that failed is deleted here. Framework thread, with
 // the module's gate held alone but while the rsync daemon ends.
+#define SDK_LOG_FILE "SentrelModule.cpp"
+
 #include <BackUpServerPolicy.h>
 #include <BackUpServerTask.h>
 #include <BackupServerStatus.h>
@@ -18,7 +20,10 @@
 #include <sdk/JsonUtils.h>
 #include <sdk/Log.h>
 
+#include <filesystem>
+#include <list>
 #include <new>
+#include <string>
 
 namespace Engine {
 
@@ -29,21 +34,24 @@ constexpr const char* kApplyFailed = "apply feature resource failed.";
 constexpr Framework::TaskCondition::Condition kStallLimit = {Framework::TaskCondition::kStallLimit,
                                                              120};
 
-void ReportParseFailure(const std::string& feature) {
+void ReportParseFailure(Framework::Module& module, const std::string& feature) {
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "parse feature policy failed [%s].", feature);
     SentrelUtils::GetInstance()->SendExceptionMsg(feature, kParseFailed);
+    module.RejectPolicy(kParseFailed);
 }
 
-void ReportApplyFailure(const std::string& feature) {
+void ReportApplyFailure(Framework::Module& module, const std::string& feature) {
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "apply feature resource failed [%s].", feature);
     SentrelUtils::GetInstance()->SendExceptionMsg(feature, kApplyFailed);
+    module.RejectPolicy(kApplyFailed);
 }
 
 /// False, logged and reported, when the document is no JSON: the tasks then stay as they are.
-bool ReadDocument(const std::string& feature, const std::string& policyJson, bool& enabled) {
+bool ReadDocument(Framework::Module& module, const std::string& feature,
+                  const std::string& policyJson, bool& enabled) {
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(policyJson.c_str(), policyJson.size(), root) != 0) {
-        ReportParseFailure(feature);
+        ReportParseFailure(module, feature);
         return false;
     }
     enabled = SDK::JsonUtils::GetBoolValue(root, "enabled", false);
@@ -57,6 +65,19 @@ void UnRegisterBackupServerTask(SentrelModule& module) {
         module.UnRegisterTask("sentrel_backupserver_task");
     }
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+}
+
+/// A link that was configured with a trailing "/" has been taken for the directory that it leads
+/// to. That directory is what is protected: nothing is watched or restored through a link.
+void ResolveRoots(std::list<SentrelDirRule>& rules) {
+    for (SentrelDirRule& rule : rules) {
+        if (rule.is_file || rule.real_path != rule.filepath) continue;
+        const std::string name = rule.filepath.substr(0, rule.filepath.find_last_not_of('/') + 1);
+        std::error_code error;
+        if (!std::filesystem::is_symlink(name, error)) continue;
+        const std::string target = std::filesystem::canonical(name, error).string();
+        if (!error) rule.real_path = target == "/" ? target : target + "/";
+    }
 }
 
 void LimitStalls(Framework::Task& task) {
@@ -81,7 +102,7 @@ int SentrelModule::RefreshFeaturePolicy(const std::string& featureName,
 int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
                                                const std::string& policyJson) {
     bool enabled = false;
-    if (!ReadDocument(featureName, policyJson, enabled)) return 0;
+    if (!ReadDocument(*this, featureName, policyJson, enabled)) return 0;
     if (!enabled) {
         RefreshFeaturePolicyInotifyFailed(nullptr);
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
@@ -90,15 +111,16 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
     auto* fp = new (std::nothrow) SentrelFeaturePolicy(featureName);
     if (fp == nullptr) {
         RefreshFeaturePolicyInotifyFailed(nullptr);
-        ReportApplyFailure(featureName);
+        ReportApplyFailure(*this, featureName);
         return 0;
     }
     if (!fp->Parse(policyJson)) {
-        ReportParseFailure(featureName);
+        ReportParseFailure(*this, featureName);
         RefreshFeaturePolicyInotifyFailed(fp);
         return 0;
     }
     SentrelUtils* utils = SentrelUtils::GetInstance();
+    ResolveRoots(utils->dir_rules);
     ScheduleStatus::Instance().Publish(WorkSchedule::OfSettings(), utils->distime_enable);
     TrustedPlaces::Instance().Judge(utils->dir_rules);
     if (utils->dir_rules.empty()) {
@@ -116,7 +138,7 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
 int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureName,
                                                     const std::string& policyJson) {
     bool enabled = false;
-    if (!ReadDocument(featureName, policyJson, enabled)) return 0;
+    if (!ReadDocument(*this, featureName, policyJson, enabled)) return 0;
     if (!enabled) {
         RefreshFeaturePolicyBackUpServer(nullptr);
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
@@ -124,12 +146,12 @@ int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureNa
     }
     auto* fp = new (std::nothrow) BackUpServerPolicy(featureName);
     if (fp == nullptr) {
-        ReportApplyFailure(featureName);
+        ReportApplyFailure(*this, featureName);
         RefreshFeaturePolicyBackUpServer(nullptr);
         return 0;
     }
     if (!fp->Parse(policyJson)) {
-        ReportParseFailure(featureName);
+        ReportParseFailure(*this, featureName);
         RefreshFeaturePolicyBackUpServer(fp);
         return 0;
     }

@@ -39,10 +39,10 @@ TEST_F(PolicyService, PolicyWithErrors_ChangesNothing) {
 }
 
 TEST_F(PolicyService, PolicyThatFailsWhileApplied_GivesWayToTheLastGoodOne) {
-    EXPECT_EQ(service_.Apply("feature_a", "reports").state, PolicyState::kRejected);
+    EXPECT_EQ(service_.Apply("feature_a", "refused").state, PolicyState::kRejected);
     EXPECT_EQ(Kept("feature_a"), "") << "there was none";
     service_.Apply("feature_a", "on");
-    for (const char* bad : {"throws", "reports", "unhandled"}) {
+    for (const char* bad : {"throws", "refused", "unhandled"}) {
         const PolicyVerdict verdict = service_.Apply("feature_a", bad);
         EXPECT_EQ(verdict.state, PolicyState::kRejected) << bad;
         EXPECT_EQ(host_.applied.back().second, "on") << bad;
@@ -51,11 +51,24 @@ TEST_F(PolicyService, PolicyThatFailsWhileApplied_GivesWayToTheLastGoodOne) {
     }
 }
 
-TEST_F(PolicyService, ExceptionOfATaskThatIsEnding_DoesNotRejectAPolicy) {
+TEST_F(PolicyService, RollBackThatFails_IsNotCalledOn) {
+    std::string error;
     service_.Apply("feature_a", "on");
-    host_.noise = "download failed.";
-    EXPECT_EQ(service_.Apply("feature_a", "off").state, PolicyState::kOff);
-    EXPECT_EQ(Kept("feature_a"), "off");
+    ASSERT_TRUE(store_.Save("feature_a", "throws by now", error));
+    const PolicyVerdict verdict = service_.Apply("feature_a", "refused");
+    EXPECT_EQ(verdict.state, PolicyState::kRejected);
+    const Json::Value shown = service_.Show("feature_a");
+    EXPECT_EQ(shown["state"], "failed");
+    const std::string why = shown["last_rejection"]["message"].asString();
+    EXPECT_NE(why.find("could not be put into force again"), std::string::npos) << why;
+    EXPECT_NE(why.find("basic_string::at"), std::string::npos) << why;
+}
+
+TEST_F(PolicyService, PolicyThatTakesOverFromTheLastOne_IsKeptAsAWhole) {
+    service_.Apply("feature_a", "on with a list");
+    service_.Apply("feature_a", "on, partial");
+    EXPECT_EQ(host_.applied.back().second, "on, partial; on with a list");
+    EXPECT_EQ(Kept("feature_a"), "on, partial; on with a list");
 }
 
 TEST_F(PolicyService, PolicyThatCannotBeKept_IsInForceWithAWarning) {

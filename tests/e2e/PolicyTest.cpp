@@ -78,6 +78,19 @@ TEST_F(PolicyPush, BackupFolderOfAnotherUser_IsNotUsedNorRestoredFromAfterAResta
     EXPECT_TRUE(TamperingIsUndone("index.html"));
 }
 
+TEST_F(PolicyPush, PolicyWithoutAList_KeepsThePathsOverARestart) {
+    Protect();
+    Json::Value policy = SitePolicy();
+    policy["content"].removeMember("dirlist");
+    EXPECT_EQ(ApplyText(R"({"enabled": false})").exit_code, 3);
+    EXPECT_EQ(ApplyText(SDK::JsonUtils::JsonToString(policy)).exit_code, 0);
+    EXPECT_TRUE(AwaitProtection()) << agent_.Status();
+    agent_.Stop();
+    ASSERT_TRUE(agent_.Start());
+    ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+}
+
 TEST_F(PolicyPush, Schedule_OutlastsItsPolicyUntilARestartWhichKeepsThePolicy) {
     ASSERT_TRUE(agent_.Start());
     Json::Value policy = SitePolicy();

@@ -31,6 +31,7 @@ class ModuleShell : public ::testing::Test {
         const Framework::PolicyOutcome outcome = running_.engine.ApplyPolicy(feature, text);
         EXPECT_EQ(outcome.handled, outcome.exception.empty());
         exception_ = outcome.exception;
+        rejection_ = outcome.rejection;
         return outcome.result;
     }
     bool IsOn(const std::string& task) const { return running_.engine.FindTask(task) != nullptr; }
@@ -58,6 +59,7 @@ class ModuleShell : public ::testing::Test {
     Json::Value policy_;
     Engine::SentrelModule* module_ = nullptr;
     std::string exception_;
+    std::string rejection_;
     std::size_t exceptions_ = 0;
 };
 
@@ -152,9 +154,32 @@ TEST_F(ModuleShell, RefusedPolicies_HaveTheirOutcome) {
         EXPECT_EQ(Apply(c.text), 0) << c.text;
         EXPECT_EQ(install_.log.Count(c.priority, c.log), 1) << c.text;
         EXPECT_EQ(Exceptions(), c.exceptions) << c.text;
+        EXPECT_EQ(rejection_, c.exceptions.empty() ? "" : "parse feature policy failed.");
         EXPECT_EQ(ProtectionIsOn(), c.stays_on) << c.text;
         EXPECT_EQ(Status()["protection"]["on"].asBool(), c.stays_on);
     }
+}
+
+TEST_F(ModuleShell, RefusedPolicy_IsToldWithoutAReportStore) {
+    running_.engine.RunOnFrameworkThread(
+        [this] { running_.fakes->UnRegisterTask("cmd_comm_report_task"); });
+    ASSERT_EQ(running_.engine.FindTask("cmd_comm_report_task"), nullptr);
+    for (const std::string feature : {"sentrel_feature", "backupserver_feature"}) {
+        EXPECT_EQ(Apply(R"({"enabled":true})", feature), 0);
+        EXPECT_EQ(rejection_, "parse feature policy failed.") << feature;
+        EXPECT_EQ(Apply(R"({"enabled":false})", feature), 0);
+        EXPECT_EQ(rejection_, "") << feature;
+    }
+}
+
+TEST_F(ModuleShell, LinkWithATrailingSlash_IsProtectedWhereItLeads) {
+    const std::string link = install_.dir.Path("link");
+    std::filesystem::create_directory_symlink(site_.Path(), link);
+    policy_["content"]["dirlist"][0]["filepath"] = link + "/";
+    ASSERT_NE(Apply(test::Text(policy_)), 0);
+    EXPECT_TRUE(test::WaitFor([&] { return !running_.fakes->notify.Requests().empty(); }, 10s));
+    EXPECT_EQ(running_.fakes->notify.Requests(), (Strings{"+" + site_.Path() + "/"}));
+    EXPECT_EQ(Status()["protected_paths"][0]["configured_path"], link + "/");
 }
 
 TEST_F(ModuleShell, ThrowingPolicy_ReachesTheFrameworkAndHarmsNothing) {

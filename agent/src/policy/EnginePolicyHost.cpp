@@ -9,20 +9,7 @@ namespace Agent {
 namespace {
 
 constexpr char kCheckPrefix[] = "policy.check.";
-constexpr char kReportQuery[] = "reports.read";
-constexpr char kExceptionReport[] = "feature_exception_1";
-
-/// The exception's text when the report is about `feature`. Bodies are not escaped by their
-/// senders, so one that is no JSON is taken as it is when it names the feature.
-std::string ExceptionText(const Json::Value& report, const std::string& feature) {
-    const std::string body = SDK::JsonUtils::GetStringValue(report, "body", "");
-    Json::Value document;
-    if (SDK::JsonUtils::ParseJsonStr(body.data(), body.size(), document) == 0) {
-        if (SDK::JsonUtils::GetStringValue(document, "feature", "") != feature) return "";
-        return SDK::JsonUtils::GetStringValue(document, "exception", body.c_str());
-    }
-    return body.find("\"" + feature + "\"") != std::string::npos ? body : "";
-}
+constexpr char kCompletePrefix[] = "policy.complete.";
 
 }  // namespace
 
@@ -43,33 +30,21 @@ bool EnginePolicyHost::Check(const std::string& feature, const std::string& text
     return engine_.Queries().Ask(kCheckPrefix + feature, request, answer) && answer.isObject();
 }
 
+std::string EnginePolicyHost::Completed(const std::string& feature, const std::string& text,
+                                        const std::string& last) {
+    const std::string query = kCompletePrefix + feature;
+    if (engine_.Queries().Names(query).empty()) return text;
+    Json::Value request;
+    request["text"] = text;
+    request["last"] = last;
+    Json::Value answer;
+    if (!engine_.Queries().Ask(query, request, answer)) return text;
+    return SDK::JsonUtils::GetStringValue(answer, "text", text.c_str());
+}
+
 Framework::PolicyOutcome EnginePolicyHost::Apply(const std::string& feature,
                                                  const std::string& text) {
     return engine_.ApplyPolicy(feature, text);
-}
-
-std::int64_t EnginePolicyHost::LastReport() {
-    Json::Value request;
-    request["kind"] = "cmd";
-    request["limit"] = 1;
-    Json::Value answer;
-    if (!engine_.Queries().Ask(kReportQuery, request, answer)) return 0;
-    const Json::Value& last = answer["last_seq"];
-    return last.isIntegral() ? last.asInt64() : 0;
-}
-
-std::string EnginePolicyHost::ExceptionSince(std::int64_t after, const std::string& feature) {
-    Json::Value request;
-    request["kind"] = "cmd";
-    request["after"] = static_cast<Json::Int64>(after);
-    Json::Value answer;
-    if (!engine_.Queries().Ask(kReportQuery, request, answer)) return "";
-    for (const Json::Value& report : answer["reports"]) {
-        if (SDK::JsonUtils::GetStringValue(report, "name", "") != kExceptionReport) continue;
-        std::string text = ExceptionText(report, feature);
-        if (!text.empty()) return text;
-    }
-    return "";
 }
 
 }  // namespace Agent

@@ -3,7 +3,6 @@
 #include <framework/Engine.h>
 #include <json/value.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,15 +25,12 @@ class PolicyHost {
     virtual bool Check(const std::string& feature, const std::string& text, Scope scope,
                        Json::Value& answer) = 0;
 
+    /// The policy with what it takes over from the last good one of its feature; often just `text`.
+    virtual std::string Completed(const std::string& feature, const std::string& text,
+                                  const std::string& last) = 0;
+
     /// Has the framework apply the policy, and waits for it.
     virtual Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text) = 0;
-
-    /// Sequence number of the newest report; 0 when there is no report store.
-    virtual std::int64_t LastReport() = 0;
-
-    /// The text of an exception report about `feature` that is newer than `after`; empty when there
-    /// is none.
-    virtual std::string ExceptionSince(std::int64_t after, const std::string& feature) = 0;
 };
 
 /// The real one. Borrows the engine.
@@ -45,9 +41,9 @@ class EnginePolicyHost : public PolicyHost {
     std::vector<std::string> Features() const override;
     bool Check(const std::string& feature, const std::string& text, Scope scope,
                Json::Value& answer) override;
+    std::string Completed(const std::string& feature, const std::string& text,
+                          const std::string& last) override;
     Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text) override;
-    std::int64_t LastReport() override;
-    std::string ExceptionSince(std::int64_t after, const std::string& feature) override;
 
   private:
     Framework::Engine& engine_;

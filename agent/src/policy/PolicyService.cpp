@@ -103,8 +103,15 @@ PolicyVerdict PolicyService::Apply(const std::string& feature, const std::string
     return verdict;
 }
 
-PolicyVerdict PolicyService::ApplyChecked(const std::string& feature, const std::string& text,
+PolicyVerdict PolicyService::ApplyChecked(const std::string& feature, const std::string& given,
                                           PolicyVerdict verdict) {
+    std::string last;
+    store_.Load(feature, last);
+    const std::string text = last.empty() ? given : host_.Completed(feature, given, last);
+    if (text != given) {
+        PolicyVerdict whole = Check(feature, text);
+        if (!whole.errors.empty()) return whole;
+    }
     const Attempt attempt = Try(feature, text);
     verdict.state = attempt.state;
     if (attempt.state == PolicyState::kRejected) {
@@ -122,16 +129,7 @@ PolicyVerdict PolicyService::ApplyChecked(const std::string& feature, const std:
     return verdict;
 }
 
-/// A task that is on its way out may report an exception of its own while the policy is applied.
-/// When a policy that left its feature off seems to have caused one, it is applied once more: now
-/// that no task of the feature runs, only the policy itself can cause it.
 PolicyService::Attempt PolicyService::Try(const std::string& feature, const std::string& text) {
-    const Attempt first = TryOnce(feature, text);
-    return first.state == PolicyState::kRejected ? TryOnce(feature, text) : first;
-}
-
-PolicyService::Attempt PolicyService::TryOnce(const std::string& feature, const std::string& text) {
-    const std::int64_t before = host_.LastReport();
     const Framework::PolicyOutcome outcome = host_.Apply(feature, text);
     if (!outcome.exception.empty()) {
         return {PolicyState::kRejected,
@@ -140,22 +138,26 @@ PolicyService::Attempt PolicyService::TryOnce(const std::string& feature, const 
     if (!outcome.handled) {
         return {PolicyState::kRejected, "No module took the policy."};
     }
-    if (outcome.result != 0) return {PolicyState::kOn, ""};
-    const std::string reported = host_.ExceptionSince(before, feature);
-    if (reported.empty()) return {PolicyState::kOff, ""};
-    return {PolicyState::kRejected, "The module reported: " + reported};
+    if (!outcome.rejection.empty()) {
+        return {PolicyState::kRejected, "The module refused it: " + outcome.rejection};
+    }
+    return {outcome.result != 0 ? PolicyState::kOn : PolicyState::kOff, ""};
 }
 
 std::string PolicyService::RestoreLastGood(const std::string& feature) {
     std::string text;
-    if (!store_.Load(feature, text)) return "The feature is off, as there is no earlier policy.";
-    const Attempt attempt = TryOnce(feature, text);
-    if (attempt.state == PolicyState::kRejected) {
-        SDK_LOG(Log(), PRIO_ERROR, "the last good policy of %s was not taken again: %s", feature,
-                attempt.reason);
-        return "The last good policy could not be put into force again: " + attempt.reason;
+    if (!store_.Load(feature, text)) {
+        if (!Show(feature).isNull()) RememberFailed(feature);
+        return "The feature is off, as there is no earlier policy.";
     }
-    RememberAccepted(feature, attempt.state);
+    const PolicyVerdict verdict = Reapply(feature);
+    if (verdict.state == PolicyState::kRejected) {
+        SDK_LOG(Log(), PRIO_ERROR, "the last good policy of %s was not taken again: %s", feature,
+                FirstError(verdict));
+        RememberFailed(feature);
+        return "The last good policy could not be put into force again: " + FirstError(verdict);
+    }
+    RememberAccepted(feature, verdict.state);
     return "The last good policy is in force again.";
 }
 

@@ -45,8 +45,8 @@ class PolicyService {
     /// Makes ReapplyStored end after the policy that it is at; the agent stops.
     void StopReapplying() { is_stopping_ = true; }
 
-    /// [{"feature","state","applied_at"(,"last_rejection")}], by name. `state` is "failed" for a
-    /// kept policy that could not be applied again.
+    /// [{"feature","state","applied_at"(,"last_rejection")}], by name. `state` is "failed" when a
+    /// kept policy could not be applied again, at the start or after a policy that was rejected.
     Json::Value List() const;
 
     /// The same for one feature with its "text"; null when none was ever accepted.
@@ -70,9 +70,8 @@ class PolicyService {
                         PolicyHost::Scope scope);
     bool IsKnown(const std::string& feature) const;
     Attempt Try(const std::string& feature, const std::string& text);
-    Attempt TryOnce(const std::string& feature, const std::string& text);
     std::string RestoreLastGood(const std::string& feature);
-    PolicyVerdict ApplyChecked(const std::string& feature, const std::string& text,
+    PolicyVerdict ApplyChecked(const std::string& feature, const std::string& given,
                                PolicyVerdict verdict);
     void RememberAccepted(const std::string& feature, PolicyState state);
     PolicyVerdict Reapply(const std::string& feature);

@@ -38,6 +38,7 @@ struct PolicyOutcome {
     bool handled = false;   ///< a callback took it (set the handled flag)
     int result = 0;         ///< that callback's result; non-zero: the feature is on
     std::string exception;  ///< what the callback threw, if it did
+    std::string rejection;  ///< why the module refused the policy, if it did
 };
 
 /// What became of a tasklet request.

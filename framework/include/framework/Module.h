@@ -36,6 +36,13 @@ class Module : public Poco::Util::Subsystem {
     virtual int RefreshPolicy(const std::string& callback_id, const std::string& feature,
                               const std::string& policy_json, Policy*& policy);
 
+    /// Says within a policy callback that the policy is refused and why, whatever the callback
+    /// returns; the first reason counts.
+    void RejectPolicy(const std::string& reason);
+
+    /// What RejectPolicy was told since the last call; empty when nothing. For the framework.
+    std::string TakePolicyRejection();
+
     /// Registers a callback under `id`, replacing (and freeing) one of that id. The framework owns
     /// `callback` from here on; a null pointer registers nothing. False when nothing was
     /// registered.
@@ -59,6 +66,7 @@ class Module : public Poco::Util::Subsystem {
   private:
     const std::string name_;
     std::unique_ptr<ModuleGate> gate_;
+    std::string policy_rejection_;
 };
 
 }  // namespace Framework
