@@ -18,6 +18,7 @@ namespace {
 using SDK::JsonUtils;
 
 constexpr std::size_t kMaxUrlLength = 10240;
+constexpr std::size_t kMaxHashLength = 128;
 constexpr std::size_t kDigestLength = 64;
 constexpr std::size_t kMaxHostName = 253;
 constexpr int kMaxPort = 65535;
@@ -50,40 +51,43 @@ bool IsServerAddress(const std::string& text) {
            IsHostName(text);
 }
 
-void CheckPort(const Json::Value& content, const char* key, int lowest, const std::string& pointer,
-               PolicyFindings& findings) {
-    if (content.isMember(key) && !content[key].isInt()) return;
-    const int port = JsonUtils::GetIntValue(content, key, 0);
-    if (port >= lowest && port <= kMaxPort) return;
-    findings.Error(PointerTo(pointer, key),
-                   "must be a port, " + std::to_string(lowest) + " to 65535");
+bool IsPort(int port, int lowest) {
+    return port >= lowest && port <= kMaxPort;
 }
 
 void CheckUrl(const std::string& url, const std::string& place, PolicyFindings& findings) {
     static constexpr std::array<const char*, 3> kSchemes = {"http://", "https://", "file:"};
-    if (url.empty()) {
-        findings.Error(place, "is missing: this host downloads rsync from the URL under this key");
-    } else if (url.size() > kMaxUrlLength) {
-        findings.Error(place, "is longer than 10240 characters");
-    } else if (std::none_of(kSchemes.begin(), kSchemes.end(),
-                            [&url](const char* scheme) { return BeginsWith(url, scheme); })) {
-        findings.Error(place, "must begin with http://, https:// or file:");
+    if (std::none_of(kSchemes.begin(), kSchemes.end(),
+                     [&url](const char* scheme) { return BeginsWith(url, scheme); })) {
+        findings.Warning(place,
+                         "the download will fail: the URL must begin with http://, "
+                         "https:// or file:");
     }
 }
 
 void CheckHash(const std::string& hash, const std::string& place, PolicyFindings& findings) {
-    if (hash.empty()) {
-        findings.Error(place, "is missing: this host checks rsync by the digest under this key");
-        return;
-    }
     const bool hex = hash.find_first_not_of("0123456789abcdef") == std::string::npos;
     if (!hex || hash.size() != kDigestLength) {
-        findings.Error(place, "must be a SHA-256 digest: 64 lower-case hexadecimal digits");
+        findings.Warning(place,
+                         "the download will fail: a SHA-256 digest is 64 lower-case "
+                         "hexadecimal digits");
     }
 }
 
-bool IsWrongString(const Json::Value& content, const std::string& key) {
-    return content.isMember(key) && !content[key].isString();
+/// True when the text can be looked at further.
+bool CheckSourceText(const std::string& text, std::size_t longest, RsyncSource use,
+                     const std::string& place, PolicyFindings& findings) {
+    if (text.empty() && use == RsyncSource::kOptional) {
+        findings.Warning(place,
+                         "is missing: this host downloads no rsync, and uses the one in bin/");
+    } else if (text.empty()) {
+        findings.Error(place, "is missing: this host reads the key of this name");
+    } else if (text.size() > longest && use == RsyncSource::kRequired) {
+        findings.Error(place, "is longer than " + std::to_string(longest) + " characters");
+    } else {
+        return true;
+    }
+    return false;
 }
 
 /// The rsync daemon reads the value from a line of its configuration.
@@ -93,10 +97,13 @@ bool FitsConfLine(const std::string& path) {
            path.find('%') == std::string::npos;
 }
 
-/// The nearest ancestor that exists, or the path itself, is a directory.
+/// The nearest ancestor that exists, or the path itself, is a directory. A link that leads nowhere
+/// is in the way.
 bool CanBeDirectory(std::filesystem::path path) {
     std::error_code error;
-    while (!std::filesystem::exists(path, error) && path.has_relative_path()) {
+    if (!path.has_filename() && path.has_relative_path()) path = path.parent_path();
+    while (!std::filesystem::exists(std::filesystem::symlink_status(path, error)) &&
+           path.has_relative_path()) {
         path = path.parent_path();
     }
     return std::filesystem::is_directory(path, error);
@@ -115,6 +122,26 @@ void CheckReceivingPath(const std::string& path, const std::string& place,
     }
 }
 
+/// The address at which this host is to listen.
+void CheckOwnAddress(const std::string& address, const std::string& place,
+                     PolicyFindings& findings) {
+    Poco::Net::IPAddress parsed;
+    std::vector<std::string> own;
+    SDK::IpUtils::GetLocalIpList(own, true);
+    if (!Poco::Net::IPAddress::tryParse(address, parsed)) {
+        findings.Error(place, "must be an IP address of this host");
+    } else if (std::find(own.begin(), own.end(), address) == own.end()) {
+        findings.Error(place, "this host has no address " + address);
+    } else if (parsed.isLoopback()) {
+        findings.Warning(place, "no other host can reach a loopback address");
+    }
+    if (parsed.family() == Poco::Net::IPAddress::IPv6) {
+        findings.Warning(place,
+                         "the daemon's configuration admits IPv4 addresses only: it refuses "
+                         "every host that connects by IPv6");
+    }
+}
+
 /// rsync's password of that role may be handed in later.
 void CheckPassword(const std::string& role, const std::string& place, PolicyFindings& findings) {
     const std::string file =
@@ -127,27 +154,31 @@ void CheckPassword(const std::string& role, const std::string& place, PolicyFind
 }  // namespace
 
 void CheckOsType(const Json::Value& content, const std::string& pointer, PolicyFindings& findings) {
-    if (content.isMember("os_type") && !content["os_type"].isInt()) return;
     if (JsonUtils::GetIntValue(content, "os_type", 1) == 0) return;
     findings.Error(PointerTo(pointer, "os_type"), "must be there and be 0 (Linux)");
 }
 
-void CheckRsyncSource(const Json::Value& content, const std::string& pointer,
+void CheckRsyncSource(const Json::Value& content, const std::string& pointer, RsyncSource use,
                       PolicyFindings& findings) {
     const RsyncKeys keys = RsyncKeys::OfThisHost();
-    if (!IsWrongString(content, keys.url)) {
-        CheckUrl(JsonUtils::GetStringValue(content, keys.url.c_str(), ""),
-                 PointerTo(pointer, keys.url), findings);
+    const std::string url = JsonUtils::GetStringValue(content, keys.url.c_str(), "");
+    const std::string hash = JsonUtils::GetStringValue(content, keys.hash.c_str(), "");
+    const std::string url_place = PointerTo(pointer, keys.url);
+    const std::string hash_place = PointerTo(pointer, keys.hash);
+    if (CheckSourceText(url, kMaxUrlLength, use, url_place, findings)) {
+        CheckUrl(url, url_place, findings);
     }
-    if (!IsWrongString(content, keys.hash)) {
-        CheckHash(JsonUtils::GetStringValue(content, keys.hash.c_str(), ""),
-                  PointerTo(pointer, keys.hash), findings);
+    if (CheckSourceText(hash, kMaxHashLength, use, hash_place, findings)) {
+        CheckHash(hash, hash_place, findings);
     }
 }
 
 void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
                        PolicyFindings& findings) {
-    CheckPort(content, "backup_port", 0, pointer, findings);
+    if (!IsPort(JsonUtils::GetIntValue(content, "backup_port", 0), 0)) {
+        findings.Warning(PointerTo(pointer, "backup_port"),
+                         "is no port, 0 to 65535: no copy reaches the backup server");
+    }
     const int type = JsonUtils::GetIntValue(content, "backup_type", 0);
     if (type < 0 || type > kHighestBackupType) {
         findings.Warning(PointerTo(pointer, "backup_type"),
@@ -156,17 +187,13 @@ void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
         findings.Warning(PointerTo(pointer, "backup_type"),
                          "with this backup type no backup copy is made on this host");
     }
-    if (type == kLocalAndRemote) {
-        CheckPassword("client", PointerTo(pointer, "backup_type"), findings);
-    }
-    if (IsWrongString(content, "backup_addr")) return;
+    if (type != kLocalAndRemote) return;
+    CheckPassword("client", PointerTo(pointer, "backup_type"), findings);
     const std::string address = JsonUtils::GetStringValue(content, "backup_addr", "");
-    const std::string place = PointerTo(pointer, "backup_addr");
-    if (address.empty()) {
-        if (type == kLocalAndRemote) findings.Error(place, "is missing: backup_type is 2");
-    } else if (!IsServerAddress(address)) {
-        findings.Error(place,
-                       "must be an IPv4 address, a host name, or an IPv6 address in brackets");
+    if (!IsServerAddress(address)) {
+        findings.Warning(PointerTo(pointer, "backup_addr"),
+                         "no copy reaches a backup server: it must be an IPv4 address, a host "
+                         "name, or an IPv6 address in brackets");
     }
 }
 
@@ -188,29 +215,13 @@ void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
                         PolicyFindings& findings) {
     CheckPassword("server", pointer, findings);
     CheckReceivingPlace(content, pointer, findings);
-    CheckPort(content, "backupserver_port", 1, pointer, findings);
-    if (!IsWrongString(content, "backupserver_path")) {
-        CheckReceivingPath(JsonUtils::GetStringValue(content, "backupserver_path", ""),
-                           PointerTo(pointer, "backupserver_path"), findings);
+    if (!IsPort(JsonUtils::GetIntValue(content, "backupserver_port", 0), 1)) {
+        findings.Error(PointerTo(pointer, "backupserver_port"), "must be a port, 1 to 65535");
     }
-    if (IsWrongString(content, "backupserver_ip")) return;
-    const std::string address = JsonUtils::GetStringValue(content, "backupserver_ip", "");
-    const std::string place = PointerTo(pointer, "backupserver_ip");
-    Poco::Net::IPAddress parsed;
-    std::vector<std::string> own;
-    SDK::IpUtils::GetLocalIpList(own, true);
-    if (!Poco::Net::IPAddress::tryParse(address, parsed)) {
-        findings.Error(place, "must be an IP address of this host");
-    } else if (std::find(own.begin(), own.end(), address) == own.end()) {
-        findings.Error(place, "this host has no address " + address);
-    } else if (parsed.isLoopback()) {
-        findings.Warning(place, "no other host can reach a loopback address");
-    }
-    if (parsed.family() == Poco::Net::IPAddress::IPv6) {
-        findings.Warning(place,
-                         "the daemon's configuration admits IPv4 addresses only: it refuses "
-                         "every host that connects by IPv6");
-    }
+    CheckReceivingPath(JsonUtils::GetStringValue(content, "backupserver_path", ""),
+                       PointerTo(pointer, "backupserver_path"), findings);
+    CheckOwnAddress(JsonUtils::GetStringValue(content, "backupserver_ip", ""),
+                    PointerTo(pointer, "backupserver_ip"), findings);
 }
 
 }  // namespace Engine

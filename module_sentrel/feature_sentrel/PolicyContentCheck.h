@@ -8,12 +8,14 @@
 namespace Engine {
 
 // The checks of a policy's "content" but its protected paths. `pointer` is where `content` stands.
-// Members of a wrong type are left alone: the key check has told.
+// Members of a wrong type count as missing, as for the module.
 
 void CheckOsType(const Json::Value& content, const std::string& pointer, PolicyFindings& findings);
 
+enum class RsyncSource { kRequired, kOptional };
+
 /// The download of rsync for this host's processor and system.
-void CheckRsyncSource(const Json::Value& content, const std::string& pointer,
+void CheckRsyncSource(const Json::Value& content, const std::string& pointer, RsyncSource use,
                       PolicyFindings& findings);
 
 /// "backup_type", "backup_addr", "backup_port".

@@ -1,5 +1,4 @@
 // Checks the protected paths of a policy. Reads the file system, changes nothing, keeps nothing.
-#include <CommandLineText.h>
 #include <PolicyDirListCheck.h>
 #include <PolicyTreeCheck.h>
 #include <ProtectedPlaces.h>
@@ -9,6 +8,8 @@
 #include <sdk/StrUtils.h>
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
 namespace Engine {
 
@@ -17,51 +18,43 @@ namespace {
 namespace fs = std::filesystem;
 using SDK::JsonUtils;
 
-void CheckCarried(const std::string& path, const std::string& place, PolicyFindings& findings) {
-    const std::string culprit = WhatBreaksPath(path);
-    if (culprit.empty()) return;
-    findings.Error(place, "the command line of rsync cannot carry " + culprit + " in " + path);
-}
+/// What makes an entry useless. One useless entry costs only itself and is warned of; when no other
+/// is left, it is an error.
+using Faults = std::vector<PolicyFinding>;
 
 bool HasDotComponent(const std::string& path) {
     const std::string framed = path + "/";
     return framed.find("/./") != std::string::npos || framed.find("/../") != std::string::npos;
 }
 
-/// True when the path is one that can be looked up.
-bool CheckProtectedName(const std::string& path, const std::string& place,
-                        PolicyFindings& findings) {
-    if (path.empty() || path.front() != '/') {
-        findings.Error(place, path.empty() ? "must not be empty" : "must be an absolute path");
-        return false;
-    }
-    if (HasDotComponent(path)) {
-        findings.Error(place, "must be written without \".\" and \"..\"");
-        return false;
-    }
-    CheckCarried(path, place, findings);
-    return true;
-}
-
-void CheckProtectedObject(const std::string& path, const std::string& place,
-                          PolicyFindings& findings) {
+std::string WhyNotProtected(const std::string& path) {
     std::error_code error;
+    if (path.front() != '/') return "must be an absolute path";
     const fs::file_status target = fs::status(path, error);
     if (!fs::exists(target)) {
-        findings.Warning(place,
-                         "does not exist now: it is not protected until the policy is applied "
-                         "again");
-        return;
+        return "does not exist now: it is not protected until the policy is applied again";
+    }
+    if (!fs::is_directory(target) && !fs::is_regular_file(target)) {
+        return "is neither a directory nor a regular file";
+    }
+    if (HasDotComponent(path)) {
+        return "must be written without \".\" and \"..\": rsync cannot copy it so";
+    }
+    return "";
+}
+
+/// True when the entry can be protected.
+bool CheckProtectedPath(const std::string& path, const std::string& place, Faults& faults,
+                        PolicyFindings& findings) {
+    const std::string fault = WhyNotProtected(path);
+    if (!fault.empty()) {
+        faults.push_back({place, fault});
+        return false;
     }
     if (const std::string why = SDK::PlaceTrust::WhyReplaceable(path); !why.empty()) {
         findings.Warning(place, "others can put something else in its place: " + why);
     }
-    const bool linked = fs::is_symlink(fs::symlink_status(path, error));
-    if (!fs::is_directory(target) && !fs::is_regular_file(target)) {
-        findings.Error(place, "is neither a directory nor a regular file");
-    } else if (linked) {
-        CheckCarried(fs::canonical(path, error).string(), place, findings);
-    }
+    return true;
 }
 
 bool HasParent(fs::path path) {
@@ -70,31 +63,37 @@ bool HasParent(fs::path path) {
     return fs::is_directory(path.parent_path(), error);
 }
 
-void CheckBackupPath(const Json::Value& entry, const std::string& pointer,
+std::string WhyNoBackupPath(const std::string& path) {
+    std::error_code error;
+    if (path.empty()) return "is missing: auto_restore needs a backup copy";
+    if (path.front() != '/') return "must be an absolute path";
+    fs::path name = path;
+    if (!name.has_filename()) name = name.parent_path();
+    const bool taken = fs::exists(fs::symlink_status(name, error));
+    return taken && !fs::is_directory(name, error) ? "is not a directory" : "";
+}
+
+/// True when copies can be kept there.
+bool CheckBackupPath(const Json::Value& entry, const std::string& pointer, Faults& faults,
                      PolicyFindings& findings) {
     const std::string place = PointerTo(pointer, "backup_path");
     const std::string path = JsonUtils::GetStringValue(entry, "backup_path", "");
-    if (path.empty()) {
-        if (JsonUtils::GetBoolValue(entry, "auto_restore", false)) {
-            findings.Error(place, "is missing: auto_restore needs a backup copy");
-        } else {
-            findings.Warning(place, "is missing: changes can only be seen against a backup copy");
-        }
-        return;
+    if (path.empty() && !JsonUtils::GetBoolValue(entry, "auto_restore", false)) {
+        findings.Warning(place, "is missing: changes can only be seen against a backup copy");
+        return true;
     }
-    if (path.front() != '/') {
-        findings.Error(place, "must be an absolute path");
-        return;
+    const std::string fault = WhyNoBackupPath(path);
+    if (!fault.empty()) {
+        faults.push_back({place, fault});
+        return false;
     }
-    CheckCarried(path, place, findings);
     std::error_code error;
-    if (fs::exists(path, error) && !fs::is_directory(path, error)) {
-        findings.Error(place, "is not a directory");
-    } else if (!fs::exists(path, error) && !HasParent(path)) {
+    if (!fs::exists(path, error) && !HasParent(path)) {
         findings.Warning(place,
                          "neither it nor its parent directory exists: rsync makes one level only, "
                          "and every backup fails until the parent is there");
     }
+    return true;
 }
 
 /// The entry protects a single file whose name has that ending.
@@ -107,30 +106,66 @@ bool IsFileEndingIn(const Json::Value& entry, const std::string& ending) {
            name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
 }
 
-void CheckExclusions(const Json::Value& entry, const char* key, const std::string& pointer,
-                     PolicyFindings& findings) {
-    Json::Value list;
-    if (!JsonUtils::GetArrayValue(entry, key, list)) return;
-    const bool subdirs = std::string(key) == "ignored_subdir";
-    for (Json::ArrayIndex at = 0; at < list.size(); ++at) {
-        if (!list[at].isString()) continue;
-        const std::string place = PointerTo(PointerTo(pointer, key), at);
-        std::string exclusion = list[at].asString();
-        SDK::StrUtils::Trim(exclusion);
-        if (subdirs && exclusion.empty()) {
-            findings.Error(place, "must not be empty");
-            continue;
-        }
-        if (exclusion.empty() || (subdirs && exclusion == "/")) {
-            findings.Warning(place, "excludes everything: nothing of this path is protected");
-        }
-        if (!subdirs && !exclusion.empty() && IsFileEndingIn(entry, exclusion)) {
-            findings.Warning(place, "excludes the protected file itself: nothing is protected");
-        }
-        const std::string culprit = WhatBreaksExclusion(exclusion);
-        if (culprit.empty()) continue;
-        findings.Error(place, "the command line of rsync cannot carry " + culprit + " here");
+/// Where rsync reads an exclusion otherwise than as its text; empty where it does not.
+std::string WhyPattern(const std::string& exclusion, bool subdir) {
+    const std::size_t special = exclusion.find_first_of("*?[\\");
+    if (special != std::string::npos) {
+        return std::string("the backup takes the ") + exclusion[special] +
+               " for part of a pattern, the watch for part of the name";
     }
+    const std::string start = exclusion.substr(0, 2);
+    if (!subdir || (start != "- " && start != "+ " && exclusion != "!")) return "";
+    return "the backup does not take this for a name";
+}
+
+/// As the module reads an element of a list of texts.
+std::string AsText(const Json::Value& value) {
+    return value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string();
+}
+
+void CheckExclusion(const Json::Value& entry, bool subdir, std::string exclusion,
+                    const std::string& place, PolicyFindings& findings) {
+    SDK::StrUtils::Trim(exclusion);
+    if (subdir && exclusion.empty()) {
+        findings.Error(place, "must not be empty");
+        return;
+    }
+    if (exclusion.empty() || (subdir && exclusion == "/")) {
+        findings.Warning(place, "excludes everything: nothing of this path is protected");
+    }
+    if (!subdir && !exclusion.empty() && IsFileEndingIn(entry, exclusion)) {
+        findings.Warning(place, "excludes the protected file itself: nothing is protected");
+    }
+    const std::string why = WhyPattern(exclusion, subdir);
+    if (!why.empty()) findings.Warning(place, why);
+}
+
+void CheckExclusions(const Json::Value& entry, const std::string& pointer,
+                     PolicyFindings& findings) {
+    for (const char* key : {"ignored_postfix", "ignored_subdir"}) {
+        Json::Value list;
+        if (!JsonUtils::GetArrayValue(entry, key, list)) continue;
+        const bool subdirs = std::string(key) == "ignored_subdir";
+        for (Json::ArrayIndex at = 0; at < list.size(); ++at) {
+            CheckExclusion(entry, subdirs, AsText(list[at]), PointerTo(PointerTo(pointer, key), at),
+                           findings);
+        }
+    }
+}
+
+/// True when the entry is of use.
+bool CheckEntry(const Json::Value& entry, const std::string& pointer, Faults& faults,
+                PolicyFindings& findings) {
+    const std::string place = PointerTo(pointer, "filepath");
+    const std::string path = JsonUtils::GetStringValue(entry, "filepath", "");
+    if (path.empty()) {
+        findings.Error(place, "must not be empty");
+        return false;
+    }
+    std::error_code error;
+    if (fs::exists(path, error)) CheckExclusions(entry, pointer, findings);
+    const bool has_backup = CheckBackupPath(entry, pointer, faults, findings);
+    return CheckProtectedPath(path, place, faults, findings) && has_backup;
 }
 
 }  // namespace
@@ -157,27 +192,26 @@ void CheckDirList(const Json::Value& content, const std::string& pointer,
     const std::string base = PointerTo(pointer, "dirlist");
     Json::Value list;
     if (!JsonUtils::GetArrayValue(content, "dirlist", list)) {
-        if (!content.isMember("dirlist")) {
-            findings.Warning(base, "is missing: the paths of the policy before this one stay");
-        }
+        findings.Warning(base, "is missing: the paths of the policy before this one stay");
         return;
     }
     std::vector<ProtectedPlace> places;
-    bool any_enabled = false;
+    Faults faults;
+    std::size_t enabled = 0;
+    std::size_t useful = 0;
     for (Json::ArrayIndex at = 0; at < list.size(); ++at) {
         const Json::Value& entry = list[at];
         if (!JsonUtils::GetBoolValue(entry, "enable", false)) continue;
-        any_enabled = true;
         const std::string place = PointerTo(base, at);
-        const std::string path = JsonUtils::GetStringValue(entry, "filepath", "");
-        CheckBackupPath(entry, place, findings);
-        CheckExclusions(entry, "ignored_postfix", place, findings);
-        CheckExclusions(entry, "ignored_subdir", place, findings);
-        if (!CheckProtectedName(path, PointerTo(place, "filepath"), findings)) continue;
-        CheckProtectedObject(path, PointerTo(place, "filepath"), findings);
-        places.emplace_back(entry, place);
+        ++enabled;
+        if (CheckEntry(entry, place, faults, findings)) ++useful;
+        if (fs::path(JsonUtils::GetStringValue(entry, "filepath", "")).is_absolute()) {
+            places.emplace_back(entry, place);
+        }
     }
-    if (!any_enabled) findings.Warning(base, "has no enabled entry: protection goes off");
+    if (enabled == 0) findings.Warning(base, "has no enabled entry: protection goes off");
+    std::vector<PolicyFinding>& told = useful == 0 ? findings.errors : findings.warnings;
+    told.insert(told.end(), faults.begin(), faults.end());
     CheckCopyPlaces(content, pointer, findings);
     CheckHowPlacesLie(places, findings);
     CheckNamesBelow(places, findings);

@@ -65,7 +65,7 @@ bool HasType(const Json::Value& value, Type type) {
 void CheckType(const Json::Value& value, const std::string& pointer, Type type,
                PolicyFindings& findings) {
     if (!HasType(value, type)) {
-        findings.Error(pointer, std::string("must be ") + NameOf(type));
+        findings.Warning(pointer, std::string("must be ") + NameOf(type) + ": it is not used");
         return;
     }
     if (!IsArrayType(type)) return;
@@ -88,7 +88,7 @@ void CheckUnknownKey(const std::string& key, const std::string& pointer,
                      PolicyFindings& findings) {
     for (const PolicyKey& other : elsewhere) {
         if (key != other.name) continue;
-        findings.Error(pointer, "\"" + key + "\" is not read here: it belongs on another level");
+        findings.Warning(pointer, "\"" + key + "\" is not read here: it belongs on another level");
         return;
     }
     for (const PolicyKey& other : known) {
@@ -97,7 +97,8 @@ void CheckUnknownKey(const std::string& key, const std::string& pointer,
         if (longer - shorter > kNearDistance || EditDistance(key, other.name) > kNearDistance) {
             continue;
         }
-        findings.Error(pointer, "unknown key, did you mean \"" + other.name + "\"?");
+        findings.Warning(pointer,
+                         "unknown key, it is ignored; did you mean \"" + other.name + "\"?");
         return;
     }
     findings.Warning(pointer, "unknown key, it is ignored");

@@ -15,8 +15,8 @@ struct PolicyKey {
     Type type;
 };
 
-/// Checks an object's members against the known keys: wrong types and probable typing errors are
-/// errors, other unknown keys are warnings. `elsewhere` names keys that belong on another level.
+/// Warns of an object's members that the module does not use: those of a wrong type and unknown
+/// ones. `elsewhere` names keys that belong on another level.
 void CheckKeys(const Json::Value& object, const std::string& pointer,
                const std::vector<PolicyKey>& known, const std::vector<PolicyKey>& elsewhere,
                PolicyFindings& findings);

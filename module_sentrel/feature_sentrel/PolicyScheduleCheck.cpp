@@ -2,9 +2,12 @@
 #include <ScheduleStatus.h>
 #include <TimeRange.h>
 #include <sdk/JsonUtils.h>
+#include <sdk/StrUtils.h>
 
 #include <array>
 #include <charconv>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace Engine {
@@ -33,15 +36,23 @@ bool IsPlainRange(std::string_view text) {
     return false;
 }
 
+std::string ClockTime(int minute) {
+    return SDK::StrUtils::Format("%d:%02d", minute / 60, minute % 60);
+}
+
 /// True when the range disables anything.
 bool CheckRange(const std::string& range, const std::string& place, PolicyFindings& findings) {
-    if (!IsPlainRange(range)) {
-        findings.Error(place, "must be hours:minutes-hours:minutes, such as 22:00-06:30");
-        return false;
+    const bool plain = IsPlainRange(range);
+    const std::optional<TimeRange> read = TimeRange::Scan(range);
+    if (!read) {
+        findings.Warning(place, plain ? "begins where it ends: it disables nothing"
+                                      : "must be hours:minutes-hours:minutes, such as "
+                                        "22:00-06:30: it disables nothing");
+    } else if (!plain) {
+        findings.Warning(place,
+                         "is read as " + ClockTime(read->start) + "-" + ClockTime(read->end));
     }
-    if (TimeRange::Scan(range)) return true;
-    findings.Warning(place, "begins where it ends: it disables nothing");
-    return false;
+    return read.has_value();
 }
 
 bool CheckRanges(const Json::Value& list, const std::string& pointer, PolicyFindings& findings) {
@@ -60,7 +71,8 @@ bool CheckDays(const Json::Value& list, const std::string& pointer, PolicyFindin
         if (list[at].asInt() >= 0 && list[at].asInt() < kDaysPerWeek) {
             any = true;
         } else {
-            findings.Error(PointerTo(pointer, at), "must be a weekday, 0 (Sunday) to 6 (Saturday)");
+            findings.Warning(PointerTo(pointer, at),
+                             "must be a weekday, 0 (Sunday) to 6 (Saturday): it is ignored");
         }
     }
     return any;

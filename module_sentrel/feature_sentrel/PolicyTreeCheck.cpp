@@ -1,6 +1,5 @@
 // Looks through the protected trees for what a policy does to the names in them. Reads names only,
 // changes nothing, keeps nothing.
-#include <CommandLineText.h>
 #include <PolicyTreeCheck.h>
 
 #include <filesystem>
@@ -31,7 +30,6 @@ struct Hits {
 };
 
 struct Faults {
-    Hits unfit;
     Hits same_start;
     Hits same_name;
 };
@@ -43,12 +41,9 @@ bool Judge(const ProtectedPlace& place, const std::string& name, Faults& faults)
         faults.same_start.Add(name);
         return true;
     }
-    if (place.IsKeptFromBackup(name)) {
-        faults.same_name.Add(name);
-        return true;
-    }
-    if (!WhatBreaksPath(name.substr(place.path.string().size())).empty()) faults.unfit.Add(name);
-    return false;
+    if (!place.IsKeptFromBackup(name)) return false;
+    faults.same_name.Add(name);
+    return true;
 }
 
 void Scan(const ProtectedPlace& place, std::size_t& budget, PolicyFindings& findings) {
@@ -60,8 +55,6 @@ void Scan(const ProtectedPlace& place, std::size_t& budget, PolicyFindings& find
         --budget;
         if (Judge(place, at->path().string(), faults)) at.disable_recursion_pending();
     }
-    faults.unfit.Tell(place, "with blanks or shell characters can be reported but not restored",
-                      findings);
     faults.same_start.Tell(place, "are left alone because they begin like an excluded subdirectory",
                            findings);
     faults.same_name.Tell(place,

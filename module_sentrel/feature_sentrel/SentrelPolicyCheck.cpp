@@ -41,7 +41,7 @@ void CheckEntryKeys(const Json::Value& content, PolicyFindings& findings) {
 }
 
 /// Keys and types; `content` is the object of that name. False when the feature goes off by this
-/// document, or its parts cannot be looked at.
+/// document, or there is no content.
 bool CheckFrame(const Json::Value& root, const std::vector<PolicyKey>& content_keys,
                 const std::vector<PolicyKey>& entry_keys, Json::Value& content,
                 PolicyFindings& findings) {
@@ -49,7 +49,7 @@ bool CheckFrame(const Json::Value& root, const std::vector<PolicyKey>& content_k
     const bool has_content = JsonUtils::GetSubobjectValue(root, "content", content);
     if (has_content) CheckKeys(content, kContent, content_keys, entry_keys, findings);
     if (!JsonUtils::GetBoolValue(root, "enabled", false)) return false;
-    if (!root.isMember("content")) findings.Error(kContent, "is missing");
+    if (!has_content) findings.Error(kContent, "is missing, or no object");
     return has_content;
 }
 
@@ -87,7 +87,7 @@ PolicyFindings SentrelPolicyCheck::CheckProtection(const std::string& text) {
     if (!on) return findings;
     CheckInstallation(findings);
     CheckOsType(content, kContent, findings);
-    CheckRsyncSource(content, kContent, findings);
+    CheckRsyncSource(content, kContent, RsyncSource::kRequired, findings);
     CheckRemoteBackup(content, kContent, findings);
     CheckSchedule(content, kContent, findings);
     CheckDirList(content, kContent, findings);
@@ -101,7 +101,7 @@ PolicyFindings SentrelPolicyCheck::CheckBackupServer(const std::string& text) {
     if (!ReadDocument(text, root, findings)) return findings;
     if (!CheckFrame(root, BackupServerKeys(), {}, content, findings)) return findings;
     CheckInstallation(findings);
-    CheckRsyncSource(content, kContent, findings);
+    CheckRsyncSource(content, kContent, RsyncSource::kOptional, findings);
     CheckReceivingSide(content, kContent, findings);
     return findings;
 }

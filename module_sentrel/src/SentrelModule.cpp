@@ -119,9 +119,8 @@ void SentrelModule::RegisterQueries() {
 
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
-    for (const char* query :
-         {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackupServerCheckQuery,
-          kTakeoverQuery}) {
+    for (const char* query : {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery,
+                              kBackupServerCheckQuery, kTakeoverQuery}) {
         queries.Unregister(query);
     }
 }
