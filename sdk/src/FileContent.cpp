@@ -130,9 +130,11 @@ int FileContent::Open(int directory, const std::string& name, struct stat& info)
     return S_ISREG(info.st_mode) ? file.Release() : Fail(EINVAL);
 }
 
+// One byte more is asked for, so that a file that has grown is told from one of that size.
 int FileContent::ReadSmall(int file, off_t size, std::string& content) {
     content.resize(static_cast<std::size_t>(size) + 1);
-    const ssize_t got = ReadAt(file, content.data(), content.size(), 0);
+    ssize_t got = ::pread(file, content.data(), content.size(), 0);
+    if (got >= 0 && got < size) got = ReadAt(file, content.data(), content.size(), 0);
     if (got < 0) return -1;
     if (got != size) return Fail(ESTALE);
     content.pop_back();

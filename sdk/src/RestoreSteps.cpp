@@ -57,8 +57,8 @@ class FileRestore {
     FailedStep OpenCopy() {
         source_.Reset(FileContent::Open(copy_place_.directory, copy_place_.name, copy_.info));
         if (!source_.IsOpen()) return {"open the copy", errno};
-        const FailedStep failed = ReadAttributes(source_.Get(), OpenedAs::kFile, copy_);
-        if (!failed.IsNone()) return failed;
+        const ExtendedAttributeAccess access(source_.Get(), false);
+        if (access.Read(copy_.extended) != 0) return {"read the extended attributes", errno};
         if (IsSmall() && FileContent::ReadSmall(source_.Get(), copy_.info.st_size, content_) != 0) {
             return {"read the copy", errno};
         }

@@ -335,7 +335,8 @@ void OddTree::Change(const std::string& path) {
             Remove(path);
             return MakeAny(path);
         default:
-            return MakeAny(path + "+");
+            if (::lstat((path + "+").c_str(), &info) != 0) MakeAny(path + "+");
+            return;
     }
 }
 
