@@ -100,10 +100,12 @@ TEST_F(Restorer, EveryKindOfObject_IsAsRsyncLeavesIt) {
             tree.Change(live);
             if (fs::is_directory(fs::symlink_status(live))) fs::remove_all(live);
         }
-        fs::remove(live + "+");
+        ::unlink((live + "+").c_str());
         test::Clone(dir.Path("live"), dir.Path("theirs"));
-        std::error_code ignored;
-        const bool goes_through = fs::is_directory(live, ignored);
+        // rsync goes through a link to a directory, and fails at one that leads nowhere it knows.
+        struct stat info {};
+        const bool leads = ::stat(live.c_str(), &info) == 0;
+        const bool goes_through = leads ? S_ISDIR(info.st_mode) : errno != ENOENT;
         if (!goes_through) {
             ASSERT_EQ(test::RunRsync({}, dir.Path("copy/" + name), dir.Path("theirs/" + name)), 0);
         }
