@@ -1,7 +1,10 @@
-// Owns nothing: what is still to be copied are the two pending flags of SentrelUtils. It must not
-// touch the protected paths (the inotify task restores). Task's thread; a waiting policy interrupts
-// the copy that runs.
+// Owns nothing: what is still to be copied are the two pending flags of SentrelUtils, what is
+// copied in this round BackupProgress has. It must not touch the protected paths (the inotify task
+// restores). Task's thread; a waiting policy interrupts the copy that runs.
+#include <BackupPlace.h>
 #include <BackupProgress.h>
+#include <CopyComparison.h>
+#include <OpenReport.h>
 #include <ProtectedWay.h>
 #include <SentrelBackupTask.h>
 #include <SentrelStatus.h>
@@ -13,6 +16,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <optional>
+#include <utility>
 
 namespace Engine {
 
@@ -60,6 +65,7 @@ bool SentrelBackupTask::UnInit() {
 }
 
 int SentrelBackupTask::Run() {
+    RetryOpenObjects();
     SentrelUtils* utils = SentrelUtils::GetInstance();
     const std::uint64_t round = BackupProgress::Instance().Round();
     if (!utils->MakesLocalBackup()) {
@@ -75,9 +81,7 @@ int SentrelBackupTask::Run() {
     std::uint64_t remote_ok = 0;
     for (const SentrelDirRule& rule : utils->dir_rules) {
         YieldInPass();
-        if (utils->local_backup_pending && AwaitWatch(rule) && BackUpLocally(rule, local_ok)) {
-            ++local_ok;
-        }
+        if (utils->local_backup_pending && IsCopied(rule, local_ok)) ++local_ok;
         if (utils->backup_type == kLocalAndRemote && utils->remote_backup_pending &&
             PushToServer(rule)) {
             ++remote_ok;
@@ -111,26 +115,99 @@ bool SentrelBackupTask::AwaitWatch(const SentrelDirRule& rule) {
     }
 }
 
-bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {
-    SentrelUtils* utils = SentrelUtils::GetInstance();
-    const std::uint64_t round = BackupProgress::Instance().BeginCopy();
+/// A rule is copied once in a round: what was tampered with since must not become its good state
+/// because another rule failed.
+bool SentrelBackupTask::IsCopied(const SentrelDirRule& rule, unsigned long succeeded_before) {
+    return BackupProgress::Instance().IsComplete(rule) ||
+           (AwaitWatch(rule) && BackUpLocally(rule, succeeded_before));
+}
+
+std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
+    const std::string unsafe =
+        BackupPlace::Prepare(rule.backup_path, SentrelUtils::GetInstance()->dir_rules);
+    if (!unsafe.empty()) return unsafe;
     // Given with its "/", a link in place of the directory would be followed, and what it leads to
     // taken for the good state.
     const bool replaced = !rule.is_file && ProtectedWay(rule, rule.real_path).HasLink();
-    if (replaced || !utils->DoRsyncLocal(rule.real_path, rule.backup_path, rule.ignored_postfix,
-                                         rule.ignored_subdir, RSYNC_BACKUP)) {
+    return replaced ? "a symbolic link stands in its place" : "";
+}
+
+bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    const std::uint64_t round = BackupProgress::Instance().BeginCopy();
+    const std::string hindrance = WhatHinders(rule);
+    if (!hindrance.empty() ||
+        !utils->DoRsyncLocal(rule.real_path, rule.backup_path, rule.ignored_postfix,
+                             rule.ignored_subdir, RSYNC_BACKUP)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Backup (%s) to (%s) faild.", rule.real_path,
                 rule.backup_path);
         SentrelStatus::Instance().NoteFailure(
-            rule.real_path, "local backup: " + (replaced ? "a symbolic link stands in its place"
-                                                         : utils->LastCopyError()));
-        return false;
+            rule.real_path,
+            "local backup: " + (hindrance.empty() ? utils->LastCopyError() : hindrance));
+        return hindrance.empty() && CompleteByObjects(rule, round);
     }
     SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to (%s) success num(%lu).", rule.real_path,
             rule.backup_path, succeeded_before + 1);
     SentrelStatus::Instance().NoteLocalBackup(rule.real_path);
     // A copy that was begun before the last pause of protection lacks what was changed in that.
-    return BackupProgress::Instance().NoteComplete(rule, round);
+    if (!BackupProgress::Instance().NoteComplete(rule, round)) return false;
+    OpenReport::Publish(rule);
+    return true;
+}
+
+bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {
+    BackupProgress& progress = BackupProgress::Instance();
+    const std::optional<std::timespec> begin = progress.Begin();
+    if (ShouldYield() || !begin) return false;
+    CopyComparison::Result result =
+        CopyComparison(rule, *begin, [this] { return ShouldYield(); }).Run();
+    if (result.outcome != CopyComparison::Outcome::kCompared) return false;
+    SDK_LOG(ModuleLogger(), PRIO_NOTICE,
+            "%s has been compared with its copy: %lu objects copied one by one, %lu left open.",
+            rule.real_path, static_cast<unsigned long>(result.copied),
+            static_cast<unsigned long>(result.open.Size()));
+    const bool has_open = !result.open.IsEmpty();
+    if (!progress.NoteComplete(rule, round, std::move(result.open))) return false;
+    SentrelStatus::Instance().NoteLocalBackup(rule.real_path);
+    OpenReport::Publish(rule);
+    if (has_open) OpenReport::Alarm(rule, *this);
+    return true;
+}
+
+void SentrelBackupTask::RetryOpenObjects() {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (!utils->is_run || !utils->MakesLocalBackup()) return;
+    for (const SentrelDirRule& rule : utils->dir_rules) {
+        if (BackupProgress::Instance().TakeDue(rule, std::chrono::steady_clock::now())) {
+            RetryOpenObjects(rule);
+        }
+    }
+}
+
+void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    BackupProgress& progress = BackupProgress::Instance();
+    const std::uint64_t round = progress.Round();
+    const std::optional<std::timespec> begin = progress.Begin();
+    if (!begin || !WhatHinders(rule).empty()) return;
+    std::size_t copied = 0;
+    for (const auto& entry : progress.OpenEntries(rule, OpenObjects::kCapacity)) {
+        if (ShouldYield()) break;
+        CopyComparison comparison(rule, *begin, [this] { return ShouldYield(); });
+        const CopyComparison::Result result = comparison.RunAgain(entry.below);
+        if (result.outcome != CopyComparison::Outcome::kCompared) continue;
+        copied += result.copied;
+        progress.NoteTried(rule, round, entry.below, result.open);
+    }
+    OpenReport::Publish(rule);
+    if (copied == 0) return;
+    SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s: %lu open objects have been copied now.",
+            rule.real_path, static_cast<unsigned long>(copied));
+    const Poco::FastMutex::ScopedLock lock(utils->mutex);
+    // The server has a copy without them.
+    if (utils->backup_type == kLocalAndRemote && progress.Round() == round) {
+        utils->remote_backup_pending = true;
+    }
 }
 
 bool SentrelBackupTask::PushToServer(const SentrelDirRule& rule) {

@@ -59,7 +59,9 @@ bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t roun
                                   OpenObjects open) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (round != round_) return false;
-    complete_.insert_or_assign({rule.real_path, rule.backup_path}, std::move(open));
+    complete_.insert_or_assign(
+        {rule.real_path, rule.backup_path},
+        Complete{std::move(open), std::chrono::steady_clock::now() + kFirstRest, kFirstRest});
     CountOpen();
     return true;
 }
@@ -105,24 +107,43 @@ std::size_t BackupProgress::OpenCount(const SentrelDirRule& rule) const {
     return open == nullptr ? 0 : open->Size();
 }
 
-void BackupProgress::NoteCopied(const SentrelDirRule& rule, std::uint64_t round,
-                                const std::string& below) {
+void BackupProgress::NoteTried(const SentrelDirRule& rule, std::uint64_t round,
+                               const std::string& below, const OpenObjects& rest) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto known = complete_.find({rule.real_path, rule.backup_path});
     if (round != round_ || known == complete_.end()) return;
-    known->second.Remove(below);
+    known->second.open.Remove(below);
+    known->second.open.Merge(rest);
     CountOpen();
+}
+
+bool BackupProgress::TakeDue(const SentrelDirRule& rule,
+                             std::chrono::steady_clock::time_point now) {
+    if (!has_open_.load(std::memory_order_acquire)) return false;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = complete_.find({rule.real_path, rule.backup_path});
+    if (known == complete_.end() || known->second.open.IsEmpty()) return false;
+    Complete& complete = known->second;
+    if (now < complete.next_try) return false;
+    complete.rest = std::min(2 * complete.rest, kLongestRest);
+    complete.next_try = now + complete.rest;
+    return true;
+}
+
+void BackupProgress::RetrySoon() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& [key, complete] : complete_) complete.next_try = {};
 }
 
 /// Null while the rule's copy is not complete.
 const OpenObjects* BackupProgress::OpenOf(const SentrelDirRule& rule) const {
     const auto known = complete_.find({rule.real_path, rule.backup_path});
-    return known == complete_.end() ? nullptr : &known->second;
+    return known == complete_.end() ? nullptr : &known->second.open;
 }
 
 void BackupProgress::CountOpen() {
     const bool any = std::any_of(complete_.begin(), complete_.end(),
-                                 [](const auto& one) { return !one.second.IsEmpty(); });
+                                 [](const auto& one) { return !one.second.open.IsEmpty(); });
     has_open_.store(any, std::memory_order_release);
 }
 

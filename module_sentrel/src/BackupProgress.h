@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <map>
@@ -66,11 +67,28 @@ class BackupProgress {
     std::vector<OpenObjects::Entry> OpenEntries(const SentrelDirRule& rule, std::size_t most) const;
     std::size_t OpenCount(const SentrelDirRule& rule) const;
 
-    /// An open object has been copied; nothing when `round` is over.
-    void NoteCopied(const SentrelDirRule& rule, std::uint64_t round, const std::string& below);
+    /// An open object has been tried again, and `rest` of it is still open; nothing when `round` is
+    /// over.
+    void NoteTried(const SentrelDirRule& rule, std::uint64_t round, const std::string& below,
+                   const OpenObjects& rest);
+
+    // Open objects are tried again after a minute, then less and less often.
+    static constexpr std::chrono::seconds kFirstRest{60};
+    static constexpr std::chrono::seconds kLongestRest{3600};
+
+    /// True when the rule's open objects are to be tried again; the next time is set then.
+    bool TakeDue(const SentrelDirRule& rule, std::chrono::steady_clock::time_point now);
+
+    /// All open objects are due at once.
+    void RetrySoon();
 
   private:
     using Key = std::pair<std::string, std::string>;  // what is copied, and where to
+    struct Complete {
+        OpenObjects open;
+        std::chrono::steady_clock::time_point next_try;
+        std::chrono::seconds rest{};
+    };
 
     BackupProgress() = default;
     const OpenObjects* OpenOf(const SentrelDirRule& rule) const;
@@ -79,7 +97,7 @@ class BackupProgress {
     mutable std::mutex mutex_;  ///< guards all below but the atomic
     std::uint64_t round_ = 0;
     std::optional<std::timespec> begin_;
-    std::map<Key, OpenObjects> complete_;
+    std::map<Key, Complete> complete_;
     std::atomic<bool> has_open_{false};
 };
 

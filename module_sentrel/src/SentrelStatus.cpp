@@ -86,6 +86,14 @@ void SentrelStatus::NoteFailure(const std::string& real_path, const std::string&
     history.last_failure_at = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
+void SentrelStatus::NoteOpenObjects(const std::string& real_path, std::size_t count,
+                                    std::vector<OpenObject> named) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    History& history = history_[real_path];
+    history.open_objects = count;
+    history.named_open_objects = std::move(named);
+}
+
 bool SentrelStatus::IsRsyncKnown() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return rsync_known_;
@@ -150,9 +158,23 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
         entry["last_remote_backup"] = TimeOrNull(history.last_remote_backup);
         entry["last_failure"] = history.last_failure;
         entry["last_failure_at"] = TimeOrNull(history.last_failure_at);
+        entry["open_objects"] = OpenObjectsToJson(history);
         list.append(std::move(entry));
     }
     return list;
+}
+
+Json::Value SentrelStatus::OpenObjectsToJson(const History& history) {
+    Json::Value open(Json::objectValue);
+    open["count"] = static_cast<Json::UInt64>(history.open_objects);
+    open["examples"] = Json::Value(Json::arrayValue);
+    for (const OpenObject& one : history.named_open_objects) {
+        Json::Value example(Json::objectValue);
+        example["path"] = one.path;
+        example["reason"] = one.reason;
+        open["examples"].append(std::move(example));
+    }
+    return open;
 }
 
 Json::Value SentrelStatus::CountersToJson() const {

@@ -65,6 +65,14 @@ class SentrelStatus {
     /// So many events, and trees, are to be judged again.
     void PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees);
     void NoteFailure(const std::string& real_path, const std::string& text);
+    /// An object that could not be copied, and why.
+    struct OpenObject {
+        std::string path;
+        std::string reason;
+    };
+    /// `count` entries stand for objects of the path that have no backup copy; the first are named.
+    void NoteOpenObjects(const std::string& real_path, std::size_t count,
+                         std::vector<OpenObject> named);
 
     bool IsRsyncKnown() const;
     void ForgetRsync();  ///< another file is installed
@@ -85,9 +93,12 @@ class SentrelStatus {
         std::int64_t last_remote_backup = 0;
         std::string last_failure;
         std::int64_t last_failure_at = 0;
+        std::size_t open_objects = 0;
+        std::vector<OpenObject> named_open_objects = {};
     };
 
     SentrelStatus() = default;
+    static Json::Value OpenObjectsToJson(const History& history);
     Json::Value PathsToJson(const Json::Value& watches) const;
     Json::Value CountersToJson() const;
 

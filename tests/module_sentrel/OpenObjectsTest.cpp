@@ -96,7 +96,7 @@ TEST_F(OpenObjectsTest, Progress_TellsOfTheObjectsOfACompleteRuleInItsRound) {
         EXPECT_FALSE(progress.IsOpen(rule, path)) << path;
     }
     EXPECT_TRUE(progress.HasOpenIn(rule, "/site/"));
-    progress.NoteCopied(rule, progress.Round(), "leased");
+    progress.NoteTried(rule, progress.Round(), "leased", {});
     EXPECT_FALSE(progress.IsOpen(rule, "/site/leased") || progress.HasOpenIn(rule, "/site/"));
     for (const char* name : {"1", "2", "3"}) open.Add(name, EAGAIN);
     EXPECT_TRUE(progress.NoteComplete(rule, progress.Round(), open));

@@ -189,6 +189,15 @@ std::string PathWarnings(const Json::Value& status, long long now_ms) {
         const std::string name = Text(path, "path");
         if (state == "waiting") text += Warning(name + " is not there; it is watched for");
         if (state == "degraded") text += Warning(name + " has directories that cannot be watched");
+        const Json::Value& open = path["open_objects"];
+        if (open.isObject() && Number(open, "count") > 0) {
+            text += Warning(name + " has " + Count(open, "count") +
+                            " objects that could not be copied; they are not protected");
+            for (const Json::Value& example : open["examples"]) {
+                text += Warning("not copied: " + Text(example, "path") + ": " +
+                                Text(example, "reason"));
+            }
+        }
         const std::string failure = Text(path, "last_failure");
         const long long at = Number(path, "last_failure_at");
         const std::string when = at > 0 ? " at " + When(at, now_ms) : "";

@@ -42,7 +42,16 @@ void OpenObjects::Add(const std::string& below, int error) {
 }
 
 void OpenObjects::Remove(const std::string& below) {
-    if (objects_.erase(below) > 0) bytes_ -= below.size();
+    if (objects_.erase(below) + directories_.erase(below) > 0) bytes_ -= below.size();
+}
+
+void OpenObjects::Merge(const OpenObjects& other) {
+    for (const auto& [below, extent] : other.directories_) {
+        const auto [known, is_new] = directories_.emplace(below, extent);
+        if (is_new) bytes_ += below.size();
+        known->second = std::max(known->second, extent);
+    }
+    for (const auto& [below, error] : other.objects_) Add(below, error);
 }
 
 /// Opens the nearest directory above that takes the place of an entry at least, so that the set

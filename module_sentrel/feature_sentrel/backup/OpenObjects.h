@@ -20,7 +20,7 @@ class OpenObjects {
   public:
     static constexpr std::size_t kCapacity = 16'384;
     static constexpr std::size_t kMostBytes = 8'388'608;  ///< of all paths together
-    static constexpr std::size_t kLongestPath = 4096;     ///< a longer one opens a directory above
+    static constexpr std::size_t kLongestPath = 5000;     ///< a longer one opens a directory above
 
     OpenObjects() = default;
     explicit OpenObjects(std::size_t capacity) : capacity_(capacity) {}
@@ -28,8 +28,11 @@ class OpenObjects {
     /// `error` (errno) says why it could not be copied.
     void Add(const std::string& below, int error);
 
-    /// Takes the object off; directories of which only the new names are open stay.
+    /// Takes the entry off.
     void Remove(const std::string& below);
+
+    /// Adds all entries of `other`.
+    void Merge(const OpenObjects& other);
 
     bool IsEmpty() const { return objects_.empty() && directories_.empty(); }
     std::size_t Size() const { return objects_.size() + directories_.size(); }

@@ -15,7 +15,7 @@ class ObjectRestorer {
   public:
     enum class Outcome {
         kRestored,     ///< `live` is as `copy`; perhaps it has been all along
-        kUnusual,      ///< `copy` is no file or link, or larger than kMaxSize: nothing was changed
+        kUnusual,      ///< `copy` is no file or link, or larger than asked for: nothing was changed
         kInterrupted,  ///< by the thread's CommandInterrupter: nothing was changed
         kFailed,       ///< see `step` and `error`
     };
@@ -41,7 +41,8 @@ class ObjectRestorer {
     /// When only attributes cannot be set, the content is in place all the same and the outcome is
     /// kFailed. ESTALE: the copy changed meanwhile; EAGAIN: somebody replaced the restored object
     /// at the same moment. Blocks for the copying only, on no pipe and no lease; nothing is synced.
-    static Result Restore(const PathAnchor::Entry& copy, const PathAnchor::Entry& live);
+    static Result Restore(const PathAnchor::Entry& copy, const PathAnchor::Entry& live,
+                          off_t max_size = kMaxSize);
 };
 
 }  // namespace SDK

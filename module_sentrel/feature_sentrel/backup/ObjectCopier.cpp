@@ -1,0 +1,160 @@
+// Copies single objects. What content and attributes are is the object restorer's, used here in the
+// other direction. It must not decide what is copied (CopyComparison does).
+#include <ObjectCopier.h>
+#include <fcntl.h>
+#include <sdk/DirUtils.h>
+#include <sdk/FileDescriptor.h>
+#include <sdk/ObjectRestorer.h>
+#include <sys/random.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+
+namespace Engine {
+
+namespace {
+
+using SDK::ObjectRestorer;
+
+/// Where a copy waits until it is known that its original has not changed meanwhile.
+std::string WaitingName() {
+    std::uint64_t number = 0;
+    if (::getrandom(&number, sizeof(number), 0) < 0)
+        number = static_cast<std::uint64_t>(::getpid());
+    std::array<char, 48> name{};
+    std::snprintf(name.data(), name.size(), ".morvane-backup-%016llx",
+                  static_cast<unsigned long long>(number));
+    return name.data();
+}
+
+SDK::PathAnchor::Entry EntryOf(int directory, const std::string& name) {
+    return {SDK::FileDescriptor(::fcntl(directory, F_DUPFD_CLOEXEC, 0)), name};
+}
+
+bool IsTooLarge(int copy_directory, const struct stat& live) {
+    struct statvfs space {};
+    if (!S_ISREG(live.st_mode) || ::fstatvfs(copy_directory, &space) != 0) return false;
+    return static_cast<std::uint64_t>(live.st_size) / space.f_frsize >= space.f_bavail;
+}
+
+bool IsUnchanged(int directory, const std::string& name, const struct stat& before) {
+    struct stat now {};
+    return ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+           now.st_dev == before.st_dev && now.st_ino == before.st_ino &&
+           now.st_ctim.tv_sec == before.st_ctim.tv_sec &&
+           now.st_ctim.tv_nsec == before.st_ctim.tv_nsec;
+}
+
+int PutInPlace(int directory, const std::string& from, const std::string& name) {
+    if (::renameat(directory, from.c_str(), directory, name.c_str()) == 0) return 0;
+    if (errno == EISDIR && SDK::DirUtils::DeleteAt(directory, name) == 0 &&
+        ::renameat(directory, from.c_str(), directory, name.c_str()) == 0) {
+        return 0;
+    }
+    return errno;
+}
+
+int ErrorOf(const ObjectRestorer::Result& result) {
+    switch (result.outcome) {
+        case ObjectRestorer::Outcome::kRestored:
+            return 0;
+        case ObjectRestorer::Outcome::kUnusual:
+            return EOPNOTSUPP;
+        case ObjectRestorer::Outcome::kInterrupted:
+            return ECANCELED;
+        default:
+            return result.error != 0 ? result.error : EIO;
+    }
+}
+
+bool BelongsToCopies(const std::string& attribute) {
+    return attribute.compare(0, 7, "system.") != 0;
+}
+
+void CopyExtendedAttributes(int from, int to) {
+    std::string names(65536, '\0');
+    const ssize_t length = ::flistxattr(from, names.data(), names.size());
+    std::string value(65536, '\0');
+    for (std::size_t at = 0; length > 0 && at < static_cast<std::size_t>(length);) {
+        const std::string name = names.c_str() + at;
+        at += name.size() + 1;
+        const ssize_t size = BelongsToCopies(name)
+                                 ? ::fgetxattr(from, name.c_str(), value.data(), value.size())
+                                 : -1;
+        if (size < 0) continue;
+        ::fsetxattr(to, name.c_str(), value.data(), static_cast<std::size_t>(size), 0);
+    }
+}
+
+}  // namespace
+
+int ObjectCopier::CopyObject(int live_directory, int copy_directory, const std::string& name,
+                             const struct stat& live) {
+    if (IsTooLarge(copy_directory, live)) return EFBIG;
+    const std::string waiting = WaitingName();
+    const int error = ErrorOf(ObjectRestorer::Restore(EntryOf(live_directory, name),
+                                                      EntryOf(copy_directory, waiting),
+                                                      std::numeric_limits<off_t>::max()));
+    struct stat made {};
+    // Where only an attribute could not be kept, the copy is there all the same.
+    if (::fstatat(copy_directory, waiting.c_str(), &made, AT_SYMLINK_NOFOLLOW) != 0) {
+        return error != 0 ? error : EIO;
+    }
+    const bool is_good = error == 0 || error == EPERM || error == EOPNOTSUPP;
+    int result = is_good ? 0 : error;
+    if (result == 0 && !IsUnchanged(live_directory, name, live)) result = ESTALE;
+    if (result == 0) result = PutInPlace(copy_directory, waiting, name);
+    if (result != 0) ::unlinkat(copy_directory, waiting.c_str(), 0);
+    return result;
+}
+
+int ObjectCopier::MakeDirectory(int copy_directory, const std::string& name,
+                                const struct stat& live) {
+    if (::mkdirat(copy_directory, name.c_str(), S_IRWXU) != 0) {
+        const bool is_taken = errno == EEXIST;
+        if (!is_taken || ::unlinkat(copy_directory, name.c_str(), 0) != 0 ||
+            ::mkdirat(copy_directory, name.c_str(), S_IRWXU) != 0) {
+            return errno;
+        }
+    }
+    struct stat made {};
+    made.st_mode = S_IFDIR | S_IRWXU;
+    made.st_uid = static_cast<uid_t>(-1);
+    AlignObject(copy_directory, name, live, made);
+    return 0;
+}
+
+void ObjectCopier::AlignDirectory(int live, int copy, const struct stat& found) {
+    struct stat present {};
+    if (::fstat(copy, &present) != 0) return;
+    const bool is_equal = found.st_mode == present.st_mode && found.st_uid == present.st_uid &&
+                          found.st_gid == present.st_gid &&
+                          found.st_mtim.tv_sec == present.st_mtim.tv_sec;
+    if (is_equal) return;
+    CopyExtendedAttributes(live, copy);
+    if (::fchown(copy, found.st_uid, found.st_gid) == 0) {
+        ::fchmod(copy, found.st_mode & ALLPERMS);
+    }
+    const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, found.st_mtim};
+    ::futimens(copy, times.data());
+}
+
+void ObjectCopier::AlignObject(int copy_directory, const std::string& name, const struct stat& live,
+                               const struct stat& copy) {
+    const bool is_equal =
+        live.st_mode == copy.st_mode && live.st_uid == copy.st_uid && live.st_gid == copy.st_gid;
+    if (is_equal) return;
+    const bool owned = ::fchownat(copy_directory, name.c_str(), live.st_uid, live.st_gid,
+                                  AT_SYMLINK_NOFOLLOW) == 0;
+    if (owned && !S_ISLNK(live.st_mode)) {
+        ::fchmodat(copy_directory, name.c_str(), live.st_mode & ALLPERMS, 0);
+    }
+}
+
+}  // namespace Engine

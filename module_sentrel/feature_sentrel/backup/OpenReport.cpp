@@ -1,0 +1,67 @@
+// Puts into words what BackupProgress knows of open objects. It must not change that.
+#define SDK_LOG_FILE "SentrelBackupTask.cpp"
+#include <AlarmDocument.h>
+#include <BackupProgress.h>
+#include <OpenReport.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <framework/Message.h>
+#include <framework/Task.h>
+#include <sdk/Log.h>
+
+#include <cstring>
+#include <vector>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kMostNamed = 10;
+constexpr std::size_t kMostBytesOfName = 300;
+
+std::string ReasonOf(const OpenObjects::Entry& entry) {
+    return entry.error == 0 ? "too many objects in it" : std::strerror(entry.error);
+}
+
+std::vector<SentrelStatus::OpenObject> FirstOnes(const SentrelDirRule& rule) {
+    std::vector<SentrelStatus::OpenObject> named;
+    for (const auto& entry : BackupProgress::Instance().OpenEntries(rule, kMostNamed)) {
+        std::string path = rule.real_path + entry.below;
+        if (path.size() > kMostBytesOfName) path = path.substr(0, kMostBytesOfName) + "...";
+        named.push_back({path, ReasonOf(entry)});
+    }
+    return named;
+}
+
+}  // namespace
+
+void OpenReport::Publish(const SentrelDirRule& rule) {
+    SentrelStatus::Instance().NoteOpenObjects(
+        rule.real_path, BackupProgress::Instance().OpenCount(rule), FirstOnes(rule));
+}
+
+std::string OpenReport::Describe(const SentrelDirRule& rule) {
+    const std::size_t count = BackupProgress::Instance().OpenCount(rule);
+    std::string text = std::to_string(count) +
+                       " objects could not be copied and are neither restored nor deleted: ";
+    const std::vector<SentrelStatus::OpenObject> named = FirstOnes(rule);
+    for (const SentrelStatus::OpenObject& one : named) {
+        if (&one != named.data()) text += "; ";
+        text += one.path + " (" + one.reason + ")";
+    }
+    if (count > named.size()) text += "; and " + std::to_string(count - named.size()) + " more";
+    return text;
+}
+
+void OpenReport::Alarm(const SentrelDirRule& rule, Framework::Task& sender) {
+    const std::string text = Describe(rule);
+    SDK_LOG(ModuleLogger(), PRIO_WARNING, "backup (%s): %s", rule.real_path, text);
+    auto* message =
+        new Framework::DataMessage("2", AlarmText(rule.real_path, ALARM_UNKNOWN, text, ""));
+    message->SetNote({"reported only", -1, true});
+    const int result = sender.SendDirectMsg("data_comm_report_task", message);
+    SentrelStatus::Instance().Count(result == 0 ? SentrelStatus::kAlarmsSent
+                                                : SentrelStatus::kAlarmsLost);
+}
+
+}  // namespace Engine
