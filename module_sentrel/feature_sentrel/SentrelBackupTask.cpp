@@ -5,7 +5,7 @@
 #include <BackupProgress.h>
 #include <CopyComparison.h>
 #include <OpenReport.h>
-#include <ProtectedWay.h>
+#include <RuleAnchors.h>
 #include <SentrelBackupTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
@@ -128,7 +128,11 @@ std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
     if (!unsafe.empty()) return unsafe;
     // Given with its "/", a link in place of the directory would be followed, and what it leads to
     // taken for the good state.
-    const bool replaced = !rule.is_file && ProtectedWay(rule, rule.real_path).HasLink();
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    if (!places) return places.problem;
+    struct stat info {};
+    const bool replaced = !rule.is_file && places.anchors->StatLive(rule.real_path, info) == 0 &&
+                          S_ISLNK(info.st_mode);
     return replaced ? "a symbolic link stands in its place" : "";
 }
 

@@ -1,12 +1,21 @@
-// Decides for every change whether it is tampering. An event is only a hint: what counts is the
-// file as it is now against its backup copy. Undoing is SentrelRestore.cpp's, merging of alarms
-// SentrelAlarms.cpp's. Inotify task's thread.
+// The steps of one change, in their order. An event is only a hint: what counts is the object as it
+// is now against its backup copy. It must not undo (Undoer), describe (AlarmReporter) nor keep
+// changes (Rejudge). Inotify task's thread.
+#define SDK_LOG_FILE "SentrelInotifyTask.cpp"
+#include <BackupProgress.h>
+#include <PathText.h>
 #include <SentrelInotifyTask.h>
+#include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
+#include <sdk/DirUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
 
 namespace Engine {
 
@@ -15,29 +24,9 @@ namespace {
 constexpr std::uint32_t kMoved = IN_MOVED_FROM | IN_MOVED_TO;
 constexpr std::uint32_t kArrived = IN_CREATE | IN_MOVED_TO;
 
-bool BeginsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-void AppendSlash(std::string& path) {
-    if (path.empty() || path.back() != '/') path += '/';
-}
-
-/// The last component; of a directory as well, whose path ends in "/".
-std::string FileName(const std::string& file) {
-    const std::size_t last = file.find_last_not_of('/');
-    if (last == std::string::npos) return file;
-    const std::size_t slash = file.rfind('/', last);
-    const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-    return file.substr(begin, last + 1 - begin);
-}
-
-alarm_type AlarmTypeOf(std::uint32_t mask) {
+/// A change of what has gone since is told as the loss that it has become.
+alarm_type AlarmTypeOf(std::uint32_t mask, Deviation deviation) {
+    if (deviation == Deviation::kGone && (mask & kArrived) == 0) return ALARM_DELETE;
     if ((mask & IN_ATTRIB) != 0) return ALARM_ATTRIBUTE;
     if ((mask & (IN_DELETE | kMoved)) != 0) return ALARM_DELETE;
     return ALARM_MODIFY;
@@ -50,67 +39,215 @@ void AdjustToRule(const SentrelDirRule& rule, std::string& file) {
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "edit root path %s ", file);
 }
 
-}  // namespace
-
-void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
-    if (!SentrelUtils::GetInstance()->is_run || msg == nullptr) {
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "inot not run");
-        return;
-    }
-    current_event_ = CurrentEvent();
-    current_event_.source = {msg->GetWatchFile(), msg->GetEventFilePath(), msg->GetRawMask(),
-                             msg->GetReadTime()};
-    const std::uint32_t mask = msg->GetEventMask();
-    const bool is_dir = (msg->GetRawMask() & IN_ISDIR) != 0;
-    const std::string& watch_file = msg->GetWatchFile();
-    std::string file1;
-    std::string file2;
-    if (!HandleEventBuildStr(msg->GetEventFilePath(), msg->GetMovetoFile(), is_dir, mask, file1,
-                             file2)) {
-        return;
-    }
-    SDK_LOG(ModuleLogger(), PRIO_DEBUG,
-            "WatchFile %s, file1 (%s), file2 (%s), dir (%s), optype (0x%x)", watch_file, file1,
-            file2, std::string(is_dir ? "true" : "false"), mask);
-    const auto found = watch_rules.find(watch_file);
-    if (found == watch_rules.end()) {
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Find watch file (%s) faild.", watch_file);
-        return;
-    }
-    const SentrelDirRule& rule = found->second;
-    AdjustToRule(rule, file1);
-    // A restore of "" would be one of the whole file system.
-    if (file1.empty() || !HandleMoveEvent(rule, msg, file1)) return;
-    HandleFileEvent(rule, RulePath(rule), mask, file1);
-}
-
-std::string SentrelInotifyTask::RulePath(const SentrelDirRule& rule) {
+/// The directory that a rule's exclusions are relative to, ending in "/".
+std::string RulePath(const SentrelDirRule& rule) {
     if (!rule.is_file) return rule.real_path;
     std::string directory = SDK::PathUtils::GetDirFromPath(rule.real_path);
     AppendSlash(directory);
     return directory;
 }
 
+/// A trace of a restore of ours that is gone already.
+bool IsGoneTransient(const SentrelDirRule& rule, const std::string& file) {
+    struct stat info {};
+    if (!IsTransientName(FileName(file))) return false;
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    return places && places.anchors->StatLive(file, info) != 0 && errno == ENOENT;
+}
+
+bool HasIgnoredSuffix(const SentrelDirRule& rule, const std::string& file) {
+    const std::string name = FileName(file);
+    for (const std::string& postfix : rule.ignored_postfix) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check ext:%s, fileName:%s.",
+                postfix, name);
+        if (!EndsWith(name, postfix)) continue;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in ext rules %s.", file, postfix);
+        return true;
+    }
+    return false;
+}
+
+/// One file or link that was copied since the policy or the end of a pause, which is put back
+/// without deleting anything. An older copy may lack an update that is still to be copied.
+bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) {
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    struct stat copy {};
+    struct stat live {};
+    if (!places || places.anchors->StatCopy(path, copy) != 0 || S_ISDIR(copy.st_mode) ||
+        !BackupProgress::Instance().IsOfThisRound(copy)) {
+        return false;
+    }
+    if (places.anchors->StatLive(path, live) == 0) return !S_ISDIR(live.st_mode);
+    return errno == ENOENT && FirstObstacle(*places.anchors, path).empty();
+}
+
+/// It was changed through this name, and perhaps is still there by another.
+void NoteVanished(const AnchoredRule& anchors, std::uint32_t mask, const std::string& file,
+                  Handling& handling) {
+    struct stat info {};
+    if ((mask & (IN_MODIFY | IN_ATTRIB)) == 0) return;
+    handling.vanished = anchors.StatLive(file, info) != 0 && errno == ENOENT;
+}
+
+double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    if (start == std::chrono::steady_clock::time_point{}) return -1;
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+        .count();
+}
+
+}  // namespace
+
+void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
+    // Gate.
+    if (!SentrelUtils::GetInstance()->is_run || msg == nullptr) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "inot not run");
+        return;
+    }
+    const Handling handling = Judge(*msg);
+    rejudge_.Take({msg->GetWatchFile(), msg->GetEventFilePath(), msg->GetRawMask(),
+                   msg->GetReadTime(), 0, ChangeOrigin::kLive},
+                  handling, undoer_.Recent());
+    SendAlarms();
+}
+
+Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
+    Handling handling;
+    // Paths.
+    const std::uint32_t mask = msg.GetEventMask();
+    const bool is_dir = (msg.GetRawMask() & IN_ISDIR) != 0;
+    const std::string& watch_file = msg.GetWatchFile();
+    std::string file1;
+    std::string file2;
+    if (!HandleEventBuildStr(msg.GetEventFilePath(), msg.GetMovetoFile(), is_dir, mask, file1,
+                             file2)) {
+        return handling;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG,
+            "WatchFile %s, file1 (%s), file2 (%s), dir (%s), optype (0x%x)", watch_file, file1,
+            file2, std::string(is_dir ? "true" : "false"), mask);
+    // Rule. A copy of it: what follows may find it gone.
+    const auto found = watch_rules.find(watch_file);
+    if (found == watch_rules.end()) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Find watch file (%s) faild.", watch_file);
+        return handling;
+    }
+    const SentrelDirRule& rule = found->second;
+    // Root path. A restore of "" would be one of the whole file system.
+    AdjustToRule(rule, file1);
+    if (file1.empty() || IsGoneTransient(rule, file1)) return handling;
+    // Moves.
+    if (!HandleMoveEvent(rule, &msg, file1, handling)) return handling;
+    // Ignored paths.
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check file %s.", file1);
+    if (IsIgnored(rule, file1)) {
+        if ((mask & (IN_MODIFY | IN_ATTRIB)) != 0) NoteOtherNames(rule, file1, handling);
+        return handling;
+    }
+    JudgeFile(rule, mask, file1, msg.GetReadTime(), handling);
+    return handling;
+}
+
+void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mask,
+                                   const std::string& file,
+                                   std::chrono::steady_clock::time_point read_time,
+                                   Handling& handling) {
+    const bool arrived = (mask & kArrived) != 0;
+    // Backup copy.
+    bool exists = false;
+    BackupFileInfo info;
+    if (!GetBackupFileInfo(file, rule, exists, info)) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", file);
+        handling.Add(Outcome::kNotJudged);
+        return;
+    }
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    if (!places) return handling.Add(Outcome::kNotJudged);
+    NoteVanished(*places.anchors, mask, file, handling);
+    // No backup copy.
+    if (!exists) {
+        if ((mask & IN_DELETE) != 0) {
+            SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s deleted by update or restore.", file);
+            return;
+        }
+        UndoAndReport(rule, file, ALARM_ADD, false, arrived, read_time, handling);
+        return;
+    }
+    // Comparison.
+    const BackupComparer comparer(places.anchors);
+    const auto lacks_content = [&] {
+        return (arrived || (mask & IN_DELETE) != 0) &&
+               comparer.LacksContent(
+                   file, [&](const std::string& path) { return IsIgnored(rule, path); });
+    };
+    const Deviation deviation = comparer.Compare(file, info);
+    if (deviation == Deviation::kNone && !lacks_content()) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
+        return;
+    }
+    // Undoing and alarm.
+    UndoAndReport(rule, file, AlarmTypeOf(mask, deviation), true, arrived, read_time, handling);
+    return;
+}
+
+void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::string& file,
+                                       alarm_type type, bool restore, bool remove,
+                                       std::chrono::steady_clock::time_point read_time,
+                                       Handling& handling) {
+    Description description = Describe(rule, file);
+    NoteOtherNames(rule, file, handling);
+    const Undoing undoing = AutoRestoreFile(rule, restore, remove, file);
+    handling.Add(undoing.outcome);
+    Alarm alarm;
+    alarm.file = file;
+    alarm.type = type;
+    alarm.diff_attr = std::move(description.diff_attr);
+    alarm.note = {OutcomeText(undoing.outcome), MillisecondsSince(read_time), true};
+    const Framework::ReportNote note = alarm.note;
+    alarms_.Raise(std::move(alarm), std::move(description.evidence), rule.backup_path + file);
+    if (undoing.lost_directory.empty()) return;
+    // Its own event will find it put right.
+    alarms_.Raise({undoing.lost_directory, ALARM_DELETE, "", "", note}, Evidence(), "");
+}
+
+/// Before the change is undone: the page comes first, but what stood there must be told.
+SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRule& rule,
+                                                             const std::string& file) {
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    if ((!utils->diff_content && !utils->diff_attr) || alarms_.IsMergedAnyway(file)) return {};
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    if (!places) return {};
+    Description description;
+    description.evidence = Evidence(*places.anchors, file);
+    if (utils->diff_attr) {
+        description.diff_attr =
+            HandleFileAttrDiff(rule.backup_path + file, description.evidence.Path());
+    }
+    if (!utils->diff_content) description.evidence = Evidence();
+    return description;
+}
+
 bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyMessage* msg,
-                                         const std::string& path) {
+                                         const std::string& path, Handling& handling) {
     if (path.empty() || (msg->GetEventMask() & kMoved) == 0) return true;
     if (IsMoveIgnored(rule, path)) return true;
-    SettleBefore(path);
     bool exists = false;
     BackupFileInfo info;
     if (!GetBackupFileInfo(path, rule, exists, info)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", path);
-        KeepFailed(current_event_.source, path, "");
+        handling.Add(Outcome::kNotJudged);
         return false;
     }
     // A restore ends with a move as well: to answer that with a restore would double each of them.
-    if (exists && own_restores_.MayEcho(path, msg->GetReadTime()) &&
-        !DiffersFromBackup(path, info)) {
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
-        return false;
+    if (exists && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
+        const RulePlaces places = RuleAnchors::Instance().Of(rule);
+        if (places && (undoer_.IsAsPutBack(*places.anchors, path) ||
+                       BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone)) {
+            SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
+            return false;
+        }
     }
-    AutoRestoreFile(rule, exists, !exists, path);
-    RaiseAlarm(rule, path, exists ? ALARM_MODIFY : ALARM_ADD);
+    UndoAndReport(rule, path, exists ? ALARM_MODIFY : ALARM_ADD, exists, !exists,
+                  msg->GetReadTime(), handling);
     return true;
 }
 
@@ -128,40 +265,12 @@ bool SentrelInotifyTask::IsMoveIgnored(const SentrelDirRule& rule, const std::st
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in other rules.", path);
         ignored = true;
     }
-    return ignored;
+    // A log that is rotated has no copy, and would be lost.
+    return ignored || HasIgnoredSuffix(rule, path);
 }
 
-void SentrelInotifyTask::HandleFileEvent(const SentrelDirRule& rule, const std::string& rule_path,
-                                         std::uint32_t mask, const std::string& file) {
-    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check file %s.", file);
-    if (IsIgnored(rule, rule_path, file)) {
-        if ((mask & (IN_MODIFY | IN_ATTRIB)) != 0) NoteOtherNames(file);
-        return;
-    }
-    SettleBefore(file);
-    NoteVanished(mask, file);
-    bool exists = false;
-    BackupFileInfo info;
-    if (!GetBackupFileInfo(file, rule, exists, info)) {
-        SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file/dir %s attar failed.", file);
-        KeepFailed(current_event_.source, file, "");
-        return;
-    }
-    if (!exists) {
-        HandleUnknownFile(rule, mask, file);
-        return;
-    }
-    const bool came_or_went = (mask & (kArrived | IN_DELETE)) != 0;
-    if (!DiffersFromBackup(file, info) && !(came_or_went && LacksContent(rule, file))) {
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
-        return;
-    }
-    AutoRestoreFile(rule, true, (mask & kArrived) != 0, file);
-    RaiseAlarm(rule, file, AlarmTypeOf(mask));
-}
-
-bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string& rule_path,
-                                   const std::string& file) {
+bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string& file) {
+    const std::string rule_path = RulePath(rule);
     for (const std::string& subdir : rule.ignored_subdir) {
         const std::string full = rule_path + subdir;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG,
@@ -175,25 +284,53 @@ bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in other rules %s.", file, prefix);
         return true;
     }
-    const std::string name = FileName(file);
-    for (const std::string& postfix : rule.ignored_postfix) {
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check ext:%s, fileName:%s.",
-                postfix, name);
-        if (!EndsWith(name, postfix)) continue;
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in ext rules %s.", file, postfix);
-        return true;
-    }
-    return false;
+    return HasIgnoredSuffix(rule, file);
 }
 
-void SentrelInotifyTask::HandleUnknownFile(const SentrelDirRule& rule, std::uint32_t mask,
-                                           const std::string& file) {
-    if ((mask & IN_DELETE) != 0) {
-        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s deleted by update or restore.", file);
-        return;
+/// What was changed through one name of an object was changed at all its names.
+void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
+                                        Handling& handling) {
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    struct stat info {};
+    if (!places || places.anchors->StatLive(file, info) != 0) return;
+    if (S_ISDIR(info.st_mode) || info.st_nlink < 2) return;
+    handling.other_names = ObjectId(info.st_dev, info.st_ino);
+}
+
+Undoing SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
+                                            const std::string& path) {
+    if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return {};
+    if (!restore && !remove) return {};
+    // What could not be backed up can be told neither good nor foreign.
+    const BackupProgress& progress = BackupProgress::Instance();
+    if (progress.IsOpen(rule, path) || (!restore && progress.HasOpenIn(rule, path))) return {};
+    if (AwaitsBackup(rule) && !(restore && IsRestoredAlone(rule, path))) {
+        return {Outcome::kDeferred};
     }
-    AutoRestoreFile(rule, false, (mask & kArrived) != 0, file);
-    RaiseAlarm(rule, file, ALARM_ADD);
+    Undoing undoing;
+    if (restore) {
+        undoing = undoer_.Restore(rule, path);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "auto restore %s ", path);
+    } else {
+        undoing = undoer_.Remove(rule, path);
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "delete : %s", path);
+    }
+    return undoing;
+}
+
+bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule,
+                                           bool& exists, BackupFileInfo& info) {
+    exists = false;
+    const std::string backup = rule.backup_path + path;
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "compare file:%s, comparepath:%s", path, backup);
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    if (!places) {
+        SentrelStatus::Instance().NoteFailure(rule.real_path, places.problem);
+        return false;
+    }
+    // Where there is no backup folder at all, nothing can be told to be foreign.
+    if (places.anchors->Copies() == nullptr && !AwaitsBackup(rule)) return false;
+    return BackupComparer(places.anchors).Describe(path, backup, exists, info);
 }
 
 }  // namespace Engine

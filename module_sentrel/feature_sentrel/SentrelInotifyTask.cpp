@@ -1,16 +1,22 @@
-// Owns the watches of the protected paths, from Init to UnInit. It must not read inotify (the
-// file-notify module does) nor judge events (SentrelEvents.cpp). Task's own thread; watch requests
-// go to the file-notify task, which frees them.
+// Owns the watches of the protected paths, from Init to UnInit, and the objects that handle a
+// change. It must not read inotify (the file-notify module does) nor judge changes
+// (SentrelEvents.cpp). Task's own thread; watch requests go to the file-notify task, which frees
+// them.
+#include <BackupProgress.h>
+#include <RsyncLauncher.h>
+#include <RuleAnchors.h>
 #include <SentrelInotifyTask.h>
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <TaskSteps.h>
+#include <WorkClock.h>
+#include <module_filenotify/FileNotifyMessage.h>
 #include <module_filenotify/FileNotifyOpt.h>
 #include <module_filenotify/FileNotifyWatchMessage.h>
 #include <sdk/Log.h>
 #include <sys/inotify.h>
 
-#include <algorithm>
+#include <ctime>
 #include <new>
 #include <utility>
 #include <vector>
@@ -26,6 +32,8 @@ constexpr int kMaxEventSources = 10;
 constexpr std::size_t kMaxMessagesPerCycle = 128;
 constexpr int kWatchTimeoutMs = 1000;
 constexpr int kWatchRetries = 2;
+constexpr std::chrono::seconds kLookAtPlaces{1};
+constexpr int kLooksUntilAlarm = 2;  // a first backup may still mend its folder's mode
 
 const std::vector<unsigned int>& WatchEventMasks() {
     static const std::vector<unsigned int> watch_event_masks = {
@@ -39,8 +47,27 @@ const std::vector<unsigned int>& WatchEventMasks() {
 SentrelInotifyTask::SentrelInotifyTask(std::size_t backlog)
     : Framework::Task(kTaskId, "sentrel_feature", Framework::TaskCondition::kResident,
                       kQueueCapacity),
-      deferred_(backlog),
-      failed_(std::min(backlog, FailedEvents::kCapacity)) {}
+      alarms_(
+          alarm_cache, [this](const Alarm& alarm) { SendAlarm(alarm); },
+          [this] { Waiter().Wake(); }),
+      rejudge_(RejudgeOwner(), backlog) {}
+
+Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
+    Rejudge::Owner owner;
+    owner.judge = [this](const FileChange& change) {
+        FileNotifyMessage msg(change.watch_id, change.path, "", change.raw_mask, change.read_time);
+        return Judge(msg);
+    };
+    owner.rule = [this](const std::string& watch_id) -> const SentrelDirRule* {
+        const auto found = watch_rules.find(watch_id);
+        return found == watch_rules.end() ? nullptr : &found->second;
+    };
+    owner.ignored = [this](const SentrelDirRule& rule, const std::string& path) {
+        return IsIgnored(rule, path);
+    };
+    owner.should_yield = [this] { return ShouldYield(); };
+    return owner;
+}
 
 bool SentrelInotifyTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
@@ -51,8 +78,10 @@ bool SentrelInotifyTask::Init() {
 
 bool SentrelInotifyTask::UnInit() {
     RmvFileNotifyWatches();
+    alarms_.Finish();
     watch_rules.clear();
-    ForgetBacklog();
+    rejudge_.Forget();
+    problems_.clear();
     SentrelStatus::Instance().ClearPaths();
     const bool result = Framework::Task::UnInit();
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) uninit.", Id());
@@ -63,11 +92,12 @@ int SentrelInotifyTask::Run() {
     static unsigned long last_cpu_tick = 0;
     CheckDisableTime();
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
+    CheckPlaces();
     HandleBacklog(FailedEvents::Clock::now());
     if (Waiter().WaitAndHandleEvent(kWaitMs, kMaxEventSources) == -1) {
         BulkConsumeMsg(kMaxMessagesPerCycle);
     }
-    SendPendingAlarm();
+    SendAlarms();
     CleanOldMessageFromCache();
     return 0;
 }
@@ -75,8 +105,10 @@ int SentrelInotifyTask::Run() {
 void SentrelInotifyTask::AddFileNotifyWatches() {
     const std::list<SentrelDirRule>& rules = SentrelUtils::GetInstance()->dir_rules;
     if (rules.empty() || state() == TASK_CANCELLING) return;
+    RuleAnchors::Instance().Forget();
     std::vector<SentrelStatus::ProtectedPath> paths;
     for (const SentrelDirRule& rule : rules) {
+        RuleAnchors::Instance().Of(rule);  // held from here on
         const std::string id = HandleFileNotifyWatch(false, rule.real_path);
         watch_rules.insert({id, rule});
         paths.push_back({id, rule});
@@ -105,6 +137,61 @@ std::string SentrelInotifyTask::HandleFileNotifyWatch(bool remove, const std::st
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "2monitor (%b) id (%s) for rule(%s).", remove, id,
             path);
     return id;
+}
+
+void SentrelInotifyTask::HandleBacklog(std::chrono::steady_clock::time_point now) {
+    if (!SentrelUtils::GetInstance()->is_run) return;
+    const bool more = rejudge_.HandleDue(now, undoer_.Recent());
+    SendAlarms();
+    // Messages have their turn, but nobody waits for one.
+    if (more) Waiter().Wake();
+}
+
+/// A protected path that leads elsewhere is told even when nothing in it changes any more.
+void SentrelInotifyTask::CheckPlaces() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < next_look_ || !SentrelUtils::GetInstance()->is_run) return;
+    next_look_ = now + kLookAtPlaces;
+    for (const auto& [id, rule] : watch_rules) {
+        const std::string problem = RuleAnchors::Instance().Of(rule).problem;
+        SentrelStatus::Instance().SetProblem(rule.real_path, problem);
+        int& looks = problems_[id];
+        looks = problem.empty() ? 0 : looks + 1;
+        if (looks != kLooksUntilAlarm) continue;
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", rule.real_path, problem);
+        SendAlarm({rule.real_path, ALARM_MODIFY, "", "", {"not protected: " + problem, -1, true}});
+    }
+}
+
+bool SentrelInotifyTask::SentrelCheckWork(int weekday, int sec) {
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (weekday < 0 || weekday >= kDaysPerWeek || sec < 0 || sec >= kMinutesPerDay) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "check work time failse:weekday %d sec %d ", weekday,
+                sec);
+        return true;
+    }
+    return utils->weekday_enabled[static_cast<std::size_t>(weekday)] ||
+           utils->minute_enabled[static_cast<std::size_t>(sec)];
+}
+
+void SentrelInotifyTask::CheckDisableTime() {
+    const std::time_t now = WorkClock::Now();
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    const bool work = SentrelCheckWork(local.tm_wday, local.tm_hour * 60 + local.tm_min);
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    if (work == utils->is_run) return;
+    const Poco::FastMutex::ScopedLock lock(utils->mutex);
+    // What was changed in the pause has to be copied before anything is taken for foreign.
+    if (work) BackupProgress::Instance().Restart();
+    utils->is_run = work;
+    utils->local_backup_pending = work;
+    utils->remote_backup_pending = work;
+    if (work) {
+        SDK_LOG(ModuleLogger(), PRIO_TRACE, "is_run false change to true");
+    } else {
+        SDK_LOG(ModuleLogger(), PRIO_TRACE, "is_run true change to false");
+    }
 }
 
 }  // namespace Engine

@@ -94,6 +94,11 @@ void SentrelStatus::NoteOpenObjects(const std::string& real_path, std::size_t co
     history.named_open_objects = std::move(named);
 }
 
+void SentrelStatus::SetProblem(const std::string& real_path, const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    history_[real_path].problem = text;
+}
+
 bool SentrelStatus::IsRsyncKnown() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return rsync_known_;
@@ -159,6 +164,7 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
         entry["last_failure"] = history.last_failure;
         entry["last_failure_at"] = TimeOrNull(history.last_failure_at);
         entry["open_objects"] = OpenObjectsToJson(history);
+        entry["problem"] = history.problem;
         list.append(std::move(entry));
     }
     return list;

@@ -73,6 +73,8 @@ class SentrelStatus {
     /// `count` entries stand for objects of the path that have no backup copy; the first are named.
     void NoteOpenObjects(const std::string& real_path, std::size_t count,
                          std::vector<OpenObject> named);
+    /// What keeps a path from being protected at this moment; empty when nothing does.
+    void SetProblem(const std::string& real_path, const std::string& text);
 
     bool IsRsyncKnown() const;
     void ForgetRsync();  ///< another file is installed
@@ -95,6 +97,7 @@ class SentrelStatus {
         std::int64_t last_failure_at = 0;
         std::size_t open_objects = 0;
         std::vector<OpenObject> named_open_objects = {};
+        std::string problem;
     };
 
     SentrelStatus() = default;

@@ -1,3 +1,4 @@
+#include <RsyncLauncher.h>
 #include <SentrelUtils.h>
 #include <TaskSteps.h>
 #include <sdk/InnerCpuCtrlUtils.h>
@@ -10,6 +11,7 @@ namespace Engine {
 void PrepareRsyncForTask() {
     const unsigned int uid = ::getuid();
     if (uid != 0) SDK_LOG(ModuleLogger(), PRIO_WARNING, "run as not root user, uid=%u.", uid);
+    RsyncLauncher::Install();
     SentrelUtils* utils = SentrelUtils::GetInstance();
     if (utils->DownloadRsync()) return;
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "download rsync failed.");

@@ -1,5 +1,5 @@
+#include <PathText.h>
 #include <Poco/Exception.h>
-#include <ProtectedWay.h>
 #include <WatchList.h>
 #include <framework/Engine.h>
 

@@ -182,6 +182,18 @@ std::string PolicyWarnings(const Json::Value& status, long long now_ms) {
     return text;
 }
 
+std::string OpenObjectWarnings(const Json::Value& path, const std::string& name) {
+    Json::Value open;
+    if (!JsonUtils::GetSubobjectValue(path, "open_objects", open)) return "";
+    if (Number(open, "count") <= 0) return "";
+    std::string text = Warning(name + " has " + Count(open, "count") +
+                               " objects that could not be copied; they are not protected");
+    for (const Json::Value& example : open["examples"]) {
+        text += Warning("not copied: " + Text(example, "path") + ": " + Text(example, "reason"));
+    }
+    return text;
+}
+
 std::string PathWarnings(const Json::Value& status, long long now_ms) {
     std::string text;
     for (const Json::Value& path : status["protected_paths"]) {
@@ -189,15 +201,9 @@ std::string PathWarnings(const Json::Value& status, long long now_ms) {
         const std::string name = Text(path, "path");
         if (state == "waiting") text += Warning(name + " is not there; it is watched for");
         if (state == "degraded") text += Warning(name + " has directories that cannot be watched");
-        const Json::Value& open = path["open_objects"];
-        if (open.isObject() && Number(open, "count") > 0) {
-            text += Warning(name + " has " + Count(open, "count") +
-                            " objects that could not be copied; they are not protected");
-            for (const Json::Value& example : open["examples"]) {
-                text += Warning("not copied: " + Text(example, "path") + ": " +
-                                Text(example, "reason"));
-            }
-        }
+        text += OpenObjectWarnings(path, name);
+        const std::string problem = Text(path, "problem");
+        if (!problem.empty()) text += Warning(name + " is not protected: " + problem);
         const std::string failure = Text(path, "last_failure");
         const long long at = Number(path, "last_failure_at");
         const std::string when = at > 0 ? " at " + When(at, now_ms) : "";

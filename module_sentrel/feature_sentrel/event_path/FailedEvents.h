@@ -1,6 +1,6 @@
 #pragma once
 
-#include <DeferredEvents.h>
+#include <FileChange.h>
 
 #include <chrono>
 #include <cstddef>
@@ -25,17 +25,14 @@ class FailedEvents {
     /// The distances go from one second, doubled, to ten minutes: three quarters of an hour.
     static constexpr unsigned int kMostTries = 12;
 
-    struct Failed {
-        DeferredEvent event;
-        unsigned int tries = 0;  ///< that came to nothing
-    };
     enum class Kept { kYes, kGivenUp, kNoRoom };
 
-    /// A path that waits already keeps its turn.
-    Kept Keep(Failed failed, Clock::time_point now);
+    /// `change.attempt` counts the tries that came to nothing, this one included. A path that waits
+    /// already keeps its turn.
+    Kept Keep(FileChange change, Clock::time_point now);
 
     /// Takes out what is due, the one that has waited longest.
-    std::optional<Failed> TakeDue(Clock::time_point now);
+    std::optional<FileChange> TakeDue(Clock::time_point now);
 
     std::size_t Size() const { return waiting_.size(); }
     bool IsHalfFull() const { return 2 * waiting_.size() >= capacity_; }
@@ -46,7 +43,7 @@ class FailedEvents {
     using Turn = std::pair<Clock::time_point, Path>;
 
     const std::size_t capacity_;
-    std::map<Path, Failed> waiting_;
+    std::map<Path, FileChange> waiting_;
     std::set<Turn> turns_;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <SentrelDirRule.h>
+#include <RuleAnchors.h>
 #include <sdk/FileDescriptor.h>
 
 #include <string>
@@ -9,15 +9,15 @@ namespace Engine {
 
 /// Keeps hold of what stands at a changed path, so that the alarm can describe it after the page
 /// has been put back: the page comes first, the description may take its time. Opens nothing for
-/// reading, follows no link and changes nothing. One thread.
+/// reading, follows no link and changes nothing. One thread at a time.
 class Evidence {
   public:
     /// Holds nothing.
     Evidence() = default;
 
-    /// Holds what stands at `path` now, whatever it is; nothing when it is missing or a planted
-    /// link stands on the way to it.
-    Evidence(const SentrelDirRule& rule, const std::string& path);
+    /// Holds what stands at `path` now, whatever it is; nothing when it is missing or a link
+    /// stands on the way to it.
+    Evidence(const AnchoredRule& rule, const std::string& path);
 
     /// Where what is held can be looked at and read while the object lives, also by commands that
     /// are run; empty when nothing is held.

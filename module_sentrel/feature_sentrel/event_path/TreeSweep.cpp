@@ -1,37 +1,29 @@
 // Owns how far a comparison of a protected path with its copy has come. It must not undo or report
-// anything (SentrelEvents.cpp, SentrelRestore.cpp). Children come before their directory, since
+// anything. Children come before their directory, since
 // restoring a directory mends them without a word. Inotify task's thread.
-#include <ProtectedWay.h>
+#include <DirectoryNames.h>
+#include <PathText.h>
 #include <TreeSweep.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
+#include <iterator>
 #include <utility>
 
 namespace Engine {
 
 namespace {
 
-/// What stands there itself; type 0 when there is nothing.
-struct stat StatusOf(const std::string& path) {
-    struct stat info {};
-    if (::lstat(WithoutTrailingSlash(path).c_str(), &info) != 0) info = {};
-    return info;
-}
-
 std::uint32_t DirectoryBit(const struct stat& info) {
     return S_ISDIR(info.st_mode) ? IN_ISDIR : 0U;
 }
 
-void AddNames(const std::string& directory, std::vector<std::string>& names) {
-    std::error_code error;
-    std::filesystem::directory_iterator entry(directory, error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        names.push_back(entry->path().filename().string());
-    }
+void AddNames(const SDK::FileDescriptor& directory, std::vector<std::string>& names) {
+    if (!directory.IsOpen()) return;
+    std::vector<std::string> found = NamesIn(directory.Get());
+    names.insert(names.end(), std::make_move_iterator(found.begin()),
+                 std::make_move_iterator(found.end()));
 }
 
 }  // namespace
@@ -40,6 +32,8 @@ TreeSweep::TreeSweep(SentrelDirRule rule, Ignored ignored, Named named)
     : rule_(std::move(rule)), ignored_(std::move(ignored)), named_(std::move(named)) {}
 
 bool TreeSweep::Step(std::chrono::steady_clock::time_point until) {
+    anchors_ = RuleAnchors::Instance().Of(rule_).anchors;
+    if (anchors_ == nullptr) return false;
     if (!std::exchange(begun_, true) && Look(WithoutTrailingSlash(rule_.real_path))) return true;
     while (!open_.empty() && std::chrono::steady_clock::now() < until) {
         Directory& directory = open_.back();
@@ -58,8 +52,8 @@ bool TreeSweep::Step(std::chrono::steady_clock::time_point until) {
 
 void TreeSweep::Open(const std::string& path) {
     Directory directory{path + "/", {}};
-    AddNames(directory.path, directory.names);
-    AddNames(rule_.backup_path + directory.path, directory.names);
+    AddNames(anchors_->OpenLiveDirectory(path), directory.names);
+    AddNames(anchors_->OpenCopyDirectory(path), directory.names);
     std::sort(directory.names.begin(), directory.names.end());
     directory.names.erase(std::unique(directory.names.begin(), directory.names.end()),
                           directory.names.end());
@@ -68,8 +62,8 @@ void TreeSweep::Open(const std::string& path) {
 
 /// True when something was named.
 bool TreeSweep::Look(const std::string& path) {
-    const struct stat live = StatusOf(path);
-    const struct stat copy = StatusOf(rule_.backup_path + path);
+    const struct stat live = LiveStatus(path);
+    const struct stat copy = CopyStatus(path);
     const bool is_directory = S_ISDIR(live.st_mode) || S_ISDIR(copy.st_mode);
     if (ignored_(is_directory ? path + "/" : path)) return false;
     if (live.st_mode == 0 && copy.st_mode == 0) return false;
@@ -87,12 +81,25 @@ bool TreeSweep::Look(const std::string& path) {
 
 /// A directory's time and size differ wherever something was added and removed again.
 bool TreeSweep::LookAtDirectory(const std::string& path) {
-    const struct stat live = StatusOf(path);
-    const struct stat copy = StatusOf(rule_.backup_path + path);
+    const struct stat live = LiveStatus(path);
+    const struct stat copy = CopyStatus(path);
     if (live.st_mode == copy.st_mode && live.st_uid == copy.st_uid && live.st_gid == copy.st_gid) {
         return false;
     }
     return Name(path, IN_ATTRIB | IN_ISDIR);
+}
+
+/// What stands there itself; type 0 when there is nothing.
+struct stat TreeSweep::LiveStatus(const std::string& path) const {
+    struct stat info {};
+    if (anchors_->StatLive(path, info) != 0) info = {};
+    return info;
+}
+
+struct stat TreeSweep::CopyStatus(const std::string& path) const {
+    struct stat info {};
+    if (anchors_->StatCopy(path, info) != 0) info = {};
+    return info;
 }
 
 bool TreeSweep::Name(const std::string& path, std::uint32_t raw_mask) {

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <chrono>
+#include <FileChange.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -13,17 +14,6 @@
 
 namespace Engine {
 
-/// A change that could not be judged yet.
-struct DeferredEvent {
-    std::string watch_id;
-    std::string path;
-    std::uint32_t raw_mask = 0;
-    std::chrono::steady_clock::time_point read_time{};
-};
-
-/// The event bits with a move told as the arrival or the loss that it is for the one path.
-std::uint32_t WithoutMoves(std::uint32_t mask);
-
 /// The changes that wait for a complete backup copy to be compared with: one for each path, in the
 /// order of their arrival for each watch, at most `capacity`. An event takes about 150 bytes and
 /// its path. One thread.
@@ -35,11 +25,11 @@ class DeferredEvents {
 
     /// Keeps the event; one for the same path is brought up to date. A move is kept as what it is
     /// at its one end, an arrival or a loss. False when there is no room: the event is not kept.
-    bool Keep(const DeferredEvent& event);
+    bool Keep(const FileChange& event);
 
     /// Takes out the oldest events of the watches that are `ready`, `limit` at most.
-    std::vector<DeferredEvent> Take(std::size_t limit,
-                                    const std::function<bool(const std::string&)>& ready);
+    std::vector<FileChange> Take(std::size_t limit,
+                                 const std::function<bool(const std::string&)>& ready);
 
     std::size_t Size() const { return size_; }
     void Clear();

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <RuleAnchors.h>
 #include <SentrelDirRule.h>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,9 +38,12 @@ class TreeSweep {
     void Open(const std::string& path);
     bool Look(const std::string& path);
     bool LookAtDirectory(const std::string& path);
+    struct stat LiveStatus(const std::string& path) const;
+    struct stat CopyStatus(const std::string& path) const;
     bool Name(const std::string& path, std::uint32_t raw_mask);
 
     const SentrelDirRule rule_;
+    std::shared_ptr<const AnchoredRule> anchors_;  ///< as they were when the last step began
     const Ignored ignored_;
     const Named named_;
     bool begun_ = false;

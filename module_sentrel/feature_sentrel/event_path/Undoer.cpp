@@ -1,0 +1,190 @@
+// Undoes changes. It must not judge whether something is tampering (the inotify task does), keep
+// what has to wait (Rejudge), nor know how a restore is carried out (RsyncLauncher). Inotify task's
+// thread.
+#define SDK_LOG_FILE "SentrelInotifyTask.cpp"
+#include <PathText.h>
+#include <RsyncLauncher.h>
+#include <SentrelStatus.h>
+#include <SentrelUtils.h>
+#include <Undoer.h>
+#include <sdk/DirUtils.h>
+#include <sdk/Log.h>
+#include <sdk/ObjectRestorer.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace Engine {
+
+namespace {
+
+// Each try looks at the way anew; who goes on changing it is met again by the next event.
+constexpr int kTries = 4;
+
+/// What stands there; 0 when there is nothing, or it cannot be reached.
+mode_t LiveType(const AnchoredRule& rule, const std::string& path) {
+    struct stat info {};
+    return rule.StatLive(path, info) == 0 ? info.st_mode & S_IFMT : 0;
+}
+
+mode_t CopyType(const AnchoredRule& rule, const std::string& path) {
+    struct stat info {};
+    return rule.StatCopy(path, info) == 0 ? info.st_mode & S_IFMT : 0;
+}
+
+std::optional<ObjectId> LiveObject(const AnchoredRule& rule, const std::string& path) {
+    struct stat info {};
+    if (rule.StatLive(path, info) != 0) return std::nullopt;
+    return ObjectId(info.st_dev, info.st_ino);
+}
+
+/// An excluded subdirectory of several levels is named from the rule's path on, and rsync knows it
+/// only when it starts there: below that it would take the excluded content for foreign.
+bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
+    const std::string inside = WithoutTrailingSlash(directory) + "/";
+    return !rule.is_file && std::any_of(rule.ignored_subdir.begin(), rule.ignored_subdir.end(),
+                                        [&](const std::string& subdir) {
+                                            return BeginsWith(rule.real_path + subdir, inside);
+                                        });
+}
+
+bool IsRestoredWithRsync(const SentrelDirRule& rule) {
+    std::vector<std::string> patterns;
+    for (const std::string& postfix : rule.ignored_postfix) patterns.push_back("*" + postfix);
+    patterns.insert(patterns.end(), rule.ignored_subdir.begin(), rule.ignored_subdir.end());
+    return !RsyncLauncher::RestoresDirectoriesInProcess(patterns);
+}
+
+void CountPlantedLink(const std::string& path) {
+    SDK_LOG(ModuleLogger(), PRIO_WARNING, "removed the planted link %s.", path);
+    SentrelStatus::Instance().Count(SentrelStatus::kPlantedLinksRemoved);
+}
+
+}  // namespace
+
+bool IsTransientName(const std::string& name) {
+    if (BeginsWith(name, SDK::ObjectRestorer::kTemporaryPrefix)) return true;
+    return name.size() > 1 && name.front() == '#' &&
+           name.find_first_not_of("0123456789", 1) == std::string::npos;
+}
+
+std::string FirstObstacle(const AnchoredRule& rule, const std::string& path) {
+    const std::string wanted = WithoutTrailingSlash(path);
+    const std::string& root = rule.RootPath();
+    if (rule.IsFile() || wanted.size() <= root.size()) return "";
+    if (LiveType(rule, root) != S_IFDIR) return root;
+    // Mostly the way is free.
+    if (rule.OpenLiveDirectory(ParentPath(wanted)).IsOpen()) return "";
+    for (std::size_t slash = wanted.find('/', root.size() + 1); slash != std::string::npos;
+         slash = wanted.find('/', slash + 1)) {
+        const std::string above = wanted.substr(0, slash);
+        if (LiveType(rule, above) != S_IFDIR) return above;
+    }
+    return "";
+}
+
+Undoing Undoer::Restore(const SentrelDirRule& rule, const std::string& path) {
+    SentrelStatus& status = SentrelStatus::Instance();
+    Attempt attempt;
+    for (int tries = 0; tries < kTries && !attempt.restored; ++tries) {
+        attempt = TryToRestore(rule, path);
+    }
+    if (!attempt.restored) {
+        status.Count(SentrelStatus::kRestoresFailed);
+        status.NoteFailure(rule.real_path, "restore of " + path + ": " + attempt.error);
+        return {Outcome::kRestoreFailed};
+    }
+    status.Count(SentrelStatus::kRestoresDone);
+    return {Outcome::kRestored, attempt.is_above ? attempt.target : std::string()};
+}
+
+Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::string& path) {
+    RsyncLauncher::Install();
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    if (!places) return {false, path, false, places.problem};
+    const AnchoredRule& anchors = *places.anchors;
+    Attempt attempt;
+    attempt.target = WithoutTrailingSlash(path);
+    const std::string obstacle = FirstObstacle(anchors, path);
+    if (!obstacle.empty()) {
+        if (CopyType(anchors, obstacle) != S_IFDIR) {
+            return {false, path, false, "what stands on the way cannot be removed: " + obstacle};
+        }
+        attempt.target = obstacle;
+        attempt.is_above = true;
+    }
+    const mode_t live = LiveType(anchors, attempt.target);
+    const mode_t copy = CopyType(anchors, attempt.target);
+    if (copy == S_IFDIR) attempt.target += '/';
+    if (copy == S_IFDIR && IsRestoredWithRsync(rule) && HoldsExclusion(rule, attempt.target)) {
+        attempt.target = rule.real_path;
+    }
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    const auto begun = OwnRestores::Clock::now();
+    attempt.restored = utils->DoRsyncLocal(attempt.target, rule.backup_path, rule.ignored_postfix,
+                                           rule.ignored_subdir, RSYNC_RESTORE);
+    attempt.error = attempt.restored ? "" : utils->LastCopyError();
+    recent_.Note(attempt.target, begun, OwnRestores::Clock::now(),
+                 attempt.restored ? LiveObject(anchors, attempt.target) : std::nullopt);
+    if (attempt.restored && live == S_IFLNK && copy != S_IFLNK) CountPlantedLink(attempt.target);
+    return attempt;
+}
+
+Undoing Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
+    SentrelStatus& status = SentrelStatus::Instance();
+    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const auto begun = OwnRestores::Clock::now();
+    int error = 0;
+    if (places) {
+        const SDK::PathAnchor::Entry live = places.anchors->Live(path);
+        if (!live.IsOpen() && (errno == ELOOP || errno == ENOTDIR)) {
+            return RemoveBlockingLink(*places.anchors, path);
+        }
+        // The protected path itself is the administrator's to remove.
+        const bool is_root = WithoutTrailingSlash(path) == places.anchors->RootPath();
+        if (is_root && !rule.is_file) return {Outcome::kNone};
+        const bool removed =
+            live.IsOpen() && SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) == 0;
+        error = removed ? 0 : errno;
+        if (removed) recent_.Note(path, begun, OwnRestores::Clock::now());
+    }
+    if (places && error == 0) {
+        status.Count(SentrelStatus::kRemovalsDone);
+        return {Outcome::kRemoved};
+    }
+    if (error == ENOENT) return {Outcome::kNone};  // it went by itself
+    status.Count(SentrelStatus::kRemovalsFailed);
+    status.NoteFailure(rule.real_path, "removal of " + path + ": " +
+                                           (places ? std::strerror(error) : places.problem));
+    return {Outcome::kRemovalFailed};
+}
+
+/// Beyond the link nothing is ours. Where it took a directory's place, that comes back when the
+/// loss of the link is told.
+Undoing Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::string& path) {
+    const std::string obstacle = FirstObstacle(rule, path);
+    if (obstacle.empty() || LiveType(rule, obstacle) != S_IFLNK ||
+        CopyType(rule, obstacle) != S_IFDIR) {
+        return {Outcome::kNone};
+    }
+    const SDK::PathAnchor::Entry link = rule.Live(obstacle);
+    if (!link.IsOpen() || ::unlinkat(link.directory.Get(), link.name.c_str(), 0) != 0) {
+        return {Outcome::kNone};
+    }
+    CountPlantedLink(obstacle);
+    SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
+    return {Outcome::kRemoved};
+}
+
+bool Undoer::IsAsPutBack(const AnchoredRule& rule, const std::string& path) const {
+    const std::optional<ObjectId> object = LiveObject(rule, path);
+    return object && recent_.IsOurs(path, *object);
+}
+
+}  // namespace Engine

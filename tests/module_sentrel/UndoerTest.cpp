@@ -1,0 +1,253 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "EventFixture.h"
+#include "support/FileSizeLimit.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Engine::SentrelStatus;
+using test::Event;
+
+TEST_F(Event, DeletedFileAndDirectory_ComeBack) {
+    fs::remove(File("index.html"));
+    Tell(File("index.html"), IN_DELETE);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    fs::remove_all(File("sub"));
+    Tell(File("sub"), IN_DELETE | IN_ISDIR);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "delete index.html: restored\ndelete sub/: restored\n");
+    // The file's event comes first when a whole tree is deleted.
+    fs::remove_all(data_.Path("site"));
+    Tell(File("sub/page.html"), IN_DELETE);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_EQ(Alarms(), "delete sub/page.html: restored\ndelete : restored\n");
+}
+
+// Also when nothing tells by the times of a directory that something in it was replaced.
+TEST_F(Event, FileInPlaceOfADirectoryOrTheOtherWayRound_IsReplaced) {
+    fs::remove(File("index.html"));
+    data_.Write("site/index.html/shell.php", "evil");
+    Tell(File("index.html"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    for (const char* told : {"sub", "sub/page.html"}) {
+        fs::remove_all(File("sub"));
+        data_.Write("site/sub", "evil");
+        Tell(File(told), IN_CREATE);
+        EXPECT_EQ(Content("sub/page.html"), "page") << told;
+    }
+    EXPECT_EQ(Alarms(),
+              "modify index.html/: restored\nmodify sub: restored\n"
+              "modify sub/page.html: restored\ndelete sub/: restored\n");
+}
+
+TEST_F(Event, DirectoryThatLacksOnlyWhatIsExcluded_IsLeftAlone) {
+    const std::string copy = rule_.backup_path + File("sub/");
+    struct stat before {};
+    ASSERT_EQ(::stat(copy.c_str(), &before), 0);
+    fs::create_directories(copy + "cache/deep");
+    fs::copy_file(copy + "page.html", copy + "old.log");
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, copy.c_str(), times, 0), 0);
+    rule_.ignored_subdir = {"uploads/", "sub/cache/"};
+    Apply();
+    Tell(File("sub"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Alarms(), "");
+    EXPECT_EQ(Counter("restores_done"), 0);
+}
+
+TEST_F(Event, EmptyDirectoryInPlaceOfItsLike_IsFilledAgain) {
+    struct stat before {};
+    ASSERT_EQ(::stat(File("sub").c_str(), &before), 0);
+    fs::remove_all(File("sub"));
+    fs::create_directory(File("sub"));
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, File("sub").c_str(), times, 0), 0);
+    Tell(File("sub"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "modify sub/: restored\n");
+}
+
+TEST_F(Event, RootRestore_KeepsExcludedContent) {
+    data_.Write("site/uploads/new.png", "png");
+    data_.Write("site/shell.php", "evil");
+    ::chmod(data_.Path("site").c_str(), 0777);
+    Tell(data_.Path("site"), IN_ATTRIB);
+    EXPECT_EQ(fs::status(data_.Path("site")).permissions(), fs::perms(0755));
+    EXPECT_FALSE(fs::exists(File("shell.php")));
+    EXPECT_EQ(Content("uploads/user.png") + Content("uploads/new.png") + Content("app.log"),
+              "pngpnglog");
+    EXPECT_EQ(install_.Debugs("edit root path " + rule_.real_path + " "), 1);
+    EXPECT_EQ(Alarms(), "attribute : restored\n");
+}
+
+TEST_F(Event, RestoreOfADirectory_KeepsWhatIsExcludedFurtherDown) {
+    rule_.ignored_subdir = {"sub/cache"};
+    Apply();
+    data_.Write("site/sub/cache/kept", "x");
+    data_.Write("site/sub/foreign", "x");
+    ::chmod(File("sub").c_str(), 0777);
+    Tell(File("sub"), IN_ATTRIB | IN_ISDIR);
+    EXPECT_TRUE(fs::exists(File("sub/cache/kept")));
+    EXPECT_FALSE(fs::exists(File("sub/foreign")));
+    EXPECT_EQ(fs::status(File("sub")).permissions(), fs::perms(0755));
+}
+
+TEST_F(Event, LinkOrPipeInPlaceOfSomething_IsReplacedAndNotFollowed) {
+    PlantLink("sub");
+    Tell(File("sub"), IN_CREATE);
+    fs::remove(File("sub/page.html"));
+    ASSERT_EQ(::mkfifo(File("sub/page.html").c_str(), 0644), 0);
+    Tell(File("sub/page.html"), IN_CREATE);
+    PlantLink("index.html");
+    Tell(File("index.html"), IN_MOVED_TO);
+    EXPECT_TRUE(fs::is_directory(fs::symlink_status(File("sub"))));
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    PlantLink("");
+    Tell(data_.Path("site"), IN_ATTRIB | IN_ISDIR);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    ExpectElsewhereUntouched();
+    EXPECT_EQ(Alarms(),
+              "modify sub: restored\nmodify sub/page.html: restored\n"
+              "modify index.html: restored\nattribute : restored\n");
+    EXPECT_EQ(Counter("planted_links_removed"), 3);
+}
+
+TEST_F(Event, LinkPlantedOnTheWay_BringsTheWholeDirectoryBack) {
+    data_.Write("site/sub/deep/a.html", "a");
+    ASSERT_TRUE(
+        utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, {}, {}, Engine::RSYNC_BACKUP));
+    PlantLink("sub");
+    Tell(File("sub/deep/a.html"), IN_DELETE);
+    EXPECT_EQ(Content("sub/deep/a.html") + Content("sub/page.html"), "apage");
+    EXPECT_EQ(Alarms(), "delete sub/deep/a.html: restored\ndelete sub/: restored\n");
+    ExpectElsewhereUntouched();
+}
+
+TEST_F(Event, RemovalBehindALink_TakesTheLinkOnlyWhereADirectoryBelongs) {
+    PlantLink("sub");
+    Tell(File("sub/passwd"), IN_CREATE);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(File("sub"))));
+    fs::create_directory_symlink(data_.Path("elsewhere"), File("foreign"));
+    Tell(File("foreign/passwd"), IN_CREATE);
+    ExpectElsewhereUntouched();
+    Tell(File("foreign"), IN_CREATE | IN_ISDIR);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(File("foreign"))));
+    ExpectElsewhereUntouched();
+    EXPECT_EQ(Alarms(),
+              "add sub/passwd: removed\nadd foreign/passwd: reported only\n"
+              "add foreign/: removed\n");
+}
+
+TEST_F(Event, RestoreThatFails_IsSaidInAlarmAndStatus) {
+    data_.Write("site/index.html", "");
+    task_.watch_rules[watch_] = rule_;
+    SentrelStatus::Instance().PublishPaths({{watch_, rule_}});
+    {
+        const test::FileSizeLimit full(1);
+        Tell(File("index.html"), IN_MODIFY);
+    }
+    EXPECT_EQ(Alarms(), "modify index.html: restore failed\n");
+    const Json::Value status = SentrelStatus::Instance().ToJson(Json::Value());
+    const std::string failure = status["protected_paths"][0]["last_failure"].asString();
+    EXPECT_EQ(failure.find("restore of " + File("index.html") + ": "), 0U) << failure;
+    EXPECT_NE(failure.find("File too large"), std::string::npos) << failure;
+    EXPECT_EQ(status["counters"]["restores_failed"].asInt(), 1);
+}
+
+// No name reaches a shell or another argument, and each comes back: single objects and directories.
+TEST_F(Event, EveryName_IsRestoredAndNoneIsRun) {
+    const std::string run = "touch ${HOME}run";
+    const std::vector<std::string> names = {"a b",
+                                            "-e",
+                                            "--delete",
+                                            "x;" + run + ";y.html",
+                                            "$(" + run + ")",
+                                            "`" + run + "`",
+                                            "\"",
+                                            "'",
+                                            "new\nline",
+                                            "tab\t",
+                                            "back\\slash",
+                                            "star*",
+                                            "q?",
+                                            "[a]",
+                                            "#x",
+                                            "~",
+                                            "!",
+                                            "\xff\xfe",
+                                            "\x01",
+                                            ".hidden",
+                                            "host::module",
+                                            "&",
+                                            "|",
+                                            "<",
+                                            ">",
+                                            "(",
+                                            ")",
+                                            "{}",
+                                            std::string(255, 'n')};
+    for (const std::string& name : names) {
+        data_.Write("site/" + name, "good");
+        data_.Write("site/dir/" + name + "/page.html", "good");
+    }
+    ASSERT_TRUE(utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, rule_.ignored_postfix,
+                                     rule_.ignored_subdir, Engine::RSYNC_BACKUP));
+    for (const std::string& name : names) {
+        data_.Write("site/" + name, "evil!");
+        Tell(File(name), IN_MODIFY);
+        EXPECT_EQ(Content(name), "good") << name;
+        fs::remove_all(File("dir/" + name));
+        Tell(File("dir/" + name), IN_DELETE | IN_ISDIR);
+        EXPECT_EQ(Content("dir/" + name + "/page.html"), "good") << name;
+        data_.Write("site/sub/" + name, "evil");
+        Tell(File("sub/" + name), IN_CREATE);
+        EXPECT_FALSE(fs::exists(File("sub/" + name))) << name;
+    }
+    EXPECT_FALSE(fs::exists(install_.dir.Path("conf/homerun")));
+}
+
+// "touch d; rm -rf d": the deletion is what counts, whichever event is read first.
+TEST_F(Event, ChangeOfWhatHasGone_IsToldAsADeletion) {
+    fs::remove_all(File("sub"));
+    Tell(File("sub"), IN_ATTRIB | IN_ISDIR);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "delete sub/: restored\n");
+}
+
+TEST_F(Event, RotatedLog_IsLeftAlone) {
+    fs::rename(File("app.log"), File("app.1.log"));
+    Tell(File("app.log"), IN_MOVED_FROM, File("app.1.log"));
+    Tell(File("app.1.log"), IN_MOVED_TO);
+    EXPECT_EQ(Content("app.1.log"), "log");
+    EXPECT_EQ(Alarms(), "");
+}
+
+TEST_F(Event, TraceOfARestoreThatIsGone_IsNoChangeButAFileOfThatNameIs) {
+    for (const char* name : {"#4711", ".morvane-restore-0123456789abcdef"}) {
+        Tell(File(name), IN_CREATE);
+        EXPECT_EQ(Alarms(), "") << name;
+        data_.Write("site/" + std::string(name), "evil");
+        Tell(File(name), IN_CREATE);
+        EXPECT_EQ(Alarms(), "add " + std::string(name) + ": removed\n");
+    }
+}
+
+TEST_F(Event, SingleFile_IsRestoredAfterBeingReplaced) {
+    rule_.is_file = true;
+    rule_.filepath = rule_.real_path = File("sub/page.html");
+    rule_.ignored_subdir = {"cache"};
+    Apply();
+    NoteBackup();
+    data_.Write("site/new", "replaced");
+    fs::rename(File("new"), File("sub/page.html"));
+    Tell(File("sub/page.html"), IN_MOVED_TO);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "modify : restored\n");
+    EXPECT_EQ(install_.Debugs("HandleEventMainFile1 check ignore dir real:cache, full:" +
+                              File("sub/cache") + "."),
+              1);
+}
+
+}  // namespace
