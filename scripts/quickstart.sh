@@ -18,8 +18,8 @@ Without DIR it makes a small site to play with. Where others than root may write
 or a directory above it, as in a home, agent and backup copies live in a directory of root's below
 /var/tmp instead, which is named and goes at the end.
 
-  --demo              attacks a site in twelve ways, waits until each is undone and prints a table;
-                      with DIR it attacks a copy of DIR. Exit code 0: all were undone and reported
+  --demo              attacks a site in two dozen ways, waits until each is undone and prints a
+                      table; with DIR it attacks a copy of DIR. Exit code 0: all were undone and reported
   --demo-remote       two agents on two hosts that exist only as long: one protects a site and pushes
                       its copy to the other. Kills the server's daemon, tries a wrong password, and
                       shows what is seen of it. Exit code 0: everything went as it should
@@ -233,6 +233,8 @@ prepare_site() {
         IGNORED_DIRS+=(uploads)
         IGNORED_SUFFIXES+=(.cache)
     fi
+    [[ $MODE != demo ]] ||
+        "$PLACE/agent/bin/sentrel_demo" odd-names --site "$SITE" --scratch "$PLACE/scratch"
     mkdir -p "$folder/single"
     SINGLE_FILE=$folder/single/settings.php
     cp -- "$ROOT/demo/settings.php" "$SINGLE_FILE"

@@ -163,4 +163,27 @@ std::vector<Attack> PlanAttacks(const Victims& victims, const std::string& scrat
     return attacks;
 }
 
+std::vector<Attack> PlanOddAttacks(const OddNames& names, const std::string& scratch) {
+    const std::string ready = Prepare(scratch, "odd.html");
+    const std::string changed = names.Quoted()[0];
+    const std::string deleted = names.Quoted()[1];
+    std::vector<Attack> attacks{
+        {"name with blanks and quotes: modify", changed,
+         [changed] { return WriteTo(changed, O_TRUNC, kDefacement); }},
+        {"name with blanks and quotes: delete", deleted, [deleted] { return Delete(deleted); }},
+        RenameOver("name with blanks and quotes: rename over", names.Quoted()[2], ready)};
+    for (const OddNames::Name& page : names.Pages()) {
+        const std::string path = page.path;
+        attacks.push_back({"name with " + page.what + ": modify", path,
+                           [path] { return WriteTo(path, O_TRUNC, kDefacement); }});
+    }
+    const std::string foreign = names.Foreign().path;
+    attacks.push_back({"name with " + names.Foreign().what + ": add", foreign,
+                       [foreign] { return WriteTo(foreign, O_CREAT | O_EXCL, kShell); }});
+    const std::string tree = names.Directory().path;
+    attacks.push_back({"name with " + names.Directory().what + ": rm -rf", tree,
+                       [tree] { return RemoveTree(tree); }});
+    return attacks;
+}
+
 }  // namespace Demo

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "OddNames.h"
 #include "SiteSurvey.h"
 
 namespace Demo {
@@ -26,5 +27,8 @@ constexpr std::size_t kDirectoriesNeeded = 2;
 /// apart from the site, or empty.
 std::vector<Attack> PlanAttacks(const Victims& victims, const std::string& scratch,
                                 const std::string& single_file);
+
+/// Attacks on the objects of `names`, which are there.
+std::vector<Attack> PlanOddAttacks(const OddNames& names, const std::string& scratch);
 
 }  // namespace Demo

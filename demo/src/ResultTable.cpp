@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string_view>
 
 namespace Demo {
 namespace {
@@ -9,6 +10,9 @@ namespace {
 constexpr std::size_t kReportedWidth = 11;
 constexpr std::size_t kRestoredWidth = 8;
 constexpr std::size_t kMillisecondsWidth = 8;
+constexpr std::size_t kLongestPath = 48;
+constexpr std::size_t kPathEnd = 12;
+constexpr std::string_view kCut = "...";
 
 std::string Milliseconds(double value) {
     char text[32];
@@ -25,13 +29,27 @@ std::string PadLeft(const std::string& text, std::size_t width) {
     return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
 }
 
+/// Without line ends and the like, and no longer than a table bears.
+std::string Shown(const std::string& path) {
+    std::string text;
+    for (const char c : path) {
+        const auto byte = static_cast<unsigned char>(c);
+        char code[8];
+        std::snprintf(code, sizeof(code), "\\x%02x", byte);
+        text += c == '\n' ? "\\n" : byte < ' ' || byte == 0x7F ? code : std::string(1, c);
+    }
+    if (text.size() <= kLongestPath) return text;
+    return text.substr(0, kLongestPath - kPathEnd - kCut.size()) + std::string(kCut) +
+           text.substr(text.size() - kPathEnd);
+}
+
 }  // namespace
 
 ResultTable::ResultTable(const std::vector<Attack>& attacks, std::string base)
     : base_(std::move(base)), action_width_(6), path_width_(4) {
     for (const Attack& attack : attacks) {
         action_width_ = std::max(action_width_, attack.name.size());
-        path_width_ = std::max(path_width_, Relative(attack.path).size());
+        path_width_ = std::max(path_width_, Shown(Relative(attack.path)).size());
     }
 }
 
@@ -40,7 +58,7 @@ std::string ResultTable::Header() const {
 }
 
 std::string ResultTable::Line(const AttackResult& result) const {
-    return Row(result.name, Relative(result.path),
+    return Row(result.name, Shown(Relative(result.path)),
                result.alarm ? result.alarm->action : "not at all", result.undone ? "yes" : "NO",
                result.undone ? Milliseconds(result.undone_ms) : "-");
 }

@@ -60,7 +60,7 @@ class Report {
         if (problems_.empty()) {
             out_ << "All " << attacks << " attacks were undone and reported. The " << objects
                  << " files, directories and links of the site\nare as they were; what the policy "
-                    "excludes was left alone.\n";
+                    "excludes was left alone, and no command that stands in\na name was run.\n";
         }
         out_ << std::flush;
     }
@@ -111,6 +111,13 @@ void CheckBystander(const std::string& bystander, Report& report) {
     }
 }
 
+/// No name may ever have come to a shell.
+void CheckMarks(const OddNames& names, Report& report) {
+    for (const std::string& mark : names.Run()) {
+        report.Fail("a command that stands in a name was run: it made " + mark);
+    }
+}
+
 }  // namespace
 
 int RunSession(const SessionOptions& options, std::ostream& out) {
@@ -125,7 +132,12 @@ int RunSession(const SessionOptions& options, std::ostream& out) {
     }
     std::filesystem::create_directories(options.scratch);
     const std::vector<std::string> left = LeaveExcludedFiles(options);
-    const std::vector<Attack> attacks = PlanAttacks(victims, options.scratch, options.file);
+    std::vector<Attack> attacks = PlanAttacks(victims, options.scratch, options.file);
+    const OddNames names(options.site, options.scratch);
+    if (names.AreThere()) {
+        const std::vector<Attack> odd = PlanOddAttacks(names, options.scratch);
+        attacks.insert(attacks.end(), odd.begin(), odd.end());
+    }
     const std::string bystander = options.scratch + "/elsewhere/bystander.txt";
     std::ofstream(bystander) << "no part of the site\n";
     const TreeState before = TakeState(options.site);
@@ -137,6 +149,7 @@ int RunSession(const SessionOptions& options, std::ostream& out) {
     if (!difference.empty()) report.Fail("the site is not as it was: " + difference);
     CheckExcluded(left, feed, report);
     CheckBystander(bystander, report);
+    CheckMarks(names, report);
     return report.Close(attacks.size(), before.size());
 }
 

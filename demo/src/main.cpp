@@ -2,6 +2,7 @@
 #include <exception>
 #include <iostream>
 
+#include "OddNames.h"
 #include "PolicyDocument.h"
 #include "Readiness.h"
 #include "Session.h"
@@ -21,6 +22,12 @@ int PrintPolicy(const std::string& policy, const std::string& rsync) {
     }
     std::cout << policy;
     return 0;
+}
+
+int MakeOddNames(const std::string& site, const std::string& marks) {
+    const std::string problem = Demo::OddNames(site, marks).Make();
+    if (!problem.empty()) std::cerr << "error: " << problem << "\n";
+    return problem.empty() ? 0 : 2;
 }
 
 int Run(int argc, char** argv) {
@@ -56,6 +63,12 @@ int Run(int argc, char** argv) {
     attack->add_flag("--json", session.json, "one JSON object a line");
     AddExclusions(attack, session.excluded_subdirs, session.excluded_suffixes);
 
+    std::string odd_site;
+    std::string odd_marks;
+    CLI::App* odd = app.add_subcommand("odd-names", "make objects with odd names in a site");
+    odd->add_option("--site", odd_site, "the site, not protected yet")->required();
+    odd->add_option("--scratch", odd_marks, "the folder that `attack` gets")->required();
+
     Demo::ReadinessRequest readiness;
     CLI::App* answer = app.add_subcommand("answer", "wait until an agent answers");
     CLI::App* ready = app.add_subcommand("ready", "wait until all is watched and backed up");
@@ -68,6 +81,7 @@ int Run(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     if (print->parsed()) return PrintPolicy(Demo::MakePolicy(policy), policy.rsync);
     if (print_server->parsed()) return PrintPolicy(Demo::MakeServerPolicy(server), server.rsync);
+    if (odd->parsed()) return MakeOddNames(odd_site, odd_marks);
     if (answer->parsed()) return Demo::WaitForAnswer(readiness, std::cerr) ? 0 : 1;
     if (ready->parsed()) return Demo::WaitUntilReady(readiness, std::cout) ? 0 : 1;
     session.deadline = std::chrono::milliseconds(deadline_ms);
