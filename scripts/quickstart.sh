@@ -18,8 +18,9 @@ Without DIR it makes a small site to play with. Where others than root may write
 or a directory above it, as in a home, agent and backup copies live in a directory of root's below
 /var/tmp instead, which is named and goes at the end.
 
-  --demo              attacks a site in two dozen ways, waits until each is undone and prints a
-                      table; with DIR it attacks a copy of DIR. Exit code 0: all were undone and reported
+  --demo              attacks a site in more than twenty ways, odd names among them, waits until each is
+                      undone and prints a table; with DIR it attacks a copy of DIR. Exit code 0: all
+                      were undone and reported, and no command in a name was run
   --demo-remote       two agents on two hosts that exist only as long: one protects a site and pushes
                       its copy to the other. Kills the server's daemon, tries a wrong password, and
                       shows what is seen of it. Exit code 0: everything went as it should

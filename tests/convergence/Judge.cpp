@@ -1,6 +1,5 @@
 #include "Judge.h"
 
-#include <CommandLineText.h>
 #include <sdk/Utf8.h>
 #include <sys/stat.h>
 
@@ -54,9 +53,7 @@ bool Judge::IsLeftOut(const std::string& path) const {
     if (path.empty()) return false;
     if (IsBelow(path, std::string("/") + Ground::kExcluded)) return true;
     // With a directory of such a name comes what it holds.
-    if ((path + "/").find("./") != std::string::npos) return true;
-    // What is foreign is removed without a command line.
-    return copy_.count(path) > 0 && !Engine::WhatBreaksPath(ground_.Site() + path).empty();
+    return (path + "/").find("./") != std::string::npos;
 }
 
 Differences Judge::Find(const Demo::TreeState& now) const {

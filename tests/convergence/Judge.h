@@ -21,8 +21,8 @@ class Judge {
   public:
     explicit Judge(const Ground& ground);
 
-    /// Those that count. What the policy excludes, what the module ignores by design and what the
-    /// command line of rsync cannot carry is left out.
+    /// Those that count. What the policy excludes and what the module ignores by design, names that
+    /// end in ".", is left out.
     Differences Find(const Demo::TreeState& now) const;
     Differences FindInSite() const { return Find(Demo::TakeState(ground_.Site())); }
 
