@@ -180,10 +180,17 @@ void CheckCopyPlaces(const Json::Value& content, const std::string& pointer,
             path.front() != '/') {
             continue;
         }
-        const std::string why = TrustedPlaces::WhyNotForCopies(path);
-        if (why.empty()) continue;
-        findings.Error(PointerTo(PointerTo(PointerTo(pointer, "dirlist"), at), "backup_path"),
-                       "is not safe from other users: " + why);
+        const std::string place =
+            PointerTo(PointerTo(PointerTo(pointer, "dirlist"), at), "backup_path");
+        const std::string writable = SDK::PlaceTrust::WhyWritable(path);
+        const std::string reachable = TrustedPlaces::WhyNotForCopies(path);
+        if (!writable.empty()) {
+            findings.Error(place, "is not safe from other users: " + writable);
+        } else if (!reachable.empty()) {
+            findings.Warning(place, "lets other users reach the copies: " + reachable +
+                                        "; a folder that holds only copies gets the mode 0700 with "
+                                        "the first backup, in any other nothing is copied");
+        }
     }
 }
 

@@ -2,6 +2,7 @@
 // their results (SentrelUtils does), nor hold directories (RuleAnchors does). Any thread.
 #include <BackupProgress.h>
 #include <PathText.h>
+#include <RsyncExclusions.h>
 #include <RsyncLauncher.h>
 #include <RsyncLine.h>
 #include <RuleAnchors.h>
@@ -183,8 +184,7 @@ CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
         rule = std::move(made.anchors);
     }
     const RsyncExclusions exclusions(line.exclusions);
-    const bool is_plain = exclusions.ArePlain();
-    if (RsyncLauncher::RestoresInProcess() && is_plain) {
+    if (RsyncLauncher::RestoresInProcess()) {
         if (is_directory) return RestoreDirectory(line, *rule, exclusions);
         if (!exclusions.Match(line.target, false)) {
             const Entry live = rule->Live(line.target);
@@ -213,10 +213,6 @@ void RsyncLauncher::Install() {
 bool RsyncLauncher::RestoresInProcess() {
     const Json::Value value = Framework::ConfigManager::GetInstance().Section("sentrel")[kSwitch];
     return !value.isBool() || value.asBool();
-}
-
-bool RsyncLauncher::RestoresDirectoriesInProcess(const std::vector<std::string>& exclusions) {
-    return RestoresInProcess() && RsyncExclusions(exclusions).ArePlain();
 }
 
 CommandAnswer RsyncLauncher::Answer(const std::vector<std::string>& arguments) {

@@ -21,11 +21,6 @@ class RsyncLauncher {
 
     /// False when conf/agent.json has "restore_in_process" false: then rsync restores, too.
     static bool RestoresInProcess();
-
-    /// A directory with these exclusions is restored in the agent itself, which knows them also
-    /// where they name more than one component; rsync knows such ones only from the protected
-    /// path on.
-    static bool RestoresDirectoriesInProcess(const std::vector<std::string>& exclusions);
 };
 
 }  // namespace Engine

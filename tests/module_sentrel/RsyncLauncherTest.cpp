@@ -3,7 +3,6 @@
 
 namespace {
 
-using Engine::RsyncExclusions;
 using Engine::RsyncLine;
 using Words = std::vector<std::string>;
 
@@ -31,20 +30,6 @@ TEST(RsyncLine, Of_KnowsTheModulesLocalCommandsAndNoOther) {
     }
     EXPECT_FALSE(RsyncLine::Of({"/i/bin/rsync", "--version"}));
     EXPECT_FALSE(RsyncLine::Of({"/i/bin/rsync", "-az", "-H", "-X", "-R", "--links"}));
-}
-
-TEST(RsyncExclusions, Match_LeavesAloneWhatRsyncDoes) {
-    const RsyncExclusions exclusions({"*.log", "uploads", "a/cache/"});
-    EXPECT_TRUE(exclusions.ArePlain());
-    EXPECT_TRUE(exclusions.Match("/site/x.log", false));
-    EXPECT_TRUE(exclusions.Match("/site/deep/uploads", true));
-    EXPECT_FALSE(exclusions.Match("/site/uploads.php", false));
-    EXPECT_TRUE(exclusions.Match("/site/a/cache", true));
-    EXPECT_FALSE(exclusions.Match("/site/a/cache", false));
-    EXPECT_FALSE(exclusions.Match("/site/b/cache", true));
-    for (const char* pattern : {"*", "a*b", "x?", "[ab]", "/anchored", ""}) {
-        EXPECT_FALSE(RsyncExclusions({pattern}).ArePlain()) << pattern;
-    }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // does) nor change anything of the protected path. What it finds belongs to its caller.
 #include <CopyComparison.h>
 #include <ObjectCopier.h>
+#include <RuleAnchors.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sdk/DirUtils.h>
@@ -45,6 +46,12 @@ const char* NextName(const Listing& listing) {
     }
 }
 
+/// The protected directory, or the one that holds the protected file.
+SDK::FileDescriptor OpenHeld(const AnchoredRule& anchors) {
+    return anchors.IsFile() ? anchors.Parent()->OpenDirectory("")
+                            : anchors.OpenLiveDirectory(anchors.RootPath());
+}
+
 bool StatAt(int directory, const std::string& name, struct stat& info) {
     return ::fstatat(directory, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
 }
@@ -80,13 +87,18 @@ CopyComparison::CopyComparison(const SentrelDirRule& rule, std::timespec round_b
 CopyComparison::Result CopyComparison::Run() {
     const std::string root = Plain(rule_.real_path);
     const std::string held = rule_.is_file ? Parent(root) : root;
-    const auto live = SDK::PathAnchor::Open(held);
-    const auto copy = live == nullptr ? nullptr : SDK::PathAnchor::Open(rule_.backup_path + held);
-    if (copy == nullptr) {
+    const RulePlaces places = RuleAnchors::Instance().Of(rule_);
+    if (!places) {
+        result_.error = EXDEV;
+        return result_;
+    }
+    const SDK::FileDescriptor live = OpenHeld(*places.anchors);
+    const SDK::FileDescriptor copy = places.anchors->OpenCopyDirectory(held);
+    if (!live.IsOpen() || !copy.IsOpen()) {
         result_.error = errno;
         return result_;
     }
-    const Level level{live->Descriptor(), copy->Descriptor(), "", 0};
+    const Level level{live.Get(), copy.Get(), "", 0};
     struct stat found {};
     if (rule_.is_file) {
         const std::string name = root.substr(held.size());
@@ -118,16 +130,14 @@ bool CopyComparison::IsFileCopied(const Level& level, const std::string& name) {
 CopyComparison::Result CopyComparison::RunAgain(const std::string& below) {
     changed_ = Changed::kStaysOpen;
     if (below.empty()) return Run();
-    const auto live = SDK::PathAnchor::Open(Plain(rule_.real_path));
-    const auto copy = live == nullptr
-                          ? nullptr
-                          : SDK::PathAnchor::Open(rule_.backup_path + Plain(rule_.real_path));
+    const RulePlaces places = RuleAnchors::Instance().Of(rule_);
     result_.open.Add(below, 0);
-    if (copy == nullptr) return result_;
+    if (!places) return result_;
     const std::size_t slash = below.rfind('/');
     const std::string directory = slash == std::string::npos ? "" : below.substr(0, slash);
-    const SDK::FileDescriptor in_live = live->OpenDirectory(directory);
-    const SDK::FileDescriptor in_copy = copy->OpenDirectory(directory);
+    const std::string path = Plain(rule_.real_path) + "/" + directory;
+    const SDK::FileDescriptor in_live = places.anchors->OpenLiveDirectory(path);
+    const SDK::FileDescriptor in_copy = places.anchors->OpenCopyDirectory(path);
     if (!in_live.IsOpen() || !in_copy.IsOpen()) return result_;
     result_.open.Remove(below);
     CompareObject({in_live.Get(), in_copy.Get(), directory, 0},

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <CopyExclusions.h>
 #include <OpenObjects.h>
+#include <RsyncExclusions.h>
 #include <SentrelDirRule.h>
 #include <sdk/FileDescriptor.h>
 #include <sys/stat.h>
@@ -75,7 +75,7 @@ class CopyComparison {
     void Open(const std::string& below, int error);
 
     const SentrelDirRule rule_;
-    const CopyExclusions exclusions_;
+    const RsyncExclusions exclusions_;
     const std::timespec round_begin_;
     const std::function<bool()> is_over_;
     Changed changed_ = Changed::kIsJudgedByEvents;

@@ -18,7 +18,6 @@
 #include <cstring>
 #include <optional>
 #include <utility>
-#include <vector>
 
 namespace Engine {
 
@@ -52,13 +51,6 @@ bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
                                         [&](const std::string& subdir) {
                                             return BeginsWith(rule.real_path + subdir, inside);
                                         });
-}
-
-bool IsRestoredWithRsync(const SentrelDirRule& rule) {
-    std::vector<std::string> patterns;
-    for (const std::string& postfix : rule.ignored_postfix) patterns.push_back("*" + postfix);
-    patterns.insert(patterns.end(), rule.ignored_subdir.begin(), rule.ignored_subdir.end());
-    return !RsyncLauncher::RestoresDirectoriesInProcess(patterns);
 }
 
 void CountPlantedLink(const std::string& path) {
@@ -122,7 +114,8 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
     const mode_t live = LiveType(anchors, attempt.target);
     const mode_t copy = CopyType(anchors, attempt.target);
     if (copy == S_IFDIR) attempt.target += '/';
-    if (copy == S_IFDIR && IsRestoredWithRsync(rule) && HoldsExclusion(rule, attempt.target)) {
+    if (copy == S_IFDIR && !RsyncLauncher::RestoresInProcess() &&
+        HoldsExclusion(rule, attempt.target)) {
         attempt.target = rule.real_path;
     }
     SentrelUtils* utils = SentrelUtils::GetInstance();

@@ -9,9 +9,10 @@ namespace Engine {
 
 /// Which objects rsync leaves alone, on both sides, because of a rule's exclusions. Knows the
 /// patterns as rsync does, wildcards included. Immutable; any thread.
-class CopyExclusions {
+class RsyncExclusions {
   public:
-    explicit CopyExclusions(const SentrelDirRule& rule);
+    explicit RsyncExclusions(const SentrelDirRule& rule);
+    explicit RsyncExclusions(const std::vector<std::string>& patterns);
 
     /// `path` is absolute, without a trailing "/". What lies below an excluded directory is not
     /// asked for.

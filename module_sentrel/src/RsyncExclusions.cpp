@@ -1,4 +1,4 @@
-#include <CopyExclusions.h>
+#include <RsyncExclusions.h>
 #include <fnmatch.h>
 
 #include <algorithm>
@@ -20,12 +20,16 @@ std::string LastComponents(const std::string& path, std::size_t count) {
 
 }  // namespace
 
-CopyExclusions::CopyExclusions(const SentrelDirRule& rule) {
+RsyncExclusions::RsyncExclusions(const SentrelDirRule& rule) {
     for (const std::string& ending : rule.ignored_postfix) patterns_.push_back(Read("*" + ending));
     for (const std::string& subdir : rule.ignored_subdir) patterns_.push_back(Read(subdir));
 }
 
-CopyExclusions::Pattern CopyExclusions::Read(const std::string& text) {
+RsyncExclusions::RsyncExclusions(const std::vector<std::string>& patterns) {
+    for (const std::string& pattern : patterns) patterns_.push_back(Read(pattern));
+}
+
+RsyncExclusions::Pattern RsyncExclusions::Read(const std::string& text) {
     Pattern pattern;
     pattern.text = text;
     if (text.size() > 1 && text.back() == '/') {
@@ -43,7 +47,7 @@ CopyExclusions::Pattern CopyExclusions::Read(const std::string& text) {
     return pattern;
 }
 
-bool CopyExclusions::Match(const std::string& path, bool is_directory) const {
+bool RsyncExclusions::Match(const std::string& path, bool is_directory) const {
     const std::string name = path.substr(path.find_first_not_of('/'));
     return std::any_of(patterns_.begin(), patterns_.end(), [&](const Pattern& pattern) {
         if (pattern.text.empty() || (pattern.directories_only && !is_directory)) return false;
@@ -51,7 +55,7 @@ bool CopyExclusions::Match(const std::string& path, bool is_directory) const {
     });
 }
 
-bool CopyExclusions::Matches(const Pattern& pattern, const std::string& path) {
+bool RsyncExclusions::Matches(const Pattern& pattern, const std::string& path) {
     if (pattern.crosses_directories) {
         const auto fits = [&](const std::string& part) {
             return ::fnmatch(pattern.text.c_str(), part.c_str(), 0) == 0;
