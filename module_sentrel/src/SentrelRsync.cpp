@@ -7,15 +7,14 @@
 #include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 #include <sdk/CommandIdleLimit.h>
-#include <sdk/CommandLine.h>
 #include <sdk/ExecuteCmdUtils.h>
 #include <sdk/Log.h>
 #include <sdk/PathUtils.h>
+#include <sdk/RunningCommand.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 namespace Engine {
 
@@ -69,27 +68,12 @@ struct Command {
     }
 };
 
-using RunningCopy = SentrelUtils::RunningCopy;
-enum class Way { kLineOnly, kLineOrWords };
-
 /// A relative path would be an option, a place on another host or one below our own directory.
-std::string WhyRefused(const Command& command, Way way) {
+std::string WhyRefused(const Command& command) {
     for (const std::string& path : command.paths) {
         if (path.empty() || path.front() != '/') return "\"" + path + "\" is no absolute path";
     }
-    if (way == Way::kLineOrWords || SDK::SplitPlainCommand(command.line) == command.words) {
-        return "";
-    }
-    return "the command line does not carry each path as one word";
-}
-
-RunningCopy Launch(const Command& command, Way way) {
-    RunningCopy copy{command.line, WhyRefused(command, way), nullptr};
-    if (copy.refusal.empty()) {
-        copy.rsync =
-            std::make_unique<SDK::RunningCommand>(command.words, SDK::RunningCommand::kNoLimit);
-    }
-    return copy;
+    return "";
 }
 
 Command LocalCommand(const std::list<std::string>& ignored_postfix,
@@ -122,23 +106,27 @@ bool AddRestore(const std::string& src, const std::string& dst, Command& command
     return true;
 }
 
-std::unique_ptr<RunningCopy> LaunchRestore(const std::string& src, const std::string& dst,
-                                           const std::list<std::string>& ignored_postfix,
-                                           const std::list<std::string>& ignored_subdir, Way way) {
-    Command command = LocalCommand(ignored_postfix, ignored_subdir);
-    if (!AddRestore(src, dst, command)) return nullptr;
-    return std::make_unique<RunningCopy>(Launch(command, way));
-}
-
-std::unique_ptr<RunningCopy> LaunchBackup(const std::string& src, const std::string& dst,
-                                          const std::list<std::string>& ignored_postfix,
-                                          const std::list<std::string>& ignored_subdir) {
-    Command command = LocalCommand(ignored_postfix, ignored_subdir);
-    command.Add(" ", "-R");
-    command.AddPath(" ", src);
-    command.AddPath(" ", dst);
-    command.line += " ";
-    return std::make_unique<RunningCopy>(Launch(command, Way::kLineOrWords));
+/// Runs the command to its end and judges what it printed; the thread's last error tells why not.
+bool Run(const Command& command) {
+    std::string output = WhyRefused(command);
+    int result = SDK::ExecuteCmdUtils::kStartFailed;
+    if (output.empty()) {
+        SDK::RunningCommand rsync(command.words, SDK::RunningCommand::kNoLimit);
+        int exit_code = -1;
+        const int ended = rsync.Wait(exit_code, output, kMaxOutput);
+        result = ended == 0 ? exit_code : ended;
+    }
+    if (result == 0 && output.find("error") == std::string::npos) {
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command.line);
+        ThreadError().clear();
+        return true;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Exec cmd [%s] failed, infor:%s.", command.line, output);
+    ThreadError() = DescribeFailure(result, output);
+    if (result == SDK::ExecuteCmdUtils::kTimedOut) {
+        SDK_LOG(ModuleLogger(), PRIO_WARNING, "%s: %s", ThreadError(), command.line);
+    }
+    return false;
 }
 
 }  // namespace
@@ -146,28 +134,19 @@ std::unique_ptr<RunningCopy> LaunchBackup(const std::string& src, const std::str
 bool SentrelUtils::DoRsyncLocal(const std::string& src, const std::string& dst,
                                 const std::list<std::string>& ignored_postfix,
                                 const std::list<std::string>& ignored_subdir, rsync_mode mode) {
-    return FinishLocal(mode == RSYNC_BACKUP
-                           ? LaunchBackup(src, dst, ignored_postfix, ignored_subdir)
-                           : BeginRestoreWithoutLine(src, dst, ignored_postfix, ignored_subdir));
-}
-
-std::unique_ptr<RunningCopy> SentrelUtils::BeginRestore(
-    const std::string& src, const std::string& dst, const std::list<std::string>& ignored_postfix,
-    const std::list<std::string>& ignored_subdir) {
-    return LaunchRestore(src, dst, ignored_postfix, ignored_subdir, Way::kLineOnly);
-}
-
-std::unique_ptr<RunningCopy> SentrelUtils::BeginRestoreWithoutLine(
-    const std::string& src, const std::string& dst, const std::list<std::string>& ignored_postfix,
-    const std::list<std::string>& ignored_subdir) {
-    return LaunchRestore(src, dst, ignored_postfix, ignored_subdir, Way::kLineOrWords);
-}
-
-bool SentrelUtils::FinishLocal(const std::unique_ptr<RunningCopy>& copy) {
+    Command command = LocalCommand(ignored_postfix, ignored_subdir);
+    if (mode == RSYNC_BACKUP) {
+        command.Add(" ", "-R");
+        command.AddPath(" ", src);
+        command.AddPath(" ", dst);
+        command.line += " ";
+    } else if (!AddRestore(src, dst, command)) {
+        return false;
+    }
     // A pipe in a file's place would hold it for ever, and rsync's own time limit ends only what
     // waits for the other end.
     const SDK::CommandIdleLimit limit(copy_idle_period);
-    return copy != nullptr && FinishCopy(*copy);
+    return Run(command);
 }
 
 bool SentrelUtils::DoRsyncRemote(const std::string& src, [[maybe_unused]] rsync_mode mode) {
@@ -191,29 +170,7 @@ bool SentrelUtils::DoRsyncRemote(const std::string& src, [[maybe_unused]] rsync_
     }
     command.Add(" ", "morvane_agent@" + backup_addr + "::morvane_agent/" + agent_id);
     command.line += " ";
-    return FinishCopy(Launch(command, Way::kLineOrWords));
-}
-
-bool SentrelUtils::FinishCopy(const RunningCopy& copy) {
-    std::string output = copy.refusal;
-    int exit_code = -1;
-    int result = SDK::ExecuteCmdUtils::kStartFailed;
-    if (copy.rsync != nullptr) {
-        const int ended = copy.rsync->Wait(exit_code, output, kMaxOutput);
-        result = ended == 0 ? exit_code : ended;
-    }
-    const std::string& command = copy.command;
-    if (result != 0 || output.find("error") != std::string::npos) {
-        SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] failed, infor:%s.", command, output);
-        ThreadError() = DescribeFailure(result, output);
-        if (result == SDK::ExecuteCmdUtils::kTimedOut) {
-            SDK_LOG(GetLogger(), PRIO_WARNING, "%s: %s", ThreadError(), command);
-        }
-        return false;
-    }
-    SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command);
-    ThreadError().clear();
-    return true;
+    return Run(command);
 }
 
 std::string SentrelUtils::LastCopyError() const {

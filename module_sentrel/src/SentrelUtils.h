@@ -3,7 +3,6 @@
 #include <Poco/Logger.h>
 #include <Poco/Mutex.h>
 #include <SentrelDirRule.h>
-#include <sdk/RunningCommand.h>
 #include <sys/stat.h>
 
 #include <array>
@@ -78,27 +77,6 @@ class SentrelUtils {
     bool DoRsyncLocal(const std::string& src, const std::string& dst,
                       const std::list<std::string>& ignored_postfix,
                       const std::list<std::string>& ignored_subdir, rsync_mode mode);
-
-    /// An rsync within the host that goes on while its starter does something else; killed when
-    /// nobody has waited for it. One thread.
-    struct RunningCopy {
-        std::string command;                         ///< the line, for the log
-        std::string refusal;                         ///< why nothing was started
-        std::unique_ptr<SDK::RunningCommand> rsync;  ///< null: refused
-    };
-    /// Begins what DoRsyncLocal does for RSYNC_RESTORE; null when there is no backup copy. Refused,
-    /// which FinishLocal tells, when the line does not carry each path as one word.
-    std::unique_ptr<RunningCopy> BeginRestore(const std::string& src, const std::string& dst,
-                                              const std::list<std::string>& ignored_postfix,
-                                              const std::list<std::string>& ignored_subdir);
-    /// The same, for paths and exclusions of any bytes: rsync gets its words, and no line of them
-    /// is read by anybody. Only paths that do not begin with "/" are refused.
-    std::unique_ptr<RunningCopy> BeginRestoreWithoutLine(
-        const std::string& src, const std::string& dst,
-        const std::list<std::string>& ignored_postfix,
-        const std::list<std::string>& ignored_subdir);
-    /// Blocks as DoRsyncLocal does, with its result. Null is a failure.
-    bool FinishLocal(const std::unique_ptr<RunningCopy>& copy);
 
     /// Pushes `src` to the backup server, whatever `mode` says. Blocks until rsync has ended.
     bool DoRsyncRemote(const std::string& src, rsync_mode mode);
@@ -180,7 +158,6 @@ class SentrelUtils {
     bool ProvideRsync();
     bool IsInstalledRsync(const struct stat& info) const;
     bool RememberInstalledRsync(const std::string& path);
-    bool FinishCopy(const RunningCopy& copy);
 
     std::mutex provision_mutex_;  ///< held while bin/rsync is provided; guards what follows
     bool rsync_is_usable_ = true;

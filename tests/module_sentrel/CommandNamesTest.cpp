@@ -87,44 +87,33 @@ class CommandNames : public ::testing::Test {
             ADD_FAILURE() << copy;
         }
     }
-    /// A restore by the line is what is meant, or nothing has run and the log tells the line.
-    void ExpectMeantOrRefused(const std::string& path, const std::string& backup,
-                              const Words& meant) {
+    /// The restore runs with what is meant, and the log tells the line.
+    void ExpectRestore(const std::string& path, const std::string& backup, const Words& meant) {
         install_.log.Clear();
-        const bool done = utils_->FinishLocal(utils_->BeginRestore(path, backup, {}, {}));
-        EXPECT_EQ(TakeCalls(), done ? Call(meant) : "") << path;
-        const std::string line = "Exec cmd [" + bin_ +
-                                 " -az -H -X --links --delete-excluded --temp-dir=/tmp " +
-                                 meant[7] + " " + meant[8] + " ] ";
-        const std::string why = "the command line does not carry each path as one word";
-        EXPECT_EQ(install_.Debugs(line + (done ? "sucess." : "failed, infor:" + why + ".")), 1)
+        EXPECT_TRUE(utils_->DoRsyncLocal(path, backup, {}, {}, Engine::RSYNC_RESTORE)) << path;
+        EXPECT_EQ(TakeCalls(), Call(meant)) << path;
+        EXPECT_EQ(install_.Debugs("Exec cmd [" + bin_ +
+                                  " -az -H -X --links --delete-excluded --temp-dir=/tmp " +
+                                  meant[7] + " " + meant[8] + " ] sucess."),
+                  1)
             << path;
-        EXPECT_EQ(utils_->LastCopyError(), done ? "" : "rsync was not started: " + why);
-        carried_ += done ? 1 : 0;
     }
 
     test::Installation install_;
     SentrelUtils* utils_ = SentrelUtils::GetInstance();
     test::TempDir data_;
     std::string bin_;
-    int carried_ = 0;
 };
 
-TEST_F(CommandNames, Restores_GiveEachNameAsItIsOrNothingRuns) {
+TEST_F(CommandNames, Restores_GiveEachNameAsItIs) {
     const std::string backup = data_.Path("backup");
-    const std::vector<std::string> names = Names();
-    for (const std::string& name : names) {
+    for (const std::string& name : Names()) {
         const std::string file = "/site/" + name + "/" + name;
         const std::string directory = file + ".d";
         MakeCopy(backup, file);
-        ExpectMeantOrRefused(file, backup, Local({}, {backup + file, file}));
-        ExpectMeantOrRefused(directory, backup,
-                             Local({}, {backup + directory + "/", directory + "/"}));
-        utils_->FinishLocal(utils_->BeginRestoreWithoutLine(file, backup, {}, {name}));
-        EXPECT_EQ(TakeCalls(), Call(Local({name}, {backup + file, file}))) << name;
+        ExpectRestore(file, backup, Local({}, {backup + file, file}));
+        ExpectRestore(directory, backup, Local({}, {backup + directory + "/", directory + "/"}));
     }
-    EXPECT_GT(carried_, 200);  // plain names do go by the line
-    EXPECT_LT(carried_, static_cast<int>(names.size()));
 }
 
 TEST_F(CommandNames, BackupsAndPushes_GiveEachNameAsItIs) {
@@ -169,9 +158,10 @@ TEST_F(CommandNames, InstallationPaths_AreNoCommandsAndTheirCommandsWork) {
         EXPECT_TRUE(utils_->DoRsyncRemote("/a", Engine::RSYNC_BACKUP));
         EXPECT_NE(TakeCalls(), "");
         MakeCopy(data_.Path("backup"), install + "/page");
-        EXPECT_FALSE(utils_->FinishLocal(
-            utils_->BeginRestore(install + "/page", data_.Path("backup"), {}, {})));
-        EXPECT_EQ(TakeCalls(), "");
+        EXPECT_TRUE(utils_->DoRsyncLocal(install + "/page", data_.Path("backup"), {}, {},
+                                         Engine::RSYNC_RESTORE));
+        EXPECT_EQ(TakeCalls(),
+                  Call(Local({}, {data_.Path("backup") + install + "/page", install + "/page"})));
         EXPECT_FALSE(fs::exists(mark));
     }
     Framework::ConfigManager::GetInstance().SetAgentId("");
@@ -202,7 +192,7 @@ TEST_F(CommandNames, RealRsync_CopiesNamesAndPlacesWithBlanks) {
     const std::string site = data_.Path("my site");
     EXPECT_TRUE(utils_->DoRsyncLocal(site, backup, {"e.log"}, {}, Engine::RSYNC_BACKUP));
     data_.Write("my site/a page;.html", "evil");
-    EXPECT_TRUE(utils_->FinishLocal(utils_->BeginRestoreWithoutLine(page, backup, {}, {})));
+    EXPECT_TRUE(utils_->DoRsyncLocal(page, backup, {}, {}, Engine::RSYNC_RESTORE));
     EXPECT_EQ(test::TempDir::Read(page), "good");
     data_.Write("my site/a page;.html", "evil");
     data_.Write("my site/a shell.php", "evil");

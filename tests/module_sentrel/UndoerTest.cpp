@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <framework/ConfigManager.h>
 #include <unistd.h>
 
 #include "EventFixture.h"
@@ -216,6 +217,30 @@ TEST_F(Event, ChangeOfWhatHasGone_IsToldAsADeletion) {
     EXPECT_EQ(Alarms(), "delete sub/: restored\n");
 }
 
+// With the switch off rsync restores, from and to the held directories.
+TEST_F(Event, WithoutRestoresInProcess_RsyncPutsTheSameBack) {
+    Framework::ConfigManager& config = Framework::ConfigManager::GetInstance();
+    std::string error;
+    ASSERT_TRUE(
+        config.Load(install_.dir.Write("a.json", R"({"sentrel": {"restore_in_process": false}})"),
+                    true, error));
+    data_.Write("site/index.html", "defaced!");
+    Tell(File("index.html"), IN_MODIFY);
+    fs::remove_all(File("sub"));
+    Tell(File("sub"), IN_DELETE | IN_ISDIR);
+    data_.Write("site/shell.php", "evil");
+    data_.Write("site/uploads/new.png", "png");
+    ::chmod(data_.Path("site").c_str(), 0777);
+    Tell(data_.Path("site"), IN_ATTRIB);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_FALSE(fs::exists(File("shell.php")));
+    EXPECT_EQ(Content("uploads/new.png"), "png");
+    EXPECT_EQ(fs::status(data_.Path("site")).permissions(), fs::perms(0755));
+    EXPECT_EQ(Alarms(),
+              "modify index.html: restored\ndelete sub/: restored\nattribute : restored\n");
+    ASSERT_TRUE(config.Load(install_.dir.Write("b.json", "{}"), true, error));
+}
+
 TEST_F(Event, RotatedLog_IsLeftAlone) {
     fs::rename(File("app.log"), File("app.1.log"));
     Tell(File("app.log"), IN_MOVED_FROM, File("app.1.log"));
@@ -245,6 +270,12 @@ TEST_F(Event, SingleFile_IsRestoredAfterBeingReplaced) {
     Tell(File("sub/page.html"), IN_MOVED_TO);
     EXPECT_EQ(Content("sub/page.html"), "page");
     EXPECT_EQ(Alarms(), "modify : restored\n");
+    fs::remove(File("sub/page.html"));
+    data_.Write("site/sub/page.html/page.html", "evil");
+    task_.alarm_cache.clear();
+    Tell(File("sub/page.html"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Alarms(), "modify /: restored\n");
     EXPECT_EQ(install_.Debugs("HandleEventMainFile1 check ignore dir real:cache, full:" +
                               File("sub/cache") + "."),
               1);
