@@ -328,8 +328,6 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
         SentrelStatus::Instance().NoteFailure(rule.real_path, places.problem);
         return false;
     }
-    // Where there is no backup folder at all, nothing can be told to be foreign.
-    if (places.anchors->Copies() == nullptr && !AwaitsBackup(rule)) return false;
     return BackupComparer(places.anchors).Describe(path, backup, exists, info);
 }
 

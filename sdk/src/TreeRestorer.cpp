@@ -64,7 +64,7 @@ FileDescriptor OpenOrMake(int parent, const std::string& name, MountPoints mount
 /// The restore of one tree. One use.
 class TreeRestore {
   public:
-    explicit TreeRestore(const Shield& shield) : shield_(shield) {}
+    TreeRestore(const Shield& shield, TreeRestorer::Look look) : shield_(shield), look_(look) {}
 
     ObjectRestorer::Result Run(Place copy, Place live);
 
@@ -87,6 +87,7 @@ class TreeRestore {
     FailedStep ApplyToDirectory(const ObjectAttributes& wanted, bool is_done) const;
     bool RestoreEntries();
     void RestoreEntry(const std::string& name);
+    bool IsAsCopy(const std::string& name, const struct stat& copy) const;
     FailedStep RestoreLinked(const std::string& name, const struct stat& info);
     bool IsLinkedTo(const std::string& name, const LinkedObject& object) const;
     void RemoveForeign();
@@ -97,6 +98,7 @@ class TreeRestore {
     std::string PathOf(const std::string& name) const;
 
     const Shield& shield_;
+    const TreeRestorer::Look look_;
     FileDescriptor root_copy_;
     FileDescriptor root_live_;
     FileDescriptor copy_;  // the directories of levels_.back()
@@ -229,11 +231,23 @@ void TreeRestore::RestoreEntry(const std::string& name) {
         levels_.back().directories.push_back(name);
         return;
     }
+    if (IsAsCopy(name, info)) return;
     const FailedStep failed =
         info.st_nlink > 1 ? RestoreLinked(name, info)
                           : RestoreObject({copy_.Get(), name}, {live_.Get(), name}, info.st_mode);
     is_interrupted_ = is_interrupted_ || failed.error == ECANCELED;
     failed_.Note(failed);
+}
+
+/// By its state alone; false also where a closer look is wanted.
+bool TreeRestore::IsAsCopy(const std::string& name, const struct stat& copy) const {
+    struct stat live {};
+    if (look_ != TreeRestorer::Look::kState || !S_ISREG(copy.st_mode) || copy.st_nlink > 1) {
+        return false;
+    }
+    return ::fstatat(live_.Get(), name.c_str(), &live, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(live.st_mode) && live.st_nlink == 1 && live.st_size == copy.st_size &&
+           !StatDiffers(copy, live);
 }
 
 /// Restores an object that has several names in the copy: the first as any other, the others become
@@ -322,11 +336,12 @@ std::string TreeRestore::PathOf(const std::string& name) const {
 }  // namespace
 
 ObjectRestorer::Result TreeRestorer::Restore(const PathAnchor::Entry& copy,
-                                             const PathAnchor::Entry& live, const Shield& shield) {
+                                             const PathAnchor::Entry& live, const Shield& shield,
+                                             Look look) {
     if (!copy.IsOpen() || !live.IsOpen()) return ResultOf({"find", EBADF});
     if (FileContent::IsInterrupted()) return ResultOf({"start", ECANCELED});
-    return TreeRestore(shield).Run({copy.directory.Get(), copy.name},
-                                   {live.directory.Get(), live.name});
+    return TreeRestore(shield, look)
+        .Run({copy.directory.Get(), copy.name}, {live.directory.Get(), live.name});
 }
 
 }  // namespace SDK

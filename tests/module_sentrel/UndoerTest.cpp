@@ -241,6 +241,14 @@ TEST_F(Event, WithoutRestoresInProcess_RsyncPutsTheSameBack) {
     ASSERT_TRUE(config.Load(install_.dir.Write("b.json", "{}"), true, error));
 }
 
+TEST_F(Event, WithoutABackupFolder_NothingIsForeign) {
+    fs::rename(rule_.backup_path, data_.Path("lost"));
+    Tell(File("index.html"), IN_MOVED_TO);
+    Tell(File("sub"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_EQ(Alarms(), "add index.html: reported only\nadd sub/: reported only\n");
+}
+
 TEST_F(Event, RotatedLog_IsLeftAlone) {
     fs::rename(File("app.log"), File("app.1.log"));
     Tell(File("app.log"), IN_MOVED_FROM, File("app.1.log"));

@@ -169,6 +169,26 @@ TEST_F(TreeRestore, EqualTree_IsNotTouched) {
     EXPECT_EQ(changes(), times);
 }
 
+TEST_F(TreeRestore, LookAtTheState_RestoresWhatDiffersAndReadsNoOther) {
+    for (const char* name : {"same", "longer", "newer", "gone"}) {
+        dir_.Write(std::string("copy/") + name, "good");
+        if (name != std::string("gone")) dir_.Write(std::string("live/") + name, "evil");
+        fs::last_write_time(dir_.Path("copy/") + name, {});
+    }
+    dir_.Write("live/longer", "evil!");
+    for (const char* name : {"same", "longer"}) fs::last_write_time(dir_.Path("live/") + name, {});
+    const auto anchor = SDK::PathAnchor::Open(dir_.Path());
+    ASSERT_NE(anchor, nullptr);
+    const auto result =
+        SDK::TreeRestorer::Restore(anchor->OpenParent("copy"), anchor->OpenParent("live"), {},
+                                   SDK::TreeRestorer::Look::kState);
+    EXPECT_EQ(result.outcome, Outcome::kRestored) << result.step;
+    EXPECT_EQ(test::TempDir::Read(dir_.Path("live/same")), "evil");
+    for (const char* name : {"longer", "newer", "gone"}) {
+        EXPECT_EQ(test::TempDir::Read(dir_.Path("live/") + name), "good") << name;
+    }
+}
+
 TEST_F(TreeRestore, DeepTree_TakesAFewDescriptors) {
     const std::string name(200, 'd');
     constexpr int kDepth = 60;  // three times what a path can be

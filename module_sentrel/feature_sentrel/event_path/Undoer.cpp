@@ -139,9 +139,12 @@ Undoing Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
         if (!live.IsOpen() && (errno == ELOOP || errno == ENOTDIR)) {
             return RemoveBlockingLink(*places.anchors, path);
         }
-        // The protected path itself is the administrator's to remove.
+        // The protected path itself is the administrator's to remove, and where there is no backup
+        // folder at all, nothing can be told to be foreign.
         const bool is_root = WithoutTrailingSlash(path) == places.anchors->RootPath();
-        if (is_root && !rule.is_file) return {Outcome::kNone};
+        if ((is_root && !rule.is_file) || places.anchors->Copies() == nullptr) {
+            return {Outcome::kNone};
+        }
         const bool removed =
             live.IsOpen() && SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) == 0;
         error = removed ? 0 : errno;

@@ -13,6 +13,12 @@ class TreeRestorer {
   public:
     using Shield = SDK::Shield;
 
+    /// How a regular file is found to be as its copy.
+    enum class Look {
+        kContent,  ///< by all that a restore sets, its content included
+        kState,    ///< by size, time of modification in seconds, mode and owner: nothing is read
+    };
+
     /// Makes the directory `live` as the directory `copy`, whatever stands there now. What is equal
     /// already is not touched; ObjectRestorer says what becomes of single objects. Names that are
     /// linked with each other in the copy become so, directories get their times last.
@@ -29,7 +35,8 @@ class TreeRestorer {
     /// Holds some ten descriptors, the names of the directories that wait beside the way down, and
     /// one path for each object with several names. Takes as long as reading both trees.
     static ObjectRestorer::Result Restore(const PathAnchor::Entry& copy,
-                                          const PathAnchor::Entry& live, const Shield& shield);
+                                          const PathAnchor::Entry& live, const Shield& shield,
+                                          Look look = Look::kContent);
 };
 
 }  // namespace SDK
