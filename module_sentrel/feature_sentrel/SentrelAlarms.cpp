@@ -100,6 +100,7 @@ void SentrelInotifyTask::SendAlarms() {
     const auto until = std::chrono::steady_clock::now() + kLongestWait;
     while (alarms_.IsFull() && alarms_.SendNext()) {
     }
+    if (alarms_.IsOverdue()) alarms_.SendNext();
     while (!alarms_.IsEmpty() && QueueLength() == 0 && !ShouldYield() &&
            std::chrono::steady_clock::now() < until) {
         if (!alarms_.SendNext()) Waiter().WaitAndHandleEvent(kWaitMs, 1);

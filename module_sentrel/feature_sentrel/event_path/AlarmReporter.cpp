@@ -16,6 +16,7 @@ namespace {
 constexpr std::size_t kCacheLimit = 1024;
 constexpr std::time_t kMergeSeconds = 61;
 constexpr std::size_t kMostHeld = 4096;
+constexpr std::chrono::seconds kLongestWait{1};
 
 /// Half of the descriptors that the process may have.
 std::size_t MostHeld() {
@@ -35,7 +36,7 @@ bool AlarmReporter::IsMergedAnyway(const std::string& file) {
 }
 
 void AlarmReporter::Raise(Alarm alarm, Evidence evidence, const std::string& copy) {
-    Waiting waiting{std::move(alarm), nullptr};
+    Waiting waiting{std::chrono::steady_clock::now(), std::move(alarm), nullptr};
     if (!evidence.Path().empty()) {
         if (held_ < most_held_) {
             waiting.difference = worker_.Ask(std::move(evidence), copy, waiting.alarm.file);
@@ -46,6 +47,11 @@ void AlarmReporter::Raise(Alarm alarm, Evidence evidence, const std::string& cop
     }
     ++waiting_files_[waiting.alarm.file];
     waiting_.push_back(std::move(waiting));
+}
+
+bool AlarmReporter::IsOverdue() const {
+    return !waiting_.empty() &&
+           std::chrono::steady_clock::now() - waiting_.front().raised >= kLongestWait;
 }
 
 bool AlarmReporter::SendNext() {

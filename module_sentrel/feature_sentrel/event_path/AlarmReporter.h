@@ -50,6 +50,9 @@ class AlarmReporter {
     bool IsEmpty() const { return waiting_.empty(); }
     /// More wait than there should be: some are to be sent, whatever else is to be done.
     bool IsFull() const { return waiting_.size() >= kMostWaiting; }
+    /// The first has waited for a second: a change that is always followed by another must not keep
+    /// alarms back.
+    bool IsOverdue() const;
 
     /// Leaves out what is not described yet and sends all.
     void Finish();
@@ -65,6 +68,7 @@ class AlarmReporter {
     static constexpr std::size_t kMostWaiting = 65536;
 
     struct Waiting {
+        std::chrono::steady_clock::time_point raised;
         Alarm alarm;
         std::shared_ptr<const Difference> difference;  ///< null: described already
     };
