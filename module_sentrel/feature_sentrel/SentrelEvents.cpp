@@ -51,7 +51,7 @@ std::string RulePath(const SentrelDirRule& rule) {
 bool IsGoneTransient(const SentrelDirRule& rule, const std::string& file) {
     struct stat info {};
     if (!IsTransientName(FileName(file))) return false;
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const RulePlaces places = RuleAnchors::Instance().Held(rule);
     return places && places.anchors->StatLive(file, info) != 0 && errno == ENOENT;
 }
 
@@ -70,7 +70,7 @@ bool HasIgnoredSuffix(const SentrelDirRule& rule, const std::string& file) {
 /// One file or link that was copied since the policy or the end of a pause, which is put back
 /// without deleting anything. An older copy may lack an update that is still to be copied.
 bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) {
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const RulePlaces places = RuleAnchors::Instance().Held(rule);
     struct stat copy {};
     struct stat live {};
     if (!places || places.anchors->StatCopy(path, copy) != 0 || S_ISDIR(copy.st_mode) ||
@@ -160,7 +160,7 @@ void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mas
         handling.Add(Outcome::kNotJudged);
         return;
     }
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const RulePlaces places = RuleAnchors::Instance().Held(rule);
     if (!places) return handling.Add(Outcome::kNotJudged);
     NoteVanished(*places.anchors, mask, file, handling);
     // No backup copy.
@@ -214,7 +214,7 @@ SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRul
                                                              const std::string& file) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
     if ((!utils->diff_content && !utils->diff_attr) || alarms_.IsMergedAnyway(file)) return {};
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const RulePlaces places = RuleAnchors::Instance().Held(rule);
     if (!places) return {};
     Description description;
     description.evidence = Evidence(*places.anchors, file);
@@ -239,7 +239,7 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     }
     // A restore ends with a move as well: to answer that with a restore would double each of them.
     if (exists && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
-        const RulePlaces places = RuleAnchors::Instance().Of(rule);
+        const RulePlaces places = RuleAnchors::Instance().Held(rule);
         if (places && (undoer_.IsAsPutBack(*places.anchors, path) ||
                        BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone)) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
@@ -290,7 +290,7 @@ bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string
 /// What was changed through one name of an object was changed at all its names.
 void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
                                         Handling& handling) {
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const RulePlaces places = RuleAnchors::Instance().Held(rule);
     struct stat info {};
     if (!places || places.anchors->StatLive(file, info) != 0) return;
     if (S_ISDIR(info.st_mode) || info.st_nlink < 2) return;

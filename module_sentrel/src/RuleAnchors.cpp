@@ -103,6 +103,12 @@ RulePlaces RuleAnchors::Of(const SentrelDirRule& rule) {
     return LookUp(rule);
 }
 
+RulePlaces RuleAnchors::Held(const SentrelDirRule& rule) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = rules_.find({rule.real_path, rule.backup_path});
+    return known == rules_.end() ? LookUp(rule) : RulePlaces{known->second, ""};
+}
+
 RulePlaces RuleAnchors::LookUp(const SentrelDirRule& rule) {
     const auto known = rules_.find({rule.real_path, rule.backup_path});
     const bool fits = known != rules_.end() && known->second->IsFile() == rule.is_file;

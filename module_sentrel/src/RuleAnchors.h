@@ -76,6 +76,9 @@ class RuleAnchors {
     /// The rule's directories, opened at the first call and looked at again at each.
     RulePlaces Of(const SentrelDirRule& rule);
 
+    /// The same without another look, for what comes right after one or is no more than a hint.
+    RulePlaces Held(const SentrelDirRule& rule);
+
     /// Of a rule that is known: where a copy is put back from `source` to `target`, its backup copy
     /// and a path that it protects. No anchors and no problem: there is no such rule.
     RulePlaces OfRestore(const std::string& source, const std::string& target);
