@@ -12,6 +12,13 @@
 
 namespace Engine::FileNotify {
 
+namespace {
+
+constexpr std::size_t kMaskFactor = 0x9E3779B97F4A7C15ULL;
+constexpr unsigned int kTurnsBeforeHot = 3;
+
+}  // namespace
+
 bool PendingQueue::Equal::operator()(const Entries::iterator& one,
                                      const Entries::iterator& other) const {
     const PendingChange& a = one->change;
@@ -20,7 +27,11 @@ bool PendingQueue::Equal::operator()(const Entries::iterator& one,
 }
 
 std::size_t PendingQueue::HashOf(const PendingChange& change) {
-    return std::hash<std::string>()(change.path) ^ (change.mask * 0x9E3779B97F4A7C15ULL);
+    return std::hash<std::string>()(change.path) ^ (change.mask * kMaskFactor);
+}
+
+std::size_t PendingQueue::PathHash(const Entry& entry) {
+    return entry.hash ^ (entry.change.mask * kMaskFactor);
 }
 
 PendingQueue::Lane PendingQueue::LaneOf(const PendingChange& change) {
@@ -53,7 +64,7 @@ PendingQueue::Pushed PendingQueue::Push(PendingChange change, Time now) {
     }
     const auto known = known_.find(incoming_.begin());
     if (known != known_.end()) {
-        (*known)->repeated = true;
+        NoteRepeat(*known, now);
         return pushed;
     }
     Place(entry, now);
@@ -66,14 +77,28 @@ PendingQueue::Pushed PendingQueue::Push(PendingChange change, Time now) {
     return pushed;
 }
 
+void PendingQueue::NoteRepeat(Entries::iterator entry, Time now) {
+    entry->repeated = true;
+    if ((entry->lane != kContents && entry->lane != kHot) || Concerns(*entry)) return;
+    if (now < entry->pushed + RewriteHeat::kOneWrite) return;
+    heat_.Note(PathHash(*entry), now);
+    if (entry->lane == kHot) return;
+    entry->lane = kHot;
+    lanes_[kHot].splice(lanes_[kHot].end(), lanes_[kContents], entry);
+}
+
 void PendingQueue::Place(Entry& entry, Time now) {
     entry.lane = LaneOf(entry.change);
+    entry.pushed = now;
     entry.serial = ++serial_;
     entry.due = now + LossHold::kLongest;
     if (entry.lane != kContents) return;
     const bool waits =
         entry.change.IsArrival() ? IsTemporary(entry.change) : repeats_.IsRepeat(entry.hash, now);
-    if (!waits) return;
+    if (!waits) {
+        if (!Concerns(entry) && heat_.IsHot(PathHash(entry), now)) entry.lane = kHot;
+        return;
+    }
     entry.lane = kRepeats;
     entry.due = now + RepeatHold::kQuiet;
     entry.last_due = now + RepeatHold::kLongest;
@@ -147,9 +172,9 @@ void PendingQueue::ReleaseRepeats(Time now) {
             repeats.splice(repeats.end(), repeats, repeats.begin());
             continue;
         }
-        entry.lane = kContents;
+        entry.lane = heat_.IsHot(PathHash(entry), now) ? kHot : kContents;
         entry.serial = ++serial_;
-        lanes_[kContents].splice(lanes_[kContents].end(), repeats, repeats.begin());
+        lanes_[entry.lane].splice(lanes_[entry.lane].end(), repeats, repeats.begin());
     }
 }
 
@@ -192,16 +217,27 @@ const PendingChange* PendingQueue::Next(bool losses_too) {
 PendingQueue::Entries::iterator PendingQueue::Choose(bool losses_too) {
     for (std::uint8_t turn = 1; turn <= kHeld; ++turn) {
         const auto lane = static_cast<Lane>((last_lane_ + turn) % kHeld);
-        if (MayGo(lane) && (losses_too || lane != kReleased)) return lanes_[lane].begin();
+        if (!MayGo(lane) || (!losses_too && lane == kReleased)) continue;
+        return lane == kContents ? FirstContent() : lanes_[lane].begin();
     }
     return lanes_[kContents].end();
 }
 
+bool PendingQueue::HasContents() const {
+    return !lanes_[kContents].empty() || !lanes_[kHot].empty();
+}
+
+PendingQueue::Entries::iterator PendingQueue::FirstContent() {
+    const bool hot_has_its_turn = turns_before_hot_ == 0 && !lanes_[kHot].empty();
+    return lanes_[kContents].empty() || hot_has_its_turn ? lanes_[kHot].begin()
+                                                         : lanes_[kContents].begin();
+}
+
 bool PendingQueue::MayGo(Lane lane) const {
+    if (lane == kContents) return HasContents();
     if (lanes_[lane].empty()) return false;
     const Entry& entry = lanes_[lane].front();
-    if (lane == kContents) return true;
-    if (Precedes(kContents, entry)) return false;
+    if (Precedes(kContents, entry) || Precedes(kHot, entry)) return false;
     return lane != kReleased || !Precedes(kDirectories, entry);
 }
 
@@ -224,7 +260,9 @@ const PendingQueue::Entries::iterator* PendingQueue::TopmostAbove(const PendingC
 }
 
 void PendingQueue::Pop() {
-    last_lane_ = next_->lane;
+    const bool is_hot = next_->lane == kHot;
+    last_lane_ = is_hot ? kContents : next_->lane;
+    turns_before_hot_ = is_hot ? kTurnsBeforeHot : turns_before_hot_ - (turns_before_hot_ > 0);
     repeats_.NotePosted(next_->hash, settled_);
     Remove(next_);
 }

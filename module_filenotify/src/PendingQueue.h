@@ -16,6 +16,7 @@
 #include "PendingChange.h"
 #include "RepairPlan.h"
 #include "RepeatHold.h"
+#include "RewriteHeat.h"
 
 namespace Engine::FileNotify {
 
@@ -36,6 +37,8 @@ namespace Engine::FileNotify {
 ///   undoes what is changed in it, which is to be judged and told before), then deletions.
 /// - The arrival or loss of a directory goes ahead of all that waits below it, the topmost first;
 ///   what is below one that is held back waits with it.
+/// - Of changes of content those of files that are rewritten all the time (RewriteHeat) go behind
+///   the others, and have every fourth turn.
 /// - Nothing waits for ever: what waits behind others lets those go ahead that were there when its
 ///   own time came, and then takes turns with newer ones.
 ///
@@ -79,13 +82,22 @@ class PendingQueue {
     std::size_t DropRevoked();
 
   private:
-    enum Lane : std::uint8_t { kContents, kDirectories, kReleased, kHeld, kRepeats, kLanes };
+    enum Lane : std::uint8_t {
+        kContents,
+        kDirectories,
+        kReleased,
+        kHeld,
+        kRepeats,
+        kHot,  ///< contents of files that are rewritten all the time
+        kLanes
+    };
 
     struct Entry {
         PendingChange change;
         std::size_t hash = 0;
         Lane lane = kContents;
-        bool put_back = false;               ///< has waited for a directory above it
+        bool put_back = false;  ///< has waited for a directory above it
+        Time pushed{};
         std::uint64_t serial = 0;            ///< of its coming
         std::optional<std::uint64_t> after;  ///< what came up to this serial goes first
         Time due{};             ///< of a directory: when `after` is to be set; of a repeat: its end
@@ -101,10 +113,14 @@ class PendingQueue {
     };
 
     static std::size_t HashOf(const PendingChange& change);
+    static std::size_t PathHash(const Entry& entry);
     static Lane LaneOf(const PendingChange& change);
     static bool Concerns(const Entry& entry);
     static bool IsTemporary(const PendingChange& change);
     void Place(Entry& entry, Time now);
+    void NoteRepeat(Entries::iterator entry, Time now);
+    bool HasContents() const;
+    Entries::iterator FirstContent();
     std::size_t DropWaiting(const Entry& loss, std::initializer_list<std::uint32_t> masks);
     void NoteDirectory(Entries::iterator entry);
     void Release();
@@ -126,6 +142,8 @@ class PendingQueue {
     LossHold hold_;
     std::chrono::nanoseconds loss_cost_ = LossHold::kUsualCost;
     RepeatHold repeats_;
+    RewriteHeat heat_;
+    unsigned int turns_before_hot_ = 3;
     Time settled_{};
     std::uint64_t serial_ = 0;
     std::uint8_t last_lane_ = kContents;  ///< that something went out of

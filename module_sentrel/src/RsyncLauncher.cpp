@@ -135,6 +135,12 @@ CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& pro
         Entry copy = rule.Copy(line.target);
         Entry live = rule.Live(line.target);
         if (!copy.IsOpen() || !live.IsOpen()) return Failed("cannot open the directory");
+        // rsync would copy into a directory that stands in the object's place.
+        struct stat info {};
+        if (rule.StatLive(line.target, info) == 0 && S_ISDIR(info.st_mode) &&
+            SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) != 0) {
+            return Failed("cannot remove the directory in its place");
+        }
         return Run(line, program, std::move(copy.directory), copy.name, std::move(live.directory),
                    live.name, std::move(scratch));
     }

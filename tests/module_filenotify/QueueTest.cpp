@@ -83,6 +83,31 @@ TEST_F(DeliveryTest, TicketRevoked_ItsChangesAreDroppedAndOthersAreNot) {
     EXPECT_FALSE(one->IsValid());
 }
 
+// Thousands of files that are rewritten all the time must not delay the page that changes once.
+TEST_F(DeliveryTest, RewrittenFiles_GoBehindOthersAndHaveTheirTurns) {
+    const auto change = [this](const std::string& path) {
+        delivery.Add(Change(one, path, IN_MODIFY));
+    };
+    const auto flush = [this](int messages) {
+        room = messages;
+        posted.clear();
+        delivery.Flush();
+        return posted;
+    };
+    using Posted = std::vector<std::string>;
+    for (const char* path : {"/w/hot1", "/w/hot2", "/w/written-in-two-calls"}) change(path);
+    change("/w/written-in-two-calls");
+    now += std::chrono::milliseconds(20);
+    for (const char* path : {"/w/hot1", "/w/hot2"}) change(path);
+    change("/w/page");
+    EXPECT_EQ(flush(2), (Posted{"one/w/written-in-two-calls", "one/w/page"}));
+    for (const char* path : {"/w/hot1", "/w/a", "/w/b", "/w/c"}) change(path);
+    EXPECT_EQ(flush(9), (Posted{"one/w/a", "one/w/hot1", "one/w/b", "one/w/c", "one/w/hot2"}));
+    now += std::chrono::seconds(2);
+    for (const char* path : {"/w/hot1", "/w/a"}) change(path);
+    EXPECT_EQ(flush(9), (Posted{"one/w/hot1", "one/w/a"}));
+}
+
 TEST(WalkQueue, ReasonsAddUpAndCancelledJobsAreSkipped) {
     WalkQueue queue;
     DirNode a;

@@ -241,6 +241,16 @@ TEST_F(Event, WithoutRestoresInProcess_RsyncPutsTheSameBack) {
     ASSERT_TRUE(config.Load(install_.dir.Write("b.json", "{}"), true, error));
 }
 
+TEST_F(Event, DirectoryInPlaceOfAPipe_IsReplacedByThePipe) {
+    ASSERT_EQ(::mkfifo(File("pipe").c_str(), 0600), 0);
+    ASSERT_TRUE(
+        utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, {}, {}, Engine::RSYNC_BACKUP));
+    fs::remove(File("pipe"));
+    data_.Write("site/pipe/shell.php", "evil");
+    Tell(File("pipe"), IN_CREATE | IN_ISDIR);
+    EXPECT_TRUE(fs::is_fifo(fs::symlink_status(File("pipe"))));
+}
+
 TEST_F(Event, WithoutABackupFolder_NothingIsForeign) {
     fs::rename(rule_.backup_path, data_.Path("lost"));
     Tell(File("index.html"), IN_MOVED_TO);
