@@ -21,7 +21,7 @@ namespace Engine::FileNotify {
 /// for more. Shared with the messages, which may outlive the task.
 class SendWindow : public DeliveryObserver {
   public:
-    static constexpr std::chrono::milliseconds kWork{30};
+    static constexpr std::chrono::milliseconds kWork{10};
     static constexpr std::size_t kFewest = 8;
     static constexpr std::size_t kMost = 256;
 

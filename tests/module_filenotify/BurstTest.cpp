@@ -338,7 +338,7 @@ TEST_F(Burst, Window_FollowsTheReceiversPaceAndWakesBeforeItIsEmpty) {
     EXPECT_EQ(window.Size(), SendWindow::kMost);
     dealt(100ms);
     EXPECT_EQ(window.Size(), SendWindow::kFewest);
-    for (int i = 0; i < 100; ++i) dealt(50us);
+    for (int i = 0; i < 100; ++i) dealt(30us);
     EXPECT_EQ(window.Size(), SendWindow::kMost);
 }
 
