@@ -156,6 +156,8 @@ void SentrelInotifyTask::CheckPlaces() {
         const std::string problem = RuleAnchors::Instance().Of(rule).problem;
         SentrelStatus::Instance().SetProblem(rule.real_path, problem);
         int& looks = problems_[id];
+        // What was changed meanwhile need not wait for its next try, of which there is an end.
+        if (problem.empty() && looks > 0) rejudge_.CompareAll(id);
         looks = problem.empty() ? 0 : looks + 1;
         if (looks != kLooksUntilAlarm) continue;
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", rule.real_path, problem);

@@ -49,6 +49,10 @@ class Rejudge {
     /// once.
     bool HandleDue(Clock::time_point now, const OwnRestores& recent);
 
+    /// Has the whole tree compared with its copy once that is complete: its changes could not be
+    /// judged for a while.
+    void CompareAll(const std::string& watch_id) { to_compare_[watch_id].everything = true; }
+
     void Forget();
 
   private:
