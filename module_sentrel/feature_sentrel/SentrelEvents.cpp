@@ -125,7 +125,7 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
     SDK_LOG(ModuleLogger(), PRIO_DEBUG,
             "WatchFile %s, file1 (%s), file2 (%s), dir (%s), optype (0x%x)", watch_file, file1,
             file2, std::string(is_dir ? "true" : "false"), mask);
-    // Rule. A copy of it: what follows may find it gone.
+    // Rule.
     const auto found = watch_rules.find(watch_file);
     if (found == watch_rules.end()) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Find watch file (%s) faild.", watch_file);
@@ -186,7 +186,6 @@ void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mas
     }
     // Undoing and alarm.
     UndoAndReport(rule, file, AlarmTypeOf(mask, deviation), true, arrived, read_time, handling);
-    return;
 }
 
 void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::string& file,
@@ -238,10 +237,10 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
         return false;
     }
     // A restore ends with a move as well: to answer that with a restore would double each of them.
+    // The object is compared all the same: it may have been moved away, changed and moved back.
     if (exists && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
         const RulePlaces places = RuleAnchors::Instance().Held(rule);
-        if (places && (undoer_.IsAsPutBack(*places.anchors, path) ||
-                       BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone)) {
+        if (places && BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
             return false;
         }

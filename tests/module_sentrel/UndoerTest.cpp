@@ -241,6 +241,20 @@ TEST_F(Event, WithoutRestoresInProcess_RsyncPutsTheSameBack) {
     ASSERT_TRUE(config.Load(install_.dir.Write("b.json", "{}"), true, error));
 }
 
+// The very object that was put back, changed where nobody looks, and with its time set back.
+TEST_F(Event, RestoredFileThatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
+    data_.Write("site/index.html", "defaced!");
+    Tell(File("index.html"), IN_MODIFY);
+    const auto time = fs::last_write_time(File("index.html"));
+    fs::rename(File("index.html"), File("uploads/x"));
+    data_.Write("site/uploads/x", "defaced");
+    fs::last_write_time(File("uploads/x"), time);
+    fs::rename(File("uploads/x"), File("index.html"));
+    Tell(File("index.html"), IN_MOVED_FROM, File("uploads/x"));
+    Tell(File("index.html"), IN_MOVED_TO);
+    EXPECT_EQ(Content("index.html"), "welcome");
+}
+
 TEST_F(Event, DirectoryInPlaceOfAPipe_IsReplacedByThePipe) {
     ASSERT_EQ(::mkfifo(File("pipe").c_str(), 0600), 0);
     ASSERT_TRUE(

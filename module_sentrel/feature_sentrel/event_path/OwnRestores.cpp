@@ -3,10 +3,9 @@
 
 namespace Engine {
 
-void OwnRestores::Note(const std::string& path, Clock::time_point begun, Clock::time_point ended,
-                       std::optional<ObjectId> object) {
+void OwnRestores::Note(const std::string& path, Clock::time_point begun, Clock::time_point ended) {
     const std::string plain = WithoutTrailingSlash(path);
-    latest_[plain] = {begun, ended, object};
+    latest_[plain] = {begun, ended};
     by_age_.emplace_back(ended, plain);
     while (by_age_.front().first + kEchoTime < ended || by_age_.size() > kCapacity) {
         const auto known = latest_.find(by_age_.front().second);
@@ -28,11 +27,6 @@ bool OwnRestores::MayEcho(const std::string& path, Clock::time_point read_time) 
         at.resize(at.rfind('/') == std::string::npos ? 0 : at.rfind('/'));
     }
     return false;
-}
-
-bool OwnRestores::IsOurs(const std::string& path, const ObjectId& object) const {
-    const auto known = latest_.find(WithoutTrailingSlash(path));
-    return known != latest_.end() && known->second.object == object;
 }
 
 bool OwnRestores::IsLaterThan(const std::string& path, Clock::time_point read_time) const {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <FileChange.h>
-
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -21,13 +19,8 @@ class OwnRestores {
     static constexpr std::chrono::seconds kEchoTime{60};
     static constexpr std::size_t kCapacity = 65536;  ///< the oldest is forgotten beyond that
 
-    /// `path`: a file, or a directory that was put back with all that it holds; `object`: what
-    /// stands there since, if that is known.
-    void Note(const std::string& path, Clock::time_point begun, Clock::time_point ended,
-              std::optional<ObjectId> object = std::nullopt);
-
-    /// Whether it is this very object that was put back at `path`.
-    bool IsOurs(const std::string& path, const ObjectId& object) const;
+    /// `path`: a file, or a directory that was put back with all that it holds.
+    void Note(const std::string& path, Clock::time_point begun, Clock::time_point ended);
 
     /// Whether what was read at `read_time` may be told because of a restore.
     bool MayEcho(const std::string& path, Clock::time_point read_time) const;
@@ -39,7 +32,6 @@ class OwnRestores {
     struct Span {
         Clock::time_point begun;
         Clock::time_point ended;
-        std::optional<ObjectId> object;
     };
 
     std::unordered_map<std::string, Span> latest_;  // by path without a trailing "/"

@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <optional>
 #include <utility>
 
 namespace Engine {
@@ -35,12 +34,6 @@ mode_t LiveType(const AnchoredRule& rule, const std::string& path) {
 mode_t CopyType(const AnchoredRule& rule, const std::string& path) {
     struct stat info {};
     return rule.StatCopy(path, info) == 0 ? info.st_mode & S_IFMT : 0;
-}
-
-std::optional<ObjectId> LiveObject(const AnchoredRule& rule, const std::string& path) {
-    struct stat info {};
-    if (rule.StatLive(path, info) != 0) return std::nullopt;
-    return ObjectId(info.st_dev, info.st_ino);
 }
 
 /// An excluded subdirectory of several levels is named from the rule's path on, and rsync knows it
@@ -123,8 +116,7 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
     attempt.restored = utils->DoRsyncLocal(attempt.target, rule.backup_path, rule.ignored_postfix,
                                            rule.ignored_subdir, RSYNC_RESTORE);
     attempt.error = attempt.restored ? "" : utils->LastCopyError();
-    recent_.Note(attempt.target, begun, OwnRestores::Clock::now(),
-                 attempt.restored ? LiveObject(anchors, attempt.target) : std::nullopt);
+    recent_.Note(attempt.target, begun, OwnRestores::Clock::now());
     if (attempt.restored && live == S_IFLNK && copy != S_IFLNK) CountPlantedLink(attempt.target);
     return attempt;
 }
@@ -176,11 +168,6 @@ Undoing Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::string& 
     CountPlantedLink(obstacle);
     SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
     return {Outcome::kRemoved};
-}
-
-bool Undoer::IsAsPutBack(const AnchoredRule& rule, const std::string& path) const {
-    const std::optional<ObjectId> object = LiveObject(rule, path);
-    return object && recent_.IsOurs(path, *object);
 }
 
 }  // namespace Engine

@@ -30,9 +30,6 @@ class Undoer {
     /// removed; where the copy has a directory in place of the link, the link goes.
     Undoing Remove(const SentrelDirRule& rule, const std::string& path);
 
-    /// What stands at `path` is what was put back there last.
-    bool IsAsPutBack(const AnchoredRule& rule, const std::string& path) const;
-
     const OwnRestores& Recent() const { return recent_; }
 
   private:
