@@ -237,8 +237,9 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
         return false;
     }
     // A restore ends with a move as well: to answer that with a restore would double each of them.
-    // The object is compared all the same: it may have been moved away, changed and moved back.
-    if (exists && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
+    // The object is compared all the same: it may have been moved away, changed and moved back. No
+    // restore moves a directory.
+    if (exists && !EndsWith(path, "/") && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
         const RulePlaces places = RuleAnchors::Instance().Held(rule);
         if (places && BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);

@@ -173,10 +173,10 @@ CommandAnswer RestoreDirectory(const RsyncLine& line, const AnchoredRule& rule,
     const Entry live = directory == rule.RootPath() ? Entry{rule.OpenLiveDirectory(directory), "."}
                                                     : rule.Live(directory);
     if (!live.IsOpen()) return Failed("cannot open the directory");
-    // A change of content has an event of its own. To read all of a large site, because somebody
-    // changes the mode of its top again and again, would let every other page wait.
+    // To read all of a large site, because somebody changes the mode of its top again and again,
+    // would let every other page wait.
     return Done(SDK::TreeRestorer::Restore(rule.Copy(directory), live, shield,
-                                           SDK::TreeRestorer::Look::kState));
+                                           SDK::TreeRestorer::Look::kChanged));
 }
 
 CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,

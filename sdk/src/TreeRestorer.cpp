@@ -43,6 +43,10 @@ bool IsSameTime(const struct stat& one, const struct stat& other) {
            one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
 }
 
+bool IsEarlier(const timespec& one, const timespec& other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
+
 /// Opens the directory `name`, which is made where there is none, in place of what else bears the
 /// name. Not open on failure (errno).
 FileDescriptor OpenOrMake(int parent, const std::string& name, MountPoints mount_points) {
@@ -239,15 +243,15 @@ void TreeRestore::RestoreEntry(const std::string& name) {
     failed_.Note(failed);
 }
 
-/// By its state alone; false also where a closer look is wanted.
+/// Without reading it; false also where a closer look is wanted.
 bool TreeRestore::IsAsCopy(const std::string& name, const struct stat& copy) const {
     struct stat live {};
-    if (look_ != TreeRestorer::Look::kState || !S_ISREG(copy.st_mode) || copy.st_nlink > 1) {
+    if (look_ != TreeRestorer::Look::kChanged || !S_ISREG(copy.st_mode) || copy.st_nlink > 1) {
         return false;
     }
     return ::fstatat(live_.Get(), name.c_str(), &live, AT_SYMLINK_NOFOLLOW) == 0 &&
            S_ISREG(live.st_mode) && live.st_nlink == 1 && live.st_size == copy.st_size &&
-           !StatDiffers(copy, live);
+           IsEarlier(live.st_ctim, copy.st_ctim) && !StatDiffers(copy, live);
 }
 
 /// Restores an object that has several names in the copy: the first as any other, the others become

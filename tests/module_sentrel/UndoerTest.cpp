@@ -242,7 +242,7 @@ TEST_F(Event, WithoutRestoresInProcess_RsyncPutsTheSameBack) {
 }
 
 // The very object that was put back, changed where nobody looks, and with its time set back.
-TEST_F(Event, RestoredFileThatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
+TEST_F(Event, WhatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
     data_.Write("site/index.html", "defaced!");
     Tell(File("index.html"), IN_MODIFY);
     const auto time = fs::last_write_time(File("index.html"));
@@ -253,6 +253,17 @@ TEST_F(Event, RestoredFileThatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
     Tell(File("index.html"), IN_MOVED_FROM, File("uploads/x"));
     Tell(File("index.html"), IN_MOVED_TO);
     EXPECT_EQ(Content("index.html"), "welcome");
+    // A directory likewise, whose content nobody announces.
+    const auto page_time = fs::last_write_time(File("sub/page.html"));
+    const auto sub_time = fs::last_write_time(File("sub"));
+    fs::rename(File("sub"), File("uploads/sub"));
+    data_.Write("site/uploads/sub/page.html", "evil");
+    fs::last_write_time(File("uploads/sub/page.html"), page_time);
+    fs::last_write_time(File("uploads/sub"), sub_time);
+    fs::rename(File("uploads/sub"), File("sub"));
+    Tell(File("sub"), IN_MOVED_FROM | IN_ISDIR, File("uploads/sub"));
+    Tell(File("sub"), IN_MOVED_TO | IN_ISDIR);
+    EXPECT_EQ(Content("sub/page.html"), "page");
 }
 
 TEST_F(Event, DirectoryInPlaceOfAPipe_IsReplacedByThePipe) {

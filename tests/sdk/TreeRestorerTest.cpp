@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "OddTree.h"
@@ -23,6 +24,7 @@
 #include "sdk/TimeUtils.h"
 #include "sdk/TreeRestorer.h"
 #include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -169,22 +171,33 @@ TEST_F(TreeRestore, EqualTree_IsNotTouched) {
     EXPECT_EQ(changes(), times);
 }
 
-TEST_F(TreeRestore, LookAtTheState_RestoresWhatDiffersAndReadsNoOther) {
+// Unread means unchanged: who sets size and time back cannot set back when the kernel saw a change.
+TEST_F(TreeRestore, LookAtWhatHasChanged_FindsEveryChangeSinceTheCopyWasMade) {
+    const auto set_time_back = [](const std::string& file) { fs::last_write_time(file, {}); };
     for (const char* name : {"same", "longer", "newer", "gone"}) {
-        dir_.Write(std::string("copy/") + name, "good");
-        if (name != std::string("gone")) dir_.Write(std::string("live/") + name, "evil");
-        fs::last_write_time(dir_.Path("copy/") + name, {});
+        set_time_back(dir_.Write(std::string("live/") + name, "good"));
+        set_time_back(dir_.Write(std::string("copy/") + name, "good"));
     }
-    dir_.Write("live/longer", "evil!");
-    for (const char* name : {"same", "longer"}) fs::last_write_time(dir_.Path("live/") + name, {});
+    const auto is_younger = [&] {
+        struct stat copy {};
+        struct stat live {};
+        set_time_back(dir_.Write("live/same", "evil"));
+        return ::stat(dir_.Path("copy/same").c_str(), &copy) == 0 &&
+               ::stat(dir_.Path("live/same").c_str(), &live) == 0 &&
+               std::tie(live.st_ctim.tv_sec, live.st_ctim.tv_nsec) >
+                   std::tie(copy.st_ctim.tv_sec, copy.st_ctim.tv_nsec);
+    };
+    EXPECT_TRUE(test::WaitFor(is_younger, std::chrono::seconds(5)));
+    set_time_back(dir_.Write("live/longer", "evil!"));
+    dir_.Write("live/newer", "evil");
+    fs::remove(dir_.Path("live/gone"));
     const auto anchor = SDK::PathAnchor::Open(dir_.Path());
     ASSERT_NE(anchor, nullptr);
     const auto result =
         SDK::TreeRestorer::Restore(anchor->OpenParent("copy"), anchor->OpenParent("live"), {},
-                                   SDK::TreeRestorer::Look::kState);
+                                   SDK::TreeRestorer::Look::kChanged);
     EXPECT_EQ(result.outcome, Outcome::kRestored) << result.step;
-    EXPECT_EQ(test::TempDir::Read(dir_.Path("live/same")), "evil");
-    for (const char* name : {"longer", "newer", "gone"}) {
+    for (const char* name : {"same", "longer", "newer", "gone"}) {
         EXPECT_EQ(test::TempDir::Read(dir_.Path("live/") + name), "good") << name;
     }
 }

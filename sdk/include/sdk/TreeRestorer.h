@@ -16,7 +16,9 @@ class TreeRestorer {
     /// How a regular file is found to be as its copy.
     enum class Look {
         kContent,  ///< by all that a restore sets, its content included
-        kState,    ///< by size, time of modification in seconds, mode and owner: nothing is read
+        /// The same, but what has not been changed since its copy was made is not read: its ctime,
+        /// which only the kernel sets, is older, and size, time, mode and owner are equal.
+        kChanged,
     };
 
     /// Makes the directory `live` as the directory `copy`, whatever stands there now. What is equal
