@@ -21,7 +21,6 @@ namespace {
 
 constexpr std::chrono::seconds kOverflowLogAgainAfter{10};
 constexpr std::uint32_t kEnds = IN_MOVED_FROM | IN_DELETE;
-constexpr std::uint32_t kOfNames = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
 // A restore makes and moves its temporary with few records between.
 constexpr std::size_t kFleetingRecords = 16;
 
@@ -97,19 +96,6 @@ bool EventTranslator::EndsSoon(const InotifyRecord& record) {
     return find();
 }
 
-// A change of a file that has no name is told under a name that is nobody's. The index knows all
-// names of a directory that it has listed, as far as the records say; otherwise the disk is asked.
-bool EventTranslator::IsAboutNoName(DirNode& dir, const InotifyRecord& record) {
-    if (!IsUnnamedFile(record.name) || (record.mask & kOfNames) != 0) return false;
-    if (NameIndex::Lookup(dir, record.name) != Kind::kNone) return false;
-    if (dir.Is(DirNode::kListed) && !dir.Is(DirNode::kPartial)) return true;
-    const int holder = tree_.opener.Locate(dir);
-    struct stat status {};
-    const std::string name(record.name);
-    return holder >= 0 && ::fstatat(holder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 &&
-           errno == ENOENT;
-}
-
 void EventTranslator::Overflow() {
     ++counters_.overflows;
     events_lost_ = true;
@@ -159,7 +145,7 @@ void EventTranslator::HandleAt(DirNode& dir, const InotifyRecord& record) {
         MovedFrom(dir, record);
     } else if ((record.mask & IN_MOVED_TO) != 0) {
         MovedTo(dir, record);
-    } else if (!IsAboutNoName(dir, record)) {
+    } else {
         router_.Announce({&dir, record.name}, record.mask);
     }
 }

@@ -45,7 +45,6 @@ class EventTranslator {
     void HandleAt(DirNode& dir, const InotifyRecord& record);
     bool IsFleeting(const InotifyRecord& record);
     bool EndsSoon(const InotifyRecord& record);
-    bool IsAboutNoName(DirNode& dir, const InotifyRecord& record);
     void AboutDirectoryItself(DirNode& dir, const InotifyRecord& record);
     void MovedFrom(DirNode& dir, const InotifyRecord& record);
     void MovedTo(DirNode& dir, const InotifyRecord& record);

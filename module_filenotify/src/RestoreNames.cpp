@@ -6,7 +6,6 @@ namespace {
 
 constexpr std::string_view kTemporaryPrefix = ".morvane-restore-";
 constexpr std::size_t kTemporaryDigits = 16;
-constexpr std::string_view kDecimal = "0123456789";
 constexpr std::string_view kHexadecimal = "0123456789abcdef";
 
 bool ConsistsOf(std::string_view text, std::string_view characters) {
@@ -14,10 +13,6 @@ bool ConsistsOf(std::string_view text, std::string_view characters) {
 }
 
 }  // namespace
-
-bool IsUnnamedFile(std::string_view name) {
-    return name.size() > 1 && name.front() == '#' && ConsistsOf(name.substr(1), kDecimal);
-}
 
 bool IsRestoreTemporary(std::string_view name) {
     return name.size() == kTemporaryPrefix.size() + kTemporaryDigits &&

@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <utility>
 
 namespace Engine {
@@ -134,7 +135,11 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
     const SentrelDirRule& rule = found->second;
     // Root path. A restore of "" would be one of the whole file system.
     AdjustToRule(rule, file1);
-    if (file1.empty() || IsGoneTransient(rule, file1)) return handling;
+    if (file1.empty()) return handling;
+    if (IsGoneTransient(rule, file1)) {
+        handling.vanished = IsChangeOfUnnamed(rule, mask, file1);
+        return handling;
+    }
     // Moves.
     if (!HandleMoveEvent(rule, &msg, file1, handling)) return handling;
     // Ignored paths.
@@ -145,6 +150,17 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
     }
     JudgeFile(rule, mask, file1, msg.GetReadTime(), handling);
     return handling;
+}
+
+/// The kernel tells a change through a descriptor that was opened without a name under "#" and the
+/// number of the object, which may bear the name of a page by now.
+bool SentrelInotifyTask::IsChangeOfUnnamed(const SentrelDirRule& rule, std::uint32_t mask,
+                                           const std::string& file) const {
+    const std::string name = FileName(file);
+    if (name.front() != '#' || (mask & (IN_MODIFY | IN_ATTRIB)) == 0) return false;
+    const RulePlaces places = RuleAnchors::Instance().Held(rule);
+    const ino_t inode = std::strtoull(name.c_str() + 1, nullptr, 10);
+    return places && !undoer_.IsOwnObject(*places.anchors, inode);
 }
 
 void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mask,

@@ -108,6 +108,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
                        Handling& handling);
     Description Describe(const SentrelDirRule& rule, const std::string& file);
     bool IsIgnored(const SentrelDirRule& rule, const std::string& file);
+    bool IsChangeOfUnnamed(const SentrelDirRule& rule, std::uint32_t mask,
+                           const std::string& file) const;
     bool IsMoveIgnored(const SentrelDirRule& rule, const std::string& path);
     static void NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
                                Handling& handling);

@@ -2,6 +2,7 @@
 #include <sdk/FileDescriptor.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <thread>
 
@@ -267,13 +268,17 @@ class RestoreEcho : public NotifyTest {
     }
 };
 
-TEST_F(RestoreEcho, PagesPutBack_OnlyTheirNewPlacesAreTold) {
+// A change of a file without a name is told under "#" and its number: it may have a name by then.
+TEST_F(RestoreEcho, PagesPutBack_OnlyTheirContentAndNewPlacesAreTold) {
     constexpr int kPages = 200;
     const auto page = [](int i) { return "page" + std::to_string(i); };
     for (int i = 0; i < kPages; ++i) TouchFile(Root(page(i)));
     Watch(Root());
     for (int i = 0; i < kPages; ++i) Replace(page(i), i);
-    const auto seen = SeenUntilNow();
+    auto seen = SeenUntilNow();
+    seen.erase(std::remove_if(seen.begin(), seen.end(),
+                              [](const auto& one) { return one.path.find("/#") != one.path.npos; }),
+               seen.end());
     EXPECT_EQ(seen.size(), std::size_t{kPages}) << Print(seen);
     for (int i = 0; i < kPages; ++i) EXPECT_TRUE(Has(seen, IN_MOVED_TO, Root(page(i)))) << i;
     EXPECT_TRUE(IndexAgrees());

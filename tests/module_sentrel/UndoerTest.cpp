@@ -266,6 +266,31 @@ TEST_F(Event, WhatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
     EXPECT_EQ(Content("sub/page.html"), "page");
 }
 
+// Linked in with the content of the page, and changed later through the descriptor that is kept:
+// the kernel tells that under a name that nobody has.
+TEST_F(Event, FileThatWasOpenedWithoutAName_IsFoundUnderTheNameThatItGot) {
+    struct stat info {};
+    const int file = ::open(data_.Path("site").c_str(), O_TMPFILE | O_RDWR, 0644);
+    ASSERT_GE(file, 0);
+    ASSERT_EQ(::write(file, "welcome", 7), 7);
+    fs::remove(File("index.html"));
+    ASSERT_EQ(::linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(file)).c_str(), AT_FDCWD,
+                       File("index.html").c_str(), AT_SYMLINK_FOLLOW),
+              0);
+    ASSERT_EQ(::fstat(file, &info), 0);
+    ASSERT_EQ(::pwrite(file, "defaced", 7, 0), 7);
+    Tell(File("#" + std::to_string(info.st_ino)), IN_MODIFY);
+    task_.HandleBacklog(std::chrono::steady_clock::now());
+    EXPECT_EQ(Content("index.html"), "welcome");
+    ::close(file);
+    // What a restore of ours is told as has the tree compared for nothing.
+    ASSERT_EQ(::stat(File("index.html").c_str(), &info), 0);
+    Tell(File("#" + std::to_string(info.st_ino)), IN_MODIFY);
+    EXPECT_EQ(SentrelStatus::Instance().ToJson({})["backlog"]["trees_to_compare"].asInt(), 0);
+    task_.HandleBacklog(std::chrono::steady_clock::now());
+    EXPECT_EQ(SentrelStatus::Instance().ToJson({})["backlog"]["trees_to_compare"].asInt(), 0);
+}
+
 TEST_F(Event, DirectoryInPlaceOfAPipe_IsReplacedByThePipe) {
     ASSERT_EQ(::mkfifo(File("pipe").c_str(), 0600), 0);
     ASSERT_TRUE(

@@ -3,10 +3,14 @@
 
 namespace Engine {
 
-void OwnRestores::Note(const std::string& path, Clock::time_point begun, Clock::time_point ended) {
+void OwnRestores::Note(const std::string& path, Clock::time_point begun, Clock::time_point ended,
+                       std::optional<Identity> object) {
     const std::string plain = WithoutTrailingSlash(path);
     latest_[plain] = {begun, ended};
     by_age_.emplace_back(ended, plain);
+    if (object) by_inode_[object->inode] = {plain, *object};
+    // One that was put back twice leaves its first number behind.
+    if (by_inode_.size() > kCapacity) by_inode_.clear();
     while (by_age_.front().first + kEchoTime < ended || by_age_.size() > kCapacity) {
         const auto known = latest_.find(by_age_.front().second);
         if (known != latest_.end() && known->second.ended <= by_age_.front().first) {
@@ -14,6 +18,11 @@ void OwnRestores::Note(const std::string& path, Clock::time_point begun, Clock::
         }
         by_age_.pop_front();
     }
+}
+
+const std::pair<std::string, OwnRestores::Identity>* OwnRestores::FindInode(ino_t inode) const {
+    const auto found = by_inode_.find(inode);
+    return found == by_inode_.end() ? nullptr : &found->second;
 }
 
 bool OwnRestores::MayEcho(const std::string& path, Clock::time_point read_time) const {

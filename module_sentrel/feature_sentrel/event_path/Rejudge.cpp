@@ -19,7 +19,8 @@ namespace Engine {
 namespace {
 
 constexpr int kMostAtOnce = 128;
-constexpr std::chrono::milliseconds kSlice{50};
+// A page that is changed meanwhile waits for it.
+constexpr std::chrono::milliseconds kSlice{5};
 // What fails now, such as a full disk, mostly fails for every path.
 constexpr std::chrono::seconds kRestAfterFailure{1};
 // Upper bound of the delay between a change and its inotify record.

@@ -7,15 +7,18 @@
 #include <SentrelStatus.h>
 #include <SentrelUtils.h>
 #include <Undoer.h>
+#include <fcntl.h>
 #include <sdk/DirUtils.h>
 #include <sdk/Log.h>
 #include <sdk/ObjectRestorer.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 namespace Engine {
@@ -34,6 +37,20 @@ mode_t LiveType(const AnchoredRule& rule, const std::string& path) {
 mode_t CopyType(const AnchoredRule& rule, const std::string& path) {
     struct stat info {};
     return rule.StatCopy(path, info) == 0 ? info.st_mode & S_IFMT : 0;
+}
+
+std::optional<OwnRestores::Identity> IdentityAt(const AnchoredRule& rule, const std::string& path) {
+    const SDK::PathAnchor::Entry entry = rule.Live(path);
+    struct statx info {};
+    if (!entry.IsOpen() || ::statx(entry.directory.Get(), entry.name.c_str(), AT_SYMLINK_NOFOLLOW,
+                                   STATX_INO | STATX_BTIME, &info) != 0) {
+        return std::nullopt;
+    }
+    constexpr std::int64_t kNanosPerSecond = 1000000000;
+    const bool is_told = (info.stx_mask & STATX_BTIME) != 0;
+    return OwnRestores::Identity{
+        makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino,
+        is_told ? info.stx_btime.tv_sec * kNanosPerSecond + info.stx_btime.tv_nsec : 0};
 }
 
 /// An excluded subdirectory of several levels is named from the rule's path on, and rsync knows it
@@ -116,7 +133,9 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
     attempt.restored = utils->DoRsyncLocal(attempt.target, rule.backup_path, rule.ignored_postfix,
                                            rule.ignored_subdir, RSYNC_RESTORE);
     attempt.error = attempt.restored ? "" : utils->LastCopyError();
-    recent_.Note(attempt.target, begun, OwnRestores::Clock::now());
+    const bool is_single = attempt.restored && copy == S_IFREG;
+    recent_.Note(attempt.target, begun, OwnRestores::Clock::now(),
+                 is_single ? IdentityAt(anchors, attempt.target) : std::nullopt);
     if (attempt.restored && live == S_IFLNK && copy != S_IFLNK) CountPlantedLink(attempt.target);
     return attempt;
 }
@@ -168,6 +187,11 @@ Undoing Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::string& 
     CountPlantedLink(obstacle);
     SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
     return {Outcome::kRemoved};
+}
+
+bool Undoer::IsOwnObject(const AnchoredRule& rule, ino_t inode) const {
+    const auto* known = recent_.FindInode(inode);
+    return known != nullptr && IdentityAt(rule, known->first) == known->second;
 }
 
 }  // namespace Engine

@@ -30,6 +30,10 @@ class Undoer {
     /// removed; where the copy has a directory in place of the link, the link goes.
     Undoing Remove(const SentrelDirRule& rule, const std::string& path);
 
+    /// The object with that number was put back here lately and still stands there. Nobody else
+    /// holds it under another name: before it got its own it had none.
+    bool IsOwnObject(const AnchoredRule& rule, ino_t inode) const;
+
     const OwnRestores& Recent() const { return recent_; }
 
   private:
