@@ -133,6 +133,8 @@ RulePlaces RuleAnchors::OfBackup(const std::string& source, const std::string& t
 }
 
 RulePlaces RuleAnchors::Remember(Known anchors) {
+    const auto held = rules_.find({anchors->Rule().real_path, anchors->Rule().backup_path});
+    if (held != rules_.end() && held->second->Root() != anchors->Root()) KeepFormer(*held->second);
     rules_[{anchors->Rule().real_path, anchors->Rule().backup_path}] = anchors;
     return {std::move(anchors), ""};
 }
@@ -172,10 +174,32 @@ RulePlaces RuleAnchors::Check(const Known& known) {
     }
     struct stat info {};
     const bool stands = present->Parent()->Stat(FileName(present->RootPath()), info) == 0;
-    if (stands && S_ISDIR(info.st_mode)) return OpenAgain(present->Rule());
+    if (stands && S_ISDIR(info.st_mode)) {
+        RulePlaces returned = FindFormer(*present);
+        return returned ? std::move(returned) : OpenAgain(present->Rule());
+    }
     if (present->Root() == nullptr) return {std::move(present), ""};
-    return Remember(std::make_shared<const AnchoredRule>(present->Rule(), present->Parent(),
-                                                         nullptr, present->Copies()));
+    // Still held, so that it is known again where it was only moved aside.
+    return {std::make_shared<const AnchoredRule>(present->Rule(), present->Parent(), nullptr,
+                                                 present->Copies()),
+            ""};
+}
+
+/// A directory that was held before, moved aside, and is back.
+RulePlaces RuleAnchors::FindFormer(const AnchoredRule& present) {
+    for (const AnchoredRule::Anchor& root : former_roots_[present.RootPath()]) {
+        if (!root->IsInPlace()) continue;
+        return Remember(std::make_shared<const AnchoredRule>(present.Rule(), present.Parent(), root,
+                                                             present.Copies()));
+    }
+    return {};
+}
+
+void RuleAnchors::KeepFormer(const AnchoredRule& held) {
+    if (held.Root() == nullptr) return;
+    std::deque<AnchoredRule::Anchor>& former = former_roots_[held.RootPath()];
+    former.push_back(held.Root());
+    if (former.size() > kMostFormer) former.pop_front();
 }
 
 /// What stands at the protected path now is another directory than the one that is held.
@@ -207,6 +231,7 @@ RulePlaces RuleAnchors::MakeRoot(const std::shared_ptr<const AnchoredRule>& know
 void RuleAnchors::Forget() {
     const std::lock_guard<std::mutex> lock(mutex_);
     rules_.clear();
+    former_roots_.clear();
 }
 
 }  // namespace Engine

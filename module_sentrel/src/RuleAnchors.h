@@ -5,6 +5,7 @@
 #include <sdk/PathAnchor.h>
 #include <sys/stat.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -103,9 +104,15 @@ class RuleAnchors {
     RulePlaces OpenAgain(const SentrelDirRule& rule);
     Known WithPresentCopies(const Known& known);
     RulePlaces Remember(Known anchors);
+    RulePlaces FindFormer(const AnchoredRule& present);
+    void KeepFormer(const AnchoredRule& held);
+
+    static constexpr std::size_t kMostFormer = 8;
 
     std::mutex mutex_;  ///< guards all below
     std::map<Key, Known> rules_;
+    /// Protected directories that were held before, by path; others may move them back.
+    std::map<std::string, std::deque<AnchoredRule::Anchor>> former_roots_;
 };
 
 }  // namespace Engine

@@ -67,6 +67,25 @@ TEST_F(Anchors, DirectoryReplacedByRoot_IsFollowedAndByAnotherUserNot) {
     EXPECT_FALSE(Places());
 }
 
+TEST_F(Anchors, DirectoryMovedAsideAndBack_IsKnownAgain) {
+    GiveAway("www/site");
+    ASSERT_TRUE(SeesThePage(Places()));
+    fs::rename(data_.Path("www/site/public"), data_.Path("www/site/old"));
+    EXPECT_FALSE(SeesThePage(Places()));
+    fs::rename(data_.Path("www/site/old"), data_.Path("www/site/public"));
+    EXPECT_TRUE(SeesThePage(Places())) << Places().problem;
+    // Also when another one has been made meanwhile.
+    fs::rename(data_.Path("www/site/public"), data_.Path("www/site/old"));
+    EXPECT_TRUE(RuleAnchors::Instance().MakeRoot(Places().anchors));
+    fs::rename(data_.Path("www/site/public"), data_.Path("www/site/made"));
+    fs::rename(data_.Path("www/site/old"), data_.Path("www/site/public"));
+    EXPECT_TRUE(SeesThePage(Places())) << Places().problem;
+    fs::rename(data_.Path("www/site/public"), data_.Path("www/site/old"));
+    fs::rename(data_.Path("www/site/made"), data_.Path("www/site/public"));
+    EXPECT_TRUE(Places());
+    EXPECT_FALSE(SeesThePage(Places()));
+}
+
 TEST_F(Anchors, LostDirectory_IsMadeAnewInItsHeldParent) {
     GiveAway("www/site");
     ASSERT_TRUE(Places());
