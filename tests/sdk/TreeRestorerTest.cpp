@@ -104,7 +104,7 @@ class TreeRestore : public testing::Test {
 };
 
 TEST_F(TreeRestore, TreesOfEveryKind_AreAsRsyncLeavesThem) {
-    for (unsigned seed = 0; seed < Seeds(60); ++seed) {
+    for (unsigned seed = 0; seed < Seeds(16); ++seed) {
         const test::TempDir dir;
         test::OddTree tree(seed);
         tree.Fill(dir.Path("copy"), 3);
