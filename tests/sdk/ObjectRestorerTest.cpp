@@ -84,7 +84,7 @@ class Restorer : public testing::Test {
 };
 
 TEST_F(Restorer, EveryKindOfObject_IsAsRsyncLeavesIt) {
-    for (unsigned seed = 0; seed < test::Seeds(60); ++seed) {
+    for (unsigned seed = 0; seed < test::Seeds(24); ++seed) {
         const test::TempDir dir;
         for (const char* name : {"copy", "live", "theirs"}) fs::create_directory(dir.Path(name));
         test::OddTree tree(seed);
