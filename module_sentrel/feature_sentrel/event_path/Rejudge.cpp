@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kMostAtOnce = 128;
 // A page that is changed meanwhile waits for it.
-constexpr std::chrono::milliseconds kSlice{5};
+constexpr std::chrono::milliseconds kSlice{20};
 // What fails now, such as a full disk, mostly fails for every path.
 constexpr std::chrono::seconds kRestAfterFailure{1};
 // Upper bound of the delay between a change and its inotify record.
