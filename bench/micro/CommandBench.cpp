@@ -1,7 +1,7 @@
 // What the command runner adds to a command: a start and end of /bin/true by ExecuteCmd, with and
 // without a shell, beside a bare posix_spawn and a plain fork, in a process of a given size; and
 // the restore of one file of 4 KiB with rsync's sleeps and without. Everything is interleaved.
-#include <sdk/ExecuteCmdUtils.h>
+#include <sdk/commands/ExecuteCmdUtils.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -140,12 +140,12 @@ bool MeasureRestore(const std::string& stage, int rounds) {
         ExecuteCmdUtils::SetProgramEnvironment(path, variables);
         return [=] { return Restore(path, from, to); };
     };
-    const std::string library = "LD_PRELOAD=" + stage + "/lib/librsync_nap.so";
+    const std::string library = "LD_PRELOAD=" + stage + "/lib/librsync_preload.so";
     const std::string home = "HOME=" + stage + "/conf/home";
     std::vector<Way> ways = {
         {"rsync without our options and library", program("bare", {"HOME=/nonexistent"}), {}},
         {"with conf/home", program("aliases", {home}), {}},
-        {"with the library", program("nap", {"HOME=/nonexistent", library}), {}},
+        {"with the library", program("preload", {"HOME=/nonexistent", library}), {}},
         {"with conf/home and the library", program("both", {home, library}), {}},
         {"with conf/home/sha1 and the library", program("all", {home + "/sha1", library}), {}},
     };

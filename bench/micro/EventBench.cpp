@@ -1,14 +1,10 @@
 // What one event costs the protection: from the task's queue through the judgement to the report
 // store, with events made by hand. Everything happens in a temporary directory.
-#include <BackupProgress.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
 #include <framework/Engine.h>
 #include <framework/Module.h>
 #include <module_filenotify/FileNotifyMessage.h>
-#include <sdk/LoggerUtils.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/LoggerUtils.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 
@@ -19,7 +15,11 @@
 #include <thread>
 #include <vector>
 
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "progress/BackupProgress.h"
+#include "status/SentrelStatus.h"
 #include "support/TempDir.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 
@@ -139,7 +139,7 @@ void Measure(const char* what, unsigned count, Work work) {
 }
 
 void MeasureJudging(Bench& bench, unsigned count) {
-    const auto ignored = bench.Message(bench.File("uploads/a/b/picture.png"), IN_MODIFY);
+    const auto ignored = bench.Message(bench.File("uploads/a/b/snapshot.png"), IN_MODIFY);
     Measure("ignored, judged", count, [&] {
         for (unsigned i = 0; i < count; ++i) bench.Judge(*ignored);
     });
@@ -150,7 +150,7 @@ void MeasureJudging(Bench& bench, unsigned count) {
 }
 
 void MeasureQueue(Bench& bench, unsigned count) {
-    const std::string ignored = bench.File("uploads/a/b/picture.png");
+    const std::string ignored = bench.File("uploads/a/b/snapshot.png");
     Measure("ignored, queued", count, [&] {
         for (unsigned i = 0; i < count; ++i) bench.Post(ignored, IN_MODIFY);
         bench.AwaitEmptyQueue();

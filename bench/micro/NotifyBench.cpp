@@ -2,16 +2,16 @@
 // handler, and a burst of overwritten files with a receiver that takes a given time for each. The
 // real framework, task and queue; prints one line for each.
 #include <FileNotifyModule.h>
-#include <InotifyDescriptor.h>
 #include <fcntl.h>
 #include <framework/ConfigManager.h>
 #include <framework/Engine.h>
 #include <framework/Module.h>
 #include <framework/Task.h>
+#include <kernel/InotifyDescriptor.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <module_filenotify/FileNotifyWatchMessage.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 

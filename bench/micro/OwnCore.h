@@ -47,10 +47,10 @@ class OwnCore {
     explicit OwnCore(const std::string& root)
         : core_(
               std::make_unique<Engine::FileNotify::InotifyDescriptor>(),
-              [](const std::string&, Framework::Message*) { return false; }, board_,
+              [](const std::string&, Framework::Message*) { return false; }, status_,
               &Poco::Logger::get("bench"), std::chrono::seconds(3)) {
         Engine::FileNotify::WatchRequest request;
-        request.ticket = std::make_shared<Engine::FileNotify::WatchTicket>("receiver", root);
+        request.subscription = std::make_shared<Engine::FileNotify::Subscription>("receiver", root);
         for (const auto& part : std::filesystem::path(root).relative_path()) {
             request.components.push_back(part.string());
         }
@@ -79,16 +79,16 @@ class OwnCore {
 
     bool IsReady(int directories) {
         core_.PublishStatus();
-        const Json::Value watch = board_.Watches()["watches"][0];
+        const Json::Value watch = status_.Watches()["watches"][0];
         return watch["state"] == "ready" && watch["directories"].asInt() == directories;
     }
 
     Engine::FileNotify::NotifyCore& Core() { return core_; }
-    std::uint64_t Received() { return board_.Count().events_received; }
-    std::uint64_t Overflows() { return board_.Count().overflows; }
+    std::uint64_t Received() { return status_.Count().events_received; }
+    std::uint64_t Overflows() { return status_.Count().overflows; }
 
   private:
-    Engine::FileNotify::StatusBoard board_;
+    Engine::FileNotify::StatusPublisher status_;
     Engine::FileNotify::NotifyCore core_;
     std::vector<Engine::FileNotify::WatchRequest> requests_;
 };

@@ -3,7 +3,7 @@
 // line of medians; --json one object.
 
 #include <fcntl.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>

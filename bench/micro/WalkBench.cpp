@@ -3,7 +3,7 @@
 // medians; --json one object.
 
 #include <malloc.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -11,7 +11,7 @@
 #include "guards/RawWatch.h"
 #include "report/Document.h"
 #include "rows/Row.h"
-#include "sdk/JsonUtils.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace {
 

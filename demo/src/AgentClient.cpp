@@ -1,6 +1,6 @@
 #include "AgentClient.h"
 
-#include "sdk/JsonUtils.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace Demo {
 namespace {

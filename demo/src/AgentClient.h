@@ -5,7 +5,7 @@
 #include <chrono>
 #include <string>
 
-#include "ctl/ControlClient.h"
+#include "ctl/client/ControlClient.h"
 
 namespace Demo {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "sdk/JsonUtils.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace Demo {
 namespace {

@@ -12,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-#include "sdk/FileDescriptor.h"
+#include "sdk/files/FileDescriptor.h"
 
 namespace Demo {
 namespace {

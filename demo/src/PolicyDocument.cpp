@@ -4,8 +4,8 @@
 
 #include <climits>
 
-#include "sdk/FileUtils.h"
-#include "sdk/SystemUtils.h"
+#include "sdk/files/FileUtils.h"
+#include "sdk/host/SystemUtils.h"
 
 namespace Demo {
 namespace {

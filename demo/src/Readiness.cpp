@@ -6,7 +6,7 @@
 #include <functional>
 
 #include "AgentClient.h"
-#include "sdk/JsonUtils.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace Demo {
 namespace {

@@ -11,7 +11,7 @@
 #include "ResultTable.h"
 #include "SiteSurvey.h"
 #include "TreeState.h"
-#include "sdk/JsonUtils.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace Demo {
 namespace {

@@ -8,7 +8,7 @@
 #include <optional>
 #include <system_error>
 
-#include "sdk/FileUtils.h"
+#include "sdk/files/FileUtils.h"
 
 namespace Demo {
 namespace {

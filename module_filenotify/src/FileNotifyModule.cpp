@@ -2,8 +2,8 @@
 
 #include <framework/ConfigManager.h>
 #include <framework/Engine.h>
-#include <sdk/Log.h>
-#include <sdk/LoggerUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/log/LoggerUtils.h>
 
 #include <new>
 #include <string>
@@ -38,9 +38,9 @@ bool FileNotifyModule::Init() {
     task_ = new FileNotifyTask(settings, std::move(descriptor_));
     auto& queries = Framework::Engine::Instance().Queries();
     queries.Register(kWatchesQuery,
-                     [task = task_](const Json::Value&) { return task->Board().Watches(); });
+                     [task = task_](const Json::Value&) { return task->Publisher().Watches(); });
     queries.Register(kStatusQuery,
-                     [task = task_](const Json::Value&) { return task->Board().Status(); });
+                     [task = task_](const Json::Value&) { return task->Publisher().Status(); });
     task_->duplicate();
     return RegisterTask(task_.get(), false);
 }

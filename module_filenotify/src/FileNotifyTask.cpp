@@ -7,8 +7,8 @@
 #include <framework/Engine.h>
 #include <framework/QueryRegistry.h>
 #include <module_filenotify/FileNotifyWatchMessage.h>
-#include <sdk/Log.h>
-#include <sdk/LoggerUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/log/LoggerUtils.h>
 
 #include <algorithm>
 #include <system_error>
@@ -89,8 +89,8 @@ FileNotifyTask::FileNotifyTask(const Settings& settings,
                       kQueueCapacity),
       logger_(ModuleLogger()),
       queue_limit_(settings.queue_limit_file, settings.max_queued_events, logger_),
-      desk_(UnneededBy),
-      core_(std::move(descriptor), Post, board_, logger_, settings.retry_after),
+      requests_(UnneededBy),
+      core_(std::move(descriptor), Post, status_, logger_, settings.retry_after),
       retry_after_(settings.retry_after) {}
 
 FileNotifyTask::~FileNotifyTask() = default;
@@ -101,7 +101,7 @@ bool FileNotifyTask::Init() {
 }
 
 bool FileNotifyTask::UnInit() {
-    desk_.Close();
+    requests_.Close();
     if (std::exchange(listening_, false)) Waiter().RemoveSource(core_.Fd());
     if (core_.WakeFd() >= 0) Waiter().RemoveSource(core_.WakeFd());
     core_.Close();
@@ -111,7 +111,7 @@ bool FileNotifyTask::UnInit() {
 bool FileNotifyTask::EnsureOpen() {
     if (core_.Fd() >= 0) return true;
     const int error = queue_limit_.OpenRaised([this] { return core_.Open(); });
-    board_.SetQueueLimit(queue_limit_.InForce(), queue_limit_.Problem());
+    status_.SetQueueLimit(queue_limit_.InForce(), queue_limit_.Problem());
     if (error == 0 && Waiter().AddSource(core_.Fd(), [this] { core_.Fill(); })) {
         listening_ = true;
         open_failure_logged_ = false;
@@ -146,14 +146,14 @@ int FileNotifyTask::Run() {
     }
     Listen();
     auto idle = core_.IdleTime();
-    if (!listening_) idle = std::min(idle, FileNotify::ReadPace::kLongest);
+    if (!listening_) idle = std::min(idle, FileNotify::ReadBackoff::kLongest);
     if (idle.count() > 0) core_.PublishStatus();
     Waiter().WaitAndHandleEvent(static_cast<int>(idle.count()), kSourcesAtOnce);
     BulkConsumeMsg(kMessagesAtOnce);
     // After reading and before handling: who asked before a change hears of it.
-    const std::uint64_t requests = board_.Requests();
-    core_.Apply(desk_.Take());
-    board_.NoteApplied(requests);
+    const std::uint64_t requests = status_.Requests();
+    core_.Apply(requests_.Take());
+    status_.NoteApplied(requests);
     core_.Work();
     return 0;
 }
@@ -161,8 +161,8 @@ int FileNotifyTask::Run() {
 int FileNotifyTask::InterceptMsg(Framework::Message* msg, std::string& reply) {
     const auto* request = dynamic_cast<const FileNotifyWatchMessage*>(msg);
     if (request == nullptr) return -1;
-    reply = desk_.Submit(*request);
-    board_.NoteRequest();
+    reply = requests_.Submit(*request);
+    status_.NoteRequest();
     if (reply.empty()) {
         SDK_LOG(logger_, PRIO_ERROR, "watch request of %s for \"%s\" refused.",
                 request->GetReceiverId(), request->GetPath());

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "NotifyCore.h"
-#include "QueueLimit.h"
-#include "RequestDesk.h"
+#include "kernel/QueueLimit.h"
+#include "requests/WatchRequestQueue.h"
 
 namespace Engine {
 
@@ -42,7 +42,7 @@ class FileNotifyTask : public Framework::Task {
     int InterceptMsg(Framework::Message* msg, std::string& reply) override;
 
     /// Any thread.
-    const FileNotify::StatusBoard& Board() const { return board_; }
+    const FileNotify::StatusPublisher& Publisher() const { return status_; }
 
   private:
     ~FileNotifyTask() override;  // reference-counted
@@ -51,9 +51,9 @@ class FileNotifyTask : public Framework::Task {
     void Listen();
 
     Poco::Logger* logger_;
-    FileNotify::StatusBoard board_;
+    FileNotify::StatusPublisher status_;
     FileNotify::QueueLimit queue_limit_;
-    FileNotify::RequestDesk desk_;
+    FileNotify::WatchRequestQueue requests_;
     FileNotify::NotifyCore core_;
     const std::chrono::milliseconds retry_after_;
     bool open_failure_logged_ = false;

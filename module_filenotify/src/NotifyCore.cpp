@@ -1,5 +1,6 @@
 // Owns: the parts and the order in which each has its turn. Not: the thread, nor the requests on
-// their way (FileNotifyTask, RequestDesk). Thread: the task's; PublishStatus is how others see it.
+// their way (FileNotifyTask, WatchRequestQueue). Thread: the task's; PublishStatus is how others
+// see it.
 
 #include "NotifyCore.h"
 
@@ -9,7 +10,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "RequestDesk.h"
+#include "requests/WatchRequestQueue.h"
 
 namespace Engine::FileNotify {
 
@@ -36,24 +37,24 @@ constexpr int kRetryPutOff = 10;  // times as long, while a walk goes on
 }  // namespace
 
 NotifyCore::NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::Post post,
-                       StatusBoard& board, Poco::Logger* logger,
+                       StatusPublisher& status, Poco::Logger* logger,
                        std::chrono::milliseconds retry_after)
     : descriptor_(std::move(descriptor)),
-      board_(board),
+      status_(status),
       retry_after_(retry_after),
       delivery_(
           std::move(post),
-          [this](const WatchTicket& ticket, const std::string& path) {
-              return NamesBelow(ticket, path);
+          [this](const Subscription& subscription, const std::string& path) {
+              return NamesBelow(subscription, path);
           },
-          board.Count()),
-      tree_(*descriptor_, logger, board.Count()),
+          status.Count()),
+      tree_(*descriptor_, logger, status.Count()),
       reader_(*descriptor_),
-      router_(tree_.coverage, delivery_),
+      router_(tree_.matcher, delivery_),
       roots_(tree_, router_),
       changes_(tree_, router_, roots_),
       walker_(tree_, *descriptor_, router_, changes_, roots_, [this] { reader_.Fill(); }),
-      translator_(reader_, tree_, router_, changes_, roots_, board.Count(), logger) {}
+      translator_(reader_, tree_, router_, changes_, roots_, status.Count(), logger) {}
 
 NotifyCore::~NotifyCore() = default;
 
@@ -62,8 +63,8 @@ int NotifyCore::Open() {
 }
 
 void NotifyCore::Close() {
-    while (!tree_.coverage.All().empty()) {
-        roots_.Stop(tree_.coverage.All().back()->request.ticket.get());
+    while (!tree_.matcher.All().empty()) {
+        roots_.Stop(tree_.matcher.All().back()->request.subscription.get());
     }
     walker_.End();
     descriptor_->Close();
@@ -77,7 +78,7 @@ void NotifyCore::Apply(const std::vector<WatchRequest>& requests) {
     bool removed = false;
     for (const WatchRequest& request : requests) {
         if (request.remove) {
-            roots_.Stop(request.ticket.get());
+            roots_.Stop(request.subscription.get());
             removed = true;
         } else {
             roots_.Start(request);
@@ -93,9 +94,9 @@ void NotifyCore::Apply(const std::vector<WatchRequest>& requests) {
 void NotifyCore::Fill() {
     const std::size_t records = reader_.Fill();
     const auto now = Clock::now();
-    if (!pace_.IsStorm()) flush_at_ = now + kMergeFor;
-    pace_.Note(records, reader_.HasEmptied(), now);
-    delivery_.SetStorm(pace_.IsStorm());
+    if (!backoff_.IsStorm()) flush_at_ = now + kMergeFor;
+    backoff_.Note(records, reader_.HasEmptied(), now);
+    delivery_.SetStorm(backoff_.IsStorm());
 }
 
 void NotifyCore::Flush() {
@@ -106,7 +107,7 @@ void NotifyCore::Flush() {
 void NotifyCore::Work() {
     translator_.Handle(kRecordsAtOnce);
     translator_.Recover();
-    if (!pace_.IsStorm() || reader_.Empty() || Clock::now() >= flush_at_) Flush();
+    if (!backoff_.IsStorm() || reader_.Empty() || Clock::now() >= flush_at_) Flush();
     if (MayWalk()) {
         if (!walker_.Step(kWalkedAtOnce, MayTell())) walker_.End();
         roots_.Settle();
@@ -127,7 +128,7 @@ void NotifyCore::Work() {
 // What a walk announces waits in memory until the receivers have taken it: with too much of that
 // such walks wait, too.
 bool NotifyCore::MayTell() const {
-    return board_.Count().pending < kMostWaiting;
+    return status_.Count().pending < kMostWaiting;
 }
 
 bool NotifyCore::MayWalk() const {
@@ -156,7 +157,7 @@ void NotifyCore::RetryUnwatched() {
         const int error = hopeless ? ENOSPC : tree_.EnsureWatched(*node);
         if (WatchedTree::IsGone(error)) {
             walker_.DropVanished(*node);
-        } else if (tree_.coverage.IsWalked(*node)) {
+        } else if (tree_.matcher.IsWalked(*node)) {
             tree_.Enqueue(*node, error == 0 ? WalkQueue::kReconcile : WalkQueue::kLook, nullptr);
         } else if (error == 0) {
             step_watched = true;
@@ -176,22 +177,22 @@ void NotifyCore::RetryUnneeded() {
             walker_.DropVanished(*node);
         } else if (error != 0) {
             break;
-        } else if (tree_.coverage.IsWalked(*node)) {
+        } else if (tree_.matcher.IsWalked(*node)) {
             tree_.Enqueue(*node, WalkQueue::kReconcile, nullptr);
         }
     }
     roots_.Settle();
 }
 
-std::optional<std::size_t> NotifyCore::NamesBelow(const WatchTicket& ticket,
+std::optional<std::size_t> NotifyCore::NamesBelow(const Subscription& subscription,
                                                   const std::string& path) {
-    const Watch* watch = tree_.coverage.Find(&ticket);
+    const Watch* watch = tree_.matcher.Find(&subscription);
     if (watch == nullptr || !watch->root_present || !watch->request.report_directories ||
         (watch->request.mask & IN_ATTRIB) == 0) {
         return std::nullopt;
     }
     const DirNode* node = roots_.RootNode(*watch);
-    for (const std::string& name : RequestDesk::Split(path.substr(watch->Id().size()))) {
+    for (const std::string& name : WatchRequestQueue::Split(path.substr(watch->Id().size()))) {
         if (node == nullptr) break;
         node = node->dirs.Find(name);
     }
@@ -207,31 +208,31 @@ std::chrono::milliseconds NotifyCore::IdleTime() const {
         idle = std::clamp(left, std::chrono::milliseconds(0), idle);
     };
     if (const auto due = delivery_.NextDue()) until(*due);
-    if (IsResting()) until(pace_.Until());
+    if (IsResting()) until(backoff_.Until());
     if (RetryPending()) until(RetryDue());
     if (roots_.PruneDue()) until(prune_at_);
     return idle;
 }
 
 void NotifyCore::PublishStatus() {
-    StatusBoard::Picture picture;
-    for (const auto& watch : tree_.coverage.All()) picture.watches.push_back(StatusOf(*watch));
+    StatusPublisher::Snapshot snapshot;
+    for (const auto& watch : tree_.matcher.All()) snapshot.watches.push_back(StatusOf(*watch));
     const SubtreeTotals& totals = tree_.index.Root().totals;
-    picture.watched_directories = tree_.table.Size();
-    picture.indexed_names = std::size_t{totals.directories} + totals.files;
-    picture.unwatched = totals.unwatched;
-    picture.unneeded_unwatched = tree_.reserve.Unwatched();
-    picture.walk_queue = tree_.queue.Size();
-    picture.in_flight = delivery_.InFlight();
-    picture.unwatched_examples = tree_.unwatched.Examples(kExamplesShown);
-    board_.Publish(std::move(picture));
+    snapshot.watched_directories = tree_.table.Size();
+    snapshot.indexed_names = std::size_t{totals.directories} + totals.files;
+    snapshot.unwatched = totals.unwatched;
+    snapshot.unneeded_unwatched = tree_.reserve.Unwatched();
+    snapshot.walk_queue = tree_.queue.Size();
+    snapshot.in_flight = delivery_.InFlight();
+    snapshot.unwatched_examples = tree_.unwatched.Examples(kExamplesShown);
+    status_.Publish(std::move(snapshot));
     next_publish_ = Clock::now() + kPublishEvery;
 }
 
 WatchStatus NotifyCore::StatusOf(const Watch& watch) const {
     WatchStatus status;
     status.id = watch.Id();
-    status.receiver = watch.request.ticket->Receiver();
+    status.receiver = watch.request.subscription->Receiver();
     status.is_tree = watch.was_present ? watch.root_is_directory : watch.request.names_directory;
     const DirNode* root = roots_.RootNode(watch);
     if (watch.root_present && root != nullptr) {
@@ -248,7 +249,7 @@ WatchStatus NotifyCore::StatusOf(const Watch& watch) const {
 
 const char* NotifyCore::StateOf(const Watch& watch, std::uint32_t unwatched) const {
     if (!watch.root_present) return watch.started ? "waiting" : "walking";
-    const auto& all = tree_.coverage.All();
+    const auto& all = tree_.matcher.All();
     // Directories that two watches share are walked once, for either.
     const DirNode* root = roots_.RootNode(watch);
     const bool walking = std::any_of(all.begin(), all.end(), [&](const auto& other) {

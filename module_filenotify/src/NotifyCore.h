@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "Delivery.h"
-#include "EventTranslator.h"
-#include "InotifyDescriptor.h"
-#include "InotifyReader.h"
-#include "ReadPace.h"
-#include "StatusBoard.h"
-#include "TreeWalker.h"
+#include "changes/EventTranslator.h"
+#include "delivery/Delivery.h"
+#include "kernel/InotifyDescriptor.h"
+#include "kernel/InotifyReader.h"
+#include "kernel/ReadBackoff.h"
+#include "status/StatusPublisher.h"
+#include "walk/TreeWalker.h"
 
 namespace Engine::FileNotify {
 
@@ -22,7 +22,8 @@ namespace Engine::FileNotify {
 class NotifyCore {
   public:
     NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::Post post,
-               StatusBoard& board, Poco::Logger* logger, std::chrono::milliseconds retry_after);
+               StatusPublisher& status, Poco::Logger* logger,
+               std::chrono::milliseconds retry_after);
     NotifyCore(const NotifyCore&) = delete;
     NotifyCore& operator=(const NotifyCore&) = delete;
     ~NotifyCore();
@@ -30,7 +31,7 @@ class NotifyCore {
     /// 0, or the errno of what failed; may be tried again.
     int Open();
     /// How many events the kernel keeps for us; 0: not known.
-    void SetQueueLimit(std::uint32_t events) { pace_.SetQueueLimit(events); }
+    void SetQueueLimit(std::uint32_t events) { backoff_.SetQueueLimit(events); }
     void Close();
     int Fd() const { return descriptor_->Fd(); }
 
@@ -44,7 +45,7 @@ class NotifyCore {
     void Fill();
 
     /// The kernel's queue is to be left alone for now; IdleTime says how long.
-    bool IsResting() const { return pace_.IsResting(Clock::now()); }
+    bool IsResting() const { return backoff_.IsResting(Clock::now()); }
 
     /// One bounded portion of everything that is to be done.
     void Work();
@@ -64,17 +65,18 @@ class NotifyCore {
     bool RetryPending() const;
     void RetryUnwatched();
     void RetryUnneeded();
-    std::optional<std::size_t> NamesBelow(const WatchTicket& ticket, const std::string& path);
+    std::optional<std::size_t> NamesBelow(const Subscription& subscription,
+                                          const std::string& path);
     const char* StateOf(const Watch& watch, std::uint32_t unwatched) const;
     WatchStatus StatusOf(const Watch& watch) const;
 
     const std::unique_ptr<InotifyDescriptor> descriptor_;
-    StatusBoard& board_;
+    StatusPublisher& status_;
     const std::chrono::milliseconds retry_after_;
     Delivery delivery_;
     WatchedTree tree_;
     InotifyReader reader_;
-    ReadPace pace_;
+    ReadBackoff backoff_;
     ChangeRouter router_;
     RootTracker roots_;
     TreeChanges changes_;

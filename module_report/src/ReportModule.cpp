@@ -5,13 +5,13 @@
 
 #include <framework/ConfigManager.h>
 #include <framework/Engine.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/PathUtils.h>
 
 #include <chrono>
 #include <string>
 
-#include "ReportLog.h"
-#include "ReportSettings.h"
+#include "store/ReportLog.h"
+#include "store/ReportSettings.h"
 
 namespace Engine {
 namespace {

@@ -6,10 +6,10 @@
 #include <memory>
 #include <vector>
 
-#include "AlarmLog.h"
 #include "ReportQueries.h"
-#include "ReportStore.h"
 #include "ReportTask.h"
+#include "alarm_log/AlarmLog.h"
+#include "store/ReportStore.h"
 
 namespace Engine {
 

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <string>
 
-#include "AlarmLog.h"
-#include "ReportStore.h"
+#include "alarm_log/AlarmLog.h"
+#include "store/ReportStore.h"
 
 namespace Engine {
 namespace {

@@ -5,14 +5,14 @@
 #include "ReportTask.h"
 
 #include <framework/Message.h>
-#include <sdk/Log.h>
+#include <sdk/log/Log.h>
 
 #include <exception>
 #include <memory>
 
-#include "AlarmLog.h"
-#include "ReportLog.h"
-#include "ReportStore.h"
+#include "alarm_log/AlarmLog.h"
+#include "store/ReportLog.h"
+#include "store/ReportStore.h"
 
 namespace Engine {
 namespace {

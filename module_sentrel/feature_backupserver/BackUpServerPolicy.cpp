@@ -1,19 +1,22 @@
 // Reads backup-server policies and writes the daemon's configuration. It must not start the daemon
 // (BackUpServerTask does). Framework thread.
-#include <BackUpServerPolicy.h>
-#include <RsyncKeys.h>
-#include <SentrelUtils.h>
+#include "feature_backupserver/BackUpServerPolicy.h"
+
 #include <framework/ConfigManager.h>
 #include <json/value.h>
-#include <sdk/DirUtils.h>
-#include <sdk/FileUtils.h>
-#include <sdk/IpUtils.h>
-#include <sdk/JsonUtils.h>
-#include <sdk/Log.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/net/IpUtils.h>
+#include <sdk/text/JsonUtils.h>
 
 #include <algorithm>
 #include <vector>
+
+#include "base/ModuleLogger.h"
+#include "rsync/RsyncKeys.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 

@@ -1,13 +1,16 @@
 // Keeps the rsync daemon alive. It must not write the daemon's configuration (BackUpServerPolicy
 // does): without one, every pass tries and fails to start. The daemon is no child of the agent; its
 // pid file is all that is known of it. Task's thread.
-#include <BackUpServerTask.h>
-#include <BackupServerStatus.h>
-#include <SentrelUtils.h>
-#include <TaskSteps.h>
+#include "feature_backupserver/BackUpServerTask.h"
+
 #include <framework/ConfigManager.h>
-#include <sdk/FileUtils.h>
-#include <sdk/Log.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/log/Log.h>
+
+#include "base/ModuleLogger.h"
+#include "feature_backupserver/BackUpServerStatus.h"
+#include "utils/SentrelUtils.h"
+#include "utils/TaskSteps.h"
 
 namespace Engine {
 
@@ -48,7 +51,7 @@ void BackUpServerTask::RestartWhenDead() {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "run rsync daemon failed");
         return;
     }
-    BackupServerStatus::Instance().NoteStart();
+    BackUpServerStatus::Instance().NoteStart();
 }
 
 void BackUpServerTask::RotateLog() {

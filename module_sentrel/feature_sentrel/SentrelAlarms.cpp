@@ -2,23 +2,24 @@
 // nor when an alarm is due (AlarmReporter). A report belongs to the framework once it is sent.
 // Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
-#include <AlarmDocument.h>
-#include <ContentDiff.h>
-#include <PathText.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
-#include <WorkClock.h>
-#include <sdk/DirUtils.h>
-#include <sdk/FileUtils.h>
-#include <sdk/Log.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <array>
 #include <cstdio>
 #include <utility>
+
+#include "base/ModuleLogger.h"
+#include "base/PathText.h"
+#include "base/WorkClock.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "feature_sentrel/alarms/AlarmDocument.h"
+#include "feature_sentrel/alarms/ContentDiff.h"
+#include "status/SentrelStatus.h"
 
 namespace Engine {
 

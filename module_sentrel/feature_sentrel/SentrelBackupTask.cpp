@@ -1,23 +1,26 @@
 // Owns nothing: what is still to be copied are the two pending flags of SentrelUtils, what is
 // copied in this round BackupProgress has. It must not touch the protected paths (the inotify task
 // restores). Task's thread; a waiting policy interrupts the copy that runs.
-#include <BackupPlace.h>
-#include <BackupProgress.h>
-#include <CopyComparison.h>
-#include <OpenReport.h>
-#include <RuleAnchors.h>
-#include <SentrelBackupTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
-#include <TaskSteps.h>
-#include <WatchList.h>
-#include <sdk/Log.h>
+#include "feature_sentrel/SentrelBackupTask.h"
+
+#include <sdk/log/Log.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <utility>
+
+#include "base/ModuleLogger.h"
+#include "feature_sentrel/backup/BackupDirectory.h"
+#include "feature_sentrel/backup/CopyComparison.h"
+#include "feature_sentrel/backup/OpenReport.h"
+#include "places/RuleAnchors.h"
+#include "progress/BackupProgress.h"
+#include "status/SentrelStatus.h"
+#include "status/WatchList.h"
+#include "utils/SentrelUtils.h"
+#include "utils/TaskSteps.h"
 
 namespace Engine {
 
@@ -124,7 +127,7 @@ bool SentrelBackupTask::IsCopied(const SentrelDirRule& rule, unsigned long succe
 
 std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
     const std::string unsafe =
-        BackupPlace::Prepare(rule.backup_path, SentrelUtils::GetInstance()->dir_rules);
+        BackupDirectory::Prepare(rule.backup_path, SentrelUtils::GetInstance()->dir_rules);
     if (!unsafe.empty()) return unsafe;
     // Given with its "/", a link in place of the directory would be followed, and what it leads to
     // taken for the good state.

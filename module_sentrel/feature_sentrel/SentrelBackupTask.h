@@ -1,10 +1,11 @@
 #pragma once
 
-#include <SentrelDirRule.h>
 #include <framework/Task.h>
 
 #include <cstdint>
 #include <string>
+
+#include "base/SentrelDirRule.h"
 
 namespace Engine {
 

@@ -2,21 +2,23 @@
 // is now against its backup copy. It must not undo (Undoer), describe (AlarmReporter) nor keep
 // changes (Rejudge). Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
-#include <BackupProgress.h>
-#include <PathText.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
 #include <module_filenotify/FileNotifyMessage.h>
-#include <sdk/DirUtils.h>
-#include <sdk/Log.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
+
+#include "base/ModuleLogger.h"
+#include "base/PathText.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "progress/BackupProgress.h"
+#include "status/SentrelStatus.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 
@@ -200,7 +202,7 @@ void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mas
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
         return;
     }
-    // Undoing and alarm.
+    // UndoResult and alarm.
     UndoAndReport(rule, file, AlarmTypeOf(mask, deviation), true, arrived, read_time, handling);
 }
 
@@ -210,7 +212,7 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
                                        Handling& handling) {
     Description description = Describe(rule, file);
     NoteOtherNames(rule, file, handling);
-    const Undoing undoing = AutoRestoreFile(rule, restore, remove, file);
+    const UndoResult undoing = AutoRestoreFile(rule, restore, remove, file);
     handling.Add(undoing.outcome);
     Alarm alarm;
     alarm.file = file;
@@ -218,10 +220,10 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
     alarm.diff_attr = std::move(description.diff_attr);
     alarm.note = {OutcomeText(undoing.outcome), MillisecondsSince(read_time), true};
     const Framework::ReportNote note = alarm.note;
-    alarms_.Raise(std::move(alarm), std::move(description.evidence), rule.backup_path + file);
+    alarms_.Raise(std::move(alarm), std::move(description.pinned), rule.backup_path + file);
     if (undoing.lost_directory.empty()) return;
     // Its own event will find it put right.
-    alarms_.Raise({undoing.lost_directory, ALARM_DELETE, "", "", note}, Evidence(), "");
+    alarms_.Raise({undoing.lost_directory, ALARM_DELETE, "", "", note}, PinnedFile(), "");
 }
 
 /// Before the change is undone: the page comes first, but what stood there must be told.
@@ -232,12 +234,12 @@ SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRul
     const RulePlaces places = RuleAnchors::Instance().Held(rule);
     if (!places) return {};
     Description description;
-    description.evidence = Evidence(*places.anchors, file);
+    description.pinned = PinnedFile(*places.anchors, file);
     if (utils->diff_attr) {
         description.diff_attr =
-            HandleFileAttrDiff(rule.backup_path + file, description.evidence.Path());
+            HandleFileAttrDiff(rule.backup_path + file, description.pinned.Path());
     }
-    if (!utils->diff_content) description.evidence = Evidence();
+    if (!utils->diff_content) description.pinned = PinnedFile();
     return description;
 }
 
@@ -313,8 +315,8 @@ void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::s
     handling.other_names = ObjectId(info.st_dev, info.st_ino);
 }
 
-Undoing SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
-                                            const std::string& path) {
+UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore,
+                                               bool remove, const std::string& path) {
     if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return {};
     if (!restore && !remove) return {};
     // What could not be backed up can be told neither good nor foreign.
@@ -323,7 +325,7 @@ Undoing SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool res
     if (AwaitsBackup(rule) && !(restore && IsRestoredAlone(rule, path))) {
         return {Outcome::kDeferred};
     }
-    Undoing undoing;
+    UndoResult undoing;
     if (restore) {
         undoing = undoer_.Restore(rule, path);
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "auto restore %s ", path);

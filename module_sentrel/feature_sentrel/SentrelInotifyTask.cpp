@@ -2,24 +2,27 @@
 // change. It must not read inotify (the file-notify module does) nor judge changes
 // (SentrelEvents.cpp). Task's own thread; watch requests go to the file-notify task, which frees
 // them.
-#include <BackupProgress.h>
-#include <RsyncLauncher.h>
-#include <RuleAnchors.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
-#include <TaskSteps.h>
-#include <WorkClock.h>
+#include "feature_sentrel/SentrelInotifyTask.h"
+
 #include <module_filenotify/FileNotifyMessage.h>
 #include <module_filenotify/FileNotifyOpt.h>
 #include <module_filenotify/FileNotifyWatchMessage.h>
-#include <sdk/Log.h>
+#include <sdk/log/Log.h>
 #include <sys/inotify.h>
 
 #include <ctime>
 #include <new>
 #include <utility>
 #include <vector>
+
+#include "base/ModuleLogger.h"
+#include "base/WorkClock.h"
+#include "places/RuleAnchors.h"
+#include "progress/BackupProgress.h"
+#include "rsync/RsyncLauncher.h"
+#include "status/SentrelStatus.h"
+#include "utils/SentrelUtils.h"
+#include "utils/TaskSteps.h"
 
 namespace Engine {
 
@@ -93,7 +96,7 @@ int SentrelInotifyTask::Run() {
     CheckDisableTime();
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
     CheckPlaces();
-    HandleBacklog(FailedEvents::Clock::now());
+    HandleBacklog(RetryQueue::Clock::now());
     if (Waiter().WaitAndHandleEvent(kWaitMs, kMaxEventSources) == -1) {
         BulkConsumeMsg(kMaxMessagesPerCycle);
     }

@@ -1,12 +1,5 @@
 #pragma once
 
-#include <AlarmReporter.h>
-#include <BackupComparer.h>
-#include <FileChange.h>
-#include <Rejudge.h>
-#include <SentrelCacheMsg.h>
-#include <SentrelDirRule.h>
-#include <Undoer.h>
 #include <framework/Message.h>
 #include <framework/Task.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
@@ -15,6 +8,14 @@
 #include <list>
 #include <map>
 #include <string>
+
+#include "base/SentrelDirRule.h"
+#include "feature_sentrel/alarms/AlarmReporter.h"
+#include "feature_sentrel/alarms/SentrelCacheMsg.h"
+#include "feature_sentrel/event_path/BackupComparer.h"
+#include "feature_sentrel/event_path/FileChange.h"
+#include "feature_sentrel/event_path/Undoer.h"
+#include "feature_sentrel/rejudge/Rejudge.h"
 
 namespace Engine {
 
@@ -30,7 +31,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
   public:
     /// `backlog`: so many changes at most are kept of those that have to wait, and of those that
     /// could not be undone.
-    explicit SentrelInotifyTask(std::size_t backlog = DeferredEvents::kCapacity);
+    explicit SentrelInotifyTask(std::size_t backlog = PendingEvents::kCapacity);
 
     // The task (SentrelInotifyTask.cpp).
 
@@ -63,8 +64,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     /// Restores, or else removes, as asked; nothing when the policy says so, or for what could not
     /// be backed up. Until the rule's first local backup is complete only a file or link that has a
     /// copy is put back.
-    Undoing AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
-                            const std::string& path);
+    UndoResult AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
+                               const std::string& path);
 
     /// False when the backup copy is there but cannot be read.
     bool GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule, bool& exists,
@@ -93,7 +94,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
   private:
     /// What an alarm is made of before its change is undone.
     struct Description {
-        Evidence evidence = {};
+        PinnedFile pinned = {};
         std::string diff_attr = {};
     };
 

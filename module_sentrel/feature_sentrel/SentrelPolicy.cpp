@@ -1,18 +1,21 @@
 // Reads protection policies. It owns nothing: the settings are SentrelUtils', and what a policy
 // does to the tasks is the module's. Framework thread.
-#include <BackupProgress.h>
-#include <RsyncKeys.h>
-#include <SentrelPolicy.h>
-#include <SentrelUtils.h>
-#include <WorkSchedule.h>
-#include <sdk/JsonUtils.h>
-#include <sdk/Log.h>
-#include <sdk/PathUtils.h>
-#include <sdk/StrUtils.h>
+#include "feature_sentrel/SentrelPolicy.h"
+
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/text/JsonUtils.h>
+#include <sdk/text/StrUtils.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <memory>
+
+#include "base/ModuleLogger.h"
+#include "feature_sentrel/schedule/WorkSchedule.h"
+#include "progress/BackupProgress.h"
+#include "rsync/RsyncKeys.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 

@@ -2,14 +2,16 @@
 // in memory nor logged. Framework thread.
 #define SDK_LOG_FILE "SentrelModule.cpp"
 
-#include <SentrelModule.h>
-#include <SentrelUtils.h>
 #include <json/value.h>
-#include <sdk/FileUtils.h>
-#include <sdk/JsonUtils.h>
-#include <sdk/Log.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/text/JsonUtils.h>
 #include <unistd.h>
+
+#include "SentrelModule.h"
+#include "base/ModuleLogger.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 

@@ -1,24 +1,27 @@
 // Owns the three task objects, from Init to UnInit. It must not decide about policies
 // (SentrelPolicyRefresh.cpp) nor run tasks: registering hands one reference to the framework, which
 // gives it back when it has joined the task's thread. Framework thread.
-#include <BackUpServerTask.h>
-#include <BackupServerStatus.h>
-#include <PolicyTakeover.h>
-#include <ScheduleStatus.h>
-#include <SentrelBackupTask.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelModule.h>
-#include <SentrelPolicyCheck.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
-#include <TrustedPlaces.h>
-#include <WatchList.h>
-#include <WorkClock.h>
+#include "SentrelModule.h"
+
 #include <framework/Callbacks.h>
 #include <framework/Engine.h>
-#include <sdk/Log.h>
+#include <sdk/log/Log.h>
 
 #include <new>
+
+#include "base/ModuleLogger.h"
+#include "base/WorkClock.h"
+#include "feature_backupserver/BackUpServerStatus.h"
+#include "feature_backupserver/BackUpServerTask.h"
+#include "feature_sentrel/SentrelBackupTask.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "feature_sentrel/policy_check/PolicyCompletion.h"
+#include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
+#include "feature_sentrel/schedule/ScheduleStatus.h"
+#include "places/TrustedPlaces.h"
+#include "status/SentrelStatus.h"
+#include "status/WatchList.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 
@@ -28,7 +31,7 @@ constexpr const char* kStatusQuery = "status.sentrel";
 constexpr const char* kExclusionsQuery = "exclusions.sentrel_inotify_task";
 constexpr const char* kProtectionCheckQuery = "policy.check.sentrel_feature";
 constexpr const char* kBackupServerCheckQuery = "policy.check.backupserver_feature";
-constexpr const char* kTakeoverQuery = "policy.complete.sentrel_feature";
+constexpr const char* kCompletionQuery = "policy.complete.sentrel_feature";
 
 template <typename TaskClass>
 TaskClass* CreateTask(const std::string& what) {
@@ -52,7 +55,7 @@ void DeleteTask(TaskClass*& task, const std::string& what) {
 Json::Value AnswerStatus() {
     Json::Value answer = SentrelStatus::Instance().ToJson(AskForWatches());
     answer["schedule"] = ScheduleStatus::Instance().ToJson(WorkClock::Now());
-    answer["backup_server"] = BackupServerStatus::Instance().ToJson();
+    answer["backup_server"] = BackUpServerStatus::Instance().ToJson();
     answer["unsafe_places"] = TrustedPlaces::Instance().ToJson();
     return answer;
 }
@@ -72,7 +75,7 @@ bool SentrelModule::Init() {
     SentrelUtils::GetInstance()->DropForeignPidFile();
     SentrelStatus::Instance().Reset();
     ScheduleStatus::Instance().Reset();
-    BackupServerStatus::Instance().Reset();
+    BackUpServerStatus::Instance().Reset();
     TrustedPlaces::Instance().Judge({});
     RegisterCallbacks();
     CreateTasks();
@@ -114,13 +117,13 @@ void SentrelModule::RegisterQueries() {
         return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckBackupServer,
                                           SentrelPolicyCheck::CheckBackupServerPlaces);
     });
-    queries.Register(kTakeoverQuery, AnswerTakeover);
+    queries.Register(kCompletionQuery, AnswerCompletion);
 }
 
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     for (const char* query : {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery,
-                              kBackupServerCheckQuery, kTakeoverQuery}) {
+                              kBackupServerCheckQuery, kCompletionQuery}) {
         queries.Unregister(query);
     }
 }
@@ -145,7 +148,7 @@ void SentrelModule::UnInit() {
     DeleteTask(m_pBackUpServerTask, "backup server");
     SentrelUtils::GetInstance()->Init();
     SentrelStatus::Instance().SetProtectionOff();
-    BackupServerStatus::Instance().SetOff();
+    BackUpServerStatus::Instance().SetOff();
     TrustedPlaces::Instance().Reset();
     Framework::Module::UnInit();
 }

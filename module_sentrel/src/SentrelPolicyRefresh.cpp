@@ -4,26 +4,28 @@
 // the module's gate held alone but while the rsync daemon ends.
 #define SDK_LOG_FILE "SentrelModule.cpp"
 
-#include <BackUpServerPolicy.h>
-#include <BackUpServerTask.h>
-#include <BackupServerStatus.h>
-#include <ScheduleStatus.h>
-#include <SentrelBackupTask.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelModule.h>
-#include <SentrelPolicy.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
-#include <TrustedPlaces.h>
 #include <framework/OutsideGate.h>
 #include <json/value.h>
-#include <sdk/JsonUtils.h>
-#include <sdk/Log.h>
+#include <sdk/log/Log.h>
+#include <sdk/text/JsonUtils.h>
 
 #include <filesystem>
 #include <list>
 #include <new>
 #include <string>
+
+#include "SentrelModule.h"
+#include "base/ModuleLogger.h"
+#include "feature_backupserver/BackUpServerPolicy.h"
+#include "feature_backupserver/BackUpServerStatus.h"
+#include "feature_backupserver/BackUpServerTask.h"
+#include "feature_sentrel/SentrelBackupTask.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "feature_sentrel/SentrelPolicy.h"
+#include "feature_sentrel/schedule/ScheduleStatus.h"
+#include "places/TrustedPlaces.h"
+#include "status/SentrelStatus.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 
@@ -157,7 +159,7 @@ int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureNa
     }
     UnRegisterBackupServerTask(*this);
     const SentrelUtils* utils = SentrelUtils::GetInstance();
-    BackupServerStatus::Instance().SetOn(utils->backupserver_ip, utils->backupserver_port,
+    BackUpServerStatus::Instance().SetOn(utils->backupserver_ip, utils->backupserver_port,
                                          utils->backupserver_path);
     LimitStalls(*m_pBackUpServerTask);
     m_pBackUpServerTask->duplicate();
@@ -194,7 +196,7 @@ void SentrelModule::RefreshFeaturePolicyInotifyFailed(Framework::Policy* policy)
 
 void SentrelModule::RefreshFeaturePolicyBackUpServer(Framework::Policy* policy) {
     UnRegisterBackupServerTask(*this);
-    BackupServerStatus::Instance().SetOff();
+    BackUpServerStatus::Instance().SetOff();
     delete policy;
 }
 

@@ -2,9 +2,9 @@
 #include <framework/Message.h>
 #include <framework/Task.h>
 #include <module_utils/ModuleUtils.h>
-#include <sdk/Log.h>
-#include <sdk/LoggerUtils.h>
-#include <sdk/StrUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/log/LoggerUtils.h>
+#include <sdk/text/StrUtils.h>
 
 #include <new>
 

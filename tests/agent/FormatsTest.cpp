@@ -1,8 +1,8 @@
-#include <ctl/AlarmFormat.h>
-#include <ctl/StatusFormat.h>
-#include <ctl/Terminal.h>
+#include <ctl/output/AlarmFormat.h>
+#include <ctl/output/StatusFormat.h>
+#include <ctl/output/Terminal.h>
 #include <gtest/gtest.h>
-#include <sdk/JsonUtils.h>
+#include <sdk/text/JsonUtils.h>
 
 #include <cstdlib>
 #include <ctime>

@@ -1,5 +1,5 @@
-#include <ctl/ExitCodes.h>
-#include <ctl/ReportFollower.h>
+#include <ctl/client/ExitCodes.h>
+#include <ctl/commands/ReportFollower.h>
 
 #include <atomic>
 #include <future>

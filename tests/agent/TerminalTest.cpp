@@ -1,5 +1,5 @@
-#include <ctl/Input.h>
-#include <ctl/Terminal.h>
+#include <ctl/client/Input.h>
+#include <ctl/output/Terminal.h>
 #include <gtest/gtest.h>
 
 #include <utility>

@@ -1,7 +1,7 @@
 #include "StormRun.h"
 
-#include <sdk/FileUtils.h>
-#include <sdk/JsonUtils.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/text/JsonUtils.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "Attacker.h"
+#include "TreeMutator.h"
 #include "support/WaitFor.h"
 
 namespace test {
@@ -41,7 +41,7 @@ void MakeSlow(Json::Value& policy, const TempDir& scratch) {
         // The library is for rsync, and the shell does not hand it on.
         scratch.Write("slow",
                       "#!/bin/sh\nsleep 0.1\n"
-                      "LD_PRELOAD=${0%/*}/../lib/librsync_nap.so exec /usr/bin/rsync \"$@\"\n");
+                      "LD_PRELOAD=${0%/*}/../lib/librsync_preload.so exec /usr/bin/rsync \"$@\"\n");
     std::string sha256;
     SDK::FileUtils::GetFileSha256(script, sha256, 1L << 20);
     SetRsync(policy, "file://" + script, sha256);
@@ -60,7 +60,7 @@ StormRun::StormRun(AgentProcess& agent, std::uint64_t seed, Mode mode, int steps
       seed_(seed),
       mode_(mode),
       steps_(steps),
-      ground_(seed),
+      site_(seed),
       feed_(agent.Path("run/agent.sock")) {}
 
 void StormRun::Prepare(const AgentProcess& agent) {
@@ -74,20 +74,20 @@ void StormRun::Prepare(const AgentProcess& agent) {
 
 bool StormRun::Run() {
     if (!Protect()) return false;
-    Rage();
+    MutateAll();
     const auto end = Clock::now();
     if (mode_ != Mode::kMonitor) AwaitAgreement();
     AwaitAlarms();
     settled_after_ = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - end);
-    const std::string change = judge_->ChangeBeside();
+    const std::string change = oracle_->ChangeBeside();
     if (!change.empty()) Fault("changed: " + Shown(change));
-    if (judge_->LeftOut() * kMaxLeftOutShare > judge_->Objects()) Fault("too much is left out");
+    if (oracle_->LeftOut() * kMaxLeftOutShare > oracle_->Objects()) Fault("too much is left out");
     return faults_.empty();
 }
 
 bool StormRun::Protect() {
     Json::Value policy = ProtectionPolicy(
-        {{ground_.Site(), ground_.Backup(), true, {std::string(Ground::kExcluded)}}});
+        {{site_.Site(), site_.Backup(), true, {std::string(TestSite::kExcluded)}}});
     policy["content"]["monitor_only"] = mode_ == Mode::kMonitor;
     if (mode_ == Mode::kSlow) MakeSlow(policy, scratch_);
     std::string error;
@@ -96,13 +96,13 @@ bool StormRun::Protect() {
         Fault("the site could not be protected: " + error);
         return false;
     }
-    judge_.emplace(ground_);
-    const Differences early = judge_->FindInSite();
+    oracle_.emplace(site_);
+    const Differences early = oracle_->FindInSite();
     if (!early.empty()) Fault("differs before the storm: " + Shown(early.begin()->first));
     return early.empty();
 }
 
-void StormRun::Rage() {
+void StormRun::MutateAll() {
     Random random(seed_);
     const int bursts = 1 + static_cast<int>(random() % 4);
     const bool stalled = mode_ == Mode::kOverflow;
@@ -110,28 +110,28 @@ void StormRun::Rage() {
     if (stalled) {
         agent_.Signal(SIGSTOP);
         ::waitpid(agent_.Pid(), nullptr, WUNTRACED);
-        Attacker(ground_, seed_).Flood();
+        TreeMutator(site_, seed_).Flood();
     }
     for (int burst = 0; burst < bursts; ++burst) {
         Burst(random(), 1 + static_cast<int>(random() % 4), steps_ / bursts);
-        if (!stalled && Once(random, 2)) Lull();
+        if (!stalled && Once(random, 2)) WaitForQuiet();
     }
-    const Differences at_end = judge_->FindInSite();
+    const Differences at_end = oracle_->FindInSite();
     if (stalled) {
         // What came and went meanwhile nobody can know.
         differed_ = at_end;
         agent_.Signal(SIGCONT);
-        if (!Lull() || Counter("overflows") == overflows) Fault("nothing has overflowed");
+        if (!WaitForQuiet() || Counter("overflows") == overflows) Fault("nothing has overflowed");
     }
 }
 
-void StormRun::Burst(std::uint64_t seed, int attackers, int steps) {
+void StormRun::Burst(std::uint64_t seed, int mutators, int steps) {
     std::vector<pid_t> running;
-    for (int attacker = 0; attacker < attackers; ++attacker) {
+    for (int mutator = 0; mutator < mutators; ++mutator) {
         const pid_t child = ::fork();
         if (child == 0) {
-            Attacker at_work(ground_, seed + static_cast<std::uint64_t>(attacker));
-            for (int step = 0; step < steps / attackers; ++step) at_work.Act();
+            TreeMutator at_work(site_, seed + static_cast<std::uint64_t>(mutator));
+            for (int step = 0; step < steps / mutators; ++step) at_work.Act();
             ::_exit(0);
         }
         if (child > 0) running.push_back(child);
@@ -143,7 +143,7 @@ void StormRun::Burst(std::uint64_t seed, int attackers, int steps) {
 }
 
 void StormRun::Sample() {
-    Differences now = judge_->FindInSite();
+    Differences now = oracle_->FindInSite();
     for (const auto& [path, words] : now) {
         const auto before = last_sample_.find(path);
         if (before != last_sample_.end() && before->second == words) differed_.insert(*before);
@@ -152,8 +152,8 @@ void StormRun::Sample() {
 }
 
 /// Waits until the agent has caught up; false when it has not in time.
-bool StormRun::Lull() {
-    const std::string cookie = ground_.Site() + "/cookie" + std::to_string(cookies_++);
+bool StormRun::WaitForQuiet() {
+    const std::string cookie = site_.Site() + "/cookie" + std::to_string(cookies_++);
     std::ofstream(cookie) << "x";
     const auto answered = [&] {
         return FetchAlarms() && alarms_.count(cookie) > 0 &&
@@ -179,19 +179,19 @@ void StormRun::AwaitAgreement() {
                                      [&] {
                                          const std::uint64_t before = restores;
                                          restores = Counter("restores_done");
-                                         return before == restores || !Lull();
+                                         return before == restores || !WaitForQuiet();
                                      },
                                      Scaled(kDeadline));
-    if (rests) left = judge_->FindInSite();
+    if (rests) left = oracle_->FindInSite();
     if (agrees && !rests) Fault("goes on restoring");
     for (const auto& [path, words] : left) Fault("differs: " + Shown(path) + ": " + Shown(words));
 }
 
 void StormRun::AwaitAlarms() {
-    if (mode_ == Mode::kMonitor && Lull()) differed_.merge(judge_->FindInSite());
+    if (mode_ == Mode::kMonitor && WaitForQuiet()) differed_.merge(oracle_->FindInSite());
     std::vector<std::string> missing;
     const auto told = [&] {
-        missing = judge_->WithoutAlarm(differed_, alarms_);
+        missing = oracle_->WithoutAlarm(differed_, alarms_);
         return missing.empty() || !FetchAlarms();
     };
     WaitFor(told, Scaled(kAlarmDeadline));
@@ -220,8 +220,8 @@ std::string StormRun::Report(std::size_t faults) const {
     std::ostringstream text;
     text << "seed " << seed_ << " " << kModeNames[static_cast<int>(mode_)] << ": "
          << (faults_.empty() ? "ok" : "FAILED") << ", " << differed_.size() << " differed, "
-         << alarms_.size() << " alarms, left out " << (judge_ ? judge_->LeftOut() : 0) << " of "
-         << (judge_ ? judge_->Objects() : 0) << ", settled after " << settled_after_.count()
+         << alarms_.size() << " alarms, left out " << (oracle_ ? oracle_->LeftOut() : 0) << " of "
+         << (oracle_ ? oracle_->Objects() : 0) << ", settled after " << settled_after_.count()
          << " ms";
     for (std::size_t at = 0; at < faults_.size() && at < faults; ++at) {
         text << "\n    " << faults_[at];

@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "Ground.h"
-#include "Judge.h"
+#include "Oracle.h"
+#include "TestSite.h"
 #include "support/AgentProcess.h"
 
 namespace test {
 
 /// One storm over a site of its own, and the judgement of what the agent made of it. One thread;
-/// the attackers are processes of their own.
+/// the mutators are processes of their own.
 class StormRun {
   public:
     enum class Mode {
@@ -42,10 +42,10 @@ class StormRun {
 
   private:
     bool Protect();
-    void Rage();
-    void Burst(std::uint64_t seed, int attackers, int steps);
+    void MutateAll();
+    void Burst(std::uint64_t seed, int mutators, int steps);
     void Sample();
-    bool Lull();
+    bool WaitForQuiet();
     void AwaitAgreement();
     void AwaitAlarms();
     bool FetchAlarms();
@@ -56,8 +56,8 @@ class StormRun {
     const std::uint64_t seed_;
     const Mode mode_;
     const int steps_;
-    Ground ground_;
-    std::optional<Judge> judge_;  ///< from the time at which there is a backup copy
+    TestSite site_;
+    std::optional<Oracle> oracle_;  ///< from the time at which there is a backup copy
     TempDir scratch_;
     Demo::AlarmFeed feed_;
     std::set<std::string> alarms_;

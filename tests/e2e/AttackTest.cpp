@@ -5,8 +5,8 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
-#include <sdk/DirUtils.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/FileDescriptor.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>

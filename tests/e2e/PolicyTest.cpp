@@ -1,5 +1,5 @@
-#include <sdk/FileUtils.h>
-#include <sdk/JsonUtils.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/text/JsonUtils.h>
 #include <unistd.h>
 
 #include "support/ProtectedSite.h"

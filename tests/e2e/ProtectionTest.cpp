@@ -1,6 +1,6 @@
 #include <arpa/inet.h>
-#include <sdk/FileDescriptor.h>
-#include <sdk/ProcessUtils.h>
+#include <sdk/commands/ProcessUtils.h>
+#include <sdk/files/FileDescriptor.h>
 #include <sys/socket.h>
 
 #include <cstdlib>
@@ -27,7 +27,7 @@ int FreePort() {
 
 TEST_F(Protection, TamperingIsUndone_AndTold) {
     Protect();
-    EXPECT_TRUE(agent_.Status()["rsync"]["nap"]["in_use"].asBool()) << agent_.Status();
+    EXPECT_TRUE(agent_.Status()["rsync"]["preload"]["in_use"].asBool()) << agent_.Status();
     EXPECT_TRUE(TamperingIsUndone("index.html"));
     std::filesystem::remove(site_.Path("about.html"));
     EXPECT_TRUE(Await([&] { return std::filesystem::exists(site_.Path("about.html")); }));

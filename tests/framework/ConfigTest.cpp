@@ -1,6 +1,6 @@
 #include <framework/ConfigManager.h>
 #include <gtest/gtest.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/PathUtils.h>
 #include <sys/stat.h>
 
 #include <utility>

@@ -7,7 +7,7 @@
 #include <framework/Policy.h>
 #include <framework/Task.h>
 #include <gtest/gtest.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/PathUtils.h>
 
 #include <atomic>
 #include <functional>

@@ -1,6 +1,6 @@
 #include <framework/ModuleGate.h>
 #include <framework/OutsideGate.h>
-#include <sdk/ExecuteCmdUtils.h>
+#include <sdk/commands/ExecuteCmdUtils.h>
 
 #include <memory>
 #include <vector>

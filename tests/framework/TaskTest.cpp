@@ -1,4 +1,4 @@
-#include <sdk/ExecuteCmdUtils.h>
+#include <sdk/commands/ExecuteCmdUtils.h>
 
 #include <algorithm>
 #include <mutex>

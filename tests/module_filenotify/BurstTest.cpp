@@ -1,4 +1,4 @@
-#include <Delivery.h>
+#include <delivery/Delivery.h>
 #include <gtest/gtest.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <poll.h>
@@ -18,11 +18,11 @@ namespace test {
 
 using namespace std::chrono_literals;
 using Engine::FileNotify::Counters;
+using Engine::FileNotify::DeletionDebounce;
 using Engine::FileNotify::Delivery;
-using Engine::FileNotify::LossHold;
-using Engine::FileNotify::RepeatHold;
+using Engine::FileNotify::ModificationDebounce;
 using Engine::FileNotify::SendWindow;
-using Engine::FileNotify::WatchTicket;
+using Engine::FileNotify::Subscription;
 using Names = std::vector<std::string>;
 
 constexpr std::uint32_t kDir = IN_ISDIR;
@@ -31,13 +31,14 @@ constexpr std::uint32_t kDir = IN_ISDIR;
 class Burst : public ::testing::Test {
   protected:
     void Add(std::uint32_t mask, const std::string& path) {
-        delivery->Add({ticket, "/w" + path, {}, mask, now});
+        delivery->Add({subscription, "/w" + path, {}, mask, now});
     }
     void AddMany(std::uint32_t mask, const std::string& prefix, int count) {
         for (int i = 0; i < count; ++i) Add(mask, prefix + std::to_string(i));
     }
 
-    /// What is posted at this time by a receiver that keeps up; "-" marks a loss, "/" a directory.
+    /// What is posted at this time by a receiver that keeps up; "-" marks a deletion, "/" a
+    /// directory.
     Names Posted() {
         Names posted;
         do {
@@ -67,13 +68,13 @@ class Burst : public ::testing::Test {
     std::map<std::string, std::size_t> names;  ///< known below each directory
     Counters counters;
     Delivery::Clock::time_point now{1h};
-    std::shared_ptr<WatchTicket> ticket = std::make_shared<WatchTicket>("one", "/w");
+    std::shared_ptr<Subscription> subscription = std::make_shared<Subscription>("one", "/w");
     std::unique_ptr<Delivery> delivery = std::make_unique<Delivery>(
         [this](const std::string&, Framework::Message* message) {
             queue.emplace_back(static_cast<Engine::FileNotifyMessage*>(message));
             return true;
         },
-        [this](const WatchTicket&, const std::string& path) -> std::optional<std::size_t> {
+        [this](const Subscription&, const std::string& path) -> std::optional<std::size_t> {
             const auto found = names.find(path);
             if (found == names.end()) return std::nullopt;
             return found->second;
@@ -84,7 +85,7 @@ class Burst : public ::testing::Test {
 TEST_F(Burst, LoneChanges_AreNotHeldBack) {
     Add(IN_DELETE, "/a");
     EXPECT_EQ(Posted(), Names{"-/a"});
-    now += LossHold::kStormGap;
+    now += DeletionDebounce::kStormGap;
     Add(IN_MOVED_FROM, "/b");
     Add(IN_MOVED_TO, "/c");
     Add(IN_ATTRIB | kDir, "/d");
@@ -99,11 +100,11 @@ TEST_F(Burst, Deletions_WaitForAQuietSpellAndTheRestDoesNot) {
     Add(IN_DELETE, "/b");
     Add(IN_MODIFY, "/page");
     EXPECT_EQ(Posted(), Names{"/page"});
-    now += LossHold::kShortestQuiet - 1us;
+    now += DeletionDebounce::kShortestQuiet - 1us;
     Add(IN_DELETE, "/c");
     EXPECT_EQ(Posted(), Names());
     ASSERT_TRUE(delivery->NextDue());
-    EXPECT_EQ(*delivery->NextDue(), now + 2 * LossHold::kUsualCost);
+    EXPECT_EQ(*delivery->NextDue(), now + 2 * DeletionDebounce::kUsualCost);
     now = *delivery->NextDue();
     EXPECT_EQ(Posted(), (Names{"-/b", "-/c"}));
     EXPECT_EQ(counters.deletions_settled, 2U);
@@ -116,20 +117,20 @@ TEST_F(Burst, Deletions_WaitNoLongerThanUndoingThemTakes) {
     handling = 10us;  // as for what a restored directory has brought back already
     Add(IN_DELETE, "/b");
     EXPECT_EQ(Posted(), Names());
-    EXPECT_EQ(delivery->NextDue(), now + LossHold::kShortestQuiet);
+    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kShortestQuiet);
     AddMany(IN_DELETE, "/c", 49);
     EXPECT_EQ(delivery->NextDue(), now + 50 * 200us);
     AddMany(IN_DELETE, "/d", 1000);
-    EXPECT_EQ(delivery->NextDue(), now + LossHold::kLongestQuiet);
-    now += LossHold::kLongestQuiet;
+    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kLongestQuiet);
+    now += DeletionDebounce::kLongestQuiet;
     EXPECT_EQ(Posted().size(), 1050U);
     Add(IN_DELETE, "/e");
     Add(IN_DELETE, "/f");
     EXPECT_EQ(Posted(), Names());
-    EXPECT_EQ(delivery->NextDue(), now + LossHold::kShortestQuiet);
+    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kShortestQuiet);
 }
 
-TEST_F(Burst, LossOfWhatWaits_SpeaksForWhatCameBefore) {
+TEST_F(Burst, DeletionOfWhatWaits_SpeaksForWhatCameBefore) {
     Add(IN_ATTRIB | kDir, "/d");
     Add(IN_MODIFY, "/f");
     Add(IN_ATTRIB, "/f");
@@ -140,7 +141,7 @@ TEST_F(Burst, LossOfWhatWaits_SpeaksForWhatCameBefore) {
     Add(IN_CREATE, "/f");
     Add(IN_ATTRIB, "/f");
     EXPECT_EQ(Posted(), (Names{"/g", "/f", "/f"}));
-    now += LossHold::kLongestQuiet;
+    now += DeletionDebounce::kLongestQuiet;
     EXPECT_EQ(Posted(), (Names{"-/d/", "-/d/0", "-/d/1", "-/f"}));
     EXPECT_EQ(counters.events_merged, 3U);
     EXPECT_EQ(counters.pending, 0U);
@@ -159,7 +160,7 @@ TEST_F(Burst, RestoreTemporary_IsToldOnlyWhenItStays) {
     Add(IN_CREATE, temporary);
     Add(IN_CREATE, temporary + "0");
     EXPECT_EQ(Posted(), Names{temporary + "0"});
-    now += RepeatHold::kQuiet;
+    now += ModificationDebounce::kQuiet;
     EXPECT_EQ(Posted(), Names{temporary});
     Add(IN_MOVED_FROM, temporary);
     EXPECT_EQ(Posted(), Names{"-" + temporary});
@@ -167,7 +168,7 @@ TEST_F(Burst, RestoreTemporary_IsToldOnlyWhenItStays) {
 
 TEST_F(Burst, StormWithoutPause_DeletionsAreLetGoAtTheBound) {
     const auto begin = now;
-    for (int i = 0; now < begin + LossHold::kLongest; ++i, now += 2ms) {
+    for (int i = 0; now < begin + DeletionDebounce::kLongest; ++i, now += 2ms) {
         Add(IN_DELETE, "/" + std::to_string(i));
         Add(IN_DELETE, "/x" + std::to_string(i));
         EXPECT_EQ(Posted(), Names());
@@ -184,18 +185,18 @@ TEST_F(Burst, SameFilesChangedAllTheTime_OnlyInAStormTheyWaitBoundedAndTheFirstC
     Add(IN_MODIFY, "/page");
     EXPECT_EQ(Posted(), Names{"/page"});
     const auto begin = now;
-    for (; now < begin + RepeatHold::kLongest; now += 1ms) {
+    for (; now < begin + ModificationDebounce::kLongest; now += 1ms) {
         Add(IN_MODIFY, "/page");
         EXPECT_EQ(Posted(), Names());
         Add(IN_MODIFY, "/new" + std::to_string((now - begin) / 1ms));
         EXPECT_EQ(Posted().size(), 1U);
     }
-    now += RepeatHold::kQuiet;
+    now += ModificationDebounce::kQuiet;
     EXPECT_EQ(Posted(), Names{"/page"});
     Add(IN_MODIFY, "/page");
     delivery->SetStorm(false);
     EXPECT_EQ(Posted(), Names());
-    ASSERT_EQ(delivery->NextDue(), now + RepeatHold::kQuiet);
+    ASSERT_EQ(delivery->NextDue(), now + ModificationDebounce::kQuiet);
     now = *delivery->NextDue();
     EXPECT_EQ(Posted(), Names{"/page"});
     EXPECT_FALSE(delivery->NextDue());
@@ -211,7 +212,7 @@ TEST_F(Burst, DirectoryDeleted_GoesAheadOfAllBelowIt) {
     Add(IN_DELETE | kDir, "/top");
     Add(IN_MODIFY, "/other");
     EXPECT_EQ(Posted(), Names{"/other"});  // what is modified below waits with its directory
-    now += LossHold::kLongestQuiet;
+    now += DeletionDebounce::kLongestQuiet;
     const Names posted = Posted();
     ASSERT_EQ(posted.size(), 8U);
     EXPECT_EQ(posted.front(), "-/top/");
@@ -229,13 +230,13 @@ TEST_F(Burst, DirectoryComesBackDuringTheStorm_IsNotHeldBack) {
     Add(IN_CREATE | kDir, "/d");
     Add(IN_CREATE, "/d/new");
     EXPECT_EQ(Posted(), (Names{"/d/", "/d/f", "/d/new"}));
-    now += LossHold::kLongestQuiet;
+    now += DeletionDebounce::kLongestQuiet;
     EXPECT_EQ(Posted(), (Names{"-/d/0", "-/d/1", "-/d/"}));
 }
 
 TEST_F(Burst, ChangeOfADirectory_GoesAfterContentsAndBeforeDeletions) {
     AddMany(IN_DELETE, "/d/", 2);
-    now += LossHold::kLongestQuiet;
+    now += DeletionDebounce::kLongestQuiet;
     Add(IN_ATTRIB | kDir, "/d");
     Add(IN_MODIFY, "/d/f");
     EXPECT_EQ(Posted(), (Names{"/d/f", "/d/", "-/d/0", "-/d/1"}));
@@ -246,7 +247,7 @@ TEST_F(Burst, ContentsWithoutEnd_OthersTakeTurnsAfterTheirTime) {
     Add(IN_ATTRIB | kDir, "/d");
     AddMany(IN_DELETE, "/lost", 2);
     AddMany(IN_MODIFY, "/more", 2);
-    now += LossHold::kLongest;
+    now += DeletionDebounce::kLongest;
     delivery->Flush();  // all the receiver takes for now
     Names order;
     for (int step = 0; !queue.empty(); ++step) {
@@ -268,9 +269,9 @@ class Repair : public Burst {
   protected:
     /// Lets the deletions go and has the first of them dealt with; what is posted after these.
     Names PostedAfterTheFirst(std::chrono::nanoseconds cost) {
-        now += LossHold::kLongestQuiet;
+        now += DeletionDebounce::kLongestQuiet;
         delivery->Flush();
-        EXPECT_EQ(queue.size(), SendWindow::kMostLosses);
+        EXPECT_EQ(queue.size(), SendWindow::kMostDeletions);
         handling = cost;
         Handle(queue.size());
         handling = 0ns;
@@ -281,7 +282,7 @@ class Repair : public Burst {
 TEST_F(Repair, ManyLostAndPuttingBackIsSlow_DirectoryIsAnnouncedAhead) {
     names["/w/d"] = 10;
     AddMany(IN_DELETE, "/d/", 24);
-    const Names posted = PostedAfterTheFirst(SendWindow::kSlowLoss);
+    const Names posted = PostedAfterTheFirst(SendWindow::kSlowDeletion);
     EXPECT_EQ(posted.size(), 17U);
     EXPECT_EQ(posted.front(), "/d/");
     EXPECT_EQ(counters.directories_announced, 1U);
@@ -291,13 +292,13 @@ TEST_F(Repair, ManyLostAndPuttingBackIsSlow_DirectoryIsAnnouncedAhead) {
 TEST_F(Repair, FewLostOrMuchThereOrNothingPutBack_EachGoesByItself) {
     names = {{"/w/d", 10}, {"/w/huge", 100000}, {"/w/foreign", 10}};
     AddMany(IN_DELETE, "/d/", 23);
-    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowLoss).front(), "-/d/8");
+    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowDeletion).front(), "-/d/8");
     AddMany(IN_DELETE, "/huge/", 24);
-    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowLoss).front(), "-/huge/8");
+    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowDeletion).front(), "-/huge/8");
     AddMany(IN_DELETE, "/foreign/", 24);
     EXPECT_EQ(PostedAfterTheFirst(30us).front(), "-/foreign/8");
     AddMany(IN_DELETE, "/gone/", 24);
-    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowLoss).front(), "-/gone/8");
+    EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowDeletion).front(), "-/gone/8");
 }
 
 TEST_F(Repair, LostInManyDirectories_TheCheapestSetIsAnnounced) {
@@ -346,7 +347,7 @@ TEST_F(Burst, MessagesOutliveTheDelivery_AndWatchesThatEndReleaseWhatWaits) {
     AddMany(IN_MODIFY, "/f", 1000);
     AddMany(IN_DELETE, "/g", 10);
     delivery->Flush();
-    ticket->Revoke();
+    subscription->Revoke();
     delivery->DropRevoked();
     EXPECT_TRUE(delivery->Empty());
     EXPECT_FALSE(delivery->NextDue());
@@ -387,11 +388,11 @@ TEST_F(Burst, AtRandom_EveryChangeIsDelivered) {
         if (random() % 4 == 0) delivery->Flush();
         handle(random() % 3);
     }
-    now += LossHold::kLongest;
+    now += DeletionDebounce::kLongest;
     for (int round = 0; round < 1000 && !delivery->Empty(); ++round) {
         delivery->Flush();
         handle(queue.size());
-        now += LossHold::kLongestQuiet;
+        now += DeletionDebounce::kLongestQuiet;
     }
     handle(queue.size());
     EXPECT_TRUE(delivery->Empty());

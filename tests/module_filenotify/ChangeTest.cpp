@@ -1,5 +1,5 @@
 #include <fcntl.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <unistd.h>
 
 #include <algorithm>

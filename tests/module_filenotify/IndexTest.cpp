@@ -1,6 +1,6 @@
-#include <KindMemory.h>
-#include <NameIndex.h>
+#include <changes/RecentFileTypes.h>
 #include <gtest/gtest.h>
+#include <index/NameIndex.h>
 #include <malloc.h>
 
 #include <set>
@@ -10,9 +10,9 @@
 namespace test {
 
 using Engine::FileNotify::DirNode;
-using Engine::FileNotify::KindMemory;
 using Engine::FileNotify::NameIndex;
 using Engine::FileNotify::NameSet;
+using Engine::FileNotify::RecentFileTypes;
 using Kind = NameIndex::Kind;
 
 TEST(NameSet, ManyNamesComeAndGo_AgreesWithAPlainSet) {
@@ -108,15 +108,15 @@ TEST(NameIndex, TenFilesInEachDirectory_TakesFewBytes) {
     }
 }
 
-TEST(KindMemory, OtherKindAtTheSamePath_IsNoticedOnce) {
-    KindMemory memory;
+TEST(RecentFileTypes, OtherKindAtTheSamePath_IsNoticedOnce) {
+    RecentFileTypes memory;
     memory.Remember("/a", true);
     memory.Remember("/b", false);
     EXPECT_FALSE(memory.TakeChanged("/b", false));
     EXPECT_TRUE(memory.TakeChanged("/a", false));
     EXPECT_FALSE(memory.TakeChanged("/a", false));
     memory.Remember("/old", true);
-    for (std::size_t i = 0; i < KindMemory::kCapacity; ++i) {
+    for (std::size_t i = 0; i < RecentFileTypes::kCapacity; ++i) {
         memory.Remember("/n" + std::to_string(i), true);
     }
     EXPECT_FALSE(memory.TakeChanged("/old", false));

@@ -1,4 +1,4 @@
-#include <QueueLimit.h>
+#include <kernel/QueueLimit.h>
 
 #include <thread>
 #include <unordered_set>

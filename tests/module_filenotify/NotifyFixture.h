@@ -1,12 +1,12 @@
 #pragma once
 
 #include <FileNotifyModule.h>
-#include <InotifyDescriptor.h>
 #include <Poco/AutoPtr.h>
 #include <framework/ConfigManager.h>
 #include <framework/Engine.h>
 #include <gtest/gtest.h>
-#include <sdk/PathUtils.h>
+#include <kernel/InotifyDescriptor.h>
+#include <sdk/files/PathUtils.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 

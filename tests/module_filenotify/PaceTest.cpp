@@ -1,11 +1,11 @@
-#include <ReadPace.h>
 #include <gtest/gtest.h>
+#include <kernel/ReadBackoff.h>
 
 #include "NotifyFixture.h"
 
 namespace test {
 
-using Engine::FileNotify::ReadPace;
+using Engine::FileNotify::ReadBackoff;
 
 constexpr std::uint32_t kAmple = 1048576;
 
@@ -17,15 +17,15 @@ class Pace : public ::testing::Test {
         return pace.IsResting(now) ? pace.Until() - now : 0ns;
     }
 
-    ReadPace pace;
-    ReadPace::Time now{1h};
+    ReadBackoff pace;
+    ReadBackoff::Time now{1h};
 };
 
 TEST_F(Pace, LoneEventsAndTheBeginningOfABurst_AreFollowedByNoRest) {
     pace.SetQueueLimit(kAmple);
     for (int i = 0; i < 1000; ++i, now += 20us) EXPECT_EQ(Rest(1), 0ns);
-    now += ReadPace::kWindow;
-    EXPECT_EQ(Rest(ReadPace::kStorm - 1), 0ns);
+    now += ReadBackoff::kWindow;
+    EXPECT_EQ(Rest(ReadBackoff::kStorm - 1), 0ns);
     EXPECT_GT(Rest(1), 0ns);
 }
 
@@ -46,9 +46,9 @@ TEST_F(Pace, Storm_RestsGetLongerUpToTheBoundAndEndWithIt) {
 TEST_F(Pace, QueueThatCouldOverflow_IsNeverLeftAlone) {
     for (const std::uint32_t limit : {0U, 1U, 512U, 8192U, 16384U, 65536U, kAmple, ~0U}) {
         pace.SetQueueLimit(limit);
-        for (int i = 0; i < 4; ++i, now += ReadPace::kLongest) {
+        for (int i = 0; i < 4; ++i, now += ReadBackoff::kLongest) {
             const auto rest = Rest(100000);
-            EXPECT_LE(rest / 1us * ReadPace::kFastest / 1000, limit / ReadPace::kPartOfQueue);
+            EXPECT_LE(rest / 1us * ReadBackoff::kFastest / 1000, limit / ReadBackoff::kPartOfQueue);
             EXPECT_EQ(rest > 0ns, limit >= 16384) << limit;
         }
     }

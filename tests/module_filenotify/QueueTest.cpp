@@ -1,9 +1,9 @@
-#include <Delivery.h>
-#include <WalkQueue.h>
-#include <Watch.h>
+#include <delivery/Delivery.h>
 #include <gtest/gtest.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <sys/inotify.h>
+#include <tree/WalkQueue.h>
+#include <tree/Watch.h>
 
 #include <memory>
 #include <string>
@@ -12,18 +12,18 @@
 namespace test {
 
 using Engine::FileNotify::Counters;
+using Engine::FileNotify::DeletionDebounce;
 using Engine::FileNotify::Delivery;
 using Engine::FileNotify::DirNode;
-using Engine::FileNotify::LossHold;
 using Engine::FileNotify::PendingChange;
+using Engine::FileNotify::Subscription;
 using Engine::FileNotify::WalkQueue;
-using Engine::FileNotify::WatchTicket;
 
 class DeliveryTest : public ::testing::Test {
   protected:
-    static PendingChange Change(const std::shared_ptr<WatchTicket>& ticket, const std::string& path,
-                                std::uint32_t mask) {
-        return {ticket, path, {}, mask, {}};
+    static PendingChange Change(const std::shared_ptr<Subscription>& subscription,
+                                const std::string& path, std::uint32_t mask) {
+        return {subscription, path, {}, mask, {}};
     }
 
     bool Post(const std::string& receiver, Framework::Message* message) {
@@ -41,11 +41,11 @@ class DeliveryTest : public ::testing::Test {
     Delivery delivery{[this](const std::string& receiver, Framework::Message* message) {
                           return Post(receiver, message);
                       },
-                      [](const WatchTicket&, const std::string&) { return std::nullopt; }, counters,
-                      [this] { return now; }};
+                      [](const Subscription&, const std::string&) { return std::nullopt; },
+                      counters, [this] { return now; }};
     Delivery::Clock::time_point now{std::chrono::hours(1)};
-    std::shared_ptr<WatchTicket> one = std::make_shared<WatchTicket>("one", "/w");
-    std::shared_ptr<WatchTicket> two = std::make_shared<WatchTicket>("two", "/w");
+    std::shared_ptr<Subscription> one = std::make_shared<Subscription>("one", "/w");
+    std::shared_ptr<Subscription> two = std::make_shared<Subscription>("two", "/w");
 };
 
 TEST_F(DeliveryTest, NoRoom_KeepsOrderAndOneEntryPerPathAndMask) {
@@ -60,7 +60,7 @@ TEST_F(DeliveryTest, NoRoom_KeepsOrderAndOneEntryPerPathAndMask) {
     room = 2;
     delivery.Flush();
     EXPECT_EQ(posted, (std::vector<std::string>{"one/a", "one/b"}));
-    now += LossHold::kLongestQuiet;
+    now += DeletionDebounce::kLongestQuiet;
     delivery.Add(Change(one, "/a", IN_MODIFY));  // delivered before: news again
     room = 5;
     delivery.Flush();
@@ -71,7 +71,7 @@ TEST_F(DeliveryTest, NoRoom_KeepsOrderAndOneEntryPerPathAndMask) {
 }
 
 TEST_F(DeliveryTest, TicketRevoked_ItsChangesAreDroppedAndOthersAreNot) {
-    const auto again = std::make_shared<WatchTicket>("one", "/w");
+    const auto again = std::make_shared<Subscription>("one", "/w");
     delivery.Add(Change(one, "/a", IN_MODIFY));
     delivery.Add(Change(again, "/a", IN_MODIFY));
     delivery.Add(Change(two, "/a", IN_MODIFY));

@@ -1,7 +1,7 @@
-#include <InotifyDescriptor.h>
-#include <InotifyReader.h>
-#include <InotifyRecord.h>
 #include <gtest/gtest.h>
+#include <kernel/InotifyDescriptor.h>
+#include <kernel/InotifyReader.h>
+#include <kernel/InotifyRecord.h>
 #include <sys/inotify.h>
 
 #include <cerrno>

@@ -21,7 +21,7 @@ TEST_F(Roots, DeletedAndMadeAgain_IsToldAndWatchedAgain) {
     EXPECT_TRUE(Reaches(Root(), "ready"));
 }
 
-TEST_F(Roots, ParentsDeletedAndMadeAgain_LossIsToldAgainWhenItCanBeMended) {
+TEST_F(Roots, ParentsDeletedAndMadeAgain_DeletionIsToldAgainWhenItCanBeMended) {
     const std::string root = site_.Path("a/b/c");
     fs::create_directories(root);
     Watch(root + "/");

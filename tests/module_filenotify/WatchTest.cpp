@@ -1,4 +1,4 @@
-#include <RequestDesk.h>
+#include <requests/WatchRequestQueue.h>
 
 #include "NotifyFixture.h"
 
@@ -11,7 +11,7 @@ TEST_F(Watches, BadRequests_AreRefused) {
     EXPECT_EQ(receiver_->Ask("relative/path", kMasks, Tree()), "");
     EXPECT_EQ(receiver_->Ask(Root(), {}, Tree()), "");
     EXPECT_EQ(receiver_->Ask(Root() + "//", kMasks, Tree()), Root());
-    EXPECT_EQ(Engine::FileNotify::RequestDesk::Split("/a//./b/../c/"),
+    EXPECT_EQ(Engine::FileNotify::WatchRequestQueue::Split("/a//./b/../c/"),
               (std::vector<std::string>{"a", "c"}));
 }
 

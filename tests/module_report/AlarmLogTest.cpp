@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
-#include <sdk/JsonUtils.h>
+#include <sdk/text/JsonUtils.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
-#include "AlarmLine.h"
-#include "AlarmLog.h"
+#include "alarm_log/AlarmLine.h"
+#include "alarm_log/AlarmLog.h"
 #include "support/FileSizeLimit.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"

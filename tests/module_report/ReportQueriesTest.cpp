@@ -1,8 +1,8 @@
-#include <sdk/JsonUtils.h>
+#include <sdk/text/JsonUtils.h>
 
-#include "AlarmLog.h"
 #include "ReportQueries.h"
 #include "StoreFixture.h"
+#include "alarm_log/AlarmLog.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <set>
 #include <thread>
 
-#include "AlarmLog.h"
 #include "ReportTask.h"
 #include "StoreFixture.h"
+#include "alarm_log/AlarmLog.h"
 
 namespace {
 

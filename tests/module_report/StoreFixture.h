@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "ReportStore.h"
+#include "store/ReportStore.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

@@ -1,12 +1,12 @@
-#include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
-#include <WorkClock.h>
 #include <json/value.h>
 
 #include <ctime>
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "base/WorkClock.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "status/SentrelStatus.h"
 
 namespace {
 

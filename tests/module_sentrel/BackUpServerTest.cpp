@@ -1,11 +1,6 @@
-#include <BackUpServerPolicy.h>
-#include <BackUpServerTask.h>
-#include <BackupServerStatus.h>
 #include <Poco/Net/ServerSocket.h>
-#include <SentrelModule.h>
-#include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
-#include <sdk/ProcessUtils.h>
+#include <sdk/commands/ProcessUtils.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -16,7 +11,12 @@
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "SentrelModule.h"
+#include "feature_backupserver/BackUpServerPolicy.h"
+#include "feature_backupserver/BackUpServerStatus.h"
+#include "feature_backupserver/BackUpServerTask.h"
 #include "support/WaitFor.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 
@@ -175,7 +175,7 @@ TEST_F(BackUpServer, DaemonOfOurs_IsKeptAtTheStart) {
 TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
     install_.UseRealRsync();
     ASSERT_TRUE(Parse(Document()));
-    auto& status = Engine::BackupServerStatus::Instance();
+    auto& status = Engine::BackUpServerStatus::Instance();
     status.SetOn("127.0.0.1", port_, utils_->backupserver_path);
     EXPECT_EQ(test::Text(status.ToJson()["pid"]) + test::Text(status.ToJson()["last_start"]),
               "nullnull");

@@ -1,8 +1,3 @@
-#include <BackupProgress.h>
-#include <SentrelBackupTask.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 #include <sys/stat.h>
 
@@ -13,7 +8,12 @@
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "feature_sentrel/SentrelBackupTask.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "progress/BackupProgress.h"
+#include "status/SentrelStatus.h"
 #include "support/WaitFor.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

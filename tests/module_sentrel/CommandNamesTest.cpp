@@ -1,4 +1,3 @@
-#include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 #include <sys/stat.h>
 
@@ -7,6 +6,7 @@
 #include <vector>
 
 #include "Installation.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

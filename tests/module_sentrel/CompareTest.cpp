@@ -1,10 +1,10 @@
-#include <SentrelInotifyTask.h>
-#include <SentrelUtils.h>
 #include <sys/inotify.h>
 
 #include <filesystem>
 
 #include "Installation.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
-#include <SentrelModule.h>
-
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "SentrelModule.h"
 
 namespace {
 

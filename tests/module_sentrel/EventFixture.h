@@ -1,10 +1,5 @@
 #pragma once
 
-#include <BackupProgress.h>
-#include <RuleAnchors.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
 #include <gtest/gtest.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <sys/inotify.h>
@@ -18,16 +13,21 @@
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "places/RuleAnchors.h"
+#include "progress/BackupProgress.h"
+#include "status/SentrelStatus.h"
 #include "support/WaitFor.h"
+#include "utils/SentrelUtils.h"
 
 namespace test {
 
 namespace fs = std::filesystem;
 
 /// Runs on the thread of the task that it is sent to.
-class Errand : public Framework::Message {
+class TaskAction : public Framework::Message {
   public:
-    explicit Errand(std::function<void()> action) : action_(std::move(action)) {}
+    explicit TaskAction(std::function<void()> action) : action_(std::move(action)) {}
     void Deliver(Framework::Task&) override { action_(); }
 
   private:
@@ -92,7 +92,7 @@ class Event : public ::testing::Test {
     void TellAtOnce(const std::function<void()>& attack) {
         task_.duplicate();
         running_.fakes->RegisterTask(&task_, false);
-        EXPECT_TRUE(Framework::Task::SendAgileMsg(&task_, new Errand(attack)));
+        EXPECT_TRUE(Framework::Task::SendAgileMsg(&task_, new TaskAction(attack)));
     }
     void Post(const std::string& name, std::uint32_t mask) {
         const auto now = std::chrono::steady_clock::now();

@@ -1,4 +1,3 @@
-#include <SentrelUtils.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -7,6 +6,7 @@
 
 #include "Installation.h"
 #include "support/WaitFor.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

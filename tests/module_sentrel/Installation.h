@@ -1,12 +1,10 @@
 #pragma once
 
-#include <RsyncKeys.h>
-#include <SentrelUtils.h>
 #include <gtest/gtest.h>
-#include <sdk/ExecuteCmdUtils.h>
-#include <sdk/FileUtils.h>
-#include <sdk/JsonUtils.h>
-#include <sdk/PathUtils.h>
+#include <sdk/commands/ExecuteCmdUtils.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/text/JsonUtils.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -14,7 +12,9 @@
 #include <string>
 
 #include "ModuleLog.h"
+#include "rsync/RsyncKeys.h"
 #include "support/TempDir.h"
+#include "utils/SentrelUtils.h"
 
 namespace test {
 

@@ -1,10 +1,10 @@
-#include <SentrelModule.h>
-#include <SentrelUtils.h>
 #include <sys/inotify.h>
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "SentrelModule.h"
 #include "support/WaitFor.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

@@ -1,8 +1,3 @@
-#include <BackupPlace.h>
-#include <BackupProgress.h>
-#include <SentrelBackupTask.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,8 +11,13 @@
 
 #include "FakeTasks.h"
 #include "Installation.h"
+#include "feature_sentrel/SentrelBackupTask.h"
+#include "feature_sentrel/backup/BackupDirectory.h"
+#include "progress/BackupProgress.h"
+#include "status/SentrelStatus.h"
 #include "support/FileSizeLimit.h"
 #include "support/WaitFor.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 
@@ -83,7 +83,7 @@ class OpenBackup : public ::testing::Test {
         install_.UseRealRsync();
         SDK::ExecuteCmdUtils::SetProgramEnvironment(
             install_.dir.Path("bin/rsync"),
-            {"LD_PRELOAD=" SENTREL_MODULE_DIR "/../lib/librsync_nap.so"});
+            {"LD_PRELOAD=" SENTREL_MODULE_DIR "/../lib/librsync_preload.so"});
         rule_ = Rule("site");
         for (const char* name : {"index.html", "sub/page.html", "zz/last.html"}) {
             data_.Write(std::string("site/") + name, std::string("good ") + name);
@@ -369,7 +369,7 @@ TEST_F(OpenBackup, BackupPathThatOthersUse_IsRefusedAndLeftAsItIs) {
         struct stat before {};
         struct stat after {};
         EXPECT_EQ(::stat(path.c_str(), &before), 0) << path;
-        const std::string why = Engine::BackupPlace::Prepare(path, utils_->dir_rules);
+        const std::string why = Engine::BackupDirectory::Prepare(path, utils_->dir_rules);
         EXPECT_EQ(::stat(path.c_str(), &after), 0);
         EXPECT_EQ(before.st_mode, after.st_mode) << path;
         return why;

@@ -1,9 +1,9 @@
-#include <BackupProgress.h>
-#include <OpenObjects.h>
 #include <gtest/gtest.h>
 
 #include <set>
 
+#include "progress/BackupProgress.h"
+#include "progress/OpenObjects.h"
 #include "support/TempDir.h"
 
 namespace {

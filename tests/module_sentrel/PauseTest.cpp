@@ -1,5 +1,4 @@
 // A pause of protection by the schedule, as a site's update goes through it.
-#include <WorkClock.h>
 #include <framework/Task.h>
 #include <sys/stat.h>
 
@@ -8,6 +7,7 @@
 #include <fstream>
 
 #include "Protection.h"
+#include "base/WorkClock.h"
 
 namespace {
 

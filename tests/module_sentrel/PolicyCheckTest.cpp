@@ -1,7 +1,3 @@
-#include <PolicyTakeover.h>
-#include <ScheduleStatus.h>
-#include <SentrelPolicy.h>
-#include <SentrelPolicyCheck.h>
 #include <json/reader.h>
 
 #include <filesystem>
@@ -10,6 +6,10 @@
 #include <utility>
 
 #include "Installation.h"
+#include "feature_sentrel/SentrelPolicy.h"
+#include "feature_sentrel/policy_check/PolicyCompletion.h"
+#include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
+#include "feature_sentrel/schedule/ScheduleStatus.h"
 
 namespace {
 

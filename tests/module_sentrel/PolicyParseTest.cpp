@@ -1,10 +1,9 @@
-#include <SentrelPolicy.h>
-#include <SentrelUtils.h>
-
 #include <filesystem>
 #include <stdexcept>
 
 #include "Installation.h"
+#include "feature_sentrel/SentrelPolicy.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

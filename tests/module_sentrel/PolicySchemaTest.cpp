@@ -1,12 +1,12 @@
 // Holds the JSON Schemas and the operators' pages in docs/ against the check of policies.
 #include <Poco/RegularExpression.h>
 #include <Poco/String.h>
-#include <PolicyKeys.h>
-#include <SentrelPolicyCheck.h>
 
 #include <set>
 
 #include "Installation.h"
+#include "feature_sentrel/policy_check/PolicyKeys.h"
+#include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
 
 namespace {
 

@@ -1,7 +1,3 @@
-#include <RsyncEnvironment.h>
-#include <RsyncVersion.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 
 #include <filesystem>
@@ -9,6 +5,10 @@
 #include <vector>
 
 #include "Installation.h"
+#include "rsync/RsyncEnvironment.h"
+#include "rsync/RsyncVersion.h"
+#include "status/SentrelStatus.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 
@@ -97,29 +97,30 @@ TEST_F(Provision, OldRsync_IsUsedWithOneWarningAndAMarkInTheStatus) {
     EXPECT_TRUE(Engine::FollowsPlantedLinks("3.4.99") && !Engine::FollowsPlantedLinks("3.5.0"));
 }
 
-TEST_F(Provision, NapLibrary_IsUsedWhereItCanBeLoadedAndNotSwitchedOff) {
+TEST_F(Provision, PreloadLibrary_IsUsedWhereItCanBeLoadedAndNotSwitchedOff) {
     const auto why_not = [this] {
         Offer("#!/bin/sh\necho 'rsync  version 3.5.0  protocol version 32'\n");
         EXPECT_TRUE(utils_->DownloadRsync());
-        const Json::Value nap = SentrelStatus::Instance().ToJson(Json::Value())["rsync"]["nap"];
-        EXPECT_EQ(nap["in_use"].asBool(), nap["reason"].asString().empty());
+        const Json::Value preload =
+            SentrelStatus::Instance().ToJson(Json::Value())["rsync"]["preload"];
+        EXPECT_EQ(preload["in_use"].asBool(), preload["reason"].asString().empty());
         std::string output;
         EXPECT_EQ(SDK::ExecuteCmdUtils::ExecuteCmd(rsync_, output, 4096), 0);
         EXPECT_EQ(output, "rsync  version 3.5.0  protocol version 32\n");
-        return nap["reason"].asString();
+        return preload["reason"].asString();
     };
-    const std::string library = install_.dir.Path("lib/librsync_nap.so");
+    const std::string library = install_.dir.Path("lib/librsync_preload.so");
     EXPECT_EQ(why_not(), library + " cannot be read");
-    install_.dir.Write("lib/librsync_nap.so", "no library");
+    install_.dir.Write("lib/librsync_preload.so", "no library");
     EXPECT_EQ(why_not(), library + " cannot be loaded into rsync");
     EXPECT_EQ(install_.log.Texts(Message::PRIO_NOTICE).size(), 2U);
     std::filesystem::remove(library);
-    std::filesystem::create_symlink(SENTREL_MODULE_DIR "/../lib/librsync_nap.so", library);
+    std::filesystem::create_symlink(SENTREL_MODULE_DIR "/../lib/librsync_preload.so", library);
     EXPECT_EQ(why_not(), "");
     Framework::ConfigManager& config = Framework::ConfigManager::GetInstance();
     std::string error;
-    ASSERT_TRUE(config.Load(install_.dir.Write("a.json", R"({"sentrel": {"rsync_nap": false}})"),
-                            true, error));
+    ASSERT_TRUE(config.Load(
+        install_.dir.Write("a.json", R"({"sentrel": {"rsync_preload": false}})"), true, error));
     EXPECT_EQ(why_not(), "switched off in conf/agent.json");
     EXPECT_EQ(install_.log.Texts(Message::PRIO_NOTICE).size(), 2U);
 }

@@ -1,4 +1,4 @@
-#include <sdk/CommandInterrupter.h>
+#include <sdk/time/CommandInterrupter.h>
 
 #include "EventFixture.h"
 #include "support/FileSizeLimit.h"
@@ -143,10 +143,10 @@ TEST_F(Event, UndoingThatFailsOrIsInterrupted_IsTriedAgainLater) {
     EXPECT_EQ(Counter("retries_given_up"), 0);
 }
 
-TEST(FailedEvents, Keep_GivesUpAtLast) {
-    Engine::FailedEvents failed(1);
-    Engine::FailedEvents::Clock::time_point now{};
-    using Kept = Engine::FailedEvents::Kept;
+TEST(RetryQueue, Keep_GivesUpAtLast) {
+    Engine::RetryQueue failed(1);
+    Engine::RetryQueue::Clock::time_point now{};
+    using Kept = Engine::RetryQueue::Kept;
     EXPECT_EQ(failed.Keep({"/w", "/w/a", IN_MODIFY, {}, 1}, now), Kept::kYes);
     EXPECT_EQ(failed.Keep({"/w", "/w/b", IN_MODIFY, {}, 1}, now), Kept::kNoRoom);
     int tries = 0;
@@ -174,8 +174,8 @@ TEST(FileChange, MergedMask_TellsTheChangeThatCounts) {
     EXPECT_EQ(merged(IN_DELETE, IN_ATTRIB), static_cast<std::uint32_t>(IN_DELETE));
 }
 
-TEST(DeferredEvents, Keep_BoundsAndTellsHowAPathStandsNow) {
-    Engine::DeferredEvents deferred(9);
+TEST(PendingEvents, Keep_BoundsAndTellsHowAPathStandsNow) {
+    Engine::PendingEvents deferred(9);
     const auto keep = [&](const std::string& path, std::uint32_t mask) {
         return deferred.Keep({path == "/other" ? "/w2" : "/w", path, mask, {}});
     };

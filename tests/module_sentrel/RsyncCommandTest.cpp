@@ -1,9 +1,9 @@
-#include <SentrelUtils.h>
 #include <framework/ConfigManager.h>
 
 #include <cerrno>
 
 #include "Installation.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
-#include <RsyncLine.h>
 #include <gtest/gtest.h>
+
+#include "rsync/RsyncLine.h"
 
 namespace {
 

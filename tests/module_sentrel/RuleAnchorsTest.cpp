@@ -1,10 +1,10 @@
-#include <RuleAnchors.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
+#include "places/RuleAnchors.h"
 #include "support/TempDir.h"
 
 namespace {

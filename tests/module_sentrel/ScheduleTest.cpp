@@ -1,8 +1,9 @@
-#include <ScheduleStatus.h>
 #include <gtest/gtest.h>
-#include <sdk/JsonUtils.h>
+#include <sdk/text/JsonUtils.h>
 
 #include <cstdlib>
+
+#include "feature_sentrel/schedule/ScheduleStatus.h"
 
 namespace {
 

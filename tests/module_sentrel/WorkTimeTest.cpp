@@ -1,11 +1,10 @@
-#include <BackupProgress.h>
-#include <SentrelInotifyTask.h>
-#include <SentrelUtils.h>
-#include <WorkClock.h>
-
 #include <cstdlib>
 
 #include "Installation.h"
+#include "base/WorkClock.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "progress/BackupProgress.h"
+#include "utils/SentrelUtils.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <stdexcept>
 #include <thread>
 
-#include "sdk/CommandInterrupter.h"
-#include "sdk/ExecuteCmdUtils.h"
-#include "sdk/RunningCommand.h"
+#include "sdk/commands/ExecuteCmdUtils.h"
+#include "sdk/commands/RunningCommand.h"
+#include "sdk/time/CommandInterrupter.h"
 #include "support/TempDir.h"
 
 namespace {

@@ -15,11 +15,11 @@
 #include <iterator>
 #include <thread>
 
-#include "NameResolver.h"
-#include "Sha256.h"
-#include "sdk/CommandInterrupter.h"
-#include "sdk/ExecuteCmdUtils.h"
-#include "sdk/HttpUtils.h"
+#include "files/Sha256.h"
+#include "net/NameResolver.h"
+#include "sdk/commands/ExecuteCmdUtils.h"
+#include "sdk/net/HttpUtils.h"
+#include "sdk/time/CommandInterrupter.h"
 #include "support/TempDir.h"
 
 namespace {

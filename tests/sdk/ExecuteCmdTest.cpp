@@ -6,14 +6,14 @@
 #include <random>
 #include <thread>
 
-#include "sdk/CommandIdleLimit.h"
-#include "sdk/CommandInterrupter.h"
-#include "sdk/CommandLine.h"
-#include "sdk/CommandTimeLimit.h"
-#include "sdk/ExecuteCmdUtils.h"
-#include "sdk/PathUtils.h"
-#include "sdk/ProcessUtils.h"
-#include "sdk/RunningCommand.h"
+#include "sdk/commands/CommandLine.h"
+#include "sdk/commands/ExecuteCmdUtils.h"
+#include "sdk/commands/ProcessUtils.h"
+#include "sdk/commands/RunningCommand.h"
+#include "sdk/files/PathUtils.h"
+#include "sdk/time/CommandIdleLimit.h"
+#include "sdk/time/CommandInterrupter.h"
+#include "sdk/time/CommandTimeLimit.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 

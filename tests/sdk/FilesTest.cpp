@@ -9,10 +9,10 @@
 #include <string>
 #include <thread>
 
-#include "Sha256.h"
-#include "sdk/DirUtils.h"
-#include "sdk/FileDescriptor.h"
-#include "sdk/FileUtils.h"
+#include "files/Sha256.h"
+#include "sdk/files/DirUtils.h"
+#include "sdk/files/FileDescriptor.h"
+#include "sdk/files/FileUtils.h"
 #include "support/FileSizeLimit.h"
 #include "support/TempDir.h"
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
-#include "sdk/JsonUtils.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace {
 

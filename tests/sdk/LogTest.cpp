@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "BoundedAsyncChannel.h"
-#include "sdk/Log.h"
+#include "log/BoundedAsyncChannel.h"
+#include "sdk/log/Log.h"
 #include "support/LogCapture.h"
 
 namespace {

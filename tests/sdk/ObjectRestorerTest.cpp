@@ -14,10 +14,10 @@
 
 #include "OddTree.h"
 #include "WithoutCall.h"
-#include "sdk/CommandInterrupter.h"
-#include "sdk/FileDescriptor.h"
-#include "sdk/ObjectRestorer.h"
-#include "sdk/PathAnchor.h"
+#include "sdk/files/FileDescriptor.h"
+#include "sdk/files/PathAnchor.h"
+#include "sdk/restore/ObjectRestorer.h"
+#include "sdk/time/CommandInterrupter.h"
 #include "support/FileSizeLimit.h"
 #include "support/TempDir.h"
 

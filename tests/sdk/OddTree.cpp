@@ -124,9 +124,9 @@ int Run(std::vector<std::string> words) {
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     std::string home = "HOME=" SENTREL_RSYNC_HOME;
-    std::string nap = "LD_PRELOAD=" SENTREL_NAP_LIBRARY;
+    std::string preload = "LD_PRELOAD=" SENTREL_PRELOAD_LIBRARY;
     std::string locale = "LC_ALL=C";
-    std::array<char*, 4> environment{home.data(), nap.data(), locale.data(), nullptr};
+    std::array<char*, 4> environment{home.data(), preload.data(), locale.data(), nullptr};
     pid_t child = -1;
     int status = -1;
     if (::posix_spawn(&child, words[0].c_str(), nullptr, nullptr, arguments.data(),

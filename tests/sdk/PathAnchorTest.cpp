@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <string>
 
-#include "sdk/FileDescriptor.h"
-#include "sdk/PathAnchor.h"
+#include "sdk/files/FileDescriptor.h"
+#include "sdk/files/PathAnchor.h"
 #include "support/TempDir.h"
 
 namespace {

@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <sdk/PlaceTrust.h>
+#include <sdk/files/PlaceTrust.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>

@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "OddTree.h"
-#include "sdk/ObjectRestorer.h"
-#include "sdk/PathAnchor.h"
-#include "sdk/TimeUtils.h"
-#include "sdk/TreeRestorer.h"
+#include "sdk/files/PathAnchor.h"
+#include "sdk/restore/ObjectRestorer.h"
+#include "sdk/restore/TreeRestorer.h"
+#include "sdk/time/TimeUtils.h"
 #include "support/TempDir.h"
 
 namespace {

@@ -5,11 +5,11 @@
 
 #include <climits>
 
-#include "sdk/CommandInterrupter.h"
-#include "sdk/InnerCpuCtrlUtils.h"
-#include "sdk/ProcessUtils.h"
-#include "sdk/SystemUtils.h"
-#include "sdk/TimeUtils.h"
+#include "sdk/commands/ProcessUtils.h"
+#include "sdk/host/InnerCpuCtrlUtils.h"
+#include "sdk/host/SystemUtils.h"
+#include "sdk/time/CommandInterrupter.h"
+#include "sdk/time/TimeUtils.h"
 
 namespace {
 

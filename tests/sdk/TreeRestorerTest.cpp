@@ -17,12 +17,12 @@
 #include <vector>
 
 #include "OddTree.h"
-#include "sdk/CommandInterrupter.h"
-#include "sdk/DirUtils.h"
-#include "sdk/FileDescriptor.h"
-#include "sdk/PathAnchor.h"
-#include "sdk/TimeUtils.h"
-#include "sdk/TreeRestorer.h"
+#include "sdk/files/DirUtils.h"
+#include "sdk/files/FileDescriptor.h"
+#include "sdk/files/PathAnchor.h"
+#include "sdk/restore/TreeRestorer.h"
+#include "sdk/time/CommandInterrupter.h"
+#include "sdk/time/TimeUtils.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 

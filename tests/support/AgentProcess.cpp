@@ -2,9 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sdk/FileUtils.h>
-#include <sdk/JsonUtils.h>
-#include <sdk/SystemUtils.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/host/SystemUtils.h>
+#include <sdk/text/JsonUtils.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sdk/LoggerUtils.h>
+#include <sdk/log/LoggerUtils.h>
 
 #include <algorithm>
 #include <sstream>

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <termios.h>

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>

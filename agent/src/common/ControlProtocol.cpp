@@ -1,6 +1,6 @@
 #include "common/ControlProtocol.h"
 
-#include <sdk/PathUtils.h>
+#include <sdk/files/PathUtils.h>
 
 namespace Agent {
 

@@ -7,9 +7,9 @@
 #include <Poco/Net/NetException.h>
 #include <Poco/URI.h>
 #include <fcntl.h>
-#include <sdk/JsonUtils.h>
-#include <sdk/Log.h>
-#include <sdk/LoggerUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/log/LoggerUtils.h>
+#include <sdk/text/JsonUtils.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

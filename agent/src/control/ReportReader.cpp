@@ -1,7 +1,7 @@
 #include "control/ReportReader.h"
 
 #include <Poco/NumberParser.h>
-#include <sdk/TimeUtils.h>
+#include <sdk/time/TimeUtils.h>
 
 #include <algorithm>
 
@@ -56,7 +56,7 @@ Reply ReportReader::Read(const QueryParameters& parameters) {
 }
 
 Reply ReportReader::Wait(Json::Value request, int wait_ms) {
-    const Slots::Holder slot(waiting_);
+    const ConcurrencyLimit::Holder slot(waiting_);
     if (!slot.Held()) return ErrorReply(503, "Too many readers are waiting for reports already.");
     const std::int64_t end = SDK::TimeUtils::GetMonotonicMs() + wait_ms;
     while (true) {

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "control/ConcurrencyLimit.h"
 #include "control/Reply.h"
-#include "control/Slots.h"
 
 namespace Agent {
 
@@ -32,7 +32,7 @@ class ReportReader {
     Reply Ask(const Json::Value& request);
 
     Framework::QueryRegistry& queries_;
-    Slots waiting_;
+    ConcurrencyLimit waiting_;
     std::atomic<bool> stopped_{false};
 };
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "control/ConcurrencyLimit.h"
 #include "control/Reply.h"
 #include "control/ReportReader.h"
-#include "control/Slots.h"
 #include "policy/PolicyService.h"
 
 namespace Agent {
@@ -46,7 +46,7 @@ class Routes {
     ReportReader& reports_;
     const Tasklet tasklet_;
     const Status status_;
-    Slots slow_;
+    ConcurrencyLimit slow_;
 };
 
 }  // namespace Agent

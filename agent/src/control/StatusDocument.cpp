@@ -1,9 +1,9 @@
 #include "control/StatusDocument.h"
 
 #include <framework/ConfigManager.h>
-#include <sdk/LoggerUtils.h>
-#include <sdk/PathUtils.h>
-#include <sdk/TimeUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/LoggerUtils.h>
+#include <sdk/time/TimeUtils.h>
 #include <unistd.h>
 
 namespace Agent {

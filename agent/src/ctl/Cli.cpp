@@ -6,8 +6,8 @@
 #include <string>
 
 #include "common/ControlProtocol.h"
-#include "ctl/Commands.h"
-#include "ctl/ExitCodes.h"
+#include "ctl/client/ExitCodes.h"
+#include "ctl/commands/Commands.h"
 
 namespace Ctl {
 

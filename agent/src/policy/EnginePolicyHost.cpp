@@ -1,4 +1,4 @@
-#include <sdk/JsonUtils.h>
+#include <sdk/text/JsonUtils.h>
 
 #include <algorithm>
 

@@ -3,9 +3,9 @@
 // applies it. Runs on the control API's threads and, at the start, on the main thread.
 #include "policy/PolicyService.h"
 
-#include <sdk/Log.h>
-#include <sdk/LoggerUtils.h>
-#include <sdk/TimeUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/log/LoggerUtils.h>
+#include <sdk/time/TimeUtils.h>
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include "policy/PolicyStore.h"
 
-#include <sdk/DirUtils.h>
-#include <sdk/FileUtils.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/FileUtils.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -3,11 +3,11 @@
 #include "process/AgentProcess.h"
 
 #include <framework/ConfigManager.h>
-#include <sdk/DirUtils.h>
-#include <sdk/InnerCpuCtrlUtils.h>
-#include <sdk/Log.h>
-#include <sdk/LoggerUtils.h>
-#include <sdk/PathUtils.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/host/InnerCpuCtrlUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/log/LoggerUtils.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>

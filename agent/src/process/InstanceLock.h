@@ -1,6 +1,6 @@
 #pragma once
 
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 
 #include <string>
 

@@ -1,7 +1,7 @@
 #include "process/ServiceNotifier.h"
 
-#include <sdk/Log.h>
-#include <sdk/LoggerUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/log/LoggerUtils.h>
 #include <systemd/sd-daemon.h>
 
 #include <cstdint>

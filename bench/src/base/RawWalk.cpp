@@ -5,7 +5,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <unistd.h>

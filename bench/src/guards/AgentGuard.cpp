@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "ctl/ControlClient.h"
-#include "sdk/JsonUtils.h"
+#include "ctl/client/ControlClient.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace Bench {
 namespace {
@@ -22,7 +22,7 @@ constexpr microseconds kStatusStep{5000};
 constexpr char kPolicies[] = "/v1/policies/sentrel_feature";
 constexpr milliseconds kReportStep{20};
 /// What makes a restore quick, by its switch below "sentrel" in conf/agent.json.
-constexpr const char* kQuickening[] = {"rsync_nap", "restore_in_process"};
+constexpr const char* kQuickening[] = {"rsync_preload", "restore_in_process"};
 constexpr char kBackupFolder[] = "/backup";
 
 /// One file of an alarm, kept where it says what changed.

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "sdk/JsonUtils.h"
+#include "sdk/text/JsonUtils.h"
 
 namespace Bench {
 namespace {

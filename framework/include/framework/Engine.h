@@ -1,10 +1,11 @@
 #pragma once
 
 #include <Poco/Util/Application.h>
+#include <framework/PolicyOutcome.h>
 #include <framework/QueryRegistry.h>
+#include <framework/TaskStatus.h>
 
 #include <atomic>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,36 +18,9 @@ class FrameworkThread;
 class Message;
 class Module;
 class ModuleLoader;
-class StallWatch;
+class StallMonitor;
 class Task;
 class TaskRegistry;
-
-/// How a task is doing, for the status.
-struct TaskStatus {
-    std::string id;
-    std::string feature;
-    std::string module;
-    std::string state;  ///< "starting", "running", "stalled", "stopping"
-    std::uint64_t passes = 0;
-    double last_pass_ms = 0;
-    std::size_t queue_length = 0;
-    bool init_failed = false;
-};
-
-/// What became of a pushed policy.
-struct PolicyOutcome {
-    bool handled = false;   ///< a callback took it (set the handled flag)
-    int result = 0;         ///< that callback's result; non-zero: the feature is on
-    std::string exception;  ///< what the callback threw, if it did
-    std::string rejection;  ///< why the module refused the policy, if it did
-};
-
-/// What became of a tasklet request.
-struct TaskletOutcome {
-    bool found = false;
-    int result = 0;
-    std::string exception;
-};
 
 /// The application object of the agent's process: modules, tasks, policies, tasklets, queries.
 ///
@@ -127,7 +101,7 @@ class Engine : public Poco::Util::Application {
     std::unique_ptr<CallbackRegistry> callbacks_;
     std::unique_ptr<FrameworkThread> thread_;
     std::unique_ptr<ModuleLoader> loader_;
-    std::unique_ptr<StallWatch> stall_watch_;
+    std::unique_ptr<StallMonitor> stall_monitor_;
 };
 
 }  // namespace Framework

@@ -1,12 +1,11 @@
 // Owns the walk through a protected path and its copy. It must not copy by itself (ObjectCopier
 // does) nor change anything of the protected path. What it finds belongs to its caller.
-#include <CopyComparison.h>
-#include <ObjectCopier.h>
-#include <RuleAnchors.h>
+#include "feature_sentrel/backup/CopyComparison.h"
+
 #include <dirent.h>
 #include <fcntl.h>
-#include <sdk/DirUtils.h>
-#include <sdk/PathAnchor.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/PathAnchor.h>
 
 #include <cerrno>
 #include <climits>
@@ -15,6 +14,9 @@
 #include <string_view>
 #include <tuple>
 #include <utility>
+
+#include "feature_sentrel/backup/ObjectCopier.h"
+#include "places/RuleAnchors.h"
 
 namespace Engine {
 

@@ -1,15 +1,16 @@
 #pragma once
 
-#include <OpenObjects.h>
-#include <RsyncExclusions.h>
-#include <SentrelDirRule.h>
-#include <sdk/FileDescriptor.h>
+#include <sdk/files/FileDescriptor.h>
 #include <sys/stat.h>
 
 #include <cstddef>
 #include <ctime>
 #include <functional>
 #include <string>
+
+#include "base/SentrelDirRule.h"
+#include "progress/OpenObjects.h"
+#include "rsync/RsyncExclusions.h"
 
 namespace Engine {
 

@@ -1,10 +1,11 @@
 // Copies single objects. What content and attributes are is the object restorer's, used here in the
 // other direction. It must not decide what is copied (CopyComparison does).
-#include <ObjectCopier.h>
+#include "feature_sentrel/backup/ObjectCopier.h"
+
 #include <fcntl.h>
-#include <sdk/DirUtils.h>
-#include <sdk/FileDescriptor.h>
-#include <sdk/ObjectRestorer.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/FileDescriptor.h>
+#include <sdk/restore/ObjectRestorer.h>
 #include <sys/random.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>

@@ -1,16 +1,18 @@
 // Puts into words what BackupProgress knows of open objects. It must not change that.
 #define SDK_LOG_FILE "SentrelBackupTask.cpp"
-#include <AlarmDocument.h>
-#include <BackupProgress.h>
-#include <OpenReport.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
+#include "feature_sentrel/backup/OpenReport.h"
+
 #include <framework/Message.h>
 #include <framework/Task.h>
-#include <sdk/Log.h>
+#include <sdk/log/Log.h>
 
 #include <cstring>
 #include <vector>
+
+#include "base/ModuleLogger.h"
+#include "feature_sentrel/alarms/AlarmDocument.h"
+#include "progress/BackupProgress.h"
+#include "status/SentrelStatus.h"
 
 namespace Engine {
 

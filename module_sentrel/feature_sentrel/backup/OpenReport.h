@@ -1,8 +1,8 @@
 #pragma once
 
-#include <SentrelDirRule.h>
-
 #include <string>
+
+#include "base/SentrelDirRule.h"
 
 namespace Framework {
 class Task;

@@ -1,18 +1,21 @@
 // Looks at changed files and their backup copies. Reads only, never writes; nothing here decides
 // what is done about a deviation. Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
-#include <BackupComparer.h>
-#include <DirectoryNames.h>
-#include <PathText.h>
-#include <SentrelUtils.h>
+#include "feature_sentrel/event_path/BackupComparer.h"
+
 #include <fcntl.h>
-#include <sdk/FileUtils.h>
-#include <sdk/Log.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/log/Log.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+
+#include "base/DirectoryNames.h"
+#include "base/ModuleLogger.h"
+#include "base/PathText.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <RuleAnchors.h>
 #include <sys/types.h>
 
 #include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
+
+#include "places/RuleAnchors.h"
 
 namespace Engine {
 

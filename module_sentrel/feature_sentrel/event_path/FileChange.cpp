@@ -1,4 +1,4 @@
-#include <FileChange.h>
+#include "feature_sentrel/event_path/FileChange.h"
 
 namespace Engine {
 

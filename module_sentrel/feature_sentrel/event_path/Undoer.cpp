@@ -2,15 +2,12 @@
 // what has to wait (Rejudge), nor know how a restore is carried out (RsyncLauncher). Inotify task's
 // thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
-#include <PathText.h>
-#include <RsyncLauncher.h>
-#include <SentrelStatus.h>
-#include <SentrelUtils.h>
-#include <Undoer.h>
+#include "feature_sentrel/event_path/Undoer.h"
+
 #include <fcntl.h>
-#include <sdk/DirUtils.h>
-#include <sdk/Log.h>
-#include <sdk/ObjectRestorer.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/restore/ObjectRestorer.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -20,6 +17,12 @@
 #include <cstring>
 #include <optional>
 #include <utility>
+
+#include "base/ModuleLogger.h"
+#include "base/PathText.h"
+#include "rsync/RsyncLauncher.h"
+#include "status/SentrelStatus.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 
@@ -39,7 +42,8 @@ mode_t CopyType(const AnchoredRule& rule, const std::string& path) {
     return rule.StatCopy(path, info) == 0 ? info.st_mode & S_IFMT : 0;
 }
 
-std::optional<OwnRestores::Identity> IdentityAt(const AnchoredRule& rule, const std::string& path) {
+std::optional<RecentRestores::Identity> IdentityAt(const AnchoredRule& rule,
+                                                   const std::string& path) {
     const SDK::PathAnchor::Entry entry = rule.Live(path);
     struct statx info {};
     if (!entry.IsOpen() || ::statx(entry.directory.Get(), entry.name.c_str(), AT_SYMLINK_NOFOLLOW,
@@ -48,7 +52,7 @@ std::optional<OwnRestores::Identity> IdentityAt(const AnchoredRule& rule, const 
     }
     constexpr std::int64_t kNanosPerSecond = 1000000000;
     const bool is_told = (info.stx_mask & STATX_BTIME) != 0;
-    return OwnRestores::Identity{
+    return RecentRestores::Identity{
         makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino,
         is_told ? info.stx_btime.tv_sec * kNanosPerSecond + info.stx_btime.tv_nsec : 0};
 }
@@ -91,7 +95,7 @@ std::string FirstObstacle(const AnchoredRule& rule, const std::string& path) {
     return "";
 }
 
-Undoing Undoer::Restore(const SentrelDirRule& rule, const std::string& path) {
+UndoResult Undoer::Restore(const SentrelDirRule& rule, const std::string& path) {
     SentrelStatus& status = SentrelStatus::Instance();
     Attempt attempt;
     for (int tries = 0; tries < kTries && !attempt.restored; ++tries) {
@@ -129,21 +133,21 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
         attempt.target = rule.real_path;
     }
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    const auto begun = OwnRestores::Clock::now();
+    const auto begun = RecentRestores::Clock::now();
     attempt.restored = utils->DoRsyncLocal(attempt.target, rule.backup_path, rule.ignored_postfix,
                                            rule.ignored_subdir, RSYNC_RESTORE);
     attempt.error = attempt.restored ? "" : utils->LastCopyError();
     const bool is_single = attempt.restored && copy == S_IFREG;
-    recent_.Note(attempt.target, begun, OwnRestores::Clock::now(),
+    recent_.Note(attempt.target, begun, RecentRestores::Clock::now(),
                  is_single ? IdentityAt(anchors, attempt.target) : std::nullopt);
     if (attempt.restored && live == S_IFLNK && copy != S_IFLNK) CountPlantedLink(attempt.target);
     return attempt;
 }
 
-Undoing Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
+UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
     SentrelStatus& status = SentrelStatus::Instance();
     const RulePlaces places = RuleAnchors::Instance().Of(rule);
-    const auto begun = OwnRestores::Clock::now();
+    const auto begun = RecentRestores::Clock::now();
     int error = 0;
     if (places) {
         const SDK::PathAnchor::Entry live = places.anchors->Live(path);
@@ -159,7 +163,7 @@ Undoing Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
         const bool removed =
             live.IsOpen() && SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) == 0;
         error = removed ? 0 : errno;
-        if (removed) recent_.Note(path, begun, OwnRestores::Clock::now());
+        if (removed) recent_.Note(path, begun, RecentRestores::Clock::now());
     }
     if (places && error == 0) {
         status.Count(SentrelStatus::kRemovalsDone);
@@ -174,7 +178,7 @@ Undoing Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
 
 /// Beyond the link nothing is ours. Where it took a directory's place, that comes back when the
 /// loss of the link is told.
-Undoing Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::string& path) {
+UndoResult Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::string& path) {
     const std::string obstacle = FirstObstacle(rule, path);
     if (obstacle.empty() || LiveType(rule, obstacle) != S_IFLNK ||
         CopyType(rule, obstacle) != S_IFDIR) {

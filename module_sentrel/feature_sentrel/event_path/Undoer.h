@@ -1,17 +1,17 @@
 #pragma once
 
-#include <FileChange.h>
-#include <OwnRestores.h>
-#include <RuleAnchors.h>
-#include <SentrelDirRule.h>
-
 #include <memory>
 #include <string>
+
+#include "base/SentrelDirRule.h"
+#include "feature_sentrel/event_path/FileChange.h"
+#include "feature_sentrel/event_path/RecentRestores.h"
+#include "places/RuleAnchors.h"
 
 namespace Engine {
 
 /// What undoing one change came to.
-struct Undoing {
+struct UndoResult {
     Outcome outcome = Outcome::kNone;
     /// A directory above the path that had gone, and was restored with all that it held; ends in
     /// "/".
@@ -24,17 +24,17 @@ class Undoer {
   public:
     /// Puts back what the copy has at `path`; a directory with all that it holds, and where a
     /// directory on the way is gone or replaced, that one. Blocks until it is done.
-    Undoing Restore(const SentrelDirRule& rule, const std::string& path);
+    UndoResult Restore(const SentrelDirRule& rule, const std::string& path);
 
     /// Removes what stands at `path`, a directory with all that it holds. Behind a link nothing is
     /// removed; where the copy has a directory in place of the link, the link goes.
-    Undoing Remove(const SentrelDirRule& rule, const std::string& path);
+    UndoResult Remove(const SentrelDirRule& rule, const std::string& path);
 
     /// The object with that number was put back here lately and still stands there. Nobody else
     /// holds it under another name: before it got its own it had none.
     bool IsOwnObject(const AnchoredRule& rule, ino_t inode) const;
 
-    const OwnRestores& Recent() const { return recent_; }
+    const RecentRestores& Recent() const { return recent_; }
 
   private:
     struct Attempt {
@@ -45,9 +45,9 @@ class Undoer {
     };
 
     Attempt TryToRestore(const SentrelDirRule& rule, const std::string& path);
-    Undoing RemoveBlockingLink(const AnchoredRule& rule, const std::string& path);
+    UndoResult RemoveBlockingLink(const AnchoredRule& rule, const std::string& path);
 
-    OwnRestores recent_;
+    RecentRestores recent_;
 };
 
 /// A name that a restore, or the kernel for an unnamed file, uses for a moment.

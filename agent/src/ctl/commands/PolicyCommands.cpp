@@ -1,0 +1,152 @@
+#include <Poco/Net/HTTPRequest.h>
+#include <sdk/text/JsonUtils.h>
+#include <sdk/time/TimeUtils.h>
+
+#include <iostream>
+
+#include "ctl/client/ExitCodes.h"
+#include "ctl/client/Input.h"
+#include "ctl/commands/Commands.h"
+#include "ctl/output/StatusFormat.h"
+#include "ctl/output/Terminal.h"
+
+namespace Ctl {
+
+using Poco::Net::HTTPRequest;
+using SDK::JsonUtils;
+
+namespace {
+
+/// A policy may have to wait for a running one, and for tasks that are inside a command.
+constexpr int kApplyTimeoutS = 300;
+constexpr int kUnknown = 404;
+constexpr int kTooLarge = 413;
+constexpr int kRefused = 422;
+constexpr int kBadRequest = 400;
+
+void PrintMessages(const char* title, const Json::Value& messages) {
+    for (const Json::Value& message : messages) {
+        const std::string pointer = JsonUtils::GetStringValue(message, "pointer", "");
+        std::cerr << title << ": " << Printable(pointer) << (pointer.empty() ? "" : ": ")
+                  << Printable(JsonUtils::GetStringValue(message, "message", "")) << "\n";
+    }
+}
+
+std::string Address(const std::string& feature) {
+    return "/v1/policies/" + Encoded(feature);
+}
+
+bool Read(const std::string& file, std::string& text) {
+    std::string error;
+    if (ReadInput(file, text, error)) return true;
+    std::cerr << error << std::endl;
+    return false;
+}
+
+}  // namespace
+
+int Complain(const Answer& answer) {
+    std::cerr << Printable(answer.problem) << std::endl;
+    return answer.kind == Answer::Kind::kNoAgent || answer.kind == Answer::Kind::kDenied
+               ? kExitNoAgent
+               : kExitFailed;
+}
+
+int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file) {
+    std::string text;
+    if (!Read(file, text)) return kExitFailed;
+    const Answer answer =
+        client.Send(HTTPRequest::HTTP_PUT, Address(feature), text, kApplyTimeoutS);
+    if (answer.kind != Answer::Kind::kAnswered) return Complain(answer);
+    if (answer.status != 200 && answer.status != kRefused) {
+        const bool refused = answer.status == kBadRequest || answer.status == kTooLarge;
+        std::cerr << "error: " << Printable(answer.problem) << std::endl;
+        return refused ? kExitRejected : kExitFailed;
+    }
+    PrintMessages("warning", answer.body["warnings"]);
+    PrintMessages("error", answer.body["errors"]);
+    const std::string state = JsonUtils::GetStringValue(answer.body, "state", "");
+    std::cout << Printable(feature) << ": " << Printable(state) << std::endl;
+    if (answer.status == kRefused) return kExitRejected;
+    return state == "on" ? kExitOk : kExitOff;
+}
+
+int CheckPolicy(const ControlClient& client, const std::string& feature, const std::string& file) {
+    std::string text;
+    if (!Read(file, text)) return kExitFailed;
+    const Answer answer =
+        client.Send(HTTPRequest::HTTP_POST, Address(feature) + "/check", text, kApplyTimeoutS);
+    if (answer.kind != Answer::Kind::kAnswered) return Complain(answer);
+    if (answer.status != 200) {
+        std::cerr << "error: " << Printable(answer.problem) << std::endl;
+        return kExitRejected;
+    }
+    PrintMessages("warning", answer.body["warnings"]);
+    PrintMessages("error", answer.body["errors"]);
+    const bool good = answer.body["errors"].empty();
+    std::cout << Printable(feature) << (good ? ": no errors" : ": would be rejected") << std::endl;
+    return good ? kExitOk : kExitRejected;
+}
+
+int ShowPolicy(const ControlClient& client, const std::string& feature) {
+    const Answer answer = client.Get(Address(feature));
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return Complain(answer);
+    const std::string text = JsonUtils::GetStringValue(answer.body, "text", "");
+    std::cout << text << (text.empty() || text.back() != '\n' ? "\n" : "") << std::flush;
+    return kExitOk;
+}
+
+int ListPolicies(const ControlClient& client) {
+    const Answer answer = client.Get("/v1/policies");
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return Complain(answer);
+    const long long now_ms = SDK::TimeUtils::GetCurrentTimestampS() * 1000;
+    for (const Json::Value& policy : answer.body["policies"]) {
+        const Json::Value& applied = policy["applied_at"];
+        std::cout << Printable(JsonUtils::GetStringValue(policy, "feature", "")) << "  "
+                  << Printable(JsonUtils::GetStringValue(policy, "state", ""));
+        if (applied.isIntegral() && applied.asInt64() > 0) {
+            std::cout << "  applied " << ShortTime(applied.asInt64() * 1000, now_ms);
+        }
+        std::cout << "\n";
+    }
+    std::cout << std::flush;
+    return kExitOk;
+}
+
+int CallTasklet(const ControlClient& client, const std::string& id, const std::string& request,
+                int& result) {
+    const Answer answer =
+        client.Send(HTTPRequest::HTTP_POST, "/v1/tasklets/" + Encoded(id), request, kApplyTimeoutS);
+    if (answer.kind != Answer::Kind::kAnswered) return Complain(answer);
+    if (answer.status == kUnknown) {
+        std::cerr << Printable(answer.problem) << std::endl;
+        return kExitRejected;
+    }
+    if (answer.status != 200) return Complain(answer);
+    result = JsonUtils::GetIntValue(answer.body, "result", -1);
+    return kExitOk;
+}
+
+int RunTasklet(const ControlClient& client, const std::string& id) {
+    std::string text;
+    if (!Read("-", text)) return kExitFailed;
+    int result = 0;
+    const int exit_code = CallTasklet(client, id, text, result);
+    if (exit_code != kExitOk) return exit_code;
+    std::cout << result << std::endl;
+    return result == 0 ? kExitOk : kExitFailed;
+}
+
+int ShowStatus(const ControlClient& client, bool json) {
+    const Answer answer = client.Get("/v1/status");
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return Complain(answer);
+    if (json) {
+        std::cout << JsonUtils::JsonToString(answer.body) << std::endl;
+    } else {
+        const long long now_ms = SDK::TimeUtils::GetCurrentTimestampS() * 1000;
+        std::cout << FormatStatus(answer.body, now_ms) << std::flush;
+    }
+    return kExitOk;
+}
+
+}  // namespace Ctl

@@ -1,0 +1,143 @@
+// Owns the position in the report store and the endurance of `--follow`.
+// Must not format anything (AlarmFormat does). Main thread of morvanectl.
+#include "ctl/commands/ReportFollower.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sdk/time/TimeUtils.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <utility>
+
+#include "ctl/client/ExitCodes.h"
+
+namespace Ctl {
+
+namespace {
+
+constexpr int kPageSize = 500;
+constexpr int kWaitMs = 5000;
+constexpr int kRetryMs = 500;
+constexpr int kFollowTimeoutS = 30;
+/// A --since beyond this is a time of the epoch, not a number of seconds back.
+constexpr long long kEpochFrom = 1000000000;
+
+/// Ends the program at once: what is printed is flushed line by line, with the signal held.
+extern "C" void EndCleanly(int) {
+    ::_exit(kExitOk);
+}
+
+/// Keeps SIGINT and SIGTERM away while it lives, so that no line is cut.
+class SignalsHeld {
+  public:
+    SignalsHeld() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGINT);
+        sigaddset(&signals, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals, &before_);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+  private:
+    sigset_t before_{};
+};
+
+/// True when whoever read our output has gone.
+bool NobodyReads() {
+    pollfd out{STDOUT_FILENO, 0, 0};
+    return ::poll(&out, 1, 0) > 0 && (out.revents & POLLERR) != 0;
+}
+
+long long LastSeq(const Json::Value& body) {
+    return body["last_seq"].isIntegral() ? body["last_seq"].asInt64() : 0;
+}
+
+}  // namespace
+
+ReportFollower::ReportFollower(const ControlClient& client, const ReportQuery& query, Sink sink)
+    : client_(client), query_(query), sink_(std::move(sink)), since_(SinceEpoch()) {}
+
+long long ReportFollower::SinceEpoch() const {
+    if (query_.since >= kEpochFrom) return query_.since;
+    return SDK::TimeUtils::GetCurrentTimestampS() - query_.since;
+}
+
+std::string ReportFollower::Address(int wait_ms) const {
+    std::string address = "/v1/reports?kind=" + query_.kind;
+    const bool paging = query_.has_since || after_ >= 0;
+    if (query_.has_since) address += "&since=" + std::to_string(since_);
+    if (after_ >= 0) address += "&after=" + std::to_string(after_);
+    if (paging) {
+        address += "&limit=" + std::to_string(kPageSize);
+    } else if (query_.limit > 0) {
+        address += "&limit=" + std::to_string(query_.limit);
+    }
+    if (wait_ms > 0) address += "&wait_ms=" + std::to_string(wait_ms);
+    return address;
+}
+
+ReportFollower::Page ReportFollower::ReadPage(int wait_ms) {
+    const Answer answer = client_.Send("GET", Address(wait_ms), "", kFollowTimeoutS);
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) {
+        failure_ = answer;
+        return Page::kFailed;
+    }
+    const SignalsHeld whole_lines;
+    const Json::Value& reports = answer.body["reports"];
+    for (const Json::Value& report : reports) {
+        if (report["seq"].isIntegral()) after_ = report["seq"].asInt64();
+        if (!sink_(report)) return Page::kEnough;
+    }
+    // A store that was begun anew counts from the beginning.
+    if (after_ > LastSeq(answer.body)) after_ = LastSeq(answer.body);
+    return reports.size() < kPageSize ? Page::kEnd : Page::kMore;
+}
+
+int ReportFollower::ReadStored() {
+    Page page = Page::kMore;
+    while (page == Page::kMore) {
+        page = ReadPage(0);
+        if (!query_.has_since && page == Page::kMore) page = Page::kEnd;
+    }
+    return page == Page::kFailed ? Complain(failure_) : kExitOk;
+}
+
+bool ReportFollower::StartAtNewest() {
+    const Answer answer = client_.Get("/v1/reports?limit=1&kind=" + query_.kind);
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) {
+        failure_ = answer;
+        return false;
+    }
+    after_ = LastSeq(answer.body);
+    return true;
+}
+
+int ReportFollower::Follow() {
+    std::signal(SIGINT, EndCleanly);
+    std::signal(SIGTERM, EndCleanly);
+    if (!query_.has_since && !StartAtNewest()) return Complain(failure_);
+    bool was_there = !query_.has_since;
+    bool told = false;
+    while (!NobodyReads()) {
+        const Page page = ReadPage(after_ >= 0 ? kWaitMs : 0);
+        if (page == Page::kEnough) return kExitOk;
+        if (page != Page::kFailed) {
+            if (told) std::cerr << "The agent answers again." << std::endl;
+            told = false;
+            was_there = true;
+            if (after_ < 0) after_ = 0;
+            continue;
+        }
+        if (!was_there || failure_.kind == Answer::Kind::kDenied) return Complain(failure_);
+        if (!told) std::cerr << failure_.problem << " Trying again…" << std::endl;
+        told = true;
+        ::poll(nullptr, 0, kRetryMs);
+    }
+    return kExitOk;
+}
+
+}  // namespace Ctl

@@ -1,0 +1,91 @@
+// Takes passwords in. It must not keep nor print one, and none comes from the command line, where
+// everybody on the host could read it. The terminal is left to OpenSSL's prompt, which puts the
+// echo back when a signal ends it.
+#include "ctl/commands/Secret.h"
+
+#include <openssl/crypto.h>
+#include <openssl/ui.h>
+#include <sdk/text/Utf8.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+namespace Ctl {
+
+namespace {
+
+/// rsync reads its password file into 512 bytes and would cut off the rest without a word.
+constexpr int kMaxPassword = 511;
+constexpr std::size_t kMaxLine = 4096;
+
+using Entry = std::array<char, kMaxPassword + 1>;
+
+bool AskTwice(const std::string& prompt, std::string& password, std::string& error) {
+    Entry first{};
+    Entry second{};
+    const std::unique_ptr<UI, decltype(&UI_free)> dialogue(UI_new(), &UI_free);
+    const bool taken =
+        dialogue != nullptr &&
+        UI_add_input_string(dialogue.get(), prompt.c_str(), 0, first.data(), 1, kMaxPassword) > 0 &&
+        UI_add_verify_string(dialogue.get(), prompt.c_str(), 0, second.data(), 1, kMaxPassword,
+                             first.data()) > 0 &&
+        UI_process(dialogue.get()) == 0;
+    if (taken) {
+        password = first.data();
+    } else {
+        error = "No password was set: it was not typed twice the same, with 1 to 511 bytes.";
+    }
+    OPENSSL_cleanse(first.data(), first.size());
+    OPENSSL_cleanse(second.data(), second.size());
+    return taken;
+}
+
+bool ReadLine(std::string& line, std::string& error) {
+    line.reserve(kMaxLine + 1);  // or growing would leave copies behind
+    while (line.size() <= kMaxLine) {
+        char next = 0;
+        const ssize_t count = ::read(STDIN_FILENO, &next, 1);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) {
+            error = std::string("Standard input cannot be read: ") + std::strerror(errno) + ".";
+            return false;
+        }
+        if (count == 0 || next == '\n') return true;
+        line += next;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string CheckPassword(const std::string& password) {
+    if (password.empty()) return "The password is empty.";
+    if (password.size() > static_cast<std::size_t>(kMaxPassword)) {
+        return "The password is longer than the 511 bytes that rsync takes.";
+    }
+    if (password.find('\0') != std::string::npos) return "The password holds a NUL byte.";
+    if (password.find_first_of("\r\n") != std::string::npos) {
+        return "The password holds a line end or carriage return, where rsync would cut it off.";
+    }
+    if (SDK::ToValidUtf8(password) != password) return "The password is not UTF-8.";
+    return "";
+}
+
+bool ReadPassword(const std::string& prompt, std::string& password, std::string& error) {
+    const bool terminal = ::isatty(STDIN_FILENO) != 0;
+    if (!(terminal ? AskTwice(prompt, password, error) : ReadLine(password, error))) return false;
+    error = CheckPassword(password);
+    if (error.empty()) return true;
+    Forget(password);
+    return false;
+}
+
+void Forget(std::string& secret) {
+    OPENSSL_cleanse(secret.data(), secret.size());
+    secret.clear();
+}
+
+}  // namespace Ctl

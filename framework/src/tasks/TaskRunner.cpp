@@ -1,0 +1,221 @@
+// One registration of a task. Owns the framework's reference of it and the interrupter of its
+// external commands. Init and Run happen in a Turn, with the module's gate shared; UnInit outside
+// the gate, since the framework thread may be waiting for it. Runs on the task's thread; Finish on
+// the framework thread.
+#include "tasks/TaskRunner.h"
+
+#include <framework/ConfigManager.h>
+#include <framework/ModuleGate.h>
+#include <pthread.h>
+
+#include <algorithm>
+
+#include "base/ExceptionBarrier.h"
+#include "tasks/TaskQueue.h"
+
+namespace Framework {
+
+namespace {
+
+constexpr std::size_t kThreadNameLength = 15;          // the kernel's limit
+constexpr std::int64_t kLongestLimit = 1'000'000'000;  // in nanoseconds it still fits
+
+}  // namespace
+
+/// Holds the gate shared while it lives, if it could be had before the task was stopped.
+class TaskRunner::Turn {
+  public:
+    explicit Turn(TaskRunner& runner)
+        : runner_(runner), held_(runner.module_.Gate().LockShared(runner.stopping_)) {
+        if (held_) runner_.SetInterruptible(true);
+    }
+    ~Turn() {
+        if (!held_) return;
+        runner_.SetInterruptible(false);
+        runner_.module_.Gate().UnlockShared();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    explicit operator bool() const { return held_; }
+
+  private:
+    TaskRunner& runner_;
+    const bool held_;
+};
+
+TaskRunner::TaskRunner(Module& module, Poco::AutoPtr<Task> task)
+    : module_(module),
+      task_(std::move(task)),
+      id_(task_->Id()),
+      access_(task_->access_),
+      period_(ConfigManager::GetInstance().TaskPeriod()) {}
+
+void TaskRunner::Attach() {
+    task_->reset();
+    task_->SetRunner(shared_from_this());
+    task_->queue_->Open();
+    access_->Open();
+}
+
+bool TaskRunner::Start(Poco::ThreadPool& pool) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        started_ = true;
+    }
+    const std::string failure = RunGuarded([&] { pool.start(*this, id_); });
+    if (failure.empty()) return true;
+    SDK_LOG(RootLogger(), PRIO_ERROR, "Task(%s) got no thread: %s", id_, failure);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    started_ = false;
+    return false;
+}
+
+void TaskRunner::run() {
+    const std::shared_ptr<TaskRunner> self = shared_from_this();
+    thread_ = std::this_thread::get_id();
+    ::pthread_setname_np(::pthread_self(), id_.substr(0, kThreadNameLength).c_str());
+    task_->run();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    thread_ = std::thread::id();
+    ended_ = true;
+    changed_.notify_all();
+}
+
+void TaskRunner::RunTask() {
+    const SDK::CommandInterrupter::Scope commands(interrupter_);
+    if (!RunInit()) return;
+    access_->SetReady();
+    RunPasses();
+    RunUnInit();
+}
+
+/// False when the task was stopped before its Init could begin: it then has no UnInit either.
+bool TaskRunner::RunInit() {
+    const Turn turn(*this);
+    if (!turn) return false;
+    bool ok = false;
+    const std::string thrown = RunGuarded([&] { ok = task_->Init(); });
+    monitor_.InitEnded(ok);
+    if (!ok) {
+        SDK_LOG(RootLogger(), PRIO_ERROR, "Task(%s) failed to initialise: %s", id_,
+                thrown.empty() ? std::string("refused") : thrown);
+    }
+    return true;
+}
+
+void TaskRunner::RunPasses() {
+    const bool periodic = task_->Type() == TaskCondition::kPeriodic;
+    for (;;) {
+        const auto begin = Clock::now();
+        const bool succeeded = RunPass();
+        // From start to start; a pass that outlasts its period is followed by one pass at once. One
+        // that threw is not repeated at once, whatever the type: it would throw without end.
+        const bool pause = periodic || !succeeded;
+        if (pause ? !WaitUntil(begin + period_) : stopping_.load()) return;
+    }
+}
+
+bool TaskRunner::RunPass() {
+    const Turn turn(*this);
+    if (!turn) return true;
+    monitor_.PassBegins(StallLimit());
+    const std::string thrown = RunGuarded([&] { task_->Run(); });
+    monitor_.PassEnds();
+    if (!thrown.empty() && thrown != last_failure_) {
+        SDK_LOG(RootLogger(), PRIO_ERROR, "Task(%s) failed in a pass: %s", id_, thrown);
+    }
+    last_failure_ = thrown;
+    return thrown.empty();
+}
+
+void TaskRunner::RunUnInit() {
+    access_->Close();  // cancel, which set the flag that brought us here, may not be that far yet
+    access_->WaitIdle();
+    EndInterruption();
+    bool ok = false;
+    const std::string thrown = RunGuarded([&] { ok = task_->UnInit(); });
+    if (!ok) {
+        SDK_LOG(RootLogger(), PRIO_ERROR, "Task(%s) failed to uninitialise: %s", id_,
+                thrown.empty() ? std::string("refused") : thrown);
+    }
+}
+
+/// False when the task was stopped meanwhile.
+bool TaskRunner::WaitUntil(Clock::time_point next) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return !changed_.wait_until(lock, next, [this] { return stopping_.load(); });
+}
+
+void TaskRunner::SetInterruptible(bool interruptible) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    interruptible_ = interruptible;
+    if (interruptible && stopping_) interrupter_.Interrupt();
+}
+
+/// Read while the gate is held, as a policy callback may set the condition anew.
+std::chrono::seconds TaskRunner::StallLimit() const {
+    const TaskCondition::Condition& condition = task_->condition_.GetTaskCondition();
+    const bool in_force =
+        task_->condition_in_force_ && condition.kind == TaskCondition::kStallLimit;
+    return std::chrono::seconds(in_force ? std::min(condition.value, kLongestLimit) : -1);
+}
+
+void TaskRunner::InterruptForStop() {
+    module_.Gate().WakeWaiting();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (interruptible_) interrupter_.Interrupt();
+    changed_.notify_all();
+}
+
+void TaskRunner::Nudge() {
+    task_->waiter_.Wake();
+}
+
+void TaskRunner::InterruptForPolicy() {
+    Nudge();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!interruptible_) return;
+    interrupter_.Interrupt();
+    SDK_LOG(RootLogger(), PRIO_NOTICE,
+            "Task(%s): a policy waits for its pass to end, its external commands are interrupted.",
+            id_);
+}
+
+void TaskRunner::EndInterruption() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!interruptible_) interrupter_.Reset();
+}
+
+bool TaskRunner::ShouldYield() const {
+    return stopping_ || module_.Gate().IsWanted();
+}
+
+void TaskRunner::ReportStall() {
+    if (!monitor_.HasNewlyStalled()) return;
+    SDK_LOG(RootLogger(), PRIO_WARNING, "Task(%s) has stalled: its pass is longer than its limit.",
+            id_);
+}
+
+TaskStatus TaskRunner::Status() const {
+    TaskStatus status;
+    monitor_.Fill(status);
+    status.id = id_;
+    status.feature = task_->Feature();
+    status.module = module_.name();
+    status.queue_length = task_->QueueLength();
+    if (stopping_) status.state = "stopping";
+    return status;
+}
+
+void TaskRunner::Finish() {
+    task_->cancel();
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return ended_ || !started_; });
+    }
+    access_->WaitIdle();
+    task_->queue_->Drain();
+    task_->SetRunner(nullptr);
+}
+
+}  // namespace Framework

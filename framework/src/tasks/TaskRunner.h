@@ -1,0 +1,98 @@
+#pragma once
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Runnable.h>
+#include <Poco/ThreadPool.h>
+#include <framework/Module.h>
+#include <framework/Task.h>
+#include <sdk/time/CommandInterrupter.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "tasks/PassMonitor.h"
+#include "tasks/TaskAccess.h"
+
+namespace Framework {
+
+/// One registration of one task: drives it on a thread of the pool from Init to UnInit, and ends
+/// it. Owned by TaskRegistry, and by the thread while it runs.
+class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<TaskRunner> {
+  public:
+    /// Takes over one reference of the task.
+    TaskRunner(Module& module, Poco::AutoPtr<Task> task);
+
+    /// Makes the task fit for this registration; its queue takes messages from here on.
+    void Attach();
+
+    /// Starts the thread; false when the pool has none left.
+    bool Start(Poco::ThreadPool& pool);
+
+    /// Cancels and joins the task and empties its queue. Once only.
+    void Finish();
+
+    /// Releases the reference; the task may be gone after it. After Finish, when nobody else can
+    /// reach the runner any more.
+    void Release() { task_ = nullptr; }
+
+    void run() override;
+    void RunTask();  ///< the body of Task::runTask
+
+    // The two halves of Task::cancel, any thread.
+    void MarkStopping() { stopping_ = true; }
+    void InterruptForStop();
+
+    // A waiting policy; any thread.
+    void Nudge();
+    void InterruptForPolicy();
+    void EndInterruption();
+
+    /// True when the pass should come to an end: the task stops, or a policy waits.
+    bool ShouldYield() const;
+
+    const std::string& Id() const { return id_; }
+    const Module& Owner() const { return module_; }
+    bool IsOwnThread() const { return thread_ == std::this_thread::get_id(); }
+    void ReportStall();
+    TaskStatus Status() const;
+
+    /// The task, null after Release, and the way into it.
+    Task* Target() { return task_.get(); }
+    TaskUse Use() const { return TaskUse(access_); }
+
+  private:
+    class Turn;
+    using Clock = std::chrono::steady_clock;
+
+    bool RunInit();
+    void RunPasses();
+    bool RunPass();
+    void RunUnInit();
+    bool WaitUntil(Clock::time_point next);
+    void SetInterruptible(bool interruptible);
+    std::chrono::seconds StallLimit() const;
+
+    Module& module_;
+    Poco::AutoPtr<Task> task_;
+    const std::string id_;
+    const std::shared_ptr<TaskAccess> access_;
+    const std::chrono::milliseconds period_;
+    PassMonitor monitor_;
+    SDK::CommandInterrupter interrupter_;
+    std::atomic<bool> stopping_{false};
+    std::atomic<std::thread::id> thread_;
+    std::string last_failure_;  ///< the task's thread only
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    bool started_ = false;
+    bool ended_ = false;
+    bool interruptible_ = false;  ///< in Init or Run, so its commands may be interrupted
+};
+
+}  // namespace Framework

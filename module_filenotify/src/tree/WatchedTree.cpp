@@ -1,0 +1,94 @@
+// Owns: the index, the kernel watches, the open directories, the jobs and the watches asked for.
+// Not: why anything in them changes (TreeChanges, RootTracker, TreeWalker). Thread: the task's.
+
+#include "tree/WatchedTree.h"
+
+#include <cerrno>
+#include <climits>
+
+namespace Engine::FileNotify {
+
+namespace {
+
+constexpr int kTriesToMakeRoom = 8;
+
+}  // namespace
+
+bool WatchedTree::IsGone(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ESTALE;
+}
+
+int WatchedTree::EnsureWatched(DirNode& node, WatchTable::Result& result) {
+    const int located =
+        NameIndex::PathLength(node) < PATH_MAX ? opener.Locate(node) : -ENAMETOOLONG;
+    int error = located < 0 ? -located : 0;
+    if (error == 0) error = Watch(node, located, result);
+    if (error == 0 || (error == ENOSPC && matcher.GivesWay(node))) {
+        index.SetUnwatched(node, false);
+        unwatched.Remove(node);
+        error == 0 ? reserve.Remove(node) : reserve.AddUnwatched(node);
+    } else if (!IsGone(error)) {
+        MarkUnwatched(node, error);
+    }
+    return error;
+}
+
+int WatchedTree::Watch(DirNode& node, int located, WatchTable::Result& result) {
+    const std::uint32_t mask = matcher.KernelMask(node);
+    int error = table.Watch(node, located, mask, result);
+    if (error != ENOSPC || matcher.GivesWay(node)) return error;
+    // Another program may be quicker to take what becomes free.
+    for (int tries = 0; tries < kTriesToMakeRoom && error == ENOSPC && reserve.FreeOne(); ++tries) {
+        error = table.Watch(node, located, mask, result);
+    }
+    return error;
+}
+
+int WatchedTree::EnsureWatched(DirNode& node) {
+    WatchTable::Result ignored{};
+    return EnsureWatched(node, ignored);
+}
+
+void WatchedTree::MarkUnwatched(DirNode& node, int error) {
+    index.SetUnwatched(node, true);
+    unwatched.Add(node, error);
+}
+
+DirNode& WatchedTree::PutDirectory(DirNode& dir, std::string_view name) {
+    DirNode* known = dir.dirs.Find(name);
+    if (known != nullptr && known->Is(DirNode::kThroughLink)) RemoveDirectory(*known);
+    return index.AddDirectory(dir, name);
+}
+
+void WatchedTree::PutFile(DirNode& dir, std::string_view name) {
+    if (DirNode* known = dir.dirs.Find(name)) {
+        if (known->Is(DirNode::kThroughLink)) return;
+        RemoveDirectory(*known);
+    }
+    index.AddFile(dir, name);
+}
+
+void WatchedTree::RemoveDirectory(DirNode& node) {
+    going_(node);
+    index.Remove(node, [this](DirNode& leaving) {
+        table.Unwatch(leaving);
+        queue.Cancel(leaving);
+        opener.Forget(leaving);
+        unwatched.Remove(leaving);
+        reserve.Remove(leaving);
+    });
+}
+
+void WatchedTree::Clear() {
+    while (!index.Root().dirs.All().empty()) RemoveDirectory(*index.Root().dirs.All().back());
+    DirNode& root = index.Root();
+    table.Unwatch(root);
+    queue.Cancel(root);
+    unwatched.Remove(root);
+    index.SetUnwatched(root, false);
+    index.ClearFiles(root);
+    root.flags = 0;
+    opener.Clear();
+}
+
+}  // namespace Engine::FileNotify

@@ -1,0 +1,59 @@
+#include "feature_backupserver/BackUpServerStatus.h"
+
+#include <sdk/files/PathUtils.h>
+#include <sdk/time/TimeUtils.h>
+
+#include "utils/SentrelUtils.h"
+
+namespace Engine {
+
+BackUpServerStatus& BackUpServerStatus::Instance() {
+    static BackUpServerStatus instance;
+    return instance;
+}
+
+void BackUpServerStatus::SetOn(const std::string& address, int port, const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    on_ = true;
+    address_ = address;
+    port_ = port;
+    path_ = path;
+    starts_ = 0;
+    last_start_ = 0;
+}
+
+void BackUpServerStatus::SetOff() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    on_ = false;
+    address_.clear();
+    port_ = 0;
+    path_.clear();
+    starts_ = 0;
+    last_start_ = 0;
+}
+
+void BackUpServerStatus::NoteStart() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++starts_;
+    last_start_ = SDK::TimeUtils::GetCurrentTimestampS();
+}
+
+Json::Value BackUpServerStatus::ToJson() const {
+    int pid = 0;
+    const bool running = SentrelUtils::GetInstance()->GetDaemonPid(
+        SDK::PathUtils::GetInstallationPath() + "bin/morvane_rsyncd.pid", pid);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Json::Value answer(Json::objectValue);
+    answer["on"] = on_;
+    answer["address"] = address_;
+    answer["port"] = port_;
+    answer["path"] = path_;
+    answer["running"] = running;
+    answer["pid"] = running ? Json::Value(pid) : Json::Value();
+    answer["restarts"] = static_cast<Json::UInt64>(starts_ > 0 ? starts_ - 1 : 0);
+    answer["last_start"] =
+        last_start_ > 0 ? Json::Value(static_cast<Json::Int64>(last_start_)) : Json::Value();
+    return answer;
+}
+
+}  // namespace Engine

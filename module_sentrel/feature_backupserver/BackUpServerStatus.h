@@ -1,0 +1,41 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+namespace Engine {
+
+/// What the status tells about this host as a backup server. The policy callback and the task
+/// write, the status query reads; any thread. It never influences what they do.
+class BackUpServerStatus {
+  public:
+    static BackUpServerStatus& Instance();
+
+    /// A policy has switched the feature on; the count of restarts begins anew.
+    void SetOn(const std::string& address, int port, const std::string& path);
+    void SetOff();
+    /// The daemon was started.
+    void NoteStart();
+
+    /// {"on","address","port","path","running","pid","restarts","last_start"}. The daemon itself is
+    /// looked up now; "pid" and "last_start" are null when there is none.
+    Json::Value ToJson() const;
+
+    void Reset() { SetOff(); }
+
+  private:
+    BackUpServerStatus() = default;
+
+    mutable std::mutex mutex_;  ///< guards all below
+    bool on_ = false;
+    std::string address_;
+    int port_ = 0;
+    std::string path_;
+    std::uint64_t starts_ = 0;
+    std::int64_t last_start_ = 0;  ///< seconds of the epoch, 0 never
+};
+
+}  // namespace Engine

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "feature_sentrel/alarms/SentrelCacheMsg.h"
+
+namespace Engine {
+
+/// The record with which an alarm of now enters the alarm cache.
+SentrelCacheMsg AlarmRecord(const std::string& file_path, alarm_type type);
+
+/// An alarm as it is reported, in one line of JSON.
+std::string AlarmText(const std::string& file_path, alarm_type type, const std::string& diff,
+                      const std::string& diff_attr);
+
+}  // namespace Engine

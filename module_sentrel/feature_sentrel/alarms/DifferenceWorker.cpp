@@ -1,0 +1,89 @@
+// Owns the thread that compares contents and its budget of time. It must not decide what is
+// compared (the inotify task does) nor send alarms (AlarmReporter).
+#include "feature_sentrel/alarms/DifferenceWorker.h"
+
+#include <Poco/String.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "feature_sentrel/alarms/ContentDiff.h"
+
+namespace Engine {
+
+DifferenceWorker::DifferenceWorker(std::function<void()> finished)
+    : finished_(std::move(finished)) {}
+
+DifferenceWorker::~DifferenceWorker() {
+    Stop();
+}
+
+std::shared_ptr<const Difference> DifferenceWorker::Ask(PinnedFile pinned, const std::string& copy,
+                                                        const std::string& path) {
+    auto difference = std::make_shared<Difference>(std::move(pinned), copy, path);
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        waiting_.push_back(difference);
+    }
+    changed_.notify_one();
+    if (!thread_.joinable()) thread_ = std::thread([this] { Work(); });
+    return difference;
+}
+
+void DifferenceWorker::Stop() {
+    if (!thread_.joinable()) return;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    interrupter_.Interrupt();
+    changed_.notify_one();
+    thread_.join();
+    interrupter_.Reset();
+    stopping_ = false;
+}
+
+void DifferenceWorker::Work() {
+    const SDK::CommandInterrupter::Scope scope(interrupter_);
+    for (;;) {
+        std::shared_ptr<Difference> next;
+        bool stopping = false;
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
+            if (waiting_.empty()) return;
+            next = std::move(waiting_.front());
+            waiting_.pop_front();
+            stopping = stopping_;
+        }
+        if (stopping || !HasTime()) {
+            next->left_out_ = true;
+        } else {
+            FindOut(*next);
+        }
+        next->pinned_ = PinnedFile();
+        next->ready_.store(true, std::memory_order_release);
+        finished_();
+    }
+}
+
+void DifferenceWorker::FindOut(Difference& difference) {
+    const Clock::time_point begun = Clock::now();
+    const std::string held = difference.pinned_.Path();
+    ContentDiff diff(difference.copy_, held);
+    difference.text_ = diff.Take();
+    // diff names the files that it calls different without showing how.
+    Poco::replaceInPlace(difference.text_, held, difference.path_);
+    difference.left_out_ = diff.IsLeftOut();
+    saved_ -= Clock::now() - begun;
+}
+
+bool DifferenceWorker::HasTime() {
+    const Clock::time_point now = Clock::now();
+    const auto added = (now - saved_at_) * kAddedPerSecond.count() / 1000;
+    saved_ = std::min<Clock::duration>(saved_ + added, kMostSaved);
+    saved_at_ = now;
+    return saved_ > Clock::duration::zero();
+}
+
+}  // namespace Engine

@@ -1,0 +1,114 @@
+// Prepares the directories of backup copies. It must not judge a policy (its check does) nor keep
+// the directories open (RuleAnchors does).
+#define SDK_LOG_FILE "SentrelBackupTask.cpp"
+#include "feature_sentrel/backup/BackupDirectory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/FileDescriptor.h>
+#include <sdk/files/PlaceTrust.h>
+#include <sdk/log/Log.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "base/ModuleLogger.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr mode_t kPrivate = S_IRWXU;
+constexpr std::string_view kOwn = ".morvane-";  // what begins so is the agent's
+
+/// Directories that programs of other users go through; none of these is for copies alone.
+constexpr std::array<const char*, 24> kShared = {
+    "/",      "/bin", "/boot", "/dev",  "/etc",       "/home",    "/lib",         "/lib64",
+    "/media", "/mnt", "/opt",  "/proc", "/root",      "/run",     "/sbin",        "/srv",
+    "/sys",   "/tmp", "/usr",  "/var",  "/usr/local", "/var/lib", "/var/backups", "/var/tmp"};
+
+std::string Plain(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+bool IsShared(const std::string& path, const std::list<SentrelDirRule>& rules) {
+    const std::string inside = path == "/" ? path : path + "/";
+    return std::find(kShared.begin(), kShared.end(), path) != kShared.end() ||
+           std::any_of(rules.begin(), rules.end(), [&](const SentrelDirRule& rule) {
+               return rule.real_path.compare(0, inside.size(), inside) == 0;
+           });
+}
+
+/// Copies lie below the first component of the path that was copied, of this policy or another.
+bool IsOfCopies(const std::string& name, const std::list<SentrelDirRule>& rules) {
+    if (name == "." || name == ".." || name == "lost+found") return true;
+    if (name.compare(0, kOwn.size(), kOwn) == 0) return true;
+    const std::string top = "/" + name;
+    struct stat info {};
+    if (::lstat(top.c_str(), &info) == 0) return true;
+    return std::any_of(rules.begin(), rules.end(), [&](const SentrelDirRule& rule) {
+        return rule.real_path.compare(0, top.size() + 1, top + "/") == 0;
+    });
+}
+
+/// The first name in the directory that is none of a copy; empty when there is none.
+std::string ForeignName(int directory, const std::list<SentrelDirRule>& rules) {
+    struct CloseDir {
+        void operator()(DIR* stream) const { ::closedir(stream); }
+    };
+    SDK::FileDescriptor own(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, CloseDir> stream(::fdopendir(own.Get()));
+    if (stream == nullptr) return "?";
+    own.Release();
+    while (const dirent* entry = ::readdir(stream.get())) {
+        if (!IsOfCopies(entry->d_name, rules)) return entry->d_name;
+    }
+    return "";
+}
+
+std::string MakePrivate(const std::string& path, const std::list<SentrelDirRule>& rules) {
+    const std::string advice = "; give the copies a directory of their own with mode 0700";
+    const SDK::FileDescriptor directory(
+        ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info {};
+    if (!directory.IsOpen() || ::fstat(directory.Get(), &info) != 0) {
+        return "cannot open " + path + ": " + std::strerror(errno);
+    }
+    if (IsShared(path, rules)) return "others need to go through " + path + advice;
+    const std::string foreign = ForeignName(directory.Get(), rules);
+    if (!foreign.empty()) {
+        return "others can reach " + path + ", which holds more than copies (" + foreign + ")" +
+               advice;
+    }
+    if (info.st_uid != ::geteuid() || ::fchmod(directory.Get(), kPrivate) != 0) {
+        return "others can reach " + path + ", whose mode cannot be changed" + advice;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_WARNING,
+            "%s had mode %04?o; it is 0700 now, so that nobody else gets at the copies.", path,
+            static_cast<unsigned int>(info.st_mode & ALLPERMS));
+    return "";
+}
+
+}  // namespace
+
+std::string BackupDirectory::Prepare(const std::string& backup_path,
+                                     const std::list<SentrelDirRule>& rules) {
+    const std::string path = Plain(backup_path);
+    if (path.empty() || path.front() != '/') return "the backup path is not absolute";
+    const std::string writable = SDK::PlaceTrust::WhyWritable(path);
+    if (!writable.empty()) return writable;
+    if (SDK::DirUtils::MakeDirs(path, kPrivate) != 0) {
+        return "cannot make " + path + ": " + std::strerror(errno);
+    }
+    return SDK::PlaceTrust::WhyReachable(path).empty() ? "" : MakePrivate(path, rules);
+}
+
+}  // namespace Engine

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <ctime>
+#include <mutex>
+
+#include "feature_sentrel/schedule/WorkSchedule.h"
+
+namespace Engine {
+
+/// The schedule as other threads may see it: a copy of the tables that each policy leaves behind.
+/// Policy callbacks publish, the status query and the policy check read; any thread.
+class ScheduleStatus {
+  public:
+    static ScheduleStatus& Instance();
+
+    /// `enabled`: the policy in force has a schedule of its own.
+    void Publish(const WorkSchedule& schedule, bool enabled);
+    WorkSchedule Get() const;
+
+    /// {"enabled","working","until","text"}: working now, as of the tables; until when, in seconds
+    /// of the epoch, null for good; and the two in words, in local time.
+    Json::Value ToJson(std::time_t now) const;
+
+    void Reset() { Publish(WorkSchedule::AlwaysOn(), false); }
+
+  private:
+    ScheduleStatus() = default;
+
+    mutable std::mutex mutex_;  ///< guards all below
+    WorkSchedule schedule_ = WorkSchedule::AlwaysOn();
+    bool enabled_ = false;
+};
+
+}  // namespace Engine

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <sdk/files/FileDescriptor.h>
+#include <sdk/files/PathAnchor.h>
+#include <sys/stat.h>
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "base/SentrelDirRule.h"
+
+namespace Engine {
+
+/// The held directories of one rule: what it protects and where its copies lie. Every look, copy
+/// and removal starts from these, so that no directory above them can be swapped for another.
+/// Immutable; any thread.
+class AnchoredRule {
+  public:
+    using Anchor = std::shared_ptr<const SDK::PathAnchor>;
+
+    /// `root` is null for a single file and for a directory that is gone, `copies` where there is
+    /// no backup folder yet.
+    AnchoredRule(const SentrelDirRule& rule, Anchor parent, Anchor root, Anchor copies);
+
+    // `path` is the rule's path or lies below it; a trailing "/" is ignored. Failures set errno:
+    // ELOOP for a link on the way, ENOTDIR for anything else that is no directory, ENOENT, EXDEV
+    // for a path that lies elsewhere.
+
+    /// The object as it stands on the site, by its held parent directory.
+    SDK::PathAnchor::Entry Live(const std::string& path) const;
+    /// As lstat(2): 0 or -1.
+    int StatLive(const std::string& path, struct stat& info) const;
+    SDK::FileDescriptor OpenLiveDirectory(const std::string& path) const;
+
+    /// The same for its backup copy.
+    SDK::PathAnchor::Entry Copy(const std::string& path) const;
+    int StatCopy(const std::string& path, struct stat& info) const;
+    SDK::FileDescriptor OpenCopyDirectory(const std::string& path) const;
+
+    /// `path` relative to the rule's path; false when it lies elsewhere.
+    bool Below(const std::string& path, std::string_view& below) const;
+
+    const SentrelDirRule& Rule() const { return rule_; }
+    const std::string& RootPath() const { return root_path_; }  ///< without a trailing "/"
+    bool IsFile() const { return rule_.is_file; }
+    const Anchor& Parent() const { return parent_; }  ///< what holds the protected path
+    const Anchor& Root() const { return root_; }
+    const Anchor& Copies() const { return copies_; }
+
+  private:
+    const SentrelDirRule rule_;
+    const std::string root_path_;
+    const Anchor parent_;
+    const Anchor root_;
+    const Anchor copies_;
+};
+
+/// Where a rule's directories are at this moment.
+struct RulePlaces {
+    std::shared_ptr<const AnchoredRule> anchors;  ///< null: they must not be used
+    std::string problem;                          ///< why not, in words; else empty
+
+    explicit operator bool() const { return anchors != nullptr; }
+};
+
+/// Holds the directories of all rules. A protected path that comes to lead elsewhere is followed
+/// only where every directory above it is root's own: otherwise whoever moved it would have the
+/// agent work in somebody else's directory. Any thread.
+class RuleAnchors {
+  public:
+    static RuleAnchors& Instance();
+
+    /// The rule's directories, opened at the first call and looked at again at each.
+    RulePlaces Of(const SentrelDirRule& rule);
+
+    /// The same without another look, for what comes right after one or is no more than a hint.
+    RulePlaces Held(const SentrelDirRule& rule);
+
+    /// Of a rule that is known: where a copy is put back from `source` to `target`, its backup copy
+    /// and a path that it protects. No anchors and no problem: there is no such rule.
+    RulePlaces OfRestore(const std::string& source, const std::string& target);
+    /// The same for a backup of the protected path `source` into the backup path `target`.
+    RulePlaces OfBackup(const std::string& source, const std::string& target);
+
+    /// Makes the protected directory anew, empty, where nothing stands any more or what is no
+    /// directory; the rule's directories with it, or why it cannot be made.
+    RulePlaces MakeRoot(const std::shared_ptr<const AnchoredRule>& known);
+
+    /// All are opened anew at their next use.
+    void Forget();
+
+  private:
+    using Key = std::pair<std::string, std::string>;  ///< real_path, backup_path
+    using Known = std::shared_ptr<const AnchoredRule>;
+
+    RuleAnchors() = default;
+    RulePlaces LookUp(const SentrelDirRule& rule);
+    RulePlaces Open(const SentrelDirRule& rule);
+    RulePlaces Check(const Known& known);
+    RulePlaces OpenAgain(const SentrelDirRule& rule);
+    Known WithPresentCopies(const Known& known);
+    RulePlaces Remember(Known anchors);
+    RulePlaces FindFormer(const AnchoredRule& present);
+    void KeepFormer(const AnchoredRule& held);
+
+    static constexpr std::size_t kMostFormer = 8;
+
+    std::mutex mutex_;  ///< guards all below
+    std::map<Key, Known> rules_;
+    /// Protected directories that were held before, by path; others may move them back.
+    std::map<std::string, std::deque<AnchoredRule::Anchor>> former_roots_;
+};
+
+}  // namespace Engine

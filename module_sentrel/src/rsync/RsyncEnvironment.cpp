@@ -1,0 +1,96 @@
+// Decides what bin/rsync gets beside the environment of all commands, and tells the command runner
+// and the status. What the library does is in its own source, what the options are for in
+// conf/home/.popt; neither must reach any command but rsync. Keeps nothing.
+#include "rsync/RsyncEnvironment.h"
+
+#include <framework/ConfigManager.h>
+#include <sdk/commands/ExecuteCmdUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
+#include <unistd.h>
+
+#include "base/ModuleLogger.h"
+#include "status/SentrelStatus.h"
+
+namespace Engine {
+
+namespace {
+
+using SDK::ExecuteCmdUtils;
+
+constexpr const char* kSwitch = "rsync_preload";
+constexpr const char* kFormerSwitch = "rsync_nap";  ///< in the configurations of version 0.1
+constexpr int kAskTimeoutMs = 5000;
+constexpr std::size_t kMaxAnswer = 4096;
+
+bool IsSwitchedOff() {
+    const Json::Value section = Framework::ConfigManager::GetInstance().Section("sentrel");
+    const Json::Value value = section.get(kSwitch, section[kFormerSwitch]);
+    if (!value.isNull() && !value.isBool()) {
+        SDK_LOG(ModuleLogger(), PRIO_WARNING,
+                "conf/agent.json: /sentrel/%s: must be true or false; true is used.",
+                std::string(kSwitch));
+    }
+    return value.isBool() && !value.asBool();
+}
+
+/// What keeps the library from being loaded; empty when nothing does.
+std::string Obstacle(const std::string& library) {
+    if (::access(library.c_str(), R_OK) != 0) return library + " cannot be read";
+    // The loader takes these for the end of the name.
+    if (library.find_first_of(" :") != std::string::npos) return "a blank or colon in " + library;
+    return "";
+}
+
+/// The loader complains in the program's output; a program that cannot bear the library says less.
+bool AnswersTheSame(const std::string& path, const std::string& version_text) {
+    std::string output;
+    int exit_code = 0;
+    return ExecuteCmdUtils::ExecuteCmd(path, {"--version"}, kAskTimeoutMs, exit_code, output,
+                                       kMaxAnswer) == 0 &&
+           exit_code == 0 && output == version_text;
+}
+
+/// The home whose option aliases fit that rsync, as a variable; none where it is the usual one.
+std::vector<std::string> HomeFor(const std::string& version_text) {
+    const std::string home = SDK::PathUtils::GetInstallationPath() + "conf/home/sha1";
+    const bool is_there = ::access((home + "/.popt").c_str(), R_OK) == 0;
+    const bool fits = HasChecksum(version_text, "xxh128") && HasChecksum(version_text, "sha1");
+    if (!is_there || !fits) return {};
+    return {"HOME=" + home};
+}
+
+}  // namespace
+
+bool HasChecksum(const std::string& version_text, const std::string& name) {
+    static const std::string kMark = "Checksum list:\n";
+    const std::size_t mark = version_text.find(kMark);
+    if (mark == std::string::npos) return false;
+    const std::size_t begin = mark + kMark.size();
+    const std::string line = version_text.substr(begin, version_text.find('\n', begin) - begin);
+    return (line + " ").find(" " + name + " ") != std::string::npos;
+}
+
+void SetUpRsync(const std::string& path, const std::string& version_text) {
+    const std::vector<std::string> home = HomeFor(version_text);
+    ExecuteCmdUtils::SetProgramEnvironment(path, home);
+    if (IsSwitchedOff()) {
+        SentrelStatus::Instance().SetRsyncPreload(false, "switched off in conf/agent.json");
+        return;
+    }
+    const std::string library = SDK::PathUtils::GetInstallationPath() + "lib/librsync_preload.so";
+    std::string obstacle = Obstacle(library);
+    if (obstacle.empty()) {
+        std::vector<std::string> with_preload = home;
+        with_preload.push_back("LD_PRELOAD=" + library);
+        ExecuteCmdUtils::SetProgramEnvironment(path, with_preload);
+        if (!AnswersTheSame(path, version_text))
+            obstacle = library + " cannot be loaded into rsync";
+    }
+    SentrelStatus::Instance().SetRsyncPreload(obstacle.empty(), obstacle);
+    if (obstacle.empty()) return;
+    ExecuteCmdUtils::SetProgramEnvironment(path, home);
+    SDK_LOG(ModuleLogger(), PRIO_NOTICE, "rsync works, but ends slowly: %s.", obstacle);
+}
+
+}  // namespace Engine

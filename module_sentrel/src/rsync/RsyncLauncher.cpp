@@ -1,0 +1,239 @@
+// Decides how a command of bin/rsync is carried out. It must not build command lines nor judge
+// their results (SentrelUtils does), nor hold directories (RuleAnchors does). Any thread.
+#include "rsync/RsyncLauncher.h"
+
+#include <fcntl.h>
+#include <framework/ConfigManager.h>
+#include <sdk/commands/ExecuteCmdUtils.h>
+#include <sdk/files/DirUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/restore/ObjectRestorer.h>
+#include <sdk/restore/TreeRestorer.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "base/PathText.h"
+#include "places/RuleAnchors.h"
+#include "progress/BackupProgress.h"
+#include "rsync/RsyncExclusions.h"
+#include "rsync/RsyncLine.h"
+
+namespace Engine {
+
+namespace {
+
+using SDK::CommandAnswer;
+using SDK::ObjectRestorer;
+using Entry = SDK::PathAnchor::Entry;
+
+constexpr const char* kSwitch = "restore_in_process";
+constexpr const char* kScratchName = ".morvane-tmp";
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// rsync's own codes, so that one judgement does for both.
+constexpr int kPartialTransfer = 23;
+constexpr int kInterrupted = 20;
+
+CommandAnswer Failure(const std::string& why) {
+    CommandAnswer answer;
+    answer.kind = CommandAnswer::Kind::kDone;
+    answer.exit_code = kPartialTransfer;
+    answer.output = why;
+    return answer;
+}
+
+CommandAnswer Failed(const std::string& step) {
+    return Failure(step + ": " + std::strerror(errno));
+}
+
+CommandAnswer Done(const ObjectRestorer::Result& result) {
+    CommandAnswer answer;
+    answer.kind = CommandAnswer::Kind::kDone;
+    switch (result.outcome) {
+        case ObjectRestorer::Outcome::kRestored:
+            break;
+        case ObjectRestorer::Outcome::kInterrupted:
+            answer.exit_code = kInterrupted;
+            answer.output = "interrupted";
+            break;
+        default:
+            answer.exit_code = kPartialTransfer;
+            answer.output = "cannot " + result.step + ": " + std::strerror(result.error);
+            break;
+    }
+    return answer;
+}
+
+/// The place that a command's descriptor leads to; inherited ones are numbered from 3 on.
+std::string PlaceOf(std::size_t inherited, const std::string& name) {
+    constexpr std::size_t kFirst = 3;
+    return "/proc/self/fd/" + std::to_string(kFirst + inherited) + "/" + name;
+}
+
+SDK::FileDescriptor OpenMade(int parent, const std::string& name) {
+    if (::mkdirat(parent, name.c_str(), S_IRWXU) != 0 && errno != EEXIST) return {};
+    return SDK::FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags));
+}
+
+/// Where rsync puts what is not complete yet: among the copies, so that only root gets there and
+/// nobody can fill it, and the last step is a rename where the site is on the same file system.
+SDK::FileDescriptor OpenScratch(const AnchoredRule& rule) {
+    if (rule.Copies() == nullptr) return {};
+    return OpenMade(rule.Copies()->Descriptor(), kScratchName);
+}
+
+/// The directory `path` among the copies, made with what is missing above it. Only root gets there.
+SDK::FileDescriptor MakeCopyDirectory(const AnchoredRule& rule, const std::string& path) {
+    SDK::FileDescriptor at = rule.OpenCopyDirectory("");
+    std::size_t begin = 0;
+    while (at.IsOpen() && begin < path.size()) {
+        const std::size_t slash = std::min(path.find('/', begin), path.size());
+        const std::string name = path.substr(begin, slash - begin);
+        begin = slash + 1;
+        if (!name.empty()) at = OpenMade(at.Get(), name);
+    }
+    return at;
+}
+
+CommandAnswer Run(const RsyncLine& line, const std::string& program, SDK::FileDescriptor source,
+                  const std::string& source_name, SDK::FileDescriptor target,
+                  const std::string& target_name, SDK::FileDescriptor scratch) {
+    CommandAnswer answer;
+    answer.inherited.push_back(std::move(source));
+    answer.inherited.push_back(std::move(target));
+    answer.inherited.push_back(std::move(scratch));
+    answer.arguments =
+        line.With(program, PlaceOf(2, ""), PlaceOf(0, source_name), PlaceOf(1, target_name));
+    return answer;
+}
+
+/// rsync copies from the held directory to the held copy of it.
+CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
+                           const AnchoredRule& rule) {
+    const bool is_file = rule.IsFile();
+    const std::string directory = is_file ? ParentPath(rule.RootPath()) : rule.RootPath();
+    SDK::FileDescriptor source =
+        is_file ? rule.Parent()->OpenDirectory("") : rule.OpenLiveDirectory(rule.RootPath());
+    if (!source.IsOpen()) return Failed("cannot open " + directory);
+    SDK::FileDescriptor target = MakeCopyDirectory(rule, directory);
+    if (!target.IsOpen()) return Failed("cannot make the copy of " + directory);
+    SDK::FileDescriptor scratch = OpenScratch(rule);
+    if (!scratch.IsOpen()) return Failed(std::string("cannot make ") + kScratchName);
+    const std::string name = is_file ? FileName(rule.RootPath()) : std::string();
+    return Run(line, program, std::move(source), "./" + name, std::move(target), "",
+               std::move(scratch));
+}
+
+/// rsync restores; for what is neither file nor link, and where the switch wants it.
+CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& program,
+                                   const AnchoredRule& rule, bool is_directory) {
+    SDK::FileDescriptor scratch = OpenScratch(rule);
+    if (!scratch.IsOpen()) return Failed(std::string("cannot make ") + kScratchName);
+    if (!is_directory) {
+        Entry copy = rule.Copy(line.target);
+        Entry live = rule.Live(line.target);
+        if (!copy.IsOpen() || !live.IsOpen()) return Failed("cannot open the directory");
+        // rsync would copy into a directory that stands in the object's place.
+        struct stat info {};
+        if (rule.StatLive(line.target, info) == 0 && S_ISDIR(info.st_mode) &&
+            SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) != 0) {
+            return Failed("cannot remove the directory in its place");
+        }
+        return Run(line, program, std::move(copy.directory), copy.name, std::move(live.directory),
+                   live.name, std::move(scratch));
+    }
+    // rsync knows nothing of the objects that could not be copied, and would delete them.
+    if (BackupProgress::Instance().HasOpenIn(rule.Rule(), line.target)) {
+        return Failure("the directory holds objects without a copy");
+    }
+    SDK::FileDescriptor live = rule.OpenLiveDirectory(line.target);
+    if (!live.IsOpen()) {
+        const Entry entry = rule.Live(line.target);
+        if (entry.IsOpen()) {
+            ::unlinkat(entry.directory.Get(), entry.name.c_str(), 0);
+            live = OpenMade(entry.directory.Get(), entry.name);
+        }
+    }
+    SDK::FileDescriptor copy = rule.OpenCopyDirectory(line.target);
+    if (!copy.IsOpen() || !live.IsOpen()) return Failed("cannot open the directory");
+    return Run(line, program, std::move(copy), "", std::move(live), "", std::move(scratch));
+}
+
+CommandAnswer RestoreDirectory(const RsyncLine& line, const AnchoredRule& rule,
+                               const RsyncExclusions& exclusions) {
+    const std::string directory = WithoutTrailingSlash(line.target);
+    const auto shield = [&](const std::string& below, bool is_directory) {
+        const std::string path = directory + "/" + below;
+        return exclusions.Match(path, is_directory) ||
+               BackupProgress::Instance().IsOpen(rule.Rule(), path);
+    };
+    // The protected directory itself is never taken by its name, which others may have changed.
+    const Entry live = directory == rule.RootPath() ? Entry{rule.OpenLiveDirectory(directory), "."}
+                                                    : rule.Live(directory);
+    if (!live.IsOpen()) return Failed("cannot open the directory");
+    // To read all of a large site, because somebody changes the mode of its top again and again,
+    // would let every other page wait.
+    return Done(SDK::TreeRestorer::Restore(rule.Copy(directory), live, shield,
+                                           SDK::TreeRestorer::Look::kChanged));
+}
+
+CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
+                            std::shared_ptr<const AnchoredRule> rule) {
+    struct stat copy {};
+    if (rule->StatCopy(line.target, copy) != 0) return Failed("no backup copy");
+    const bool is_directory = S_ISDIR(copy.st_mode);
+    std::string_view below;
+    const bool is_root = rule->Below(line.target, below) && below.empty() && !rule->IsFile();
+    if (is_root && rule->Root() == nullptr) {
+        if (!is_directory) return Failure("the copy is no directory");
+        RulePlaces made = RuleAnchors::Instance().MakeRoot(rule);
+        if (!made) return Failure(made.problem);
+        rule = std::move(made.anchors);
+    }
+    const RsyncExclusions exclusions(line.exclusions);
+    if (RsyncLauncher::RestoresInProcess()) {
+        if (is_directory) return RestoreDirectory(line, *rule, exclusions);
+        if (!exclusions.Match(line.target, false)) {
+            const Entry live = rule->Live(line.target);
+            if (!live.IsOpen()) return Failed("cannot open the directory");
+            const ObjectRestorer::Result result =
+                ObjectRestorer::Restore(rule->Copy(line.target), live);
+            if (result.outcome != ObjectRestorer::Outcome::kUnusual) return Done(result);
+        }
+    }
+    return AnswerRestoreByRsync(line, program, *rule, is_directory);
+}
+
+}  // namespace
+
+void RsyncLauncher::Install() {
+    static std::mutex mutex;
+    static std::string installed;
+    const std::string program = SDK::PathUtils::GetInstallationPath() + "bin/rsync";
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (program == installed) return;
+    SDK::ExecuteCmdUtils::SetProgramHandler(installed, nullptr);
+    SDK::ExecuteCmdUtils::SetProgramHandler(program, &RsyncLauncher::Answer);
+    installed = program;
+}
+
+bool RsyncLauncher::RestoresInProcess() {
+    const Json::Value value = Framework::ConfigManager::GetInstance().Section("sentrel")[kSwitch];
+    return !value.isBool() || value.asBool();
+}
+
+CommandAnswer RsyncLauncher::Answer(const std::vector<std::string>& arguments) {
+    const std::optional<RsyncLine> line = RsyncLine::Of(arguments);
+    if (!line) return {};
+    RuleAnchors& anchors = RuleAnchors::Instance();
+    RulePlaces places = line->is_backup ? anchors.OfBackup(line->source, line->target)
+                                        : anchors.OfRestore(line->source, line->target);
+    if (!places) return places.problem.empty() ? CommandAnswer() : Failure(places.problem);
+    return line->is_backup ? AnswerBackup(*line, arguments.front(), *places.anchors)
+                           : AnswerRestore(*line, arguments.front(), std::move(places.anchors));
+}
+
+}  // namespace Engine

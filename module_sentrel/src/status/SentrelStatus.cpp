@@ -1,0 +1,219 @@
+#include "status/SentrelStatus.h"
+
+#include <sdk/text/JsonUtils.h>
+#include <sdk/time/TimeUtils.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "status/WatchList.h"
+#include "utils/SentrelUtils.h"
+
+namespace Engine {
+
+namespace {
+
+Json::Value TimeOrNull(std::int64_t seconds) {
+    return seconds == 0 ? Json::Value() : Json::Value(static_cast<Json::Int64>(seconds));
+}
+
+}  // namespace
+
+SentrelStatus& SentrelStatus::Instance() {
+    static SentrelStatus instance;
+    return instance;
+}
+
+void SentrelStatus::SetProtectionOn(bool monitor_only, int backup_type,
+                                    const std::list<SentrelDirRule>& rules) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    on_ = true;
+    monitor_only_ = monitor_only;
+    backup_type_ = backup_type;
+    exclusions_.clear();
+    std::map<std::string, History> kept;
+    for (const SentrelDirRule& rule : rules) {
+        const auto known = history_.find(rule.real_path);
+        if (known != history_.end()) kept.insert(*known);
+        if (rule.is_file) continue;
+        for (const std::string& subdir : rule.ignored_subdir) {
+            exclusions_[rule.real_path].push_back(rule.real_path + subdir);
+        }
+    }
+    history_ = std::move(kept);
+}
+
+void SentrelStatus::SetProtectionOff() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    on_ = false;
+    exclusions_.clear();
+}
+
+Json::Value SentrelStatus::ExclusionsOf(const Json::Value& request) const {
+    Json::Value answer(Json::objectValue);
+    Json::Value& prefixes = answer["prefixes"] = Json::Value(Json::arrayValue);
+    const std::string path = SDK::JsonUtils::GetStringValue(request, "path", "");
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = exclusions_.find(path);
+    if (known == exclusions_.end()) return answer;
+    for (const std::string& prefix : known->second) prefixes.append(prefix);
+    return answer;
+}
+
+void SentrelStatus::PublishPaths(std::vector<ProtectedPath> paths) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    paths_ = std::move(paths);
+}
+
+void SentrelStatus::NoteLocalBackup(const std::string& real_path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    history_[real_path].last_local_backup = SDK::TimeUtils::GetCurrentTimestampS();
+}
+
+void SentrelStatus::NoteRemoteBackup(const std::string& real_path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    history_[real_path].last_remote_backup = SDK::TimeUtils::GetCurrentTimestampS();
+}
+
+void SentrelStatus::PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees) {
+    deferred_ = deferred;
+    failed_ = failed;
+    trees_ = trees;
+}
+
+void SentrelStatus::NoteFailure(const std::string& real_path, const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    History& history = history_[real_path];
+    history.last_failure = text;
+    history.last_failure_at = SDK::TimeUtils::GetCurrentTimestampS();
+}
+
+void SentrelStatus::NoteOpenObjects(const std::string& real_path, std::size_t count,
+                                    std::vector<OpenObject> named) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    History& history = history_[real_path];
+    history.open_objects = count;
+    history.named_open_objects = std::move(named);
+}
+
+void SentrelStatus::SetProblem(const std::string& real_path, const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    history_[real_path].problem = text;
+}
+
+bool SentrelStatus::IsRsyncKnown() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return rsync_known_;
+}
+
+void SentrelStatus::ForgetRsync() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    rsync_known_ = false;
+}
+
+void SentrelStatus::SetRsync(const std::string& version, const std::string& degraded_reason) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    rsync_known_ = true;
+    rsync_version_ = version;
+    degraded_reason_ = degraded_reason;
+}
+
+void SentrelStatus::SetRsyncPreload(bool in_use, const std::string& reason) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    preload_in_use_ = in_use;
+    no_preload_reason_ = reason;
+}
+
+Json::Value SentrelStatus::ToJson(const Json::Value& watches) const {
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Json::Value answer(Json::objectValue);
+    answer["protection"]["on"] = on_;
+    answer["protection"]["monitor_only"] = monitor_only_;
+    answer["protection"]["working"] = on_ && utils->is_run;
+    answer["protected_paths"] = PathsToJson(watches);
+    answer["backup"]["type"] = backup_type_;
+    answer["backup"]["local_pending"] = on_ && utils->local_backup_pending;
+    answer["backup"]["remote_pending"] = on_ && utils->remote_backup_pending;
+    answer["rsync"]["version"] = rsync_version_;
+    answer["rsync"]["degraded"] = !degraded_reason_.empty();
+    answer["rsync"]["reason"] = degraded_reason_;
+    answer["backlog"]["deferred"] = static_cast<Json::UInt64>(deferred_);
+    answer["backlog"]["failed"] = static_cast<Json::UInt64>(failed_);
+    answer["backlog"]["trees_to_compare"] = static_cast<Json::UInt64>(trees_);
+    answer["rsync"]["preload"]["in_use"] = preload_in_use_;
+    answer["rsync"]["preload"]["reason"] = no_preload_reason_;
+    answer["counters"] = CountersToJson();
+    return answer;
+}
+
+Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
+    Json::Value list(Json::arrayValue);
+    for (const ProtectedPath& path : paths_) {
+        const Json::Value watch = FindWatch(watches, path.watch_id);
+        const auto known = history_.find(path.rule.real_path);
+        const History history = known == history_.end() ? History{} : known->second;
+        Json::Value entry(Json::objectValue);
+        entry["path"] = path.rule.real_path;
+        entry["configured_path"] = path.rule.filepath;
+        entry["kind"] = path.rule.is_file ? "file" : "tree";
+        entry["backup_path"] = path.rule.backup_path;
+        entry["auto_restore"] = path.rule.auto_restore;
+        entry["watched_directories"] = watch.isNull() ? Json::Value(0) : watch["directories"];
+        entry["state"] = watch.isNull() ? Json::Value("unwatched") : watch["state"];
+        entry["last_local_backup"] = TimeOrNull(history.last_local_backup);
+        entry["last_remote_backup"] = TimeOrNull(history.last_remote_backup);
+        entry["last_failure"] = history.last_failure;
+        entry["last_failure_at"] = TimeOrNull(history.last_failure_at);
+        entry["open_objects"] = OpenObjectsToJson(history);
+        entry["problem"] = history.problem;
+        list.append(std::move(entry));
+    }
+    return list;
+}
+
+Json::Value SentrelStatus::OpenObjectsToJson(const History& history) {
+    Json::Value open(Json::objectValue);
+    open["count"] = static_cast<Json::UInt64>(history.open_objects);
+    open["examples"] = Json::Value(Json::arrayValue);
+    for (const OpenObject& one : history.named_open_objects) {
+        Json::Value example(Json::objectValue);
+        example["path"] = one.path;
+        example["reason"] = one.reason;
+        open["examples"].append(std::move(example));
+    }
+    return open;
+}
+
+Json::Value SentrelStatus::CountersToJson() const {
+    static constexpr std::array<const char*, kCounterCount> kNames = {
+        "restores_done",   "restores_failed",    "removals_done", "removals_failed",
+        "alarms_sent",     "alarms_merged",      "alarms_lost",   "planted_links_removed",
+        "events_deferred", "deferred_overflows", "retries",       "retries_given_up",
+        "trees_compared"};
+    Json::Value counters(Json::objectValue);
+    for (std::size_t at = 0; at < kNames.size(); ++at) {
+        counters[kNames[at]] =
+            static_cast<Json::UInt64>(counters_[at].load(std::memory_order_relaxed));
+    }
+    return counters;
+}
+
+void SentrelStatus::Reset() {
+    for (auto& counter : counters_) counter = 0;
+    PublishBacklog(0, 0, 0);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    on_ = false;
+    monitor_only_ = false;
+    backup_type_ = 0;
+    paths_.clear();
+    history_.clear();
+    exclusions_.clear();
+    rsync_known_ = false;
+    rsync_version_.clear();
+    degraded_reason_.clear();
+    preload_in_use_ = false;
+    no_preload_reason_.clear();
+}
+
+}  // namespace Engine

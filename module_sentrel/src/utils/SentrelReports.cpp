@@ -1,0 +1,38 @@
+#define SDK_LOG_FILE "SentrelUtils.cpp"
+
+#include <framework/Engine.h>
+#include <framework/Message.h>
+#include <framework/Task.h>
+#include <json/value.h>
+#include <module_utils/ModuleUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/text/JsonUtils.h>
+#include <sdk/text/StrUtils.h>
+
+#include "utils/SentrelUtils.h"
+
+namespace Engine {
+
+void SentrelUtils::SendStatusMsg(const std::string& feature, const std::string& task,
+                                 const std::string& status) {
+    Json::Value body(Json::objectValue);
+    body["feature"] = feature;
+    body["task"] = task;
+    body["status"] = status;
+    SendDataMessage("sentrel_status_1", SDK::JsonUtils::JsonToString(body));
+}
+
+void SentrelUtils::SendExceptionMsg(const std::string& feature, const std::string& exception) {
+    static const std::string kReportTask = "cmd_comm_report_task";
+    Framework::Task* task = Framework::Engine::Instance().FindTask(kReportTask);
+    if (task == nullptr) return;
+    const std::string body = SDK::StrUtils::Format("{\"feature\":\"%s\", \"exception\":\"%s\"}",
+                                                   feature.c_str(), exception.c_str());
+    auto* msg = new Framework::CmdMessage("feature_exception_1", body);
+    const std::string msg_id = msg->GetMsgId();
+    const int result = task->SendDirectMsg(kReportTask, msg);  // takes the message over
+    SDK_LOG(GetLogger(), PRIO_INFORMATION, "send %s to cmd_comm_report_task, length=%lu, result=%d",
+            msg_id, static_cast<unsigned long>(body.size()), result);
+}
+
+}  // namespace Engine

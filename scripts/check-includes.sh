@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Checks that includes go one way: scripts/include-order.txt lists the rooms and tells the rule.
+set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
+
+readonly ORDER=scripts/include-order.txt
+# Folders that an include may be relative to.
+readonly INCLUDE_ROOTS=(
+    sdk/include sdk/src framework/include framework/src module_utils/include module_report/src
+    module_filenotify/include module_filenotify/src module_sentrel module_sentrel/src agent/src
+    demo/src rsync_preload/src
+)
+
+declare -A FLOOR USED KNOWN
+FAULTS=0
+
+fault() {
+    printf '%s\n' "$*" >&2
+    FAULTS=$((FAULTS + 1))
+}
+
+read_order() {
+    local line folder floor=0
+    while IFS= read -r line; do
+        [[ -n $line && $line != '#'* ]] || continue
+        floor=$((floor + 1))
+        for folder in $line; do
+            FLOOR[$folder]=$floor
+        done
+    done <"$ORDER"
+}
+
+# room_of FILE: sets ROOM to the innermost listed folder that holds it; fails when there is none.
+room_of() {
+    ROOM=${1%/*}
+    while [[ -z ${FLOOR[$ROOM]:-} ]]; do
+        [[ $ROOM == */* ]] || return 1
+        ROOM=${ROOM%/*}
+    done
+}
+
+# resolve FILE NAME: sets TARGET to the source that FILE includes as NAME, its own component's first.
+resolve() {
+    local root
+    TARGET=''
+    for root in "${INCLUDE_ROOTS[@]}"; do
+        [[ -n ${KNOWN[$root/$2]:-} ]] || continue
+        [[ -n $TARGET && ${root%%/*} != "${1%%/*}" ]] || TARGET=$root/$2
+    done
+}
+
+check_file() {
+    local file=$1 own line
+    room_of "$file" || { fault "$file: its folder is not in $ORDER" && return; }
+    own=${FLOOR[$ROOM]} USED[$ROOM]=yes
+    while IFS= read -r line; do
+        line=${line#*[<\"]}
+        resolve "$file" "${line%%[>\"]*}"
+        [[ -n $TARGET ]] || continue
+        CHECKED=$((CHECKED + 1))
+        room_of "$TARGET" || continue
+        ((FLOOR[$ROOM] <= own)) || fault "$file: includes $TARGET, which $ORDER lists below it"
+    done < <(grep -E '^#include [<"]' "$file" || true)
+}
+
+main() {
+    local file folder
+    CHECKED=0
+    cd "$ROOT"
+    read_order
+    while IFS= read -r -d '' file; do
+        [[ ! -e $file ]] || KNOWN[$file]=yes
+    done < <(git ls-files -z --cached --others --exclude-standard -- '*.h' '*.cpp' ':!tests' ':!bench')
+    for file in "${!KNOWN[@]}"; do
+        check_file "$file"
+    done
+    for folder in "${!FLOOR[@]}"; do
+        [[ -n ${USED[$folder]:-} ]] || fault "$ORDER: no sources in $folder"
+    done
+    ((CHECKED > 0)) || fault "no include was checked"
+    return $((FAULTS > 0))
+}
+
+main

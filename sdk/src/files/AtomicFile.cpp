@@ -1,0 +1,66 @@
+#include "files/AtomicFile.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace SDK {
+
+namespace {
+
+constexpr const char* kTemporaryName = ".morvane-XXXXXX";
+constexpr mode_t kMode = 0600;
+
+}  // namespace
+
+int WriteAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return -1;
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return 0;
+}
+
+AtomicFile::~AtomicFile() {
+    const int error = errno;  // of the failure that the caller is about to read
+    if (!temporary_.empty()) ::unlink(temporary_.c_str());
+    errno = error;
+}
+
+int AtomicFile::Open() {
+    // rename(2) would fail as late as in Commit.
+    if (target_.empty() || target_.back() == '/') {
+        errno = target_.empty() ? ENOENT : EISDIR;
+        return -1;
+    }
+    // The name does not hold the target's, which may be as long as a name can be.
+    std::string name = target_.substr(0, target_.rfind('/') + 1) + kTemporaryName;
+    file_.Reset(::mkostemp(name.data(), O_CLOEXEC));
+    if (!file_.IsOpen()) return -1;
+    temporary_ = name;
+    return ::fchmod(file_.Get(), kMode);
+}
+
+int AtomicFile::Write(const char* data, std::size_t size) {
+    return WriteAll(file_.Get(), data, size);
+}
+
+int AtomicFile::Commit() {
+    if (::fsync(file_.Get()) != 0) return -1;
+    if (::rename(temporary_.c_str(), target_.c_str()) != 0) return -1;
+    temporary_.clear();
+    // Best effort: the new content is there; only whether a power cut takes it back is open.
+    const std::string directory = target_.substr(0, target_.rfind('/') + 1);
+    const FileDescriptor parent(
+        ::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (parent.IsOpen()) ::fsync(parent.Get());
+    return 0;
+}
+
+}  // namespace SDK

@@ -1,0 +1,98 @@
+#include "sdk/files/DirUtils.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <sstream>
+#include <vector>
+
+#include "files/TreeRemover.h"
+#include "sdk/files/FileDescriptor.h"
+
+namespace SDK {
+
+namespace {
+
+/// Without trailing "/", with which lstat and open would follow a link. "/" stays.
+std::string WithoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+bool LeadsToDirectory(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return false;
+    if (!S_ISDIR(info.st_mode)) errno = ENOTDIR;
+    return S_ISDIR(info.st_mode);
+}
+
+int MakeOne(const std::string& path, mode_t mode) {
+    if (LeadsToDirectory(path)) return 0;
+    if (::mkdir(path.c_str(), mode) != 0) {
+        // Another thread may have made it meanwhile; what else stands there is a failure.
+        return errno == EEXIST && LeadsToDirectory(path) ? 0 : -1;
+    }
+    const FileDescriptor made(
+        ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return made.IsOpen() ? ::fchmod(made.Get(), mode) : -1;
+}
+
+constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+/// The components of a relative path; none when there are none, or one that leads upwards.
+std::vector<std::string> ComponentsBelow(const std::string& path) {
+    std::vector<std::string> components;
+    std::istringstream text(path);
+    for (std::string name; std::getline(text, name, '/');) {
+        if (name == "..") return {};
+        if (!name.empty() && name != ".") components.push_back(name);
+    }
+    return components;
+}
+
+}  // namespace
+
+bool DirUtils::IsDir(const std::string& path) {
+    struct stat info {};
+    return ::lstat(WithoutTrailingSlashes(path).c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+int DirUtils::DeleteDir(const std::string& path) {
+    return TreeRemover().Remove(WithoutTrailingSlashes(path));
+}
+
+int DirUtils::DeleteBeneath(const std::string& root, const std::string& path) {
+    const std::vector<std::string> components = ComponentsBelow(path);
+    if (components.empty() || path.front() == '/') {
+        errno = EINVAL;
+        return -1;
+    }
+    FileDescriptor parent(::open(WithoutTrailingSlashes(root).c_str(), kWayFlags));
+    for (std::size_t at = 0; parent.IsOpen() && at + 1 < components.size(); ++at) {
+        parent.Reset(::openat(parent.Get(), components[at].c_str(), kWayFlags));
+    }
+    if (!parent.IsOpen()) return -1;
+    return DeleteAt(parent.Get(), components.back());
+}
+
+int DirUtils::DeleteAt(int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) == 0) return 0;
+    return errno == EISDIR ? TreeRemover().RemoveAt(directory, name) : -1;
+}
+
+int DirUtils::MakeDirs(const std::string& path, mode_t mode) {
+    const std::string wanted = WithoutTrailingSlashes(path);
+    if (wanted.empty()) {
+        errno = ENOENT;
+        return -1;
+    }
+    for (std::size_t slash = wanted.find('/', 1); slash != std::string::npos;
+         slash = wanted.find('/', slash + 1)) {
+        if (MakeOne(wanted.substr(0, slash), mode) != 0) return -1;
+    }
+    return MakeOne(wanted, mode);
+}
+
+}  // namespace SDK

@@ -1,0 +1,161 @@
+#include "files/TreeRemover.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <utility>
+
+#include "files/DirectoryListing.h"
+#include "files/FileContent.h"
+#include "files/OpenBeneath.h"
+#include "sdk/time/TimeUtils.h"
+
+namespace SDK {
+
+namespace {
+
+constexpr std::int64_t kPatienceMs = 500;
+constexpr unsigned kEntriesPerLook = 256;  // between two looks at clock and interrupter
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+}  // namespace
+
+int TreeRemover::Remove(const std::string& path) {
+    if (path == "/") {
+        errno = EBUSY;
+        return -1;
+    }
+    return RemoveAt(AT_FDCWD, path);
+}
+
+// Somebody who goes on putting files in keeps the directory from going: it is gone through again.
+int TreeRemover::RemoveAt(int parent, const std::string& name) {
+    const std::int64_t start = TimeUtils::GetMonotonicMs();
+    if (limit_ms_ != kNoLimit) end_ms_ = start + limit_ms_;
+    int result = RemoveOnce(parent, name);
+    const std::int64_t end = TimeUtils::GetMonotonicMs() + kPatienceMs;
+    while (result != 0 && errno == ENOTEMPTY && TimeUtils::GetMonotonicMs() < end) {
+        result = RemoveOnce(parent, name);
+        if (result != 0 && errno == ENOENT) return 0;
+    }
+    return result;
+}
+
+int TreeRemover::RemoveOnce(int parent, const std::string& name) {
+    first_error_ = 0;
+    levels_.clear();
+    below_ = root_below_;
+    parent_ = parent;
+    if (!Enter(FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags)), name)) {
+        errno = first_error_;
+        return -1;
+    }
+    while (!levels_.empty() && !is_stopped_) {
+        std::vector<std::string>& waiting = levels_.back().directories;
+        if (!waiting.empty()) {
+            const std::string child = std::move(waiting.back());
+            waiting.pop_back();
+            Descend(child);
+        } else if (!Leave()) {
+            break;
+        }
+    }
+    errno = first_error_;
+    return first_error_ == 0 ? 0 : -1;
+}
+
+/// Makes `directory` the current one and removes what it holds but directories, which wait.
+bool TreeRemover::Enter(FileDescriptor directory, const std::string& name) {
+    struct stat info {};
+    if (!directory.IsOpen() || ::fstat(directory.Get(), &info) != 0) {
+        Failed(errno);
+        return false;
+    }
+    current_ = std::move(directory);
+    if (!levels_.empty()) below_ += "/" + name;
+    levels_.push_back({name, info.st_dev, info.st_ino, {}, false});
+    DirectoryListing listing(current_.Get());
+    while (!IsStopped() && listing.Next()) {
+        if (shield_ && IsShielded(listing.Name(), listing.IsDirectory())) {
+            levels_.back().is_kept = true;
+        } else {
+            RemoveEntry(listing.Name());
+        }
+    }
+    if (listing.Error() != 0) Failed(listing.Error());
+    return true;
+}
+
+bool TreeRemover::IsShielded(const std::string& name, bool is_directory) const {
+    const std::string path = below_.empty() ? name : below_ + "/" + name;
+    return path.size() < PATH_MAX && shield_(path, is_directory);
+}
+
+void TreeRemover::RemoveEntry(const std::string& name) {
+    if (::unlinkat(current_.Get(), name.c_str(), 0) == 0 || errno == ENOENT) return;
+    if (errno == EISDIR) {
+        levels_.back().directories.push_back(name);
+    } else {
+        Failed(errno);
+    }
+}
+
+void TreeRemover::Descend(const std::string& name) {
+    FileDescriptor child = OpenBeneath(current_.Get(), name, O_RDONLY | O_DIRECTORY | O_CLOEXEC,
+                                       MountPoints::kRefused);
+    if (child.IsOpen()) {
+        Enter(std::move(child), name);
+    } else if (errno == ENOTDIR || errno == ELOOP) {
+        // No directory any more: it goes like any entry, and is not tried a third time.
+        if (::unlinkat(current_.Get(), name.c_str(), 0) != 0) Failed(errno);
+    } else if (errno != ENOENT) {
+        Failed(errno);
+    }
+}
+
+/// Removes the emptied current directory and goes back to the one above; false at the end. The
+/// directory above is recognised: "..", too, can lead elsewhere when directories are moved.
+bool TreeRemover::Leave() {
+    const Level done = std::move(levels_.back());
+    levels_.pop_back();
+    FileDescriptor above;
+    if (!levels_.empty()) {
+        below_.resize(below_.size() - done.name.size() - 1);
+        above.Reset(::openat(current_.Get(), "..", kDirectoryFlags));
+        struct stat info {};
+        if (!above.IsOpen() || ::fstat(above.Get(), &info) != 0 ||
+            info.st_dev != levels_.back().device || info.st_ino != levels_.back().inode) {
+            Failed(above.IsOpen() ? EAGAIN : errno);
+            return false;
+        }
+    }
+    current_ = std::move(above);
+    const int directory = levels_.empty() ? parent_ : current_.Get();
+    if (::unlinkat(directory, done.name.c_str(), AT_REMOVEDIR) == 0) return true;
+    if (done.is_kept && errno == ENOTEMPTY) {
+        if (!levels_.empty()) levels_.back().is_kept = true;
+    } else {
+        Failed(errno);
+    }
+    return true;
+}
+
+bool TreeRemover::IsStopped() {
+    if (limit_ms_ == kNoLimit || is_stopped_ || ++looks_ % kEntriesPerLook != 0) return is_stopped_;
+    if (FileContent::IsInterrupted()) {
+        Failed(ECANCELED);
+        is_stopped_ = true;
+    } else if (TimeUtils::GetMonotonicMs() > end_ms_) {
+        Failed(ETIMEDOUT);
+        is_stopped_ = true;
+    }
+    return is_stopped_;
+}
+
+void TreeRemover::Failed(int error) {
+    if (first_error_ == 0) first_error_ = error;
+}
+
+}  // namespace SDK

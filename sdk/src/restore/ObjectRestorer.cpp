@@ -1,0 +1,28 @@
+#include "sdk/restore/ObjectRestorer.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "files/FileContent.h"
+#include "restore/ObjectAttributes.h"
+#include "restore/RestoreSteps.h"
+
+namespace SDK {
+
+ObjectRestorer::Result ObjectRestorer::Restore(const PathAnchor::Entry& copy,
+                                               const PathAnchor::Entry& live, off_t max_size) {
+    if (!copy.IsOpen() || !live.IsOpen()) return {Outcome::kFailed, EBADF, "find"};
+    if (FileContent::IsInterrupted()) return {Outcome::kInterrupted, ECANCELED, "start"};
+    struct stat info {};
+    if (::fstatat(copy.directory.Get(), copy.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+        return {Outcome::kFailed, errno, "look at the copy"};
+    }
+    const bool is_usual =
+        S_ISLNK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_size <= max_size);
+    if (!is_usual) return {Outcome::kUnusual, 0, ""};
+    return ResultOf(RestoreObject({copy.directory.Get(), copy.name},
+                                  {live.directory.Get(), live.name}, info.st_mode));
+}
+
+}  // namespace SDK

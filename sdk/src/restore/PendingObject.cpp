@@ -1,0 +1,167 @@
+#include "restore/PendingObject.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+
+#include "sdk/files/DirUtils.h"
+#include "sdk/restore/ObjectRestorer.h"
+
+namespace SDK {
+
+namespace {
+
+constexpr mode_t kOwnerOnly = 0600;
+constexpr int kMaxTries = 8;  // random names that are all taken: not by chance
+
+std::string RandomName() {
+    std::uint64_t number = 0;
+    if (::getrandom(&number, sizeof(number), 0) != sizeof(number)) return {};
+    std::array<char, 17> digits{};
+    std::snprintf(digits.data(), digits.size(), "%016llx", static_cast<unsigned long long>(number));
+    return std::string(ObjectRestorer::kTemporaryPrefix) + digits.data();
+}
+
+/// Calls `make(name)` with random names until one is free; that name, "" on failure (errno).
+template <typename Make>
+std::string MakeTemporary(Make make) {
+    for (int tries = 0; tries < kMaxTries; ++tries) {
+        std::string name = RandomName();
+        if (name.empty()) return {};
+        if (make(name.c_str()) == 0) return name;
+        if (errno != EEXIST) return {};
+    }
+    return {};
+}
+
+/// Whether the file system, or an old kernel, does not know files without a name.
+bool IsWithoutNamelessFiles(int error) {
+    return error == EOPNOTSUPP || error == EISDIR || error == EINVAL || error == ENOSYS;
+}
+
+bool IsSameObject(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+/// Removes whatever bears the name, if anything does.
+int RemoveAny(int directory, const std::string& name) {
+    return DirUtils::DeleteAt(directory, name) == 0 || errno == ENOENT ? 0 : -1;
+}
+
+}  // namespace
+
+PendingObject::~PendingObject() {
+    const int error = errno;  // of the failure that the caller is about to read
+    if (!temporary_.empty()) ::unlinkat(directory_, temporary_.c_str(), 0);
+    errno = error;
+}
+
+int PendingObject::CreateFile() {
+    object_.Reset(::openat(directory_, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
+    if (object_.IsOpen()) return 0;
+    if (!IsWithoutNamelessFiles(errno)) return -1;
+    temporary_ = MakeTemporary([this](const char* name) {
+        object_.Reset(::openat(directory_, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                               kOwnerOnly));
+        return object_.IsOpen() ? 0 : -1;
+    });
+    return temporary_.empty() ? -1 : 0;
+}
+
+int PendingObject::CreateLink(const std::string& text) {
+    temporary_ = MakeTemporary(
+        [&](const char* name) { return ::symlinkat(text.c_str(), directory_, name); });
+    return temporary_.empty() ? -1 : OpenTemporary(S_IFLNK);
+}
+
+int PendingObject::CreateSpecial(mode_t type, dev_t device) {
+    temporary_ = MakeTemporary(
+        [&](const char* name) { return ::mknodat(directory_, name, type & S_IFMT, device); });
+    return temporary_.empty() ? -1 : OpenTemporary(type & S_IFMT);
+}
+
+int PendingObject::CreateHardLink(int object) {
+    is_second_name_ = true;
+    object_.Reset(::fcntl(object, F_DUPFD_CLOEXEC, 0));
+    return object_.IsOpen() ? NameTemporarily(object) : -1;
+}
+
+// Who may write to the directory can put something else there meanwhile, but nothing that is this
+// process's own and of that kind.
+int PendingObject::OpenTemporary(mode_t type) {
+    object_.Reset(::openat(directory_, temporary_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info {};
+    if (!object_.IsOpen() || ::fstat(object_.Get(), &info) != 0) return -1;
+    if ((info.st_mode & S_IFMT) == type && info.st_uid == ::geteuid() && info.st_nlink == 1) {
+        return 0;
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
+// The descriptor itself can be linked only by who may search all directories, and /proc may be
+// missing.
+int PendingObject::NameIt(int object, const std::string& name) const {
+    if (::linkat(object, "", directory_, name.c_str(), AT_EMPTY_PATH) == 0) return 0;
+    if (errno != ENOENT && errno != EPERM) return -1;
+    return ::linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(object)).c_str(), directory_,
+                    name.c_str(), AT_SYMLINK_FOLLOW);
+}
+
+int PendingObject::NameTemporarily(int object) {
+    temporary_ = MakeTemporary([&](const char* name) { return NameIt(object, name); });
+    return temporary_.empty() ? -1 : 0;
+}
+
+FailedStep PendingObject::PutInPlace(const std::string& name, bool is_taken) {
+    if (temporary_.empty()) {
+        if (!is_taken && NameIt(object_.Get(), name) == 0) return Verify(name);
+        if (!is_taken && errno != EEXIST) return {"link", errno};
+        if (NameTemporarily(object_.Get()) != 0) return {"link", errno};
+    }
+    const FailedStep failed = Replace(name);
+    if (!failed.IsNone()) return failed;
+    // rename(2) does nothing where both are names of one object; else there is nothing to remove.
+    if (is_second_name_) ::unlinkat(directory_, temporary_.c_str(), 0);
+    temporary_.clear();
+    return Verify(name);
+}
+
+FailedStep PendingObject::Replace(const std::string& name) {
+    if (::renameat(directory_, temporary_.c_str(), directory_, name.c_str()) == 0) return {};
+    return errno == EISDIR ? ReplaceDirectory(name) : FailedStep{"rename", errno};
+}
+
+// Exchanging puts the new object there at once, whatever the directory holds. Where the file system
+// cannot exchange, the directory has to go first.
+FailedStep PendingObject::ReplaceDirectory(const std::string& name) {
+    if (::renameat2(directory_, temporary_.c_str(), directory_, name.c_str(), RENAME_EXCHANGE) ==
+        0) {
+        if (RemoveAny(directory_, temporary_) != 0) return {"remove the directory", errno};
+        return {};
+    }
+    if (errno != EINVAL && errno != ENOSYS) return {"rename", errno};
+    if (RemoveAny(directory_, name) != 0) return {"remove the directory", errno};
+    if (::renameat(directory_, temporary_.c_str(), directory_, name.c_str()) != 0) {
+        return {"rename", errno};
+    }
+    return {};
+}
+
+FailedStep PendingObject::Verify(const std::string& name) const {
+    struct stat ours {};
+    struct stat there {};
+    if (::fstat(object_.Get(), &ours) != 0) return {"verify", errno};
+    if (::fstatat(directory_, name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !IsSameObject(ours, there)) {
+        return {"verify", EAGAIN};
+    }
+    return {};
+}
+
+}  // namespace SDK

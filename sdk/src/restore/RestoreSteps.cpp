@@ -1,0 +1,202 @@
+// Restores single objects of each kind. It owns the order of steps; what content, attributes and a
+// replacement are is said in FileContent, ObjectAttributes and PendingObject. It must not resolve
+// paths (PathAnchor does) nor handle directories (TreeRestorer does).
+#include "restore/RestoreSteps.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "files/FileContent.h"
+#include "restore/BackgroundCloser.h"
+#include "restore/PendingObject.h"
+#include "restore/SymbolicLink.h"
+#include "sdk/files/FileDescriptor.h"
+
+namespace SDK {
+
+namespace {
+
+bool IsSameState(const struct stat& one, const struct stat& other) {
+    return one.st_ino == other.st_ino && one.st_size == other.st_size &&
+           one.st_ctim.tv_sec == other.st_ctim.tv_sec &&
+           one.st_ctim.tv_nsec == other.st_ctim.tv_nsec;
+}
+
+/// True when making the live file `copy`'s gives it powers that it does not have now.
+bool GrantsPowers(const ObjectAttributes& copy) {
+    return (copy.info.st_mode & (S_ISUID | S_ISGID)) != 0 ||
+           copy.extended.count("security.capability") != 0;
+}
+
+/// The restore of one regular file. One use.
+class FileRestore {
+  public:
+    FileRestore(Place copy, Place live) : copy_place_(copy), live_(live) {}
+
+    FailedStep Run() {
+        FailedStep failed = OpenCopy();
+        if (!failed.IsNone()) return failed;
+        struct stat live {};
+        const int found =
+            ::fstatat(live_.directory, live_.name.c_str(), &live, AT_SYMLINK_NOFOLLOW);
+        if (found != 0 && errno != ENOENT) return {"look at the file", errno};
+        if (found != 0) return Replace(false);
+        bool is_done = false;
+        if (S_ISREG(live.st_mode)) failed = KeepWhereEqual(live, is_done);
+        return is_done || !failed.IsNone() ? failed : Replace(true);
+    }
+
+  private:
+    bool IsSmall() const {
+        return copy_.info.st_size <= FileContent::kSmall && !FileContent::HasHoles(copy_.info);
+    }
+
+    FailedStep OpenCopy() {
+        source_.Reset(FileContent::Open(copy_place_.directory, copy_place_.name, copy_.info));
+        if (!source_.IsOpen()) return {"open the copy", errno};
+        const ExtendedAttributeAccess access(source_.Get(), false);
+        if (access.Read(copy_.extended) != 0) return {"read the extended attributes", errno};
+        if (IsSmall() && FileContent::ReadSmall(source_.Get(), copy_.info.st_size, content_) != 0) {
+            return {"read the copy", errno};
+        }
+        return {};
+    }
+
+    /// Sets `is_done` where the live file has the copy's content and may stay.
+    FailedStep KeepWhereEqual(const struct stat& live, bool& is_done) {
+        if (live.st_size != copy_.info.st_size) return {};
+        // Reading a large file first would only delay it where its content is sure to differ.
+        if (!IsSmall() && live.st_mtim.tv_sec != copy_.info.st_mtim.tv_sec) return {};
+        ObjectAttributes present;
+        former_.Reset(FileContent::Open(live_.directory, live_.name, present.info));
+        if (!former_.IsOpen() || present.info.st_ino != live.st_ino) return {};
+        const int equal = IsContentOf(former_.Get());
+        if (equal < 0 && errno == ECANCELED) return {"compare", ECANCELED};
+        if (equal <= 0) return {};
+        const ExtendedAttributeAccess access(former_.Get(), false);
+        if (access.Read(present.extended) != 0) return {};
+        const bool differs =
+            StatDiffers(copy_.info, present.info) || present.extended != copy_.extended;
+        if (!differs) {
+            is_done = true;
+            return {};
+        }
+        if (present.info.st_nlink != 1 || OwnerDiffers(copy_.info, present.info) ||
+            GrantsPowers(copy_)) {
+            return {};
+        }
+        is_done = true;
+        return ApplyAttributes(former_.Get(), OpenedAs::kFile, copy_);
+    }
+
+    int IsContentOf(int file) const {
+        if (!IsSmall()) return FileContent::IsEqual(source_.Get(), file, copy_.info.st_size);
+        std::string content;
+        if (FileContent::ReadSmall(file, copy_.info.st_size, content) != 0) return -1;
+        return content == content_ ? 1 : 0;
+    }
+
+    FailedStep Replace(bool is_taken) {
+        PendingObject pending(live_.directory);
+        if (pending.CreateFile() != 0) return {"create", errno};
+        const int file = pending.Descriptor();
+        const int copied = IsSmall() ? FileContent::Write(file, content_)
+                                     : FileContent::Copy(source_.Get(), file, copy_.info);
+        if (copied != 0) return {"copy", errno};
+        const FailedStep not_set = ApplyAttributes(file, OpenedAs::kFile, copy_);
+        struct stat now {};
+        if (::fstat(source_.Get(), &now) != 0 || !IsSameState(copy_.info, now)) {
+            return {"copy", ESTALE};
+        }
+        if (is_taken) HoldFormer();
+        const FailedStep failed = pending.PutInPlace(live_.name, is_taken);
+        if (former_.IsOpen()) BackgroundCloser::GetInstance().Close(std::move(former_));
+        return failed.IsNone() ? not_set : failed;
+    }
+
+    /// The rename must not wait for the file that it removes.
+    void HoldFormer() {
+        if (former_.IsOpen()) return;
+        former_.Reset(
+            ::openat(live_.directory, live_.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    }
+
+    const Place copy_place_;
+    const Place live_;
+    FileDescriptor source_;
+    FileDescriptor former_;  // the live object, once it has been opened
+    ObjectAttributes copy_;
+    std::string content_;  // of a small copy
+};
+
+FailedStep RestoreLink(Place copy, Place live) {
+    SymbolicLink wanted;
+    FailedStep failed = wanted.Read(copy.directory, copy.name);
+    if (!failed.IsNone()) return failed;
+    struct stat info {};
+    const int found = ::fstatat(live.directory, live.name.c_str(), &info, AT_SYMLINK_NOFOLLOW);
+    if (found != 0 && errno != ENOENT) return {"look at the link", errno};
+    SymbolicLink present;
+    if (found == 0 && S_ISLNK(info.st_mode) && present.Read(live.directory, live.name).IsNone() &&
+        present.IsAs(wanted)) {
+        return {};
+    }
+    PendingObject pending(live.directory);
+    if (pending.CreateLink(wanted.Text()) != 0) return {"create", errno};
+    const FailedStep not_set =
+        ApplyAttributes(pending.Descriptor(), OpenedAs::kPath, wanted.Attributes());
+    failed = pending.PutInPlace(live.name, found == 0);
+    return failed.IsNone() ? not_set : failed;
+}
+
+/// The attributes of an object of any kind, which is not opened for it.
+FailedStep ReadByPath(Place place, ObjectAttributes& found) {
+    const FileDescriptor object(
+        ::openat(place.directory, place.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!object.IsOpen()) return {"open", errno};
+    return ReadAttributes(object.Get(), OpenedAs::kPath, found);
+}
+
+bool IsSpecial(mode_t mode) {
+    return S_ISFIFO(mode) || S_ISSOCK(mode) || S_ISCHR(mode) || S_ISBLK(mode);
+}
+
+FailedStep RestoreSpecial(Place copy, Place live) {
+    ObjectAttributes wanted;
+    FailedStep failed = ReadByPath(copy, wanted);
+    if (!failed.IsNone()) return failed;
+    if (!IsSpecial(wanted.info.st_mode)) return {"open the copy", ESTALE};
+    ObjectAttributes present;
+    const bool is_taken = ReadByPath(live, present).IsNone();
+    if (is_taken && (present.info.st_mode & S_IFMT) == (wanted.info.st_mode & S_IFMT) &&
+        present.info.st_rdev == wanted.info.st_rdev && !StatDiffers(wanted.info, present.info) &&
+        present.extended == wanted.extended) {
+        return {};
+    }
+    PendingObject pending(live.directory);
+    if (pending.CreateSpecial(wanted.info.st_mode, wanted.info.st_rdev) != 0) {
+        return {"create", errno};
+    }
+    const FailedStep not_set = ApplyAttributes(pending.Descriptor(), OpenedAs::kPath, wanted);
+    failed = pending.PutInPlace(live.name, is_taken);
+    return failed.IsNone() ? not_set : failed;
+}
+
+}  // namespace
+
+FailedStep RestoreObject(Place copy, Place live, mode_t mode) {
+    if (S_ISREG(mode)) return FileRestore(copy, live).Run();
+    return S_ISLNK(mode) ? RestoreLink(copy, live) : RestoreSpecial(copy, live);
+}
+
+ObjectRestorer::Result ResultOf(const FailedStep& failed) {
+    if (failed.IsNone()) return {ObjectRestorer::Outcome::kRestored, 0, ""};
+    if (failed.error == ECANCELED)
+        return {ObjectRestorer::Outcome::kInterrupted, ECANCELED, failed.step};
+    return {ObjectRestorer::Outcome::kFailed, failed.error, failed.step};
+}
+
+}  // namespace SDK
