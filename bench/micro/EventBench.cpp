@@ -116,7 +116,7 @@ class Bench {
         while (task_.QueueLength() > 0) Rest();
     }
     static unsigned Removals() {
-        const Json::Value status = Engine::SentrelStatus::Instance().ToJson(Json::Value());
+        const Json::Value status = Engine::SentrelStatus::Instance().ToJson(Json::Value(), {});
         return status["counters"]["removals_done"].asUInt();
     }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/ModuleLogger.h"
+#include "base/RsyncPaths.h"
 #include "rsync/RsyncKeys.h"
 #include "utils/SentrelUtils.h"
 
@@ -34,8 +35,8 @@ std::string DaemonConf(const SentrelUtils& settings) {
            "\t# Minimal configuration file for rsync daemon\n"
            "\t# See rsync(1) and rsyncd.conf(5) man pages for help\n"
            "\tpid file = " +
-           settings.install_path +
-           "bin/morvane_rsyncd.pid\n"
+           RsyncPaths::DaemonPidFile(settings.install_path) +
+           "\n"
            "\tport = " +
            std::to_string(settings.backupserver_port) +
            "\n"
@@ -52,8 +53,8 @@ std::string DaemonConf(const SentrelUtils& settings) {
            "\tmax connections = 50\n"
            "\t#This will give you a separate log file\n"
            "\tlog file = " +
-           log_dir +
-           "/morvane_rsync.log\n"
+           RsyncPaths::DaemonLog(log_dir) +
+           "\n"
            "\ttransfer logging = yes\n"
            "\tlog format = %t %a %m %f %b\n"
            "\ttimeout = 300\n"
@@ -65,8 +66,8 @@ std::string DaemonConf(const SentrelUtils& settings) {
            "\tignore errors\n"
            "\tauth users = morvane_agent\n"
            "\tsecrets file = " +
-           settings.install_path +
-           "conf/rsync_server.secrets\n"
+           RsyncPaths::Secrets(settings.install_path, "server") +
+           "\n"
            "\tcomment = This is morvane_agent home data\n"
            "\n";
 }
@@ -108,7 +109,7 @@ bool BackUpServerPolicy::GetIpExist() {
 
 bool BackUpServerPolicy::WriteRsyncConf() {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
-    const std::string conf_path = utils->install_path + "conf/morvane_rsync.conf";
+    const std::string conf_path = RsyncPaths::DaemonConf(utils->install_path);
     SDK::FileUtils::TalDeleteFile(conf_path);
     if (!GetIpExist()) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "backupserver ip[%s] not exist.",

@@ -8,7 +8,8 @@
 #include <sdk/log/Log.h>
 
 #include "base/ModuleLogger.h"
-#include "feature_backupserver/BackUpServerStatus.h"
+#include "base/RsyncPaths.h"
+#include "status/BackUpServerStatus.h"
 #include "utils/SentrelUtils.h"
 #include "utils/TaskSteps.h"
 
@@ -39,15 +40,15 @@ int BackUpServerTask::Run() {
 
 void BackUpServerTask::RestartWhenDead() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    if (utils->is_stopping_daemon) return;  // it would come back with its old configuration
-    const std::string pid_file = utils->install_path + "bin/morvane_rsyncd.pid";
+    if (utils->IsStoppingDaemon()) return;  // it would come back with its old configuration
+    const std::string pid_file = RsyncPaths::DaemonPidFile(utils->install_path);
     int pid = 0;
     if (utils->GetRsyncRunningPid(pid_file, pid)) return;
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "pid not running: %d", pid);
     if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
         SDK_LOG(ModuleLogger(), PRIO_TRACE, "remove file: %s", pid_file);
     }
-    if (!utils->RunRsyncDaemon(utils->install_path + "conf/morvane_rsync.conf")) {
+    if (!utils->RunRsyncDaemon(RsyncPaths::DaemonConf(utils->install_path))) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "run rsync daemon failed");
         return;
     }
@@ -56,7 +57,7 @@ void BackUpServerTask::RestartWhenDead() {
 
 void BackUpServerTask::RotateLog() {
     const std::string log =
-        Framework::ConfigManager::GetInstance().GetLoggerConfig().directory + "/morvane_rsync.log";
+        RsyncPaths::DaemonLog(Framework::ConfigManager::GetInstance().GetLoggerConfig().directory);
     long size = 0;
     if (SDK::FileUtils::GetFileSize(log, size) != 0 || size < kRotateBytes) return;
     const std::string rotated = log + ".0";

@@ -11,6 +11,7 @@
 
 #include "SentrelModule.h"
 #include "base/ModuleLogger.h"
+#include "base/RsyncPaths.h"
 #include "utils/SentrelUtils.h"
 
 namespace Engine {
@@ -55,14 +56,14 @@ int SentrelModule::GetPasswdServer(const std::string& request) {
     std::string passwd;
     const int result = ReadPassword(request, passwd);
     if (result != 0 || passwd.empty()) return result;
-    return WriteSecret(InstallPath() + "conf/rsync_server.secrets", "morvane_agent:" + passwd);
+    return WriteSecret(RsyncPaths::Secrets(InstallPath(), "server"), "morvane_agent:" + passwd);
 }
 
 int SentrelModule::GetPasswdClient(const std::string& request) {
     std::string passwd;
     const int result = ReadPassword(request, passwd);
     if (result != 0 || passwd.empty()) return result;
-    return WriteSecret(InstallPath() + "conf/rsync_client.secrets", passwd);
+    return WriteSecret(RsyncPaths::Secrets(InstallPath(), "client"), passwd);
 }
 
 }  // namespace Engine

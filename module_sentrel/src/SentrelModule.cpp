@@ -5,13 +5,13 @@
 
 #include <framework/Callbacks.h>
 #include <framework/Engine.h>
+#include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 
 #include <new>
 
 #include "base/ModuleLogger.h"
 #include "base/WorkClock.h"
-#include "feature_backupserver/BackUpServerStatus.h"
 #include "feature_backupserver/BackUpServerTask.h"
 #include "feature_sentrel/SentrelBackupTask.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
@@ -19,6 +19,7 @@
 #include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
 #include "feature_sentrel/schedule/ScheduleStatus.h"
 #include "places/TrustedPlaces.h"
+#include "status/BackUpServerStatus.h"
 #include "status/SentrelStatus.h"
 #include "status/WatchList.h"
 #include "utils/SentrelUtils.h"
@@ -53,9 +54,14 @@ void DeleteTask(TaskClass*& task, const std::string& what) {
 }
 
 Json::Value AnswerStatus() {
-    Json::Value answer = SentrelStatus::Instance().ToJson(AskForWatches());
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    Json::Value answer = SentrelStatus::Instance().ToJson(
+        AskForWatches(),
+        {utils->is_run, utils->local_backup_pending, utils->remote_backup_pending});
+    answer["rsync"] = utils->Rsync().ToJson();
     answer["schedule"] = ScheduleStatus::Instance().ToJson(WorkClock::Now());
-    answer["backup_server"] = BackUpServerStatus::Instance().ToJson();
+    answer["backup_server"] = BackUpServerStatus::Instance().ToJson(
+        RsyncDaemon::FindOwn(SDK::PathUtils::GetInstallationPath()));
     answer["unsafe_places"] = TrustedPlaces::Instance().ToJson();
     return answer;
 }
@@ -72,7 +78,8 @@ SentrelModule::~SentrelModule() {
 
 bool SentrelModule::Init() {
     SentrelUtils::GetInstance()->Init();
-    SentrelUtils::GetInstance()->DropForeignPidFile();
+    RsyncDaemon::DropForeignPidFile(SDK::PathUtils::GetInstallationPath());
+    SentrelUtils::GetInstance()->Rsync().Reset();
     SentrelStatus::Instance().Reset();
     ScheduleStatus::Instance().Reset();
     BackUpServerStatus::Instance().Reset();

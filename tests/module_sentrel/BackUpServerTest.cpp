@@ -13,8 +13,8 @@
 #include "Installation.h"
 #include "SentrelModule.h"
 #include "feature_backupserver/BackUpServerPolicy.h"
-#include "feature_backupserver/BackUpServerStatus.h"
 #include "feature_backupserver/BackUpServerTask.h"
+#include "status/BackUpServerStatus.h"
 #include "support/WaitFor.h"
 #include "utils/SentrelUtils.h"
 
@@ -138,9 +138,7 @@ TEST_F(BackUpServer, PidFileOfAnotherProcess_IsDroppedAtTheStartAndObeyedLater) 
         return SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(other));
     };
     install_.dir.Write("bin/morvane_rsyncd.pid", std::to_string(other));
-    int pid = 0;
-    EXPECT_FALSE(utils_->GetDaemonPid(pid_file_, pid));
-    EXPECT_EQ(pid, other);
+    EXPECT_FALSE(Engine::RsyncDaemon::FindOwn(install_.Path()));
     {
         Engine::SentrelModule module;
         test::RunningEngine running(install_.log);
@@ -168,7 +166,7 @@ TEST_F(BackUpServer, DaemonOfOurs_IsKeptAtTheStart) {
     ASSERT_TRUE(utils_->RunRsyncDaemon(conf_));
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
     const int pid = RunningPid();
-    utils_->DropForeignPidFile();
+    Engine::RsyncDaemon::DropForeignPidFile(install_.Path());
     EXPECT_EQ(RunningPid(), pid);
 }
 
@@ -177,8 +175,8 @@ TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
     ASSERT_TRUE(Parse(Document()));
     auto& status = Engine::BackUpServerStatus::Instance();
     status.SetOn("127.0.0.1", port_, utils_->backupserver_path);
-    EXPECT_EQ(test::Text(status.ToJson()["pid"]) + test::Text(status.ToJson()["last_start"]),
-              "nullnull");
+    const auto told = [&] { return status.ToJson(Engine::RsyncDaemon::FindOwn(install_.Path())); };
+    EXPECT_EQ(test::Text(told()["pid"]) + test::Text(told()["last_start"]), "nullnull");
     Engine::BackUpServerTask task;
     EXPECT_EQ(task.Run(), 0);
     EXPECT_EQ(install_.Debugs("pid not running: 0"), 1);
@@ -186,15 +184,15 @@ TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
     const int first = RunningPid();
     task.Run();
     EXPECT_EQ(RunningPid(), first);
-    EXPECT_EQ(status.ToJson()["pid"], first);
-    EXPECT_EQ(status.ToJson()["restarts"].asInt(), 0);
-    EXPECT_GT(status.ToJson()["last_start"].asInt64(), 0);
+    EXPECT_EQ(told()["pid"], first);
+    EXPECT_EQ(told()["restarts"].asInt(), 0);
+    EXPECT_GT(told()["last_start"].asInt64(), 0);
     ASSERT_EQ(::kill(first, SIGKILL), 0);
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() == 0; }, 10s));
     task.Run();
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
     EXPECT_NE(RunningPid(), first);
-    EXPECT_TRUE(status.ToJson()["running"].asBool() && status.ToJson()["restarts"].asInt() == 1);
+    EXPECT_TRUE(told()["running"].asBool() && told()["restarts"].asInt() == 1);
     EXPECT_TRUE(task.UnInit());
     EXPECT_EQ(RunningPid(), 0);
     EXPECT_FALSE(fs::exists(pid_file_));

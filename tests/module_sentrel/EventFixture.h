@@ -133,7 +133,9 @@ class Event : public ::testing::Test {
         EXPECT_EQ(std::distance(fs::begin(entries), fs::end(entries)), 2);
     }
     static int Counter(const std::string& name) {
-        return Engine::SentrelStatus::Instance().ToJson(Json::Value())["counters"][name].asInt();
+        return Engine::SentrelStatus::Instance()
+            .ToJson(Json::Value(), {})["counters"][name]
+            .asInt();
     }
     std::string Content(const std::string& name) const {
         return TempDir::Read(data_.Path("site/" + name));

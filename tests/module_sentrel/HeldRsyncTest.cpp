@@ -57,7 +57,7 @@ class HeldRsync : public ::testing::Test {
         ExpectAllGone();
         fs::remove(install_.dir.Path("bin/rsync"));
         install_.UseRealRsync();
-        utils_->copy_idle_period = Engine::kCopyIdlePeriod;
+        utils_->copy_idle_period = Engine::RsyncCopies::kIdlePeriod;
     }
 
     test::Installation install_;

@@ -178,7 +178,7 @@ class OpenBackup : public ::testing::Test {
     }
     Json::Value OpenInStatus() const {
         Engine::SentrelStatus::Instance().PublishPaths({{"id", rule_}});
-        const Json::Value status = Engine::SentrelStatus::Instance().ToJson(Json::Value());
+        const Json::Value status = Engine::SentrelStatus::Instance().ToJson(Json::Value(), {});
         return status["protected_paths"][0]["open_objects"];
     }
     void UseRsyncThat(const std::string& body) const {

@@ -7,12 +7,10 @@
 #include "Installation.h"
 #include "rsync/RsyncEnvironment.h"
 #include "rsync/RsyncVersion.h"
-#include "status/SentrelStatus.h"
 #include "utils/SentrelUtils.h"
 
 namespace {
 
-using Engine::SentrelStatus;
 using Engine::SentrelUtils;
 using Poco::Message;
 
@@ -85,13 +83,13 @@ TEST_F(Provision, OldRsync_IsUsedWithOneWarningAndAMarkInTheStatus) {
     const std::string reason = "rsync 3.2.7 is older than 3.5.0: follows planted links as root";
     EXPECT_EQ(install_.log.Texts(Message::PRIO_WARNING),
               std::vector<std::string>{"rsync degraded: " + reason + "."});
-    Json::Value rsync = SentrelStatus::Instance().ToJson(Json::Value())["rsync"];
+    Json::Value rsync = utils_->Rsync().ToJson();
     EXPECT_EQ(rsync["version"], "3.2.7");
     EXPECT_TRUE(rsync["degraded"].asBool());
     EXPECT_EQ(rsync["reason"], reason);
     Offer("#!/bin/sh\necho 'rsync  version v3.10.1  protocol version 33'\n");
     EXPECT_TRUE(utils_->DownloadRsync());
-    rsync = SentrelStatus::Instance().ToJson(Json::Value())["rsync"];
+    rsync = utils_->Rsync().ToJson();
     EXPECT_EQ(rsync["version"], "3.10.1");
     EXPECT_FALSE(rsync["degraded"].asBool());
     EXPECT_TRUE(Engine::FollowsPlantedLinks("3.4.99") && !Engine::FollowsPlantedLinks("3.5.0"));
@@ -101,8 +99,7 @@ TEST_F(Provision, PreloadLibrary_IsUsedWhereItCanBeLoadedAndNotSwitchedOff) {
     const auto why_not = [this] {
         Offer("#!/bin/sh\necho 'rsync  version 3.5.0  protocol version 32'\n");
         EXPECT_TRUE(utils_->DownloadRsync());
-        const Json::Value preload =
-            SentrelStatus::Instance().ToJson(Json::Value())["rsync"]["preload"];
+        const Json::Value preload = utils_->Rsync().ToJson()["preload"];
         EXPECT_EQ(preload["in_use"].asBool(), preload["reason"].asString().empty());
         std::string output;
         EXPECT_EQ(SDK::ExecuteCmdUtils::ExecuteCmd(rsync_, output, 4096), 0);

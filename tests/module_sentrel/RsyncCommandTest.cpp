@@ -118,7 +118,7 @@ TEST_F(RsyncCommand, WatchLimit_AppendsItsLineEachTimeAndReloads) {
     install_.WriteScript("fake/sudo", "exec sleep 600");
     utils_->watch_limit_period = std::chrono::milliseconds(300);
     EXPECT_FALSE(utils_->SetInotifyMaxUserWatches());
-    utils_->watch_limit_period = Engine::kWatchLimitPeriod;
+    utils_->watch_limit_period = Engine::WatchLimit::kPeriod;
     EXPECT_EQ(install_.Debugs("Exec cmd [" + command + "] failed, infor:."), 2);
 }
 

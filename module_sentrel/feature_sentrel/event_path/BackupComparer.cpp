@@ -13,9 +13,9 @@
 #include <cerrno>
 
 #include "base/DirectoryNames.h"
+#include "base/FileComparison.h"
 #include "base/ModuleLogger.h"
 #include "base/PathText.h"
-#include "utils/SentrelUtils.h"
 
 namespace Engine {
 

@@ -11,6 +11,9 @@
 #include <filesystem>
 #include <vector>
 
+#include "base/BackupType.h"
+#include "base/PathText.h"
+#include "base/RsyncPaths.h"
 #include "rsync/RsyncKeys.h"
 
 namespace Engine {
@@ -24,12 +27,7 @@ constexpr std::size_t kMaxHashLength = 128;
 constexpr std::size_t kDigestLength = 64;
 constexpr std::size_t kMaxHostName = 253;
 constexpr int kMaxPort = 65535;
-constexpr int kLocalAndRemote = 2;
-constexpr int kHighestBackupType = 3;
-
-bool BeginsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
+constexpr int kHighestBackupType = kRemoteByOthers;
 
 bool IsHostName(const std::string& text) {
     if (text.empty() || text.size() > kMaxHostName || text.front() == '-') return false;
@@ -146,8 +144,7 @@ void CheckOwnAddress(const std::string& address, const std::string& place,
 
 /// rsync's password of that role may be handed in later.
 void CheckPassword(const std::string& role, const std::string& place, PolicyFindings& findings) {
-    const std::string file =
-        SDK::PathUtils::GetInstallationPath() + "conf/rsync_" + role + ".secrets";
+    const std::string file = RsyncPaths::Secrets(SDK::PathUtils::GetInstallationPath(), role);
     std::error_code error;
     if (std::filesystem::exists(file, error)) return;
     findings.Warning(place, "no password is set yet: use morvanectl secret set " + role);
@@ -185,7 +182,7 @@ void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
     if (type < 0 || type > kHighestBackupType) {
         findings.Warning(PointerTo(pointer, "backup_type"),
                          "unknown backup type, it is taken as 0 (local backup only)");
-    } else if (type == 1 || type == kHighestBackupType) {
+    } else if (!MakesLocalCopies(type)) {
         findings.Warning(PointerTo(pointer, "backup_type"),
                          "with this backup type no backup copy is made on this host");
     }

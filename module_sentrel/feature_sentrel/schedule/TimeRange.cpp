@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "utils/SentrelUtils.h"
+#include "base/WorkClock.h"
 
 namespace Engine {
 

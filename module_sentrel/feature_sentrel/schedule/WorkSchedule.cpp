@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "feature_sentrel/schedule/TimeRange.h"
+#include "utils/SentrelUtils.h"
 
 namespace Engine {
 

@@ -3,8 +3,9 @@
 #include <array>
 #include <ctime>
 #include <optional>
+#include <string>
 
-#include "utils/SentrelUtils.h"
+#include "base/WorkClock.h"
 
 namespace Engine {
 

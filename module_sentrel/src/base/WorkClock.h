@@ -4,6 +4,9 @@
 
 namespace Engine {
 
+constexpr int kMinutesPerDay = 1440;
+constexpr int kDaysPerWeek = 7;
+
 /// The time of day that the schedule goes by: what the gate, the age of alarms and the status take
 /// for the present. Any thread.
 class WorkClock {

@@ -1,6 +1,6 @@
-// Decides what bin/rsync gets beside the environment of all commands, and tells the command runner
-// and the status. What the library does is in its own source, what the options are for in
-// conf/home/.popt; neither must reach any command but rsync. Keeps nothing.
+// Decides what bin/rsync gets beside the environment of all commands, and tells the command runner.
+// It must not reach any command but rsync. The library's own source says what the library does,
+// conf/home/.popt what the options are for. Stateless.
 #include "rsync/RsyncEnvironment.h"
 
 #include <framework/ConfigManager.h>
@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include "base/ModuleLogger.h"
-#include "status/SentrelStatus.h"
 
 namespace Engine {
 
@@ -71,13 +70,10 @@ bool HasChecksum(const std::string& version_text, const std::string& name) {
     return (line + " ").find(" " + name + " ") != std::string::npos;
 }
 
-void SetUpRsync(const std::string& path, const std::string& version_text) {
+std::string SetUpRsync(const std::string& path, const std::string& version_text) {
     const std::vector<std::string> home = HomeFor(version_text);
     ExecuteCmdUtils::SetProgramEnvironment(path, home);
-    if (IsSwitchedOff()) {
-        SentrelStatus::Instance().SetRsyncPreload(false, "switched off in conf/agent.json");
-        return;
-    }
+    if (IsSwitchedOff()) return "switched off in conf/agent.json";
     const std::string library = SDK::PathUtils::GetInstallationPath() + "lib/librsync_preload.so";
     std::string obstacle = Obstacle(library);
     if (obstacle.empty()) {
@@ -87,10 +83,10 @@ void SetUpRsync(const std::string& path, const std::string& version_text) {
         if (!AnswersTheSame(path, version_text))
             obstacle = library + " cannot be loaded into rsync";
     }
-    SentrelStatus::Instance().SetRsyncPreload(obstacle.empty(), obstacle);
-    if (obstacle.empty()) return;
+    if (obstacle.empty()) return "";
     ExecuteCmdUtils::SetProgramEnvironment(path, home);
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "rsync works, but ends slowly: %s.", obstacle);
+    return obstacle;
 }
 
 }  // namespace Engine

@@ -4,16 +4,16 @@
 
 namespace Engine {
 
-/// Gives the executable at `path`, and no other command, what makes it quick: from now on
-/// - lib/librsync_preload.so is loaded into it, which ends it without its sleeps. Not where
-///   conf/agent.json says "rsync_preload": false, nor where the library is missing or cannot be
-///   loaded: rsync then works the same, only slower, the log and the status say why;
-/// - it reads the option aliases of conf/home/sha1, which name the checksums instead of leaving
-/// them
-///   to be negotiated, when it has these.
-/// `version_text` is what `path` --version prints with nothing of this. Blocks for the moment that
-/// the program runs. Any thread.
-void SetUpRsync(const std::string& path, const std::string& version_text);
+/// Gives the executable at `path`, and no other command, what makes it quick:
+/// - lib/librsync_preload.so is loaded into it and ends its sleeps. Not where conf/agent.json says
+///   "rsync_preload": false, nor where the library is missing or cannot be loaded: rsync then works
+///   the same, only slower.
+/// - It reads the option aliases of conf/home/sha1, which name the checksums instead of having them
+///   negotiated, when it has these checksums.
+/// Returns why the library is not in use; empty when it is. A fault is also logged. `version_text`
+/// is what `path` --version prints before this call. Blocks until the program has answered, at most
+/// 5 seconds. Thread-safe.
+std::string SetUpRsync(const std::string& path, const std::string& version_text);
 
 /// True when the rsync that printed this has the checksum.
 bool HasChecksum(const std::string& version_text, const std::string& name);

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "base/PathText.h"
+#include "base/RsyncPaths.h"
 #include "places/RuleAnchors.h"
 #include "progress/BackupProgress.h"
 #include "rsync/RsyncExclusions.h"
@@ -212,7 +213,7 @@ CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
 void RsyncLauncher::Install() {
     static std::mutex mutex;
     static std::string installed;
-    const std::string program = SDK::PathUtils::GetInstallationPath() + "bin/rsync";
+    const std::string program = RsyncPaths::Program(SDK::PathUtils::GetInstallationPath());
     const std::lock_guard<std::mutex> lock(mutex);
     if (program == installed) return;
     SDK::ExecuteCmdUtils::SetProgramHandler(installed, nullptr);

@@ -12,10 +12,4 @@ std::string RsyncVersionFromText(const std::string& text);
 /// directory, as whoever runs them.
 bool FollowsPlantedLinks(const std::string& version);
 
-/// Asks the executable at `path` for its version and notes it in the status; warns once in the log
-/// when it is too old or unknown; then sets it up (SetUpRsync). Asked once per
-/// installed file: `installed_anew` asks again. Blocks for the moment that the program runs. Any
-/// thread.
-void NoteRsyncVersion(const std::string& path, bool installed_anew);
-
 }  // namespace Engine

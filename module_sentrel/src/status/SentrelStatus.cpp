@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "status/WatchList.h"
-#include "utils/SentrelUtils.h"
 
 namespace Engine {
 
@@ -101,48 +100,19 @@ void SentrelStatus::SetProblem(const std::string& real_path, const std::string& 
     history_[real_path].problem = text;
 }
 
-bool SentrelStatus::IsRsyncKnown() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return rsync_known_;
-}
-
-void SentrelStatus::ForgetRsync() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    rsync_known_ = false;
-}
-
-void SentrelStatus::SetRsync(const std::string& version, const std::string& degraded_reason) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    rsync_known_ = true;
-    rsync_version_ = version;
-    degraded_reason_ = degraded_reason;
-}
-
-void SentrelStatus::SetRsyncPreload(bool in_use, const std::string& reason) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    preload_in_use_ = in_use;
-    no_preload_reason_ = reason;
-}
-
-Json::Value SentrelStatus::ToJson(const Json::Value& watches) const {
-    const SentrelUtils* utils = SentrelUtils::GetInstance();
+Json::Value SentrelStatus::ToJson(const Json::Value& watches, const RunFlags& flags) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     Json::Value answer(Json::objectValue);
     answer["protection"]["on"] = on_;
     answer["protection"]["monitor_only"] = monitor_only_;
-    answer["protection"]["working"] = on_ && utils->is_run;
+    answer["protection"]["working"] = on_ && flags.is_run;
     answer["protected_paths"] = PathsToJson(watches);
     answer["backup"]["type"] = backup_type_;
-    answer["backup"]["local_pending"] = on_ && utils->local_backup_pending;
-    answer["backup"]["remote_pending"] = on_ && utils->remote_backup_pending;
-    answer["rsync"]["version"] = rsync_version_;
-    answer["rsync"]["degraded"] = !degraded_reason_.empty();
-    answer["rsync"]["reason"] = degraded_reason_;
+    answer["backup"]["local_pending"] = on_ && flags.local_backup_pending;
+    answer["backup"]["remote_pending"] = on_ && flags.remote_backup_pending;
     answer["backlog"]["deferred"] = static_cast<Json::UInt64>(deferred_);
     answer["backlog"]["failed"] = static_cast<Json::UInt64>(failed_);
     answer["backlog"]["trees_to_compare"] = static_cast<Json::UInt64>(trees_);
-    answer["rsync"]["preload"]["in_use"] = preload_in_use_;
-    answer["rsync"]["preload"]["reason"] = no_preload_reason_;
     answer["counters"] = CountersToJson();
     return answer;
 }
@@ -209,11 +179,6 @@ void SentrelStatus::Reset() {
     paths_.clear();
     history_.clear();
     exclusions_.clear();
-    rsync_known_ = false;
-    rsync_version_.clear();
-    degraded_reason_.clear();
-    preload_in_use_ = false;
-    no_preload_reason_.clear();
 }
 
 }  // namespace Engine

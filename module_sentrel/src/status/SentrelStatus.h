@@ -77,16 +77,16 @@ class SentrelStatus {
     /// What keeps a path from being protected at this moment; empty when nothing does.
     void SetProblem(const std::string& real_path, const std::string& text);
 
-    bool IsRsyncKnown() const;
-    void ForgetRsync();  ///< another file is installed
-    /// `degraded_reason` empty: nothing is wrong with it.
-    void SetRsync(const std::string& version, const std::string& degraded_reason);
-    /// Whether rsync ends without its sleeps, and if not, why.
-    void SetRsyncPreload(bool in_use, const std::string& reason);
+    /// What the settings say at the moment of the query.
+    struct RunFlags {
+        bool is_run = false;
+        bool local_backup_pending = false;
+        bool remote_backup_pending = false;
+    };
 
-    /// The answer to the query "status.sentrel". `watches` is the answer to "filenotify.watches",
-    /// or null.
-    Json::Value ToJson(const Json::Value& watches) const;
+    /// Most of the answer to the query "status.sentrel". `watches` is the answer to
+    /// "filenotify.watches", or null.
+    Json::Value ToJson(const Json::Value& watches, const RunFlags& flags) const;
 
     void Reset();
 
@@ -117,11 +117,6 @@ class SentrelStatus {
     std::vector<ProtectedPath> paths_;
     std::map<std::string, History> history_;                      ///< by real_path
     std::map<std::string, std::vector<std::string>> exclusions_;  ///< by real_path
-    bool rsync_known_ = false;
-    std::string rsync_version_;
-    std::string degraded_reason_;
-    bool preload_in_use_ = false;
-    std::string no_preload_reason_;
 };
 
 }  // namespace Engine

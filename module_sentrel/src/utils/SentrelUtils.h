@@ -2,46 +2,30 @@
 
 #include <Poco/Logger.h>
 #include <Poco/Mutex.h>
-#include <sys/stat.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <list>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
+#include "base/BackupType.h"
 #include "base/SentrelDirRule.h"
+#include "base/WorkClock.h"
+#include "rsync/RsyncCopies.h"
+#include "rsync/RsyncDaemon.h"
+#include "rsync/RsyncProvision.h"
+#include "utils/WatchLimit.h"
 
 namespace Engine {
 
-/// Direction of a local copy.
-enum rsync_mode : int {
-    RSYNC_BACKUP = 0,   ///< the protected path into the backup directory, full path kept below it
-    RSYNC_RESTORE = 1,  ///< the backup copy back over the protected path
-};
-
-constexpr long kDigestLimit = 10 * 1024 * 1024;  ///< bytes of a file that a digest covers
-/// Values of `backup_type` with a meaning of their own; with any other only the local copy is made.
-enum BackupType : int { kRemoteOnly = 1, kLocalAndRemote = 2, kRemoteByOthers = 3 };
-
-/// An rsync within the host of which no process has done anything for so long is held up by
-/// something that it opened, and is ended.
-constexpr std::chrono::seconds kCopyIdlePeriod{15};
-
-/// A sudo or sysctl that takes longer to raise the watch limit is ended.
-constexpr std::chrono::seconds kWatchLimitPeriod{10};
-
-constexpr int kMinutesPerDay = 1440;
-constexpr int kDaysPerWeek = 7;
-
-/// The module's settings, its logger, and the operations that several of its parts share.
+/// The module's settings and logger, and the operations that several of its parts share. It
+/// compares files itself and forwards the rest: each of these operations is described with the
+/// object that carries it out.
 ///
-/// Settings are written by policy callbacks and read by tasks without a lock: the module's gate
-/// keeps a callback apart from Init and Run of the tasks. The three run flags are written by tasks
-/// too, under `mutex`. Operations may be called from any thread; failures are results and logged.
+/// Policy callbacks write the settings, tasks read them without a lock: the module's gate keeps a
+/// callback apart from Init and Run of the tasks. Tasks also write the three run flags, under
+/// `mutex`. The operations are thread-safe; failures are results and logged.
 class SentrelUtils {
   public:
     static SentrelUtils* GetInstance();
@@ -64,67 +48,44 @@ class SentrelUtils {
     bool IsFileFullEqual(const std::string& a, const std::string& b);
     bool IsLengthValid(unsigned int value, unsigned int min, unsigned int max) const;
 
-    // The rsync executable (SentrelProvision.cpp, SentrelRsync.cpp).
+    // The rsync executable: RsyncProvision and InstalledRsync.
 
-    /// Makes sure that bin/rsync is the one that the policy names. Downloads, so it may block for
-    /// as long as that takes. False when the download failed (the old file then stays) or the
-    /// installed file cannot be examined.
+    /// RsyncProvision::Provide with the URL and digest of the settings.
     bool DownloadRsync();
+    InstalledRsync& Rsync() { return provision_.Installed(); }
 
-    /// Copies `src` into the backup directory `dst`, or its backup copy below `dst` back. Blocks
-    /// until rsync has ended, which takes as long as it goes on working; one that is held up is
-    /// ended (`copy_idle_period`). Paths are put on the command line as they stand; where that
-    /// line does not carry each of them as one word, rsync gets the words without the line.
+    // Copies by rsync: RsyncCopies.
+
+    /// RsyncCopies::CopyLocally, ended after `copy_idle_period` without progress.
     bool DoRsyncLocal(const std::string& src, const std::string& dst,
                       const std::list<std::string>& ignored_postfix,
                       const std::list<std::string>& ignored_subdir, rsync_mode mode);
-
-    /// Pushes `src` to the backup server, whatever `mode` says. Blocks until rsync has ended.
+    /// RsyncCopies::Push to the backup server of the settings, whatever `mode` says.
     bool DoRsyncRemote(const std::string& src, rsync_mode mode);
-
     /// In words, why the calling thread's last copy failed; empty after a success.
     std::string LastCopyError() const;
 
-    // The rsync daemon of a backup server (SentrelDaemon.cpp).
+    // The rsync daemon of a backup server: RsyncDaemon, with `install_path`.
 
-    /// Starts bin/rsync as a daemon with that configuration. Always true: whether the daemon lives
-    /// is seen from its pid file at the next pass. Returns when rsync has detached.
     bool RunRsyncDaemon(const std::string& conf_path);
-    /// True when the file names a live process. `pid` is set whenever the file could be read; a
-    /// number that no process can have counts as 0.
     bool GetRsyncRunningPid(const std::string& pid_file, int& pid);
-    /// True when the file names a live process that runs the rsync beside the file as a daemon, by
-    /// its command line. `pid` as above. Reads no settings.
-    bool GetDaemonPid(const std::string& pid_file, int& pid);
-    /// Removes a pid file that does not name our daemon (GetDaemonPid). For the start of the
-    /// module: after a restart of the machine the number may belong to any process, which must
-    /// neither be killed nor be taken for the daemon. Reads no settings.
-    void DropForeignPidFile();
-    /// Kills the process that the pid file names and removes the file. True when nothing is left
-    /// running. Blocks for up to 13 seconds; a policy's callback waits outside the module's gate.
     bool DoStopRsyncDeamon();
+    /// A policy waits for the end of our daemon: nobody may start it now.
+    bool IsStoppingDaemon() const { return daemon_.IsStopping(); }
 
-    /// A policy waits for the end of our daemon, outside the module's gate: nobody may start it
-    /// now.
-    std::atomic<bool> is_stopping_daemon{false};
-
-    // Reports (SentrelReports.cpp).
+    // Reports: ModuleReports.
 
     void SendStatusMsg(const std::string& feature, const std::string& task,
                        const std::string& status);
-    /// Dropped silently when the agent has no command report task.
     void SendExceptionMsg(const std::string& feature, const std::string& exception);
 
-    /// Raises the kernel's inotify watch limit for good; adds a line to /etc/sysctl.conf each time.
-    /// False also when that takes longer than `watch_limit_period`; the command is then killed.
+    /// WatchLimit::Raise within `watch_limit_period`.
     bool SetInotifyMaxUserWatches();
 
-    /// The local backup copies are this module's to make.
-    bool MakesLocalBackup() const {
-        return backup_type != kRemoteOnly && backup_type != kRemoteByOthers;
-    }
+    /// This module makes the local backup copies.
+    bool MakesLocalBackup() const { return MakesLocalCopies(backup_type); }
 
-    // Settings; who writes which is beside the policies.
+    // Settings. The policy classes write them.
     std::atomic<bool> is_run{false};  ///< protection is active at this minute
     std::atomic<bool> local_backup_pending{false};
     std::atomic<bool> remote_backup_pending{false};
@@ -149,20 +110,15 @@ class SentrelUtils {
     std::string backupserver_ip;
     std::string install_path;  ///< ends in "/"; refreshed by each policy
     // Only tests set these.
-    std::chrono::milliseconds copy_idle_period = kCopyIdlePeriod;
-    std::chrono::milliseconds watch_limit_period = kWatchLimitPeriod;
+    std::chrono::milliseconds copy_idle_period = RsyncCopies::kIdlePeriod;
+    std::chrono::milliseconds watch_limit_period = WatchLimit::kPeriod;
 
   private:
     SentrelUtils() = default;
     ~SentrelUtils() = default;
 
-    bool ProvideRsync();
-    bool IsInstalledRsync(const struct stat& info) const;
-    bool RememberInstalledRsync(const std::string& path);
-
-    std::mutex provision_mutex_;  ///< held while bin/rsync is provided; guards what follows
-    bool rsync_is_usable_ = true;
-    struct stat installed_ {};  ///< bin/rsync right after the last successful download
+    RsyncProvision provision_;
+    RsyncDaemon daemon_;
 };
 
 }  // namespace Engine

@@ -1,5 +1,7 @@
 #define SDK_LOG_FILE "SentrelUtils.cpp"
 
+#include "utils/ModuleReports.h"
+
 #include <framework/Engine.h>
 #include <framework/Message.h>
 #include <framework/Task.h>
@@ -9,12 +11,12 @@
 #include <sdk/text/JsonUtils.h>
 #include <sdk/text/StrUtils.h>
 
-#include "utils/SentrelUtils.h"
+#include "base/ModuleLogger.h"
 
 namespace Engine {
 
-void SentrelUtils::SendStatusMsg(const std::string& feature, const std::string& task,
-                                 const std::string& status) {
+void ModuleReports::SendStatus(const std::string& feature, const std::string& task,
+                               const std::string& status) {
     Json::Value body(Json::objectValue);
     body["feature"] = feature;
     body["task"] = task;
@@ -22,7 +24,7 @@ void SentrelUtils::SendStatusMsg(const std::string& feature, const std::string& 
     SendDataMessage("sentrel_status_1", SDK::JsonUtils::JsonToString(body));
 }
 
-void SentrelUtils::SendExceptionMsg(const std::string& feature, const std::string& exception) {
+void ModuleReports::SendException(const std::string& feature, const std::string& exception) {
     static const std::string kReportTask = "cmd_comm_report_task";
     Framework::Task* task = Framework::Engine::Instance().FindTask(kReportTask);
     if (task == nullptr) return;
@@ -31,8 +33,9 @@ void SentrelUtils::SendExceptionMsg(const std::string& feature, const std::strin
     auto* msg = new Framework::CmdMessage("feature_exception_1", body);
     const std::string msg_id = msg->GetMsgId();
     const int result = task->SendDirectMsg(kReportTask, msg);  // takes the message over
-    SDK_LOG(GetLogger(), PRIO_INFORMATION, "send %s to cmd_comm_report_task, length=%lu, result=%d",
-            msg_id, static_cast<unsigned long>(body.size()), result);
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION,
+            "send %s to cmd_comm_report_task, length=%lu, result=%d", msg_id,
+            static_cast<unsigned long>(body.size()), result);
 }
 
 }  // namespace Engine

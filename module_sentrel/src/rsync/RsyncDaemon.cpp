@@ -1,14 +1,15 @@
-// Starts, finds and stops the rsync daemon of a backup server. While the module runs its pid file
-// is taken at its word; what an earlier run of the machine left there is dropped before. It must
-// not write the daemon's configuration (BackUpServerPolicy does) nor decide when it runs
-// (BackUpServerTask does). Stopping blocks the caller for up to 13 seconds, in whole seconds.
+// Owns nothing but the note that the daemon is being stopped. While the module runs, the pid file
+// is believed; one that an earlier run of the machine left is dropped at the start. It must not
+// write the daemon's configuration (BackUpServerPolicy does) nor decide when the daemon runs
+// (BackUpServerTask does).
 #define SDK_LOG_FILE "SentrelUtils.cpp"
+
+#include "rsync/RsyncDaemon.h"
 
 #include <framework/OutsideGate.h>
 #include <sdk/commands/ProcessUtils.h>
 #include <sdk/commands/RunningCommand.h>
 #include <sdk/files/FileUtils.h>
-#include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <signal.h>
 #include <unistd.h>
@@ -21,7 +22,7 @@
 #include <vector>
 
 #include "base/ModuleLogger.h"
-#include "utils/SentrelUtils.h"
+#include "base/RsyncPaths.h"
 
 namespace Engine {
 
@@ -51,8 +52,8 @@ int LeadingNumber(const std::string& text) {
     return fits ? static_cast<int>(number) : 0;
 }
 
-/// Kills the process and waits for its end; false when it cannot be had away. A policy lets the
-/// tasks go on meanwhile: pages are put back while the daemon ends.
+/// Kills the process and waits for its end; false when it cannot be killed or does not end. A
+/// policy lets the tasks go on meanwhile: pages are restored while the daemon ends.
 bool KillAndWait(int pid) {
     if (::kill(pid, SIGKILL) != 0) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "kill pid %d failed.", pid);
@@ -77,26 +78,26 @@ bool KillAndWait(int pid) {
 
 }  // namespace
 
-bool SentrelUtils::RunRsyncDaemon(const std::string& conf_path) {
-    const std::string command = install_path + "bin/rsync --daemon --config=" + conf_path;
-    // Run by its words: the line does not quote the paths, and a shell would take a blank for their
-    // end.
-    SDK::RunningCommand rsync({install_path + "bin/rsync", "--daemon", "--config=" + conf_path},
+bool RsyncDaemon::Start(const std::string& installation, const std::string& conf_path) {
+    const std::string program = RsyncPaths::Program(installation);
+    const std::string command = program + " --daemon --config=" + conf_path;
+    // Run by its words: the line does not quote the paths, and a shell would end them at a blank.
+    SDK::RunningCommand rsync({program, "--daemon", "--config=" + conf_path},
                               SDK::RunningCommand::kNoLimit);
     std::string output;
     int exit_code = 0;
     rsync.Wait(exit_code, output, kMaxOutput);
-    // Only an empty output is searched, so a start never counts as failed here: whether the daemon
-    // lives is seen from its pid file at the next pass.
+    // Only an empty output is searched, so a start never counts as failed here. The pid file tells
+    // at the next pass whether the daemon lives.
     if (output.empty() && output.find("failed") != std::string::npos) {
-        SDK_LOG(GetLogger(), PRIO_ERROR, "Exec cmd [%s] failed, info:%s.", command, output);
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "Exec cmd [%s] failed, info:%s.", command, output);
         return false;
     }
-    SDK_LOG(GetLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command);
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command);
     return true;
 }
 
-bool SentrelUtils::GetRsyncRunningPid(const std::string& pid_file, int& pid) {
+bool RsyncDaemon::GetRunningPid(const std::string& pid_file, int& pid) {
     std::string text;
     if (SDK::FileUtils::ReadFile(pid_file, text, kMaxPidFile) != 0) return false;
     pid = LeadingNumber(text);
@@ -104,34 +105,38 @@ bool SentrelUtils::GetRsyncRunningPid(const std::string& pid_file, int& pid) {
     return SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(pid));
 }
 
-bool SentrelUtils::GetDaemonPid(const std::string& pid_file, int& pid) {
-    if (!GetRsyncRunningPid(pid_file, pid)) return false;
+std::optional<int> RsyncDaemon::FindOwn(const std::string& installation) {
+    int pid = 0;
+    if (!GetRunningPid(RsyncPaths::DaemonPidFile(installation), pid)) return std::nullopt;
     const std::vector<std::string> words = CommandLine(pid);
     const auto has = [&words](const std::string& word) {
         return std::find(words.begin(), words.end(), word) != words.end();
     };
-    return has(pid_file.substr(0, pid_file.rfind('/') + 1) + "rsync") && has("--daemon");
+    const bool is_own = has(RsyncPaths::Program(installation)) && has("--daemon");
+    return is_own ? std::optional<int>(pid) : std::nullopt;
 }
 
-void SentrelUtils::DropForeignPidFile() {
-    const std::string pid_file = SDK::PathUtils::GetInstallationPath() + "bin/morvane_rsyncd.pid";
+void RsyncDaemon::DropForeignPidFile(const std::string& installation) {
+    const std::string pid_file = RsyncPaths::DaemonPidFile(installation);
+    if (FindOwn(installation)) return;
     int pid = 0;
-    if (GetDaemonPid(pid_file, pid) || SDK::FileUtils::TalDeleteFile(pid_file) != 0) return;
-    SDK_LOG(GetLogger(), PRIO_WARNING,
+    GetRunningPid(pid_file, pid);
+    if (SDK::FileUtils::TalDeleteFile(pid_file) != 0) return;
+    SDK_LOG(ModuleLogger(), PRIO_WARNING,
             "%s is removed: it names process %d, which is no rsync daemon of ours", pid_file, pid);
 }
 
-bool SentrelUtils::DoStopRsyncDeamon() {
-    const std::string pid_file = install_path + "bin/morvane_rsyncd.pid";
+bool RsyncDaemon::Stop(const std::string& installation) {
+    const std::string pid_file = RsyncPaths::DaemonPidFile(installation);
     int pid = 0;
-    if (GetRsyncRunningPid(pid_file, pid)) {
-        is_stopping_daemon = true;
+    if (GetRunningPid(pid_file, pid)) {
+        is_stopping_ = true;
         const bool stopped = KillAndWait(pid);
-        is_stopping_daemon = false;
+        is_stopping_ = false;
         if (!stopped) return false;
     }
     if (SDK::FileUtils::TalDeleteFile(pid_file) == 0) {
-        SDK_LOG(GetLogger(), PRIO_TRACE, "remove file: %s", pid_file);
+        SDK_LOG(ModuleLogger(), PRIO_TRACE, "remove file: %s", pid_file);
     }
     return true;
 }

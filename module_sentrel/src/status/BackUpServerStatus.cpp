@@ -1,9 +1,6 @@
-#include "feature_backupserver/BackUpServerStatus.h"
+#include "status/BackUpServerStatus.h"
 
-#include <sdk/files/PathUtils.h>
 #include <sdk/time/TimeUtils.h>
-
-#include "utils/SentrelUtils.h"
 
 namespace Engine {
 
@@ -38,18 +35,15 @@ void BackUpServerStatus::NoteStart() {
     last_start_ = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
-Json::Value BackUpServerStatus::ToJson() const {
-    int pid = 0;
-    const bool running = SentrelUtils::GetInstance()->GetDaemonPid(
-        SDK::PathUtils::GetInstallationPath() + "bin/morvane_rsyncd.pid", pid);
+Json::Value BackUpServerStatus::ToJson(std::optional<int> pid) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     Json::Value answer(Json::objectValue);
     answer["on"] = on_;
     answer["address"] = address_;
     answer["port"] = port_;
     answer["path"] = path_;
-    answer["running"] = running;
-    answer["pid"] = running ? Json::Value(pid) : Json::Value();
+    answer["running"] = pid.has_value();
+    answer["pid"] = pid ? Json::Value(*pid) : Json::Value();
     answer["restarts"] = static_cast<Json::UInt64>(starts_ > 0 ? starts_ - 1 : 0);
     answer["last_start"] =
         last_start_ > 0 ? Json::Value(static_cast<Json::Int64>(last_start_)) : Json::Value();

@@ -1,8 +1,10 @@
 // Builds and runs the rsync commands. It must not decide what is copied when (the tasks do). Each
-// command has a line, which is given and logged, and the words that are meant by it. Only the words
-// are run, and no shell: on the line file names stand as they are, so a name could add words to it,
-// or commands. Keeps no state but each thread's last error.
+// command has a line, which is logged, and the words that the line means. Only the words are run,
+// without a shell: on the line file names stand unquoted, so a name could add words or commands.
+// Stateless; any thread.
 #define SDK_LOG_FILE "SentrelUtils.cpp"
+
+#include "rsync/RsyncCopies.h"
 
 #include <framework/ConfigManager.h>
 #include <sdk/commands/ExecuteCmdUtils.h>
@@ -10,24 +12,21 @@
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <sdk/time/CommandIdleLimit.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "base/ModuleLogger.h"
-#include "utils/SentrelUtils.h"
+#include "base/PathText.h"
+#include "base/RsyncPaths.h"
 
 namespace Engine {
 
 namespace {
 
 constexpr std::size_t kMaxOutput = 4096;
-
-std::string& ThreadError() {
-    thread_local std::string text;
-    return text;
-}
 
 std::string FirstLine(const std::string& text) {
     return text.substr(0, text.find('\n'));
@@ -49,13 +48,13 @@ std::string DescribeFailure(int result, const std::string& output) {
     return "rsync ended with " + std::to_string(result) + ": " + FirstLine(output);
 }
 
-/// One rsync command: its line, the words that are meant, and those of them that are paths.
+/// One rsync command: its line, the words that it means, and those of them that are paths.
 struct Command {
     std::string line;
     std::vector<std::string> words;
     std::vector<std::string> paths;
 
-    /// Appends a word that stands on the line as it is, behind `before`.
+    /// Appends a word, on the line behind `before`.
     void Add(const std::string& before, const std::string& word) {
         line += before + word;
         words.push_back(word);
@@ -70,7 +69,8 @@ struct Command {
     }
 };
 
-/// A relative path would be an option, a place on another host or one below our own directory.
+/// rsync takes a relative path for an option, a place on another host or one below our own working
+/// directory.
 std::string WhyRefused(const Command& command) {
     for (const std::string& path : command.paths) {
         if (path.empty() || path.front() != '/') return "\"" + path + "\" is no absolute path";
@@ -81,7 +81,7 @@ std::string WhyRefused(const Command& command) {
 Command LocalCommand(const std::list<std::string>& ignored_postfix,
                      const std::list<std::string>& ignored_subdir) {
     Command command;
-    command.AddPath("", SDK::PathUtils::GetInstallationPath() + "bin/rsync");
+    command.AddPath("", RsyncPaths::Program(SDK::PathUtils::GetInstallationPath()));
     command.line += " -az -H -X --links --delete-excluded --temp-dir=/tmp ";
     command.words.insert(command.words.end(),
                          {"-az", "-H", "-X", "--links", "--delete-excluded", "--temp-dir=/tmp"});
@@ -90,26 +90,26 @@ Command LocalCommand(const std::list<std::string>& ignored_postfix,
     return command;
 }
 
-/// Adds source and destination of a restore; false when there is no backup copy.
-bool AddRestore(const std::string& src, const std::string& dst, Command& command) {
+/// Adds source and destination of a restore. Returns why there is no backup copy; empty when there
+/// is one.
+std::string AddRestore(const std::string& src, const std::string& dst, Command& command) {
     std::string target = src;
     const std::string backup = dst + target;
     struct stat info {};
     if (::lstat(backup.c_str(), &info) != 0) {
         const int error = errno;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "file:%s  info:%d", backup, error);
-        ThreadError() = "no backup copy " + backup + ": " + std::strerror(error);
-        return false;
+        return "no backup copy " + backup + ": " + std::strerror(error);
     }
-    if (S_ISDIR(info.st_mode) && (target.empty() || target.back() != '/')) target += '/';
+    if (S_ISDIR(info.st_mode)) AppendSlash(target);
     command.AddPath("", dst + target);
     command.AddPath(" ", target);
     command.line += " ";
-    return true;
+    return "";
 }
 
-/// Runs the command to its end and judges what it printed; the thread's last error tells why not.
-bool Run(const Command& command) {
+/// Runs the command to its end and judges what it printed.
+CopyResult Run(const Command& command) {
     std::string output = WhyRefused(command);
     int result = SDK::ExecuteCmdUtils::kStartFailed;
     if (output.empty()) {
@@ -120,63 +120,59 @@ bool Run(const Command& command) {
     }
     if (result == 0 && output.find("error") == std::string::npos) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command.line);
-        ThreadError().clear();
-        return true;
+        return {true};
     }
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Exec cmd [%s] failed, infor:%s.", command.line, output);
-    ThreadError() = DescribeFailure(result, output);
+    const std::string error = DescribeFailure(result, output);
     if (result == SDK::ExecuteCmdUtils::kTimedOut) {
-        SDK_LOG(ModuleLogger(), PRIO_WARNING, "%s: %s", ThreadError(), command.line);
+        SDK_LOG(ModuleLogger(), PRIO_WARNING, "%s: %s", error, command.line);
     }
-    return false;
+    return {false, error};
 }
 
 }  // namespace
 
-bool SentrelUtils::DoRsyncLocal(const std::string& src, const std::string& dst,
-                                const std::list<std::string>& ignored_postfix,
-                                const std::list<std::string>& ignored_subdir, rsync_mode mode) {
+CopyResult RsyncCopies::CopyLocally(const std::string& src, const std::string& dst,
+                                    const std::list<std::string>& ignored_postfix,
+                                    const std::list<std::string>& ignored_subdir, rsync_mode mode,
+                                    std::chrono::milliseconds idle_period) {
     Command command = LocalCommand(ignored_postfix, ignored_subdir);
     if (mode == RSYNC_BACKUP) {
         command.Add(" ", "-R");
         command.AddPath(" ", src);
         command.AddPath(" ", dst);
         command.line += " ";
-    } else if (!AddRestore(src, dst, command)) {
-        return false;
+    } else {
+        const std::string error = AddRestore(src, dst, command);
+        if (!error.empty()) return {false, error};
     }
-    // A pipe in a file's place would hold it for ever, and rsync's own time limit ends only what
-    // waits for the other end.
-    const SDK::CommandIdleLimit limit(copy_idle_period);
+    // A pipe in a file's place would hold rsync for ever: its own time limit ends only what waits
+    // for the other end.
+    const SDK::CommandIdleLimit limit(idle_period);
     return Run(command);
 }
 
-bool SentrelUtils::DoRsyncRemote(const std::string& src, [[maybe_unused]] rsync_mode mode) {
+CopyResult RsyncCopies::Push(const std::string& src, const std::string& address, int port) {
     const std::string install = SDK::PathUtils::GetInstallationPath();
     Command command;
-    command.AddPath("", install + "bin/rsync");
+    command.AddPath("", RsyncPaths::Program(install));
     command.line += " -az -H -X -R --links --delete-excluded";
     command.words.insert(command.words.end(),
                          {"-az", "-H", "-X", "-R", "--links", "--delete-excluded"});
-    command.Add(" ", "--password-file=" + install + "conf/rsync_client.secrets");
-    if (backup_port != 0) {
+    command.Add(" ", "--password-file=" + RsyncPaths::Secrets(install, "client"));
+    if (port != 0) {
         command.Add(" ", "--port");
-        command.Add(" ", std::to_string(backup_port));
+        command.Add(" ", std::to_string(port));
     }
     command.AddPath(" ", src);
     const std::string agent_id = Framework::ConfigManager::GetInstance().GetAgentId();
     if (agent_id.empty()) {
-        SDK_LOG(GetLogger(), PRIO_DEBUG, "agentid pok.");
-        ThreadError() = "the agent has no id";
-        return false;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "agentid pok.");
+        return {false, "the agent has no id"};
     }
-    command.Add(" ", "morvane_agent@" + backup_addr + "::morvane_agent/" + agent_id);
+    command.Add(" ", "morvane_agent@" + address + "::morvane_agent/" + agent_id);
     command.line += " ";
     return Run(command);
-}
-
-std::string SentrelUtils::LastCopyError() const {
-    return ThreadError();
 }
 
 }  // namespace Engine

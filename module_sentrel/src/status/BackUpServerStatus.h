@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace Engine {
@@ -20,9 +21,9 @@ class BackUpServerStatus {
     /// The daemon was started.
     void NoteStart();
 
-    /// {"on","address","port","path","running","pid","restarts","last_start"}. The daemon itself is
-    /// looked up now; "pid" and "last_start" are null when there is none.
-    Json::Value ToJson() const;
+    /// {"on","address","port","path","running","pid","restarts","last_start"}. `pid` is that of the
+    /// daemon, if it runs. "pid" and "last_start" are null when there is none.
+    Json::Value ToJson(std::optional<int> pid) const;
 
     void Reset() { SetOff(); }
 
