@@ -1,9 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -40,10 +42,29 @@ const std::string kAcl(
 constexpr const char* kAccessAcl = "system.posix_acl_access";
 constexpr const char* kDefaultAcl = "system.posix_acl_default";
 
-ObjectRestorer::Result Restore(const std::string& root, const std::string& name) {
+ObjectRestorer::Result Restore(const std::string& root, const std::string& name,
+                               SDK::StagingDirectory* staging = nullptr) {
     const auto copy = PathAnchor::Open(root + "/copy");
     const auto live = PathAnchor::Open(root + "/live");
-    return ObjectRestorer::Restore(copy->OpenParent(name), live->OpenParent(name));
+    return ObjectRestorer::Restore(copy->OpenParent(name), live->OpenParent(name),
+                                   ObjectRestorer::kMaxSize, staging);
+}
+
+/// What inotify tells of the directory while `action` runs: the names, one a line.
+template <typename Action>
+std::string NamesTold(const std::string& directory, Action action) {
+    const SDK::FileDescriptor inotify(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    EXPECT_GE(::inotify_add_watch(inotify.Get(), directory.c_str(), IN_ALL_EVENTS), 0);
+    action();
+    alignas(inotify_event) std::array<char, 65536> buffer{};
+    const ssize_t size = ::read(inotify.Get(), buffer.data(), buffer.size());
+    std::string names;
+    for (ssize_t at = 0; at < size;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
+        if (event->len > 0) names += std::string(event->name) + "\n";
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+    return names;
 }
 
 struct stat StatOf(const std::string& path) {
@@ -209,6 +230,40 @@ TEST_F(Restorer, Holes_StayHoles) {
     in.read(end.data(), 4);
     EXPECT_EQ(begin, "begin");
     EXPECT_EQ(end, std::string("end\0", 4));
+}
+
+TEST_F(Restorer, StagingDirectory_KeepsTheWritingFromTheSitesWatchers) {
+    dir_.Write("copy/page", "good");
+    dir_.Write("live/page", "defaced");
+    SDK::StagingDirectory staging(
+        SDK::FileDescriptor(::open(dir_.Path("bystander").c_str(), O_RDONLY | O_CLOEXEC)));
+    const auto restore = [&] { EXPECT_EQ(Restore(dir_.Path(), "page", &staging).error, 0); };
+    const std::string told = NamesTold(dir_.Path("live"), restore);
+    EXPECT_NE(told.find("page\n"), std::string::npos);
+    EXPECT_EQ(told.find('#'), std::string::npos) << told;
+    EXPECT_GE(staging.Descriptor(), 0);
+    ExpectAsCopy();
+}
+
+TEST_F(Restorer, StagingDirectoryThatCannotBeUsed_IsDoneWithout) {
+    dir_.Write("copy/page", std::string(300000, 'g'));
+    SDK::StagingDirectory elsewhere(
+        SDK::FileDescriptor(::open("/dev/shm", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    if (elsewhere.Descriptor() < 0 || StatOf("/dev/shm").st_dev == StatOf(dir_.Path()).st_dev) {
+        GTEST_SKIP() << "needs two file systems";
+    }
+    dir_.Write("live/page", "defaced");
+    EXPECT_EQ(Restore(dir_.Path(), "page", &elsewhere).outcome, Outcome::kRestored);
+    ExpectAsCopy();
+    EXPECT_LT(elsewhere.Descriptor(), 0) << "each restore would write its file twice";
+
+    fs::create_directory(dir_.Path("staging"));
+    SDK::StagingDirectory removed(
+        SDK::FileDescriptor(::open(dir_.Path("staging").c_str(), O_RDONLY | O_CLOEXEC)));
+    fs::remove_all(dir_.Path("staging"));
+    dir_.Write("live/page", "defaced again");
+    EXPECT_EQ(Restore(dir_.Path(), "page", &removed).outcome, Outcome::kRestored);
+    ExpectAsCopy();
 }
 
 TEST_F(Restorer, WhatIsUnusualOrFails_LeavesEverythingAsItWas) {

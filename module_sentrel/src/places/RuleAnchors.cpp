@@ -35,6 +35,15 @@ bool IsFreshAndOurs(int directory) {
            (info.st_mode & ALLPERMS) == S_IRWXU && NamesIn(directory).empty();
 }
 
+constexpr const char* kScratchName = ".morvane-tmp";
+
+/// Which mount the open directory lies on: a file can be linked within one only. 0: not known.
+std::uint64_t MountOf(int directory) {
+    struct statx info {};
+    const int result = ::statx(directory, "", AT_EMPTY_PATH, STATX_MNT_ID, &info);
+    return result == 0 && (info.stx_mask & STATX_MNT_ID) != 0 ? info.stx_mnt_id : 0;
+}
+
 }  // namespace
 
 AnchoredRule::AnchoredRule(const SentrelDirRule& rule, Anchor parent, Anchor root, Anchor copies)
@@ -43,6 +52,24 @@ AnchoredRule::AnchoredRule(const SentrelDirRule& rule, Anchor parent, Anchor roo
       parent_(std::move(parent)),
       root_(std::move(root)),
       copies_(std::move(copies)) {}
+
+SDK::FileDescriptor AnchoredRule::OpenScratch() const {
+    if (copies_ == nullptr) return {};
+    const int copies = copies_->Descriptor();
+    if (::mkdirat(copies, kScratchName, S_IRWXU) != 0 && errno != EEXIST) return {};
+    return SDK::FileDescriptor(
+        ::openat(copies, kScratchName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+SDK::StagingDirectory* AnchoredRule::Staging() const {
+    std::call_once(staging_once_, [this] {
+        const std::uint64_t mount = copies_ == nullptr ? 0 : MountOf(copies_->Descriptor());
+        const Anchor& live = root_ != nullptr ? root_ : parent_;
+        if (mount == 0 || mount != MountOf(live->Descriptor())) return;
+        staging_ = std::make_unique<SDK::StagingDirectory>(OpenScratch());
+    });
+    return staging_.get();
+}
 
 bool AnchoredRule::Below(const std::string& path, std::string_view& below) const {
     if (!BeginsWith(path, root_path_)) return false;

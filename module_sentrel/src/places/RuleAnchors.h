@@ -2,6 +2,7 @@
 
 #include <sdk/files/FileDescriptor.h>
 #include <sdk/files/PathAnchor.h>
+#include <sdk/restore/StagingDirectory.h>
 #include <sys/stat.h>
 
 #include <deque>
@@ -52,12 +53,20 @@ class AnchoredRule {
     const Anchor& Root() const { return root_; }
     const Anchor& Copies() const { return copies_; }
 
+    /// The directory among the copies that holds unfinished files; only root gets there. Made when
+    /// it is missing; not open on failure (errno).
+    SDK::FileDescriptor OpenScratch() const;
+    /// The same for restores without a process; null where the copies lie on another mount.
+    SDK::StagingDirectory* Staging() const;
+
   private:
     const SentrelDirRule rule_;
     const std::string root_path_;
     const Anchor parent_;
     const Anchor root_;
     const Anchor copies_;
+    mutable std::once_flag staging_once_;
+    mutable std::unique_ptr<SDK::StagingDirectory> staging_;  ///< set under staging_once_
 };
 
 /// Where a rule's directories are at this moment.

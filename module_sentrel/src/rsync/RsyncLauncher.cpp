@@ -32,7 +32,7 @@ using SDK::ObjectRestorer;
 using Entry = SDK::PathAnchor::Entry;
 
 constexpr const char* kSwitch = "restore_in_process";
-constexpr const char* kScratchName = ".morvane-tmp";
+constexpr const char* kNoScratch = "cannot make the directory for unfinished files";
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // rsync's own codes, so that one judgement does for both.
 constexpr int kPartialTransfer = 23;
@@ -79,13 +79,6 @@ SDK::FileDescriptor OpenMade(int parent, const std::string& name) {
     return SDK::FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags));
 }
 
-/// Where rsync puts what is not complete yet: among the copies, so that only root gets there and
-/// nobody can fill it, and the last step is a rename where the site is on the same file system.
-SDK::FileDescriptor OpenScratch(const AnchoredRule& rule) {
-    if (rule.Copies() == nullptr) return {};
-    return OpenMade(rule.Copies()->Descriptor(), kScratchName);
-}
-
 /// The directory `path` among the copies, made with what is missing above it. Only root gets there.
 SDK::FileDescriptor MakeCopyDirectory(const AnchoredRule& rule, const std::string& path) {
     SDK::FileDescriptor at = rule.OpenCopyDirectory("");
@@ -121,8 +114,9 @@ CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
     if (!source.IsOpen()) return Failed("cannot open " + directory);
     SDK::FileDescriptor target = MakeCopyDirectory(rule, directory);
     if (!target.IsOpen()) return Failed("cannot make the copy of " + directory);
-    SDK::FileDescriptor scratch = OpenScratch(rule);
-    if (!scratch.IsOpen()) return Failed(std::string("cannot make ") + kScratchName);
+    // The last step is a rename where the site is on the same file system.
+    SDK::FileDescriptor scratch = rule.OpenScratch();
+    if (!scratch.IsOpen()) return Failed(kNoScratch);
     const std::string name = is_file ? FileName(rule.RootPath()) : std::string();
     return Run(line, program, std::move(source), "./" + name, std::move(target), "",
                std::move(scratch));
@@ -131,8 +125,8 @@ CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
 /// rsync restores; for what is neither file nor link, and where the switch wants it.
 CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& program,
                                    const AnchoredRule& rule, bool is_directory) {
-    SDK::FileDescriptor scratch = OpenScratch(rule);
-    if (!scratch.IsOpen()) return Failed(std::string("cannot make ") + kScratchName);
+    SDK::FileDescriptor scratch = rule.OpenScratch();
+    if (!scratch.IsOpen()) return Failed(kNoScratch);
     if (!is_directory) {
         Entry copy = rule.Copy(line.target);
         Entry live = rule.Live(line.target);
@@ -178,7 +172,7 @@ CommandAnswer RestoreDirectory(const RsyncLine& line, const AnchoredRule& rule,
     // To read all of a large site, because somebody changes the mode of its top again and again,
     // would let every other page wait.
     return Done(SDK::TreeRestorer::Restore(rule.Copy(directory), live, shield,
-                                           SDK::TreeRestorer::Look::kChanged));
+                                           SDK::TreeRestorer::Look::kChanged, rule.Staging()));
 }
 
 CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
@@ -200,8 +194,8 @@ CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
         if (!exclusions.Match(line.target, false)) {
             const Entry live = rule->Live(line.target);
             if (!live.IsOpen()) return Failed("cannot open the directory");
-            const ObjectRestorer::Result result =
-                ObjectRestorer::Restore(rule->Copy(line.target), live);
+            const ObjectRestorer::Result result = ObjectRestorer::Restore(
+                rule->Copy(line.target), live, ObjectRestorer::kMaxSize, rule->Staging());
             if (result.outcome != ObjectRestorer::Outcome::kUnusual) return Done(result);
         }
     }

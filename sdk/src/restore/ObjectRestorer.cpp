@@ -11,7 +11,8 @@
 namespace SDK {
 
 ObjectRestorer::Result ObjectRestorer::Restore(const PathAnchor::Entry& copy,
-                                               const PathAnchor::Entry& live, off_t max_size) {
+                                               const PathAnchor::Entry& live, off_t max_size,
+                                               StagingDirectory* staging) {
     if (!copy.IsOpen() || !live.IsOpen()) return {Outcome::kFailed, EBADF, "find"};
     if (FileContent::IsInterrupted()) return {Outcome::kInterrupted, ECANCELED, "start"};
     struct stat info {};
@@ -22,7 +23,7 @@ ObjectRestorer::Result ObjectRestorer::Restore(const PathAnchor::Entry& copy,
         S_ISLNK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_size <= max_size);
     if (!is_usual) return {Outcome::kUnusual, 0, ""};
     return ResultOf(RestoreObject({copy.directory.Get(), copy.name},
-                                  {live.directory.Get(), live.name}, info.st_mode));
+                                  {live.directory.Get(), live.name}, info.st_mode, staging));
 }
 
 }  // namespace SDK

@@ -61,7 +61,11 @@ PendingObject::~PendingObject() {
     errno = error;
 }
 
-int PendingObject::CreateFile() {
+int PendingObject::CreateFile(int staging) {
+    if (staging >= 0) {
+        object_.Reset(::openat(staging, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
+        if (object_.IsOpen()) return 0;
+    }
     object_.Reset(::openat(directory_, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
     if (object_.IsOpen()) return 0;
     if (!IsWithoutNamelessFiles(errno)) return -1;

@@ -22,8 +22,9 @@ class PendingObject {
     PendingObject(const PendingObject&) = delete;
     PendingObject& operator=(const PendingObject&) = delete;
 
-    /// An empty file, mode 0600, opened for reading and writing.
-    int CreateFile();
+    /// An empty file, mode 0600, opened for reading and writing; made in the directory `staging`
+    /// where that is not negative and allows it. It is then the caller's, too.
+    int CreateFile(int staging = -1);
     /// A symbolic link; opened by O_PATH, as the following are.
     int CreateLink(const std::string& text);
     /// A pipe, socket or device, without any permission yet.

@@ -34,7 +34,8 @@ bool GrantsPowers(const ObjectAttributes& copy) {
 /// The restore of one regular file. One use.
 class FileRestore {
   public:
-    FileRestore(Place copy, Place live) : copy_place_(copy), live_(live) {}
+    FileRestore(Place copy, Place live, StagingDirectory* staging)
+        : copy_place_(copy), live_(live), staging_(staging) {}
 
     FailedStep Run() {
         FailedStep failed = OpenCopy();
@@ -100,8 +101,16 @@ class FileRestore {
     }
 
     FailedStep Replace(bool is_taken) {
+        const int staging = staging_ == nullptr ? -1 : staging_->Descriptor();
+        const FailedStep failed = ReplaceBy(staging, is_taken);
+        if (staging < 0 || failed.error != EXDEV) return failed;
+        staging_->GiveUp();
+        return ReplaceBy(-1, is_taken);
+    }
+
+    FailedStep ReplaceBy(int staging, bool is_taken) {
         PendingObject pending(live_.directory);
-        if (pending.CreateFile() != 0) return {"create", errno};
+        if (pending.CreateFile(staging) != 0) return {"create", errno};
         const int file = pending.Descriptor();
         const int copied = IsSmall() ? FileContent::Write(file, content_)
                                      : FileContent::Copy(source_.Get(), file, copy_.info);
@@ -126,6 +135,7 @@ class FileRestore {
 
     const Place copy_place_;
     const Place live_;
+    StagingDirectory* const staging_;  // may be null
     FileDescriptor source_;
     FileDescriptor former_;  // the live object, once it has been opened
     ObjectAttributes copy_;
@@ -187,8 +197,8 @@ FailedStep RestoreSpecial(Place copy, Place live) {
 
 }  // namespace
 
-FailedStep RestoreObject(Place copy, Place live, mode_t mode) {
-    if (S_ISREG(mode)) return FileRestore(copy, live).Run();
+FailedStep RestoreObject(Place copy, Place live, mode_t mode, StagingDirectory* staging) {
+    if (S_ISREG(mode)) return FileRestore(copy, live, staging).Run();
     return S_ISLNK(mode) ? RestoreLink(copy, live) : RestoreSpecial(copy, live);
 }
 

@@ -16,8 +16,8 @@ struct Place {
 };
 
 /// Makes `live` as `copy`, an object of the kind of `mode` that is no directory, as ObjectRestorer
-/// promises it, whatever its size.
-FailedStep RestoreObject(Place copy, Place live, mode_t mode);
+/// promises it, whatever its size. `staging` may be null.
+FailedStep RestoreObject(Place copy, Place live, mode_t mode, StagingDirectory* staging);
 
 /// What is told about a restore whose first failure is `failed`.
 ObjectRestorer::Result ResultOf(const FailedStep& failed);

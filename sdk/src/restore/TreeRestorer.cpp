@@ -68,7 +68,8 @@ FileDescriptor OpenOrMake(int parent, const std::string& name, MountPoints mount
 /// The restore of one tree. One use.
 class TreeRestore {
   public:
-    TreeRestore(const Shield& shield, TreeRestorer::Look look) : shield_(shield), look_(look) {}
+    TreeRestore(const Shield& shield, TreeRestorer::Look look, StagingDirectory* staging)
+        : shield_(shield), look_(look), staging_(staging) {}
 
     ObjectRestorer::Result Run(Place copy, Place live);
 
@@ -93,6 +94,9 @@ class TreeRestore {
     void RestoreEntry(const std::string& name);
     bool IsAsCopy(const std::string& name, const struct stat& copy) const;
     FailedStep RestoreLinked(const std::string& name, const struct stat& info);
+    FailedStep RestoreSingle(const std::string& name, mode_t mode) const {
+        return RestoreObject({copy_.Get(), name}, {live_.Get(), name}, mode, staging_);
+    }
     bool IsLinkedTo(const std::string& name, const LinkedObject& object) const;
     void RemoveForeign();
     bool IsForeign(const std::string& name, bool is_directory);
@@ -103,6 +107,7 @@ class TreeRestore {
 
     const Shield& shield_;
     const TreeRestorer::Look look_;
+    StagingDirectory* const staging_;  // may be null
     FileDescriptor root_copy_;
     FileDescriptor root_live_;
     FileDescriptor copy_;  // the directories of levels_.back()
@@ -237,8 +242,7 @@ void TreeRestore::RestoreEntry(const std::string& name) {
     }
     if (IsAsCopy(name, info)) return;
     const FailedStep failed =
-        info.st_nlink > 1 ? RestoreLinked(name, info)
-                          : RestoreObject({copy_.Get(), name}, {live_.Get(), name}, info.st_mode);
+        info.st_nlink > 1 ? RestoreLinked(name, info) : RestoreSingle(name, info.st_mode);
     is_interrupted_ = is_interrupted_ || failed.error == ECANCELED;
     failed_.Note(failed);
 }
@@ -271,7 +275,7 @@ FailedStep TreeRestore::RestoreLinked(const std::string& name, const struct stat
             return pending.PutInPlace(name, true);
         }
     }
-    const FailedStep failed = RestoreObject({copy_.Get(), name}, {live_.Get(), name}, info.st_mode);
+    const FailedStep failed = RestoreSingle(name, info.st_mode);
     struct stat restored {};
     if (failed.IsNone() &&
         ::fstatat(live_.Get(), name.c_str(), &restored, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -341,10 +345,10 @@ std::string TreeRestore::PathOf(const std::string& name) const {
 
 ObjectRestorer::Result TreeRestorer::Restore(const PathAnchor::Entry& copy,
                                              const PathAnchor::Entry& live, const Shield& shield,
-                                             Look look) {
+                                             Look look, StagingDirectory* staging) {
     if (!copy.IsOpen() || !live.IsOpen()) return ResultOf({"find", EBADF});
     if (FileContent::IsInterrupted()) return ResultOf({"start", ECANCELED});
-    return TreeRestore(shield, look)
+    return TreeRestore(shield, look, staging)
         .Run({copy.directory.Get(), copy.name}, {live.directory.Get(), live.name});
 }
 

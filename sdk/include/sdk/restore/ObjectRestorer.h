@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sdk/files/PathAnchor.h"
+#include "sdk/restore/StagingDirectory.h"
 
 namespace SDK {
 
@@ -32,17 +33,18 @@ class ObjectRestorer {
     /// Makes `live` as `copy`: content (holes stay holes), owner, mode, time of modification,
     /// extended attributes and access ACL; what `copy` does not have of these is taken away.
     ///
-    /// A new object is written beside `live`, without a name as long as possible, and renamed over
-    /// it. Nothing is followed, whatever others do in the directory meanwhile; a directory in the
-    /// way goes with all that it holds. The same object stays only where nothing but its attributes
-    /// differs, it has this one name, and neither its owner nor a setuid or setgid bit is to be
-    /// set: a handle that somebody has kept on it must not become one on another's file.
+    /// A new file is written in `staging`, or beside `live` where that is null or cannot be used,
+    /// without a name as long as possible; other objects are made beside `live`. It is then renamed
+    /// over `live`. Nothing is followed, whatever others do in the directory meanwhile; a directory
+    /// in the way goes with all that it holds. The same object stays only where nothing but its
+    /// attributes differs, it has this one name, and neither its owner nor a setuid or setgid bit
+    /// is to be set: a handle that somebody has kept on it must not become one on another's file.
     ///
     /// When only attributes cannot be set, the content is in place all the same and the outcome is
     /// kFailed. ESTALE: the copy changed meanwhile; EAGAIN: somebody replaced the restored object
     /// at the same moment. Blocks for the copying only, on no pipe and no lease; nothing is synced.
     static Result Restore(const PathAnchor::Entry& copy, const PathAnchor::Entry& live,
-                          off_t max_size = kMaxSize);
+                          off_t max_size = kMaxSize, StagingDirectory* staging = nullptr);
 };
 
 }  // namespace SDK

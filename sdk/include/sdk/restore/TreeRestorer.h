@@ -38,7 +38,8 @@ class TreeRestorer {
     /// one path for each object with several names. Takes as long as reading both trees.
     static ObjectRestorer::Result Restore(const PathAnchor::Entry& copy,
                                           const PathAnchor::Entry& live, const Shield& shield,
-                                          Look look = Look::kContent);
+                                          Look look = Look::kContent,
+                                          StagingDirectory* staging = nullptr);
 };
 
 }  // namespace SDK
