@@ -1,18 +1,20 @@
 #!/usr/bin/env bash
-# Checks the layout of the sources, the shell scripts, and the sources themselves with clang-tidy.
+# Checks the layout of the sources, the direction of their includes, the shell scripts, and the sources
+# themselves with clang-tidy.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 
 usage() {
     cat <<'END'
-Usage: scripts/lint.sh [--fix | --format-only] [FILE.cpp...]
+Usage: scripts/lint.sh [--fix | --format-only | --quick] [FILE.cpp...]
 
   --fix          lays the sources out and applies clang-tidy's own corrections
-  --format-only  clang-format and shellcheck, without clang-tidy
+  --format-only  everything but clang-tidy
+  --quick        clang-tidy without its static analyzer, in half the time
   FILE.cpp...    clang-tidy only for these
 
-Checks clang-format, shellcheck and clang-tidy over all files that git knows.
+Runs clang-format, shellcheck, scripts/check-includes.sh and clang-tidy over all files that git knows.
 END
 }
 
@@ -43,23 +45,25 @@ check_tidy() {
     step "clang-tidy"
     (cmake --preset debug -DSENTREL_TESTS=OFF -B build/lint) >/dev/null ||
         die "cmake could not configure the sources for clang-tidy"
-    local fix=()
-    [[ -z $FIX ]] || fix=(--fix)
+    local options=()
+    [[ -z $FIX ]] || options+=(--fix)
+    [[ -z $QUICK ]] || options+=('--checks=-clang-analyzer-*')
     if [[ $# -gt 0 ]]; then
         printf '%s\0' "$@"
     else
         sources '*.cpp' ':!tests' ':!bench'
     fi | xargs -0 -r -n 1 -P "$([[ -n $FIX ]] && echo 1 || echo "$JOBS")" \
-        clang-tidy -p build/lint --quiet "${fix[@]}" 2> >(grep -v ' warnings\{0,1\} \(generated\|treated\)' >&2)
+        clang-tidy -p build/lint --quiet "${options[@]}" 2> >(grep -v ' warnings\{0,1\} \(generated\|treated\)' >&2)
 }
 
 main() {
     local tidy=yes failed=0 files=()
-    FIX=''
+    FIX='' QUICK=''
     while [[ $# -gt 0 ]]; do
         case $1 in
             --fix) FIX=yes ;;
             --format-only) tidy='' ;;
+            --quick) QUICK=yes ;;
             -h | --help) usage && return 0 ;;
             -*) usage >&2 && die "unknown option: $1" ;;
             *) files+=("$(realpath -e -- "$1")") ;;
@@ -71,6 +75,8 @@ main() {
     [[ -z $tidy ]] || check_tidy "${files[@]}" || failed=1
     check_format || failed=1
     check_shell || failed=1
+    step "direction of includes"
+    scripts/check-includes.sh || failed=1
     return "$failed"
 }
 
