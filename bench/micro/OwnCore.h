@@ -72,7 +72,7 @@ class OwnCore {
 
     /// A turn as the task makes it; false: there was nothing to do.
     bool Step() {
-        core_.Fill();
+        core_.ReadEvents();
         core_.Work();
         return core_.IdleTime().count() == 0;
     }
@@ -84,8 +84,8 @@ class OwnCore {
     }
 
     Engine::FileNotify::NotifyCore& Core() { return core_; }
-    std::uint64_t Received() { return status_.Count().events_received; }
-    std::uint64_t Overflows() { return status_.Count().overflows; }
+    std::uint64_t Received() { return status_.Counts().events_received; }
+    std::uint64_t Overflows() { return status_.Counts().overflows; }
 
   private:
     Engine::FileNotify::StatusPublisher status_;

@@ -67,8 +67,8 @@ Rates Measure(const std::string& root, int files, int events) {
     reading.join();
     stop = false;
     std::thread filling([&] {
-        while (!stop) own.Core().Fill();
-        own.Core().Fill();
+        while (!stop) own.Core().ReadEvents();
+        own.Core().ReadEvents();
     });
     writer.Run(events);
     stop = true;

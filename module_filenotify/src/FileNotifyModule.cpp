@@ -1,3 +1,7 @@
+// Owns: the task, together with the framework. Must not own: the task's parts (FileNotifyTask).
+// Threads: the framework's; queries are answered on any.
+// Ownership passes: Init hands the descriptor to the task.
+
 #include "FileNotifyModule.h"
 
 #include <framework/ConfigManager.h>

@@ -9,15 +9,17 @@
 
 namespace Engine {
 
-/// The module "filenotify_module": registers its task and answers for its status.
+/// The module "filenotify_module". Registers its task and answers status queries. The framework
+/// thread runs it. Not thread-safe.
 class FileNotifyModule : public Framework::Module {
   public:
-    /// `descriptor`: what the task watches with; null: the real one.
+    /// `descriptor`: for tests; null: a real inotify descriptor.
     explicit FileNotifyModule(std::unique_ptr<FileNotify::InotifyDescriptor> descriptor = nullptr);
     FileNotifyModule(const FileNotifyModule&) = delete;
     FileNotifyModule& operator=(const FileNotifyModule&) = delete;
     ~FileNotifyModule() override;
 
+    /// Returns false when the configuration is invalid or the task cannot be registered.
     bool Init() override;
     void UnInit() override;
 

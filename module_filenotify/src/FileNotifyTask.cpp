@@ -1,6 +1,7 @@
-// Owns: the parts of the watching and the requests on their way in.
-// Not: messages once posted (the framework's), nor what receivers make of them.
-// Threads: InterceptMsg on the senders', the rest on the task's.
+// Owns: NotifyCore, the request queue and the status.
+// Must not own: posted messages (the framework).
+// Threads: InterceptMsg runs on senders' threads, the rest on the task's.
+// Ownership passes: Post hands a message to the framework when it returns true.
 
 #include "FileNotifyTask.h"
 
@@ -19,11 +20,11 @@ namespace Engine {
 namespace {
 
 constexpr unsigned int kQueueCapacity = 64;
-constexpr int kSourcesAtOnce = 4;
-constexpr std::size_t kMessagesAtOnce = 16;
-constexpr int kShortestRetryMs = 10;
-constexpr int kLongestRetryMs = 600000;
-constexpr int kMostQueuedEvents = 16777216;
+constexpr int kMaxSources = 4;
+constexpr std::size_t kMaxMessages = 16;
+constexpr int kMinRetryMs = 10;
+constexpr int kMaxRetryMs = 600000;
+constexpr int kMaxQueuedEvents = 16777216;
 
 bool IsWithin(const Json::Value& value, int least, int most) {
     return value.isInt() && value.asInt() >= least && value.asInt() <= most;
@@ -33,9 +34,9 @@ Poco::Logger* ModuleLogger() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", 0);
 }
 
-/// The request itself cannot carry it, so its receiver is asked; one that answers nothing needs
-/// all.
-std::vector<std::string> UnneededBy(const std::string& receiver, const std::string& path) {
+/// Asks the receiver by a query, because a watch request has no field for it. No answer: nothing
+/// has low priority.
+std::vector<std::string> LowPriorityPrefixes(const std::string& receiver, const std::string& path) {
     Json::Value question;
     question["path"] = path;
     Json::Value answer;
@@ -46,6 +47,26 @@ std::vector<std::string> UnneededBy(const std::string& receiver, const std::stri
         if (prefix.isString() && !prefix.asString().empty()) prefixes.push_back(prefix.asString());
     }
     return prefixes;
+}
+
+/// Returns why the setting is invalid; empty when it is valid.
+std::string ReadSetting(const std::string& key, const Json::Value& value,
+                        FileNotifyTask::Settings& settings) {
+    if (key == "retry_ms") {
+        if (!IsWithin(value, kMinRetryMs, kMaxRetryMs)) {
+            return "/filenotify/retry_ms must be a number from 10 to 600000";
+        }
+        settings.retry_after = std::chrono::milliseconds(value.asInt());
+        return {};
+    }
+    if (key == "max_queued_events") {
+        if (!IsWithin(value, 0, kMaxQueuedEvents)) {
+            return "/filenotify/max_queued_events must be a number from 0 to 16777216";
+        }
+        settings.max_queued_events = value.asUInt();
+        return {};
+    }
+    return "/filenotify/" + key + " is unknown";
 }
 
 bool Post(const std::string& receiver, Framework::Message* message) {
@@ -62,22 +83,7 @@ bool FileNotifyTask::ReadSettings(const Json::Value& section, Settings& settings
         return section.isNull();
     }
     for (const std::string& key : section.getMemberNames()) {
-        const Json::Value& value = section[key];
-        if (key == "retry_ms") {
-            if (!IsWithin(value, kShortestRetryMs, kLongestRetryMs)) {
-                error = "/filenotify/retry_ms must be a number from 10 to 600000";
-            } else {
-                settings.retry_after = std::chrono::milliseconds(value.asInt());
-            }
-        } else if (key == "max_queued_events") {
-            if (!IsWithin(value, 0, kMostQueuedEvents)) {
-                error = "/filenotify/max_queued_events must be a number from 0 to 16777216";
-            } else {
-                settings.max_queued_events = value.asUInt();
-            }
-        } else {
-            error = "/filenotify/" + key + " is unknown";
-        }
+        error = ReadSetting(key, section[key], settings);
         if (!error.empty()) return false;
     }
     return true;
@@ -89,14 +95,14 @@ FileNotifyTask::FileNotifyTask(const Settings& settings,
                       kQueueCapacity),
       logger_(ModuleLogger()),
       queue_limit_(settings.queue_limit_file, settings.max_queued_events, logger_),
-      requests_(UnneededBy),
+      requests_(LowPriorityPrefixes),
       core_(std::move(descriptor), Post, status_, logger_, settings.retry_after),
       retry_after_(settings.retry_after) {}
 
 FileNotifyTask::~FileNotifyTask() = default;
 
 bool FileNotifyTask::Init() {
-    if (core_.WakeFd() >= 0) Waiter().AddSource(core_.WakeFd(), [this] { core_.Woken(); });
+    if (core_.WakeFd() >= 0) Waiter().AddSource(core_.WakeFd(), [this] { core_.ClearWake(); });
     return Framework::Task::Init() && EnsureOpen();
 }
 
@@ -112,48 +118,47 @@ bool FileNotifyTask::EnsureOpen() {
     if (core_.Fd() >= 0) return true;
     const int error = queue_limit_.OpenRaised([this] { return core_.Open(); });
     status_.SetQueueLimit(queue_limit_.InForce(), queue_limit_.Problem());
-    if (error == 0 && Waiter().AddSource(core_.Fd(), [this] { core_.Fill(); })) {
+    if (error == 0 && Waiter().AddSource(core_.Fd(), [this] { core_.ReadEvents(); })) {
         listening_ = true;
         open_failure_logged_ = false;
         core_.SetQueueLimit(queue_limit_.InForce());
         return true;
     }
     if (!std::exchange(open_failure_logged_, true)) {
-        SDK_LOG(logger_, PRIO_ERROR, "inotify cannot be used: %s; it is tried again.",
+        SDK_LOG(logger_, PRIO_ERROR, "cannot use inotify: %s; retrying.",
                 std::generic_category().message(error != 0 ? error : errno));
     }
     core_.Close();
     return false;
 }
 
-// While the kernel's queue is left alone, nothing is asked to wake us: that, too, costs whoever
-// makes the changes.
+// During a pause the descriptor is no event source, because waking the task costs the writers time.
 void FileNotifyTask::Listen() {
-    if (core_.IsResting()) {
+    if (core_.IsPaused()) {
         if (std::exchange(listening_, false)) Waiter().RemoveSource(core_.Fd());
     } else if (!listening_) {
-        core_.Fill();
-        if (core_.IsResting()) return;
-        listening_ = Waiter().AddSource(core_.Fd(), [this] { core_.Fill(); });
+        core_.ReadEvents();
+        if (core_.IsPaused()) return;
+        listening_ = Waiter().AddSource(core_.Fd(), [this] { core_.ReadEvents(); });
     }
 }
 
 int FileNotifyTask::Run() {
     if (!EnsureOpen()) {
-        Waiter().WaitAndHandleEvent(static_cast<int>(retry_after_.count()), kSourcesAtOnce);
-        BulkConsumeMsg(kMessagesAtOnce);
+        Waiter().WaitAndHandleEvent(static_cast<int>(retry_after_.count()), kMaxSources);
+        BulkConsumeMsg(kMaxMessages);
         return 0;
     }
     Listen();
     auto idle = core_.IdleTime();
-    if (!listening_) idle = std::min(idle, FileNotify::ReadBackoff::kLongest);
+    if (!listening_) idle = std::min(idle, FileNotify::ReadBackoff::kMaxPause);
     if (idle.count() > 0) core_.PublishStatus();
-    Waiter().WaitAndHandleEvent(static_cast<int>(idle.count()), kSourcesAtOnce);
-    BulkConsumeMsg(kMessagesAtOnce);
-    // After reading and before handling: who asked before a change hears of it.
-    const std::uint64_t requests = status_.Requests();
+    Waiter().WaitAndHandleEvent(static_cast<int>(idle.count()), kMaxSources);
+    BulkConsumeMsg(kMaxMessages);
+    // Between reading and handling events: subscriptions made before a change receive it.
+    const std::uint64_t requests = status_.ReceivedRequests();
     core_.Apply(requests_.Take());
-    status_.NoteApplied(requests);
+    status_.SetAppliedRequests(requests);
     core_.Work();
     return 0;
 }
@@ -162,7 +167,7 @@ int FileNotifyTask::InterceptMsg(Framework::Message* msg, std::string& reply) {
     const auto* request = dynamic_cast<const FileNotifyWatchMessage*>(msg);
     if (request == nullptr) return -1;
     reply = requests_.Submit(*request);
-    status_.NoteRequest();
+    status_.CountRequest();
     if (reply.empty()) {
         SDK_LOG(logger_, PRIO_ERROR, "watch request of %s for \"%s\" refused.",
                 request->GetReceiverId(), request->GetPath());

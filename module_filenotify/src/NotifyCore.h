@@ -3,11 +3,11 @@
 #include <Poco/Logger.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
-#include <optional>
-#include <string>
 #include <vector>
 
+#include "StatusCollector.h"
 #include "changes/EventTranslator.h"
 #include "delivery/Delivery.h"
 #include "kernel/InotifyDescriptor.h"
@@ -15,12 +15,15 @@
 #include "kernel/ReadBackoff.h"
 #include "status/StatusPublisher.h"
 #include "walk/TreeWalker.h"
+#include "walk/UnwatchedRetry.h"
 
 namespace Engine::FileNotify {
 
-/// The parts of the watching, put together, without the thread that runs them. One thread.
+/// Creates and connects the module's parts and gives each its turn; has no thread of its own. Owned
+/// by FileNotifyTask. Not thread-safe.
 class NotifyCore {
   public:
+    /// `retry_after`: the interval between retries for directories without a kernel watch.
     NotifyCore(std::unique_ptr<InotifyDescriptor> descriptor, Delivery::Post post,
                StatusPublisher& status, Poco::Logger* logger,
                std::chrono::milliseconds retry_after);
@@ -28,29 +31,33 @@ class NotifyCore {
     NotifyCore& operator=(const NotifyCore&) = delete;
     ~NotifyCore();
 
-    /// 0, or the errno of what failed; may be tried again.
+    /// Opens inotify. Returns 0, or errno; may be called again after a failure.
     int Open();
-    /// How many events the kernel keeps for us; 0: not known.
+    /// `events`: capacity of the kernel's queue; 0: unknown.
     void SetQueueLimit(std::uint32_t events) { backoff_.SetQueueLimit(events); }
+    /// Removes all watches and closes inotify.
     void Close();
+    /// The inotify descriptor; -1 while closed.
     int Fd() const { return descriptor_->Fd(); }
 
+    /// Applies watch requests in their order. Blocks on disk reads.
     void Apply(const std::vector<WatchRequest>& requests);
 
-    /// Readable when a receiver has made room; then Woken is to be called.
-    int WakeFd() const { return delivery_.Wakes().Fd(); }
-    void Woken() { delivery_.Wakes().Drain(); }
+    /// Becomes readable when a receiver has room again; then call ClearWake and Work.
+    int WakeFd() const { return delivery_.WakeUp().Fd(); }
+    void ClearWake() { delivery_.WakeUp().Drain(); }
 
-    /// Takes over what the kernel has queued.
-    void Fill();
+    /// Reads all queued kernel events into memory. Does not block.
+    void ReadEvents();
 
-    /// The kernel's queue is to be left alone for now; IdleTime says how long.
-    bool IsResting() const { return backoff_.IsResting(Clock::now()); }
+    /// True while the kernel's queue must not be read (ReadBackoff).
+    bool IsPaused() const { return backoff_.IsPaused(Clock::now()); }
 
-    /// One bounded portion of everything that is to be done.
+    /// Does a bounded portion of all pending work: events, delivery, walks, retries, pruning.
+    /// Blocks on disk reads.
     void Work();
 
-    /// How long there is nothing to do but for new events and requests.
+    /// How long the caller may wait for events before it must call Work; 0: call it now.
     std::chrono::milliseconds IdleTime() const;
 
     void PublishStatus();
@@ -59,34 +66,25 @@ class NotifyCore {
     using Clock = std::chrono::steady_clock;
 
     void Flush();
-    bool MayTell() const;
+    bool MayAnnounce() const;
     bool MayWalk() const;
-    Clock::time_point RetryDue() const;
-    bool RetryPending() const;
-    void RetryUnwatched();
-    void RetryUnneeded();
-    std::optional<std::size_t> NamesBelow(const Subscription& subscription,
-                                          const std::string& path);
-    const char* StateOf(const Watch& watch, std::uint32_t unwatched) const;
-    WatchStatus StatusOf(const Watch& watch) const;
 
     const std::unique_ptr<InotifyDescriptor> descriptor_;
     StatusPublisher& status_;
-    const std::chrono::milliseconds retry_after_;
     Delivery delivery_;
     WatchedTree tree_;
     InotifyReader reader_;
     ReadBackoff backoff_;
     ChangeRouter router_;
+    TreePruner pruner_;
     RootTracker roots_;
     TreeChanges changes_;
     TreeWalker walker_;
+    UnwatchedRetry retry_;
     EventTranslator translator_;
-    Clock::time_point next_retry_{};
-    std::size_t retry_from_ = 0;
-    Clock::time_point prune_at_{};
+    StatusCollector collector_;
     Clock::time_point next_publish_{};
-    Clock::time_point flush_at_{};  ///< in a storm
+    Clock::time_point next_flush_{};  ///< in a storm
 };
 
 }  // namespace Engine::FileNotify

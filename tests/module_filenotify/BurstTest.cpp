@@ -100,14 +100,14 @@ TEST_F(Burst, Deletions_WaitForAQuietSpellAndTheRestDoesNot) {
     Add(IN_DELETE, "/b");
     Add(IN_MODIFY, "/page");
     EXPECT_EQ(Posted(), Names{"/page"});
-    now += DeletionDebounce::kShortestQuiet - 1us;
+    now += DeletionDebounce::kMinQuiet - 1us;
     Add(IN_DELETE, "/c");
     EXPECT_EQ(Posted(), Names());
     ASSERT_TRUE(delivery->NextDue());
-    EXPECT_EQ(*delivery->NextDue(), now + 2 * DeletionDebounce::kUsualCost);
+    EXPECT_EQ(*delivery->NextDue(), now + 2 * DeletionDebounce::kDefaultCost);
     now = *delivery->NextDue();
     EXPECT_EQ(Posted(), (Names{"-/b", "-/c"}));
-    EXPECT_EQ(counters.deletions_settled, 2U);
+    EXPECT_EQ(counters.deletions_debounced, 2U);
 }
 
 TEST_F(Burst, Deletions_WaitNoLongerThanUndoingThemTakes) {
@@ -117,17 +117,17 @@ TEST_F(Burst, Deletions_WaitNoLongerThanUndoingThemTakes) {
     handling = 10us;  // as for what a restored directory has brought back already
     Add(IN_DELETE, "/b");
     EXPECT_EQ(Posted(), Names());
-    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kShortestQuiet);
+    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kMinQuiet);
     AddMany(IN_DELETE, "/c", 49);
     EXPECT_EQ(delivery->NextDue(), now + 50 * 200us);
     AddMany(IN_DELETE, "/d", 1000);
-    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kLongestQuiet);
-    now += DeletionDebounce::kLongestQuiet;
+    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kMaxQuiet);
+    now += DeletionDebounce::kMaxQuiet;
     EXPECT_EQ(Posted().size(), 1050U);
     Add(IN_DELETE, "/e");
     Add(IN_DELETE, "/f");
     EXPECT_EQ(Posted(), Names());
-    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kShortestQuiet);
+    EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kMinQuiet);
 }
 
 TEST_F(Burst, DeletionOfWhatWaits_SpeaksForWhatCameBefore) {
@@ -141,7 +141,7 @@ TEST_F(Burst, DeletionOfWhatWaits_SpeaksForWhatCameBefore) {
     Add(IN_CREATE, "/f");
     Add(IN_ATTRIB, "/f");
     EXPECT_EQ(Posted(), (Names{"/g", "/f", "/f"}));
-    now += DeletionDebounce::kLongestQuiet;
+    now += DeletionDebounce::kMaxQuiet;
     EXPECT_EQ(Posted(), (Names{"-/d/", "-/d/0", "-/d/1", "-/f"}));
     EXPECT_EQ(counters.events_merged, 3U);
     EXPECT_EQ(counters.pending, 0U);
@@ -160,7 +160,7 @@ TEST_F(Burst, RestoreTemporary_IsToldOnlyWhenItStays) {
     Add(IN_CREATE, temporary);
     Add(IN_CREATE, temporary + "0");
     EXPECT_EQ(Posted(), Names{temporary + "0"});
-    now += ModificationDebounce::kQuiet;
+    now += ModificationDebounce::kQuietPeriod;
     EXPECT_EQ(Posted(), Names{temporary});
     Add(IN_MOVED_FROM, temporary);
     EXPECT_EQ(Posted(), Names{"-" + temporary});
@@ -168,7 +168,7 @@ TEST_F(Burst, RestoreTemporary_IsToldOnlyWhenItStays) {
 
 TEST_F(Burst, StormWithoutPause_DeletionsAreLetGoAtTheBound) {
     const auto begin = now;
-    for (int i = 0; now < begin + DeletionDebounce::kLongest; ++i, now += 2ms) {
+    for (int i = 0; now < begin + DeletionDebounce::kMaxDelay; ++i, now += 2ms) {
         Add(IN_DELETE, "/" + std::to_string(i));
         Add(IN_DELETE, "/x" + std::to_string(i));
         EXPECT_EQ(Posted(), Names());
@@ -185,18 +185,18 @@ TEST_F(Burst, SameFilesChangedAllTheTime_OnlyInAStormTheyWaitBoundedAndTheFirstC
     Add(IN_MODIFY, "/page");
     EXPECT_EQ(Posted(), Names{"/page"});
     const auto begin = now;
-    for (; now < begin + ModificationDebounce::kLongest; now += 1ms) {
+    for (; now < begin + ModificationDebounce::kMaxDelay; now += 1ms) {
         Add(IN_MODIFY, "/page");
         EXPECT_EQ(Posted(), Names());
         Add(IN_MODIFY, "/new" + std::to_string((now - begin) / 1ms));
         EXPECT_EQ(Posted().size(), 1U);
     }
-    now += ModificationDebounce::kQuiet;
+    now += ModificationDebounce::kQuietPeriod;
     EXPECT_EQ(Posted(), Names{"/page"});
     Add(IN_MODIFY, "/page");
     delivery->SetStorm(false);
     EXPECT_EQ(Posted(), Names());
-    ASSERT_EQ(delivery->NextDue(), now + ModificationDebounce::kQuiet);
+    ASSERT_EQ(delivery->NextDue(), now + ModificationDebounce::kQuietPeriod);
     now = *delivery->NextDue();
     EXPECT_EQ(Posted(), Names{"/page"});
     EXPECT_FALSE(delivery->NextDue());
@@ -212,7 +212,7 @@ TEST_F(Burst, DirectoryDeleted_GoesAheadOfAllBelowIt) {
     Add(IN_DELETE | kDir, "/top");
     Add(IN_MODIFY, "/other");
     EXPECT_EQ(Posted(), Names{"/other"});  // what is modified below waits with its directory
-    now += DeletionDebounce::kLongestQuiet;
+    now += DeletionDebounce::kMaxQuiet;
     const Names posted = Posted();
     ASSERT_EQ(posted.size(), 8U);
     EXPECT_EQ(posted.front(), "-/top/");
@@ -230,13 +230,13 @@ TEST_F(Burst, DirectoryComesBackDuringTheStorm_IsNotHeldBack) {
     Add(IN_CREATE | kDir, "/d");
     Add(IN_CREATE, "/d/new");
     EXPECT_EQ(Posted(), (Names{"/d/", "/d/f", "/d/new"}));
-    now += DeletionDebounce::kLongestQuiet;
+    now += DeletionDebounce::kMaxQuiet;
     EXPECT_EQ(Posted(), (Names{"-/d/0", "-/d/1", "-/d/"}));
 }
 
 TEST_F(Burst, ChangeOfADirectory_GoesAfterContentsAndBeforeDeletions) {
     AddMany(IN_DELETE, "/d/", 2);
-    now += DeletionDebounce::kLongestQuiet;
+    now += DeletionDebounce::kMaxQuiet;
     Add(IN_ATTRIB | kDir, "/d");
     Add(IN_MODIFY, "/d/f");
     EXPECT_EQ(Posted(), (Names{"/d/f", "/d/", "-/d/0", "-/d/1"}));
@@ -247,7 +247,7 @@ TEST_F(Burst, ContentsWithoutEnd_OthersTakeTurnsAfterTheirTime) {
     Add(IN_ATTRIB | kDir, "/d");
     AddMany(IN_DELETE, "/lost", 2);
     AddMany(IN_MODIFY, "/more", 2);
-    now += DeletionDebounce::kLongest;
+    now += DeletionDebounce::kMaxDelay;
     delivery->Flush();  // all the receiver takes for now
     Names order;
     for (int step = 0; !queue.empty(); ++step) {
@@ -262,16 +262,16 @@ TEST_F(Burst, ContentsWithoutEnd_OthersTakeTurnsAfterTheirTime) {
     EXPECT_EQ(order.size(), 47U);
     EXPECT_LT(at("/more1"), at("/d/"));
     EXPECT_LT(at("/d/"), at("-/lost0"));
-    EXPECT_LT(at("-/lost1"), 10 + static_cast<int>(SendWindow::kMost));
+    EXPECT_LT(at("-/lost1"), 10 + static_cast<int>(SendWindow::kMaxSize));
 }
 
 class Repair : public Burst {
   protected:
     /// Lets the deletions go and has the first of them dealt with; what is posted after these.
     Names PostedAfterTheFirst(std::chrono::nanoseconds cost) {
-        now += DeletionDebounce::kLongestQuiet;
+        now += DeletionDebounce::kMaxQuiet;
         delivery->Flush();
-        EXPECT_EQ(queue.size(), SendWindow::kMostDeletions);
+        EXPECT_EQ(queue.size(), SendWindow::kMaxDeletions);
         handling = cost;
         Handle(queue.size());
         handling = 0ns;
@@ -318,9 +318,9 @@ TEST_F(Burst, Window_FollowsTheReceiversPaceAndWakesBeforeItIsEmpty) {
     AddMany(IN_MODIFY, "/f", 1000);
     delivery->Flush();
     const std::size_t first = queue.size();
-    EXPECT_GE(first, SendWindow::kFewest);
-    EXPECT_LE(first, SendWindow::kMost);
-    pollfd wakes{delivery->Wakes().Fd(), POLLIN, 0};
+    EXPECT_GE(first, SendWindow::kMinSize);
+    EXPECT_LE(first, SendWindow::kMaxSize);
+    pollfd wakes{delivery->WakeUp().Fd(), POLLIN, 0};
     Handle(first / 2 - 1);
     EXPECT_EQ(::poll(&wakes, 1, 0), 0);
     Handle(2);
@@ -331,16 +331,16 @@ TEST_F(Burst, Window_FollowsTheReceiversPaceAndWakesBeforeItIsEmpty) {
     SendWindow window(nullptr);
     const Engine::FileNotifyMessage message("/w", "/w/f", "", IN_MODIFY, now);
     const auto dealt = [&](std::chrono::nanoseconds cost) {
-        window.Posted(false);
+        window.OnPost(false);
         window.MessageGone(message, cost);
     };
     dealt(50us);
     for (int i = 0; i < 60; ++i) dealt(10us);
-    EXPECT_EQ(window.Size(), SendWindow::kMost);
+    EXPECT_EQ(window.Size(), SendWindow::kMaxSize);
     dealt(100ms);
-    EXPECT_EQ(window.Size(), SendWindow::kFewest);
+    EXPECT_EQ(window.Size(), SendWindow::kMinSize);
     for (int i = 0; i < 100; ++i) dealt(30us);
-    EXPECT_EQ(window.Size(), SendWindow::kMost);
+    EXPECT_EQ(window.Size(), SendWindow::kMaxSize);
 }
 
 TEST_F(Burst, MessagesOutliveTheDelivery_AndWatchesThatEndReleaseWhatWaits) {
@@ -388,11 +388,11 @@ TEST_F(Burst, AtRandom_EveryChangeIsDelivered) {
         if (random() % 4 == 0) delivery->Flush();
         handle(random() % 3);
     }
-    now += DeletionDebounce::kLongest;
+    now += DeletionDebounce::kMaxDelay;
     for (int round = 0; round < 1000 && !delivery->Empty(); ++round) {
         delivery->Flush();
         handle(queue.size());
-        now += DeletionDebounce::kLongestQuiet;
+        now += DeletionDebounce::kMaxQuiet;
     }
     handle(queue.size());
     EXPECT_TRUE(delivery->Empty());

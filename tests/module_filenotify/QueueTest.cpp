@@ -60,7 +60,7 @@ TEST_F(DeliveryTest, NoRoom_KeepsOrderAndOneEntryPerPathAndMask) {
     room = 2;
     delivery.Flush();
     EXPECT_EQ(posted, (std::vector<std::string>{"one/a", "one/b"}));
-    now += DeletionDebounce::kLongestQuiet;
+    now += DeletionDebounce::kMaxQuiet;
     delivery.Add(Change(one, "/a", IN_MODIFY));  // delivered before: news again
     room = 5;
     delivery.Flush();
@@ -120,15 +120,15 @@ TEST(WalkQueue, ReasonsAddUpAndCancelledJobsAreSkipped) {
     queue.Cancel(b);
     EXPECT_EQ(owner.jobs, 1U);
     EXPECT_TRUE(queue.IsReconciling());
-    EXPECT_EQ(queue.Pop(WalkQueue::kSilent).node, nullptr);
-    const WalkQueue::Job job = queue.Pop(WalkQueue::kTelling);
+    EXPECT_EQ(queue.Pop(WalkQueue::kIndexing).node, nullptr);
+    const WalkQueue::Job job = queue.Pop(WalkQueue::kAnnouncing);
     EXPECT_EQ(job.node, &a);
     EXPECT_EQ(job.reasons, WalkQueue::kFirst | WalkQueue::kReconcile);
     EXPECT_EQ(owner.jobs, 0U);
     EXPECT_FALSE(queue.IsReconciling());
     EXPECT_TRUE(queue.Empty());
     queue.Push(a, WalkQueue::kVerify, nullptr);
-    EXPECT_EQ(queue.Pop(WalkQueue::kSilent).node, &a);
+    EXPECT_EQ(queue.Pop(WalkQueue::kIndexing).node, &a);
 }
 
 }  // namespace test

@@ -8,7 +8,7 @@ namespace Engine {
 class FileNotifyMessage;
 class FtraceMessage;
 
-/// Process events, file asset events: kinds of message that other modules of the agent deliver.
+/// Process events and file asset events. Other modules of the agent deliver them.
 class ProcsMessage {
   public:
     struct procInfo;
@@ -18,8 +18,9 @@ class AssetMessage {
     struct assetInfo;
 };
 
-/// A task that takes messages of the event modules. The actions run on the task's own thread; each
-/// does nothing unless overridden. Messages stay the framework's.
+/// A task that receives messages of the event modules. Each action runs on the task's own thread
+/// and does nothing unless overridden. The framework owns the messages and frees them after the
+/// action.
 class AbstractMessageReceiver {
   public:
     AbstractMessageReceiver() = default;

@@ -7,7 +7,7 @@ namespace Engine {
 
 class FileNotifyMessage;
 
-/// Hears what became of a message that was posted. Any thread.
+/// Is notified when a posted message is freed. Shared by its messages. Thread-safe.
 class DeliveryObserver {
   public:
     DeliveryObserver() = default;
@@ -15,8 +15,8 @@ class DeliveryObserver {
     DeliveryObserver& operator=(const DeliveryObserver&) = delete;
     virtual ~DeliveryObserver() = default;
 
-    /// The message is being freed. `handling`: how long its receiver took; none when it never got
-    /// it.
+    /// Called from the destructor of `message`, on the thread that frees it; must not block.
+    /// `handling`: how long the receiver took; none when the message was never delivered.
     virtual void MessageGone(const FileNotifyMessage& message,
                              std::optional<std::chrono::nanoseconds> handling) noexcept = 0;
 };

@@ -13,12 +13,13 @@ namespace Engine {
 
 /// One change under a watched path, delivered to the receiver's FileNotifyMessageAction.
 ///
-/// A rename gives two messages: IN_MOVED_FROM names the old path, with the new one as its move
-/// target when that lies under a watched path too; IN_MOVED_TO names the new path and has no
-/// target.
+/// A rename gives two messages: IN_MOVED_FROM with the old path, and with the new path as its move
+/// target when that is watched too; IN_MOVED_TO with the new path and no target.
+///
+/// The sender creates it; the framework owns it from a successful post on. Not thread-safe.
 class FileNotifyMessage : public Framework::Message {
   public:
-    /// `observer`, if any, is told when the message is destroyed.
+    /// `observer` may be null; the destructor notifies it.
     FileNotifyMessage(std::string watch_file, std::string event_path, std::string moveto_file,
                       std::uint32_t raw_mask, std::chrono::steady_clock::time_point read_time,
                       std::shared_ptr<DeliveryObserver> observer = nullptr);
@@ -26,16 +27,17 @@ class FileNotifyMessage : public Framework::Message {
     FileNotifyMessage(const FileNotifyMessage&) = delete;
     FileNotifyMessage& operator=(const FileNotifyMessage&) = delete;
 
-    /// Calls the receiver's FileNotifyMessageAction when it is an AbstractMessageReceiver.
+    /// Calls the receiver's FileNotifyMessageAction. Does nothing when `receiver` is no
+    /// AbstractMessageReceiver. Blocks as long as the action runs.
     void Deliver(Framework::Task& receiver) override;
 
-    /// How long its receiver took, for the observer. Deliver notes it by itself.
+    /// Sets how long the receiver took, for the observer. Deliver calls it.
     void NoteHandling(std::chrono::nanoseconds handling) { handling_ = handling; }
 
     /// The event bits (IN_CREATE, IN_MODIFY, ...) without IN_ISDIR.
     std::uint32_t GetEventMask() const;
 
-    /// The event bits as the kernel gives them, IN_ISDIR included.
+    /// The event bits with IN_ISDIR, as the kernel reports them.
     std::uint32_t GetRawMask() const { return raw_mask_; }
 
     /// Full path of the changed object, without a trailing "/".
@@ -44,7 +46,7 @@ class FileNotifyMessage : public Framework::Message {
     /// Full path of a move's target, or empty.
     const std::string& GetMovetoFile() const { return moveto_file_; }
 
-    /// The id of the watch, as its registration was answered.
+    /// The watch id: the reply to the watch request.
     const std::string& GetWatchFile() const { return watch_file_; }
 
     /// When the change was read from the kernel.
@@ -57,7 +59,7 @@ class FileNotifyMessage : public Framework::Message {
     std::uint32_t raw_mask_;
     std::chrono::steady_clock::time_point read_time_;
     std::shared_ptr<DeliveryObserver> observer_;
-    std::optional<std::chrono::nanoseconds> handling_;  ///< set once it has been delivered
+    std::optional<std::chrono::nanoseconds> handling_;  ///< none until delivered
 };
 
 }  // namespace Engine

@@ -3,14 +3,14 @@
 #include <list>
 #include <string>
 
-/// What a watch request asks for beside path and masks.
+/// The options of a watch request.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the agreed name
 struct _FileNotifyOpt {
-    bool recursive = false;           ///< the whole tree, also what appears in it later
-    bool report_directories = false;  ///< events about directories are delivered too
-    bool rewatch = false;             ///< a root that is gone or not yet there is watched again
-    std::list<std::string> excluded_suffixes;  ///< file names ending so are not delivered
+    bool recursive = false;           ///< watch the whole tree, including directories created later
+    bool report_directories = false;  ///< deliver events about directories as well
+    bool rewatch = false;             ///< watch the root again when it appears or reappears
+    std::list<std::string> excluded_suffixes;  ///< do not deliver such files
     std::list<std::string>
-        excluded_subdirs;  ///< relative to the path: neither watched nor delivered
-    bool remove = false;   ///< take the watch off instead of putting it on
+        excluded_subdirs;  ///< relative to the path; do not watch or deliver them
+    bool remove = false;   ///< remove the watch instead of adding it
 };

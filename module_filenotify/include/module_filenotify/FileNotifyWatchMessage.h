@@ -12,14 +12,13 @@ class Task;
 
 namespace Engine {
 
-/// A watch request to the task "filenotify_task", to be sent with SyncSendDirectMsg. The reply is
-/// the watch id: the path without a trailing "/" ("/" stays "/"); empty when the request was
-/// refused (an empty or relative path, no masks).
+/// A watch request for the task "filenotify_task". Send it with SyncSendDirectMsg. The reply is the
+/// watch id: the path without a trailing "/" ("/" stays "/"). An empty reply means refused: an
+/// empty or relative path, or no masks. Immutable, so thread-safe.
 class FileNotifyWatchMessage : public Framework::Message {
   public:
-    /// Events go to `receiver`, a registered task that also is an AbstractMessageReceiver; only its
-    /// id is kept. `path`: absolute, a directory or a file, which need not exist yet. `masks` are
-    /// or-ed.
+    /// `receiver`: a registered task that is an AbstractMessageReceiver; only its id is kept.
+    /// `path`: absolute; a directory or a file, which need not exist yet. `masks` are or-ed.
     FileNotifyWatchMessage(Framework::Task* receiver, const std::string& path,
                            const std::vector<unsigned int>& masks, const _FileNotifyOpt& options);
 

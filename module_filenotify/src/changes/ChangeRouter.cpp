@@ -1,4 +1,5 @@
-// Owns: nothing. Not: what waits (Delivery). Thread: the task's.
+// Owns: nothing. Must not own: pending changes (Delivery). Thread: the task's.
+// Ownership passes: Deliver hands each change to Delivery.
 
 #include "changes/ChangeRouter.h"
 
@@ -15,8 +16,8 @@ void ChangeRouter::Announce(ObjectRef object, std::uint32_t mask, ObjectRef move
         if ((hit.watch->request.mask & mask & IN_ALL_EVENTS) == 0) continue;
         std::string moveto;
         if (moved_to.dir != nullptr) moveto = MoveTarget(*hit.watch, moved_to);
-        Tell(*hit.watch, WatchMatcher::PathFor(hit, *object.dir, object.name), std::move(moveto),
-             mask);
+        Deliver(*hit.watch, WatchMatcher::PathFor(hit, *object.dir, object.name), std::move(moveto),
+                mask);
     }
 }
 
@@ -29,7 +30,7 @@ void ChangeRouter::AnnounceDirectory(const DirNode& dir, std::uint32_t mask) {
 }
 
 void ChangeRouter::AnnounceRoot(const Watch& watch, std::uint32_t mask) {
-    if (!watch.ended) Tell(watch, watch.Id(), {}, mask);
+    if (!watch.ended) Deliver(watch, watch.Id(), {}, mask);
 }
 
 void ChangeRouter::AnnounceKindChange(const DirNode& dir, std::string_view name,
@@ -43,12 +44,13 @@ void ChangeRouter::AnnounceKindChange(const DirNode& dir, std::string_view name,
         }
         const WatchMatcher::Hit parent{hit.watch, hit.root == &dir ? nullptr : hit.root};
         const DirNode& holder = dir.parent != nullptr ? *dir.parent : dir;
-        Tell(*hit.watch, WatchMatcher::PathFor(parent, holder, dir.name), {}, IN_ATTRIB | IN_ISDIR);
+        Deliver(*hit.watch, WatchMatcher::PathFor(parent, holder, dir.name), {},
+                IN_ATTRIB | IN_ISDIR);
     }
 }
 
-void ChangeRouter::Tell(const Watch& watch, std::string path, std::string moveto,
-                        std::uint32_t mask) {
+void ChangeRouter::Deliver(const Watch& watch, std::string path, std::string moveto,
+                           std::uint32_t mask) {
     const std::uint32_t asked = mask & watch.request.mask & IN_ALL_EVENTS;
     if (asked == 0) return;
     const bool is_directory = (mask & IN_ISDIR) != 0;

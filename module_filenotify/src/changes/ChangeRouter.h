@@ -9,14 +9,14 @@
 
 namespace Engine::FileNotify {
 
-/// An object by the directory that holds it and its name there; an empty name is "/" itself.
+/// An object: its parent directory and its name. An empty name means "/".
 struct ObjectRef {
     const DirNode* dir = nullptr;
     std::string_view name;
 };
 
-/// Tells every watch that covers an object of its change, as far as the watch has asked for it.
-/// Task's thread only.
+/// Delivers a change to every watch that covers the object and requests such changes. Owned by
+/// NotifyCore. Not thread-safe.
 class ChangeRouter {
   public:
     using Time = std::chrono::steady_clock::time_point;
@@ -24,23 +24,24 @@ class ChangeRouter {
     ChangeRouter(const WatchMatcher& matcher, Delivery& delivery)
         : matcher_(matcher), delivery_(delivery) {}
 
-    /// The read time of what is announced from here on.
+    /// Sets the read time of the following announcements.
     void SetTime(Time time) { time_ = time; }
 
-    /// `moved_to`: where a move goes to, if known.
+    /// `moved_to`: the target of a move, if known.
     void Announce(ObjectRef object, std::uint32_t mask, ObjectRef moved_to = {});
 
-    /// The same about a directory that has a node.
+    /// Announces a change of a directory that has a node.
     void AnnounceDirectory(const DirNode& dir, std::uint32_t mask);
 
-    /// To one watch only, about its root.
+    /// Announces a change of the root to its watch only. Does nothing when the watch has ended.
     void AnnounceRoot(const Watch& watch, std::uint32_t mask);
 
-    /// A name has changed between directory and anything else.
+    /// Announces a change of the parent, because `name` turned from a directory into another kind
+    /// of object or the reverse.
     void AnnounceKindChange(const DirNode& dir, std::string_view name, bool is_directory);
 
   private:
-    void Tell(const Watch& watch, std::string path, std::string moveto, std::uint32_t mask);
+    void Deliver(const Watch& watch, std::string path, std::string moveto, std::uint32_t mask);
     static bool HasExcludedSuffix(const Watch& watch, std::string_view path);
     std::string MoveTarget(const Watch& watch, const ObjectRef& target) const;
 

@@ -1,20 +1,16 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <string>
-#include <string_view>
-#include <unordered_map>
-#include <utility>
-#include <vector>
+#include <Poco/Logger.h>
 
-#include "changes/TreeChanges.h"
-#include "kernel/InotifyReader.h"
+#include <cstddef>
+
+#include "changes/MoveTranslator.h"
+#include "changes/RestoreEchoFilter.h"
 
 namespace Engine::FileNotify {
 
-/// Turns the kernel's records into changes of the tree: brings the halves of a move together, sorts
-/// out what only concerns the keeping of watches. Task's thread only.
+/// Applies the kernel's records to the tree and answers lost events. Owned by NotifyCore. Not
+/// thread-safe.
 class EventTranslator {
   public:
     EventTranslator(InotifyReader& reader, WatchedTree& tree, ChangeRouter& router,
@@ -25,47 +21,34 @@ class EventTranslator {
           router_(router),
           changes_(changes),
           roots_(roots),
+          moves_(reader, tree, router, changes, roots),
+          restore_echoes_(reader),
           counters_(counters),
           logger_(logger) {}
 
-    /// Handles at most `limit` of the records that were read; how many it were.
+    /// Handles at most `limit` read records. Returns how many it handled.
     std::size_t Handle(std::size_t limit);
 
-    /// Has everything walked again if events were lost. While such a walk is under way another
-    /// deletion waits for its end: it could not begin anew each time and come to one.
+    /// Queues a walk of everything when events were lost. A second loss during that walk waits for
+    /// its end; otherwise frequent losses would restart the walk for ever.
     void Recover();
 
   private:
-    struct HalfMove {
-        bool swap = false;  ///< one of two names that have changed places
-        NameIndex::Kind replaced = NameIndex::Kind::kNone;
-    };
-
     void HandleRecord(const InotifyRecord& record);
     void HandleAt(DirNode& dir, const InotifyRecord& record);
-    bool IsFleeting(const InotifyRecord& record);
-    bool EndsSoon(const InotifyRecord& record);
-    void AboutDirectoryItself(DirNode& dir, const InotifyRecord& record);
-    void MovedFrom(DirNode& dir, const InotifyRecord& record);
-    void MovedTo(DirNode& dir, const InotifyRecord& record);
-    const InotifyRecord* PartnerOf(const InotifyRecord& from);
-    bool CanMove(const DirNode& node, const DirNode& target, std::string_view name) const;
-    bool TakeSwap(DirNode& dir, const InotifyRecord& from, DirNode& target,
-                  const InotifyRecord& to);
-    void Overflow();
-    void WatchEnded(int wd);
+    void HandleSelf(DirNode& dir, const InotifyRecord& record);
+    void OnOverflow();
+    void OnWatchEnded(int wd);
 
     InotifyReader& reader_;
     WatchedTree& tree_;
     ChangeRouter& router_;
     TreeChanges& changes_;
     RootTracker& roots_;
+    MoveTranslator moves_;
+    RestoreEchoFilter restore_echoes_;
     Counters& counters_;
     Poco::Logger* logger_;
-    /// Moves whose first half has been taken in for both, by cookie.
-    std::unordered_map<std::uint32_t, HalfMove> moves_;
-    /// Restore temporaries whose creation was left out, as their end is among the records to come.
-    std::vector<std::pair<int, std::string>> fleeting_;
     bool events_lost_ = false;
     InotifyReader::Time next_overflow_log_{};
 };

@@ -1,3 +1,6 @@
+// Owns: the kinds of the last kCapacity paths that disappeared. Must not own: what exists
+// (NameIndex). Thread: the task's. Ownership passes: never.
+
 #include "changes/RecentFileTypes.h"
 
 #include <functional>

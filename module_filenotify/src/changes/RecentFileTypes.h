@@ -8,14 +8,13 @@
 
 namespace Engine::FileNotify {
 
-/// Remembers of the last paths that went away whether each was a directory, so that a link planted
-/// where a directory was is known for what it is. Bounded: the oldest are forgotten. Task's thread
-/// only.
+/// Remembers whether the last disappeared paths were directories. So a link that replaces a
+/// directory is recognised. The oldest paths are forgotten. Owned by TreeChanges. Not thread-safe.
 class RecentFileTypes {
   public:
     void Remember(std::string_view path, bool was_directory);
 
-    /// True when `path` was the other kind when it went away; the path is then forgotten.
+    /// Returns true when `path` disappeared as another kind of object. Forgets the path.
     bool TakeChanged(std::string_view path, bool is_directory);
 
     static constexpr std::size_t kCapacity = 65536;

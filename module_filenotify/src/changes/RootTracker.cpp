@@ -1,5 +1,5 @@
-// Owns: nothing but flags; the watches are WatchMatcher's.
-// Not: what lies below a root (TreeWalker). Thread: the task's.
+// Owns: only a flag. Must not own: the watches (WatchMatcher), nor the content of a root
+// (TreeWalker). Thread: the task's. Ownership passes: Start hands each new watch to WatchMatcher.
 
 #include "changes/RootTracker.h"
 
@@ -7,29 +7,39 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <string>
+#include <memory>
 #include <utility>
+
+#include "requests/WatchRequestQueue.h"
 
 namespace Engine::FileNotify {
 
-RootTracker::RootTracker(WatchedTree& tree, ChangeRouter& router) : tree_(tree), router_(router) {
-    tree_.SetGoing([this](DirNode& node) { Going(node); });
+namespace {
+
+std::uint32_t MaskOf(const Watch& watch, std::uint32_t mask) {
+    return watch.root_is_directory ? mask | IN_ISDIR : mask;
+}
+
+}  // namespace
+
+RootTracker::RootTracker(WatchedTree& tree, ChangeRouter& router, TreePruner& pruner)
+    : tree_(tree), router_(router), pruner_(pruner) {
+    tree_.SetDetachHandler([this](DirNode& node) { DetachFrom(node); });
 }
 
 void RootTracker::Start(const WatchRequest& request) {
     if (Watch* known = tree_.matcher.Find(request.subscription.get())) {
         known->request = request;
         known->ended = false;
-        known->unsettled = true;
-        prune_due_ = true;
-        if (known->root_present) PushWalk(*known, WalkQueue::kFirst);
+        known->unresolved = true;
+        pruner_.Request();
+        if (known->root_present) EnqueueWalk(*known, WalkQueue::kFirst);
     } else {
         auto watch = std::make_unique<Watch>();
         watch->request = request;
         tree_.matcher.Add(std::move(watch));
     }
-    any_unsettled_ = true;
+    any_unresolved_ = true;
 }
 
 void RootTracker::Stop(const Subscription* subscription) {
@@ -37,14 +47,14 @@ void RootTracker::Stop(const Subscription* subscription) {
     if (watch == nullptr) return;
     tree_.queue.Disown(*watch);
     tree_.matcher.Remove(*watch);
-    prune_due_ = true;
+    pruner_.Request();
 }
 
 void RootTracker::NameAppeared(const DirNode& dir, std::string_view name, bool is_directory) {
-    for (Watch* watch : tree_.matcher.WaitingFor(&dir, name)) {
+    for (Watch* watch : tree_.matcher.AttachedFor(&dir, name)) {
         if (!watch->AtParent()) {
-            watch->unsettled = true;
-            any_unsettled_ = true;
+            watch->unresolved = true;
+            any_unresolved_ = true;
             continue;
         }
         watch->root_present = true;
@@ -55,46 +65,48 @@ void RootTracker::NameAppeared(const DirNode& dir, std::string_view name, bool i
 }
 
 void RootTracker::NameGone(const DirNode& dir, std::string_view name) {
-    for (Watch* watch : tree_.matcher.WaitingFor(&dir, name)) {
-        if (!watch->AtParent() || !watch->root_present) continue;
-        watch->root_present = false;
-        watch->ended = !watch->request.rewatch;
+    for (Watch* watch : tree_.matcher.AttachedFor(&dir, name)) {
+        if (watch->AtParent() && watch->root_present) LoseRoot(*watch);
     }
 }
 
-void RootTracker::Going(DirNode& node) {
+void RootTracker::LoseRoot(Watch& watch) {
+    watch.root_present = false;
+    watch.ended = !watch.request.rewatch;
+}
+
+void RootTracker::DetachFrom(DirNode& node) {
     for (const auto& owned : tree_.matcher.All()) {
         Watch& watch = *owned;
         if (watch.attach == nullptr || !NameIndex::IsWithin(*watch.attach, node)) continue;
         if (watch.AtParent() && watch.root_present) {
-            router_.AnnounceRoot(watch, watch.root_is_directory ? IN_DELETE | IN_ISDIR : IN_DELETE);
-            watch.root_present = false;
-            watch.ended = !watch.request.rewatch;
+            router_.AnnounceRoot(watch, MaskOf(watch, IN_DELETE));
+            LoseRoot(watch);
         }
         std::size_t depth = watch.depth;
         for (const DirNode* at = watch.attach; at != node.parent; at = at->parent) --depth;
         tree_.matcher.Attach(watch, node.parent, depth);
-        watch.unsettled = true;
-        any_unsettled_ = true;
+        watch.unresolved = true;
+        any_unresolved_ = true;
     }
 }
 
-void RootTracker::Settle() {
-    while (any_unsettled_) {
-        any_unsettled_ = false;
+void RootTracker::ResolveChanged() {
+    while (any_unresolved_) {
+        any_unresolved_ = false;
         for (const auto& watch : tree_.matcher.All()) {
-            if (std::exchange(watch->unsettled, false)) Advance(*watch);
+            if (std::exchange(watch->unresolved, false)) Resolve(*watch);
         }
     }
 }
 
-void RootTracker::LookAgain(bool reconcile) {
-    any_unsettled_ = true;
+void RootTracker::ResolveAll(bool reconcile) {
+    any_unresolved_ = true;
     for (const auto& watch : tree_.matcher.All()) {
-        watch->unsettled = true;
+        watch->unresolved = true;
         if (!watch->root_present) continue;
         if (watch->root_is_directory) {
-            PushWalk(*watch, reconcile ? WalkQueue::kReconcile : WalkQueue::kVerify);
+            EnqueueWalk(*watch, reconcile ? WalkQueue::kReconcile : WalkQueue::kVerify);
         }
         if (reconcile) {
             router_.AnnounceRoot(*watch,
@@ -103,7 +115,7 @@ void RootTracker::LookAgain(bool reconcile) {
     }
 }
 
-void RootTracker::Advance(Watch& watch) {
+void RootTracker::Resolve(Watch& watch) {
     if (watch.ended) return;
     if (!watch.attached) {
         const bool is_top = watch.request.components.empty();
@@ -116,32 +128,36 @@ void RootTracker::Advance(Watch& watch) {
         if (next == nullptr) break;
         tree_.matcher.Attach(watch, next, watch.depth + 1);
     }
-    if (watch.AtParent()) LookForRoot(watch, watch.attach != before);
+    if (watch.AtParent()) CheckRoot(watch, watch.attach != before);
     watch.started = true;
 }
 
 DirNode* RootTracker::StepInto(DirNode& dir, std::string_view name) {
     DirNode* step = dir.dirs.Find(name);
     const bool is_new = step == nullptr;
-    if (is_new) {
-        const int holder = tree_.opener.Locate(dir);
-        struct stat status {};
-        const std::string text(name);
-        if (holder < 0 || ::fstatat(holder, text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return nullptr;
-        }
-        const bool is_link = S_ISLNK(status.st_mode);
-        if (!is_link && !S_ISDIR(status.st_mode)) return nullptr;
-        step = &tree_.index.AddDirectory(dir, name);
-        step->Set(DirNode::kThroughLink, is_link);
-    }
-    // The watch first, then the look for the next part: nothing falls between.
+    if (is_new) step = AddStep(dir, name);
+    if (step == nullptr) return nullptr;
+    // The watch precedes the search for the next component, so that no event is missed.
     if (!WatchedTree::IsGone(tree_.EnsureWatched(*step))) return step;
     if (is_new) tree_.RemoveDirectory(*step);
     return nullptr;
 }
 
-void RootTracker::LookForRoot(Watch& watch, bool arrived_here) {
+DirNode* RootTracker::AddStep(DirNode& dir, std::string_view name) {
+    const int holder = tree_.opener.Locate(dir);
+    struct stat status {};
+    const std::string text(name);
+    if (holder < 0 || ::fstatat(holder, text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return nullptr;
+    }
+    const bool is_link = S_ISLNK(status.st_mode);
+    if (!is_link && !S_ISDIR(status.st_mode)) return nullptr;
+    DirNode& step = tree_.index.AddDirectory(dir, name);
+    step.Set(DirNode::kThroughLink, is_link);
+    return &step;
+}
+
+void RootTracker::CheckRoot(Watch& watch, bool parent_is_new) {
     if (watch.attach == nullptr) {
         if (!watch.root_present) RootFound(watch, true);
         return;
@@ -156,12 +172,11 @@ void RootTracker::LookForRoot(Watch& watch, bool arrived_here) {
         if (!watch.root_present) RootFound(watch, S_ISDIR(status.st_mode));
         return;
     }
-    // A root that went with its parents is announced again when the parents are back: only now can
-    // a receiver put it back.
-    if (watch.root_present || (arrived_here && watch.was_present)) {
-        router_.AnnounceRoot(watch, watch.root_is_directory ? IN_DELETE | IN_ISDIR : IN_DELETE);
-        watch.root_present = false;
-        watch.ended = !watch.request.rewatch;
+    // After the parents of a root disappeared with it and came back, the deletion is announced
+    // again: only now can a receiver restore the root.
+    if (watch.root_present || (parent_is_new && watch.was_present)) {
+        router_.AnnounceRoot(watch, MaskOf(watch, IN_DELETE));
+        LoseRoot(watch);
     }
 }
 
@@ -178,11 +193,11 @@ void RootTracker::RootFound(Watch& watch, bool is_directory) {
             tree_.PutFile(*watch.attach, watch.NextName());
         }
     }
-    if (late) router_.AnnounceRoot(watch, is_directory ? IN_CREATE | IN_ISDIR : IN_CREATE);
-    if (is_directory) PushWalk(watch, late ? WalkQueue::kArrived : WalkQueue::kFirst);
+    if (late) router_.AnnounceRoot(watch, MaskOf(watch, IN_CREATE));
+    if (is_directory) EnqueueWalk(watch, late ? WalkQueue::kArrived : WalkQueue::kFirst);
 }
 
-void RootTracker::PushWalk(Watch& watch, std::uint8_t reasons) {
+void RootTracker::EnqueueWalk(Watch& watch, std::uint8_t reasons) {
     if (DirNode* root = RootNode(watch)) tree_.Enqueue(*root, reasons, &watch);
 }
 
@@ -191,42 +206,20 @@ DirNode* RootTracker::RootNode(const Watch& watch) const {
     return watch.AtParent() ? watch.attach->dirs.Find(watch.NextName()) : nullptr;
 }
 
-bool RootTracker::IsNeededAsStep(const DirNode& dir) const {
-    const auto& watches = tree_.matcher.All();
-    return std::any_of(watches.begin(), watches.end(), [&](const auto& watch) {
-        return watch->attach != nullptr && NameIndex::IsWithin(*watch->attach, dir);
-    });
-}
-
-void RootTracker::Prune() {
-    prune_due_ = false;
-    if (tree_.matcher.All().empty()) {
-        tree_.Clear();
-        return;
+std::optional<std::size_t> RootTracker::NamesBelow(const Subscription& subscription,
+                                                   const std::string& path) const {
+    const Watch* watch = tree_.matcher.Find(&subscription);
+    if (watch == nullptr || !watch->root_present || !watch->request.report_directories ||
+        (watch->request.mask & IN_ATTRIB) == 0) {
+        return std::nullopt;
     }
-    std::vector<DirNode*> left{&tree_.index.Root()};
-    while (!left.empty()) {
-        DirNode* dir = left.back();
-        left.pop_back();
-        PruneBelow(*dir);
-        for (const auto& child : dir->dirs.All()) left.push_back(child.get());
+    const DirNode* node = RootNode(*watch);
+    for (const std::string& name : WatchRequestQueue::Split(path.substr(watch->Id().size()))) {
+        if (node == nullptr) break;
+        node = node->dirs.Find(name);
     }
-}
-
-void RootTracker::PruneBelow(DirNode& dir) {
-    std::vector<DirNode*> unneeded;
-    for (const auto& child : dir.dirs.All()) {
-        if (!tree_.matcher.IsCovered(dir, child->name) && !IsNeededAsStep(*child)) {
-            unneeded.push_back(child.get());
-        }
-    }
-    for (DirNode* child : unneeded) tree_.RemoveDirectory(*child);
-    if (tree_.matcher.IsWalked(dir) || !dir.Is(DirNode::kListed)) return;
-    // No longer of a tree, only a step on the way to a root.
-    tree_.index.ClearFiles(dir);
-    dir.Set(DirNode::kListed, false);
-    tree_.table.Unwatch(dir);
-    tree_.EnsureWatched(dir);
+    if (node == nullptr) return std::nullopt;
+    return std::size_t{node->totals.directories} + node->totals.files;
 }
 
 }  // namespace Engine::FileNotify

@@ -1,5 +1,5 @@
-// Owns: the memory of what names stood for. Not: index and watches (WatchedTree).
-// Thread: the task's.
+// Owns: the kinds of names that disappeared. Must not own: index and watches (WatchedTree).
+// Thread: the task's. Ownership passes: never.
 
 #include "changes/TreeChanges.h"
 
@@ -17,12 +17,7 @@ using Kind = NameIndex::Kind;
 void TreeChanges::Appeared(DirNode& dir, std::string_view name, bool is_directory,
                            std::uint32_t mask, const Visit& visit) {
     if (!tree_.matcher.IsCovered(dir, name)) {
-        DirNode* step = dir.dirs.Find(name);
-        if (step != nullptr && (!is_directory || step->Is(DirNode::kThroughLink))) {
-            tree_.RemoveDirectory(*step);
-        }
-        dir.Set(DirNode::kPartial, true);
-        roots_.NameAppeared(dir, name, is_directory);
+        StepAppeared(dir, name, is_directory);
         return;
     }
     const Kind now = is_directory ? Kind::kDirectory : Kind::kOther;
@@ -32,16 +27,7 @@ void TreeChanges::Appeared(DirNode& dir, std::string_view name, bool is_director
         changed = memory_.TakeChanged(NameIndex::PathOf(dir, name), is_directory);
     }
     if (is_directory) {
-        DirNode& node = tree_.PutDirectory(dir, name);
-        if (before != Kind::kDirectory) {
-            node.Set(DirNode::kInitial, visit.initial);
-        } else if (visit.may_be_another) {
-            node.inode = 0;
-            tree_.opener.Clear();
-        }
-        if (visit.reasons != 0 && tree_.matcher.IsWalked(dir, name)) {
-            tree_.Enqueue(node, visit.reasons, visit.owner);
-        }
+        PutDirectory(dir, name, before, visit);
     } else {
         tree_.PutFile(dir, name);
     }
@@ -50,6 +36,30 @@ void TreeChanges::Appeared(DirNode& dir, std::string_view name, bool is_director
         if (changed) router_.AnnounceKindChange(dir, name, is_directory);
     }
     roots_.NameAppeared(dir, name, is_directory);
+}
+
+// No watch covers the name, but the path to a root may lead through it.
+void TreeChanges::StepAppeared(DirNode& dir, std::string_view name, bool is_directory) {
+    DirNode* step = dir.dirs.Find(name);
+    if (step != nullptr && (!is_directory || step->Is(DirNode::kThroughLink))) {
+        tree_.RemoveDirectory(*step);
+    }
+    dir.Set(DirNode::kPartial, true);
+    roots_.NameAppeared(dir, name, is_directory);
+}
+
+void TreeChanges::PutDirectory(DirNode& dir, std::string_view name, Kind before,
+                               const Visit& visit) {
+    DirNode& node = tree_.PutDirectory(dir, name);
+    if (before != Kind::kDirectory) {
+        node.Set(DirNode::kInitial, visit.initial);
+    } else if (visit.may_be_another) {
+        node.inode = 0;
+        tree_.opener.Clear();
+    }
+    if (visit.reasons != 0 && tree_.matcher.IsWalked(dir, name)) {
+        tree_.Enqueue(node, visit.reasons, visit.owner);
+    }
 }
 
 void TreeChanges::Gone(DirNode& dir, std::string_view name, bool is_directory, std::uint32_t mask,
@@ -74,9 +84,9 @@ void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, st
     const std::string old_name = node.name;
     router_.Announce({&from, old_name}, mask | IN_ISDIR, {&target, name});
     memory_.Remember(NameIndex::PathOf(from, old_name), true);
-    const bool has_new_reader = HasNewReader(from, old_name, target, name);
-    const bool gave_way = tree_.matcher.GivesWay(node);
-    tree_.Going(node);
+    const bool has_new_watch = HasNewWatch(from, old_name, target, name);
+    const bool was_low_priority = tree_.matcher.IsLowPriority(node);
+    tree_.NotifyDetach(node);
     roots_.NameGone(from, old_name);
     if (DirNode* replaced = target.dirs.Find(name)) {
         tree_.RemoveDirectory(*replaced);
@@ -84,11 +94,12 @@ void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, st
         tree_.index.RemoveFile(target, name);
     }
     tree_.index.Move(node, target, name);
-    tree_.opener.Forget(node);  // to be looked for at its new place
-    const bool unknown = has_new_reader || !node.Is(DirNode::kListed);
-    tree_.Enqueue(node,
-                  unknown || IsNeededNow(node, gave_way) ? WalkQueue::kArrived : WalkQueue::kVerify,
-                  nullptr);
+    tree_.opener.Forget(node);  // to be opened at its new place
+    const bool unknown = has_new_watch || !node.Is(DirNode::kListed);
+    tree_.Enqueue(
+        node,
+        unknown || GainsPriority(node, was_low_priority) ? WalkQueue::kArrived : WalkQueue::kVerify,
+        nullptr);
 }
 
 void TreeChanges::MovedHere(DirNode& dir, std::string_view name, std::uint32_t mask,
@@ -112,27 +123,27 @@ void TreeChanges::Recheck(DirNode& dir, std::string_view name) {
 }
 
 void TreeChanges::Exchange(DirNode& one, DirNode& other) {
-    const bool one_gave_way = tree_.matcher.GivesWay(one);
-    const bool other_gave_way = tree_.matcher.GivesWay(other);
-    tree_.Going(one);
-    tree_.Going(other);
+    const bool one_was_low = tree_.matcher.IsLowPriority(one);
+    const bool other_was_low = tree_.matcher.IsLowPriority(other);
+    tree_.NotifyDetach(one);
+    tree_.NotifyDetach(other);
     tree_.index.Exchange(one, other);
     tree_.opener.Forget(one);
     tree_.opener.Forget(other);
-    const auto reason = [&](const DirNode& node, bool gave_way) {
-        return IsNeededNow(node, gave_way) ? WalkQueue::kArrived : WalkQueue::kVerify;
+    const auto reason = [&](const DirNode& node, bool was_low_priority) {
+        return GainsPriority(node, was_low_priority) ? WalkQueue::kArrived : WalkQueue::kVerify;
     };
-    tree_.Enqueue(one, reason(one, one_gave_way), nullptr);
-    tree_.Enqueue(other, reason(other, other_gave_way), nullptr);
+    tree_.Enqueue(one, reason(one, one_was_low), nullptr);
+    tree_.Enqueue(other, reason(other, other_was_low), nullptr);
 }
 
-// Directories in it may have lost their watches, or may never have been listed.
-bool TreeChanges::IsNeededNow(const DirNode& node, bool gave_way) const {
-    return gave_way && !tree_.matcher.GivesWay(node);
+// Its subdirectories may have lost their watches, or may never have been listed.
+bool TreeChanges::GainsPriority(const DirNode& node, bool was_low_priority) const {
+    return was_low_priority && !tree_.matcher.IsLowPriority(node);
 }
 
-bool TreeChanges::HasNewReader(const DirNode& from, std::string_view name, const DirNode& to,
-                               std::string_view new_name) const {
+bool TreeChanges::HasNewWatch(const DirNode& from, std::string_view name, const DirNode& to,
+                              std::string_view new_name) const {
     WatchMatcher::Hits old_hits;
     WatchMatcher::Hits new_hits;
     tree_.matcher.Covering(from, name, old_hits);

@@ -10,49 +10,51 @@
 
 namespace Engine::FileNotify {
 
-/// Takes changes of names into the index and announces them; the same whether the kernel told them
-/// or a walk found them. Task's thread only.
+/// Applies changes of names to the tree and announces them, for events and for walks. Owned by
+/// NotifyCore. Not thread-safe.
 class TreeChanges {
   public:
     TreeChanges(WatchedTree& tree, ChangeRouter& router, RootTracker& roots)
         : tree_(tree), router_(router), roots_(roots) {}
 
-    /// How a directory that appears is visited, and for whom; 0: it is not.
+    /// How to visit a directory that appears. No reasons: it is not visited.
     struct Visit {
         std::uint8_t reasons = 0;
         Watch* owner = nullptr;
         bool initial = false;
-        bool may_be_another = false;  ///< than the directory that is known under the name
+        bool may_be_another = false;  ///< the known directory of that name may be another one
     };
 
-    /// `mask` 0: learnt without being announced.
+    /// The name exists. `mask`: of the announcement; 0: only update the index.
     void Appeared(DirNode& dir, std::string_view name, bool is_directory, std::uint32_t mask,
                   const Visit& visit);
 
-    /// Tells of the name being gone. The index follows unless it knows the name as the other kind
-    /// by now: the event is then older than what a walk has seen.
+    /// The name disappeared. Announces it. Keeps the index when it has the name as another kind of
+    /// object: a walk has then seen a later state than the event.
     void Gone(DirNode& dir, std::string_view name, bool is_directory, std::uint32_t mask,
               ObjectRef moved_to = {});
 
-    /// The directory `node` becomes `name` in `target`. Its own announcement is made here (as of
-    /// `mask`, IN_MOVED_FROM); the one of the new name by MovedHere.
+    /// First half of a move: `node` becomes `name` in `target`. Announces the old name with `mask`;
+    /// MovedHere announces the new one.
     void Move(DirNode& node, DirNode& target, std::string_view name, std::uint32_t mask);
 
-    /// Second half of a move whose first half was taken in by Move. `replaced` is what the new
-    /// name stood for before.
+    /// Second half of a move that Move applied. `replaced`: what the new name was before.
     void MovedHere(DirNode& dir, std::string_view name, std::uint32_t mask,
                    NameIndex::Kind replaced);
 
-    /// Takes `name` for new if there is something of that name now.
+    /// Announces the arrival of `name` when such an object exists. Blocks on a disk read.
     void Recheck(DirNode& dir, std::string_view name);
 
-    /// Two directories have changed places; nothing is announced.
+    /// Exchanges two directories without announcing it.
     void Exchange(DirNode& one, DirNode& other);
 
   private:
-    bool IsNeededNow(const DirNode& node, bool gave_way) const;
-    bool HasNewReader(const DirNode& from, std::string_view name, const DirNode& to,
-                      std::string_view new_name) const;
+    void StepAppeared(DirNode& dir, std::string_view name, bool is_directory);
+    void PutDirectory(DirNode& dir, std::string_view name, NameIndex::Kind before,
+                      const Visit& visit);
+    bool GainsPriority(const DirNode& node, bool was_low_priority) const;
+    bool HasNewWatch(const DirNode& from, std::string_view name, const DirNode& to,
+                     std::string_view new_name) const;
 
     WatchedTree& tree_;
     ChangeRouter& router_;

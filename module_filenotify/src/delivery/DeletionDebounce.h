@@ -7,43 +7,47 @@
 
 namespace Engine::FileNotify {
 
-/// Decides how long deletions wait. One that comes alone does not; of several the whole batch waits
-/// for a quiet spell: whoever deletes a tree is not through yet, and what is put back meanwhile is
-/// in his way, so that he leaves a torso and each file is put back by itself. Waiting saves at most
-/// the work that waits, so a few deletions that cost little wait little. Not for several threads.
+/// Debounces deletions. A single deletion is delivered at once; a burst waits for a quiet period.
+/// Otherwise restored files would make a running `rm -rf` fail halfway, and each of the remaining
+/// files would have to be restored by itself. Owned by PendingQueue. Not thread-safe.
+///
+/// Waiting saves at most the cost of undoing the waiting deletions, so the quiet period is the
+/// number of deletions times the cost of one.
 class DeletionDebounce {
   public:
     using Time = std::chrono::steady_clock::time_point;
 
-    static constexpr std::chrono::milliseconds kStormGap{5};  ///< closer ones are a storm
-    static constexpr std::chrono::milliseconds kShortestQuiet{1};
-    static constexpr std::chrono::milliseconds kLongestQuiet{20};
-    static constexpr std::chrono::milliseconds kLongest{300};
-    static constexpr std::chrono::nanoseconds kUsualCost{1000000};  ///< until it is known
-    static constexpr std::chrono::nanoseconds kLeastCost{1000};
+    static constexpr std::chrono::milliseconds kStormGap{5};  ///< a smaller gap starts a burst
+    static constexpr std::chrono::milliseconds kMinQuiet{1};
+    static constexpr std::chrono::milliseconds kMaxQuiet{20};
+    static constexpr std::chrono::milliseconds kMaxDelay{300};
+    static constexpr std::chrono::nanoseconds kDefaultCost{1000000};  ///< before any measurement
+    static constexpr std::chrono::nanoseconds kMinCost{1000};
 
-    /// A deletion has come; `first`: none waited before it.
-    void Note(Time now, bool first) {
+    /// Call for each new deletion. `first`: no other deletion is waiting.
+    void OnDeletion(Time now, bool first) {
         storm_ = (storm_ && !first) || now < last_ + kStormGap;
         last_ = now;
         if (first) since_ = now;
     }
 
-    /// With `waiting` deletions there, more than none, of which the receiver needs `cost` to undo
-    /// one.
-    bool IsOver(Time now, std::size_t waiting, std::chrono::nanoseconds cost) const {
+    /// True when the `waiting` deletions (at least one) may be delivered. `cost`: the receiver's
+    /// time to undo one deletion.
+    bool IsDone(Time now, std::size_t waiting, std::chrono::nanoseconds cost) const {
         return (waiting == 1 && !storm_) || now >= Due(waiting, cost);
     }
 
+    /// When IsDone becomes true unless further deletions arrive.
     Time Due(std::size_t waiting, std::chrono::nanoseconds cost) const {
-        return std::min(last_ + Quiet(waiting, cost), since_ + kLongest);
+        return std::min(last_ + QuietPeriod(waiting, cost), since_ + kMaxDelay);
     }
 
-    static std::chrono::nanoseconds Quiet(std::size_t waiting, std::chrono::nanoseconds cost) {
-        const std::chrono::nanoseconds longest = kLongestQuiet;
-        const auto most = static_cast<std::size_t>(longest / std::max(cost, kLeastCost));
+    static std::chrono::nanoseconds QuietPeriod(std::size_t waiting,
+                                                std::chrono::nanoseconds cost) {
+        const std::chrono::nanoseconds longest = kMaxQuiet;
+        const auto most = static_cast<std::size_t>(longest / std::max(cost, kMinCost));
         if (waiting > most) return longest;
-        return std::clamp<std::chrono::nanoseconds>(cost * waiting, kShortestQuiet, longest);
+        return std::clamp<std::chrono::nanoseconds>(cost * waiting, kMinQuiet, longest);
     }
 
   private:

@@ -1,5 +1,6 @@
-// Owns: the changes that wait, by receiver. Not: a message that was posted; that is the
-// framework's, which tells its SendWindow when it is gone. Thread: the task's.
+// Owns: the pending changes of each receiver.
+// Must not own: posted messages (the framework). A freed message notifies its SendWindow.
+// Thread: the task's. Ownership passes: a successful post hands the message to the framework.
 
 #include "delivery/Delivery.h"
 
@@ -12,20 +13,20 @@ namespace Engine::FileNotify {
 
 namespace {
 
-// A queue that others have filled tells nobody when there is room.
+// The task's queue does not signal when other senders' messages leave it.
 constexpr std::chrono::milliseconds kRefusedRetry{5};
 
 }  // namespace
 
-Delivery::Delivery(Post post, NamesBelow names_below, Counters& counters, Now now)
+Delivery::Delivery(Post post, CountNames count_names, Counters& counters, Now now)
     : post_(std::move(post)),
-      names_below_(std::move(names_below)),
+      count_names_(std::move(count_names)),
       counters_(counters),
       now_(std::move(now)) {}
 
 void Delivery::Add(PendingChange change) {
     const std::string& id = change.subscription->Receiver();
-    Receiver& receiver = receivers_.try_emplace(id, names_below_, wakes_).first->second;
+    Receiver& receiver = receivers_.try_emplace(id, count_names_, wakes_).first->second;
     const PendingQueue::Pushed pushed = receiver.queue.Push(std::move(change), now_());
     counters_.events_merged += pushed.dropped + (pushed.added ? 0 : 1);
     counters_.pending += (pushed.added ? 1 : 0) - pushed.dropped;
@@ -36,17 +37,17 @@ void Delivery::SetStorm(bool storm) {
 }
 
 void Delivery::Flush() {
-    flushed_ = now_();
+    flushed_at_ = now_();
     for (auto& [id, receiver] : receivers_) {
-        if (receiver.queue.Size() > 0) FlushOne(id, receiver);
+        if (receiver.queue.Size() > 0) FlushReceiver(id, receiver);
     }
 }
 
-void Delivery::FlushOne(const std::string& id, Receiver& receiver) {
+void Delivery::FlushReceiver(const std::string& id, Receiver& receiver) {
     PendingQueue& queue = receiver.queue;
     receiver.refused = false;
     SendWindow& window = *receiver.window;
-    Settle(receiver);
+    ReleaseDue(receiver);
     do {
         while (window.HasRoom()) {
             const bool deletions_too = window.HasRoomForDeletion();
@@ -63,31 +64,31 @@ void Delivery::FlushOne(const std::string& id, Receiver& receiver) {
     } while (!window.WakeWhenLow());
 }
 
-void Delivery::Settle(Receiver& receiver) {
+void Delivery::ReleaseDue(Receiver& receiver) {
     receiver.queue.SetDeletionCost(receiver.window->DeletionCost());
-    const std::size_t settled = receiver.queue.Settle(flushed_);
-    if (settled > 1) counters_.deletions_settled += settled;
-    if (settled > 0) {
-        receiver.window->ForgetSlowDeletions();
-        receiver.repairs_due = true;
+    const std::size_t released = receiver.queue.ReleaseDue(flushed_at_);
+    if (released > 1) counters_.deletions_debounced += released;
+    if (released > 0) {
+        receiver.window->ResetSlowDeletions();
+        receiver.check_coalescing = true;
     }
-    // Not earlier: what is deleted may be nothing that the receiver would put back.
-    if (!receiver.repairs_due || !receiver.window->DeletionsAreSlow()) return;
-    receiver.repairs_due = false;
-    const std::size_t added = receiver.queue.AddRepairs(flushed_);
+    // Wait for a measurement: the receiver may not restore these files at all.
+    if (!receiver.check_coalescing || !receiver.window->DeletionsAreSlow()) return;
+    receiver.check_coalescing = false;
+    const std::size_t added = receiver.queue.AnnounceDirectories(flushed_at_);
     counters_.directories_announced += added;
     counters_.pending += added;
 }
 
 bool Delivery::PostOne(const std::string& id, Receiver& receiver, const PendingChange& change) {
     const auto posted = change.subscription->Post([&] {
-        // Taken back when the message is freed, here or there.
-        receiver.window->Posted(change.IsDeletion());
+        // The message's destructor reverts this, wherever it is freed.
+        receiver.window->OnPost(change.IsDeletion());
         auto message = std::make_unique<FileNotifyMessage>(change.subscription->Id(), change.path,
                                                            change.moveto, change.mask,
                                                            change.read_time, receiver.window);
         if (!post_(id, message.get())) return false;
-        static_cast<void>(message.release());  // the framework's from here on
+        static_cast<void>(message.release());  // the framework owns it now
         return true;
     });
     if (posted == Subscription::Posted::kRefused) return false;
@@ -113,7 +114,7 @@ std::optional<Delivery::Clock::time_point> Delivery::NextDue() const {
     std::optional<Clock::time_point> next;
     const auto take = [&](Clock::time_point due) { next = next ? std::min(*next, due) : due; };
     for (const auto& [id, receiver] : receivers_) {
-        if (receiver.refused) take(flushed_ + kRefusedRetry);
+        if (receiver.refused) take(flushed_at_ + kRefusedRetry);
         if (const auto due = receiver.queue.NextDue()) take(*due);
     }
     return next;

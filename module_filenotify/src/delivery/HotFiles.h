@@ -7,20 +7,20 @@
 
 namespace Engine::FileNotify {
 
-/// Remembers which files are rewritten again and again: those that changed once more while an
-/// earlier change still waited. Such changes go behind those of other files, so that whoever keeps
-/// thousands of files changing does not delay the page that is changed once. Not thread-safe.
+/// Remembers hot files: files that changed again while an earlier change was pending. Their changes
+/// have lower priority, so that thousands of rewritten files do not delay a page that changes once.
+/// Owned by PendingQueue. Not thread-safe.
 class HotFiles {
   public:
     using Time = std::chrono::steady_clock::time_point;
 
-    /// A write is several events; what comes so much later is another one.
+    /// Events within this time belong to one write.
     static constexpr std::chrono::milliseconds kOneWrite{5};
-    static constexpr std::chrono::milliseconds kLasts{1000};
+    static constexpr std::chrono::milliseconds kHotFor{1000};
 
-    void Note(std::size_t path_hash, Time now) {
+    void MarkHot(std::size_t path_hash, Time now) {
         if (slots_ == nullptr) slots_ = std::make_unique<Slots>();
-        (*slots_)[path_hash % kSlots] = {path_hash, now + kLasts};
+        (*slots_)[path_hash % kSlots] = {path_hash, now + kHotFor};
     }
 
     bool IsHot(std::size_t path_hash, Time now) const {
@@ -34,7 +34,7 @@ class HotFiles {
         std::size_t path_hash = 0;
         Time until{};
     };
-    /// A hash collision only lets a hot file go first once.
+    /// A hash collision only gives one hot file normal priority once.
     static constexpr std::size_t kSlots = 8192;
     using Slots = std::array<Slot, kSlots>;
 

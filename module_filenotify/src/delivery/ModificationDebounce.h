@@ -7,31 +7,32 @@
 
 namespace Engine::FileNotify {
 
-/// Decides which changes of contents wait in a storm, and how long: those of an object whose last
-/// change has just been posted. Who writes the same files again and again would else have each of
-/// them judged a thousand times a second. The first change of an object never waits. Not for
-/// several threads.
+/// Debounces repeated changes of the same object during a storm: a change waits when the last one
+/// was posted less than kQuietPeriod ago. Otherwise a file that is rewritten in a loop would be
+/// checked a thousand times a second. The first change never waits. Owned by PendingQueue. Not
+/// thread-safe.
 class ModificationDebounce {
   public:
     using Time = std::chrono::steady_clock::time_point;
 
-    static constexpr std::chrono::milliseconds kQuiet{20};
-    static constexpr std::chrono::milliseconds kLongest{200};
+    static constexpr std::chrono::milliseconds kQuietPeriod{20};
+    static constexpr std::chrono::milliseconds kMaxDelay{200};
 
-    /// Nothing is a repeat but in a storm.
+    /// Outside a storm no change is a repeat.
     void SetStorm(bool storm) {
         storm_ = storm;
         if (storm && posted_ == nullptr) posted_ = std::make_unique<Posted>();
     }
 
-    void NotePosted(std::size_t hash, Time now) {
+    /// Call for each posted change. `hash`: of its path and mask.
+    void OnPosted(std::size_t hash, Time now) {
         if (storm_) SlotOf(hash) = {hash, now};
     }
 
     bool IsRepeat(std::size_t hash, Time now) const {
         if (!storm_) return false;
         const Post& last = SlotOf(hash);
-        return last.hash == hash && now < last.time + kQuiet;
+        return last.hash == hash && now < last.time + kQuietPeriod;
     }
 
   private:
@@ -39,7 +40,7 @@ class ModificationDebounce {
         std::size_t hash = 0;
         Time time{};
     };
-    /// One that is overwritten by another only lets a repeat go at once.
+    /// A hash collision only disables debouncing for one file.
     static constexpr std::size_t kSlots = 8192;
     using Posted = std::array<Post, kSlots>;
 

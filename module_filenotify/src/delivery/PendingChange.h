@@ -11,7 +11,7 @@
 
 namespace Engine::FileNotify {
 
-/// One message that is still to be posted.
+/// A change that is not posted yet. A plain value. Not thread-safe.
 struct PendingChange {
     std::shared_ptr<const Subscription> subscription;
     std::string path;

@@ -1,155 +1,106 @@
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
-#include <list>
 #include <optional>
-#include <string_view>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
+#include "delivery/DeletionCoalescing.h"
 #include "delivery/DeletionDebounce.h"
 #include "delivery/HotFiles.h"
 #include "delivery/ModificationDebounce.h"
-#include "delivery/PendingChange.h"
-#include "delivery/RepairPlan.h"
+#include "delivery/PendingStore.h"
 
 namespace Engine::FileNotify {
 
-/// What waits for one receiver, and which of it goes next. Of changes with the same watch, path,
-/// mask and move target only the first is kept: the receiver looks at the object when it gets the
-/// message, so one that it has not had yet speaks for the later ones too. Not bounded by a number,
-/// but by the paths there are.
+/// Decides which pending change of one receiver is posted next. Owned by Delivery. Not thread-safe.
 ///
-/// A deletion speaks for the changes of contents and attributes of its object that came before it
-/// and still wait: these are dropped, so that the receiver does not take the deletion for one of
-/// them.
+/// Merging: the receiver examines the object when it handles a message, so of equal changes (watch,
+/// path, mask, move target) only the first is kept. A deletion drops pending changes of contents
+/// and attributes of its object. So the queue is bounded by the number of paths, not by a constant.
 ///
-/// The order, since one message may spare the receiver many others:
-/// - Deletions are held back as long as DeletionDebounce says, repeated changes of contents in a
-/// storm as
-///   long as ModificationDebounce says.
-/// - The arrival of a restore's temporary (RestoreNames) waits as long as a repeated change; when
-///   its deletion comes meanwhile, neither is told.
-/// - Changes of content go first, then those of directories (a receiver that puts a directory back
-///   undoes what is changed in it, which is to be judged and told before), then deletions.
-/// - The arrival or deletion of a directory goes ahead of all that waits below it, the topmost
-/// first;
-///   what is below one that is held back waits with it.
-/// - Of changes of content those of files that are rewritten all the time (HotFiles) go behind
-///   the others, and have every fourth turn.
-/// - Nothing waits for ever: what waits behind others lets those go ahead that were there when its
-///   own time came, and then takes turns with newer ones.
-///
-/// Task's thread only.
+/// Order, chosen so that one message spares the receiver others:
+/// - Deletions wait for DeletionDebounce; in a storm repeated changes of contents wait for
+///   ModificationDebounce.
+/// - The arrival of a restore's temporary file (RestoreNames) waits as long as a repeated change.
+/// If
+///   it is deleted meanwhile, neither is announced.
+/// - Changes of contents go first, then those of directories, then deletions: restoring a directory
+///   also undoes changes in it, which must be judged and reported before.
+/// - The arrival or deletion of a directory precedes all changes below it, the topmost directory
+///   first. Changes below a held deletion wait with it.
+/// - Changes of hot files (HotFiles) go behind other changes of contents, but get every fourth
+/// turn.
+/// - Nothing starves: after its delay, a waiting change lets only older changes go first and then
+///   takes turns with newer ones.
 class PendingQueue {
   public:
     using Time = std::chrono::steady_clock::time_point;
 
-    explicit PendingQueue(NamesBelow names_below) : names_below_(std::move(names_below)) {}
+    /// `count_names` is called by AnnounceDirectories.
+    explicit PendingQueue(CountNames count_names) : count_names_(std::move(count_names)) {}
     PendingQueue(const PendingQueue&) = delete;
     PendingQueue& operator=(const PendingQueue&) = delete;
     ~PendingQueue() = default;
 
     struct Pushed {
-        bool added = false;       ///< else the same was waiting already, or nothing is left to tell
-        std::size_t dropped = 0;  ///< of those that waited; the new one speaks for them
+        bool added = false;       ///< false: merged, or cancelled out with `dropped` ones
+        std::size_t dropped = 0;  ///< pending changes that the new one made obsolete
     };
     Pushed Push(PendingChange change, Time now);
-    void SetStorm(bool storm) { repeats_.SetStorm(storm); }
-    /// What the receiver needs to undo one deletion, as far as that has been seen.
+    void SetStorm(bool storm) { modification_debounce_.SetStorm(storm); }
+    /// `cost`: the receiver's measured time to undo one deletion.
     void SetDeletionCost(std::chrono::nanoseconds cost) { deletion_cost_ = cost; }
-    std::size_t Size() const { return known_.size(); }
+    std::size_t Size() const { return store_.Size(); }
 
-    /// Lets go what has been held back for long enough; how many changes it was.
-    std::size_t Settle(Time now);
+    /// Releases held changes that are due. Returns how many deletions it released.
+    std::size_t ReleaseDue(Time now);
 
-    /// Where many names of a directory are gone, puts a change of the directory ahead of the
-    /// deletions that were let go; how many directories it was.
-    std::size_t AddRepairs(Time now);
+    /// Adds a change of each directory in which it is cheaper to restore everything than to undo
+    /// the released deletions one by one; these changes precede the deletions. Returns how many.
+    std::size_t AnnounceDirectories(Time now);
 
-    /// When there is something for Settle to do; none: not before something else happens.
+    /// When ReleaseDue has work; none when nothing is held.
     std::optional<Time> NextDue() const;
 
-    /// What is to be posted now, or null. Deletions, unless `deletions_too`, only as far as
-    /// something else has to follow them. Valid until the next call of anything here.
+    /// The next change to post; null when there is none. Without `deletions_too` only those
+    /// deletions that other changes must follow. Valid until the queue changes.
     const PendingChange* Next(bool deletions_too);
-    /// Takes out what Next gave.
+    /// Removes the change that Next returned.
     void Pop();
 
-    /// Drops what waits for watches that were taken off; how many it was.
-    std::size_t DropRevoked();
+    /// Removes changes of revoked subscriptions. Returns how many.
+    std::size_t DropRevoked() { return store_.RemoveRevoked(); }
 
   private:
-    enum Lane : std::uint8_t {
-        kContents,
-        kDirectories,
-        kReleased,
-        kHeld,
-        kRepeats,
-        kHot,  ///< contents of files that are rewritten all the time
-        kLanes
-    };
+    using Lane = PendingStore::Lane;
+    using Entry = PendingStore::Entry;
+    using Entries = PendingStore::Entries;
 
-    struct Entry {
-        PendingChange change;
-        std::size_t hash = 0;
-        Lane lane = kContents;
-        bool put_back = false;  ///< has waited for a directory above it
-        Time pushed{};
-        std::uint64_t serial = 0;            ///< of its coming
-        std::optional<std::uint64_t> after;  ///< what came up to this serial goes first
-        Time due{};             ///< of a directory: when `after` is to be set; of a repeat: its end
-        Time last_due{};        ///< of a repeat: it is not put off beyond that
-        bool repeated = false;  ///< has come again while it waited
-    };
-    using Entries = std::list<Entry>;
-    struct Hash {
-        std::size_t operator()(const Entries::iterator& entry) const { return entry->hash; }
-    };
-    struct Equal {
-        bool operator()(const Entries::iterator& one, const Entries::iterator& other) const;
-    };
+    static constexpr unsigned int kTurnsBeforeHot = 3;
 
-    static std::size_t HashOf(const PendingChange& change);
-    static std::size_t PathHash(const Entry& entry);
     static Lane LaneOf(const PendingChange& change);
-    static bool Concerns(const Entry& entry);
-    static bool IsTemporary(const PendingChange& change);
-    void Place(Entry& entry, Time now);
-    void NoteRepeat(Entries::iterator entry, Time now);
-    bool HasContents() const;
-    Entries::iterator FirstContent();
-    std::size_t DropWaiting(const Entry& deletion, std::initializer_list<std::uint32_t> masks);
-    void NoteDirectory(Entries::iterator entry);
-    void Release();
-    void ReleaseRepeats(Time now);
+    void ChooseLane(Entry& entry, Time now);
+    void OnRepeat(Entries::iterator entry, Time now);
+    void ReleaseDeletions();
+    void ReleaseModifications(Time now);
     Entries::iterator Choose(bool deletions_too);
-    bool MayGo(Lane lane) const;
+    Entries::iterator ChooseContents();
+    bool IsReady(Lane lane) const;
     bool Precedes(Lane lane, const Entry& entry) const;
-    const Entries::iterator* TopmostAbove(const PendingChange& change, bool or_itself) const;
-    Entries::iterator Remove(Entries::iterator entry);
 
-    const NamesBelow names_below_;
-    std::array<Entries, kLanes> lanes_;
-    std::unordered_set<Entries::iterator, Hash, Equal> known_;
-    Entries incoming_;  ///< one, not known yet
-    Entries probe_;     ///< one, to look others up by
-    /// The last waiting arrival or deletion of each directory, by path.
-    std::unordered_map<std::string_view, Entries::iterator> directories_;
+    const CountNames count_names_;
+    PendingStore store_;
     Entries::iterator next_;
-    DeletionDebounce hold_;
-    std::chrono::nanoseconds deletion_cost_ = DeletionDebounce::kUsualCost;
-    ModificationDebounce repeats_;
+    DeletionDebounce deletion_debounce_;
+    std::chrono::nanoseconds deletion_cost_ = DeletionDebounce::kDefaultCost;
+    ModificationDebounce modification_debounce_;
     HotFiles hot_files_;
-    unsigned int turns_before_hot_ = 3;
-    Time settled_{};
+    unsigned int turns_before_hot_ = kTurnsBeforeHot;
+    Time released_at_{};
     std::uint64_t serial_ = 0;
-    std::uint8_t last_lane_ = kContents;  ///< that something went out of
+    std::uint8_t last_lane_ = PendingStore::kContents;  ///< lane of the last posted change
 };
 
 }  // namespace Engine::FileNotify

@@ -4,10 +4,9 @@
 
 namespace Engine::FileNotify {
 
-/// The names under which the agent's own restores show up in a watched directory. Anybody may use
-/// such names, so a name alone never decides that something is left out. Any thread.
-
-/// ".morvane-restore-" and 16 hex digits: a restored object before it takes its place.
+/// True for the temporary names of the agent's own restores: ".morvane-restore-" and 16 hex digits.
+/// Anybody may use such a name, so it must never be the only reason to ignore an object.
+/// Thread-safe.
 bool IsRestoreTemporary(std::string_view name);
 
 }  // namespace Engine::FileNotify

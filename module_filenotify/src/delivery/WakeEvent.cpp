@@ -7,7 +7,7 @@ namespace Engine::FileNotify {
 WakeEvent::WakeEvent() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void WakeEvent::Wake() const noexcept {
-    // Fails only when it is readable anyway.
+    // It fails only when the event is readable already.
     static_cast<void>(::eventfd_write(event_.Get(), 1));
 }
 

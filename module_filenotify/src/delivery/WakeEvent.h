@@ -4,14 +4,14 @@
 
 namespace Engine::FileNotify {
 
-/// Wakes the task's thread from any thread. Shared with whoever may wake, so that it is there for
-/// messages that are freed after the task has ended.
+/// An eventfd that wakes the task's thread. Shared with the messages, because some are freed after
+/// the task ends. Thread-safe.
 class WakeEvent {
   public:
     WakeEvent();
 
-    /// Readable from a Wake on until Drain; -1 when none could be had. Nothing wakes then, and what
-    /// waits is looked at once a second.
+    /// Readable from Wake until Drain. -1 when no eventfd could be created; then the task only
+    /// wakes from its timeout, once a second.
     int Fd() const { return event_.Get(); }
 
     void Wake() const noexcept;

@@ -13,7 +13,7 @@ namespace Engine::FileNotify {
 
 struct DirNode;
 
-/// The directories within a directory; owns their nodes. Not for several threads.
+/// The child directories of a DirNode. Owns their nodes. Not thread-safe.
 class ChildDirs {
   public:
     ChildDirs();
@@ -21,8 +21,11 @@ class ChildDirs {
     ChildDirs(const ChildDirs&) = delete;
     ChildDirs& operator=(const ChildDirs&) = delete;
 
+    /// Returns the child of that name; null when there is none.
     DirNode* Find(std::string_view name) const;
-    DirNode& Add(std::unique_ptr<DirNode> node);  ///< its name must be new
+    /// Takes ownership of `node`, whose name must be new here.
+    DirNode& Add(std::unique_ptr<DirNode> node);
+    /// Removes `node`, which must be a child, and returns it.
     std::unique_ptr<DirNode> Take(const DirNode& node);
     void Reserve(std::size_t count) { nodes_.reserve(count); }
     const std::vector<std::unique_ptr<DirNode>>& All() const { return nodes_; }
@@ -35,24 +38,24 @@ class ChildDirs {
     std::unique_ptr<HashSlots> slots_;
 };
 
-/// What lies in the subtree of a directory, itself included.
+/// Counts of a directory's subtree, including the directory itself.
 struct SubtreeTotals {
     std::uint32_t directories = 0;
     std::uint32_t files = 0;
     std::uint32_t unwatched = 0;
 };
 
-/// One known directory. A plain record: NameIndex keeps names and totals, WatchTable the watch,
-/// WalkQueue the job, WatchMatcher the flags about roots.
+/// One known directory. A plain record without operations: NameIndex maintains names and totals,
+/// WatchTable the watch, WalkQueue the job, WatchMatcher kHasAttached. Not thread-safe.
 struct DirNode {
     enum Flag : std::uint8_t {
         kListed = 1,        ///< its names are known
-        kInitial = 2,       ///< found by a first walk and not listed yet: what it holds is old
-        kWaitedFor = 4,     ///< some watch is attached here
-        kUnwatched = 8,     ///< it should have a kernel watch and could not get one
-        kThroughLink = 16,  ///< on the way to a root, a link that is followed
-        kPartial = 32,      ///< some of its names were left out, as no watch wanted them
-        kByItself = 64      ///< not to be visited together with others
+        kInitial = 2,       ///< found by a first walk and not listed yet: its content is not new
+        kHasAttached = 4,   ///< a watch is attached here (Watch::attach)
+        kUnwatched = 8,     ///< it needs a kernel watch and could not get one
+        kThroughLink = 16,  ///< a followed link on the path to a root
+        kPartial = 32,      ///< lacks names that no watch covered when it was listed
+        kSlowPath = 64      ///< TreeWalker must visit it; InitialScan must not
     };
 
     bool Is(Flag flag) const { return (flags & flag) != 0; }
@@ -62,14 +65,14 @@ struct DirNode {
 
     DirNode* parent = nullptr;
     std::string name;
-    NameSet files;  ///< everything that is no directory
+    NameSet files;  ///< everything except directories
     ChildDirs dirs;
     SubtreeTotals totals;
     int wd = -1;
-    std::uint64_t inode = 0;      ///< which directory it is; 0: not known yet
-    std::uint32_t mask = 0;       ///< what the kernel watch asks for
-    std::uint32_t job_index = 0;  ///< place in the walk queue while `job` is set
-    std::uint8_t job = 0;
+    std::uint64_t inode = 0;      ///< identifies the directory; 0: unknown
+    std::uint32_t mask = 0;       ///< of the kernel watch
+    std::uint32_t job_index = 0;  ///< position in the walk queue's lane while `job` is set
+    std::uint8_t job = 0;         ///< WalkQueue's reasons and lane; 0: not queued
     std::uint8_t flags = 0;
 };
 

@@ -12,12 +12,13 @@ inline std::uint32_t HashName(std::string_view name) {
     return static_cast<std::uint32_t>(std::hash<std::string_view>()(name));
 }
 
-/// A hash table of 32-bit values whose keys lie with the user: 4 bytes a slot and nothing else.
-/// Values are below 2^32 - 2. Not for several threads.
+/// A hash table of 32-bit values with 4 bytes per slot. The owner stores the keys and supplies
+/// their hashes. Values must be below 2^32 - 2. Not thread-safe.
 class HashSlots {
   public:
     static constexpr std::uint32_t kNotFound = 0xFFFFFFFFU;
 
+    /// Returns the value under `hash` for which `matches(value)` is true, or kNotFound.
     template <typename Matches>
     std::uint32_t Find(std::uint32_t hash, Matches&& matches) const {
         for (std::size_t at = hash & Mask(); slots_[at] != kEmpty; at = (at + 1) & Mask()) {
@@ -26,6 +27,7 @@ class HashSlots {
         return kNotFound;
     }
 
+    /// Adds `value`. `hash_of(value)` returns the hash of any value in the table.
     template <typename HashOf>
     void Insert(std::uint32_t hash, std::uint32_t value, HashOf&& hash_of) {
         if ((used_ + 1) * 4 > slots_.size() * 3) Rebuild(hash_of);
@@ -33,12 +35,13 @@ class HashSlots {
         ++live_;
     }
 
-    /// `value` must be in the table under `hash`.
+    /// Removes `value`, which must be in the table under `hash`.
     void Erase(std::uint32_t hash, std::uint32_t value) {
         slots_[SlotOf(hash, value)] = kErased;
         --live_;
     }
 
+    /// Replaces `value`, which must be in the table under `hash`, by another value of that hash.
     void Replace(std::uint32_t hash, std::uint32_t value, std::uint32_t by) {
         slots_[SlotOf(hash, value)] = by + kFirst;
     }
@@ -77,7 +80,7 @@ class HashSlots {
     }
 
     std::vector<std::uint32_t> slots_ = std::vector<std::uint32_t>(kSmallest, kEmpty);
-    std::size_t used_ = 0;  ///< slots that are not empty, erased ones included
+    std::size_t used_ = 0;  ///< slots with values or erased values
     std::size_t live_ = 0;
 };
 

@@ -1,6 +1,7 @@
 // Owns: the nodes of all known directories and the names in them.
-// Not: kernel watches (WatchTable) nor the reasons why a directory is known (WatchMatcher).
+// Must not own: kernel watches (WatchTable), nor the watches that need a directory (WatchMatcher).
 // Thread: the task's.
+// Ownership passes: never; nodes are borrowed until they are removed.
 
 #include "index/NameIndex.h"
 
@@ -82,14 +83,14 @@ void NameIndex::Exchange(DirNode& one, DirNode& other) {
     parent.dirs.Add(std::move(second));
 }
 
-void NameIndex::Remove(DirNode& node, const Visitor& leaving) {
+void NameIndex::Remove(DirNode& node, const Visitor& on_remove) {
     AddTotals(node.parent, node.totals, false);
     const std::unique_ptr<DirNode> owned = node.parent->dirs.Take(node);
-    Dismantle(*owned, leaving);
-    leaving(*owned);
+    Dismantle(*owned, on_remove);
+    on_remove(*owned);
 }
 
-void NameIndex::Dismantle(DirNode& top, const Visitor& leaving) {
+void NameIndex::Dismantle(DirNode& top, const Visitor& on_remove) {
     DirNode* at = &top;
     while (true) {
         if (!at->dirs.All().empty()) {
@@ -98,7 +99,7 @@ void NameIndex::Dismantle(DirNode& top, const Visitor& leaving) {
         }
         if (at == &top) return;
         DirNode* parent = at->parent;
-        leaving(*at);
+        on_remove(*at);
         parent->dirs.Take(*at);
         at = parent;
     }
@@ -118,7 +119,7 @@ bool NameIndex::IsWithin(const DirNode& node, const DirNode& top) {
 }
 
 std::string NameIndex::PathBelow(const DirNode* top, const DirNode& dir, std::string_view name) {
-    // Two ways up: one to know the length, one to write from the end.
+    // The first pass computes the length, the second one writes from the end.
     std::size_t length = name.size();
     for (const DirNode* at = &dir; at != top && at != nullptr; at = at->parent) {
         length += at->name.size() + 1;

@@ -10,21 +10,21 @@
 
 namespace Engine::FileNotify {
 
-/// A set of file names (1 to 255 bytes, no NUL), packed one behind another: a byte more than the
-/// name each; a hash table comes with many names only. Not for several threads.
+/// A set of file names of 1 to 255 bytes without NUL. Uses one byte more than the name; large sets
+/// add a hash table. Owned by a DirNode. Not thread-safe.
 class NameSet {
   public:
     bool Contains(std::string_view name) const { return Find(name) != HashSlots::kNotFound; }
-    bool Insert(std::string_view name);     ///< false: was there already
-    bool Erase(std::string_view name);      ///< false: was not there
-    void Assign(const PackedNames& names);  ///< instead of all; none stands there twice
+    bool Insert(std::string_view name);     ///< false: present already, empty or too long
+    bool Erase(std::string_view name);      ///< false: not present
+    void Assign(const PackedNames& names);  ///< replaces all; names must be unique
     void Clear();
     std::uint32_t Size() const { return count_; }
 
-    /// Gives back what growing has reserved.
+    /// Frees reserved memory.
     void Shrink() { bytes_.shrink_to_fit(); }
 
-    /// Calls `each(std::string_view)`; the set must not be changed meanwhile.
+    /// Calls `each(std::string_view)`, which must not change the set.
     template <typename Each>
     void ForEach(Each&& each) const {
         for (std::uint32_t at = 0; at < bytes_.size(); at = Next(at)) {
@@ -47,7 +47,7 @@ class NameSet {
     void Compact();
     void BuildSlots();
 
-    std::vector<char> bytes_;  ///< as PackedNames keeps them; an erased name begins with NUL
+    std::vector<char> bytes_;  ///< PackedNames' format; an erased name begins with NUL
     std::uint32_t count_ = 0;
     std::uint32_t erased_bytes_ = 0;
     std::unique_ptr<HashSlots> slots_;

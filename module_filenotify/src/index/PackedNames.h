@@ -6,11 +6,11 @@
 
 namespace Engine::FileNotify {
 
-/// Names of 1 to 255 bytes, one behind another, a byte for the length before each: what a listing
-/// gives and NameSet keeps. Not for several threads.
+/// A list of names of 1 to 255 bytes; each is stored as a length byte and the name. The format of
+/// directory listings and of NameSet. Not thread-safe.
 class PackedNames {
   public:
-    /// A name that is empty or longer is left out.
+    /// Ignores names that are empty or too long.
     void Append(std::string_view name) {
         if (name.empty() || name.size() > 255) return;
         bytes_.push_back(static_cast<char>(name.size()));

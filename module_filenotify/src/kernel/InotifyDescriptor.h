@@ -8,25 +8,25 @@
 
 namespace Engine::FileNotify {
 
-/// The kernel's side of watching: one inotify descriptor. The seam where tests put in failures.
-/// Owned by the task; its thread only, Add excepted.
+/// One inotify descriptor. Tests derive from it to inject failures. Owned by NotifyCore. Not
+/// thread-safe; only Add may also be called from a second thread.
 class InotifyDescriptor {
   public:
     virtual ~InotifyDescriptor() = default;
 
-    /// 0, or the errno of what failed. Opening an open one is success.
+    /// Returns 0, or errno. Does nothing when it is open already.
     virtual int Open();
     virtual void Close();
 
-    /// Watches the directory that `dir_fd` is open on, by that descriptor and not by its path, so
-    /// that it is surely this one. Adds to the mask of a directory watched already. The watch
-    /// descriptor, or -errno. Any thread.
+    /// Watches the directory that `dir_fd` is open on. Uses the descriptor instead of a path, which
+    /// could lead to another directory by now. Adds to the mask of a watched directory. Returns the
+    /// watch descriptor, or -errno. Thread-safe.
     virtual int Add(int dir_fd, std::uint32_t mask);
 
-    /// A watch that is gone already is no failure.
+    /// Ends a watch. A watch that has ended already is not an error.
     virtual void Remove(int wd);
 
-    /// read(2); never blocks.
+    /// read(2): returns the size in bytes, or -1 with errno. Never blocks.
     virtual ssize_t Read(char* buffer, std::size_t size);
 
     int Fd() const { return inotify_.Get(); }

@@ -1,6 +1,7 @@
-// Owns: the bytes read from the kernel that nobody has handled yet.
-// Not: the descriptor (the task's) nor what a record means (EventTranslator).
+// Owns: the records that were read and not handled yet, and their bytes.
+// Must not own: the descriptor (NotifyCore), nor the meaning of a record (EventTranslator).
 // Thread: the task's.
+// Ownership passes: never; a record is borrowed until Pop.
 
 #include "kernel/InotifyReader.h"
 
@@ -28,10 +29,10 @@ std::size_t InotifyReader::Fill() {
         batch.read_time = std::chrono::steady_clock::now();
         if (batch.records.empty()) continue;
         count += batch.records.size();
-        waiting_ += batch.records.size();
+        unhandled_ += batch.records.size();
         buffered_ += size;
         batches_.push_back(std::move(batch));
-        // A short read has emptied the queue; asking again would cost a system call each time.
+        // A short read has emptied the queue; reading again would waste a system call.
         emptied_ = size < kReadBytes / 2;
         if (emptied_) break;
     }
@@ -39,10 +40,10 @@ std::size_t InotifyReader::Fill() {
 }
 
 InotifyReader::Batch InotifyReader::TakeBatch(std::size_t size) {
-    if (spare_.room >= size) return std::exchange(spare_, {});
+    if (spare_.capacity >= size) return std::exchange(spare_, {});
     Batch batch;
-    batch.bytes.reset(new char[size]);  // not set to zero
-    batch.room = size;
+    batch.bytes.reset(new char[size]);  // uninitialised on purpose
+    batch.capacity = size;
     return batch;
 }
 
@@ -52,9 +53,9 @@ const InotifyRecord* InotifyReader::Front() const {
 
 void InotifyReader::Pop() {
     Batch& batch = batches_.front();
-    --waiting_;
+    --unhandled_;
     if (++batch.next < batch.records.size()) return;
-    if (batch.room > spare_.room) {
+    if (batch.capacity > spare_.capacity) {
         batch.records.clear();
         batch.next = 0;
         spare_ = std::move(batch);
@@ -66,10 +67,10 @@ void InotifyReader::Pop() {
 void InotifyReader::Clear() {
     batches_.clear();
     buffered_ = 0;
-    waiting_ = 0;
+    unhandled_ = 0;
 }
 
-const InotifyRecord* InotifyReader::Ahead(std::size_t distance) const {
+const InotifyRecord* InotifyReader::Peek(std::size_t distance) const {
     for (const Batch& batch : batches_) {
         const std::size_t left = batch.records.size() - batch.next;
         if (distance < left) return &batch.records[batch.next + distance];
@@ -80,7 +81,7 @@ const InotifyRecord* InotifyReader::Ahead(std::size_t distance) const {
 
 const InotifyRecord* InotifyReader::FindAhead(std::uint32_t cookie, std::uint32_t mask) const {
     for (std::size_t distance = 1; distance <= kLookAhead; ++distance) {
-        const InotifyRecord* record = Ahead(distance);
+        const InotifyRecord* record = Peek(distance);
         if (record == nullptr) return nullptr;
         if (record->cookie == cookie && (record->mask & mask) == mask) return record;
     }

@@ -7,7 +7,7 @@
 
 namespace Engine::FileNotify {
 
-/// One event as the kernel wrote it. `name` points into the bytes that were parsed.
+/// One kernel event. `name` points into the parsed bytes.
 struct InotifyRecord {
     int wd = -1;
     std::uint32_t mask = 0;
@@ -15,8 +15,9 @@ struct InotifyRecord {
     std::string_view name;
 };
 
-/// Appends the records that lie in `bytes`, one read's worth, to `records`. Names lose their
-/// padding. False when the bytes end within a record; the whole ones before it are kept.
+/// Appends the records in `bytes`, the result of one read, to `records`. Strips the padding of the
+/// names. Returns false when the bytes end within a record; the complete ones are appended.
+/// Thread-safe.
 bool ParseRecords(std::string_view bytes, std::vector<InotifyRecord>& records);
 
 }  // namespace Engine::FileNotify

@@ -1,3 +1,6 @@
+// Owns: nothing of the kernel; it restores the limit at once. Must not own: the inotify instance
+// (InotifyDescriptor). Thread: the task's. Ownership passes: never.
+
 #include "kernel/QueueLimit.h"
 
 #include <fcntl.h>
@@ -24,7 +27,7 @@ int QueueLimit::OpenRaised(const std::function<int()>& open) {
         return result;
     }
     problem_.clear();
-    // Who has set it meanwhile to something else is right.
+    // Keep a value that somebody else has written meanwhile.
     if (Read() == wanted_ && Write(former) != 0) {
         SDK_LOG(logger_, PRIO_WARNING, "fs.inotify.max_queued_events stays at %u instead of %u.",
                 wanted_, former);
@@ -38,8 +41,7 @@ void QueueLimit::Fail(std::uint32_t former, int error) {
     if (error != 0) problem += ": " + std::generic_category().message(error);
     if (problem == problem_) return;
     problem_ = std::move(problem);
-    SDK_LOG(logger_, PRIO_WARNING, "%s; more trees have to be walked again after bursts.",
-            problem_);
+    SDK_LOG(logger_, PRIO_WARNING, "%s; bursts overflow the queue sooner.", problem_);
 }
 
 std::uint32_t QueueLimit::Read() const {

@@ -8,26 +8,25 @@
 
 namespace Engine::FileNotify {
 
-/// The kernel's limit of events that wait in one inotify instance. An instance keeps the limit that
-/// was in force when it was made, so it is raised for that moment only and put back at once: no
-/// other program is given it, and however the agent ends there is nothing to undo. Task's thread
-/// only.
+/// Raises the kernel's limit of queued events while an inotify instance is opened. An instance
+/// keeps the limit of that moment, so the old value is restored at once: other programs are not
+/// affected and a crash leaves nothing behind. Owned by FileNotifyTask. Not thread-safe.
 class QueueLimit {
   public:
     static constexpr const char* kFile = "/proc/sys/fs/inotify/max_queued_events";
 
-    /// `file` is where the kernel keeps the limit; `wanted` 0: it is left alone.
+    /// `file`: holds the limit. `wanted`: number of events; 0 leaves the limit unchanged.
     QueueLimit(std::string file, std::uint32_t wanted, Poco::Logger* logger)
         : file_(std::move(file)), wanted_(wanted), logger_(logger) {}
 
-    /// Calls `open` while the limit is at least the one wanted, or as near as can be had; what
-    /// `open` gives. A limit that cannot be raised is logged, once, and told by Problem.
+    /// Calls `open` while the limit is raised and returns its result. When the limit cannot be
+    /// raised, `open` is called all the same; the reason is logged once and kept in Problem.
     int OpenRaised(const std::function<int()>& open);
 
-    /// What was in force when `open` was called last; 0: not known.
+    /// The limit at the last call of `open`, in events; 0: unknown.
     std::uint32_t InForce() const { return in_force_; }
 
-    /// Why it is less than wanted; empty when it is not.
+    /// Why the limit is below the wanted one; empty when it is not.
     const std::string& Problem() const { return problem_; }
 
   private:

@@ -6,9 +6,9 @@
 
 namespace Engine::FileNotify {
 
-/// What a receiver holds by registering: its id, the watch id, and the right to get messages. A
-/// watch that is taken off and put on again has a new subscription, so what waits for the old one
-/// is never delivered. Any thread.
+/// A receiver's right to get the messages of one watch. WatchRequestQueue creates and revokes it;
+/// watches and pending changes share it. A watch that is removed and added again gets a new
+/// subscription, so changes pending for the old one are never delivered. Thread-safe.
 class Subscription {
   public:
     Subscription(std::string receiver, std::string id)
@@ -17,7 +17,8 @@ class Subscription {
     const std::string& Receiver() const { return receiver_; }
     const std::string& Id() const { return id_; }
 
-    /// On return no message is being posted for it, and none will be.
+    /// After the return no message is being posted for it, and none will be. Blocks while Post
+    /// runs.
     void Revoke() {
         const std::lock_guard lock(mutex_);
         valid_ = false;
@@ -30,7 +31,8 @@ class Subscription {
 
     enum class Posted { kYes, kRefused, kRevoked };
 
-    /// Runs `post`, which gives a bool, unless revoked. It must not block: Revoke waits for it.
+    /// Runs `post`, which returns whether it succeeded, unless the subscription is revoked.
+    /// `post` must not block, because Revoke waits for it.
     template <typename PostOne>
     Posted Post(PostOne&& post) const {
         const std::lock_guard lock(mutex_);

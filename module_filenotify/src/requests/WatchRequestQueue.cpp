@@ -1,5 +1,7 @@
-// Owns: the subscriptions in force and the requests that wait. Not: the watches (WatchMatcher).
-// Threads: Submit on the senders', Take on the task's.
+// Owns: the valid subscriptions and the requests that are not applied yet.
+// Must not own: the watches (WatchMatcher).
+// Threads: Submit runs on senders' threads, Take and Close on the task's.
+// Ownership passes: Take hands the requests to NotifyCore.
 
 #include "requests/WatchRequestQueue.h"
 
@@ -29,7 +31,8 @@ std::string WatchRequestQueue::Submit(const FileNotifyWatchMessage& message) {
     const std::size_t last = path.find_last_not_of('/');
     std::string id = last == std::string::npos ? "/" : path.substr(0, last + 1);
     WatchRequest request = Translate(message);
-    if (!remove && unneeded_) request.unneeded_prefixes = unneeded_(message.GetReceiverId(), path);
+    if (!remove && find_low_priority_)
+        request.low_priority_prefixes = find_low_priority_(message.GetReceiverId(), path);
     const std::lock_guard lock(mutex_);
     const Key key(message.GetReceiverId(), id);
     const auto known = subscriptions_.find(key);

@@ -14,27 +14,30 @@
 
 namespace Engine::FileNotify {
 
-/// Takes watch requests on the senders' threads and keeps them until the task's thread comes for
-/// them. Any thread.
+/// Accepts watch requests on senders' threads and keeps them for the task's thread. Owned by
+/// FileNotifyTask. Thread-safe.
 class WatchRequestQueue {
   public:
-    /// The beginnings of paths of which `receiver` needs nothing below `path`.
-    using Unneeded = std::function<std::vector<std::string>(const std::string& receiver,
-                                                            const std::string& path)>;
+    /// Returns the path prefixes below `path` that `receiver` ignores.
+    using FindLowPriority = std::function<std::vector<std::string>(const std::string& receiver,
+                                                                   const std::string& path)>;
 
-    /// `unneeded` may be null; it is called on the senders' threads.
-    explicit WatchRequestQueue(Unneeded unneeded) : unneeded_(std::move(unneeded)) {}
+    /// `find_low_priority` may be null; Submit calls it on the sender's thread.
+    explicit WatchRequestQueue(FindLowPriority find_low_priority)
+        : find_low_priority_(std::move(find_low_priority)) {}
 
-    /// The watch id; empty when the request is refused: an empty or relative path, no receiver, no
-    /// masks. When a removal returns, nothing more is posted for that watch.
+    /// Returns the watch id, or an empty string when the request is refused: an empty or relative
+    /// path, no receiver, or no masks. Removing an unknown watch is not an error. After a removal
+    /// returns, no message is posted for that watch. Blocks while one is being posted.
     std::string Submit(const FileNotifyWatchMessage& message);
 
+    /// Removes and returns the accepted requests in their order.
     std::vector<WatchRequest> Take();
 
-    /// Revokes all subscriptions and forgets all requests.
+    /// Revokes all subscriptions and drops all requests.
     void Close();
 
-    /// The components of an absolute path, without ".", and ".." taken back.
+    /// The components of an absolute path, "." and ".." resolved.
     static std::vector<std::string> Split(const std::string& path);
 
   private:
@@ -42,7 +45,7 @@ class WatchRequestQueue {
 
     static WatchRequest Translate(const FileNotifyWatchMessage& message);
 
-    const Unneeded unneeded_;
+    const FindLowPriority find_low_priority_;
     std::mutex mutex_;
     std::map<Key, std::shared_ptr<Subscription>> subscriptions_;
     std::vector<WatchRequest> requests_;

@@ -5,19 +5,18 @@
 
 namespace Engine::FileNotify {
 
-/// What has been counted since the start. Written by the task's thread, read by any.
+/// Totals since the start. Owned by StatusPublisher. Written by the task's thread; thread-safe.
 struct Counters {
     std::atomic<std::uint64_t> events_received{0};
     std::atomic<std::uint64_t> events_delivered{0};
-    std::atomic<std::uint64_t> events_dropped{0};         ///< waited for a watch that was taken off
-    std::atomic<std::uint64_t> events_merged{0};          ///< the same was waiting already
-    std::atomic<std::uint64_t> deletions_settled{0};      ///< held back until a storm was over
-    std::atomic<std::uint64_t> directories_announced{0};  ///< since much in them was deleted
+    std::atomic<std::uint64_t> events_dropped{0};         ///< their watch was removed
+    std::atomic<std::uint64_t> events_merged{0};          ///< an equal change was pending
+    std::atomic<std::uint64_t> deletions_debounced{0};    ///< delayed until a burst ended
+    std::atomic<std::uint64_t> directories_announced{0};  ///< because of many deletions in them
     std::atomic<std::uint64_t> overflows{0};
     std::atomic<std::uint64_t> watch_failures{0};
-    std::atomic<std::uint64_t> watches_given_up{
-        0};  ///< of excluded directories, for protected ones
-    std::atomic<std::uint64_t> pending{0};
+    std::atomic<std::uint64_t> watches_evicted{0};
+    std::atomic<std::uint64_t> pending{0};  ///< right now, not a total
 };
 
 }  // namespace Engine::FileNotify

@@ -1,3 +1,7 @@
+// Owns: the counters and the last snapshot. Must not own: what they describe (NotifyCore).
+// Threads: the task's publishes, any thread reads. Ownership passes: Publish takes the snapshot
+// over.
+
 #include "status/StatusPublisher.h"
 
 #include <string_view>
@@ -5,25 +9,33 @@
 
 namespace Engine::FileNotify {
 
+namespace {
+
+Json::Value Number(std::uint64_t value) {
+    return Json::Value(Json::UInt64(value));
+}
+
+}  // namespace
+
 void StatusPublisher::Publish(Snapshot snapshot) {
     const std::lock_guard lock(mutex_);
     snapshot_ = std::move(snapshot);
-    shown_ = applied_;
+    published_requests_ = applied_requests_;
 }
 
-void StatusPublisher::NoteRequest() {
+void StatusPublisher::CountRequest() {
     const std::lock_guard lock(mutex_);
-    ++requests_;
+    ++received_requests_;
 }
 
-std::uint64_t StatusPublisher::Requests() const {
+std::uint64_t StatusPublisher::ReceivedRequests() const {
     const std::lock_guard lock(mutex_);
-    return requests_;
+    return received_requests_;
 }
 
-void StatusPublisher::NoteApplied(std::uint64_t requests) {
+void StatusPublisher::SetAppliedRequests(std::uint64_t requests) {
     const std::lock_guard lock(mutex_);
-    applied_ = requests;
+    applied_requests_ = requests;
 }
 
 void StatusPublisher::SetQueueLimit(std::uint32_t limit, const std::string& problem) {
@@ -43,8 +55,9 @@ Json::Value StatusPublisher::Watches() const {
         one["directories"] = watch.directories;
         one["files"] = watch.files;
         one["unwatched"] = watch.unwatched;
-        const bool is_old = shown_ != requests_ && std::string_view(watch.state) == "ready";
-        one["state"] = is_old ? "walking" : watch.state;
+        const bool is_outdated =
+            published_requests_ != received_requests_ && std::string_view(watch.state) == "ready";
+        one["state"] = is_outdated ? "walking" : watch.state;
         list.append(std::move(one));
     }
     Json::Value answer;
@@ -53,40 +66,41 @@ Json::Value StatusPublisher::Watches() const {
 }
 
 Json::Value StatusPublisher::Status() const {
-    const auto number = [](std::uint64_t value) { return Json::Value(Json::UInt64(value)); };
     Json::Value answer;
     Json::Value& own = answer["filenotify"];
-    {
-        const std::lock_guard lock(mutex_);
-        own["watches"] = number(snapshot_.watches.size());
-        own["watched_directories"] = number(snapshot_.watched_directories);
-        own["indexed_names"] = number(snapshot_.indexed_names);
-        own["unwatched_directories"] = number(snapshot_.unwatched);
-        own["excluded_unwatched"] = number(snapshot_.unneeded_unwatched);
-        own["walk_queue"] = number(snapshot_.walk_queue);
-        own["events_in_flight"] = number(snapshot_.in_flight);
-        own["unwatched_examples"] = Json::Value(Json::arrayValue);
-        for (const UnwatchedDirectory& directory : snapshot_.unwatched_examples) {
-            Json::Value one;
-            one["path"] = directory.path;
-            one["reason"] = directory.reason;
-            own["unwatched_examples"].append(std::move(one));
-        }
-        own["queue_limit"] = number(queue_limit_);
-        own["queue_limit_problem"] = queue_limit_problem_;
-    }
-    own["pending_events"] = number(counters_.pending);
-    own["watch_failures"] = number(counters_.watch_failures);
-    own["watches_given_up"] = number(counters_.watches_given_up);
+    AddSnapshot(own);
+    own["pending_events"] = Number(counters_.pending);
+    own["watch_failures"] = Number(counters_.watch_failures);
+    own["watches_given_up"] = Number(counters_.watches_evicted);
     Json::Value& counters = answer["counters"];
-    counters["events_received"] = number(counters_.events_received);
-    counters["events_delivered"] = number(counters_.events_delivered);
-    counters["events_dropped"] = number(counters_.events_dropped);
-    counters["events_merged"] = number(counters_.events_merged);
-    counters["deletions_settled"] = number(counters_.deletions_settled);
-    counters["directories_announced"] = number(counters_.directories_announced);
-    counters["overflows"] = number(counters_.overflows);
+    counters["events_received"] = Number(counters_.events_received);
+    counters["events_delivered"] = Number(counters_.events_delivered);
+    counters["events_dropped"] = Number(counters_.events_dropped);
+    counters["events_merged"] = Number(counters_.events_merged);
+    counters["deletions_settled"] = Number(counters_.deletions_debounced);
+    counters["directories_announced"] = Number(counters_.directories_announced);
+    counters["overflows"] = Number(counters_.overflows);
     return answer;
+}
+
+void StatusPublisher::AddSnapshot(Json::Value& own) const {
+    const std::lock_guard lock(mutex_);
+    own["watches"] = Number(snapshot_.watches.size());
+    own["watched_directories"] = Number(snapshot_.watched_directories);
+    own["indexed_names"] = Number(snapshot_.indexed_names);
+    own["unwatched_directories"] = Number(snapshot_.unwatched);
+    own["excluded_unwatched"] = Number(snapshot_.low_priority_unwatched);
+    own["walk_queue"] = Number(snapshot_.walk_queue);
+    own["events_in_flight"] = Number(snapshot_.in_flight);
+    own["unwatched_examples"] = Json::Value(Json::arrayValue);
+    for (const UnwatchedDirectory& directory : snapshot_.unwatched_examples) {
+        Json::Value one;
+        one["path"] = directory.path;
+        one["reason"] = directory.reason;
+        own["unwatched_examples"].append(std::move(one));
+    }
+    own["queue_limit"] = Number(queue_limit_);
+    own["queue_limit_problem"] = queue_limit_problem_;
 }
 
 }  // namespace Engine::FileNotify

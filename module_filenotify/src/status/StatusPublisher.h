@@ -11,12 +11,13 @@
 
 namespace Engine::FileNotify {
 
-/// A directory that should be watched and is not.
+/// A directory that needs a kernel watch and has none.
 struct UnwatchedDirectory {
     std::string path;
     std::string reason;
 };
 
+/// The state of one watch: "waiting" for its root, "walking", "ready" or "degraded".
 struct WatchStatus {
     std::string id;
     std::string receiver;
@@ -27,7 +28,8 @@ struct WatchStatus {
     const char* state = "waiting";
 };
 
-/// The last snapshot of the watches, for any thread to read without disturbing the task.
+/// Publishes the module's status to readers on other threads. Owned by FileNotifyTask, which
+/// publishes snapshots of it. Thread-safe.
 class StatusPublisher {
   public:
     struct Snapshot {
@@ -35,38 +37,45 @@ class StatusPublisher {
         std::size_t watched_directories = 0;
         std::size_t indexed_names = 0;
         std::size_t unwatched = 0;
-        std::size_t unneeded_unwatched = 0;  ///< excluded directories that gave way
+        std::size_t low_priority_unwatched = 0;  ///< excluded directories without a watch
         std::size_t walk_queue = 0;
-        std::size_t in_flight = 0;                           ///< posted, and not dealt with yet
+        std::size_t in_flight = 0;                           ///< posted and not handled yet
         std::vector<UnwatchedDirectory> unwatched_examples;  ///< some of them
     };
 
-    Counters& Count() { return counters_; }
+    Counters& Counts() { return counters_; }
+
+    /// Replaces the snapshot that readers see.
     void Publish(Snapshot snapshot);
 
-    /// How many events the kernel keeps for us (0: not known), and why not as many as wanted.
+    /// `limit`: how many events the kernel queues for us; 0: unknown. `problem`: why it is smaller
+    /// than configured, or empty.
     void SetQueueLimit(std::uint32_t limit, const std::string& problem);
 
-    // A watch is told as it is only when the snapshot was made after the request for it.
-    void NoteRequest();                        ///< one more was taken in; any thread
-    std::uint64_t Requests() const;            ///< so many were taken in; any thread
-    void NoteApplied(std::uint64_t requests);  ///< pictures show the first so many; task's thread
+    /// Counts a received watch request.
+    void CountRequest();
+    std::uint64_t ReceivedRequests() const;
+    /// The next snapshot includes the first `requests` received requests.
+    void SetAppliedRequests(std::uint64_t requests);
 
-    /// The answer to "filenotify.watches". While the snapshot lacks a request, no watch is "ready".
+    /// The answer to "filenotify.watches". Shows no watch as "ready" while a received request is
+    /// missing from the snapshot.
     Json::Value Watches() const;
 
     /// The answer to "status.filenotify".
     Json::Value Status() const;
 
   private:
+    void AddSnapshot(Json::Value& own) const;
+
     Counters counters_;
     mutable std::mutex mutex_;
     Snapshot snapshot_;
     std::uint32_t queue_limit_ = 0;
     std::string queue_limit_problem_;
-    std::uint64_t requests_ = 0;
-    std::uint64_t applied_ = 0;
-    std::uint64_t shown_ = 0;  ///< of the requests, those that snapshot_ shows
+    std::uint64_t received_requests_ = 0;
+    std::uint64_t applied_requests_ = 0;
+    std::uint64_t published_requests_ = 0;  ///< included in snapshot_
 };
 
 }  // namespace Engine::FileNotify

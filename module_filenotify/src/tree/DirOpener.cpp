@@ -1,7 +1,9 @@
-// Owns: a few open directories. Not: the nodes; who removes one tells Forget.
-// A name may stand for another directory than its node while the events that say so wait to be
-// read. What was opened is therefore compared with the node; a kept descriptor needs no check, as
-// it follows its directory like the node does. Thread: the task's.
+// Owns: the descriptors of the last kKeptOpen directories.
+// Must not own: the nodes (NameIndex); their removal must be followed by Forget.
+// Thread: the task's. Ownership passes: Share hands out shared descriptors.
+//
+// While events are unread, a name may belong to another directory than its node. So each opened
+// directory is compared with the node's inode. A kept descriptor follows its directory.
 
 #include "tree/DirOpener.h"
 

@@ -9,27 +9,26 @@
 
 namespace Engine::FileNotify {
 
-/// Opens directories step by step from their parents, so that no link is followed on the way
-/// (links above a root, which are DirNode::kThroughLink, excepted) and no path is too long. Keeps
-/// the last ones open, as a walk opens one child after another. Task's thread only.
+/// Opens directories step by step from their parents, so that no path is too long and no link is
+/// followed except DirNode::kThroughLink. Keeps the last ones open for the next children. Owned by
+/// WatchedTree. Not thread-safe.
 class DirOpener {
   public:
-    /// A descriptor of that directory to look names up in, or -errno: ENOENT, ENOTDIR or ELOOP when
-    /// it is no longer there as a directory, ESTALE when its name, or one on the way to it, stands
-    /// for another directory by now. Learns which directory a node is that has not been opened yet.
-    /// Borrowed: valid until the next call.
+    /// Returns an O_PATH descriptor, or -errno: ENOENT, ENOTDIR or ELOOP when it is no longer a
+    /// directory; ESTALE when a name on the path belongs to another directory by now. Sets unknown
+    /// inodes of nodes. The descriptor is borrowed and valid until the next call.
     int Locate(DirNode& node);
 
-    /// The same, kept open for as long as it is held; null when it is not there or cannot be
-    /// opened.
+    /// Like Locate, but the descriptor stays open while the caller holds it. Null on failure.
     std::shared_ptr<const SDK::FileDescriptor> Share(DirNode& node);
 
-    /// Takes over a descriptor of that directory, for what lies in it.
+    /// Takes ownership of a descriptor of that directory.
     void Keep(const DirNode& node, SDK::FileDescriptor fd);
 
-    /// The same directory opened to be read; -1 with errno.
+    /// Opens the directory of a Locate result for reading. On failure not open, with errno set.
     static SDK::FileDescriptor OpenForReading(int located_fd);
 
+    /// Closes the directory. Required before its node is removed, and after it is moved.
     void Forget(const DirNode& node);
     void Clear() { open_.clear(); }
 

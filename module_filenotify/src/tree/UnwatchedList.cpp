@@ -1,3 +1,6 @@
+// Owns: the list of unwatched directories. Must not own: the nodes (NameIndex), nor the retries
+// (UnwatchedRetry). Thread: the task's. Ownership passes: never.
+
 #include "tree/UnwatchedList.h"
 
 #include <sdk/log/Log.h>
@@ -34,7 +37,7 @@ void UnwatchedList::Add(DirNode& node, int error) {
     auto& next = next_log_[error];
     if (now < next) return;
     next = now + kLogAgainAfter;
-    SDK_LOG(logger_, PRIO_WARNING, "cannot watch %s: %s; it is tried again, %z in all.",
+    SDK_LOG(logger_, PRIO_WARNING, "cannot watch %s: %s; retrying, %z unwatched directories.",
             NameIndex::PathOf(node), Reason(error), nodes_.size());
 }
 

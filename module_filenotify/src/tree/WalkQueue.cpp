@@ -1,13 +1,16 @@
+// Owns: the queued visits. Must not own: nodes (NameIndex) or watches (WatchMatcher).
+// Thread: the task's. Ownership passes: Pop hands a job to TreeWalker or InitialScan.
+
 #include "tree/WalkQueue.h"
 
 #include "tree/Watch.h"
 
 namespace Engine::FileNotify {
 
-void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool unneeded) {
+void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool low_priority) {
     Job job{&node, reasons, owner, 0};
-    const std::uint8_t mark = unneeded ? kIsUnneeded : 0;
-    if (LaneOf(reasons | mark) == kUnneeded) job.owner = nullptr;
+    const std::uint8_t mark = low_priority ? kLowPriorityFlag : 0;
+    if (LaneOf(reasons | mark) == kLowPriority) job.owner = nullptr;
     if (node.job != 0) {
         const Job waiting = JobOf(node);
         job.reasons |= waiting.reasons;

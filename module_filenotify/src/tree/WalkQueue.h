@@ -11,48 +11,54 @@ namespace Engine::FileNotify {
 
 struct Watch;
 
-/// The directories that wait to be visited, the last one added first. Each stands here once, with
-/// all the reasons why. Those whose visit announces something have a lane of their own, as they may
-/// have to wait for the receivers; so have those of which nobody needs anything, as they come after
-/// the others. Task's thread only.
+/// The directories to visit, last in, first out. Each is queued once, with all its reasons. Owned
+/// by WatchedTree. Not thread-safe.
+///
+/// Visits that announce changes have their own lane, because they wait for slow receivers. So have
+/// low-priority directories, because they are visited after all others.
 class WalkQueue {
   public:
-    /// Why a directory is visited; what it means for what is found is TreeWalker's.
+    /// Why a directory is visited. TreeWalker decides what the reasons mean for its content.
     enum Reason : std::uint8_t {
-        kFirst = 1,      ///< a watch was asked for: learn what is there, announce nothing
-        kArrived = 2,    ///< the directory has appeared: announce all it holds
-        kReconcile = 4,  ///< events may be missing: announce everything, present or gone
-        kVerify = 8,     ///< see whether its kernel watch is still the right one
-        kLook = 16       ///< it has no kernel watch: announce what is new in it or gone
+        kFirst = 1,      ///< a new watch: index the content, announce nothing
+        kArrived = 2,    ///< the directory appeared: announce its content
+        kReconcile = 4,  ///< events were lost: announce everything present or gone
+        kVerify = 8,     ///< check that its kernel watch is still the right one
+        kPoll = 16       ///< it has no kernel watch: announce what is new or gone
     };
 
     struct Job {
-        DirNode* node = nullptr;  ///< null: cancelled, or none left
+        DirNode* node = nullptr;  ///< null: cancelled, or the lane is empty
         std::uint8_t reasons = 0;
-        Watch* owner = nullptr;  ///< whose first walk, or walk after lost events, it belongs to
-        std::uint8_t tries = 0;  ///< how often it was put back
+        Watch* owner = nullptr;  ///< the watch whose walk it belongs to; may be null
+        std::uint8_t tries = 0;  ///< number of PutBack calls
     };
 
-    enum Lane : std::size_t { kTelling, kSilent, kUnneeded, kLanes };
+    /// Visits that announce, visits that only update the index, and low-priority ones of these.
+    enum Lane : std::size_t { kAnnouncing, kIndexing, kLowPriority, kLanes };
 
-    /// `unneeded`: a visit that announces nothing comes after all others, and counts for no owner.
-    void Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool unneeded = false);
+    /// Adds a visit, or adds the reasons to a queued one. `low_priority` applies to visits that
+    /// announce nothing; these have no owner.
+    void Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool low_priority = false);
+    /// Removes and returns the next job; its node is null when the lane is empty.
     Job Pop(Lane lane);
 
-    /// What Pop will give; null: nothing. Valid until the queue is changed.
+    /// The job that Pop will return; null when the lane is empty. Valid until the queue changes.
     const Job* Next(Lane lane);
 
-    /// The job that was popped last could not be done yet: it is the next again.
+    /// Queues a popped job again as the next one.
     void PutBack(const Job& job);
+    /// Removes the job of `node`, if any.
     void Cancel(DirNode& node);
+    /// Clears `owner` in all jobs. Required before the watch is removed.
     void Disown(const Watch& owner);
     bool Empty() const { return Size() == 0; }
     bool Empty(Lane lane) const { return lanes_[lane].empty(); }
     std::size_t Size() const {
-        return lanes_[kTelling].size() + lanes_[kSilent].size() + lanes_[kUnneeded].size();
+        return lanes_[kAnnouncing].size() + lanes_[kIndexing].size() + lanes_[kLowPriority].size();
     }
 
-    /// A walk that announces everything is still under way.
+    /// True while a visit with kReconcile is queued.
     bool IsReconciling() const { return reconciling_ > 0; }
 
   private:
@@ -60,11 +66,12 @@ class WalkQueue {
         if ((reasons & kReconcile) != 0) reconciling_ += change;
     }
 
-    static constexpr std::uint8_t kIsUnneeded = 128;  ///< in DirNode::job, beside the reasons
+    static constexpr std::uint8_t kLowPriorityFlag =
+        128;  ///< in DirNode::job, in addition to the reasons
 
     static Lane LaneOf(std::uint8_t job) {
-        if ((job & (kArrived | kReconcile | kLook)) != 0) return kTelling;
-        return (job & kIsUnneeded) != 0 ? kUnneeded : kSilent;
+        if ((job & (kArrived | kReconcile | kPoll)) != 0) return kAnnouncing;
+        return (job & kLowPriorityFlag) != 0 ? kLowPriority : kIndexing;
     }
     Job& JobOf(const DirNode& node) { return lanes_[LaneOf(node.job)][node.job_index]; }
 

@@ -1,5 +1,5 @@
-// Owns: the watches in force, and at which directory each is attached.
-// Not: how a watch gets there (RootTracker). Thread: the task's.
+// Owns: the watches, and where each is attached. Must not own: the nodes (NameIndex), nor the
+// resolving of paths (RootTracker). Thread: the task's. Ownership passes: never.
 
 #include "tree/WatchMatcher.h"
 
@@ -13,9 +13,9 @@ namespace Engine::FileNotify {
 
 namespace {
 
-// What the index itself lives on, whatever a receiver has asked for.
-constexpr std::uint32_t kNeeded = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                  IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
+// The index itself needs these events, whatever a receiver requests.
+constexpr std::uint32_t kIndexMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                     IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
 
 }  // namespace
 
@@ -42,27 +42,27 @@ void WatchMatcher::Attach(Watch& watch, DirNode* dir, std::size_t depth) {
     watch.attach = dir;
     watch.depth = depth;
     watch.attached = true;
-    waiting_[dir].push_back(&watch);
-    if (dir != nullptr) dir->Set(DirNode::kWaitedFor, true);
+    attached_watches_[dir].push_back(&watch);
+    if (dir != nullptr) dir->Set(DirNode::kHasAttached, true);
 }
 
 void WatchMatcher::Detach(Watch& watch) {
     if (!watch.attached) return;
-    auto& there = waiting_[watch.attach];
+    auto& there = attached_watches_[watch.attach];
     there.erase(std::remove(there.begin(), there.end(), &watch), there.end());
     if (there.empty()) {
-        waiting_.erase(watch.attach);
-        if (watch.attach != nullptr) watch.attach->Set(DirNode::kWaitedFor, false);
+        attached_watches_.erase(watch.attach);
+        if (watch.attach != nullptr) watch.attach->Set(DirNode::kHasAttached, false);
     }
     watch.attach = nullptr;
     watch.attached = false;
 }
 
-std::vector<Watch*> WatchMatcher::WaitingFor(const DirNode* dir, std::string_view name) const {
+std::vector<Watch*> WatchMatcher::AttachedFor(const DirNode* dir, std::string_view name) const {
     std::vector<Watch*> found;
-    if (dir != nullptr && !dir->Is(DirNode::kWaitedFor)) return found;
-    const auto there = waiting_.find(dir);
-    if (there == waiting_.end()) return found;
+    if (dir != nullptr && !dir->Is(DirNode::kHasAttached)) return found;
+    const auto there = attached_watches_.find(dir);
+    if (there == attached_watches_.end()) return found;
     for (Watch* watch : there->second) {
         if (watch->NextName() == name) found.push_back(watch);
     }
@@ -79,8 +79,8 @@ void WatchMatcher::Covering(const DirNode& dir, std::string_view name, Hits& hit
         return;
     }
     while (at != nullptr) {
-        if (at->Is(DirNode::kWaitedFor)) CollectAt(at, child, root, dir, name, hits);
-        // What lies behind a link belongs to no tree above the link.
+        if (at->Is(DirNode::kHasAttached)) CollectAt(at, child, root, dir, name, hits);
+        // A tree above a link does not include what is behind the link.
         if (at->Is(DirNode::kThroughLink)) return;
         root = at;
         child = at->name;
@@ -91,8 +91,8 @@ void WatchMatcher::Covering(const DirNode& dir, std::string_view name, Hits& hit
 
 void WatchMatcher::CollectAt(const DirNode* at, std::string_view child, const DirNode* root,
                              const DirNode& dir, std::string_view name, Hits& hits) const {
-    const auto there = waiting_.find(at);
-    if (there == waiting_.end()) return;
+    const auto there = attached_watches_.find(at);
+    if (there == attached_watches_.end()) return;
     for (Watch* watch : there->second) {
         if (!watch->AtParent() || watch->ended || watch->NextName() != child) continue;
         if (!watch->request.recursive && root != nullptr && root != &dir) continue;
@@ -111,7 +111,7 @@ bool WatchMatcher::IsCovered(const DirNode& dir, std::string_view name) const {
 }
 
 bool WatchMatcher::IsWalked(const DirNode& dir) const {
-    // A directory on the way to a root that is a link is not walked for the root's parent.
+    // A followed link on the path to a root is not part of a tree.
     if (dir.Is(DirNode::kThroughLink)) return false;
     return dir.parent == nullptr ? IsWalked(dir, {}) : IsWalked(*dir.parent, dir.name);
 }
@@ -124,12 +124,12 @@ bool WatchMatcher::IsWalked(const DirNode& dir, std::string_view name) const {
     });
 }
 
-bool WatchMatcher::TakesAllIn(const DirNode& dir, std::uint32_t& mask) const {
-    if (dir.parent == nullptr || dir.Is(DirNode::kWaitedFor)) return false;
+bool WatchMatcher::CoversAllIn(const DirNode& dir, std::uint32_t& mask) const {
+    if (dir.parent == nullptr || dir.Is(DirNode::kHasAttached)) return false;
     Hits hits;
     Covering(*dir.parent, dir.name, hits);
     bool takes_all = false;
-    mask = kNeeded;
+    mask = kIndexMask;
     for (const Hit& hit : hits) {
         mask |= hit.watch->request.mask & IN_ALL_EVENTS;
         takes_all = takes_all || (hit.watch->request.recursive && !HasExclusionIn(hit, dir));
@@ -148,21 +148,25 @@ bool WatchMatcher::HasExclusionIn(const Hit& hit, const DirNode& dir) {
     });
 }
 
-bool WatchMatcher::GivesWay(const DirNode& dir) const {
+bool WatchMatcher::IsLowPriority(const DirNode& dir) const {
     if (dir.parent == nullptr || dir.Is(DirNode::kThroughLink)) return false;
     Hits hits;
     Covering(*dir.parent, dir.name, hits);
     if (hits.empty() || !std::all_of(hits.begin(), hits.end(),
-                                     [&](const Hit& hit) { return NeedsNothingIn(hit, dir); })) {
+                                     [&](const Hit& hit) { return IsLowPriorityFor(hit, dir); })) {
         return false;
     }
-    return std::none_of(watches_.begin(), watches_.end(), [&](const auto& watch) {
+    return !IsOnPathToRoot(dir);
+}
+
+bool WatchMatcher::IsOnPathToRoot(const DirNode& dir) const {
+    return std::any_of(watches_.begin(), watches_.end(), [&](const auto& watch) {
         return watch->attach != nullptr && NameIndex::IsWithin(*watch->attach, dir);
     });
 }
 
-bool WatchMatcher::NeedsNothingIn(const Hit& hit, const DirNode& dir) {
-    const auto& prefixes = hit.watch->request.unneeded_prefixes;
+bool WatchMatcher::IsLowPriorityFor(const Hit& hit, const DirNode& dir) {
+    const auto& prefixes = hit.watch->request.low_priority_prefixes;
     if (prefixes.empty() || hit.root == nullptr) return false;
     const std::string inside = PathFor(hit, *dir.parent, dir.name) + "/";
     return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
@@ -171,16 +175,16 @@ bool WatchMatcher::NeedsNothingIn(const Hit& hit, const DirNode& dir) {
 }
 
 std::uint32_t WatchMatcher::KernelMask(const DirNode& dir) const {
-    std::uint32_t mask = kNeeded;
+    std::uint32_t mask = kIndexMask;
     Hits hits;
     if (!dir.Is(DirNode::kThroughLink)) {
         Covering(dir.parent == nullptr ? dir : *dir.parent, dir.name, hits);
     }
     for (const Hit& hit : hits) mask |= hit.watch->request.mask & IN_ALL_EVENTS;
-    const auto there = waiting_.find(&dir);
-    if (there == waiting_.end()) return mask;
+    const auto there = attached_watches_.find(&dir);
+    if (there == attached_watches_.end()) return mask;
     for (const Watch* watch : there->second) {
-        // A root that is a file has no watch but this one.
+        // A root that is a file has no kernel watch of its own.
         if (watch->AtParent() && !(watch->root_present && watch->root_is_directory)) {
             mask |= watch->request.mask & IN_ALL_EVENTS;
         }

@@ -11,10 +11,10 @@
 
 namespace Engine::FileNotify {
 
-/// Answers which watches an object belongs to. Owns the watches. Task's thread only.
+/// Finds the watches that cover an object. Owned by WatchedTree; owns the watches. Not thread-safe.
 ///
-/// A watch is known to the parent of its root, under the root's name; so a root that is renamed
-/// leaves its watch by itself, and a file needs no node of its own.
+/// A watch is attached to the parent of its root and compares the root's name. So a renamed root
+/// leaves its watch without further work, and a watched file needs no node.
 class WatchMatcher {
   public:
     struct Hit {
@@ -25,50 +25,54 @@ class WatchMatcher {
 
     Watch& Add(std::unique_ptr<Watch> watch);
     void Remove(Watch& watch);
+    /// The watch of that subscription; null when there is none.
     Watch* Find(const Subscription* subscription) const;
     const std::vector<std::unique_ptr<Watch>>& All() const { return watches_; }
 
-    /// Puts the watch at `dir` (null: on "/" itself), `depth` components down its path.
+    /// Attaches the watch to `dir`, which `depth` components of its path lead to; null for "/".
     void Attach(Watch& watch, DirNode* dir, std::size_t depth);
     void Detach(Watch& watch);
 
-    /// The watches that wait at `dir` for `name`, as their root or as a step of the way to it.
-    std::vector<Watch*> WaitingFor(const DirNode* dir, std::string_view name) const;
+    /// The watches attached to `dir` whose next path component is `name`.
+    std::vector<Watch*> AttachedFor(const DirNode* dir, std::string_view name) const;
 
-    /// The watches whose object `name` in `dir` is.
+    /// Sets `hits` to the watches that cover the object `name` in `dir`.
     void Covering(const DirNode& dir, std::string_view name, Hits& hits) const;
     bool IsCovered(const DirNode& dir, std::string_view name) const;
 
-    /// True when `dir` is to be listed and watched for the sake of what it holds.
+    /// True when a watch covers the content of `dir`, so that it is listed and watched.
     bool IsWalked(const DirNode& dir) const;
     /// The same for a directory `name` in `dir` that has no node.
     bool IsWalked(const DirNode& dir, std::string_view name) const;
 
-    /// True when whatever is in `dir` is covered, and every directory in it walked; `mask` is then
-    /// what the kernel is to tell about it. May be false although it is so.
-    bool TakesAllIn(const DirNode& dir, std::uint32_t& mask) const;
+    /// True when a watch covers everything in `dir` and walks every directory in it; sets `mask` to
+    /// the kernel mask of `dir`. A false negative is possible; it only costs speed.
+    bool CoversAllIn(const DirNode& dir, std::uint32_t& mask) const;
 
-    /// True when no receiver needs what `dir` holds (WatchRequest::unneeded_prefixes) and no root
-    /// is followed through it: when kernel watches run out, others go first.
-    bool GivesWay(const DirNode& dir) const;
+    /// True when all receivers ignore the content of `dir` (WatchRequest::low_priority_prefixes)
+    /// and no path to a root leads through it. Its kernel watch may be evicted.
+    bool IsLowPriority(const DirNode& dir) const;
 
-    /// What the kernel is to tell about `dir`.
+    /// True when a watch is attached to `dir` or below it.
+    bool IsOnPathToRoot(const DirNode& dir) const;
+
+    /// The mask of the kernel watch that `dir` needs.
     std::uint32_t KernelMask(const DirNode& dir) const;
 
-    /// The path by which `hit.watch` knows the object: its id, and what lies below.
+    /// The object's path as `hit.watch` names it: the watch id and the part below the root.
     static std::string PathFor(const Hit& hit, const DirNode& dir, std::string_view name);
 
-    /// `dir` may be null, `name` then empty: the directory "/" as an object.
+    /// True when `path_below_root` is an excluded subdirectory or below one.
     static bool IsExcluded(const WatchRequest& request, std::string_view path_below_root);
 
   private:
     static bool HasExclusionIn(const Hit& hit, const DirNode& dir);
-    static bool NeedsNothingIn(const Hit& hit, const DirNode& dir);
+    static bool IsLowPriorityFor(const Hit& hit, const DirNode& dir);
     void CollectAt(const DirNode* at, std::string_view child, const DirNode* root,
                    const DirNode& dir, std::string_view name, Hits& hits) const;
 
     std::vector<std::unique_ptr<Watch>> watches_;
-    std::unordered_map<const DirNode*, std::vector<Watch*>> waiting_;
+    std::unordered_map<const DirNode*, std::vector<Watch*>> attached_watches_;
 };
 
 }  // namespace Engine::FileNotify

@@ -1,3 +1,6 @@
+// Owns: the kernel watches, until the descriptor is closed. Must not own: the nodes (NameIndex).
+// Thread: the task's. Ownership passes: Add takes over watches that InitialScan placed.
+
 #include "tree/WatchTable.h"
 
 #include <algorithm>

@@ -11,38 +11,39 @@ namespace Engine::FileNotify {
 
 class InotifyDescriptor;
 
-/// Which kernel watch stands for which directory.
+/// Maps kernel watches to directories. Owned by WatchedTree. Not thread-safe.
 ///
-/// Mostly one for one. The kernel gives one watch per directory however it is reached, so a bind
-/// mount, or a move seen by a walk before its event was read, gives two nodes of one watch: events
-/// then belong to both, and the kernel watch ends with the last. Task's thread only.
+/// Usually one to one. The kernel has one watch per directory, so two nodes share it after a bind
+/// mount, or when a walk sees a move before its event. Events then belong to both; the kernel watch
+/// ends with the last node.
 class WatchTable {
   public:
     explicit WatchTable(InotifyDescriptor& descriptor) : descriptor_(descriptor) {}
 
+    /// Whether the node had this watch, had none, or had that of another directory.
     enum class Result { kKept, kNew, kReplaced };
 
-    /// Watches `node`, open on `dir_fd`, for `mask`. 0, or the errno of what failed; the node's
-    /// earlier watch, if any, then stays. `result`: the same directory as before, the first watch,
-    /// or another directory than the one that was watched as this node until now.
+    /// Watches `node`, open on `dir_fd`, for `mask`. Returns 0 and sets `result`, or returns errno
+    /// and leaves an earlier watch of the node in place.
     int Watch(DirNode& node, int dir_fd, std::uint32_t mask, Result& result);
 
-    /// Takes in a watch that the kernel has given for `node`, which has none here.
+    /// Takes over the kernel watch `wd` of `node`, which must have none in this table.
     void Add(DirNode& node, int wd, std::uint32_t mask);
 
+    /// Ends the node's watch. A node without a watch is not an error.
     void Unwatch(DirNode& node);
 
-    /// The kernel has ended the watch: the nodes that lost it.
+    /// Removes a watch that the kernel has ended. Returns the nodes that lost it.
     std::vector<DirNode*> Forget(int wd);
 
-    /// The directory that events of `wd` belong to; null when the watch has been taken off.
+    /// The first node of the watch; null when the watch is unknown.
     DirNode* FirstNodeOf(int wd) const;
-    /// The others they belong to; mostly none.
+    /// The other nodes of the watch; usually none.
     std::vector<DirNode*> FurtherNodesOf(int wd) const;
     bool IsNodeOf(int wd, const DirNode* node) const;
 
-    /// Calls `each(wd, node)` for the first node of each watch until it returns false. The table
-    /// must not be changed meanwhile.
+    /// Calls `each(wd, node)` for the first node of each watch until it returns false. `each` must
+    /// not change the table.
     template <typename Each>
     void ForEach(Each&& each) const {
         for (const auto& [wd, node] : nodes_) {
@@ -51,6 +52,7 @@ class WatchTable {
     }
 
     std::size_t Size() const { return nodes_.size(); }
+    /// Forgets all watches without ending them.
     void Clear();
 
   private:

@@ -1,5 +1,6 @@
-// Owns: the index, the kernel watches, the open directories, the jobs and the watches asked for.
-// Not: why anything in them changes (TreeChanges, RootTracker, TreeWalker). Thread: the task's.
+// Owns: the index, the kernel watches, the open directories, the walk queue and the watches.
+// Must not own: the reasons for their changes (TreeChanges, RootTracker, TreeWalker).
+// Thread: the task's. Ownership passes: never.
 
 #include "tree/WatchedTree.h"
 
@@ -10,7 +11,7 @@ namespace Engine::FileNotify {
 
 namespace {
 
-constexpr int kTriesToMakeRoom = 8;
+constexpr int kMaxEvictions = 8;
 
 }  // namespace
 
@@ -23,10 +24,10 @@ int WatchedTree::EnsureWatched(DirNode& node, WatchTable::Result& result) {
         NameIndex::PathLength(node) < PATH_MAX ? opener.Locate(node) : -ENAMETOOLONG;
     int error = located < 0 ? -located : 0;
     if (error == 0) error = Watch(node, located, result);
-    if (error == 0 || (error == ENOSPC && matcher.GivesWay(node))) {
+    if (error == 0 || (error == ENOSPC && matcher.IsLowPriority(node))) {
         index.SetUnwatched(node, false);
         unwatched.Remove(node);
-        error == 0 ? reserve.Remove(node) : reserve.AddUnwatched(node);
+        error == 0 ? eviction.Remove(node) : eviction.AddUnwatched(node);
     } else if (!IsGone(error)) {
         MarkUnwatched(node, error);
     }
@@ -36,9 +37,9 @@ int WatchedTree::EnsureWatched(DirNode& node, WatchTable::Result& result) {
 int WatchedTree::Watch(DirNode& node, int located, WatchTable::Result& result) {
     const std::uint32_t mask = matcher.KernelMask(node);
     int error = table.Watch(node, located, mask, result);
-    if (error != ENOSPC || matcher.GivesWay(node)) return error;
-    // Another program may be quicker to take what becomes free.
-    for (int tries = 0; tries < kTriesToMakeRoom && error == ENOSPC && reserve.FreeOne(); ++tries) {
+    if (error != ENOSPC || matcher.IsLowPriority(node)) return error;
+    // Another program may take the evicted watch first.
+    for (int tries = 0; tries < kMaxEvictions && error == ENOSPC && eviction.EvictOne(); ++tries) {
         error = table.Watch(node, located, mask, result);
     }
     return error;
@@ -69,13 +70,13 @@ void WatchedTree::PutFile(DirNode& dir, std::string_view name) {
 }
 
 void WatchedTree::RemoveDirectory(DirNode& node) {
-    going_(node);
-    index.Remove(node, [this](DirNode& leaving) {
-        table.Unwatch(leaving);
-        queue.Cancel(leaving);
-        opener.Forget(leaving);
-        unwatched.Remove(leaving);
-        reserve.Remove(leaving);
+    NotifyDetach(node);
+    index.Remove(node, [this](DirNode& removed) {
+        table.Unwatch(removed);
+        queue.Cancel(removed);
+        opener.Forget(removed);
+        unwatched.Remove(removed);
+        eviction.Remove(removed);
     });
 }
 

@@ -7,48 +7,49 @@
 #include "tree/DirOpener.h"
 #include "tree/UnwatchedList.h"
 #include "tree/WalkQueue.h"
+#include "tree/WatchEviction.h"
 #include "tree/WatchMatcher.h"
-#include "tree/WatchReserve.h"
 #include "tree/WatchTable.h"
 
 namespace Engine::FileNotify {
 
-/// The known directories with everything that hangs on them, and the operations that must keep
-/// these together. Task's thread only.
+/// The known directories with their watches, queued walks and open descriptors, and the operations
+/// that keep these consistent. Owned by NotifyCore. Not thread-safe.
 class WatchedTree {
   public:
     WatchedTree(InotifyDescriptor& descriptor, Poco::Logger* logger, Counters& counters)
         : table(descriptor),
           unwatched(logger, counters),
-          reserve(table, matcher, logger, counters) {}
+          eviction(table, matcher, logger, counters) {}
 
-    /// Called before a directory with all below it is forgotten or moved.
-    void SetGoing(NameIndex::Visitor going) { going_ = std::move(going); }
-    void Going(DirNode& node) { going_(node); }
+    /// `handler` is called before a directory is removed or moved with its subtree.
+    void SetDetachHandler(NameIndex::Visitor handler) { detach_handler_ = std::move(handler); }
+    /// Calls the handler. Required before index.Move and index.Exchange.
+    void NotifyDetach(DirNode& node) { detach_handler_(node); }
 
-    /// Puts the kernel watch on `node` that it should have. 0 when it has it. Otherwise errno; the
-    /// node then stands in the list of unwatched ones, unless IsGone(errno). What no path can reach
-    /// is not watched: ENAMETOOLONG. When there are no more watches (ENOSPC), one of a directory
-    /// that gives way ends for it; a node that gives way itself then stands in the reserve's list.
+    /// Sets the kernel watch that `node` needs. Returns 0, or errno. ENAMETOOLONG: its path exceeds
+    /// PATH_MAX. ENOSPC: no kernel watch was left and none could be evicted. On failure the node is
+    /// listed in `unwatched`, or in `eviction` when it has low priority, unless IsGone(errno).
     int EnsureWatched(DirNode& node, WatchTable::Result& result);
     int EnsureWatched(DirNode& node);
 
-    /// The directory is not there any more, or something else is in its place: no failure to
-    /// watch.
+    /// True when the errno means that the directory is gone or replaced.
     static bool IsGone(int error);
 
     void MarkUnwatched(DirNode& node, int error);
 
-    /// Has `node` visited; what gives way after everything else.
+    /// Queues a visit of `node`.
     void Enqueue(DirNode& node, std::uint8_t reasons, Watch* owner) {
-        queue.Push(node, reasons, owner, matcher.GivesWay(node));
+        queue.Push(node, reasons, owner, matcher.IsLowPriority(node));
     }
 
-    /// Makes `name` known as that kind; what was known under the name as the other kind is removed.
+    /// Adds `name` to the index. Removes a known object of that name and another kind.
     DirNode& PutDirectory(DirNode& dir, std::string_view name);
     void PutFile(DirNode& dir, std::string_view name);
 
+    /// Removes the directory with its subtree, watches and queued visits.
     void RemoveDirectory(DirNode& node);
+    /// Removes everything except the root node.
     void Clear();
 
     NameIndex index;
@@ -57,12 +58,12 @@ class WatchedTree {
     DirOpener opener;
     WalkQueue queue;
     UnwatchedList unwatched;
-    WatchReserve reserve;
+    WatchEviction eviction;
 
   private:
     int Watch(DirNode& node, int located, WatchTable::Result& result);
 
-    NameIndex::Visitor going_ = [](DirNode&) {};
+    NameIndex::Visitor detach_handler_ = [](DirNode&) {};
 };
 
 }  // namespace Engine::FileNotify

@@ -14,13 +14,13 @@ namespace Engine::FileNotify {
 
 namespace {
 
-// Some file systems do not tell the kind in the listing.
+// For file systems whose listings lack the type.
 bool IsDirectoryAt(int dir_fd, const char* name) {
     struct stat status {};
     return ::fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
 }
 
-void TakePortion(int dir_fd, const char* bytes, std::size_t size, DirListing& listing) {
+void AppendEntries(int dir_fd, const char* bytes, std::size_t size, DirListing& listing) {
     for (std::size_t at = 0; at < size;) {
         const auto* entry = reinterpret_cast<const dirent64*>(bytes + at);
         at += entry->d_reclen;
@@ -40,7 +40,7 @@ void DirListing::Clear() {
     is_snapshot = true;
 }
 
-int ListDirectory(int dir_fd, DirListing& listing, const std::function<void()>& between) {
+int ListDirectory(int dir_fd, DirListing& listing, const std::function<void()>& drain_events) {
     listing.Clear();
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the kernel fills it
     alignas(dirent64) std::array<char, 64 * 1024> bytes;
@@ -48,10 +48,10 @@ int ListDirectory(int dir_fd, DirListing& listing, const std::function<void()>& 
         const long got = ::syscall(SYS_getdents64, dir_fd, bytes.data(), bytes.size());
         if (got < 0) return errno;
         if (got == 0) return 0;
-        TakePortion(dir_fd, bytes.data(), static_cast<std::size_t>(got), listing);
+        AppendEntries(dir_fd, bytes.data(), static_cast<std::size_t>(got), listing);
         if (is_first) continue;
         listing.is_snapshot = false;
-        if (between) between();
+        if (drain_events) drain_events();
     }
 }
 

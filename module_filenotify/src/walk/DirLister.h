@@ -7,21 +7,21 @@
 
 namespace Engine::FileNotify {
 
-/// What a directory holds, "." and ".." excepted.
+/// The content of a directory without "." and "..". Not thread-safe.
 struct DirListing {
     PackedNames directories;
     PackedNames others;
-    /// Read in one portion: no name stands here twice. In several, one that was renamed or made
-    /// anew meanwhile may.
+    /// True when one system call read everything, so that names are unique. Otherwise a name that
+    /// was renamed or created again meanwhile may appear twice.
     bool is_snapshot = true;
 
     std::size_t Count() const { return std::size_t{directories.Count()} + others.Count(); }
     void Clear();
 };
 
-/// Puts what the directory holds into `listing`. Never follows a link. Calls `between` (may be
-/// null) after each further portion, for what must not wait while a huge directory is read. 0, or
-/// the errno of what failed; what was read until then is kept. Any thread.
-int ListDirectory(int dir_fd, DirListing& listing, const std::function<void()>& between);
+/// Reads the directory into `listing`. Follows no link. Returns 0, or errno; then `listing` keeps
+/// what was read so far. Calls `drain_events`, which may be null, after each system call except the
+/// first, so that a huge directory does not delay events. Blocks on disk reads. Thread-safe.
+int ListDirectory(int dir_fd, DirListing& listing, const std::function<void()>& drain_events);
 
 }  // namespace Engine::FileNotify

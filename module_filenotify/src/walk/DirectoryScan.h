@@ -13,24 +13,24 @@ namespace Engine::FileNotify {
 
 class InotifyDescriptor;
 
-/// A directory that is visited for the first time: what to do, and what came of it. Touches nothing
-/// but itself, so that it can be done on another thread than the tree's.
+/// The first visit of one directory: its parameters and its result. Uses no shared state, so Run
+/// may run on another thread. Owned by InitialScan. Not thread-safe.
 struct DirectoryScan {
     std::shared_ptr<const SDK::FileDescriptor> parent;
-    const char* name = nullptr;  ///< within `parent`; borrowed
-    std::uint32_t mask = 0;      ///< for the kernel watch
+    const char* name = nullptr;  ///< in `parent`; borrowed
+    std::uint32_t mask = 0;      ///< of the kernel watch
 
-    int error = 0;  ///< errno of what failed; the rest below holds as far as it got
-    int wd = -1;    ///< the kernel watch, placed before the listing
+    int error = 0;  ///< 0, or errno; the members below are valid as far as set
+    int wd = -1;    ///< the kernel watch, added before the listing
     ino_t inode = 0;
     DirListing listing;
-    SDK::FileDescriptor directory;  ///< left open when there are directories in it
+    SDK::FileDescriptor directory;  ///< stays open when it contains directories
 
-    /// Opens, watches, lists; blocks as long as that takes. Throws nothing.
-    void Run(InotifyDescriptor& inotify, const std::function<void()>& between) noexcept;
+    /// Opens, watches and lists the directory. Sets `error` on failure. Blocks on disk reads.
+    void Run(InotifyDescriptor& inotify, const std::function<void()>& drain_events) noexcept;
 
   private:
-    int Try(InotifyDescriptor& inotify, const std::function<void()>& between);
+    int Try(InotifyDescriptor& inotify, const std::function<void()>& drain_events);
 };
 
 }  // namespace Engine::FileNotify

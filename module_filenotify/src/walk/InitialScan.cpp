@@ -1,6 +1,8 @@
-// Owns: the directories being scanned, between the queue and the index.
-// Not: the second thread (ScanWorkers). Nothing is under way between two calls of Run, so events
-// are only ever handled with the index knowing of every kernel watch. Thread: the task's.
+// Owns: the batches of scans. Must not own: the second thread (ScanWorkers).
+// Thread: the task's. Ownership passes: jobs come from WalkQueue, results go into WatchedTree.
+//
+// No scan is running between two calls of Run. So the index knows every kernel watch whenever
+// events are handled.
 
 #include "walk/InitialScan.h"
 
@@ -10,42 +12,43 @@
 namespace Engine::FileNotify {
 
 InitialScan::InitialScan(WatchedTree& tree, InotifyDescriptor& inotify,
-                         std::function<void()> between)
-    : tree_(tree), between_(between), workers_(inotify, std::move(between)) {}
+                         std::function<void()> drain_events)
+    : tree_(tree), drain_events_(drain_events), workers_(inotify, std::move(drain_events)) {}
 
 std::size_t InitialScan::Run(WalkQueue::Lane lane, std::size_t budget) {
     std::size_t done = 0;
-    Collect(lane, ahead_);
-    while (ahead_.count != 0) {
-        if (ahead_.count == kAtOnce && tree_.queue.Size() >= kAtOnce) workers_.Reinforce();
-        workers_.Begin(ahead_.scans, ahead_.count);
-        done += TakeIn(behind_);
+    Collect(lane, scanning_);
+    while (scanning_.count != 0) {
+        if (scanning_.count == kBatchSize && tree_.queue.Size() >= kBatchSize)
+            workers_.StartHelper();
+        workers_.Begin(scanning_.scans, scanning_.count);
+        done += AddToIndex(scanned_);
         workers_.Finish();
-        std::swap(ahead_, behind_);
-        between_();
+        std::swap(scanning_, scanned_);
+        drain_events_();
         if (done >= budget) break;
-        Collect(lane, ahead_);
-        if (ahead_.count != 0) continue;
-        done += TakeIn(behind_);
-        Collect(lane, ahead_);
+        Collect(lane, scanning_);
+        if (scanning_.count != 0) continue;
+        done += AddToIndex(scanned_);
+        Collect(lane, scanning_);
     }
-    return done + TakeIn(behind_);
+    return done + AddToIndex(scanned_);
 }
 
 void InitialScan::End() {
-    workers_.Dismiss();
-    ahead_ = {};
-    behind_ = {};
+    workers_.StopHelper();
+    scanning_ = {};
+    scanned_ = {};
 }
 
 void InitialScan::Collect(WalkQueue::Lane lane, Batch& batch) {
-    while (batch.count < kAtOnce) {
+    while (batch.count < kBatchSize) {
         const WalkQueue::Job* next = tree_.queue.Next(lane);
         std::uint32_t mask = 0;
-        if (next == nullptr || !IsForMe(*next->node, next->reasons, mask)) return;
+        if (next == nullptr || !IsEligible(*next->node, next->reasons, mask)) return;
         auto parent = tree_.opener.Share(*next->node->parent);
         if (parent == nullptr) {
-            next->node->Set(DirNode::kByItself, true);
+            next->node->Set(DirNode::kSlowPath, true);
             return;
         }
         if (batch.scans.size() <= batch.count) batch.scans.emplace_back();
@@ -57,21 +60,21 @@ void InitialScan::Collect(WalkQueue::Lane lane, Batch& batch) {
     }
 }
 
-bool InitialScan::IsForMe(const DirNode& node, std::uint8_t reasons, std::uint32_t& mask) const {
-    constexpr std::uint8_t kNotSoSimple = DirNode::kListed | DirNode::kWaitedFor |
-                                          DirNode::kUnwatched | DirNode::kThroughLink |
-                                          DirNode::kPartial | DirNode::kByItself;
-    if (reasons != WalkQueue::kFirst || (node.flags & kNotSoSimple) != 0) return false;
+bool InitialScan::IsEligible(const DirNode& node, std::uint8_t reasons, std::uint32_t& mask) const {
+    constexpr std::uint8_t kIneligible = DirNode::kListed | DirNode::kHasAttached |
+                                         DirNode::kUnwatched | DirNode::kThroughLink |
+                                         DirNode::kPartial | DirNode::kSlowPath;
+    if (reasons != WalkQueue::kFirst || (node.flags & kIneligible) != 0) return false;
     if (node.parent == nullptr || node.wd >= 0 || node.inode != 0) return false;
     if (node.files.Size() != 0 || !node.dirs.All().empty()) return false;
-    return tree_.matcher.TakesAllIn(node, mask) && NameIndex::PathLength(node) < PATH_MAX;
+    return tree_.matcher.CoversAllIn(node, mask) && NameIndex::PathLength(node) < PATH_MAX;
 }
 
-std::size_t InitialScan::TakeIn(Batch& batch) {
+std::size_t InitialScan::AddToIndex(Batch& batch) {
     std::size_t done = 0;
     for (std::size_t at = 0; at < batch.count; ++at) {
         DirectoryScan& scan = batch.scans[at];
-        TakeIn(batch.jobs[at], scan);
+        AddToIndex(batch.jobs[at], scan);
         done += 1 + scan.listing.Count();
         scan.parent.reset();
         scan.listing.Clear();
@@ -80,15 +83,15 @@ std::size_t InitialScan::TakeIn(Batch& batch) {
     return done;
 }
 
-void InitialScan::TakeIn(const WalkQueue::Job& job, DirectoryScan& scan) {
+void InitialScan::AddToIndex(const WalkQueue::Job& job, DirectoryScan& scan) {
     DirNode& node = *job.node;
     if (scan.wd >= 0) {
         tree_.table.Add(node, scan.wd, scan.mask);
         node.inode = scan.inode;
     }
     if (scan.error != 0) {
-        // TreeWalker tries again and finds out what is wrong.
-        node.Set(DirNode::kByItself, true);
+        // TreeWalker tries again and handles the error.
+        node.Set(DirNode::kSlowPath, true);
         tree_.Enqueue(node, job.reasons, job.owner);
         return;
     }

@@ -10,43 +10,43 @@
 
 namespace Engine::FileNotify {
 
-/// The quick way for what nearly all of a first walk is: a directory of which nothing is known, all
-/// of whose names are wanted, and nobody is to be told. Many are scanned at a time, beside taking
-/// the ones before into the index. Whatever is not so simple is left in the queue, for TreeWalker.
-/// Task's thread only.
+/// The fast path of a first walk: unknown directories whose content is covered entirely and not
+/// announced. Scans them in batches while the previous batch is added to the index. Leaves all
+/// other directories in the queue for TreeWalker, which owns it. Not thread-safe.
 class InitialScan {
   public:
-    /// `between` is called again and again: the kernel's queue must not fill up meanwhile.
-    InitialScan(WatchedTree& tree, InotifyDescriptor& inotify, std::function<void()> between);
+    /// `drain_events` is called regularly so that the kernel's queue does not overflow.
+    InitialScan(WatchedTree& tree, InotifyDescriptor& inotify, std::function<void()> drain_events);
 
-    /// Visits until about `budget` directories and names are done or the next in the lane is not
-    /// for it. How many were done. The lane is one that announces nothing.
+    /// Visits about `budget` directories and names of a lane that announces nothing. Stops before
+    /// the first directory that needs TreeWalker. Returns how many were visited. Blocks on disk
+    /// reads.
     std::size_t Run(WalkQueue::Lane lane, std::size_t budget);
 
-    /// The walk is over: gives thread and memory back.
+    /// Ends the second thread and frees memory. Run may be called again.
     void End();
 
   private:
-    static constexpr std::size_t kAtOnce = 128;
+    static constexpr std::size_t kBatchSize = 128;
 
     struct Batch {
         std::size_t count = 0;
-        std::array<WalkQueue::Job, kAtOnce> jobs;
-        std::array<std::uint32_t, kAtOnce> masks{};
+        std::array<WalkQueue::Job, kBatchSize> jobs;
+        std::array<std::uint32_t, kBatchSize> masks{};
         std::vector<DirectoryScan> scans;
     };
 
     void Collect(WalkQueue::Lane lane, Batch& batch);
-    bool IsForMe(const DirNode& node, std::uint8_t reasons, std::uint32_t& mask) const;
-    std::size_t TakeIn(Batch& batch);
-    void TakeIn(const WalkQueue::Job& job, DirectoryScan& scan);
+    bool IsEligible(const DirNode& node, std::uint8_t reasons, std::uint32_t& mask) const;
+    std::size_t AddToIndex(Batch& batch);
+    void AddToIndex(const WalkQueue::Job& job, DirectoryScan& scan);
     void AddNames(const WalkQueue::Job& job, const DirListing& listing);
 
     WatchedTree& tree_;
-    const std::function<void()> between_;
+    const std::function<void()> drain_events_;
     ScanWorkers workers_;
-    Batch ahead_;   ///< being scanned
-    Batch behind_;  ///< scanned
+    Batch scanning_;  ///< in progress
+    Batch scanned_;   ///< done, to be added to the index
 };
 
 }  // namespace Engine::FileNotify

@@ -1,6 +1,7 @@
-// Owns: the second thread of a large walk. Not: the scans (InitialScan), nor anything of the tree,
-// which it never touches. Threads: RunHelper its own, the rest the task's. What was begun belongs
-// to both, each scan to who has drawn its number, until Finish has returned.
+// Owns: the second thread of a large walk.
+// Must not own: the scans (InitialScan) or the tree (WatchedTree), which it does not access.
+// Threads: RunHelper on the second thread, the rest on the task's.
+// Ownership passes: from Begin to Finish, the thread that took a scan's number uses that scan.
 
 #include "walk/ScanWorkers.h"
 
@@ -11,12 +12,12 @@ namespace Engine::FileNotify {
 
 namespace {
 
-constexpr std::chrono::milliseconds kReadEvery{2};
+constexpr std::chrono::milliseconds kDrainInterval{2};
 
 }  // namespace
 
-ScanWorkers::ScanWorkers(InotifyDescriptor& inotify, std::function<void()> between)
-    : inotify_(inotify), between_(std::move(between)) {}
+ScanWorkers::ScanWorkers(InotifyDescriptor& inotify, std::function<void()> drain_events)
+    : inotify_(inotify), drain_events_(std::move(drain_events)) {}
 
 void ScanWorkers::Begin(std::vector<DirectoryScan>& scans, std::size_t count) {
     const std::lock_guard lock(mutex_);
@@ -28,27 +29,28 @@ void ScanWorkers::Begin(std::vector<DirectoryScan>& scans, std::size_t count) {
 }
 
 void ScanWorkers::Finish() {
-    WorkOn(between_);
+    RunScans(drain_events_);
     std::unique_lock lock(mutex_);
     helper_wanted_ = false;
     while (helper_busy_) {
-        if (changed_.wait_for(lock, kReadEvery) == std::cv_status::no_timeout) continue;
+        if (changed_.wait_for(lock, kDrainInterval) == std::cv_status::no_timeout) continue;
         lock.unlock();
-        between_();
+        drain_events_();
         lock.lock();
     }
 }
 
-void ScanWorkers::WorkOn(const std::function<void()>& between) noexcept {
-    for (std::size_t at; (at = next_.fetch_add(1)) < count_;) (*scans_)[at].Run(inotify_, between);
+void ScanWorkers::RunScans(const std::function<void()>& drain_events) noexcept {
+    for (std::size_t at; (at = next_.fetch_add(1)) < count_;)
+        (*scans_)[at].Run(inotify_, drain_events);
 }
 
-void ScanWorkers::Reinforce() {
+void ScanWorkers::StartHelper() {
     if (helper_.joinable() || std::thread::hardware_concurrency() < 2) return;
     try {
         helper_ = std::thread([this] { RunHelper(); });
     } catch (const std::system_error&) {
-        // Too many threads: it takes longer without.
+        // No thread available: the walk only takes longer.
     }
 }
 
@@ -60,14 +62,14 @@ void ScanWorkers::RunHelper() noexcept {
         helper_wanted_ = false;
         helper_busy_ = true;
         lock.unlock();
-        WorkOn({});
+        RunScans({});
         lock.lock();
         helper_busy_ = false;
         changed_.notify_all();
     }
 }
 
-void ScanWorkers::Dismiss() {
+void ScanWorkers::StopHelper() {
     if (!helper_.joinable()) return;
     {
         const std::lock_guard lock(mutex_);

@@ -11,36 +11,36 @@
 
 namespace Engine::FileNotify {
 
-/// Runs scans, on the caller's thread and, once it is called for, on one more. Owned and called
-/// by the task's thread only.
+/// Runs scans on the caller's thread and on an optional second thread. Owned by InitialScan. Not
+/// thread-safe.
 class ScanWorkers {
   public:
-    /// `between` is called on the caller's thread while a long scan goes on.
-    ScanWorkers(InotifyDescriptor& inotify, std::function<void()> between);
-    ~ScanWorkers() { Dismiss(); }
+    /// `drain_events` is called on the caller's thread during long scans.
+    ScanWorkers(InotifyDescriptor& inotify, std::function<void()> drain_events);
+    ~ScanWorkers() { StopHelper(); }
     ScanWorkers(const ScanWorkers&) = delete;
     ScanWorkers& operator=(const ScanWorkers&) = delete;
 
-    /// Lets the second thread start on `scans`, of which the first `count` are to be run, if it
-    /// is there; they are its until Finish has returned.
+    /// Starts the first `count` of `scans` on the second thread, if there is one. The caller must
+    /// not use `scans` until Finish returns.
     void Begin(std::vector<DirectoryScan>& scans, std::size_t count);
 
-    /// Takes part in what was begun; when it returns all of it is done.
+    /// Runs the remaining scans. All scans are done when it returns.
     void Finish();
 
-    /// Calls for the second thread, where there is a second processor. Without one, or when none
-    /// can be started, all goes on without it.
-    void Reinforce();
+    /// Starts the second thread. Does nothing when it runs already, on a single processor, or when
+    /// no thread can be started.
+    void StartHelper();
 
-    /// Ends the second thread and waits for that.
-    void Dismiss();
+    /// Ends the second thread and joins it. Does nothing when there is none.
+    void StopHelper();
 
   private:
     void RunHelper() noexcept;
-    void WorkOn(const std::function<void()>& between) noexcept;
+    void RunScans(const std::function<void()>& drain_events) noexcept;
 
     InotifyDescriptor& inotify_;
-    const std::function<void()> between_;
+    const std::function<void()> drain_events_;
     std::vector<DirectoryScan>* scans_ = nullptr;
     std::size_t count_ = 0;
     std::atomic<std::size_t> next_{0};
@@ -48,7 +48,7 @@ class ScanWorkers {
     std::thread helper_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool helper_wanted_ = false;  ///< there is work that the helper has not looked at yet
+    bool helper_wanted_ = false;  ///< scans wait for the helper
     bool helper_busy_ = false;
     bool ending_ = false;
 };

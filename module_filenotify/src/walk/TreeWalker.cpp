@@ -1,5 +1,5 @@
-// Owns: nothing that outlives a step. Not: the queue of what to visit (WatchedTree).
-// Thread: the task's.
+// Owns: the listing of the directory being visited. Must not own: the walk queue (WatchedTree).
+// Thread: the task's. Ownership passes: jobs come from WalkQueue and end here.
 
 #include "walk/TreeWalker.h"
 
@@ -17,14 +17,14 @@ using Kind = NameIndex::Kind;
 
 namespace {
 
-constexpr std::uint8_t kTriesForGone = 3;
+constexpr std::uint8_t kTriesForMissing = 3;
 
-// How what a visit finds is announced; 0: not at all.
-std::uint32_t AnnouncedAs(std::uint8_t reasons, bool known, bool initial, bool is_directory) {
+// The mask that announces a found object; 0: no announcement.
+std::uint32_t AnnouncementMask(std::uint8_t reasons, bool known, bool initial, bool is_directory) {
     if ((reasons & WalkQueue::kArrived) != 0) return IN_CREATE;
-    const bool looks = (reasons & WalkQueue::kLook) != 0;
-    if ((reasons & WalkQueue::kReconcile) == 0) return looks && !known && !initial ? IN_CREATE : 0;
-    // What a first walk has not reached yet may be there for long: not to be called new.
+    const bool polls = (reasons & WalkQueue::kPoll) != 0;
+    if ((reasons & WalkQueue::kReconcile) == 0) return polls && !known && !initial ? IN_CREATE : 0;
+    // The first walk has not indexed it yet, so it may be old.
     if (!known && !initial) return IN_CREATE;
     return is_directory ? IN_ATTRIB : IN_MODIFY;
 }
@@ -32,27 +32,26 @@ std::uint32_t AnnouncedAs(std::uint8_t reasons, bool known, bool initial, bool i
 }  // namespace
 
 TreeWalker::TreeWalker(WatchedTree& tree, InotifyDescriptor& inotify, ChangeRouter& router,
-                       TreeChanges& changes, RootTracker& roots, std::function<void()> between)
+                       TreeChanges& changes, std::function<void()> drain_events)
     : tree_(tree),
       router_(router),
       changes_(changes),
-      roots_(roots),
-      between_(std::move(between)),
-      initial_scan_(tree, inotify, between_) {}
+      drain_events_(std::move(drain_events)),
+      initial_scan_(tree, inotify, drain_events_) {}
 
-bool TreeWalker::Step(std::size_t budget, bool may_tell) {
+bool TreeWalker::Step(std::size_t budget, bool may_announce) {
     router_.SetTime(std::chrono::steady_clock::now());
-    if (may_tell) StepLane(WalkQueue::kTelling, budget / 2);
-    StepLane(WalkQueue::kSilent, budget / 2);
-    const bool others_wait = !tree_.queue.Empty(WalkQueue::kSilent) ||
-                             (may_tell && !tree_.queue.Empty(WalkQueue::kTelling));
-    if (!others_wait) StepLane(WalkQueue::kUnneeded, budget / 2);
+    if (may_announce) StepLane(WalkQueue::kAnnouncing, budget / 2);
+    StepLane(WalkQueue::kIndexing, budget / 2);
+    const bool others_wait = !tree_.queue.Empty(WalkQueue::kIndexing) ||
+                             (may_announce && !tree_.queue.Empty(WalkQueue::kAnnouncing));
+    if (!others_wait) StepLane(WalkQueue::kLowPriority, budget / 2);
     return !tree_.queue.Empty();
 }
 
 void TreeWalker::StepLane(WalkQueue::Lane lane, std::size_t budget) {
     for (std::size_t done = 0; done < budget;) {
-        if (lane != WalkQueue::kTelling) done += initial_scan_.Run(lane, budget - done);
+        if (lane != WalkQueue::kAnnouncing) done += initial_scan_.Run(lane, budget - done);
         if (done >= budget) return;
         const WalkQueue::Job job = tree_.queue.Pop(lane);
         if (job.node == nullptr) return;
@@ -64,28 +63,35 @@ void TreeWalker::StepLane(WalkQueue::Lane lane, std::size_t budget) {
 
 std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     DirNode& node = *job.node;
-    node.Set(DirNode::kByItself, false);
+    node.Set(DirNode::kSlowPath, false);
     if (!tree_.matcher.IsWalked(node)) return 1;
     WatchTable::Result result = WatchTable::Result::kKept;
     const int error = tree_.EnsureWatched(node, result);
     if (WatchedTree::IsGone(error)) {
-        // Deleted or moved: the event that tells which is on its way.
-        if (job.tries < kTriesForGone) {
+        // Deleted or moved: wait for the event that tells which.
+        if (job.tries < kTriesForMissing) {
             tree_.queue.PutBack(job);
             return 0;
         }
         DropVanished(node);
         return 1;
     }
-    // What nobody needs and nothing tells of is not listed either.
-    if (error == ENAMETOOLONG || (error == ENOSPC && tree_.reserve.IsUnwatched(node))) return 1;
-    std::uint8_t reasons = job.reasons;
+    // Without events the listing would become stale.
+    if (error == ENAMETOOLONG || (error == ENOSPC && tree_.eviction.IsUnwatched(node))) return 1;
+    return VisitWatched(job, ReasonsAfter(job, result));
+}
+
+std::uint8_t TreeWalker::ReasonsAfter(const WalkQueue::Job& job, WatchTable::Result result) {
     if (result == WatchTable::Result::kReplaced) {
-        reasons |= WalkQueue::kArrived | WalkQueue::kReconcile;
-    } else if (result == WatchTable::Result::kNew &&
-               (node.Is(DirNode::kListed) || reasons == WalkQueue::kVerify)) {
-        reasons |= WalkQueue::kReconcile;
+        return job.reasons | WalkQueue::kArrived | WalkQueue::kReconcile;
     }
+    const bool was_unwatched = result == WatchTable::Result::kNew;
+    const bool was_known = job.node->Is(DirNode::kListed) || job.reasons == WalkQueue::kVerify;
+    return was_unwatched && was_known ? job.reasons | WalkQueue::kReconcile : job.reasons;
+}
+
+std::size_t TreeWalker::VisitWatched(const WalkQueue::Job& job, std::uint8_t reasons) {
+    DirNode& node = *job.node;
     if (reasons == WalkQueue::kVerify) return 1;
     const bool is_known = node.Is(DirNode::kListed) && !node.Is(DirNode::kPartial);
     if ((reasons & ~WalkQueue::kVerify) == WalkQueue::kFirst && is_known) {
@@ -120,14 +126,14 @@ std::size_t TreeWalker::List(DirNode& node, const WalkQueue::Job& job, std::uint
         return 1;
     }
     node.Set(DirNode::kPartial, false);
-    const int error = ListDirectory(directory.Get(), listing_, between_);
+    const int error = ListDirectory(directory.Get(), listing_, drain_events_);
     listing_.directories.ForEach(
         [&](std::string_view name) { Found(node, name, true, reasons, job.owner); });
     listing_.others.ForEach(
         [&](std::string_view name) { Found(node, name, false, reasons, job.owner); });
-    constexpr std::uint8_t kTellsGone =
-        WalkQueue::kArrived | WalkQueue::kReconcile | WalkQueue::kLook;
-    if (error == 0 && (reasons & kTellsGone) != 0) {
+    constexpr std::uint8_t kAnnouncesMissing =
+        WalkQueue::kArrived | WalkQueue::kReconcile | WalkQueue::kPoll;
+    if (error == 0 && (reasons & kAnnouncesMissing) != 0) {
         AnnounceMissing(node);
     }
     node.Set(DirNode::kListed, true);
@@ -147,11 +153,11 @@ void TreeWalker::Found(DirNode& node, std::string_view name, bool is_directory,
     constexpr std::uint8_t kHandedDown =
         WalkQueue::kFirst | WalkQueue::kArrived | WalkQueue::kReconcile;
     visit.reasons = reasons & kHandedDown;
-    if (!known && (reasons & (WalkQueue::kReconcile | WalkQueue::kLook)) != 0) {
+    if (!known && (reasons & (WalkQueue::kReconcile | WalkQueue::kPoll)) != 0) {
         visit.reasons |= initial ? WalkQueue::kFirst : WalkQueue::kArrived;
     }
-    changes_.Appeared(node, name, is_directory, AnnouncedAs(reasons, known, initial, is_directory),
-                      visit);
+    changes_.Appeared(node, name, is_directory,
+                      AnnouncementMask(reasons, known, initial, is_directory), visit);
 }
 
 void TreeWalker::AnnounceMissing(DirNode& node) {

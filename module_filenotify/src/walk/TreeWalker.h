@@ -9,31 +9,33 @@
 
 namespace Engine::FileNotify {
 
-/// Visits the directories of the walk queue: kernel watch first, then the listing, so that what
-/// appears between is seen by one or both. Task's thread only.
+/// Visits the directories of the walk queue. Sets the kernel watch before it lists a directory, so
+/// that no new name is missed. Owned by NotifyCore. Not thread-safe.
 class TreeWalker {
   public:
-    /// `between` is called while a huge directory is read.
+    /// `drain_events` is called regularly so that the kernel's queue does not overflow.
     TreeWalker(WatchedTree& tree, InotifyDescriptor& inotify, ChangeRouter& router,
-               TreeChanges& changes, RootTracker& roots, std::function<void()> between);
+               TreeChanges& changes, std::function<void()> drain_events);
 
-    /// Visits until about `budget` directories and names are done, half of them for nobody to be
-    /// told of: neither kind of walk waits for the end of the other. Without `may_tell` only those.
-    /// False: nothing is left.
-    bool Step(std::size_t budget, bool may_tell);
+    /// Visits about `budget` directories and names, half of them in the announcing lane (only with
+    /// `may_announce`) and half in the others, so that neither delays the other. Returns false when
+    /// the queue is empty. Blocks on disk reads.
+    bool Step(std::size_t budget, bool may_announce);
 
-    /// Gives back what only a walk needs.
+    /// Frees what only a walk needs.
     void End() { initial_scan_.End(); }
 
-    /// Takes the directory, or the highest one above it that is not where it should be, for gone,
-    /// and what has its name now for new. For when no event tells so: a directory without a kernel
-    /// watch is on the way, or something was mounted there.
+    /// Announces the deletion of the directory, or of its topmost missing parent, and the arrival
+    /// of what has that name now. For cases without an event: an unwatched parent, or a mount.
     void DropVanished(DirNode& node);
 
   private:
     void StepLane(WalkQueue::Lane lane, std::size_t budget);
-    /// How many directories and names were looked at; 0: it has to wait for events.
+    /// Returns how many directories and names were visited; 0: the job must wait for events.
     std::size_t Visit(const WalkQueue::Job& job);
+    /// The job's reasons and those that follow from the result of watching its directory.
+    static std::uint8_t ReasonsAfter(const WalkQueue::Job& job, WatchTable::Result result);
+    std::size_t VisitWatched(const WalkQueue::Job& job, std::uint8_t reasons);
     std::size_t List(DirNode& node, const WalkQueue::Job& job, std::uint8_t reasons);
     std::size_t Descend(const DirNode& node, Watch* owner);
     void Found(DirNode& node, std::string_view name, bool is_directory, std::uint8_t reasons,
@@ -43,8 +45,7 @@ class TreeWalker {
     WatchedTree& tree_;
     ChangeRouter& router_;
     TreeChanges& changes_;
-    RootTracker& roots_;
-    std::function<void()> between_;
+    std::function<void()> drain_events_;
     InitialScan initial_scan_;
     DirListing listing_;
 };

@@ -13,8 +13,8 @@ class Pace : public ::testing::Test {
   protected:
     /// How long the queue is left alone after a read of so many records.
     std::chrono::nanoseconds Rest(std::size_t records, bool emptied = true) {
-        pace.Note(records, emptied, now);
-        return pace.IsResting(now) ? pace.Until() - now : 0ns;
+        pace.OnRead(records, emptied, now);
+        return pace.IsPaused(now) ? pace.Until() - now : 0ns;
     }
 
     ReadBackoff pace;
@@ -25,7 +25,7 @@ TEST_F(Pace, LoneEventsAndTheBeginningOfABurst_AreFollowedByNoRest) {
     pace.SetQueueLimit(kAmple);
     for (int i = 0; i < 1000; ++i, now += 20us) EXPECT_EQ(Rest(1), 0ns);
     now += ReadBackoff::kWindow;
-    EXPECT_EQ(Rest(ReadBackoff::kStorm - 1), 0ns);
+    EXPECT_EQ(Rest(ReadBackoff::kStormRecords - 1), 0ns);
     EXPECT_GT(Rest(1), 0ns);
 }
 
@@ -35,7 +35,7 @@ TEST_F(Pace, Storm_RestsGetLongerUpToTheBoundAndEndWithIt) {
     for (int i = 0; i < 4; ++i) {
         rests.push_back(Rest(5000));
         now += rests.back();
-        EXPECT_FALSE(pace.IsResting(now));
+        EXPECT_FALSE(pace.IsPaused(now));
         EXPECT_TRUE(pace.IsStorm());
     }
     EXPECT_EQ(rests, (std::vector<std::chrono::nanoseconds>{1ms, 2ms, 4ms, 4ms}));
@@ -46,9 +46,10 @@ TEST_F(Pace, Storm_RestsGetLongerUpToTheBoundAndEndWithIt) {
 TEST_F(Pace, QueueThatCouldOverflow_IsNeverLeftAlone) {
     for (const std::uint32_t limit : {0U, 1U, 512U, 8192U, 16384U, 65536U, kAmple, ~0U}) {
         pace.SetQueueLimit(limit);
-        for (int i = 0; i < 4; ++i, now += ReadBackoff::kLongest) {
+        for (int i = 0; i < 4; ++i, now += ReadBackoff::kMaxPause) {
             const auto rest = Rest(100000);
-            EXPECT_LE(rest / 1us * ReadBackoff::kFastest / 1000, limit / ReadBackoff::kPartOfQueue);
+            EXPECT_LE(rest / 1us * ReadBackoff::kEventsPerMs / 1000,
+                      limit / ReadBackoff::kQueueFraction);
             EXPECT_EQ(rest > 0ns, limit >= 16384) << limit;
         }
     }
