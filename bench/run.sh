@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Measures Sentrel and what one would take instead, side by side on this machine.
+# Measures Sentrel and comparable products on this machine.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/../scripts/lib.sh"
@@ -8,24 +8,24 @@ usage() {
     cat <<'END'
 Usage: bench/run.sh [OPTION]...
 
-Builds Sentrel, installs its peers from Debian's packages, measures all of them and prints tables.
-Takes some 45 minutes on two cores, and wants the machine for itself.
+Builds Sentrel, installs the compared products (peers) from Debian's packages, measures all of them and
+prints tables. It takes some 45 minutes on two cores. Run nothing else on the machine meanwhile.
 
-  --short        under 10 minutes: fewer runs, without the slowest peers. On a busy machine it makes
-                 fewer runs still and leaves rows out at the end, which it says
-  --busy         beside two processes of its own that spin; a table of its own with the limits that
-                 hold then
-  --only ROW     that row alone (may be repeated); the others keep the figures of the last run
-  --rows         name the rows
-  --no-build     measure what is built already
-  --publish      write docs/performance-results.md, docs/performance.json and docs/plot.svg as well
-                 (with --busy docs/performance-busy.md and docs/performance-busy.json)
-  -h, --help     this text
+  --short        takes less than 10 minutes: fewer runs, without the slowest peers. On a busy machine it
+                 makes even fewer runs and reports the rows that it omits
+  --busy         measures while two processes of its own keep the processors busy, and writes a table of
+                 its own with the limits for a busy machine
+  --only ROW     measures only this row (can be repeated); the other rows keep their last results
+  --rows         lists the rows
+  --no-build     uses the present build
+  --publish      also writes docs/performance-results.md, docs/performance.json and docs/plot.svg (with
+                 --busy docs/performance-busy.md and docs/performance-busy.json)
+  -h, --help     prints this text
 
-Figures: build/bench/results.json and results.md, the plot: build/bench/plot.svg; with --busy in
-build/bench/busy. Everything runs in one temporary directory below ${TMPDIR:-/var/tmp}, to which only
-root may be able to write, and which goes at the end. It needs root. No setting of the machine changes,
-apart from the length of inotify's queues for the moment in which an agent starts.
+Results are in build/bench/results.json and results.md, the plot in build/bench/plot.svg; with --busy
+they are in build/bench/busy. All files of a run are in one temporary directory in ${TMPDIR:-/var/tmp},
+which is removed at the end. Only root must have write access to it. The script needs root. It changes
+no settings of the machine except the length of inotify's queues while an agent starts.
 END
 }
 
@@ -62,11 +62,11 @@ parse_arguments() {
     done
 }
 
-# A peer that this system does not have is skipped by the driver, with a note in the table.
+# The driver skips a peer that is not available, with a note in the table.
 install_peers() {
     local package
     for package in "${PEERS[@]}"; do
-        (install_dependencies "$package") || warn "$package is not to be had; it will be skipped"
+        (install_dependencies "$package") || warn "$package is not available and will be skipped"
     done
 }
 
@@ -74,16 +74,16 @@ build() {
     install_dependencies "${BUILD_PACKAGES[@]}" libbenchmark-dev
     install_peers
     step "Building"
-    # Tests that somebody builds in the same folder stay as they are.
+    # An existing build directory keeps its setting for tests.
     local options=(-DSENTREL_BENCH=ON)
     [[ -e $ROOT/build/release/CMakeCache.txt ]] || options+=(-DSENTREL_TESTS=OFF)
     build_preset release "${options[@]}"
 }
 
-# ---- Inside a namespace of mounts and processes: whatever was started ends with it.
+# ---- Inside a mount and process namespace, whose end also ends all processes.
 
-# shield_machine: the agent raises the machine's limit of watches for good. Here it writes to files of ours.
-shield_machine() {
+# isolate_machine: the agent raises the machine's limit of watches. Here it writes to stand-ins.
+isolate_machine() {
     local limit=/proc/sys/fs/inotify/max_user_watches
     : >"$WORK/sysctl.conf"
     cat "$limit" >"$WORK/max_user_watches"
@@ -97,7 +97,7 @@ end_spinning() {
     [[ ${#SPINNING[@]} -eq 0 ]] || kill -KILL "${SPINNING[@]}" 2>/dev/null || true
 }
 
-# What --busy means: two processes that know no rest.
+# The load of --busy: two processes that spin.
 spin() {
     local count
     trap end_spinning EXIT
@@ -108,9 +108,9 @@ spin() {
 }
 
 run_inside() {
-    shield_machine
+    isolate_machine
     mkdir -p "$WORK/home" "$WORK/run"
-    # The option aliases that the agent uses with this rsync (it has the checksums that they name).
+    # The rsync option aliases of the agent. This rsync supports their checksums.
     cp "$ROOT/build/release/stage/conf/home/sha1/.popt" "$WORK/home/"
     local driver status=0
     [[ -z $BUSY ]] || spin
@@ -130,13 +130,13 @@ measure() {
     WORK=$(mktemp -d "${TMPDIR:-/var/tmp}/sentrel-bench.XXXXXX")
     trap 'rm -rf "$WORK"' EXIT
     is_roots_alone "$WORK" ||
-        die "others than root can change what lies in $WORK, and the agent keeps no copies in such a" \
-            "place: give it another directory by TMPDIR"
+        die "other users than root can change files in $WORK, where the agent keeps no copies:" \
+            "set TMPDIR to another directory"
     trap : INT TERM HUP
     step "Measuring in $WORK"
     unshare --mount --propagation private --pid --fork --kill-child --mount-proc -- \
         "$BASH" "${BASH_SOURCE[0]}" --inside "$WORK" "${ARGUMENTS[@]}" || status=$?
-    [[ $status -eq 0 ]] || die "the measuring ended with exit code $status"
+    [[ $status -eq 0 ]] || die "the measurement ended with exit code $status"
 }
 
 report() {

@@ -1,5 +1,5 @@
-// The driver behind bench/run.sh: measures the rows that are asked for, writes the figures after
-// each, and turns them into tables.
+// The driver of bench/run.sh: measures the requested rows, writes the results after each row, and
+// makes tables of them.
 #include <json/json.h>
 
 #include <CLI/CLI.hpp>
@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "guards/BareRsync.h"
-#include "guards/RawWatch.h"
+#include "products/BareRsync.h"
+#include "products/RawWatch.h"
 #include "report/Document.h"
 #include "rows/Row.h"
 #include "sdk/text/JsonUtils.h"
@@ -18,7 +18,7 @@ namespace {
 constexpr int kStopped = 130;
 constexpr int kBadArguments = 2;
 
-/// What the short form keeps to; its rows end early by less than the rest of ten minutes.
+/// The time budget of the short form. Its last row may exceed it, but not ten minutes.
 constexpr double kBriefSeconds = 540;
 
 struct Options {
@@ -26,7 +26,7 @@ struct Options {
     Bench::Form form;
     std::vector<std::string> only;
     std::string results;  ///< the JSON file
-    std::string output;   ///< folder for what `report` makes
+    std::string output;   ///< output folder of `report`
 };
 
 Json::Value Load(const std::string& file) {
@@ -41,7 +41,7 @@ bool Wanted(const Options& options, const std::string& row) {
            std::find(options.only.begin(), options.only.end(), row) != options.only.end();
 }
 
-/// The first of the wanted rows that there is not; empty when there are all.
+/// The first requested row that does not exist; empty: all exist.
 std::string UnknownRow(const Options& options) {
     const std::vector<Bench::RowEntry>& rows = Bench::AllRows();
     for (const std::string& name : options.only) {
@@ -51,11 +51,11 @@ std::string UnknownRow(const Options& options) {
     return {};
 }
 
-/// Chooses among the rows of the short form: one that would not end in time is left out, as judged
-/// by how much longer than on a quiet machine those before it took.
-class TimeTable {
+/// Omits the rows for which the short form has no time left. The estimate is the row's usual time
+/// multiplied by the slowdown of the rows before it.
+class TimeBudget {
   public:
-    explicit TimeTable(bool brief) : brief_(brief) {}
+    explicit TimeBudget(bool brief) : brief_(brief) {}
 
     Bench::Clock::time_point End() const {
         const auto time = std::chrono::duration<double>(kBriefSeconds);
@@ -81,7 +81,7 @@ void MeasureRow(const Bench::RowEntry& row, Bench::Plan& plan) {
     const auto start = Bench::Clock::now();
     std::printf("%s: %s\n", row.name, row.what);
     row.run(plan);
-    plan.Say("took " + std::to_string(static_cast<int>(Bench::MsSince(start) / 1000)) + " s");
+    plan.Print("took " + std::to_string(static_cast<int>(Bench::MsSince(start) / 1000)) + " s");
 }
 
 int Measure(const Options& options) {
@@ -94,8 +94,8 @@ int Measure(const Options& options) {
     Bench::Plan plan;
     plan.machine = options.machine;
     plan.brief = options.form.brief;
-    TimeTable time(plan.brief && options.only.empty());
-    plan.until = time.End();
+    TimeBudget time(plan.brief && options.only.empty());
+    plan.deadline = time.End();
     plan.results.FromJson(Load(options.results)["rows"]);
     try {
         for (const Bench::RowEntry& row : Bench::AllRows()) {
@@ -111,24 +111,24 @@ int Measure(const Options& options) {
                 options.results,
                 Json::writeString(writer, Bench::ToDocument(plan.results, machine, options.form)));
         }
-    } catch (const Bench::Stopped&) {
+    } catch (const Bench::Interrupted&) {
         return kStopped;
     }
     return 0;
 }
 
-/// `results.md` and the columns that bench/plot.gp draws.
+/// Writes results.md and the data columns for bench/plot.gp.
 int Report(const Options& options) {
     Bench::Results results;
     const Json::Value document = Load(options.results);
     results.FromJson(document["rows"]);
     bool written = Bench::WriteText(options.output + "/results.md", Bench::ToMarkdown(document));
-    const std::vector<std::string> guards = {
+    const std::vector<std::string> products = {
         "Sentrel",          "raw walk and watch", "bare rsync",      "inotifywait",
         "inotifywait loop", "lsyncd, batching",   "watchman trigger"};
     for (const char* what : {"ready", "memory", "latency"}) {
         written = Bench::WriteText(options.output + "/" + what + ".dat",
-                                   Bench::PlotColumns(results, what, guards)) &&
+                                   Bench::PlotColumns(results, what, products)) &&
                   written;
     }
     return written ? 0 : 1;
@@ -151,7 +151,7 @@ int main(int argc, char** argv) {
     run->add_option("--results", options.results)->required();
     run->add_option("--only", options.only);
     run->add_flag("--short", options.form.brief);
-    run->add_flag("--busy", options.form.busy, "others keep the processors busy meanwhile");
+    run->add_flag("--busy", options.form.busy, "other processes keep the processors busy");
     auto* report = app.add_subcommand("report", "make tables of the figures");
     report->add_option("--results", options.results)->required();
     report->add_option("--output", options.output)->required();

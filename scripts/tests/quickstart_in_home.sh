@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# quickstart_in_home.sh STAGE FOLDER DEADLINE_MS: quickstart.sh from a clone in an ordinary user's home, as
-# that user, through sudo. The agent and its backup copies must then live where only root can write, and
-# nothing of it may be left at the end. STAGE is the built installation, FOLDER holds the home and goes.
+# quickstart_in_home.sh STAGE FOLDER DEADLINE_MS: runs quickstart.sh from a clone in the home of an ordinary
+# user, as that user, through sudo. The agent and its backup copies must be in a directory that only root
+# can write to, and must be removed at the end. STAGE is the built installation. FOLDER gets the home and
+# is removed.
 #
-# There is no such user and no sudo here: the user is a number, and the `sudo` on his PATH asks this
-# script, which is root, to run the command. What real sudo asks for, and whom it refuses, is not tested.
+# The user is only a number, and a stand-in in its PATH replaces sudo: it asks this script, which is root,
+# to run the command. The test does not cover the password prompt and the permissions of the real sudo.
 set -euo pipefail
 
 readonly STAGE=$1 FOLDER=$2 DEADLINE_MS=$3 SKIPPED=77
@@ -12,7 +13,7 @@ readonly USER_ID=12345 HOME_DIR=$FOLDER/home CLONE=$FOLDER/home/sentrel BROKER=$
 ROOT=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd -P)
 readonly ROOT
 BROKER_PID='' USER_PID=''
-# What the build's own options are, apart from which root's environment is empty.
+# Sanitizer options of the build, which root's otherwise empty environment keeps.
 mapfile -t SANITIZERS < <(env | grep -E '^(A|L|T|UB)SAN_OPTIONS=')
 readonly SANITIZERS
 
@@ -26,7 +27,7 @@ as_user() {
         env -i HOME="$HOME_DIR" PATH="$BROKER/bin:/usr/bin:/bin" TERM=dumb "$@"
 }
 
-# The clone is the user's own, and so is what has been built in it.
+# The user owns the clone and the build in it.
 make_home() {
     rm -rf "$FOLDER"
     mkdir -p "$CLONE/build/release" "$HOME_DIR/site/news" "$BROKER/bin"
@@ -38,7 +39,7 @@ make_home() {
     chmod -R g+w "$CLONE/build"
 }
 
-# The stand-in for sudo: hands its arguments over and waits for the exit code.
+# The stand-in for sudo: passes its arguments on and waits for the exit code.
 make_sudo() {
     mkfifo -m 0600 "$BROKER/requests" "$BROKER/answers"
     chown "$USER_ID" "$BROKER"/{requests,answers}
@@ -51,8 +52,8 @@ END
     chmod 0755 "$BROKER/bin/sudo"
 }
 
-# Runs what the stand-in asks for, as sudo does: as root, with an environment of its own. Only the two
-# commands that the script may ask for.
+# Runs the commands of the stand-in as sudo does: as root, with an environment of its own. Permits only
+# the two commands that the script needs.
 serve_sudo() {
     local count arguments status
     while :; do
@@ -81,7 +82,7 @@ clean_up() {
     pid=$(cat "$CLONE/build/quickstart/lock" 2>/dev/null) || true
     if [[ $status -ne 0 ]] && is_quickstart "$pid"; then
         kill -TERM "$pid" || true
-        await "the quickstart to end" is_gone "$pid"
+        await "the end of the quickstart" is_gone "$pid"
     fi
     for pid in $USER_PID $BROKER_PID; do kill -KILL "$pid" 2>/dev/null || true; done
     [[ $status -eq 0 ]] || cat "$FOLDER"/*.out >&2 2>/dev/null || true
@@ -89,23 +90,23 @@ clean_up() {
     exit "$status"
 }
 
-# is_quickstart PID: of this home; the lock's file may be an old one.
+# is_quickstart PID: true for a quickstart of this home; the lock file may be stale.
 is_quickstart() {
     [[ -n $1 && $(tr '\0' ' ' 2>/dev/null <"/proc/$1/cmdline") == *"$CLONE/scripts/quickstart.sh"* ]]
 }
 is_gone() { ! kill -0 "$1" 2>/dev/null; }
 
-# await WHAT COMMAND...: until the command succeeds.
+# await WHAT COMMAND...: waits until the command succeeds.
 await() {
     local what=$1 end=$((SECONDS + 10 + DEADLINE_MS / 1000))
     shift
     until "$@"; do
-        ((SECONDS < end)) || fail "waited in vain for $what"
+        ((SECONDS < end)) || fail "time-out: $what"
         sleep 0.05
     done
 }
 
-# start_quickstart NAME ARGUMENT...: in the background, with its output in $FOLDER/NAME.out.
+# start_quickstart NAME ARGUMENT...: starts it in the background with its output in $FOLDER/NAME.out.
 start_quickstart() {
     local name=$1
     shift
@@ -116,7 +117,7 @@ start_quickstart() {
     BROKER_PID=$!
 }
 
-# end_quickstart NAME CODE: it must end with that code, and leave nothing.
+# end_quickstart NAME CODE: waits for its end and checks the exit code and that nothing is left.
 end_quickstart() {
     local name=$1 code=$2 status=0 place left
     wait "$USER_PID" || status=$?
@@ -126,47 +127,47 @@ end_quickstart() {
     [[ $status -ne $SKIPPED ]] || exit "$SKIPPED"
     [[ $status -eq $code ]] || fail "$name ended with $status, not with $code"
     place=$(place_of "$name")
-    [[ -n $place ]] || fail "$name names no place of root's"
+    [[ -n $place ]] || fail "$name printed no directory of root"
     [[ ! -e $place ]] || fail "$name left $place"
     ! left=$(pgrep --full --list-full -- "^($place|$HOME_DIR)/") || fail "still running: $left"
 }
 
-# The place that the output names.
+# The agent's directory in the output.
 place_of() {
     sed -n 's/^ *agent and backup copies live in \([^ ]*\) until the end$/\1/p' "$FOLDER/$1.out"
 }
 
-expect_roots_alone() {
+expect_owned_by_root() {
     local place=$1 odd
     [[ $(stat -c '%u %a' "$place") == '0 700' ]] || fail "$place: $(stat -c '%u %a' "$place")"
     for part in agent/bin/morvane_agent backup/tree; do
         [[ -e $place/$part ]] || fail "there is no $place/$part"
     done
     odd=$(find "$place/agent" \( ! -uid 0 -o -perm /022 ! -type l ! -type s \) -print -quit)
-    [[ -z $odd ]] || fail "not root's alone: $(stat -c '%u %a %n' "$odd")"
+    [[ -z $odd ]] || fail "not owned by root alone: $(stat -c '%u %a %n' "$odd")"
 }
 
-show_demo() {
+test_demo() {
     start_quickstart demo --demo
     end_quickstart demo 0
-    grep -q 'attacks were undone and reported' "$FOLDER/demo.out" || fail "the demo did not say so"
+    grep -q 'attacks were undone and reported' "$FOLDER/demo.out" || fail "the demo reported no success"
 }
 
 is_ready() { grep -q 'is protected. Change something' "$FOLDER/$1.out"; }
-is_back() { [[ $(cat "$1" 2>/dev/null) == "$2" ]]; }
+has_content() { [[ $(cat "$1" 2>/dev/null) == "$2" ]]; }
 
-# show_protection NAME PAGE SIGNAL CODE [DIR]: protects DIR, or a site to play with; its user changes PAGE
-# and sees it come back; the signal ends it all.
-show_protection() {
+# test_protection NAME PAGE SIGNAL CODE [DIR]: protects DIR, or a sample site. The user changes PAGE, the
+# agent restores it, and the signal ends the quickstart.
+test_protection() {
     local name=$1 page=$2 signal=$3 code=$4 content
     shift 4
     start_quickstart "$name" "$@"
-    await "$name to be ready" is_ready "$name"
-    expect_roots_alone "$(place_of "$name")"
+    await "readiness of $name" is_ready "$name"
+    expect_owned_by_root "$(place_of "$name")"
     content=$(<"$page")
-    as_user tee -- "$page" <<<defaced >/dev/null || fail "its user cannot change $page"
-    await "$page to be back" is_back "$page" "$content"
-    [[ $(stat -c %u "$page") -eq $USER_ID ]] || fail "$page belongs to another now"
+    as_user tee -- "$page" <<<defaced >/dev/null || fail "the user cannot change $page"
+    await "the restore of $page" has_content "$page" "$content"
+    [[ $(stat -c %u "$page") -eq $USER_ID ]] || fail "$page has another owner now"
     kill "-$signal" "$(<"$CLONE/build/quickstart/lock")"
     end_quickstart "$name" "$code"
 }
@@ -181,10 +182,10 @@ main() {
     make_home
     make_sudo
     before=$(machine)
-    show_demo
-    show_protection play "$CLONE/build/quickstart/site/index.html" INT 130
-    show_protection own "$HOME_DIR/site/news/today.html" TERM 143 "$HOME_DIR/site"
-    [[ $(machine) == "$before" ]] || fail "the machine is not as it was"
+    test_demo
+    test_protection play "$CLONE/build/quickstart/site/index.html" INT 130
+    test_protection own "$HOME_DIR/site/news/today.html" TERM 143 "$HOME_DIR/site"
+    [[ $(machine) == "$before" ]] || fail "the machine has changed"
 }
 
 main

@@ -7,8 +7,8 @@
 namespace Bench {
 namespace {
 
-void AddAll(Results& results, const char* row, const char* guard, std::vector<double> samples) {
-    for (const double sample : samples) results.Add(row, guard, sample);
+void AddAll(Results& results, const char* row, const char* product, std::vector<double> samples) {
+    for (const double sample : samples) results.Add(row, product, sample);
 }
 
 TEST(Stats, SamplesInAnyOrder_MedianAndPercentileAreThoseOfTheSorted) {
@@ -30,7 +30,7 @@ TEST(Limits, OursMeasuredBesideOthers_EachIsHeldAgainstItsOwn) {
     AddAll(results, "events_ignored", "Sentrel", {300000});
     AddAll(results, "events_ignored", "inotifywait", {200000});
     std::vector<bool> met;
-    for (const Verdict& verdict : Judge(results)) met.push_back(verdict.met);
+    for (const Verdict& verdict : Evaluate(results)) met.push_back(verdict.met);
     EXPECT_EQ(met, (std::vector<bool>{true, true, false, false, false, true}))
         << "two ratios, two times, the best peer; the rate is at least";
 }
@@ -38,11 +38,11 @@ TEST(Limits, OursMeasuredBesideOthers_EachIsHeldAgainstItsOwn) {
 TEST(Limits, LossWhereNoneIsAllowed_IsNotMetHoweverFewRunsHadIt) {
     Results results;
     AddAll(results, "overflow_left", "Sentrel", {0, 0, 1});
-    ASSERT_EQ(Judge(results).size(), 1U);
-    EXPECT_FALSE(Judge(results)[0].met);
+    ASSERT_EQ(Evaluate(results).size(), 1U);
+    EXPECT_FALSE(Evaluate(results)[0].met);
     Results clean;
     AddAll(clean, "overflow_left", "Sentrel", {0, 0, 0});
-    EXPECT_TRUE(Judge(clean)[0].met);
+    EXPECT_TRUE(Evaluate(clean)[0].met);
 }
 
 TEST(Limits, BusyMachine_OnlyThoseThatThenHoldAndWithTheirAllowance) {
@@ -51,7 +51,7 @@ TEST(Limits, BusyMachine_OnlyThoseThatThenHoldAndWithTheirAllowance) {
     AddAll(results, "burst_1000", "Sentrel", {900});
     AddAll(results, "burst_1000", "lsyncd, batching", {500});
     std::vector<std::string> limits;
-    for (const Verdict& verdict : Judge(results, true)) limits.push_back(verdict.limit);
+    for (const Verdict& verdict : Evaluate(results, true)) limits.push_back(verdict.limit);
     EXPECT_EQ(limits, std::vector<std::string>{"at most 1,000 ms"});
 }
 

@@ -36,58 +36,59 @@ bool IsBelow(const std::string& path, const std::string& top) {
 Oracle::Oracle(const TestSite& site)
     : site_(site),
       copy_(Demo::TakeState(site.Copy())),
-      bystander_(Demo::TakeState(site.Bystander())) {
+      link_target_(Demo::TakeState(site.LinkTarget())) {
     for (const auto& [path, state] : copy_) {
-        left_out_ += IsLeftOut(path) ? 1U : 0U;
+        excluded_count_ += IsExcluded(path) ? 1U : 0U;
         struct stat info {};
         if (state.kind == ObjectState::Kind::kDirectory ||
             ::lstat((site_.Copy() + path).c_str(), &info) != 0 || info.st_nlink < 2) {
             continue;
         }
-        object_of_[path] = info.st_ino;
+        inode_of_[path] = info.st_ino;
         names_of_[info.st_ino].push_back(path);
     }
 }
 
-bool Oracle::IsLeftOut(const std::string& path) const {
-    if (path.empty()) return false;
-    if (IsBelow(path, std::string("/") + TestSite::kExcluded)) return true;
-    // With a directory of such a name comes what it holds.
-    return (path + "/").find("./") != std::string::npos;
+bool Oracle::IsExcluded(const std::string& path) {
+    return IsBelow(path, std::string("/") + TestSite::kExcluded) ||
+           (path + "/").find("./") != std::string::npos;
 }
 
-Differences Oracle::Find(const Demo::TreeState& now) const {
+Differences Oracle::FindDifferences() const {
+    const Demo::TreeState now = Demo::TakeState(site_.Site());
     Differences found;
-    const auto look = [&](const std::string& path) {
-        const std::string is = Describe(now, path);
-        const std::string was = Describe(copy_, path);
-        if (is != was && !IsLeftOut(path)) found.emplace(path, is + " for " + was);
+    const auto compare = [&](const std::string& path) {
+        const std::string actual = Describe(now, path);
+        const std::string expected = Describe(copy_, path);
+        if (actual != expected && !IsExcluded(path)) {
+            found.emplace(path, actual + " instead of " + expected);
+        }
     };
-    for (const auto& [path, state] : copy_) look(path);
-    for (const auto& [path, state] : now) look(path);
+    for (const auto& [path, state] : copy_) compare(path);
+    for (const auto& [path, state] : now) compare(path);
     return found;
 }
 
-std::string Oracle::ChangeBeside() const {
-    const std::string change = Demo::FindDifference(bystander_, site_.Bystander());
+std::string Oracle::ChangeOutsideSite() const {
+    const std::string change = Demo::FindDifference(link_target_, site_.LinkTarget());
     return change.empty() ? Demo::FindDifference(copy_, site_.Copy()) : change;
 }
 
 std::vector<std::string> Oracle::WithoutAlarm(const Differences& differing,
                                               const std::set<std::string>& alarms) const {
-    const auto is_told = [&](const std::string& path) {
-        std::string way = SDK::ToValidUtf8(site_.Site() + path);
-        while (way.size() >= site_.Site().size() && alarms.count(way) == 0) {
-            way.resize(way.rfind('/'));
+    const auto has_alarm = [&](const std::string& path) {
+        std::string parent = SDK::ToValidUtf8(site_.Site() + path);
+        while (parent.size() >= site_.Site().size() && alarms.count(parent) == 0) {
+            parent.resize(parent.rfind('/'));
         }
-        return way.size() >= site_.Site().size();
+        return parent.size() >= site_.Site().size();
     };
     std::vector<std::string> missing;
     for (const auto& [path, words] : differing) {
-        const auto object = object_of_.find(path);
+        const auto object = inode_of_.find(path);
         const std::vector<std::string> names =
-            object == object_of_.end() ? std::vector{path} : names_of_.at(object->second);
-        if (std::none_of(names.begin(), names.end(), is_told)) missing.push_back(path);
+            object == inode_of_.end() ? std::vector{path} : names_of_.at(object->second);
+        if (std::none_of(names.begin(), names.end(), has_alarm)) missing.push_back(path);
     }
     return missing;
 }

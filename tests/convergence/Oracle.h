@@ -12,40 +12,39 @@
 
 namespace test {
 
-/// Where a tree differs from its backup copy, by path relative to the site ("" is the site, others
-/// begin with "/"), in words.
+/// Descriptions of the objects that differ from their backup copy. The key is the path relative to
+/// the site: "" is the site itself, all others begin with "/".
 using Differences = std::map<std::string, std::string>;
 
-/// Judges a site by its backup copy as it was before the storm. One thread.
+/// Compares a site with its backup copy as it was before the storm. Not thread-safe.
 class Oracle {
   public:
     explicit Oracle(const TestSite& site);
 
-    /// Those that count. What the policy excludes and what the module ignores by design, names that
-    /// end in ".", is left out.
-    Differences Find(const Demo::TreeState& now) const;
-    Differences FindInSite() const { return Find(Demo::TakeState(site_.Site())); }
+    /// Omits what the policy excludes and what the module ignores by design: names that end in "."
+    /// and everything below them.
+    Differences FindDifferences() const;
 
-    /// How the backup copy or the bystander has changed since; empty: not at all.
-    std::string ChangeBeside() const;
+    /// The first change of the backup copy or of the link target directory; empty: no change.
+    std::string ChangeOutsideSite() const;
 
-    /// Those of `differing` of which neither themselves nor a directory above them has an alarm; of
-    /// a file with several names the alarm of one tells: time and mode go back for all at once.
+    /// The paths of `differing` that have no alarm. An alarm for a directory above counts, and so
+    /// does an alarm for another hard link: a restore resets time and mode for all links at once.
     std::vector<std::string> WithoutAlarm(const Differences& differing,
                                           const std::set<std::string>& alarms) const;
 
-    /// Objects of the copy, and those of them that are left out, the excluded ones apart.
-    std::size_t Objects() const { return copy_.size(); }
-    std::size_t LeftOut() const { return left_out_; }
+    std::size_t ObjectCount() const { return copy_.size(); }
+    /// The objects of the copy that FindDifferences omits.
+    std::size_t ExcludedCount() const { return excluded_count_; }
 
   private:
-    bool IsLeftOut(const std::string& path) const;
+    static bool IsExcluded(const std::string& path);
 
     const TestSite& site_;
     Demo::TreeState copy_;
-    Demo::TreeState bystander_;
-    std::size_t left_out_ = 0;
-    std::map<std::string, ino_t> object_of_;  ///< of names that share one with others
+    Demo::TreeState link_target_;
+    std::size_t excluded_count_ = 0;
+    std::map<std::string, ino_t> inode_of_;  ///< of paths with more than one hard link
     std::map<ino_t, std::vector<std::string>> names_of_;
 };
 

@@ -23,10 +23,10 @@ using namespace std::chrono_literals;
 
 constexpr auto kDeadline = 60s;
 constexpr auto kAlarmDeadline = 5s;
-constexpr std::size_t kMaxLeftOutShare = 5;  // at most a fifth
+constexpr std::size_t kMinObjectsPerExcluded = 5;
 constexpr const char* kModeNames[] = {"restore", "monitor", "overflow", "slow"};
 
-std::string Shown(const std::string& path) {
+std::string Escaped(const std::string& path) {
     std::ostringstream text;
     for (const char c : path) {
         const auto byte = static_cast<unsigned char>(c);
@@ -35,10 +35,9 @@ std::string Shown(const std::string& path) {
     return text.str();
 }
 
-/// An rsync that takes longer.
-void MakeSlow(Json::Value& policy, const TempDir& scratch) {
+void UseSlowRsync(Json::Value& policy, const TempDir& scratch) {
     const std::string script =
-        // The library is for rsync, and the shell does not hand it on.
+        // The agent preloads the library; the shell does not pass LD_PRELOAD on.
         scratch.Write("slow",
                       "#!/bin/sh\nsleep 0.1\n"
                       "LD_PRELOAD=${0%/*}/../lib/librsync_preload.so exec /usr/bin/rsync \"$@\"\n");
@@ -76,12 +75,13 @@ bool StormRun::Run() {
     if (!Protect()) return false;
     MutateAll();
     const auto end = Clock::now();
-    if (mode_ != Mode::kMonitor) AwaitAgreement();
+    if (mode_ != Mode::kMonitor) AwaitConvergence();
     AwaitAlarms();
-    settled_after_ = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - end);
-    const std::string change = oracle_->ChangeBeside();
-    if (!change.empty()) Fault("changed: " + Shown(change));
-    if (oracle_->LeftOut() * kMaxLeftOutShare > oracle_->Objects()) Fault("too much is left out");
+    settle_time_ = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - end);
+    const std::string change = oracle_->ChangeOutsideSite();
+    if (!change.empty()) AddFault("changed outside the site: " + Escaped(change));
+    if (oracle_->ExcludedCount() * kMinObjectsPerExcluded > oracle_->ObjectCount())
+        AddFault("more than a fifth of the objects is excluded");
     return faults_.empty();
 }
 
@@ -89,49 +89,51 @@ bool StormRun::Protect() {
     Json::Value policy = ProtectionPolicy(
         {{site_.Site(), site_.Backup(), true, {std::string(TestSite::kExcluded)}}});
     policy["content"]["monitor_only"] = mode_ == Mode::kMonitor;
-    if (mode_ == Mode::kSlow) MakeSlow(policy, scratch_);
+    if (mode_ == Mode::kSlow) UseSlowRsync(policy, scratch_);
     std::string error;
     if (agent_.Apply(policy) != 0 || !feed_.Start(error) ||
         !WaitFor([&] { return agent_.IsProtecting(); }, Scaled(kDeadline))) {
-        Fault("the site could not be protected: " + error);
+        AddFault("the site is not protected: " + error);
         return false;
     }
     oracle_.emplace(site_);
-    const Differences early = oracle_->FindInSite();
-    if (!early.empty()) Fault("differs before the storm: " + Shown(early.begin()->first));
+    const Differences early = oracle_->FindDifferences();
+    if (!early.empty())
+        AddFault("the site differs before the storm: " + Escaped(early.begin()->first));
     return early.empty();
 }
 
 void StormRun::MutateAll() {
     Random random(seed_);
     const int bursts = 1 + static_cast<int>(random() % 4);
-    const bool stalled = mode_ == Mode::kOverflow;
-    const std::uint64_t overflows = stalled ? Counter("overflows") : 0;
-    if (stalled) {
+    const bool is_stopped = mode_ == Mode::kOverflow;
+    const std::uint64_t overflows = is_stopped ? Counter("overflows") : 0;
+    if (is_stopped) {
         agent_.Signal(SIGSTOP);
         ::waitpid(agent_.Pid(), nullptr, WUNTRACED);
-        TreeMutator(site_, seed_).Flood();
+        TreeMutator(site_, seed_).OverflowQueue();
     }
     for (int burst = 0; burst < bursts; ++burst) {
-        Burst(random(), 1 + static_cast<int>(random() % 4), steps_ / bursts);
-        if (!stalled && Once(random, 2)) WaitForQuiet();
+        RunMutators(random(), 1 + static_cast<int>(random() % 4), steps_ / bursts);
+        if (!is_stopped && OneIn(random, 2)) WaitForQuiet();
     }
-    const Differences at_end = oracle_->FindInSite();
-    if (stalled) {
-        // What came and went meanwhile nobody can know.
-        differed_ = at_end;
+    const Differences left_over = oracle_->FindDifferences();
+    if (is_stopped) {
+        // The dropped events leave only the final state to compare.
+        differed_ = left_over;
         agent_.Signal(SIGCONT);
-        if (!WaitForQuiet() || Counter("overflows") == overflows) Fault("nothing has overflowed");
+        if (!WaitForQuiet() || Counter("overflows") == overflows)
+            AddFault("the event queue did not overflow");
     }
 }
 
-void StormRun::Burst(std::uint64_t seed, int mutators, int steps) {
+void StormRun::RunMutators(std::uint64_t seed, int mutators, int steps) {
     std::vector<pid_t> running;
-    for (int mutator = 0; mutator < mutators; ++mutator) {
+    for (int number = 0; number < mutators; ++number) {
         const pid_t child = ::fork();
         if (child == 0) {
-            TreeMutator at_work(site_, seed + static_cast<std::uint64_t>(mutator));
-            for (int step = 0; step < steps / mutators; ++step) at_work.Act();
+            TreeMutator mutator(site_, seed + static_cast<std::uint64_t>(number));
+            for (int step = 0; step < steps / mutators; ++step) mutator.RunRandomOperation();
             ::_exit(0);
         }
         if (child > 0) running.push_back(child);
@@ -143,7 +145,7 @@ void StormRun::Burst(std::uint64_t seed, int mutators, int steps) {
 }
 
 void StormRun::Sample() {
-    Differences now = oracle_->FindInSite();
+    Differences now = oracle_->FindDifferences();
     for (const auto& [path, words] : now) {
         const auto before = last_sample_.find(path);
         if (before != last_sample_.end() && before->second == words) differed_.insert(*before);
@@ -151,64 +153,62 @@ void StormRun::Sample() {
     last_sample_ = std::move(now);
 }
 
-/// Waits until the agent has caught up; false when it has not in time.
+/// Waits until the agent has processed all events so far; false on a time-out.
 bool StormRun::WaitForQuiet() {
     const std::string cookie = site_.Site() + "/cookie" + std::to_string(cookies_++);
     std::ofstream(cookie) << "x";
-    const auto answered = [&] {
+    const auto is_processed = [&] {
         return FetchAlarms() && alarms_.count(cookie) > 0 &&
                (mode_ == Mode::kMonitor || !fs::exists(cookie));
     };
-    if (WaitFor(answered, Scaled(kDeadline))) return true;
-    Fault("no answer to " + cookie);
+    if (WaitFor(is_processed, Scaled(kDeadline))) return true;
+    AddFault("the agent did not process " + cookie);
     return false;
 }
 
-/// Until the site is as its copy, and nothing is restored any more.
-void StormRun::AwaitAgreement() {
-    Differences left;
-    const bool agrees = WaitFor(
-        [&] {
-            Sample();
-            left = last_sample_;
-            return left.empty();
-        },
-        Scaled(kDeadline));
+/// Waits until the site equals its copy and the agent has stopped restoring.
+void StormRun::AwaitConvergence() {
+    const auto agrees_now = [&] {
+        Sample();
+        return last_sample_.empty();
+    };
+    const bool agrees = WaitFor(agrees_now, Scaled(kDeadline));
     std::uint64_t restores = 0;
-    const bool rests = agrees && WaitFor(
-                                     [&] {
-                                         const std::uint64_t before = restores;
-                                         restores = Counter("restores_done");
-                                         return before == restores || !WaitForQuiet();
-                                     },
-                                     Scaled(kDeadline));
-    if (rests) left = oracle_->FindInSite();
-    if (agrees && !rests) Fault("goes on restoring");
-    for (const auto& [path, words] : left) Fault("differs: " + Shown(path) + ": " + Shown(words));
+    const auto has_no_new_restore = [&] {
+        const std::uint64_t before = restores;
+        restores = Counter("restores_done");
+        return before == restores || !WaitForQuiet();
+    };
+    const bool is_idle = agrees && WaitFor(has_no_new_restore, Scaled(kDeadline));
+    const Differences left = is_idle ? oracle_->FindDifferences() : last_sample_;
+    if (agrees && !is_idle) AddFault("the agent does not stop restoring");
+    for (const auto& [path, words] : left)
+        AddFault("differs: " + Escaped(path) + ": " + Escaped(words));
 }
 
 void StormRun::AwaitAlarms() {
-    if (mode_ == Mode::kMonitor && WaitForQuiet()) differed_.merge(oracle_->FindInSite());
+    if (mode_ == Mode::kMonitor && WaitForQuiet()) differed_.merge(oracle_->FindDifferences());
     std::vector<std::string> missing;
-    const auto told = [&] {
+    const auto complete = [&] {
         missing = oracle_->WithoutAlarm(differed_, alarms_);
         return missing.empty() || !FetchAlarms();
     };
-    WaitFor(told, Scaled(kAlarmDeadline));
+    WaitFor(complete, Scaled(kAlarmDeadline));
     for (const std::string& path : missing) {
-        Fault("no alarm: " + Shown(path) + ": " + Shown(differed_[path]));
+        AddFault("no alarm: " + Escaped(path) + ": " + Escaped(differed_[path]));
     }
 }
 
 bool StormRun::FetchAlarms() {
     std::string error;
+    std::size_t known = 0;
     do {
-        alarms_seen_ = feed_.Alarms().size();
+        known = feed_.Alarms().size();
         if (!feed_.Fetch(0ms, error)) return false;
-        for (std::size_t at = alarms_seen_; at < feed_.Alarms().size(); ++at) {
+        for (std::size_t at = known; at < feed_.Alarms().size(); ++at) {
             alarms_.insert(feed_.Alarms()[at].path);
         }
-    } while (feed_.Alarms().size() > alarms_seen_);
+    } while (feed_.Alarms().size() > known);
     return true;
 }
 
@@ -219,10 +219,10 @@ std::uint64_t StormRun::Counter(const std::string& name) const {
 std::string StormRun::Report(std::size_t faults) const {
     std::ostringstream text;
     text << "seed " << seed_ << " " << kModeNames[static_cast<int>(mode_)] << ": "
-         << (faults_.empty() ? "ok" : "FAILED") << ", " << differed_.size() << " differed, "
-         << alarms_.size() << " alarms, left out " << (oracle_ ? oracle_->LeftOut() : 0) << " of "
-         << (oracle_ ? oracle_->Objects() : 0) << ", settled after " << settled_after_.count()
-         << " ms";
+         << (faults_.empty() ? "ok" : "FAILED") << ", " << differed_.size() << " paths differed, "
+         << alarms_.size() << " alarms, excluded " << (oracle_ ? oracle_->ExcludedCount() : 0)
+         << " of " << (oracle_ ? oracle_->ObjectCount() : 0) << ", settled in "
+         << settle_time_.count() << " ms";
     for (std::size_t at = 0; at < faults_.size() && at < faults; ++at) {
         text << "\n    " << faults_[at];
     }

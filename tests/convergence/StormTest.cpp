@@ -6,10 +6,10 @@ namespace test {
 
 using Mode = StormRun::Mode;
 
-/// A few fixed seeds; scripts/storm.sh runs as many as one likes.
+/// Fixed seeds; scripts/storm.sh runs any number of others.
 class Storm : public testing::TestWithParam<std::pair<Mode, std::uint64_t>> {};
 
-TEST_P(Storm, WhenItEnds_TheSiteIsAsItsCopyAndEveryDifferenceWasTold) {
+TEST_P(Storm, WhenItEnds_SiteEqualsItsCopyAndEveryDifferenceHasAnAlarm) {
     AgentProcess agent;
     StormRun::Prepare(agent);
     ASSERT_TRUE(agent.Start());

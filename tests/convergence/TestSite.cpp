@@ -62,11 +62,11 @@ const std::array<const char*, 40> kOddNames = {
 
 TestSite::TestSite(std::uint64_t seed) {
     Random random(seed);
-    for (const std::string& path : {Site(), Outside(), Bystander(), Backup()}) {
+    for (const std::string& path : {Site(), Outside(), LinkTarget(), Backup()}) {
         fs::create_directory(path);
     }
-    dir_.Write("bystander/only/here", "nobody's business");
-    dir_.Write("bystander/page", "nobody's business either");
+    dir_.Write("link-target/only/here", "unchanged");
+    dir_.Write("link-target/page", "unchanged too");
     directories_ = {""};
     while (directories_.size() < kDirectories) {
         const std::string& parent = OneOf(directories_, random);
@@ -80,7 +80,7 @@ TestSite::TestSite(std::uint64_t seed) {
     for (int file = 0; file < kFiles; ++file) {
         const std::string& parent = OneOf(directories_, random);
         const std::string name =
-            Once(random, 8) ? Name(random) : "f" + std::to_string(file) + ".html";
+            OneIn(random, 8) ? Name(random) : "f" + std::to_string(file) + ".html";
         AddObject((parent.empty() ? "" : parent + "/") + name, random);
     }
 }
@@ -92,7 +92,7 @@ void TestSite::AddObject(const std::string& path, Random& random) {
     if (kind == 0) {
         ::mkfifo(full.c_str(), 0640);
     } else if (kind < 3 && !files_.empty()) {
-        fs::create_symlink(Once(random, 2) ? Site() + "/" + OneOf(files_, random) : "nowhere",
+        fs::create_symlink(OneIn(random, 2) ? Site() + "/" + OneOf(files_, random) : "nowhere",
                            full);
     } else if (kind == 3 && !files_.empty()) {
         std::error_code ignored;
@@ -104,13 +104,13 @@ void TestSite::AddObject(const std::string& path, Random& random) {
 }
 
 std::string TestSite::Name(Random& random) {
-    if (Once(random, 3)) return OneOf(kOddNames, random);
-    if (Once(random, 40)) return std::string(255, 'l');
+    if (OneIn(random, 3)) return OneOf(kOddNames, random);
+    if (OneIn(random, 40)) return std::string(255, 'l');
     return "n" + std::to_string(random() % 30);
 }
 
 std::string TestSite::Content(Random& random) {
-    const std::size_t size = random() % (Once(random, 30) ? 200000 : 3000);
+    const std::size_t size = random() % (OneIn(random, 30) ? 200000 : 3000);
     std::string content;
     while (content.size() < size) content += "line " + std::to_string(random()) + "\n";
     content.resize(size);

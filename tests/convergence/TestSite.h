@@ -10,8 +10,8 @@ namespace test {
 
 using Random = std::mt19937_64;
 
-/// True once in `chance` times.
-inline bool Once(Random& random, unsigned int chance) {
+/// True with a probability of one in `chance`.
+inline bool OneIn(Random& random, unsigned int chance) {
     return random() % chance == 0;
 }
 
@@ -20,9 +20,9 @@ const auto& OneOf(const Container& all, Random& random) {
     return all[random() % all.size()];
 }
 
-/// What a storm is let loose on: a site to protect and its backup folder, a place beside it that
-/// things are moved to and from, and a bystander that planted links lead to and nobody may touch.
-/// The site is built from the seed. All of it goes with the object.
+/// The directories of one storm: the protected site, its backup folder, a directory outside the
+/// site for moves, and a directory that symbolic links lead to and that must not change. The seed
+/// decides the site's content. The destructor removes everything.
 class TestSite {
   public:
     static constexpr char kExcluded[] = "uploads";  ///< a directory of the site
@@ -31,16 +31,16 @@ class TestSite {
 
     std::string Site() const { return dir_.Path("site"); }
     std::string Outside() const { return dir_.Path("outside"); }
-    std::string Bystander() const { return dir_.Path("bystander"); }
+    std::string LinkTarget() const { return dir_.Path("link-target"); }
     std::string Backup() const { return dir_.Path("backup"); }
-    /// Where the backup copy of the site is.
+    /// The backup copy of the site.
     std::string Copy() const { return Backup() + Site(); }
 
-    /// Relative to the site, as they were at first.
+    /// The initial objects, relative to the site.
     const std::vector<std::string>& Files() const { return files_; }
     const std::vector<std::string>& Directories() const { return directories_; }
 
-    /// A name out of a few, plain ones and odd ones alike; none holds a "/".
+    /// A plain or an odd name out of a small set; none contains a "/".
     static std::string Name(Random& random);
     static std::string Content(Random& random);
 

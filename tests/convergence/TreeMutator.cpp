@@ -18,14 +18,14 @@ namespace {
 
 using SDK::FileDescriptor;
 
-constexpr uid_t kMutator = 33;
-// Neither the site's own modes nor the present time, which may be that of the copy to the second:
-// of a change that the mutator takes back before it is judged nobody can tell.
+constexpr uid_t kMutatorUser = 33;
+// These differ from the site's own modes and times. The oracle cannot see a change that a mutator
+// reverts before the agent compares.
 constexpr std::array<mode_t, 8> kModes = {0, 0600, 0640, 0700, 0777, 04755, 02750, 01777};
 constexpr std::array<std::time_t, 2> kTimes = {1000000000, 2000000000};
 constexpr int kFileFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-/// The directory `path` below `root`; not open where a link is on the way.
+/// The directory `path` below `root`; not open when a symbolic link is on the path.
 FileDescriptor OpenBeneath(const std::string& root, const std::string& path) {
     const FileDescriptor top(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     open_how how{};
@@ -39,7 +39,7 @@ void WriteAll(const FileDescriptor& file, const std::string& content) {
     if (file.IsOpen()) (void)!::write(file.Get(), content.data(), content.size());
 }
 
-/// chmod that follows no link.
+/// chmod without following symbolic links.
 void SetMode(int directory, const std::string& name, mode_t mode) {
     const FileDescriptor object(::openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     ::chmod(("/proc/self/fd/" + std::to_string(object.Get())).c_str(), mode);
@@ -48,40 +48,41 @@ void SetMode(int directory, const std::string& name, mode_t mode) {
 }  // namespace
 
 TreeMutator::TreeMutator(const TestSite& site, std::uint64_t seed)
-    : site_(site), random_(seed), name_("a" + std::to_string(seed)) {}
+    : site_(site), random_(seed), prefix_("a" + std::to_string(seed)) {}
 
-TreeMutator::Spot TreeMutator::InSite(const std::string& path) const {
+TreeMutator::Entry TreeMutator::EntryInSite(const std::string& path) const {
     const std::size_t slash = path.rfind('/');
     const bool at_top = slash == std::string::npos;
-    Spot spot;
-    spot.name = at_top ? path : path.substr(slash + 1);
-    spot.is_heard = spot.name.back() != '.' && path.find(TestSite::kExcluded) == std::string::npos;
-    spot.parent = OpenBeneath(site_.Site(), at_top ? "" : path.substr(0, slash));
-    return spot;
+    Entry entry;
+    entry.name = at_top ? path : path.substr(slash + 1);
+    entry.is_monitored =
+        entry.name.back() != '.' && path.find(TestSite::kExcluded) == std::string::npos;
+    entry.parent = OpenBeneath(site_.Site(), at_top ? "" : path.substr(0, slash));
+    return entry;
 }
 
-TreeMutator::Spot TreeMutator::Known() {
-    return InSite(OneOf(site_.Files(), random_));
+TreeMutator::Entry TreeMutator::InitialFile() {
+    return EntryInSite(OneOf(site_.Files(), random_));
 }
 
-TreeMutator::Spot TreeMutator::KnownDirectory() {
-    return InSite(site_.Directories()[1 + random_() % (site_.Directories().size() - 1)]);
+TreeMutator::Entry TreeMutator::InitialDirectory() {
+    return EntryInSite(site_.Directories()[1 + random_() % (site_.Directories().size() - 1)]);
 }
 
-TreeMutator::Spot TreeMutator::Any() {
-    if (Once(random_, 2)) return Known();
+TreeMutator::Entry TreeMutator::InitialOrNew() {
+    if (OneIn(random_, 2)) return InitialFile();
     const std::string& directory = OneOf(site_.Directories(), random_);
-    return InSite((directory.empty() ? "" : directory + "/") + TestSite::Name(random_));
+    return EntryInSite((directory.empty() ? "" : directory + "/") + TestSite::Name(random_));
 }
 
-TreeMutator::Spot TreeMutator::Beside() {
-    Spot spot;
-    spot.parent = OpenBeneath(site_.Outside(), "");
-    spot.name = name_ + "-" + std::to_string(made_++);
-    return spot;
+TreeMutator::Entry TreeMutator::NewOutside() {
+    Entry entry;
+    entry.parent = OpenBeneath(site_.Outside(), "");
+    entry.name = prefix_ + "-" + std::to_string(outside_count_++);
+    return entry;
 }
 
-void TreeMutator::Act() {
+void TreeMutator::RunRandomOperation() {
     using Operation = void (TreeMutator::*)();
     static constexpr std::array<Operation, 20> operations = {
         &TreeMutator::ChangeContent,
@@ -100,19 +101,19 @@ void TreeMutator::Act() {
         &TreeMutator::Move,
         &TreeMutator::MoveOut,
         &TreeMutator::MoveIn,
-        &TreeMutator::Link,
-        &TreeMutator::PlantLink,
-        &TreeMutator::ChangeKind,
-        &TreeMutator::PlantTree,
+        &TreeMutator::CreateHardLink,
+        &TreeMutator::CreateSymlink,
+        &TreeMutator::ReplaceByOtherType,
+        &TreeMutator::CreateTree,
     };
     (this->*OneOf(operations, random_))();
 }
 
-void TreeMutator::Flood() const {
+void TreeMutator::OverflowQueue() const {
     unsigned long limit = 0;
     std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
-    const Spot site = InSite("flood");
-    // Two of the same in succession would count as one.
+    const Entry site = EntryInSite("flood");
+    // The kernel merges two identical consecutive events.
     for (unsigned long event = 0; event < limit + 100; ++event) {
         const std::string name = site.name + std::to_string(event % 2);
         const FileDescriptor file(
@@ -122,128 +123,132 @@ void TreeMutator::Flood() const {
 }
 
 void TreeMutator::ChangeContent() {
-    const Spot spot = Any();
+    const Entry entry = InitialOrNew();
     static constexpr std::array<int, 4> ways = {O_CREAT | O_TRUNC, O_CREAT | O_EXCL, O_APPEND, 0};
     const int way = OneOf(ways, random_);
     const std::string content = TestSite::Content(random_);
-    if (!spot.is_heard) ::unlinkat(spot.parent.Get(), spot.name.c_str(), 0);
+    if (!entry.is_monitored) ::unlinkat(entry.parent.Get(), entry.name.c_str(), 0);
     const FileDescriptor file(
-        ::openat(spot.parent.Get(), spot.name.c_str(), kFileFlags | way, 0644));
-    if (way == 0 && Once(random_, 2)) {
+        ::openat(entry.parent.Get(), entry.name.c_str(), kFileFlags | way, 0644));
+    if (way == 0 && OneIn(random_, 2)) {
         (void)!::ftruncate(file.Get(), static_cast<off_t>(content.size()));
         return;
     }
     WriteAll(file, content);
-    if (Once(random_, 8)) WriteAll(file, content);
+    if (OneIn(random_, 8)) WriteAll(file, content);
 }
 
 void TreeMutator::ChangeKeepingSizeAndTime() {
-    const Spot spot = Known();
-    const FileDescriptor file(::openat(spot.parent.Get(), spot.name.c_str(), kFileFlags));
+    const Entry entry = InitialFile();
+    const FileDescriptor file(::openat(entry.parent.Get(), entry.name.c_str(), kFileFlags));
     struct stat before {};
-    if (!spot.is_heard || ::fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode)) return;
+    if (!entry.is_monitored || ::fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode))
+        return;
     std::string content = TestSite::Content(random_);
     content.resize(static_cast<std::size_t>(before.st_size), 'x');
     WriteAll(file, content);
     const struct timespec times[2] = {before.st_atim, before.st_mtim};
-    if (!Once(random_, 4)) ::futimens(file.Get(), times);
+    if (!OneIn(random_, 4)) ::futimens(file.Get(), times);
 }
 
 void TreeMutator::ChangeAttributes() {
-    const Spot spot = Once(random_, 3) ? KnownDirectory() : Known();
+    const Entry entry = OneIn(random_, 3) ? InitialDirectory() : InitialFile();
     const mode_t mode = OneOf(kModes, random_);
-    if (!spot.is_heard) return;
+    if (!entry.is_monitored) return;
     const auto what = random_() % 4;
     if (what == 0) {
-        SetMode(spot.parent.Get(), spot.name, mode);
+        SetMode(entry.parent.Get(), entry.name, mode);
     } else if (what == 1) {
-        ::fchownat(spot.parent.Get(), spot.name.c_str(), kMutator, kMutator, AT_SYMLINK_NOFOLLOW);
+        ::fchownat(entry.parent.Get(), entry.name.c_str(), kMutatorUser, kMutatorUser,
+                   AT_SYMLINK_NOFOLLOW);
     } else {
         const struct timespec times[2] = {{0, UTIME_OMIT}, {kTimes.at(what - 2), 0}};
-        ::utimensat(spot.parent.Get(), spot.name.c_str(), times, AT_SYMLINK_NOFOLLOW);
+        ::utimensat(entry.parent.Get(), entry.name.c_str(), times, AT_SYMLINK_NOFOLLOW);
     }
 }
 
 void TreeMutator::Remove() {
-    if (Once(random_, 8)) {
+    if (OneIn(random_, 8)) {
         SDK::DirUtils::DeleteBeneath(
             site_.Site(), site_.Directories()[1 + random_() % (site_.Directories().size() - 1)]);
         return;
     }
-    const Spot spot = Any();
-    ::unlinkat(spot.parent.Get(), spot.name.c_str(), 0);
+    const Entry entry = InitialOrNew();
+    ::unlinkat(entry.parent.Get(), entry.name.c_str(), 0);
 }
 
-void TreeMutator::Rename(const Spot& from, const Spot& to) {
+void TreeMutator::Rename(const Entry& from, const Entry& to) {
     ::renameat(from.parent.Get(), from.name.c_str(), to.parent.Get(), to.name.c_str());
 }
 
-void TreeMutator::Exchange(const Spot& one, const Spot& other) {
+void TreeMutator::Exchange(const Entry& one, const Entry& other) {
     ::renameat2(one.parent.Get(), one.name.c_str(), other.parent.Get(), other.name.c_str(),
                 RENAME_EXCHANGE);
 }
 
 void TreeMutator::Move() {
-    const Spot from = Once(random_, 5) ? KnownDirectory() : Known();
-    const Spot to = Once(random_, 5) ? KnownDirectory() : Any();
-    Once(random_, 4) ? Exchange(from, to) : Rename(from, to);
+    const Entry from = OneIn(random_, 5) ? InitialDirectory() : InitialFile();
+    const Entry to = OneIn(random_, 5) ? InitialDirectory() : InitialOrNew();
+    OneIn(random_, 4) ? Exchange(from, to) : Rename(from, to);
 }
 
 void TreeMutator::MoveOut() {
-    Rename(Once(random_, 5) ? KnownDirectory() : Known(), Beside());
+    Rename(OneIn(random_, 5) ? InitialDirectory() : InitialFile(), NewOutside());
 }
 
 void TreeMutator::MoveIn() {
-    Spot from = Beside();
-    if (made_ > 1 && Once(random_, 2)) {
-        from.name = name_ + "-" + std::to_string(random_() % static_cast<unsigned int>(made_ - 1));
+    Entry from = NewOutside();
+    if (outside_count_ > 1 && OneIn(random_, 2)) {
+        from.name = prefix_ + "-" +
+                    std::to_string(random_() % static_cast<unsigned int>(outside_count_ - 1));
     } else {
         WriteAll(FileDescriptor(::openat(from.parent.Get(), from.name.c_str(),
                                          kFileFlags | O_CREAT | O_EXCL, 0644)),
                  TestSite::Content(random_));
     }
-    Rename(from, Any());
+    Rename(from, InitialOrNew());
 }
 
-void TreeMutator::Link() {
-    const Spot from = Known();
-    const Spot to = Any();
-    if (!from.is_heard || !to.is_heard) return;
+void TreeMutator::CreateHardLink() {
+    const Entry from = InitialFile();
+    const Entry to = InitialOrNew();
+    if (!from.is_monitored || !to.is_monitored) return;
     ::linkat(from.parent.Get(), from.name.c_str(), to.parent.Get(), to.name.c_str(), 0);
 }
 
-void TreeMutator::PlantLink() {
+void TreeMutator::CreateSymlink() {
     const std::array<std::string, 6> targets = {
-        site_.Bystander(), site_.Bystander() + "/page",
-        site_.Site(),      site_.Site() + "/" + OneOf(site_.Files(), random_),
-        "nowhere",         "."};
-    // It belongs to another user from the moment at which it stands in the site.
-    const Spot link = Beside();
+        site_.LinkTarget(), site_.LinkTarget() + "/page",
+        site_.Site(),       site_.Site() + "/" + OneOf(site_.Files(), random_),
+        "nowhere",          "."};
+    // Another user owns the link before it appears in the site.
+    const Entry link = NewOutside();
     ::symlinkat(OneOf(targets, random_).c_str(), link.parent.Get(), link.name.c_str());
-    ::fchownat(link.parent.Get(), link.name.c_str(), kMutator, kMutator, AT_SYMLINK_NOFOLLOW);
-    const Spot place = Once(random_, 2) ? KnownDirectory() : Any();
+    ::fchownat(link.parent.Get(), link.name.c_str(), kMutatorUser, kMutatorUser,
+               AT_SYMLINK_NOFOLLOW);
+    const Entry place = OneIn(random_, 2) ? InitialDirectory() : InitialOrNew();
     Exchange(link, place);
     Rename(link, place);
 }
 
-void TreeMutator::ChangeKind() {
-    const Spot spot = Once(random_, 2) ? KnownDirectory() : Known();
-    Rename(spot, Beside());
+void TreeMutator::ReplaceByOtherType() {
+    const Entry entry = OneIn(random_, 2) ? InitialDirectory() : InitialFile();
+    Rename(entry, NewOutside());
     switch (random_() % 3) {
         case 0:
-            BuildTree(spot);
+            BuildTree(entry);
             break;
         case 1:
-            ::mkfifoat(spot.parent.Get(), spot.name.c_str(), 0666);
+            ::mkfifoat(entry.parent.Get(), entry.name.c_str(), 0666);
             break;
         default:
-            WriteAll(FileDescriptor(::openat(spot.parent.Get(), spot.name.c_str(),
+            WriteAll(FileDescriptor(::openat(entry.parent.Get(), entry.name.c_str(),
                                              kFileFlags | O_CREAT | O_EXCL, 0666)),
                      TestSite::Content(random_));
     }
 }
 
-void TreeMutator::BuildTree(const Spot& top) {
+void TreeMutator::BuildTree(const Entry& top) {
     ::mkdirat(top.parent.Get(), top.name.c_str(), 0755);
     FileDescriptor directory(::openat(top.parent.Get(), top.name.c_str(),
                                       O_PATH | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC));
@@ -261,13 +266,13 @@ void TreeMutator::BuildTree(const Spot& top) {
     }
 }
 
-void TreeMutator::PlantTree() {
-    Spot place = Any();
-    if (Once(random_, 2)) {
+void TreeMutator::CreateTree() {
+    Entry place = InitialOrNew();
+    if (OneIn(random_, 2)) {
         BuildTree(place);
         return;
     }
-    const Spot built = Beside();
+    const Entry built = NewOutside();
     BuildTree(built);
     Rename(built, place);
 }

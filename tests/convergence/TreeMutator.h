@@ -9,37 +9,33 @@
 
 namespace test {
 
-/// Does at random what can be done to a site. What it does follows from the seed alone; what comes
-/// of it depends on who else is at work. It never goes through a link, so nothing but the site and
-/// the place beside it is changed. Nothing that it does is heard from the outside only: a file that
-/// has left the site, or gone where changes are not looked at, is not written to there, since
-/// another name of it may have stayed. One process.
+/// Applies random operations to a site and to the directory outside it. The seed alone decides the
+/// operations; their results depend on the concurrent processes. No operation follows a symbolic
+/// link. A file outside the site or in an excluded directory is never written to: it may have
+/// another hard link in the site, for which the kernel would send no event. Not thread-safe.
 class TreeMutator {
   public:
     TreeMutator(const TestSite& site, std::uint64_t seed);
 
-    /// One operation, which may fail.
-    void Act();
+    /// The operation may fail.
+    void RunRandomOperation();
 
-    /// More changes at once than the kernel keeps for a reader that does not read.
-    void Flood() const;
+    /// Makes more changes than the kernel queues for a reader that does not read.
+    void OverflowQueue() const;
 
   private:
-    /// A name in an open directory; nothing happens to one whose directory is not there.
-    struct Spot {
+    /// A name in an open directory. Operations fail when the directory does not exist.
+    struct Entry {
         SDK::FileDescriptor parent;
         std::string name;
-        bool is_heard = true;  ///< a change there is one that the agent has to see
+        bool is_monitored = true;  ///< the agent must see a change here
     };
 
-    Spot InSite(const std::string& path) const;
-    /// One that was there at first.
-    Spot Known();
-    Spot KnownDirectory();
-    /// Perhaps a new one.
-    Spot Any();
-    /// A new name beside the site.
-    Spot Beside();
+    Entry EntryInSite(const std::string& path) const;
+    Entry InitialFile();
+    Entry InitialDirectory();
+    Entry InitialOrNew();
+    Entry NewOutside();
 
     void ChangeContent();
     void ChangeKeepingSizeAndTime();
@@ -48,18 +44,18 @@ class TreeMutator {
     void Move();
     void MoveOut();
     void MoveIn();
-    void Link();
-    void PlantLink();
-    void ChangeKind();
-    void BuildTree(const Spot& top);
-    void PlantTree();
-    static void Exchange(const Spot& one, const Spot& other);
-    static void Rename(const Spot& from, const Spot& to);
+    void CreateHardLink();
+    void CreateSymlink();
+    void ReplaceByOtherType();
+    void BuildTree(const Entry& top);
+    void CreateTree();
+    static void Exchange(const Entry& one, const Entry& other);
+    static void Rename(const Entry& from, const Entry& to);
 
     const TestSite& site_;
     Random random_;
-    std::string name_;  ///< no other mutator's
-    int made_ = 0;
+    std::string prefix_;  ///< unique among the mutators
+    int outside_count_ = 0;
 };
 
 }  // namespace test

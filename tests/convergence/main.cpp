@@ -1,4 +1,4 @@
-// Storm after storm over one agent, a line each.
+// Runs storms one after another with one agent; prints one line for each.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
@@ -12,8 +12,8 @@ namespace {
 namespace fs = std::filesystem;
 using test::StormRun;
 
-/// What is needed to find out what went wrong.
-void Keep(const test::AgentProcess& agent, const StormRun& run, const std::string& folder) {
+/// Keeps the agent's log and the full report.
+void KeepLogs(const test::AgentProcess& agent, const StormRun& run, const std::string& folder) {
     std::error_code ignored;
     fs::create_directories(folder, ignored);
     fs::copy(agent.Path("log"), folder, fs::copy_options::recursive, ignored);
@@ -36,15 +36,17 @@ int main(int argc, char** argv) {
     std::string mode = "all";
     std::string folder = "storm";
     CLI::App app(
-        "Lets random storms loose on sites that an agent protects, and checks that each "
-        "site is as its backup copy again and that every difference was told.");
-    app.add_option("--seeds", seeds, "How many storms")->capture_default_str();
-    app.add_option("--first", first, "The seed of the first; the others follow (default: any)");
-    app.add_option("--steps", steps, "Operations a storm")->capture_default_str();
-    app.add_option("--mode", mode, "What the agent does")
+        "Applies storms of random changes to sites that an agent protects, and checks that each "
+        "site equals its backup copy again and that every difference has an alarm.");
+    app.add_option("--seeds", seeds, "Number of storms")->capture_default_str();
+    app.add_option("--first", first,
+                   "Seed of the first storm; each next one adds 1 (default: random)");
+    app.add_option("--steps", steps, "Operations per storm")->capture_default_str();
+    app.add_option("--mode", mode, "Mode of the agent")
         ->check(CLI::IsMember({"all", "restore", "monitor", "overflow", "slow"}))
         ->capture_default_str();
-    app.add_option("--keep", folder, "Where logs of failures go")->capture_default_str();
+    app.add_option("--keep", folder, "Directory for the logs of failed storms")
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
     test::AgentProcess agent;
@@ -54,10 +56,10 @@ int main(int argc, char** argv) {
     std::uint64_t failed = 0;
     for (std::uint64_t seed = first; seed < first + seeds; ++seed) {
         StormRun run(agent, seed, ModeFor(mode, seed), steps);
-        const bool kept = run.Run();
+        const bool passed = run.Run();
         std::puts(run.Report().c_str());
-        if (!kept) Keep(agent, run, folder + "/" + std::to_string(seed));
-        failed += kept ? 0 : 1;
+        if (!passed) KeepLogs(agent, run, folder + "/" + std::to_string(seed));
+        failed += passed ? 0 : 1;
         std::fflush(stdout);
     }
     std::printf("%lu of %lu failed\n", failed, seeds);

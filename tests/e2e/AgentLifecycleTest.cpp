@@ -22,7 +22,7 @@ class AgentLifecycle : public testing::Test {
     test::AgentProcess agent_;
 };
 
-TEST_F(AgentLifecycle, SignalToStop_EndsItInOrder) {
+TEST_F(AgentLifecycle, StopSignal_EndsTheAgentWithExitCodeZero) {
     ASSERT_TRUE(agent_.Start());
     EXPECT_EQ(agent_.Stop(), 0);
     EXPECT_FALSE(std::filesystem::exists(agent_.Path("run/agent.sock")));
@@ -32,8 +32,8 @@ TEST_F(AgentLifecycle, SignalToStop_EndsItInOrder) {
     EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST_F(AgentLifecycle, SudoThatNeverReturns_DoesNotKeepItFromStopping) {
-    // Found before the machine's; notes the agent, which is the parent of its shell.
+TEST_F(AgentLifecycle, SudoThatNeverReturns_DoesNotPreventTheStop) {
+    // Comes first in PATH. Writes the agent's process id, the parent of its shell.
     const test::TempDir dir;
     const std::string pid_file = dir.Path("agent");
     dir.Write("bin/sudo",
@@ -41,9 +41,9 @@ TEST_F(AgentLifecycle, SudoThatNeverReturns_DoesNotKeepItFromStopping) {
               "echo $parent >\"" +
                   pid_file + "\"\nexec sleep 600\n");
     ::chmod(dir.Path("bin/sudo").c_str(), 0755);
-    agent_.RunBehind(
+    agent_.RunThrough(
         {"/bin/sh", "-c", "mount --bind \"$0\" /usr/local/sbin && exec \"$@\"", dir.Path("bin")});
-    const auto stop_when_held = [&] {
+    const auto stop_when_blocked = [&] {
         const auto pid = [&] { return std::atoi(test::TempDir::Read(pid_file).c_str()); };
         EXPECT_TRUE(test::WaitFor([&] { return pid() > 0; }, 20s));
         EXPECT_TRUE(pid() > 0 && ::kill(pid(), SIGTERM) == 0);
@@ -58,14 +58,14 @@ TEST_F(AgentLifecycle, SudoThatNeverReturns_DoesNotKeepItFromStopping) {
     auto applied = std::async(std::launch::async, [&] {
         return agent_.Apply(test::ProtectionPolicy({{site.Path(), backup.Path()}}));
     });
-    auto signalled = stop_when_held();
+    auto signalled = stop_when_blocked();
     EXPECT_EQ(agent_.Stop(), 0);
     expect_soon(signalled);
-    EXPECT_EQ(applied.get(), 0) << "the policy itself was taken";
+    EXPECT_EQ(applied.get(), 0) << "the policy was not accepted";
 
     std::filesystem::remove(pid_file);
     auto started = std::async(std::launch::async, [&] { return agent_.RunAgent({}); });
-    signalled = stop_when_held();
+    signalled = stop_when_blocked();
     EXPECT_EQ(started.get().exit_code, 0);
     expect_soon(signalled);
 }
@@ -73,15 +73,15 @@ TEST_F(AgentLifecycle, SudoThatNeverReturns_DoesNotKeepItFromStopping) {
 TEST_F(AgentLifecycle, SecondInstance_IsRefusedWithTheFirstOnesProcess) {
     ASSERT_TRUE(agent_.Start());
     for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{}, std::vector<std::string>{"--daemon"}}) {
+         std::vector<std::vector<std::string>>{{}, {"--daemon"}}) {
         const CommandResult second = agent_.RunAgent(arguments);
         EXPECT_EQ(second.exit_code, 2);
         EXPECT_TRUE(Mentions(second.err, std::to_string(agent_.Pid()))) << second.err;
     }
-    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 0) << "the first one is not disturbed";
+    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 0) << "the first agent was disturbed";
 }
 
-TEST_F(AgentLifecycle, NoAgent_IsSaidByEveryCommand) {
+TEST_F(AgentLifecycle, NoAgent_IsReportedByEveryCommand) {
     for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
              {"status"}, {"alarms", "--follow"}, {"policy", "apply", "sentrel_feature", "-"}}) {
         const CommandResult result = agent_.Ctl(command, "{}");
@@ -127,22 +127,22 @@ TEST_F(AgentLifecycle, Daemon_ReturnsWhenItIsReady) {
     ::kill(daemon, SIGKILL);
 }
 
-TEST_F(AgentLifecycle, StartThatFails_SaysWhyInTheForegroundAndAsADaemon) {
+TEST_F(AgentLifecycle, StartThatFails_ReportsTheReasonInTheForegroundAndAsADaemon) {
     const test::TempDir dir;
     const std::string broken = dir.Write("broken.json", "{\"modules\": 7}");
-    for (const std::string& config : {broken, dir.Path("missing.json")}) {
-        for (const std::vector<std::string>& mode :
-             {std::vector<std::string>{}, std::vector<std::string>{"--daemon"}}) {
-            std::vector<std::string> arguments{"--config", config};
-            arguments.insert(arguments.end(), mode.begin(), mode.end());
-            const CommandResult result = agent_.RunAgent(arguments);
-            EXPECT_EQ(result.exit_code, 1);
-            EXPECT_TRUE(Mentions(result.err, config)) << result.err;
-        }
+    const std::string missing = dir.Path("missing.json");
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{"--config", broken},
+                                               {"--config", missing},
+                                               {"--config", broken, "--daemon"},
+                                               {"--config", missing, "--daemon"}}) {
+        const CommandResult result = agent_.RunAgent(arguments);
+        EXPECT_EQ(result.exit_code, 1);
+        EXPECT_TRUE(Mentions(result.err, arguments[1])) << result.err;
     }
 }
 
-TEST_F(AgentLifecycle, Status_HasWhatItPromises) {
+TEST_F(AgentLifecycle, Status_HasAllDocumentedMembers) {
     ASSERT_TRUE(agent_.Start());
     const Json::Value status = agent_.Status();
     EXPECT_EQ(status["pid"], agent_.Pid());

@@ -16,7 +16,7 @@ class PolicyPush : public test::ProtectedSite {
     }
 };
 
-TEST_F(PolicyPush, ExitCodes_TellOnOffAndRejectedAndACheckChangesNothing) {
+TEST_F(PolicyPush, ExitCodes_DistinguishOnOffAndRejectedAndACheckChangesNothing) {
     ASSERT_TRUE(agent_.Start());
     Json::Value policy = SitePolicy();
     const std::string good = site_.Write("good.json", SDK::JsonUtils::JsonToString(policy));
@@ -39,7 +39,7 @@ TEST_F(PolicyPush, ExitCodes_TellOnOffAndRejectedAndACheckChangesNothing) {
     EXPECT_EQ(agent_.Ctl({"policy", "apply", "../../x", "-"}, "{}").exit_code, 4);
 }
 
-TEST_F(PolicyPush, BadPolicies_AreRefusedAndTheLastGoodOneStaysInForce) {
+TEST_F(PolicyPush, BadPolicies_AreRejectedAndTheLastGoodOneStaysInForce) {
     Protect();
     Json::Value wrong_type = SitePolicy();
     wrong_type["content"]["dirlist"][0]["filepath"] = 7;
@@ -78,7 +78,7 @@ TEST_F(PolicyPush, BackupFolderOfAnotherUser_IsNotUsedNorRestoredFromAfterAResta
     EXPECT_TRUE(TamperingIsUndone("index.html"));
 }
 
-TEST_F(PolicyPush, PolicyWithoutAList_KeepsThePathsOverARestart) {
+TEST_F(PolicyPush, PolicyWithoutAPathList_KeepsThePathsAfterARestart) {
     Protect();
     Json::Value policy = SitePolicy();
     policy["content"].removeMember("dirlist");
@@ -91,7 +91,7 @@ TEST_F(PolicyPush, PolicyWithoutAList_KeepsThePathsOverARestart) {
     EXPECT_TRUE(TamperingIsUndone("index.html"));
 }
 
-TEST_F(PolicyPush, Schedule_OutlastsItsPolicyUntilARestartWhichKeepsThePolicy) {
+TEST_F(PolicyPush, Schedule_StaysAfterItsPolicyUntilARestart) {
     ASSERT_TRUE(agent_.Start());
     Json::Value policy = SitePolicy();
     const Json::Value without = policy;
@@ -117,7 +117,7 @@ TEST_F(PolicyPush, Schedule_OutlastsItsPolicyUntilARestartWhichKeepsThePolicy) {
 
 TEST_F(PolicyPush, PolicyDuringALongFirstBackup_TakesEffectWithinTenSeconds) {
     ASSERT_TRUE(agent_.Start());
-    // Stands in for a backup of hours: the first copy never ends, later ones are rsync's.
+    // The first backup never ends, as one of hours; rsync makes the later ones.
     const std::string begun = backup_.Path("begun");
     const std::string endless = site_.Write(
         "rsync", "#!/bin/sh\ncase \"$1\" in --version) exec /usr/bin/rsync \"$@\";; esac\n[ -e " +

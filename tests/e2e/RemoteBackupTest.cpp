@@ -8,8 +8,8 @@ using namespace std::chrono_literals;
 using test::TempDir;
 using test::TwoHosts;
 
-/// Two agents on two hosts: one is the backup server, the other protects a site and pushes its
-/// backup copies to the first.
+/// Two agents on two hosts: one protects a site and pushes its backup copies to the other, the
+/// backup server.
 class RemoteBackup : public test::ProtectedSite {
   protected:
     static constexpr int kPort = 8730;
@@ -21,13 +21,13 @@ class RemoteBackup : public test::ProtectedSite {
         ASSERT_TRUE(hosts_.AreUp());
         server_.RunIn(hosts_.server);
         agent_.RunIn(hosts_.client);
-        // Failed pushes are tried again sooner than the product would.
+        // A short period retries failed pushes sooner.
         for (const test::AgentProcess* agent : {&server_, &agent_}) {
             std::ofstream(agent->Path("conf/agent.json")) << R"({"task_period_ms": 500})";
         }
     }
 
-    /// The hosts cannot end before the processes that the test has started in them.
+    /// The processes in the hosts must end before the hosts.
     void TearDown() override {
         server_.Kill();
         agent_.Kill();
@@ -56,7 +56,7 @@ class RemoteBackup : public test::ProtectedSite {
         return agent_.Apply(policy);
     }
 
-    /// The other host protects its site; the push need not succeed.
+    /// Protects the site of the client host. The push may fail.
     void StartClient(const std::string& password = kPassword) {
         ASSERT_TRUE(agent_.Start());
         ASSERT_EQ(SetPassword(agent_, "client", password), 0);
@@ -65,9 +65,9 @@ class RemoteBackup : public test::ProtectedSite {
     }
 
     std::string PidFile() const { return server_.Path("bin/morvane_rsyncd.pid"); }
-    /// The process id as the server counts; 0: none.
+    /// The process id in the server's namespace; 0: none.
     int DaemonPid() const { return std::atoi(TempDir::Read(PidFile()).c_str()); }
-    /// It has its pid file and takes connections.
+    /// The daemon has its pid file and accepts connections.
     bool DaemonRuns() const {
         return IsAlive(DaemonPid()) &&
                hosts_.server.Run("rsync --port " + std::to_string(kPort) + " " +
@@ -82,32 +82,34 @@ class RemoteBackup : public test::ProtectedSite {
         return agent_.Status()["protected_paths"][0]["last_failure"].asString();
     }
 
-    /// What the operator sees when pushes fail because of `fault`: the copy stays pending, the
-    /// status says why, the log says which, and the site is protected all the same.
+    /// Failed pushes: the copy stays pending, the status has the reason `fault`, the log names the
+    /// path, and the site stays protected.
     void ExpectFailure(const std::string& fault) const {
         EXPECT_TRUE(Await([&] { return LastFailure().find(fault) != std::string::npos; }))
             << LastFailure();
         EXPECT_EQ(LastFailure().find("remote backup: "), 0U) << LastFailure();
         EXPECT_TRUE(IsPending());
-        const std::string said = "Backup (" + backup_.Path() + site_.Path() + "/) to remote faild.";
+        const std::string record =
+            "Backup (" + backup_.Path() + site_.Path() + "/) to remote faild.";
         EXPECT_TRUE(Await([&] {
-            return TempDir::Read(agent_.Path("log/agent.log")).find(said) != std::string::npos;
+            return TempDir::Read(agent_.Path("log/agent.log")).find(record) != std::string::npos;
         }));
         EXPECT_TRUE(TamperingIsUndone("news.html"));
     }
 
-    /// The copy of the site's copy, its full path kept below the agent's id.
+    /// The pushed copy of `name`: its full path below the agent's id.
     std::string Received(const std::string& name) const {
         return received_.Path("here/") + agent_.Status()["agent_id"].asString() + backup_.Path() +
                site_.Path(name);
     }
 
-    /// The push is done, by itself, and the whole site is there.
+    /// Waits until a retry has pushed the whole site.
     void ExpectCaughtUp() const {
         EXPECT_TRUE(Await([&] { return !IsPending(); })) << LastFailure();
         EXPECT_GT(agent_.Status()["protected_paths"][0]["last_remote_backup"].asInt64(), 0);
         for (const char* name : {"index.html", "about.html", "news.html", "img/logo.svg"}) {
-            EXPECT_EQ(TempDir::Read(hosts_.server.Seen(Received(name))), Good(name)) << name;
+            EXPECT_EQ(TempDir::Read(hosts_.server.PathFromOutside(Received(name))), Good(name))
+                << name;
         }
     }
 
@@ -116,11 +118,11 @@ class RemoteBackup : public test::ProtectedSite {
     TwoHosts hosts_;
 };
 
-TEST_F(RemoteBackup, Copy_ArrivesBelowTheAgentsId) {
+TEST_F(RemoteBackup, Copy_ArrivesBelowTheAgentId) {
     StartServer();
     StartClient();
     ExpectCaughtUp();
-    // An update of the site follows with the next policy.
+    // The next policy pushes an update of the site.
     Json::Value off = SitePolicy();
     off["enabled"] = false;
     EXPECT_EQ(agent_.Apply(off), 3);
@@ -128,7 +130,7 @@ TEST_F(RemoteBackup, Copy_ArrivesBelowTheAgentsId) {
     ASSERT_EQ(PushPolicy(), 0);
     ExpectCaughtUp();
     EXPECT_EQ(TempDir::Read(Received("update.html")), Good("update.html"));
-    // As the documentation says how to fetch it back.
+    // The documented command fetches the copy.
     const TempDir fetched;
     EXPECT_EQ(hosts_.client.Run(
                   agent_.Path("bin/rsync") + " -aHX --password-file=" +
@@ -144,7 +146,7 @@ TEST_F(RemoteBackup, Copy_ArrivesBelowTheAgentsId) {
     EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST_F(RemoteBackup, WrongPassword_IsTold_AndTheRightOneIsEnough) {
+TEST_F(RemoteBackup, WrongPassword_IsReportedAndTheRightOneIsUsedAtOnce) {
     StartServer();
     StartClient("wrong");
     ExpectFailure("auth failed");
@@ -153,21 +155,21 @@ TEST_F(RemoteBackup, WrongPassword_IsTold_AndTheRightOneIsEnough) {
     ExpectCaughtUp();
 }
 
-TEST_F(RemoteBackup, DeadServer_IsTold_AndOneThatComesBackIsUsed) {
+TEST_F(RemoteBackup, StoppedServer_IsReportedAndUsedWhenItIsBack) {
     StartServer();
     ASSERT_EQ(server_.Stop(), 0);
     StartClient();
     ExpectFailure("Connection refused");
     ASSERT_TRUE(server_.Start());
     ExpectCaughtUp();
-    ASSERT_TRUE(hosts_.SetCable(false));
+    ASSERT_TRUE(hosts_.SetLinkUp(false));
     ASSERT_EQ(PushPolicy(), 0);
     ExpectFailure("No route to host");
-    ASSERT_TRUE(hosts_.SetCable(true));
+    ASSERT_TRUE(hosts_.SetLinkUp(true));
     ExpectCaughtUp();
 }
 
-TEST_F(RemoteBackup, ServerThatFallsSilent_IsGivenUp_AndUsedWhenItSpeaksAgain) {
+TEST_F(RemoteBackup, ServerThatDoesNotAnswer_TimesOutAndIsUsedWhenItAnswers) {
     for (const char* home : {"conf/home/.popt", "conf/home/sha1/.popt"}) {
         const std::string options = agent_.Path(home);
         std::string text = TempDir::Read(options);
@@ -183,7 +185,7 @@ TEST_F(RemoteBackup, ServerThatFallsSilent_IsGivenUp_AndUsedWhenItSpeaksAgain) {
     ExpectCaughtUp();
 }
 
-TEST_F(RemoteBackup, FullDiskOnTheServer_IsTold_AndSpaceIsEnough) {
+TEST_F(RemoteBackup, FullDiskOnTheServer_IsReportedAndThePushSucceedsWithSpace) {
     const std::string large(1 << 20, 'x');
     site_.Write("large.html", large);
     const std::string disk = received_.Path("here");
@@ -194,10 +196,10 @@ TEST_F(RemoteBackup, FullDiskOnTheServer_IsTold_AndSpaceIsEnough) {
     ExpectFailure("No space left on device");
     ASSERT_EQ(hosts_.server.Run("mount -o remount,size=16m " + disk), 0);
     ExpectCaughtUp();
-    EXPECT_EQ(TempDir::Read(hosts_.server.Seen(Received("large.html"))), large);
+    EXPECT_EQ(TempDir::Read(hosts_.server.PathFromOutside(Received("large.html"))), large);
 }
 
-TEST_F(RemoteBackup, ServerAgentThatIsKilled_ReplacesTheDaemonItLeft) {
+TEST_F(RemoteBackup, KilledServerAgent_ReplacesTheRemainingDaemon) {
     StartServer();
     const int left = DaemonPid();
     server_.Kill();
@@ -209,10 +211,10 @@ TEST_F(RemoteBackup, ServerAgentThatIsKilled_ReplacesTheDaemonItLeft) {
     ExpectCaughtUp();
 }
 
-TEST_F(RemoteBackup, StalePidFile_NeverKillsAnotherProcess) {
+TEST_F(RemoteBackup, StalePidFile_DoesNotKillAnotherProcess) {
     StartServer();
     ASSERT_EQ(server_.Stop(), 0);
-    // As after a restart of the machine: the number belongs to someone else now.
+    // As after a reboot: another process has this id now.
     ASSERT_EQ(hosts_.server.Run("sleep infinity >/dev/null 2>&1 & echo $! >" + PidFile()), 0);
     const int other = DaemonPid();
     ASSERT_TRUE(server_.Start());

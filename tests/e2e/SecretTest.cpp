@@ -19,8 +19,8 @@ const std::string kPassword = " #s3c\"r\\et: \xc3\xa4 ";
 
 class Secret : public testing::Test {
   protected:
-    /// With a log of everything.
-    void StartTalkative() {
+    /// With the log level "trace".
+    void StartWithFullLog() {
         const std::string file = agent_.Path("conf/agent.json");
         std::string text = TempDir::Read(file);
         const std::string level = "\"information\"";
@@ -41,7 +41,7 @@ class Secret : public testing::Test {
             },
             test::Scaled(20s));
     }
-    /// Names of the files of the installation that hold `text`, the secrets aside.
+    /// The installation files, except the secrets, that contain `text`.
     std::string FilesWith(const std::string& text) const {
         std::string found;
         for (const auto& entry : fs::recursive_directory_iterator(agent_.Path())) {
@@ -55,8 +55,8 @@ class Secret : public testing::Test {
     test::AgentProcess agent_;
 };
 
-TEST_F(Secret, FirstLineOfStandardInput_IsStoredAndToldNowhere) {
-    StartTalkative();
+TEST_F(Secret, FirstLineOfStandardInput_IsStoredAndAppearsNowhereElse) {
+    StartWithFullLog();
     CommandResult result = agent_.Ctl({"secret", "set", "server"}, kPassword + "\nmore\n");
     EXPECT_EQ(result.exit_code, 0) << result.err;
     EXPECT_EQ(Stored("server"), "morvane_agent:" + kPassword);
@@ -64,7 +64,7 @@ TEST_F(Secret, FirstLineOfStandardInput_IsStoredAndToldNowhere) {
     EXPECT_EQ(result.exit_code, 0) << result.err;
     EXPECT_EQ(Stored("client"), kPassword);
     EXPECT_EQ((result.out + result.err).find("s3c"), std::string::npos);
-    // A request that fails is told neither.
+    // The log must not contain a failed request either.
     agent_.Ctl({"tasklet", "sentrel_getpasswd_10002"}, "{\"passwd\":\"s3c\"");
     agent_.Ctl({"tasklet", "no_such_tasklet"}, "{\"passwd\":\"s3c\"}");
     EXPECT_EQ(agent_.Stop(), 0);
@@ -74,7 +74,7 @@ TEST_F(Secret, FirstLineOfStandardInput_IsStoredAndToldNowhere) {
     EXPECT_EQ(FilesWith("s3c"), "");
 }
 
-TEST_F(Secret, PasswordThatRsyncCannotTake_LeavesTheOldOne) {
+TEST_F(Secret, PasswordThatRsyncCannotUse_IsRejected) {
     ASSERT_TRUE(agent_.Start());
     ASSERT_EQ(agent_.Ctl({"secret", "set", "client"}, "old\n").exit_code, 0);
     for (const std::string& bad :
@@ -97,7 +97,7 @@ TEST_F(Secret, PasswordThatRsyncCannotTake_LeavesTheOldOne) {
     EXPECT_EQ(agent_.Ctl({"secret", "set", "client"}, "x").exit_code, 5);
 }
 
-TEST_F(Secret, Terminal_ShowsNothingAndAsksTwice) {
+TEST_F(Secret, Terminal_DoesNotEchoAndAsksTwice) {
     ASSERT_TRUE(agent_.Start());
     PseudoTerminal terminal(Command("client"));
     ASSERT_TRUE(Prompted(terminal, "Password of the backup client: ")) << terminal.Shown();
@@ -124,7 +124,7 @@ TEST_F(Secret, Terminal_ShowsNothingAndAsksTwice) {
     EXPECT_EQ(Stored("client"), "s3cret");
 }
 
-TEST_F(Secret, SignalAtThePrompt_LeavesTheTerminalAsItWas) {
+TEST_F(Secret, SignalAtThePrompt_RestoresTheTerminal) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) {
         PseudoTerminal terminal(Command("server"));
         ASSERT_TRUE(Prompted(terminal, "Password of the backup server: "));

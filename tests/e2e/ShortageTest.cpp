@@ -4,19 +4,21 @@
 
 namespace {
 
-/// An agent in a user namespace of its own, which has its own limit of inotify watches. That of the
-/// machine stays as it is.
-class Shortage : public test::ProtectedSite {
+/// An agent in a user namespace with a limit of inotify watches of its own.
+class WatchShortage : public test::ProtectedSite {
   protected:
     static constexpr int kDirectories = 12;
     static constexpr int kTooFew = 8;
 
-    Shortage() {
+    WatchShortage() {
         for (int at = 0; at < kDirectories; ++at) site_.Write(Page(at), Good(Page(at)));
+    }
+    void SetUp() override {
+        if (!IsAllowed()) GTEST_SKIP() << "user namespaces are not permitted";
     }
     static std::string Page(int at) { return "part" + std::to_string(at) + "/page.html"; }
 
-    /// A shell script that takes the new limit as its first argument and goes on as the rest.
+    /// A shell script that sets its first argument as the limit and executes the other arguments.
     static std::string SetLimit() {
         return "echo \"$1\" >/proc/sys/user/max_inotify_watches && shift && exec \"$@\"";
     }
@@ -29,7 +31,7 @@ class Shortage : public test::ProtectedSite {
     static std::vector<std::string> Limited(int limit) {
         return {"-U", "-r", "/bin/sh", "-c", SetLimit(), "sh", std::to_string(limit)};
     }
-    /// True when namespaces with limits of their own can be made here.
+    /// True when the kernel permits namespaces with limits of their own.
     static bool IsAllowed() {
         std::vector<std::string> trial = Limited(kTooFew);
         trial.emplace_back("/bin/true");
@@ -38,9 +40,9 @@ class Shortage : public test::ProtectedSite {
     void LimitAgent(int limit) {
         std::vector<std::string> command = Limited(limit);
         command.insert(command.begin(), "/usr/bin/unshare");
-        agent_.RunBehind(command);
+        agent_.RunThrough(command);
     }
-    /// For the agent that runs; should its namespace not be there, nothing is set.
+    /// Raises the limit of the running agent.
     bool RaiseLimit() const {
         return Run("/usr/bin/nsenter", {"-U", "-t", std::to_string(agent_.Pid()), "/bin/sh", "-c",
                                         SetLimit(), "sh", "100000", "/bin/true"}) == 0;
@@ -52,6 +54,9 @@ class Shortage : public test::ProtectedSite {
                    !status["backup"]["local_pending"].asBool();
         });
     }
+    void ExpectAllProtected() const {
+        for (int at = 0; at < kDirectories; ++at) EXPECT_TRUE(TamperingIsUndone(Page(at))) << at;
+    }
     bool IsLogged(const std::string& text) const {
         return test::TempDir::Read(agent_.Path("log/agent.log")).find(text) != std::string::npos;
     }
@@ -60,8 +65,7 @@ class Shortage : public test::ProtectedSite {
     }
 };
 
-TEST_F(Shortage, DirectoriesWithoutAWatch_AreToldAndProtectedWhenThereIsOne) {
-    if (!IsAllowed()) GTEST_SKIP() << "user namespaces are not allowed here";
+TEST_F(WatchShortage, DirectoriesWithoutAWatch_AreReportedAndProtectedAfterTheLimitIsRaised) {
     LimitAgent(kTooFew);
     ASSERT_TRUE(agent_.Start());
     ASSERT_EQ(agent_.Apply(SitePolicy()), 0);
@@ -77,7 +81,7 @@ TEST_F(Shortage, DirectoriesWithoutAWatch_AreToldAndProtectedWhenThereIsOne) {
     EXPECT_TRUE(IsLogged("(raise fs.inotify.max_user_watches)"));
     EXPECT_TRUE(TamperingIsUndone("index.html"));
 
-    // Nobody tells of this one.
+    // Without a watch there is no event for these changes.
     std::ofstream(lost + "/page.html") << "defaced meanwhile";
     site_.Write(Relative(lost) + "/shell.php", "evil");
     ASSERT_TRUE(RaiseLimit());
@@ -87,12 +91,11 @@ TEST_F(Shortage, DirectoriesWithoutAWatch_AreToldAndProtectedWhenThereIsOne) {
         return test::TempDir::Read(site_.Path(lost_page)) == Good(lost_page) &&
                !std::filesystem::exists(lost + "/shell.php");
     }));
-    for (int at = 0; at < kDirectories; ++at) EXPECT_TRUE(TamperingIsUndone(Page(at))) << at;
+    ExpectAllProtected();
     EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST_F(Shortage, ExcludedDirectoriesInTheThousands_ThePagesAreProtectedAllTheSame) {
-    if (!IsAllowed()) GTEST_SKIP() << "user namespaces are not allowed here";
+TEST_F(WatchShortage, ThousandsOfExcludedDirectories_LeaveWatchesForThePages) {
     constexpr int kUploads = 2000;
     for (int at = 0; at < kUploads; ++at) {
         std::filesystem::create_directories(
@@ -107,11 +110,11 @@ TEST_F(Shortage, ExcludedDirectoriesInTheThousands_ThePagesAreProtectedAllTheSam
     ASSERT_TRUE(AwaitState("ready")) << agent_.Status();
     ASSERT_TRUE(
         Await([&] { return agent_.Status()["filenotify"]["excluded_unwatched"].asInt() > 0; }));
-    for (int at = 0; at < kDirectories; ++at) EXPECT_TRUE(TamperingIsUndone(Page(at))) << at;
+    ExpectAllProtected();
     EXPECT_EQ(agent_.Stop(), 0);
     ASSERT_TRUE(agent_.Start());
     ASSERT_TRUE(AwaitState("ready")) << agent_.Status();
-    for (int at = 0; at < kDirectories; ++at) EXPECT_TRUE(TamperingIsUndone(Page(at))) << at;
+    ExpectAllProtected();
     EXPECT_EQ(agent_.Status()["filenotify"]["unwatched_directories"].asInt(), 0);
     EXPECT_EQ(agent_.Stop(), 0);
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# demo.sh DEMO STAGE WORK DEADLINE_MS: the demo (--demo or --demo-remote) must pass, and leave the
-# machine as it found it.
+# demo.sh DEMO STAGE WORK DEADLINE_MS: the demo (--demo or --demo-remote) must pass and must not change the
+# machine.
 set -euo pipefail
 
 demo=$1 stage=$2 work=$3 deadline_ms=$4
@@ -15,7 +15,7 @@ before=$(machine)
 "$scripts/quickstart.sh" "$demo" --stage "$stage" --work "$work" --deadline-ms "$deadline_ms"
 
 if [[ $(machine) != "$before" ]]; then
-    echo "the machine's settings, mounts or network are not as they were" >&2
+    echo "the machine's settings, mounts or network have changed" >&2
     exit 1
 fi
 if left=$(pgrep --full --list-full -- "^$work/"); then

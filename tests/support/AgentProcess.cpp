@@ -29,10 +29,10 @@ constexpr int kCannotIsolate = 121;
 constexpr int kCannotExecute = 122;
 constexpr auto kStartDeadline = 20s;
 constexpr auto kStopDeadline = 30s;
-constexpr char kReadyWord[] = "morvane_agent runs";
+constexpr char kReadyText[] = "morvane_agent runs";
 constexpr char kRsync[] = "/usr/bin/rsync";
 
-/// Programs and libraries as links where possible; what an agent may write is copied.
+/// Links programs and libraries where possible; copies what an agent may write.
 void CopyStage(const std::string& to) {
     for (const char* folder : {"bin", "lib", "module"}) {
         fs::create_directories(to + "/" + folder);
@@ -53,7 +53,7 @@ bool Redirect(const std::string& file, int flags, int fd) {
     return opened >= 0 && ::dup2(opened, fd) == fd;
 }
 
-/// The exit code once it has ended; -1 after a signal. Kills it when the time is up.
+/// The exit code; -1 after a signal. Kills the process after the deadline.
 int Reap(pid_t pid, std::chrono::milliseconds deadline) {
     int status = 0;
     if (!WaitFor([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, Scaled(deadline))) {
@@ -130,7 +130,7 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
     const std::string stand_in = scratch_.Path("stand_in");
     const std::string queue_limit = scratch_.Path("queue_limit");
     const std::string temporary = fs::temp_directory_path().string();
-    std::vector<std::string> words = isolate ? behind_ : std::vector<std::string>();
+    std::vector<std::string> words = isolate ? wrapper_ : std::vector<std::string>();
     words.push_back(program);
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -145,7 +145,7 @@ pid_t AgentProcess::Spawn(const std::string& program, const std::vector<std::str
         !Redirect(err, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO) ||
         (isolate && !in_host &&
          !(UnshareMounts() &&
-           ShieldMachine(stand_in.c_str(), queue_limit.c_str(), temporary.c_str())))) {
+           IsolateFiles(stand_in.c_str(), queue_limit.c_str(), temporary.c_str())))) {
         ::_exit(kCannotIsolate);
     }
     ::execv(argv[0], argv.data());
@@ -167,12 +167,12 @@ CommandResult AgentProcess::RunToEnd(const std::string& program,
 bool AgentProcess::Start() {
     const std::string name = "agent" + std::to_string(runs_++);
     pid_ = Spawn(Path("bin/morvane_agent"), {}, "", true, name);
-    const auto said = [&] { return TempDir::Read(scratch_.Path(name + ".out")); };
-    const bool told =
-        WaitFor([&] { return said().find(kReadyWord) != std::string::npos || !IsRunning(); },
+    const auto output = [&] { return TempDir::Read(scratch_.Path(name + ".out")); };
+    const bool has_answered =
+        WaitFor([&] { return output().find(kReadyText) != std::string::npos || !IsRunning(); },
                 Scaled(kStartDeadline));
-    if (told && IsRunning()) return true;
-    ADD_FAILURE() << "the agent did not start: " << said()
+    if (has_answered && IsRunning()) return true;
+    ADD_FAILURE() << "the agent did not start: " << output()
                   << TempDir::Read(scratch_.Path(name + ".err"));
     Kill();
     return false;

@@ -11,7 +11,7 @@
 
 namespace test {
 
-/// `time`, or as much longer as a build with sanitizers needs.
+/// `time`, extended in builds with sanitizers, which run slower.
 constexpr std::chrono::milliseconds Scaled(std::chrono::milliseconds time) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     return time * 4;
@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds Scaled(std::chrono::milliseconds time) {
 }
 
 struct CommandResult {
-    int exit_code = -1;  ///< -1: ended by a signal, or killed when its time was up
+    int exit_code = -1;  ///< -1: ended by a signal, or killed after the deadline
     std::string out;
     std::string err;
 };
@@ -36,19 +36,19 @@ struct ProtectedPath {
     std::vector<std::string> ignored_subdir = {};
 };
 
-/// A protection policy for those paths, with the distribution's rsync as the download.
+/// A protection policy for `paths` with the distribution's rsync as the download.
 Json::Value ProtectionPolicy(const std::vector<ProtectedPath>& paths);
 
-/// A policy for a backup server, with the distribution's rsync as the download.
+/// A backup server policy with the distribution's rsync as the download.
 Json::Value BackupServerPolicy(const std::string& address, int port, const std::string& path);
 
-/// Makes `policy` name another download.
+/// Sets the rsync download of `policy`.
 void SetRsync(Json::Value& policy, const std::string& url, const std::string& sha256);
 
-/// The built agent, in an installation of its own. Each process of the agent runs in a private
-/// mount namespace where the kernel's settings and /etc/sysctl.conf are stand-ins and everything
-/// outside the temporary directory is read-only, so that the machine stays as it is whatever the
-/// agent does; that takes root. Everything that was started ends with the object.
+/// The built agent in an installation of its own. Each agent process runs in a private mount
+/// namespace: stand-ins replace the kernel's settings and /etc/sysctl.conf, and everything outside
+/// the temporary directory is read-only, so that the agent cannot change the machine. Needs root.
+/// The destructor ends all processes.
 class AgentProcess {
   public:
     AgentProcess();
@@ -56,35 +56,33 @@ class AgentProcess {
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
 
-    /// Its processes are to run in `host`, which the caller keeps for as long; morvanectl is run
-    /// outside all the same.
+    /// Runs the agent, but not morvanectl, in `host`, which must outlive this object.
     void RunIn(const Host& host) { host_ = &host; }
 
-    /// Its processes are to be started by `command`, a program with arguments to which the agent's
-    /// own are added, and which becomes the agent (as env or unshare do).
-    void RunBehind(const std::vector<std::string>& command) { behind_ = command; }
+    /// Starts the agent through `command`, a program with arguments that executes the words after
+    /// them, as env and unshare do.
+    void RunThrough(const std::vector<std::string>& command) { wrapper_ = command; }
 
     /// The installation path without a trailing "/", or `name` below it.
     std::string Path() const { return installation_.Path(); }
     std::string Path(const std::string& name) const { return installation_.Path(name); }
 
-    /// Starts it and waits until it says that it is ready; false, and the failure recorded with
-    /// what it said, when it does not.
+    /// Starts the agent and waits until it reports ready. On failure returns false and records the
+    /// agent's output as a test failure.
     bool Start();
 
-    /// SIGTERM, and waits for the end; the exit code, -1 when it did not end in order.
+    /// Sends SIGTERM and waits. The exit code; -1 after a signal. Others than 0 fail the test.
     int Stop();
 
-    /// SIGKILL, and reaps it.
+    /// Sends SIGKILL and reaps the process.
     void Kill();
 
     bool IsRunning();
     pid_t Pid() const { return pid_; }
 
-    /// Sends a signal to the running agent.
     void Signal(int number) const;
 
-    /// Runs another process of the agent's program to its end, as a second start would.
+    /// Runs a second agent process to its end.
     CommandResult RunAgent(const std::vector<std::string>& arguments) const;
 
     /// Runs morvanectl of the installation.
@@ -94,17 +92,17 @@ class AgentProcess {
     /// `policy apply`; the exit code.
     int Apply(const Json::Value& policy, const std::string& feature = "sentrel_feature") const;
 
-    /// The status document; null when there is none.
+    /// The status document; null when the agent does not answer.
     Json::Value Status() const;
 
     /// Protection is on, the first backup is complete and every protected path is watched.
     bool IsProtecting() const;
 
-    /// The objects that `morvanectl <arguments>` prints one a line. A line that is no JSON is a
-    /// recorded failure.
+    /// The objects that `morvanectl <arguments>` prints, one per line. A line that is not JSON
+    /// fails the test.
     std::vector<Json::Value> JsonLines(const std::vector<std::string>& arguments) const;
 
-    /// True when an alarm of that action about `path` is stored.
+    /// True when the store has an alarm with that action for `path`.
     bool HasAlarm(const std::string& action, const std::string& path) const;
 
   private:
@@ -116,8 +114,8 @@ class AgentProcess {
 
     TempDir installation_;
     TempDir scratch_;             ///< stand-ins and captured output
-    const Host* host_ = nullptr;  ///< none: each process in mounts of its own
-    std::vector<std::string> behind_;
+    const Host* host_ = nullptr;  ///< null: a mount namespace per process
+    std::vector<std::string> wrapper_;
     mutable int runs_ = 0;
     pid_t pid_ = -1;
 };

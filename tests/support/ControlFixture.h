@@ -14,8 +14,8 @@
 
 namespace test {
 
-/// The control API in front of stand-ins: two features, one tasklet ("broken", which throws), and
-/// a report store.
+/// The control API with stand-ins for two features, one tasklet ("broken", which throws) and the
+/// report store.
 class ControlFixture : public testing::Test {
   protected:
     TempDir dir_;

@@ -8,10 +8,10 @@
 
 namespace test {
 
-/// Stands in for the framework and its modules: finds errors in a policy with the word "wrong", and
-/// places that are not safe in one with "unsafe" when it looks only for these, warns of one with
-/// "odd", lets one with "partial" take the last good one over, and applies by keyword: "on", "off"
-/// (also the default), "throws", "refused". Notes what was applied.
+/// Replaces the framework and its modules. Words in the policy text decide the results. Check: an
+/// error for "wrong" (for "unsafe" when only places are checked), a warning for "odd", no check for
+/// "uncheckable". Completed: "partial" appends the last good policy. Apply: "on", "off" (the
+/// default), "throws", "refused", "unhandled". Records what was applied.
 class FakePolicyHost : public Agent::PolicyHost {
   public:
     std::vector<std::string> features = {"feature_a", "feature_b"};

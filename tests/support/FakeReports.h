@@ -7,8 +7,7 @@
 
 namespace test {
 
-/// Stands in for the report store behind "reports.read": never waits itself, and counts how often
-/// it was asked.
+/// Replaces the report store behind the query "reports.read". Answers at once and counts requests.
 class FakeReports {
   public:
     explicit FakeReports(Framework::QueryRegistry& queries) : queries_(queries) {

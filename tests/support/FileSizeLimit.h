@@ -6,8 +6,8 @@
 
 namespace test {
 
-/// While it lives, no file of this process can grow beyond `bytes`: a write there fails, or is done
-/// in part, as on a full disk. Works for root too.
+/// During its lifetime no file of this process can grow beyond `bytes`: as on a full disk, writes
+/// fail or are partial. Also limits root.
 class FileSizeLimit {
   public:
     explicit FileSizeLimit(rlim_t bytes) {

@@ -10,7 +10,7 @@ bool UnshareMounts() {
            ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-bool ShieldMachine(const char* stand_in, const char* queue_limit, const char* temporary) {
+bool IsolateFiles(const char* stand_in, const char* queue_limit, const char* temporary) {
     for (const char* path : {"/etc/sysctl.conf", "/proc/sys/fs/inotify/max_user_watches"}) {
         if (::mount(stand_in, path, nullptr, MS_BIND, nullptr) != 0) return false;
     }

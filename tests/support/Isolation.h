@@ -4,13 +4,12 @@
 
 namespace test {
 
-/// Makes what the agent does to the kernel's settings go to the file `stand_in`, or `queue_limit`
-/// for the length of inotify's queues, and of the
-/// machine's files leaves it none to write but those below `temporary`. The caller lives in a mount
-/// namespace of its own. False with errno. Safe between fork and exec.
-bool ShieldMachine(const char* stand_in, const char* queue_limit, const char* temporary);
+/// Mounts `stand_in` over /etc/sysctl.conf and the watch limit and `queue_limit` over the queue
+/// limit, and makes everything outside `temporary` read-only. The caller must be in a mount
+/// namespace of its own. On failure returns false and sets errno. Safe between fork and exec.
+bool IsolateFiles(const char* stand_in, const char* queue_limit, const char* temporary);
 
-/// Gives the calling process a mount namespace of its own; false with errno.
+/// Moves the calling process to a new mount namespace. On failure returns false and sets errno.
 bool UnshareMounts();
 
 }  // namespace test

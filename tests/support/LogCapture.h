@@ -12,7 +12,7 @@
 
 namespace test {
 
-/// Sends the agent's log, at every level, to a file of its own while it lives, and looks into it.
+/// Writes the agent's log at all levels to a file of its own during its lifetime.
 class LogCapture {
   public:
     LogCapture() { Start(); }
@@ -20,7 +20,7 @@ class LogCapture {
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    /// The lines so far. What other threads log during the call is lost.
+    /// The lines so far. Records that other threads log during the call are lost.
     std::vector<std::string> Lines() const {
         SDK::LoggerUtils::GetInstance()->Shutdown();
         std::istringstream text(TempDir::Read(directory_.Path("agent.log")));
@@ -30,10 +30,10 @@ class LogCapture {
         return lines;
     }
 
-    /// All that has been written by now.
+    /// What the log writer has written so far.
     std::string Text() const { return TempDir::Read(directory_.Path("agent.log")); }
 
-    /// How many lines of that priority ("Error", "Information") contain `text`.
+    /// The number of lines of that priority ("Error", "Information") that contain `text`.
     long Count(const std::string& priority, const std::string& text) const {
         const std::vector<std::string> lines = Lines();
         return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {

@@ -13,7 +13,7 @@
 
 namespace test {
 
-/// A small site, its backup folder, and an agent to protect it.
+/// A small site, its backup folder and an agent to protect it.
 class ProtectedSite : public testing::Test {
   protected:
     static constexpr std::chrono::seconds kDeadline{20};
@@ -32,7 +32,7 @@ class ProtectedSite : public testing::Test {
         return WaitFor(condition, Scaled(kDeadline));
     }
 
-    /// The first backup is complete and every protected path is watched.
+    /// Waits until the first backup is complete and every path is watched.
     bool AwaitProtection() const {
         return Await([&] { return agent_.IsProtecting(); });
     }
@@ -44,7 +44,7 @@ class ProtectedSite : public testing::Test {
         ASSERT_TRUE(AwaitProtection()) << agent_.Status();
     }
 
-    /// Overwrites a page and waits until it is as it was.
+    /// Changes a page and waits for its restore.
     bool TamperingIsUndone(const std::string& name) const {
         std::ofstream(site_.Path(name), std::ios::app) << "defaced";
         return Await([&] { return TempDir::Read(site_.Path(name)) == Good(name); });

@@ -19,7 +19,7 @@
 
 namespace test {
 
-/// A program at a terminal of its own. Both go with the object.
+/// A program on a terminal of its own. The destructor ends both.
 class PseudoTerminal {
   public:
     explicit PseudoTerminal(std::vector<std::string> command) {
@@ -51,7 +51,7 @@ class PseudoTerminal {
         [[maybe_unused]] const ssize_t count = ::write(master_.Get(), text.data(), text.size());
     }
 
-    /// All that the terminal has shown by now.
+    /// The terminal output so far.
     const std::string& Shown() {
         pollfd ready{master_.Get(), POLLIN, 0};
         while (::poll(&ready, 1, 0) == 1 && (ready.revents & POLLIN) != 0) {
@@ -68,7 +68,7 @@ class PseudoTerminal {
         return ::tcgetattr(slave_.Get(), &mode) == 0 && (mode.c_lflag & ECHO) != 0;
     }
 
-    /// The wait status; -1 when it does not end in time.
+    /// The wait status; -1 after the deadline.
     int WaitForEnd(std::chrono::milliseconds deadline) {
         int status = -1;
         const auto ended = [&] {
@@ -82,7 +82,7 @@ class PseudoTerminal {
 
   private:
     SDK::FileDescriptor master_;
-    SDK::FileDescriptor slave_;  ///< kept open, so that the terminal outlives the program
+    SDK::FileDescriptor slave_;  ///< open, so that the terminal outlives the program
     std::string shown_;
     pid_t pid_ = -1;
 };

@@ -10,7 +10,7 @@
 
 namespace test {
 
-/// A client of a Unix socket that sends whatever bytes it likes.
+/// A client of a Unix socket that sends arbitrary bytes.
 class RawConnection {
   public:
     explicit RawConnection(const std::string& path)
@@ -22,7 +22,7 @@ class RawConnection {
         if (::connect(socket_.Get(), generic, sizeof(address)) != 0) socket_.Reset();
     }
 
-    /// False once the other side has closed.
+    /// False when the other side has closed.
     bool Send(const std::string& bytes) {
         std::size_t sent = 0;
         while (sent < bytes.size()) {
@@ -34,10 +34,10 @@ class RawConnection {
         return true;
     }
 
-    /// Says that nothing more will be sent.
+    /// Shuts the sending direction down.
     void Close() { ::shutdown(socket_.Get(), SHUT_WR); }
 
-    /// Everything until the other side closes.
+    /// Reads until the other side closes.
     std::string Receive() {
         std::string text;
         std::array<char, 4096> buffer;

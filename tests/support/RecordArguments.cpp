@@ -1,5 +1,5 @@
-// A stand-in program: appends its arguments, each with a NUL behind it and an empty line at the
-// end, to the file that is named as it is, with ".calls" behind.
+// A stand-in program: appends its arguments, each followed by a NUL, and a newline to the file
+// "<its own name>.calls".
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -19,7 +19,7 @@ struct SeenChange {
     std::string watch;
 };
 
-/// A task that keeps what the file-notify module delivers to it.
+/// A task that records what the file-notify module delivers to it.
 class RecordingReceiver : public Framework::Task, public Engine::AbstractMessageReceiver {
   public:
     explicit RecordingReceiver(const std::string& id, unsigned int capacity = 1024)
@@ -38,7 +38,7 @@ class RecordingReceiver : public Framework::Task, public Engine::AbstractMessage
                          msg->GetWatchFile()});
     }
 
-    /// While false, messages stay in the queue.
+    /// False: messages stay in the queue.
     void SetReading(bool reading) {
         reading_ = reading;
         Waiter().Wake();
@@ -54,7 +54,7 @@ class RecordingReceiver : public Framework::Task, public Engine::AbstractMessage
         seen_.clear();
     }
 
-    /// Registers or removes a watch as a task does; the watch id.
+    /// Registers or removes a watch as a task does. Returns the watch id.
     std::string Ask(const std::string& path, const std::vector<unsigned int>& masks,
                     const _FileNotifyOpt& options) {
         std::string id;

@@ -1,6 +1,6 @@
-// Loaded into rsync by a test. Between rsync's look at a file and its opening it for reading it
-// puts a pipe in the place of the file whose full path SENTREL_SWAP names, as an attacker would who
-// is lucky. Owns nothing.
+// A test preloads this library into rsync. When rsync opens the file whose full path is in
+// SENTREL_SWAP for reading, the library first replaces the file by a pipe. An attacker who hits the
+// time between rsync's stat and open can do the same.
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>

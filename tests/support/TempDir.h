@@ -8,7 +8,7 @@
 
 namespace test {
 
-/// A fresh directory that goes with the object. Paths are raw bytes.
+/// A new directory that the destructor removes. Paths are raw bytes.
 class TempDir {
   public:
     TempDir() {
@@ -28,7 +28,7 @@ class TempDir {
     std::string Path() const { return path_; }
     std::string Path(const std::string& name) const { return path_ + "/" + name; }
 
-    /// Writes a file below it, with its parent directories; the full path.
+    /// Writes a file, creates its parent directories, and returns its full path.
     std::string Write(const std::string& name, const std::string& content) const {
         const std::string file = Path(name);
         std::filesystem::create_directories(std::filesystem::path(file).parent_path());

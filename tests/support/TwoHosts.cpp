@@ -30,22 +30,22 @@ std::string NamespaceOf(pid_t pid, const char* kind) {
     return "/proc/" + std::to_string(pid) + "/ns/" + kind;
 }
 
-/// The first process of a host: says on `ready` how making it went, then waits for the end and lets
-/// the kernel reap what is left to it.
-[[noreturn]] void BeInit(int ready, const char* stand_in, const char* queue_limit,
-                         const char* temporary) {
+/// The first process of a host: writes the result of its set-up to `ready`, then waits until it is
+/// killed. The kernel reaps orphans.
+[[noreturn]] void RunInit(int ready, const char* stand_in, const char* queue_limit,
+                          const char* temporary) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::signal(SIGCHLD, SIG_IGN);
     const bool made = ::unshare(CLONE_NEWNET) == 0 && UnshareMounts() &&
                       ::mount("proc", "/proc", "proc", 0, nullptr) == 0 &&
                       ::mount("none", "/run", "tmpfs", 0, "size=1m") == 0 &&
-                      ShieldMachine(stand_in, queue_limit, temporary);
+                      IsolateFiles(stand_in, queue_limit, temporary);
     const int error = made ? 0 : errno;
     if (::write(ready, &error, sizeof(error)) != sizeof(error) || !made) ::_exit(kCannotEnter);
     for (;;) ::pause();
 }
 
-[[noreturn]] void BeShell(const std::string& script) {
+[[noreturn]] void RunShell(const std::string& script) {
     ::execl("/bin/sh", "sh", "-c", script.c_str(), nullptr);
     ::_exit(kCannotExecute);
 }
@@ -69,7 +69,7 @@ Host::Host() {
         return;
     }
     const pid_t child = ::fork();
-    if (child == 0) BeInit(ready[1], stand_in.c_str(), queue_limit.c_str(), temporary.c_str());
+    if (child == 0) RunInit(ready[1], stand_in.c_str(), queue_limit.c_str(), temporary.c_str());
     ::setns(own_pids.Get(), CLONE_NEWPID);
     ::close(ready[1]);
     const bool told = ::read(ready[0], &error_, sizeof(error_)) == sizeof(error_);
@@ -95,8 +95,8 @@ pid_t Host::Fork() const {
     const SDK::FileDescriptor network = Open(NamespaceOf(init_, "net"));
     const SDK::FileDescriptor mounts = Open(NamespaceOf(init_, "mnt"));
     const pid_t child = ::fork();
-    // A thread of ThreadSanitizer's shares the working directory, and setns then refuses the
-    // mounts.
+    // A ThreadSanitizer thread shares the working directory; setns refuses the mounts without
+    // CLONE_FS.
     if (child == 0 && (::unshare(CLONE_FS) != 0 || ::setns(network.Get(), CLONE_NEWNET) != 0 ||
                        ::setns(mounts.Get(), CLONE_NEWNS) != 0)) {
         ::_exit(kCannotEnter);
@@ -107,7 +107,7 @@ pid_t Host::Fork() const {
 
 int Host::Run(const std::string& script) const {
     const pid_t child = Fork();
-    if (child == 0) BeShell(script);
+    if (child == 0) RunShell(script);
     return ExitCode(child);
 }
 
@@ -116,12 +116,12 @@ int Host::RunInNetwork(const std::string& script) const {
     const pid_t child = ::fork();
     if (child == 0) {
         if (::setns(network.Get(), CLONE_NEWNET) != 0) ::_exit(kCannotEnter);
-        BeShell(script);
+        RunShell(script);
     }
     return ExitCode(child);
 }
 
-std::string Host::Seen(const std::string& path) const {
+std::string Host::PathFromOutside(const std::string& path) const {
     return "/proc/" + std::to_string(init_) + "/root" + path;
 }
 
@@ -131,9 +131,9 @@ TwoHosts::TwoHosts() {
         return std::string("ip link set lo up && ip link set eth0 up && ip address add ") +
                address + "/24 dev eth0";
     };
-    const std::string cable =
+    const std::string add_link =
         "ip link add eth0 type veth peer name eth0 netns " + std::to_string(client.Init());
-    connected_ = server.RunInNetwork(cable) == 0 &&
+    connected_ = server.RunInNetwork(add_link) == 0 &&
                  server.RunInNetwork(set_up(kServerAddress)) == 0 &&
                  client.RunInNetwork(set_up(kClientAddress)) == 0;
 }
@@ -141,13 +141,13 @@ TwoHosts::TwoHosts() {
 bool TwoHosts::AreNotAllowed(std::string& reason) const {
     const int error = server.IsUp() ? client.Error() : server.Error();
     if (error != EPERM && error != ENOSYS && error != ENOSPC && error != EINVAL) return false;
-    reason = std::string("namespaces of network, processes and mounts are not allowed here: ") +
+    reason = std::string("network, process and mount namespaces are not permitted: ") +
              std::strerror(error);
     return true;
 }
 
-bool TwoHosts::SetCable(bool plugged) const {
-    return server.RunInNetwork(std::string("ip link set eth0 ") + (plugged ? "up" : "down")) == 0;
+bool TwoHosts::SetLinkUp(bool up) const {
+    return server.RunInNetwork(std::string("ip link set eth0 ") + (up ? "up" : "down")) == 0;
 }
 
 }  // namespace test

@@ -9,11 +9,10 @@
 
 namespace test {
 
-/// What looks like a machine of its own to the processes in it: their network, process ids and
-/// mounts are its own, and of the real machine's files they can write none but those below the
-/// temporary directory. It lives by its first process, which ends with this object or with the
-/// test: everything in it, and its network, then goes at once. Takes root. The destructor waits for
-/// that end, so the processes that came from Fork must have been reaped before.
+/// A set of network, process and mount namespaces that looks like a machine of its own. Its
+/// processes can write only below the temporary directory. Its first process ends with this object
+/// or with the test; the kernel then ends all others and removes the network. Needs root. The
+/// caller must reap the processes of Fork before the destructor runs.
 class Host {
   public:
     Host();
@@ -21,23 +20,21 @@ class Host {
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    /// The host is there.
     bool IsUp() const { return init_ > 0; }
-    /// Why it is not: errno of the step that failed.
+    /// errno of the set-up step that failed.
     int Error() const { return error_; }
 
-    /// fork(2), but the child is a process of this host.
+    /// fork(2) with the child in this host.
     pid_t Fork() const;
 
-    /// Runs a shell script in the host to its end; the exit code. It says on the test's standard
-    /// error what went wrong.
+    /// Runs a shell script in the host and returns its exit code. Errors go to the test's stderr.
     int Run(const std::string& script) const;
 
-    /// The same, seen from the real machine: only the network is the host's.
+    /// Runs the script on the real machine with only the network of the host.
     int RunInNetwork(const std::string& script) const;
 
-    /// Where the host's own mounts are seen from outside.
-    std::string Seen(const std::string& path) const;
+    /// The path outside the host of the host's `path`.
+    std::string PathFromOutside(const std::string& path) const;
 
     pid_t Init() const { return init_; }
 
@@ -47,7 +44,7 @@ class Host {
     int error_ = 0;
 };
 
-/// Two hosts with a cable between them, and nothing else to talk to.
+/// Two hosts with one network link between them.
 class TwoHosts {
   public:
     static constexpr char kServerAddress[] = "10.77.0.1";
@@ -55,13 +52,13 @@ class TwoHosts {
 
     TwoHosts();
 
-    /// Namespaces are not allowed here; `reason` says so in words.
+    /// True, with the reason, when the kernel permits no namespaces.
     bool AreNotAllowed(std::string& reason) const;
-    /// Both are there and the cable is in.
+    /// Both hosts exist and are linked.
     bool AreUp() const { return connected_; }
 
-    /// Pulls the cable out at the server's end, or puts it back.
-    bool SetCable(bool plugged) const;
+    /// Sets the server's end of the link up or down.
+    bool SetLinkUp(bool up) const;
 
     Host server;
     Host client;

@@ -9,7 +9,7 @@ namespace test {
 
 constexpr int kPollIntervalMs = 2;
 
-/// Asks `condition` again and again until it is true or `deadline` has passed; its last answer.
+/// Polls `condition` until it is true or `deadline` has passed; its last result.
 inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {
     const auto end = std::chrono::steady_clock::now() + deadline;
     while (!condition()) {

@@ -9,10 +9,10 @@
 namespace Bench {
 namespace {
 
-/// How often it looks all the same: the watch ends with a directory that is removed and made anew.
-constexpr milliseconds kLook{5};
+/// Poll interval beside the events: the watch ends when the directory is removed.
+constexpr milliseconds kPollInterval{5};
 
-/// What the last step of a restore is: a rename, a link, or a time set in place.
+/// The last step of a restore: a rename, a link, or a change of the time.
 constexpr unsigned kLastSteps = IN_MOVED_TO | IN_CREATE | IN_ATTRIB | IN_CLOSE_WRITE;
 
 }  // namespace
@@ -27,12 +27,12 @@ FileObserver::~FileObserver() {
     ::close(inotify_);
 }
 
-std::optional<Clock::time_point> FileObserver::AwaitBack(const FileState& file,
-                                                         milliseconds deadline) const {
+std::optional<Clock::time_point> FileObserver::AwaitRestore(const FileState& file,
+                                                            milliseconds deadline) const {
     const auto end = Clock::now() + deadline;
-    while (!IsBack(path_, file)) {
+    while (!IsRestored(path_, file)) {
         if (Clock::now() >= end) return std::nullopt;
-        AwaitReadable(inotify_, kLook);
+        AwaitReadable(inotify_, kPollInterval);
         std::array<char, 4096> events;
         while (::read(inotify_, events.data(), events.size()) > 0) continue;
     }

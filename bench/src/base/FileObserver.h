@@ -8,9 +8,9 @@
 
 namespace Bench {
 
-/// Sees one file come back, and takes next to no processor time from the guard meanwhile: it sleeps
-/// until the kernel tells of a change in the file's directory. To be made before the change. One
-/// thread.
+/// Waits for the restore of one file. It sleeps until an inotify event of the file's directory, so
+/// that it takes little processor time from the product. Create it before the change. Not
+/// thread-safe.
 class FileObserver {
   public:
     explicit FileObserver(std::string path);
@@ -18,9 +18,10 @@ class FileObserver {
     FileObserver(const FileObserver&) = delete;
     FileObserver& operator=(const FileObserver&) = delete;
 
-    /// When the file was seen with that size and time again (IsBack); nothing by the deadline.
-    /// Throws Stopped.
-    std::optional<Clock::time_point> AwaitBack(const FileState& file, milliseconds deadline) const;
+    /// The time at which the file had its size and time again (IsRestored); none after the
+    /// deadline. Throws Interrupted.
+    std::optional<Clock::time_point> AwaitRestore(const FileState& file,
+                                                  milliseconds deadline) const;
 
   private:
     const std::string path_;

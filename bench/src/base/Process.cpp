@@ -1,4 +1,4 @@
-// Owns the processes that the driver starts, each until it is reaped; ends no other.
+// Owns the processes that the driver starts until they are reaped. Must not end others.
 #include "base/Process.h"
 
 #include <fcntl.h>
@@ -99,7 +99,7 @@ bool Child::Stop(milliseconds grace) {
     if (pid_ <= 0) return true;
     if (!Ended() && grace.count() > 0) {
         Signal(SIGTERM);
-        // No Pause: this also runs while a stop that was asked for is carried out.
+        // Pause would throw Interrupted, and this also runs after SIGINT.
         const auto end = Clock::now() + grace;
         while (!Ended() && Clock::now() < end) ::usleep(1000);
     }

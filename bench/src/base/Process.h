@@ -10,16 +10,16 @@
 
 namespace Bench {
 
-/// What to start. Standard streams that name no file are /dev/null.
+/// A program to start. An empty name of a standard stream means /dev/null.
 struct Command {
-    std::vector<std::string> arguments;    ///< the program by its path first
-    std::vector<std::string> environment;  ///< the whole of it, "NAME=value"
+    std::vector<std::string> arguments;    ///< the program's path first
+    std::vector<std::string> environment;  ///< complete, "NAME=value"
     std::string input;
     std::string output;
     std::string error;
 };
 
-/// One process of ours in a process group of its own. Ends it with the object. One thread.
+/// A child process in a process group of its own. The destructor ends it. Not thread-safe.
 class Child {
   public:
     Child() = default;
@@ -27,21 +27,21 @@ class Child {
     Child& operator=(Child&& other) noexcept;
     ~Child() { Stop(milliseconds(0)); }
 
-    /// Starts it without a copy of our memory; Pid() is -1 when that failed.
+    /// Uses posix_spawn, so that the driver's memory is not copied. On failure Pid() is -1.
     static Child Start(const Command& command);
 
     pid_t Pid() const { return pid_; }
 
-    /// Once the process has ended: its exit code, 128 + the signal that ended it.
+    /// The exit code, or 128 + signal; none while the process runs.
     std::optional<int> Ended();
 
-    /// The same, waited for; nothing when it runs on at the deadline. Throws Stopped.
+    /// Waits for the exit code; none after the deadline. Throws Interrupted.
     std::optional<int> Wait(milliseconds deadline);
 
-    /// To the process, or with `group` to all of its group.
+    /// Sends a signal to the process, or with `group` to its process group.
     void Signal(int number, bool group = false) const;
 
-    /// SIGTERM to the process, SIGKILL to the group after `grace`; reaps. True: it ended in time.
+    /// Sends SIGTERM to the process, SIGKILL to the group after `grace`, and reaps. False: killed.
     bool Stop(milliseconds grace);
 
   private:
@@ -49,18 +49,18 @@ class Child {
     std::optional<int> ended_;
 };
 
-/// Runs it to its end: the exit code, nothing when it had to be killed at the deadline.
+/// Runs a command to its end. The exit code; none when it was killed at the deadline.
 std::optional<int> Run(const Command& command, milliseconds deadline = std::chrono::minutes(10));
 
-/// Of a process now, all of its threads. Zero when it is gone.
+/// Figures of a running process with all its threads; 0 when it has ended.
 std::size_t ResidentBytes(pid_t pid);
-std::size_t PeakBytes(pid_t pid);  ///< the most it ever had
+std::size_t PeakBytes(pid_t pid);  ///< the maximum so far
 std::chrono::nanoseconds ProcessorTime(pid_t pid);
 
-/// The process and all that came from it, as far as they live.
-std::vector<pid_t> Family(pid_t pid);
+/// The process and its living descendants.
+std::vector<pid_t> ProcessTree(pid_t pid);
 
-/// Bytes of events that wait in the process's inotify descriptors; -1 when it has none.
+/// Unread bytes in the process's inotify queues; -1 when it has no inotify descriptor.
 long WaitingEventBytes(pid_t pid);
 
 }  // namespace Bench

@@ -1,4 +1,4 @@
-// What the kernel tells about a process. Keeps nothing.
+// Reads figures of a process from /proc. Stateless.
 #include <dirent.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
@@ -21,8 +21,8 @@ std::string Folder(pid_t pid) {
     return "/proc/" + std::to_string(pid);
 }
 
-/// False for one that has ended and that nobody has asked after yet.
-bool Lives(pid_t pid) {
+/// False for a zombie.
+bool IsAlive(pid_t pid) {
     std::ifstream file(Folder(pid) + "/stat");
     std::string text;
     std::getline(file, text);
@@ -40,7 +40,7 @@ std::size_t StatusBytes(pid_t pid, std::string_view name) {
     return 0;
 }
 
-/// Calls `use` with the path of each entry; a folder that goes away meanwhile is no error.
+/// Calls `use` with the path of each entry. A folder that disappears is not an error.
 template <class Use>
 void ForEachEntry(const std::string& folder, const Use& use) {
     std::error_code error;
@@ -70,17 +70,17 @@ std::chrono::nanoseconds ProcessorTime(pid_t pid) {
     return total;
 }
 
-std::vector<pid_t> Family(pid_t pid) {
-    std::vector<pid_t> family{pid};
-    for (std::size_t next = 0; next < family.size(); ++next) {
-        ForEachEntry(Folder(family[next]) + "/task", [&](const fs::path& thread) {
+std::vector<pid_t> ProcessTree(pid_t pid) {
+    std::vector<pid_t> tree{pid};
+    for (std::size_t next = 0; next < tree.size(); ++next) {
+        ForEachEntry(Folder(tree[next]) + "/task", [&](const fs::path& thread) {
             std::ifstream children(thread / "children");
             for (pid_t child = 0; children >> child;) {
-                if (Lives(child)) family.push_back(child);
+                if (IsAlive(child)) tree.push_back(child);
             }
         });
     }
-    return family;
+    return tree;
 }
 
 long WaitingEventBytes(pid_t pid) {

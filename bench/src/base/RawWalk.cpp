@@ -1,6 +1,5 @@
-// A walk as cheap as the kernel allows: one open, one watch by its path, one pass of getdents a
-// directory; by descriptors, without paths, it takes a sixth longer. Owns its queue of directories;
-// the threads share it under a mutex.
+// The cheapest walk: one open, one watch by path and one getdents pass per directory. A walk by
+// descriptors takes a sixth longer. Owns the queue of directories; a mutex protects it.
 #include "base/RawWalk.h"
 
 #include <dirent.h>
@@ -45,7 +44,7 @@ class Walk {
         }
     }
 
-    // Gives back what was found and takes the next ones; false: all is done.
+    // Adds found directories and takes the next ones; false when the walk is complete.
     bool Exchange(std::vector<std::string>& taken, std::vector<std::string>& found) {
         std::unique_lock lock(mutex_);
         for (std::string& path : found) waiting_.push_back(std::move(path));

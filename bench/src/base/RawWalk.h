@@ -5,9 +5,8 @@
 
 namespace Bench {
 
-/// The least that watching a tree takes: open a directory, put a watch of `inotify` on it, list it,
-/// go on with those in it. Nothing is remembered. `threads`: 1 or more that share the work. The
-/// number of directories that are watched then.
+/// The minimal work of watching a tree: opens each directory, adds a watch to `inotify` and lists
+/// it. Stores no names. `threads` is at least 1. Returns the number of watched directories.
 std::size_t RawWalk(int inotify, const std::string& root, int threads);
 
 }  // namespace Bench

@@ -4,8 +4,8 @@
 
 namespace Bench {
 
-/// The value below which the share `part` (0 to 1) of the samples lies, by nearest rank, so always
-/// one that was measured; the median of an even number is the mean of the middle two. 0 for none.
+/// The percentile `part` (0 to 1) by nearest rank, so always a measured value. The median of an
+/// even number of samples is the mean of the middle two. 0 without samples.
 double Percentile(std::vector<double> samples, double part);
 double Median(std::vector<double> samples);
 

@@ -1,4 +1,4 @@
-// Owns the flag that a signal sets. All waiting of the driver passes here.
+// Owns the flag that a signal sets. All waits of the driver use these functions.
 #include "base/Time.h"
 
 #include <poll.h>
@@ -34,13 +34,13 @@ void Pause(microseconds time) {
     const auto nanoseconds = std::chrono::nanoseconds(time).count();
     timespec wait{static_cast<time_t>(nanoseconds / 1000000000), nanoseconds % 1000000000};
     while (!stop_asked && ::nanosleep(&wait, &wait) != 0 && errno == EINTR) continue;
-    if (stop_asked) throw Stopped{};
+    if (stop_asked) throw Interrupted{};
 }
 
 void AwaitReadable(int fd, milliseconds time) {
     pollfd wait{fd, POLLIN, 0};
     if (!stop_asked) ::poll(&wait, 1, static_cast<int>(time.count()));
-    if (stop_asked) throw Stopped{};
+    if (stop_asked) throw Interrupted{};
 }
 
 bool WaitUntil(milliseconds deadline, microseconds step, const std::function<bool()>& done) {

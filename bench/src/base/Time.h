@@ -9,21 +9,21 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
-/// Thrown by every wait of this program after SIGINT or SIGTERM, so that what was started is ended
-/// in order and the temporary directory can go.
-struct Stopped {};
+/// Every wait throws this after SIGINT or SIGTERM, so that destructors end all processes before the
+/// temporary directory is removed.
+struct Interrupted {};
 
-/// From here on SIGINT and SIGTERM end waits instead of the process; timers become exact.
+/// Makes SIGINT and SIGTERM end waits instead of the process, and sets the timer slack to its
+/// minimum.
 void PrepareWaits();
 
-/// Sleeps; throws Stopped.
+/// Sleeps; throws Interrupted.
 void Pause(microseconds time);
 
-/// Until `fd` can be read or the time has passed; throws Stopped.
+/// Waits until `fd` is readable or the time has passed. Throws Interrupted.
 void AwaitReadable(int fd, milliseconds time);
 
-/// Asks `done` every `step` until it is true; false when `deadline` has passed before. Throws
-/// Stopped.
+/// Polls `done` every `step` until it is true; false after `deadline`. Throws Interrupted.
 bool WaitUntil(milliseconds deadline, microseconds step, const std::function<bool()>& done);
 
 double MsBetween(Clock::time_point from, Clock::time_point to);

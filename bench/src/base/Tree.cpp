@@ -1,5 +1,4 @@
-// Makes, changes and compares the trees that are guarded. Keeps nothing but a counter that makes
-// each change differ from the last.
+// Makes, changes and compares trees. Its only state is a counter that makes all changes differ.
 #include "base/Tree.h"
 
 #include <fcntl.h>
@@ -19,11 +18,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kTampered = 4096;
-constexpr time_t kPast = 1577836800;  // 2020: never the second in which a change happens
-constexpr std::size_t kSiblings = 100;
+constexpr std::size_t kTamperedBytes = 4096;
+constexpr time_t kPast = 1577836800;  // 2020: differs from the time of every change
+constexpr std::size_t kMaxSiblings = 100;
 
-std::string Noise(std::size_t bytes, unsigned seed) {
+std::string RandomText(std::size_t bytes, unsigned seed) {
     std::string text(bytes, ' ');
     unsigned state = seed * 2654435761U + 88172645U;
     for (char& byte : text) {
@@ -51,7 +50,7 @@ bool MakeFile(const std::string& path, std::size_t bytes, unsigned seed) {
     if (fd < 0) return false;
     bool made = true;
     if (bytes > 0) {
-        const std::string content = Noise(bytes, seed);
+        const std::string content = RandomText(bytes, seed);
         const timespec times[2] = {{kPast, 0}, {kPast + static_cast<time_t>(seed % 100000), 0}};
         made = ::write(fd, content.data(), bytes) == static_cast<ssize_t>(bytes) &&
                ::futimens(fd, times) == 0;
@@ -65,15 +64,16 @@ bool MakeTree(const std::string& root, const TreeShape& shape) {
     fs::create_directories(root, error);
     std::string parent;
     for (std::size_t i = 0; i < shape.directories; ++i) {
-        const std::string path = i % kSiblings == 0 ? root + "/part" + std::to_string(i / kSiblings)
-                                                    : parent + "/dir" + std::to_string(i);
-        if (i % kSiblings == 0) parent = path;
+        const std::string path = i % kMaxSiblings == 0
+                                     ? root + "/part" + std::to_string(i / kMaxSiblings)
+                                     : parent + "/dir" + std::to_string(i);
+        if (i % kMaxSiblings == 0) parent = path;
         if (!FillDirectory(path, shape, static_cast<unsigned>(i))) return false;
     }
     return !error;
 }
 
-std::vector<FileState> Survey(const std::string& root) {
+std::vector<FileState> ScanTree(const std::string& root) {
     std::vector<FileState> files;
     std::error_code error;
     for (fs::recursive_directory_iterator it(root, error), end; !error && it != end;
@@ -103,7 +103,7 @@ Clock::time_point Tamper(const std::string& path) {
     char mark[32];
     const int length = std::snprintf(mark, sizeof mark, "<!-- tampered %u -->\n", ++count);
     const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    std::string content(kTampered, 'x');
+    std::string content(kTamperedBytes, 'x');
     const ssize_t had = fd < 0 ? 0 : ::pread(fd, content.data(), content.size(), 0);
     content.resize(had > 0 ? static_cast<std::size_t>(had) : 0);
     content.replace(0, std::min<std::size_t>(length, content.size()), mark,
@@ -114,7 +114,7 @@ Clock::time_point Tamper(const std::string& path) {
     return start;
 }
 
-bool IsBack(const std::string& path, const FileState& file) {
+bool IsRestored(const std::string& path, const FileState& file) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && status.st_size == file.size &&
            status.st_mtim.tv_sec == file.mtime.tv_sec &&
@@ -129,12 +129,12 @@ bool SameContent(const std::string& one, const std::string& other) {
 }
 
 std::size_t Outstanding::Look() {
-    const auto is_back = [this](std::size_t i) {
-        return IsBack(root_ + "/" + (*files_)[i].path, (*files_)[i]);
+    const auto is_restored = [this](std::size_t i) {
+        return IsRestored(root_ + "/" + (*files_)[i].path, (*files_)[i]);
     };
-    while (!left_.empty() && is_back(left_.front())) left_.pop_front();
+    while (!left_.empty() && is_restored(left_.front())) left_.pop_front();
     if (Clock::now() < sweep_at_) return left_.size();
-    left_.erase(std::remove_if(left_.begin(), left_.end(), is_back), left_.end());
+    left_.erase(std::remove_if(left_.begin(), left_.end(), is_restored), left_.end());
     sweep_at_ = Clock::now() + kSweepEvery;
     return left_.size();
 }

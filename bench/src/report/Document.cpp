@@ -1,5 +1,4 @@
-// Turns figures into documents. Everything shown in the Markdown comes from the JSON, so that both
-// tell the same.
+// Makes documents of results. The Markdown is made of the JSON document, so that both are equal.
 #include "report/Document.h"
 
 #include <cmath>
@@ -62,7 +61,7 @@ Json::Value ToDocument(const Results& results, const Json::Value& machine, const
     document["busy"] = form.busy;
     document["rows"] = results.ToJson();
     document["limits"] = Json::Value(Json::arrayValue);
-    for (const Verdict& verdict : Judge(results, form.busy)) {
+    for (const Verdict& verdict : Evaluate(results, form.busy)) {
         Json::Value one;
         one["what"] = verdict.what;
         one["ours"] = verdict.ours;
@@ -93,12 +92,12 @@ std::string ToMarkdown(const Json::Value& document) {
 }
 
 std::string PlotColumns(const Results& results, const std::string& what,
-                        const std::vector<std::string>& guards) {
+                        const std::vector<std::string>& products) {
     std::ostringstream out;
     for (const char* size : {"1000", "10000", "100000"}) {
         out << size;
-        for (const std::string& guard : guards) {
-            const Line& line = results.Find(what + "_" + size, guard);
+        for (const std::string& product : products) {
+            const Line& line = results.Find(what + "_" + size, product);
             out << (line.samples.empty() ? " ?" : " " + std::to_string(Median(line.samples)));
         }
         out << "\n";

@@ -8,23 +8,23 @@
 
 namespace Bench {
 
-/// Cores, memory, kernel, file system, versions: what the figures depend on.
+/// Cores, memory, kernel, file system and versions.
 Json::Value DescribeMachine(const std::string& work);
 
-/// How a run was made.
+/// The form of a run.
 struct Form {
     bool brief = false;
-    bool busy = false;  ///< beside processes that keep the processors busy
+    bool busy = false;  ///< with processes that keep the processors busy
 };
 
-/// The whole run: {"machine", "form", "rows", "limits"}.
+/// The JSON document of a run: {"machine", "form", "busy", "rows", "limits"}.
 Json::Value ToDocument(const Results& results, const Json::Value& machine, const Form& form);
 
-/// The same for people, in Markdown.
+/// The same document in Markdown.
 std::string ToMarkdown(const Json::Value& document);
 
-/// Columns for gnuplot: directories, then a median for each guard of `guards`; "?" for none.
+/// Columns for gnuplot: directories, then the median of each product; "?" without samples.
 std::string PlotColumns(const Results& results, const std::string& what,
-                        const std::vector<std::string>& guards);
+                        const std::vector<std::string>& products);
 
 }  // namespace Bench

@@ -1,4 +1,4 @@
-// The rows by name and the limits that we hold ourselves to. Measures nothing.
+// The performance limits and their evaluation. Measures nothing.
 #include "report/Limits.h"
 
 #include <algorithm>
@@ -16,24 +16,24 @@ constexpr char kOurs[] = "Sentrel";
 constexpr char kOursPlain[] = "Sentrel, plain rsync";
 constexpr char kBare[] = "bare rsync";
 constexpr char kRaw[] = "raw walk and watch";
-/// Stands for whichever peer is best in that row.
+/// Replaced by the best peer of the row.
 constexpr char kBestPeer[] = "the best peer";
 
 enum class Stat { kMedian, kP99, kWorst, kLeast };
 
 struct Side {
     const char* row;
-    const char* guard;
+    const char* product;
     Stat stat = Stat::kMedian;
 };
 
 struct Limit {
     const char* what;
     Side ours;
-    double factor;  ///< of `against`, or the limit itself where that names no row
+    double factor;  ///< of `against`; the limit itself when `against` names no row
     Side against;
     bool at_least = false;
-    double when_busy = 0;  ///< times the factor while others keep the processors busy; 0: not held
+    double when_busy = 0;  ///< multiplies `factor` in a busy run; 0: not evaluated
 };
 
 const std::vector<Limit>& Limits() {
@@ -174,9 +174,9 @@ const std::vector<Limit>& Limits() {
     return kLimits;
 }
 
-bool IsPeer(const std::string& guard) {
-    return guard.find("inotifywait") == 0 || guard.find("lsyncd") == 0 ||
-           guard.find("watchman") == 0;
+bool IsPeer(const std::string& product) {
+    return product.find("inotifywait") == 0 || product.find("lsyncd") == 0 ||
+           product.find("watchman") == 0;
 }
 
 std::optional<double> Take(const std::vector<double>& samples, Stat stat) {
@@ -195,13 +195,13 @@ std::optional<double> Take(const std::vector<double>& samples, Stat stat) {
 }
 
 std::optional<double> Value(const Results& results, const Side& side) {
-    if (side.guard != std::string(kBestPeer)) {
-        return Take(results.Find(side.row, side.guard).samples, side.stat);
+    if (side.product != std::string(kBestPeer)) {
+        return Take(results.Find(side.row, side.product).samples, side.stat);
     }
     std::optional<double> best;
     for (const Line& line : results.Row(side.row)) {
         const auto value = Take(line.samples, side.stat);
-        if (IsPeer(line.guard) && value && (!best || *value < *best)) best = value;
+        if (IsPeer(line.product) && value && (!best || *value < *best)) best = value;
     }
     return best;
 }
@@ -213,7 +213,7 @@ std::string UnitOf(const char* row) {
     return "";
 }
 
-Verdict Hold(const Limit& limit, double ours, double against, bool busy) {
+Verdict Compare(const Limit& limit, double ours, double against, bool busy) {
     const std::string unit = UnitOf(limit.ours.row);
     const double bound = limit.factor * against * (busy ? limit.when_busy : 1);
     Verdict verdict;
@@ -230,14 +230,14 @@ Verdict Hold(const Limit& limit, double ours, double against, bool busy) {
 
 }  // namespace
 
-std::vector<Verdict> Judge(const Results& results, bool busy) {
+std::vector<Verdict> Evaluate(const Results& results, bool busy) {
     std::vector<Verdict> verdicts;
     for (const Limit& limit : Limits()) {
         if (busy && limit.when_busy == 0) continue;
         const auto ours = Value(results, limit.ours);
         const auto against =
             limit.against.row == nullptr ? std::optional<double>(1) : Value(results, limit.against);
-        if (ours && against) verdicts.push_back(Hold(limit, *ours, *against, busy));
+        if (ours && against) verdicts.push_back(Compare(limit, *ours, *against, busy));
     }
     return verdicts;
 }

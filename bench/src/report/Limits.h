@@ -7,30 +7,30 @@
 
 namespace Bench {
 
-/// One promise held against the figures.
+/// A limit compared with the measured value.
 struct Verdict {
     std::string what;
-    std::string ours;   ///< the figure, with its unit
-    std::string limit;  ///< what it is held against, likewise
-    double share = 0;   ///< ours divided by the limit; up to 1 is met
+    std::string ours;   ///< the measured value with its unit
+    std::string limit;  ///< the limit with its unit
+    double share = 0;   ///< value divided by limit; met up to 1
     bool met = false;
 };
 
-/// How a row is shown.
+/// The presentation of a row.
 struct RowTitle {
     const char* row;
     const char* title;
     const char* unit;
-    const char* base;  ///< the guard whose median is 1 in the column of ratios; empty: none
+    const char* base;  ///< the product with ratio 1; empty: no ratios
 };
 
 const std::vector<RowTitle>& RowTitles();
 
-/// Those for which both sides were measured. `busy`: only those that also hold while others keep
-/// the processors busy, as they are then.
-std::vector<Verdict> Judge(const Results& results, bool busy = false);
+/// Evaluates the limits for which both sides were measured. `busy`: only the limits that also apply
+/// to a busy machine, with their factor for it.
+std::vector<Verdict> Evaluate(const Results& results, bool busy = false);
 
-/// With as many digits as it needs.
+/// The value with a suitable number of digits and its unit.
 std::string Figure(double value, const std::string& unit);
 
 }  // namespace Bench

@@ -1,4 +1,4 @@
-// Reads what the machine says of itself.
+// Reads the facts of the machine from /proc and dpkg.
 #include <sys/statfs.h>
 #include <sys/utsname.h>
 
@@ -8,13 +8,13 @@
 #include <memory>
 #include <thread>
 
-#include "guards/Guard.h"
+#include "products/Product.h"
 #include "report/Document.h"
 
 namespace Bench {
 namespace {
 
-/// The line of `file` that begins with `key`, after its ":" and blanks.
+/// The value of the line of `file` that begins with `key`.
 std::string Field(const std::string& file, const std::string& key) {
     std::ifstream in(file);
     for (std::string line; std::getline(in, line);) {
@@ -25,7 +25,7 @@ std::string Field(const std::string& file, const std::string& key) {
     return "unknown";
 }
 
-/// What `work` lies on, by the longest mount point that holds it.
+/// The file system of `work`: that of the longest mount point above it.
 std::string FileSystem(const std::string& work) {
     std::ifstream mounts("/proc/self/mounts");
     std::string best;

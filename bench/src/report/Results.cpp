@@ -6,22 +6,22 @@
 
 namespace Bench {
 
-Line& Results::Of(const std::string& row, const std::string& guard) {
+Line& Results::Of(const std::string& row, const std::string& product) {
     if (measured_.insert(row).second) rows_.erase(row);
     std::vector<Line>& lines = rows_[row];
     const auto found = std::find_if(lines.begin(), lines.end(),
-                                    [&](const Line& line) { return line.guard == guard; });
+                                    [&](const Line& line) { return line.product == product; });
     if (found != lines.end()) return *found;
-    lines.push_back({guard, {}, {}});
+    lines.push_back({product, {}, {}});
     return lines.back();
 }
 
-void Results::Add(const std::string& row, const std::string& guard, double sample) {
-    Of(row, guard).samples.push_back(sample);
+void Results::Add(const std::string& row, const std::string& product, double sample) {
+    Of(row, product).samples.push_back(sample);
 }
 
-void Results::Note(const std::string& row, const std::string& guard, const std::string& note) {
-    std::vector<std::string>& notes = Of(row, guard).notes;
+void Results::Note(const std::string& row, const std::string& product, const std::string& note) {
+    std::vector<std::string>& notes = Of(row, product).notes;
     if (std::find(notes.begin(), notes.end(), note) == notes.end()) notes.push_back(note);
 }
 
@@ -31,10 +31,10 @@ const std::vector<Line>& Results::Row(const std::string& row) const {
     return found == rows_.end() ? kNone : found->second;
 }
 
-const Line& Results::Find(const std::string& row, const std::string& guard) const {
+const Line& Results::Find(const std::string& row, const std::string& product) const {
     static const Line kNone;
     for (const Line& line : Row(row)) {
-        if (line.guard == guard) return line;
+        if (line.product == product) return line;
     }
     return kNone;
 }
@@ -44,7 +44,7 @@ Json::Value Results::ToJson() const {
     for (const auto& [row, lines] : rows_) {
         for (const Line& line : lines) {
             Json::Value one;
-            one["guard"] = line.guard;
+            one["guard"] = line.product;
             one["median"] = Median(line.samples);
             one["p99"] = Percentile(line.samples, 0.99);
             one["samples"] = Json::Value(Json::arrayValue);
@@ -61,7 +61,7 @@ void Results::FromJson(const Json::Value& json) {
     for (const std::string& row : json.getMemberNames()) {
         for (const Json::Value& one : json[row]) {
             Line line;
-            line.guard = one["guard"].asString();
+            line.product = one["guard"].asString();
             for (const Json::Value& sample : one["samples"]) {
                 line.samples.push_back(sample.asDouble());
             }

@@ -9,32 +9,33 @@
 
 namespace Bench {
 
-/// What was measured of one guard in one row.
+/// The samples and notes of one product in one row.
 struct Line {
-    std::string guard;
+    std::string product;
     std::vector<double> samples;
     std::vector<std::string> notes;
 };
 
-/// All figures of a run, by row, guards in the order in which they came. One thread.
+/// All results of a run by row, products in the order of their first result. The JSON key of a
+/// product is "guard". Not thread-safe.
 class Results {
   public:
-    /// The first of a row drops what FromJson brought for it.
-    void Add(const std::string& row, const std::string& guard, double sample);
-    void Note(const std::string& row, const std::string& guard, const std::string& note);
+    /// The first result of a row removes the row's results of FromJson.
+    void Add(const std::string& row, const std::string& product, double sample);
+    void Note(const std::string& row, const std::string& product, const std::string& note);
 
-    /// The line; an empty one when nothing was measured.
-    const Line& Find(const std::string& row, const std::string& guard) const;
+    /// An empty line when nothing was measured.
+    const Line& Find(const std::string& row, const std::string& product) const;
     const std::vector<Line>& Row(const std::string& row) const;
 
     Json::Value ToJson() const;
     void FromJson(const Json::Value& json);
 
   private:
-    Line& Of(const std::string& row, const std::string& guard);
+    Line& Of(const std::string& row, const std::string& product);
 
     std::map<std::string, std::vector<Line>> rows_;
-    std::set<std::string> measured_;  ///< rows of this run, not of the file
+    std::set<std::string> measured_;  ///< in this run, not in the file
 };
 
 }  // namespace Bench

@@ -1,9 +1,9 @@
-// 10,000 files added by a storm: until all are removed and reported, from the last one on.
+// 10,000 added files: from the last addition until all are removed and reported.
 #include <unistd.h>
 
 #include <filesystem>
 
-#include "guards/AgentGuard.h"
+#include "products/Sentrel.h"
 #include "rows/Row.h"
 
 namespace Bench {
@@ -13,8 +13,8 @@ constexpr char kRow[] = "added_10000";
 constexpr std::size_t kDirectories = 100;
 constexpr std::size_t kEach = 100;
 constexpr std::size_t kBytes = 1024;
-constexpr milliseconds kPatience{120000};
-constexpr microseconds kObserve{5000};
+constexpr milliseconds kTimeout{120000};
+constexpr microseconds kPollInterval{5000};
 
 std::vector<std::string> Add(const std::string& live, int run) {
     std::vector<std::string> folders;
@@ -32,24 +32,24 @@ std::vector<std::string> Add(const std::string& live, int run) {
     return added;
 }
 
-void MeasureOne(Plan& plan, Post& post, int run) {
-    auto& agent = dynamic_cast<AgentGuard&>(post.Watch());
+void MeasureOne(Plan& plan, TestBed& bed, int run) {
+    auto& agent = dynamic_cast<Sentrel&>(bed.UnderTest());
     const std::int64_t before = agent.LastReport();
-    std::vector<std::string> left = Add(post.Place().live, run);
+    std::vector<std::string> left = Add(bed.Paths().live, run);
     const std::vector<std::string> added = left;
     const auto last = Clock::now();
-    const bool removed = WaitUntil(plan.Patience(kPatience), kObserve, [&] {
+    const bool removed = WaitUntil(plan.Timeout(kTimeout), kPollInterval, [&] {
         while (!left.empty() && ::access(left.back().c_str(), F_OK) != 0) left.pop_back();
         return left.empty();
     });
     const double removed_ms = MsSince(last);
     const auto wanted = static_cast<std::int64_t>(added.size());
-    const bool reported = WaitUntil(plan.Patience(kPatience), kObserve,
+    const bool reported = WaitUntil(plan.Timeout(kTimeout), kPollInterval,
                                     [&] { return agent.LastReport() - before >= wanted; });
     const double reported_ms = MsSince(last);
-    const Reported told = agent.Since(before);
+    const AlarmPaths alarms = agent.Since(before);
     std::size_t missing = 0;
-    for (const std::string& path : added) missing += 1U - told.paths.count(path);
+    for (const std::string& path : added) missing += 1U - alarms.paths.count(path);
     if (removed) plan.results.Add("added_10000_removed", agent.Name(), removed_ms);
     if (removed && reported && missing == 0) {
         plan.results.Add(kRow, agent.Name(), reported_ms);
@@ -64,14 +64,14 @@ void MeasureOne(Plan& plan, Post& post, int run) {
 }  // namespace
 
 void MeasureAdded(Plan& plan) {
-    Post post(plan.machine, std::make_unique<AgentGuard>(plan.machine, true));
-    if (!MakeTree(post.Place().live, {kDirectories, 10, 4096}) || !post.Survey(false) ||
-        !post.Start(plan, kRow, {})) {
+    TestBed bed(plan.machine, std::make_unique<Sentrel>(plan.machine, true));
+    if (!MakeTree(bed.Paths().live, {kDirectories, 10, 4096}) || !bed.ScanAndCopy(false) ||
+        !bed.Start(plan, kRow, {})) {
         return;
     }
-    for (int run = 0; plan.Goes(run, plan.Runs(5, 2)); ++run) {
-        plan.Say("added, run " + std::to_string(run + 1));
-        MeasureOne(plan, post, run);
+    for (int run = 0; plan.ShouldRun(run, plan.Runs(5, 2)); ++run) {
+        plan.Print("added, run " + std::to_string(run + 1));
+        MeasureOne(plan, bed, run);
     }
 }
 

@@ -1,9 +1,9 @@
-// The first backup of 200,000 files: ours from the policy to "backup complete", beside one rsync.
+// The first backup of 200,000 files: Sentrel from the policy to "backup complete", and one rsync.
 #include <unistd.h>
 
 #include <filesystem>
 
-#include "guards/AgentGuard.h"
+#include "products/Sentrel.h"
 #include "rows/Row.h"
 
 namespace Bench {
@@ -11,7 +11,7 @@ namespace {
 
 constexpr char kRow[] = "backup_200000";
 constexpr TreeShape kShape{2000, 100, 1024};
-constexpr milliseconds kPatience{300000};
+constexpr milliseconds kTimeout{300000};
 
 double BareMs(const Plan& plan, const Site& site, const std::string& to) {
     Command command;
@@ -27,46 +27,47 @@ double BareMs(const Plan& plan, const Site& site, const std::string& to) {
     return MsSince(start);
 }
 
-/// Applied anew, a policy makes its backup anew; without a copy it is a first one.
-bool MeasureOurs(Plan& plan, Post& post, const GuardSettings& settings, const std::string& put_by) {
-    auto& agent = dynamic_cast<AgentGuard&>(post.Watch());
+/// Applies the policy without an existing copy, so that it makes a first backup.
+bool MeasureOurs(Plan& plan, TestBed& bed, const ProductSettings& settings,
+                 const std::string& put_by) {
+    auto& agent = dynamic_cast<Sentrel&>(bed.UnderTest());
     ::sync();
-    if (!agent.Protect(post.Place(), settings)) {
+    if (!agent.Protect(bed.Paths(), settings)) {
         plan.results.Note(kRow, agent.Name(), agent.Problem());
         return false;
     }
     plan.results.Add(kRow, agent.Name(), agent.BackupMs());
     agent.Unprotect();
-    std::filesystem::rename(agent.GoodRoot(post.Place()), put_by);
+    std::filesystem::rename(agent.CopyRoot(bed.Paths()), put_by);
     return true;
 }
 
 }  // namespace
 
 void MeasureBackup(Plan& plan) {
-    Post post(plan.machine, std::make_unique<AgentGuard>(plan.machine, true));
-    auto& agent = dynamic_cast<AgentGuard&>(post.Watch());
-    plan.Say("making 200,000 files");
-    if (!MakeTree(post.Place().live, kShape)) return;
-    if (!agent.StartAgent(post.Place())) {
+    TestBed bed(plan.machine, std::make_unique<Sentrel>(plan.machine, true));
+    auto& agent = dynamic_cast<Sentrel&>(bed.UnderTest());
+    plan.Print("making 200,000 files");
+    if (!MakeTree(bed.Paths().live, kShape)) return;
+    if (!agent.StartAgent(bed.Paths())) {
         plan.results.Note(kRow, agent.Name(), agent.Problem());
         return;
     }
-    GuardSettings settings;
-    settings.deadline = kPatience;
-    // Nothing is removed in between: for a minute ext4 steps over each inode that was freed, which
-    // makes whatever is copied next many times slower.
-    const std::string old = post.Place().scratch + "/copied";
-    for (int run = 0; plan.Goes(run, plan.Runs(5, 2)); ++run) {
-        plan.Say("backup, run " + std::to_string(run + 1));
+    ProductSettings settings;
+    settings.deadline = kTimeout;
+    // Old copies stay: for a minute ext4 skips each freed inode, which makes the next copy many
+    // times slower.
+    const std::string old = bed.Paths().scratch + "/copied";
+    for (int run = 0; plan.ShouldRun(run, plan.Runs(5, 2)); ++run) {
+        plan.Print("backup, run " + std::to_string(run + 1));
         const std::string suffix = std::to_string(run);
         const auto bare = [&] {
             plan.results.Add(kRow, "bare rsync",
-                             BareMs(plan, post.Place(), old + "/bare" + suffix + "/"));
+                             BareMs(plan, bed.Paths(), old + "/bare" + suffix + "/"));
             return true;
         };
-        const auto ours = [&] { return MeasureOurs(plan, post, settings, old + "/ours" + suffix); };
-        // Each has the first turn as often as the other: what one has written slows the next.
+        const auto ours = [&] { return MeasureOurs(plan, bed, settings, old + "/ours" + suffix); };
+        // The order alternates, since the writes of one slow the next.
         if (!(run % 2 == 0 ? bare() && ours() : ours() && bare())) return;
     }
 }

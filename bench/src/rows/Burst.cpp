@@ -1,7 +1,7 @@
-// 1,000 files modified as fast as one process writes, until all are back.
-#include "guards/AgentGuard.h"
-#include "guards/BareRsync.h"
-#include "guards/Peers.h"
+// 1,000 files modified as fast as one process can write, until all are restored.
+#include "products/BareRsync.h"
+#include "products/Peers.h"
+#include "products/Sentrel.h"
 #include "rows/Row.h"
 
 namespace Bench {
@@ -10,23 +10,23 @@ namespace {
 constexpr char kRow[] = "burst_1000";
 constexpr std::size_t kFiles = 1000;
 constexpr double kMebibyte = 1024 * 1024;
-constexpr milliseconds kPatience{150000};
-constexpr microseconds kObserve{2000};
+constexpr milliseconds kTimeout{150000};
+constexpr microseconds kPollInterval{2000};
 
-struct Contestant {
-    std::unique_ptr<Guard> guard;
+struct Candidate {
+    std::unique_ptr<Product> product;
     int runs;
 };
 
-std::vector<Contestant> Contestants(const Plan& plan) {
+std::vector<Candidate> Candidates(const Plan& plan) {
     const Machine& machine = plan.machine;
     const int runs = plan.Runs(5, 2);
-    const int slow = plan.Runs(3, 0);  // as slow as the sequence itself
-    std::vector<Contestant> all;
+    const int slow = plan.Runs(3, 0);  // no faster than rsync in sequence
+    std::vector<Candidate> all;
     all.push_back({std::make_unique<BareRsync>(machine), plan.Runs(5, 1)});
-    all.push_back({std::make_unique<AgentGuard>(machine, true), runs});
-    if (AgentGuard::HasPlainForm(machine)) {
-        all.push_back({std::make_unique<AgentGuard>(machine, false), plan.Runs(5, 0)});
+    all.push_back({std::make_unique<Sentrel>(machine, true), runs});
+    if (Sentrel::CanDisableFastPaths(machine)) {
+        all.push_back({std::make_unique<Sentrel>(machine, false), plan.Runs(5, 0)});
     }
     all.push_back({std::make_unique<InotifywaitLoop>(machine), slow});
     all.push_back({std::make_unique<Lsyncd>(machine, Lsyncd::Way::kFile), slow});
@@ -36,19 +36,19 @@ std::vector<Contestant> Contestants(const Plan& plan) {
     return all;
 }
 
-/// Files of their own for each run: a second alarm of a file within a minute would be merged.
-std::vector<FileState> FilesOf(const Post& post, int run) {
-    const auto first = post.Files().begin() + static_cast<long>(kFiles) * run;
+/// Each run has its own files: a second alarm of a file within a minute would be merged.
+std::vector<FileState> FilesOf(const TestBed& bed, int run) {
+    const auto first = bed.Files().begin() + static_cast<long>(kFiles) * run;
     return {first, first + static_cast<long>(kFiles)};
 }
 
-std::vector<std::string> PathsOf(const Post& post, const std::vector<FileState>& files) {
+std::vector<std::string> PathsOf(const TestBed& bed, const std::vector<FileState>& files) {
     std::vector<std::string> paths;
-    for (const FileState& file : files) paths.push_back(post.Live(file));
+    for (const FileState& file : files) paths.push_back(bed.LivePath(file));
     return paths;
 }
 
-/// In the short form each fourth is timed, as each takes the same, and the rest put back at once.
+/// The short form times every fourth file and restores the others with one rsync.
 double RestoreInSequence(Plan& plan, BareRsync& bare, const std::vector<FileState>& files) {
     const std::size_t step = plan.brief ? 4 : 1;
     if (plan.brief) plan.results.Note(kRow, bare.Name(), "250 files, times four");
@@ -59,14 +59,14 @@ double RestoreInSequence(Plan& plan, BareRsync& bare, const std::vector<FileStat
     return taken;
 }
 
-/// `start`: of the writing. Files whose alarm shows no difference do not count as reported.
-void MeasureReports(Plan& plan, const AgentGuard& agent, std::int64_t before,
-                    Clock::time_point start, const std::vector<std::string>& paths) {
-    Reported told;
-    const bool all = agent.AwaitReports(before, paths, plan.Patience(kPatience), told);
+/// `start` is the begin of the writes. An alarm without a difference does not count.
+void MeasureReports(Plan& plan, const Sentrel& agent, std::int64_t before, Clock::time_point start,
+                    const std::vector<std::string>& paths) {
+    AlarmPaths alarms;
+    const bool all = agent.AwaitReports(before, paths, plan.Timeout(kTimeout), alarms);
     const double taken = MsSince(start);
     std::size_t shown = 0;
-    for (const std::string& path : paths) shown += told.with_difference.count(path);
+    for (const std::string& path : paths) shown += alarms.with_difference.count(path);
     plan.results.Add("burst_1000_reported", agent.Name(), static_cast<double>(shown));
     if (all && shown == paths.size()) {
         plan.results.Add("burst_1000_told", agent.Name(), taken);
@@ -76,63 +76,63 @@ void MeasureReports(Plan& plan, const AgentGuard& agent, std::int64_t before,
     }
 }
 
-void MeasureOne(Plan& plan, Post& post, int run) {
-    Guard& guard = post.Watch();
-    const std::vector<FileState> files = FilesOf(post, run);
-    auto* agent = dynamic_cast<AgentGuard*>(&guard);
+void MeasureOne(Plan& plan, TestBed& bed, int run) {
+    Product& product = bed.UnderTest();
+    const std::vector<FileState> files = FilesOf(bed, run);
+    auto* agent = dynamic_cast<Sentrel*>(&product);
     const std::int64_t before = agent == nullptr ? 0 : agent->LastReport();
-    const auto cpu = guard.CpuTime();
+    const auto cpu = product.CpuTime();
     const auto start = Clock::now();
-    for (const FileState& file : files) Tamper(post.Live(file));
+    for (const FileState& file : files) Tamper(bed.LivePath(file));
     double milliseconds_taken = 0;
-    Outstanding outstanding(post.Place().live, files);
-    if (auto* bare = dynamic_cast<BareRsync*>(&guard)) {
+    Outstanding outstanding(bed.Paths().live, files);
+    if (auto* bare = dynamic_cast<BareRsync*>(&product)) {
         milliseconds_taken = RestoreInSequence(plan, *bare, files);
         outstanding.Look();
     } else {
-        outstanding.Wait(plan.Patience(kPatience), kObserve);
+        outstanding.Wait(plan.Timeout(kTimeout), kPollInterval);
         milliseconds_taken = MsSince(start);
     }
-    if (agent != nullptr) MeasureReports(plan, *agent, before, start, PathsOf(post, files));
-    guard.Settle();
-    const std::size_t left = post.Differing(files);
+    if (agent != nullptr) MeasureReports(plan, *agent, before, start, PathsOf(bed, files));
+    product.Settle();
+    const std::size_t left = bed.Differing(files);
     if (left > 0) {
-        plan.results.Note(kRow, guard.Name(), std::to_string(left) + " of 1,000 left");
+        plan.results.Note(kRow, product.Name(), std::to_string(left) + " of 1,000 left");
     } else {
-        plan.results.Add(kRow, guard.Name(), milliseconds_taken);
-        plan.results.Add("burst_1000_each", guard.Name(), milliseconds_taken / kFiles);
+        plan.results.Add(kRow, product.Name(), milliseconds_taken);
+        plan.results.Add("burst_1000_each", product.Name(), milliseconds_taken / kFiles);
     }
-    const auto most = static_cast<double>(guard.PeakMemoryBytes());
-    if (most > 0) plan.results.Add("burst_1000_memory", guard.Name(), most / kMebibyte);
+    const auto most = static_cast<double>(product.PeakMemoryBytes());
+    if (most > 0) plan.results.Add("burst_1000_memory", product.Name(), most / kMebibyte);
     if (agent == nullptr) return;
-    const double used = std::chrono::duration<double, std::micro>(guard.CpuTime() - cpu).count();
-    plan.results.Add("burst_1000_cpu", guard.Name(), used / static_cast<double>(kFiles));
+    const double used = std::chrono::duration<double, std::micro>(product.CpuTime() - cpu).count();
+    plan.results.Add("burst_1000_cpu", product.Name(), used / static_cast<double>(kFiles));
 }
 
 }  // namespace
 
 void MeasureBurst(Plan& plan) {
-    std::vector<std::pair<std::unique_ptr<Post>, int>> posts;
+    std::vector<std::pair<std::unique_ptr<TestBed>, int>> beds;
     int rounds = 0;
-    for (Contestant& one : Contestants(plan)) {
+    for (Candidate& one : Candidates(plan)) {
         if (one.runs == 0) continue;
-        if (const std::string missing = one.guard->Missing(); !missing.empty()) {
-            plan.results.Note(kRow, one.guard->Name(), "skipped: " + missing);
+        if (const std::string missing = one.product->Missing(); !missing.empty()) {
+            plan.results.Note(kRow, one.product->Name(), "skipped: " + missing);
             continue;
         }
-        auto post = std::make_unique<Post>(plan.machine, std::move(one.guard));
+        auto bed = std::make_unique<TestBed>(plan.machine, std::move(one.product));
         const auto directories = static_cast<std::size_t>(one.runs) * kFiles / 10;
-        if (MakeTree(post->Place().live, {directories, 10, 4096}) &&
-            post->Survey(post->Good() == post->Place().good) && post->Start(plan, kRow, {})) {
+        if (MakeTree(bed->Paths().live, {directories, 10, 4096}) &&
+            bed->ScanAndCopy(bed->CopyRoot() == bed->Paths().good) && bed->Start(plan, kRow, {})) {
             rounds = std::max(rounds, one.runs);
-            posts.emplace_back(std::move(post), one.runs);
+            beds.emplace_back(std::move(bed), one.runs);
         }
     }
-    for (int run = 0; plan.Goes(run, rounds); ++run) {
-        for (auto& [post, runs] : posts) {
+    for (int run = 0; plan.ShouldRun(run, rounds); ++run) {
+        for (auto& [bed, runs] : beds) {
             if (run >= runs) continue;
-            plan.Say("burst " + std::to_string(run + 1) + ": " + post->Watch().Name());
-            MeasureOne(plan, *post, run);
+            plan.Print("burst " + std::to_string(run + 1) + ": " + bed->UnderTest().Name());
+            MeasureOne(plan, *bed, run);
         }
     }
 }

@@ -1,4 +1,4 @@
-// One page modified, again and again, while somebody who may write to the site does his worst.
+// One page modified repeatedly while a user of the site puts load on the agent.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -7,17 +7,17 @@
 #include <thread>
 
 #include "base/FileObserver.h"
-#include "guards/AgentGuard.h"
+#include "products/Sentrel.h"
 #include "rows/Row.h"
 
 namespace Bench {
 namespace {
 
-constexpr int kPages = 40;  ///< one a run, so that no alarm is merged
+constexpr int kPages = 40;  ///< one per run, so that no alarm is merged
 constexpr std::size_t kBytes = 4096;
-constexpr milliseconds kPatience{10000};
-constexpr microseconds kBetween{100000};
-constexpr microseconds kFirst{1000000};  ///< for the load to take hold
+constexpr milliseconds kTimeout{10000};
+constexpr microseconds kPauseBetweenRuns{100000};
+constexpr microseconds kWarmUp{1000000};  ///< until the load has its effect
 
 constexpr int kSparseFiles = 10;
 constexpr std::size_t kSparseText = 64 << 10;
@@ -28,7 +28,7 @@ constexpr std::size_t kLoopFiles = 2000;
 constexpr char kPagesFolder[] = "/pages";
 constexpr char kLoadFolder[] = "/load";
 
-/// Calls `act` with 0, 1, 2, ... on a thread of its own until the object goes.
+/// Calls `act` with 0, 1, 2, ... on a thread of its own until it is destroyed.
 class Loop {
   public:
     explicit Loop(std::function<void(std::size_t)> act)
@@ -49,7 +49,7 @@ class Loop {
 
 using Loops = std::vector<std::unique_ptr<Loop>>;
 
-/// A load by its row: what lies in the site for it, and what is done with that.
+/// The load of a row: its files in the site and the threads that change them.
 struct Load {
     const char* row;
     TreeShape files;
@@ -57,7 +57,7 @@ struct Load {
     Loops (*start)(const std::vector<std::string>& paths);
 };
 
-/// A text that goes on as a hole, so that its difference is long in the making.
+/// Makes a text file with a large hole, so that its difference takes long.
 void MakeSparse(const std::string& path) {
     Tamper(path);
     const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -97,48 +97,48 @@ constexpr Load kLoads[] = {
     {"hostile_tmp", {1, 10, kBytes}, true, StartNothing},
 };
 
-/// True when the agent's /tmp would hide the place where this runs.
+/// True when the agent's own /tmp would hide the work directory.
 bool LiesInTmp(const std::string& work) {
     return work.rfind("/tmp/", 0) == 0;
 }
 
-/// One that does not come back in time counts with the time that was waited for it.
-void MeasureOne(Plan& plan, Post& post, const Load& load, const FileState& page) {
-    const FileObserver observer(post.Live(page));
-    const auto start = Tamper(post.Live(page));
-    const auto back = observer.AwaitBack(page, kPatience);
-    const std::string name = post.Watch().Name();
+/// A page that is not restored in time counts with the time-out.
+void MeasureOne(Plan& plan, TestBed& bed, const Load& load, const FileState& page) {
+    const FileObserver observer(bed.LivePath(page));
+    const auto start = Tamper(bed.LivePath(page));
+    const auto back = observer.AwaitRestore(page, kTimeout);
+    const std::string name = bed.UnderTest().Name();
     plan.results.Add(load.row, name, MsBetween(start, back.value_or(Clock::now())));
     if (!back) plan.results.Note(load.row, name, "some were not back after 10 s");
-    if (back && post.Differing({page}) > 0) plan.results.Note(load.row, name, "wrong content");
-    Pause(kBetween);
+    if (back && bed.Differing({page}) > 0) plan.results.Note(load.row, name, "wrong content");
+    Pause(kPauseBetweenRuns);
 }
 
 void Measure(Plan& plan, const Load& load) {
-    Post post(plan.machine, std::make_unique<AgentGuard>(plan.machine, true));
-    GuardSettings settings;
+    TestBed bed(plan.machine, std::make_unique<Sentrel>(plan.machine, true));
+    ProductSettings settings;
     settings.tmp_is_full = load.tmp_is_full;
-    const std::string& live = post.Place().live;
+    const std::string& live = bed.Paths().live;
     if (!MakeTree(live + kPagesFolder, {1, kPages, kBytes}) ||
-        !MakeTree(live + kLoadFolder, load.files) || !post.Survey(false) ||
-        !post.Start(plan, load.row, settings)) {
+        !MakeTree(live + kLoadFolder, load.files) || !bed.ScanAndCopy(false) ||
+        !bed.Start(plan, load.row, settings)) {
         return;
     }
     std::vector<FileState> pages;
     std::vector<std::string> others;
-    for (const FileState& file : post.Files()) {
+    for (const FileState& file : bed.Files()) {
         if (("/" + file.path).rfind(kPagesFolder, 0) == 0) {
             pages.push_back(file);
         } else {
-            others.push_back(post.Live(file));
+            others.push_back(bed.LivePath(file));
         }
     }
-    plan.Say(load.row);
+    plan.Print(load.row);
     const Loops loops = load.start(others);
-    Pause(kFirst);
+    Pause(kWarmUp);
     const int runs = plan.Runs(kPages, 15);
-    for (int run = 0; plan.Goes(run, runs); ++run) {
-        MeasureOne(plan, post, load, pages[static_cast<std::size_t>(run)]);
+    for (int run = 0; plan.ShouldRun(run, runs); ++run) {
+        MeasureOne(plan, bed, load, pages[static_cast<std::size_t>(run)]);
     }
 }
 

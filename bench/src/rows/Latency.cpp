@@ -1,44 +1,44 @@
-// One file modified, one at a time, every guard in turn: from right before the write until the
-// content is back.
+// One file modified at a time, with all products in turn: from before the write until the content
+// is restored.
 #include <map>
 
 #include "base/FileObserver.h"
-#include "guards/AgentGuard.h"
-#include "guards/BareCopy.h"
-#include "guards/BareRsync.h"
-#include "guards/Peers.h"
+#include "products/BareCopy.h"
+#include "products/BareRsync.h"
+#include "products/Peers.h"
+#include "products/Sentrel.h"
 #include "rows/Row.h"
 
 namespace Bench {
 namespace {
 
-constexpr milliseconds kPatience{10000};
+constexpr milliseconds kTimeout{10000};
 
 struct Size {
     const char* row;
     const char* folder;
     std::size_t bytes;
-    int files;  ///< as many as keep the disk small; of 4 KiB one a run, so that no alarm is merged
+    int files;  ///< few large ones to save space; one per run for 4 KiB, so that no alarm is merged
 };
 
 constexpr Size kSizes[] = {{"restore_4k", "small", 4096, 50},
                            {"restore_1m", "medium", 1 << 20, 10},
                            {"restore_10m", "large", 10 << 20, 5}};
 
-Guards Contestants(const Machine& machine, bool brief) {
-    Guards guards;
-    guards.push_back(std::make_unique<BareRsync>(machine));
-    if (!brief) guards.push_back(std::make_unique<ForkedRsync>(machine));
-    guards.push_back(std::make_unique<BareCopy>(machine));
-    guards.push_back(std::make_unique<AgentGuard>(machine, true));
-    if (AgentGuard::HasPlainForm(machine) && !brief) {
-        guards.push_back(std::make_unique<AgentGuard>(machine, false));
+Products Candidates(const Machine& machine, bool brief) {
+    Products products;
+    products.push_back(std::make_unique<BareRsync>(machine));
+    if (!brief) products.push_back(std::make_unique<ForkedRsync>(machine));
+    products.push_back(std::make_unique<BareCopy>(machine));
+    products.push_back(std::make_unique<Sentrel>(machine, true));
+    if (Sentrel::CanDisableFastPaths(machine) && !brief) {
+        products.push_back(std::make_unique<Sentrel>(machine, false));
     }
-    guards.push_back(std::make_unique<InotifywaitLoop>(machine));
-    if (!brief) guards.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kFile));
-    guards.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kBatch));
-    guards.push_back(std::make_unique<Watchman>(machine));
-    return guards;
+    products.push_back(std::make_unique<InotifywaitLoop>(machine));
+    if (!brief) products.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kFile));
+    products.push_back(std::make_unique<Lsyncd>(machine, Lsyncd::Way::kBatch));
+    products.push_back(std::make_unique<Watchman>(machine));
+    return products;
 }
 
 bool FillSite(const std::string& live) {
@@ -54,23 +54,23 @@ bool FillSite(const std::string& live) {
     return true;
 }
 
-void MeasureOne(Plan& plan, Post& post, const Size& size, int run) {
+void MeasureOne(Plan& plan, TestBed& bed, const Size& size, int run) {
     const std::string path = std::string(size.folder) + "/page" + std::to_string(run % size.files);
-    Guard& guard = post.Watch();
-    for (const FileState& file : post.Files()) {
+    Product& product = bed.UnderTest();
+    for (const FileState& file : bed.Files()) {
         if (file.path != path) continue;
-        const FileObserver observer(post.Live(file));
-        const auto tampered = Tamper(post.Live(file));
-        const auto start = guard.Told(path).value_or(tampered);
-        const auto back = observer.AwaitBack(file, kPatience);
-        guard.Settle();
-        if (back && post.Differing({file}) == 0) {
-            plan.results.Add(size.row, guard.Name(), MsBetween(start, *back));
+        const FileObserver observer(bed.LivePath(file));
+        const auto tampered = Tamper(bed.LivePath(file));
+        const auto start = product.StartRestore(path).value_or(tampered);
+        const auto back = observer.AwaitRestore(file, kTimeout);
+        product.Settle();
+        if (back && bed.Differing({file}) == 0) {
+            plan.results.Add(size.row, product.Name(), MsBetween(start, *back));
         } else {
-            plan.results.Note(size.row, guard.Name(), "some did not come back");
+            plan.results.Note(size.row, product.Name(), "some did not come back");
         }
-        if (auto* bare = dynamic_cast<BareRsync*>(&guard)) {
-            plan.results.Add(std::string(size.row) + "_exit", guard.Name(), bare->ExitMs());
+        if (auto* bare = dynamic_cast<BareRsync*>(&product)) {
+            plan.results.Add(std::string(size.row) + "_exit", product.Name(), bare->ExitMs());
         }
     }
 }
@@ -78,19 +78,20 @@ void MeasureOne(Plan& plan, Post& post, const Size& size, int run) {
 }  // namespace
 
 void MeasureLatency(Plan& plan) {
-    Posts posts;
-    for (auto& guard : Installed(plan, kSizes[0].row, Contestants(plan.machine, plan.brief))) {
-        auto post = std::make_unique<Post>(plan.machine, std::move(guard));
-        if (!FillSite(post->Place().live) || !post->Survey(post->Good() == post->Place().good)) {
-            plan.results.Note(kSizes[0].row, post->Watch().Name(), "no room for its tree");
-        } else if (post->Start(plan, kSizes[0].row, {})) {
-            posts.push_back(std::move(post));
+    TestBeds beds;
+    for (auto& product : Installed(plan, kSizes[0].row, Candidates(plan.machine, plan.brief))) {
+        auto bed = std::make_unique<TestBed>(plan.machine, std::move(product));
+        if (!FillSite(bed->Paths().live) ||
+            !bed->ScanAndCopy(bed->CopyRoot() == bed->Paths().good)) {
+            plan.results.Note(kSizes[0].row, bed->UnderTest().Name(), "no room for its tree");
+        } else if (bed->Start(plan, kSizes[0].row, {})) {
+            beds.push_back(std::move(bed));
         }
     }
     for (const Size& size : kSizes) {
-        plan.Say(std::string(size.row) + ", " + std::to_string(posts.size()) + " guards in turn");
-        for (int run = 0; plan.Goes(run, plan.Runs(50, 15)); ++run) {
-            for (auto& post : posts) MeasureOne(plan, *post, size, run);
+        plan.Print(std::string(size.row) + ", " + std::to_string(beds.size()) + " guards in turn");
+        for (int run = 0; plan.ShouldRun(run, plan.Runs(50, 15)); ++run) {
+            for (auto& bed : beds) MeasureOne(plan, *bed, size, run);
         }
     }
 }

@@ -1,7 +1,6 @@
-// One file modified, one at a time: files with plain names and files with blanks in theirs, in
-// turn.
+// One file modified at a time, with and without blanks in its name in turn.
 #include "base/FileObserver.h"
-#include "guards/AgentGuard.h"
+#include "products/Sentrel.h"
 #include "rows/Row.h"
 
 namespace Bench {
@@ -10,9 +9,9 @@ namespace {
 constexpr char kRow[] = "names";
 constexpr char kPlain[] = "Sentrel, plain names";
 constexpr char kBlanks[] = "Sentrel, names with blanks";
-constexpr int kFiles = 50;  ///< of each kind; one a run, so that no alarm is merged
+constexpr int kFiles = 50;  ///< of each kind; one per run, so that no alarm is merged
 constexpr std::size_t kBytes = 4096;
-constexpr milliseconds kPatience{10000};
+constexpr milliseconds kTimeout{10000};
 
 std::string NameOf(bool plain, int run) {
     return plain ? "page" + std::to_string(run) + ".html"
@@ -30,15 +29,15 @@ bool FillSite(const std::string& live) {
     return true;
 }
 
-/// False when it did not come back: more runs would only wait again.
-bool MeasureOne(Plan& plan, Post& post, const std::string& name, const char* line) {
-    for (const FileState& file : post.Files()) {
+/// False when it was not restored: more runs would only time out.
+bool MeasureOne(Plan& plan, TestBed& bed, const std::string& name, const char* line) {
+    for (const FileState& file : bed.Files()) {
         if (file.path != name) continue;
-        const FileObserver observer(post.Live(file));
-        const auto start = Tamper(post.Live(file));
-        const auto back = observer.AwaitBack(file, kPatience);
-        post.Watch().Settle();
-        if (back && post.Differing({file}) == 0) {
+        const FileObserver observer(bed.LivePath(file));
+        const auto start = Tamper(bed.LivePath(file));
+        const auto back = observer.AwaitRestore(file, kTimeout);
+        bed.UnderTest().Settle();
+        if (back && bed.Differing({file}) == 0) {
             plan.results.Add(kRow, line, MsBetween(start, *back));
             return true;
         }
@@ -50,14 +49,15 @@ bool MeasureOne(Plan& plan, Post& post, const std::string& name, const char* lin
 }  // namespace
 
 void MeasureNames(Plan& plan) {
-    Post post(plan.machine, std::make_unique<AgentGuard>(plan.machine, true));
-    if (!FillSite(post.Place().live) || !post.Survey(false) || !post.Start(plan, kRow, {})) return;
+    TestBed bed(plan.machine, std::make_unique<Sentrel>(plan.machine, true));
+    if (!FillSite(bed.Paths().live) || !bed.ScanAndCopy(false) || !bed.Start(plan, kRow, {}))
+        return;
     const int runs = plan.Runs(kFiles, 20);
     bool plain = true;
     bool blanks = true;
-    for (int run = 0; plan.Goes(run, runs); ++run) {
-        plain = plain && MeasureOne(plan, post, NameOf(true, run), kPlain);
-        blanks = blanks && MeasureOne(plan, post, NameOf(false, run), kBlanks);
+    for (int run = 0; plan.ShouldRun(run, runs); ++run) {
+        plain = plain && MeasureOne(plan, bed, NameOf(true, run), kPlain);
+        blanks = blanks && MeasureOne(plan, bed, NameOf(false, run), kBlanks);
     }
 }
 

@@ -1,4 +1,4 @@
-// The list of rows and what they share. A post owns its guard and its folder.
+// The list of rows and what they share. A test bed owns its product and its folder.
 #include "rows/Row.h"
 
 #include <algorithm>
@@ -11,17 +11,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr milliseconds kLeastPatience{5000};
+constexpr milliseconds kMinTimeout{5000};
 
 }  // namespace
 
-milliseconds Plan::Patience(milliseconds most) const {
-    if (until == Clock::time_point::max()) return most;
-    const auto left = std::chrono::duration_cast<milliseconds>(until - Clock::now());
-    return std::max(kLeastPatience, std::min(most, left));
+milliseconds Plan::Timeout(milliseconds most) const {
+    if (deadline == Clock::time_point::max()) return most;
+    const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
+    return std::max(kMinTimeout, std::min(most, left));
 }
 
-void Plan::Say(const std::string& text) const {
+void Plan::Print(const std::string& text) const {
     std::printf("    %s\n", text.c_str());
     std::fflush(stdout);
 }
@@ -32,59 +32,60 @@ const std::vector<RowEntry>& AllRows() {
         {"names", "one file modified, by what is in its name", 5, MeasureNames},
         {"burst", "1,000 files modified at once", 30, MeasureBurst},
         {"storm", "30,000 files modified at once", 40, MeasureStorm},
-        {"hostile", "one file modified while others do their worst", 30, MeasureHostile},
+        {"hostile", "one file modified under hostile load", 30, MeasureHostile},
         {"added", "10,000 files added at once", 15, MeasureAdded},
         {"removed", "rm -rf of a subtree with 10,000 files", 60, MeasureRemoved},
         {"events", "events of ignored and of unchanged files", 50, MeasureEvents},
-        {"overflow", "more events than the kernel keeps", 50, MeasureOverflow},
-        {"scale", "set-up, memory, latency and rest by size of the tree", 90, MeasureScale},
+        {"overflow", "more events than the kernel's queue holds", 50, MeasureOverflow},
+        {"scale", "set-up, memory, latency and idle load by size of the tree", 90, MeasureScale},
         {"backup", "first backup of 200,000 files", 60, MeasureBackup},
     };
     return kRows;
 }
 
-Post::Post(const Machine& machine, std::unique_ptr<Guard> guard) : guard_(std::move(guard)) {
+TestBed::TestBed(const Machine& machine, std::unique_ptr<Product> product)
+    : product_(std::move(product)) {
     static int count = 0;
-    const std::string folder = machine.work + "/post" + std::to_string(count++);
+    const std::string folder = machine.work + "/bed" + std::to_string(count++);
     site_ = {folder + "/live", folder + "/good", folder + "/scratch"};
     fs::create_directories(site_.scratch);
 }
 
-Post::~Post() {
-    guard_->Stop();
-    guard_.reset();
+TestBed::~TestBed() {
+    product_->Stop();
+    product_.reset();
     std::error_code gone;
     fs::remove_all(fs::path(site_.live).parent_path(), gone);
 }
 
-bool Post::Survey(bool copy) {
-    files_ = Bench::Survey(site_.live);
-    return !files_.empty() && (!copy || CopyTree(site_.live, Good()));
+bool TestBed::ScanAndCopy(bool copy) {
+    files_ = ScanTree(site_.live);
+    return !files_.empty() && (!copy || CopyTree(site_.live, CopyRoot()));
 }
 
-bool Post::Start(Plan& plan, const std::string& row, const GuardSettings& settings) {
-    if (guard_->Start(site_, settings)) return true;
-    plan.results.Note(row, guard_->Name(), "left out, it did not start: " + guard_->Problem());
-    plan.Say(guard_->Name() + " did not start: " + guard_->Problem());
+bool TestBed::Start(Plan& plan, const std::string& row, const ProductSettings& settings) {
+    if (product_->Start(site_, settings)) return true;
+    plan.results.Note(row, product_->Name(), "left out, it did not start: " + product_->Problem());
+    plan.Print(product_->Name() + " did not start: " + product_->Problem());
     return false;
 }
 
-std::size_t Post::Differing(const std::vector<FileState>& files) const {
+std::size_t TestBed::Differing(const std::vector<FileState>& files) const {
     std::size_t count = 0;
     for (const FileState& file : files) {
-        count += SameContent(Live(file), Good() + "/" + file.path) ? 0U : 1U;
+        count += SameContent(LivePath(file), CopyRoot() + "/" + file.path) ? 0U : 1U;
     }
     return count;
 }
 
-Guards Installed(Plan& plan, const std::string& row, Guards guards) {
-    Guards there;
-    for (auto& guard : guards) {
-        const std::string missing = guard->Missing();
+Products Installed(Plan& plan, const std::string& row, Products products) {
+    Products there;
+    for (auto& product : products) {
+        const std::string missing = product->Missing();
         if (missing.empty()) {
-            there.push_back(std::move(guard));
+            there.push_back(std::move(product));
         } else {
-            plan.results.Note(row, guard->Name(), "skipped: " + missing);
+            plan.results.Note(row, product->Name(), "skipped: " + missing);
         }
     }
     return there;

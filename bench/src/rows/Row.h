@@ -5,42 +5,43 @@
 #include <vector>
 
 #include "base/Tree.h"
-#include "guards/Guard.h"
+#include "products/Product.h"
 #include "report/Results.h"
 
 namespace Bench {
 
-/// What a row needs to run.
+/// The settings and results of a run.
 struct Plan {
     Machine machine;
-    bool brief = false;  ///< the short form: fewer runs, and rows that end when their time is up
-    Clock::time_point until = Clock::time_point::max();  ///< of the short form
+    bool brief = false;                                     ///< fewer runs, within a time budget
+    Clock::time_point deadline = Clock::time_point::max();  ///< of the short form
     Results results;
 
     int Runs(int full, int in_brief) const { return brief ? in_brief : full; }
 
-    /// Whether run number `run` of `runs` is to be made: the first always, others only in time.
-    bool Goes(int run, int runs) const { return run < runs && (run == 0 || Clock::now() < until); }
+    /// True for the first run, and for others before the deadline.
+    bool ShouldRun(int run, int runs) const {
+        return run < runs && (run == 0 || Clock::now() < deadline);
+    }
 
-    /// How long to wait for what should take less than `most`: in the short form never so long
-    /// that it would not end within its time.
-    milliseconds Patience(milliseconds most) const;
+    /// The time-out of a wait: `most`, or the time until the deadline, but at least 5 s.
+    milliseconds Timeout(milliseconds most) const;
 
-    /// One line on the terminal, so that one sees where it is.
-    void Say(const std::string& text) const;
+    /// Prints a progress line.
+    void Print(const std::string& text) const;
 };
 
-/// Measures and writes to plan.results. Throws Stopped only.
+/// Measures a row and adds to plan.results. Throws only Interrupted.
 using RowFunction = void (*)(Plan& plan);
 
 struct RowEntry {
     const char* name;  ///< for --only
     const char* what;
-    int brief_seconds;  ///< what its short form takes on two cores, about
+    int brief_seconds;  ///< approximate time of the short form on two cores
     RowFunction run;
 };
 
-/// In the order in which they run.
+/// In the order of their execution.
 const std::vector<RowEntry>& AllRows();
 
 void MeasureLatency(Plan& plan);
@@ -55,40 +56,40 @@ void MeasureEvents(Plan& plan);
 void MeasureOverflow(Plan& plan);
 void MeasureBackup(Plan& plan);
 
-/// A guard with a site of its own below the work folder; both go with the object.
-class Post {
+/// A product with a site of its own in the work folder. The destructor ends and removes both.
+class TestBed {
   public:
-    Post(const Machine& machine, std::unique_ptr<Guard> guard);
-    ~Post();
-    Post(const Post&) = delete;
-    Post& operator=(const Post&) = delete;
+    TestBed(const Machine& machine, std::unique_ptr<Product> product);
+    ~TestBed();
+    TestBed(const TestBed&) = delete;
+    TestBed& operator=(const TestBed&) = delete;
 
-    /// The live tree as it should be. To be called once it is made; makes the pristine copy as
-    /// well unless the guard makes its own.
-    bool Survey(bool copy);
+    /// Records the state of the live tree, and with `copy` makes the backup copy. Call it after the
+    /// tree is made.
+    bool ScanAndCopy(bool copy);
 
-    /// As Guard::Start; a failure is noted in the row, and means that this guard is left out.
-    bool Start(Plan& plan, const std::string& row, const GuardSettings& settings);
+    /// As Product::Start; notes a failure in the row.
+    bool Start(Plan& plan, const std::string& row, const ProductSettings& settings);
 
-    Guard& Watch() { return *guard_; }
-    const Site& Place() const { return site_; }
+    Product& UnderTest() { return *product_; }
+    const Site& Paths() const { return site_; }
     const std::vector<FileState>& Files() const { return files_; }
-    std::string Good() const { return guard_->GoodRoot(site_); }
-    std::string Live(const FileState& file) const { return site_.live + "/" + file.path; }
+    std::string CopyRoot() const { return product_->CopyRoot(site_); }
+    std::string LivePath(const FileState& file) const { return site_.live + "/" + file.path; }
 
-    /// How many of them are not as in the pristine copy, byte for byte.
+    /// The number of files whose content differs from the backup copy.
     std::size_t Differing(const std::vector<FileState>& files) const;
 
   private:
-    std::unique_ptr<Guard> guard_;
+    std::unique_ptr<Product> product_;
     Site site_;
     std::vector<FileState> files_;
 };
 
-using Guards = std::vector<std::unique_ptr<Guard>>;
-using Posts = std::vector<std::unique_ptr<Post>>;
+using Products = std::vector<std::unique_ptr<Product>>;
+using TestBeds = std::vector<std::unique_ptr<TestBed>>;
 
-/// Those that restore and report or restore alone; what is not installed is noted in `row`.
-Guards Installed(Plan& plan, const std::string& row, Guards guards);
+/// The installed ones of `products`; notes the others in `row`.
+Products Installed(Plan& plan, const std::string& row, Products products);
 
 }  // namespace Bench

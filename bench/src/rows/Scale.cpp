@@ -1,12 +1,12 @@
-// What grows with the tree: set-up, memory, the time of one restore, and the rest at the largest.
-// One tree for all, one guard at a time: the kernel's limit of watches allows no more.
+// Set-up, memory and the time of one restore by tree size, and the idle load for the largest tree.
+// All products use one tree in turn, because of the kernel's limit of watches.
 #include <filesystem>
 
 #include "base/FileObserver.h"
-#include "guards/AgentGuard.h"
-#include "guards/BareRsync.h"
-#include "guards/Peers.h"
-#include "guards/RawWatch.h"
+#include "products/BareRsync.h"
+#include "products/Peers.h"
+#include "products/RawWatch.h"
+#include "products/Sentrel.h"
 #include "rows/Row.h"
 
 namespace Bench {
@@ -14,24 +14,24 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kSmallest = 10;  ///< what memory is counted from
+constexpr std::size_t kSmallest = 10;  ///< the base of the memory figures
 constexpr std::size_t kLargest = 100000;
 constexpr std::size_t kSamples = 20;
-constexpr milliseconds kPatience{10000};
-constexpr microseconds kBeforeRest{3000000};
+constexpr milliseconds kTimeout{10000};
+constexpr microseconds kIdleBeforeRest{3000000};
 constexpr char kTargets[] = "targets";
 
-struct Contestant {
-    std::unique_ptr<Guard> guard;
+struct Candidate {
+    std::unique_ptr<Product> product;
     bool restores;
 };
 
-std::vector<Contestant> Contestants(const Machine& machine) {
-    std::vector<Contestant> all;
+std::vector<Candidate> Candidates(const Machine& machine) {
+    std::vector<Candidate> all;
     all.push_back({std::make_unique<BareRsync>(machine), true});
     all.push_back({std::make_unique<RawWatch>(machine, 1), false});
     all.push_back({std::make_unique<RawWatch>(machine, 2), false});
-    all.push_back({std::make_unique<AgentGuard>(machine, true), true});
+    all.push_back({std::make_unique<Sentrel>(machine, true), true});
     all.push_back({std::make_unique<Inotifywait>(machine), false});
     all.push_back({std::make_unique<InotifywaitLoop>(machine), true});
     all.push_back({std::make_unique<Lsyncd>(machine, Lsyncd::Way::kBatch), true});
@@ -39,7 +39,8 @@ std::vector<Contestant> Contestants(const Machine& machine) {
     return all;
 }
 
-/// The tree and, as copies, what is changed in it; all else in the copy is a link to the tree.
+/// A tree with some files to change. Its backup copy has copies of these; all else are links to the
+/// tree.
 struct SharedTree {
     std::string live;
     std::vector<FileState> targets;
@@ -52,13 +53,13 @@ struct SharedTree {
             const std::string name = std::string(kTargets) + "/page" + std::to_string(i);
             if (!MakeFile(live + "/" + name, 4096, static_cast<unsigned>(i))) return false;
         }
-        for (const FileState& file : Survey(live + "/" + kTargets)) {
+        for (const FileState& file : ScanTree(live + "/" + kTargets)) {
             targets.push_back({std::string(kTargets) + "/" + file.path, file.size, file.mtime});
         }
         return true;
     }
 
-    bool MakeGood(const std::string& good) const {
+    bool MakeCopy(const std::string& good) const {
         std::error_code error;
         fs::create_directories(good, error);
         for (const auto& entry : fs::directory_iterator(live)) {
@@ -83,90 +84,92 @@ class ScaleRow {
     ScaleRow& operator=(const ScaleRow&) = delete;
 
     void Run(std::map<std::string, std::size_t>& smallest) {
-        plan_.Say("making " + std::to_string(directories_) + " directories");
+        plan_.Print("making " + std::to_string(directories_) + " directories");
         if (!tree_.Make(folder_, directories_)) return;
-        Warm();
+        WarmCaches();
         const bool counts = directories_ > kSmallest;
         const int runs = counts ? plan_.Runs(5, directories_ == kLargest ? 1 : 3) : 1;
-        for (Contestant& one : Contestants(plan_.machine)) {
-            const std::string name = one.guard->Name();
-            if (!one.guard->Missing().empty()) {
-                plan_.results.Note("ready" + suffix_, name, "skipped: " + one.guard->Missing());
+        for (Candidate& one : Candidates(plan_.machine)) {
+            const std::string name = one.product->Name();
+            if (!one.product->Missing().empty()) {
+                plan_.results.Note("ready" + suffix_, name, "skipped: " + one.product->Missing());
                 continue;
             }
-            plan_.Say(name);
-            for (int run = 0; plan_.Goes(run, runs); ++run) {
-                if (!MeasureOne(*one.guard, one.restores, run + 1 == runs, smallest)) break;
+            plan_.Print(name);
+            for (int run = 0; plan_.ShouldRun(run, runs); ++run) {
+                if (!MeasureOne(*one.product, one.restores, run + 1 == runs, smallest)) break;
             }
         }
     }
 
   private:
-    /// Each guard finds the kernel's caches as the one before left them; so does the first.
-    void Warm() const {
+    /// Fills the kernel's caches for the first product, as the products before do for the others.
+    void WarmCaches() const {
         Bench::Run({{"/usr/bin/find", tree_.live, "-size", "+1G"}, {}, "", "", ""});
     }
 
-    bool MeasureOne(Guard& guard, bool restores, bool last,
+    bool MeasureOne(Product& product, bool restores, bool last,
                     std::map<std::string, std::size_t>& smallest) {
         const Site site{tree_.live, folder_ + "/good", folder_ + "/scratch"};
         RemoveTree(site.scratch);
         fs::create_directories(site.scratch);
-        if (!fs::exists(guard.GoodRoot(site)) && !tree_.MakeGood(guard.GoodRoot(site)))
+        if (!fs::exists(product.CopyRoot(site)) && !tree_.MakeCopy(product.CopyRoot(site)))
             return false;
-        GuardSettings settings;
+        ProductSettings settings;
         settings.makes_copy = false;
-        if (!guard.Start(site, settings)) {
-            plan_.results.Note("ready" + suffix_, guard.Name(), guard.Problem());
+        if (!product.Start(site, settings)) {
+            plan_.results.Note("ready" + suffix_, product.Name(), product.Problem());
             return false;
         }
         if (directories_ == kSmallest) {
-            guard.Settle();
-            smallest[guard.Name()] = guard.MemoryBytes();
+            product.Settle();
+            smallest[product.Name()] = product.MemoryBytes();
         } else {
-            if (guard.Runs()) plan_.results.Add("ready" + suffix_, guard.Name(), guard.ReadyMs());
-            if (last) MeasureRunning(guard, restores, smallest[guard.Name()]);
+            if (product.Runs())
+                plan_.results.Add("ready" + suffix_, product.Name(), product.ReadyMs());
+            if (last) MeasureRunning(product, restores, smallest[product.Name()]);
         }
-        guard.Stop();
+        product.Stop();
         return true;
     }
 
-    void MeasureRunning(Guard& guard, bool restores, std::size_t smallest) {
-        guard.Settle();
-        if (guard.Runs()) {
+    void MeasureRunning(Product& product, bool restores, std::size_t smallest) {
+        product.Settle();
+        if (product.Runs()) {
             const double bytes =
-                static_cast<double>(guard.MemoryBytes()) - static_cast<double>(smallest);
-            plan_.results.Add("memory" + suffix_, guard.Name(),
+                static_cast<double>(product.MemoryBytes()) - static_cast<double>(smallest);
+            plan_.results.Add("memory" + suffix_, product.Name(),
                               bytes / static_cast<double>(directories_ - kSmallest));
         }
-        const bool ours = dynamic_cast<AgentGuard*>(&guard) != nullptr;
-        if (directories_ == kLargest && guard.Runs() && (ours || !plan_.brief)) MeasureRest(guard);
-        if (restores) MeasureLatency(guard);
+        const bool ours = dynamic_cast<Sentrel*>(&product) != nullptr;
+        if (directories_ == kLargest && product.Runs() && (ours || !plan_.brief))
+            MeasureRest(product);
+        if (restores) MeasureLatency(product);
     }
 
-    void MeasureRest(Guard& guard) {
+    void MeasureRest(Product& product) {
         const microseconds time = std::chrono::seconds(plan_.Runs(30, 10));
-        Pause(kBeforeRest);
-        const auto cpu = guard.CpuTime();
+        Pause(kIdleBeforeRest);
+        const auto cpu = product.CpuTime();
         const auto start = Clock::now();
         Pause(time);
         const double used =
-            std::chrono::duration<double, std::milli>(guard.CpuTime() - cpu).count();
-        plan_.results.Add("rest" + suffix_, guard.Name(), 100 * used / MsSince(start));
+            std::chrono::duration<double, std::milli>(product.CpuTime() - cpu).count();
+        plan_.results.Add("rest" + suffix_, product.Name(), 100 * used / MsSince(start));
     }
 
-    void MeasureLatency(Guard& guard) {
+    void MeasureLatency(Product& product) {
         const std::string row = "latency" + suffix_;
         for (const FileState& file : tree_.targets) {
             const std::string path = tree_.live + "/" + file.path;
             const FileObserver observer(path);
             const auto tampered = Tamper(path);
-            const auto start = guard.Told(file.path).value_or(tampered);
-            const auto back = observer.AwaitBack(file, kPatience);
-            guard.Settle();
-            if (back) plan_.results.Add(row, guard.Name(), MsBetween(start, *back));
+            const auto start = product.StartRestore(file.path).value_or(tampered);
+            const auto back = observer.AwaitRestore(file, kTimeout);
+            product.Settle();
+            if (back) plan_.results.Add(row, product.Name(), MsBetween(start, *back));
             if (!back) {
-                plan_.results.Note(row, guard.Name(), "one did not come back");
+                plan_.results.Note(row, product.Name(), "one did not come back");
                 return;
             }
         }

@@ -1,0 +1,81 @@
+#include "fixtures/EventFixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Engine::SentrelStatus;
+using test::Event;
+
+TEST_F(Event, ContentBehindAPlantedLink_IsNotInTheAlarm) {
+    utils_->monitor_only = true;
+    utils_->diff_content = true;
+    PlantLink("sub");
+    Tell(File("sub/page.html"), IN_MODIFY);
+    fs::remove(File("index.html"));
+    fs::create_symlink(data_.Path("elsewhere/passwd"), File("index.html"));
+    Tell(File("index.html"), IN_CREATE);
+    for (const auto& alarm : running_.fakes->data.Seen()) {
+        EXPECT_EQ(alarm.body.find("secret"), std::string::npos) << alarm.body;
+    }
+    EXPECT_EQ(Alarms(), "modify sub/page.html: reported only\nmodify index.html: reported only\n");
+}
+
+TEST_F(Event, Alarm_DescribesTheObjectBeforeItsRestore) {
+    utils_->diff_content = utils_->diff_attr = true;
+    ::chmod(data_.Write("site/index.html", "defaced!").c_str(), 0666);
+    Tell(File("index.html"), IN_MODIFY);
+    data_.Write("site/shell.php", "evil code");
+    Tell(File("shell.php"), IN_CREATE);
+    data_.Write("site/sub/page.html", std::string("\0\1", 2));
+    Tell(File("sub/page.html"), IN_MODIFY);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    const auto alarms = running_.fakes->data.Seen();
+    ASSERT_EQ(alarms.size(), 3U);
+    EXPECT_NE(alarms[0].body.find("< defaced!"), std::string::npos) << alarms[0].body;
+    EXPECT_NE(alarms[0].body.find("mode:-rw-rw-rw- size:8)"), std::string::npos) << alarms[0].body;
+    EXPECT_NE(alarms[1].body.find("\"evil code\""), std::string::npos) << alarms[1].body;
+    EXPECT_NE(alarms[2].body.find("Binary files " + File("sub/page.html")), std::string::npos)
+        << alarms[2].body;
+}
+
+TEST_F(Event, ConcurrentChanges_HaveTheirOwnDifferencesInTheirOrder) {
+    utils_->diff_content = true;
+    TellAtOnce([&] {
+        data_.Write("site/index.html", "defaced index");
+        Post("index.html", IN_MODIFY);
+        fs::remove(File("sub/page.html"));
+        Post("sub/page.html", IN_DELETE);
+        data_.Write("site/shell.php", "evil code");
+        Post("shell.php", IN_CREATE);
+        Post("app.log", IN_MODIFY);  // needs no alarm and must not delay the others
+    });
+    EXPECT_EQ(AlarmsOnce(3),
+              "modify index.html: restored\ndelete sub/page.html: restored\n"
+              "add shell.php: removed\n");
+    const auto seen = running_.fakes->data.Seen();
+    EXPECT_NE(seen[0].body.find("< defaced index"), std::string::npos) << seen[0].body;
+    EXPECT_NE(seen[1].body.find(R"("diff":"")"), std::string::npos) << seen[1].body;
+    EXPECT_NE(seen[2].body.find(R"("evil code")"), std::string::npos) << seen[2].body;
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+}
+
+TEST_F(Event, AlarmOfAChmod_HasBothModes) {
+    utils_->diff_attr = true;
+    ::chmod(File("index.html").c_str(), 0777);
+    Tell(File("index.html"), IN_ATTRIB);
+    const auto alarms = running_.fakes->data.Seen();
+    ASSERT_EQ(alarms.size(), 1U);
+    EXPECT_NE(alarms[0].body.find("before(uid:0 gid:0 mode:-rw-r--r-- size:7)"), std::string::npos);
+    EXPECT_NE(alarms[0].body.find("after(uid:0 gid:0 mode:-rwxrwxrwx size:7)"), std::string::npos)
+        << alarms[0].body;
+}
+
+TEST_F(Event, DifferenceOfAHugeFile_IsLeftOutAndTheOutcomeSaysSo) {
+    utils_->diff_content = true;
+    fs::resize_file(File("index.html"), 6ULL << 30);
+    Tell(File("index.html"), IN_MODIFY);
+    EXPECT_EQ(Content("index.html"), "welcome");
+    EXPECT_EQ(Alarms(), "modify index.html: restored; difference left out\n");
+}
+
+}  // namespace
