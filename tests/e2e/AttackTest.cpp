@@ -46,23 +46,11 @@ constexpr const char* kInternalNames[] = {".morvane-restore-0123456789abcdef",
 constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kOld = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-std::string Base64(const std::string& text) {
-    static constexpr char kDigits[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string coded;
-    for (std::size_t at = 0; at + 2 < text.size(); at += 3) {
-        const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
-        const unsigned bits = static_cast<unsigned>(byte(0) << 16 | byte(1) << 8 | byte(2));
-        for (const unsigned shift : {18U, 12U, 6U, 0U}) coded += kDigits[bits >> shift & 63U];
-    }
-    return coded;
-}
-
 /// A shell command without a "/" that runs `command`.
-std::string EncodedCommand(std::string command) {
-    while (command.size() % 3 != 0) command += ' ';
-    while (Base64(command).find('/') != std::string::npos) command.insert(0, "   ");
-    return "echo " + Base64(command) + "|base64 -d|sh";
+std::string EncodedCommand(const std::string& command) {
+    std::string text;
+    for (const char byte : command) text += byte == '/' ? "$(printf '\\57')" : std::string(1, byte);
+    return text;
 }
 
 /// Metadata and content of all objects of a tree, by path.
@@ -393,30 +381,15 @@ class Attacker {
 
     /// Changes a file or directory in a random way.
     void Tamper(int directory, const std::string& name) {
-        switch (directory < 0 ? 6 : random_() % 6) {
-            case 0:
-                Append(directory, name);
-                break;
-            case 1:
-                SDK::DirUtils::DeleteAt(directory, name);
-                break;
-            case 2:
-                SDK::DirUtils::DeleteAt(directory, name);
-                ::mkdirat(directory, name.c_str(), 0777);
-                break;
-            case 3:
-                SDK::DirUtils::DeleteAt(directory, name);
-                Write(directory, name, kNew);
-                break;
-            case 4:
-                ::renameat(directory, name.c_str(), directory, (name.substr(0, 200) + "2").c_str());
-                break;
-            case 5:
-                ::fchmodat(directory, name.c_str(), 0777, 0);
-                break;
-            default:
-                break;
-        }
+        if (directory < 0) return;
+        const auto way = random_() % 6;
+        if (way == 0) Append(directory, name);
+        if (way == 1 || way == 2 || way == 3) SDK::DirUtils::DeleteAt(directory, name);
+        if (way == 2) ::mkdirat(directory, name.c_str(), 0777);
+        if (way == 3) Write(directory, name, kNew);
+        if (way == 5) ::fchmodat(directory, name.c_str(), 0777, 0);
+        if (way != 4) return;
+        ::renameat(directory, name.c_str(), directory, (name.substr(0, 200) + "2").c_str());
     }
     void ReplaceByDirectory(const std::string& page) {
         ::unlinkat(public_.Get(), page.c_str(), 0);

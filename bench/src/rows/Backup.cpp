@@ -28,8 +28,8 @@ double BareMs(const Plan& plan, const Site& site, const std::string& to) {
 }
 
 /// Applies the policy without an existing copy, so that it makes a first backup.
-bool MeasureOurs(Plan& plan, TestBed& bed, const ProductSettings& settings,
-                 const std::string& put_by) {
+bool MeasureSentrel(Plan& plan, TestBed& bed, const ProductSettings& settings,
+                    const std::string& put_by) {
     auto& agent = dynamic_cast<Sentrel&>(bed.UnderTest());
     ::sync();
     if (!agent.Protect(bed.Paths(), settings)) {
@@ -66,7 +66,9 @@ void MeasureBackup(Plan& plan) {
                              BareMs(plan, bed.Paths(), old + "/bare" + suffix + "/"));
             return true;
         };
-        const auto ours = [&] { return MeasureOurs(plan, bed, settings, old + "/ours" + suffix); };
+        const auto ours = [&] {
+            return MeasureSentrel(plan, bed, settings, old + "/ours" + suffix);
+        };
         // The order alternates, since the writes of one slow the next.
         if (!(run % 2 == 0 ? bare() && ours() : ours() && bare())) return;
     }

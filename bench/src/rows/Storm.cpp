@@ -79,7 +79,7 @@ void MeasureReports(Plan& plan, const Sentrel& agent, const TestBed& bed, std::i
     plan.results.Add("storm_30000_shown", agent.Name(), static_cast<double>(shown));
 }
 
-void MeasureOurs(Plan& plan) {
+void MeasureSentrel(Plan& plan) {
     auto bed = Prepare(plan, std::make_unique<Sentrel>(plan.machine, true));
     if (!bed) return;
     auto& agent = dynamic_cast<Sentrel&>(bed->UnderTest());
@@ -156,7 +156,7 @@ void MeasurePeer(Plan& plan, std::unique_ptr<Product> product) {
 }  // namespace
 
 void MeasureStorm(Plan& plan) {
-    MeasureOurs(plan);
+    MeasureSentrel(plan);
     if (plan.brief) return;
     MeasureWholeTree(plan);
     MeasureLoop(plan);

@@ -29,10 +29,10 @@ using test::TempDir;
 
 constexpr uid_t kSiteUser = 33;
 
-/// Another process that does something and then lives until the object goes.
+/// A process that runs an action and then waits until it is destroyed.
 class OtherProcess {
   public:
-    /// `action` returns whether it succeeded; the child waits then.
+    /// `action` returns true on success.
     explicit OtherProcess(const std::function<bool()>& action) {
         int ready[2] = {-1, -1};
         if (::pipe(ready) != 0) return;
@@ -63,7 +63,7 @@ class OtherProcess {
     bool done_ = false;
 };
 
-/// Runs `action` as the site's user; what it returned.
+/// Runs `action` as the site's user and returns its result.
 bool AsSiteUser(const std::function<bool()>& action) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -75,7 +75,7 @@ bool AsSiteUser(const std::function<bool()>& action) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-/// A site that somebody has prepared before a round begins, and the real rsync.
+/// A site that an attacker has prepared before the backup, and the real rsync.
 class OpenBackup : public ::testing::Test {
   protected:
     OpenBackup() {
@@ -111,9 +111,9 @@ class OpenBackup : public ::testing::Test {
     bool IsOpen(const std::string& name) const {
         return BackupProgress::Instance().IsOpen(rule_, Site(name));
     }
-    /// Files are stamped in steps of some milliseconds; what was written is older than a round
+    /// Waits for the next tick of the file system's clock, so that all files are older than a round
     /// that begins afterwards.
-    void LetTheClockStep() const {
+    void AwaitClockTick() const {
         struct stat before {};
         const std::string probe = data_.Write("probe", "");
         ::stat(probe.c_str(), &before);
@@ -127,10 +127,10 @@ class OpenBackup : public ::testing::Test {
             5s));
     }
     void BackUp() {
-        LetTheClockStep();
+        AwaitClockTick();
         task_.Run();
     }
-    /// Somebody who does not let go of the file before he has to.
+    /// A process with a lease of the file, which rsync cannot open therefore.
     std::unique_ptr<OtherProcess> Lease(const std::string& name) const {
         return std::make_unique<OtherProcess>([&] {
             std::signal(SIGIO, SIG_IGN);
@@ -138,7 +138,7 @@ class OpenBackup : public ::testing::Test {
             return file >= 0 && ::fcntl(file, F_SETLEASE, F_WRLCK) == 0;
         });
     }
-    /// The whole rest of the site is protected, and nothing is pending.
+    /// All other files of the site have their copies, and no backup is pending.
     void ExpectTheRestComplete() {
         EXPECT_TRUE(BackupProgress::Instance().IsComplete(rule_));
         EXPECT_FALSE(utils_->local_backup_pending);
@@ -198,7 +198,7 @@ class OpenBackup : public ::testing::Test {
     Engine::SentrelBackupTask task_;
 };
 
-TEST_F(OpenBackup, LeasedFile_CostsOnlyItselfAndIsCopiedOnceItIsFree) {
+TEST_F(OpenBackup, LeasedFile_IsOpenAndCopiedLater) {
     data_.Write("site/aa-leased.php", "shell");
     auto holder = Lease("aa-leased.php");
     if (!holder->HasDone()) GTEST_SKIP() << "no leases on this file system";
@@ -210,7 +210,7 @@ TEST_F(OpenBackup, LeasedFile_CostsOnlyItselfAndIsCopiedOnceItIsFree) {
     EXPECT_EQ(OpenInStatus()["count"].asInt(), 1);
     EXPECT_EQ(OpenInStatus()["examples"][0]["path"], Site("aa-leased.php"));
 
-    // What is tampered with meanwhile does not become the good state.
+    // A change meanwhile does not become the good state.
     data_.Write("site/index.html", "defaced");
     RetryNow();
     EXPECT_TRUE(IsOpen("aa-leased.php"));
@@ -224,23 +224,23 @@ TEST_F(OpenBackup, LeasedFile_CostsOnlyItselfAndIsCopiedOnceItIsFree) {
     EXPECT_EQ(Alarms().size(), 1U);
 }
 
-TEST_F(OpenBackup, OpenObjectThatIsChanged_StaysOpenAndItsContentNeverBecomesGood) {
+TEST_F(OpenBackup, ChangedOpenObject_StaysOpenAndIsNotCopied) {
     data_.Write("site/aa-leased.php", "shell");
     auto holder = Lease("aa-leased.php");
     if (!holder->HasDone()) GTEST_SKIP() << "no leases on this file system";
     BackUp();
     holder.reset();
-    LetTheClockStep();
+    AwaitClockTick();
     data_.Write("site/aa-leased.php", "worse");
     RetryNow();
     EXPECT_TRUE(IsOpen("aa-leased.php"));
     EXPECT_FALSE(fs::exists(Copy("aa-leased.php")));
     fs::remove(Site("aa-leased.php"));
     RetryNow();
-    EXPECT_FALSE(IsOpen("aa-leased.php"));  // what comes there now is foreign
+    EXPECT_FALSE(IsOpen("aa-leased.php"));  // a new object there is foreign
 }
 
-TEST_F(OpenBackup, NamesBeyondTheLongestPath_AreOpenAsOneDirectory) {
+TEST_F(OpenBackup, TooLongPaths_AreOpenAsOneDirectory) {
     const std::string name(200, 'd');
     int at = ::open(rule_.real_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     for (int depth = 0; depth < 25; ++depth) {
@@ -263,7 +263,7 @@ TEST_F(OpenBackup, NamesBeyondTheLongestPath_AreOpenAsOneDirectory) {
     for (const std::string& alarm : Alarms()) EXPECT_LT(alarm.size(), 4096U);
 }
 
-TEST_F(OpenBackup, HugeSparseFile_CostsOnlyItselfAlthoughRsyncEndsAtIt) {
+TEST_F(OpenBackup, HugeSparseFile_IsOpenAlthoughRsyncEndsAtIt) {
     const int huge = ::open(Site("!huge.iso").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
     const bool is_made = ::ftruncate(huge, 10'000'000'000'000) == 0;
     ::close(huge);
@@ -278,7 +278,7 @@ TEST_F(OpenBackup, HugeSparseFile_CostsOnlyItselfAlthoughRsyncEndsAtIt) {
     ExpectOneAlarmNaming("!huge.iso");
 }
 
-TEST_F(OpenBackup, WhatCameOrChangedSinceTheRoundBegan_IsNeitherCopiedNorOpen) {
+TEST_F(OpenBackup, ObjectsChangedDuringTheRound_AreNeitherCopiedNorOpen) {
     data_.Write("site/early.txt", "early");
     UseRsyncThat("echo new >" + Site("vanishing.php") + "; echo more >>" + Site("early.txt") +
                  "; mkdir " + Site("newdir") + "; exit 24\n");
@@ -292,7 +292,7 @@ TEST_F(OpenBackup, WhatCameOrChangedSinceTheRoundBegan_IsNeitherCopiedNorOpen) {
     EXPECT_TRUE(Alarms().empty());
 }
 
-TEST_F(OpenBackup, WhatWentBeforeTheRound_LosesItsCopyAndWhatWentLaterKeepsIt) {
+TEST_F(OpenBackup, ObjectsDeletedBeforeTheRound_LoseTheirCopies) {
     data_.Write("site/old/gone.html", "gone");
     data_.Write("site/young/gone.html", "gone");
     data_.Write("site/changed", "a file");
@@ -311,7 +311,7 @@ TEST_F(OpenBackup, WhatWentBeforeTheRound_LosesItsCopyAndWhatWentLaterKeepsIt) {
     EXPECT_EQ(TempDir::Read(Copy("changed/page.html")), "now a directory");
 }
 
-TEST_F(OpenBackup, OneRuleThatFails_HasNoOtherCopiedAgain) {
+TEST_F(OpenBackup, FailedRule_DoesNotCauseOtherRulesToBeCopiedAgain) {
     utils_->dir_rules.push_back(Rule("missing"));
     BackUp();
     EXPECT_TRUE(BackupProgress::Instance().IsComplete(rule_));
@@ -326,7 +326,7 @@ TEST_F(OpenBackup, OneRuleThatFails_HasNoOtherCopiedAgain) {
     EXPECT_EQ(TempDir::Read(Copy("index.html")), "good index.html");
 }
 
-TEST_F(OpenBackup, CopiesAreOutOfReachOfWhoeverOwnsThePages) {
+TEST_F(OpenBackup, Copies_AreNotReachableForTheOwnerOfThePages) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     ::chmod(data_.Path().c_str(), 0755);
     for (const char* name : {"", "index.html", "sub"}) {
@@ -338,7 +338,7 @@ TEST_F(OpenBackup, CopiesAreOutOfReachOfWhoeverOwnsThePages) {
                    ::rename(Copy("index.html").c_str(), Copy("sub/other").c_str()) == 0;
         });
     };
-    // Made with its missing parents, or by an administrator who left it open.
+    // Created with its parents, or created by an administrator with mode 0755.
     const std::string plain = rule_.backup_path;
     for (const std::string& place : {plain + "/made/deep", plain + "/left/open"}) {
         if (place != plain + "/made/deep") {
@@ -359,10 +359,10 @@ TEST_F(OpenBackup, CopiesAreOutOfReachOfWhoeverOwnsThePages) {
         EXPECT_EQ(info.st_uid, 0U);
     }
     ::chmod(rule_.backup_path.c_str(), 0755);
-    EXPECT_TRUE(can_change_copy()) << "this test would not see a hole";
+    EXPECT_TRUE(can_change_copy()) << "the check above detects nothing";
 }
 
-TEST_F(OpenBackup, BackupPathThatOthersUse_IsRefusedAndLeftAsItIs) {
+TEST_F(OpenBackup, BackupPathInUseByOthers_IsRejectedAndNotChanged) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     ::chmod(data_.Path().c_str(), 0755);
     const auto refuse = [&](const std::string& path) {

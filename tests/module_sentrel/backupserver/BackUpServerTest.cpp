@@ -94,7 +94,7 @@ TEST_F(BackUpServer, AcceptedPolicy_WritesTheDaemonConfiguration) {
     EXPECT_EQ(install_.Debugs("backupserver path[" + root + "/received/here] not exist."), 1);
 }
 
-TEST_F(BackUpServer, RejectedPolicy_LeavesNoOrTheOldConfiguration) {
+TEST_F(BackUpServer, RejectedPolicy_KeepsOrRemovesTheConfiguration) {
     install_.dir.Write("conf/morvane_rsync.conf", "old");
     Json::Value document = Document();
     document["content"]["backupserver_port"] = 0;
@@ -111,7 +111,7 @@ TEST_F(BackUpServer, RejectedPolicy_LeavesNoOrTheOldConfiguration) {
     EXPECT_FALSE(Parse(document));
 }
 
-TEST_F(BackUpServer, PidFile_IsBelievedOnlyForALiveProcess) {
+TEST_F(BackUpServer, PidFile_IsValidOnlyForALivingProcess) {
     int pid = 7;
     EXPECT_FALSE(utils_->GetRsyncRunningPid(pid_file_, pid));
     EXPECT_EQ(pid, 7);
@@ -128,7 +128,7 @@ TEST_F(BackUpServer, PidFile_IsBelievedOnlyForALiveProcess) {
     fs::remove(pid_file_);
 }
 
-TEST_F(BackUpServer, PidFileOfAnotherProcess_IsDroppedAtTheStartAndObeyedLater) {
+TEST_F(BackUpServer, PidFileOfAnotherProcess_IsRemovedAtTheStartAndUsedLater) {
     const pid_t other = ::fork();
     if (other == 0) {
         ::execl("/bin/sleep", (install_.Path() + "bin/rsync").c_str(), "60", nullptr);
@@ -160,39 +160,32 @@ TEST_F(BackUpServer, PidFileOfAnotherProcess_IsDroppedAtTheStartAndObeyedLater) 
     EXPECT_FALSE(fs::exists(pid_file_));
 }
 
-TEST_F(BackUpServer, DaemonOfOurs_IsKeptAtTheStart) {
-    install_.UseRealRsync();
-    ASSERT_TRUE(Parse(Document()));
-    ASSERT_TRUE(utils_->RunRsyncDaemon(conf_));
-    ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
-    const int pid = RunningPid();
-    Engine::RsyncDaemon::DropForeignPidFile(install_.Path());
-    EXPECT_EQ(RunningPid(), pid);
-}
-
-TEST_F(BackUpServer, Task_StartsTheDaemonAgainWhenItIsDead) {
+TEST_F(BackUpServer, Task_KeepsItsDaemonAndRestartsADeadOne) {
     install_.UseRealRsync();
     ASSERT_TRUE(Parse(Document()));
     auto& status = Engine::BackUpServerStatus::Instance();
     status.SetOn("127.0.0.1", port_, utils_->backupserver_path);
-    const auto told = [&] { return status.ToJson(Engine::RsyncDaemon::FindOwn(install_.Path())); };
-    EXPECT_EQ(test::Text(told()["pid"]) + test::Text(told()["last_start"]), "nullnull");
+    const auto current = [&] {
+        return status.ToJson(Engine::RsyncDaemon::FindOwn(install_.Path()));
+    };
+    EXPECT_EQ(test::Text(current()["pid"]) + test::Text(current()["last_start"]), "nullnull");
     Engine::BackUpServerTask task;
     EXPECT_EQ(task.Run(), 0);
     EXPECT_EQ(install_.Debugs("pid not running: 0"), 1);
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
     const int first = RunningPid();
+    Engine::RsyncDaemon::DropForeignPidFile(install_.Path());
     task.Run();
     EXPECT_EQ(RunningPid(), first);
-    EXPECT_EQ(told()["pid"], first);
-    EXPECT_EQ(told()["restarts"].asInt(), 0);
-    EXPECT_GT(told()["last_start"].asInt64(), 0);
+    EXPECT_EQ(current()["pid"], first);
+    EXPECT_EQ(current()["restarts"].asInt(), 0);
+    EXPECT_GT(current()["last_start"].asInt64(), 0);
     ASSERT_EQ(::kill(first, SIGKILL), 0);
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() == 0; }, 10s));
     task.Run();
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
     EXPECT_NE(RunningPid(), first);
-    EXPECT_TRUE(told()["running"].asBool() && told()["restarts"].asInt() == 1);
+    EXPECT_TRUE(current()["running"].asBool() && current()["restarts"].asInt() == 1);
     EXPECT_TRUE(task.UnInit());
     EXPECT_EQ(RunningPid(), 0);
     EXPECT_FALSE(fs::exists(pid_file_));

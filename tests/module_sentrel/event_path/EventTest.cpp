@@ -63,7 +63,7 @@ TEST_F(Event, ChangedOwner_IsRestoredAndItsEchoIsIgnored) {
     EXPECT_EQ(Counter("restores_done"), 3);
 }
 
-TEST_F(Event, ForeignFileAndTree_AreRemovedOnArrivalOnly) {
+TEST_F(Event, ForeignFileAndTree_AreRemovedOnlyOnArrival) {
     data_.Write("site/shell.php", "evil");
     data_.Write("site/new/deep/shell.php", "evil");
     Tell(File("shell.php"), IN_MODIFY);
@@ -80,7 +80,7 @@ TEST_F(Event, ForeignFileAndTree_AreRemovedOnArrivalOnly) {
     EXPECT_EQ(Alarms(), "");
 }
 
-TEST_F(Event, Moves_AreUndoneAtBothEnds) {
+TEST_F(Event, Move_IsUndoneAtBothEnds) {
     fs::rename(File("index.html"), File("gone.html"));
     Tell(File("index.html"), IN_MOVED_FROM, File("gone.html"));
     Tell(File("gone.html"), IN_MOVED_TO);
@@ -96,7 +96,7 @@ TEST_F(Event, Moves_AreUndoneAtBothEnds) {
     EXPECT_EQ(Counter("removals_failed"), 0);
 }
 
-TEST_F(Event, Exclusions_AreLeftAlone) {
+TEST_F(Event, ExcludedObjects_AreIgnored) {
     data_.Write("site/uploads/user.png", "other");
     data_.Write("site/other.log", "x");
     utils_->other_rule_prefixes = {File("other_rule/")};

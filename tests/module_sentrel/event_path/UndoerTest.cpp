@@ -29,8 +29,8 @@ TEST_F(Event, DeletedFileAndDirectory_AreRestored) {
     EXPECT_EQ(Alarms(), "delete sub/page.html: restored\ndelete : restored\n");
 }
 
-// Also when nothing tells by the times of a directory that something in it was replaced.
-TEST_F(Event, FileInPlaceOfADirectoryOrTheOtherWayRound_IsReplaced) {
+// Also when the times of the parent directory do not show the replacement.
+TEST_F(Event, FileInPlaceOfADirectoryAndViceVersa_IsReplaced) {
     fs::remove(File("index.html"));
     data_.Write("site/index.html/shell.php", "evil");
     Tell(File("index.html"), IN_CREATE | IN_ISDIR);
@@ -46,7 +46,7 @@ TEST_F(Event, FileInPlaceOfADirectoryOrTheOtherWayRound_IsReplaced) {
               "modify sub/page.html: restored\ndelete sub/: restored\n");
 }
 
-TEST_F(Event, DirectoryThatLacksOnlyWhatIsExcluded_IsLeftAlone) {
+TEST_F(Event, DirectoryThatLacksOnlyExcludedObjects_IsNotRestored) {
     const std::string copy = rule_.backup_path + File("sub/");
     struct stat before {};
     ASSERT_EQ(::stat(copy.c_str(), &before), 0);
@@ -61,7 +61,7 @@ TEST_F(Event, DirectoryThatLacksOnlyWhatIsExcluded_IsLeftAlone) {
     EXPECT_EQ(Counter("restores_done"), 0);
 }
 
-TEST_F(Event, EmptyDirectoryInPlaceOfItsLike_IsFilledAgain) {
+TEST_F(Event, EmptyDirectoryWithTheSameAttributes_IsRestored) {
     struct stat before {};
     ASSERT_EQ(::stat(File("sub").c_str(), &before), 0);
     fs::remove_all(File("sub"));
@@ -86,7 +86,7 @@ TEST_F(Event, RootRestore_KeepsExcludedContent) {
     EXPECT_EQ(Alarms(), "attribute : restored\n");
 }
 
-TEST_F(Event, RestoreOfADirectory_KeepsWhatIsExcludedFurtherDown) {
+TEST_F(Event, RestoreOfADirectory_KeepsExcludedSubdirectories) {
     rule_.ignored_subdir = {"sub/cache"};
     Apply();
     data_.Write("site/sub/cache/kept", "x");
@@ -98,7 +98,7 @@ TEST_F(Event, RestoreOfADirectory_KeepsWhatIsExcludedFurtherDown) {
     EXPECT_EQ(fs::status(File("sub")).permissions(), fs::perms(0755));
 }
 
-TEST_F(Event, LinkOrPipeInPlaceOfSomething_IsReplacedAndNotFollowed) {
+TEST_F(Event, LinkOrPipeInPlaceOfAnObject_IsReplacedAndNotFollowed) {
     PlantLink("sub");
     Tell(File("sub"), IN_CREATE);
     fs::remove(File("sub/page.html"));
@@ -118,7 +118,7 @@ TEST_F(Event, LinkOrPipeInPlaceOfSomething_IsReplacedAndNotFollowed) {
     EXPECT_EQ(Counter("planted_links_removed"), 3);
 }
 
-TEST_F(Event, LinkPlantedOnTheWay_BringsTheWholeDirectoryBack) {
+TEST_F(Event, LinkInPlaceOfAParent_RestoresTheWholeDirectory) {
     data_.Write("site/sub/deep/a.html", "a");
     ASSERT_TRUE(
         utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, {}, {}, Engine::RSYNC_BACKUP));
@@ -129,7 +129,7 @@ TEST_F(Event, LinkPlantedOnTheWay_BringsTheWholeDirectoryBack) {
     ExpectElsewhereUntouched();
 }
 
-TEST_F(Event, RemovalBehindALink_TakesTheLinkOnlyWhereADirectoryBelongs) {
+TEST_F(Event, RemovalBehindALink_RemovesTheLinkOnlyInPlaceOfADirectory) {
     PlantLink("sub");
     Tell(File("sub/passwd"), IN_CREATE);
     EXPECT_FALSE(fs::exists(fs::symlink_status(File("sub"))));
@@ -144,7 +144,7 @@ TEST_F(Event, RemovalBehindALink_TakesTheLinkOnlyWhereADirectoryBelongs) {
               "add foreign/: removed\n");
 }
 
-TEST_F(Event, RestoreThatFails_IsSaidInAlarmAndStatus) {
+TEST_F(Event, FailedRestore_IsInTheAlarmAndTheStatus) {
     data_.Write("site/index.html", "");
     task_.watch_rules[watch_] = rule_;
     SentrelStatus::Instance().PublishPaths({{watch_, rule_}});
@@ -160,7 +160,7 @@ TEST_F(Event, RestoreThatFails_IsSaidInAlarmAndStatus) {
     EXPECT_EQ(status["counters"]["restores_failed"].asInt(), 1);
 }
 
-// No name reaches a shell or another argument, and each comes back: single objects and directories.
+// No name is interpreted by a shell or as an option.
 TEST_F(Event, EveryName_IsRestoredAndNoneIsRun) {
     const std::string run = "touch ${HOME}run";
     std::vector<std::string> names = {"x;" + run + ";y.html", "$(" + run + ")", "`" + run + "`",
@@ -189,8 +189,7 @@ TEST_F(Event, EveryName_IsRestoredAndNoneIsRun) {
     EXPECT_FALSE(fs::exists(install_.dir.Path("conf/homerun")));
 }
 
-// With the switch off rsync restores, from and to the held directories.
-TEST_F(Event, WithoutRestoresInProcess_RsyncPutsTheSameBack) {
+TEST_F(Event, WithoutRestoresInProcess_RsyncRestoresTheSame) {
     Framework::ConfigManager& config = Framework::ConfigManager::GetInstance();
     std::string error;
     ASSERT_TRUE(
@@ -213,8 +212,8 @@ TEST_F(Event, WithoutRestoresInProcess_RsyncPutsTheSameBack) {
     ASSERT_TRUE(config.Load(install_.dir.Write("b.json", "{}"), true, error));
 }
 
-// The very object that was put back, changed where nobody looks, and with its time set back.
-TEST_F(Event, WhatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
+// The restored object, changed in an excluded directory, with its old time.
+TEST_F(Event, ObjectMovedAwayChangedAndMovedBack_IsRestored) {
     data_.Write("site/index.html", "defaced!");
     Tell(File("index.html"), IN_MODIFY);
     const auto time = fs::last_write_time(File("index.html"));
@@ -225,7 +224,7 @@ TEST_F(Event, WhatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
     Tell(File("index.html"), IN_MOVED_FROM, File("uploads/x"));
     Tell(File("index.html"), IN_MOVED_TO);
     EXPECT_EQ(Content("index.html"), "welcome");
-    // A directory likewise, whose content nobody announces.
+    // The same with a directory. There are no events for its content.
     const auto page_time = fs::last_write_time(File("sub/page.html"));
     const auto sub_time = fs::last_write_time(File("sub"));
     fs::rename(File("sub"), File("uploads/sub"));
@@ -238,9 +237,9 @@ TEST_F(Event, WhatIsMovedAwayChangedAndMovedBack_IsRestoredAgain) {
     EXPECT_EQ(Content("sub/page.html"), "page");
 }
 
-// Linked in with the content of the page, and changed later through the descriptor that is kept:
-// the kernel tells that under a name that nobody has.
-TEST_F(Event, FileThatWasOpenedWithoutAName_IsFoundUnderTheNameThatItGot) {
+// A file opened without a name is linked in place of the page and changed through the descriptor.
+// The kernel reports this change under the name "#" + inode.
+TEST_F(Event, ChangeOfAnUnnamedFile_IsFoundUnderItsLinkedName) {
     struct stat info {};
     const int file = ::open(data_.Path("site").c_str(), O_TMPFILE | O_RDWR, 0644);
     ASSERT_GE(file, 0);
@@ -259,7 +258,7 @@ TEST_F(Event, FileThatWasOpenedWithoutAName_IsFoundUnderTheNameThatItGot) {
     EXPECT_TRUE(test::WaitFor([&] { return trees_to_compare() == 0; }, std::chrono::seconds(20)));
     EXPECT_EQ(Content("index.html"), "welcome");
     ::close(file);
-    // What a restore of ours is told as must not have the tree compared.
+    // The event of a restore must not start a tree comparison.
     ASSERT_EQ(::stat(File("index.html").c_str(), &info), 0);
     Tell(File("#" + std::to_string(info.st_ino)), IN_MODIFY);
     EXPECT_EQ(trees_to_compare(), 0);
@@ -275,7 +274,7 @@ TEST_F(Event, DirectoryInPlaceOfAPipe_IsReplacedByThePipe) {
     EXPECT_TRUE(fs::is_fifo(fs::symlink_status(File("pipe"))));
 }
 
-TEST_F(Event, WithoutABackupFolder_NothingIsForeign) {
+TEST_F(Event, WithoutABackupFolder_NothingIsRemoved) {
     fs::rename(rule_.backup_path, data_.Path("lost"));
     Tell(File("index.html"), IN_MOVED_TO);
     Tell(File("sub"), IN_CREATE | IN_ISDIR);
@@ -283,7 +282,7 @@ TEST_F(Event, WithoutABackupFolder_NothingIsForeign) {
     EXPECT_EQ(Alarms(), "add index.html: reported only\nadd sub/: reported only\n");
 }
 
-TEST_F(Event, TraceOfARestoreThatIsGone_IsNoChangeButAFileOfThatNameIs) {
+TEST_F(Event, TemporaryNameOfARestore_IsIgnoredOnlyWhenTheFileIsGone) {
     for (const char* name : {"#4711", ".morvane-restore-0123456789abcdef"}) {
         Tell(File(name), IN_CREATE);
         EXPECT_EQ(Alarms(), "") << name;
@@ -293,7 +292,7 @@ TEST_F(Event, TraceOfARestoreThatIsGone_IsNoChangeButAFileOfThatNameIs) {
     }
 }
 
-TEST_F(Event, SingleFile_IsRestoredAfterBeingReplaced) {
+TEST_F(Event, ReplacedSingleFile_IsRestored) {
     rule_.is_file = true;
     rule_.filepath = rule_.real_path = File("sub/page.html");
     rule_.ignored_subdir = {"cache"};

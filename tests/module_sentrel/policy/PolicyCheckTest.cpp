@@ -188,6 +188,7 @@ TEST_F(PolicyCheck, SettingsWithoutTheIntendedEffect_HaveWarnings) {
         {content + keys.hash, Quoted(std::string(64, 'A')), "", "download will fail"},
         {content + keys.hash, Quoted(std::string(128, 'a')), "", "download will fail"},
         {content + keys.url, "\"ftp://host/x\"", "", "download will fail"},
+        {content + "backup_port", "873.5", "", "must be a whole number"},
         {content + "backup_port", "65536", "", "no copy reaches"},
         {content + "backup_type", "3", "", "no backup copy"},
         {content + "backup_type", "2", content + "backup_type", "secret set client"},

@@ -18,7 +18,7 @@ class Provision : public ::testing::Test {
   protected:
     Provision() { Offer("#!/bin/sh\necho 'rsync  version 3.5.0  protocol version 32'\n"); }
 
-    /// Makes a file with that content the one that the policy names.
+    /// Makes the policy's download a file with that content.
     void Offer(const std::string& content) {
         utils_->rsync_url = "file://" + install_.dir.Write("download/rsync", content);
         utils_->rsync_hash = test::Installation::DigestOf(install_.dir.Path("download/rsync"));
@@ -34,7 +34,7 @@ class Provision : public ::testing::Test {
     std::string success_;
 };
 
-TEST_F(Provision, FirstCall_DownloadsAndLaterCallsTrustTheSameFile) {
+TEST_F(Provision, FirstCall_DownloadsAndLaterCallsUseTheSameFile) {
     ASSERT_TRUE(utils_->DownloadRsync());
     struct stat info {};
     ASSERT_EQ(::stat(rsync_.c_str(), &info), 0);
@@ -48,7 +48,7 @@ TEST_F(Provision, FirstCall_DownloadsAndLaterCallsTrustTheSameFile) {
     EXPECT_EQ(Downloads(), 2);
 }
 
-TEST_F(Provision, AllTasksAtOnce_FetchItOnce) {
+TEST_F(Provision, ConcurrentCalls_DownloadOnce) {
     std::vector<std::thread> tasks;
     for (int i = 0; i < 3; ++i) {
         tasks.emplace_back([this] { EXPECT_TRUE(utils_->DownloadRsync()); });
@@ -57,14 +57,14 @@ TEST_F(Provision, AllTasksAtOnce_FetchItOnce) {
     EXPECT_EQ(Downloads(), 1);
 }
 
-TEST_F(Provision, FileAlreadyThere_IsFetchedAgain) {
+TEST_F(Provision, ExistingFile_IsDownloadedAgain) {
     std::filesystem::copy_file(install_.dir.Path("download/rsync"), rsync_);
     ::chmod(rsync_.c_str(), 0500);
     EXPECT_TRUE(utils_->DownloadRsync());
     EXPECT_EQ(Downloads(), 1);
 }
 
-TEST_F(Provision, FailedDownload_KeepsTheOldFileAndSaysSo) {
+TEST_F(Provision, FailedDownload_KeepsTheOldFileAndLogs) {
     install_.dir.Write("bin/rsync", "old");
     utils_->rsync_hash = std::string(64, '0');
     EXPECT_FALSE(utils_->DownloadRsync());
@@ -76,7 +76,7 @@ TEST_F(Provision, FailedDownload_KeepsTheOldFileAndSaysSo) {
     EXPECT_FALSE(utils_->DownloadRsync());
 }
 
-TEST_F(Provision, OldRsync_IsUsedWithOneWarningAndAMarkInTheStatus) {
+TEST_F(Provision, OldRsync_IsUsedWithOneWarningAndADegradedStatus) {
     Offer("#!/bin/sh\necho 'rsync  version 3.2.7  protocol version 31'\n");
     EXPECT_TRUE(utils_->DownloadRsync());
     EXPECT_TRUE(utils_->DownloadRsync());
@@ -95,7 +95,7 @@ TEST_F(Provision, OldRsync_IsUsedWithOneWarningAndAMarkInTheStatus) {
     EXPECT_TRUE(Engine::FollowsPlantedLinks("3.4.99") && !Engine::FollowsPlantedLinks("3.5.0"));
 }
 
-TEST_F(Provision, PreloadLibrary_IsUsedWhereItCanBeLoadedAndNotSwitchedOff) {
+TEST_F(Provision, PreloadLibrary_IsUsedWhenItCanBeLoadedAndIsNotSwitchedOff) {
     const auto why_not = [this] {
         Offer("#!/bin/sh\necho 'rsync  version 3.5.0  protocol version 32'\n");
         EXPECT_TRUE(utils_->DownloadRsync());

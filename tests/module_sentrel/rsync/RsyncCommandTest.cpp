@@ -32,7 +32,7 @@ class RsyncCommand : public ::testing::Test {
     test::TempDir data_;
 };
 
-TEST_F(RsyncCommand, Backup_CarriesExclusionsAndKeepsThePath) {
+TEST_F(RsyncCommand, Backup_HasTheExclusionsAndTheFullPath) {
     EXPECT_TRUE(utils_->DoRsyncLocal("/var/www/html", "/backup/", {".log", ".t m p"}, {"cache"},
                                      RSYNC_BACKUP));
     ExpectRun(std::string(kBase) +
@@ -77,7 +77,7 @@ TEST_F(RsyncCommand, Remote_NamesServerPortAndAgent) {
     EXPECT_EQ(install_.Debugs("agentid pok."), 1);
 }
 
-TEST_F(RsyncCommand, Outcome_IsJudgedByExitCodeAndTheWordError) {
+TEST_F(RsyncCommand, Result_DependsOnTheExitCodeAndTheWordError) {
     const std::vector<std::pair<std::string, bool>> table = {
         {"echo all ERROR fine", true},
         {"echo sent error.html", false},
@@ -93,7 +93,7 @@ TEST_F(RsyncCommand, Outcome_IsJudgedByExitCodeAndTheWordError) {
     }
 }
 
-TEST_F(RsyncCommand, Records_NameTheSourceOfTheirClass) {
+TEST_F(RsyncCommand, Records_HaveTheGivenSourceFile) {
     EXPECT_TRUE(utils_->DoRsyncLocal("/a", "/b", {}, {}, RSYNC_BACKUP));
     EXPECT_TRUE(utils_->RunRsyncDaemon(install_.Path() + "conf/none.conf"));
     EXPECT_TRUE(utils_->SetInotifyMaxUserWatches());
@@ -102,7 +102,7 @@ TEST_F(RsyncCommand, Records_NameTheSourceOfTheirClass) {
     EXPECT_EQ(install_.log.Sources(), std::set<std::string>{"SentrelUtils.cpp"});
 }
 
-TEST_F(RsyncCommand, WatchLimit_AppendsItsLineEachTimeAndReloads) {
+TEST_F(RsyncCommand, WatchLimit_IsAppendedEachTimeAndReloaded) {
     const std::string command =
         "echo fs.inotify.max_user_watches=819200 | sudo tee -a /etc/sysctl.conf && sudo sysctl -p";
     EXPECT_TRUE(utils_->SetInotifyMaxUserWatches());
