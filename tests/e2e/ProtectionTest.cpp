@@ -1,9 +1,12 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sdk/commands/ProcessUtils.h>
 #include <sdk/files/FileDescriptor.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <future>
 
 #include "support/ProtectedSite.h"
@@ -37,6 +40,21 @@ TEST_F(Protection, Tampering_IsUndoneAndReported) {
     EXPECT_NE(page.find("modify     " + site_.Path("index.html") + "  restored in "),
               std::string::npos)
         << page;
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, WriteThroughAMapping_IsUndoneWhenTheMappingEnds) {
+    Protect();
+    const std::string page = site_.Path("index.html");
+    const std::string good = test::TempDir::Read(page);
+    SDK::FileDescriptor file(::open(page.c_str(), O_RDWR | O_CLOEXEC));
+    void* memory = ::mmap(nullptr, good.size(), PROT_WRITE, MAP_SHARED, file.Get(), 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    file.Reset();
+    std::memset(memory, '!', good.size());
+    ASSERT_EQ(::munmap(memory, good.size()), 0);
+    EXPECT_TRUE(Await([&] { return test::TempDir::Read(page) == good; }));
+    EXPECT_TRUE(Await([&] { return agent_.HasAlarm("modify", page); }));
     EXPECT_EQ(agent_.Stop(), 0);
 }
 

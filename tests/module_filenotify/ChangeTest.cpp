@@ -1,9 +1,11 @@
 #include <fcntl.h>
 #include <sdk/files/FileDescriptor.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include "NotifyFixture.h"
@@ -25,6 +27,20 @@ TEST_F(Changes, FileCreatedWrittenChangedDeleted_EachIsToldInOrder) {
     EXPECT_TRUE(Has(seen, IN_DELETE, file)) << Print(seen);
     for (const SeenChange& change : seen) EXPECT_EQ(change.watch, Root());
     EXPECT_EQ(Counter("events_dropped"), 0U);
+}
+
+// The kernel tells of no write through a mapping, and the descriptor may be closed before it.
+TEST_F(Changes, WriteThroughAMapping_IsToldWhenTheMappingEnds) {
+    const std::string file = site_.Write("root/mapped", "before");
+    Watch(Root());
+    SDK::FileDescriptor fd(::open(file.c_str(), O_RDWR | O_CLOEXEC));
+    void* memory = ::mmap(nullptr, 6, PROT_READ | PROT_WRITE, MAP_SHARED, fd.Get(), 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    fd.Reset();
+    ASSERT_FALSE(Has(SeenUntilNow(), IN_MODIFY, file));
+    std::memcpy(memory, "beyond", 6);
+    ASSERT_EQ(::munmap(memory, 6), 0);
+    EXPECT_TRUE(Sees(IN_MODIFY, file));
 }
 
 TEST_F(Changes, OddNames_AreToldAsTheyAre) {

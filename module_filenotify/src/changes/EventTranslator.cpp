@@ -107,7 +107,8 @@ void EventTranslator::HandleAt(DirNode& dir, const InotifyRecord& record) {
     } else if ((record.mask & IN_MOVED_TO) != 0) {
         moves_.MovedTo(dir, record);
     } else {
-        router_.Announce({&dir, record.name}, record.mask);
+        const bool may_be_modified = (record.mask & IN_CLOSE_WRITE) != 0;
+        router_.Announce({&dir, record.name}, record.mask | (may_be_modified ? IN_MODIFY : 0U));
     }
 }
 

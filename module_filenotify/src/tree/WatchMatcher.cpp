@@ -17,6 +17,12 @@ namespace {
 constexpr std::uint32_t kIndexMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
                                      IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
 
+/// The kernel tells of no write through a mapping, but the end of the mapping closes the file.
+std::uint32_t KernelEvents(const WatchRequest& request) {
+    const std::uint32_t mask = request.mask & IN_ALL_EVENTS;
+    return (mask & IN_MODIFY) != 0 ? mask | IN_CLOSE_WRITE : mask;
+}
+
 }  // namespace
 
 Watch& WatchMatcher::Add(std::unique_ptr<Watch> watch) {
@@ -131,7 +137,7 @@ bool WatchMatcher::CoversAllIn(const DirNode& dir, std::uint32_t& mask) const {
     bool takes_all = false;
     mask = kIndexMask;
     for (const Hit& hit : hits) {
-        mask |= hit.watch->request.mask & IN_ALL_EVENTS;
+        mask |= KernelEvents(hit.watch->request);
         takes_all = takes_all || (hit.watch->request.recursive && !HasExclusionIn(hit, dir));
     }
     return takes_all;
@@ -180,13 +186,13 @@ std::uint32_t WatchMatcher::KernelMask(const DirNode& dir) const {
     if (!dir.Is(DirNode::kThroughLink)) {
         Covering(dir.parent == nullptr ? dir : *dir.parent, dir.name, hits);
     }
-    for (const Hit& hit : hits) mask |= hit.watch->request.mask & IN_ALL_EVENTS;
+    for (const Hit& hit : hits) mask |= KernelEvents(hit.watch->request);
     const auto there = attached_watches_.find(&dir);
     if (there == attached_watches_.end()) return mask;
     for (const Watch* watch : there->second) {
         // A root that is a file has no kernel watch of its own.
         if (watch->AtParent() && !(watch->root_present && watch->root_is_directory)) {
-            mask |= watch->request.mask & IN_ALL_EVENTS;
+            mask |= KernelEvents(watch->request);
         }
     }
     return mask;
