@@ -85,7 +85,7 @@ TEST_F(Exclusions, MoreWatchesLater_ExcludedDirectoriesAreToldOfAgain) {
     EXPECT_TRUE(Sees(IN_MODIFY, Root(Upload(7) + "/missed")));
     TouchFile(Root(Upload(8) + "/seen"));
     EXPECT_TRUE(Sees(IN_CREATE, Root(Upload(8) + "/seen")));
-    EXPECT_TRUE(IndexAgrees());
+    EXPECT_TRUE(WaitFor([&] { return IndexAgrees(); }, kDeadline));
 }
 
 TEST_F(Exclusions, NamesThatOnlyBeginAlikeOrAreWatchedOtherwise_DoNotGiveWay) {
