@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Checks that includes go one way: scripts/include-order.txt lists the rooms and tells the rule.
+# Checks that includes go one way. scripts/include-order.txt lists the folders and states the rule.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 
 readonly ORDER=scripts/include-order.txt
-# Folders that an include may be relative to.
+# Include directories of the build.
 readonly INCLUDE_ROOTS=(
     sdk/include sdk/src framework/include framework/src module_utils/include module_report/src
     module_filenotify/include module_filenotify/src module_sentrel module_sentrel/src agent/src
@@ -31,7 +31,7 @@ read_order() {
     done <"$ORDER"
 }
 
-# room_of FILE: sets ROOM to the innermost listed folder that holds it; fails when there is none.
+# room_of FILE: sets ROOM to the innermost listed folder that contains it; fails if there is none.
 room_of() {
     ROOM=${1%/*}
     while [[ -z ${FLOOR[$ROOM]:-} ]]; do
@@ -40,7 +40,7 @@ room_of() {
     done
 }
 
-# resolve FILE NAME: sets TARGET to the source that FILE includes as NAME, its own component's first.
+# resolve FILE NAME: sets TARGET to the source that FILE includes as NAME; FILE's own component comes first.
 resolve() {
     local root
     TARGET=''
@@ -52,7 +52,7 @@ resolve() {
 
 check_file() {
     local file=$1 own line
-    room_of "$file" || { fault "$file: its folder is not in $ORDER" && return; }
+    room_of "$file" || { fault "$file: $ORDER does not list its folder" && return; }
     own=${FLOOR[$ROOM]} USED[$ROOM]=yes
     while IFS= read -r line; do
         line=${line#*[<\"]}

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034
-# What the scripts share: paths, messages, Debian packages, building. Sourced, never run.
+# Shared by the scripts, which source it: paths, messages, Debian packages, building.
 
 ROOT=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
 readonly ROOT
@@ -33,18 +33,18 @@ else
 fi
 readonly BOLD PLAIN
 
-# as_root COMMAND...: runs it as root, by sudo where we are not.
+# as_root COMMAND...: runs it as root, with sudo if needed.
 as_root() {
     if [[ $EUID -eq 0 ]]; then
         "$@"
     elif command -v sudo >/dev/null; then
         sudo -- "$@"
     else
-        die "this needs root: run it as root, or install sudo. (It was about to run: $*)"
+        die "this needs root: run it as root, or install sudo. (The command: $*)"
     fi
 }
 
-# logged NAME COMMAND...: runs it with its output in build/logs/NAME.log; on failure shows the end.
+# logged NAME COMMAND...: runs it with its output in build/logs/NAME.log; if it fails, prints the last lines.
 logged() {
     local log=$LOG_DIR/$1.log
     shift
@@ -56,9 +56,9 @@ logged() {
     fi
 }
 
-# is_roots_alone DIRECTORY: true when nobody but root can change what lies at that path: it and every
-# directory above it belong to root, and others may write to none of them. In a directory above, such
-# as /tmp, the sticky bit is enough: there others cannot replace what is root's.
+# is_roots_alone DIRECTORY: true if only root can change what lies at that path: the directory and every
+# directory above it belong to root, and others may write to none of them. A directory above may be writable
+# with the sticky bit, such as /tmp: there others cannot replace what belongs to root.
 is_roots_alone() {
     local directory owner mode above=''
     directory=$(realpath -e -- "$1") || return 1
@@ -79,11 +79,11 @@ missing_packages() {
     done
 }
 
-# install_dependencies PACKAGE...: installs what is missing of Debian packages.
+# install_dependencies PACKAGE...: installs missing Debian packages.
 install_dependencies() {
     if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
         die "this script installs Debian packages, and this system has no apt-get." \
-            "Debian 12 is what Sentrel is built on; elsewhere install the like of these: $*"
+            "Sentrel is built on Debian 12; on other systems install the equivalents of: $*"
     fi
     local missing
     mapfile -t missing < <(missing_packages "$@")
@@ -91,12 +91,12 @@ install_dependencies() {
     step "Installing ${#missing[@]} Debian packages: ${missing[*]}"
     local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300)
     logged apt-update as_root "${apt[@]}" update ||
-        warn "apt-get update failed; trying with the package lists that are there"
+        warn "apt-get update failed; using the present package lists"
     logged apt-install as_root "${apt[@]}" install --no-install-recommends "${missing[@]}" ||
         die "apt-get could not install them; the whole output is in $LOG_DIR/apt-install.log"
 }
 
-# sparse_progress: lets every tenth of ninja's "[done/total]" lines pass, and all that is no progress.
+# sparse_progress: prints ninja's "[done/total]" lines once a tenth, and all other lines.
 sparse_progress() {
     awk '
         match($0, /^\[[0-9]+\/[0-9]+\]/) {
@@ -112,8 +112,8 @@ sparse_progress() {
         !/^ninja: (Entering directory|no work to do)/ { print; fflush() }'
 }
 
-# build_preset PRESET [CMAKE_ARGUMENT...]: configures and builds. On a terminal ninja shows one line
-# that changes; elsewhere a line at each tenth.
+# build_preset PRESET [CMAKE_ARGUMENT...]: configures and builds. Progress is one changing line on a
+# terminal, else a line at each tenth.
 build_preset() {
     local preset=$1 directory=$ROOT/build/$1
     shift

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Checks the layout of the sources, the direction of their includes, the shell scripts, and the sources
-# themselves with clang-tidy.
+# Checks the sources with clang-format and clang-tidy, the direction of includes, and the shell scripts.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
@@ -9,16 +8,16 @@ usage() {
     cat <<'END'
 Usage: scripts/lint.sh [--fix | --format-only | --quick] [FILE.cpp...]
 
-  --fix          lays the sources out and applies clang-tidy's own corrections
-  --format-only  everything but clang-tidy
-  --quick        clang-tidy without its static analyzer, in half the time
-  FILE.cpp...    clang-tidy only for these
+Runs clang-tidy, clang-format, shellcheck and scripts/check-includes.sh over all files in git.
 
-Runs clang-format, shellcheck, scripts/check-includes.sh and clang-tidy over all files that git knows.
+  --fix          format the sources and apply clang-tidy's corrections
+  --format-only  run everything except clang-tidy
+  --quick        run clang-tidy without its static analyzer, in half the time
+  FILE.cpp...    run clang-tidy only for these files
 END
 }
 
-# Files that git knows, or would not ignore, and that are there.
+# sources PATTERN...: files that exist and that git tracks or does not ignore.
 sources() {
     local file
     while IFS= read -r -d '' file; do
@@ -39,8 +38,8 @@ check_shell() {
         xargs -0 -r shellcheck -x
 }
 
-# One clang-tidy a file, as many at a time as there are cores. Tests are left out: the macros of
-# GoogleTest cost more time than they yield findings.
+# One clang-tidy process a file, one process a core. Tests are excluded: GoogleTest's macros take much time
+# and yield few findings.
 check_tidy() {
     step "clang-tidy"
     (cmake --preset debug -DSENTREL_TESTS=OFF -B build/lint) >/dev/null ||

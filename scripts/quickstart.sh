@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds Sentrel and protects a directory with it, or shows it at work against a scripted attack.
+# Builds Sentrel and protects a directory with it, or runs a demo.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
@@ -12,35 +12,34 @@ Usage: scripts/quickstart.sh [OPTION]... [DIR]
        scripts/quickstart.sh --demo [DIR]
        scripts/quickstart.sh --demo-remote
 
-Installs what is missing, builds, starts an agent of its own below build/quickstart, and protects DIR:
-every change below it is undone from a backup copy and reported here, line by line, until Ctrl-C.
-Without DIR it makes a small site to play with. Where others than root may write to build/quickstart
-or a directory above it, as in a home, agent and backup copies live in a directory of root's below
-/var/tmp instead, which is named and goes at the end.
+Installs missing Debian packages, builds Sentrel, starts an agent in build/quickstart, and protects DIR
+until Ctrl-C: the agent undoes each change below DIR from a backup copy, and the script prints the alarm.
+Without DIR the script makes a sample site for you to change.
 
-  --demo              attacks a site in more than twenty ways, odd names among them, waits until each is
-                      undone and prints a table; with DIR it attacks a copy of DIR. Exit code 0: all
-                      were undone and reported, and no command in a name was run
-  --demo-remote       two agents on two hosts that exist only as long: one protects a site and pushes
-                      its copy to the other. Kills the server's daemon, tries a wrong password, and
-                      shows what is seen of it. Exit code 0: everything went as it should
-  --ignore-dir NAME   leaves the directory NAME below DIR alone, such as uploads (may be repeated)
-  --ignore-suffix S   leaves files alone whose names end in S, such as .log (may be repeated)
-  --report-only       reports changes and leaves them
-  -h, --help          this text
+  --demo              attack a sample site, or a copy of DIR, in more than twenty ways, also through odd
+                      names, and print a table. Exit code 0: the agent undid and reported every attack,
+                      and ran no command in a name
+  --demo-remote       start two agents on two temporary hosts: one protects a site and pushes its backup
+                      copies to the other. Kill the server's daemon, try a wrong password, and show what
+                      the agents report. Exit code 0: everything went as it should
+  --ignore-dir NAME   ignore the directory NAME below DIR, such as uploads (may be repeated)
+  --ignore-suffix S   ignore files whose names end in S, such as .log (may be repeated)
+  --report-only       report changes, but do not undo them
+  -h, --help          print this text
 
-Nothing outside build/ and that directory changes, apart from what is restored in DIR and Debian
-packages that were missing. It needs root, and asks sudo for it.
+The script writes only to build/ and DIR, and changes no setting of the machine. If others than root can
+write to build/quickstart or a directory above it, as in a home directory, agent and backup copies live in
+a directory below /var/tmp; the script names it and removes it at the end. It needs root and asks sudo.
 END
 }
 
-readonly SKIPPED=77  # what ctest takes for "not possible on this machine"
+readonly SKIPPED=77  # ctest: the test is not possible on this machine
 
 MODE=protect TARGET='' IGNORED_DIRS=() IGNORED_SUFFIXES=()
 RESTORE=() STAGE='' WORK=$ROOT/build/quickstart PLACE='' DEADLINE_MS=15000 INSIDE=''
 AGENT_PID='' CHILD_PID=''
 
-# --stage, --work and --deadline-ms are for the tests, --inside for ourselves.
+# Internal options: the tests use --stage, --work and --deadline-ms; this script uses --inside.
 parse_arguments() {
     while [[ $# -gt 0 ]]; do
         case $1 in
@@ -76,13 +75,11 @@ parse_value() {
     esac
 }
 
-# What an unquoted command line carries as it stands: letters, digits, a few marks, bytes above ASCII.
-readonly CARRYABLE='A-Za-z0-9/._+@%,:=\200-\377-'
+# A policy is a JSON document, which holds no other bytes.
+is_utf8() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-8 >/dev/null 2>&1; }
 
-is_carryable() {
-    [[ -z $(printf '%s' "$1" | LC_ALL=C tr -d "$CARRYABLE") ]] &&
-        printf '%s' "$1" | iconv -f UTF-8 -t UTF-8 >/dev/null 2>&1
-}
+# The demo attacks only files below a path of letters, digits, a few marks and bytes above ASCII.
+is_plain() { [[ -z $(printf '%s' "$1" | LC_ALL=C tr -d 'A-Za-z0-9/._+@%,:=\200-\377-') ]]; }
 
 is_below() { [[ $1/ == "${2%/}"/* ]]; }
 
@@ -90,12 +87,12 @@ check_target() {
     [[ -n $TARGET ]] || return 0
     [[ $MODE != demo-remote ]] || die "--demo-remote makes a site of its own; see --help"
     [[ -e $TARGET ]] || die "there is no directory $TARGET"
-    [[ -d $TARGET ]] || die "$TARGET is no directory"
+    [[ -d $TARGET ]] || die "$TARGET is not a directory"
     TARGET=$(realpath -e -- "$TARGET")
     [[ $TARGET != / ]] || die "/ cannot be protected as a whole; name a directory below it"
     if is_below "$ROOT" "$TARGET" || is_below "$WORK" "$TARGET"; then
-        die "$TARGET holds this repository and so the agent and its backup copies;" \
-            "name a directory that does not"
+        die "$TARGET contains this repository, and so the agent and its backup copies;" \
+            "name another directory"
     fi
     is_below "$TARGET" "$WORK" && die "$TARGET belongs to the quickstart itself"
     [[ $MODE == protect ]] || return 0
@@ -104,15 +101,18 @@ check_target() {
             die "$TARGET is in use by the system itself; name a directory of your own"
             ;;
     esac
-    is_carryable "$TARGET" ||
-        die "the path ${TARGET@Q} has blanks, shell characters or bytes that are no UTF-8: the" \
-            "agent could not restore anything in it. Rename the directory."
+    is_utf8 "$TARGET" ||
+        die "the path ${TARGET@Q} has bytes that are not UTF-8, so no policy can name it." \
+            "Rename the directory."
 }
 
 check_place() {
-    is_carryable "$WORK" ||
-        die "this repository lies in $ROOT, and the agent cannot run from a path with blanks or" \
-            "shell characters. Move it to another path."
+    is_utf8 "$WORK" ||
+        die "the path ${WORK@Q} has bytes that are not UTF-8, so no policy can name it." \
+            "Move this repository to another path."
+    [[ $MODE != demo ]] || is_plain "$WORK" ||
+        die "--demo does not run in the path ${WORK@Q}, because it has blanks or shell characters." \
+            "Move this repository to another path."
     if [[ -e $WORK/lock ]] && ! flock -n "$WORK/lock" true; then
         die "another quickstart is running (process $(cat "$WORK/lock")); end it with Ctrl-C there" \
             "or with: kill $(cat "$WORK/lock")"
@@ -122,26 +122,26 @@ check_place() {
 build() {
     install_dependencies "${BUILD_PACKAGES[@]}"
     step "Building (the first time takes a few minutes)"
-    # Tests that somebody builds in the same folder stay as they are.
+    # Keep the SENTREL_TESTS setting of a folder that is configured already.
     local options=()
     [[ -e $ROOT/build/release/CMakeCache.txt ]] || options=(-DSENTREL_TESTS=OFF)
     build_preset release "${options[@]}"
     STAGE=$ROOT/build/release/stage
 }
 
-# enter_namespace ARGUMENT...: runs this script again as root, in a mount namespace of its own.
+# enter_namespace ARGUMENT...: runs this script again as root, in a private mount namespace.
 enter_namespace() {
     local become=()
     if [[ $EUID -ne 0 ]]; then
         command -v sudo >/dev/null ||
-            die "the agent watches and restores files as root: run this as root, or install sudo"
-        say "    the agent watches and restores files as root: sudo may ask for your password"
+            die "the agent runs as root: run this script as root, or install sudo"
+        say "    the agent runs as root: sudo may ask for your password"
         become=(sudo --)
-        sudo -v || die "without root there is no protection"
+        sudo -v || die "the agent needs root"
     fi
     if ! "${become[@]}" unshare --mount --propagation private -- true 2>/dev/null; then
-        warn "this machine does not let a process have mounts of its own (unshare --mount), so the" \
-            "agent could not run without changing the machine's settings"
+        warn "this machine does not allow a private mount namespace (unshare --mount), so the agent" \
+            "cannot run without changing the machine's settings"
         exit "$SKIPPED"
     fi
     exec "${become[@]}" unshare --mount --propagation private -- \
@@ -158,8 +158,8 @@ take_lock() {
     echo "$$" >&9
 }
 
-# The agent refuses an installation and backup copies that others than root could change: $WORK where
-# it is root's alone, else a place that is. The trap that removes it is set before.
+# choose_place: sets PLACE, the directory of the agent and its backup copies. The agent refuses a place that
+# others than root can change; so if they can change $WORK, PLACE is a new directory. leave_place removes it.
 choose_place() {
     PLACE=$WORK
     ! is_roots_alone "$WORK" || return 0
@@ -168,7 +168,7 @@ choose_place() {
     say "    agent and backup copies live in $PLACE until the end"
 }
 
-# leave_place LOG...: removes the place where it is one for this run only, and keeps the logs.
+# leave_place LOG...: removes PLACE if choose_place made it for this run; keeps the logs.
 leave_place() {
     [[ -n $PLACE && $PLACE != "$WORK" ]] || return 0
     rm -rf "$WORK/log"
@@ -178,7 +178,7 @@ leave_place() {
     say "    removed $PLACE; logs: $WORK/log"
 }
 
-# install_stage TO: the built installation, root's whoever has built it.
+# install_stage TO: copies the built installation, owned by root.
 install_stage() {
     cp -a -- "$STAGE" "$1"
     rm -rf "$1"/{data,log,run}
@@ -186,13 +186,12 @@ install_stage() {
     chmod -R go-w -- "$1"
 }
 
-# The agent raises the machine's limit of inotify watches for good. Here it may: it writes to files of
-# ours, which only this namespace sees in the places of the machine's own.
+# The agent raises the machine's inotify limits. In this namespace private files stand in for the machine's,
+# so that the machine's settings do not change.
 shield_machine() {
     local limits=/proc/sys/fs/inotify limit
     [[ -f /etc/sysctl.conf ]] ||
-        die "/etc/sysctl.conf is missing, so it cannot be shielded from the agent." \
-            "Debian's package procps brings it; or create it, empty."
+        die "/etc/sysctl.conf is missing. Install Debian's package procps, or create an empty file."
     mkdir -p "$PLACE/shield"
     : >"$PLACE/shield/sysctl.conf"
     mount --bind "$PLACE/shield/sysctl.conf" /etc/sysctl.conf
@@ -202,17 +201,18 @@ shield_machine() {
     done
 }
 
-# The agent's folder begins anew each time; the backup copies of a real directory stay.
+# Installs the agent anew. The backup copies of a user's directory stay.
 prepare_agent() {
     step "Installing the agent in $PLACE/agent"
     rm -rf "$PLACE/agent" "$PLACE/scratch"
     [[ $MODE == protect && -n $TARGET ]] || rm -rf "$PLACE/backup"
     install_stage "$PLACE/agent"
     mkdir -p "$PLACE/backup"/{tree,file} "$PLACE/scratch"
-    chmod 0700 "$PLACE/backup"  # the copies keep their owners, who must not reach them
+    chmod 0700 "$PLACE/backup"  # the copies keep the owners of the site, who must not reach them
 }
 
-# Makes $SITE, and $SINGLE_FILE where there is one. A site to play with lies where its user can.
+# prepare_site: sets SITE, and SINGLE_FILE unless a user's directory is protected. The sample site lies in
+# $WORK, where the user can change it.
 prepare_site() {
     local folder=$WORK
     SINGLE_FILE=''
@@ -259,7 +259,7 @@ start_agent() {
         >"$PLACE/agent.out" 2>&1 </dev/null 9>&- &
     AGENT_PID=$!
     run_child "$PLACE/agent/bin/sentrel_demo" answer --socket "$SOCKET" --deadline-ms 60000 ||
-        die "the agent does not answer; its last words are in $PLACE/agent.out"
+        die "the agent does not answer; its output is in $PLACE/agent.out"
 }
 
 apply_policy() {
@@ -272,14 +272,13 @@ apply_policy() {
     step "Applying the policy: protect $SITE"
     "$PLACE/agent/bin/sentrel_demo" policy "${arguments[@]}" >"$PLACE/policy.json"
     run_child "$PLACE/agent/bin/morvanectl" --socket "$SOCKET" policy apply sentrel_feature \
-        "$PLACE/policy.json" || die "the agent did not take the policy $PLACE/policy.json"
-    step "Making the first backup copy and setting the watches"
+        "$PLACE/policy.json" || die "the agent refused the policy $PLACE/policy.json"
+    step "Making the first backup copy and placing the watches"
     run_child "$PLACE/agent/bin/sentrel_demo" ready --socket "$SOCKET" --paths "$paths" \
         --deadline-ms "$([[ $MODE == demo ]] && echo "$((20 * DEADLINE_MS))" || echo 0)" ||
-        die "the protection did not become ready; see $PLACE/agent/log"
+        die "the protection is not ready in time; see $PLACE/agent/log"
 }
 
-# The agent itself tells of names that it cannot restore.
 warn_of_limits() {
     local directories limit
     directories=$(find "$SITE" -type d | wc -l)
@@ -289,8 +288,8 @@ warn_of_limits() {
             "raise it with: sysctl fs.inotify.max_user_watches=819200"
 }
 
-# run_child COMMAND...: in the background, so that a signal is heeded at once; also ends, with a
-# failure, when the agent does.
+# run_child COMMAND...: runs it in the background, so that a signal takes effect at once. Fails if the agent
+# ends first.
 run_child() {
     local status=0 ended=''
     "$@" 9>&- &
@@ -306,7 +305,7 @@ run_child() {
     return "$status"
 }
 
-# stop_process PID: ends it in order, by force when it takes longer than 20 seconds.
+# stop_process PID: sends SIGTERM, and SIGKILL after 20 seconds. Returns the exit code.
 stop_process() {
     local tries
     kill -TERM "$1" 2>/dev/null || true
@@ -314,7 +313,7 @@ stop_process() {
         kill -0 "$1" 2>/dev/null || break
         sleep 0.1
     done
-    kill -KILL "$1" 2>/dev/null && warn "process $1 did not stop when asked, and was killed"
+    kill -KILL "$1" 2>/dev/null && warn "process $1 did not stop on SIGTERM and was killed"
     wait "$1"
 }
 
@@ -354,15 +353,15 @@ page_to_deface() {
         [[ ! -f $page ]] || break
     done
     [[ -f $page ]] || page=$(find "$SITE" -type f -size -100k -print -quit)
-    printf '%s' "${page:-$SITE/new.html}"
+    printf '%q' "${page:-$SITE/new.html}"
 }
 
 follow() {
     say
     say "$SITE is protected. Change something in it, in another terminal:"
     say "    echo '<h1>defaced</h1>' >> $(page_to_deface)"
-    say "What the agent knows:  ${SUDO_UID:+sudo }$PLACE/agent/bin/morvanectl status"
-    say "To stop:               Ctrl-C"
+    say "Status:   ${SUDO_UID:+sudo }$(printf '%q' "$PLACE/agent/bin/morvanectl") status"
+    say "To stop:  Ctrl-C"
     say
     run_child "$PLACE/agent/bin/morvanectl" --socket "$SOCKET" alarms --follow
 }

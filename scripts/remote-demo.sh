@@ -1,16 +1,16 @@
 # shellcheck shell=bash
-# The demo with two hosts, for quickstart.sh: sourced, never run. It owns the two hosts and what runs
-# in them. A host is a namespace each of network, processes and mounts, which live by one process; when
-# that ends, and it does with this script, everything in the host ends, and the cable is gone.
+# The demo with two hosts; quickstart.sh sources it. Owns the two hosts and what runs in them. A host is a
+# network, a process and a mount namespace, kept alive by one process. That process ends with this script;
+# then everything in the host ends, too.
 
 readonly SERVER_IP=10.77.0.1 WEB_IP=10.77.0.2 SERVER_PORT=873
 declare -A HOST_KEEPER=() HOST_INIT=() HOST_AGENT=()
 
-# demo_remote: the whole of it; inside a mount namespace, as root. $SKIPPED where it is not possible.
+# demo_remote: runs the demo, in a mount namespace, as root. Exits with $SKIPPED where it is not possible.
 demo_remote() {
     if ! unshare --net --pid --mount --fork -- true 2>/dev/null; then
-        warn "this machine does not let a process have a network of its own (unshare --net), so there" \
-            "can be no second host"
+        warn "this machine does not allow a private network namespace (unshare --net), so there can be" \
+            "no second host"
         exit "$SKIPPED"
     fi
     prepare_hosts
@@ -33,7 +33,7 @@ prepare_hosts() {
         install_stage "$PLACE/$host"
         start_host "$host"
     done
-    # The network tool counts processes as this script does: only the network is the host's.
+    # Without --pid: the network tool needs the process ids of this script's namespace.
     nsenter --target "${HOST_INIT[server]}" --net -- \
         ip link add eth0 type veth peer name eth0 netns "${HOST_INIT[web]}"
     connect_host server "$SERVER_IP"
@@ -42,7 +42,7 @@ prepare_hosts() {
     make_sample_site
 }
 
-# start_host NAME: its file system is this machine's, but only $PLACE, /tmp and /run can be written to.
+# start_host NAME: a host sees this machine's file system, but can write only to $PLACE, /tmp and /run.
 start_host() {
     local ready=$PLACE/$1.ready tries
     rm -f "$ready"
@@ -66,12 +66,12 @@ start_host() {
         kill -0 "${HOST_KEEPER[$1]}" 2>/dev/null || break
         sleep 0.1
     done
-    [[ -e $ready ]] || die "the host $1 could not be made"
+    [[ -e $ready ]] || die "cannot make the host $1"
     HOST_INIT[$1]=$(<"/proc/${HOST_KEEPER[$1]}/task/${HOST_KEEPER[$1]}/children")
     HOST_INIT[$1]=${HOST_INIT[$1]%% *}
 }
 
-# connect_host NAME ADDRESS: at its end of the cable.
+# connect_host NAME ADDRESS: gives the host's network device its address.
 connect_host() {
     local command
     for command in "link set lo up" "link set eth0 up" "address add $2/24 dev eth0"; do
@@ -87,7 +87,7 @@ in_host() {
     nsenter --target "${HOST_INIT[$host]}" --net --pid --mount -- "$@"
 }
 
-# ctl NAME ARGUMENT...: the control command of that host's agent.
+# ctl NAME ARGUMENT...: runs morvanectl for that host's agent.
 ctl() {
     local host=$1
     shift
@@ -99,10 +99,10 @@ start_host_agent() {
         >"$PLACE/$1.out" 2>&1 </dev/null 9>&- &
     HOST_AGENT[$1]=$!
     "$PLACE/$1/bin/sentrel_demo" answer --socket "$PLACE/$1/run/agent.sock" --deadline-ms 60000 ||
-        die "the agent of the host $1 does not answer; its last words are in $PLACE/$1.out"
+        die "the agent of the host $1 does not answer; its output is in $PLACE/$1.out"
 }
 
-# await NAME PATTERN: until a line of that host's status matches; shows the line.
+# await NAME PATTERN: waits until a line of that host's status matches, and prints the line.
 await() {
     local host=$1 pattern=$2 started=$SECONDS line
     while ! line=$(ctl "$host" status 2>/dev/null | grep -E -m 1 -- "$pattern"); do
@@ -133,7 +133,7 @@ start_web_server() {
     push
 }
 
-# Applying a policy brings the backup copies up to date, and pushes them.
+# push: applies the policy, which brings the backup copies up to date and pushes them.
 push() {
     "$STAGE/bin/sentrel_demo" policy --tree "$SITE" --backup "$PLACE/backup" --ignore-dir uploads \
         --rsync "$(realpath -e /usr/bin/rsync)" --push-to "$SERVER_IP" --push-port "$SERVER_PORT" \
@@ -143,14 +143,14 @@ push() {
 
 indent() { sed 's/^/    /'; }
 
-# expect_copy: the backup server has the web server's backup copy, byte for byte.
+# expect_copy: fails unless the backup server has the web server's backup copies, byte for byte.
 expect_copy() {
     local id
     await web '^backup .*remote up to date'
     id=$(<"$PLACE/web/data/agent_id")
     RECEIVED=$PLACE/received/$id$PLACE/backup/tree$SITE
     diff -r "$PLACE/backup/tree$SITE" "$RECEIVED" >&2 ||
-        die "$RECEIVED is not what the web server has sent"
+        die "$RECEIVED differs from the copies of the web server"
 }
 
 show_copy() {
@@ -165,7 +165,7 @@ show_killed_daemon() {
     step "Killing the rsync daemon of the backup server (process $killed there)"
     in_host server kill -KILL "$killed"
     await server '^server +running .* [1-9][0-9]* restarts'
-    [[ $(<"$pid_file") != "$killed" ]] || die "the daemon that was killed still has its pid file"
+    [[ $(<"$pid_file") != "$killed" ]] || die "the pid file still names the killed daemon"
     took=$((${EPOCHREALTIME//[.,]/} - started))
     say "    back after $((took / 1000)) ms"
 }
@@ -185,7 +185,7 @@ show_wrong_password() {
     say "    new.html is on the backup server"
 }
 
-# stop_host NAME: its agent in order, then the host with all that is still in it.
+# stop_host NAME: stops its agent, then the host and everything in it. Returns the agent's exit code.
 stop_host() {
     local agent=${HOST_AGENT[$1]:-} tries stopped=0
     if [[ -n $agent ]]; then
@@ -194,7 +194,7 @@ stop_host() {
             kill -0 "$agent" 2>/dev/null || break
             sleep 0.1
         done
-        kill -KILL "$agent" 2>/dev/null && warn "the agent of the host $1 did not stop when asked"
+        kill -KILL "$agent" 2>/dev/null && warn "the agent of the host $1 did not stop on SIGTERM"
         wait "$agent" || stopped=$?
     fi
     if [[ -n ${HOST_KEEPER[$1]:-} ]]; then

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Lets random storms loose on sites that an agent protects, and checks what the agent made of each.
+# Runs storms of random changes on protected sites and checks that the agent undoes and reports them.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
@@ -8,17 +8,18 @@ usage() {
     cat <<'END'
 Usage: scripts/storm.sh [--preset NAME] [--seeds N] [--first N] [--mode MODE] [--steps N]
 
-Builds the preset (release), starts one agent, and lets N storms (200) loose on a site each, from the
-seed --first on (by default any, which is printed). A storm passes when the site is as its backup copy
-again, with no restart, and every difference that was seen was told. One line a storm; of a failure
-the differences and the agent's debug log stay in build/storm/SEED. Exit code 0: all have passed.
+Builds the preset (default: release), starts one agent, and runs N storms (default: 200), each on a site of
+its own. A storm passes if the site equals its backup copy again without a restart, and the agent reported
+every difference that it saw. The script prints one line a storm. Exit code 0: all storms passed. If one
+fails, the differences and the agent's debug log stay in build/storm/SEED.
 
-  --mode MODE   restore, monitor (nothing is undone, all is told), overflow (the agent is stopped until
-                the kernel has dropped events), slow (every rsync takes longer); all mixes them
-  --steps N     operations a storm (200)
+  --first N     seed of the first storm (default: random; the script prints it)
+  --mode MODE   restore; monitor: the agent only reports; overflow: the agent is stopped until the kernel
+                has dropped events; slow: every rsync takes longer; all: a mix (default)
+  --steps N     operations a storm (default: 200)
 
-The same seed makes the same operations: scripts/storm.sh --seeds 1 --first SEED --mode MODE. How they
-meet with the agent's is up to the machine, so a fault may take some tries to come again. It needs root.
+The same seed makes the same operations: scripts/storm.sh --seeds 1 --first SEED --mode MODE. Their timing
+against the agent varies, so it may take several runs to see a fault again. It needs root.
 END
 }
 
@@ -36,7 +37,7 @@ main() {
         esac
         shift
     done
-    [[ $EUID -eq 0 ]] || die "the agent under test runs in mounts of its own: run this as root"
+    [[ $EUID -eq 0 ]] || die "the agent under test runs in a private mount namespace: run this as root"
     install_dependencies "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
     build_preset "$preset" -DSENTREL_TESTS=ON
     "$ROOT/build/$preset/tests/sentrel_storm" --keep "$ROOT/build/storm" "${arguments[@]}"

@@ -8,18 +8,19 @@ usage() {
     cat <<'END'
 Usage: scripts/test.sh [OPTION]...
 
-Without an option: the dependencies, a release build and all tests, the demo among them.
+Without an option: installs missing Debian packages, builds the release preset, and runs all its tests,
+also the demos.
 
-  --quick       the release tests without the end-to-end ones
-  --sanitizers  all tests under AddressSanitizer + UndefinedBehaviorSanitizer, then ThreadSanitizer
-  --format      only the layout of the sources, the direction of includes and the shell scripts
-  --lint        the same, and clang-tidy over the product's sources
-  --all         everything: --lint, the release tests, --sanitizers
-  --ci          what continuous integration runs: --lint without the static analyzer, the release tests,
+  --quick       run the release tests without the end-to-end tests
+  --sanitizers  run all tests with AddressSanitizer + UndefinedBehaviorSanitizer, then with ThreadSanitizer
+  --format      check the format of the sources, the direction of includes and the shell scripts
+  --lint        the same, and clang-tidy
+  --all         --lint, the release tests, and --sanitizers
+  --ci          as in continuous integration: --lint without the static analyzer, the release tests, and
                 --sanitizers
-  -h, --help    this text
+  -h, --help    print this text
 
-Options add up. The exit code is 0 only when everything asked for has passed.
+Options can be combined. Exit code 0: everything passed.
 END
 }
 
@@ -42,7 +43,7 @@ run_suite() {
     return "$status"
 }
 
-# The line with which ctest closes: "100% tests passed, 0 tests failed out of N".
+# summary_line LOG: ctest's last line, "100% tests passed, 0 tests failed out of N".
 summary_line() {
     grep -E '^[0-9]+% tests passed' "$1" | tail -n 1 || echo 'no tests were run'
 }
@@ -51,7 +52,7 @@ lint() {
     if "$ROOT/scripts/lint.sh" "$@"; then
         SUMMARIES+=("lint     clean")
     else
-        SUMMARIES+=("lint     found something, see above")
+        SUMMARIES+=("lint     has findings, see above")
         return 1
     fi
 }
