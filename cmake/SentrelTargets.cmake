@@ -1,5 +1,5 @@
-# How every target of this repository is built: warnings, sanitizers, and the place in the stage
-# folder, which is laid out like an installation and runs from wherever it lies.
+# Settings of all targets: warnings, sanitizers, and the place in the stage folder. The stage folder is a
+# complete installation and runs from any path.
 include(GNUInstallDirs)
 
 set(SENTREL_STAGE ${CMAKE_BINARY_DIR}/stage)
@@ -14,7 +14,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 
 if(SENTREL_SANITIZE)
-  # With sanitizers g++ 12 takes members of the standard library for uninitialised that are not.
+  # With sanitizers g++ 12 warns wrongly of uninitialised members in the standard library.
   add_compile_options(-fsanitize=${SENTREL_SANITIZE} -fno-sanitize-recover=all
                       -fno-omit-frame-pointer -O1 -Wno-maybe-uninitialized)
   add_link_options(-fsanitize=${SENTREL_SANITIZE})
@@ -44,7 +44,7 @@ function(sentrel_program name)
     INSTALL_RPATH "$ORIGIN/../lib")
 endfunction()
 
-# sentrel_test(NAME SOURCES...): a GoogleTest program; every test case runs in a process of its own.
+# sentrel_test(NAME SOURCES...): a GoogleTest program; each test case runs in its own process.
 function(sentrel_test name)
   add_executable(${name} ${ARGN})
   set_target_properties(${name} PROPERTIES
