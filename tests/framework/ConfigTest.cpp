@@ -50,6 +50,7 @@ TEST_F(ConfigTest, MissingFile_MeansDefaultsUnlessRequired) {
     const std::string missing = installation_.Path("conf/none.json");
     EXPECT_TRUE(config_.Load(missing, false, error_));
     EXPECT_EQ(config_.TaskPeriod().count(), 3000);
+    EXPECT_EQ(config_.PolicyGrace().count(), 5000);
     EXPECT_EQ(config_.GetLoggerConfig().directory, installation_.Path("log"));
     EXPECT_FALSE(config_.Load(missing, true, error_));
     EXPECT_NE(error_.find(missing), std::string::npos) << error_;

@@ -274,6 +274,13 @@ TEST_F(Event, DirectoryInPlaceOfAPipe_IsReplacedByThePipe) {
     EXPECT_TRUE(fs::is_fifo(fs::symlink_status(File("pipe"))));
 }
 
+TEST_F(Event, ProtectedDirectoryWithoutACopy_IsNotRemoved) {
+    fs::rename(rule_.backup_path + data_.Path("site"), data_.Path("lost"));
+    Tell(data_.Path("site"), IN_MOVED_TO | IN_ISDIR);
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_EQ(Alarms(), "add : reported only\n");
+}
+
 TEST_F(Event, WithoutABackupFolder_NothingIsRemoved) {
     fs::rename(rule_.backup_path, data_.Path("lost"));
     Tell(File("index.html"), IN_MOVED_TO);

@@ -1,5 +1,7 @@
 #include <sdk/time/CommandInterrupter.h>
 
+#include <cerrno>
+
 #include "fixtures/EventFixture.h"
 #include "support/FileSizeLimit.h"
 
@@ -73,6 +75,18 @@ TEST_F(Event, BeforeTheFirstBackup_OnlyFilesWithACopyAreRestoredAndTheRestWaits)
     EXPECT_EQ(Counter("removals_done"), 1);
     EXPECT_EQ(Counter("restores_done"), 2);
     EXPECT_EQ(Counter("removals_failed") + Counter("deferred_overflows"), 0);
+}
+
+TEST_F(Event, OpenObject_IsNotDeletedNorIsItsDirectory) {
+    data_.Write("site/new/leased.html", "without a copy");
+    Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
+    Engine::OpenObjects open;
+    open.Add("new/leased.html", EAGAIN);
+    EXPECT_TRUE(progress.NoteComplete(rule_, progress.Round(), open));
+    Tell(File("new/leased.html"), IN_CREATE);
+    Tell(File("new"), IN_CREATE | IN_ISDIR);
+    EXPECT_EQ(Content("new/leased.html"), "without a copy");
+    EXPECT_EQ(Alarms(), "add new/leased.html: reported only\nadd new/: reported only\n");
 }
 
 TEST_F(Event, MoreChangesThanTheQueueHolds_AreFoundByATreeComparison) {
