@@ -27,7 +27,7 @@ using Names = std::vector<std::string>;
 
 constexpr std::uint32_t kDir = IN_ISDIR;
 
-/// A delivery with a clock of its own and a receiver that deals with messages when told to.
+/// A delivery with its own clock and a receiver that handles messages on request.
 class Burst : public ::testing::Test {
   protected:
     void Add(std::uint32_t mask, const std::string& path) {
@@ -37,8 +37,7 @@ class Burst : public ::testing::Test {
         for (int i = 0; i < count; ++i) Add(mask, prefix + std::to_string(i));
     }
 
-    /// What is posted at this time by a receiver that keeps up; "-" marks a deletion, "/" a
-    /// directory.
+    /// What a fast receiver is posted now; "-" marks a deletion, "/" a directory.
     Names Posted() {
         Names posted;
         do {
@@ -47,6 +46,10 @@ class Burst : public ::testing::Test {
             for (const auto& message : queue) posted.push_back(Print(*message));
         } while (!queue.empty());
         return posted;
+    }
+
+    static auto At(const Names& posted, const char* name) {
+        return std::find(posted.begin(), posted.end(), name) - posted.begin();
     }
 
     void Handle(std::size_t count) {
@@ -63,6 +66,7 @@ class Burst : public ::testing::Test {
         return (mask & (IN_DELETE | IN_MOVED_FROM)) != 0 ? "-" + text : text;
     }
 
+    std::size_t room = 1U << 30;  ///< messages that the receiver's queue still accepts
     std::deque<std::unique_ptr<Engine::FileNotifyMessage>> queue;
     std::chrono::nanoseconds handling{0};
     std::map<std::string, std::size_t> names;  ///< known below each directory
@@ -71,6 +75,8 @@ class Burst : public ::testing::Test {
     std::shared_ptr<Subscription> subscription = std::make_shared<Subscription>("one", "/w");
     std::unique_ptr<Delivery> delivery = std::make_unique<Delivery>(
         [this](const std::string&, Framework::Message* message) {
+            if (room == 0) return false;
+            --room;
             queue.emplace_back(static_cast<Engine::FileNotifyMessage*>(message));
             return true;
         },
@@ -93,7 +99,54 @@ TEST_F(Burst, LoneChanges_AreNotHeldBack) {
     EXPECT_FALSE(delivery->NextDue());
 }
 
-TEST_F(Burst, Deletions_WaitForAQuietSpellAndTheRestDoesNot) {
+TEST_F(Burst, QueueFull_KeepsOrderAndOneEntryPerPathAndMask) {
+    room = 0;
+    for (int round = 0; round < 3; ++round) {
+        for (const char* path : {"/a", "/b"}) Add(IN_MODIFY, path);
+        Add(IN_DELETE, "/c");
+    }
+    EXPECT_EQ(Posted(), Names());
+    EXPECT_EQ(counters.pending, 3U);
+    EXPECT_EQ(counters.events_merged, 6U);
+    room = 2;
+    EXPECT_EQ(Posted(), (Names{"/a", "/b"}));
+    now += DeletionDebounce::kMaxQuiet;
+    Add(IN_MODIFY, "/a");  // delivered before, so it is new again
+    room = 5;
+    EXPECT_EQ(Posted(), (Names{"/a", "-/c"}));
+    EXPECT_EQ(counters.pending, 0U);
+    EXPECT_EQ(counters.events_delivered, 4U);
+}
+
+TEST_F(Burst, SubscriptionRevoked_OnlyItsChangesAreDropped) {
+    Add(IN_MODIFY, "/a");
+    subscription->Revoke();
+    subscription = std::make_shared<Subscription>("one", "/w");
+    Add(IN_MODIFY, "/a");
+    EXPECT_EQ(Posted(), Names{"/a"});
+    EXPECT_EQ(counters.events_dropped, 1U);
+}
+
+// Thousands of files that are rewritten in a loop must not delay the page that changes once.
+TEST_F(Burst, HotFiles_GoBehindOthersAndGetTheirTurns) {
+    const auto change = [this](const Names& paths) {
+        for (const std::string& path : paths) Add(IN_MODIFY, path);
+    };
+    room = 0;
+    change({"/hot1", "/hot2", "/written-in-two-calls", "/written-in-two-calls"});
+    now += 20ms;
+    change({"/hot1", "/hot2", "/page"});
+    room = 2;
+    EXPECT_EQ(Posted(), (Names{"/written-in-two-calls", "/page"}));
+    change({"/hot1", "/a", "/b", "/c"});
+    room = 20;
+    EXPECT_EQ(Posted(), (Names{"/a", "/hot1", "/b", "/c", "/hot2"}));
+    now += 2s;
+    change({"/hot1", "/a"});
+    EXPECT_EQ(Posted(), (Names{"/hot1", "/a"}));
+}
+
+TEST_F(Burst, Deletions_WaitForAQuietPeriodAndOthersDoNot) {
     Add(IN_DELETE, "/a");
     EXPECT_EQ(Posted(), Names{"-/a"});
     now += 1ms;
@@ -130,7 +183,7 @@ TEST_F(Burst, Deletions_WaitNoLongerThanUndoingThemTakes) {
     EXPECT_EQ(delivery->NextDue(), now + DeletionDebounce::kMinQuiet);
 }
 
-TEST_F(Burst, DeletionOfWhatWaits_SpeaksForWhatCameBefore) {
+TEST_F(Burst, DeletionOfWhatWaits_DropsEarlierChanges) {
     Add(IN_ATTRIB | kDir, "/d");
     Add(IN_MODIFY, "/f");
     Add(IN_ATTRIB, "/f");
@@ -147,7 +200,7 @@ TEST_F(Burst, DeletionOfWhatWaits_SpeaksForWhatCameBefore) {
     EXPECT_EQ(counters.pending, 0U);
 }
 
-TEST_F(Burst, RestoreTemporary_IsToldOnlyWhenItStays) {
+TEST_F(Burst, RestoreTemporary_IsAnnouncedOnlyWhenItStays) {
     const std::string temporary = "/d/.morvane-restore-0123456789abcdef";
     Add(IN_CREATE, temporary);
     Add(IN_MOVED_TO, "/d/page");
@@ -216,11 +269,8 @@ TEST_F(Burst, DirectoryDeleted_GoesAheadOfAllBelowIt) {
     const Names posted = Posted();
     ASSERT_EQ(posted.size(), 8U);
     EXPECT_EQ(posted.front(), "-/top/");
-    const auto at = [&](const char* name) {
-        return std::find(posted.begin(), posted.end(), name) - posted.begin();
-    };
-    EXPECT_LT(at("-/top/a/"), at("-/top/a/0"));
-    EXPECT_LT(at("-/top/b/"), at("-/top/b/0"));
+    EXPECT_LT(At(posted, "-/top/a/"), At(posted, "-/top/a/0"));
+    EXPECT_LT(At(posted, "-/top/b/"), At(posted, "-/top/b/0"));
 }
 
 TEST_F(Burst, DirectoryComesBackDuringTheStorm_IsNotHeldBack) {
@@ -234,14 +284,6 @@ TEST_F(Burst, DirectoryComesBackDuringTheStorm_IsNotHeldBack) {
     EXPECT_EQ(Posted(), (Names{"-/d/0", "-/d/1", "-/d/"}));
 }
 
-TEST_F(Burst, ChangeOfADirectory_GoesAfterContentsAndBeforeDeletions) {
-    AddMany(IN_DELETE, "/d/", 2);
-    now += DeletionDebounce::kMaxQuiet;
-    Add(IN_ATTRIB | kDir, "/d");
-    Add(IN_MODIFY, "/d/f");
-    EXPECT_EQ(Posted(), (Names{"/d/f", "/d/", "-/d/0", "-/d/1"}));
-}
-
 TEST_F(Burst, ContentsWithoutEnd_OthersTakeTurnsAfterTheirTime) {
     AddMany(IN_MODIFY, "/early", 2);
     Add(IN_ATTRIB | kDir, "/d");
@@ -249,25 +291,22 @@ TEST_F(Burst, ContentsWithoutEnd_OthersTakeTurnsAfterTheirTime) {
     AddMany(IN_MODIFY, "/more", 2);
     now += DeletionDebounce::kMaxDelay;
     delivery->Flush();  // all the receiver takes for now
-    Names order;
+    Names posted;
     for (int step = 0; !queue.empty(); ++step) {
-        order.push_back(Print(*queue.front()));
+        posted.push_back(Print(*queue.front()));
         Handle(1);
         if (step < 40) Add(IN_MODIFY, "/late" + std::to_string(step));
         delivery->Flush();
     }
-    const auto at = [&](const char* name) {
-        return std::find(order.begin(), order.end(), name) - order.begin();
-    };
-    EXPECT_EQ(order.size(), 47U);
-    EXPECT_LT(at("/more1"), at("/d/"));
-    EXPECT_LT(at("/d/"), at("-/lost0"));
-    EXPECT_LT(at("-/lost1"), 10 + static_cast<int>(SendWindow::kMaxSize));
+    EXPECT_EQ(posted.size(), 47U);
+    EXPECT_LT(At(posted, "/more1"), At(posted, "/d/"));
+    EXPECT_LT(At(posted, "/d/"), At(posted, "-/lost0"));
+    EXPECT_LT(At(posted, "-/lost1"), 10 + static_cast<int>(SendWindow::kMaxSize));
 }
 
-class Repair : public Burst {
+class Coalescing : public Burst {
   protected:
-    /// Lets the deletions go and has the first of them dealt with; what is posted after these.
+    /// Releases the deletions, handles the first ones at `cost` each and returns what follows.
     Names PostedAfterTheFirst(std::chrono::nanoseconds cost) {
         now += DeletionDebounce::kMaxQuiet;
         delivery->Flush();
@@ -279,7 +318,7 @@ class Repair : public Burst {
     }
 };
 
-TEST_F(Repair, ManyLostAndPuttingBackIsSlow_DirectoryIsAnnouncedAhead) {
+TEST_F(Coalescing, ManyDeletionsAndSlowRestores_DirectoryIsAnnouncedFirst) {
     names["/w/d"] = 10;
     AddMany(IN_DELETE, "/d/", 24);
     const Names posted = PostedAfterTheFirst(SendWindow::kSlowDeletion);
@@ -289,7 +328,7 @@ TEST_F(Repair, ManyLostAndPuttingBackIsSlow_DirectoryIsAnnouncedAhead) {
     EXPECT_EQ(counters.pending, 0U);
 }
 
-TEST_F(Repair, FewLostOrMuchThereOrNothingPutBack_EachGoesByItself) {
+TEST_F(Coalescing, FewDeletionsOrLargeDirectoryOrNoRestores_EachGoesByItself) {
     names = {{"/w/d", 10}, {"/w/huge", 100000}, {"/w/foreign", 10}};
     AddMany(IN_DELETE, "/d/", 23);
     EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowDeletion).front(), "-/d/8");
@@ -301,7 +340,7 @@ TEST_F(Repair, FewLostOrMuchThereOrNothingPutBack_EachGoesByItself) {
     EXPECT_EQ(PostedAfterTheFirst(SendWindow::kSlowDeletion).front(), "-/gone/8");
 }
 
-TEST_F(Repair, LostInManyDirectories_TheCheapestSetIsAnnounced) {
+TEST_F(Coalescing, DeletionsInManyDirectories_TheCheapestSetIsAnnounced) {
     names = {{"/w", 500000}, {"/w/top", 120}, {"/w/top/a", 50}, {"/w/top/b", 50}, {"/w/far", 10}};
     AddMany(IN_DELETE, "/first", 8);
     AddMany(IN_DELETE, "/top/a/", 40);
@@ -343,7 +382,7 @@ TEST_F(Burst, Window_FollowsTheReceiversPaceAndWakesBeforeItIsEmpty) {
     EXPECT_EQ(window.Size(), SendWindow::kMaxSize);
 }
 
-TEST_F(Burst, MessagesOutliveTheDelivery_AndWatchesThatEndReleaseWhatWaits) {
+TEST_F(Burst, MessagesOutliveTheDelivery_AndRevokedSubscriptionsDropWhatWaits) {
     AddMany(IN_MODIFY, "/f", 1000);
     AddMany(IN_DELETE, "/g", 10);
     delivery->Flush();

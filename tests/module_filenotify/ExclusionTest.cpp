@@ -4,7 +4,7 @@
 
 namespace test {
 
-/// A site with pages and uploads; the receiver needs nothing of the uploads.
+/// A site with pages and uploads; the receiver ignores the uploads.
 class Exclusions : public NotifyTest {
   protected:
     static constexpr int kPages = 10;
@@ -25,85 +25,68 @@ class Exclusions : public NotifyTest {
     static std::string Upload(int i) {
         return "uploads/u" + std::to_string(i % 8) + "/" + std::to_string(i);
     }
-    /// What the pages need with the way to them, and `more`.
-    void LimitWatches(int more) {
+    /// Watches the root with the kernel watches that the pages and their paths need, and `more`.
+    void WatchWithFew(int more) {
         const fs::path root = Root();
         const auto steps = static_cast<int>(std::distance(root.begin(), root.end()));
         faults_.watches_left = steps + 1 + kPages + more;
+        Watch(Root() + "/");
+        ASSERT_TRUE(CounterIs("walk_queue", 0));
+        ASSERT_GT(Counter("excluded_unwatched"), 0U);
     }
 };
 
-TEST_F(Exclusions, TooFewWatches_ExcludedDirectoriesComeLastAndGiveWay) {
-    LimitWatches(5);
-    Watch(Root() + "/");
-    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
-    EXPECT_GT(Counter("excluded_unwatched"), 0U);
+TEST_F(Exclusions, TooFewWatches_ExcludedDirectoriesComeLastAndAreEvicted) {
+    WatchWithFew(5);
     EXPECT_EQ(Counter("watches_given_up"), 0U);
     EXPECT_EQ(WatchStatus(Root())["unwatched"].asInt(), 0);
     for (int i = 0; i < kPages; ++i) {
-        TouchFile(site_.Path(Page(i)));
-        EXPECT_TRUE(Sees(IN_MODIFY, site_.Path(Page(i))));
+        EXPECT_TRUE(SeesTouch(IN_MODIFY, site_.Path(Page(i))));
     }
     const std::uint64_t excluded = Counter("excluded_unwatched");
     for (const char* name : {"new/a", "new/b", "new/c", "uploads/later"}) {
         fs::create_directories(Root(name));
     }
-    ASSERT_TRUE(WaitFor([&] { return Counter("watches_given_up") == 4; }, kDeadline));
+    ASSERT_TRUE(CounterIs("watches_given_up", 4));
     EXPECT_EQ(Counter("unwatched_directories"), 0U);
     EXPECT_TRUE(WaitFor([&] { return Counter("excluded_unwatched") >= excluded + 4; }, kDeadline));
     for (const char* name : {"new/a/f", "new/b/f", "new/c/f"}) {
-        TouchFile(Root(name));
-        EXPECT_TRUE(Sees(IN_CREATE, Root(name)));
+        EXPECT_TRUE(SeesTouch(IN_CREATE, Root(name)));
     }
     EXPECT_TRUE(Reaches(Root(), "ready"));
 }
 
 TEST_F(Exclusions, MovedToTheProtectedPart_IsWatchedThroughout) {
-    LimitWatches(2);
-    Watch(Root());
-    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
-    ASSERT_GT(Counter("excluded_unwatched"), 0U);
+    WatchWithFew(2);
     // Only the two uppermost directories of the uploads can have a watch.
     fs::rename(Root("uploads"), Root("moved"));
     faults_.watches_left = 9;
-    ASSERT_TRUE(Reaches(Root(), "degraded"));  // nothing is left that could give way
+    ASSERT_TRUE(Reaches(Root(), "degraded"));  // no watch is left to evict
     faults_.watches_left = 100;
     ASSERT_TRUE(Reaches(Root(), "ready"));
     EXPECT_EQ(Counter("excluded_unwatched"), 0U);
-    TouchFile(Root("moved/u3/11/file"));
-    EXPECT_TRUE(Sees(IN_CREATE, Root("moved/u3/11/file")));
+    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("moved/u3/11/file")));
 }
 
-TEST_F(Exclusions, MoreWatchesLater_ExcludedDirectoriesAreToldOfAgain) {
-    LimitWatches(2);
-    Watch(Root());
-    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
-    ASSERT_GT(Counter("excluded_unwatched"), 0U);
+TEST_F(Exclusions, MoreWatchesLater_ExcludedDirectoriesAreAnnouncedAgain) {
+    WatchWithFew(2);
     TouchFile(Root(Upload(7) + "/missed"));
     faults_.watches_left = 1000;
-    EXPECT_TRUE(WaitFor([&] { return Counter("excluded_unwatched") == 0; }, kDeadline));
+    EXPECT_TRUE(CounterIs("excluded_unwatched", 0));
     EXPECT_TRUE(Sees(IN_MODIFY, Root(Upload(7) + "/missed")));
-    TouchFile(Root(Upload(8) + "/seen"));
-    EXPECT_TRUE(Sees(IN_CREATE, Root(Upload(8) + "/seen")));
+    EXPECT_TRUE(SeesTouch(IN_CREATE, Root(Upload(8) + "/seen")));
     EXPECT_TRUE(WaitFor([&] { return IndexAgrees(); }, kDeadline));
 }
 
-TEST_F(Exclusions, NamesThatOnlyBeginAlikeOrAreWatchedOtherwise_DoNotGiveWay) {
-    fs::create_directories(Root("upload"));
-    fs::create_directories(Root("uploads/u1/1/inner/deep"));
+TEST_F(Exclusions, NamesThatOnlyBeginAlikeOrAreWatchedOtherwise_AreNotEvicted) {
+    Make({"upload/", "uploads/u1/1/inner/deep/"});
     auto other = NewReceiver("other");
     other->Ask(Root("uploads/u1/1/inner"), kMasks, Tree());
-    LimitWatches(1 + 5 + 1);  // upload, and the inner one with the way to it and what it holds
-    Watch(Root());
-    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
+    WatchWithFew(1 + 5 + 1);  // upload, and the inner one with the way to it and what it holds
     EXPECT_EQ(Counter("unwatched_directories"), 0U);
-    ASSERT_GT(Counter("excluded_unwatched"), 0U);
-    TouchFile(Root("upload/f"));
-    EXPECT_TRUE(Sees(IN_CREATE, Root("upload/f")));
+    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("upload/f")));
     TouchFile(Root("uploads/u1/1/inner/deep/f"));
-    EXPECT_TRUE(
-        WaitFor([&] { return Has(other->Seen(), IN_CREATE, Root("uploads/u1/1/inner/deep/f")); },
-                kDeadline));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("uploads/u1/1/inner/deep/f"), other));
 }
 
 }  // namespace test

@@ -70,19 +70,19 @@ TEST(NameIndex, DirectoryMoved_PathsAndTotalsFollow) {
     EXPECT_EQ(index.Root().totals.files, 0U);
 }
 
-TEST(NameIndex, WideAndVeryDeepTreeRemoved_EachIsToldDeepestFirst) {
+TEST(NameIndex, WideAndVeryDeepTreeRemoved_EachIsReportedDeepestFirst) {
     NameIndex index;
     DirNode& top = index.AddDirectory(index.Root(), "top");
     DirNode* at = &top;
     for (int i = 0; i < 3000; ++i) at = &index.AddDirectory(*at, "d");
     for (int i = 0; i < 2000; ++i) index.AddDirectory(top, "w" + std::to_string(i));
     EXPECT_NE(top.dirs.Find("w1999"), nullptr);
-    std::set<const DirNode*> told;
+    std::set<const DirNode*> removed;
     std::size_t count = 0;
     index.Remove(top, [&](DirNode& node) {
         ++count;
-        EXPECT_EQ(told.count(node.parent), 0U);
-        told.insert(&node);
+        EXPECT_EQ(removed.count(node.parent), 0U);
+        removed.insert(&node);
     });
     EXPECT_EQ(count, 5001U);
     EXPECT_EQ(index.Root().totals.directories, 1U);
@@ -102,7 +102,7 @@ TEST(NameIndex, TenFilesInEachDirectory_TakesFewBytes) {
     }
     const std::size_t each = (mallinfo2().uordblks - before) / kDirectories;
     RecordProperty("bytes_per_directory", static_cast<int>(each));
-    // Sanitizers keep their own books; then there is nothing to measure.
+    // mallinfo2 reports nothing under sanitizers.
     if (before != 0) {
         EXPECT_LT(each, 550U);
     }

@@ -2,6 +2,7 @@
 
 #include <FileNotifyModule.h>
 #include <Poco/AutoPtr.h>
+#include <fcntl.h>
 #include <framework/ConfigManager.h>
 #include <framework/Engine.h>
 #include <gtest/gtest.h>
@@ -14,12 +15,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "support/RecordingReceiver.h"
@@ -36,13 +39,13 @@ const std::vector<unsigned int> kMasks = {
     IN_CREATE,      IN_MODIFY,   IN_DELETE, IN_ATTRIB, IN_MOVED_FROM | IN_MOVED_TO,
     IN_DELETE_SELF, IN_MOVE_SELF};
 
-/// The real descriptor, with faults on demand.
+/// The real descriptor with faults on demand.
 class FaultyDescriptor : public Engine::FileNotify::InotifyDescriptor {
   public:
     struct Faults {
-        std::atomic<int> watches_left{1 << 30};  ///< as the kernel counts: directories
-        std::atomic<bool> stalled{false};        ///< nothing can be read
-        std::atomic<bool> forget_unread{false};  ///< what waits is lost, an overflow is told
+        std::atomic<int> watches_left{1 << 30};  ///< per directory, as the kernel counts
+        std::atomic<bool> stalled{false};        ///< reads find no events
+        std::atomic<bool> forget_unread{false};  ///< drop queued events, report an overflow
     };
 
     explicit FaultyDescriptor(Faults& faults) : faults_(faults) {}
@@ -142,7 +145,13 @@ class NotifyTest : public ::testing::Test {
         return options;
     }
 
-    /// Puts a watch on and waits until it is in force; its id.
+    static _FileNotifyOpt Removal() {
+        _FileNotifyOpt options;
+        options.remove = true;
+        return options;
+    }
+
+    /// Adds a watch and waits until it is applied; returns its id.
     std::string Watch(const std::string& path, const std::string& state = "ready",
                       const _FileNotifyOpt& options = Tree()) {
         const std::string id = receiver_->Ask(path, kMasks, options);
@@ -169,6 +178,10 @@ class NotifyTest : public ::testing::Test {
                                        : answer["filenotify"][name].asUInt64();
     }
 
+    bool CounterIs(const std::string& name, std::uint64_t value) const {
+        return WaitFor([&] { return Counter(name) == value; }, kDeadline);
+    }
+
     /// Whether as many directories and files are known below the root as there are.
     bool IndexAgrees() const {
         int directories = 1;
@@ -192,8 +205,17 @@ class NotifyTest : public ::testing::Test {
         });
         return static_cast<std::size_t>(it - seen.begin());
     }
+    using Receiver = Poco::AutoPtr<RecordingReceiver>;
+    static bool Sees(std::uint32_t mask, const std::string& path, const Receiver& receiver) {
+        return WaitFor([&] { return Has(receiver->Seen(), mask, path); }, kDeadline);
+    }
     bool Sees(std::uint32_t mask, const std::string& path) const {
-        return WaitFor([&] { return Has(receiver_->Seen(), mask, path); }, kDeadline);
+        return Sees(mask, path, receiver_);
+    }
+    /// Changes the file and waits for its announcement.
+    bool SeesTouch(std::uint32_t mask, const std::string& path) const {
+        TouchFile(path);
+        return Sees(mask, path);
     }
 
     void AwaitCookie() {
@@ -202,12 +224,11 @@ class NotifyTest : public ::testing::Test {
         EXPECT_TRUE(Sees(IN_CREATE, cookie));
     }
 
-    /// Everything that has been delivered of what happened until now. When the event of a file that
-    /// is made now has come, all earlier ones have been read; when that of another one comes after
-    /// the time when nothing waited any more, all of them have been delivered.
+    /// Everything delivered of what happened until now. The first cookie file's event proves that
+    /// all earlier events were read; the second one's that all changes pending then were delivered.
     std::vector<SeenChange> SeenUntilNow() {
         AwaitCookie();
-        EXPECT_TRUE(WaitFor([&] { return Counter("pending_events") == 0; }, kDeadline));
+        EXPECT_TRUE(CounterIs("pending_events", 0));
         AwaitCookie();
         std::vector<SeenChange> seen = receiver_->Seen();
         seen.erase(std::remove_if(seen.begin(), seen.end(),
@@ -218,7 +239,43 @@ class NotifyTest : public ::testing::Test {
         return seen;
     }
 
+    /// The paths that the receiver got announced with all bits of `mask`.
+    static std::unordered_set<std::string> Announced(std::uint32_t mask, const Receiver& receiver) {
+        std::unordered_set<std::string> paths;
+        for (const SeenChange& change : receiver->Seen()) {
+            if ((change.mask & mask) == mask) paths.insert(change.path);
+        }
+        return paths;
+    }
+
+    /// The index equals the tree, and a new file in any directory is announced.
+    void ExpectIndexedAndWatched() {
+        SeenUntilNow();
+        EXPECT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0 && IndexAgrees(); }, kDeadline))
+            << WatchStatus(Root()).toStyledString();
+        std::vector<std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator(Root())) {
+            if (entry.symlink_status().type() != fs::file_type::directory) continue;
+            files.push_back(entry.path().string() + "/last");
+        }
+        for (const std::string& file : files) TouchFile(file);
+        SeenUntilNow();
+        const auto announced = Announced(IN_CREATE, receiver_);
+        for (const std::string& file : files) EXPECT_EQ(announced.count(file), 1U) << file;
+    }
+
     static void TouchFile(const std::string& path) { std::ofstream(path, std::ios::app) << "x"; }
+
+    static bool Exchange(const std::string& one, const std::string& other) {
+        return ::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
+    }
+    /// Creates files, and directories whose names end in "/", below the root.
+    void Make(std::initializer_list<const char*> names) const {
+        for (const std::string name : names) {
+            fs::create_directories(fs::path(Root(name)).parent_path());
+            if (name.back() != '/') TouchFile(Root(name));
+        }
+    }
 
     TempDir home_;
     TempDir site_;

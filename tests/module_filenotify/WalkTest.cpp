@@ -1,6 +1,5 @@
 #include <random>
 #include <thread>
-#include <unordered_set>
 
 #include "NotifyFixture.h"
 
@@ -43,19 +42,7 @@ TEST_F(Walks, TreeChangesMeanwhile_IndexIsTheTreeAndEveryDirectoryIsWatched) {
     Watch(Root());
     stop = true;
     storm.join();
-    SeenUntilNow();
-    EXPECT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0 && IndexAgrees(); }, kDeadline))
-        << WatchStatus(Root()).toStyledString();
-    receiver_->Forget();
-    std::vector<std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(Root())) {
-        if (entry.is_directory()) files.push_back(entry.path().string() + "/last");
-    }
-    for (const std::string& file : files) TouchFile(file);
-    SeenUntilNow();
-    std::unordered_set<std::string> told;
-    for (const SeenChange& change : receiver_->Seen()) told.insert(change.path);
-    for (const std::string& file : files) EXPECT_EQ(told.count(file), 1U) << file;
+    ExpectIndexedAndWatched();
 }
 
 TEST_F(Walks, WatchesRunOutOnTheWay_TheRestIsCountedAndMendedLater) {
@@ -91,7 +78,7 @@ TEST_F(Walks, ExcludedSubdirectoriesOfSeveralLevels_HaveNoKernelWatch) {
     const auto seen = SeenUntilNow();
     EXPECT_TRUE(Has(seen, IN_CREATE | IN_ISDIR, Root("not")));
     EXPECT_EQ(seen.size(), 1U) << Print(seen);
-    ASSERT_TRUE(WaitFor([&] { return Counter("walk_queue") == 0; }, kDeadline));
+    ASSERT_TRUE(CounterIs("walk_queue", 0));
     EXPECT_EQ(Counter("watched_directories"), watched + 1);
 }
 

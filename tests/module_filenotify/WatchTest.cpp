@@ -15,8 +15,8 @@ TEST_F(Watches, BadRequests_AreRefused) {
               (std::vector<std::string>{"a", "c"}));
 }
 
-TEST_F(Watches, NestedAndOfSeveralReceivers_EachIsToldByItsOwnId) {
-    fs::create_directories(Root("in/deep"));
+TEST_F(Watches, NestedAndOfSeveralReceivers_EachGetsItsOwnId) {
+    Make({"in/deep/"});
     auto other = NewReceiver("other");
     Watch(Root());
     Watch(Root("in"));
@@ -31,37 +31,32 @@ TEST_F(Watches, NestedAndOfSeveralReceivers_EachIsToldByItsOwnId) {
     }
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(ids, (std::vector<std::string>{Root(), Root("in")})) << Print(seen);
-    EXPECT_TRUE(WaitFor([&] { return Has(other->Seen(), IN_CREATE, file); }, kDeadline));
+    EXPECT_TRUE(Sees(IN_CREATE, file, other));
     EXPECT_EQ(other->Seen().front().watch, Root("in/deep"));
     // The inner root moves within the outer tree: gone for the one, moved for the other.
     fs::rename(Root("in/deep"), Root("elsewhere"));
     EXPECT_TRUE(Sees(IN_MOVED_TO | IN_ISDIR, Root("elsewhere")));
-    EXPECT_TRUE(WaitFor(
-        [&] { return Has(other->Seen(), IN_MOVED_FROM | IN_ISDIR, Root("in/deep")); }, kDeadline));
-    TouchFile(Root("elsewhere/f"));
-    EXPECT_TRUE(Sees(IN_MODIFY, Root("elsewhere/f")));
+    EXPECT_TRUE(Sees(IN_MOVED_FROM | IN_ISDIR, Root("in/deep"), other));
+    EXPECT_TRUE(SeesTouch(IN_MODIFY, Root("elsewhere/f")));
     fs::rename(Root("elsewhere"), Root("in/deep"));
-    EXPECT_TRUE(WaitFor([&] { return Has(other->Seen(), IN_CREATE, file); }, kDeadline));
+    EXPECT_TRUE(Sees(IN_CREATE, file, other));
     TouchFile(Root("in/deep/again"));
-    EXPECT_TRUE(
-        WaitFor([&] { return Has(other->Seen(), IN_CREATE, Root("in/deep/again")); }, kDeadline));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("in/deep/again"), other));
 }
 
-TEST_F(Watches, Removed_NothingWaitingOrNewIsToldAndReAddingWorksAtOnce) {
+TEST_F(Watches, Removed_NothingMoreIsDeliveredAndReAddingWorksAtOnce) {
     auto other = NewReceiver("other", 1);
     EXPECT_EQ(other->Ask(Root(), kMasks, Tree()), Root());
     Watch(Root());  // the receiver's own watch, for the cookies
     other->SetReading(false);
     for (int i = 0; i < 20; ++i) TouchFile(Root("f" + std::to_string(i)));
     AwaitCookie();
-    _FileNotifyOpt removal = Tree();
-    removal.remove = true;
-    EXPECT_EQ(other->Ask(Root(), kMasks, removal), Root());
+    EXPECT_EQ(other->Ask(Root(), kMasks, Removal()), Root());
     const std::size_t queued = other->QueueLength();
     EXPECT_EQ(other->Ask(Root() + "/", kMasks, Tree()), Root());
     other->SetReading(true);
     TouchFile(Root("after"));
-    ASSERT_TRUE(WaitFor([&] { return Has(other->Seen(), IN_CREATE, Root("after")); }, kDeadline));
+    ASSERT_TRUE(Sees(IN_CREATE, Root("after"), other));
     const auto seen = other->Seen();
     // Of what waited for the watch before, only what its queue held already.
     EXPECT_LE(queued, 1U);
@@ -72,17 +67,15 @@ TEST_F(Watches, Removed_NothingWaitingOrNewIsToldAndReAddingWorksAtOnce) {
 }
 
 TEST_F(Watches, LastOneRemoved_NoKernelWatchIsLeft) {
-    fs::create_directories(Root("a/b/c"));
+    Make({"a/b/c/"});
     Watch(Root());
     EXPECT_GE(Counter("watched_directories"), 4U);
-    _FileNotifyOpt removal = Tree();
-    removal.remove = true;
-    receiver_->Ask(Root(), kMasks, removal);
-    EXPECT_TRUE(WaitFor([&] { return Counter("watched_directories") == 0; }, kDeadline));
+    receiver_->Ask(Root(), kMasks, Removal());
+    EXPECT_TRUE(CounterIs("watched_directories", 0));
 }
 
 TEST_F(Watches, WiderOneAfterNarrowOne_SeesWhatTheNarrowOneLeftOut) {
-    fs::create_directories(Root("cache/deep"));
+    Make({"cache/deep/"});
     _FileNotifyOpt narrow = Tree();
     narrow.excluded_subdirs = {"cache"};
     auto other = NewReceiver("other");
@@ -90,8 +83,7 @@ TEST_F(Watches, WiderOneAfterNarrowOne_SeesWhatTheNarrowOneLeftOut) {
     ASSERT_TRUE(Reaches(Root(), "ready"));
     Watch(Root("."));
     TouchFile(Root("cache/deep/f"));
-    EXPECT_TRUE(WaitFor([&] { return Has(receiver_->Seen(), IN_CREATE, Root("./cache/deep/f")); },
-                        kDeadline));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("./cache/deep/f")));
 }
 
 TEST_F(Watches, LoadedAsAModule_RegistersItsTask) {
@@ -105,20 +97,19 @@ TEST_F(Watches, LoadedAsAModule_RegistersItsTask) {
 TEST(Settings, UnknownKeysAndWrongTypes_AreErrors) {
     Engine::FileNotifyTask::Settings settings;
     std::string error;
-    Json::Value section(Json::objectValue);
-    EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
-    section["retry_ms"] = "soon";
-    EXPECT_FALSE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
-    section["retry_ms"] = 50;
-    EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
+    const auto is_valid = [&](const char* key, const Json::Value& value) {
+        Json::Value section(Json::objectValue);
+        section[key] = value;
+        return Engine::FileNotifyTask::ReadSettings(section, settings, error);
+    };
+    EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings({}, settings, error));
+    EXPECT_FALSE(is_valid("retry_ms", "soon"));
+    EXPECT_TRUE(is_valid("retry_ms", 50));
     EXPECT_EQ(settings.retry_after, 50ms);
-    section["max_queued_events"] = -1;
-    EXPECT_FALSE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
-    section["max_queued_events"] = 65536;
-    EXPECT_TRUE(Engine::FileNotifyTask::ReadSettings(section, settings, error)) << error;
+    EXPECT_FALSE(is_valid("max_queued_events", -1));
+    EXPECT_TRUE(is_valid("max_queued_events", 65536)) << error;
     EXPECT_EQ(settings.max_queued_events, 65536U);
-    section["retry"] = 50;
-    EXPECT_FALSE(Engine::FileNotifyTask::ReadSettings(section, settings, error));
+    EXPECT_FALSE(is_valid("retry", 50));
     EXPECT_NE(error.find("/filenotify/retry "), std::string::npos) << error;
 }
 

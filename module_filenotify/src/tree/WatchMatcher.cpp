@@ -17,7 +17,7 @@ namespace {
 constexpr std::uint32_t kIndexMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
                                      IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
 
-/// The kernel tells of no write through a mapping, but the end of the mapping closes the file.
+/// The kernel reports no write through a mapping, but the end of the mapping closes the file.
 std::uint32_t KernelEvents(const WatchRequest& request) {
     const std::uint32_t mask = request.mask & IN_ALL_EVENTS;
     return (mask & IN_MODIFY) != 0 ? mask | IN_CLOSE_WRITE : mask;
