@@ -63,6 +63,18 @@ TEST_F(Roots, MovedAway_ItsTreeIsSilentAndTheNextOneIsWatched) {
     EXPECT_TRUE(Sees(IN_CREATE, root + "/file"));
 }
 
+// The directories above a root must report moves too, although no watch requests them.
+TEST_F(Roots, ParentMovedAwayAndBack_RootIsAnnouncedGoneAndThere) {
+    const std::string root = site_.Path("a/live");
+    fs::create_directories(root);
+    Watch(root);
+    fs::rename(site_.Path("a"), site_.Path("b"));
+    EXPECT_TRUE(Sees(IN_DELETE | IN_ISDIR, root));
+    EXPECT_TRUE(Reaches(root, "waiting"));
+    fs::rename(site_.Path("b"), site_.Path("a"));
+    EXPECT_TRUE(Sees(IN_CREATE | IN_ISDIR, root));
+}
+
 TEST_F(Roots, NotToBeWatchedAgain_EndsWithItsRoot) {
     const std::string root = site_.Path("once");
     fs::create_directory(root);
