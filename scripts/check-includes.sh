@@ -31,12 +31,12 @@ read_order() {
     done <"$ORDER"
 }
 
-# room_of FILE: sets ROOM to the innermost listed folder that contains it; fails if there is none.
-room_of() {
-    ROOM=${1%/*}
-    while [[ -z ${FLOOR[$ROOM]:-} ]]; do
-        [[ $ROOM == */* ]] || return 1
-        ROOM=${ROOM%/*}
+# folder_of FILE: sets FOLDER to the innermost listed folder that contains it; fails if there is none.
+folder_of() {
+    FOLDER=${1%/*}
+    while [[ -z ${FLOOR[$FOLDER]:-} ]]; do
+        [[ $FOLDER == */* ]] || return 1
+        FOLDER=${FOLDER%/*}
     done
 }
 
@@ -52,15 +52,15 @@ resolve() {
 
 check_file() {
     local file=$1 own line
-    room_of "$file" || { fault "$file: $ORDER does not list its folder" && return; }
-    own=${FLOOR[$ROOM]} USED[$ROOM]=yes
+    folder_of "$file" || { fault "$file: $ORDER does not list its folder" && return; }
+    own=${FLOOR[$FOLDER]} USED[$FOLDER]=yes
     while IFS= read -r line; do
         line=${line#*[<\"]}
         resolve "$file" "${line%%[>\"]*}"
         [[ -n $TARGET ]] || continue
         CHECKED=$((CHECKED + 1))
-        room_of "$TARGET" || continue
-        ((FLOOR[$ROOM] <= own)) || fault "$file: includes $TARGET, which $ORDER lists below it"
+        folder_of "$TARGET" || continue
+        ((FLOOR[$FOLDER] <= own)) || fault "$file: includes $TARGET, which $ORDER lists below it"
     done < <(grep -E '^#include [<"]' "$file" || true)
 }
 
