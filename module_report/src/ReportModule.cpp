@@ -1,5 +1,5 @@
-// Owns the store, the alarm file, the queries and the two tasks; they borrow from one another, so
-// the order of making and ending them is this file's business. Runs on the framework thread.
+// Owns the store, the alarm file, the queries and the two tasks, and the order in which they are
+// created and destroyed, since they borrow from each other. Runs on the framework thread.
 
 #include "ReportModule.h"
 
@@ -26,10 +26,7 @@ std::int64_t EpochMs() {
 }
 
 std::string AlarmPath() {
-    std::string directory = Framework::ConfigManager::GetInstance().GetLoggerConfig().directory;
-    if (directory.empty()) directory = "log";
-    if (directory.front() != '/') directory = SDK::PathUtils::GetInstallationPath() + directory;
-    return directory + "/alarms.jsonl";
+    return Framework::ConfigManager::GetInstance().GetLoggerConfig().directory + "/alarms.jsonl";
 }
 
 }  // namespace
@@ -49,7 +46,7 @@ bool ReportModule::Init() {
     store_->Open();
     for (const char* id : {kCmdReportTask, kDataReportTask}) {
         tasks_.emplace_back(new ReportTask(id, *store_, *alarms_));
-        tasks_.back()->duplicate();  // the reference that the framework takes over
+        tasks_.back()->duplicate();  // the reference that the framework takes
         RegisterTask(tasks_.back().get(), false);
     }
     RegisterQueries();
@@ -87,7 +84,7 @@ void ReportModule::UnregisterQueries() {
 
 extern "C" void* CreateModule() {
     try {
-        return new Engine::ReportModule();  // the framework's from here on
+        return new Engine::ReportModule();  // owned by the framework
     } catch (...) {
         return nullptr;
     }

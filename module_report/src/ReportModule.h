@@ -22,7 +22,7 @@ class ReportModule : public Framework::Module {
     ReportModule(const ReportModule&) = delete;
     ReportModule& operator=(const ReportModule&) = delete;
 
-    /// Always true: a store that cannot be opened now is tried again with each report.
+    /// Always true: a store that cannot be opened now is opened again with the next report.
     bool Init() override;
     void UnInit() override;
 

@@ -13,7 +13,8 @@ namespace {
 constexpr std::int64_t kDefaultLimit = 100;
 constexpr std::int64_t kMaxLimit = 10000;
 constexpr std::int64_t kMaxWaitMs = 60 * 1000;
-constexpr std::int64_t kMaxSeconds = 1LL << 40;  // far beyond any date, and no overflow as ms
+constexpr std::int64_t kMaxSeconds = 1LL
+                                     << 40;  // beyond any date, without an overflow in milliseconds
 constexpr std::size_t kMaxExporterName = 64;
 
 Json::Value Error(const std::string& sentence) {
@@ -22,7 +23,7 @@ Json::Value Error(const std::string& sentence) {
     return answer;
 }
 
-// False when the member is there and no integer from 0 up.
+// False when the member exists and is not an integer from 0 up.
 bool TakeNumber(const Json::Value& request, const char* key, std::int64_t& value) {
     const Json::Value& member = request[key];
     if (member.isNull()) return true;
@@ -70,7 +71,7 @@ Json::Value ToJson(const Report& report) {
     return object;
 }
 
-// An empty text, or what is wrong with the request.
+// Empty, or the fault of the request.
 std::string ParseRead(const Json::Value& request, ReportFilter& filter, std::int64_t& wait_ms) {
     std::int64_t since = 0;
     filter.limit = kDefaultLimit;

@@ -7,22 +7,23 @@ namespace Engine {
 class AlarmLog;
 class ReportStore;
 
-/// The module's answers to other components, as JSON. Any thread; both objects are borrowed.
+/// The module's answers to other components, as JSON. Both objects are borrowed. Thread-safe.
 class ReportQueries {
   public:
     ReportQueries(ReportStore& store, AlarmLog& alarms) : store_(store), alarms_(alarms) {}
 
     /// "reports.read": {"kind":"cmd"|"data"|"alarm"|"", "after":SEQ, "since":EPOCH_SECONDS,
-    /// "limit":N, "wait_ms":N, "exporter":NAME}, all optional. {"reports":[...],"last_seq":N,
-    /// "more":bool}, ascending: all that match up to last_seq, which is the "after" to go on from;
-    /// "more" when the limit or the size of the answer may have cut off later ones. With an
-    /// exporter, only what it has not acknowledged. Without "after", "since" and "exporter", the
-    /// newest `limit`. Waits up to wait_ms (at most a minute) for the first match. A request or
-    /// store that is wrong: {"error":"..."}.
+    /// "limit":N, "wait_ms":N, "exporter":NAME}, all optional. The answer:
+    /// {"reports":[...],"last_seq":N,"more":bool}.
+    /// The reports are all matches up to last_seq, ascending; continue with last_seq as "after".
+    /// "more": the limit or the size of the answer may have cut off later ones. With "exporter":
+    /// only reports that it has not acknowledged. Without "after", "since" and "exporter": the
+    /// newest `limit`. Blocks up to wait_ms (at most a minute) for the first match. {"error":"..."}
+    /// for a wrong request or an unreadable store.
     Json::Value Read(const Json::Value& request);
 
     /// "reports.ack": {"exporter":NAME,"seq":N} gives {"exporter":NAME,"acked_seq":N}, which never
-    /// goes back, or {"error":"..."}.
+    /// decreases, or {"error":"..."}.
     Json::Value Acknowledge(const Json::Value& request);
 
     /// "status.report".

@@ -1,6 +1,6 @@
-// Turns messages into reports. Must not know files or tables (ReportStore.cpp, AlarmLog.cpp).
-// Messages come in on the senders' threads, several at once; Run has the task's own. A queued
-// message is freed here once it is stored.
+// Converts messages to reports; owns nothing. Must not know files or tables (ReportStore.cpp,
+// AlarmLog.cpp). Messages arrive on the senders' threads, several at a time; Run has its own
+// thread. Deletes a queued message once it is stored.
 
 #include "ReportTask.h"
 
@@ -71,7 +71,7 @@ int ReportTask::StoreMessage(const Framework::Message* msg) {
             return kNoReport;
         }
         const bool stored = store_.Store(report);
-        // Also when the store fails: the log shipper's copy may be the only one left.
+        // Also when the store fails: the log shipper's copy may be the only one.
         if (report.kind == kDataKind && report.name == kAlarmEvent) {
             report.is_json_line ? alarms_.AppendLine(report.body) : alarms_.Append(report.body);
         }

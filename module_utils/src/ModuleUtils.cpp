@@ -20,14 +20,14 @@ Poco::Logger* RootLogger() {
     return SDK::LoggerUtils::GetInstance()->GetRootLogger();
 }
 
-/// How the log names a kind of message and what identifies one of it.
+/// The log's words for a kind of message and its key.
 struct LogWords {
     std::string kind;
     std::string key;
 };
 
-// Sends `msg`, null when it could not be made, and logs what became of it. A message that is
-// refused is left alone: nobody knows here who else still holds it.
+// Sends `msg` (null when the allocation failed) and logs the outcome. A refused message is not
+// deleted: another object may still hold it.
 bool HandOver(const std::string& task, Framework::Message* msg, const LogWords& words,
               const std::string& name, std::size_t length) {
     Poco::Logger* const logger = RootLogger();

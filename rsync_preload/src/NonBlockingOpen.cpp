@@ -1,8 +1,8 @@
-// A pipe that somebody puts in a file's place just before rsync opens it for reading would hold
-// rsync, and with it all restores, for as long as nobody writes to that pipe. In the agent's rsync
-// an open for reading never waits; of such a pipe nothing is read. For files nothing is changed.
+// A pipe that replaces a file just before rsync opens it for reading would block rsync, and all
+// restores, until somebody writes to it. In the agent's rsync, opening for reading therefore never
+// blocks; such a pipe reads as empty. Files behave as before.
 //
-// Owns nothing. Any thread.
+// Owns nothing. Thread-safe.
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ bool TakesMode(int flags) {
 // The names are the C library's.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 
-// What open and openat are called by where the compiler checks their arguments.
+// The names of open and openat where the compiler checks their arguments.
 extern "C" int __open_2(const char* path, int flags) {
     return Open(AT_FDCWD, path, flags, 0);
 }
@@ -50,7 +50,7 @@ extern "C" int openat(int directory, const char* path, int flags, ...) {
     return Open(directory, path, flags, mode);
 }
 
-// The same, as programs for large files call them.
+// The same for programs with large-file support.
 extern "C" int __open64_2(const char* path, int flags) __attribute__((alias("__open_2")));
 extern "C" int __openat64_2(int directory, const char* path, int flags)
     __attribute__((alias("__openat_2")));

@@ -1,11 +1,10 @@
-// At its end rsync looks whether its own children are gone, sleeps 20 ms and looks again: its
-// handler of SIGCHLD has taken the child by then, but the sleep is gone on with. So a copy of one
-// file that is done after 5 ms holds its caller for 25 or 45. This library is loaded into the
-// agent's rsync alone, and lets a short sleep end as soon as a child has.
-// Without it rsync works the same, only slower.
+// At its end rsync checks whether its children have ended, sleeps 20 ms and checks again. Its
+// SIGCHLD handler has reaped the child by then, but the sleep continues. So a copy that is done
+// after 5 ms takes 25 or 45 ms. This library is loaded into the agent's rsync only; it ends a short
+// sleep as soon as a child has ended. Without it rsync is only slower.
 //
-// Owns: the count of ended children. It never takes a child: rsync does, and is counted at it, also
-// in its signal handler. Runs on rsync's only thread; the counts bear any number of them.
+// Owns the count of ended children. Must not reap a child: rsync does, and its calls are counted,
+// also those in its signal handler. Runs on rsync's only thread; the counts are atomic.
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -19,18 +18,17 @@
 namespace {
 
 constexpr long kNanosPerSecond = 1000000000;
-constexpr long kLongestNap = kNanosPerSecond / 10;  // longer sleeps wait for something else
+constexpr long kLongestNap = kNanosPerSecond / 10;  // longer sleeps have other purposes
 
-std::atomic<unsigned int> ended{0};    // children that this process has taken
-std::atomic<unsigned int> noticed{0};  // of these, those that have cut a sleep short
+std::atomic<unsigned int> ended{0};    // children that this process has reaped
+std::atomic<unsigned int> noticed{0};  // those of them that have ended a sleep
 
-/// What rsync starts itself (a shell of a transfer, a script of the daemon) gets no library of
-/// ours.
+/// Programs that rsync starts (a remote shell, a script of the daemon) must not load this library.
 __attribute__((constructor)) void LeaveEnvironment() {
     ::unsetenv("LD_PRELOAD");
 }
 
-/// One sleep is cut short for each child, so that no loop of the caller can spin.
+/// Each child ends one sleep only, so that no loop of the caller can spin.
 bool NoticeEnded() {
     const unsigned int now = ended.load();
     return noticed.exchange(now) != now;
@@ -47,15 +45,15 @@ timespec Now() {
     return now;
 }
 
-/// What is left of `time` when it began at `start`.
+/// The rest of a sleep of `time` that began at `start`.
 timespec Remaining(const timespec& time, const timespec& start) {
     const timespec now = Now();
     const long passed = (now.tv_sec - start.tv_sec) * kNanosPerSecond + now.tv_nsec - start.tv_nsec;
     return {0, passed < time.tv_nsec ? time.tv_nsec - passed : 0};
 }
 
-/// As nanosleep(2), but 0 as soon as a child has ended. Without the block a child taken by the
-/// signal handler after the look at the count would be slept over.
+/// Like nanosleep(2), but returns 0 as soon as a child has ended. SIGCHLD is blocked, so that a
+/// child reaped after the check of the count still ends the sleep.
 int ShortSleep(const timespec& time, timespec* remaining) {
     sigset_t child;
     sigset_t before;

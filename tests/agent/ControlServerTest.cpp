@@ -1,5 +1,5 @@
-#include <sys/stat.h>
 
+#include <filesystem>
 #include <future>
 
 #include "support/ControlFixture.h"
@@ -46,9 +46,7 @@ class ControlServer : public test::ControlFixture {
 };
 
 TEST_F(ControlServer, Socket_IsOursAloneAndPeersAreChecked) {
-    struct stat info {};
-    ASSERT_EQ(::stat(socket_.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(std::filesystem::status(socket_).permissions(), std::filesystem::perms(0600));
     EXPECT_EQ(Healthy(), 200);
     server_.Stop();
     Agent::ControlServer strict(routes_, [](const Poco::Net::StreamSocket&) { return false; });

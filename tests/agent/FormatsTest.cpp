@@ -19,6 +19,11 @@ class Formats : public testing::Test {
         Ctl::SetColours(false);
     }
 
+    static Json::Value Parse(const std::string& text) {
+        Json::Value value;
+        EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), value), 0) << text;
+        return value;
+    }
     static Json::Value Alarm(const std::string& path, const std::string& diff) {
         Json::Value document;
         document["file_info"][0]["action"] = "modify";
@@ -53,27 +58,16 @@ TEST_F(Formats, AlarmWithoutOutcomeOrDocument_IsStillALine) {
 }
 
 TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
-    Json::Value status;
-    status["protection"]["on"] = true;
-    Json::Value path;
-    path["path"] = "/srv/\x1bsite/";
-    path["state"] = "waiting";
-    path["last_failure"] = "remote \x1b";
-    status["protected_paths"].append(path);
-    status["counters"]["log_records_dropped"] = 2;
-    status["modules"][0]["name"] = "broken";
-    status["modules"][0]["state"] = "failed";
-    Json::Value unwatched;
-    unwatched["path"] = "/srv/deep";
-    unwatched["reason"] = "Permission denied";
-    status["filenotify"]["unwatched_directories"] = 12;
-    status["filenotify"]["unwatched_examples"].append(unwatched);
-    status["filenotify"]["excluded_unwatched"] = 34;
-    status["filenotify"]["queue_limit_problem"] = "cannot be raised";
-    status["rsync"]["degraded"] = true;
-    status["rsync"]["reason"] = "older than 3.5.0";
-    status["unsafe_places"][0]["path"] = "/var/copies";
-    const std::string page = Ctl::FormatStatus(status, kNow);
+    const std::string page = Ctl::FormatStatus(Parse(R"({"protection": {"on": true},
+        "protected_paths": [{"path": "/srv/\u001bsite/", "state": "waiting",
+                             "last_failure": "remote \u001b"}],
+        "counters": {"log_records_dropped": 2}, "modules": [{"name": "broken", "state": "failed"}],
+        "filenotify": {"unwatched_directories": 12, "excluded_unwatched": 34,
+                       "unwatched_examples": [{"path": "/srv/deep", "reason": "Permission denied"}],
+                       "queue_limit_problem": "cannot be raised"},
+        "rsync": {"degraded": true, "reason": "older than 3.5.0"},
+        "unsafe_places": [{"path": "/var/copies"}]})"),
+                                               kNow);
     for (const char* part :
          {"/var/copies is not safe", "protection  on", "/srv/\\x1bsite/", "is not there",
           "remote \\x1b", "2 log records", "module broken", "older than 3.5.0", "12 directories",
@@ -89,8 +83,7 @@ TEST_F(Formats, StatusOfAnotherShape_IsNoCrash) {
         {"{}", "[]", R"({"protected_paths":{"a":1},"counters":[],"policies":7})",
          R"({"modules":"x","tasks":[1,"2",null],"rsync":[],"protection":1})",
          R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"unsafe_places":[1],"backup_server":{"on":1},"filenotify":[7]})"}) {
-        Json::Value status;
-        ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text, std::string(text).size(), status), 0);
+        const Json::Value status = Parse(text);
         EXPECT_NO_THROW(Ctl::FormatStatus(status, kNow)) << text;
     }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <TreeState.h>
+#include <site/TreeState.h>
 #include <sys/types.h>
 
 #include <map>

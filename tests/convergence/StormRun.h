@@ -1,6 +1,6 @@
 #pragma once
 
-#include <AlarmFeed.h>
+#include <agent/AlarmFeed.h>
 #include <sys/types.h>
 
 #include <chrono>

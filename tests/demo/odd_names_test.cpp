@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "OddNames.h"
+#include "site/OddNames.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 
@@ -28,16 +28,16 @@ TEST(OddNames, GivenToAShell_EachCommandLeavesItsMark) {
     const OddNames names(dir.Path("site"), dir.Path());
     ASSERT_EQ(names.Make(), "");
     EXPECT_TRUE(names.AreThere());
-    EXPECT_TRUE(names.Run().empty());
+    EXPECT_TRUE(names.ExecutedMarkers().empty());
     std::vector<OddNames::Name> all = names.Pages();
     all.insert(all.end(), {names.Directory(), names.Foreign()});
     std::size_t left = 0;
     for (const OddNames::Name& name : all) {
         RunShell(dir.Path(), "true " + name.path + " >out 2>&1");
-        left += name.mark.empty() ? 0U : 1U;
+        left += name.marker.empty() ? 0U : 1U;
         // One of them goes to the background.
-        EXPECT_TRUE(
-            test::WaitFor([&] { return names.Run().size() == left; }, std::chrono::seconds(10)))
+        EXPECT_TRUE(test::WaitFor([&] { return names.ExecutedMarkers().size() == left; },
+                                  std::chrono::seconds(10)))
             << name.path;
     }
     EXPECT_EQ(left, 6U);

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "TreeState.h"
+#include "site/TreeState.h"
 #include "support/TempDir.h"
 
 namespace Demo {

@@ -1,13 +1,13 @@
 // The account that owns the site and the directories above it attacks the real agent. A seed
 // decides its operations, not their timing. It must not change the site, the copies or files of
 // others, and must not become root.
-#include <TreeState.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/FileDescriptor.h>
 #include <signal.h>
+#include <site/TreeState.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

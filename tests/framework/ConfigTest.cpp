@@ -1,8 +1,8 @@
 #include <framework/ConfigManager.h>
 #include <gtest/gtest.h>
 #include <sdk/files/PathUtils.h>
-#include <sys/stat.h>
 
+#include <filesystem>
 #include <utility>
 #include <vector>
 
@@ -88,9 +88,7 @@ TEST_F(ConfigTest, AgentId_IsMadeOnceAndNeverReplaced) {
     ASSERT_TRUE(config_.EnsureAgentId(error_)) << error_;
     const std::string id = config_.GetAgentId();
     EXPECT_EQ(id.size(), 36U);
-    struct stat status {};
-    ASSERT_EQ(::stat(IdFile().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    EXPECT_EQ(std::filesystem::status(IdFile()).permissions(), std::filesystem::perms(0600));
     config_.SetAgentId("");
     ASSERT_TRUE(config_.EnsureAgentId(error_)) << error_;
     EXPECT_EQ(config_.GetAgentId(), id);

@@ -111,10 +111,7 @@ class EngineTest : public ::testing::Test {
         SDK::PathUtils::SetInstallationPath(installation_.Path());
         Configure(R"({"task_period_ms": 3600000, "policy_grace_ms": 50})");
         engine_.Start();
-        auto module = std::make_unique<ScriptedModule>();
-        module_ = module.get();
-        std::string error;
-        ASSERT_TRUE(engine_.AddModule(std::move(module), error)) << error;
+        module_ = AddModule("scripted_module");
     }
     void TearDown() override { engine_.Stop(); }
 
@@ -126,6 +123,16 @@ class EngineTest : public ::testing::Test {
             << error;
     }
 
+    ScriptedModule* AddModule(const std::string& name) {
+        auto module = std::make_unique<ScriptedModule>(name);
+        ScriptedModule* const added = module.get();
+        std::string error;
+        EXPECT_TRUE(engine_.AddModule(std::move(module), error)) << error;
+        return added;
+    }
+    bool RunsOnce(const Framework::Task& task) {
+        return WaitFor([&] { return StatusOf(task.Id()).passes > 0; }, kDeadline);
+    }
     /// Registers the task, which stays the caller's, as modules do.
     bool Register(Framework::Task& task, bool deferred = false) {
         bool registered = false;

@@ -15,6 +15,10 @@ using Framework::Policy;
 class GateTest : public EngineTest {
   protected:
     int Apply() { return engine_.ApplyPolicy("feature", "{}").result; }
+    static int Execute(const std::string& command) {
+        std::string output;
+        return SDK::ExecuteCmdUtils::ExecuteCmd(command, output, 100);
+    }
 };
 
 TEST_F(GateTest, ManyTasksAndPolicies_SettingsNeedNoLock) {
@@ -58,15 +62,14 @@ TEST_F(GateTest, TaskIsInsideALongCommand_PolicyInterruptsItAfterTheGrace) {
     int interrupted = 0;
     int after = -1;
     task.on_run = [&] {
-        std::string output;
         if (again.IsSet()) return task.Waiter().WaitAndHandleEvent(60'000, 10);
         if (running.IsSet()) {
-            after = SDK::ExecuteCmdUtils::ExecuteCmd("true", output, 100);
+            after = Execute("true");
             again.Set();
             return 0;
         }
         running.Set();
-        interrupted = SDK::ExecuteCmdUtils::ExecuteCmd("sleep 60", output, 100);
+        interrupted = Execute("sleep 60");
         return 0;
     };
     ASSERT_TRUE(Register(task));
@@ -92,7 +95,7 @@ TEST_F(GateTest, TaskHandlesManyMessages_PolicyGoesBetweenThem) {
     task.on_message = [&](Framework::Message*) {
         if (++handled > 1) return;
         first.Set();
-        EXPECT_TRUE(WaitFor([&] { return module_->Gate().IsWanted(); }, kDeadline));
+        EXPECT_TRUE(WaitFor([&] { return module_->Gate().HasExclusiveWaiter(); }, kDeadline));
     };
     ASSERT_TRUE(Register(task));
     for (int i = 0; i < 10; ++i) ASSERT_TRUE(engine_.PostMessage("task", new CountedMessage));
@@ -147,24 +150,20 @@ TEST_F(GateTest, BeginOfTheStop_EndsCommandsOfPoliciesAndOfTasksTheyWaitFor) {
     Signal in_policy;
     int of_task = 0;
     int of_policy = 0;
-    const auto command = [] {
-        std::string output;
-        return SDK::ExecuteCmdUtils::ExecuteCmd("sleep 600", output, 100);
-    };
     task.on_run = [&] {
         if (in_task.IsSet()) return task.Waiter().WaitAndHandleEvent(60'000, 10);
         in_task.Set();
-        of_task = command();
+        of_task = Execute("sleep 600");
         return 0;
     };
     ASSERT_TRUE(Register(task));
     ASSERT_TRUE(in_task.Wait());
     module_->on_policy = [&](const std::string&, Policy*&) {
         in_policy.Set();
-        return of_policy = command();
+        return of_policy = Execute("sleep 600");
     };
     auto applied = std::async(std::launch::async, [&] { return Apply(); });
-    EXPECT_TRUE(WaitFor([&] { return module_->Gate().IsWanted(); }, kDeadline));
+    EXPECT_TRUE(WaitFor([&] { return module_->Gate().HasExclusiveWaiter(); }, kDeadline));
     EXPECT_FALSE(in_policy.IsSet());
     const auto begun = std::chrono::steady_clock::now();
     engine_.BeginStop();
@@ -176,10 +175,7 @@ TEST_F(GateTest, BeginOfTheStop_EndsCommandsOfPoliciesAndOfTasksTheyWaitFor) {
 }
 
 TEST_F(GateTest, TaskOfAnotherModule_IsNotDisturbed) {
-    auto other = std::make_unique<ScriptedModule>("other");
-    ScriptedModule* const other_module = other.get();
-    std::string error;
-    ASSERT_TRUE(engine_.AddModule(std::move(other), error)) << error;
+    ScriptedModule* const other_module = AddModule("other");
     ScriptedTask task("task");
     Signal running;
     Signal release;

@@ -15,10 +15,7 @@ class PolicyTest : public EngineTest {
   protected:
     void SetUp() override {
         EngineTest::SetUp();
-        auto second = std::make_unique<ScriptedModule>("second");
-        second_ = second.get();
-        std::string error;
-        ASSERT_TRUE(engine_.AddModule(std::move(second), error)) << error;
+        second_ = AddModule("second");
     }
     ScriptedModule* second_ = nullptr;
 };

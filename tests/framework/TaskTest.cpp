@@ -33,7 +33,7 @@ TEST_F(TaskTest, RegisteredTwice_LivesTwiceAloneUnderItsIdAndIsGivenBack) {
         EXPECT_EQ(task.referenceCount(), 2);
         // The first message ends the first wait, and with it the first pass.
         ASSERT_TRUE(engine_.PostMessage("task", new CountedMessage));
-        EXPECT_TRUE(WaitFor([&] { return StatusOf("task").passes > 0; }, kDeadline));
+        EXPECT_TRUE(RunsOnce(task));
         EXPECT_FALSE(task.isCancelled());
         Unregister(task);
         EXPECT_EQ(inits, life);
@@ -71,7 +71,7 @@ TEST_F(TaskTest, EverythingThrows_IsLoggedAndEndsInOrder) {
     task.on_run = []() -> int { throw std::runtime_error("second"); };
     task.on_uninit = []() -> bool { throw std::runtime_error("third"); };
     ASSERT_TRUE(Register(task));
-    EXPECT_TRUE(WaitFor([&] { return StatusOf("task").passes == 1; }, kDeadline));
+    EXPECT_TRUE(RunsOnce(task));
     EXPECT_TRUE(StatusOf("task").init_failed);
     Unregister(task);
     EXPECT_TRUE(LogSays("Task(task) failed to initialise: first"));
@@ -83,7 +83,7 @@ TEST_F(TaskTest, Periodic_FirstPassAtOnceAndEndsInItsPause) {
     ScriptedTask task("task", TaskCondition::kPeriodic);
     task.on_run = [] { return 0; };
     ASSERT_TRUE(Register(task));
-    EXPECT_TRUE(WaitFor([&] { return StatusOf("task").passes == 1; }, kDeadline));
+    EXPECT_TRUE(RunsOnce(task));
     Unregister(task);  // the period is an hour
 
     Configure(R"({"task_period_ms": 10})");
@@ -148,7 +148,7 @@ TEST_F(TaskTest, UnregisteredInsideACommand_InterruptsItButNotUnInits) {
 
 TEST_F(TaskTest, EngineStops_ModulesInReverseThenTasksLeftBehind) {
     std::vector<std::string> order;
-    auto second = std::make_unique<ScriptedModule>("second");
+    ScriptedModule* const second = AddModule("second");
     auto* const task = new ScriptedTask("left_behind");  // its only reference is the framework's
     task->on_uninit = [&] {
         order.push_back("task");
@@ -159,8 +159,6 @@ TEST_F(TaskTest, EngineStops_ModulesInReverseThenTasksLeftBehind) {
         order.push_back("first");
     };
     second->on_uninit = [&] { order.push_back("second"); };
-    std::string error;
-    ASSERT_TRUE(engine_.AddModule(std::move(second), error)) << error;
     EXPECT_EQ(engine_.ModuleNames(), (std::vector<std::string>{"scripted_module", "second"}));
     engine_.RunOnFrameworkThread([&] { EXPECT_TRUE(module_->RegisterTask(task, false)); });
     EXPECT_TRUE(WaitFor([&] { return StatusOf("left_behind").state == "running"; }, kDeadline));

@@ -1,8 +1,8 @@
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <future>
 
 #include "StoreFixture.h"
@@ -21,9 +21,7 @@ TEST_F(ReportStoreTest, Reopened_ReportsAreKeptByteForByte) {
     ASSERT_EQ(reports.size(), bodies.size());
     for (std::size_t i = 0; i < bodies.size(); ++i) EXPECT_EQ(reports[i].body, bodies[i]);
     EXPECT_GT(Store("next"), reports.back().seq);
-    struct stat status {};
-    ASSERT_EQ(::stat(path_.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0600));
 }
 
 TEST_F(ReportStoreTest, WriterKilled_EverythingStoredIsThere) {
@@ -69,23 +67,6 @@ TEST_F(ReportStoreTest, SizeBound_RemovesTheOldestAndCountsUnacknowledgedOnes) {
     EXPECT_GT(status.stored, 50) << "it prunes no more than it must";
     EXPECT_EQ(status.reports_lost, static_cast<std::uint64_t>(kReports - status.stored - 10));
     EXPECT_EQ(ReadAll().back().seq, kReports);
-}
-
-TEST_F(ReportStoreTest, MaintainedWhileWritten_NothingIsLost) {
-    std::atomic<bool> done{false};
-    auto maintenance = std::async(std::launch::async, [&] {
-        while (!done) store_->Maintain();
-    });
-    auto other = std::async(std::launch::async, [&] {
-        for (int i = 0; i < 200; ++i) EXPECT_GT(Store("other"), 0);
-    });
-    for (int i = 0; i < 200; ++i) EXPECT_GT(Store("one"), 0);
-    other.wait();
-    done = true;
-    maintenance.wait();
-    Reopen();
-    EXPECT_EQ(ReadAll().size(), 400U);
-    EXPECT_EQ(store_->Status().files_set_aside, 0U);
 }
 
 TEST_F(ReportStoreTest, WaitingReader_IsWokenByAMatchOrTheEndOnly) {

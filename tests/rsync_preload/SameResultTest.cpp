@@ -110,16 +110,6 @@ TEST_F(RsyncWithNap, Failures_EndWithTheSameCode) {
     EXPECT_NE(killed.code, 127);
 }
 
-TEST_F(RsyncWithNap, FullDisk_EndsWithTheSameCodeAndContents) {
-    if (Shell("unshare -m true").code != 0) GTEST_SKIP() << "mount namespaces are not allowed here";
-    dir_.Write("source/a", std::string(20000, 'a'));
-    dir_.Write("source/b", std::string(4000000, 'b'));
-    const Result full = Twice("mkdir to; unshare -m sh -c 'mount -t tmpfs -o size=64k none to && " +
-                              std::string("{ ") + "'\"$rsync\"' -a " + dir_.Path("source") +
-                              "/ to/ 2>/dev/null; echo code $?; ls -A to; sha256sum to/a; }'");
-    EXPECT_NE(full.output.find("code 11\n"), std::string::npos) << full.output;
-}
-
 TEST_F(RsyncWithNap, WhatRsyncStarts_GetsNoLibrary) {
     const std::string shell = dir_.Write("shell", "#!/bin/sh\nenv >&2\nexit 1\n");
     fs::permissions(shell, fs::perms::owner_all);

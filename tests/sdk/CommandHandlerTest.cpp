@@ -2,10 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <filesystem>
 #include <stdexcept>
-#include <thread>
 
 #include "sdk/commands/ExecuteCmdUtils.h"
 #include "sdk/commands/RunningCommand.h"
@@ -166,23 +164,6 @@ TEST_F(CommandHandlers, ProgramWithABlank_IsNotRunByItsFirstWord) {
     EXPECT_EQ(Run("\"" + blank + "\" -a"), 0);
     EXPECT_EQ(output_, "-a");
     ExecuteCmdUtils::SetProgramHandler(blank, nullptr);
-}
-
-TEST_F(CommandHandlers, Handlers_AreSetAndAskedByManyThreads) {
-    std::atomic<int> done{0};
-    std::vector<std::thread> threads;
-    for (int count = 0; count < 4; ++count) {
-        threads.emplace_back([&] {
-            std::string output;
-            for (int round = 0; round < 200; ++round) {
-                ExecuteCmdUtils::SetProgramHandler(
-                    program_, [](const Words& words) { return Answer(Kind::kDone, words[0]); });
-                if (ExecuteCmdUtils::ExecuteCmd(program_, output, kMuch) == 0) ++done;
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(done, 800);
 }
 
 }  // namespace

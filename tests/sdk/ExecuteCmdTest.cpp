@@ -11,9 +11,8 @@
 #include "sdk/commands/ProcessUtils.h"
 #include "sdk/commands/RunningCommand.h"
 #include "sdk/files/PathUtils.h"
-#include "sdk/time/CommandIdleLimit.h"
 #include "sdk/time/CommandInterrupter.h"
-#include "sdk/time/CommandTimeLimit.h"
+#include "sdk/time/CommandLimit.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -9,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "FileObjects.h"
 #include "files/Sha256.h"
 #include "sdk/files/DirUtils.h"
 #include "sdk/files/FileDescriptor.h"
@@ -35,9 +35,7 @@ std::string DigestOf(const std::string& path, long limit = kMegabyte) {
 }
 
 mode_t ModeOf(const std::string& path) {
-    struct stat info {};
-    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777;
+    return test::StatOf(path).st_mode & 07777;
 }
 
 std::size_t EntriesIn(const std::string& directory) {
@@ -188,20 +186,6 @@ TEST_F(Files, DeleteBeneath_RemovesAnythingButThroughALink) {
     MakeLink(outside.Path(), "root");
     EXPECT_EQ(DirUtils::DeleteBeneath(dir_.Path("root/"), "kept"), -1);
     EXPECT_TRUE(fs::exists(outside.Path("kept/file")));
-}
-
-TEST_F(Files, DeleteDirOfADeepTree_NeedsFewDescriptors) {
-    constexpr int kDepth = 150;
-    const std::string name(50, 'd');  // so that the whole is far longer than a path may be
-    SDK::FileDescriptor at(::open(dir_.Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    for (int level = 0; level < kDepth; ++level) {
-        ASSERT_EQ(::mkdirat(at.Get(), name.c_str(), 0700), 0);
-        at.Reset(::openat(at.Get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    }
-    const rlimit limit{64, 64};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    EXPECT_EQ(DirUtils::DeleteDir(dir_.Path(name)), 0);
-    EXPECT_EQ(EntriesIn(dir_.Path()), 0U);
 }
 
 }  // namespace

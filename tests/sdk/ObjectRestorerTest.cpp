@@ -14,7 +14,9 @@
 #include <string>
 #include <thread>
 
+#include "FileObjects.h"
 #include "OddTree.h"
+#include "OpenAcl.h"
 #include "WithoutCall.h"
 #include "sdk/files/FileDescriptor.h"
 #include "sdk/files/PathAnchor.h"
@@ -30,15 +32,6 @@ using SDK::ObjectRestorer;
 using SDK::PathAnchor;
 using Outcome = ObjectRestorer::Outcome;
 
-// The access ACL that gives user 33 all: owner rw-, user 33 rwx, group r--, mask rwx, others ---.
-const std::string kAcl(
-    "\x02\0\0\0"
-    "\x01\0\x06\0\xff\xff\xff\xff"
-    "\x02\0\x07\0\x21\0\0\0"
-    "\x04\0\x04\0\xff\xff\xff\xff"
-    "\x10\0\x07\0\xff\xff\xff\xff"
-    "\x20\0\0\0\xff\xff\xff\xff",
-    44);
 constexpr const char* kAccessAcl = "system.posix_acl_access";
 constexpr const char* kDefaultAcl = "system.posix_acl_default";
 
@@ -65,12 +58,6 @@ std::string NamesTold(const std::string& directory, Action action) {
         at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
     return names;
-}
-
-struct stat StatOf(const std::string& path) {
-    struct stat info {};
-    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
-    return info;
 }
 
 /// A copy and a live directory, and a bystander that nobody may touch.
@@ -141,33 +128,16 @@ TEST_F(Restorer, EveryKindOfObject_IsAsRsyncLeavesIt) {
 }
 
 TEST_F(Restorer, WhatIsPlantedInItsPlace_IsReplacedAndNotFollowed) {
-    test::OddTree tree(1);
-    tree.MakeFile(dir_.Path("copy/page"));
-    const std::string live = dir_.Path("live/page");
-
-    // rsync would copy into both of these directories.
-    fs::create_directory_symlink(dir_.Path("bystander"), live);
-    ExpectRestored();
-    fs::remove(live);
-    tree.Fill(live, 3);
-    ExpectRestored();
-
-    fs::remove(live);
-    fs::create_symlink(dir_.Path("bystander/file"), live);
-    ExpectRestored();
-    fs::remove(live);
-    ASSERT_EQ(::mkfifo(live.c_str(), 0666), 0);
-    ExpectRestored();
-
-    // Another name of somebody's file of the same content, which rsync would give other attributes.
-    fs::remove(dir_.Path("copy/page"));
     ASSERT_EQ(::chmod(dir_.Write("copy/page", "text").c_str(), 0644), 0);
     const std::string other = dir_.Write("bystander/other", "text");
     ASSERT_EQ(::chmod(other.c_str(), 0600), 0);
     bystander_ = test::StateOf(dir_.Path("bystander"));
+    const std::string live = dir_.Path("live/page");
+    // rsync would copy into this directory, and give another name of the file other attributes.
+    fs::create_directory_symlink(dir_.Path("bystander"), live);
+    ExpectRestored();
     fs::remove(live);
     fs::create_hard_link(other, live);
-    ASSERT_EQ(StatOf(live).st_nlink, 2U);
     ExpectRestored();
 }
 
@@ -176,36 +146,36 @@ TEST_F(Restorer, EqualContent_KeepsTheInodeUnlessSomebodyCouldGainByIt) {
     const std::string live = dir_.Write("live/page", "text");
     ASSERT_EQ(::chmod(live.c_str(), 0666), 0);
     test::SetAttribute(live, "user.planted", "1");
-    const ino_t inode = StatOf(live).st_ino;
+    const ino_t inode = test::StatOf(live).st_ino;
     ExpectRestored();
-    EXPECT_EQ(StatOf(live).st_ino, inode);
+    EXPECT_EQ(test::StatOf(live).st_ino, inode);
 
     // Held open for writing by their owner, who would then own a root program.
     for (const mode_t mode : {04755U, 02755U, 0644U}) {
         ASSERT_EQ(::chmod(copy.c_str(), mode), 0);
         const uid_t owner = mode == 0644 ? 33 : 0;
         ASSERT_EQ(::chown(live.c_str(), owner, owner), 0);
-        const ino_t before = StatOf(live).st_ino;
+        const ino_t before = test::StatOf(live).st_ino;
         const SDK::FileDescriptor handle(::open(live.c_str(), O_RDWR | O_CLOEXEC));
         ExpectRestored();
-        EXPECT_NE(StatOf(live).st_ino, before) << mode;
+        EXPECT_NE(test::StatOf(live).st_ino, before) << mode;
     }
 }
 
 TEST_F(Restorer, AccessControlLists_AreThoseOfTheCopy) {
     const std::string copy = dir_.Write("copy/page", "text");
     const std::string live = dir_.Write("live/page", "text");
-    test::SetAttribute(live, kAccessAcl, kAcl);
+    test::SetAttribute(live, kAccessAcl, test::kOpenAcl);
     ExpectRestored();
 
     // What is made in this directory begins with an ACL.
-    test::SetAttribute(dir_.Path("live"), kDefaultAcl, kAcl);
+    test::SetAttribute(dir_.Path("live"), kDefaultAcl, test::kOpenAcl);
     fs::remove(live);
     ExpectRestored();
     dir_.Write("live/page", "other text");
     ExpectRestored();
 
-    test::SetAttribute(copy, kAccessAcl, kAcl);
+    test::SetAttribute(copy, kAccessAcl, test::kOpenAcl);
     ExpectRestored();
     dir_.Write("live/page", "");
     ExpectRestored();
@@ -220,8 +190,8 @@ TEST_F(Restorer, Holes_StayHoles) {
     const ObjectRestorer::Result result = Restore(dir_.Path(), "page");
     EXPECT_EQ(result.outcome, Outcome::kRestored);
     const std::string live = dir_.Path("live/page");
-    EXPECT_EQ(StatOf(live).st_size, 2 * kSize);
-    EXPECT_LT(StatOf(live).st_blocks, 1000);
+    EXPECT_EQ(test::StatOf(live).st_size, 2 * kSize);
+    EXPECT_LT(test::StatOf(live).st_blocks, 1000);
     std::ifstream in(live, std::ios::binary);
     std::string begin(5, '\0');
     std::string end(4, 'x');
@@ -249,7 +219,8 @@ TEST_F(Restorer, StagingDirectoryThatCannotBeUsed_IsDoneWithout) {
     dir_.Write("copy/page", std::string(300000, 'g'));
     SDK::StagingDirectory elsewhere(
         SDK::FileDescriptor(::open("/dev/shm", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
-    if (elsewhere.Descriptor() < 0 || StatOf("/dev/shm").st_dev == StatOf(dir_.Path()).st_dev) {
+    if (elsewhere.Descriptor() < 0 ||
+        test::StatOf("/dev/shm").st_dev == test::StatOf(dir_.Path()).st_dev) {
         GTEST_SKIP() << "needs two file systems";
     }
     dir_.Write("live/page", "defaced");

@@ -1,12 +1,9 @@
 #include "OddTree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -21,14 +18,16 @@
 #include <sstream>
 #include <utility>
 
+#include "sdk/commands/ExecuteCmdUtils.h"
+
 namespace test {
 
 namespace {
 
 namespace fs = std::filesystem;
 
-// A second long ago, which no restore gives by chance.
-constexpr time_t kEpoch = 1'500'000'000;
+constexpr const char* kRsync = "/usr/bin/rsync";
+constexpr time_t kEpoch = 1'500'000'000;  // a past time that no restore sets by chance
 
 std::string Quoted(const std::string& text) {
     constexpr std::size_t kShown = 300;
@@ -44,12 +43,6 @@ std::string Quoted(const std::string& text) {
 std::string ContentOf(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-std::string TextOf(const std::string& link) {
-    std::array<char, PATH_MAX> text{};
-    const ssize_t length = ::readlink(link.c_str(), text.data(), text.size());
-    return length < 0 ? "unreadable" : std::string(text.data(), static_cast<std::size_t>(length));
 }
 
 std::string AttributesOf(const std::string& path) {
@@ -74,7 +67,7 @@ std::string Describe(const std::string& path, const struct stat& info) {
     out << std::oct << info.st_mode << std::dec << " " << info.st_uid << ":" << info.st_gid << " "
         << info.st_mtim.tv_sec << "." << info.st_mtim.tv_nsec << AttributesOf(path);
     if (S_ISREG(info.st_mode)) out << " " << info.st_size << ":" << Quoted(ContentOf(path));
-    if (S_ISLNK(info.st_mode)) out << " -> " << Quoted(TextOf(path));
+    if (S_ISLNK(info.st_mode)) out << " -> " << Quoted(fs::read_symlink(path).string());
     if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) out << " device " << info.st_rdev;
     return out.str();
 }
@@ -119,22 +112,15 @@ void Remove(const std::string& path) {
     fs::remove_all(path, ignored);
 }
 
-int Run(std::vector<std::string> words) {
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    std::string home = "HOME=" SENTREL_RSYNC_HOME;
-    std::string preload = "LD_PRELOAD=" SENTREL_PRELOAD_LIBRARY;
-    std::string locale = "LC_ALL=C";
-    std::array<char*, 4> environment{home.data(), preload.data(), locale.data(), nullptr};
-    pid_t child = -1;
-    int status = -1;
-    if (::posix_spawn(&child, words[0].c_str(), nullptr, nullptr, arguments.data(),
-                      environment.data()) != 0 ||
-        ::waitpid(child, &status, 0) != child) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+/// The exit code; a negative one when it did not run to its end.
+int Run(const std::string& program, const std::vector<std::string>& words) {
+    constexpr int kDeadlineMs = 60'000;
+    int code = -1;
+    std::string output;
+    const int result =
+        SDK::ExecuteCmdUtils::ExecuteCmd(program, words, kDeadlineMs, code, output, 4096);
+    EXPECT_EQ(result, 0) << program << ": " << output;
+    return code;
 }
 
 }  // namespace
@@ -361,20 +347,19 @@ void OddTree::Tamper(const std::string& root, int changes) {
 
 int RunRsync(const std::vector<std::string>& exclusions, const std::string& from,
              const std::string& to) {
+    SDK::ExecuteCmdUtils::SetProgramEnvironment(
+        kRsync, {"HOME=" SENTREL_RSYNC_HOME, "LD_PRELOAD=" SENTREL_PRELOAD_LIBRARY});
     std::vector<std::string> words = {
-        "/usr/bin/rsync",  "-az",         "-H", "-X", "--links", "--delete-excluded",
-        "--temp-dir=/tmp", "--timeout=20"};
+        "-az", "-H", "-X", "--links", "--delete-excluded", "--temp-dir=/tmp", "--timeout=20"};
     for (const std::string& exclusion : exclusions) {
-        words.emplace_back("--exclude");
-        words.push_back(exclusion);
+        words.insert(words.end(), {"--exclude", exclusion});
     }
-    words.push_back(from);
-    words.push_back(to);
-    return Run(std::move(words));
+    words.insert(words.end(), {from, to});
+    return Run(kRsync, words);
 }
 
 void Clone(const std::string& from, const std::string& to) {
-    EXPECT_EQ(Run({"/bin/cp", "-a", "-T", "--", from, to}), 0) << from;
+    EXPECT_EQ(Run("/bin/cp", {"-a", "-T", "--", from, to}), 0) << from;
 }
 
 }  // namespace test

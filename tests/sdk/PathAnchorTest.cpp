@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "FileObjects.h"
 #include "sdk/files/FileDescriptor.h"
 #include "sdk/files/PathAnchor.h"
 #include "support/TempDir.h"
@@ -25,9 +26,7 @@ ino_t InodeOf(int fd) {
 }
 
 ino_t InodeOf(const std::string& path) {
-    struct stat info {};
-    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
-    return info.st_ino;
+    return test::StatOf(path).st_ino;
 }
 
 /// A site beside what nobody may be led to, and the site's anchor.
@@ -112,11 +111,9 @@ TEST_F(Anchor, PathBeyondPathMax_IsResolvedAndItsLinksAreNotFollowed) {
     const std::string name(NAME_MAX, 'n');
     std::string below;
     FileDescriptor at = anchor_->OpenDirectory("");
-    while (below.size() < 3 * PATH_MAX) {
-        ASSERT_EQ(::mkdirat(at.Get(), name.c_str(), 0700), 0);
-        at.Reset(::openat(at.Get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        below += name + "//";
-    }
+    constexpr int kDepth = 48;  // three times what a path can be
+    test::MakeDeep(at, name, kDepth);
+    for (int level = 0; level < kDepth; ++level) below += name + "//";
     EXPECT_EQ(InodeOf(anchor_->OpenDirectory(below).Get()), InodeOf(at.Get()));
     ASSERT_EQ(::mkdirat(at.Get(), "last", 0700), 0);
     EXPECT_EQ(DirectoryError(below + "last"), 0);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "OpenAcl.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -124,12 +125,8 @@ TEST_F(PlaceTrustTest, DirectoryThatOthersMayEnter_IsNoPlaceForWhatBelongsToThem
 TEST_F(PlaceTrustTest, AccessControlList_CountsAsWritable) {
     if (!IsRoot()) GTEST_SKIP() << "needs root";
     const std::string place = Dir("place", 0700);
-    // Version 2; owner rwx, user 33 rwx, group ---, mask rwx, others ---.
-    const std::array<unsigned char, 44> list = {
-        2, 0,  0,    0,    1,    0,    7,    0, 0xff, 0xff, 0xff, 0xff, 2,    0,    7,
-        0, 33, 0,    0,    0,    4,    0,    0, 0,    0xff, 0xff, 0xff, 0xff, 0x10, 0,
-        7, 0,  0xff, 0xff, 0xff, 0xff, 0x20, 0, 0,    0,    0xff, 0xff, 0xff, 0xff};
-    if (::setxattr(place.c_str(), "system.posix_acl_access", list.data(), list.size(), 0) != 0) {
+    if (::setxattr(place.c_str(), "system.posix_acl_access", test::kOpenAcl.data(),
+                   test::kOpenAcl.size(), 0) != 0) {
         GTEST_SKIP() << "the file system has no access control lists";
     }
     EXPECT_TRUE(Has(PlaceTrust::WhyWritable(place), "access control list"));

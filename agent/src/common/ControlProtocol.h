@@ -5,10 +5,10 @@
 
 namespace Agent {
 
-/// What the agent's control API and its clients agree on, beside the JSON documents.
+/// Constants shared by the agent's control API and its clients, beside the JSON documents.
 
 constexpr std::size_t kMaxBodyBytes = 4 * 1024 * 1024;  ///< of a policy or a tasklet request
-constexpr int kMaxWaitMs = 30 * 1000;                   ///< of a reader who waits for reports
+constexpr int kMaxWaitMs = 30 * 1000;                   ///< upper bound of a wait for reports
 constexpr int kMaxReportsPerRequest = 1000;
 
 /// The control socket of the installation that the calling program belongs to.

@@ -4,25 +4,25 @@
 
 namespace Agent {
 
-/// Bounds how many threads of a pool may be inside one kind of long request, so that the rest of
-/// the pool stays free for short ones. Any thread.
+/// Limits how many threads of a pool handle one kind of long request, so that the others stay free
+/// for short ones. Thread-safe.
 class ConcurrencyLimit {
   public:
     explicit ConcurrencyLimit(int count) : free_(count) {}
 
-    /// Holds one slot while it lives, if there was one.
-    class Holder {
+    /// Occupies one slot while it lives, if one was free.
+    class Slot {
       public:
-        explicit Holder(ConcurrencyLimit& slots)
-            : slots_(slots), held_(slots.free_.fetch_sub(1) > 0) {}
-        ~Holder() { slots_.free_.fetch_add(1); }
-        Holder(const Holder&) = delete;
-        Holder& operator=(const Holder&) = delete;
-        bool Held() const { return held_; }
+        explicit Slot(ConcurrencyLimit& limit)
+            : limit_(limit), acquired_(limit.free_.fetch_sub(1) > 0) {}
+        ~Slot() { limit_.free_.fetch_add(1); }
+        Slot(const Slot&) = delete;
+        Slot& operator=(const Slot&) = delete;
+        bool IsAcquired() const { return acquired_; }
 
       private:
-        ConcurrencyLimit& slots_;
-        const bool held_;
+        ConcurrencyLimit& limit_;
+        const bool acquired_;
     };
 
   private:

@@ -5,47 +5,47 @@
 
 namespace Agent {
 
-ConnectionRegistry::Place::Place(ConnectionRegistry& registry, int socket)
+ConnectionRegistry::Connection::Connection(ConnectionRegistry& registry, int socket)
     : registry_(registry),
       socket_(::fcntl(socket, F_DUPFD_CLOEXEC, 0)),
       opened_(std::chrono::steady_clock::now()) {
     std::lock_guard<std::mutex> lock(registry_.mutex_);
-    position_ = registry_.places_.insert(registry_.places_.end(), this);
-    if (registry_.closed_) Cut();
+    position_ = registry_.connections_.insert(registry_.connections_.end(), this);
+    if (registry_.closed_) Shutdown();
 }
 
-ConnectionRegistry::Place::~Place() {
+ConnectionRegistry::Connection::~Connection() {
     std::lock_guard<std::mutex> lock(registry_.mutex_);
-    registry_.places_.erase(position_);
+    registry_.connections_.erase(position_);
     registry_.ended_.notify_all();
 }
 
-void ConnectionRegistry::Place::RequestRead() {
+void ConnectionRegistry::Connection::MarkRequestRead() {
     std::lock_guard<std::mutex> lock(registry_.mutex_);
     reading_ = false;
 }
 
-void ConnectionRegistry::Place::Cut() {
+void ConnectionRegistry::Connection::Shutdown() {
     ::shutdown(socket_.Get(), SHUT_RDWR);
 }
 
-void ConnectionRegistry::CutSlow(std::chrono::milliseconds limit) {
+void ConnectionRegistry::ShutdownSlow(std::chrono::milliseconds limit) {
     const auto oldest = std::chrono::steady_clock::now() - limit;
     std::lock_guard<std::mutex> lock(mutex_);
-    for (Place* place : places_) {
-        if (place->reading_ && place->opened_ < oldest) place->Cut();
+    for (Connection* connection : connections_) {
+        if (connection->reading_ && connection->opened_ < oldest) connection->Shutdown();
     }
 }
 
-void ConnectionRegistry::CutAll() {
+void ConnectionRegistry::ShutdownAll() {
     std::lock_guard<std::mutex> lock(mutex_);
     closed_ = true;
-    for (Place* place : places_) place->Cut();
+    for (Connection* connection : connections_) connection->Shutdown();
 }
 
 void ConnectionRegistry::WaitUntilEmpty(std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(mutex_);
-    ended_.wait_for(lock, limit, [this] { return places_.empty(); });
+    ended_.wait_for(lock, limit, [this] { return connections_.empty(); });
 }
 
 }  // namespace Agent

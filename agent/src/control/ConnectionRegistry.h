@@ -9,48 +9,48 @@
 
 namespace Agent {
 
-/// Knows the open connections of the control API, so that one that dawdles over its request can be
-/// cut when others come, and all of them when the agent stops. Any thread.
+/// Knows the open connections of the control API: slow ones are closed when new ones come, all of
+/// them when the agent stops. Thread-safe.
 class ConnectionRegistry {
   public:
-    /// One connection's place in the registry, from its first byte to its end.
-    class Place {
+    /// The registration of one connection, from its first byte to its end.
+    class Connection {
       public:
-        /// `socket` stays the caller's; the place has a duplicate, so that it never cuts a
-        /// descriptor that was closed and given to something else.
-        Place(ConnectionRegistry& registry, int socket);
-        ~Place();
-        Place(const Place&) = delete;
-        Place& operator=(const Place&) = delete;
+        /// The caller keeps `socket`; this object duplicates it, so that it never shuts down a
+        /// descriptor that was closed and reused.
+        Connection(ConnectionRegistry& registry, int socket);
+        ~Connection();
+        Connection(const Connection&) = delete;
+        Connection& operator=(const Connection&) = delete;
 
-        /// The request is here in full: from now on the client waits for us, not we for it.
-        void RequestRead();
+        /// The request is complete: from now on the client waits for the agent.
+        void MarkRequestRead();
 
       private:
         friend class ConnectionRegistry;
-        void Cut();
+        void Shutdown();
 
         ConnectionRegistry& registry_;
         const SDK::FileDescriptor socket_;
         const std::chrono::steady_clock::time_point opened_;
         bool reading_ = true;
-        std::list<Place*>::iterator position_;
+        std::list<Connection*>::iterator position_;
     };
 
-    /// Cuts the connections that have been sending their request for longer than `limit`.
-    void CutSlow(std::chrono::milliseconds limit);
+    /// Shuts down connections that have been sending their request for longer than `limit`.
+    void ShutdownSlow(std::chrono::milliseconds limit);
 
-    /// Cuts every connection, later ones too.
-    void CutAll();
+    /// Shuts down every connection, also later ones.
+    void ShutdownAll();
 
-    /// Waits at most `limit` for the last connection to end.
+    /// Blocks at most `limit` until the last connection has ended.
     void WaitUntilEmpty(std::chrono::milliseconds limit);
 
   private:
     std::mutex mutex_;
     std::condition_variable ended_;
     bool closed_ = false;
-    std::list<Place*> places_;  ///< borrowed; guarded by mutex_, as are the places' members
+    std::list<Connection*> connections_;  ///< borrowed; guarded by mutex_, like their members
 };
 
 }  // namespace Agent

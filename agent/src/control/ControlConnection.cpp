@@ -1,6 +1,6 @@
-// Owns the translation between HTTP and the routes, and the limits on what a client may send.
-// Must not know the operations (Routes) nor keep anything between connections.
-// Runs on one thread of the control server's pool per connection.
+// Owns the translation between HTTP and the routes, and the limits of requests. Must not know the
+// operations (Routes does) or keep data between connections. Each connection runs on one thread of
+// the control server's pool.
 #include "control/ControlConnection.h"
 
 #include <Poco/Net/HTTPServerSession.h>
@@ -27,8 +27,8 @@ using Poco::Net::HTTPServerResponseImpl;
 namespace {
 
 constexpr std::size_t kReadBytes = 64 * 1024;
-/// How much of an oversized body is read away, so that a simple client that sends all before it
-/// reads gets its answer.
+/// How much of an oversized body is read and discarded, so that a client that sends everything
+/// before it reads gets its answer.
 constexpr std::size_t kMaxDrainBytes = 64 * 1024 * 1024;
 
 void Send(HTTPServerResponseImpl& response, const Reply& reply) {
@@ -48,7 +48,7 @@ Reply TooLarge() {
                                " MiB that the agent takes.");
 }
 
-/// Reads and forgets the rest of the body, up to a limit.
+/// Discards the rest of the body, up to a limit.
 void Drain(std::istream& stream) {
     std::array<char, kReadBytes> buffer{};
     std::size_t drained = 0;
@@ -57,7 +57,7 @@ void Drain(std::istream& stream) {
     }
 }
 
-/// Reads the body; a reply when it is refused.
+/// Reads the body; returns a reply when it is refused.
 std::optional<Reply> ReadBody(HTTPServerRequestImpl& request, HTTPServerResponseImpl& response,
                               std::string& body) {
     const bool has_length = request.hasContentLength();
@@ -86,8 +86,8 @@ std::optional<Reply> ReadBody(HTTPServerRequestImpl& request, HTTPServerResponse
     return std::nullopt;
 }
 
-/// False when the address is no URL.
-bool TakeAddress(const std::string& address, ControlRequest& request) {
+/// False when the address is not a URL.
+bool ParseAddress(const std::string& address, ControlRequest& request) {
     try {
         const Poco::URI uri(address);
         uri.getPathSegments(request.path);
@@ -100,7 +100,7 @@ bool TakeAddress(const std::string& address, ControlRequest& request) {
 
 }  // namespace
 
-bool IsAdmittedPeer(const Poco::Net::StreamSocket& socket) {
+bool IsTrustedPeer(const Poco::Net::StreamSocket& socket) {
     ucred peer{};
     socklen_t length = sizeof(peer);
     if (::getsockopt(socket.impl()->sockfd(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
@@ -111,18 +111,18 @@ bool IsAdmittedPeer(const Poco::Net::StreamSocket& socket) {
 
 ControlConnection::ControlConnection(const Poco::Net::StreamSocket& stream,
                                      Poco::Net::HTTPServerParams::Ptr params, Routes& routes,
-                                     ConnectionRegistry& registry, const Admission& admission)
+                                     ConnectionRegistry& registry, const PeerCheck& peer_check)
     : TCPServerConnection(stream),
       params_(std::move(params)),
       routes_(routes),
       registry_(registry),
-      admission_(admission) {}
+      peer_check_(peer_check) {}
 
 void ControlConnection::run() {
-    ConnectionRegistry::Place place(registry_, socket().impl()->sockfd());
+    ConnectionRegistry::Connection connection(registry_, socket().impl()->sockfd());
     try {
         ::fcntl(socket().impl()->sockfd(), F_SETFD, FD_CLOEXEC);
-        Serve(place);
+        Serve(connection);
     } catch (const Poco::Exception& e) {
         SDK_LOG(SDK::LoggerUtils::GetInstance()->GetRootLogger(), PRIO_DEBUG,
                 "control connection ended early: %s", e.displayText());
@@ -132,9 +132,9 @@ void ControlConnection::run() {
     }
 }
 
-void ControlConnection::Serve(ConnectionRegistry::Place& place) {
+void ControlConnection::Serve(ConnectionRegistry::Connection& connection) {
     Poco::Net::HTTPServerSession session(socket(), params_);
-    if (!admission_(socket())) {
+    if (!peer_check_(socket())) {
         HTTPServerResponseImpl response(session);
         Send(response,
              ErrorReply(403, "Only root and the agent's own user may talk to the agent."));
@@ -144,32 +144,32 @@ void ControlConnection::Serve(ConnectionRegistry::Place& place) {
     try {
         HTTPServerResponseImpl response(session);
         HTTPServerRequestImpl request(response, session, params_.get());
-        Send(response, Answer(request, response, place));
+        Send(response, Answer(request, response, connection));
         return;
     } catch (const Poco::Net::NoMessageException&) {
-        return;  // the client closed without a word
+        return;  // the client closed without a request
     } catch (const Poco::Net::MessageException&) {
         problem = "This is not a request that HTTP knows.";
     } catch (const Poco::SyntaxException&) {
         problem = "A number in the request's header is none.";
     }
-    // A response that has seen a broken request still points to it; this one has not.
+    // A response that has seen a broken request still refers to it; this one does not.
     HTTPServerResponseImpl response(session);
     Send(response, ErrorReply(400, problem));
 }
 
 Reply ControlConnection::Answer(HTTPServerRequestImpl& request, HTTPServerResponseImpl& response,
-                                ConnectionRegistry::Place& place) {
+                                ConnectionRegistry::Connection& connection) {
     try {
         ControlRequest wanted;
         wanted.method = request.getMethod();
-        if (!TakeAddress(request.getURI(), wanted)) {
+        if (!ParseAddress(request.getURI(), wanted)) {
             return ErrorReply(400, "The address is not a URL.");
         }
         if (wanted.method == "PUT" || wanted.method == "POST") {
             if (auto refused = ReadBody(request, response, wanted.body)) return *refused;
         }
-        place.RequestRead();
+        connection.MarkRequestRead();
         return routes_.Handle(wanted);
     } catch (const Poco::Net::NetException&) {
         throw;

@@ -13,31 +13,32 @@
 
 namespace Agent {
 
-/// True when the process at the other end of the Unix socket is root's or of our own user.
-bool IsAdmittedPeer(const Poco::Net::StreamSocket& socket);
+/// True when the peer of the Unix socket runs as root or as the agent's user.
+bool IsTrustedPeer(const Poco::Net::StreamSocket& socket);
 
-/// One connection to the control API: one request, one JSON answer, and closed. Runs on a thread
-/// of the server's pool; nothing is thrown out of it.
+/// One connection to the control API: one request, one JSON answer, then it is closed. Runs on a
+/// thread of the server's pool; throws nothing.
 class ControlConnection : public Poco::Net::TCPServerConnection {
   public:
-    using Admission = std::function<bool(const Poco::Net::StreamSocket&)>;
+    using PeerCheck = std::function<bool(const Poco::Net::StreamSocket&)>;
 
-    /// Borrows what outlives the server.
+    /// All references are borrowed and outlive the server.
     ControlConnection(const Poco::Net::StreamSocket& stream,
                       Poco::Net::HTTPServerParams::Ptr params, Routes& routes,
-                      ConnectionRegistry& registry, const Admission& admission);
+                      ConnectionRegistry& registry, const PeerCheck& peer_check);
 
     void run() override;
 
   private:
-    void Serve(ConnectionRegistry::Place& place);
+    void Serve(ConnectionRegistry::Connection& connection);
     Reply Answer(Poco::Net::HTTPServerRequestImpl& request,
-                 Poco::Net::HTTPServerResponseImpl& response, ConnectionRegistry::Place& place);
+                 Poco::Net::HTTPServerResponseImpl& response,
+                 ConnectionRegistry::Connection& connection);
 
     Poco::Net::HTTPServerParams::Ptr params_;
     Routes& routes_;
     ConnectionRegistry& registry_;
-    const Admission& admission_;
+    const PeerCheck& peer_check_;
 };
 
 }  // namespace Agent

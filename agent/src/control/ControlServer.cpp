@@ -1,6 +1,6 @@
-// Owns the listening socket, its threads and the connections' registry.
-// Must not read requests (ControlConnection) nor answer them (Routes).
-// Poco's accept thread and the pool's threads run below it.
+// Owns the listening socket, its threads and the registry of connections. Must not read requests
+// (ControlConnection does) or answer them (Routes does). Poco's accept thread and the pool's
+// threads run below it.
 #include "control/ControlServer.h"
 
 #include <Poco/Net/NetException.h>
@@ -31,26 +31,29 @@ constexpr int kStopGraceMs = 2000;
 class ConnectionFactory : public Poco::Net::TCPServerConnectionFactory {
   public:
     ConnectionFactory(Poco::Net::HTTPServerParams::Ptr params, Routes& routes,
-                      ConnectionRegistry& registry, const ControlConnection::Admission& admission)
-        : params_(std::move(params)), routes_(routes), registry_(registry), admission_(admission) {}
+                      ConnectionRegistry& registry, const ControlConnection::PeerCheck& peer_check)
+        : params_(std::move(params)),
+          routes_(routes),
+          registry_(registry),
+          peer_check_(peer_check) {}
 
     Poco::Net::TCPServerConnection* createConnection(const StreamSocket& socket) override {
-        return new ControlConnection(socket, params_, routes_, registry_, admission_);
+        return new ControlConnection(socket, params_, routes_, registry_, peer_check_);
     }
 
   private:
     Poco::Net::HTTPServerParams::Ptr params_;
     Routes& routes_;
     ConnectionRegistry& registry_;
-    const ControlConnection::Admission& admission_;
+    const ControlConnection::PeerCheck& peer_check_;
 };
 
-/// Admits everyone, but makes room first: runs on the accept thread for each newcomer.
-class SlowClientCutter : public Poco::Net::TCPServerConnectionFilter {
+/// Accepts every client, but closes slow ones first. Runs on the accept thread.
+class SlowClientFilter : public Poco::Net::TCPServerConnectionFilter {
   public:
-    explicit SlowClientCutter(ConnectionRegistry& registry) : registry_(registry) {}
+    explicit SlowClientFilter(ConnectionRegistry& registry) : registry_(registry) {}
     bool accept(const StreamSocket&) override {
-        registry_.CutSlow(kMaxRequestTime);
+        registry_.ShutdownSlow(kMaxRequestTime);
         return true;
     }
 
@@ -70,9 +73,9 @@ Poco::Net::HTTPServerParams::Ptr MakeParams() {
 
 }  // namespace
 
-ControlServer::ControlServer(Routes& routes, ControlConnection::Admission admission)
+ControlServer::ControlServer(Routes& routes, ControlConnection::PeerCheck peer_check)
     : routes_(routes),
-      admission_(std::move(admission)),
+      peer_check_(std::move(peer_check)),
       pool_("control", kMinThreads, kMaxThreads, kThreadIdleSeconds) {}
 
 ControlServer::~ControlServer() {
@@ -97,7 +100,7 @@ bool ControlServer::Start(const std::string& socket_path, std::string& error) {
     return false;
 }
 
-/// The process's umask and the 0700 directory keep others out between bind and chmod.
+/// The process's umask and the 0700 directory exclude others between bind and chmod.
 void ControlServer::Listen(const std::string& socket_path) {
     if (::unlink(socket_path.c_str()) != 0 && errno != ENOENT) {
         throw Poco::FileException(std::strerror(errno));
@@ -111,8 +114,8 @@ void ControlServer::Listen(const std::string& socket_path) {
 
     const Poco::Net::HTTPServerParams::Ptr params = MakeParams();
     server_ = std::make_unique<Poco::Net::TCPServer>(
-        new ConnectionFactory(params, routes_, registry_, admission_), pool_, socket, params);
-    server_->setConnectionFilter(new SlowClientCutter(registry_));
+        new ConnectionFactory(params, routes_, registry_, peer_check_), pool_, socket, params);
+    server_->setConnectionFilter(new SlowClientFilter(registry_));
     server_->start();
 }
 
@@ -120,9 +123,9 @@ void ControlServer::Stop() {
     if (!server_) return;
     server_->stop();
     ::unlink(socket_path_.c_str());
-    registry_.CutSlow(std::chrono::milliseconds(0));
+    registry_.ShutdownSlow(std::chrono::milliseconds(0));
     registry_.WaitUntilEmpty(std::chrono::milliseconds(kStopGraceMs));
-    registry_.CutAll();
+    registry_.ShutdownAll();
     server_.reset();
     pool_.joinAll();
 }

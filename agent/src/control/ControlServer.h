@@ -12,33 +12,33 @@
 
 namespace Agent {
 
-/// Serves the control API on a Unix socket that only root and our own user can open. Start and
-/// Stop are for one thread.
+/// Serves the control API on a Unix socket that only root and the agent's user can open. Not
+/// thread-safe: call Start and Stop on one thread.
 class ControlServer {
   public:
-    /// How many requests are served side by side.
+    /// Number of requests served at the same time.
     static constexpr int kMaxThreads = 32;
 
-    /// Borrows `routes`. `admission` says whether a peer may talk to us.
-    explicit ControlServer(Routes& routes, ControlConnection::Admission admission = IsAdmittedPeer);
+    /// Borrows `routes`. `peer_check` decides whether a peer may use the API.
+    explicit ControlServer(Routes& routes, ControlConnection::PeerCheck peer_check = IsTrustedPeer);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
-    /// Replaces a socket that a killed agent left behind: the caller holds the instance lock, so
-    /// nobody else listens there. False with `error`.
+    /// Listens on `socket_path` and replaces the socket of a killed agent; the caller holds the
+    /// instance lock, so no other agent listens there. False with `error`.
     bool Start(const std::string& socket_path, std::string& error);
 
-    /// Takes no more requests, cuts those that are still being sent, gives the others a moment to
-    /// end and then cuts them too. May be
-    /// called twice. Whoever makes requests wait is stopped first (ReportReader).
+    /// Refuses new requests, closes connections that are still sending, gives the others two
+    /// seconds, then closes them too. Safe to call twice. First stop everything that makes requests
+    /// wait (ReportReader).
     void Stop();
 
   private:
     void Listen(const std::string& socket_path);
 
     Routes& routes_;
-    const ControlConnection::Admission admission_;
+    const ControlConnection::PeerCheck peer_check_;
     ConnectionRegistry registry_;
     Poco::ThreadPool pool_;
     std::unique_ptr<Poco::Net::TCPServer> server_;

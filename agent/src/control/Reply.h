@@ -6,11 +6,11 @@
 
 namespace Agent {
 
-/// An answer of the control API, before it becomes HTTP.
+/// An answer of the control API before its conversion to HTTP.
 struct Reply {
     int status = 200;
     Json::Value body;
-    std::string allow;  ///< with 405: the methods that are possible
+    std::string allow;  ///< with 405: the allowed methods
 };
 
 /// {"error": sentence} with that status.

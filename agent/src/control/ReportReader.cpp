@@ -12,10 +12,10 @@ namespace Agent {
 namespace {
 
 constexpr char kQuery[] = "reports.read";
-constexpr int kWaitSliceMs = 250;  ///< how late a waiting reader may notice the stop
+constexpr int kWaitSliceMs = 250;  ///< upper bound until a waiting reader notices Stop
 
-/// Puts one parameter into the request; false when it is unknown or out of range.
-bool TakeParameter(const std::string& name, const std::string& value, Json::Value& request) {
+/// Adds one parameter to the request; false when it is unknown or out of range.
+bool ParseParameter(const std::string& name, const std::string& value, Json::Value& request) {
     if (name == "kind") {
         request["kind"] = value;
         return value.empty() || value == "cmd" || value == "data" || value == "alarm";
@@ -44,7 +44,7 @@ ReportReader::ReportReader(Framework::QueryRegistry& queries, int max_waiting)
 Reply ReportReader::Read(const QueryParameters& parameters) {
     Json::Value request(Json::objectValue);
     for (const auto& [name, value] : parameters) {
-        if (!TakeParameter(name, value, request)) {
+        if (!ParseParameter(name, value, request)) {
             return ErrorReply(400, "\"" + value + "\" is no value that " + name +
                                        " can have. Parameters are kind (cmd, data or alarm), and "
                                        "the numbers after, since, limit and wait_ms.");
@@ -56,8 +56,9 @@ Reply ReportReader::Read(const QueryParameters& parameters) {
 }
 
 Reply ReportReader::Wait(Json::Value request, int wait_ms) {
-    const ConcurrencyLimit::Holder slot(waiting_);
-    if (!slot.Held()) return ErrorReply(503, "Too many readers are waiting for reports already.");
+    const ConcurrencyLimit::Slot slot(waiting_);
+    if (!slot.IsAcquired())
+        return ErrorReply(503, "Too many readers are waiting for reports already.");
     const std::int64_t end = SDK::TimeUtils::GetMonotonicMs() + wait_ms;
     while (true) {
         const std::int64_t left = end - SDK::TimeUtils::GetMonotonicMs();

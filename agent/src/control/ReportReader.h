@@ -14,17 +14,16 @@ namespace Agent {
 
 using QueryParameters = std::vector<std::pair<std::string, std::string>>;
 
-/// Answers requests for reports from the report store, waiting for new ones where the reader asks
-/// for it. Any thread; Read blocks for as long as the reader wants to wait (at most kMaxWaitMs), or
-/// until Stop.
+/// Answers requests for reports from the report store. Read blocks as long as the reader asks for
+/// (at most kMaxWaitMs), or until Stop. Thread-safe.
 class ReportReader {
   public:
-    /// Borrows `queries`. At most `max_waiting` readers wait at a time; others get a 503.
+    /// Borrows `queries`. At most `max_waiting` readers wait at a time; others get status 503.
     ReportReader(Framework::QueryRegistry& queries, int max_waiting);
 
     Reply Read(const QueryParameters& parameters);
 
-    /// Waiting readers get what there is; later ones do not wait.
+    /// Waiting readers get the existing reports; later ones do not wait.
     void Stop() { stopped_ = true; }
 
   private:

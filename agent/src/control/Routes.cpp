@@ -95,14 +95,14 @@ Reply Routes::HandlePolicy(const ControlRequest& request, const std::string& fea
 }
 
 Reply Routes::ApplyPolicy(const std::string& feature, const std::string& text) {
-    const ConcurrencyLimit::Holder slot(slow_);
-    if (!slot.Held()) return ErrorReply(503, kBusy);
+    const ConcurrencyLimit::Slot slot(slow_);
+    if (!slot.IsAcquired()) return ErrorReply(503, kBusy);
     return VerdictReply(feature, policies_.Apply(feature, text));
 }
 
 Reply Routes::RunTasklet(const std::string& id, const std::string& text) {
-    const ConcurrencyLimit::Holder slot(slow_);
-    if (!slot.Held()) return ErrorReply(503, kBusy);
+    const ConcurrencyLimit::Slot slot(slow_);
+    if (!slot.IsAcquired()) return ErrorReply(503, kBusy);
     const Framework::TaskletOutcome outcome = tasklet_(id, text);
     if (!outcome.found) return ErrorReply(404, "There is no tasklet " + id + ".");
     if (!outcome.exception.empty()) {

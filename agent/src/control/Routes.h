@@ -13,7 +13,7 @@
 
 namespace Agent {
 
-/// A request of the control API, after it was HTTP.
+/// A request of the control API after its conversion from HTTP.
 struct ControlRequest {
     std::string method;
     std::vector<std::string> path;  ///< decoded segments
@@ -21,16 +21,16 @@ struct ControlRequest {
     std::string body;
 };
 
-/// Finds and runs the operation that a request asks for. Any thread; blocks as long as the
-/// operation does. Every request gets a reply, errors a sentence.
+/// Finds and runs the operation of a request. Blocks as long as the operation does. Every request
+/// gets a reply; errors are a sentence. Thread-safe.
 class Routes {
   public:
     using Tasklet =
         std::function<Framework::TaskletOutcome(const std::string& id, const std::string& request)>;
     using Status = std::function<Json::Value()>;
 
-    /// Borrows `policies` and `reports`. At most `max_slow` requests that the framework thread
-    /// works on run or wait at a time; others get a 503.
+    /// Borrows `policies` and `reports`. At most `max_slow` requests for the framework thread run
+    /// or wait at a time; others get status 503.
     Routes(PolicyService& policies, ReportReader& reports, Tasklet tasklet, Status status,
            int max_slow);
 

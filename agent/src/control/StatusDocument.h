@@ -11,24 +11,24 @@
 
 namespace Agent {
 
-/// Adds the members of `from` to `into`. Objects on both sides are merged member by member; of
-/// anything else what `into` has already stays.
+/// Adds the members of `from` to `into`. Objects in both are merged; any other member of `into`
+/// stays.
 void MergeStatus(const Json::Value& from, Json::Value& into);
 
-/// A module named in the configuration that could not be used, and why.
+/// A configured module that could not be used, and why.
 struct FailedModule {
     std::string name;
     std::string error;
 };
 
-/// Puts the answer to "how is the agent" together from the framework, the policies and what the
-/// modules contribute. Any thread; never waits for a policy that is being applied.
+/// Builds the status document from the framework, the policies and the modules' answers. Never
+/// waits for a policy that is being applied. Thread-safe.
 class StatusDocument {
   public:
     /// Borrows both.
     StatusDocument(Framework::Engine& engine, const PolicyService& policies);
 
-    /// Before the control API is started.
+    /// Call before the control API starts.
     void SetFailedModules(const std::vector<FailedModule>& failed) { failed_modules_ = failed; }
 
     Json::Value Build();

@@ -13,7 +13,7 @@ namespace Ctl {
 
 namespace {
 
-/// Where the parsed arguments lie, and what is to be run.
+/// The parsed arguments and the command to run.
 struct Arguments {
     std::string socket_path = Agent::DefaultSocketPath();
     std::string feature;

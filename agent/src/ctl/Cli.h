@@ -2,7 +2,8 @@
 
 namespace Ctl {
 
-/// The program: parses the command line and runs the command; the exit code. Nothing is thrown.
+/// The program: parses the command line, runs the command and returns the exit code. Throws
+/// nothing.
 int Main(int argc, const char* const* argv);
 
 }  // namespace Ctl

@@ -8,32 +8,33 @@
 
 namespace Agent {
 
-/// What the policy service asks of the framework and its modules. Any thread but the framework's.
+/// What the policy service needs from the framework and its modules. Thread-safe, but not for the
+/// framework thread.
 class PolicyHost {
   public:
     virtual ~PolicyHost() = default;
 
-    /// The features that a loaded module has a check for, sorted.
+    /// The features with a check in a loaded module, sorted.
     virtual std::vector<std::string> Features() const = 0;
 
-    /// What a check looks at: all, or of a policy that was good once only whether the places that
-    /// it relies on are safe still.
+    /// The scope of a check: everything, or only whether the places of a policy that was good once
+    /// are still safe.
     enum class Scope { kAll, kPlaces };
 
-    /// The owning module's opinion: {"errors":[...],"warnings":[...]}. False when it has none to
-    /// give.
+    /// The verdict of the owning module: {"errors":[...],"warnings":[...]}. False when it gives
+    /// none.
     virtual bool Check(const std::string& feature, const std::string& text, Scope scope,
                        Json::Value& answer) = 0;
 
-    /// The policy with what it takes over from the last good one of its feature; often just `text`.
+    /// The policy completed from the last good one of its feature; often just `text`.
     virtual std::string Completed(const std::string& feature, const std::string& text,
                                   const std::string& last) = 0;
 
-    /// Has the framework apply the policy, and waits for it.
+    /// Lets the framework apply the policy; blocks until that is done.
     virtual Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text) = 0;
 };
 
-/// The real one. Borrows the engine.
+/// The PolicyHost of the running agent. Borrows the engine.
 class EnginePolicyHost : public PolicyHost {
   public:
     explicit EnginePolicyHost(Framework::Engine& engine) : engine_(engine) {}

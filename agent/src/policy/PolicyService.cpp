@@ -1,6 +1,6 @@
-// Owns what is known about each feature's policy, and the order check, apply, keep.
-// Must not know what a policy means: the module that owns the feature checks it, the framework
-// applies it. Runs on the control API's threads and, at the start, on the main thread.
+// Owns the state of each feature's policy, and the order check, apply, store. Must not know what a
+// policy means: its module checks it, the framework applies it. Runs on the control API's threads
+// and, at the start, on the main thread.
 #include "policy/PolicyService.h"
 
 #include <sdk/log/Log.h>
@@ -43,8 +43,8 @@ std::string Joined(const std::vector<std::string>& names) {
     return text.empty() ? "none" : text;
 }
 
-/// The module's list, or what can be used of it: objects with two strings.
-void TakeMessages(const Json::Value& from, Json::Value& to) {
+/// Appends the usable items of the module's list: objects with two strings.
+void AppendMessages(const Json::Value& from, Json::Value& to) {
     if (!from.isArray()) return;
     for (const Json::Value& item : from) {
         if (!item.isObject() || !item["message"].isString()) continue;
@@ -87,8 +87,8 @@ PolicyVerdict PolicyService::Check(const std::string& feature, const std::string
         return Rejected("The module failed to check the policy; the agent's log says why.");
     }
     PolicyVerdict verdict;
-    TakeMessages(answer["errors"], verdict.errors);
-    TakeMessages(answer["warnings"], verdict.warnings);
+    AppendMessages(answer["errors"], verdict.errors);
+    AppendMessages(answer["warnings"], verdict.warnings);
     if (verdict.errors.empty()) verdict.state = PolicyState::kOn;
     return verdict;
 }
@@ -97,7 +97,7 @@ PolicyVerdict PolicyService::Apply(const std::string& feature, const std::string
     std::lock_guard<std::mutex> one_at_a_time(apply_mutex_);
     PolicyVerdict verdict = Check(feature, text);
     if (verdict.errors.empty()) verdict = ApplyChecked(feature, text, std::move(verdict));
-    if (verdict.state == PolicyState::kRejected) RememberRejected(feature, verdict);
+    if (verdict.state == PolicyState::kRejected) RecordRejected(feature, verdict);
     SDK_LOG(Log(), PRIO_NOTICE, "policy of %s: %s%s", feature, std::string(ToText(verdict.state)),
             verdict.errors.empty() ? std::string() : ", " + FirstError(verdict));
     return verdict;
@@ -118,7 +118,7 @@ PolicyVerdict PolicyService::ApplyChecked(const std::string& feature, const std:
         verdict.errors.append(Message(attempt.reason + " " + RestoreLastGood(feature)));
         return verdict;
     }
-    RememberAccepted(feature, attempt.state);
+    RecordAccepted(feature, attempt.state);
     std::string error;
     if (!store_.Save(feature, text, error)) {
         verdict.warnings.append(
@@ -147,17 +147,17 @@ PolicyService::Attempt PolicyService::Try(const std::string& feature, const std:
 std::string PolicyService::RestoreLastGood(const std::string& feature) {
     std::string text;
     if (!store_.Load(feature, text)) {
-        if (!Show(feature).isNull()) RememberFailed(feature);
+        if (!Show(feature).isNull()) RecordFailed(feature);
         return "The feature is off, as there is no earlier policy.";
     }
     const PolicyVerdict verdict = Reapply(feature);
     if (verdict.state == PolicyState::kRejected) {
         SDK_LOG(Log(), PRIO_ERROR, "the last good policy of %s was not taken again: %s", feature,
                 FirstError(verdict));
-        RememberFailed(feature);
+        RecordFailed(feature);
         return "The last good policy could not be put into force again: " + FirstError(verdict);
     }
-    RememberAccepted(feature, verdict.state);
+    RecordAccepted(feature, verdict.state);
     return "The last good policy is in force again.";
 }
 
@@ -169,19 +169,18 @@ void PolicyService::ReapplyStored() {
         if (verdict.state == PolicyState::kRejected) {
             SDK_LOG(Log(), PRIO_ERROR, "the kept policy of %s was not applied: %s", feature,
                     FirstError(verdict));
-            RememberFailed(feature);
-            RememberRejected(feature, verdict);
+            RecordFailed(feature);
+            RecordRejected(feature, verdict);
         } else {
             SDK_LOG(Log(), PRIO_NOTICE, "the kept policy of %s is applied: %s", feature,
                     std::string(ToText(verdict.state)));
-            RememberAccepted(feature, verdict.state);
+            RecordAccepted(feature, verdict.state);
         }
     }
 }
 
-/// Without the whole check: the policy was good once, and what is missing now (a protected
-/// directory, say) must not leave the rest of it off. But nothing is put back from where others can
-/// write.
+/// Checks only the places: the policy was good once, and a missing directory must not disable the
+/// rest of it. But nothing may be restored from a place that others can write to.
 PolicyVerdict PolicyService::Reapply(const std::string& feature) {
     std::string text;
     if (!store_.Load(feature, text)) return Rejected("The kept policy cannot be read.");
@@ -201,21 +200,21 @@ bool PolicyService::IsKnown(const std::string& feature) const {
     return std::find(known.begin(), known.end(), feature) != known.end();
 }
 
-void PolicyService::RememberAccepted(const std::string& feature, PolicyState state) {
+void PolicyService::RecordAccepted(const std::string& feature, PolicyState state) {
     std::lock_guard<std::mutex> lock(state_mutex_);
     Entry& entry = entries_[feature];
     entry.state = ToText(state);
     entry.applied_at = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
-void PolicyService::RememberFailed(const std::string& feature) {
+void PolicyService::RecordFailed(const std::string& feature) {
     std::lock_guard<std::mutex> lock(state_mutex_);
     entries_[feature].state = "failed";
 }
 
-void PolicyService::RememberRejected(const std::string& feature, const PolicyVerdict& verdict) {
+void PolicyService::RecordRejected(const std::string& feature, const PolicyVerdict& verdict) {
     std::lock_guard<std::mutex> lock(state_mutex_);
-    // Only of features that have a policy, so that no one can fill the memory with names.
+    // Only for features with a policy, so that nobody can fill the memory with names.
     const auto found = entries_.find(feature);
     if (found == entries_.end()) return;
     Entry& entry = found->second;

@@ -17,8 +17,7 @@ enum class PolicyState { kOn, kOff, kRejected };
 
 const char* ToText(PolicyState state);
 
-/// What became of a policy, or what a check says about one. Both lists are arrays of
-/// {"pointer","message"}.
+/// The outcome of a policy or of its check. Both lists are arrays of {"pointer","message"}.
 struct PolicyVerdict {
     PolicyState state = PolicyState::kRejected;
     Json::Value errors{Json::arrayValue};
@@ -28,8 +27,8 @@ struct PolicyVerdict {
 /// Takes policies in: checks, applies and keeps them. A policy that is refused changes nothing,
 /// the last good one stays in force.
 ///
-/// Any thread but the framework's. Apply and ReapplyStored run one at a time and block for as long
-/// as the framework takes; the others never wait for them.
+/// Thread-safe, but not for the framework thread. Apply and ReapplyStored run one at a time and
+/// block for as long as the framework takes; the others never wait for them.
 class PolicyService {
   public:
     /// Borrows both.
@@ -38,18 +37,19 @@ class PolicyService {
     PolicyVerdict Check(const std::string& feature, const std::string& text);
     PolicyVerdict Apply(const std::string& feature, const std::string& text);
 
-    /// Applies the kept policies again, as at the start of the agent. One that is refused is
-    /// logged and stays kept; the others go on.
+    /// Applies the stored policies again, as at the start of the agent. A refused policy is logged
+    /// and stays stored; the others continue.
     void ReapplyStored();
 
-    /// Makes ReapplyStored end after the policy that it is at; the agent stops.
+    /// Makes ReapplyStored end after its current policy, since the agent stops.
     void StopReapplying() { is_stopping_ = true; }
 
-    /// [{"feature","state","applied_at"(,"last_rejection")}], by name. `state` is "failed" when a
-    /// kept policy could not be applied again, at the start or after a policy that was rejected.
+    /// [{"feature","state","applied_at"(,"last_rejection")}], sorted by feature. `state` is
+    /// "failed" when a stored policy could not be applied again, at the start or after a rejected
+    /// policy.
     Json::Value List() const;
 
-    /// The same for one feature with its "text"; null when none was ever accepted.
+    /// The same for one feature with its "text"; null when none was accepted yet.
     Json::Value Show(const std::string& feature) const;
 
   private:
@@ -60,7 +60,7 @@ class PolicyService {
         std::string rejection;
     };
 
-    /// What the framework made of it.
+    /// The framework's result.
     struct Attempt {
         PolicyState state = PolicyState::kRejected;
         std::string reason;
@@ -73,17 +73,17 @@ class PolicyService {
     std::string RestoreLastGood(const std::string& feature);
     PolicyVerdict ApplyChecked(const std::string& feature, const std::string& given,
                                PolicyVerdict verdict);
-    void RememberAccepted(const std::string& feature, PolicyState state);
+    void RecordAccepted(const std::string& feature, PolicyState state);
     PolicyVerdict Reapply(const std::string& feature);
-    void RememberFailed(const std::string& feature);
-    void RememberRejected(const std::string& feature, const PolicyVerdict& verdict);
+    void RecordFailed(const std::string& feature);
+    void RecordRejected(const std::string& feature, const PolicyVerdict& verdict);
     static Json::Value Describe(const std::string& feature, const Entry& entry);
 
     PolicyHost& host_;
     const PolicyStore& store_;
     std::atomic<bool> is_stopping_{false};
-    std::mutex apply_mutex_;          ///< one policy at a time; never held with state_mutex_ first
-    mutable std::mutex state_mutex_;  ///< guards entries_; held for moments only
+    std::mutex apply_mutex_;          ///< one policy at a time; taken before state_mutex_
+    mutable std::mutex state_mutex_;  ///< guards entries_; held briefly
     std::map<std::string, Entry> entries_;
 };
 

@@ -2,11 +2,13 @@
 
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/FileUtils.h>
+#include <sdk/text/StrUtils.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 
 #include "common/ControlProtocol.h"
 
@@ -16,7 +18,6 @@ namespace {
 
 constexpr std::size_t kMaxNameLength = 64;
 constexpr char kSuffix[] = ".json";
-constexpr std::size_t kSuffixLength = sizeof(kSuffix) - 1;
 
 bool IsNameCharacter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
@@ -56,10 +57,9 @@ std::vector<std::string> PolicyStore::Features() const {
     std::error_code failed;
     for (const auto& entry : std::filesystem::directory_iterator(directory_, failed)) {
         const std::string name = entry.path().filename().string();
-        if (name.size() <= kSuffixLength) continue;
-        const std::size_t length = name.size() - kSuffixLength;
-        if (name.compare(length, kSuffixLength, kSuffix) != 0) continue;
-        if (IsFeatureName(name.substr(0, length))) features.push_back(name.substr(0, length));
+        if (!SDK::StrUtils::EndsWith(name, kSuffix)) continue;
+        const std::string feature = name.substr(0, name.size() - std::string_view(kSuffix).size());
+        if (IsFeatureName(feature)) features.push_back(feature);
     }
     std::sort(features.begin(), features.end());
     return features;

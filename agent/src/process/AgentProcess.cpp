@@ -1,5 +1,5 @@
-// Owns the agent's parts and the order in which they start and stop.
-// Must not do the parts' work: framework, policy and control folders do. Main thread.
+// Owns the agent's parts and the order in which they start and stop. Must not do their work
+// (framework, policy and control do). Runs on the main thread.
 #include "process/AgentProcess.h"
 
 #include <framework/ConfigManager.h>
@@ -35,16 +35,11 @@ Poco::Logger* Log() {
     return SDK::LoggerUtils::GetInstance()->GetRootLogger();
 }
 
-/// Makes an eventfd readable when it goes.
+/// Makes an eventfd readable at its destruction.
 struct EventAtEnd {
     const int descriptor;
     ~EventAtEnd() { ::eventfd_write(descriptor, 1); }
 };
-
-/// A configured directory: relative ones are below the installation path.
-std::string Below(const std::string& base, const std::string& directory) {
-    return !directory.empty() && directory.front() == '/' ? directory : base + directory;
-}
 
 }  // namespace
 
@@ -57,7 +52,7 @@ AgentProcess::~AgentProcess() {
 
 int AgentProcess::Run() {
     ::umask(kUmask);
-    if (options_.daemon) launcher_.Daemonize();
+    if (options_.daemon) startup_reporter_.Daemonize();
     const int failed = StartCaught();
     if (failed != kExitOk) {
         Stop();
@@ -73,36 +68,36 @@ int AgentProcess::StartCaught() {
     try {
         return Start();
     } catch (const Poco::Exception& e) {
-        return launcher_.Failed(kExitFailed, e.displayText());
+        return startup_reporter_.Failed(kExitFailed, e.displayText());
     } catch (const std::exception& e) {
-        return launcher_.Failed(kExitFailed, e.what());
+        return startup_reporter_.Failed(kExitFailed, e.what());
     }
 }
 
 int AgentProcess::Start() {
     std::string error;
     if (!LoadConfiguration(error) || !MakeDirectories(error)) {
-        return launcher_.Failed(kExitFailed, error);
+        return startup_reporter_.Failed(kExitFailed, error);
     }
     if (const int refused = TakeLock(); refused != kExitOk) return refused;
     if (!StartLogging(error) || !ConfigManager::GetInstance().EnsureAgentId(error)) {
-        return launcher_.Failed(kExitFailed, error);
+        return startup_reporter_.Failed(kExitFailed, error);
     }
     SDK_LOG(Log(), PRIO_NOTICE, "morvane_agent %s starts in %s, process %d",
             std::string(SENTREL_VERSION), installation_path_, static_cast<int>(::getpid()));
     if (::geteuid() != 0) {
         const std::string warning =
             "not running as root: files that other users own can be neither read nor restored";
-        launcher_.Warn(warning);
+        startup_reporter_.Warn(warning);
         SDK_LOG(Log(), PRIO_WARNING, "%s", warning);
     }
     StartEngine();
-    if (!StartControl(error)) return launcher_.Failed(kExitFailed, error);
+    if (!StartControl(error)) return startup_reporter_.Failed(kExitFailed, error);
     if (!ReapplyPolicies()) return kExitOk;
     notifier_ = std::make_unique<ServiceNotifier>([this] { engine_->RunOnFrameworkThread([] {}); });
     notifier_->Ready();
-    launcher_.Ready("morvane_agent runs, process " + std::to_string(::getpid()) + ", " +
-                    DefaultSocketPath());
+    startup_reporter_.Ready("morvane_agent runs, process " + std::to_string(::getpid()) + ", " +
+                            DefaultSocketPath());
     return kExitOk;
 }
 
@@ -116,8 +111,7 @@ bool AgentProcess::LoadConfiguration(std::string& error) const {
 }
 
 bool AgentProcess::MakeDirectories(std::string& error) const {
-    const std::string log =
-        Below(installation_path_, ConfigManager::GetInstance().GetLoggerConfig().directory);
+    const std::string& log = ConfigManager::GetInstance().GetLoggerConfig().directory;
     for (const std::string& path : {installation_path_ + "data", installation_path_ + "run", log}) {
         if (SDK::DirUtils::MakeDirs(path, 0700) != 0) {
             error = "cannot make the directory " + path + ": " + std::strerror(errno);
@@ -134,21 +128,21 @@ int AgentProcess::TakeLock() {
         case InstanceLock::Result::kTaken:
             return kExitOk;
         case InstanceLock::Result::kFailed:
-            return launcher_.Failed(kExitFailed, "cannot take the lock file " + error);
+            return startup_reporter_.Failed(kExitFailed, "cannot take the lock file " + error);
         case InstanceLock::Result::kHeldByOther:
             break;
     }
     const std::string process =
         holder > 0 ? "process " + std::to_string(holder) : "a process that is just starting";
-    return launcher_.Failed(kExitAlreadyRunning, "another agent runs on the installation path " +
-                                                     installation_path_ + " already: " + process +
-                                                     ". Stop that one first.");
+    return startup_reporter_.Failed(
+        kExitAlreadyRunning, "another agent runs on the installation path " + installation_path_ +
+                                 " already: " + process + ". Stop that one first.");
 }
 
 bool AgentProcess::StartLogging(std::string& error) const {
     const Framework::LoggerConfig& config = ConfigManager::GetInstance().GetLoggerConfig();
     SDK::LoggerUtils::Settings settings;
-    settings.directory = Below(installation_path_, config.directory);
+    settings.directory = config.directory;
     settings.level = config.level;
     settings.rotate_bytes = static_cast<std::size_t>(config.rotate_bytes);
     settings.keep_files = config.keep_files;
@@ -173,7 +167,7 @@ void AgentProcess::StartEngine() {
         std::string error;
         if (engine_->LoadModule(name, error)) continue;
         SDK_LOG(Log(), PRIO_ERROR, "module %s is not used: %s", name, error);
-        launcher_.Warn("module " + name + " is not used: " + error);
+        startup_reporter_.Warn("module " + name + " is not used: " + error);
         failed.push_back({name, error});
     }
     status_->SetFailedModules(failed);
@@ -191,15 +185,15 @@ bool AgentProcess::StartControl(std::string& error) {
     return control_->Start(DefaultSocketPath(), error);
 }
 
-/// On a thread of its own, as a policy may take long and signals are to be heard meanwhile. False
-/// when one has come: the rest is left out.
+/// Runs on its own thread, since a policy may take long and signals must be noticed meanwhile.
+/// False when a signal arrived; the remaining policies are left out.
 bool AgentProcess::ReapplyPolicies() {
     const SDK::FileDescriptor ended(::eventfd(0, EFD_CLOEXEC));
     auto reapplied = std::async(std::launch::async, [&] {
         const EventAtEnd at_end{ended.Get()};
         policies_->ReapplyStored();
     });
-    const bool must_stop = signals_.HaveComeBefore(ended.Get());
+    const bool must_stop = signals_.ArriveBefore(ended.Get());
     if (must_stop) {
         policies_->StopReapplying();
         engine_->BeginStop();
@@ -210,7 +204,7 @@ bool AgentProcess::ReapplyPolicies() {
 
 void AgentProcess::Stop() {
     if (notifier_) notifier_->Stopping();
-    if (engine_) engine_->BeginStop();  // requests of the control API wait for policies
+    if (engine_) engine_->BeginStop();  // control requests may be waiting for policies
     if (reports_) reports_->Stop();
     if (control_) control_->Stop();
     if (!engine_) return;

@@ -14,14 +14,14 @@
 #include "policy/PolicyService.h"
 #include "policy/PolicyStore.h"
 #include "process/InstanceLock.h"
-#include "process/Launcher.h"
 #include "process/Options.h"
 #include "process/ServiceNotifier.h"
+#include "process/StartupReporter.h"
 #include "process/StopSignals.h"
 
 namespace Agent {
 
-/// The agent from its first step to its last. Main thread.
+/// The agent's process from start to end. Main thread only.
 class AgentProcess {
   public:
     explicit AgentProcess(const Options& options);
@@ -29,7 +29,7 @@ class AgentProcess {
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
 
-    /// Starts, waits for a signal to stop, and stops; the exit code of the process. Blocks.
+    /// Starts, blocks until a stop signal, and stops; returns the exit code of the process.
     int Run();
 
   private:
@@ -47,7 +47,7 @@ class AgentProcess {
     const Options options_;
     const std::string installation_path_;
     StopSignals signals_;
-    Launcher launcher_;
+    StartupReporter startup_reporter_;
     InstanceLock lock_;
     std::unique_ptr<Framework::Engine> engine_;
     std::unique_ptr<EnginePolicyHost> policy_host_;
@@ -60,7 +60,7 @@ class AgentProcess {
     std::unique_ptr<ServiceNotifier> notifier_;
 };
 
-/// The program: parses the command line and runs the agent; nothing is thrown.
+/// The program: parses the command line and runs the agent; throws nothing.
 int Main(int argc, const char* const* argv);
 
 }  // namespace Agent

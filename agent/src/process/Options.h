@@ -5,14 +5,14 @@
 
 namespace Agent {
 
-/// What the command line of morvane_agent asks for.
+/// The command line of morvane_agent.
 struct Options {
-    std::string config_file;  ///< absolute; empty: the one of the installation
+    std::string config_file;  ///< absolute; empty: the installation's
     bool daemon = false;
 };
 
-/// No options when the program is to end at once, with `exit_code`: help or the version was asked
-/// for (0), or the arguments are wrong. What there is to say has been printed then.
+/// Empty when the program must end at once with `exit_code`: help or version (0), or wrong
+/// arguments. Their text has been printed then.
 std::optional<Options> ParseOptions(int argc, const char* const* argv, int& exit_code);
 
 }  // namespace Agent

@@ -9,7 +9,8 @@
 
 namespace Agent {
 
-ServiceNotifier::ServiceNotifier(std::function<void()> proof) : proof_(std::move(proof)) {}
+ServiceNotifier::ServiceNotifier(std::function<void()> health_check)
+    : health_check_(std::move(health_check)) {}
 
 ServiceNotifier::~ServiceNotifier() {
     Stopping();
@@ -40,7 +41,7 @@ void ServiceNotifier::Watch(std::chrono::microseconds interval) {
     while (!stopping_) {
         lock.unlock();
         try {
-            proof_();
+            health_check_();
             sd_notify(0, "WATCHDOG=1");
         } catch (const std::exception& e) {
             SDK_LOG(SDK::LoggerUtils::GetInstance()->GetRootLogger(), PRIO_ERROR,

@@ -8,27 +8,27 @@
 
 namespace Agent {
 
-/// Tells the service manager how the agent is, if there is one: ready, stopping, and, at half of
-/// its watchdog's time, that the framework still answers. Main thread; runs one thread of its own
-/// between Ready and Stopping where a watchdog is set.
+/// Reports to the service manager, if there is one: ready, stopping, and, at half of its watchdog
+/// interval, that the framework still answers. Main thread only; with a watchdog it runs its own
+/// thread between Ready and Stopping.
 class ServiceNotifier {
   public:
-    /// `proof` returns when the framework thread has answered; it may block for long, and the
-    /// watchdog then hears nothing.
-    explicit ServiceNotifier(std::function<void()> proof);
+    /// `health_check` returns when the framework thread has answered. It may block; no watchdog
+    /// message is sent meanwhile.
+    explicit ServiceNotifier(std::function<void()> health_check);
     ~ServiceNotifier();
     ServiceNotifier(const ServiceNotifier&) = delete;
     ServiceNotifier& operator=(const ServiceNotifier&) = delete;
 
     void Ready();
 
-    /// Waits until a running proof has returned. May be called twice.
+    /// Blocks until a running health check has returned. Safe to call twice.
     void Stopping();
 
   private:
     void Watch(std::chrono::microseconds interval);
 
-    const std::function<void()> proof_;
+    const std::function<void()> health_check_;
     std::mutex mutex_;
     std::condition_variable stop_;
     bool stopping_ = false;

@@ -27,7 +27,7 @@ int StopSignals::Wait() const {
     return number;
 }
 
-bool StopSignals::HaveComeBefore(int descriptor) const {
+bool StopSignals::ArriveBefore(int descriptor) const {
     std::array<pollfd, 2> events{{{pending_.Get(), POLLIN, 0}, {descriptor, POLLIN, 0}}};
     while (::poll(events.data(), events.size(), -1) < 0 && errno == EINTR) {
     }

@@ -6,23 +6,22 @@
 
 namespace Agent {
 
-/// Takes the signals that ask the agent to stop (SIGTERM, SIGINT, SIGHUP) away from all threads
-/// that are started later, so that the main thread can wait for them. SIGPIPE is ignored. Main
-/// thread, before any other thread.
+/// Blocks the stop signals (SIGTERM, SIGINT, SIGHUP) in all threads that start later, so that the
+/// main thread can wait for them. Ignores SIGPIPE. Main thread only, before any other thread.
 class StopSignals {
   public:
     StopSignals();
 
-    /// Blocks until one has come; its number. Further ones change nothing.
+    /// Blocks until a signal arrives; returns its number. Further ones change nothing.
     int Wait() const;
 
-    /// Blocks until one has come or `descriptor` is readable; true for the former. The signal is
-    /// still there for Wait.
-    bool HaveComeBefore(int descriptor) const;
+    /// Blocks until a signal arrives or `descriptor` is readable; true for a signal, which stays
+    /// pending for Wait.
+    bool ArriveBefore(int descriptor) const;
 
   private:
     sigset_t signals_{};
-    SDK::FileDescriptor pending_;  ///< a signalfd(2), readable while one has come
+    SDK::FileDescriptor pending_;  ///< a signalfd(2), readable while a signal is pending
 };
 
 }  // namespace Agent

@@ -2,7 +2,7 @@
 // the machine's settings, not this file.
 #include "products/Sentrel.h"
 
-#include <PolicyDocument.h>
+#include <agent/PolicyDocument.h>
 #include <json/json.h>
 
 #include <algorithm>

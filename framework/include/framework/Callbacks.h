@@ -6,8 +6,8 @@ namespace Framework {
 
 class Policy;
 
-/// A function that takes pushed policies. Called on the framework thread, with the module's gate
-/// held alone. The framework owns and frees it.
+/// Receives pushed policies. Called on the framework thread with the module's gate held
+/// exclusively. The framework owns and deletes it.
 class AbstractPolicyCallback {
   public:
     virtual ~AbstractPolicyCallback() = default;
@@ -33,8 +33,8 @@ class PolicyCallback : public AbstractPolicyCallback {
     bool flag_ = false;  ///< reserved; the framework does not read it
 };
 
-/// A function that answers one request by id. Called on the framework thread; a long action on a
-/// thread of its own. The framework owns and frees it.
+/// Answers requests by id. Called on the framework thread; a long action has its own thread. The
+/// framework owns and deletes it.
 class AbstractTaskletCallback {
   public:
     virtual ~AbstractTaskletCallback() = default;

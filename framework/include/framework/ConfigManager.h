@@ -9,7 +9,7 @@
 
 namespace Framework {
 
-/// Where the agent logs to. `directory` is the first member and has no trailing "/".
+/// How the agent logs. `directory` is absolute and has no trailing "/".
 struct LoggerConfig {
     std::string directory;
     std::string level = "information";
@@ -18,17 +18,18 @@ struct LoggerConfig {
     bool console = false;
 };
 
-/// The agent's configuration (conf/agent.json) and identity. Loaded once, before modules are;
-/// reading is for any thread.
+/// The agent's configuration (conf/agent.json) and identity. Load it once, before the modules;
+/// after that, reading is thread-safe.
 class ConfigManager {
   public:
     static ConfigManager& GetInstance();
 
-    /// Reads the file. A missing file means defaults when `required` is false. Unknown keys, wrong
-    /// types and values out of range are errors: false, and `error` names the JSON pointer.
+    /// Reads the file. A missing file is an error only when `required`; otherwise the defaults
+    /// hold. Unknown keys, wrong types and values out of range are errors: false, with the JSON
+    /// pointer in `error`; nothing changes then.
     bool Load(const std::string& path, bool required, std::string& error);
 
-    /// The id of this agent, made at first start and kept in data/agent_id; empty before
+    /// The agent's id, created at the first start and kept in data/agent_id; empty before
     /// EnsureAgentId.
     std::string GetAgentId() const;
     bool EnsureAgentId(std::string& error);
@@ -44,11 +45,11 @@ class ConfigManager {
     std::chrono::milliseconds PolicyGrace() const { return policy_grace_; }
     int CpuLimitPercent() const { return cpu_limit_percent_; }
 
-    /// The object under that key, for the component of that name ("report", "filenotify",
-    /// "sentrel"); its own business to check. An empty object when there is none.
+    /// The configuration of one component ("report", "filenotify", "sentrel"), which checks it
+    /// itself; an empty object when the key is missing.
     Json::Value Section(const std::string& name) const;
 
-    /// Back to the defaults, for tests.
+    /// Restores the defaults; for tests.
     void Reset();
 
   private:

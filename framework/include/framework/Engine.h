@@ -24,9 +24,9 @@ class TaskRegistry;
 
 /// The application object of the agent's process: modules, tasks, policies, tasklets, queries.
 ///
-/// There is one per process (Poco::Util::Application::instance()). One framework thread runs module
-/// Init and UnInit, policy callbacks and tasklets, one at a time. Start and Stop are for the thread
-/// that made the engine; everything else for any thread.
+/// One per process (Poco::Util::Application::instance()). The framework thread runs module Init and
+/// UnInit, policy callbacks and tasklets, one at a time. Call Start and Stop on the thread that
+/// made the engine; everything else is thread-safe.
 class Engine : public Poco::Util::Application {
   public:
     Engine();
@@ -37,52 +37,52 @@ class Engine : public Poco::Util::Application {
     /// The process's engine; throws Poco::NullPointerException when there is none.
     static Engine& Instance();
 
-    /// Starts the framework thread. Tests may use tasks and policies from here on.
+    /// Starts the framework thread. Tasks and policies work from here on.
     void Start();
 
-    /// Ends what would hold Stop up: external commands of policies and tasklets are interrupted
-    /// from now on, and those of tasks that a policy waits for. For who has to wait for a policy
-    /// before Stop. May be called twice; any thread.
+    /// Prepares Stop: from now on it interrupts external commands of policies and tasklets, and of
+    /// tasks that a policy waits for. For callers that must wait for a policy before Stop. Safe to
+    /// call twice; thread-safe.
     void BeginStop();
     bool IsStopping() const { return stopping_; }
 
-    /// Begins to stop if that is still to be done, and stops in order: modules uninitialised in
-    /// reverse, remaining tasks unregistered, thread ended. May be called twice.
+    /// Calls BeginStop and stops in order: uninitialises modules in reverse, unregisters remaining
+    /// tasks, ends the thread. Safe to call twice.
     void Stop();
 
-    /// Loads module/lib<name>.so of the installation path, enters it through CreateModule and
+    /// Loads module/lib<name>.so of the installation path, creates the module with CreateModule and
     /// initialises it. False with `error` when the file, the symbol or the object is missing, the
-    /// factory throws, or Init fails; the agent goes on without the module.
+    /// factory throws, or Init fails; the agent continues without the module.
     bool LoadModule(const std::string& name, std::string& error);
 
-    /// Takes a module that is linked in, as tests do, and initialises it.
+    /// Takes ownership of a module that is linked in, as in tests, and initialises it.
     bool AddModule(std::unique_ptr<Module> module, std::string& error);
 
-    /// Starts the tasks that were registered deferred; from now on such start at once. For the
-    /// agent, when it has started all its modules.
+    /// Starts all deferred tasks; later ones start at once. The agent calls it after the start of
+    /// all modules.
     void StartDeferredTasks();
 
     /// Names of the initialised modules, in order.
     std::vector<std::string> ModuleNames() const;
 
-    /// The registered task of that id, or null. Borrowed: valid until its module unregisters it;
+    /// The registered task of that id, or null. Borrowed, valid until its module unregisters it;
     /// use PostMessage where that can happen meanwhile.
     Task* FindTask(const std::string& id) const;
 
-    /// SendAgileMsg to the task of that id, safe against its unregistration; false when there is
-    /// none or it refuses: the message then stays the caller's.
+    /// SendAgileMsg to the task of that id, safe while it is being unregistered. False when there
+    /// is no such task or it refuses; the caller then keeps the message.
     bool PostMessage(const std::string& task_id, Message* msg);
 
-    /// Offers the policy to the callbacks, in the order of their registration, until one sets the
-    /// handled flag, and waits for the outcome. Not from the framework thread.
+    /// Offers the policy to the callbacks in the order of registration until one sets the handled
+    /// flag. Blocks until the outcome is known. Not from the framework thread.
     PolicyOutcome ApplyPolicy(const std::string& feature, const std::string& policy_json);
 
-    /// Runs the tasklet of that id and waits for its result. Not from the framework thread.
+    /// Runs the tasklet of that id and blocks until its result. Not from the framework thread.
     TaskletOutcome InvokeTasklet(const std::string& id, const std::string& request);
 
-    /// Runs `job` on the framework thread and waits for it. What it throws is thrown here;
-    /// Poco::IllegalStateException before Start and after Stop. Not from a task's thread, and so
-    /// for policies and tasklets: the framework thread waits for tasks.
+    /// Runs `job` on the framework thread and blocks until it ends; rethrows its exception.
+    /// Poco::IllegalStateException before Start and after Stop. Must not be called on a task's
+    /// thread, nor must policies and tasklets: the framework thread waits for tasks.
     void RunOnFrameworkThread(const std::function<void()>& job);
 
     std::vector<TaskStatus> TaskStatuses() const;

@@ -7,30 +7,31 @@
 
 namespace Framework {
 
-/// Lets a task's thread wait for its event sources and for its message queue at once.
+/// Lets a task's thread wait for its event sources and its message queue at the same time.
 ///
-/// Wake may be called from any thread; everything else by the task's thread only.
+/// Wake is thread-safe; call everything else on the task's thread only.
 class EventWaiter {
   public:
     using Handler = std::function<void()>;
 
-    /// `messages_wait` tells whether the task's queue holds messages; a wait does not wait then.
+    /// `messages_wait` returns true while the task's queue holds messages; a wait then returns at
+    /// once.
     explicit EventWaiter(std::function<bool()> messages_wait = {});
     ~EventWaiter();
     EventWaiter(const EventWaiter&) = delete;
     EventWaiter& operator=(const EventWaiter&) = delete;
 
-    /// `handler` runs in WaitAndHandleEvent whenever `fd` is readable. The descriptor stays the
-    /// caller's, who removes it before closing it. False with errno when it cannot be watched.
+    /// `handler` runs in WaitAndHandleEvent whenever `fd` is readable. The caller keeps ownership
+    /// of the descriptor and removes it before closing it. False (errno) when it cannot be watched.
     bool AddSource(int fd, Handler handler);
     void RemoveSource(int fd);
 
     /// Waits at most `timeout_ms` for event sources, messages, or a Wake, and runs the handlers of
-    /// at most `max_events` ready sources. Returns how many; -1 when none was ready: messages are
-    /// waiting, the task was woken, or the time is up.
+    /// at most `max_events` ready sources. Returns their number; -1 when none was ready, because of
+    /// messages, a Wake or the timeout.
     int WaitAndHandleEvent(int timeout_ms, int max_events);
 
-    /// Ends the present or next wait. Wakes add up to one.
+    /// Ends the current or next wait. Several calls count as one.
     void Wake();
 
   private:

@@ -6,9 +6,9 @@
 
 namespace Framework {
 
-/// The policy of a feature. Allocated with new; registers itself by name when built: the next one
-/// of that name, or the end of the process, deletes it. One that is deleted earlier takes itself
-/// off. Framework thread only.
+/// The policy of a feature. Allocated with new; its constructor registers it by name. The next
+/// policy of that name, or the end of the process, deletes it; an earlier delete unregisters it.
+/// Framework thread only.
 class FeaturePolicy : public Policy {
   public:
     explicit FeaturePolicy(const std::string& name);
@@ -18,13 +18,13 @@ class FeaturePolicy : public Policy {
 
     bool Parse(const std::string& text) override = 0;
 
-    /// Hands a task's policy on to this feature's tasks; by default nothing.
+    /// Passes a task's policy to this feature's tasks; does nothing by default.
     virtual void Dispatch(Policy* policy);
 
-    /// True when either string differs from the one stored by StoreIdentity.
+    /// True when a string differs from the one passed to StoreIdentity.
     virtual bool PolicyChanged(const std::string& version, const std::string& content);
 
-    /// What PolicyChanged compares with.
+    /// Stores what PolicyChanged compares with.
     void StoreIdentity(const std::string& version, const std::string& content);
 
     /// Deletes all registered feature policies. For the end of the process and for tests.

@@ -7,23 +7,23 @@ namespace Framework {
 
 class Task;
 
-/// What one task sends to another. The framework owns a message from the moment it is handed over,
-/// whatever the outcome; only a message that SendAgileMsg refuses stays the caller's.
+/// A message from one task to another. The framework owns it once it is passed on, whatever the
+/// outcome; only a message that SendAgileMsg refuses stays with the caller.
 class Message {
   public:
     virtual ~Message() = default;
 
-    /// Called by the default Task::HandleMsg on the receiving task's thread. A message class that
-    /// has an action of its own calls it here; by default nothing happens.
+    /// Called by the default Task::HandleMsg on the receiving task's thread. Message classes with
+    /// an action override it; does nothing by default.
     virtual void Deliver(Task& receiver);
 };
 
-/// Remarks that travel beside a report's body and are stored beside it, never in it.
+/// Additional data of a report. Stored beside the body, never in it.
 struct ReportNote {
-    std::string outcome;      ///< what was done about it, such as "restored"; empty: nothing said
-    double duration_ms = -1;  ///< from the cause being seen to the outcome; negative: unknown
-    /// The body is one JSON object in one line of valid UTF-8, as JsonUtils::JsonToString writes
-    /// it; nobody needs to check that again.
+    std::string outcome;      ///< the action taken, such as "restored"; empty: unknown
+    double duration_ms = -1;  ///< from the detection to the outcome; negative: unknown
+    /// The body is already one JSON object in one line of valid UTF-8, as JsonUtils::JsonToString
+    /// writes it; receivers need not check it.
     bool is_json_line = false;
 };
 

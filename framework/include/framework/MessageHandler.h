@@ -6,16 +6,17 @@ namespace Framework {
 
 class Message;
 
-/// The message interface of a task. The framework calls it; tasks override what they need.
+/// The message interface of a task. The framework calls it; tasks override the operations that they
+/// need.
 class MessageHandler {
   public:
-    /// Takes a queued message (SendAgileMsg); any thread, must not block. True: taken, the message
-    /// is the framework's. False: refused, it stays the caller's.
+    /// Takes a message into the queue (SendAgileMsg). Thread-safe; must not block. True: the
+    /// framework owns the message. False: the caller keeps it.
     virtual bool EnqueueMsg(Message* msg) = 0;
 
-    /// Handles a direct message on the sender's thread, under this task's handler lock. 0 when
-    /// handled, negative otherwise; `reply` is for SyncSendDirectMsg. The message stays the
-    /// framework's.
+    /// Handles a direct message on the sender's thread, under this task's handler lock. 0 on
+    /// success, negative on failure; `reply` is for SyncSendDirectMsg. The framework owns the
+    /// message.
     virtual int InterceptMsg(Message* msg, std::string& reply) = 0;
 
     /// Handles one queued message on the task's own thread, under the handler lock.

@@ -12,10 +12,9 @@ class ModuleGate;
 class Policy;
 class Task;
 
-/// The base of a loadable module. A module's library exports `extern "C" void* CreateModule()`,
-/// which returns a new object of a class derived from this one; the framework owns it. The
-/// framework calls Init after loading and UnInit before destroying it, both on the framework
-/// thread. The operations below are for that thread too.
+/// The base of a loadable module. Its library exports `extern "C" void* CreateModule()`, which
+/// returns a new object of a derived class; the framework owns it. The framework calls Init after
+/// loading and UnInit before destruction. Framework thread only.
 class Module : public Poco::Util::Subsystem {
   public:
     explicit Module(const std::string& name);
@@ -27,38 +26,38 @@ class Module : public Poco::Util::Subsystem {
     void initialize(Poco::Util::Application& app) override;
     void uninitialize() override;
 
-    /// False: the module is not used; the agent logs it and goes on with the others.
+    /// False: the module is not used; the agent logs it and continues with the others.
     virtual bool Init();
     virtual void UnInit();
 
-    /// Calls the module's policy callback `callback_id` with the module's gate held alone; its
-    /// result, or 0 when there is none of that id.
+    /// Calls the policy callback `callback_id` with the module's gate held exclusively. Returns its
+    /// result, or 0 when no callback has that id.
     virtual int RefreshPolicy(const std::string& callback_id, const std::string& feature,
                               const std::string& policy_json, Policy*& policy);
 
-    /// Says within a policy callback that the policy is refused and why, whatever the callback
-    /// returns; the first reason counts.
+    /// Refuses the policy within a policy callback, whatever the callback returns. The first reason
+    /// counts.
     void RejectPolicy(const std::string& reason);
 
-    /// What RejectPolicy was told since the last call; empty when nothing. For the framework.
+    /// The reason given to RejectPolicy since the last call; empty when there is none. For the
+    /// framework.
     std::string TakePolicyRejection();
 
-    /// Registers a callback under `id`, replacing (and freeing) one of that id. The framework owns
-    /// `callback` from here on; a null pointer registers nothing. False when nothing was
-    /// registered.
+    /// Registers a callback under `id`; deletes an earlier one of that id. The framework owns
+    /// `callback` from now on. False for a null pointer: nothing is registered.
     bool RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback);
     bool RegisterTaskletCallback(const std::string& id, AbstractTaskletCallback* callback);
 
-    /// Removes and frees the callback, policy or tasklet, of that id; unknown ids are a no-op.
+    /// Removes and deletes the callback (policy or tasklet) of that id; does nothing for unknown
+    /// ids.
     void UnRegisterPolicyCallback(const std::string& id);
 
-    /// Takes over one reference of `task` and starts it now (`deferred` false) or when the agent
-    /// has started all its modules. False, and the reference released, when a task of that id is
-    /// registered already.
+    /// Takes one reference of `task` and starts it: now, or with `deferred` after the start of all
+    /// modules. False, with the reference released, when the id is registered already.
     bool RegisterTask(Task* task, bool deferred);
 
-    /// Cancels, wakes and joins: on return the task's UnInit has finished, its queue is empty and
-    /// the framework has released its reference. Unknown ids are a no-op.
+    /// Cancels and joins the task. On return its UnInit has finished, its queue is empty and the
+    /// framework has released its reference. Does nothing for unknown ids.
     void UnRegisterTask(const std::string& task_id);
 
     ModuleGate& Gate() { return *gate_; }

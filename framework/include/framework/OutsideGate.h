@@ -2,17 +2,17 @@
 
 namespace Framework {
 
-class AloneHold;
+class ExclusiveGateLock;
 
-/// Lets the tasks of a module work while one of its policy callbacks waits for something outside
-/// the module, such as the end of a process: while the object lives, the callback's thread does not
-/// hold the module's gate. Where the thread holds no gate alone (a task's thread, the start and end
-/// of a module, inside another such object) it does nothing.
+/// Releases the module's gate while one of its policy callbacks waits for something outside the
+/// module, such as the end of a process, so that the module's tasks can work meanwhile. The
+/// destructor takes the gate again. Does nothing on a thread that holds no gate exclusively: a
+/// task's thread, the start and end of a module, inside another such object.
 ///
-/// - Before: the settings are whole. Tasks work with what the callback has written so far.
-/// - Meanwhile: the callback reads and writes no settings. UnRegisterTask is allowed.
-/// - After: the gate is held alone again. That is waited for as at the begin of the callback: tasks
-///   are woken, and interrupted after the grace of policies.
+/// - Before: the settings must be complete, since tasks use what the callback has written so far.
+/// - Meanwhile: the callback must not read or write settings. UnRegisterTask is allowed.
+/// - After: the gate is held exclusively again. The wait for it wakes tasks and interrupts them
+/// after the grace period of policies, as at the start of a callback.
 class OutsideGate {
   public:
     OutsideGate();
@@ -21,7 +21,7 @@ class OutsideGate {
     OutsideGate& operator=(const OutsideGate&) = delete;
 
   private:
-    AloneHold* const let_go_;
+    ExclusiveGateLock* const released_;
 };
 
 }  // namespace Framework

@@ -4,18 +4,18 @@
 
 namespace Framework {
 
-/// One pushed policy, or the base of what parses one.
+/// One pushed policy, or the base class of a policy parser.
 class Policy {
   public:
     explicit Policy(const std::string& name) : name_(name) {}
     virtual ~Policy() = default;
 
-    /// Takes the document in; true when it was accepted.
+    /// Parses the document; true when it is accepted.
     virtual bool Parse(const std::string& text);
 
     const std::string& Name() const { return name_; }
 
-    /// Tells the framework not to dispatch the policy to further callbacks.
+    /// The framework offers a handled policy to no further callback.
     void SetHandled(bool handled) { handled_ = handled; }
     bool IsHandled() const { return handled_; }
 

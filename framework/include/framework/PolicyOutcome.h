@@ -4,7 +4,7 @@
 
 namespace Framework {
 
-/// What became of a pushed policy.
+/// The outcome of a pushed policy.
 struct PolicyOutcome {
     bool handled = false;   ///< a callback took it (set the handled flag)
     int result = 0;         ///< that callback's result; non-zero: the feature is on
@@ -12,7 +12,7 @@ struct PolicyOutcome {
     std::string rejection;  ///< why the module refused the policy, if it did
 };
 
-/// What became of a tasklet request.
+/// The outcome of a tasklet request.
 struct TaskletOutcome {
     bool found = false;
     int result = 0;

@@ -12,22 +12,22 @@
 
 namespace Framework {
 
-/// Named questions that modules answer to each other and to the control API, without knowing one
-/// another: "status.sentrel", "reports.read", "policy.check.sentrel_feature".
+/// Named queries between modules and the control API that need no common headers: "status.sentrel",
+/// "reports.read", "policy.check.sentrel_feature". Thread-safe.
 ///
-/// Names that begin with "status." are asked for `morvanectl status`, and the members of their
-/// answer become members of the status document. Any thread.
+/// All names that begin with "status." are queried for `morvanectl status`; the members of their
+/// answers become members of the status document.
 class QueryRegistry {
   public:
-    /// Answers `request`; runs on the asking thread, and on several at once. Must not block on
-    /// tasks.
+    /// Answers `request`. Runs on the caller's thread, on several threads at a time. Must not wait
+    /// for tasks.
     using Handler = std::function<Json::Value(const Json::Value& request)>;
 
     /// Replaces the handler of that name, if any.
     void Register(const std::string& name, Handler handler);
 
-    /// Waits until running calls of that name have returned; unknown names are a no-op. Not from
-    /// within a handler of that name.
+    /// Blocks until running calls of that name have returned; does nothing for unknown names. Not
+    /// from a handler of that name.
     void Unregister(const std::string& name);
 
     /// False when no handler has that name, or it threw (logged).

@@ -17,20 +17,19 @@ class TaskAccess;
 class TaskRegistry;
 class TaskRunner;
 
-/// A unit of work with a thread and a bounded message queue of its own, named by its id.
+/// A unit of work with its own thread and bounded message queue, named by its id.
 ///
-/// A task is reference-counted (Poco) and starts with one reference, its maker's. RegisterTask
-/// takes one reference over and releases it when the task has been unregistered; the maker
-/// therefore calls duplicate() before it. The object may be registered again after that.
+/// A task is reference-counted (Poco); its creator holds the first reference. RegisterTask takes
+/// one reference, so call duplicate() before it; the framework releases that after the task is
+/// unregistered. The object may be registered again.
 ///
-/// From registration to unregistration the framework calls, on the task's thread: Init, then Run
-/// again and again, then UnInit. Init and Run hold the module's gate shared: no policy callback of
-/// the module runs meanwhile, so they may read settings without a lock. UnInit runs outside the
-/// gate. Nothing may be thrown out of them; what is thrown all the same is caught, logged and ends
-/// the pass.
+/// From registration to unregistration the framework calls on the task's thread: Init, then Run
+/// repeatedly, then UnInit. Init and Run hold the module's gate shared, so no policy callback of
+/// the module runs meanwhile and they may read settings without a lock. UnInit runs without the
+/// gate. They should not throw; the framework catches and logs an exception, which ends the pass.
 class Task : public Poco::Task, public MessageHandler {
   public:
-    /// `queue_capacity`: the most messages that wait; 1 to 65534.
+    /// `queue_capacity`: upper bound of waiting messages, 1 to 65534.
     Task(const std::string& id, const std::string& feature, TaskCondition::TaskType type,
          unsigned int queue_capacity);
     ~Task() override;
@@ -38,10 +37,10 @@ class Task : public Poco::Task, public MessageHandler {
     Task& operator=(const Task&) = delete;
 
     // Poco::Task
-    void cancel() override;   ///< asks the task to stop and wakes it; any thread
-    void runTask() override;  ///< the thread's body: Init, the passes, UnInit
+    void cancel() override;   ///< asks the task to stop and wakes it; thread-safe
+    void runTask() override;  ///< the body of the thread: Init, passes, UnInit
 
-    /// False: the failure is logged and shown in the status; the task runs all the same.
+    /// False: the failure is logged and shown in the status; the task runs nevertheless.
     virtual bool Init();
     virtual bool UnInit();
     /// One pass; the result is for the status only.
@@ -52,34 +51,35 @@ class Task : public Poco::Task, public MessageHandler {
     int InterceptMsg(Message* msg, std::string& reply) override;  ///< HandleMsg, then 0
     void HandleMsg(Message* msg) override;                        ///< msg->Deliver(*this)
 
-    /// Hands at most `max_messages` queued messages to HandleMsg and frees them; never waits for
-    /// one. Leaves the rest for the next pass when the task is stopping or a policy waits for it.
-    /// Returns how many. Task's thread only.
+    /// Passes at most `max_messages` queued messages to HandleMsg and deletes them; never waits for
+    /// a message. Stops early when the task is stopping or a policy waits for it. Returns the
+    /// number of handled messages. Task's thread only.
     std::size_t BulkConsumeMsg(std::size_t max_messages);
 
-    /// True when the present pass should come to an end, as the task is stopping or a policy waits
-    /// for it. Who waits within a pass asks this whenever its Waiter has returned. Task's thread.
+    /// True when the current pass should end: the task is stopping or a policy waits for it. A pass
+    /// that waits must check this whenever its Waiter returns. Task's thread only.
     bool ShouldYield() const;
 
-    /// Queues `msg` for `task` and wakes it. False when the queue is full, the task is not
-    /// registered or stopping: the message then stays the caller's. Never blocks (report tasks
-    /// excepted, which store the report first). Any thread.
+    /// Queues `msg` for `task` and wakes it. False when the queue is full, or the task is stopping
+    /// or not registered; the caller then keeps the message. Never blocks, except for report tasks,
+    /// which store the report first. Thread-safe.
     static bool SendAgileMsg(Task* task, Message* msg);
 
     /// Runs the handler of the task `target` on the calling thread, under that task's handler lock.
-    /// 0 when handled, negative otherwise: -1 no such task (also: one that stops, or whose Init
-    /// has not ended within 5 s), -2 the handler failed, or was this thread's caller already. `msg`
-    /// is freed in every case. Any thread. A handler may send in turn, to tasks further down the
-    /// line only: features to services (file-notify), both to report tasks.
+    /// Returns 0 on success; -1 when there is no such task, it is stopping, or its Init takes
+    /// longer than 5 s; -2 when the handler failed, or the calling thread is already in it. Always
+    /// deletes `msg`. Thread-safe. Handlers may send only in this direction: features to services
+    /// (file-notify), both to report tasks.
     int SendDirectMsg(const std::string& target, Message* msg);
 
-    /// The same, and gives the handler's reply. Tries to get the target (registered, its Init
-    /// over, its handler lock free) for `timeout_ms`, and again up to `retries` times; -3 when it
-    /// could not be had in time. A sender that is stopping does not wait for a missing target.
+    /// The same with the handler's reply. Waits `timeout_ms`, and again up to `retries` times,
+    /// until the target is registered, its Init has ended and its handler lock is free; -3 when
+    /// that takes too long. A sender that is stopping does not wait for a missing target.
     int SyncSendDirectMsg(const std::string& target, Message* msg, std::string& reply,
                           int timeout_ms, int retries);
 
-    /// The condition, and whether it is in force. Before registration, or in a policy callback.
+    /// Sets the condition, and whether it applies. Call before registration or in a policy
+    /// callback.
     void SetTaskCondition(const TaskCondition::Condition& condition);
     void SetConditionInForce(bool in_force);
 
@@ -88,7 +88,7 @@ class Task : public Poco::Task, public MessageHandler {
     TaskCondition::TaskType Type() const { return type_; }
     EventWaiter& Waiter() { return waiter_; }
 
-    /// Messages waiting; approximate. Any thread.
+    /// Number of waiting messages; approximate. Thread-safe.
     std::size_t QueueLength() const;
 
   private:

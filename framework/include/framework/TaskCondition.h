@@ -4,7 +4,7 @@
 
 namespace Framework {
 
-/// The condition under which a task runs, beside its type.
+/// The condition under which a task runs, in addition to its type.
 class TaskCondition {
   public:
     enum TaskType : int {
@@ -12,8 +12,8 @@ class TaskCondition {
         kResident = 4,  ///< Run again as soon as it returns
     };
 
-    /// Kind 5: stall limit in seconds. A Run pass that lasts longer is reported once in the log and
-    /// in the status; nothing is stopped.
+    /// Kind 5: stall limit in seconds. A longer Run pass is reported once in the log and in the
+    /// status; nothing is stopped.
     static constexpr std::int64_t kStallLimit = 5;
 
     struct Condition {

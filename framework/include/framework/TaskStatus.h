@@ -6,7 +6,7 @@
 
 namespace Framework {
 
-/// How a task is doing, for the status.
+/// The state of one task, for the status document.
 struct TaskStatus {
     std::string id;
     std::string feature;

@@ -7,14 +7,14 @@
 
 namespace Framework {
 
-/// What the exception being handled says. For a catch (...) block only.
+/// The text of the exception that is being handled. Call it in a catch (...) block only.
 std::string DescribeCurrentException();
 
 inline Poco::Logger* RootLogger() {
     return SDK::LoggerUtils::GetInstance()->GetRootLogger();
 }
 
-/// Runs foreign code. Empty when it returned, else what it threw; never throws itself.
+/// Runs code of modules. Returns an empty text, or that of its exception; never throws.
 template <typename Function>
 std::string RunGuarded(Function&& function) {
     try {

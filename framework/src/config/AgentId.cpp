@@ -1,5 +1,5 @@
-// The identity of the agent: a UUID in data/agent_id, made once. A file that is there and cannot be
-// used is an error and never replaced, since a new identity would make another host of this one.
+// Creates the agent's identity once: a UUID in data/agent_id. An existing file that is unusable is
+// an error and is never replaced, since a new identity would make this host another agent.
 #include <Poco/UUID.h>
 #include <framework/ConfigManager.h>
 #include <sdk/files/DirUtils.h>

@@ -1,5 +1,5 @@
-// Owns the configuration of the agent. Written before modules are loaded, by the thread that starts
-// the agent, and only read after that. The identity is kept by AgentId.cpp's part of this class.
+// Owns the agent's configuration. AgentId.cpp owns the file of the identity. The main thread writes
+// it before modules are loaded; after that it is only read.
 #include <framework/ConfigManager.h>
 #include <sdk/files/FileUtils.h>
 #include <sdk/files/PathUtils.h>
@@ -21,14 +21,6 @@ constexpr long kOneDayMs = 24L * 3600 * 1000;
 constexpr std::array<const char*, 9> kLevels = {
     "none", "fatal", "critical", "error", "warning", "notice", "information", "debug", "trace"};
 
-std::string ResolveDirectory(std::string directory) {
-    if (directory.empty() || directory.front() != '/') {
-        directory = SDK::PathUtils::GetInstallationPath() + directory;
-    }
-    while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
-    return directory;
-}
-
 LoggerConfig ReadLogger(const Json::Value& section, std::string& error) {
     LoggerConfig log;
     log.directory = "log";
@@ -45,7 +37,8 @@ LoggerConfig ReadLogger(const Json::Value& section, std::string& error) {
     if (std::find(kLevels.begin(), kLevels.end(), log.level) == kLevels.end()) {
         reader.Fail("level", "\"" + log.level + "\" is no level (such as \"information\")");
     }
-    log.directory = ResolveDirectory(log.directory);
+    log.directory =
+        SDK::PathUtils::WithoutTrailingSlash(SDK::PathUtils::BelowInstallation(log.directory));
     return log;
 }
 
@@ -100,7 +93,7 @@ bool ConfigManager::Load(const std::string& path, bool required, std::string& er
     return false;
 }
 
-/// All or nothing: a document with an error changes nothing.
+/// A document with an error changes nothing.
 bool ConfigManager::Take(const Json::Value& root, std::string& error) {
     ConfigReader reader(root, "", error);
     reader.AllowOnly({"modules", "log", "task_period_ms", "policy_grace_ms", "cpu_limit_percent",

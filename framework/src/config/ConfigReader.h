@@ -9,14 +9,14 @@
 
 namespace Framework {
 
-/// Reads the members of one JSON object of the configuration and notes the first thing that is
-/// wrong, with the JSON pointer of its place. What is missing keeps its value. One thread.
+/// Reads the members of one JSON object of the configuration and notes the first fault with the
+/// JSON pointer of its place. A missing member keeps its value. Not thread-safe.
 class ConfigReader {
   public:
-    /// `pointer` is the object's place. A value that is no object is an error.
+    /// `pointer` is the JSON pointer to `object`. A value that is not an object is a fault.
     ConfigReader(const Json::Value& object, std::string pointer, std::string& error);
 
-    /// A key that is none of these is an error.
+    /// Any other key is a fault.
     void AllowOnly(std::initializer_list<std::string_view> keys);
 
     void Read(const char* key, std::string& value);
@@ -24,7 +24,7 @@ class ConfigReader {
     void Read(const char* key, long least, long most, long& value);
     void Read(const char* key, std::vector<std::string>& values);
 
-    /// The object under that key, an empty one when there is none.
+    /// The object under that key; an empty one when it is missing.
     Json::Value Object(const char* key);
 
     std::string PointerTo(std::string_view key) const;

@@ -1,5 +1,5 @@
-// The engine puts the framework's pieces together and owns them; each piece has its own rules. It
-// starts and stops on the thread that made it; module code runs on the framework thread.
+// Owns the parts of the framework; each part has its own rules. Must not run module code itself
+// (FrameworkThread does). Start and Stop run on the thread that made the engine.
 #include <Poco/Exception.h>
 #include <framework/Engine.h>
 #include <framework/FeaturePolicy.h>
@@ -40,7 +40,7 @@ void Engine::Start() {
 void Engine::BeginStop() {
     stopping_ = true;
     thread_->InterruptCommands();
-    tasks_->InterruptWanted();
+    tasks_->InterruptPolicyBlockers();
 }
 
 void Engine::Stop() {
@@ -84,8 +84,8 @@ Task* Engine::FindTask(const std::string& id) const {
 }
 
 bool Engine::PostMessage(const std::string& task_id, Message* msg) {
-    const TaskHold hold = tasks_->Hold(task_id);
-    return hold.use && Task::SendAgileMsg(hold.runner->Target(), msg);
+    const TaskHandle handle = tasks_->Acquire(task_id);
+    return handle.pin && Task::SendAgileMsg(handle.runner->Target(), msg);
 }
 
 PolicyOutcome Engine::ApplyPolicy(const std::string& feature, const std::string& policy_json) {

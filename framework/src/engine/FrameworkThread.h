@@ -11,8 +11,8 @@
 
 namespace Framework {
 
-/// The thread that runs module code which must not overlap: one job at a time, in the order they
-/// came. Owned by the engine; Start and Stop are for one thread, Run for any.
+/// The thread for module code that must not overlap: one job at a time, in order. Owned by the
+/// engine. Run is thread-safe; call Start and Stop on one thread.
 class FrameworkThread {
   public:
     FrameworkThread() = default;
@@ -22,14 +22,14 @@ class FrameworkThread {
 
     void Start();
 
-    /// Runs what is queued, then ends the thread. May be called twice.
+    /// Runs the queued jobs, then ends the thread. Safe to call twice.
     void Stop();
 
-    /// Ends the external commands of its jobs early, from now until the next Start. Any thread.
+    /// Interrupts the external commands of its jobs from now until the next Start. Thread-safe.
     void InterruptCommands();
 
-    /// Runs `job` and waits for it; at once when called from the thread itself. What it throws is
-    /// thrown here; Poco::IllegalStateException when the thread is not running.
+    /// Runs `job` and blocks until it ends; runs it directly when called on this thread. Rethrows
+    /// its exception; Poco::IllegalStateException when the thread is not running.
     void Run(const std::function<void()>& job);
 
   private:

@@ -1,5 +1,5 @@
-// A module's face to the framework. Owns the module's gate; the callbacks and tasks that it
-// registers are the registries'. Runs on the framework thread.
+// Connects a module with the framework. Owns the module's gate; its callbacks and tasks belong to
+// the registries. Runs on the framework thread.
 #include <framework/ConfigManager.h>
 #include <framework/Engine.h>
 #include <framework/Module.h>
@@ -18,7 +18,7 @@ namespace Framework {
 
 namespace {
 
-/// While the agent stops nothing is worth a wait; not zero, as the wait repeats.
+/// A short grace period while the agent stops; not zero, since the wait repeats.
 constexpr std::chrono::milliseconds kGraceAtStop{100};
 
 std::chrono::milliseconds Grace() {
@@ -28,30 +28,30 @@ std::chrono::milliseconds Grace() {
 
 }  // namespace
 
-/// Holds a gate alone while it lives; the module's tasks are brought out of their passes for it.
-class AloneHold {
+/// Holds a module's gate exclusively while it lives. Tasks are asked to end their passes first.
+class ExclusiveGateLock {
   public:
-    AloneHold(Module& module, const TaskRegistry& tasks) : module_(module), tasks_(tasks) {
+    ExclusiveGateLock(Module& module, const TaskRegistry& tasks) : module_(module), tasks_(tasks) {
         Take();
         current = this;
     }
-    ~AloneHold() {
+    ~ExclusiveGateLock() {
         current = nullptr;
         Release();
     }
-    AloneHold(const AloneHold&) = delete;
-    AloneHold& operator=(const AloneHold&) = delete;
+    ExclusiveGateLock(const ExclusiveGateLock&) = delete;
+    ExclusiveGateLock& operator=(const ExclusiveGateLock&) = delete;
 
     void Take() {
-        module_.Gate().LockAlone(
-            Grace(), [this] { ForTasks(&TaskRunner::Nudge); },
+        module_.Gate().LockExclusive(
+            Grace(), [this] { ForTasks(&TaskRunner::Wake); },
             [this] { ForTasks(&TaskRunner::InterruptForPolicy); });
         ForTasks(&TaskRunner::EndInterruption);
     }
-    void Release() { module_.Gate().UnlockAlone(); }
+    void Release() { module_.Gate().UnlockExclusive(); }
 
-    /// The calling thread's, or null; null too while it has let the gate go.
-    static inline thread_local AloneHold* current = nullptr;
+    /// The calling thread's lock; null when it has none or has released it for a while.
+    static inline thread_local ExclusiveGateLock* current = nullptr;
 
   private:
     void ForTasks(void (TaskRunner::*call)()) const {
@@ -62,20 +62,20 @@ class AloneHold {
     const TaskRegistry& tasks_;
 };
 
-OutsideGate::OutsideGate() : let_go_(std::exchange(AloneHold::current, nullptr)) {
-    if (let_go_ != nullptr) let_go_->Release();
+OutsideGate::OutsideGate() : released_(std::exchange(ExclusiveGateLock::current, nullptr)) {
+    if (released_ != nullptr) released_->Release();
 }
 
 OutsideGate::~OutsideGate() {
-    if (let_go_ == nullptr) return;
-    let_go_->Take();
-    AloneHold::current = let_go_;
+    if (released_ == nullptr) return;
+    released_->Take();
+    ExclusiveGateLock::current = released_;
 }
 
 Module::Module(const std::string& name) : name_(name), gate_(std::make_unique<ModuleGate>()) {}
 
 Module::~Module() {
-    // Normally nothing is left here. Without an engine there is nothing to take back.
+    // Usually nothing is registered any more. Without an engine nothing needs to be removed.
     RunGuarded([this] {
         Engine& engine = Engine::Instance();
         engine.Callbacks().RemoveAll(*this);
@@ -108,7 +108,7 @@ int Module::RefreshPolicy(const std::string& callback_id, const std::string& fea
     Engine& engine = Engine::Instance();
     const auto callback = engine.Callbacks().FindPolicy(*this, callback_id);
     if (!callback) return 0;
-    const AloneHold alone(*this, engine.Tasks());
+    const ExclusiveGateLock alone(*this, engine.Tasks());
     return callback->invoke(feature, policy_json, policy);
 }
 

@@ -1,8 +1,8 @@
-// Owns the module objects. What they have registered belongs to the registries, which free it when
-// a module goes. Everything foreign is caught here. Runs on the framework thread.
+// Owns the module objects; the registries own what modules register. Catches all exceptions of
+// modules. Runs on the framework thread.
 //
-// A module's library stays mapped until the process ends: feature policies, messages in other
-// tasks' queues and exceptions on their way may still need its code after the module has gone.
+// A library stays mapped until the process ends: feature policies, messages in other queues and
+// exceptions may need its code after its module is gone.
 #include "engine/ModuleLoader.h"
 
 #include <dlfcn.h>
@@ -77,7 +77,7 @@ bool ModuleLoader::Add(std::unique_ptr<Module> module, std::string& error) {
     const std::string thrown = RunGuarded([&] { initialised = module->Init(); });
     if (!initialised) {
         error = "Init of module " + name + (thrown.empty() ? " failed" : " threw: " + thrown);
-        Withdraw(*module);
+        UnregisterAllOf(*module);
         return false;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -94,18 +94,18 @@ void ModuleLoader::RemoveAll() {
             module = std::move(modules_.back());
             modules_.pop_back();
         }
-        callbacks_.RemoveAll(*module);  // none of them is called once UnInit has begun
+        callbacks_.RemoveAll(*module);  // no callback runs after UnInit has begun
         const std::string thrown = RunGuarded([&] { module->UnInit(); });
         if (!thrown.empty()) {
             SDK_LOG(RootLogger(), PRIO_ERROR, "UnInit of module %s threw: %s",
                     std::string(module->name()), thrown);
         }
-        Withdraw(*module);
+        UnregisterAllOf(*module);
     }
 }
 
-/// Takes back what the module has left registered.
-void ModuleLoader::Withdraw(Module& module) {
+/// Unregisters what the module has left behind.
+void ModuleLoader::UnregisterAllOf(Module& module) {
     callbacks_.RemoveAll(module);
     tasks_.UnregisterAll(&module);
 }

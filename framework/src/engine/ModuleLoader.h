@@ -12,8 +12,8 @@ namespace Framework {
 class CallbackRegistry;
 class TaskRegistry;
 
-/// Brings modules in from their libraries, and out again. Owned by the engine, owns the modules.
-/// Framework thread, but for Names.
+/// Loads modules from their libraries and destroys them. Owned by the engine; owns the modules.
+/// Framework thread only; Names is thread-safe.
 class ModuleLoader {
   public:
     ModuleLoader(CallbackRegistry& callbacks, TaskRegistry& tasks);
@@ -21,18 +21,19 @@ class ModuleLoader {
     ModuleLoader(const ModuleLoader&) = delete;
     ModuleLoader& operator=(const ModuleLoader&) = delete;
 
-    /// Both: false with `error` when the module cannot be used; nothing of it is left registered.
+    /// Both return false with `error` when the module cannot be used; nothing of it stays
+    /// registered.
     bool Load(const std::string& name, std::string& error);
     bool Add(std::unique_ptr<Module> module, std::string& error);
 
-    /// Uninitialises and destroys all modules, the last one first.
+    /// Uninitialises and destroys all modules in reverse order.
     void RemoveAll();
 
     std::vector<std::string> Names() const;
 
   private:
     bool Knows(const std::string& name) const;
-    void Withdraw(Module& module);
+    void UnregisterAllOf(Module& module);
 
     CallbackRegistry& callbacks_;
     TaskRegistry& tasks_;

@@ -8,8 +8,8 @@ namespace Framework {
 
 class TaskRegistry;
 
-/// The engine's housekeeping thread: asks the tasks once a second whether a pass has stalled. It
-/// lives from construction to destruction.
+/// The engine's housekeeping thread: checks once a second for stalled passes. Runs from
+/// construction to destruction.
 class StallMonitor {
   public:
     explicit StallMonitor(const TaskRegistry& tasks);

@@ -1,6 +1,6 @@
-// How a message gets from one task to another: queued, or handled on the sender's thread. Owns a
-// direct message until it is handled. The target is found and kept registered by TaskRegistry; its
-// handler lock is TaskAccess's. Runs on the senders' threads.
+// Sends messages from one task to another: queued, or handled on the sender's thread. Owns a direct
+// message until it is handled. TaskRegistry finds targets and keeps them registered; TaskAccess has
+// the handler lock. Runs on the senders' threads.
 #include <framework/Engine.h>
 #include <framework/Message.h>
 #include <framework/Task.h>
@@ -25,26 +25,27 @@ std::string Intercept(Task& task, Message& msg, std::string& reply, int& result)
     return RunGuarded([&] { result = task.InterceptMsg(&msg, reply); });
 }
 
-/// Runs the handler of a task that the caller is inside of.
-int CallHandler(TaskHold& hold, Message& msg, std::string& reply, TaskAccess::Deadline deadline) {
-    TaskAccess& access = *hold.use;
+/// Runs the handler of a pinned task.
+int CallHandler(TaskHandle& handle, Message& msg, std::string& reply,
+                TaskAccess::Deadline deadline) {
+    TaskAccess& access = *handle.pin;
     switch (access.LockHandler(deadline)) {
         case TaskAccess::Locked::kBusy:
             return kNotInTime;
         case TaskAccess::Locked::kByCaller:
             SDK_LOG(RootLogger(), PRIO_ERROR,
                     "Task(%s) got a direct message from within its own handler, refused.",
-                    hold.runner->Id());
+                    handle.runner->Id());
             return kHandlerFailed;
         case TaskAccess::Locked::kYes:
             break;
     }
     const HandlerLockGuard unlock(access);
     int result = kHandlerFailed;
-    const std::string thrown = Intercept(*hold.runner->Target(), msg, reply, result);
+    const std::string thrown = Intercept(*handle.runner->Target(), msg, reply, result);
     if (!thrown.empty()) {
         SDK_LOG(RootLogger(), PRIO_ERROR, "Task(%s) failed on a direct message: %s",
-                hold.runner->Id(), thrown);
+                handle.runner->Id(), thrown);
     }
     return thrown.empty() && result == 0 ? 0 : kHandlerFailed;
 }
@@ -53,8 +54,8 @@ int CallHandler(TaskHold& hold, Message& msg, std::string& reply, TaskAccess::De
 
 bool Task::SendAgileMsg(Task* task, Message* msg) {
     if (task == nullptr || msg == nullptr) return false;
-    const TaskUse use(task->access_);
-    if (!use) return false;
+    const TaskPin pin(task->access_);
+    if (!pin) return false;
     bool taken = false;
     const std::string thrown = RunGuarded([&] { taken = task->EnqueueMsg(msg); });
     if (!thrown.empty()) {
@@ -67,13 +68,13 @@ bool Task::SendAgileMsg(Task* task, Message* msg) {
 int Task::SendDirectMsg(const std::string& target, Message* msg) {
     const std::unique_ptr<Message> owned(msg);
     if (!owned) return kHandlerFailed;
-    TaskHold hold = Engine::Instance().Tasks().Hold(target);
-    if (!hold.use) return kNoSuchTask;
-    // A task's own thread may be inside its Init.
+    TaskHandle handle = Engine::Instance().Tasks().Acquire(target);
+    if (!handle.pin) return kNoSuchTask;
+    // A task may send to itself from its Init.
     const auto deadline = std::chrono::steady_clock::now() + kInitWait;
-    if (!hold.runner->IsOwnThread() && !hold.use->WaitReady(deadline)) return kNoSuchTask;
+    if (!handle.runner->IsOwnThread() && !handle.pin->WaitReady(deadline)) return kNoSuchTask;
     std::string reply;
-    return CallHandler(hold, *owned, reply, TaskAccess::Deadline::max());
+    return CallHandler(handle, *owned, reply, TaskAccess::Deadline::max());
 }
 
 int Task::SyncSendDirectMsg(const std::string& target, Message* msg, std::string& reply,
@@ -83,10 +84,11 @@ int Task::SyncSendDirectMsg(const std::string& target, Message* msg, std::string
     const std::int64_t tries = 1 + std::int64_t{std::max(retries, 0)};
     const auto now = std::chrono::steady_clock::now();
     const auto deadline = now + std::chrono::milliseconds(tries * std::max(timeout_ms, 0));
-    TaskHold hold = Engine::Instance().Tasks().HoldUntil(target, isCancelled() ? now : deadline);
-    if (!hold.use) return kNotInTime;
-    if (!hold.runner->IsOwnThread() && !hold.use->WaitReady(deadline)) return kNotInTime;
-    return CallHandler(hold, *owned, reply, deadline);
+    TaskHandle handle =
+        Engine::Instance().Tasks().AcquireUntil(target, isCancelled() ? now : deadline);
+    if (!handle.pin) return kNotInTime;
+    if (!handle.runner->IsOwnThread() && !handle.pin->WaitReady(deadline)) return kNotInTime;
+    return CallHandler(handle, *owned, reply, deadline);
 }
 
 }  // namespace Framework

@@ -28,7 +28,7 @@ bool Watch(int epoll, int fd) {
     return ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-/// epoll_wait that a signal does not cut short.
+/// epoll_wait(2) that continues after a signal.
 int WaitForReady(int epoll, epoll_event* events, int room, int timeout_ms) {
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
@@ -67,9 +67,10 @@ void EventWaiter::RemoveSource(int fd) {
 int EventWaiter::WaitAndHandleEvent(int timeout_ms, int max_events) {
     std::array<epoll_event, kMostEvents> events{};
     const int most = std::clamp(max_events, 0, kMostEvents - 1);
-    // A sender counts its message before it wakes, so nothing is missed between look and wait.
+    // A sender counts its message before it wakes the waiter, so none is missed between check and
+    // wait.
     if (messages_wait_ && messages_wait_()) timeout_ms = 0;
-    // One place more than asked for: the wake may be among the ready ones.
+    // One more than requested, since the wake descriptor may be ready too.
     const int ready = WaitForReady(epoll_.Get(), events.data(), most + 1, timeout_ms);
     bool woken = false;
     int handled = 0;
@@ -93,7 +94,7 @@ int EventWaiter::WaitAndHandleEvent(int timeout_ms, int max_events) {
 
 void EventWaiter::Wake() {
     const std::uint64_t one = 1;
-    // Fails only when the counter is full, and then the wait ends anyway.
+    // Fails only when the counter is full; the wait then ends anyway.
     if (::write(wake_.Get(), &one, sizeof(one)) < 0) return;
 }
 

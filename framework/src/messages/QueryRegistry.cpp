@@ -1,4 +1,5 @@
 #include <framework/QueryRegistry.h>
+#include <sdk/text/StrUtils.h>
 
 #include "base/ExceptionBarrier.h"
 
@@ -47,7 +48,7 @@ std::vector<std::string> QueryRegistry::Names(const std::string& prefix) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> names;
     for (auto it = entries_.lower_bound(prefix); it != entries_.end(); ++it) {
-        if (it->first.compare(0, prefix.size(), prefix) != 0) break;
+        if (!SDK::StrUtils::BeginsWith(it->first, prefix)) break;
         names.push_back(it->first);
     }
     return names;

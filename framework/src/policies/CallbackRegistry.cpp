@@ -1,6 +1,6 @@
-// Owns the callbacks and a pushed policy while it is offered round. The gate that a policy callback
-// needs is Module::RefreshPolicy's. Callbacks run on the framework thread, long actions on one of
-// their own; none is called with the lock held.
+// Owns the callbacks, and a pushed policy while it is dispatched. Module::RefreshPolicy takes the
+// gate. Callbacks run on the framework thread, long actions on their own thread, none with the lock
+// held.
 #include "policies/CallbackRegistry.h"
 
 #include <framework/Module.h>
@@ -56,7 +56,7 @@ void CallbackRegistry::RemoveIf(const std::function<bool(const Entry&)>& matches
     for (const auto& entry : removed) {
         idle_.wait(lock, [&] { return entry->long_actions == 0; });
     }
-    lock.unlock();  // the callbacks are freed without it
+    lock.unlock();  // callbacks are deleted without the lock
 }
 
 std::shared_ptr<AbstractPolicyCallback> CallbackRegistry::FindPolicy(const Module& module,
@@ -76,12 +76,12 @@ PolicyOutcome CallbackRegistry::Dispatch(const std::string& feature,
         entries = entries_;
     }
     PolicyOutcome outcome;
-    // A callback may put another object into the reference; then that one is the framework's.
+    // A callback may replace the object; the framework then owns the new one.
     Policy* policy = new Policy(feature);
     for (const auto& entry : entries) {
         if (!entry->policy) continue;
         int result = 0;
-        entry->module->TakePolicyRejection();  // nobody has asked for an earlier one
+        entry->module->TakePolicyRejection();  // discards an old rejection
         const std::string thrown = RunGuarded([&] {
             result = entry->module->RefreshPolicy(entry->id, feature, policy_json, policy);
         });

@@ -16,31 +16,30 @@ namespace Framework {
 
 class Module;
 
-/// The registered callbacks, in the order of their registration. An id belongs to its module: two
-/// modules may use the same. Owned by the engine, owns the callbacks; any thread, but the callbacks
-/// run on the framework thread.
+/// The registered callbacks in the order of their registration. Ids are unique within a module.
+/// Owned by the engine; owns the callbacks. Thread-safe; callbacks run on the framework thread.
 class CallbackRegistry {
   public:
-    // A callback of the same module and id is freed, and the new one takes its place in the order.
-    // False when there is no callback.
+    // Replaces, in its position, and deletes a callback of the same module and id. False without a
+    // callback.
     bool AddPolicy(Module& module, const std::string& id,
                    std::unique_ptr<AbstractPolicyCallback> callback);
     bool AddTasklet(Module& module, const std::string& id,
                     std::unique_ptr<AbstractTaskletCallback> callback);
 
-    /// Waits for a long action of that tasklet to end.
+    /// Blocks until a long action of that tasklet has ended.
     void Remove(const Module& module, const std::string& id);
     void RemoveAll(const Module& module);
 
     std::shared_ptr<AbstractPolicyCallback> FindPolicy(const Module& module,
                                                        const std::string& id) const;
 
-    /// Offers the policy to the callbacks; a callback that throws has had its turn. The outcome
-    /// tells of an exception only when no later callback took the policy. Framework thread only.
+    /// Offers the policy to the callbacks in order; continues after one that throws. The outcome
+    /// holds an exception only when no later callback took the policy. Framework thread only.
     PolicyOutcome Dispatch(const std::string& feature, const std::string& policy_json) const;
 
-    /// Begins the tasklet; the result is there already unless it is a long action. Framework thread
-    /// only. A future without a state: no such tasklet.
+    /// Starts the tasklet; the result is ready at once unless it is a long action. A future without
+    /// state when there is no such tasklet. Framework thread only.
     std::future<TaskletOutcome> Invoke(const std::string& id, const std::string& request);
 
   private:

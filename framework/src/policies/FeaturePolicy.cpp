@@ -1,5 +1,5 @@
-// Owns the feature policies that were built and not deleted since, one per name. Framework thread
-// only. A policy is deleted by the next of its name, by DeleteAll, or at the end of the process.
+// Owns the existing feature policies, one per name. The next policy of a name, DeleteAll or the end
+// of the process deletes them. Framework thread only.
 #include <framework/FeaturePolicy.h>
 
 #include <map>
@@ -25,7 +25,7 @@ class Registered {
         policies_[name] = policy;
     }
 
-    void TakeOff(const FeaturePolicy* policy) {
+    void Forget(const FeaturePolicy* policy) {
         const auto found = policies_.find(policy->Name());
         if (found != policies_.end() && found->second == policy) policies_.erase(found);
     }
@@ -53,7 +53,7 @@ FeaturePolicy::FeaturePolicy(const std::string& name) : Policy(name) {
 }
 
 FeaturePolicy::~FeaturePolicy() {
-    Registered::Instance().TakeOff(this);
+    Registered::Instance().Forget(this);
 }
 
 void FeaturePolicy::Dispatch(Policy*) {}

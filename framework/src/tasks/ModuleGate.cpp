@@ -4,15 +4,16 @@ namespace Framework {
 
 bool ModuleGate::LockShared(const std::atomic<bool>& give_up) {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return give_up || (!held_alone_ && waiting_alone_ == 0); });
+    changed_.wait(lock,
+                  [&] { return give_up || (!held_exclusively_ && waiting_exclusively_ == 0); });
     if (give_up) return false;
-    ++shared_holders_;
+    ++shared_owners_;
     return true;
 }
 
 void ModuleGate::UnlockShared() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    --shared_holders_;
+    --shared_owners_;
     changed_.notify_all();
 }
 
@@ -21,32 +22,33 @@ void ModuleGate::WakeWaiting() {
     changed_.notify_all();
 }
 
-void ModuleGate::LockAlone(std::chrono::milliseconds grace, const std::function<void()>& nudge,
-                           const std::function<void()>& interrupt) {
+void ModuleGate::LockExclusive(std::chrono::milliseconds grace,
+                               const std::function<void()>& wake_tasks,
+                               const std::function<void()>& interrupt) {
     std::unique_lock<std::mutex> lock(mutex_);
-    ++waiting_alone_;
+    ++waiting_exclusively_;
     const auto call_unlocked = [&](const std::function<void()>& call) {
-        if (shared_holders_ == 0) return;
+        if (shared_owners_ == 0) return;
         lock.unlock();
         call();
         lock.lock();
     };
-    call_unlocked(nudge);
-    const auto is_free = [this] { return shared_holders_ == 0 && !held_alone_; };
+    call_unlocked(wake_tasks);
+    const auto is_free = [this] { return shared_owners_ == 0 && !held_exclusively_; };
     while (!changed_.wait_for(lock, grace, is_free)) call_unlocked(interrupt);
-    --waiting_alone_;
-    held_alone_ = true;
+    --waiting_exclusively_;
+    held_exclusively_ = true;
 }
 
-void ModuleGate::UnlockAlone() {
+void ModuleGate::UnlockExclusive() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    held_alone_ = false;
+    held_exclusively_ = false;
     changed_.notify_all();
 }
 
-bool ModuleGate::IsWanted() const {
+bool ModuleGate::HasExclusiveWaiter() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return waiting_alone_ > 0;
+    return waiting_exclusively_ > 0;
 }
 
 }  // namespace Framework

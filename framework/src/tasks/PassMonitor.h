@@ -9,17 +9,17 @@
 
 namespace Framework {
 
-/// What is known of a registration's life for the status, and whether its present pass has
-/// stalled. Written by the task's thread, read by any.
+/// The state of one registration for the status, and whether its current pass has stalled.
+/// Thread-safe: the task's thread writes, others read.
 class PassMonitor {
   public:
     void InitEnded(bool ok);
 
-    /// `stall_limit`: negative when none is in force.
+    /// `stall_limit`: negative for no limit.
     void PassBegins(std::chrono::seconds stall_limit);
     void PassEnds();
 
-    /// True once per pass: when it has first been found to last longer than its limit.
+    /// True once per pass: at the first check that finds it longer than its limit.
     bool HasNewlyStalled();
 
     void Fill(TaskStatus& status) const;

@@ -1,6 +1,5 @@
-// A task's own side: its queue, its handlers and its stop signal. Owns the messages in the queue.
-// When its operations run and on which thread is TaskRunner's; how other tasks reach it stands in
-// TaskMessaging.cpp.
+// Owns a task's queue and the messages in it, and passes on its stop signal. TaskRunner decides
+// when and on which thread its operations run; TaskMessaging.cpp sends messages to it.
 #include <framework/Message.h>
 #include <framework/Task.h>
 
@@ -42,7 +41,7 @@ void Task::SetRunner(std::shared_ptr<TaskRunner> runner) {
 
 void Task::cancel() {
     const std::shared_ptr<TaskRunner> runner = Runner();
-    // First the runner's flag: what is woken by the rest finds it set.
+    // Sets the runner's flag first, so that everything woken below sees it.
     if (runner) runner->MarkStopping();
     Poco::Task::cancel();
     queue_->Close();

@@ -8,28 +8,28 @@
 
 namespace Framework {
 
-/// Who is inside a task from other threads, and the task's handler lock. Shared by the task and by
-/// whoever is inside, so that it outlives the task. Any thread.
+/// Counts the threads that use a task from outside, and has the task's handler lock. Shared
+/// ownership, so that it outlives the task. Thread-safe.
 ///
-/// Lock order: a thread may take further handler locks while it holds one (a handler that sends a
-/// direct message). The tasks therefore form a line: feature tasks send to service tasks
-/// (file-notify), and both to report tasks, whose handlers send to nobody. A thread that comes back
-/// to a lock of its own is told so and never waits for itself.
+/// Lock order: a handler may take further handler locks by sending a direct message. Tasks
+/// therefore send in one direction: feature tasks to service tasks (file-notify), both to report
+/// tasks, whose handlers send nothing. A thread that meets its own lock gets kByCaller instead of a
+/// deadlock.
 class TaskAccess {
   public:
     using Deadline = std::chrono::steady_clock::time_point;
     enum class Locked { kYes, kBusy, kByCaller };
 
-    void Open();      ///< queued messages are taken from now on
-    void SetReady();  ///< Init is over: direct messages are taken too
-    void Close();     ///< nobody enters any more, and who waits for Init gives up
-    void WaitIdle();  ///< until everybody who entered has left
+    void Open();      ///< accepts queued messages
+    void SetReady();  ///< Init has ended: accepts direct messages too
+    void Close();     ///< refuses further threads and ends waits for Init
+    void WaitIdle();  ///< blocks until every thread has left
     bool IsOpen() const;
 
     bool Enter();
     void Leave();
 
-    /// Waits for Init to be over; false when the task stops before or the time is up.
+    /// Blocks until Init has ended; false when the task stops or the deadline passes first.
     bool WaitReady(Deadline deadline);
 
     Locked LockHandler(Deadline deadline);
@@ -44,18 +44,18 @@ class TaskAccess {
     std::thread::id handler_owner_;
 };
 
-/// Being inside a task: while it is held, the task cannot be unregistered to the end.
-class TaskUse {
+/// Pins a task: it cannot be unregistered completely while the object lives.
+class TaskPin {
   public:
-    TaskUse() = default;
-    explicit TaskUse(std::shared_ptr<TaskAccess> access) : access_(std::move(access)) {
+    TaskPin() = default;
+    explicit TaskPin(std::shared_ptr<TaskAccess> access) : access_(std::move(access)) {
         if (!access_->Enter()) access_.reset();
     }
-    TaskUse(TaskUse&&) = default;
-    TaskUse& operator=(TaskUse&&) = delete;
-    TaskUse(const TaskUse&) = delete;
-    TaskUse& operator=(const TaskUse&) = delete;
-    ~TaskUse() {
+    TaskPin(TaskPin&&) = default;
+    TaskPin& operator=(TaskPin&&) = delete;
+    TaskPin(const TaskPin&) = delete;
+    TaskPin& operator=(const TaskPin&) = delete;
+    ~TaskPin() {
         if (access_) access_->Leave();
     }
 
@@ -67,7 +67,7 @@ class TaskUse {
     std::shared_ptr<TaskAccess> access_;
 };
 
-/// Releases the handler lock, which is held already.
+/// Releases a handler lock that the thread holds already.
 class HandlerLockGuard {
   public:
     explicit HandlerLockGuard(TaskAccess& access) : access_(access) {}

@@ -10,12 +10,12 @@
 
 namespace Framework {
 
-/// The bounded message queue of a task: any number of senders, one consumer.
+/// The bounded message queue of a task: many senders, one consumer.
 ///
-/// The ring is lock-free, so the consumer never waits for a sender. Senders take turns among
-/// themselves by a mutex that is held for one push: the library's queue for several senders reads
-/// and writes the free list of its nodes without synchronisation, which ThreadSanitizer reports.
-/// A full queue refuses; nothing is ever overwritten or dropped.
+/// The ring is lock-free, so the consumer never waits for a sender. A mutex, held for one push,
+/// orders the senders: the library's queue for several senders accesses its free list without
+/// synchronisation, which ThreadSanitizer reports. A full queue refuses messages; it never
+/// overwrites or drops one.
 class Task::Queue {
   public:
     enum class Pushed { kRefused, kTaken, kTakenFirst };
@@ -26,12 +26,12 @@ class Task::Queue {
     Queue& operator=(const Queue&) = delete;
 
     void Open() { SetOpen(true); }
-    /// Refuses from its return on; what waits, waits on.
+    /// Refuses messages from now on; waiting messages stay.
     void Close() { SetOpen(false); }
 
     /// kTakenFirst: the queue was empty, so the consumer may be waiting.
     Pushed Push(Message* msg) {
-        const std::lock_guard<std::mutex> turn(senders_);
+        const std::lock_guard<std::mutex> lock(senders_);
         if (!open_) return Pushed::kRefused;
         const bool first = length_.fetch_add(1) == 0;
         if (ring_.push(msg)) return first ? Pushed::kTakenFirst : Pushed::kTaken;
@@ -47,18 +47,19 @@ class Task::Queue {
         return std::unique_ptr<Message>(msg);
     }
 
-    /// Frees what waits. With the consumer gone and the queue closed, or from the consumer.
+    /// Deletes the waiting messages. Call it on the consumer's thread, or when that has ended and
+    /// the queue is closed.
     void Drain() {
         while (Pop()) {
         }
     }
 
-    /// Never less than what Pop would give.
+    /// Never less than the number of messages that Pop would return.
     std::size_t Length() const { return length_.load(); }
 
   private:
     void SetOpen(bool open) {
-        const std::lock_guard<std::mutex> turn(senders_);
+        const std::lock_guard<std::mutex> lock(senders_);
         open_ = open;
     }
 

@@ -1,6 +1,6 @@
-// Owns the registrations and the thread pool. What a registration does on its thread is
-// TaskRunner's. Register and Unregister normally run on the framework thread, the rest anywhere; no
-// task, callback or gate is waited for with the lock held.
+// Owns the registrations and the thread pool. TaskRunner drives each task. Register and Unregister
+// usually run on the framework thread, the rest on any thread. Never waits for a task, callback or
+// gate with the lock held.
 #include "tasks/TaskRegistry.h"
 
 #include <algorithm>
@@ -63,12 +63,12 @@ void TaskRegistry::Unregister(const std::string& id) {
             runner->Target()->cancel();
             return;
         }
-        const auto is_leaving = std::find(leaving_.begin(), leaving_.end(), runner);
-        if (is_leaving != leaving_.end()) {
+        const auto same_call = std::find(unregistering_.begin(), unregistering_.end(), runner);
+        if (same_call != unregistering_.end()) {
             changed_.wait(lock, [&] { return FindRunner(id) != runner; });
             return;
         }
-        leaving_.push_back(runner);
+        unregistering_.push_back(runner);
         Erase(deferred_, runner.get());
     }
     Discard(runner);
@@ -90,36 +90,36 @@ void TaskRegistry::Discard(const std::shared_ptr<TaskRunner>& runner) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         Erase(runners_, runner.get());
-        Erase(leaving_, runner.get());
+        Erase(unregistering_, runner.get());
         changed_.notify_all();
     }
     runner->Release();
 }
 
 Task* TaskRegistry::Find(const std::string& id) const {
-    const TaskHold hold = Hold(id);
-    return hold.use ? hold.runner->Target() : nullptr;
+    const TaskHandle handle = Acquire(id);
+    return handle.pin ? handle.runner->Target() : nullptr;
 }
 
-TaskHold TaskRegistry::Hold(const std::string& id) const {
+TaskHandle TaskRegistry::Acquire(const std::string& id) const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return TryHold(id);
+    return TryAcquire(id);
 }
 
-TaskHold TaskRegistry::HoldUntil(const std::string& id, TaskAccess::Deadline deadline) const {
+TaskHandle TaskRegistry::AcquireUntil(const std::string& id, TaskAccess::Deadline deadline) const {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        TaskHold hold = TryHold(id);
-        if (hold.use) return hold;
-        if (changed_.wait_until(lock, deadline) == std::cv_status::timeout) return TryHold(id);
+        TaskHandle handle = TryAcquire(id);
+        if (handle.pin) return handle;
+        if (changed_.wait_until(lock, deadline) == std::cv_status::timeout) return TryAcquire(id);
     }
 }
 
-TaskHold TaskRegistry::TryHold(const std::string& id) const {
+TaskHandle TaskRegistry::TryAcquire(const std::string& id) const {
     std::shared_ptr<TaskRunner> runner = FindRunner(id);
     if (!runner) return {};
-    TaskUse use = runner->Use();
-    return {std::move(runner), std::move(use)};
+    TaskPin pin = runner->Pin();
+    return {std::move(runner), std::move(pin)};
 }
 
 std::shared_ptr<TaskRunner> TaskRegistry::FindRunner(const std::string& id) const {
@@ -142,7 +142,7 @@ void TaskRegistry::ReportStalls() const {
     for (const auto& runner : runners_) runner->ReportStall();
 }
 
-void TaskRegistry::InterruptWanted() const {
+void TaskRegistry::InterruptPolicyBlockers() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const auto& runner : runners_) {
         if (runner->ShouldYield()) runner->InterruptForPolicy();

@@ -19,55 +19,54 @@ namespace Framework {
 
 class Module;
 
-/// A registered task that is held back from being unregistered while the object lives; nothing is
-/// held when `use` is false.
-struct TaskHold {
+/// A registered task that cannot be unregistered while the object lives; empty when `pin` is false.
+struct TaskHandle {
     std::shared_ptr<TaskRunner> runner;
-    TaskUse use;  ///< after `runner`, so that it is given up first
+    TaskPin pin;  ///< after `runner`, so that it is released first
 };
 
-/// The registered tasks, in the order of their registration, and the pool of their threads. Owned
-/// by the engine; any thread.
+/// The registered tasks in the order of registration, and their thread pool. Owned by the engine.
+/// Thread-safe.
 class TaskRegistry {
   public:
-    /// Takes over the reference. False when a task of that id is registered, or no thread is left.
+    /// Takes ownership of the reference. False when the id is registered or no thread is available.
     bool Register(Module& module, Poco::AutoPtr<Task> task, bool deferred);
 
-    /// Returns when the task's UnInit is over and its reference released. A task that asks for
-    /// itself is only cancelled. No-op for unknown ids.
+    /// Blocks until the task's UnInit has ended and its reference is released. On the task's own
+    /// thread it only cancels the task. Does nothing for unknown ids.
     void Unregister(const std::string& id);
 
-    /// All tasks of `module`, or of all modules for null, the youngest first.
+    /// All tasks of `module`, or of every module for null, in reverse order of registration.
     void UnregisterAll(const Module* module);
 
-    /// Not while another thread unregisters.
+    /// Must not run while another thread unregisters tasks.
     void StartDeferred();
 
-    /// Null when it is not registered, or stopping.
+    /// Null when the task is stopping or not registered.
     Task* Find(const std::string& id) const;
-    TaskHold Hold(const std::string& id) const;
-    /// Waits until the task is there.
-    TaskHold HoldUntil(const std::string& id, TaskAccess::Deadline deadline) const;
+    TaskHandle Acquire(const std::string& id) const;
+    /// Blocks until the task is registered or the deadline passes.
+    TaskHandle AcquireUntil(const std::string& id, TaskAccess::Deadline deadline) const;
 
     void ForTasksOf(const Module& module, const std::function<void(TaskRunner&)>& call) const;
     void ReportStalls() const;
 
     /// Interrupts the commands of tasks that a policy waits for.
-    void InterruptWanted() const;
+    void InterruptPolicyBlockers() const;
     std::vector<TaskStatus> Statuses() const;
 
   private:
     using Runners = std::vector<std::shared_ptr<TaskRunner>>;
 
     std::shared_ptr<TaskRunner> FindRunner(const std::string& id) const;
-    TaskHold TryHold(const std::string& id) const;
+    TaskHandle TryAcquire(const std::string& id) const;
     void Discard(const std::shared_ptr<TaskRunner>& runner);
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     Runners runners_;
     Runners deferred_;
-    Runners leaving_;  ///< still in runners_
+    Runners unregistering_;  ///< still in runners_
     bool defer_ = true;
     Poco::ThreadPool pool_{"task", 1, 256};
 };

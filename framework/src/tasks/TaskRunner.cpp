@@ -1,7 +1,7 @@
-// One registration of a task. Owns the framework's reference of it and the interrupter of its
-// external commands. Init and Run happen in a Turn, with the module's gate shared; UnInit outside
-// the gate, since the framework thread may be waiting for it. Runs on the task's thread; Finish on
-// the framework thread.
+// Drives one registration of a task. Owns the framework's reference and the interrupter of the
+// task's external commands. Init and Run hold the module's gate shared; UnInit does not, since the
+// framework thread may be waiting for it. Runs on the task's thread; Finish on the framework
+// thread.
 #include "tasks/TaskRunner.h"
 
 #include <framework/ConfigManager.h>
@@ -18,24 +18,24 @@ namespace Framework {
 namespace {
 
 constexpr std::size_t kThreadNameLength = 15;          // the kernel's limit
-constexpr std::int64_t kLongestLimit = 1'000'000'000;  // in nanoseconds it still fits
+constexpr std::int64_t kLongestLimit = 1'000'000'000;  // does not overflow in nanoseconds
 
 }  // namespace
 
-/// Holds the gate shared while it lives, if it could be had before the task was stopped.
-class TaskRunner::Turn {
+/// Holds the gate shared while it lives; false when the task was stopped before it got the gate.
+class TaskRunner::SharedGateLock {
   public:
-    explicit Turn(TaskRunner& runner)
+    explicit SharedGateLock(TaskRunner& runner)
         : runner_(runner), held_(runner.module_.Gate().LockShared(runner.stopping_)) {
         if (held_) runner_.SetInterruptible(true);
     }
-    ~Turn() {
+    ~SharedGateLock() {
         if (!held_) return;
         runner_.SetInterruptible(false);
         runner_.module_.Gate().UnlockShared();
     }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
+    SharedGateLock(const SharedGateLock&) = delete;
+    SharedGateLock& operator=(const SharedGateLock&) = delete;
     explicit operator bool() const { return held_; }
 
   private:
@@ -89,10 +89,10 @@ void TaskRunner::RunTask() {
     RunUnInit();
 }
 
-/// False when the task was stopped before its Init could begin: it then has no UnInit either.
+/// False when the task was stopped before Init; UnInit is then left out too.
 bool TaskRunner::RunInit() {
-    const Turn turn(*this);
-    if (!turn) return false;
+    const SharedGateLock gate(*this);
+    if (!gate) return false;
     bool ok = false;
     const std::string thrown = RunGuarded([&] { ok = task_->Init(); });
     monitor_.InitEnded(ok);
@@ -108,16 +108,16 @@ void TaskRunner::RunPasses() {
     for (;;) {
         const auto begin = Clock::now();
         const bool succeeded = RunPass();
-        // From start to start; a pass that outlasts its period is followed by one pass at once. One
-        // that threw is not repeated at once, whatever the type: it would throw without end.
+        // The period counts from start to start. A pass that is longer than the period is followed
+        // by the next at once, but a pass that threw is not: it might throw without end.
         const bool pause = periodic || !succeeded;
         if (pause ? !WaitUntil(begin + period_) : stopping_.load()) return;
     }
 }
 
 bool TaskRunner::RunPass() {
-    const Turn turn(*this);
-    if (!turn) return true;
+    const SharedGateLock gate(*this);
+    if (!gate) return true;
     monitor_.PassBegins(StallLimit());
     const std::string thrown = RunGuarded([&] { task_->Run(); });
     monitor_.PassEnds();
@@ -129,7 +129,7 @@ bool TaskRunner::RunPass() {
 }
 
 void TaskRunner::RunUnInit() {
-    access_->Close();  // cancel, which set the flag that brought us here, may not be that far yet
+    access_->Close();  // cancel sets its flag before it closes the access
     access_->WaitIdle();
     EndInterruption();
     bool ok = false;
@@ -152,7 +152,7 @@ void TaskRunner::SetInterruptible(bool interruptible) {
     if (interruptible && stopping_) interrupter_.Interrupt();
 }
 
-/// Read while the gate is held, as a policy callback may set the condition anew.
+/// Call with the gate held, since a policy callback may change the condition.
 std::chrono::seconds TaskRunner::StallLimit() const {
     const TaskCondition::Condition& condition = task_->condition_.GetTaskCondition();
     const bool in_force =
@@ -167,12 +167,12 @@ void TaskRunner::InterruptForStop() {
     changed_.notify_all();
 }
 
-void TaskRunner::Nudge() {
+void TaskRunner::Wake() {
     task_->waiter_.Wake();
 }
 
 void TaskRunner::InterruptForPolicy() {
-    Nudge();
+    Wake();
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!interruptible_) return;
     interrupter_.Interrupt();
@@ -187,7 +187,7 @@ void TaskRunner::EndInterruption() {
 }
 
 bool TaskRunner::ShouldYield() const {
-    return stopping_ || module_.Gate().IsWanted();
+    return stopping_ || module_.Gate().HasExclusiveWaiter();
 }
 
 void TaskRunner::ReportStall() {

@@ -20,39 +20,39 @@
 
 namespace Framework {
 
-/// One registration of one task: drives it on a thread of the pool from Init to UnInit, and ends
-/// it. Owned by TaskRegistry, and by the thread while it runs.
+/// Drives one registration of one task from Init to UnInit on a thread of the pool, and ends it.
+/// Owned by TaskRegistry, and by the thread while that runs.
 class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<TaskRunner> {
   public:
-    /// Takes over one reference of the task.
+    /// Takes ownership of one reference of the task.
     TaskRunner(Module& module, Poco::AutoPtr<Task> task);
 
-    /// Makes the task fit for this registration; its queue takes messages from here on.
+    /// Prepares the task for this registration; its queue accepts messages from here on.
     void Attach();
 
-    /// Starts the thread; false when the pool has none left.
+    /// Starts the thread; false when the pool is exhausted.
     bool Start(Poco::ThreadPool& pool);
 
-    /// Cancels and joins the task and empties its queue. Once only.
+    /// Cancels and joins the task and empties its queue. Call once.
     void Finish();
 
-    /// Releases the reference; the task may be gone after it. After Finish, when nobody else can
-    /// reach the runner any more.
+    /// Releases the reference; the task may be destroyed. Call after Finish, when nothing else can
+    /// reach the runner.
     void Release() { task_ = nullptr; }
 
     void run() override;
     void RunTask();  ///< the body of Task::runTask
 
-    // The two halves of Task::cancel, any thread.
+    // The two halves of Task::cancel. Thread-safe.
     void MarkStopping() { stopping_ = true; }
     void InterruptForStop();
 
-    // A waiting policy; any thread.
-    void Nudge();
+    // For a waiting policy. Thread-safe.
+    void Wake();
     void InterruptForPolicy();
     void EndInterruption();
 
-    /// True when the pass should come to an end: the task stops, or a policy waits.
+    /// True when the pass should end: the task is stopping, or a policy waits.
     bool ShouldYield() const;
 
     const std::string& Id() const { return id_; }
@@ -61,12 +61,12 @@ class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<Ta
     void ReportStall();
     TaskStatus Status() const;
 
-    /// The task, null after Release, and the way into it.
+    /// The task (null after Release), and a pin for it.
     Task* Target() { return task_.get(); }
-    TaskUse Use() const { return TaskUse(access_); }
+    TaskPin Pin() const { return TaskPin(access_); }
 
   private:
-    class Turn;
+    class SharedGateLock;
     using Clock = std::chrono::steady_clock;
 
     bool RunInit();
@@ -92,7 +92,7 @@ class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<Ta
     std::condition_variable changed_;
     bool started_ = false;
     bool ended_ = false;
-    bool interruptible_ = false;  ///< in Init or Run, so its commands may be interrupted
+    bool interruptible_ = false;  ///< in Init or Run: its commands may be interrupted
 };
 
 }  // namespace Framework

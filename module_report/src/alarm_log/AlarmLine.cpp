@@ -8,7 +8,7 @@
 namespace Engine {
 namespace {
 
-// JsonCpp lets raw control characters in strings pass, which other readers refuse.
+// JsonCpp accepts raw control characters in strings, which other readers refuse.
 bool HasControlCharacter(const std::string& text) {
     return std::any_of(text.begin(), text.end(),
                        [](char c) { return static_cast<unsigned char>(c) < 0x20; });

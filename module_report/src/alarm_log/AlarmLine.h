@@ -4,10 +4,9 @@
 
 namespace Engine {
 
-/// The line, with its end, under which an alarm stands in a file of one JSON object a line: `body`
-/// as it is when it is one JSON object in valid UTF-8 without a line break; the same object written
-/// anew when it is one otherwise; {"body": ...} around what is no object. Never throws on bad
-/// input.
+/// The line of an alarm, with its line end, for a file with one JSON object per line. A `body` that
+/// is one JSON object in valid UTF-8 without a line break is used unchanged; any other JSON object
+/// is written again; anything else becomes {"body": ...}. Never throws on bad input. Thread-safe.
 std::string AlarmLine(const std::string& body);
 
 }  // namespace Engine

@@ -1,5 +1,5 @@
-// Owns log/alarms.jsonl and its rotated files. Must not decide what an alarm is (ReportTask.cpp)
-// nor how its line looks (AlarmLine.cpp). Runs on the senders' threads, one at a time under mutex_.
+// Owns log/alarms.jsonl and its rotated files. Must not decide what an alarm is (ReportTask.cpp) or
+// how its line looks (AlarmLine.cpp). Runs on the senders' threads, one at a time under mutex_.
 
 #include "alarm_log/AlarmLog.h"
 
@@ -47,7 +47,7 @@ bool AlarmLog::AppendEnded(const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::string error;
     if (Write(line, error)) {
-        const std::uint64_t failures = pacer_.Recovered();
+        const std::uint64_t failures = throttle_.Recovered();
         if (failures > 0) {
             SDK_LOG(ReportLog(), PRIO_NOTICE, "%s is written again; %?u alarms are missing in it",
                     path_, failures);
@@ -55,9 +55,9 @@ bool AlarmLog::AppendEnded(const std::string& line) {
         return true;
     }
     ++failed_;
-    if (pacer_.Failed()) {
+    if (throttle_.Failed()) {
         SDK_LOG(ReportLog(), PRIO_ERROR, "cannot write %s: %s (%?u failures so far)", path_, error,
-                pacer_.Failures());
+                throttle_.Failures());
     }
     return false;
 }
@@ -134,8 +134,8 @@ void AlarmLog::Rotate() {
                     (path_ + "." + std::to_string(number + 1)).c_str());
     }
     if (std::rename(path_.c_str(), (path_ + ".1").c_str()) == 0) {
-        rotate_pacer_.Recovered();
-    } else if (rotate_pacer_.Failed()) {
+        rotate_throttle_.Recovered();
+    } else if (rotate_throttle_.Failed()) {
         SDK_LOG(ReportLog(), PRIO_WARNING, "cannot rotate %s: %s", path_, ErrnoText());
     }
 }

@@ -11,20 +11,20 @@
 
 namespace Engine {
 
-/// The file of alarms for log shippers, one JSON object a line; mode 0640. Any thread; owned by the
-/// module.
+/// The alarm file for log shippers, one JSON object per line; mode 0640. Owned by the module.
+/// Thread-safe.
 ///
-/// Rotated by size: alarms.jsonl.1 is the newest of the old files. Opened anew when somebody else
-/// removed or renamed it. Lines are whole: what a full disk or a crash cut short is taken back.
+/// Rotated by size: alarms.jsonl.1 is the newest old file. Opened again when another process
+/// removed or renamed it. Lines are complete: a part that a full disk or a crash left is removed.
 class AlarmLog {
   public:
-    /// `keep_files` old files are kept, at least one.
+    /// `keep_files`: number of old files, at least one.
     AlarmLog(std::string path, std::int64_t rotate_bytes, int keep_files);
 
-    /// Appends the alarm with one write(2), not synced. False when it is not written; counted, and
-    /// logged now and then.
+    /// Appends the alarm with one write(2), without a sync. False when that fails; failures are
+    /// counted and logged at most once a minute.
     bool Append(const std::string& body);
-    /// The same for a body that is fit for a line as it is.
+    /// The same for a body that is one valid line already.
     bool AppendLine(const std::string& body);
 
     std::uint64_t FailedLines();
@@ -45,8 +45,8 @@ class AlarmLog {
     SDK::FileDescriptor file_;
     FileIdentity identity_;
     std::int64_t size_ = 0;
-    ErrorThrottle pacer_;
-    ErrorThrottle rotate_pacer_;
+    ErrorThrottle throttle_;
+    ErrorThrottle rotate_throttle_;
     std::uint64_t failed_ = 0;
 };
 

@@ -1,5 +1,6 @@
 #include "store/DatabaseFiles.h"
 
+#include <sdk/text/StrUtils.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +20,7 @@ void RemoveAllButNewest(const std::string& prefix) {
     for (const fs::directory_entry& entry :
          fs::directory_iterator(fs::path(prefix).parent_path(), error)) {
         const std::string name = entry.path().string();
-        if (name.rfind(prefix, 0) == 0 && name.find("-wal") == std::string::npos) {
+        if (SDK::StrUtils::BeginsWith(name, prefix) && name.find("-wal") == std::string::npos) {
             found.push_back(name);
         }
     }

@@ -7,7 +7,7 @@
 
 namespace Engine {
 
-/// Which file lies at a path; for noticing that it was removed or replaced.
+/// The identity of the file at a path, to notice that it was removed or replaced.
 struct FileIdentity {
     dev_t device = 0;
     ino_t inode = 0;
@@ -16,12 +16,11 @@ struct FileIdentity {
     }
 };
 
-/// All zero when there is none.
+/// All zero when the file is missing.
 FileIdentity IdentifyFile(const std::string& path);
 
-/// Renames the database `path`, with the log that belongs to it, to `path` + ".corrupt-<time>", and
-/// removes all but the newest few of such files. The new name, or "" with errno when it cannot be
-/// renamed.
+/// Renames the database `path` and its write-ahead log to `path` + ".corrupt-<time>" and removes
+/// all but the newest few of such files. Returns the new name; "" (errno) when the rename fails.
 std::string SetDatabaseAside(const std::string& path, std::int64_t epoch_ms);
 
 }  // namespace Engine

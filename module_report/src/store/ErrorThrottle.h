@@ -6,11 +6,11 @@
 
 namespace Engine {
 
-/// Decides when a lasting fault is worth a log line: at once, then once a minute while it lasts,
-/// and once when it is over. Guarded by its owner's lock.
+/// Decides when to log a lasting fault: at once, once a minute while it lasts, and once at its end.
+/// Not thread-safe; its owner's lock guards it.
 class ErrorThrottle {
   public:
-    /// Notes a failure; true when it should be logged.
+    /// Counts a failure; true when it should be logged.
     bool Failed() {
         ++failures_;
         const std::int64_t now = SDK::TimeUtils::GetMonotonicMs();
@@ -19,7 +19,7 @@ class ErrorThrottle {
         return true;
     }
 
-    /// Notes a success; how many failures came before it.
+    /// Ends the series of failures and returns its length.
     std::uint64_t Recovered() {
         const std::uint64_t failures = failures_;
         failures_ = 0;

@@ -11,14 +11,14 @@ constexpr const char* kAlarmEvent = "2";  ///< the event of data reports that ar
 
 /// One report as the store keeps it. Strings are bytes: a body may hold anything.
 struct Report {
-    std::int64_t seq = 0;      ///< given by the store; rises, never used twice
-    std::int64_t time_ms = 0;  ///< since the epoch, given by the store
+    std::int64_t seq = 0;      ///< set by the store; increases, never reused
+    std::int64_t time_ms = 0;  ///< since the epoch, set by the store
     std::string kind;          ///< kCmdKind or kDataKind
     std::string name;          ///< message id (cmd) or event (data)
     std::string body;
-    std::string outcome;        ///< empty: nothing said
+    std::string outcome;        ///< empty: unknown
     double duration_ms = -1;    ///< negative: unknown
-    bool is_json_line = false;  ///< the sender vouches for the body's form; not stored
+    bool is_json_line = false;  ///< the sender guarantees the form of the body; not stored
 };
 
 /// Which reports to read.
@@ -29,7 +29,7 @@ struct ReportFilter {
     std::int64_t after = 0;     ///< only reports with a greater sequence number
     std::int64_t since_ms = 0;  ///< only reports of that time or later; 0: any
     std::int64_t limit = 100;
-    bool newest = false;  ///< when the limit cuts, keep the newest instead of the oldest
+    bool newest = false;  ///< beyond the limit keep the newest instead of the oldest
 };
 
 }  // namespace Engine

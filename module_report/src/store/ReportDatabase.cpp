@@ -1,6 +1,6 @@
 // Owns one connection to the report database, its schema and its statements. Must not decide when
-// to prune, reopen or set a file aside: the store does (ReportStore.cpp). Runs on whatever thread
-// holds the store's lock. Every change is one statement and so one transaction of its own.
+// to prune, reopen or set a file aside (ReportStore.cpp does). Runs on the thread that holds the
+// store's lock. Each change is one statement and thus one transaction.
 
 #include "store/ReportDatabase.h"
 
@@ -13,11 +13,11 @@
 namespace Engine {
 namespace {
 
-constexpr int kBusyTimeoutMs = 250;  // a sender waits no longer than this for a foreign lock
+constexpr int kBusyTimeoutMs = 250;  // upper bound of a sender's wait for another process
 
-// Command reports are few among alarms: their index finds them and costs an alarm nothing.
-// Incremental vacuum can only be chosen before the first table is made. Checkpoints are the store's
-// business; this limit only holds when it does not get to it.
+// Command reports are rare: their index finds them and costs an alarm nothing. Incremental vacuum
+// can only be chosen before the first table exists. The store does checkpoints; this limit only
+// holds when it cannot.
 constexpr const char* kSetUp =
     "PRAGMA auto_vacuum=INCREMENTAL;"
     "PRAGMA journal_mode=WAL;"
@@ -37,7 +37,7 @@ constexpr const char* kSetUp =
 constexpr const char* kLastSeq =
     "SELECT coalesce((SELECT seq FROM sqlite_sequence WHERE name='reports'),0)";
 
-// SQLite makes its other files with the mode of the database file.
+// SQLite creates its other files with the mode of the database file.
 void CreatePrivateFile(const std::string& path) {
     const SDK::FileDescriptor file(
         ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
@@ -60,8 +60,8 @@ const char* KindCondition(ReportFilter::Kind kind) {
 std::string ReadSql(const ReportFilter& filter) {
     std::string sql = "SELECT seq,time_ms,kind,name,body,outcome,duration_ms FROM reports";
     if (filter.since_ms > 0) {
-        // Times follow sequence numbers but for clock changes; the first number of that time keeps
-        // the scan off what is older. The signs bind the planner to that.
+        // Times increase with sequence numbers except after clock changes. The first number of that
+        // time limits the scan to newer rows. The plus signs force the planner to do so.
         sql +=
             " WHERE +time_ms>=?2 AND seq>max(?1,(SELECT coalesce(min(+seq)-1,?1) FROM reports"
             " INDEXED BY reports_by_time WHERE time_ms>=?2))";
@@ -278,7 +278,7 @@ ReportDatabase::Fault ReportDatabase::FaultKind() const {
         case SQLITE_CORRUPT:
         case SQLITE_NOTADB:
             return Fault::kDamaged;
-        case SQLITE_ERROR:  // while opening: tables of another shape
+        case SQLITE_ERROR:  // while opening: tables with other columns
             return opened_ ? Fault::kConnection : Fault::kDamaged;
         default:
             return Fault::kConnection;

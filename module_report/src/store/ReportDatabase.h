@@ -10,38 +10,38 @@
 
 namespace Engine {
 
-/// How far an exporter has come.
+/// How far an exporter has acknowledged.
 struct ExporterState {
     std::string name;
     std::int64_t acked_seq = 0;
 };
 
-/// What one pruning step took away.
+/// The result of one pruning step.
 struct Pruned {
     std::int64_t rows = 0;
-    std::int64_t unacknowledged = 0;  ///< of them, those that some exporter had not acknowledged
+    std::int64_t unacknowledged = 0;  ///< those of them that some exporter had not acknowledged
 };
 
-/// The report database: its schema and its statements, one connection. The store owns it and lets
-/// one thread in at a time. Operations give false on failure; Error and Fault then tell what it
-/// was, and nothing has been changed.
+/// The report database: its schema and statements, on one connection. Owned by the store, whose
+/// lock guards it; not thread-safe. Operations return false on failure and change nothing then;
+/// Error and FaultKind describe the failure.
 class ReportDatabase {
   public:
     enum class Fault {
-        kTransient,   ///< locked by another process or the disk is full; may work again as it is
-        kConnection,  ///< worth opening anew: I/O error, read-only, cannot be opened
-        kDamaged,     ///< the file is no report database, or a damaged one
+        kTransient,   ///< locked by another process, or the disk is full; may work again
+        kConnection,  ///< may work after opening again: I/O error, read-only, cannot be opened
+        kDamaged,     ///< the file is damaged or not a report database
     };
 
-    /// Opens `path`, makes file (mode 0600) and tables where missing. A file that a killed process
-    /// left behind is recovered by this.
+    /// Opens `path`; creates the file (mode 0600) and tables when missing. Recovers a file that a
+    /// killed process left behind.
     bool Open(const std::string& path);
 
-    /// Stores `report` for good as far as this process's end is concerned, and sets its seq.
+    /// Stores `report`, which then survives the end of this process, and sets its seq.
     bool Insert(Report& report);
 
-    /// Ascending by sequence number; stops early when the bodies reach `max_bytes`. `complete`:
-    /// neither limit nor max_bytes cut off newer reports.
+    /// Reads in ascending order; stops when the bodies reach `max_bytes`. `complete`: neither limit
+    /// nor max_bytes cut off newer reports.
     bool Read(const ReportFilter& filter, std::size_t max_bytes, std::vector<Report>& reports,
               bool& complete);
 
@@ -51,20 +51,20 @@ class ReportDatabase {
     /// Removes the `max_rows` oldest reports.
     bool PruneOldest(int max_rows, Pruned& pruned);
 
-    /// Gives at most `pages` unused pages back to the file system.
+    /// Returns at most `pages` unused pages to the file system.
     bool ReleasePages(int pages);
 
     /// Sets how far an exporter has acknowledged.
     bool SetAcknowledged(const std::string& exporter, std::int64_t seq);
     bool ReadExporters(std::vector<ExporterState>& exporters);
 
-    /// Lets the next sequence number be greater than `seq`.
+    /// Makes the next sequence number greater than `seq`.
     bool ContinueAfter(std::int64_t seq);
 
     bool LastSeq(std::int64_t& seq);
     bool CountRows(std::int64_t& rows);
 
-    /// Bytes of the file, and of them those in use.
+    /// Size of the file in bytes, and the part in use.
     bool Sizes(std::int64_t& file_bytes, std::int64_t& used_bytes);
 
     Fault FaultKind() const;

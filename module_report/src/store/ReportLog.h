@@ -7,7 +7,7 @@ namespace Engine {
 
 constexpr const char* kReportModuleName = "report_module";
 
-/// The module's logger. Any thread.
+/// The module's logger. Thread-safe.
 inline Poco::Logger* ReportLog() {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger(kReportModuleName, 0);
 }

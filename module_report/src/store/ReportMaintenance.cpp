@@ -1,5 +1,5 @@
-// Keeps the report store within its bounds, in steps that hold up a sender for a few milliseconds
-// at most. Must not open or close the database (ReportStore.cpp). Runs on the report tasks'
+// Keeps the report store within its limits, in steps that block a sender for a few milliseconds at
+// most. Must not open or close the database (ReportStore.cpp does). Runs on the report tasks'
 // threads.
 
 #include <sdk/log/Log.h>
@@ -17,7 +17,7 @@ constexpr int kMaxSteps = 256;
 constexpr int kPagesPerRelease = 1024;
 constexpr int kCheckpointBusyMs = 50;
 
-// As many of the oldest reports as it takes, going by their average size.
+// The number of oldest reports to remove, by their average size.
 int RowsToPrune(std::int64_t used_bytes, std::int64_t max_bytes, std::int64_t rows) {
     const std::int64_t average = std::max<std::int64_t>(used_bytes / rows, 1);
     const std::int64_t wanted = (used_bytes - max_bytes) / average + 1;
@@ -55,7 +55,7 @@ bool ReportStore::PruneStep() {
         if (used_bytes <= settings_.MaxBytes() || rows_ <= 0) return true;
         return database.PruneOldest(RowsToPrune(used_bytes, settings_.MaxBytes(), rows_), pruned);
     };
-    if (!Attempt(other_pacer_, "prune reports", prune)) return false;
+    if (!Attempt(other_throttle_, "prune reports", prune)) return false;
     rows_ -= pruned.rows;
     lost_ += static_cast<std::uint64_t>(pruned.unacknowledged);
     return pruned.rows > 0;
@@ -63,7 +63,7 @@ bool ReportStore::PruneStep() {
 
 void ReportStore::ReleaseSpace() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    Attempt(other_pacer_, "release space", [&](ReportDatabase& database) {
+    Attempt(other_throttle_, "release space", [&](ReportDatabase& database) {
         std::int64_t file_bytes = 0;
         std::int64_t used_bytes = 0;
         if (!database.Sizes(file_bytes, used_bytes)) return false;
@@ -74,14 +74,14 @@ void ReportStore::ReleaseSpace() {
 void ReportStore::Checkpoint() {
     const std::lock_guard<std::mutex> lock(checkpoint_mutex_);
     if (!checkpointer_.IsOpen()) {
-        // The first read tells the connection that there is a write-ahead log.
+        // The first read makes the connection notice the write-ahead log.
         if (checkpointer_.Open(path_, kCheckpointBusyMs) != SQLITE_OK ||
             checkpointer_.Execute("SELECT 1 FROM sqlite_schema LIMIT 1") != SQLITE_OK) {
             checkpointer_.Close();
             return;
         }
     }
-    // A failure shows up where reports are stored, and the log file keeps them until then.
+    // A failure also shows when reports are stored; the log file keeps them until then.
     sqlite3_wal_checkpoint_v2(checkpointer_.Handle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
                               nullptr);
 }

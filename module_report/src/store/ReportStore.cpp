@@ -1,6 +1,6 @@
-// Owns the report database's life: opening, failing, setting aside, and who may use it when. Must
-// not know SQL (ReportDatabase.cpp) nor keep the bounds (ReportMaintenance.cpp). Runs on the
-// senders' and readers' threads, one at a time under mutex_; no callback runs with it held.
+// Owns the report database: opening, failures, setting aside, and its lock. Must not know SQL
+// (ReportDatabase.cpp) or keep the limits (ReportMaintenance.cpp). Runs on the senders' and
+// readers' threads, one at a time under mutex_; no callback runs with it held.
 
 #include "store/ReportStore.h"
 
@@ -16,7 +16,7 @@
 namespace Engine {
 namespace {
 
-constexpr int kAttempts = 2;  // the second on a fresh file, when a damaged one was set aside
+constexpr int kAttempts = 2;  // the second with a new file, after a damaged one was set aside
 constexpr std::size_t kMaxPageBytes = 8 * 1024 * 1024;
 
 }  // namespace
@@ -26,14 +26,14 @@ ReportStore::ReportStore(std::string path, const ReportSettings& settings, Clock
 
 void ReportStore::Open() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    Attempt(other_pacer_, "open the report store", [](ReportDatabase&) { return true; });
+    Attempt(other_throttle_, "open the report store", [](ReportDatabase&) { return true; });
 }
 
 bool ReportStore::Store(Report& report) {
     report.time_ms = clock_();
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto insert = [&report](ReportDatabase& database) { return database.Insert(report); };
-    if (!Attempt(store_pacer_, "store a report", insert)) {
+    if (!Attempt(store_throttle_, "store a report", insert)) {
         ++failed_;
         return false;
     }
@@ -51,7 +51,7 @@ bool ReportStore::Read(const ReportFilter& filter, std::chrono::milliseconds wai
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         const auto read = [&](ReportDatabase& database) { return ReadPage(database, rest, page); };
-        if (!Attempt(other_pacer_, "read reports", read)) return false;
+        if (!Attempt(other_throttle_, "read reports", read)) return false;
         if (!page.reports.empty()) return true;
         const auto worth_reading = [&] { return stopping_ || last_seq_ != page.last_seq; };
         if (!changed_.wait_until(lock, end, worth_reading) || stopping_) return true;
@@ -70,7 +70,7 @@ bool ReportStore::ReadPage(ReportDatabase& database, const ReportFilter& filter,
 
 bool ReportStore::Acknowledge(const std::string& exporter, std::int64_t seq) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return Attempt(other_pacer_, "acknowledge reports", [&](ReportDatabase& database) {
+    return Attempt(other_throttle_, "acknowledge reports", [&](ReportDatabase& database) {
         std::vector<ExporterState> exporters;
         if (!database.ReadExporters(exporters)) return false;
         const std::int64_t target = std::clamp<std::int64_t>(seq, 0, last_seq_);
@@ -85,7 +85,7 @@ bool ReportStore::AckedSeq(const std::string& exporter, std::int64_t& seq) {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<ExporterState> exporters;
     const auto read = [&](ReportDatabase& database) { return database.ReadExporters(exporters); };
-    if (!Attempt(other_pacer_, "read acknowledgements", read)) return false;
+    if (!Attempt(other_throttle_, "read acknowledgements", read)) return false;
     seq = 0;
     for (const ExporterState& state : exporters) {
         if (state.name == exporter) seq = state.acked_seq;
@@ -97,10 +97,10 @@ StoreStatus ReportStore::Status() {
     const std::lock_guard<std::mutex> lock(mutex_);
     StoreStatus status;
     std::int64_t used = 0;
-    Attempt(other_pacer_, "read the state of the report store", [&](ReportDatabase& database) {
+    Attempt(other_throttle_, "read the state of the report store", [&](ReportDatabase& database) {
         return database.Sizes(status.bytes, used) && database.ReadExporters(status.exporters);
     });
-    status.working = store_pacer_.Failures() == 0 && other_pacer_.Failures() == 0;
+    status.working = store_throttle_.Failures() == 0 && other_throttle_.Failures() == 0;
     if (!status.working) status.error = error_;
     status.stored = rows_;
     status.last_seq = last_seq_;
@@ -117,11 +117,11 @@ void ReportStore::StopWaiting() {
     changed_.notify_all();
 }
 
-bool ReportStore::Attempt(ErrorThrottle& pacer, const char* what, const Operation& operation) {
+bool ReportStore::Attempt(ErrorThrottle& throttle, const char* what, const Operation& operation) {
     for (int attempt = 1;; ++attempt) {
         const bool was_open = database_ != nullptr;
         if ((was_open || OpenDatabase()) && operation(*database_)) {
-            const std::uint64_t failures = pacer.Recovered();
+            const std::uint64_t failures = throttle.Recovered();
             if (failures > 0) {
                 SDK_LOG(ReportLog(), PRIO_NOTICE, "can %s again after %?u failures",
                         std::string(what), failures);
@@ -133,7 +133,7 @@ bool ReportStore::Attempt(ErrorThrottle& pacer, const char* what, const Operatio
         if (!was_open || fault != ReportDatabase::Fault::kTransient) CloseDatabase();
         const bool damaged = fault == ReportDatabase::Fault::kDamaged;
         if (damaged && attempt < kAttempts && SetAside(error)) continue;
-        NoteFailure(pacer, what, error);
+        RecordFailure(throttle, what, error);
         return false;
     }
 }
@@ -160,8 +160,8 @@ bool ReportStore::SetAside(const std::string& error) {
     const std::string aside = SetDatabaseAside(path_, now);
     if (aside.empty()) return false;
     ++set_aside_;
-    // Readers remember sequence numbers, so they must not begin again; when the last one is not
-    // known, the time in milliseconds is beyond it.
+    // Readers remember sequence numbers, so numbers must not start again. When the last one is
+    // unknown, the time in milliseconds is greater.
     if (last_seq_ == 0) last_seq_ = now;
     SDK_LOG(ReportLog(), PRIO_ERROR,
             "the report store %s is damaged (%s); it is kept as %s and a new one is begun", path_,
@@ -169,11 +169,12 @@ bool ReportStore::SetAside(const std::string& error) {
     return true;
 }
 
-void ReportStore::NoteFailure(ErrorThrottle& pacer, const char* what, const std::string& error) {
+void ReportStore::RecordFailure(ErrorThrottle& throttle, const char* what,
+                                const std::string& error) {
     error_ = error;
-    if (!pacer.Failed()) return;
+    if (!throttle.Failed()) return;
     SDK_LOG(ReportLog(), PRIO_ERROR, "cannot %s in %s: %s (%?u failures so far)", std::string(what),
-            path_, error, pacer.Failures());
+            path_, error, throttle.Failures());
 }
 
 }  // namespace Engine

@@ -38,7 +38,7 @@ void SqliteRun::BindText(int index, std::string_view text) {
 }
 
 void SqliteRun::BindBlob(int index, std::string_view bytes) {
-    // A null pointer would be bound as NULL; an empty body is an empty blob.
+    // A null pointer would be bound as NULL; an empty body must be an empty blob.
     const char* data = bytes.data() != nullptr ? bytes.data() : "";
     sqlite3_bind_blob64(statement_, index, data, bytes.size(), SQLITE_STATIC);
 }

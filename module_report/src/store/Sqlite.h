@@ -14,28 +14,28 @@ struct SqliteCloser {
     void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 };
 
-/// One connection to a database file. One thread at a time; the owner locks.
+/// One connection to a database file. Not thread-safe; the owner locks.
 class SqliteConnection {
   public:
-    /// Opens a file that exists; an empty one is an empty database. An SQLite result code. Waits at
-    /// most `busy_timeout_ms` for a lock, here and later.
+    /// Opens an existing file; an empty one is an empty database. Returns an SQLite result code.
+    /// Blocks at most `busy_timeout_ms` for a lock, here and later.
     int Open(const std::string& path, int busy_timeout_ms);
     void Close() { handle_.reset(); }
     bool IsOpen() const { return handle_ != nullptr; }
 
-    /// Runs statements without parameters or results of interest.
+    /// Runs statements without parameters or results. Returns an SQLite result code.
     int Execute(const char* sql);
 
     sqlite3* Handle() const { return handle_.get(); }
 
-    /// In words, what was wrong with the last call.
+    /// The text of the last error.
     std::string Error() const;
 
   private:
     std::unique_ptr<sqlite3, SqliteCloser> handle_;
 };
 
-/// A prepared statement, kept as long as its connection.
+/// A prepared statement; must not outlive its connection.
 class SqliteStatement {
   public:
     int Prepare(const SqliteConnection& connection, const std::string& sql);
@@ -45,7 +45,7 @@ class SqliteStatement {
     std::unique_ptr<sqlite3_stmt, SqliteCloser> statement_;
 };
 
-/// One run of a prepared statement; resets it when it goes. Bound bytes must outlive the run.
+/// One run of a prepared statement; the destructor resets it. Bound bytes must outlive the run.
 class SqliteRun {
   public:
     explicit SqliteRun(SqliteStatement& statement) : statement_(statement.statement_.get()) {}

@@ -11,7 +11,7 @@
 #include <sdk/commands/RunningCommand.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
-#include <sdk/time/CommandIdleLimit.h>
+#include <sdk/time/CommandLimit.h>
 #include <sys/stat.h>
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 
 #include <sdk/commands/ExecuteCmdUtils.h>
 #include <sdk/log/Log.h>
-#include <sdk/time/CommandTimeLimit.h>
+#include <sdk/time/CommandLimit.h>
 
 #include "base/ModuleLogger.h"
 

@@ -32,8 +32,8 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     return pointers;
 }
 
-/// Copies of `descriptors` that lie above the places that they will have in the child, so that
-/// putting one into its place does not close another; fewer (errno) when one cannot be copied.
+/// Duplicates of `descriptors` above the numbers that they get in the child, so that no dup2 closes
+/// another one. Fewer (errno) when one cannot be duplicated.
 std::vector<FileDescriptor> CopiesAbove(const std::vector<FileDescriptor>& descriptors) {
     const int end = kFirstInherited + static_cast<int>(descriptors.size());
     std::vector<FileDescriptor> copies;
@@ -45,7 +45,7 @@ std::vector<FileDescriptor> CopiesAbove(const std::vector<FileDescriptor>& descr
     return copies;
 }
 
-/// 0 is no limit; one that is lower already stays.
+/// 0 means no limit; a lower existing limit stays.
 bool SetLimit(pid_t process, __rlimit_resource resource, std::uint64_t value) {
     if (value == 0) return true;
     rlimit limit{};
@@ -55,7 +55,7 @@ bool SetLimit(pid_t process, __rlimit_resource resource, std::uint64_t value) {
     return ::prlimit(process, resource, &limit, nullptr) == 0;
 }
 
-/// In bytes; 0 when it has ended.
+/// In bytes; 0 when the process has ended.
 std::uint64_t AddressSpaceOf(pid_t process) {
     std::string pages;
     FileUtils::ReadFile("/proc/" + std::to_string(process) + "/statm", pages, kStatmSize);
@@ -63,13 +63,13 @@ std::uint64_t AddressSpaceOf(pid_t process) {
            static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
 }
 
-/// What posix_spawn does in the child between its start and the program.
+/// The steps of posix_spawn in the child before the program starts.
 class SpawnPlan {
   public:
     SpawnPlan(int output, const std::vector<FileDescriptor>& inherited) {
         posix_spawn_file_actions_init(&actions_);
         posix_spawnattr_init(&attributes_);
-        // Input last: when the agent runs without its standard descriptors, `output` may be 0.
+        // Standard input comes last: without the agent's standard descriptors `output` may be 0.
         Note(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
         Note(posix_spawn_file_actions_adddup2(&actions_, output, STDERR_FILENO));
         Note(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
@@ -84,7 +84,7 @@ class SpawnPlan {
         sigfillset(&all);
         Note(posix_spawnattr_setsigmask(&attributes_, &none));
         Note(posix_spawnattr_setsigdefault(&attributes_, &all));
-        // The leader of a session leads a group of the same number.
+        // A session leader also leads a process group of the same number.
         Note(posix_spawnattr_setflags(
             &attributes_, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
     }
@@ -97,9 +97,9 @@ class SpawnPlan {
 
     int Run(pid_t& pid, char* const* arguments, char* const* environment) {
         if (error_ != 0) return error_;
-        // Until its program runs a child has all our descriptors, also that of a program that
-        // another thread is just writing and is about to start: that would fail with ETXTBSY. One
-        // at a time, as the call returns when the program runs.
+        // One start at a time: until its program runs, a child has all descriptors of the agent,
+        // also one that another thread writes a program through, whose start would then fail with
+        // ETXTBSY. The call returns when the program runs.
         static std::mutex one_at_a_time;
         const std::lock_guard<std::mutex> lock(one_at_a_time);
         return ::posix_spawn(&pid, arguments[0], &actions_, &attributes_, arguments, environment);
@@ -147,8 +147,8 @@ bool ChildProcess::Start(const std::vector<std::string>& arguments,
     return true;
 }
 
-// posix_spawn sets no limits, so the program may run for a moment without them. What it took in
-// that moment is looked at when nothing can be added any more.
+// posix_spawn sets no limits, so the program may run for a moment without them. Its memory is
+// checked once it cannot grow further.
 bool ChildProcess::Limit(const CommandLimits& limits) const {
     if (!SetLimit(pid_, RLIMIT_CPU, limits.cpu_seconds)) return false;
     if (limits.address_space_bytes == 0) return true;

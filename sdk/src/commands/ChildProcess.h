@@ -10,9 +10,8 @@
 
 namespace SDK {
 
-/// One external command: its process, the session and group that it leads, and the pipe with its
-/// output. Killed with its group and reaped with the object when it has not been reaped before. One
-/// thread.
+/// One external command: its process, session and process group, and the pipe with its output. The
+/// destructor kills the group and reaps the process unless Reap was called. Not thread-safe.
 class ChildProcess {
   public:
     ChildProcess() = default;
@@ -20,29 +19,29 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    /// Starts `arguments[0]` with exactly this environment and, as its descriptors 3, 4, ..., with
-    /// `inherited`, which stay the caller's. False (errno) when it cannot be.
+    /// Starts `arguments[0]` with exactly this environment and with duplicates of `inherited` as
+    /// its descriptors 3, 4, ... False (errno) when it cannot start.
     bool Start(const std::vector<std::string>& arguments,
                const std::vector<std::string>& environment,
                const std::vector<FileDescriptor>& inherited);
 
-    /// Holds the process to `limits` from now on, also to what it has taken since its start. False
-    /// (errno) when that cannot be done or it has taken too much: it is then to be killed.
+    /// Limits the process from now on, and checks what it has used since its start. False (errno)
+    /// when that fails or it has used too much: the caller must kill it.
     bool Limit(const CommandLimits& limits) const;
 
-    /// Readable once the process has ended; -1 when the kernel had no descriptor for it.
+    /// Readable once the process has ended; -1 when the kernel gave no descriptor.
     int EndDescriptor() const { return end_.Get(); }
 
-    /// Output and errors of the process and what it starts; does not block.
+    /// Standard output and error of the process and its children; does not block.
     int OutputDescriptor() const { return output_.Get(); }
 
-    /// The number of the process and its group; it may be another's after Reap.
+    /// The id of the process and its group; another process may get it after Reap.
     pid_t Group() const { return pid_; }
 
-    /// Kills the whole group; only before Reap, as the number is the process's own until then.
+    /// Kills the whole group. Only before Reap: until then the id belongs to this process.
     void Kill();
 
-    /// Waits for the end; the status as waitpid(2) gives it, or -1.
+    /// Blocks until the process ends; its status as of waitpid(2), or -1.
     int Reap();
 
   private:

@@ -1,5 +1,5 @@
-// Owns: the search path of commands and the variables of single programs. Whether a line needs a
-// shell is CommandLine's to say. Any thread, under a lock.
+// Owns the search path of commands and the variables of single programs. CommandLine decides
+// whether a line needs a shell. Thread-safe by a lock.
 #include "commands/CommandEnvironment.h"
 
 #include <algorithm>
@@ -9,6 +9,7 @@
 
 #include "sdk/commands/CommandLine.h"
 #include "sdk/files/PathUtils.h"
+#include "sdk/text/StrUtils.h"
 
 namespace SDK {
 
@@ -31,10 +32,10 @@ bool IsPlainWord(const std::string& text) {
     return SplitPlainCommand("/ " + text) == std::vector<std::string>{"/", text};
 }
 
-/// True when one of them begins with `name`, which ends in "=".
+/// True when a variable begins with `name`, which ends in "=".
 bool Sets(const std::vector<std::string>& variables, const std::string& name) {
     return std::any_of(variables.begin(), variables.end(), [&](const std::string& variable) {
-        return variable.compare(0, name.size(), name) == 0;
+        return StrUtils::BeginsWith(variable, name);
     });
 }
 

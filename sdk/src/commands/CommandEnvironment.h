@@ -5,10 +5,10 @@
 
 namespace SDK {
 
-/// What commands get for an environment: built, never inherited. Process-wide; any thread.
+/// The environment of commands: built, never inherited. Process-wide; thread-safe.
 class CommandEnvironment {
   public:
-    /// As ExecuteCmdUtils tells.
+    /// See ExecuteCmdUtils.
     static void SetSearchPath(const std::string& path);
     static void SetProgramVariables(const std::string& program,
                                     const std::vector<std::string>& variables);
@@ -16,8 +16,8 @@ class CommandEnvironment {
     /// The whole environment of `program`.
     static std::vector<std::string> Of(const std::string& program);
 
-    /// The command line for a shell: with assignments before its first program, the variables reach
-    /// that one alone, and neither the shell nor what else the line runs.
+    /// The command line for a shell. Assignments before its first program give the variables to
+    /// that program only, not to the shell or the rest of the line.
     static std::string ShellLine(const std::string& command);
 };
 

@@ -1,5 +1,5 @@
-// Owns which program has which handler. It must not run anything (RunningCommand does). Any thread:
-// the lock is held while a handler is looked up, never while one works.
+// Owns the handlers of programs. Must not run commands (RunningCommand does). Thread-safe: the lock
+// is held for the lookup of a handler, never while one works.
 #include "commands/CommandHandlers.h"
 
 #include <exception>
@@ -34,7 +34,7 @@ void CommandHandlers::Set(const std::string& program, CommandHandler handler) {
     std::shared_ptr<const CommandHandler> kept;
     if (handler) kept = std::make_shared<const CommandHandler>(std::move(handler));
     const std::lock_guard<std::mutex> lock(mutex);
-    // The one before is let go of after the lock, with what it may hold.
+    // Destroys the previous handler after the lock is released.
     if (kept == nullptr) {
         auto previous = handlers.extract(program);
         if (!previous.empty()) kept = std::move(previous.mapped());

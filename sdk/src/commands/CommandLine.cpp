@@ -22,11 +22,11 @@ bool IsPlainInQuotes(char letter) {
     return letter != '\0' && std::strchr("$`\\\"", letter) == nullptr;
 }
 
-/// Reads the word at `place` and leaves `place` behind it; false when it needs a shell.
-bool TakeWord(const std::string& command, std::size_t& place, std::string& word) {
+/// Reads the word at `position` and moves `position` behind it; false when the word needs a shell.
+bool ReadWord(const std::string& command, std::size_t& position, std::string& word) {
     bool quoted = false;
-    for (; place < command.size(); ++place) {
-        const char letter = command[place];
+    for (; position < command.size(); ++position) {
+        const char letter = command[position];
         if (letter == '"') {
             quoted = !quoted;
         } else if (quoted ? IsPlainInQuotes(letter) : IsPlain(letter)) {
@@ -35,7 +35,7 @@ bool TakeWord(const std::string& command, std::size_t& place, std::string& word)
             break;
         }
     }
-    return !quoted && (place == command.size() || IsBlank(command[place]));
+    return !quoted && (position == command.size() || IsBlank(command[position]));
 }
 
 /// "name=value" before the program would be an assignment.
@@ -47,14 +47,14 @@ bool IsProgram(const std::string& word) {
 
 std::vector<std::string> SplitPlainCommand(const std::string& command) {
     std::vector<std::string> words;
-    std::size_t place = 0;
-    while (place < command.size()) {
-        if (IsBlank(command[place])) {
-            ++place;
+    std::size_t position = 0;
+    while (position < command.size()) {
+        if (IsBlank(command[position])) {
+            ++position;
             continue;
         }
         std::string word;
-        if (!TakeWord(command, place, word)) return {};
+        if (!ReadWord(command, position, word)) return {};
         words.push_back(std::move(word));
     }
     if (words.empty() || !IsProgram(words.front())) return {};

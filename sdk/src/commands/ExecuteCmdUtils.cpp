@@ -1,5 +1,5 @@
-// Runs commands and waits for them on the caller's thread. Keeps nothing: the command is
-// RunningCommand's, its environment CommandEnvironment's, its handler CommandHandlers'.
+// Runs commands on the caller's thread. Owns nothing: RunningCommand owns the command,
+// CommandEnvironment its environment, CommandHandlers its handler.
 #include "sdk/commands/ExecuteCmdUtils.h"
 
 #include <algorithm>

@@ -8,35 +8,36 @@
 
 namespace SDK {
 
-/// Looks from time to time whether a command's processes still do anything. One thread.
+/// Checks periodically whether a command's processes are idle. Not thread-safe.
 class ProcessGroupIdleMonitor {
   public:
-    /// Watches the process group `group`, whose number must stay its own, by the calling thread's
-    /// CommandIdleLimit; without one it never does anything.
+    /// Monitors the process group `group`, which must not be reaped meanwhile, by the calling
+    /// thread's CommandIdleLimit; without a limit it does nothing.
     explicit ProcessGroupIdleMonitor(pid_t group);
 
-    /// Milliseconds to the next call of Look, or `other` when that is sooner; -1 is any time.
-    int Until(int other) const;
+    /// Milliseconds until the next call of Check, or `other` when that is sooner; -1 means no
+    /// limit.
+    int PollTimeout(int other) const;
 
-    /// Looks when it is time, and asks a group that has done nothing since the last look to end
-    /// (SIGTERM). False: it was asked a second ago and is still there.
-    bool Look();
+    /// Checks when it is due, and sends SIGTERM to a group that was idle since the last check.
+    /// False when a group that got SIGTERM a second ago still runs.
+    bool Check();
 
-    bool HasAsked() const { return has_asked_; }
+    bool HasTerminated() const { return has_terminated_; }
 
   private:
     using Clock = std::chrono::steady_clock;
-    /// How often each thread of a process gave up its processor; by its number.
+    /// Voluntary context switches of each thread, by its id.
     using Activity = std::map<pid_t, std::uint64_t>;
 
-    /// Empty when a process does something at this moment, or when nothing can be told.
+    /// Empty when a process is active at this moment, or the state is unknown.
     Activity Observe() const;
 
     const pid_t group_;
     const std::chrono::milliseconds period_;
-    Clock::time_point next_look_;
+    Clock::time_point next_check_;
     Activity last_;
-    bool has_asked_ = false;
+    bool has_terminated_ = false;
 };
 
 }  // namespace SDK

@@ -14,7 +14,7 @@ namespace {
 
 constexpr long kStatSize = 4096;
 
-/// The state letter of /proc/PID/stat, which follows the command name; that may hold any byte.
+/// The state letter of /proc/PID/stat. It follows the command name, which may hold any byte.
 char ProcessState(unsigned int pid) {
     std::string stat;
     if (FileUtils::ReadFile("/proc/" + std::to_string(pid) + "/stat", stat, kStatSize) != 0) {
@@ -27,7 +27,7 @@ char ProcessState(unsigned int pid) {
 }  // namespace
 
 bool ProcessUtils::IsProcessAlive(unsigned int pid) {
-    // kill(2) takes 0 and negative numbers for groups.
+    // kill(2) treats 0 and negative numbers as process groups.
     if (pid == 0 || pid > INT_MAX) return false;
     if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM) return false;
     const char state = ProcessState(pid);

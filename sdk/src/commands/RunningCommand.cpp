@@ -1,6 +1,5 @@
-// Owns one started command, or what a handler did in its place, and the reading of its output. Not
-// what it is run with: its environment is CommandEnvironment's, its handler CommandHandlers', the
-// process itself ChildProcess's. One thread.
+// Owns one started command, or the answer of its handler, and reads its output. ChildProcess owns
+// the process, CommandEnvironment the environment, CommandHandlers the handler. Runs on one thread.
 #include "sdk/commands/RunningCommand.h"
 
 #include <poll.h>
@@ -21,7 +20,7 @@
 #include "sdk/commands/CommandLine.h"
 #include "sdk/commands/ExecuteCmdUtils.h"
 #include "sdk/time/CommandInterrupter.h"
-#include "sdk/time/CommandTimeLimit.h"
+#include "sdk/time/CommandLimit.h"
 #include "sdk/time/TimeUtils.h"
 
 namespace SDK {
@@ -30,17 +29,17 @@ namespace {
 
 constexpr const char* kShell = "/bin/sh";
 
-/// Keeps the beginning of a command's output and throws the rest away.
+/// Keeps the beginning of a command's output and discards the rest.
 class OutputCollector {
   public:
     OutputCollector(int fd, std::string& output, std::size_t max_output)
         : fd_(fd), output_(output), max_output_(max_output) {}
 
-    /// -1 once all writers have closed.
+    /// -1 after all writers have closed the pipe.
     int Descriptor() const { return fd_; }
 
-    /// Takes what one read gives; its size, 0 when there is nothing (any more).
-    std::size_t Take() {
+    /// Appends the data of one read and returns its size; 0 when there is none.
+    std::size_t Append() {
         std::array<char, 64 * 1024> buffer{};
         const ssize_t got = ::read(fd_, buffer.data(), buffer.size());
         if (got < 0 && (errno == EAGAIN || errno == EINTR)) return 0;
@@ -53,12 +52,12 @@ class OutputCollector {
         return static_cast<std::size_t>(got);
     }
 
-    /// Takes what lies in the pipe now, and not what a process left behind goes on writing.
-    void TakeRest() {
+    /// Appends the data that is in the pipe now, but not what a process left behind writes later.
+    void AppendRest() {
         int waiting = 0;
         if (fd_ < 0 || ::ioctl(fd_, FIONREAD, &waiting) != 0) return;
         for (auto left = static_cast<std::size_t>(waiting); left > 0;) {
-            const std::size_t taken = Take();
+            const std::size_t taken = Append();
             if (taken == 0) return;
             left -= std::min(left, taken);
         }
@@ -70,7 +69,7 @@ class OutputCollector {
     const std::size_t max_output_;
 };
 
-/// A word with a NUL byte would reach the program cut short, as another command.
+/// A program would get a word with a NUL byte cut short.
 bool HoldsNul(const std::string& text) {
     return text.find('\0') != std::string::npos;
 }
@@ -81,42 +80,36 @@ bool AnyHoldsNul(const std::vector<std::string>& words) {
     return true;
 }
 
-bool IsInterrupted(const CommandInterrupter* interrupter) {
-    if (interrupter == nullptr) return false;
-    pollfd event{interrupter->Descriptor(), POLLIN, 0};
-    return ::poll(&event, 1, 0) > 0;
-}
-
-/// When a command that begins now must have ended; kNoLimit for never.
+/// The deadline of a command that starts now; kNoLimit for none.
 std::int64_t DeadlineAfter(int timeout_ms) {
     const std::int64_t limit = CommandTimeLimit::Current().count();
     if (timeout_ms < 0 && limit == 0) return RunningCommand::kNoLimit;
     return TimeUtils::GetMonotonicMs() + (timeout_ms < 0 ? limit : timeout_ms);
 }
 
-/// Milliseconds that poll may wait, -1 for any time, 0 when the time is up.
+/// The timeout for poll(2): -1 for none, 0 when the deadline has passed.
 int Remaining(std::int64_t deadline_ms) {
     if (deadline_ms < 0) return -1;
     return static_cast<int>(std::max<std::int64_t>(0, deadline_ms - TimeUtils::GetMonotonicMs()));
 }
 
-/// Waits until the process has ended and collects its output meanwhile; 0, or why the wait ended.
+/// Waits until the process ends and collects its output meanwhile. Returns 0, or the reason why the
+/// wait ended before.
 int WaitForEnd(const ChildProcess& child, OutputCollector& output, std::int64_t deadline) {
-    const CommandInterrupter* interrupter = CommandInterrupter::Current();
-    ProcessGroupIdleMonitor watch(child.Group());
+    ProcessGroupIdleMonitor monitor(child.Group());
     for (;;) {
-        std::array<pollfd, 3> events{
-            {{child.EndDescriptor(), POLLIN, 0},
-             {output.Descriptor(), POLLIN, 0},
-             {interrupter == nullptr ? -1 : interrupter->Descriptor(), POLLIN, 0}}};
+        std::array<pollfd, 3> events{{{child.EndDescriptor(), POLLIN, 0},
+                                      {output.Descriptor(), POLLIN, 0},
+                                      {CommandInterrupter::CurrentDescriptor(), POLLIN, 0}}};
         const int remaining = Remaining(deadline);
-        if (::poll(events.data(), events.size(), watch.Until(remaining)) < 0 && errno != EINTR) {
+        if (::poll(events.data(), events.size(), monitor.PollTimeout(remaining)) < 0 &&
+            errno != EINTR) {
             return ExecuteCmdUtils::kStartFailed;
         }
-        if (events[1].revents != 0) output.Take();
-        if (events[0].revents != 0) return watch.HasAsked() ? ExecuteCmdUtils::kTimedOut : 0;
+        if (events[1].revents != 0) output.Append();
+        if (events[0].revents != 0) return monitor.HasTerminated() ? ExecuteCmdUtils::kTimedOut : 0;
         if (events[2].revents != 0) return ExecuteCmdUtils::kInterrupted;
-        if (remaining == 0 || !watch.Look()) return ExecuteCmdUtils::kTimedOut;
+        if (remaining == 0 || !monitor.Check()) return ExecuteCmdUtils::kTimedOut;
     }
 }
 
@@ -143,16 +136,15 @@ RunningCommand::RunningCommand(const std::string& line) : deadline_ms_(DeadlineA
         Refuse("not given to a shell: " + named);
         return;
     }
-    // What cannot be started is left to the shell as well: its words and its code tell why, and it
-    // can run a script without an interpreter line.
+    // A shell also reports why a program cannot start, and runs a script without an interpreter
+    // line.
     Start({kShell, "-c", CommandEnvironment::ShellLine(line)});
 }
 
 RunningCommand::~RunningCommand() = default;
 
 void RunningCommand::Start(const std::vector<std::string>& arguments) {
-    const CommandInterrupter* interrupter = CommandInterrupter::Current();
-    is_interrupted_ = IsInterrupted(interrupter);
+    is_interrupted_ = CommandInterrupter::IsCurrentInterrupted();
     if (is_interrupted_ || arguments.empty() || AnyHoldsNul(arguments)) return;
     const auto environment = CommandEnvironment::Of(arguments.front());
     std::optional<CommandAnswer> answer = CommandHandlers::Ask(arguments);
@@ -163,8 +155,9 @@ void RunningCommand::Start(const std::vector<std::string>& arguments) {
         if (child_ == nullptr) Refuse(instead.front() + ": " + std::strerror(errno));
         return;
     }
-    // A handler that gave up when it was interrupted has no other way to say so.
-    is_interrupted_ = answer->kind == CommandAnswer::Kind::kRefused && IsInterrupted(interrupter);
+    // A handler has no other way to report that it was interrupted.
+    is_interrupted_ =
+        answer->kind == CommandAnswer::Kind::kRefused && CommandInterrupter::IsCurrentInterrupted();
     answer_ = std::move(answer);
 }
 
@@ -198,7 +191,7 @@ int RunningCommand::Wait(int& exit_code, std::string& output, std::size_t max_ou
     const int ended = WaitForEnd(*child_, collector, deadline_ms_);
     if (ended != 0) child_->Kill();
     const int status = child_->Reap();
-    collector.TakeRest();
+    collector.AppendRest();
     if (ended != 0) return ended;
     if (status == -1) return ExecuteCmdUtils::kStartFailed;
     if (WIFSIGNALED(status)) return ExecuteCmdUtils::kKilledBySignal;

@@ -28,18 +28,18 @@ int WriteAll(int fd, const char* data, std::size_t size) {
 }
 
 AtomicFile::~AtomicFile() {
-    const int error = errno;  // of the failure that the caller is about to read
+    const int error = errno;  // keeps the errno that the caller reads next
     if (!temporary_.empty()) ::unlink(temporary_.c_str());
     errno = error;
 }
 
 int AtomicFile::Open() {
-    // rename(2) would fail as late as in Commit.
+    // Otherwise only rename(2) in Commit would fail.
     if (target_.empty() || target_.back() == '/') {
         errno = target_.empty() ? ENOENT : EISDIR;
         return -1;
     }
-    // The name does not hold the target's, which may be as long as a name can be.
+    // The name does not include the target's, which may already have the maximum length.
     std::string name = target_.substr(0, target_.rfind('/') + 1) + kTemporaryName;
     file_.Reset(::mkostemp(name.data(), O_CLOEXEC));
     if (!file_.IsOpen()) return -1;
@@ -55,7 +55,7 @@ int AtomicFile::Commit() {
     if (::fsync(file_.Get()) != 0) return -1;
     if (::rename(temporary_.c_str(), target_.c_str()) != 0) return -1;
     temporary_.clear();
-    // Best effort: the new content is there; only whether a power cut takes it back is open.
+    // Best effort: the new content is in place; without this a power failure may undo the rename.
     const std::string directory = target_.substr(0, target_.rfind('/') + 1);
     const FileDescriptor parent(
         ::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

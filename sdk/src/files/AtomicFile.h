@@ -7,9 +7,9 @@
 
 namespace SDK {
 
-/// Replaces a file in one step: writes a temporary sibling, mode 0600, and renames it over the
-/// target. What has not been committed is removed with the object. One thread. The operations give
-/// 0 on success and -1 on failure (errno).
+/// Replaces a file in one step: writes a temporary file beside it, mode 0600, and renames that. The
+/// destructor removes what was not committed. Operations give 0 on success and -1 on failure
+/// (errno). Not thread-safe.
 class AtomicFile {
   public:
     explicit AtomicFile(const std::string& target) : target_(target) {}
@@ -20,12 +20,12 @@ class AtomicFile {
     int Open();
     int Write(const char* data, std::size_t size);
 
-    /// Syncs the content and puts it in the target's place.
+    /// Syncs the content and renames the file to the target.
     int Commit();
 
   private:
     const std::string target_;
-    std::string temporary_;  // empty: there is none to remove
+    std::string temporary_;  // empty: nothing to remove
     FileDescriptor file_;
 };
 

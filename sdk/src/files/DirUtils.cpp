@@ -10,16 +10,11 @@
 
 #include "files/TreeRemover.h"
 #include "sdk/files/FileDescriptor.h"
+#include "sdk/files/PathUtils.h"
 
 namespace SDK {
 
 namespace {
-
-/// Without trailing "/", with which lstat and open would follow a link. "/" stays.
-std::string WithoutTrailingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
 
 bool LeadsToDirectory(const std::string& path) {
     struct stat info {};
@@ -31,7 +26,7 @@ bool LeadsToDirectory(const std::string& path) {
 int MakeOne(const std::string& path, mode_t mode) {
     if (LeadsToDirectory(path)) return 0;
     if (::mkdir(path.c_str(), mode) != 0) {
-        // Another thread may have made it meanwhile; what else stands there is a failure.
+        // Another thread may have made the directory meanwhile; any other object is a failure.
         return errno == EEXIST && LeadsToDirectory(path) ? 0 : -1;
     }
     const FileDescriptor made(
@@ -41,7 +36,7 @@ int MakeOne(const std::string& path, mode_t mode) {
 
 constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-/// The components of a relative path; none when there are none, or one that leads upwards.
+/// The components of a relative path; empty for "" and for a path with "..".
 std::vector<std::string> ComponentsBelow(const std::string& path) {
     std::vector<std::string> components;
     std::istringstream text(path);
@@ -56,11 +51,12 @@ std::vector<std::string> ComponentsBelow(const std::string& path) {
 
 bool DirUtils::IsDir(const std::string& path) {
     struct stat info {};
-    return ::lstat(WithoutTrailingSlashes(path).c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    return ::lstat(PathUtils::WithoutTrailingSlash(path).c_str(), &info) == 0 &&
+           S_ISDIR(info.st_mode);
 }
 
 int DirUtils::DeleteDir(const std::string& path) {
-    return TreeRemover().Remove(WithoutTrailingSlashes(path));
+    return TreeRemover().Remove(PathUtils::WithoutTrailingSlash(path));
 }
 
 int DirUtils::DeleteBeneath(const std::string& root, const std::string& path) {
@@ -69,7 +65,7 @@ int DirUtils::DeleteBeneath(const std::string& root, const std::string& path) {
         errno = EINVAL;
         return -1;
     }
-    FileDescriptor parent(::open(WithoutTrailingSlashes(root).c_str(), kWayFlags));
+    FileDescriptor parent(::open(PathUtils::WithoutTrailingSlash(root).c_str(), kWayFlags));
     for (std::size_t at = 0; parent.IsOpen() && at + 1 < components.size(); ++at) {
         parent.Reset(::openat(parent.Get(), components[at].c_str(), kWayFlags));
     }
@@ -83,7 +79,7 @@ int DirUtils::DeleteAt(int directory, const std::string& name) {
 }
 
 int DirUtils::MakeDirs(const std::string& path, mode_t mode) {
-    const std::string wanted = WithoutTrailingSlashes(path);
+    const std::string wanted = PathUtils::WithoutTrailingSlash(path);
     if (wanted.empty()) {
         errno = ENOENT;
         return -1;

@@ -6,22 +6,22 @@
 
 namespace SDK {
 
-/// Goes through the names in an open directory but "." and "..", one by one. Entries may be removed
-/// meanwhile. One thread.
+/// Lists the names in an open directory, except "." and "..", one by one. Entries may be removed
+/// meanwhile. Not thread-safe.
 class DirectoryListing {
   public:
-    /// Opens the directory anew; the descriptor (reading or O_PATH) stays the caller's.
+    /// Opens the directory again; the caller keeps the descriptor (O_RDONLY or O_PATH).
     explicit DirectoryListing(int directory);
 
-    /// False at the end, and when the directory cannot be listed any further; Error() tells which.
+    /// False at the end and after a failure; Error() tells which.
     bool Next();
 
-    /// Of the entry that Next has come to; the name lives until the next one.
+    /// The current entry; valid until the next call of Next.
     const char* Name() const { return entry_->d_name; }
-    /// Asks the file system where the listing does not say; false when the entry is gone.
+    /// Asks the file system where the listing has no type; false when the entry is gone.
     bool IsDirectory() const;
 
-    /// 0, or the errno with which listing failed.
+    /// 0, or the errno of the failure.
     int Error() const { return error_; }
 
   private:

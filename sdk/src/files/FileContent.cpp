@@ -1,7 +1,6 @@
 #include "files/FileContent.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +15,7 @@ namespace SDK {
 
 namespace {
 
-constexpr off_t kPiece = 8 * 1024 * 1024;  // between two looks for an interruption
+constexpr off_t kPiece = 8 * 1024 * 1024;  // between two checks for an interruption
 constexpr std::size_t kBuffer = 256 * 1024;
 constexpr off_t kBlock = 512;  // the unit of st_blocks
 
@@ -25,7 +24,7 @@ int Fail(int error) {
     return -1;
 }
 
-/// A buffer that nobody fills before it is read into.
+/// A buffer that is not initialised before it is read into.
 class Buffer {
   public:
     Buffer() : data_(new char[kBuffer]) {}
@@ -35,7 +34,7 @@ class Buffer {
     std::unique_ptr<char[]> data_;
 };
 
-/// Reads until `size` bytes are there or the file ends; the number, or -1.
+/// Reads until `size` bytes or the end of the file; the number of bytes, or -1.
 ssize_t ReadAt(int file, char* data, std::size_t size, off_t at) {
     std::size_t done = 0;
     while (done < size) {
@@ -61,13 +60,13 @@ int WriteAt(int file, const char* data, std::size_t size, off_t at) {
     return 0;
 }
 
-/// Calls `handle(offset, size)` for the pieces of the range until one does not give 0.
+/// Calls `handle(offset, size)` for the pieces of the range until one returns non-zero.
 template <typename Handle>
 int ForEachPiece(off_t start, off_t end, off_t size, Handle handle) {
     off_t looked = start;
     for (off_t at = start; at < end; at += size) {
         if (at - looked >= kPiece) {
-            if (FileContent::IsInterrupted()) return Fail(ECANCELED);
+            if (CommandInterrupter::IsCurrentInterrupted()) return Fail(ECANCELED);
             looked = at;
         }
         const int result = handle(at, std::min(size, end - at));
@@ -87,8 +86,8 @@ int CopyByHand(int from, int to, off_t start, off_t end) {
     });
 }
 
-/// Whether reading and writing may work where copy_file_range(2) did not: it is missing, or the
-/// two file systems cannot do it with each other.
+/// Whether read and write may work where copy_file_range(2) failed: it is missing, or does not
+/// support these file systems.
 bool IsWorthCopyingByHand(int error) {
     return error == EXDEV || error == ENOSYS || error == EOPNOTSUPP || error == EINVAL ||
            error == EPERM || error == ETXTBSY;
@@ -103,7 +102,7 @@ int CopyRange(int from, int to, off_t start, off_t end) {
             const ssize_t done = ::copy_file_range(from, &source, to, &target, wanted, 0);
             if (done > 0 || (done < 0 && errno == EINTR)) continue;
             if (done < 0 && !IsWorthCopyingByHand(errno)) return -1;
-            // Also where nothing was copied: some file systems do not know their files' sizes.
+            // Also when nothing was copied: some file systems report no file sizes.
             return CopyByHand(from, to, source, at + size);
         }
         return 0;
@@ -112,16 +111,9 @@ int CopyRange(int from, int to, off_t start, off_t end) {
 
 }  // namespace
 
-bool FileContent::IsInterrupted() {
-    const CommandInterrupter* interrupter = CommandInterrupter::Current();
-    if (interrupter == nullptr) return false;
-    pollfd event{interrupter->Descriptor(), POLLIN, 0};
-    return ::poll(&event, 1, 0) > 0;
-}
-
 int FileContent::Open(int directory, const std::string& name, struct stat& info) {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    // O_NOATIME is for owners and root.
+    // Only owners and root may use O_NOATIME.
     FileDescriptor file(::openat(directory, name.c_str(), kFlags | O_NOATIME));
     if (!file.IsOpen() && errno == EPERM) {
         file.Reset(::openat(directory, name.c_str(), kFlags));
@@ -130,7 +122,7 @@ int FileContent::Open(int directory, const std::string& name, struct stat& info)
     return S_ISREG(info.st_mode) ? file.Release() : Fail(EINVAL);
 }
 
-// One byte more is asked for, so that a file that has grown is told from one of that size.
+// Asks for one byte more, to notice a file that has grown.
 int FileContent::ReadSmall(int file, off_t size, std::string& content) {
     content.resize(static_cast<std::size_t>(size) + 1);
     ssize_t got = ::pread(file, content.data(), content.size(), 0);

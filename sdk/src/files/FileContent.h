@@ -7,35 +7,32 @@
 
 namespace SDK {
 
-/// Compares and copies the content of open regular files, by offsets of its own. Every 8 MiB it
-/// asks whether the thread's commands are interrupted. Stateless; any thread. -1 is a failure
-/// (errno; ECANCELED when interrupted).
+/// Compares and copies the content of open regular files without using their file offsets. Checks
+/// the thread's CommandInterrupter every 8 MiB. Failures give -1 (errno; ECANCELED when
+/// interrupted). Stateless and thread-safe.
 class FileContent {
   public:
-    /// Up to this size content is handled in one piece, held in memory.
+    /// Content up to this size is handled in memory in one piece.
     static constexpr off_t kSmall = 64 * 1024;
 
-    static bool IsInterrupted();
-
-    /// Opens the regular file `name` in `directory` for reading. Follows no link, does not block on
-    /// anything nor change the time of access where that can be helped. -1: EINVAL when it is no
-    /// regular file.
+    /// Opens the regular file `name` in `directory` for reading. Follows no link, does not block,
+    /// and leaves the access time unchanged where possible. -1 with EINVAL for other objects.
     static int Open(int directory, const std::string& name, struct stat& info);
 
-    /// Reads the whole of a small file of `size` bytes; ESTALE when it has another size.
+    /// Reads a small file of `size` bytes completely; ESTALE when its size differs.
     static int ReadSmall(int file, off_t size, std::string& content);
 
-    /// 1 when the first `size` bytes of both are the same, 0 when not.
+    /// 1 when the first `size` bytes are equal, 0 when they differ.
     static int IsEqual(int one, int other, off_t size);
 
     /// Writes all of `content` to the empty file `to`.
     static int Write(int to, const std::string& content);
 
-    /// Copies the file `from`, described by `info`, to the empty file `to`; holes stay holes and
+    /// Copies the file `from`, which `info` describes, to the empty file `to`. Holes stay holes;
     /// extents are shared where the file system can. ESTALE when `from` becomes shorter.
     static int Copy(int from, int to, const struct stat& info);
 
-    /// True when `info` shows that a part of the file is not stored.
+    /// True when the file has holes.
     static bool HasHoles(const struct stat& info);
 };
 

@@ -29,12 +29,12 @@ int NotRegular(mode_t mode) {
     return Fail(S_ISDIR(mode) ? EISDIR : EINVAL);
 }
 
-/// Opens `path`, below `directory` where it is relative, for reading without ever waiting for a
-/// writer; none (errno) when it is no regular file.
+/// Opens `path`, which may be relative to `directory`, for reading and never waits for a writer;
+/// not open (errno) when it is not a regular file.
 FileDescriptor OpenChecked(int directory, const std::string& path, int extra_flags) {
     const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | extra_flags;
     FileDescriptor file(::openat(directory, path.c_str(), flags));
-    // O_NOATIME is for owners and root.
+    // Only owners and root may use O_NOATIME.
     if (!file.IsOpen() && errno == EPERM && (flags & O_NOATIME) != 0) {
         file.Reset(::openat(directory, path.c_str(), flags & ~O_NOATIME));
     }
@@ -45,7 +45,7 @@ FileDescriptor OpenChecked(int directory, const std::string& path, int extra_fla
     return {};
 }
 
-/// The same, links followed; looks before it opens, as opening alone makes some devices act.
+/// The same, but follows links. Checks the type first, since opening alone makes some devices act.
 FileDescriptor OpenRegular(const std::string& path) {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) return {};
@@ -54,7 +54,7 @@ FileDescriptor OpenRegular(const std::string& path) {
     return {};
 }
 
-/// Hands at most `limit` bytes of the file to `take(data, size)`, which gives 0 to go on.
+/// Passes at most `limit` bytes of the file to `take(data, size)`, which returns 0 to continue.
 template <typename Take>
 int ReadUpTo(int fd, long limit, Take take) {
     std::array<char, kChunk> buffer{};

@@ -25,7 +25,7 @@ FileDescriptor OpenPiece(int directory, const std::string& path, int flags,
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     if (mount_points == MountPoints::kRefused) how.resolve |= RESOLVE_NO_XDEV;
     long fd = -1;
-    // EAGAIN: something was moved or mounted at the same moment.
+    // EAGAIN: something was moved or mounted meanwhile.
     for (int tries = 0; tries < kMaxTries; ++tries) {
         fd = ::syscall(SYS_openat2, directory, path.c_str(), &how, sizeof(how));
         if (fd >= 0 || (errno != EAGAIN && errno != EINTR)) break;
@@ -33,8 +33,8 @@ FileDescriptor OpenPiece(int directory, const std::string& path, int flags,
     return FileDescriptor(static_cast<int>(fd));
 }
 
-/// The length of the longest beginning that the kernel takes at once and that ends in "/"; 0 when
-/// a single component is too long for it.
+/// The length of the longest prefix that the kernel accepts at once and that ends in "/"; 0 when a
+/// single component is too long.
 std::size_t PieceLength(std::string_view path) {
     const std::size_t slash = path.rfind('/', PATH_MAX - 2);
     return slash == std::string_view::npos ? 0 : slash + 1;
@@ -54,7 +54,7 @@ FileDescriptor OpenBeneath(int directory, std::string_view path, int flags,
         }
         held = OpenPiece(at(), std::string(path.substr(0, length)), kResolving, mount_points);
         if (!held.IsOpen()) return {};
-        // A further "/" would make the rest absolute.
+        // Another "/" would make the rest absolute.
         path.remove_prefix(std::min(path.find_first_not_of('/', length), path.size()));
     }
     return OpenPiece(at(), path.empty() ? "." : std::string(path), flags, mount_points);

@@ -29,7 +29,7 @@ bool LeadsUpwards(std::string_view path) {
     return false;
 }
 
-/// False (EINVAL) for what no path below an anchor can be.
+/// False (EINVAL) for a path that cannot be below an anchor.
 bool IsBelow(std::string_view path) {
     const bool good = (path.empty() || path.front() != '/') && !LeadsUpwards(path) &&
                       path.find('\0') == std::string_view::npos;
@@ -37,7 +37,7 @@ bool IsBelow(std::string_view path) {
     return good;
 }
 
-/// Without trailing "/" and "/.", with which open(2) would follow a link before them.
+/// Without trailing "/" and "/.": open(2) would follow a link before them.
 std::string WithoutTrailingDots(std::string path) {
     for (;;) {
         if (path.size() > 1 && path.back() == '/') {
@@ -70,7 +70,7 @@ std::unique_ptr<PathAnchor> PathAnchor::Hold(FileDescriptor directory, const std
         new PathAnchor(WithoutTrailingDots(path), std::move(directory), info));
 }
 
-// The inode is held by the descriptor, so its number cannot have been given to another directory.
+// The open descriptor keeps the inode, so no other directory can have its number.
 bool PathAnchor::IsInPlace() const {
     struct stat info {};
     return ::lstat(path_.c_str(), &info) == 0 && info.st_dev == device_ && info.st_ino == inode_;

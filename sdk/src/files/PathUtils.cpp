@@ -1,4 +1,4 @@
-// Owns: the installation path that was set by hand. Any thread.
+// Owns the installation path set by SetInstallationPath. Thread-safe.
 #include "sdk/files/PathUtils.h"
 
 #include <dlfcn.h>
@@ -23,7 +23,7 @@ std::string FindInstallationPath() {
                                                            &::free);
     if (library == nullptr) return "/";
     const std::string prefix = PathUtils::GetDirFromPath(PathUtils::GetDirFromPath(library.get()));
-    return prefix == "/" ? prefix : prefix + "/";
+    return PathUtils::WithTrailingSlash(prefix);
 }
 
 }  // namespace
@@ -40,8 +40,7 @@ std::string PathUtils::GetInstallationPath() {
 
 void PathUtils::SetInstallationPath(const std::string& path) {
     const std::lock_guard<std::mutex> lock(path_mutex);
-    set_path = path;
-    if (!set_path.empty() && set_path.back() != '/') set_path += '/';
+    set_path = path.empty() ? path : WithTrailingSlash(path);
 }
 
 std::string PathUtils::GetDirFromPath(const std::string& path) {
@@ -50,6 +49,20 @@ std::string PathUtils::GetDirFromPath(const std::string& path) {
     const std::size_t slash = path.substr(0, end).rfind('/');
     if (slash == std::string::npos) return {};
     return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string PathUtils::WithTrailingSlash(std::string path) {
+    if (path.empty() || path.back() != '/') path += '/';
+    return path;
+}
+
+std::string PathUtils::WithoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+std::string PathUtils::BelowInstallation(const std::string& path) {
+    return !path.empty() && path.front() == '/' ? path : GetInstallationPath() + path;
 }
 
 }  // namespace SDK

@@ -13,13 +13,13 @@ namespace SDK {
 
 namespace {
 
-constexpr int kMaxLinks = 40;  ///< as the kernel has it
+constexpr int kMaxLinks = 40;  ///< the kernel's limit
 
 bool IsTrustedUser(uid_t user) {
     return user == 0 || user == ::geteuid();
 }
 
-/// The group bits of the mode are then the upper bound of what named users and groups may.
+/// With a list the mode's group bits are the upper bound for named users and groups.
 bool HasAccessList(const std::string& path) {
     return ::lgetxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) > 0;
 }
@@ -57,11 +57,11 @@ std::string ParentOf(const std::string& path) {
     return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
 }
 
-/// Goes along a path from the root, and judges each directory that it leaves by the object that it
-/// goes on to.
-class Way {
+/// Walks along a path from the root and checks each directory together with the next object on the
+/// path.
+class PathWalk {
   public:
-    explicit Way(const std::string& path) {
+    explicit PathWalk(const std::string& path) {
         if (path.empty() || path.front() != '/') {
             why_ = "the path is not absolute";
             return;
@@ -72,7 +72,7 @@ class Way {
 
     const std::string& Why() const { return why_; }
     bool Exists() const { return exists_; }
-    /// Where the way ended; no link.
+    /// Where the walk ended; not a link.
     const std::string& End() const { return at_; }
 
   private:
@@ -109,8 +109,8 @@ class Way {
         }
     }
 
-    /// Judges the directory that the way has come to. `next` is what it goes on to, or null when
-    /// nothing lies there.
+    /// Checks the current directory. `next` is the next object on the path, or null when it is
+    /// missing.
     std::string Leave(const std::string& next_path, const struct stat* next) const {
         struct stat info {};
         if (::lstat(at_.c_str(), &info) != 0) return Failure(at_, errno);
@@ -123,7 +123,7 @@ class Way {
     }
 
     void Follow(const std::string& link, const struct stat& info) {
-        why_ = ++links_ > kMaxLinks ? "too many links lie on the way at " + link
+        why_ = ++links_ > kMaxLinks ? "too many links lie on the walk at " + link
                                     : WhyOwned("link", link, info);
         if (!why_.empty()) return;
         std::array<char, PATH_MAX> target{};
@@ -144,34 +144,34 @@ class Way {
     std::deque<std::string> rest_;
 };
 
-std::string WhyObjectWritable(const Way& way) {
-    if (!way.Why().empty() || !way.Exists()) return way.Why();
+std::string WhyObjectWritable(const PathWalk& walk) {
+    if (!walk.Why().empty() || !walk.Exists()) return walk.Why();
     struct stat info {};
-    if (::lstat(way.End().c_str(), &info) != 0) return Failure(way.End(), errno);
-    std::string why = WhyOwned(KindOf(info), way.End(), info);
-    return why.empty() ? WhyOthersWrite(way.End(), info) : why;
+    if (::lstat(walk.End().c_str(), &info) != 0) return Failure(walk.End(), errno);
+    std::string why = WhyOwned(KindOf(info), walk.End(), info);
+    return why.empty() ? WhyOthersWrite(walk.End(), info) : why;
 }
 
 }  // namespace
 
 std::string PlaceTrust::WhyWritable(const std::string& path) {
-    return WhyObjectWritable(Way(path));
+    return WhyObjectWritable(PathWalk(path));
 }
 
 std::string PlaceTrust::WhyReachable(const std::string& path) {
-    const Way way(path);
-    std::string why = WhyObjectWritable(way);
-    if (!why.empty() || !way.Exists()) return why;
-    for (std::string at = way.End(); at != "/"; at = ParentOf(at)) {
+    const PathWalk walk(path);
+    std::string why = WhyObjectWritable(walk);
+    if (!why.empty() || !walk.Exists()) return why;
+    for (std::string at = walk.End(); at != "/"; at = ParentOf(at)) {
         struct stat info {};
         if (::lstat(at.c_str(), &info) != 0) return Failure(at, errno);
         if (S_ISDIR(info.st_mode) && KeepsOthersOut(at, info)) return "";
     }
-    return "every user may enter " + way.End() + " and change what belongs to him there";
+    return "every user may enter " + walk.End() + " and change what belongs to him there";
 }
 
 std::string PlaceTrust::WhyReplaceable(const std::string& path) {
-    return Way(path).Why();
+    return PathWalk(path).Why();
 }
 
 }  // namespace SDK

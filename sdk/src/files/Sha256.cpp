@@ -8,7 +8,7 @@ namespace SDK {
 
 namespace {
 
-/// Found once: looking the algorithm up costs as much as hashing a small page.
+/// Fetched once: that costs as much as hashing a small page.
 const EVP_MD* Algorithm() {
     static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
     return algorithm;

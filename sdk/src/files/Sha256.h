@@ -8,14 +8,14 @@ struct evp_md_ctx_st;
 
 namespace SDK {
 
-/// Computes one SHA-256 piece by piece. One thread at a time.
+/// Computes one SHA-256 piece by piece. Not thread-safe.
 class Sha256 {
   public:
     Sha256();
 
     void Update(const void* data, std::size_t size);
 
-    /// The digest in lower-case hex, "" when the library failed at any step. Ends the computation.
+    /// The digest in lower-case hex; "" when the library failed in any step. Call once, at the end.
     std::string Hex();
 
   private:

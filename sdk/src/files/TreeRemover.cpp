@@ -4,20 +4,20 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <climits>
 #include <utility>
 
 #include "files/DirectoryListing.h"
-#include "files/FileContent.h"
 #include "files/OpenBeneath.h"
+#include "files/TreePath.h"
+#include "sdk/time/CommandInterrupter.h"
 #include "sdk/time/TimeUtils.h"
 
 namespace SDK {
 
 namespace {
 
-constexpr std::int64_t kPatienceMs = 500;
-constexpr unsigned kEntriesPerLook = 256;  // between two looks at clock and interrupter
+constexpr std::int64_t kRetryMs = 500;
+constexpr unsigned kEntriesPerCheck = 256;  // between two checks of clock and interrupter
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 }  // namespace
@@ -30,12 +30,12 @@ int TreeRemover::Remove(const std::string& path) {
     return RemoveAt(AT_FDCWD, path);
 }
 
-// Somebody who goes on putting files in keeps the directory from going: it is gone through again.
+// Repeats the walk when another process keeps adding files.
 int TreeRemover::RemoveAt(int parent, const std::string& name) {
     const std::int64_t start = TimeUtils::GetMonotonicMs();
     if (limit_ms_ != kNoLimit) end_ms_ = start + limit_ms_;
     int result = RemoveOnce(parent, name);
-    const std::int64_t end = TimeUtils::GetMonotonicMs() + kPatienceMs;
+    const std::int64_t end = TimeUtils::GetMonotonicMs() + kRetryMs;
     while (result != 0 && errno == ENOTEMPTY && TimeUtils::GetMonotonicMs() < end) {
         result = RemoveOnce(parent, name);
         if (result != 0 && errno == ENOENT) return 0;
@@ -66,7 +66,7 @@ int TreeRemover::RemoveOnce(int parent, const std::string& name) {
     return first_error_ == 0 ? 0 : -1;
 }
 
-/// Makes `directory` the current one and removes what it holds but directories, which wait.
+/// Makes `directory` the current one and removes its entries; subdirectories are kept for later.
 bool TreeRemover::Enter(FileDescriptor directory, const std::string& name) {
     struct stat info {};
     if (!directory.IsOpen() || ::fstat(directory.Get(), &info) != 0) {
@@ -78,7 +78,7 @@ bool TreeRemover::Enter(FileDescriptor directory, const std::string& name) {
     levels_.push_back({name, info.st_dev, info.st_ino, {}, false});
     DirectoryListing listing(current_.Get());
     while (!IsStopped() && listing.Next()) {
-        if (shield_ && IsShielded(listing.Name(), listing.IsDirectory())) {
+        if (filter_ && IsExcluded(filter_, below_, listing.Name(), listing.IsDirectory())) {
             levels_.back().is_kept = true;
         } else {
             RemoveEntry(listing.Name());
@@ -86,11 +86,6 @@ bool TreeRemover::Enter(FileDescriptor directory, const std::string& name) {
     }
     if (listing.Error() != 0) Failed(listing.Error());
     return true;
-}
-
-bool TreeRemover::IsShielded(const std::string& name, bool is_directory) const {
-    const std::string path = below_.empty() ? name : below_ + "/" + name;
-    return path.size() < PATH_MAX && shield_(path, is_directory);
 }
 
 void TreeRemover::RemoveEntry(const std::string& name) {
@@ -108,15 +103,15 @@ void TreeRemover::Descend(const std::string& name) {
     if (child.IsOpen()) {
         Enter(std::move(child), name);
     } else if (errno == ENOTDIR || errno == ELOOP) {
-        // No directory any more: it goes like any entry, and is not tried a third time.
+        // It is no directory any more: remove it as an entry, without another try.
         if (::unlinkat(current_.Get(), name.c_str(), 0) != 0) Failed(errno);
     } else if (errno != ENOENT) {
         Failed(errno);
     }
 }
 
-/// Removes the emptied current directory and goes back to the one above; false at the end. The
-/// directory above is recognised: "..", too, can lead elsewhere when directories are moved.
+/// Removes the current directory and returns to its parent; false at the end. Checks the parent's
+/// inode, since ".." may lead elsewhere after a move.
 bool TreeRemover::Leave() {
     const Level done = std::move(levels_.back());
     levels_.pop_back();
@@ -143,8 +138,9 @@ bool TreeRemover::Leave() {
 }
 
 bool TreeRemover::IsStopped() {
-    if (limit_ms_ == kNoLimit || is_stopped_ || ++looks_ % kEntriesPerLook != 0) return is_stopped_;
-    if (FileContent::IsInterrupted()) {
+    if (limit_ms_ == kNoLimit || is_stopped_ || ++checks_ % kEntriesPerCheck != 0)
+        return is_stopped_;
+    if (CommandInterrupter::IsCurrentInterrupted()) {
         Failed(ECANCELED);
         is_stopped_ = true;
     } else if (TimeUtils::GetMonotonicMs() > end_ms_) {

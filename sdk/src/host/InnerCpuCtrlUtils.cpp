@@ -1,4 +1,4 @@
-// Owns: the limit. Who asks, and when, is the busy thread's business; the rest is taken there.
+// Owns the limit. The busy threads decide when to call; each sleeps on its own thread.
 #include "sdk/host/InnerCpuCtrlUtils.h"
 
 #include <poll.h>
@@ -21,7 +21,7 @@ constexpr unsigned long kLongestRest = 1000000;  // microseconds
 
 std::atomic<int> limit_percent{0};
 
-/// Microseconds that bring `used` microseconds of work down to the share.
+/// Microseconds of sleep that bring `used` microseconds of work down to the limit.
 unsigned long RestFor(unsigned long used, int percent) {
     const auto share = static_cast<unsigned long>(percent);
     const unsigned long worked = std::min(used, kLongestRest * kWholeCore);  // no overflow
@@ -29,8 +29,7 @@ unsigned long RestFor(unsigned long used, int percent) {
 }
 
 void Rest(unsigned long microseconds) {
-    CommandInterrupter* interrupter = CommandInterrupter::Current();
-    pollfd event{interrupter == nullptr ? -1 : interrupter->Descriptor(), POLLIN, 0};
+    pollfd event{CommandInterrupter::CurrentDescriptor(), POLLIN, 0};
     const timespec time{static_cast<time_t>(microseconds / 1000000),
                         static_cast<long>(microseconds % 1000000 * 1000)};
     ::ppoll(&event, 1, &time, nullptr);

@@ -14,7 +14,7 @@ namespace {
 
 constexpr long kReleaseFileSize = 64 * 1024;
 
-/// Takes the quotes of an os-release value away, and the backslashes that escape within them.
+/// Removes the quotes of an os-release value and the backslashes that escape within them.
 std::string Unquote(const std::string& value) {
     if (value.size() < 2 || (value.front() != '"' && value.front() != '\'')) return value;
     std::string text;
@@ -37,7 +37,7 @@ std::map<std::string, std::string> ParseRelease(const std::string& text) {
     return fields;
 }
 
-/// The family that one ID names; kUnknown when it is none of those known.
+/// The family of one ID; kUnknown for an unknown one.
 unsigned int FamilyOf(const std::string& id) {
     static const std::map<std::string, unsigned int> kFamilies = {
         {"debian", SystemUtils::kDebian},

@@ -1,5 +1,5 @@
-// Owns: the queue of log records, the thread that writes them, and the count of those lost. Files
-// and their rotation belong to the target. log() runs on any thread, Work() on the own one.
+// Owns the queue of log records, the thread that writes them, and the count of lost ones. The
+// target owns files and their rotation. log() is thread-safe; Work() runs on the own thread.
 #include "log/BoundedAsyncChannel.h"
 
 #include <exception>
@@ -63,7 +63,7 @@ void BoundedAsyncChannel::Work() {
             records.swap(queue_);
         }
         Write(records);
-        TellDropped();
+        ReportDropped();
     }
 }
 
@@ -72,7 +72,8 @@ void BoundedAsyncChannel::Write(const std::deque<Poco::Message>& records) {
         try {
             target_->log(record);
         } catch (const std::exception&) {
-            // Closed, the target opens its file anew with the next record: a full disk may pass.
+            // A closed target opens its file again with the next record: the disk may have space
+            // again.
             target_->close();
             const std::lock_guard<std::mutex> lock(mutex_);
             ++dropped_;
@@ -80,22 +81,22 @@ void BoundedAsyncChannel::Write(const std::deque<Poco::Message>& records) {
     }
 }
 
-void BoundedAsyncChannel::TellDropped() {
+void BoundedAsyncChannel::ReportDropped() {
     unsigned long dropped = 0;
-    unsigned long untold = 0;
+    unsigned long unreported = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         dropped = dropped_;
-        untold = dropped_ - told_;
+        unreported = dropped_ - reported_;
     }
-    if (untold == 0) return;
+    if (unreported == 0) return;
     try {
-        target_->log(Poco::Message("", "dropped " + std::to_string(untold) + " log records",
+        target_->log(Poco::Message("", "dropped " + std::to_string(unreported) + " log records",
                                    Poco::Message::PRIO_WARNING));
         const std::lock_guard<std::mutex> lock(mutex_);
-        told_ = dropped;
+        reported_ = dropped;
     } catch (const std::exception&) {
-        target_->close();  // told with a later record
+        target_->close();  // reported with a later record
     }
 }
 

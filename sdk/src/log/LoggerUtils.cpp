@@ -1,6 +1,6 @@
-// Owns: the one channel that all Poco loggers write to, and the levels that were asked for by name.
-// Queue, thread and count of lost records are BoundedAsyncChannel's, files Poco's FileChannel's.
-// Any thread. The channel stays with the loggers for good; only its target is exchanged.
+// Owns the channel of all Poco loggers and the levels requested by name. BoundedAsyncChannel owns
+// queue, thread and counts; Poco's FileChannel owns files. Thread-safe. The loggers keep the
+// channel for good; only its target changes.
 #include "sdk/log/LoggerUtils.h"
 
 #include <Poco/AutoPtr.h>
@@ -30,7 +30,7 @@ constexpr mode_t kDirectoryMode = 0750;
 
 struct LogState {
     Poco::AutoPtr<BoundedAsyncChannel> channel{new BoundedAsyncChannel(kQueueCapacity)};
-    std::mutex mutex;  // guards what follows, and changes of the tree of loggers
+    std::mutex mutex;  // guards the following, and changes of the loggers
     std::map<std::string, int> own_levels;
 
     LogState() = default;
@@ -44,14 +44,14 @@ LogState& State() {
     return state;
 }
 
-/// Writes only what differs: other threads read both without a lock.
+/// Writes only differences: other threads read both without a lock.
 void Adopt(Poco::Logger& logger, const Poco::AutoPtr<BoundedAsyncChannel>& channel, int level) {
     if (logger.getChannel().get() != channel.get()) logger.setChannel(channel);
     if (logger.getLevel() != level) logger.setLevel(level);
 }
 
-/// Poco's loggers copy channel and level of their parent when they are made: those that exist
-/// already get theirs here.
+/// Poco's loggers copy channel and level of their parent when they are made; this updates existing
+/// ones.
 void AdoptAll(LogState& state, int level) {
     Adopt(Poco::Logger::root(), state.channel, level);
     std::vector<std::string> names;
@@ -63,7 +63,7 @@ void AdoptAll(LogState& state, int level) {
     }
 }
 
-/// The channel that formats and writes to the file and the console; throws what Poco throws.
+/// The channel that formats and writes to the file and the console. Throws Poco's exceptions.
 Poco::AutoPtr<Poco::Channel> OpenTarget(const LoggerUtils::Settings& settings) {
     Poco::AutoPtr<Poco::FileChannel> file(
         new Poco::FileChannel(settings.directory + "/" + settings.file_name));

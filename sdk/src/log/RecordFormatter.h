@@ -4,8 +4,8 @@
 
 namespace SDK {
 
-/// Writes a log record as one line: time, priority, logger, thread, source place, text. Line ends
-/// and other control characters of the text are escaped, so that no text can pass for two records.
+/// Formats a log record as one line: time, priority, logger, thread, source position, text. Escapes
+/// line ends and other control characters, so that no text looks like two records.
 class RecordFormatter : public Poco::PatternFormatter {
   public:
     RecordFormatter();

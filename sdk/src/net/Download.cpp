@@ -81,7 +81,7 @@ void Download::FetchFile(const Poco::URI& url) {
     if (!url.getHost().empty() && url.getHost() != "localhost") {
         throw DownloadError("a file: URL names a file of this host only");
     }
-    // O_NONBLOCK: a FIFO would have us wait for a writer.
+    // O_NONBLOCK: opening a FIFO would wait for a writer.
     const FileDescriptor source(
         ::open(url.getPath().c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat info {};
@@ -110,7 +110,7 @@ void Download::FollowHttp(Poco::URI url) {
     throw DownloadError(StrUtils::Format("more than %d redirects", limits_.max_redirects));
 }
 
-/// True when the file has been taken, false when `location` leads elsewhere.
+/// True when the file was received; false when `location` names another address.
 bool Download::FetchHttp(const Poco::URI& url, std::string& location) {
     const SigPipeGuard guard;
     HttpSession session(url, order_.proxy_url, order_.ca_file, limits_);

@@ -11,7 +11,7 @@
 
 namespace SDK {
 
-/// What a download is to fetch, and to where; see HttpUtils::Download.
+/// What to download, and where to; see HttpUtils::Download.
 struct DownloadOrder {
     std::string url;
     std::string target;
@@ -20,12 +20,12 @@ struct DownloadOrder {
     std::string ca_file;
 };
 
-/// One download. Leaves nothing behind unless Run succeeds. One thread; one use.
+/// One download; leaves nothing behind unless Run succeeds. One use; not thread-safe.
 class Download {
   public:
     Download(const DownloadOrder& order, const HttpUtils::Limits& limits);
 
-    /// Throws DownloadError, or what Poco throws.
+    /// Blocks. Throws DownloadError or Poco's exceptions.
     void Run();
 
   private:
@@ -42,7 +42,7 @@ class Download {
     std::int64_t taken_ = 0;
 };
 
-/// The URL without a user name and a password; as it is when it cannot be read.
+/// The URL without user name and password; unchanged when it cannot be parsed.
 std::string WithoutUserInfo(const std::string& url);
 
 }  // namespace SDK

@@ -4,7 +4,7 @@
 
 namespace SDK {
 
-/// Why a download ended, in words. Thrown and caught within this library.
+/// The reason why a download failed. Thrown and caught within this library.
 class DownloadError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

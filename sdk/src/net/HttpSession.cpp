@@ -41,7 +41,7 @@ Context::Ptr MakeContext(const std::string& ca_file) {
     return context;
 }
 
-/// The TLS handshake over `plain`, which does not block, and the check of the host's name.
+/// The TLS handshake over the non-blocking `plain`, and the check of the host name.
 SecureStreamSocket Handshake(const StreamSocket& plain, const std::string& host,
                              const Context::Ptr& context, int timeout_ms) {
     SecureStreamSocket secure = SecureStreamSocket::attach(plain, host, context);
@@ -60,15 +60,15 @@ Poco::Timespan Milliseconds(int milliseconds) {
     return Poco::Timespan(Poco::Timespan::TimeDiff{milliseconds} * Poco::Timespan::MILLISECONDS);
 }
 
-/// From here on reads and writes block, as the Poco session expects.
+/// Makes reads and writes block, as the Poco session expects.
 void MakeBlocking(StreamSocket& socket, const HttpUtils::Limits& limits) {
     socket.setBlocking(true);
     socket.setReceiveTimeout(Milliseconds(limits.stall_timeout_ms));
     socket.setSendTimeout(Milliseconds(limits.stall_timeout_ms));
 }
 
-/// In place of the name, so that the Poco session asks no name server itself: it could not be
-/// ended.
+/// Used instead of the name, so that the Poco session itself does no lookup, which could not be
+/// interrupted.
 std::string AddressOf(const std::string& host, const HttpUtils::Limits& limits) {
     return NameResolver::Resolve(host, limits.resolve_timeout_ms).toString();
 }
@@ -116,7 +116,7 @@ class TlsSession : public Poco::Net::HTTPSClientSession {
     }
 
   private:
-    const std::string name_;  // that the server's certificate must bear
+    const std::string name_;  // that the server's certificate must have
     const Context::Ptr context_;
     const HttpUtils::Limits limits_;
 };
@@ -164,7 +164,7 @@ std::istream& HttpSession::Get(const Poco::URI& url, HTTPResponse& response) {
     request.set("User-Agent", kUserAgent);
     request.set("Accept-Encoding", "identity");
     request.setKeepAlive(false);
-    request.setHost(url.getHost(), url.getPort());  // the session knows the address only
+    request.setHost(url.getHost(), url.getPort());  // the session has only the address
     if (!url.getUserInfo().empty()) {
         std::string user;
         std::string password;

@@ -11,23 +11,22 @@
 
 namespace SDK {
 
-/// One HTTP or HTTPS connection whose waits the calling thread's CommandInterrupter ends, but, for
-/// https, the way through a proxy. Throws DownloadError, or what Poco throws.
+/// One HTTP or HTTPS connection. The calling thread's CommandInterrupter ends its waits, except the
+/// connection to https through a proxy. Throws DownloadError or Poco's exceptions. Not thread-safe.
 class HttpSession {
   public:
-    /// `proxy_url` and `ca_file` may be empty. Waits for the address of the
-    /// host, or of the proxy; connects with the first request.
+    /// `proxy_url` and `ca_file` may be empty. Blocks until the address of the host or proxy is
+    /// known; connects with the first request.
     HttpSession(const Poco::URI& url, const std::string& proxy_url, const std::string& ca_file,
                 const HttpUtils::Limits& limits);
     ~HttpSession();
     HttpSession(const HttpSession&) = delete;
     HttpSession& operator=(const HttpSession&) = delete;
 
-    /// Sends a GET and waits for the header of the answer; the stream is its body.
+    /// Sends a GET and blocks until the header of the answer; returns its body.
     std::istream& Get(const Poco::URI& url, Poco::Net::HTTPResponse& response);
 
-    /// Waits until the next bytes of `body` are there and hands out at most `size` of them; 0 at
-    /// the end.
+    /// Blocks until `body` has more bytes and reads at most `size` of them; 0 at the end.
     std::size_t Read(std::istream& body, char* data, std::size_t size);
 
   private:
@@ -36,7 +35,7 @@ class HttpSession {
 
     const HttpUtils::Limits limits_;
     std::unique_ptr<Poco::Net::HTTPClientSession> session_;
-    std::function<bool()> holds_bytes_;  // bytes that were received and not read yet
+    std::function<bool()> holds_bytes_;  // received bytes that were not read yet
 };
 
 }  // namespace SDK

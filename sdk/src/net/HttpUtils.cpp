@@ -1,5 +1,5 @@
-// Owns: the limits, and each thread's last error. The download itself is Download's, which runs on
-// the caller's thread; here its exceptions end.
+// Owns the limits and each thread's last error. Download does the work on the caller's thread; its
+// exceptions end here.
 #include "sdk/net/HttpUtils.h"
 
 #include <Poco/Exception.h>

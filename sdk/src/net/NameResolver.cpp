@@ -1,6 +1,5 @@
-// Owns: the look-ups under way, at most kMostLookups of them, each with its thread, which ends by
-// itself. It must not connect (SocketWait does). Nothing but the look-up waits, and never with the
-// lock held.
+// Owns the running lookups, at most kMostLookups, each with its own thread, which ends by itself.
+// Must not connect (SocketWait does). Never waits with the lock held.
 #include "net/NameResolver.h"
 
 #include <Poco/Exception.h>
@@ -8,9 +7,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
-#include <algorithm>
-#include <array>
-#include <cerrno>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,10 +16,8 @@
 #include <utility>
 
 #include "net/DownloadError.h"
+#include "net/SocketWait.h"
 #include "sdk/files/FileDescriptor.h"
-#include "sdk/text/StrUtils.h"
-#include "sdk/time/CommandInterrupter.h"
-#include "sdk/time/TimeUtils.h"
 
 namespace SDK {
 
@@ -33,10 +27,10 @@ using Poco::Net::IPAddress;
 
 constexpr std::size_t kMostLookups = 8;
 
-/// One look-up; shared by its thread and those who wait for it.
+/// One lookup, shared by its thread and its callers.
 struct Question {
-    FileDescriptor answered{::eventfd(0, EFD_CLOEXEC)};  // readable from the answer on
-    std::optional<IPAddress> address;                    // these two: written before that
+    FileDescriptor answered{::eventfd(0, EFD_CLOEXEC)};  // readable once answered
+    std::optional<IPAddress> address;                    // these two are written before that
     std::string failure;
 };
 
@@ -81,33 +75,14 @@ std::shared_ptr<Question> Ask(const std::string& host) {
     return question;
 }
 
-void WaitForAnswer(const Question& question, const std::string& host, int timeout_ms) {
-    const CommandInterrupter* interrupter = CommandInterrupter::Current();
-    const std::int64_t deadline = TimeUtils::GetMonotonicMs() + timeout_ms;
-    for (;;) {
-        std::array<pollfd, 2> ready{
-            {{question.answered.Get(), POLLIN, 0},
-             {interrupter == nullptr ? -1 : interrupter->Descriptor(), POLLIN, 0}}};
-        const std::int64_t left = std::max<std::int64_t>(0, deadline - TimeUtils::GetMonotonicMs());
-        const int count = ::poll(ready.data(), ready.size(), static_cast<int>(left));
-        if (count < 0 && errno != EINTR) throw DownloadError("poll failed");
-        if (count > 0 && ready[1].revents != 0) throw DownloadError("it was interrupted");
-        if (count > 0) return;
-        if (left == 0) {
-            throw DownloadError(
-                StrUtils::Format("no address of %s within %d ms", host.c_str(), timeout_ms));
-        }
-    }
-}
-
 }  // namespace
 
 IPAddress NameResolver::Resolve(const std::string& host, int timeout_ms) {
     IPAddress address;
     if (IPAddress::tryParse(host, address)) return address;
     const std::shared_ptr<Question> question = Ask(host);
-    WaitForAnswer(*question, host, timeout_ms);
-    const std::lock_guard<std::mutex> lock(mutex);  // what the thread wrote before is seen
+    WaitForDescriptor(question->answered.Get(), POLLIN, timeout_ms, "address of " + host);
+    const std::lock_guard<std::mutex> lock(mutex);  // makes the thread's writes visible
     if (!question->address) throw DownloadError("no address of " + host + ": " + question->failure);
     return *question->address;
 }

@@ -7,19 +7,18 @@
 
 namespace SDK {
 
-/// Finds the address of a host name without being held up by name servers that do not answer. The
-/// look-up itself cannot be ended, so it runs on a thread of its own that is left behind when the
-/// wait is over; who asks for the same name meanwhile waits for that one. Any thread.
+/// Finds the address of a host name with a timeout. A lookup cannot be interrupted, so it runs on
+/// its own thread, which may outlive the wait; further callers for that name share it. Thread-safe.
 class NameResolver {
   public:
-    /// The address of `host`, which may be an address itself. Throws DownloadError when the time is
-    /// up, when the calling thread's CommandInterrupter is interrupted, when the name has no
-    /// address, and when too many look-ups are without an answer.
+    /// The address of `host`, which may be an address already. Blocks at most `timeout_ms`. Throws
+    /// DownloadError after that time, when the thread's CommandInterrupter is interrupted, when the
+    /// name has no address, and when too many lookups are running.
     static Poco::Net::IPAddress Resolve(const std::string& host, int timeout_ms);
 
-    /// Blocks for as long as it takes; throws when there is no address.
+    /// Blocks until it has an address; throws when there is none.
     using Lookup = std::function<Poco::Net::IPAddress(const std::string& host)>;
-    /// Lets a test stand in for the system's resolver; null takes that back.
+    /// Replaces the system's resolver in tests; null restores it.
     static void SetLookup(Lookup lookup);
 };
 

@@ -6,8 +6,8 @@
 
 namespace SDK {
 
-/// Keeps SIGPIPE from the process while the object lives: OpenSSL writes to sockets without
-/// MSG_NOSIGNAL. For the calling thread only; a SIGPIPE of its own is taken away at the end.
+/// Blocks SIGPIPE for the calling thread while the object lives, since OpenSSL writes to sockets
+/// without MSG_NOSIGNAL. Discards a SIGPIPE of that time.
 class SigPipeGuard {
   public:
     SigPipeGuard() {

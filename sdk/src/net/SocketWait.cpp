@@ -15,14 +15,11 @@
 
 namespace SDK {
 
-void WaitForSocket(const Poco::Net::Socket& socket, short events, int timeout_ms,
-                   const std::string& what) {
-    const CommandInterrupter* interrupter = CommandInterrupter::Current();
+void WaitForDescriptor(int descriptor, short events, int timeout_ms, const std::string& what) {
     const std::int64_t deadline = TimeUtils::GetMonotonicMs() + timeout_ms;
     for (;;) {
         std::array<pollfd, 2> ready{
-            {{socket.impl()->sockfd(), events, 0},
-             {interrupter == nullptr ? -1 : interrupter->Descriptor(), POLLIN, 0}}};
+            {{descriptor, events, 0}, {CommandInterrupter::CurrentDescriptor(), POLLIN, 0}}};
         const std::int64_t left = deadline - TimeUtils::GetMonotonicMs();
         const int count =
             ::poll(ready.data(), ready.size(), static_cast<int>(std::max<std::int64_t>(0, left)));
@@ -33,6 +30,11 @@ void WaitForSocket(const Poco::Net::Socket& socket, short events, int timeout_ms
             throw DownloadError(StrUtils::Format("no %s within %d ms", what.c_str(), timeout_ms));
         }
     }
+}
+
+void WaitForSocket(const Poco::Net::Socket& socket, short events, int timeout_ms,
+                   const std::string& what) {
+    WaitForDescriptor(socket.impl()->sockfd(), events, timeout_ms, what);
 }
 
 Poco::Net::StreamSocket ConnectSocket(const Poco::Net::SocketAddress& address, int timeout_ms) {

@@ -7,8 +7,12 @@
 
 namespace SDK {
 
-/// Waits until the socket is ready for `events` (poll(2)). Throws DownloadError when the time is up
-/// ("no `what` within N ms") or the calling thread's CommandInterrupter is interrupted.
+/// Waits until the descriptor is ready for `events` (poll(2)). Throws DownloadError after
+/// `timeout_ms` ("no `what` within N ms") and when the calling thread's CommandInterrupter is
+/// interrupted. Thread-safe.
+void WaitForDescriptor(int descriptor, short events, int timeout_ms, const std::string& what);
+
+/// The same for a socket.
 void WaitForSocket(const Poco::Net::Socket& socket, short events, int timeout_ms,
                    const std::string& what);
 

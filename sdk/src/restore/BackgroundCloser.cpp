@@ -19,7 +19,7 @@ BackgroundCloser& BackgroundCloser::GetInstance() {
     return instance;
 }
 
-// Signals are for the process's other threads.
+// Other threads of the process handle signals.
 BackgroundCloser::BackgroundCloser() : process_(::getpid()) {
     sigset_t all;
     sigset_t former;

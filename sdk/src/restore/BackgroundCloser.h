@@ -11,15 +11,14 @@
 
 namespace SDK {
 
-/// Closes descriptors on a thread of its own. Closing the last handle of a file that has been
-/// removed waits until what was just written to it is on the disk: milliseconds, in which the next
-/// file could be restored. Any thread.
+/// Closes descriptors on its own thread. Closing the last descriptor of a removed file blocks for
+/// milliseconds until its data is on disk. Thread-safe.
 class BackgroundCloser {
   public:
     static BackgroundCloser& GetInstance();
     ~BackgroundCloser();
 
-    /// Takes the descriptor over; closes it at once when too many wait.
+    /// Takes ownership of the descriptor; closes it at once when too many are waiting.
     void Close(FileDescriptor descriptor);
 
   private:

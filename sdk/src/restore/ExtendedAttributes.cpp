@@ -7,23 +7,22 @@
 #include <cstring>
 #include <string_view>
 
+#include "sdk/text/StrUtils.h"
+
 namespace SDK {
 
 namespace {
 
-// What one call gives at most (XATTR_LIST_MAX, XATTR_SIZE_MAX) and what is tried first.
+// The kernel's limit (XATTR_LIST_MAX, XATTR_SIZE_MAX), and the first size to try.
 constexpr std::size_t kMaxSize = 64 * 1024;
 constexpr std::size_t kUsualSize = 256;
 
-bool BeginsWith(std::string_view text, std::string_view prefix) {
-    return text.substr(0, prefix.size()) == prefix;
-}
-
-/// The system's own attributes are views of other things, save for the ACLs. Who is not root may
-/// set only the user's and the ACLs.
-bool IsTaken(std::string_view name) {
-    if (BeginsWith(name, "system.")) return BeginsWith(name, "system.posix_acl_");
-    return BeginsWith(name, "user.") || ::geteuid() == 0;
+/// System attributes only show other data, except the ACLs. Without root only user attributes and
+/// ACLs can be set.
+bool IsRestored(std::string_view name) {
+    if (StrUtils::BeginsWith(name, "system."))
+        return StrUtils::BeginsWith(name, "system.posix_acl_");
+    return StrUtils::BeginsWith(name, "user.") || ::geteuid() == 0;
 }
 
 /// Calls `read(buffer, size)` with a buffer that is large enough.
@@ -41,7 +40,7 @@ int ReadWhole(std::string& text, Read read) {
 
 }  // namespace
 
-// setxattr(2) on the magic link leads to the opened object itself, also where that is a link.
+// This path leads to the open object itself, even when that is a link.
 ExtendedAttributeAccess::ExtendedAttributeAccess(int fd, bool is_path)
     : fd_(fd), path_(is_path ? "/proc/self/fd/" + std::to_string(fd) : "") {}
 
@@ -55,7 +54,7 @@ int ExtendedAttributeAccess::Read(ExtendedAttributes& found) const {
     for (std::size_t start = 0; start < names.size();) {
         const std::string name(names.c_str() + start);
         start += name.size() + 1;
-        if (!IsTaken(name)) continue;
+        if (!IsRestored(name)) continue;
         std::string value;
         if (Get(name, value) == 0) {
             found.emplace(name, std::move(value));
@@ -73,7 +72,7 @@ int ExtendedAttributeAccess::Make(const ExtendedAttributes& wanted) const {
     const auto note = [&error](int result) {
         if (result != 0 && error == 0) error = errno;
     };
-    // First what goes, as all of them may share one block.
+    // Removes first, since all attributes may share one block.
     for (const auto& [name, value] : present) {
         if (wanted.count(name) == 0) note(Remove(name));
     }

@@ -5,23 +5,23 @@
 
 namespace SDK {
 
-/// Values by name: all that this process may set but the system's own, and the POSIX ACLs. Raw
-/// bytes.
+/// Values by name: the attributes that this process can set, with the POSIX ACLs but without other
+/// system attributes. Raw bytes.
 using ExtendedAttributes = std::map<std::string, std::string>;
 
-/// Reads and sets the extended attributes of an open object of any kind, through its descriptor,
-/// which stays the caller's. One thread. 0, or -1 (errno). A file system that has none gives an
-/// empty set.
+/// Reads and sets the extended attributes of an open object of any kind; the caller keeps the
+/// descriptor. Operations give 0, or -1 (errno). A file system without attributes gives an empty
+/// set. Not thread-safe.
 class ExtendedAttributeAccess {
   public:
-    /// `is_path`: opened with O_PATH, as links and special files are: where /proc is
-    /// missing, these have none.
+    /// `is_path`: opened with O_PATH, as for links and special files. Without /proc these have no
+    /// attributes.
     ExtendedAttributeAccess(int fd, bool is_path);
 
     int Read(ExtendedAttributes& found) const;
 
-    /// Makes the object's those of `wanted`: sets what differs, removes what is not in it. Goes on
-    /// past what fails; errno is then that of the first failure.
+    /// Sets what differs from `wanted` and removes the rest. Continues after failures; errno is
+    /// that of the first one.
     int Make(const ExtendedAttributes& wanted) const;
 
   private:

@@ -24,9 +24,9 @@ int SetOwner(int fd, const struct stat& wanted) {
 }
 
 int SetMode(int fd, OpenedAs opened_as, mode_t mode) {
-    if (S_ISLNK(mode)) return 0;  // links have none of their own
+    if (S_ISLNK(mode)) return 0;  // links have no mode of their own
     if (opened_as == OpenedAs::kFile) return ::fchmod(fd, mode & kModeBits);
-    // The magic link leads to the opened object itself.
+    // This path leads to the open object itself.
     return ::chmod(("/proc/self/fd/" + std::to_string(fd)).c_str(), mode & kModeBits);
 }
 

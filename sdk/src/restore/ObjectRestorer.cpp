@@ -4,9 +4,9 @@
 
 #include <cerrno>
 
-#include "files/FileContent.h"
 #include "restore/ObjectAttributes.h"
 #include "restore/RestoreSteps.h"
+#include "sdk/time/CommandInterrupter.h"
 
 namespace SDK {
 
@@ -14,7 +14,8 @@ ObjectRestorer::Result ObjectRestorer::Restore(const PathAnchor::Entry& copy,
                                                const PathAnchor::Entry& live, off_t max_size,
                                                StagingDirectory* staging) {
     if (!copy.IsOpen() || !live.IsOpen()) return {Outcome::kFailed, EBADF, "find"};
-    if (FileContent::IsInterrupted()) return {Outcome::kInterrupted, ECANCELED, "start"};
+    if (CommandInterrupter::IsCurrentInterrupted())
+        return {Outcome::kInterrupted, ECANCELED, "start"};
     struct stat info {};
     if (::fstatat(copy.directory.Get(), copy.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
         return {Outcome::kFailed, errno, "look at the copy"};

@@ -17,7 +17,7 @@ namespace SDK {
 namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
-constexpr int kMaxTries = 8;  // random names that are all taken: not by chance
+constexpr int kMaxTries = 8;  // so many used random names are no coincidence
 
 std::string RandomName() {
     std::uint64_t number = 0;
@@ -27,7 +27,8 @@ std::string RandomName() {
     return std::string(ObjectRestorer::kTemporaryPrefix) + digits.data();
 }
 
-/// Calls `make(name)` with random names until one is free; that name, "" on failure (errno).
+/// Calls `make(name)` with random names until one is free. Returns that name; "" on failure
+/// (errno).
 template <typename Make>
 std::string MakeTemporary(Make make) {
     for (int tries = 0; tries < kMaxTries; ++tries) {
@@ -39,16 +40,12 @@ std::string MakeTemporary(Make make) {
     return {};
 }
 
-/// Whether the file system, or an old kernel, does not know files without a name.
+/// Whether the file system or kernel does not support files without a name.
 bool IsWithoutNamelessFiles(int error) {
     return error == EOPNOTSUPP || error == EISDIR || error == EINVAL || error == ENOSYS;
 }
 
-bool IsSameObject(const struct stat& one, const struct stat& other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
-/// Removes whatever bears the name, if anything does.
+/// Removes any object of that name; success when there is none.
 int RemoveAny(int directory, const std::string& name) {
     return DirUtils::DeleteAt(directory, name) == 0 || errno == ENOENT ? 0 : -1;
 }
@@ -56,7 +53,7 @@ int RemoveAny(int directory, const std::string& name) {
 }  // namespace
 
 PendingObject::~PendingObject() {
-    const int error = errno;  // of the failure that the caller is about to read
+    const int error = errno;  // keeps the errno that the caller reads next
     if (!temporary_.empty()) ::unlinkat(directory_, temporary_.c_str(), 0);
     errno = error;
 }
@@ -95,8 +92,8 @@ int PendingObject::CreateHardLink(int object) {
     return object_.IsOpen() ? NameTemporarily(object) : -1;
 }
 
-// Who may write to the directory can put something else there meanwhile, but nothing that is this
-// process's own and of that kind.
+// Another user may replace the object meanwhile, but not by one of this process's user and this
+// type.
 int PendingObject::OpenTemporary(mode_t type) {
     object_.Reset(::openat(directory_, temporary_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat info {};
@@ -108,8 +105,7 @@ int PendingObject::OpenTemporary(mode_t type) {
     return -1;
 }
 
-// The descriptor itself can be linked only by who may search all directories, and /proc may be
-// missing.
+// Linking a descriptor needs a privilege; without it /proc is used, which may be missing.
 int PendingObject::NameIt(int object, const std::string& name) const {
     if (::linkat(object, "", directory_, name.c_str(), AT_EMPTY_PATH) == 0) return 0;
     if (errno != ENOENT && errno != EPERM) return -1;
@@ -122,7 +118,7 @@ int PendingObject::NameTemporarily(int object) {
     return temporary_.empty() ? -1 : 0;
 }
 
-FailedStep PendingObject::PutInPlace(const std::string& name, bool is_taken) {
+FailedStep PendingObject::MoveIntoPlace(const std::string& name, bool is_taken) {
     if (temporary_.empty()) {
         if (!is_taken && NameIt(object_.Get(), name) == 0) return Verify(name);
         if (!is_taken && errno != EEXIST) return {"link", errno};
@@ -130,7 +126,7 @@ FailedStep PendingObject::PutInPlace(const std::string& name, bool is_taken) {
     }
     const FailedStep failed = Replace(name);
     if (!failed.IsNone()) return failed;
-    // rename(2) does nothing where both are names of one object; else there is nothing to remove.
+    // rename(2) does nothing when both are names of one object; otherwise the name is gone already.
     if (is_second_name_) ::unlinkat(directory_, temporary_.c_str(), 0);
     temporary_.clear();
     return Verify(name);
@@ -141,8 +137,8 @@ FailedStep PendingObject::Replace(const std::string& name) {
     return errno == EISDIR ? ReplaceDirectory(name) : FailedStep{"rename", errno};
 }
 
-// Exchanging puts the new object there at once, whatever the directory holds. Where the file system
-// cannot exchange, the directory has to go first.
+// An exchange is one step, whatever the directory holds. Where the file system cannot exchange, the
+// directory is removed first.
 FailedStep PendingObject::ReplaceDirectory(const std::string& name) {
     if (::renameat2(directory_, temporary_.c_str(), directory_, name.c_str(), RENAME_EXCHANGE) ==
         0) {
@@ -162,7 +158,7 @@ FailedStep PendingObject::Verify(const std::string& name) const {
     struct stat there {};
     if (::fstat(object_.Get(), &ours) != 0) return {"verify", errno};
     if (::fstatat(directory_, name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !IsSameObject(ours, there)) {
+        IdOf(ours) != IdOf(there)) {
         return {"verify", EAGAIN};
     }
     return {};

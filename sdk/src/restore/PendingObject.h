@@ -9,12 +9,12 @@
 
 namespace SDK {
 
-/// A new object in a directory, on its way to the name that it is meant for: made without a name,
-/// or with a random one where that cannot be, then put in place in one step. So whoever looks there
-/// sees the former object or the whole new one. What has not been put in place goes with it.
+/// A new object in a directory before it gets its final name. It is made without a name, or with a
+/// random one, and moved into place in one step, so readers see the old or the whole new object.
+/// The destructor removes an object that was not moved.
 ///
-/// The directory is the caller's, may belong to somebody hostile, and outlives the object. One
-/// thread; one Create* a life. 0, or -1 (errno).
+/// The directory is borrowed and may belong to a hostile user. Call one Create* once; 0, or -1
+/// (errno). Not thread-safe.
 class PendingObject {
   public:
     explicit PendingObject(int directory) : directory_(directory) {}
@@ -22,22 +22,22 @@ class PendingObject {
     PendingObject(const PendingObject&) = delete;
     PendingObject& operator=(const PendingObject&) = delete;
 
-    /// An empty file, mode 0600, opened for reading and writing; made in the directory `staging`
-    /// where that is not negative and allows it. It is then the caller's, too.
+    /// An empty file, mode 0600, opened for reading and writing. Made in the open directory
+    /// `staging` when that is not negative and supports it; the caller keeps that descriptor.
     int CreateFile(int staging = -1);
-    /// A symbolic link; opened by O_PATH, as the following are.
+    /// A symbolic link; opened with O_PATH, like the following.
     int CreateLink(const std::string& text);
     /// A pipe, socket or device, without any permission yet.
     int CreateSpecial(mode_t type, dev_t device);
-    /// Another name of the object that `object` has open.
+    /// Another name for the open object `object`.
     int CreateHardLink(int object);
 
     int Descriptor() const { return object_.Get(); }
 
-    /// Gives it the name `name` in place of whatever bears it, a directory with all that it holds
-    /// included; `is_taken` says whether something did a moment ago. EAGAIN when another object
-    /// stands there afterwards: somebody was quicker.
-    FailedStep PutInPlace(const std::string& name, bool is_taken);
+    /// Renames it to `name` and replaces any object there, a directory with everything in it.
+    /// `is_taken`: an object was there a moment ago. EAGAIN when another process has replaced the
+    /// new object.
+    FailedStep MoveIntoPlace(const std::string& name, bool is_taken);
 
   private:
     int NameIt(int object, const std::string& name) const;
@@ -50,7 +50,7 @@ class PendingObject {
     const int directory_;
     FileDescriptor object_;
     bool is_second_name_ = false;
-    std::string temporary_;  // in the directory; empty: it has no name to be removed
+    std::string temporary_;  // its temporary name; empty: none to remove
 };
 
 }  // namespace SDK

@@ -1,6 +1,6 @@
-// Restores single objects of each kind. It owns the order of steps; what content, attributes and a
-// replacement are is said in FileContent, ObjectAttributes and PendingObject. It must not resolve
-// paths (PathAnchor does) nor handle directories (TreeRestorer does).
+// Owns the order of steps that restore a single object. FileContent has content, ObjectAttributes
+// attributes, PendingObject the replacement. Must not resolve paths (PathAnchor does) or handle
+// directories (TreeRestorer does). Runs on the caller's thread.
 #include "restore/RestoreSteps.h"
 
 #include <fcntl.h>
@@ -25,17 +25,17 @@ bool IsSameState(const struct stat& one, const struct stat& other) {
            one.st_ctim.tv_nsec == other.st_ctim.tv_nsec;
 }
 
-/// True when making the live file `copy`'s gives it powers that it does not have now.
+/// True when the restored file gets privileges that it may not have now.
 bool GrantsPowers(const ObjectAttributes& copy) {
     return (copy.info.st_mode & (S_ISUID | S_ISGID)) != 0 ||
            copy.extended.count("security.capability") != 0;
 }
 
-/// The restore of one regular file. One use.
+/// The restore of one regular file. Call Run once.
 class FileRestore {
   public:
-    FileRestore(Place copy, Place live, StagingDirectory* staging)
-        : copy_place_(copy), live_(live), staging_(staging) {}
+    FileRestore(EntryRef copy, EntryRef live, StagingDirectory* staging)
+        : copy_entry_(copy), live_(live), staging_(staging) {}
 
     FailedStep Run() {
         FailedStep failed = OpenCopy();
@@ -56,7 +56,7 @@ class FileRestore {
     }
 
     FailedStep OpenCopy() {
-        source_.Reset(FileContent::Open(copy_place_.directory, copy_place_.name, copy_.info));
+        source_.Reset(FileContent::Open(copy_entry_.directory, copy_entry_.name, copy_.info));
         if (!source_.IsOpen()) return {"open the copy", errno};
         const ExtendedAttributeAccess access(source_.Get(), false);
         if (access.Read(copy_.extended) != 0) return {"read the extended attributes", errno};
@@ -66,18 +66,18 @@ class FileRestore {
         return {};
     }
 
-    /// Sets `is_done` where the live file has the copy's content and may stay.
+    /// Sets `is_done` when the live file has the copy's content and can stay.
     FailedStep KeepWhereEqual(const struct stat& live, bool& is_done) {
         if (live.st_size != copy_.info.st_size) return {};
-        // Reading a large file first would only delay it where its content is sure to differ.
+        // For a large file the time decides: its content is then sure to differ.
         if (!IsSmall() && live.st_mtim.tv_sec != copy_.info.st_mtim.tv_sec) return {};
         ObjectAttributes present;
-        former_.Reset(FileContent::Open(live_.directory, live_.name, present.info));
-        if (!former_.IsOpen() || present.info.st_ino != live.st_ino) return {};
-        const int equal = IsContentOf(former_.Get());
+        live_file_.Reset(FileContent::Open(live_.directory, live_.name, present.info));
+        if (!live_file_.IsOpen() || present.info.st_ino != live.st_ino) return {};
+        const int equal = IsContentOf(live_file_.Get());
         if (equal < 0 && errno == ECANCELED) return {"compare", ECANCELED};
         if (equal <= 0) return {};
-        const ExtendedAttributeAccess access(former_.Get(), false);
+        const ExtendedAttributeAccess access(live_file_.Get(), false);
         if (access.Read(present.extended) != 0) return {};
         const bool differs =
             StatDiffers(copy_.info, present.info) || present.extended != copy_.extended;
@@ -90,7 +90,7 @@ class FileRestore {
             return {};
         }
         is_done = true;
-        return ApplyAttributes(former_.Get(), OpenedAs::kFile, copy_);
+        return ApplyAttributes(live_file_.Get(), OpenedAs::kFile, copy_);
     }
 
     int IsContentOf(int file) const {
@@ -120,29 +120,29 @@ class FileRestore {
         if (::fstat(source_.Get(), &now) != 0 || !IsSameState(copy_.info, now)) {
             return {"copy", ESTALE};
         }
-        if (is_taken) HoldFormer();
-        const FailedStep failed = pending.PutInPlace(live_.name, is_taken);
-        if (former_.IsOpen()) BackgroundCloser::GetInstance().Close(std::move(former_));
+        if (is_taken) KeepLiveObjectOpen();
+        const FailedStep failed = pending.MoveIntoPlace(live_.name, is_taken);
+        if (live_file_.IsOpen()) BackgroundCloser::GetInstance().Close(std::move(live_file_));
         return failed.IsNone() ? not_set : failed;
     }
 
-    /// The rename must not wait for the file that it removes.
-    void HoldFormer() {
-        if (former_.IsOpen()) return;
-        former_.Reset(
+    /// Keeps the old file open, so that the rename does not wait for its removal.
+    void KeepLiveObjectOpen() {
+        if (live_file_.IsOpen()) return;
+        live_file_.Reset(
             ::openat(live_.directory, live_.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     }
 
-    const Place copy_place_;
-    const Place live_;
+    const EntryRef copy_entry_;
+    const EntryRef live_;
     StagingDirectory* const staging_;  // may be null
     FileDescriptor source_;
-    FileDescriptor former_;  // the live object, once it has been opened
+    FileDescriptor live_file_;  // the live object, when it is open
     ObjectAttributes copy_;
     std::string content_;  // of a small copy
 };
 
-FailedStep RestoreLink(Place copy, Place live) {
+FailedStep RestoreLink(EntryRef copy, EntryRef live) {
     SymbolicLink wanted;
     FailedStep failed = wanted.Read(copy.directory, copy.name);
     if (!failed.IsNone()) return failed;
@@ -158,12 +158,12 @@ FailedStep RestoreLink(Place copy, Place live) {
     if (pending.CreateLink(wanted.Text()) != 0) return {"create", errno};
     const FailedStep not_set =
         ApplyAttributes(pending.Descriptor(), OpenedAs::kPath, wanted.Attributes());
-    failed = pending.PutInPlace(live.name, found == 0);
+    failed = pending.MoveIntoPlace(live.name, found == 0);
     return failed.IsNone() ? not_set : failed;
 }
 
-/// The attributes of an object of any kind, which is not opened for it.
-FailedStep ReadByPath(Place place, ObjectAttributes& found) {
+/// The attributes of an object of any kind; opened with O_PATH only.
+FailedStep ReadByPath(EntryRef place, ObjectAttributes& found) {
     const FileDescriptor object(
         ::openat(place.directory, place.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!object.IsOpen()) return {"open", errno};
@@ -174,7 +174,7 @@ bool IsSpecial(mode_t mode) {
     return S_ISFIFO(mode) || S_ISSOCK(mode) || S_ISCHR(mode) || S_ISBLK(mode);
 }
 
-FailedStep RestoreSpecial(Place copy, Place live) {
+FailedStep RestoreSpecial(EntryRef copy, EntryRef live) {
     ObjectAttributes wanted;
     FailedStep failed = ReadByPath(copy, wanted);
     if (!failed.IsNone()) return failed;
@@ -191,13 +191,13 @@ FailedStep RestoreSpecial(Place copy, Place live) {
         return {"create", errno};
     }
     const FailedStep not_set = ApplyAttributes(pending.Descriptor(), OpenedAs::kPath, wanted);
-    failed = pending.PutInPlace(live.name, is_taken);
+    failed = pending.MoveIntoPlace(live.name, is_taken);
     return failed.IsNone() ? not_set : failed;
 }
 
 }  // namespace
 
-FailedStep RestoreObject(Place copy, Place live, mode_t mode, StagingDirectory* staging) {
+FailedStep RestoreObject(EntryRef copy, EntryRef live, mode_t mode, StagingDirectory* staging) {
     if (S_ISREG(mode)) return FileRestore(copy, live, staging).Run();
     return S_ISLNK(mode) ? RestoreLink(copy, live) : RestoreSpecial(copy, live);
 }

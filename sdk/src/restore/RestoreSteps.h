@@ -9,17 +9,17 @@
 
 namespace SDK {
 
-/// An object by the open directory that holds it and its name in there; both are borrowed.
-struct Place {
+/// An object as its open directory and its name there; both are borrowed.
+struct EntryRef {
     int directory;
     const std::string& name;
 };
 
-/// Makes `live` as `copy`, an object of the kind of `mode` that is no directory, as ObjectRestorer
-/// promises it, whatever its size. `staging` may be null.
-FailedStep RestoreObject(Place copy, Place live, mode_t mode, StagingDirectory* staging);
+/// Makes `live` equal to `copy`, an object of the type in `mode` that is not a directory, of any
+/// size; see ObjectRestorer. `staging` may be null. Thread-safe.
+FailedStep RestoreObject(EntryRef copy, EntryRef live, mode_t mode, StagingDirectory* staging);
 
-/// What is told about a restore whose first failure is `failed`.
+/// The result of a restore whose first failure is `failed`.
 ObjectRestorer::Result ResultOf(const FailedStep& failed);
 
 }  // namespace SDK

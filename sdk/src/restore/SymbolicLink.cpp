@@ -16,7 +16,7 @@ FailedStep SymbolicLink::Read(int directory, const std::string& name) {
     if (!link.IsOpen()) return {"open the link", errno};
     std::array<char, PATH_MAX> text{};
     const ssize_t length = ::readlinkat(link.Get(), "", text.data(), text.size());
-    // ENOENT is what an open object that is no link gives.
+    // An open object that is not a link gives ENOENT.
     if (length < 0) return {"read the link", errno == ENOENT ? EINVAL : errno};
     text_.assign(text.data(), static_cast<std::size_t>(length));
     return ReadAttributes(link.Get(), OpenedAs::kPath, attributes_);

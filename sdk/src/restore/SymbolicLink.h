@@ -6,16 +6,16 @@
 
 namespace SDK {
 
-/// What a symbolic link is: its text and its attributes. One thread.
+/// A symbolic link's text and attributes. Not thread-safe.
 class SymbolicLink {
   public:
-    /// Reads the link `name` in `directory`; EINVAL when it is none.
+    /// Reads the link `name` in `directory`; EINVAL when it is not a link.
     FailedStep Read(int directory, const std::string& name);
 
     const std::string& Text() const { return text_; }
     const ObjectAttributes& Attributes() const { return attributes_; }
 
-    /// True when a restore would change nothing about this one.
+    /// True when a restore to `wanted` would change nothing.
     bool IsAs(const SymbolicLink& wanted) const;
 
   private:

@@ -6,7 +6,7 @@
 namespace SDK {
 
 std::string CryptoCodeUtils::GenerateUUID() {
-    // Making a generator reads the system's random numbers; one goes on with its own.
+    // A new generator reads the system's random numbers; an existing one does not.
     thread_local Poco::UUIDGenerator generator;
     return generator.createRandom().toString();
 }

@@ -42,9 +42,9 @@ std::string FirstError(const std::string& messages) {
     return ToValidUtf8(text);
 }
 
-/// What JsonCpp lets pass even when it is strict: a comment between members, and a NUL byte, which
-/// it takes for the end of the text. Neither "/" nor NUL can stand outside a string. "" when all is
-/// well.
+/// Finds what JsonCpp accepts even in strict mode: a comment between members, and a NUL byte, which
+/// it takes for the end of the text. Neither "/" nor NUL is valid outside a string. "" when there
+/// is none.
 std::string FindLeniency(const char* text, std::size_t length) {
     bool in_string = false;
     int line = 1;
@@ -94,7 +94,7 @@ int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& o
                                                                     : FirstError(messages);
         if (error.empty()) return 0;
     } catch (const std::exception& exception) {
-        error = FirstError(exception.what());  // such as a nesting that is too deep
+        error = FirstError(exception.what());  // such as too deep nesting
     }
     out = Json::Value();
     return -1;
@@ -148,8 +148,8 @@ std::string JsonUtils::PointerTo(const std::string& base, std::string_view name)
 std::string JsonUtils::JsonToString(const Json::Value& value) {
     try {
         static const Json::StreamWriterBuilder builder = WriterBuilder();
-        // JsonCpp escapes control characters and passes all other bytes of strings on as they are;
-        // what is no UTF-8 can thus be mended in the written text.
+        // JsonCpp escapes control characters and copies all other bytes, so invalid UTF-8 can be
+        // replaced in the written text.
         return ToValidUtf8(Json::writeString(builder, value));
     } catch (const std::exception&) {
         return "null";

@@ -11,6 +11,14 @@ void StrUtils::Trim(std::string& text) {
     text.erase(0, text.find_first_not_of(kBlanks));
 }
 
+bool StrUtils::BeginsWith(std::string_view text, std::string_view prefix) {
+    return text.substr(0, prefix.size()) == prefix;
+}
+
+bool StrUtils::EndsWith(std::string_view text, std::string_view suffix) {
+    return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
+}
+
 std::string StrUtils::Format(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);

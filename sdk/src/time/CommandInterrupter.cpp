@@ -1,5 +1,6 @@
 #include "sdk/time/CommandInterrupter.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -38,8 +39,13 @@ CommandInterrupter::Scope::~Scope() {
     current_interrupter = previous_;
 }
 
-CommandInterrupter* CommandInterrupter::Current() {
-    return current_interrupter;
+int CommandInterrupter::CurrentDescriptor() {
+    return current_interrupter == nullptr ? -1 : current_interrupter->Descriptor();
+}
+
+bool CommandInterrupter::IsCurrentInterrupted() {
+    pollfd event{CurrentDescriptor(), POLLIN, 0};  // poll(2) ignores a negative descriptor
+    return ::poll(&event, 1, 0) > 0;
 }
 
 }  // namespace SDK

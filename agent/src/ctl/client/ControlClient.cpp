@@ -23,7 +23,7 @@ namespace {
 constexpr int kShortTimeoutS = 30;
 constexpr int kForbidden = 403;
 
-/// A socket that was connected by hand, where errno tells why it could not be.
+/// A socket that was connected before, so that errno tells why that failed.
 class ConnectedSocket : public Poco::Net::StreamSocket {
   public:
     explicit ConnectedSocket(int fd) : StreamSocket(new Poco::Net::StreamSocketImpl(fd)) {}

@@ -6,13 +6,13 @@
 
 namespace Ctl {
 
-/// What came back from the agent.
+/// The agent's answer.
 struct Answer {
     enum class Kind {
-        kAnswered,  ///< `status` and `body` are the agent's
-        kNoAgent,   ///< nobody listens, or whoever did went away before answering
-        kDenied,    ///< the socket may not be opened, or the agent turned us away
-        kBroken,    ///< no answer in time, or one that is not the agent's
+        kAnswered,  ///< the agent answered with `status` and `body`
+        kNoAgent,   ///< no agent listens, or it ended before it answered
+        kDenied,    ///< the socket cannot be opened, or the agent refused the client
+        kBroken,    ///< no answer in time, or not from an agent
     };
     Kind kind = Kind::kBroken;
     int status = 0;
@@ -20,13 +20,13 @@ struct Answer {
     std::string problem;  ///< a sentence, unless kAnswered
 };
 
-/// Talks to the control API on a Unix socket, one connection a request. One thread.
+/// Sends requests to the control API on a Unix socket, one connection per request. Not thread-safe.
 class ControlClient {
   public:
     explicit ControlClient(const std::string& socket_path) : socket_path_(socket_path) {}
 
-    /// Blocks for at most about `timeout_s` without a word from the agent. `address` is encoded
-    /// already.
+    /// Blocks; gives up after about `timeout_s` without data from the agent. `address` must be
+    /// encoded.
     Answer Send(const std::string& method, const std::string& address, const std::string& body,
                 int timeout_s) const;
 
@@ -39,7 +39,7 @@ class ControlClient {
     const std::string socket_path_;
 };
 
-/// One segment of an address.
+/// One encoded segment of an address.
 std::string Encoded(const std::string& segment);
 
 }  // namespace Ctl

@@ -4,7 +4,7 @@ namespace Ctl {
 
 /// Exit codes of morvanectl.
 constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;  ///< a tasklet's result, an unreadable file, an answer that is none
+constexpr int kExitFailed = 1;  ///< a tasklet's result, an unreadable file, an invalid answer
 constexpr int kExitUsage = 2;
 constexpr int kExitOff = 3;       ///< the policy was accepted, its feature is off
 constexpr int kExitRejected = 4;  ///< the policy was refused, or the tasklet is unknown

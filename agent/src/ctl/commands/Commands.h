@@ -6,10 +6,10 @@
 
 namespace Ctl {
 
-/// What "alarms" and "reports" are asked for.
+/// The options of "alarms" and "reports".
 struct ReportQuery {
     std::string kind;     ///< "", "cmd", "data" or "alarm"
-    long long since = 0;  ///< seconds back, or a time of the epoch when it is that large; 0: unset
+    long long since = 0;  ///< seconds back, or seconds since the epoch when that large; 0: unset
     bool has_since = false;
     int limit = 0;  ///< 0: the agent's default
     bool json = false;
@@ -17,8 +17,8 @@ struct ReportQuery {
     bool diff = false;
 };
 
-/// The commands of morvanectl. Each prints its result to standard output and what went wrong to
-/// standard error, and returns the exit code. `file` is a path, or "-" for standard input.
+/// The commands of morvanectl. Each prints its result to standard output and errors to standard
+/// error, and returns the exit code. `file` is a path, or "-" for standard input.
 int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file);
 int CheckPolicy(const ControlClient& client, const std::string& feature, const std::string& file);
 int ShowPolicy(const ControlClient& client, const std::string& feature);
@@ -29,12 +29,11 @@ int SetSecret(const ControlClient& client, const std::string& role);
 int ShowStatus(const ControlClient& client, bool json);
 int ShowReports(const ControlClient& client, const ReportQuery& query);
 
-/// Runs a tasklet; its own result is in `result` when the exit code is kExitOk. Otherwise what went
-/// wrong was printed.
+/// Runs a tasklet. kExitOk: its result is in `result`; otherwise the error has been printed.
 int CallTasklet(const ControlClient& client, const std::string& id, const std::string& request,
                 int& result);
 
-/// Prints what kept the agent from answering; the exit code for it.
-int Complain(const Answer& answer);
+/// Prints why the agent did not answer; returns the exit code.
+int PrintFailure(const Answer& answer);
 
 }  // namespace Ctl

@@ -17,7 +17,7 @@ using SDK::JsonUtils;
 
 namespace {
 
-/// A policy may have to wait for a running one, and for tasks that are inside a command.
+/// A policy may wait for another one, and for tasks that run commands.
 constexpr int kApplyTimeoutS = 300;
 constexpr int kUnknown = 404;
 constexpr int kTooLarge = 413;
@@ -45,7 +45,7 @@ bool Read(const std::string& file, std::string& text) {
 
 }  // namespace
 
-int Complain(const Answer& answer) {
+int PrintFailure(const Answer& answer) {
     std::cerr << Printable(answer.problem) << std::endl;
     return answer.kind == Answer::Kind::kNoAgent || answer.kind == Answer::Kind::kDenied
                ? kExitNoAgent
@@ -57,7 +57,7 @@ int ApplyPolicy(const ControlClient& client, const std::string& feature, const s
     if (!Read(file, text)) return kExitFailed;
     const Answer answer =
         client.Send(HTTPRequest::HTTP_PUT, Address(feature), text, kApplyTimeoutS);
-    if (answer.kind != Answer::Kind::kAnswered) return Complain(answer);
+    if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     if (answer.status != 200 && answer.status != kRefused) {
         const bool refused = answer.status == kBadRequest || answer.status == kTooLarge;
         std::cerr << "error: " << Printable(answer.problem) << std::endl;
@@ -76,7 +76,7 @@ int CheckPolicy(const ControlClient& client, const std::string& feature, const s
     if (!Read(file, text)) return kExitFailed;
     const Answer answer =
         client.Send(HTTPRequest::HTTP_POST, Address(feature) + "/check", text, kApplyTimeoutS);
-    if (answer.kind != Answer::Kind::kAnswered) return Complain(answer);
+    if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     if (answer.status != 200) {
         std::cerr << "error: " << Printable(answer.problem) << std::endl;
         return kExitRejected;
@@ -90,7 +90,7 @@ int CheckPolicy(const ControlClient& client, const std::string& feature, const s
 
 int ShowPolicy(const ControlClient& client, const std::string& feature) {
     const Answer answer = client.Get(Address(feature));
-    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return Complain(answer);
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return PrintFailure(answer);
     const std::string text = JsonUtils::GetStringValue(answer.body, "text", "");
     std::cout << text << (text.empty() || text.back() != '\n' ? "\n" : "") << std::flush;
     return kExitOk;
@@ -98,7 +98,7 @@ int ShowPolicy(const ControlClient& client, const std::string& feature) {
 
 int ListPolicies(const ControlClient& client) {
     const Answer answer = client.Get("/v1/policies");
-    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return Complain(answer);
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return PrintFailure(answer);
     const long long now_ms = SDK::TimeUtils::GetCurrentTimestampS() * 1000;
     for (const Json::Value& policy : answer.body["policies"]) {
         const Json::Value& applied = policy["applied_at"];
@@ -117,12 +117,12 @@ int CallTasklet(const ControlClient& client, const std::string& id, const std::s
                 int& result) {
     const Answer answer =
         client.Send(HTTPRequest::HTTP_POST, "/v1/tasklets/" + Encoded(id), request, kApplyTimeoutS);
-    if (answer.kind != Answer::Kind::kAnswered) return Complain(answer);
+    if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     if (answer.status == kUnknown) {
         std::cerr << Printable(answer.problem) << std::endl;
         return kExitRejected;
     }
-    if (answer.status != 200) return Complain(answer);
+    if (answer.status != 200) return PrintFailure(answer);
     result = JsonUtils::GetIntValue(answer.body, "result", -1);
     return kExitOk;
 }
@@ -139,7 +139,7 @@ int RunTasklet(const ControlClient& client, const std::string& id) {
 
 int ShowStatus(const ControlClient& client, bool json) {
     const Answer answer = client.Get("/v1/status");
-    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return Complain(answer);
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return PrintFailure(answer);
     if (json) {
         std::cout << JsonUtils::JsonToString(answer.body) << std::endl;
     } else {

@@ -1,5 +1,5 @@
-// Owns the position in the report store and the endurance of `--follow`.
-// Must not format anything (AlarmFormat does). Main thread of morvanectl.
+// Owns the position in the report store and the retries of `--follow`. Must not format reports
+// (AlarmFormat does). Runs on the main thread of morvanectl.
 #include "ctl/commands/ReportFollower.h"
 
 #include <poll.h>
@@ -20,34 +20,34 @@ constexpr int kPageSize = 500;
 constexpr int kWaitMs = 5000;
 constexpr int kRetryMs = 500;
 constexpr int kFollowTimeoutS = 30;
-/// A --since beyond this is a time of the epoch, not a number of seconds back.
+/// A larger --since is a time since the epoch, not a number of seconds back.
 constexpr long long kEpochFrom = 1000000000;
 
-/// Ends the program at once: what is printed is flushed line by line, with the signal held.
-extern "C" void EndCleanly(int) {
+/// Ends the program at once. Output is flushed per line, with the signals blocked.
+extern "C" void ExitOnSignal(int) {
     ::_exit(kExitOk);
 }
 
-/// Keeps SIGINT and SIGTERM away while it lives, so that no line is cut.
-class SignalsHeld {
+/// Blocks SIGINT and SIGTERM while it lives, so that lines are printed completely.
+class SignalBlocker {
   public:
-    SignalsHeld() {
+    SignalBlocker() {
         sigset_t signals;
         sigemptyset(&signals);
         sigaddset(&signals, SIGINT);
         sigaddset(&signals, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &signals, &before_);
     }
-    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsHeld(const SignalsHeld&) = delete;
-    SignalsHeld& operator=(const SignalsHeld&) = delete;
+    ~SignalBlocker() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalBlocker(const SignalBlocker&) = delete;
+    SignalBlocker& operator=(const SignalBlocker&) = delete;
 
   private:
     sigset_t before_{};
 };
 
-/// True when whoever read our output has gone.
-bool NobodyReads() {
+/// True when the reader of standard output has closed it.
+bool IsOutputClosed() {
     pollfd out{STDOUT_FILENO, 0, 0};
     return ::poll(&out, 1, 0) > 0 && (out.revents & POLLERR) != 0;
 }
@@ -86,13 +86,13 @@ ReportFollower::Page ReportFollower::ReadPage(int wait_ms) {
         failure_ = answer;
         return Page::kFailed;
     }
-    const SignalsHeld whole_lines;
+    const SignalBlocker whole_lines;
     const Json::Value& reports = answer.body["reports"];
     for (const Json::Value& report : reports) {
         if (report["seq"].isIntegral()) after_ = report["seq"].asInt64();
-        if (!sink_(report)) return Page::kEnough;
+        if (!sink_(report)) return Page::kStop;
     }
-    // A store that was begun anew counts from the beginning.
+    // A new store counts from the beginning.
     if (after_ > LastSeq(answer.body)) after_ = LastSeq(answer.body);
     return reports.size() < kPageSize ? Page::kEnd : Page::kMore;
 }
@@ -103,7 +103,7 @@ int ReportFollower::ReadStored() {
         page = ReadPage(0);
         if (!query_.has_since && page == Page::kMore) page = Page::kEnd;
     }
-    return page == Page::kFailed ? Complain(failure_) : kExitOk;
+    return page == Page::kFailed ? PrintFailure(failure_) : kExitOk;
 }
 
 bool ReportFollower::StartAtNewest() {
@@ -117,14 +117,14 @@ bool ReportFollower::StartAtNewest() {
 }
 
 int ReportFollower::Follow() {
-    std::signal(SIGINT, EndCleanly);
-    std::signal(SIGTERM, EndCleanly);
-    if (!query_.has_since && !StartAtNewest()) return Complain(failure_);
+    std::signal(SIGINT, ExitOnSignal);
+    std::signal(SIGTERM, ExitOnSignal);
+    if (!query_.has_since && !StartAtNewest()) return PrintFailure(failure_);
     bool was_there = !query_.has_since;
     bool told = false;
-    while (!NobodyReads()) {
+    while (!IsOutputClosed()) {
         const Page page = ReadPage(after_ >= 0 ? kWaitMs : 0);
-        if (page == Page::kEnough) return kExitOk;
+        if (page == Page::kStop) return kExitOk;
         if (page != Page::kFailed) {
             if (told) std::cerr << "The agent answers again." << std::endl;
             told = false;
@@ -132,7 +132,7 @@ int ReportFollower::Follow() {
             if (after_ < 0) after_ = 0;
             continue;
         }
-        if (!was_there || failure_.kind == Answer::Kind::kDenied) return Complain(failure_);
+        if (!was_there || failure_.kind == Answer::Kind::kDenied) return PrintFailure(failure_);
         if (!told) std::cerr << failure_.problem << " Trying again…" << std::endl;
         told = true;
         ::poll(nullptr, 0, kRetryMs);

@@ -9,23 +9,24 @@
 
 namespace Ctl {
 
-/// Reads reports page by page and, when asked, waits for new ones. One thread.
+/// Reads reports page by page and can wait for new ones. Not thread-safe.
 class ReportFollower {
   public:
-    /// Takes one report; false: enough.
+    /// Receives one report; false ends the reading.
     using Sink = std::function<bool(const Json::Value& report)>;
 
     ReportFollower(const ControlClient& client, const ReportQuery& query, Sink sink);
 
-    /// What is stored now; the exit code.
+    /// Reads the stored reports; returns the exit code.
     int ReadStored();
 
-    /// What is stored since the given time (nothing when none was given), then new ones, until a
-    /// signal ends the program or nobody reads its output. Goes on when the agent is restarted.
+    /// Reads the reports stored since the given time (none without one), then new ones, until a
+    /// signal ends the program or standard output is closed. Continues after a restart of the
+    /// agent.
     int Follow();
 
   private:
-    enum class Page { kMore, kEnd, kEnough, kFailed };
+    enum class Page { kMore, kEnd, kStop, kFailed };
 
     Page ReadPage(int wait_ms);
     bool StartAtNewest();
@@ -35,7 +36,7 @@ class ReportFollower {
     const ControlClient& client_;
     const ReportQuery query_;
     const Sink sink_;
-    long long after_ = -1;  ///< sequence number read last; -1: none yet
+    long long after_ = -1;  ///< last sequence number read; -1: none yet
     long long since_ = 0;
     Answer failure_;
 };

@@ -1,6 +1,6 @@
-// Takes passwords in. It must not keep nor print one, and none comes from the command line, where
-// everybody on the host could read it. The terminal is left to OpenSSL's prompt, which puts the
-// echo back when a signal ends it.
+// Reads passwords; owns none. Must not keep or print one, or take one from the command line, which
+// every user of the host can read. OpenSSL's prompt handles the terminal and restores the echo when
+// a signal ends it. Runs on the main thread.
 #include "ctl/commands/Secret.h"
 
 #include <openssl/crypto.h>
@@ -17,7 +17,7 @@ namespace Ctl {
 
 namespace {
 
-/// rsync reads its password file into 512 bytes and would cut off the rest without a word.
+/// rsync reads its password file into 512 bytes and ignores the rest silently.
 constexpr int kMaxPassword = 511;
 constexpr std::size_t kMaxLine = 4096;
 
@@ -44,7 +44,7 @@ bool AskTwice(const std::string& prompt, std::string& password, std::string& err
 }
 
 bool ReadLine(std::string& line, std::string& error) {
-    line.reserve(kMaxLine + 1);  // or growing would leave copies behind
+    line.reserve(kMaxLine + 1);  // growing would leave copies in memory
     while (line.size() <= kMaxLine) {
         char next = 0;
         const ssize_t count = ::read(STDIN_FILENO, &next, 1);
@@ -79,11 +79,11 @@ bool ReadPassword(const std::string& prompt, std::string& password, std::string&
     if (!(terminal ? AskTwice(prompt, password, error) : ReadLine(password, error))) return false;
     error = CheckPassword(password);
     if (error.empty()) return true;
-    Forget(password);
+    EraseSecret(password);
     return false;
 }
 
-void Forget(std::string& secret) {
+void EraseSecret(std::string& secret) {
     OPENSSL_cleanse(secret.data(), secret.size());
     secret.clear();
 }

@@ -4,17 +4,17 @@
 
 namespace Ctl {
 
-/// Takes a password in: typed twice, unseen, when standard input is a terminal, else the first line
-/// of standard input as it stands. False with a sentence in `error` when there is none or it is one
-/// that CheckPassword refuses; the sentence never holds the password. A signal that ends the
-/// program leaves the terminal as it was. Blocks until the line is there.
+/// Reads a password: twice without echo from a terminal, else the first line of standard input as
+/// it is. False with a sentence in `error`, which never contains the password, when there is none
+/// or CheckPassword refuses it. A signal that ends the program restores the terminal. Blocks until
+/// the line is complete.
 bool ReadPassword(const std::string& prompt, std::string& password, std::string& error);
 
-/// What keeps rsync from using it, as a sentence; empty when nothing does. Blanks, "#" and ":" are
-/// characters like others, wherever they stand.
+/// Why rsync cannot use the password, as a sentence; empty when it can. Blanks, "#" and ":" are
+/// allowed anywhere.
 std::string CheckPassword(const std::string& password);
 
-/// Overwrites what `secret` holds, then empties it.
-void Forget(std::string& secret);
+/// Overwrites the text of `secret`, then empties it.
+void EraseSecret(std::string& secret);
 
 }  // namespace Ctl

@@ -26,11 +26,11 @@ int SetSecret(const ControlClient& client, const std::string& role) {
     Json::Value request;
     request["passwd"] = password;
     std::string body = SDK::JsonUtils::JsonToString(request);
-    Forget(password);
+    EraseSecret(password);
     int result = 0;
     const int exit_code =
         CallTasklet(client, role == "server" ? kServerTasklet : kClientTasklet, body, result);
-    Forget(body);
+    EraseSecret(body);
     if (exit_code != kExitOk) return exit_code;
     if (result != 0) {
         std::cerr << "The agent could not write the password (result " << result

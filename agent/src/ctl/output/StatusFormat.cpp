@@ -15,7 +15,7 @@ using SDK::StrUtils;
 namespace {
 
 constexpr std::size_t kMaxPathColumn = 50;
-constexpr int kTimeColumn = 9;  ///< of a time of today
+constexpr int kTimeColumn = 9;  ///< width of a time of today
 constexpr int kPushes = 2;      ///< the backup type with copies on a backup server
 
 std::string Text(const Json::Value& object, const char* key) {
@@ -48,7 +48,7 @@ std::string FormatAgent(const Json::Value& status, long long now_ms) {
            "            " + Text(status, "installation_path") + "\n";
 }
 
-/// Nothing for a schedule without pauses.
+/// Empty for a schedule without pauses.
 std::string FormatSchedule(const Json::Value& status) {
     Json::Value schedule;
     if (!JsonUtils::GetSubobjectValue(status, "schedule", schedule)) return "";
@@ -141,7 +141,7 @@ std::string FormatBackup(const Json::Value& status) {
     return text + ", remote " + state("remote_pending") + "\n";
 }
 
-/// Nothing on a host that is no backup server.
+/// Empty on a host that is not a backup server.
 std::string FormatBackupServer(const Json::Value& status, long long now_ms) {
     Json::Value server;
     if (!JsonUtils::GetSubobjectValue(status, "backup_server", server) ||

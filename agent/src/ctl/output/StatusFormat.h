@@ -6,7 +6,7 @@
 
 namespace Ctl {
 
-/// The status document as a page for people. Members that are missing are left out.
+/// The status document as readable text. Missing members are left out.
 std::string FormatStatus(const Json::Value& status, long long now_ms);
 
 }  // namespace Ctl

@@ -14,16 +14,16 @@ namespace {
 
 constexpr long long kMsPerSecond = 1000;
 
-/// Characters that a terminal does not show as themselves: the control sets, and what hides text,
-/// breaks lines or changes the direction of writing.
-bool IsTreacherous(int code) {
+/// Characters that a terminal does not show as they are: control characters, and those that hide
+/// text, break lines or change the writing direction.
+bool IsUnsafeToPrint(int code) {
     return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0xad || code == 0x61c ||
            (code >= 0x200b && code <= 0x200f) || (code >= 0x2028 && code <= 0x202e) ||
            (code >= 0x2060 && code <= 0x206f) || code == 0xfeff ||
            (code >= 0xfff9 && code <= 0xfffb) || (code >= 0xe0000 && code <= 0xe007f);
 }
 
-/// The length of the UTF-8 character at the beginning of `text` and its code; 0 when it is none.
+/// The length and code of the UTF-8 character at the beginning of `text`; 0 when it is invalid.
 int Decode(std::string_view text, int& code) {
     static const Poco::UTF8Encoding utf8;
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
@@ -70,7 +70,7 @@ std::string Printable(std::string_view text, bool keep_tabs) {
         }
         if (code == '\\') {
             out += "\\\\";
-        } else if (IsTreacherous(code) && !(keep_tabs && code == '\t')) {
+        } else if (IsUnsafeToPrint(code) && !(keep_tabs && code == '\t')) {
             out += Escape(code);
         } else {
             out.append(text.substr(0, static_cast<std::size_t>(length)));

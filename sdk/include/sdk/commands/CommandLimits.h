@@ -4,12 +4,12 @@
 
 namespace SDK {
 
-/// What one command may use; 0 is no limit of ours. Counts for the process that is started, and
-/// anew for each process that this one starts; not for what a handler does in its place. The
-/// program meets the limit of memory as a failed allocation; it is killed when its time is used up.
+/// Resource limits of one command; 0 means none. They hold for the started process and, separately,
+/// for each process that it starts, but not for a handler. Beyond the memory limit allocations
+/// fail; at the end of its processor time the process is killed.
 struct CommandLimits {
     std::uint64_t address_space_bytes = 0;  ///< RLIMIT_AS
-    std::uint64_t cpu_seconds = 0;          ///< RLIMIT_CPU: of processor time
+    std::uint64_t cpu_seconds = 0;          ///< RLIMIT_CPU
 };
 
 }  // namespace SDK

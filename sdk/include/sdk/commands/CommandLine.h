@@ -5,9 +5,9 @@
 
 namespace SDK {
 
-/// The words of a command line that mean the same with and without a shell; empty when a shell is
-/// needed, or may be. Conservative: only plain words and double-quoted ones, and a program that is
-/// named with a "/" (any other name may be one that the shell itself knows). Any thread.
+/// The words of a command line that means the same with and without a shell; empty when it needs a
+/// shell, or may need one. Accepts only plain and double-quoted words, and only a program name with
+/// a "/", since a shell may know other names itself. Thread-safe.
 std::vector<std::string> SplitPlainCommand(const std::string& command);
 
 }  // namespace SDK

@@ -2,10 +2,10 @@
 
 namespace SDK {
 
-/// Looks at processes. Stateless; any thread.
+/// Examines processes. Stateless and thread-safe.
 class ProcessUtils {
   public:
-    /// True when a process with that id exists, also one of another user; a zombie is not alive.
+    /// True when a process with that id exists, also one of another user. False for a zombie.
     static bool IsProcessAlive(unsigned int pid);
 };
 

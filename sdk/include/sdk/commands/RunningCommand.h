@@ -14,30 +14,29 @@ namespace SDK {
 
 class ChildProcess;
 
-/// An external command that goes on while its starter does something else; what a command gets is
-/// said in ExecuteCmdUtils, which is for those that are waited for at once. Killed with its group
-/// when nobody has waited for it. One thread.
+/// An external command that runs while its starter does other work. ExecuteCmdUtils describes its
+/// environment. The destructor kills it with its process group when Wait was not called. Not
+/// thread-safe.
 class RunningCommand {
   public:
     static constexpr int kNoLimit = -1;
 
-    /// Starts `arguments[0]` (an absolute path), without a shell. The time of `timeout_ms` begins
-    /// now; it counts only for Wait. Does not start when the thread is interrupted. Blocks only
-    /// where the program has a handler, for as long as that works. The output of a command that
-    /// cannot be started says why.
+    /// Starts `arguments[0]` (an absolute path), without a shell; `timeout_ms` counts from now and
+    /// takes effect in Wait. Does not start when the thread is interrupted. Blocks only while the
+    /// program's handler works. When it cannot start, the output says why.
     RunningCommand(const std::vector<std::string>& arguments, int timeout_ms,
                    const CommandLimits& limits = {});
-    /// Starts a command line, with a shell where it needs one. No time limit but the thread's
-    /// CommandTimeLimit, which counts in the other form too when `timeout_ms` is kNoLimit.
+    /// Starts a command line, with a shell where it needs one. Only the thread's CommandTimeLimit
+    /// limits the time, as it does in the other form with kNoLimit.
     explicit RunningCommand(const std::string& line);
     ~RunningCommand();
     RunningCommand(const RunningCommand&) = delete;
     RunningCommand& operator=(const RunningCommand&) = delete;
 
-    /// Blocks until the command has ended or its time is up, and kills it then. Nobody reads the
-    /// output before: a command that writes more than a pipe holds (64 KiB) waits for this. 0 when
-    /// it ran to its end (the code is then in `exit_code`), else one of the negative results of
-    /// ExecuteCmdUtils (`exit_code` is -1). Once only.
+    /// Blocks until the command ends or its time is over; then it is killed. A command that writes
+    /// more than a pipe holds (64 KiB) blocks until Wait reads its output. Returns 0 when it ended
+    /// by itself, with its code in `exit_code`; else a negative result of ExecuteCmdUtils, with -1
+    /// in `exit_code`. Call once.
     int Wait(int& exit_code, std::string& output, std::size_t max_output);
 
   private:
@@ -50,7 +49,7 @@ class RunningCommand {
     const std::int64_t deadline_ms_;
     const CommandLimits limits_;
     std::unique_ptr<ChildProcess> child_;
-    std::optional<CommandAnswer> answer_;  ///< what stands for a process: kDone or kRefused
+    std::optional<CommandAnswer> answer_;  ///< kDone or kRefused: there is no process
     bool is_interrupted_ = false;
 };
 

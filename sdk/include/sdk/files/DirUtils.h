@@ -6,33 +6,31 @@
 
 namespace SDK {
 
-/// Looks at, makes and removes directories. Stateless; any thread. 0 is success, -1 failure
-/// (errno).
+/// Examines, makes and removes directories. Stateless and thread-safe. Operations that return int
+/// give 0 on success and -1 on failure (errno).
 class DirUtils {
   public:
-    /// True when `path` is a directory itself: a symbolic link to a directory is not one, however
-    /// it is spelled (a trailing "/" is ignored), since callers decide by it what may be deleted.
+    /// True when `path` is a directory, not a symbolic link to one; a trailing "/" is ignored.
+    /// Callers decide by it what they may delete.
     static bool IsDir(const std::string& path);
 
-    /// Removes the directory `path` with all that it holds. Never follows a symbolic link, also not
-    /// one that is put in place of a directory meanwhile. A missing directory is a failure; goes on
-    /// past what cannot be removed and then fails. Refuses "/".
+    /// Removes the directory `path` and everything in it. Never follows a symbolic link, also not
+    /// one that replaces a directory meanwhile. Continues after an object that cannot be removed
+    /// and then fails. A missing directory is a failure. Refuses "/".
     static int DeleteDir(const std::string& path);
 
-    /// Removes what lies at `path` below the directory `root`, whatever it is; a directory with all
-    /// that it holds. Never follows a symbolic link, neither at `root` itself nor anywhere below
-    /// it, also not one that is put there meanwhile: a link on the way is a failure (ENOTDIR), a
-    /// link at its end is removed itself. `path` is relative; ".." in it is refused (EINVAL). A
-    /// missing object is a failure (ENOENT).
+    /// Removes the object at `path` below the directory `root`; a directory with everything in it.
+    /// Never follows a symbolic link, neither at `root` nor below: a link on the way is a failure
+    /// (ENOTDIR), a link at the end is removed itself. `path` must be relative and without ".."
+    /// (EINVAL). A missing object is a failure (ENOENT).
     static int DeleteBeneath(const std::string& root, const std::string& path);
 
-    /// Removes `name` in the directory that is open as `directory`, whatever it is; a directory
-    /// with all that it holds. Never follows a symbolic link. A missing object is a failure
-    /// (ENOENT).
+    /// Removes `name` in the open directory `directory`; a directory with everything in it. Never
+    /// follows a symbolic link. A missing object is a failure (ENOENT).
     static int DeleteAt(int directory, const std::string& name);
 
-    /// Makes the directory `path` with all missing parents, each with `mode` (whatever the umask).
-    /// An existing directory is success and keeps its mode.
+    /// Makes the directory `path` and all missing parents, each with exactly `mode`, whatever the
+    /// umask. An existing directory is success and keeps its mode.
     static int MakeDirs(const std::string& path, mode_t mode);
 };
 

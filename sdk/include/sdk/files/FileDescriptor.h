@@ -6,7 +6,7 @@
 
 namespace SDK {
 
-/// Owns one file descriptor and closes it. Movable; -1 is none. One thread at a time.
+/// Owns one file descriptor and closes it; -1 means none. Movable. Not thread-safe.
 class FileDescriptor {
   public:
     FileDescriptor() = default;

@@ -10,52 +10,50 @@
 
 namespace SDK {
 
-/// A directory that is opened once and held; what lies below it is resolved from it and not from
-/// the root of the file system. So nobody who may write below it, or moves it away, can lead the
-/// caller out of it.
+/// A directory that stays open, so that paths below it are resolved from it and not from the file
+/// system's root. Users who may write below the directory, or move it, cannot redirect the caller.
 ///
-/// A path `below` is relative, raw bytes, of any length; "" is the anchor itself, a trailing "/" is
-/// ignored. No symbolic link is followed in it, also not at its end. Every operation fails with
-/// EINVAL for an absolute path, for ".." and for a NUL byte in it; with ELOOP or ENOTDIR for a link
-/// or another object on the way; with ENOENT for what is missing. Mount points are crossed.
+/// A path `below` is relative, raw bytes, of any length; "" is the anchor itself; a trailing "/" is
+/// ignored. Symbolic links are never followed, also not at the end. Mount points are crossed. Every
+/// operation fails with EINVAL for an absolute path, "..", or a NUL byte; with ELOOP or ENOTDIR for
+/// a link or another object on the way; with ENOENT for a missing object.
 ///
-/// Immutable once open: any number of threads. The descriptors handed out are the caller's.
+/// Immutable after Open, so thread-safe. The caller owns the descriptors that it gets.
 class PathAnchor {
   public:
-    /// An object by the directory that holds it and its name in there. While `directory` is held,
-    /// operations such as openat(2) on the two cannot be led elsewhere, provided that they do not
-    /// follow a link at `name`.
+    /// An object as its open parent directory and its name there. While `directory` is open, calls
+    /// such as openat(2) with both cannot be redirected if they do not follow a link at `name`.
     struct Entry {
-        FileDescriptor directory;  // not open: it could not be resolved (errno)
+        FileDescriptor directory;  // not open when it could not be resolved (errno)
         std::string name;          // one component, neither "." nor ".."
 
         bool IsOpen() const { return directory.IsOpen(); }
     };
 
-    /// Opens the directory `path`. Links on the way to it are followed, its last component must be
-    /// none (ENOTDIR or ELOOP). Null on failure (errno). Does not block on a pipe or device.
+    /// Opens the directory `path`. Follows links on the way, but its last component must not be a
+    /// link (ENOTDIR or ELOOP). Null on failure (errno). Does not block on a pipe or device.
     static std::unique_ptr<PathAnchor> Open(const std::string& path);
 
-    /// Takes over a directory that is open already (O_RDONLY), as the one at `path`. Null on
-    /// failure (errno).
+    /// Takes ownership of an open directory (O_RDONLY) as the one at `path`. Null on failure
+    /// (errno).
     static std::unique_ptr<PathAnchor> Hold(FileDescriptor directory, const std::string& path);
 
     /// As given to Open, without trailing "/" or "/.".
     const std::string& Path() const { return path_; }
 
-    /// The directory (O_RDONLY, close-on-exec); stays the anchor's. Its file offset is shared: who
-    /// wants to list the directory opens it with OpenDirectory("").
+    /// The directory (O_RDONLY, close-on-exec); the anchor keeps ownership. Its file offset is
+    /// shared: list the directory through OpenDirectory("") instead.
     int Descriptor() const { return directory_.Get(); }
 
-    /// True while Path() leads to this very directory: false once it, or a directory above it, has
-    /// been moved, removed, replaced or mounted over.
+    /// True while Path() leads to this directory; false when it or a parent was moved, removed,
+    /// replaced or mounted over.
     bool IsInPlace() const;
 
     /// Opens the directory `below` for reading and listing; not open on failure (errno).
     FileDescriptor OpenDirectory(std::string_view below) const;
 
-    /// Opens the directory that holds `below` (O_PATH: to resolve names in it, not to list it).
-    /// The object itself need not exist. EINVAL for "" and for a path that ends in ".".
+    /// Opens the parent directory of `below` (O_PATH: for resolving names, not for listing). The
+    /// object itself may be missing. EINVAL for "" and for a path that ends in ".".
     Entry OpenParent(std::string_view below) const;
 
     /// Describes the object `below` as lstat(2) does. 0, or -1 (errno).

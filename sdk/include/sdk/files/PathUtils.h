@@ -4,20 +4,30 @@
 
 namespace SDK {
 
-/// Where the agent lies, and the parts of a path. Any thread.
+/// The installation path, and the text of paths. Thread-safe.
 class PathUtils {
   public:
-    /// The installation path, ending in "/": the parent of the folder that holds libsdk.so, or what
-    /// SetInstallationPath has set.
+    /// The installation path with a trailing "/": the parent of the folder of libsdk.so, or the
+    /// path set by SetInstallationPath.
     static void GetInstallationPath(std::string& path);
     static std::string GetInstallationPath();
 
-    /// Sets another installation path (a missing trailing "/" is added); empty takes it back.
+    /// Sets another installation path; a missing trailing "/" is added. Empty restores the default.
     static void SetInstallationPath(const std::string& path);
 
-    /// The path up to and without its last "/"; a trailing "/" of `path` is ignored. "/a" gives
-    /// "/", a name without "/" gives "".
+    /// `path` up to its last "/", without it; a trailing "/" of `path` is ignored. "/a" gives "/",
+    /// a name without "/" gives "".
     static std::string GetDirFromPath(const std::string& path);
+
+    /// `path` with a "/" at its end, added when it is missing.
+    static std::string WithTrailingSlash(std::string path);
+
+    /// `path` without "/" at its end: lstat(2) and open(2) would follow a link before it. "/"
+    /// stays.
+    static std::string WithoutTrailingSlash(std::string path);
+
+    /// `path` when it is absolute, else the path below the installation path.
+    static std::string BelowInstallation(const std::string& path);
 };
 
 }  // namespace SDK

@@ -2,8 +2,8 @@
 
 namespace SDK {
 
-/// The agent's CPU-limit service: keeps a busy thread near a share of one core. Off by default. Any
-/// thread. A tick is a microsecond of the calling thread's CPU time (TimeUtils).
+/// The agent's CPU limit: keeps busy threads near a share of one core each. Off by default.
+/// Thread-safe. A tick is one microsecond of the calling thread's CPU time (TimeUtils).
 class InnerCpuCtrlUtils {
   public:
     /// Sets the limit in percent of one core, 1 to 100; 0 switches it off.
@@ -14,9 +14,9 @@ class InnerCpuCtrlUtils {
     /// How many ticks a thread may run before it must yield.
     static unsigned long GetSuggestedRunTick();
 
-    /// Makes the calling thread, which has used `used` ticks since it last yielded, rest as long as
-    /// the limit asks, at most a second; ends early when the thread's CommandInterrupter is
-    /// interrupted. `file`, `line` and `task` name the caller in a trace record.
+    /// Lets the calling thread sleep after `used` ticks of work, as long as the limit asks but at
+    /// most a second. Ends early when the thread's CommandInterrupter is interrupted. `file`,
+    /// `line` and `task` name the caller in a trace record.
     static void AdjustThreadCpu(const char* file, int line, const char* task, unsigned long now,
                                 unsigned long used);
 };

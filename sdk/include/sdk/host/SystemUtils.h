@@ -4,7 +4,7 @@
 
 namespace SDK {
 
-/// What this host is. Any thread.
+/// Properties of this host. Thread-safe.
 class SystemUtils {
   public:
     /// Operating-system families as GetOsName numbers them. The first two are the releases of the

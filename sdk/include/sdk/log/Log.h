@@ -13,8 +13,8 @@ namespace SDK {
 /// into `file`, which must be a literal, as log records keep only the pointer.
 const char* SourceBaseName(const char* file);
 
-/// Formats with Poco::format and logs; skipped when the logger is missing or does not admit the
-/// priority. Never throws: what fails while formatting or writing is dropped. Use SDK_LOG.
+/// Formats with Poco::format and logs. Does nothing when the logger is null or filters the
+/// priority. Never throws: a record that cannot be formatted or written is dropped. Use SDK_LOG.
 template <typename... Args>
 void LogFormatted(Poco::Logger* logger, Poco::Message::Priority priority, const char* file,
                   int line, const char* format, Args&&... args) {
@@ -33,8 +33,8 @@ void LogFormatted(Poco::Logger* logger, Poco::Message::Priority priority, const 
 
 }  // namespace SDK
 
-/// The source file that a record names. A source of a class that has several defines it, before any
-/// include, as the class's main one, a literal: operators look for records by that name.
+/// The source file that a record names. A class with several sources defines it before any include
+/// as its main source, a literal: operators search for records by that name.
 #ifndef SDK_LOG_FILE
 #define SDK_LOG_FILE __FILE__
 #endif

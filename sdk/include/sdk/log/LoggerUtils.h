@@ -7,7 +7,7 @@
 
 namespace SDK {
 
-/// The agent's log: one root logger and one logger per module. Any thread.
+/// The agent's log: one root logger and one logger per module. Thread-safe.
 class LoggerUtils {
   public:
     struct Settings {
@@ -21,19 +21,19 @@ class LoggerUtils {
 
     static LoggerUtils* GetInstance();
 
-    /// Sends all loggers to rotated files, through a bounded queue of its own thread: logging never
-    /// blocks the caller, and what is dropped when the queue is full is counted. False when the
-    /// directory cannot be made or written; `error` says why.
+    /// Sends all loggers to rotated files through a bounded queue with its own thread. Logging
+    /// never blocks; a full queue drops records and counts them. False when the directory cannot be
+    /// made or written; `error` says why.
     bool Configure(const Settings& settings, std::string& error);
 
-    /// Writes out what is queued and closes the files; loggers stay valid and are silent.
+    /// Writes the queued records and closes the files. Loggers stay valid and discard records.
     void Shutdown();
 
-    /// Records dropped because the queue was full or the file could not be written, since the
-    /// start. The log itself says "dropped N log records" as soon as it can again.
+    /// Records dropped since the start, because the queue was full or the file could not be
+    /// written. The log itself reports "dropped N log records" as soon as it can.
     unsigned long DroppedRecords() const;
 
-    /// Never null, but quiet until Configure.
+    /// Never null; discards records until Configure.
     Poco::Logger* GetRootLogger();
 
     /// The logger of that name, a child of the root. `level` 0 takes the root's, others are Poco's.

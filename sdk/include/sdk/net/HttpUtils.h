@@ -5,27 +5,28 @@
 
 namespace SDK {
 
-/// Downloads files. Any thread; calls may run side by side, also to the same target.
+/// Downloads files. Thread-safe; calls may run at the same time, also with the same target.
 class HttpUtils {
   public:
     static HttpUtils* GetInstance();
 
-    /// Fetches `url` (http, https verified against the system's certificates or `ca_file`, or
-    /// file:) to the file `target`, following redirects, never from https down to http or to file:.
-    /// `sha256` is the expected digest in hex, either case; empty is a failure. Written to a
-    /// temporary file beside `target` and renamed when the digest is right: on failure the old file
-    /// stays as it was and nothing is left behind. `proxy_url` and `ca_file` may be empty. Ends
-    /// early when the calling thread's CommandInterrupter is interrupted; only the way of https
-    /// through a proxy is waited for, and a TLS record that has begun. 0 on success, otherwise -1;
-    /// LastError tells why.
+    /// Downloads `url` (http:, file:, or https: verified against the system's certificates or
+    /// `ca_file`) to the file `target`. Follows redirects, but never from https to http or to file.
+    /// `sha256` is the expected digest in hex, either case; empty is a failure. `proxy_url` and
+    /// `ca_file` may be empty.
+    ///
+    /// Writes a temporary file beside `target` and renames it when the digest matches; a failure
+    /// leaves the old file and nothing else. Blocks; ends early when the calling thread's
+    /// CommandInterrupter is interrupted, except during the connection to https through a proxy and
+    /// inside a TLS record. 0 on success, else -1; LastError gives the reason.
     int Download(const std::string& url, const std::string& target, const std::string& sha256,
                  const std::string& proxy_url, const std::string& ca_file);
 
-    /// In words, why the calling thread's last Download failed; empty after a success.
+    /// The reason why the calling thread's last Download failed; empty after a success.
     std::string LastError() const;
 
     struct Limits {
-        int resolve_timeout_ms = 5000;  ///< for the address of a host name
+        int resolve_timeout_ms = 5000;  ///< to find the address of a host name
         int connect_timeout_ms = 10000;
         int stall_timeout_ms = 30000;  ///< longest wait for the next bytes
         std::int64_t max_bytes = 512LL * 1024 * 1024;

@@ -5,7 +5,7 @@
 
 namespace SDK {
 
-/// This host's addresses. Stateless; any thread.
+/// This host's addresses. Stateless and thread-safe.
 class IpUtils {
   public:
     /// Replaces `list` by the addresses of all interfaces that are up, IPv4 and IPv6, as text

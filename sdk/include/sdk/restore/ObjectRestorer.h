@@ -9,14 +9,14 @@
 
 namespace SDK {
 
-/// Puts one regular file or symbolic link back from its copy without a process: as rsync with
-/// --archive --xattrs --checksum does it, but through held directories only and in one step for
-/// whoever looks. Stateless; any thread.
+/// Restores one regular file or symbolic link from its copy without a process. The result is that
+/// of rsync with --archive --xattrs --checksum, but through open directories only, and readers see
+/// one step. Stateless and thread-safe.
 class ObjectRestorer {
   public:
     enum class Outcome {
-        kRestored,     ///< `live` is as `copy`; perhaps it has been all along
-        kUnusual,      ///< `copy` is no file or link, or larger than asked for: nothing was changed
+        kRestored,     ///< `live` equals `copy`, now or all along
+        kUnusual,      ///< `copy` is no file or link, or too large: nothing was changed
         kInterrupted,  ///< by the thread's CommandInterrupter: nothing was changed
         kFailed,       ///< see `step` and `error`
     };
@@ -27,22 +27,23 @@ class ObjectRestorer {
     };
 
     static constexpr off_t kMaxSize = 256 * 1024 * 1024;
-    /// With 16 hexadecimal digits: the name under which new content waits for its rename.
+    /// The prefix of temporary names; 16 hexadecimal digits follow.
     static constexpr const char* kTemporaryPrefix = ".morvane-restore-";
 
-    /// Makes `live` as `copy`: content (holes stay holes), owner, mode, time of modification,
-    /// extended attributes and access ACL; what `copy` does not have of these is taken away.
+    /// Makes `live` equal to `copy`: content (holes stay holes), owner, mode, modification time,
+    /// extended attributes and access ACL. Attributes that `copy` does not have are removed.
     ///
-    /// A new file is written in `staging`, or beside `live` where that is null or cannot be used,
-    /// without a name as long as possible; other objects are made beside `live`. It is then renamed
-    /// over `live`. Nothing is followed, whatever others do in the directory meanwhile; a directory
-    /// in the way goes with all that it holds. The same object stays only where nothing but its
-    /// attributes differs, it has this one name, and neither its owner nor a setuid or setgid bit
-    /// is to be set: a handle that somebody has kept on it must not become one on another's file.
+    /// A new file is written in `staging`, or beside `live` when that is null or cannot be used,
+    /// without a name where possible; other objects are made beside `live`. It is then renamed over
+    /// `live`.
+    /// No link is followed, whatever others do in the directory meanwhile. A directory in its place
+    /// is removed with everything in it. The existing object is kept only when nothing but
+    /// attributes differ, it has one name, and neither its owner nor a setuid or setgid bit
+    /// changes: an open handle of another user must not become one on a privileged file.
     ///
-    /// When only attributes cannot be set, the content is in place all the same and the outcome is
-    /// kFailed. ESTALE: the copy changed meanwhile; EAGAIN: somebody replaced the restored object
-    /// at the same moment. Blocks for the copying only, on no pipe and no lease; nothing is synced.
+    /// When only attributes cannot be set, the content is restored and the outcome is kFailed.
+    /// ESTALE: the copy changed meanwhile. EAGAIN: another process replaced the restored object.
+    /// Blocks only for copying, never on a pipe or a lease; does not sync.
     static Result Restore(const PathAnchor::Entry& copy, const PathAnchor::Entry& live,
                           off_t max_size = kMaxSize, StagingDirectory* staging = nullptr);
 };

@@ -4,7 +4,7 @@
 
 namespace SDK {
 
-/// Identifiers and codes. Stateless; any thread.
+/// Identifiers and codes. Stateless and thread-safe.
 class CryptoCodeUtils {
   public:
     /// A fresh random UUID in its 36-character lower-case form.

@@ -8,16 +8,16 @@
 
 namespace SDK {
 
-/// Reads and writes JSON (JsonCpp). Stateless; any thread; never throws. The getters return the
-/// default (or false) when `object` is no object, the member is missing, or it is of another type:
-/// a "1" is no integer, a 1.5 neither, and an integer outside the range of int neither.
+/// Reads and writes JSON (JsonCpp). Stateless and thread-safe; never throws. The getters return the
+/// default (or false) when `object` is not an object, or the member is missing or of another type:
+/// "1", 1.5 and an integer outside the range of int are not integers.
 class JsonUtils {
   public:
     /// Parses `length` bytes; 0 when they are one JSON object or array, -1 otherwise (`out` is then
     /// null). Refuses trailing text, duplicate keys, comments and a nesting deeper than 256.
     static int ParseJsonStr(const char* text, std::size_t length, Json::Value& out);
 
-    /// The same; `error` says in words what is wrong, with line and column.
+    /// The same; `error` describes the fault with its line and column.
     static int ParseJsonStr(const char* text, std::size_t length, Json::Value& out,
                             std::string& error);
 
@@ -28,11 +28,11 @@ class JsonUtils {
     static std::string GetStringValue(const Json::Value& object, const char* key,
                                       const char* fallback);
 
-    /// The JSON pointer to the member `name` of what `base` points to.
+    /// The JSON pointer to the member `name` of the value at the pointer `base`.
     static std::string PointerTo(const std::string& base, std::string_view name);
 
-    /// One line, no white space outside strings, without a line end. Always valid UTF-8, whatever
-    /// bytes the strings hold: a byte that is no UTF-8 is written as U+FFFD.
+    /// One line without white space outside strings and without a line end. Always valid UTF-8: a
+    /// byte that is not UTF-8 is written as U+FFFD.
     static std::string JsonToString(const Json::Value& value);
 };
 

@@ -4,8 +4,8 @@
 
 namespace SDK {
 
-/// `text` with U+FFFD in place of every byte that is no part of valid UTF-8; valid text comes back
-/// as it is. Stateless; any thread.
+/// `text` with U+FFFD for every byte that is not valid UTF-8; valid text is returned unchanged.
+/// Stateless and thread-safe.
 std::string ToValidUtf8(std::string text);
 
 }  // namespace SDK

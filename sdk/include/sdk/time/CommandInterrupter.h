@@ -4,9 +4,8 @@ namespace SDK {
 
 /// Lets another thread interrupt the external commands of one thread.
 ///
-/// The owner (a task's thread) opens a Scope; from then on every ExecuteCmd of that thread ends
-/// early, its process group killed, once Interrupt has been called, until Reset. Interrupt and
-/// Reset may be called from any thread.
+/// The owner (a task's thread) opens a Scope. After Interrupt, every ExecuteCmd of that thread ends
+/// early, its process group killed, until Reset. Interrupt and Reset are thread-safe.
 class CommandInterrupter {
   public:
     CommandInterrupter();
@@ -17,10 +16,10 @@ class CommandInterrupter {
     void Interrupt();
     void Reset();
 
-    /// Readable while an interruption is in force; for poll(2).
+    /// Readable while the interrupter is interrupted; for poll(2).
     int Descriptor() const { return event_fd_; }
 
-    /// Makes `interrupter` the one of the calling thread while the object lives; nests.
+    /// Sets the calling thread's interrupter while the object lives. Scopes may be nested.
     class Scope {
       public:
         explicit Scope(CommandInterrupter& interrupter);
@@ -32,8 +31,11 @@ class CommandInterrupter {
         CommandInterrupter* previous_;
     };
 
-    /// The calling thread's interrupter, or null.
-    static CommandInterrupter* Current();
+    /// The descriptor of the calling thread's interrupter, for poll(2); -1 when it has none.
+    static int CurrentDescriptor();
+
+    /// True while the calling thread's interrupter is interrupted; false when it has none.
+    static bool IsCurrentInterrupted();
 
   private:
     int event_fd_;

@@ -5,7 +5,7 @@
 
 namespace SDK {
 
-/// Clocks. Stateless; any thread.
+/// Clocks. Stateless and thread-safe.
 class TimeUtils {
   public:
     /// Seconds since the epoch.

@@ -1,3 +1,0 @@
-extern "C" int AnotherFunction() {
-    return 0;
-}

@@ -1,3 +1,0 @@
-extern "C" void* CreateModule() {
-    return nullptr;
-}
