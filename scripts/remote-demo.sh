@@ -143,29 +143,25 @@ push() {
 
 indent() { sed 's/^/    /'; }
 
-# expect_copy: fails unless the backup server has the web server's backup copies, byte for byte.
-expect_copy() {
-    local id
+# await_copy: waits until the backup server has the web server's copy; sets RECEIVED to its folder.
+# RemoteBackupTest compares the two.
+await_copy() {
     await web '^backup .*remote up to date'
-    id=$(<"$PLACE/web/data/agent_id")
-    RECEIVED=$PLACE/received/$id$PLACE/backup/tree$SITE
-    diff -r "$PLACE/backup/tree$SITE" "$RECEIVED" >&2 ||
-        die "$RECEIVED differs from the copies of the web server"
+    RECEIVED=$PLACE/received/$(<"$PLACE/web/data/agent_id")$PLACE/backup/tree$SITE
 }
 
 show_copy() {
     step "The copy arrives on the backup server, below the id of the web server's agent"
-    expect_copy
+    await_copy
     say "    $(find "$RECEIVED" -type f | wc -l) files in $RECEIVED"
 }
 
 show_killed_daemon() {
-    local pid_file=$PLACE/server/bin/morvane_rsyncd.pid killed started=${EPOCHREALTIME//[.,]/} took
-    killed=$(<"$pid_file")
+    local killed started=${EPOCHREALTIME//[.,]/} took
+    killed=$(<"$PLACE/server/bin/morvane_rsyncd.pid")
     step "Killing the rsync daemon of the backup server (process $killed there)"
     in_host server kill -KILL "$killed"
     await server '^server +running .* [1-9][0-9]* restarts'
-    [[ $(<"$pid_file") != "$killed" ]] || die "the pid file still names the killed daemon"
     took=$((${EPOCHREALTIME//[.,]/} - started))
     say "    back after $((took / 1000)) ms"
 }
@@ -180,9 +176,8 @@ show_wrong_password() {
     await web '^backup .*remote pending'
     step "Giving it the right one: the backup catches up by itself"
     ctl web secret set client <<<"$PASSWORD" >/dev/null
-    expect_copy
-    [[ -f $RECEIVED/new.html ]] || die "the change did not arrive"
-    say "    new.html is on the backup server"
+    await_copy
+    say "    on the backup server: $(find "$RECEIVED" -name new.html)"
 }
 
 # stop_host NAME: stops its agent, then the host and everything in it. Returns the agent's exit code.

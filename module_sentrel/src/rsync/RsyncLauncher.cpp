@@ -172,7 +172,8 @@ CommandAnswer RestoreDirectory(const RsyncLine& line, const AnchoredRule& rule,
     // To read all of a large site, because somebody changes the mode of its top again and again,
     // would let every other page wait.
     return Done(SDK::TreeRestorer::Restore(rule.Copy(directory), live, shield,
-                                           SDK::TreeRestorer::Comparison::kChanged, rule.Staging()));
+                                           SDK::TreeRestorer::Comparison::kChanged,
+                                           rule.Staging()));
 }
 
 CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
