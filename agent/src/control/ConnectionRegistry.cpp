@@ -1,3 +1,5 @@
+// Owns the list of open connections and a duplicate of each socket. Must not read or answer
+// requests (ControlConnection does). Thread-safe.
 #include "control/ConnectionRegistry.h"
 
 #include <fcntl.h>

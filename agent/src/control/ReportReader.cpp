@@ -1,3 +1,5 @@
+// Owns the slots of waiting readers. Must not know the store (the report module answers the
+// query). Runs on the control API's threads.
 #include "control/ReportReader.h"
 
 #include <Poco/NumberParser.h>

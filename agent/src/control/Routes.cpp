@@ -1,3 +1,5 @@
+// Owns the slots of slow requests and the table of addresses. Must not know HTTP
+// (ControlConnection does) or policies (PolicyService does). Runs on the control API's threads.
 #include "control/Routes.h"
 
 #include <utility>

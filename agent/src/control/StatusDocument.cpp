@@ -1,3 +1,5 @@
+// Owns the start time and the list of failed modules. Must not know the modules' members: they
+// answer queries. Runs on the control API's threads.
 #include "control/StatusDocument.h"
 
 #include <framework/ConfigManager.h>

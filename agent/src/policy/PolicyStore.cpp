@@ -1,3 +1,5 @@
+// Owns the files of the stored policies. Must not check a policy (PolicyService does). Runs on
+// the callers' threads.
 #include "policy/PolicyStore.h"
 
 #include <sdk/files/DirUtils.h>

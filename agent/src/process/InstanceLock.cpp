@@ -1,3 +1,5 @@
+// Owns the open lock file. Must not remove it: the next agent locks the same file. Runs on the
+// main thread.
 #include "process/InstanceLock.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// Owns the watchdog thread. Must not decide what healthy means (its health check does). Ready
+// and Stopping run on the main thread.
 #include "process/ServiceNotifier.h"
 
 #include <sdk/log/Log.h>

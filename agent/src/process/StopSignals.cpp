@@ -1,3 +1,5 @@
+// Owns the signal mask of the process and the signalfd. Must not stop anything (AgentProcess
+// does). Runs on the main thread.
 #include "process/StopSignals.h"
 
 #include <poll.h>

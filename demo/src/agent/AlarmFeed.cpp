@@ -1,3 +1,5 @@
+// Owns the alarms read so far and the position in the report store. Must not judge them
+// (AttackRun does). Runs on one thread.
 #include "agent/AlarmFeed.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Owns the order of a scripted attack and its summary. Must not know single attacks
+// (Attacks.cpp) or how one is observed (AttackRun). Runs on the main thread.
 #include "attack/Session.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Owns the framework thread, its job queue and the interrupter of its commands. Must not know
+// what a job does (Engine does). Run is called on any thread; jobs run on the framework thread.
 #include "engine/FrameworkThread.h"
 
 #include <Poco/Exception.h>

@@ -1,3 +1,5 @@
+// Owns the housekeeping thread. Must not judge a pass (PassMonitor does). Its thread runs from
+// construction to destruction.
 #include "engine/StallMonitor.h"
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// Owns the epoll descriptor, the wake descriptor and the handlers of event sources. Must not
+// close sources (their owners do). Wake runs on any thread, the rest on the task's thread.
 #include <framework/EventWaiter.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>

@@ -1,3 +1,5 @@
+// Owns the handlers of queries. Must not interpret requests (handlers do). Thread-safe; a
+// handler runs on the caller's thread without the lock.
 #include <framework/QueryRegistry.h>
 #include <sdk/text/StrUtils.h>
 

@@ -1,3 +1,5 @@
+// Owns the counts of a module's shared and exclusive locks. Must not interrupt tasks itself
+// (Module passes the calls). Thread-safe; calls nothing with the lock held.
 #include <framework/ModuleGate.h>
 
 namespace Framework {

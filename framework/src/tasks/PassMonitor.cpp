@@ -1,3 +1,5 @@
+// Owns the times and counts of a registration's passes. Must not log or stop a pass (TaskRunner
+// does). Thread-safe.
 #include "tasks/PassMonitor.h"
 
 namespace Framework {

@@ -1,3 +1,5 @@
+// Owns the count of threads inside a task and the owner of its handler lock. Must not call
+// handlers (TaskMessaging.cpp and Task do). Thread-safe.
 #include "tasks/TaskAccess.h"
 
 namespace Framework {

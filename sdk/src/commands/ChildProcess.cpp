@@ -1,3 +1,5 @@
+// Owns a child process, its process group and its pipe until Reap. Must not read the output
+// (RunningCommand does). Runs on one thread.
 #include "commands/ChildProcess.h"
 
 #include <fcntl.h>

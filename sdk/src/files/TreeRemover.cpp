@@ -1,3 +1,5 @@
+// Owns the walk through a tree that is removed. Must not decide what is excluded (the filter
+// does). Runs on the caller's thread.
 #include "files/TreeRemover.h"
 
 #include <fcntl.h>

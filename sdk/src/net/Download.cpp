@@ -1,3 +1,5 @@
+// Owns the temporary file and the digest of one download. Must not open connections (HttpSession
+// does). Runs on the caller's thread; Finish renames the file to the target.
 #include "net/Download.h"
 
 #include <Poco/Net/HTTPResponse.h>

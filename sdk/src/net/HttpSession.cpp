@@ -1,3 +1,5 @@
+// Owns one connection and its TLS context. Must not follow redirects or write files (Download
+// does). Runs on the caller's thread.
 #include "net/HttpSession.h"
 
 #include <Poco/Net/Context.h>

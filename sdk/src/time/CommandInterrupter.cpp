@@ -1,3 +1,5 @@
+// Owns the event descriptor; each thread has a pointer to its own interrupter. Must not end
+// commands (RunningCommand does). Thread-safe.
 #include "sdk/time/CommandInterrupter.h"
 
 #include <poll.h>

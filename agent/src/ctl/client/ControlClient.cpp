@@ -1,3 +1,5 @@
+// Owns one connection per request. Must not print or interpret answers (the commands do). Runs
+// on the caller's thread.
 #include "ctl/client/ControlClient.h"
 
 #include <Poco/Net/HTTPClientSession.h>
