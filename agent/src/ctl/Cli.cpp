@@ -32,10 +32,10 @@ void AddPolicyFile(CLI::App* command, Arguments& args) {
 }
 
 void DefinePolicy(CLI::App& app, Arguments& args) {
-    CLI::App* policy = app.add_subcommand("policy", "Put policies into force and look at them");
+    CLI::App* policy = app.add_subcommand("policy", "Apply, check and show policies");
     policy->require_subcommand(1)->fallthrough();
 
-    CLI::App* apply = policy->add_subcommand("apply", "Check a policy and put it into force");
+    CLI::App* apply = policy->add_subcommand("apply", "Check a policy and apply it");
     AddPolicyFile(apply, args);
     apply->footer("Exit codes: 0 on, 3 accepted and off, 4 rejected, 5 no agent.");
     apply->callback([&args] {
@@ -43,7 +43,7 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
             return ApplyPolicy(client, args.feature, args.file);
         };
     });
-    CLI::App* check = policy->add_subcommand("check", "Check a policy and change nothing");
+    CLI::App* check = policy->add_subcommand("check", "Check a policy without applying it");
     AddPolicyFile(check, args);
     check->callback([&args] {
         args.command = [&args](const ControlClient& client) {
@@ -63,7 +63,7 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
 }
 
 void DefineStatus(CLI::App& app, Arguments& args) {
-    CLI::App* status = app.add_subcommand("status", "Show how the agent is");
+    CLI::App* status = app.add_subcommand("status", "Show the state of the agent");
     status->add_flag("--json", args.json, "The status as one JSON object");
     status->fallthrough()->callback([&args] {
         args.command = [&args](const ControlClient& client) {
@@ -80,12 +80,12 @@ void DefineStatus(CLI::App& app, Arguments& args) {
 }
 
 void DefineSecret(CLI::App& app, Arguments& args) {
-    CLI::App* secret = app.add_subcommand("secret", "Hand the agent the passwords of backups");
+    CLI::App* secret = app.add_subcommand("secret", "Set the passwords of backups");
     secret->require_subcommand(1)->fallthrough();
     CLI::App* set = secret->add_subcommand(
         "set", "Set a password: from the terminal, or the first line of stdin");
     set->add_option("ROLE", args.role,
-                    "server: what this backup server asks for; client: what this host gives")
+                    "server: what this backup server requires; client: what this host sends")
         ->required()
         ->check(CLI::IsMember({"server", "client"}));
     set->fallthrough()->callback([&args] {
@@ -97,16 +97,16 @@ void DefineSecret(CLI::App& app, Arguments& args) {
 
 void DefineReports(CLI::App& app, Arguments& args) {
     CLI::App* alarms = app.add_subcommand("alarms", "Show the alarms");
-    alarms->add_flag("--follow", args.query.follow, "Go on with new ones as they come");
-    alarms->add_flag("--diff", args.query.diff, "Show what was changed below each alarm");
+    alarms->add_flag("--follow", args.query.follow, "Continue with new alarms");
+    alarms->add_flag("--diff", args.query.diff, "Show the differences below each alarm");
     CLI::App* reports = app.add_subcommand("reports", "Show all reports");
-    reports->add_option("--kind", args.query.kind, "Only reports of that channel")
+    reports->add_option("--kind", args.query.kind, "Only reports of this channel")
         ->check(CLI::IsMember({"cmd", "data"}));
     for (CLI::App* command : {alarms, reports}) {
-        command->add_flag("--json", args.query.json, "One JSON object a line");
+        command->add_flag("--json", args.query.json, "One JSON object per line");
         command
             ->add_option("--since", args.query.since,
-                         "Those of the last SECONDS, or since that time of the epoch")
+                         "Of the last SECONDS, or since SECONDS after the epoch")
             ->check(CLI::NonNegativeNumber)
             ->type_name("SECONDS");
         command->add_option("--limit", args.query.limit, "At most the newest NUMBER (default 100)")

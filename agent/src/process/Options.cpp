@@ -13,7 +13,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, int& exit
     app.add_option("--config", options.config_file,
                    "Configuration file instead of conf/agent.json of the installation");
     app.add_flag("--daemon", options.daemon,
-                 "Run in the background; returns when the agent is ready, or has failed");
+                 "Run in the background; return when the agent is ready or has failed");
     app.set_version_flag("--version", std::string("morvane_agent ") + SENTREL_VERSION);
     try {
         app.parse(argc, argv);

@@ -167,8 +167,7 @@ std::string FormatPolicies(const Json::Value& status, long long now_ms) {
                                  Text(policy, "feature").c_str(), Text(policy, "state").c_str(),
                                  When(Number(policy, "applied_at"), now_ms).c_str());
     }
-    return text.empty() ? "policy      none yet; put one into force with morvanectl policy apply\n"
-                        : text;
+    return text.empty() ? "policy      none yet; apply one with morvanectl policy apply\n" : text;
 }
 
 std::string PolicyWarnings(const Json::Value& status, long long now_ms) {
@@ -217,9 +216,9 @@ std::string WatchWarnings(const Json::Value& own) {
     std::string text;
     const long long unwatched = Number(own, "unwatched_directories");
     if (unwatched > 0) {
-        text +=
-            Warning(std::to_string(unwatched) +
-                    " directories are not protected, as they cannot be watched; it is tried again");
+        text += Warning(
+            std::to_string(unwatched) +
+            " directories are not protected because they cannot be watched; the agent tries again");
     }
     for (const Json::Value& example : own["unwatched_examples"]) {
         text += Warning("not watched: " + Text(example, "path") + ": " + Text(example, "reason"));
@@ -227,7 +226,7 @@ std::string WatchWarnings(const Json::Value& own) {
     const long long excluded = Number(own, "excluded_unwatched");
     if (excluded > 0) {
         text += Warning(std::to_string(excluded) +
-                        " excluded directories go without an inotify watch, as there are too few");
+                        " excluded directories have no inotify watch because there are too few");
     }
     const std::string limit = Text(own, "queue_limit_problem");
     return limit.empty() ? text : text + Warning(limit);
