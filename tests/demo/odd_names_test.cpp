@@ -11,7 +11,7 @@
 namespace Demo {
 namespace {
 
-/// `sh -c TEXT` in `folder`, as a program would that puts names into its command lines.
+/// Runs `sh -c TEXT` in `folder`, like a program that puts names into its command lines.
 void RunShell(const std::string& folder, const std::string& text) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -22,7 +22,7 @@ void RunShell(const std::string& folder, const std::string& text) {
     ::waitpid(child, nullptr, 0);
 }
 
-// Commands that do nothing in a shell would prove nothing when they are not run.
+// The demo proves something only if these commands do work in a shell.
 TEST(OddNames, GivenToAShell_EachCommandLeavesItsMark) {
     const test::TempDir dir;
     const OddNames names(dir.Path("site"), dir.Path());

@@ -25,7 +25,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kDeadline = 20s;
 
-/// Set once, waited for by any.
+/// A one-time event for any number of waiting threads.
 class Signal {
   public:
     void Set() {
@@ -40,7 +40,7 @@ class Signal {
     std::shared_future<void> future_{promise_.get_future().share()};
 };
 
-/// A message that counts how many of its kind live.
+/// A message that counts its existing objects.
 class CountedMessage : public Framework::Message {
   public:
     CountedMessage() { ++alive; }
@@ -103,8 +103,8 @@ class ScriptedModule : public Framework::Module {
     int Answer(const std::string& request) { return on_tasklet(request); }
 };
 
-/// A running engine in an installation of its own, with one module. The period of tasks is an hour
-/// and the grace of policies short.
+/// A running engine in its own installation, with one module, a task period of an hour and a short
+/// grace period of policies.
 class EngineTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -133,7 +133,7 @@ class EngineTest : public ::testing::Test {
     bool RunsOnce(const Framework::Task& task) {
         return WaitFor([&] { return StatusOf(task.Id()).passes > 0; }, kDeadline);
     }
-    /// Registers the task, which stays the caller's, as modules do.
+    /// Registers the task as modules do; the caller keeps it.
     bool Register(Framework::Task& task, bool deferred = false) {
         bool registered = false;
         engine_.RunOnFrameworkThread([&] {

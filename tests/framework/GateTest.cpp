@@ -41,7 +41,7 @@ TEST_F(GateTest, ManyTasksAndPolicies_SettingsNeedNoLock) {
     module_->on_policy = [&](const std::string&, Policy*& policy) {
         policy->SetHandled(true);
         ++first;
-        // As modules do: the tasks start afresh with the new settings.
+        // As modules do: the tasks start again with the new settings.
         for (auto& task : tasks) {
             Unregister(*task);
             if (first % 4 == 3) continue;

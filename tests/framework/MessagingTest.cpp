@@ -102,7 +102,7 @@ TEST_F(MessagingTest, DirectMessage_GivesTheHandlersOutcomeAndIsFreed) {
     for (result = -1; result < 2; result += 2) {  // it fails, then it throws
         EXPECT_EQ(sender_.SendDirectMsg("task", new CountedMessage), -2);
     }
-    // Back to itself, also by way of another task: refused instead of waiting for itself.
+    // A message back to the sender, directly or through another task, is refused.
     ScriptedTask other("other");
     other.on_direct = [&](Framework::Message*, std::string&) {
         return other.SendDirectMsg("task", new CountedMessage);
@@ -127,7 +127,7 @@ TEST_F(MessagingTest, TargetIsNotToBeHad_SyncSendWaitsAsLongAsAsked) {
         inside.Set();
         return release.Wait() ? 0 : -1;
     };
-    // It comes while the sender waits for it.
+    // It is registered while the sender waits.
     std::thread waiting([&] {
         EXPECT_EQ(sender_.SyncSendDirectMsg("task", new CountedMessage, reply_, 10'000, 1), 0);
     });

@@ -20,7 +20,7 @@ class PolicyTest : public EngineTest {
     ScriptedModule* second_ = nullptr;
 };
 
-/// Counts how many live.
+/// Counts its existing objects.
 class CountedPolicy : public Framework::FeaturePolicy {
   public:
     explicit CountedPolicy(const std::string& name) : FeaturePolicy(name) { ++alive; }
@@ -29,7 +29,7 @@ class CountedPolicy : public Framework::FeaturePolicy {
     static inline int alive = 0;
 };
 
-/// A callback that runs on a thread of its own and counts how many live.
+/// A callback that runs on its own thread and counts its existing objects.
 class LongAction : public Framework::AbstractTaskletCallback {
   public:
     LongAction(Signal& started, const Signal& release) : started_(started), release_(release) {
@@ -85,7 +85,7 @@ TEST_F(PolicyTest, CallbackThrows_OutcomeSaysWhatAndTheOthersAreAsked) {
     EXPECT_TRUE(outcome.handled);
     EXPECT_EQ(outcome.exception, "");
     EXPECT_TRUE(LogSays("bad value"));
-    // The gate was given back, else this would wait for ever.
+    // Without a released gate this would block.
     EXPECT_TRUE(engine_.ApplyPolicy("feature", "{}").handled);
 }
 

@@ -1,4 +1,4 @@
-// The distribution's rsync with the library beside the same rsync without it.
+// Compares the distribution's rsync with and without the library.
 #include <gtest/gtest.h>
 #include <sdk/commands/ExecuteCmdUtils.h>
 #include <unistd.h>
@@ -37,7 +37,7 @@ class RsyncWithNap : public ::testing::Test {
     }
 
     /// Runs `script` in the directory "plain", and again in "preload" where $rsync has the library;
-    /// both must end and say the same.
+    /// both must give the same code and output.
     Result Twice(const std::string& script) const {
         const std::string library = SENTREL_PRELOAD_LIBRARY;
         const Result plain =
@@ -49,8 +49,8 @@ class RsyncWithNap : public ::testing::Test {
         return preload;
     }
 
-    /// What stands below the directory, in all that rsync carries over; 3.5.0 gives links and
-    /// special files the time of the copy.
+    /// Everything below the directory that rsync copies. rsync 3.5.0 gives links and special files
+    /// the time of the copy.
     static std::string Describe(const std::string& directory) {
         return Shell("cd " + directory +
                      " && find . -printf '%p %y %m %U %G %n %l\\n' | sort; "

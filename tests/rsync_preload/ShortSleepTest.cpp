@@ -1,4 +1,4 @@
-// The library is linked into this program: nanosleep and waitpid are its.
+// The library is linked into this program and replaces nanosleep and waitpid.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -69,7 +69,7 @@ Sleep Nanosleep(const timespec& time) {
     return sleep;
 }
 
-/// A busy machine may let even a cut sleep last longer than was asked for, but not always.
+/// On a busy machine even a shortened sleep may last too long, but not every time.
 bool IsCutInTheEnd(const std::function<void()>& prepare) {
     for (int attempt = 0; attempt < 50; ++attempt) {
         prepare();

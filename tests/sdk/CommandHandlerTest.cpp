@@ -28,7 +28,7 @@ CommandAnswer Answer(Kind kind, const std::string& output, int exit_code = 0) {
     return answer;
 }
 
-/// A program whose commands a handler gets while the object lives.
+/// A program with a handler while the object lives.
 class CommandHandlers : public ::testing::Test {
   protected:
     ~CommandHandlers() override { ExecuteCmdUtils::SetProgramHandler(program_, nullptr); }
@@ -96,7 +96,7 @@ TEST_F(CommandHandlers, InheritedDescriptors_StandFromThreeOnAndNothingElse) {
         answer.arguments = {"/bin/sh", "-c",
                             "for fd in 3 4 5 6 7 8; do read -r line <&$fd; printf '%s ' $line; "
                             "done; [ -e /proc/$$/fd/9 ] && echo leaked"};
-        // Opened in the other order, so that their numbers cross their places.
+        // Opened in reverse order, so that source and target numbers overlap.
         for (const char* name : {"f", "e", "d", "c", "b", "a"}) {
             const std::string path = dir_.Write(name, std::string(name) + "\n");
             SDK::FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));

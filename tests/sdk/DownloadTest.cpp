@@ -197,7 +197,7 @@ TEST_F(Download, StalledServer_EndsAtTheTimeOutOrAnInterruption) {
     release.set();
 }
 
-/// The names of `test`'s hosts; released for all at the end.
+/// Downloads from host names; releases all lookups at the end.
 class NamedDownload : public Download {
   protected:
     ~NamedDownload() override {

@@ -25,7 +25,7 @@ using Words = std::vector<std::string>;
 constexpr std::size_t kMuch = 65536;
 constexpr int kLongMs = 60000;
 
-/// Runs a shell script without an end of its own time.
+/// Runs a shell script with a timeout.
 int RunScript(const std::string& script, int timeout_ms, std::string& output) {
     int exit_code = 0;
     return ExecuteCmdUtils::ExecuteCmd("/bin/sh", {"-c", script}, timeout_ms, exit_code, output,
@@ -241,7 +241,7 @@ TEST(ExecuteCmd, Command_GetsNoDescriptorsSignalsGroupOrSessionOfOurs) {
     sigfillset(&blocked);
     ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     std::string output;
-    // The shell itself may have descriptors open for the script: look at what a program gets.
+    // The shell may open descriptors for the script: check those of a program.
     EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("/bin/ls -l /proc/self/fd", output, kMuch), 0);
     EXPECT_NE(output.find("0 -> /dev/null"), std::string::npos);
     EXPECT_NE(output.find(" 3 -> /proc/"), std::string::npos) << output;  // of ls itself
@@ -251,7 +251,7 @@ TEST(ExecuteCmd, Command_GetsNoDescriptorsSignalsGroupOrSessionOfOurs) {
     const std::string ignored = output.substr(output.find("SigIgn:\t") + 8, 16);
     EXPECT_EQ(std::strtoull(ignored.c_str(), nullptr, 16) & (1ULL << (SIGPIPE - 1)), 0U) << output;
     ::close(leaked);
-    // Number, group, session, terminal: a session of its own and no terminal to ask at.
+    // Process, group, session, terminal: its own session without a terminal.
     EXPECT_EQ(RunScript("read -r pid name state parent group session tty rest </proc/$$/stat; "
                         "[ $group = $$ ] && [ $session = $$ ] && echo $tty",
                         kLongMs, output),

@@ -14,7 +14,7 @@ namespace {
 
 using Poco::Message;
 
-/// Keeps the texts; waits inside the first record until released, and fails while told to.
+/// Keeps the texts; blocks in the first record until released; fails while `failing`.
 class SlowTarget : public Poco::Channel {
   public:
     void log(const Message& record) override {

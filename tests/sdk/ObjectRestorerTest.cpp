@@ -60,7 +60,7 @@ std::string NamesTold(const std::string& directory, Action action) {
     return names;
 }
 
-/// A copy and a live directory, and a bystander that nobody may touch.
+/// A copy, a live directory, and an outside directory that must not change.
 class Restorer : public testing::Test {
   protected:
     Restorer() {
@@ -101,7 +101,7 @@ TEST_F(Restorer, EveryKindOfObject_IsAsRsyncLeavesIt) {
         is_link ? tree.MakeLink(dir.Path("copy/" + name)) : tree.MakeFile(dir.Path("copy/" + name));
         const std::string live = dir.Path("live/" + name);
         if (tree.Roll(4) == 0) {
-            // Not where rsync would go through it or fail.
+            // Avoids targets that rsync follows or fails at.
             is_link ? tree.MakeLink(live) : tree.MakeFile(live);
         } else if (tree.Roll(6) != 0) {
             test::Clone(dir.Path("copy/" + name), live);
@@ -110,7 +110,7 @@ TEST_F(Restorer, EveryKindOfObject_IsAsRsyncLeavesIt) {
         }
         ::unlink((live + "+").c_str());
         test::Clone(dir.Path("live"), dir.Path("theirs"));
-        // rsync goes through a link to a directory, and fails at one that leads nowhere it knows.
+        // rsync follows a link to a directory, and fails at some dangling links.
         struct stat info {};
         const bool leads = ::stat(live.c_str(), &info) == 0;
         const bool goes_through = leads ? S_ISDIR(info.st_mode) : errno != ENOENT;
@@ -150,7 +150,7 @@ TEST_F(Restorer, EqualContent_KeepsTheInodeUnlessSomebodyCouldGainByIt) {
     ExpectRestored();
     EXPECT_EQ(test::StatOf(live).st_ino, inode);
 
-    // Held open for writing by their owner, who would then own a root program.
+    // The owner holds it open for writing, and would then own a root program.
     for (const mode_t mode : {04755U, 02755U, 0644U}) {
         ASSERT_EQ(::chmod(copy.c_str(), mode), 0);
         const uid_t owner = mode == 0644 ? 33 : 0;
@@ -304,7 +304,7 @@ TEST_F(Restorer, CallsThatAreMissing_AreDoneWithout) {
             ExpectAsCopy();
         }
     }
-    // A failure must not leave the name that a nameless file would not have had.
+    // A failure must not leave the temporary name behind.
     const auto fail = [](const std::string& root) {
         const test::FileSizeLimit full_disk(100'000);
         return Restore(root, "page").error == EFBIG ? 0 : 1;

@@ -191,7 +191,7 @@ std::string OddTree::Name() {
 }
 
 void OddTree::SetTime(const std::string& path) {
-    // Each second apart, as rsync takes times of the same second for the same.
+    // At least a second apart: rsync treats times within a second as equal.
     const std::array<timespec, 2> times{
         timespec{0, UTIME_OMIT},
         timespec{kEpoch + Roll(1000) * 60, static_cast<long>(Roll(1'000'000'000))}};

@@ -9,16 +9,16 @@
 
 namespace test {
 
-/// What each object of a tree is, by its path below the root ("" is the root): kind, attributes,
-/// content, and the first name that shares its inode. Two trees that give the same are the same but
-/// for inode numbers, change times and access times.
+/// A description of each object by its path below the root ("" is the root): kind, attributes,
+/// content, and the first name of the same inode. Equal states differ at most in inode numbers,
+/// change times and access times.
 using TreeState = std::map<std::string, std::string>;
 TreeState StateOf(const std::string& root);
 
-/// Lines that say where the two differ; "" when they do not.
+/// The differences, one per line; "" for none.
 std::string Differences(const TreeState& expected, const TreeState& found);
 
-/// How many seeds a test goes through: `usual`, or SENTREL_TEST_SEEDS of the environment.
+/// The number of seeds of a test: `usual`, or SENTREL_TEST_SEEDS of the environment.
 unsigned Seeds(unsigned usual);
 
 /// Sets one attribute; a failure to do so is a test failure.
@@ -33,7 +33,7 @@ class OddTree {
     /// A number below `limit`.
     unsigned Roll(unsigned limit);
 
-    /// A name that is not in `taken`, and is then.
+    /// A random name, often an odd one.
     std::string Name();
 
     /// One object that is no directory.
@@ -42,7 +42,7 @@ class OddTree {
     void MakeSpecial(const std::string& path);
     void MakeAny(const std::string& path);
 
-    /// A directory with some of everything, `depth` levels.
+    /// A directory with objects of all kinds, `depth` levels deep.
     void Fill(const std::string& directory, int depth);
 
     /// Changes, removes, replaces and adds objects in a tree.
@@ -61,7 +61,7 @@ class OddTree {
     std::mt19937 random_;
 };
 
-/// Runs the host's rsync as the agent does it: with its options and its own option file. The exit
+/// Runs the host's rsync as the agent does, with its options and its option file; returns the exit
 /// code.
 int RunRsync(const std::vector<std::string>& exclusions, const std::string& from,
              const std::string& to);
