@@ -25,7 +25,8 @@ std::vector<std::string> Names() {
     std::vector<std::string> names;
     for (std::string name; std::getline(list, name, '\t');) names.push_back(name);
     for (int byte = 1; byte < 256; ++byte) {
-        if (byte != '/') names.push_back("a" + std::string(1, static_cast<char>(byte)) + "b");
+        if (byte % 8 == 1) names.emplace_back("a");
+        if (byte != '/') names.back() += static_cast<char>(byte);
     }
     return names;
 }
