@@ -36,9 +36,15 @@ Poco::Logger* Log() {
 }
 
 /// Makes an eventfd readable at its destruction.
-struct EventAtEnd {
-    const int descriptor;
-    ~EventAtEnd() { ::eventfd_write(descriptor, 1); }
+class EventAtEnd {
+  public:
+    explicit EventAtEnd(int descriptor) : descriptor_(descriptor) {}
+    ~EventAtEnd() { ::eventfd_write(descriptor_, 1); }
+    EventAtEnd(const EventAtEnd&) = delete;
+    EventAtEnd& operator=(const EventAtEnd&) = delete;
+
+  private:
+    const int descriptor_;
 };
 
 }  // namespace

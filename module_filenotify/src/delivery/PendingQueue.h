@@ -24,14 +24,13 @@ namespace Engine::FileNotify {
 /// - Deletions wait for DeletionDebounce; in a storm repeated changes of contents wait for
 ///   ModificationDebounce.
 /// - The arrival of a restore's temporary file (RestoreNames) waits as long as a repeated change.
-/// If
-///   it is deleted meanwhile, neither is announced.
+///   If it is deleted meanwhile, neither is announced.
 /// - Changes of contents go first, then those of directories, then deletions: restoring a directory
 ///   also undoes changes in it, which must be judged and reported before.
 /// - The arrival or deletion of a directory precedes all changes below it, the topmost directory
 ///   first. Changes below a held deletion wait with it.
 /// - Changes of hot files (HotFiles) go behind other changes of contents, but get every fourth
-/// turn.
+///   turn.
 /// - Nothing starves: after its delay, a waiting change lets only older changes go first and then
 ///   takes turns with newer ones.
 class PendingQueue {

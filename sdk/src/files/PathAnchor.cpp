@@ -39,15 +39,10 @@ bool IsBelow(std::string_view path) {
 
 /// Without trailing "/" and "/.": open(2) would follow a link before them.
 std::string WithoutTrailingDots(std::string path) {
-    for (;;) {
-        if (path.size() > 1 && path.back() == '/') {
-            path.pop_back();
-        } else if (path.size() > 1 && path.compare(path.size() - 2, 2, "/.") == 0) {
-            path.pop_back();
-        } else {
-            return path;
-        }
+    while (path.size() > 1 && (path.back() == '/' || path.compare(path.size() - 2, 2, "/.") == 0)) {
+        path.pop_back();
     }
+    return path;
 }
 
 }  // namespace

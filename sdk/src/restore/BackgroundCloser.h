@@ -17,6 +17,8 @@ class BackgroundCloser {
   public:
     static BackgroundCloser& GetInstance();
     ~BackgroundCloser();
+    BackgroundCloser(const BackgroundCloser&) = delete;
+    BackgroundCloser& operator=(const BackgroundCloser&) = delete;
 
     /// Takes ownership of the descriptor; closes it at once when too many are waiting.
     void Close(FileDescriptor descriptor);
