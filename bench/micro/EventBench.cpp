@@ -16,8 +16,7 @@
 #include <vector>
 
 #include "feature_sentrel/SentrelInotifyTask.h"
-#include "progress/BackupProgress.h"
-#include "status/SentrelStatus.h"
+#include "state/ModuleState.h"
 #include "support/TempDir.h"
 #include "utils/SentrelUtils.h"
 
@@ -75,8 +74,7 @@ class Bench {
         rule_.ignored_subdir = {"uploads", "cache"};
         rule_.ignored_postfix = {".log", ".tmp"};
         std::filesystem::create_directories(rule_.real_path + "a/b");
-        Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
-        progress.NoteComplete(rule_, progress.Round());
+        state_.progress.NoteComplete(rule_, state_.progress.Round());
         task_.watch_rules[dir_.Path("site")] = rule_;
     }
     ~Bench() {
@@ -115,15 +113,16 @@ class Bench {
     void AwaitEmptyQueue() const {
         while (task_.QueueLength() > 0) Rest();
     }
-    static unsigned Removals() {
-        const Json::Value status = Engine::SentrelStatus::Instance().ToJson(Json::Value(), {});
+    unsigned Removals() const {
+        const Json::Value status = state_.status.ToJson(Json::Value(), {});
         return status["counters"]["removals_done"].asUInt();
     }
 
   private:
     test::TempDir dir_;
     Framework::Engine engine_;
-    Engine::SentrelInotifyTask task_;
+    Engine::ModuleState state_;
+    Engine::SentrelInotifyTask task_{state_};
     Engine::SentrelDirRule rule_;
 };
 
@@ -162,7 +161,7 @@ void MeasureAdded(Bench& bench, unsigned count) {
     for (unsigned i = 0; i < count; ++i) {
         files.push_back(bench.Add("a/b/shell" + std::to_string(i) + ".php", false));
     }
-    const unsigned before = Bench::Removals();
+    const unsigned before = bench.Removals();
     Measure("added, removed, reported", count, [&] {
         for (const std::string& file : files) {
             bench.Post(file, IN_CREATE);
@@ -171,7 +170,7 @@ void MeasureAdded(Bench& bench, unsigned count) {
         for (const std::string& file : files) bench.Post(file, IN_DELETE);
         bench.AwaitEmptyQueue();
     });
-    if (Bench::Removals() - before != count) std::printf("not all were removed\n");
+    if (bench.Removals() - before != count) std::printf("not all were removed\n");
 }
 
 }  // namespace

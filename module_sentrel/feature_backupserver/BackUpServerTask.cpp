@@ -9,7 +9,7 @@
 
 #include "base/ModuleLogger.h"
 #include "base/RsyncPaths.h"
-#include "status/BackUpServerStatus.h"
+#include "state/ModuleState.h"
 #include "utils/SentrelUtils.h"
 #include "utils/TaskSteps.h"
 
@@ -22,13 +22,14 @@ constexpr long kRotateBytes = 10485760;
 
 }  // namespace
 
-BackUpServerTask::BackUpServerTask()
+BackUpServerTask::BackUpServerTask(ModuleState& state)
     : Framework::Task("sentrel_backupserver_task", "backupserver_feature",
-                      Framework::TaskCondition::kPeriodic, kQueueCapacity) {}
+                      Framework::TaskCondition::kPeriodic, kQueueCapacity),
+      state_(state) {}
 
 bool BackUpServerTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
-    PrepareRsyncForTask();
+    PrepareRsyncForTask(state_.launcher);
     return Framework::Task::Init();
 }
 
@@ -52,7 +53,7 @@ void BackUpServerTask::RestartWhenDead() {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "run rsync daemon failed");
         return;
     }
-    BackUpServerStatus::Instance().NoteStart();
+    state_.backup_server.NoteStart();
 }
 
 void BackUpServerTask::RotateLog() {

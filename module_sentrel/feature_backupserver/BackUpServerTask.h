@@ -4,11 +4,14 @@
 
 namespace Engine {
 
+struct ModuleState;
+
 /// Keeps the rsync daemon of a backup server running and its log bounded. Owned by the module;
 /// Init, Run and UnInit run on the task's own thread.
 class BackUpServerTask : public Framework::Task {
   public:
-    BackUpServerTask();
+    /// `state` is borrowed and must outlive the task.
+    explicit BackUpServerTask(ModuleState& state);
 
     bool Init() override;
     /// Stops the daemon, which may block for up to 13 seconds.
@@ -19,6 +22,8 @@ class BackUpServerTask : public Framework::Task {
   private:
     void RestartWhenDead();
     void RotateLog();
+
+    ModuleState& state_;
 };
 
 }  // namespace Engine

@@ -19,7 +19,7 @@
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "feature_sentrel/alarms/AlarmDocument.h"
 #include "feature_sentrel/alarms/ContentDiff.h"
-#include "status/SentrelStatus.h"
+#include "state/ModuleState.h"
 
 namespace Engine {
 
@@ -114,7 +114,7 @@ void SentrelInotifyTask::SentrelSendAlarm(const std::string& file_path, alarm_ty
 }
 
 void SentrelInotifyTask::SendAlarm(const Alarm& alarm) {
-    SentrelStatus& status = SentrelStatus::Instance();
+    SentrelStatus& status = state_.status;
     SentrelCacheMsg record = AlarmRecord(alarm.file, alarm.type);
     if (IsMessageMerged(record)) {
         status.Count(SentrelStatus::kAlarmsMerged);

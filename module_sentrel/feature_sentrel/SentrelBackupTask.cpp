@@ -15,9 +15,7 @@
 #include "feature_sentrel/backup/BackupDirectory.h"
 #include "feature_sentrel/backup/CopyComparison.h"
 #include "feature_sentrel/backup/OpenReport.h"
-#include "places/RuleAnchors.h"
-#include "progress/BackupProgress.h"
-#include "status/SentrelStatus.h"
+#include "state/ModuleState.h"
 #include "status/WatchList.h"
 #include "utils/SentrelUtils.h"
 #include "utils/TaskSteps.h"
@@ -42,22 +40,16 @@ void YieldInPass() {
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
 }
 
-/// Unless a pause of protection ended while the pass was made: what was copied before that lacks
-/// the updates of the pause, and the gate, under the same lock, has asked for it anew.
-void ClearPending(std::atomic<bool>& pending, std::uint64_t round) {
-    const Poco::FastMutex::ScopedLock lock(SentrelUtils::GetInstance()->mutex);
-    if (BackupProgress::Instance().Round() == round) pending = false;
-}
-
 }  // namespace
 
-SentrelBackupTask::SentrelBackupTask()
+SentrelBackupTask::SentrelBackupTask(ModuleState& state)
     : Framework::Task(kTaskId, "sentrel_feature", Framework::TaskCondition::kPeriodic,
-                      kQueueCapacity) {}
+                      kQueueCapacity),
+      state_(state) {}
 
 bool SentrelBackupTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
-    PrepareRsyncForTask();
+    PrepareRsyncForTask(state_.launcher);
     return Framework::Task::Init();
 }
 
@@ -70,7 +62,7 @@ bool SentrelBackupTask::UnInit() {
 int SentrelBackupTask::Run() {
     RetryOpenObjects();
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    const std::uint64_t round = BackupProgress::Instance().Round();
+    const std::uint64_t round = state_.progress.Round();
     if (!utils->MakesLocalBackup()) {
         SDK_LOG(ModuleLogger(), PRIO_TRACE, "remote backup not local.");
         return 0;
@@ -101,6 +93,13 @@ int SentrelBackupTask::Run() {
     return 0;
 }
 
+/// Not when a pause of protection ended while the pass was made: the copies lack the updates of the
+/// pause, and the gate, under the same lock, has asked for them anew.
+void SentrelBackupTask::ClearPending(std::atomic<bool>& pending, std::uint64_t round) {
+    const Poco::FastMutex::ScopedLock lock(SentrelUtils::GetInstance()->mutex);
+    if (state_.progress.Round() == round) pending = false;
+}
+
 bool SentrelBackupTask::AwaitWatch(const SentrelDirRule& rule) {
     const auto begin = std::chrono::steady_clock::now();
     for (int wait_ms = 1;; wait_ms = std::min(2 * wait_ms, kLongestLookMs)) {
@@ -121,7 +120,7 @@ bool SentrelBackupTask::AwaitWatch(const SentrelDirRule& rule) {
 /// A rule is copied once in a round: what was tampered with since must not become its good state
 /// because another rule failed.
 bool SentrelBackupTask::IsCopied(const SentrelDirRule& rule, unsigned long succeeded_before) {
-    return BackupProgress::Instance().IsComplete(rule) ||
+    return state_.progress.IsComplete(rule) ||
            (AwaitWatch(rule) && BackUpLocally(rule, succeeded_before));
 }
 
@@ -131,7 +130,7 @@ std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
     if (!unsafe.empty()) return unsafe;
     // Given with its "/", a link in place of the directory would be followed, and what it leads to
     // taken for the good state.
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const RulePlaces places = state_.anchors.Of(rule);
     if (!places) return places.problem;
     struct stat info {};
     const bool replaced = !rule.is_file && places.anchors->StatLive(rule.real_path, info) == 0 &&
@@ -141,33 +140,33 @@ std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
 
 bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    const std::uint64_t round = BackupProgress::Instance().BeginCopy();
+    const std::uint64_t round = state_.progress.BeginCopy();
     const std::string hindrance = WhatHinders(rule);
     if (!hindrance.empty() ||
         !utils->DoRsyncLocal(rule.real_path, rule.backup_path, rule.ignored_postfix,
                              rule.ignored_subdir, RSYNC_BACKUP)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Backup (%s) to (%s) faild.", rule.real_path,
                 rule.backup_path);
-        SentrelStatus::Instance().NoteFailure(
+        state_.status.NoteFailure(
             rule.real_path,
             "local backup: " + (hindrance.empty() ? utils->LastCopyError() : hindrance));
         return hindrance.empty() && CompleteByObjects(rule, round);
     }
     SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to (%s) success num(%lu).", rule.real_path,
             rule.backup_path, succeeded_before + 1);
-    SentrelStatus::Instance().NoteLocalBackup(rule.real_path);
+    state_.status.NoteLocalBackup(rule.real_path);
     // A copy that was begun before the last pause of protection lacks what was changed in that.
-    if (!BackupProgress::Instance().NoteComplete(rule, round)) return false;
-    OpenReport::Publish(rule);
+    if (!state_.progress.NoteComplete(rule, round)) return false;
+    OpenReport(state_.progress, state_.status).Publish(rule);
     return true;
 }
 
 bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {
-    BackupProgress& progress = BackupProgress::Instance();
+    BackupProgress& progress = state_.progress;
     const std::optional<std::timespec> begin = progress.Begin();
     if (ShouldYield() || !begin) return false;
     CopyComparison::Result result =
-        CopyComparison(rule, *begin, [this] { return ShouldYield(); }).Run();
+        CopyComparison(state_.anchors, rule, *begin, [this] { return ShouldYield(); }).Run();
     if (result.outcome != CopyComparison::Outcome::kCompared) return false;
     SDK_LOG(ModuleLogger(), PRIO_NOTICE,
             "%s has been compared with its copy: %lu objects copied one by one, %lu left open.",
@@ -175,9 +174,9 @@ bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint6
             static_cast<unsigned long>(result.open.Size()));
     const bool has_open = !result.open.IsEmpty();
     if (!progress.NoteComplete(rule, round, std::move(result.open))) return false;
-    SentrelStatus::Instance().NoteLocalBackup(rule.real_path);
-    OpenReport::Publish(rule);
-    if (has_open) OpenReport::Alarm(rule, *this);
+    state_.status.NoteLocalBackup(rule.real_path);
+    OpenReport(state_.progress, state_.status).Publish(rule);
+    if (has_open) OpenReport(state_.progress, state_.status).Alarm(rule, *this);
     return true;
 }
 
@@ -185,7 +184,7 @@ void SentrelBackupTask::RetryOpenObjects() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
     if (!utils->is_run || !utils->MakesLocalBackup()) return;
     for (const SentrelDirRule& rule : utils->dir_rules) {
-        if (BackupProgress::Instance().TakeDue(rule, std::chrono::steady_clock::now())) {
+        if (state_.progress.TakeDue(rule, std::chrono::steady_clock::now())) {
             RetryOpenObjects(rule);
         }
     }
@@ -193,20 +192,20 @@ void SentrelBackupTask::RetryOpenObjects() {
 
 void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    BackupProgress& progress = BackupProgress::Instance();
+    BackupProgress& progress = state_.progress;
     const std::uint64_t round = progress.Round();
     const std::optional<std::timespec> begin = progress.Begin();
     if (!begin || !WhatHinders(rule).empty()) return;
     std::size_t copied = 0;
     for (const auto& entry : progress.OpenEntries(rule, OpenObjects::kCapacity)) {
         if (ShouldYield()) break;
-        CopyComparison comparison(rule, *begin, [this] { return ShouldYield(); });
+        CopyComparison comparison(state_.anchors, rule, *begin, [this] { return ShouldYield(); });
         const CopyComparison::Result result = comparison.RunAgain(entry.below);
         if (result.outcome != CopyComparison::Outcome::kCompared) continue;
         copied += result.copied;
         progress.NoteTried(rule, round, entry.below, result.open);
     }
-    OpenReport::Publish(rule);
+    OpenReport(state_.progress, state_.status).Publish(rule);
     if (copied == 0) return;
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s: %lu open objects have been copied now.",
             rule.real_path, static_cast<unsigned long>(copied));
@@ -222,12 +221,11 @@ bool SentrelBackupTask::PushToServer(const SentrelDirRule& rule) {
     const std::string copy = rule.backup_path + rule.real_path;
     if (!utils->DoRsyncRemote(copy, RSYNC_BACKUP)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Backup (%s) to remote faild.", copy);
-        SentrelStatus::Instance().NoteFailure(rule.real_path,
-                                              "remote backup: " + utils->LastCopyError());
+        state_.status.NoteFailure(rule.real_path, "remote backup: " + utils->LastCopyError());
         return false;
     }
     SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to remote success.", copy);
-    SentrelStatus::Instance().NoteRemoteBackup(rule.real_path);
+    state_.status.NoteRemoteBackup(rule.real_path);
     return true;
 }
 

@@ -16,8 +16,7 @@
 #include "base/ModuleLogger.h"
 #include "base/PathText.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
-#include "progress/BackupProgress.h"
-#include "status/SentrelStatus.h"
+#include "state/ModuleState.h"
 #include "utils/SentrelUtils.h"
 
 namespace Engine {
@@ -50,14 +49,6 @@ std::string RulePath(const SentrelDirRule& rule) {
     return directory;
 }
 
-/// A trace of a restore of ours that is gone already.
-bool IsGoneTransient(const SentrelDirRule& rule, const std::string& file) {
-    struct stat info {};
-    if (!IsTransientName(FileName(file))) return false;
-    const RulePlaces places = RuleAnchors::Instance().Held(rule);
-    return places && places.anchors->StatLive(file, info) != 0 && errno == ENOENT;
-}
-
 bool HasIgnoredSuffix(const SentrelDirRule& rule, const std::string& file) {
     const std::string name = FileName(file);
     for (const std::string& postfix : rule.ignored_postfix) {
@@ -68,20 +59,6 @@ bool HasIgnoredSuffix(const SentrelDirRule& rule, const std::string& file) {
         return true;
     }
     return false;
-}
-
-/// One file or link that was copied since the policy or the end of a pause, which is put back
-/// without deleting anything. An older copy may lack an update that is still to be copied.
-bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) {
-    const RulePlaces places = RuleAnchors::Instance().Held(rule);
-    struct stat copy {};
-    struct stat live {};
-    if (!places || places.anchors->StatCopy(path, copy) != 0 || S_ISDIR(copy.st_mode) ||
-        !BackupProgress::Instance().IsOfThisRound(copy)) {
-        return false;
-    }
-    if (places.anchors->StatLive(path, live) == 0) return !S_ISDIR(live.st_mode);
-    return errno == ENOENT && FirstObstacle(*places.anchors, path).empty();
 }
 
 /// It was changed through this name, and perhaps is still there by another.
@@ -154,13 +131,22 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
     return handling;
 }
 
+/// A trace of a restore of ours that is gone already.
+bool SentrelInotifyTask::IsGoneTransient(const SentrelDirRule& rule,
+                                         const std::string& file) const {
+    struct stat info {};
+    if (!IsTransientName(FileName(file))) return false;
+    const RulePlaces places = state_.anchors.Held(rule);
+    return places && places.anchors->StatLive(file, info) != 0 && errno == ENOENT;
+}
+
 /// The kernel tells a change through a descriptor that was opened without a name under "#" and the
 /// number of the object, which may bear the name of a page by now.
 bool SentrelInotifyTask::IsChangeOfUnnamed(const SentrelDirRule& rule, std::uint32_t mask,
                                            const std::string& file) const {
     const std::string name = FileName(file);
     if (name.front() != '#' || (mask & (IN_MODIFY | IN_ATTRIB)) == 0) return false;
-    const RulePlaces places = RuleAnchors::Instance().Held(rule);
+    const RulePlaces places = state_.anchors.Held(rule);
     const ino_t inode = std::strtoull(name.c_str() + 1, nullptr, 10);
     return places && !undoer_.IsOwnObject(*places.anchors, inode);
 }
@@ -178,7 +164,7 @@ void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mas
         handling.Add(Outcome::kNotJudged);
         return;
     }
-    const RulePlaces places = RuleAnchors::Instance().Held(rule);
+    const RulePlaces places = state_.anchors.Held(rule);
     if (!places) return handling.Add(Outcome::kNotJudged);
     NoteVanished(*places.anchors, mask, file, handling);
     // No backup copy.
@@ -231,7 +217,7 @@ SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRul
                                                              const std::string& file) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
     if ((!utils->diff_content && !utils->diff_attr) || alarms_.IsMergedAnyway(file)) return {};
-    const RulePlaces places = RuleAnchors::Instance().Held(rule);
+    const RulePlaces places = state_.anchors.Held(rule);
     if (!places) return {};
     Description description;
     description.pinned = PinnedFile(*places.anchors, file);
@@ -258,7 +244,7 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     // The object is compared all the same: it may have been moved away, changed and moved back. No
     // restore moves a directory.
     if (exists && !EndsWith(path, "/") && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
-        const RulePlaces places = RuleAnchors::Instance().Held(rule);
+        const RulePlaces places = state_.anchors.Held(rule);
         if (places && BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
             return false;
@@ -307,12 +293,27 @@ bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string
 
 /// What was changed through one name of an object was changed at all its names.
 void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
-                                        Handling& handling) {
-    const RulePlaces places = RuleAnchors::Instance().Held(rule);
+                                        Handling& handling) const {
+    const RulePlaces places = state_.anchors.Held(rule);
     struct stat info {};
     if (!places || places.anchors->StatLive(file, info) != 0) return;
     if (S_ISDIR(info.st_mode) || info.st_nlink < 2) return;
     handling.other_names = ObjectId(info.st_dev, info.st_ino);
+}
+
+/// One file or link that was copied since the policy or the end of a pause, which is put back
+/// without deleting anything. An older copy may lack an update that is still to be copied.
+bool SentrelInotifyTask::IsRestoredAlone(const SentrelDirRule& rule,
+                                         const std::string& path) const {
+    const RulePlaces places = state_.anchors.Held(rule);
+    struct stat copy {};
+    struct stat live {};
+    if (!places || places.anchors->StatCopy(path, copy) != 0 || S_ISDIR(copy.st_mode) ||
+        !state_.progress.IsOfThisRound(copy)) {
+        return false;
+    }
+    if (places.anchors->StatLive(path, live) == 0) return !S_ISDIR(live.st_mode);
+    return errno == ENOENT && FirstObstacle(*places.anchors, path).empty();
 }
 
 UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool restore,
@@ -320,9 +321,9 @@ UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool 
     if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return {};
     if (!restore && !remove) return {};
     // What could not be backed up can be told neither good nor foreign.
-    const BackupProgress& progress = BackupProgress::Instance();
+    const BackupProgress& progress = state_.progress;
     if (progress.IsOpen(rule, path) || (!restore && progress.HasOpenIn(rule, path))) return {};
-    if (AwaitsBackup(rule) && !(restore && IsRestoredAlone(rule, path))) {
+    if (AwaitsBackup(rule, progress) && !(restore && IsRestoredAlone(rule, path))) {
         return {Outcome::kDeferred};
     }
     UndoResult undoing;
@@ -341,9 +342,9 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
     exists = false;
     const std::string backup = rule.backup_path + path;
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "compare file:%s, comparepath:%s", path, backup);
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    const RulePlaces places = state_.anchors.Of(rule);
     if (!places) {
-        SentrelStatus::Instance().NoteFailure(rule.real_path, places.problem);
+        state_.status.NoteFailure(rule.real_path, places.problem);
         return false;
     }
     return BackupComparer(places.anchors).Describe(path, backup, exists, info);

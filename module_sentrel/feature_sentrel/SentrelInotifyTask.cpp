@@ -17,10 +17,7 @@
 
 #include "base/ModuleLogger.h"
 #include "base/WorkClock.h"
-#include "places/RuleAnchors.h"
-#include "progress/BackupProgress.h"
-#include "rsync/RsyncLauncher.h"
-#include "status/SentrelStatus.h"
+#include "state/ModuleState.h"
 #include "utils/SentrelUtils.h"
 #include "utils/TaskSteps.h"
 
@@ -47,13 +44,15 @@ const std::vector<unsigned int>& WatchEventMasks() {
 
 }  // namespace
 
-SentrelInotifyTask::SentrelInotifyTask(std::size_t backlog)
+SentrelInotifyTask::SentrelInotifyTask(ModuleState& state, std::size_t backlog)
     : Framework::Task(kTaskId, "sentrel_feature", Framework::TaskCondition::kResident,
                       kQueueCapacity),
+      state_(state),
       alarms_(
           alarm_cache, [this](const Alarm& alarm) { SendAlarm(alarm); },
           [this] { Waiter().Wake(); }),
-      rejudge_(RejudgeOwner(), backlog) {}
+      undoer_(state),
+      rejudge_(RejudgeOwner(), state, backlog) {}
 
 Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
     Rejudge::Owner owner;
@@ -75,7 +74,7 @@ Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
 bool SentrelInotifyTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
     AddFileNotifyWatches();
-    PrepareRsyncForTask();
+    PrepareRsyncForTask(state_.launcher);
     return Framework::Task::Init();
 }
 
@@ -85,7 +84,7 @@ bool SentrelInotifyTask::UnInit() {
     watch_rules.clear();
     rejudge_.Forget();
     problems_.clear();
-    SentrelStatus::Instance().ClearPaths();
+    state_.status.ClearPaths();
     const bool result = Framework::Task::UnInit();
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) uninit.", Id());
     return result;
@@ -108,15 +107,15 @@ int SentrelInotifyTask::Run() {
 void SentrelInotifyTask::AddFileNotifyWatches() {
     const std::list<SentrelDirRule>& rules = SentrelUtils::GetInstance()->dir_rules;
     if (rules.empty() || state() == TASK_CANCELLING) return;
-    RuleAnchors::Instance().Forget();
+    state_.anchors.Forget();
     std::vector<SentrelStatus::ProtectedPath> paths;
     for (const SentrelDirRule& rule : rules) {
-        RuleAnchors::Instance().Of(rule);  // held from here on
+        state_.anchors.Of(rule);  // held from here on
         const std::string id = HandleFileNotifyWatch(false, rule.real_path);
         watch_rules.insert({id, rule});
         paths.push_back({id, rule});
     }
-    SentrelStatus::Instance().PublishPaths(std::move(paths));
+    state_.status.PublishPaths(std::move(paths));
 }
 
 void SentrelInotifyTask::RmvFileNotifyWatches() {
@@ -156,8 +155,8 @@ void SentrelInotifyTask::CheckPlaces() {
     if (now < next_look_ || !SentrelUtils::GetInstance()->is_run) return;
     next_look_ = now + kLookAtPlaces;
     for (const auto& [id, rule] : watch_rules) {
-        const std::string problem = RuleAnchors::Instance().Of(rule).problem;
-        SentrelStatus::Instance().SetProblem(rule.real_path, problem);
+        const std::string problem = state_.anchors.Of(rule).problem;
+        state_.status.SetProblem(rule.real_path, problem);
         int& looks = problems_[id];
         // What was changed meanwhile need not wait for its next try, of which there is an end.
         if (problem.empty() && looks > 0) rejudge_.CompareAll(id);
@@ -188,7 +187,7 @@ void SentrelInotifyTask::CheckDisableTime() {
     if (work == utils->is_run) return;
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
     // What was changed in the pause has to be copied before anything is taken for foreign.
-    if (work) BackupProgress::Instance().Restart();
+    if (work) state_.progress.Restart();
     utils->is_run = work;
     utils->local_backup_pending = work;
     utils->remote_backup_pending = work;

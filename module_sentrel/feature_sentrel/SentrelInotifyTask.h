@@ -20,6 +20,7 @@
 namespace Engine {
 
 class FileNotifyMessage;
+struct ModuleState;
 
 /// Watches the protected paths and decides, for every change, whether it is tampering; has it
 /// undone and raises alarms. Owned by the module. Everything runs on the task's own thread, so the
@@ -29,9 +30,9 @@ class FileNotifyMessage;
 /// Undoer undoes, AlarmReporter reports, Rejudge has a change handled again.
 class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceiver {
   public:
-    /// `backlog`: so many changes at most are kept of those that have to wait, and of those that
-    /// could not be undone.
-    explicit SentrelInotifyTask(std::size_t backlog = PendingEvents::kCapacity);
+    /// `state` is borrowed and must outlive the task. At most `backlog` changes that have to wait,
+    /// and as many that could not be undone, are kept.
+    explicit SentrelInotifyTask(ModuleState& state, std::size_t backlog = PendingEvents::kCapacity);
 
     // The task (SentrelInotifyTask.cpp).
 
@@ -112,12 +113,15 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool IsChangeOfUnnamed(const SentrelDirRule& rule, std::uint32_t mask,
                            const std::string& file) const;
     bool IsMoveIgnored(const SentrelDirRule& rule, const std::string& path);
-    static void NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
-                               Handling& handling);
+    bool IsGoneTransient(const SentrelDirRule& rule, const std::string& file) const;
+    bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) const;
+    void NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
+                        Handling& handling) const;
 
     void SendAlarm(const Alarm& alarm);
     void SendAlarms();
 
+    ModuleState& state_;
     AlarmReporter alarms_;
     Undoer undoer_;
     Rejudge rejudge_;

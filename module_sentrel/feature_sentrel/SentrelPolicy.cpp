@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "base/ModuleLogger.h"
+#include "base/PathText.h"
 #include "feature_sentrel/schedule/WorkSchedule.h"
 #include "progress/BackupProgress.h"
 #include "rsync/RsyncKeys.h"
@@ -28,10 +29,6 @@ constexpr unsigned int kMaxHashLength = 128;
 
 std::string AsText(const Json::Value& value) {
     return value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string();
-}
-
-void AppendSlash(std::string& path) {
-    if (path.empty() || path.back() != '/') path += '/';
 }
 
 bool Lstat(const std::string& path, struct stat& info) {
@@ -99,8 +96,8 @@ void ReadExclusions(const Json::Value& entry, SentrelDirRule& rule) {
 
 }  // namespace
 
-SentrelFeaturePolicy::SentrelFeaturePolicy(const std::string& name)
-    : Framework::FeaturePolicy(name) {}
+SentrelFeaturePolicy::SentrelFeaturePolicy(const std::string& name, BackupProgress& progress)
+    : Framework::FeaturePolicy(name), progress_(progress) {}
 
 bool SentrelFeaturePolicy::Parse(const std::string& text) {
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Sentrel parse policy %s.", text);
@@ -126,7 +123,7 @@ bool SentrelFeaturePolicy::Parse(const std::string& text) {
     utils->backup_type = JsonUtils::GetIntValue(content, "backup_type", 0);
     utils->backup_port = JsonUtils::GetIntValue(content, "backup_port", 0);
     utils->backup_addr = JsonUtils::GetStringValue(content, "backup_addr", "");
-    BackupProgress::Instance().Restart();
+    progress_.Restart();
     utils->local_backup_pending = true;
     utils->remote_backup_pending = true;
     utils->distime_enable = JsonUtils::GetBoolValue(content, "distime_enable", false);

@@ -7,11 +7,14 @@
 
 namespace Engine {
 
+class BackupProgress;
+
 /// Turns a protection policy into the module's settings (SentrelUtils); keeps nothing itself.
 /// Framework thread, with the module's gate held alone.
 class SentrelFeaturePolicy : public Framework::FeaturePolicy {
   public:
-    explicit SentrelFeaturePolicy(const std::string& name);
+    /// `progress` is borrowed; only Parse uses it.
+    SentrelFeaturePolicy(const std::string& name, BackupProgress& progress);
 
     /// True when the document was accepted. On false, what was written before the failure stays.
     /// Throws std::out_of_range for an empty "filepath" or "ignored_subdir" element.
@@ -27,6 +30,9 @@ class SentrelFeaturePolicy : public Framework::FeaturePolicy {
     /// those disabled before. What is no range changes nothing.
     void SetDisableWorkTime(const std::string& range);
     void ParseDiffPolicy(const Json::Value& content);
+
+  private:
+    BackupProgress& progress_;
 };
 
 /// The task policy of the inotify task, which has none of its own.

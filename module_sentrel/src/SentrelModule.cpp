@@ -1,6 +1,7 @@
-// Owns the three task objects, from Init to UnInit. It must not decide about policies
-// (SentrelPolicyRefresh.cpp) nor run tasks: registering hands one reference to the framework, which
-// gives it back when it has joined the task's thread. Framework thread.
+// Owns the three task objects, from Init to UnInit, and the state that they share. It must not
+// decide about policies (SentrelPolicyRefresh.cpp) nor run tasks: registering hands one reference
+// to the framework, which gives it back when it has joined the task's thread. Framework thread; the
+// queries run on any thread.
 #include "SentrelModule.h"
 
 #include <framework/Callbacks.h>
@@ -17,10 +18,6 @@
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "feature_sentrel/policy_check/PolicyCompletion.h"
 #include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
-#include "feature_sentrel/schedule/ScheduleStatus.h"
-#include "places/TrustedPlaces.h"
-#include "status/BackUpServerStatus.h"
-#include "status/SentrelStatus.h"
 #include "status/WatchList.h"
 #include "utils/SentrelUtils.h"
 
@@ -31,12 +28,12 @@ namespace {
 constexpr const char* kStatusQuery = "status.sentrel";
 constexpr const char* kExclusionsQuery = "exclusions.sentrel_inotify_task";
 constexpr const char* kProtectionCheckQuery = "policy.check.sentrel_feature";
-constexpr const char* kBackupServerCheckQuery = "policy.check.backupserver_feature";
+constexpr const char* kBackUpServerCheckQuery = "policy.check.backupserver_feature";
 constexpr const char* kCompletionQuery = "policy.complete.sentrel_feature";
 
 template <typename TaskClass>
-TaskClass* CreateTask(const std::string& what) {
-    auto* task = new (std::nothrow) TaskClass();
+TaskClass* CreateTask(ModuleState& state, const std::string& what) {
+    auto* task = new (std::nothrow) TaskClass(state);
     if (task == nullptr) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "create %s task class failed.", what);
     } else {
@@ -53,19 +50,6 @@ void DeleteTask(TaskClass*& task, const std::string& what) {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "delete %s task class.", what);
 }
 
-Json::Value AnswerStatus() {
-    SentrelUtils* utils = SentrelUtils::GetInstance();
-    Json::Value answer = SentrelStatus::Instance().ToJson(
-        AskForWatches(),
-        {utils->is_run, utils->local_backup_pending, utils->remote_backup_pending});
-    answer["rsync"] = utils->Rsync().ToJson();
-    answer["schedule"] = ScheduleStatus::Instance().ToJson(WorkClock::Now());
-    answer["backup_server"] = BackUpServerStatus::Instance().ToJson(
-        RsyncDaemon::FindOwn(SDK::PathUtils::GetInstallationPath()));
-    answer["unsafe_places"] = TrustedPlaces::Instance().ToJson();
-    return answer;
-}
-
 }  // namespace
 
 SentrelModule::SentrelModule() : Framework::Module("sentrel_module") {}
@@ -77,17 +61,31 @@ SentrelModule::~SentrelModule() {
 }
 
 bool SentrelModule::Init() {
+    state_.progress.Restart();
     SentrelUtils::GetInstance()->Init();
     RsyncDaemon::DropForeignPidFile(SDK::PathUtils::GetInstallationPath());
     SentrelUtils::GetInstance()->Rsync().Reset();
-    SentrelStatus::Instance().Reset();
-    ScheduleStatus::Instance().Reset();
-    BackUpServerStatus::Instance().Reset();
-    TrustedPlaces::Instance().Judge({});
+    state_.status.Reset();
+    state_.schedule.Reset();
+    state_.backup_server.Reset();
+    state_.places.Judge({});
     RegisterCallbacks();
     CreateTasks();
     RegisterQueries();
     return Framework::Module::Init();
+}
+
+Json::Value SentrelModule::AnswerStatus() {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    Json::Value answer = state_.status.ToJson(
+        AskForWatches(),
+        {utils->is_run, utils->local_backup_pending, utils->remote_backup_pending});
+    answer["rsync"] = utils->Rsync().ToJson();
+    answer["schedule"] = state_.schedule.ToJson(WorkClock::Now());
+    answer["backup_server"] =
+        state_.backup_server.ToJson(RsyncDaemon::FindOwn(SDK::PathUtils::GetInstallationPath()));
+    answer["unsafe_places"] = state_.places.ToJson();
+    return answer;
 }
 
 void SentrelModule::RegisterCallbacks() {
@@ -105,24 +103,27 @@ void SentrelModule::RegisterCallbacks() {
 }
 
 void SentrelModule::CreateTasks() {
-    m_pInotifyTask = CreateTask<SentrelInotifyTask>("sentrel");
-    m_pBackupTask = CreateTask<SentrelBackupTask>("backup");
-    m_pBackUpServerTask = CreateTask<BackUpServerTask>("backup server");
+    m_pInotifyTask = CreateTask<SentrelInotifyTask>(state_, "sentrel");
+    m_pBackupTask = CreateTask<SentrelBackupTask>(state_, "backup");
+    m_pBackUpServerTask = CreateTask<BackUpServerTask>(state_, "backup server");
 }
 
 void SentrelModule::RegisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
-    queries.Register(kStatusQuery, [](const Json::Value&) { return AnswerStatus(); });
-    queries.Register(kExclusionsQuery, [](const Json::Value& request) {
-        return SentrelStatus::Instance().ExclusionsOf(request);
+    queries.Register(kStatusQuery, [this](const Json::Value&) { return AnswerStatus(); });
+    queries.Register(kExclusionsQuery, [this](const Json::Value& request) {
+        return state_.status.ExclusionsOf(request);
     });
-    queries.Register(kProtectionCheckQuery, [](const Json::Value& request) {
-        return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckProtection,
+    queries.Register(kProtectionCheckQuery, [this](const Json::Value& request) {
+        const auto check = [this](const std::string& text) {
+            return SentrelPolicyCheck::CheckProtection(text, state_.schedule.Get());
+        };
+        return SentrelPolicyCheck::Answer(request, check,
                                           SentrelPolicyCheck::CheckProtectionPlaces);
     });
-    queries.Register(kBackupServerCheckQuery, [](const Json::Value& request) {
-        return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckBackupServer,
-                                          SentrelPolicyCheck::CheckBackupServerPlaces);
+    queries.Register(kBackUpServerCheckQuery, [](const Json::Value& request) {
+        return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckBackUpServer,
+                                          SentrelPolicyCheck::CheckBackUpServerPlaces);
     });
     queries.Register(kCompletionQuery, AnswerCompletion);
 }
@@ -130,7 +131,7 @@ void SentrelModule::RegisterQueries() {
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     for (const char* query : {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery,
-                              kBackupServerCheckQuery, kCompletionQuery}) {
+                              kBackUpServerCheckQuery, kCompletionQuery}) {
         queries.Unregister(query);
     }
 }
@@ -144,19 +145,17 @@ void SentrelModule::UnInit() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister rsync server passwd callback.");
     UnRegisterPolicyCallback("10001");
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister feature policy refresh callback.");
-    UnRegisterTask("sentrel_inotify_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister sentrel task.");
-    UnRegisterTask("sentrel_backup_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup task.");
-    UnRegisterTask("sentrel_backupserver_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
+    UnRegisterNamed("sentrel_inotify_task", "sentrel");
+    UnRegisterNamed("sentrel_backup_task", "backup");
+    UnRegisterNamed("sentrel_backupserver_task", "backup server");
     DeleteTask(m_pInotifyTask, "sentrel");
     DeleteTask(m_pBackupTask, "backup");
     DeleteTask(m_pBackUpServerTask, "backup server");
+    state_.progress.Restart();
     SentrelUtils::GetInstance()->Init();
-    SentrelStatus::Instance().SetProtectionOff();
-    BackUpServerStatus::Instance().SetOff();
-    TrustedPlaces::Instance().Reset();
+    state_.status.SetProtectionOff();
+    state_.backup_server.SetOff();
+    state_.places.Reset();
     Framework::Module::UnInit();
 }
 

@@ -1,12 +1,17 @@
 #pragma once
 
 #include <framework/Module.h>
+#include <json/value.h>
 
 #include <string>
 
+#include "state/ModuleState.h"
+
 namespace Framework {
+class FeaturePolicy;
 class Policy;
-}
+class Task;
+}  // namespace Framework
 
 namespace Engine {
 
@@ -14,9 +19,9 @@ class BackUpServerTask;
 class SentrelBackupTask;
 class SentrelInotifyTask;
 
-/// The web tamper protection as the framework sees it: takes policies and passwords, and hands its
-/// three tasks to the framework when a policy switches their feature on. Owned by the framework;
-/// framework thread only, and no state but the task objects, which live from Init to UnInit.
+/// The web tamper protection as the framework sees it: takes policies and passwords, and registers
+/// its three tasks when a policy switches their feature on. Owned by the framework; framework
+/// thread only. It owns the task objects, from Init to UnInit, and the state that they share.
 class SentrelModule : public Framework::Module {
   public:
     SentrelModule();
@@ -47,6 +52,15 @@ class SentrelModule : public Framework::Module {
     int GetPasswdClient(const std::string& request);
 
   private:
+    Json::Value AnswerStatus();
+    bool IsSwitchedOn(const std::string& feature, const std::string& policyJson,
+                      void (SentrelModule::*switch_off)(Framework::Policy*));
+    bool IsParsed(Framework::FeaturePolicy* policy, const std::string& feature,
+                  const std::string& policyJson,
+                  void (SentrelModule::*switch_off)(Framework::Policy*));
+    void RegisterNamed(Framework::Task& task, const std::string& what);
+    void UnRegisterNamed(const std::string& task_id, const std::string& what);
+    void UnRegisterBackUpServerTask();
     void RegisterCallbacks();
     void CreateTasks();
     void RegisterQueries();
@@ -55,6 +69,7 @@ class SentrelModule : public Framework::Module {
     SentrelInotifyTask* m_pInotifyTask = nullptr;
     SentrelBackupTask* m_pBackupTask = nullptr;
     BackUpServerTask* m_pBackUpServerTask = nullptr;
+    ModuleState state_;
 };
 
 }  // namespace Engine

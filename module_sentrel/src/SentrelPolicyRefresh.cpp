@@ -1,7 +1,7 @@
-// Decides what a pushed policy does to the tasks. It must not keep whether a feature is on: the
-// framework's registry of tasks is the only record. A policy object that was applied belongs to the
-// framework's registry of feature policies; one that failed is deleted here. Framework thread, with
-// the module's gate held alone but while the rsync daemon ends.
+// Decides what a policy does to the tasks. It must not keep whether a feature is on: the
+// framework's registry of tasks is the only record. An applied policy object belongs to the
+// framework's registry of feature policies; a failed one is deleted here. Framework thread, with
+// the module's gate held alone except while the rsync daemon ends.
 #define SDK_LOG_FILE "SentrelModule.cpp"
 
 #include <framework/OutsideGate.h>
@@ -21,10 +21,6 @@
 #include "feature_sentrel/SentrelBackupTask.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "feature_sentrel/SentrelPolicy.h"
-#include "feature_sentrel/schedule/ScheduleStatus.h"
-#include "places/TrustedPlaces.h"
-#include "status/BackUpServerStatus.h"
-#include "status/SentrelStatus.h"
 #include "utils/SentrelUtils.h"
 
 namespace Engine {
@@ -60,15 +56,6 @@ bool ReadDocument(Framework::Module& module, const std::string& feature,
     return true;
 }
 
-/// The end of the daemon takes seconds, which the other tasks need not wait.
-void UnRegisterBackupServerTask(SentrelModule& module) {
-    {
-        const Framework::OutsideGate outside;
-        module.UnRegisterTask("sentrel_backupserver_task");
-    }
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
-}
-
 /// A link that was configured with a trailing "/" has been taken for the directory that it leads
 /// to. That directory is what is protected: nothing is watched or restored through a link.
 void ResolveRoots(std::list<SentrelDirRule>& rules) {
@@ -101,30 +88,43 @@ int SentrelModule::RefreshFeaturePolicy(const std::string& featureName,
     return result;
 }
 
+/// The first steps of either feature: reads the document, and switches the feature off when the
+/// document says so. True when a policy is to be parsed.
+bool SentrelModule::IsSwitchedOn(const std::string& feature, const std::string& policyJson,
+                                 void (SentrelModule::*switch_off)(Framework::Policy*)) {
+    bool enabled = false;
+    if (!ReadDocument(*this, feature, policyJson, enabled)) return false;
+    if (enabled) return true;
+    (this->*switch_off)(nullptr);
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", feature);
+    return false;
+}
+
+/// On false the feature is off, `policy` deleted, and the failure reported.
+bool SentrelModule::IsParsed(Framework::FeaturePolicy* policy, const std::string& feature,
+                             const std::string& policyJson,
+                             void (SentrelModule::*switch_off)(Framework::Policy*)) {
+    if (policy->Parse(policyJson)) return true;
+    ReportParseFailure(*this, feature);
+    (this->*switch_off)(policy);
+    return false;
+}
+
 int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
                                                const std::string& policyJson) {
-    bool enabled = false;
-    if (!ReadDocument(*this, featureName, policyJson, enabled)) return 0;
-    if (!enabled) {
-        RefreshFeaturePolicyInotifyFailed(nullptr);
-        SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
-        return 0;
-    }
-    auto* fp = new (std::nothrow) SentrelFeaturePolicy(featureName);
+    constexpr auto kSwitchOff = &SentrelModule::RefreshFeaturePolicyInotifyFailed;
+    if (!IsSwitchedOn(featureName, policyJson, kSwitchOff)) return 0;
+    auto* fp = new (std::nothrow) SentrelFeaturePolicy(featureName, state_.progress);
     if (fp == nullptr) {
         RefreshFeaturePolicyInotifyFailed(nullptr);
         ReportApplyFailure(*this, featureName);
         return 0;
     }
-    if (!fp->Parse(policyJson)) {
-        ReportParseFailure(*this, featureName);
-        RefreshFeaturePolicyInotifyFailed(fp);
-        return 0;
-    }
+    if (!IsParsed(fp, featureName, policyJson, kSwitchOff)) return 0;
     SentrelUtils* utils = SentrelUtils::GetInstance();
     ResolveRoots(utils->dir_rules);
-    ScheduleStatus::Instance().Publish(WorkSchedule::OfSettings(), utils->distime_enable);
-    TrustedPlaces::Instance().Judge(utils->dir_rules);
+    state_.schedule.Publish(WorkSchedule::OfSettings(), utils->distime_enable);
+    state_.places.Judge(utils->dir_rules);
     if (utils->dir_rules.empty()) {
         SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "rule list is empty, disable feature [%s].",
                 featureName);
@@ -139,65 +139,66 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
 
 int SentrelModule::RefreshFeaturePolicyBackUpServer(const std::string& featureName,
                                                     const std::string& policyJson) {
-    bool enabled = false;
-    if (!ReadDocument(*this, featureName, policyJson, enabled)) return 0;
-    if (!enabled) {
-        RefreshFeaturePolicyBackUpServer(nullptr);
-        SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "disable feature [%s].", featureName);
-        return 0;
-    }
+    constexpr void (SentrelModule::*kSwitchOff)(Framework::Policy*) =
+        &SentrelModule::RefreshFeaturePolicyBackUpServer;
+    if (!IsSwitchedOn(featureName, policyJson, kSwitchOff)) return 0;
     auto* fp = new (std::nothrow) BackUpServerPolicy(featureName);
     if (fp == nullptr) {
         ReportApplyFailure(*this, featureName);
         RefreshFeaturePolicyBackUpServer(nullptr);
         return 0;
     }
-    if (!fp->Parse(policyJson)) {
-        ReportParseFailure(*this, featureName);
-        RefreshFeaturePolicyBackUpServer(fp);
-        return 0;
-    }
-    UnRegisterBackupServerTask(*this);
+    if (!IsParsed(fp, featureName, policyJson, kSwitchOff)) return 0;
+    UnRegisterBackUpServerTask();
     const SentrelUtils* utils = SentrelUtils::GetInstance();
-    BackUpServerStatus::Instance().SetOn(utils->backupserver_ip, utils->backupserver_port,
-                                         utils->backupserver_path);
+    state_.backup_server.SetOn(utils->backupserver_ip, utils->backupserver_port,
+                               utils->backupserver_path);
     LimitStalls(*m_pBackUpServerTask);
-    m_pBackUpServerTask->duplicate();
-    RegisterTask(m_pBackUpServerTask, false);
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "register backup server task.");
+    RegisterNamed(*m_pBackUpServerTask, "backup server");
     return 1;
 }
 
 void SentrelModule::ProcSentrelRegisterTask() {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
-    UnRegisterTask("sentrel_inotify_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister sentrel task.");
-    SentrelStatus::Instance().SetProtectionOn(utils->monitor_only, utils->backup_type,
-                                              utils->dir_rules);
-    m_pInotifyTask->duplicate();
-    RegisterTask(m_pInotifyTask, false);
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "register sentrel task.");
-    UnRegisterTask("sentrel_backup_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup task.");
+    UnRegisterNamed("sentrel_inotify_task", "sentrel");
+    state_.status.SetProtectionOn(utils->monitor_only, utils->backup_type, utils->dir_rules);
+    RegisterNamed(*m_pInotifyTask, "sentrel");
+    UnRegisterNamed("sentrel_backup_task", "backup");
     LimitStalls(*m_pBackupTask);
-    m_pBackupTask->duplicate();
-    RegisterTask(m_pBackupTask, false);
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "register backup task.");
+    RegisterNamed(*m_pBackupTask, "backup");
 }
 
 void SentrelModule::RefreshFeaturePolicyInotifyFailed(Framework::Policy* policy) {
-    UnRegisterTask("sentrel_inotify_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister sentrel task.");
-    UnRegisterTask("sentrel_backup_task");
-    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup task.");
-    SentrelStatus::Instance().SetProtectionOff();
+    UnRegisterNamed("sentrel_inotify_task", "sentrel");
+    UnRegisterNamed("sentrel_backup_task", "backup");
+    state_.status.SetProtectionOff();
     delete policy;
 }
 
 void SentrelModule::RefreshFeaturePolicyBackUpServer(Framework::Policy* policy) {
-    UnRegisterBackupServerTask(*this);
-    BackUpServerStatus::Instance().SetOff();
+    UnRegisterBackUpServerTask();
+    state_.backup_server.SetOff();
     delete policy;
+}
+
+void SentrelModule::RegisterNamed(Framework::Task& task, const std::string& what) {
+    task.duplicate();
+    RegisterTask(&task, false);
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "register %s task.", what);
+}
+
+void SentrelModule::UnRegisterNamed(const std::string& task_id, const std::string& what) {
+    UnRegisterTask(task_id);
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister %s task.", what);
+}
+
+/// The daemon takes seconds to end; the other tasks need not wait for it.
+void SentrelModule::UnRegisterBackUpServerTask() {
+    {
+        const Framework::OutsideGate outside;
+        UnRegisterTask("sentrel_backupserver_task");
+    }
+    SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister backup server task.");
 }
 
 }  // namespace Engine

@@ -3,7 +3,6 @@
 #define SDK_LOG_FILE "SentrelBackupTask.cpp"
 #include "feature_sentrel/backup/BackupDirectory.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/FileDescriptor.h>
@@ -16,10 +15,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
+#include "base/DirectoryListing.h"
 #include "base/ModuleLogger.h"
+#include "base/PathText.h"
 
 namespace Engine {
 
@@ -34,42 +34,31 @@ constexpr std::array<const char*, 24> kShared = {
     "/media", "/mnt", "/opt",  "/proc", "/root",      "/run",     "/sbin",        "/srv",
     "/sys",   "/tmp", "/usr",  "/var",  "/usr/local", "/var/lib", "/var/backups", "/var/tmp"};
 
-std::string Plain(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
 bool IsShared(const std::string& path, const std::list<SentrelDirRule>& rules) {
     const std::string inside = path == "/" ? path : path + "/";
     return std::find(kShared.begin(), kShared.end(), path) != kShared.end() ||
            std::any_of(rules.begin(), rules.end(), [&](const SentrelDirRule& rule) {
-               return rule.real_path.compare(0, inside.size(), inside) == 0;
+               return BeginsWith(rule.real_path, inside);
            });
 }
 
 /// Copies lie below the first component of the path that was copied, of this policy or another.
 bool IsOfCopies(const std::string& name, const std::list<SentrelDirRule>& rules) {
-    if (name == "." || name == ".." || name == "lost+found") return true;
-    if (name.compare(0, kOwn.size(), kOwn) == 0) return true;
+    if (name == "lost+found" || BeginsWith(name, kOwn)) return true;
     const std::string top = "/" + name;
     struct stat info {};
     if (::lstat(top.c_str(), &info) == 0) return true;
     return std::any_of(rules.begin(), rules.end(), [&](const SentrelDirRule& rule) {
-        return rule.real_path.compare(0, top.size() + 1, top + "/") == 0;
+        return BeginsWith(rule.real_path, top + "/");
     });
 }
 
 /// The first name in the directory that is none of a copy; empty when there is none.
 std::string ForeignName(int directory, const std::list<SentrelDirRule>& rules) {
-    struct CloseDir {
-        void operator()(DIR* stream) const { ::closedir(stream); }
-    };
-    SDK::FileDescriptor own(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::unique_ptr<DIR, CloseDir> stream(::fdopendir(own.Get()));
-    if (stream == nullptr) return "?";
-    own.Release();
-    while (const dirent* entry = ::readdir(stream.get())) {
-        if (!IsOfCopies(entry->d_name, rules)) return entry->d_name;
+    DirectoryListing listing(directory);
+    if (!listing.IsOpen()) return "?";
+    while (const char* name = listing.Next()) {
+        if (!IsOfCopies(name, rules)) return name;
     }
     return "";
 }
@@ -101,7 +90,7 @@ std::string MakePrivate(const std::string& path, const std::list<SentrelDirRule>
 
 std::string BackupDirectory::Prepare(const std::string& backup_path,
                                      const std::list<SentrelDirRule>& rules) {
-    const std::string path = Plain(backup_path);
+    const std::string path = WithoutTrailingSlash(backup_path);
     if (path.empty() || path.front() != '/') return "the backup path is not absolute";
     const std::string writable = SDK::PlaceTrust::WhyWritable(path);
     if (!writable.empty()) return writable;

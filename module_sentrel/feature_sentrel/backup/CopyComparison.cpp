@@ -2,7 +2,6 @@
 // does) nor change anything of the protected path. What it finds belongs to its caller.
 #include "feature_sentrel/backup/CopyComparison.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/PathAnchor.h>
@@ -10,11 +9,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <memory>
-#include <string_view>
 #include <tuple>
 #include <utility>
 
+#include "base/DirectoryListing.h"
+#include "base/PathText.h"
 #include "feature_sentrel/backup/ObjectCopier.h"
 #include "places/RuleAnchors.h"
 
@@ -24,29 +23,6 @@ namespace {
 
 constexpr std::size_t kLooksBetweenAsking = 64;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-
-struct CloseDir {
-    void operator()(DIR* stream) const { ::closedir(stream); }
-};
-using Listing = std::unique_ptr<DIR, CloseDir>;
-
-Listing List(int directory) {
-    SDK::FileDescriptor own(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    Listing listing(own.IsOpen() ? ::fdopendir(own.Get()) : nullptr);
-    if (listing != nullptr) own.Release();
-    return listing;
-}
-
-/// Null at the end (errno 0) or where the directory cannot be read on.
-const char* NextName(const Listing& listing) {
-    for (;;) {
-        errno = 0;
-        const dirent* entry = ::readdir(listing.get());
-        if (entry == nullptr) return nullptr;
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") return entry->d_name;
-    }
-}
 
 /// The protected directory, or the one that holds the protected file.
 SDK::FileDescriptor OpenHeld(const AnchoredRule& anchors) {
@@ -71,25 +47,20 @@ bool IsEqual(const struct stat& live, const struct stat& copy) {
     }
 }
 
-std::string Plain(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-std::string Parent(const std::string& path) {
-    return path.substr(0, path.rfind('/') + 1);
-}
-
 }  // namespace
 
-CopyComparison::CopyComparison(const SentrelDirRule& rule, std::timespec round_begin,
-                               std::function<bool()> is_over)
-    : rule_(rule), exclusions_(rule), round_begin_(round_begin), is_over_(std::move(is_over)) {}
+CopyComparison::CopyComparison(RuleAnchors& anchors, const SentrelDirRule& rule,
+                               std::timespec round_begin, std::function<bool()> is_over)
+    : anchors_(anchors),
+      rule_(rule),
+      exclusions_(rule),
+      round_begin_(round_begin),
+      is_over_(std::move(is_over)) {}
 
 CopyComparison::Result CopyComparison::Run() {
-    const std::string root = Plain(rule_.real_path);
-    const std::string held = rule_.is_file ? Parent(root) : root;
-    const RulePlaces places = RuleAnchors::Instance().Of(rule_);
+    const std::string root = WithoutTrailingSlash(rule_.real_path);
+    const std::string held = rule_.is_file ? ParentPath(root) : root;
+    const RulePlaces places = anchors_.Of(rule_);
     if (!places) {
         result_.error = EXDEV;
         return result_;
@@ -103,7 +74,7 @@ CopyComparison::Result CopyComparison::Run() {
     const Level level{live.Get(), copy.Get(), "", 0};
     struct stat found {};
     if (rule_.is_file) {
-        const std::string name = root.substr(held.size());
+        const std::string name = FileName(root);
         CompareObject(level, name);
         if (!IsFileCopied(level, name)) root_error_ = ESTALE;
     } else if (::fstat(level.live, &found) == 0) {
@@ -132,12 +103,12 @@ bool CopyComparison::IsFileCopied(const Level& level, const std::string& name) {
 CopyComparison::Result CopyComparison::RunAgain(const std::string& below) {
     changed_ = Changed::kStaysOpen;
     if (below.empty()) return Run();
-    const RulePlaces places = RuleAnchors::Instance().Of(rule_);
+    const RulePlaces places = anchors_.Of(rule_);
     result_.open.Add(below, 0);
     if (!places) return result_;
     const std::size_t slash = below.rfind('/');
     const std::string directory = slash == std::string::npos ? "" : below.substr(0, slash);
-    const std::string path = Plain(rule_.real_path) + "/" + directory;
+    const std::string path = WithoutTrailingSlash(rule_.real_path) + "/" + directory;
     const SDK::FileDescriptor in_live = places.anchors->OpenLiveDirectory(path);
     const SDK::FileDescriptor in_copy = places.anchors->OpenCopyDirectory(path);
     if (!in_live.IsOpen() || !in_copy.IsOpen()) return result_;
@@ -168,12 +139,12 @@ void CopyComparison::CompareDirectory(const Level& level, const struct stat& fou
 }
 
 void CopyComparison::CompareLiveNames(const Level& level) {
-    const Listing listing = List(level.live);
-    if (listing == nullptr) {
+    DirectoryListing listing(level.live);
+    if (!listing.IsOpen()) {
         Open(level.below, errno);
         return;
     }
-    while (const char* name = NextName(listing)) {
+    while (const char* name = listing.Next()) {
         if (IsOver()) return;
         CompareObject(level, name);
     }
@@ -182,9 +153,9 @@ void CopyComparison::CompareLiveNames(const Level& level) {
 
 /// What has a copy but was gone before the round began.
 void CopyComparison::CompareCopyNames(const Level& level) {
-    const Listing listing = List(level.copy);
-    if (listing == nullptr) return;
-    while (const char* name = NextName(listing)) {
+    DirectoryListing listing(level.copy);
+    if (!listing.IsOpen()) return;
+    while (const char* name = listing.Next()) {
         if (IsOver()) return;
         struct stat live {};
         if (!StatAt(level.live, name, live) && errno == ENOENT) DropFromCopy(level, name);

@@ -14,6 +14,8 @@
 
 namespace Engine {
 
+class RuleAnchors;
+
 /// Holds a protected path against its copy, object by object, where rsync could not copy all of it:
 /// copies by itself what is missing, and tells what stays open.
 ///
@@ -43,7 +45,8 @@ class CopyComparison {
     };
 
     /// `round_begin`: when the round's first copy was begun. `is_over`: asked often; true ends it.
-    CopyComparison(const SentrelDirRule& rule, std::timespec round_begin,
+    /// `anchors` is borrowed.
+    CopyComparison(RuleAnchors& anchors, const SentrelDirRule& rule, std::timespec round_begin,
                    std::function<bool()> is_over);
 
     /// The whole protected path.
@@ -75,6 +78,7 @@ class CopyComparison {
     std::string Path(const Level& level, const std::string& name) const;
     void Open(const std::string& below, int error);
 
+    RuleAnchors& anchors_;
     const SentrelDirRule rule_;
     const RsyncExclusions exclusions_;
     const std::timespec round_begin_;

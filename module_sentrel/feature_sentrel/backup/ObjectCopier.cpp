@@ -17,6 +17,8 @@
 #include <cstdio>
 #include <limits>
 
+#include "base/PathText.h"
+
 namespace Engine {
 
 namespace {
@@ -75,7 +77,7 @@ int ErrorOf(const ObjectRestorer::Result& result) {
 }
 
 bool BelongsToCopies(const std::string& attribute) {
-    return attribute.compare(0, 7, "system.") != 0;
+    return !BeginsWith(attribute, "system.");
 }
 
 void CopyExtendedAttributes(int from, int to) {

@@ -25,9 +25,11 @@ std::string ReasonOf(const OpenObjects::Entry& entry) {
     return entry.error == 0 ? "too many objects in it" : std::strerror(entry.error);
 }
 
-std::vector<SentrelStatus::OpenObject> FirstOnes(const SentrelDirRule& rule) {
+}  // namespace
+
+std::vector<SentrelStatus::OpenObject> OpenReport::FirstOnes(const SentrelDirRule& rule) const {
     std::vector<SentrelStatus::OpenObject> named;
-    for (const auto& entry : BackupProgress::Instance().OpenEntries(rule, kMostNamed)) {
+    for (const auto& entry : progress_.OpenEntries(rule, kMostNamed)) {
         std::string path = rule.real_path + entry.below;
         if (path.size() > kMostBytesOfName) path = path.substr(0, kMostBytesOfName) + "...";
         named.push_back({path, ReasonOf(entry)});
@@ -35,15 +37,12 @@ std::vector<SentrelStatus::OpenObject> FirstOnes(const SentrelDirRule& rule) {
     return named;
 }
 
-}  // namespace
-
 void OpenReport::Publish(const SentrelDirRule& rule) {
-    SentrelStatus::Instance().NoteOpenObjects(
-        rule.real_path, BackupProgress::Instance().OpenCount(rule), FirstOnes(rule));
+    status_.NoteOpenObjects(rule.real_path, progress_.OpenCount(rule), FirstOnes(rule));
 }
 
-std::string OpenReport::Describe(const SentrelDirRule& rule) {
-    const std::size_t count = BackupProgress::Instance().OpenCount(rule);
+std::string OpenReport::Describe(const SentrelDirRule& rule) const {
+    const std::size_t count = progress_.OpenCount(rule);
     std::string text = std::to_string(count) +
                        " objects could not be copied and are neither restored nor deleted: ";
     const std::vector<SentrelStatus::OpenObject> named = FirstOnes(rule);
@@ -62,8 +61,7 @@ void OpenReport::Alarm(const SentrelDirRule& rule, Framework::Task& sender) {
         new Framework::DataMessage("2", AlarmText(rule.real_path, ALARM_UNKNOWN, text, ""));
     message->SetNote({"reported only", -1, true});
     const int result = sender.SendDirectMsg("data_comm_report_task", message);
-    SentrelStatus::Instance().Count(result == 0 ? SentrelStatus::kAlarmsSent
-                                                : SentrelStatus::kAlarmsLost);
+    status_.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);
 }
 
 }  // namespace Engine

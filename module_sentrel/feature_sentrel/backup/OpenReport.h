@@ -1,8 +1,10 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "base/SentrelDirRule.h"
+#include "status/SentrelStatus.h"
 
 namespace Framework {
 class Task;
@@ -10,18 +12,30 @@ class Task;
 
 namespace Engine {
 
-/// Tells of the objects of a protected path that could not be copied in this round. Stateless; the
-/// backup task's thread.
+class BackupProgress;
+
+/// Reports the objects of a protected path that could not be copied in this round. Backup task's
+/// thread.
 class OpenReport {
   public:
-    /// Puts them into the status as they are now; none takes the entry off.
-    static void Publish(const SentrelDirRule& rule);
+    /// Both are borrowed.
+    OpenReport(const BackupProgress& progress, SentrelStatus& status)
+        : progress_(progress), status_(status) {}
 
-    /// One alarm of `sender` that names the first of them, and a log record.
-    static void Alarm(const SentrelDirRule& rule, Framework::Task& sender);
+    /// Writes the present ones to the status; without any, removes the status entry.
+    void Publish(const SentrelDirRule& rule);
 
-    /// How many they are and the first of them with the reasons, in at most 4 KiB.
-    static std::string Describe(const SentrelDirRule& rule);
+    /// Sends one alarm by `sender` that names the first of them, and logs it.
+    void Alarm(const SentrelDirRule& rule, Framework::Task& sender);
+
+    /// Their number and the first of them with the reasons, in at most 4 KiB.
+    std::string Describe(const SentrelDirRule& rule) const;
+
+  private:
+    std::vector<SentrelStatus::OpenObject> FirstOnes(const SentrelDirRule& rule) const;
+
+    const BackupProgress& progress_;
+    SentrelStatus& status_;
 };
 
 }  // namespace Engine

@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "base/DirectoryNames.h"
+#include "base/DirectoryListing.h"
 #include "base/FileComparison.h"
 #include "base/ModuleLogger.h"
 #include "base/PathText.h"

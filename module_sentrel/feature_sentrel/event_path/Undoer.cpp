@@ -20,8 +20,7 @@
 
 #include "base/ModuleLogger.h"
 #include "base/PathText.h"
-#include "rsync/RsyncLauncher.h"
-#include "status/SentrelStatus.h"
+#include "state/ModuleState.h"
 #include "utils/SentrelUtils.h"
 
 namespace Engine {
@@ -67,11 +66,6 @@ bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
                                         });
 }
 
-void CountPlantedLink(const std::string& path) {
-    SDK_LOG(ModuleLogger(), PRIO_WARNING, "removed the planted link %s.", path);
-    SentrelStatus::Instance().Count(SentrelStatus::kPlantedLinksRemoved);
-}
-
 }  // namespace
 
 bool IsTransientName(const std::string& name) {
@@ -96,7 +90,7 @@ std::string FirstObstacle(const AnchoredRule& rule, const std::string& path) {
 }
 
 UndoResult Undoer::Restore(const SentrelDirRule& rule, const std::string& path) {
-    SentrelStatus& status = SentrelStatus::Instance();
+    SentrelStatus& status = state_.status;
     Attempt attempt;
     for (int tries = 0; tries < kTries && !attempt.restored; ++tries) {
         attempt = TryToRestore(rule, path);
@@ -111,8 +105,8 @@ UndoResult Undoer::Restore(const SentrelDirRule& rule, const std::string& path) 
 }
 
 Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::string& path) {
-    RsyncLauncher::Install();
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    state_.launcher.Install();
+    const RulePlaces places = state_.anchors.Of(rule);
     if (!places) return {false, path, false, places.problem};
     const AnchoredRule& anchors = *places.anchors;
     Attempt attempt;
@@ -145,8 +139,8 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
 }
 
 UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
-    SentrelStatus& status = SentrelStatus::Instance();
-    const RulePlaces places = RuleAnchors::Instance().Of(rule);
+    SentrelStatus& status = state_.status;
+    const RulePlaces places = state_.anchors.Of(rule);
     const auto begun = RecentRestores::Clock::now();
     int error = 0;
     if (places) {
@@ -189,8 +183,13 @@ UndoResult Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::strin
         return {Outcome::kNone};
     }
     CountPlantedLink(obstacle);
-    SentrelStatus::Instance().Count(SentrelStatus::kRemovalsDone);
+    state_.status.Count(SentrelStatus::kRemovalsDone);
     return {Outcome::kRemoved};
+}
+
+void Undoer::CountPlantedLink(const std::string& path) {
+    SDK_LOG(ModuleLogger(), PRIO_WARNING, "removed the planted link %s.", path);
+    state_.status.Count(SentrelStatus::kPlantedLinksRemoved);
 }
 
 bool Undoer::IsOwnObject(const AnchoredRule& rule, ino_t inode) const {

@@ -10,6 +10,8 @@
 
 namespace Engine {
 
+struct ModuleState;
+
 /// What undoing one change came to.
 struct UndoResult {
     Outcome outcome = Outcome::kNone;
@@ -22,6 +24,9 @@ struct UndoResult {
 /// did in the module's status. Inotify task's thread.
 class Undoer {
   public:
+    /// `state` is borrowed.
+    explicit Undoer(ModuleState& state) : state_(state) {}
+
     /// Puts back what the copy has at `path`; a directory with all that it holds, and where a
     /// directory on the way is gone or replaced, that one. Blocks until it is done.
     UndoResult Restore(const SentrelDirRule& rule, const std::string& path);
@@ -47,6 +52,9 @@ class Undoer {
     Attempt TryToRestore(const SentrelDirRule& rule, const std::string& path);
     UndoResult RemoveBlockingLink(const AnchoredRule& rule, const std::string& path);
 
+    void CountPlantedLink(const std::string& path);
+
+    ModuleState& state_;
     RecentRestores recent_;
 };
 

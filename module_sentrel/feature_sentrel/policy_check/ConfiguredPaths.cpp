@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/PathText.h"
+
 namespace Engine {
 
 namespace {
@@ -69,9 +71,8 @@ ProtectedPlace::ProtectedPlace(const Json::Value& entry, std::string entry_point
 }
 
 bool ProtectedPlace::IsExcluded(const std::string& name) const {
-    return std::any_of(excluded.begin(), excluded.end(), [&name](const std::string& prefix) {
-        return name.compare(0, prefix.size(), prefix) == 0;
-    });
+    return std::any_of(excluded.begin(), excluded.end(),
+                       [&name](const std::string& prefix) { return BeginsWith(name, prefix); });
 }
 
 bool ProtectedPlace::IsMeantByExclusion(const std::string& name) const {
@@ -86,8 +87,7 @@ bool ProtectedPlace::IsKeptFromBackup(const std::string& name) const {
     return std::any_of(excluded.begin(), excluded.end(), [&](const std::string& full) {
         std::string ending = full.substr(root);
         if (ending.back() == '/') ending.pop_back();
-        return ending.size() > 1 && name.size() >= root + ending.size() &&
-               name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+        return ending.size() > 1 && name.size() >= root + ending.size() && EndsWith(name, ending);
     });
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "feature_sentrel/policy_check/PolicyFindings.h"
+#include "feature_sentrel/schedule/WorkSchedule.h"
 
 namespace Engine {
 
@@ -23,9 +24,10 @@ void CheckRsyncSource(const Json::Value& content, const std::string& pointer, Rs
 void CheckRemoteBackup(const Json::Value& content, const std::string& pointer,
                        PolicyFindings& findings);
 
-/// "distime_enable", "disable_timerange", "disable_week".
+/// "distime_enable", "disable_timerange", "disable_week". `earlier` is what the policies so far
+/// have disabled.
 void CheckSchedule(const Json::Value& content, const std::string& pointer,
-                   PolicyFindings& findings);
+                   const WorkSchedule& earlier, PolicyFindings& findings);
 
 /// "backupserver_ip", "backupserver_port", "backupserver_path".
 void CheckReceivingSide(const Json::Value& content, const std::string& pointer,

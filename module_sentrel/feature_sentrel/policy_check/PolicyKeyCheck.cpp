@@ -4,6 +4,8 @@
 #include <cctype>
 #include <numeric>
 
+#include "base/PathText.h"
+
 namespace Engine {
 
 namespace {
@@ -76,11 +78,7 @@ void CheckType(const Json::Value& value, const std::string& pointer, Type type,
 
 /// Downloads for other processors may stand beside this host's.
 bool IsRsyncSourceKey(const std::string& key) {
-    const auto ends_with = [&key](const std::string& end) {
-        return key.size() > end.size() &&
-               key.compare(key.size() - end.size(), end.size(), end) == 0;
-    };
-    return key.compare(0, 6, "rsync_") == 0 && (ends_with("_url") || ends_with("_hash"));
+    return BeginsWith(key, "rsync_") && (EndsWith(key, "_url") || EndsWith(key, "_hash"));
 }
 
 void CheckUnknownKey(const std::string& key, const std::string& pointer,

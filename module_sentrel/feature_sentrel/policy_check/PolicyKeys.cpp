@@ -22,7 +22,7 @@ const std::vector<PolicyKey>& ProtectionKeys() {
     return keys;
 }
 
-const std::vector<PolicyKey>& BackupServerKeys() {
+const std::vector<PolicyKey>& BackUpServerKeys() {
     static const std::vector<PolicyKey> keys = {
         {"backupserver_ip", Type::kString},
         {"backupserver_port", Type::kInt},

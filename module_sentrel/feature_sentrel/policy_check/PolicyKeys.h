@@ -15,6 +15,6 @@ const std::vector<PolicyKey>& ProtectionKeys();
 /// Of an object in "dirlist".
 const std::vector<PolicyKey>& EntryKeys();
 /// Of "content" in a backup-server policy, the rsync sources aside.
-const std::vector<PolicyKey>& BackupServerKeys();
+const std::vector<PolicyKey>& BackUpServerKeys();
 
 }  // namespace Engine

@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "feature_sentrel/policy_check/PolicyContentCheck.h"
-#include "feature_sentrel/schedule/ScheduleStatus.h"
 #include "feature_sentrel/schedule/TimeRange.h"
 
 namespace Engine {
@@ -112,10 +111,10 @@ void CheckNights(const Json::Value& ranges, const WorkSchedule& schedule,
 }
 
 /// What earlier policies disabled stays so until the agent restarts.
-void CheckEarlierTimes(const WorkSchedule& own, const std::string& place,
-                       PolicyFindings& findings) {
+void CheckEarlierTimes(const WorkSchedule& own, const WorkSchedule& earlier,
+                       const std::string& place, PolicyFindings& findings) {
     WorkSchedule united = own;
-    united.Unite(ScheduleStatus::Instance().Get());
+    united.Unite(earlier);
     if (united.NeverWorks()) {
         findings.Warning(place, own.NeverWorks()
                                     ? "protection never works: every minute of the week is disabled"
@@ -132,7 +131,7 @@ void CheckEarlierTimes(const WorkSchedule& own, const std::string& place,
 }  // namespace
 
 void CheckSchedule(const Json::Value& content, const std::string& pointer,
-                   PolicyFindings& findings) {
+                   const WorkSchedule& earlier, PolicyFindings& findings) {
     const std::string range_place = PointerTo(pointer, "disable_timerange");
     const std::string week_place = PointerTo(pointer, "disable_week");
     const std::string enable_place = PointerTo(pointer, "distime_enable");
@@ -146,7 +145,7 @@ void CheckSchedule(const Json::Value& content, const std::string& pointer,
         if (has_ranges || has_days) {
             findings.Warning(enable_place, "is not true: the schedule is not read");
         }
-        CheckEarlierTimes(WorkSchedule::AlwaysOn(), enable_place, findings);
+        CheckEarlierTimes(WorkSchedule::AlwaysOn(), earlier, enable_place, findings);
         return;
     }
     if (!has_ranges && !has_days) {
@@ -161,7 +160,7 @@ void CheckSchedule(const Json::Value& content, const std::string& pointer,
     }
     const WorkSchedule own = OwnSchedule(ranges, days);
     CheckNights(ranges, own, range_place, findings);
-    CheckEarlierTimes(own, enable_place, findings);
+    CheckEarlierTimes(own, earlier, enable_place, findings);
 }
 
 }  // namespace Engine

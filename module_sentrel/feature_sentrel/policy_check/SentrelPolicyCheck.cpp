@@ -79,7 +79,8 @@ PolicyFindings CheckPlaces(const std::string& text,
 
 }  // namespace
 
-PolicyFindings SentrelPolicyCheck::CheckProtection(const std::string& text) {
+PolicyFindings SentrelPolicyCheck::CheckProtection(const std::string& text,
+                                                   const WorkSchedule& earlier) {
     PolicyFindings findings;
     Json::Value root;
     Json::Value content;
@@ -91,17 +92,17 @@ PolicyFindings SentrelPolicyCheck::CheckProtection(const std::string& text) {
     CheckOsType(content, kContent, findings);
     CheckRsyncSource(content, kContent, RsyncSource::kRequired, findings);
     CheckRemoteBackup(content, kContent, findings);
-    CheckSchedule(content, kContent, findings);
+    CheckSchedule(content, kContent, earlier, findings);
     CheckDirList(content, kContent, findings);
     return findings;
 }
 
-PolicyFindings SentrelPolicyCheck::CheckBackupServer(const std::string& text) {
+PolicyFindings SentrelPolicyCheck::CheckBackUpServer(const std::string& text) {
     PolicyFindings findings;
     Json::Value root;
     Json::Value content;
     if (!ReadDocument(text, root, findings)) return findings;
-    if (!CheckFrame(root, BackupServerKeys(), {}, content, findings)) return findings;
+    if (!CheckFrame(root, BackUpServerKeys(), {}, content, findings)) return findings;
     CheckInstallation(findings);
     CheckRsyncSource(content, kContent, RsyncSource::kOptional, findings);
     CheckReceivingSide(content, kContent, findings);
@@ -112,12 +113,13 @@ PolicyFindings SentrelPolicyCheck::CheckProtectionPlaces(const std::string& text
     return CheckPlaces(text, CheckCopyPlaces);
 }
 
-PolicyFindings SentrelPolicyCheck::CheckBackupServerPlaces(const std::string& text) {
+PolicyFindings SentrelPolicyCheck::CheckBackUpServerPlaces(const std::string& text) {
     return CheckPlaces(text, CheckReceivingPlace);
 }
 
-Json::Value SentrelPolicyCheck::Answer(const Json::Value& request, Check whole, Check places) {
-    const Check check = JsonUtils::GetBoolValue(request, "places_only", false) ? places : whole;
+Json::Value SentrelPolicyCheck::Answer(const Json::Value& request, const Check& whole,
+                                       const Check& places) {
+    const Check& check = JsonUtils::GetBoolValue(request, "places_only", false) ? places : whole;
     const PolicyFindings findings = check(JsonUtils::GetStringValue(request, "text", ""));
     const auto list = [](const std::vector<PolicyFinding>& of) {
         Json::Value array(Json::arrayValue);

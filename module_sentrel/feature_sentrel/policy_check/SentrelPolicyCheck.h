@@ -2,9 +2,11 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <string>
 
 #include "feature_sentrel/policy_check/PolicyFindings.h"
+#include "feature_sentrel/schedule/WorkSchedule.h"
 
 namespace Engine {
 
@@ -14,23 +16,23 @@ namespace Engine {
 /// for a large tree.
 class SentrelPolicyCheck {
   public:
-    /// A document of the feature "sentrel_feature".
-    static PolicyFindings CheckProtection(const std::string& text);
+    /// A document of the feature "sentrel_feature". `earlier` is what the policies so far have
+    /// disabled.
+    static PolicyFindings CheckProtection(const std::string& text, const WorkSchedule& earlier);
 
     /// A document of the feature "backupserver_feature".
-    static PolicyFindings CheckBackupServer(const std::string& text);
+    static PolicyFindings CheckBackUpServer(const std::string& text);
 
     /// Of a document that was good once: only whether the places that it names are safe from other
     /// users still.
     static PolicyFindings CheckProtectionPlaces(const std::string& text);
-    static PolicyFindings CheckBackupServerPlaces(const std::string& text);
+    static PolicyFindings CheckBackUpServerPlaces(const std::string& text);
 
-    using Check = PolicyFindings (*)(const std::string& text);
+    using Check = std::function<PolicyFindings(const std::string& text)>;
 
     /// The answer to a query {"text": document} by `whole`, or with "places_only": true by
-    /// `places`:
-    /// {"errors","warnings"}, arrays of {"pointer","message"}.
-    static Json::Value Answer(const Json::Value& request, Check whole, Check places);
+    /// `places`: {"errors","warnings"}, arrays of {"pointer","message"}.
+    static Json::Value Answer(const Json::Value& request, const Check& whole, const Check& places);
 };
 
 }  // namespace Engine

@@ -12,9 +12,7 @@
 #include <utility>
 
 #include "base/ModuleLogger.h"
-#include "places/RuleAnchors.h"
-#include "progress/BackupProgress.h"
-#include "status/SentrelStatus.h"
+#include "state/ModuleState.h"
 #include "utils/SentrelUtils.h"
 
 namespace Engine {
@@ -35,13 +33,13 @@ constexpr int kRestPerComparison = 20;
 
 }  // namespace
 
-bool AwaitsBackup(const SentrelDirRule& rule) {
-    return SentrelUtils::GetInstance()->MakesLocalBackup() &&
-           !BackupProgress::Instance().IsComplete(rule);
+bool AwaitsBackup(const SentrelDirRule& rule, const BackupProgress& progress) {
+    return SentrelUtils::GetInstance()->MakesLocalBackup() && !progress.IsComplete(rule);
 }
 
-Rejudge::Rejudge(Owner owner, std::size_t backlog)
+Rejudge::Rejudge(Owner owner, ModuleState& state, std::size_t backlog)
     : owner_(std::move(owner)),
+      state_(state),
       deferred_(backlog),
       failed_(std::min(backlog, RetryQueue::kCapacity)) {}
 
@@ -66,7 +64,7 @@ void Rejudge::Take(const FileChange& change, const Handling& handling,
 }
 
 void Rejudge::Defer(const FileChange& change) {
-    SentrelStatus& status = SentrelStatus::Instance();
+    SentrelStatus& status = state_.status;
     if (deferred_.Keep(change)) {
         status.Count(SentrelStatus::kEventsDeferred);
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s waits for the first backup to be complete.",
@@ -84,7 +82,7 @@ void Rejudge::KeepFailed(FileChange change) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is judged again later.", change.path);
             return;
         case RetryQueue::Kept::kGivenUp:
-            SentrelStatus::Instance().Count(SentrelStatus::kRetriesGivenUp);
+            state_.status.Count(SentrelStatus::kRetriesGivenUp);
             SDK_LOG(ModuleLogger(), PRIO_WARNING, "%s cannot be put right and is given up.",
                     change.path);
             return;
@@ -124,8 +122,8 @@ bool Rejudge::HandleDue(Clock::time_point now, const RecentRestores& recent) {
     const bool more_deferred = HandleDeferred(recent);
     const bool more_failed = HandleFailed(now, recent);
     const bool more_to_compare = CompareTrees(now, recent);
-    SentrelStatus::Instance().PublishBacklog(deferred_.Size(), failed_.Size(),
-                                             to_compare_.size() + (sweep_ ? 1 : 0));
+    state_.status.PublishBacklog(deferred_.Size(), failed_.Size(),
+                                 to_compare_.size() + (sweep_ ? 1 : 0));
     return more_deferred || more_failed || more_to_compare;
 }
 
@@ -133,7 +131,7 @@ bool Rejudge::HandleDeferred(const RecentRestores& recent) {
     if (deferred_.Size() == 0) return false;
     const auto is_ready = [this](const std::string& watch_id) {
         const SentrelDirRule* rule = owner_.rule(watch_id);
-        return rule == nullptr || !AwaitsBackup(*rule);
+        return rule == nullptr || !AwaitsBackup(*rule, state_.progress);
     };
     for (int done = 0; done < kMostAtOnce && !owner_.should_yield(); ++done) {
         const std::vector<FileChange> oldest = deferred_.Take(1, is_ready);
@@ -148,7 +146,7 @@ bool Rejudge::HandleFailed(Clock::time_point now, const RecentRestores& recent) 
     for (int done = 0; done < kMostAtOnce && !owner_.should_yield(); ++done) {
         const std::optional<FileChange> due = failed_.TakeDue(now);
         if (!due) return false;
-        SentrelStatus::Instance().Count(SentrelStatus::kRetries);
+        state_.status.Count(SentrelStatus::kRetries);
         const Outcome outcome = Judge(*due, recent).outcome;
         if (outcome != Outcome::kRestoreFailed && outcome != Outcome::kRemovalFailed &&
             outcome != Outcome::kNotJudged) {
@@ -185,7 +183,7 @@ bool Rejudge::CompareTrees(Clock::time_point now, const RecentRestores& recent) 
 
 bool Rejudge::MayCompare(const std::string& watch_id) const {
     const SentrelDirRule* rule = owner_.rule(watch_id);
-    return rule != nullptr && !AwaitsBackup(*rule);
+    return rule != nullptr && !AwaitsBackup(*rule, state_.progress);
 }
 
 void Rejudge::BeginComparison(const std::string& watch_id, const RecentRestores& recent) {
@@ -199,7 +197,7 @@ void Rejudge::BeginComparison(const std::string& watch_id, const RecentRestores&
     };
     comparing_ = watch_id;
     comparison_begun_ = Clock::now();
-    sweep_.emplace(rule, ignored, judge);
+    sweep_.emplace(state_.anchors, rule, ignored, judge);
     scope_ = std::move(to_compare_[comparing_]);
     to_compare_.erase(comparing_);
 }
@@ -216,14 +214,14 @@ void Rejudge::EndComparison(bool is_complete) {
         waiting.changed_since = std::min(waiting.changed_since, scope_.changed_since);
     } else if (scope_.everything) {
         SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s has been compared with its copy.", comparing_);
-        SentrelStatus::Instance().Count(SentrelStatus::kTreesCompared);
+        state_.status.Count(SentrelStatus::kTreesCompared);
     }
 }
 
 bool Rejudge::IsInScope(const std::string& path) const {
     if (scope_.everything) return true;
     const SentrelDirRule* rule = owner_.rule(comparing_);
-    const RulePlaces places = rule == nullptr ? RulePlaces() : RuleAnchors::Instance().Of(*rule);
+    const RulePlaces places = rule == nullptr ? RulePlaces() : state_.anchors.Of(*rule);
     struct stat info {};
     return places && places.anchors->StatLive(path, info) == 0 &&
            (info.st_ctime >= scope_.changed_since ||
@@ -237,7 +235,7 @@ void Rejudge::Forget() {
     sweep_.reset();
     retries_rest_until_ = {};
     comparisons_rest_until_ = {};
-    SentrelStatus::Instance().PublishBacklog(0, 0, 0);
+    state_.status.PublishBacklog(0, 0, 0);
 }
 
 }  // namespace Engine

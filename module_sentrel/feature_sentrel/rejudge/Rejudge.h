@@ -19,6 +19,9 @@
 
 namespace Engine {
 
+class BackupProgress;
+struct ModuleState;
+
 /// Reads what came of each change and sees to it that none is lost: keeps what has to wait for the
 /// first backup and what could not be undone, and compares trees of which changes could not be
 /// kept, or of which an object was changed that may have other names. Hands them to the same
@@ -39,8 +42,8 @@ class Rejudge {
         std::function<bool()> should_yield;
     };
 
-    /// `backlog`: so many changes at most are kept of each kind.
-    Rejudge(Owner owner, std::size_t backlog);
+    /// `state` is borrowed. At most `backlog` changes of each kind are kept.
+    Rejudge(Owner owner, ModuleState& state, std::size_t backlog);
 
     /// Called with every change that was handled; `recent` tells what was put right since.
     void Take(const FileChange& change, const Handling& handling, const RecentRestores& recent);
@@ -78,6 +81,7 @@ class Rejudge {
     bool IsInScope(const std::string& path) const;
 
     const Owner owner_;
+    ModuleState& state_;
     PendingEvents deferred_;
     RetryQueue failed_;
     Clock::time_point retries_rest_until_{};
@@ -89,7 +93,7 @@ class Rejudge {
     std::optional<TreeReconciler> sweep_;
 };
 
-/// Local copies of the rule are made here, and those of the present round are not complete.
-bool AwaitsBackup(const SentrelDirRule& rule);
+/// This module makes the rule's local copies, and those of the present round are not complete.
+bool AwaitsBackup(const SentrelDirRule& rule, const BackupProgress& progress);
 
 }  // namespace Engine

@@ -10,7 +10,7 @@
 #include <iterator>
 #include <utility>
 
-#include "base/DirectoryNames.h"
+#include "base/DirectoryListing.h"
 #include "base/PathText.h"
 
 namespace Engine {
@@ -30,11 +30,15 @@ void AddNames(const SDK::FileDescriptor& directory, std::vector<std::string>& na
 
 }  // namespace
 
-TreeReconciler::TreeReconciler(SentrelDirRule rule, Ignored ignored, Named named)
-    : rule_(std::move(rule)), ignored_(std::move(ignored)), named_(std::move(named)) {}
+TreeReconciler::TreeReconciler(RuleAnchors& anchors, SentrelDirRule rule, Ignored ignored,
+                               Named named)
+    : all_anchors_(anchors),
+      rule_(std::move(rule)),
+      ignored_(std::move(ignored)),
+      named_(std::move(named)) {}
 
 bool TreeReconciler::Step(std::chrono::steady_clock::time_point until) {
-    anchors_ = RuleAnchors::Instance().Of(rule_).anchors;
+    anchors_ = all_anchors_.Of(rule_).anchors;
     if (anchors_ == nullptr) return false;
     if (!std::exchange(begun_, true) && Look(WithoutTrailingSlash(rule_.real_path))) return true;
     while (!open_.empty() && std::chrono::steady_clock::now() < until) {

@@ -23,7 +23,8 @@ class TreeReconciler {
     /// A path without a trailing "/", and the event bits that fit how it stands.
     using Named = std::function<void(const std::string& path, std::uint32_t raw_mask)>;
 
-    TreeReconciler(SentrelDirRule rule, Ignored ignored, Named named);
+    /// `anchors` is borrowed.
+    TreeReconciler(RuleAnchors& anchors, SentrelDirRule rule, Ignored ignored, Named named);
 
     /// Goes on until something was named or `until` is reached. False at the end.
     bool Step(std::chrono::steady_clock::time_point until);
@@ -42,6 +43,7 @@ class TreeReconciler {
     struct stat CopyStatus(const std::string& path) const;
     bool Name(const std::string& path, std::uint32_t raw_mask);
 
+    RuleAnchors& all_anchors_;
     const SentrelDirRule rule_;
     std::shared_ptr<const AnchoredRule> anchors_;  ///< as they were when the last step began
     const Ignored ignored_;

@@ -20,11 +20,6 @@ std::string TimeText(std::time_t moment, std::time_t now) {
 
 }  // namespace
 
-ScheduleStatus& ScheduleStatus::Instance() {
-    static ScheduleStatus instance;
-    return instance;
-}
-
 void ScheduleStatus::Publish(const WorkSchedule& schedule, bool enabled) {
     const std::lock_guard<std::mutex> lock(mutex_);
     schedule_ = schedule;

@@ -13,8 +13,6 @@ namespace Engine {
 /// Policy callbacks publish, the status query and the policy check read; any thread.
 class ScheduleStatus {
   public:
-    static ScheduleStatus& Instance();
-
     /// `enabled`: the policy in force has a schedule of its own.
     void Publish(const WorkSchedule& schedule, bool enabled);
     WorkSchedule Get() const;
@@ -26,8 +24,6 @@ class ScheduleStatus {
     void Reset() { Publish(WorkSchedule::AlwaysOn(), false); }
 
   private:
-    ScheduleStatus() = default;
-
     mutable std::mutex mutex_;  ///< guards all below
     WorkSchedule schedule_ = WorkSchedule::AlwaysOn();
     bool enabled_ = false;

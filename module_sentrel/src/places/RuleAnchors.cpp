@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/DirectoryNames.h"
+#include "base/DirectoryListing.h"
 #include "base/PathText.h"
 
 namespace Engine {
@@ -120,11 +120,6 @@ SDK::FileDescriptor AnchoredRule::OpenCopyDirectory(const std::string& path) con
     if (copies_ != nullptr) return copies_->OpenDirectory(Relative(path));
     errno = ENOENT;
     return {};
-}
-
-RuleAnchors& RuleAnchors::Instance() {
-    static RuleAnchors instance;
-    return instance;
 }
 
 RulePlaces RuleAnchors::Of(const SentrelDirRule& rule) {

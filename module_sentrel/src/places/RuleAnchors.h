@@ -82,8 +82,6 @@ struct RulePlaces {
 /// agent work in somebody else's directory. Any thread.
 class RuleAnchors {
   public:
-    static RuleAnchors& Instance();
-
     /// The rule's directories, opened at the first call and looked at again at each.
     RulePlaces Of(const SentrelDirRule& rule);
 
@@ -107,7 +105,6 @@ class RuleAnchors {
     using Key = std::pair<std::string, std::string>;  ///< real_path, backup_path
     using Known = std::shared_ptr<const AnchoredRule>;
 
-    RuleAnchors() = default;
     RulePlaces LookUp(const SentrelDirRule& rule);
     RulePlaces Open(const SentrelDirRule& rule);
     RulePlaces Check(const Known& known);

@@ -14,11 +14,6 @@ namespace Engine {
 
 using SDK::PlaceTrust;
 
-TrustedPlaces& TrustedPlaces::Instance() {
-    static TrustedPlaces instance;
-    return instance;
-}
-
 std::string TrustedPlaces::WhyNotForCopies(const std::string& backup_path) {
     return PlaceTrust::WhyReachable(backup_path);
 }

@@ -16,8 +16,6 @@ namespace Engine {
 /// is kept for the status.
 class TrustedPlaces {
   public:
-    static TrustedPlaces& Instance();
-
     /// Why copies must be neither put below `backup_path` nor restored from there: others can write
     /// to it, or can enter it, where the copies keep the owners of the site. Empty: they may.
     static std::string WhyNotForCopies(const std::string& backup_path);
@@ -39,8 +37,6 @@ class TrustedPlaces {
     void Reset();
 
   private:
-    TrustedPlaces() = default;
-
     mutable std::mutex mutex_;                    ///< guards reasons_
     std::map<std::string, std::string> reasons_;  ///< by path
 };

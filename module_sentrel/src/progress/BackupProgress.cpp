@@ -26,11 +26,6 @@ bool HasCopy(const SentrelDirRule& rule, const std::string& below) {
 
 }  // namespace
 
-BackupProgress& BackupProgress::Instance() {
-    static BackupProgress instance;
-    return instance;
-}
-
 void BackupProgress::Restart() {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++round_;

@@ -30,8 +30,6 @@ namespace Engine {
 /// inotify task asks. Any thread.
 class BackupProgress {
   public:
-    static BackupProgress& Instance();
-
     /// From now on no copy counts as complete; one that is being made does not count any more.
     void Restart();
 
@@ -91,7 +89,6 @@ class BackupProgress {
         std::chrono::seconds rest{};
     };
 
-    BackupProgress() = default;
     const OpenObjects* OpenOf(const SentrelDirRule& rule) const;
     void CountOpen();
 

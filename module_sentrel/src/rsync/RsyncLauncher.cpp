@@ -1,5 +1,5 @@
 // Decides how a command of bin/rsync is carried out. It must not build command lines nor judge
-// their results (SentrelUtils does), nor hold directories (RuleAnchors does). Any thread.
+// their results (RsyncCopies does), nor hold directories (RuleAnchors does). Any thread.
 #include "rsync/RsyncLauncher.h"
 
 #include <fcntl.h>
@@ -13,7 +13,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 #include "base/PathText.h"
@@ -122,28 +121,24 @@ CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
                std::move(scratch));
 }
 
-/// rsync restores; for what is neither file nor link, and where the switch wants it.
-CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& program,
-                                   const AnchoredRule& rule, bool is_directory) {
-    SDK::FileDescriptor scratch = rule.OpenScratch();
-    if (!scratch.IsOpen()) return Failed(kNoScratch);
-    if (!is_directory) {
-        Entry copy = rule.Copy(line.target);
-        Entry live = rule.Live(line.target);
-        if (!copy.IsOpen() || !live.IsOpen()) return Failed("cannot open the directory");
-        // rsync would copy into a directory that stands in the object's place.
-        struct stat info {};
-        if (rule.StatLive(line.target, info) == 0 && S_ISDIR(info.st_mode) &&
-            SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) != 0) {
-            return Failed("cannot remove the directory in its place");
-        }
-        return Run(line, program, std::move(copy.directory), copy.name, std::move(live.directory),
-                   live.name, std::move(scratch));
+/// rsync restores a file, link or special file.
+CommandAnswer AnswerObjectByRsync(const RsyncLine& line, const std::string& program,
+                                  const AnchoredRule& rule, SDK::FileDescriptor scratch) {
+    Entry copy = rule.Copy(line.target);
+    Entry live = rule.Live(line.target);
+    if (!copy.IsOpen() || !live.IsOpen()) return Failed("cannot open the directory");
+    // rsync would copy into a directory that stands in the object's place.
+    struct stat info {};
+    if (rule.StatLive(line.target, info) == 0 && S_ISDIR(info.st_mode) &&
+        SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) != 0) {
+        return Failed("cannot remove the directory in its place");
     }
-    // rsync knows nothing of the objects that could not be copied, and would delete them.
-    if (BackupProgress::Instance().HasOpenIn(rule.Rule(), line.target)) {
-        return Failure("the directory holds objects without a copy");
-    }
+    return Run(line, program, std::move(copy.directory), copy.name, std::move(live.directory),
+               live.name, std::move(scratch));
+}
+
+CommandAnswer AnswerDirectoryByRsync(const RsyncLine& line, const std::string& program,
+                                     const AnchoredRule& rule, SDK::FileDescriptor scratch) {
     SDK::FileDescriptor live = rule.OpenLiveDirectory(line.target);
     if (!live.IsOpen()) {
         const Entry entry = rule.Live(line.target);
@@ -157,26 +152,40 @@ CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& pro
     return Run(line, program, std::move(copy), "", std::move(live), "", std::move(scratch));
 }
 
+/// For what is neither file nor link, and where the configuration wants rsync to restore.
+CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& program,
+                                   const AnchoredRule& rule, const BackupProgress& progress,
+                                   bool is_directory) {
+    SDK::FileDescriptor scratch = rule.OpenScratch();
+    if (!scratch.IsOpen()) return Failed(kNoScratch);
+    if (!is_directory) return AnswerObjectByRsync(line, program, rule, std::move(scratch));
+    // rsync knows nothing of the objects that could not be copied, and would delete them.
+    if (progress.HasOpenIn(rule.Rule(), line.target)) {
+        return Failure("the directory holds objects without a copy");
+    }
+    return AnswerDirectoryByRsync(line, program, rule, std::move(scratch));
+}
+
 CommandAnswer RestoreDirectory(const RsyncLine& line, const AnchoredRule& rule,
-                               const RsyncExclusions& exclusions) {
+                               const BackupProgress& progress, const RsyncExclusions& exclusions) {
     const std::string directory = WithoutTrailingSlash(line.target);
     const auto shield = [&](const std::string& below, bool is_directory) {
         const std::string path = directory + "/" + below;
-        return exclusions.Match(path, is_directory) ||
-               BackupProgress::Instance().IsOpen(rule.Rule(), path);
+        return exclusions.Match(path, is_directory) || progress.IsOpen(rule.Rule(), path);
     };
     // The protected directory itself is never taken by its name, which others may have changed.
     const Entry live = directory == rule.RootPath() ? Entry{rule.OpenLiveDirectory(directory), "."}
                                                     : rule.Live(directory);
     if (!live.IsOpen()) return Failed("cannot open the directory");
-    // To read all of a large site, because somebody changes the mode of its top again and again,
-    // would let every other page wait.
+    // Reading a whole large site would delay every other page, and anybody can cause it by changing
+    // the mode of its top again and again.
     return Done(SDK::TreeRestorer::Restore(rule.Copy(directory), live, shield,
                                            SDK::TreeRestorer::Comparison::kChanged,
                                            rule.Staging()));
 }
 
-CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
+CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program, RuleAnchors& anchors,
+                            const BackupProgress& progress,
                             std::shared_ptr<const AnchoredRule> rule) {
     struct stat copy {};
     if (rule->StatCopy(line.target, copy) != 0) return Failed("no backup copy");
@@ -185,13 +194,13 @@ CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
     const bool is_root = rule->Below(line.target, below) && below.empty() && !rule->IsFile();
     if (is_root && rule->Root() == nullptr) {
         if (!is_directory) return Failure("the copy is no directory");
-        RulePlaces made = RuleAnchors::Instance().MakeRoot(rule);
+        RulePlaces made = anchors.MakeRoot(rule);
         if (!made) return Failure(made.problem);
         rule = std::move(made.anchors);
     }
     const RsyncExclusions exclusions(line.exclusions);
     if (RsyncLauncher::RestoresInProcess()) {
-        if (is_directory) return RestoreDirectory(line, *rule, exclusions);
+        if (is_directory) return RestoreDirectory(line, *rule, progress, exclusions);
         if (!exclusions.Match(line.target, false)) {
             const Entry live = rule->Live(line.target);
             if (!live.IsOpen()) return Failed("cannot open the directory");
@@ -200,20 +209,26 @@ CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program,
             if (result.outcome != ObjectRestorer::Outcome::kUnusual) return Done(result);
         }
     }
-    return AnswerRestoreByRsync(line, program, *rule, is_directory);
+    return AnswerRestoreByRsync(line, program, *rule, progress, is_directory);
 }
 
 }  // namespace
 
+RsyncLauncher::RsyncLauncher(RuleAnchors& anchors, const BackupProgress& progress)
+    : anchors_(anchors), progress_(progress) {}
+
+RsyncLauncher::~RsyncLauncher() {
+    if (!installed_.empty()) SDK::ExecuteCmdUtils::SetProgramHandler(installed_, nullptr);
+}
+
 void RsyncLauncher::Install() {
-    static std::mutex mutex;
-    static std::string installed;
     const std::string program = RsyncPaths::Program(SDK::PathUtils::GetInstallationPath());
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (program == installed) return;
-    SDK::ExecuteCmdUtils::SetProgramHandler(installed, nullptr);
-    SDK::ExecuteCmdUtils::SetProgramHandler(program, &RsyncLauncher::Answer);
-    installed = program;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (program == installed_) return;
+    SDK::ExecuteCmdUtils::SetProgramHandler(installed_, nullptr);
+    SDK::ExecuteCmdUtils::SetProgramHandler(
+        program, [this](const std::vector<std::string>& arguments) { return Answer(arguments); });
+    installed_ = program;
 }
 
 bool RsyncLauncher::RestoresInProcess() {
@@ -221,15 +236,14 @@ bool RsyncLauncher::RestoresInProcess() {
     return !value.isBool() || value.asBool();
 }
 
-CommandAnswer RsyncLauncher::Answer(const std::vector<std::string>& arguments) {
+CommandAnswer RsyncLauncher::Answer(const std::vector<std::string>& arguments) const {
     const std::optional<RsyncLine> line = RsyncLine::Of(arguments);
     if (!line) return {};
-    RuleAnchors& anchors = RuleAnchors::Instance();
-    RulePlaces places = line->is_backup ? anchors.OfBackup(line->source, line->target)
-                                        : anchors.OfRestore(line->source, line->target);
+    RulePlaces places = line->is_backup ? anchors_.OfBackup(line->source, line->target)
+                                        : anchors_.OfRestore(line->source, line->target);
     if (!places) return places.problem.empty() ? CommandAnswer() : Failure(places.problem);
-    return line->is_backup ? AnswerBackup(*line, arguments.front(), *places.anchors)
-                           : AnswerRestore(*line, arguments.front(), std::move(places.anchors));
+    if (line->is_backup) return AnswerBackup(*line, arguments.front(), *places.anchors);
+    return AnswerRestore(*line, arguments.front(), anchors_, progress_, std::move(places.anchors));
 }
 
 }  // namespace Engine

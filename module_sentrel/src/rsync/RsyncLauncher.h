@@ -2,25 +2,42 @@
 
 #include <sdk/commands/CommandHandler.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace Engine {
 
-/// Carries out the module's rsync commands so that no path on them can be led elsewhere: a restore
-/// is done in the agent itself by descriptors, a backup by rsync with held directories in the place
-/// of paths. Stateless but for the switch; any thread.
+class BackupProgress;
+class RuleAnchors;
+
+/// The command runner's handler for bin/rsync. It carries out the module's rsync commands so that
+/// nobody can lead a path elsewhere: it restores by descriptors in the agent itself, and gives
+/// rsync held directories in place of paths for a backup. Thread-safe.
 class RsyncLauncher {
   public:
-    /// From now on the command runner asks here how the agent's bin/rsync is to be run. Looks at
-    /// the installation path anew at each call, and costs next to nothing when nothing has changed.
-    static void Install();
+    /// Both are borrowed and must outlive the launcher.
+    RsyncLauncher(RuleAnchors& anchors, const BackupProgress& progress);
+    /// Takes the handler back; no command may be running.
+    ~RsyncLauncher();
+    RsyncLauncher(const RsyncLauncher&) = delete;
+    RsyncLauncher& operator=(const RsyncLauncher&) = delete;
+
+    /// From now on the command runner asks this object how bin/rsync is run. Reads the installation
+    /// path anew at each call; cheap when that has not changed.
+    void Install();
 
     /// What becomes of one command of bin/rsync.
-    static SDK::CommandAnswer Answer(const std::vector<std::string>& arguments);
+    SDK::CommandAnswer Answer(const std::vector<std::string>& arguments) const;
 
     /// False when conf/agent.json has "restore_in_process" false: then rsync restores, too.
     static bool RestoresInProcess();
+
+  private:
+    RuleAnchors& anchors_;
+    const BackupProgress& progress_;
+    std::mutex mutex_;       ///< guards installed_
+    std::string installed_;  ///< the program that has the handler; empty: none
 };
 
 }  // namespace Engine

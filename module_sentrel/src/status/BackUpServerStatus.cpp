@@ -4,11 +4,6 @@
 
 namespace Engine {
 
-BackUpServerStatus& BackUpServerStatus::Instance() {
-    static BackUpServerStatus instance;
-    return instance;
-}
-
 void BackUpServerStatus::SetOn(const std::string& address, int port, const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
     on_ = true;

@@ -13,8 +13,6 @@ namespace Engine {
 /// write, the status query reads; any thread. It never influences what they do.
 class BackUpServerStatus {
   public:
-    static BackUpServerStatus& Instance();
-
     /// A policy has switched the feature on; the count of restarts begins anew.
     void SetOn(const std::string& address, int port, const std::string& path);
     void SetOff();
@@ -28,8 +26,6 @@ class BackUpServerStatus {
     void Reset() { SetOff(); }
 
   private:
-    BackUpServerStatus() = default;
-
     mutable std::mutex mutex_;  ///< guards all below
     bool on_ = false;
     std::string address_;

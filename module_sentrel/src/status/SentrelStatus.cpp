@@ -18,11 +18,6 @@ Json::Value TimeOrNull(std::int64_t seconds) {
 
 }  // namespace
 
-SentrelStatus& SentrelStatus::Instance() {
-    static SentrelStatus instance;
-    return instance;
-}
-
 void SentrelStatus::SetProtectionOn(bool monitor_only, int backup_type,
                                     const std::list<SentrelDirRule>& rules) {
     const std::lock_guard<std::mutex> lock(mutex_);

@@ -21,8 +21,6 @@ namespace Engine {
 /// everything back. It never influences what the module does.
 class SentrelStatus {
   public:
-    static SentrelStatus& Instance();
-
     enum Counter : std::size_t {
         kRestoresDone,
         kRestoresFailed,
@@ -101,7 +99,6 @@ class SentrelStatus {
         std::string problem;
     };
 
-    SentrelStatus() = default;
     static Json::Value OpenObjectsToJson(const History& history);
     Json::Value PathsToJson(const Json::Value& watches) const;
     Json::Value CountersToJson() const;

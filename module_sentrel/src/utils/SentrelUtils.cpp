@@ -8,7 +8,6 @@
 
 #include "base/FileComparison.h"
 #include "base/ModuleLogger.h"
-#include "progress/BackupProgress.h"
 #include "utils/ModuleReports.h"
 
 namespace Engine {
@@ -33,7 +32,6 @@ SentrelUtils* SentrelUtils::GetInstance() {
 }
 
 void SentrelUtils::Init() {
-    BackupProgress::Instance().Restart();
     is_run = true;
     local_backup_pending = true;
     remote_backup_pending = true;

@@ -11,10 +11,10 @@
 
 namespace Engine {
 
-void PrepareRsyncForTask() {
+void PrepareRsyncForTask(RsyncLauncher& launcher) {
     const unsigned int uid = ::getuid();
     if (uid != 0) SDK_LOG(ModuleLogger(), PRIO_WARNING, "run as not root user, uid=%u.", uid);
-    RsyncLauncher::Install();
+    launcher.Install();
     SentrelUtils* utils = SentrelUtils::GetInstance();
     if (utils->DownloadRsync()) return;
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "download rsync failed.");

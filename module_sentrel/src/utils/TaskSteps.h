@@ -2,9 +2,12 @@
 
 namespace Engine {
 
-/// What the Init of every task of the module does: warns when the agent does not run as root, makes
-/// sure that rsync is there, and logs and reports when it is not. Task's thread; may download.
-void PrepareRsyncForTask();
+class RsyncLauncher;
+
+/// What the Init of every task of the module does: warns when the agent does not run as root,
+/// installs the launcher, makes sure that rsync is there, and logs and reports when it is not.
+/// Task's thread; may download.
+void PrepareRsyncForTask(RsyncLauncher& launcher);
 
 /// Rests as the agent's CPU limit asks when the calling thread has used more than its share since
 /// `last_tick`, which then moves on. `file`, `line` and `task` name the caller.

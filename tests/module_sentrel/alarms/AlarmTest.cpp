@@ -33,7 +33,7 @@ class AlarmCache : public ::testing::Test {
         Engine::WorkClock::SetSource([] { return kNow; });
     }
     test::Installation install_;
-    SentrelInotifyTask task_;
+    SentrelInotifyTask task_{install_.state};
 };
 
 TEST_F(AlarmCache, RepeatedAlarm_IsCountedPerType) {
@@ -89,7 +89,7 @@ TEST_F(AlarmCache, CleanUp_RemovesOldAndFutureAlarmsOnlyFromTheFront) {
 TEST(AlarmReport, FirstAlarmOfAFile_IsSentWithItsDocument) {
     test::Installation install;
     const test::RunningEngine running(install.log);
-    SentrelInotifyTask task;
+    SentrelInotifyTask task(install.state);
     const std::string path = "/site/\"q\"\n\xff.html";
     task.SentrelSendAlarm(path, Engine::ALARM_DELETE, "d", "a");
     task.SentrelSendAlarm(path, Engine::ALARM_MODIFY, "", "");

@@ -10,8 +10,6 @@
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "fixtures/FakeTasks.h"
 #include "fixtures/Installation.h"
-#include "progress/BackupProgress.h"
-#include "status/SentrelStatus.h"
 #include "support/WaitFor.h"
 #include "utils/SentrelUtils.h"
 
@@ -41,7 +39,7 @@ class BackupTask : public ::testing::Test {
     test::Installation install_;
     const std::string backup_ = install_.dir.Path("backup");
     SentrelUtils* utils_ = SentrelUtils::GetInstance();
-    Engine::SentrelBackupTask task_;
+    Engine::SentrelBackupTask task_{install_.state};
 };
 
 TEST_F(BackupTask, OneFailure_RepeatsThePassForTheFailedPath) {
@@ -69,10 +67,10 @@ TEST_F(BackupTask, LinkInPlaceOfTheDirectory_IsNotCopied) {
     task_.Run();
     EXPECT_EQ(Calls(), 0);
     EXPECT_TRUE(utils_->local_backup_pending);
-    EXPECT_FALSE(Engine::BackupProgress::Instance().IsComplete(utils_->dir_rules.front()));
+    EXPECT_FALSE(install_.state.progress.IsComplete(utils_->dir_rules.front()));
     std::filesystem::remove(install_.dir.Path("site"));
     task_.Run();
-    EXPECT_TRUE(Engine::BackupProgress::Instance().IsComplete(utils_->dir_rules.front()));
+    EXPECT_TRUE(install_.state.progress.IsComplete(utils_->dir_rules.front()));
 }
 
 TEST_F(BackupTask, Remote_PushesTheBackupCopies) {
@@ -103,7 +101,7 @@ TEST_F(BackupTask, PauseThatEndsDuringAPass_RepeatsThePass) {
     std::thread pass([this] { task_.Run(); });
     std::ofstream opened(gate);  // opens when the push of the first path waits
     utils_->is_run = false;
-    Engine::SentrelInotifyTask().CheckDisableTime();
+    Engine::SentrelInotifyTask(install_.state).CheckDisableTime();
     opened << "go\n" << std::flush;
     pass.join();
     EXPECT_EQ(Calls(), 4);
@@ -111,7 +109,7 @@ TEST_F(BackupTask, PauseThatEndsDuringAPass_RepeatsThePass) {
     std::filesystem::remove(gate);
     task_.Run();
     EXPECT_FALSE(utils_->local_backup_pending || utils_->remote_backup_pending);
-    EXPECT_TRUE(Engine::BackupProgress::Instance().IsComplete(utils_->dir_rules.front()));
+    EXPECT_TRUE(install_.state.progress.IsComplete(utils_->dir_rules.front()));
 }
 
 TEST_F(BackupTask, TypesAndEmptyList_DoNothing) {

@@ -79,7 +79,6 @@ bool AsSiteUser(const std::function<bool()>& action) {
 class OpenBackup : public ::testing::Test {
   protected:
     OpenBackup() {
-        Engine::SentrelStatus::Instance().Reset();
         install_.UseRealRsync();
         SDK::ExecuteCmdUtils::SetProgramEnvironment(
             install_.dir.Path("bin/rsync"),
@@ -96,7 +95,6 @@ class OpenBackup : public ::testing::Test {
     }
     ~OpenBackup() override {
         SDK::ExecuteCmdUtils::SetProgramEnvironment(install_.dir.Path("bin/rsync"), {});
-        BackupProgress::Instance().Restart();
     }
 
     Engine::SentrelDirRule Rule(const std::string& name) const {
@@ -109,7 +107,7 @@ class OpenBackup : public ::testing::Test {
     std::string Site(const std::string& name) const { return rule_.real_path + name; }
     std::string Copy(const std::string& name) const { return rule_.backup_path + Site(name); }
     bool IsOpen(const std::string& name) const {
-        return BackupProgress::Instance().IsOpen(rule_, Site(name));
+        return install_.state.progress.IsOpen(rule_, Site(name));
     }
     /// Waits for the next tick of the file system's clock, so that all files are older than a round
     /// that begins afterwards.
@@ -140,7 +138,7 @@ class OpenBackup : public ::testing::Test {
     }
     /// All other files of the site have their copies, and no backup is pending.
     void ExpectTheRestComplete() {
-        EXPECT_TRUE(BackupProgress::Instance().IsComplete(rule_));
+        EXPECT_TRUE(install_.state.progress.IsComplete(rule_));
         EXPECT_FALSE(utils_->local_backup_pending);
         for (const char* name : {"index.html", "sub/page.html", "zz/last.html"}) {
             struct stat live {};
@@ -176,9 +174,9 @@ class OpenBackup : public ::testing::Test {
         ASSERT_EQ(alarms.size(), 1U);
         EXPECT_NE(alarms[0].find(Site(name)), std::string::npos) << alarms[0];
     }
-    Json::Value OpenInStatus() const {
-        Engine::SentrelStatus::Instance().PublishPaths({{"id", rule_}});
-        const Json::Value status = Engine::SentrelStatus::Instance().ToJson(Json::Value(), {});
+    Json::Value OpenInStatus() {
+        install_.state.status.PublishPaths({{"id", rule_}});
+        const Json::Value status = install_.state.status.ToJson(Json::Value(), {});
         return status["protected_paths"][0]["open_objects"];
     }
     void UseRsyncThat(const std::string& body) const {
@@ -186,7 +184,7 @@ class OpenBackup : public ::testing::Test {
         install_.WriteScript("bin/rsync", body);
     }
     void RetryNow() {
-        BackupProgress::Instance().RetrySoon();
+        install_.state.progress.RetrySoon();
         task_.Run();
     }
 
@@ -195,7 +193,7 @@ class OpenBackup : public ::testing::Test {
     test::RunningEngine running_{install_.log};
     test::TempDir data_;
     Engine::SentrelDirRule rule_;
-    Engine::SentrelBackupTask task_;
+    Engine::SentrelBackupTask task_{install_.state};
 };
 
 TEST_F(OpenBackup, LeasedFile_IsOpenAndCopiedLater) {
@@ -302,7 +300,7 @@ TEST_F(OpenBackup, ObjectsDeletedBeforeTheRound_LoseTheirCopies) {
     fs::remove(Site("changed"));
     data_.Write("site/changed/page.html", "now a directory");
     utils_->local_backup_pending = true;
-    BackupProgress::Instance().Restart();
+    install_.state.progress.Restart();
     UseRsyncThat("rm " + Site("young/gone.html") + "; exit 11\n");
     BackUp();
     ExpectTheRestComplete();
@@ -314,7 +312,7 @@ TEST_F(OpenBackup, ObjectsDeletedBeforeTheRound_LoseTheirCopies) {
 TEST_F(OpenBackup, FailedRule_DoesNotCauseOtherRulesToBeCopiedAgain) {
     utils_->dir_rules.push_back(Rule("missing"));
     BackUp();
-    EXPECT_TRUE(BackupProgress::Instance().IsComplete(rule_));
+    EXPECT_TRUE(install_.state.progress.IsComplete(rule_));
     EXPECT_TRUE(utils_->local_backup_pending);
     data_.Write("site/index.html", "defaced!");
     task_.Run();
@@ -349,7 +347,7 @@ TEST_F(OpenBackup, Copies_AreNotReachableForTheOwnerOfThePages) {
         rule_.backup_path = place;
         utils_->dir_rules = {rule_};
         utils_->local_backup_pending = true;
-        BackupProgress::Instance().Restart();
+        install_.state.progress.Restart();
         BackUp();
         ExpectTheRestComplete();
         EXPECT_FALSE(can_change_copy());
@@ -389,7 +387,7 @@ TEST_F(OpenBackup, BackupPathInUseByOthers_IsRejectedAndNotChanged) {
     rule_.backup_path = data_.Path("open");
     utils_->dir_rules = {rule_};
     BackUp();
-    EXPECT_FALSE(BackupProgress::Instance().IsComplete(rule_));
+    EXPECT_FALSE(install_.state.progress.IsComplete(rule_));
     EXPECT_TRUE(fs::is_empty(data_.Path("open")));
     EXPECT_EQ(
         install_.Errors("Backup (" + rule_.real_path + ") to (" + rule_.backup_path + ") faild."),

@@ -85,8 +85,7 @@ TEST_F(OpenObjectsTest, BackupProgress_KnowsTheOpenObjectsOfACompleteRuleInItsRo
     rule.real_path = "/site/";
     rule.backup_path = copies.Path();
     copies.Write("site/known.html", "known");
-    Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
-    progress.Restart();
+    Engine::BackupProgress progress;
     EXPECT_FALSE(progress.IsOpen(rule, "/site/leased"));
     OpenObjects open(2);
     open.Add("leased", EAGAIN);

@@ -14,7 +14,6 @@
 #include "feature_backupserver/BackUpServerTask.h"
 #include "fixtures/FakeTasks.h"
 #include "fixtures/Installation.h"
-#include "status/BackUpServerStatus.h"
 #include "support/WaitFor.h"
 #include "utils/SentrelUtils.h"
 
@@ -163,13 +162,13 @@ TEST_F(BackUpServer, PidFileOfAnotherProcess_IsRemovedAtTheStartAndUsedLater) {
 TEST_F(BackUpServer, Task_KeepsItsDaemonAndRestartsADeadOne) {
     install_.UseRealRsync();
     ASSERT_TRUE(Parse(Document()));
-    auto& status = Engine::BackUpServerStatus::Instance();
+    auto& status = install_.state.backup_server;
     status.SetOn("127.0.0.1", port_, utils_->backupserver_path);
     const auto current = [&] {
         return status.ToJson(Engine::RsyncDaemon::FindOwn(install_.Path()));
     };
     EXPECT_EQ(test::Text(current()["pid"]) + test::Text(current()["last_start"]), "nullnull");
-    Engine::BackUpServerTask task;
+    Engine::BackUpServerTask task(install_.state);
     EXPECT_EQ(task.Run(), 0);
     EXPECT_EQ(install_.Debugs("pid not running: 0"), 1);
     ASSERT_TRUE(test::WaitFor([this] { return RunningPid() != 0; }, 10s));
@@ -195,7 +194,7 @@ TEST_F(BackUpServer, DaemonLog_IsRotatedAtItsLimit) {
     install_.UseRecordingRsync();
     const std::string log = install_.dir.Write("log/morvane_rsync.log", "new");
     install_.dir.Write("log/morvane_rsync.log.0", "older");
-    Engine::BackUpServerTask task;
+    Engine::BackUpServerTask task(install_.state);
     fs::resize_file(log, 10485759);
     task.Run();
     EXPECT_EQ(test::TempDir::Read(log + ".0"), "older");

@@ -15,7 +15,7 @@ using Poco::Message;
 class Compare : public ::testing::Test {
   protected:
     test::Installation install_;
-    SentrelInotifyTask task_;
+    SentrelInotifyTask task_{install_.state};
     test::TempDir data_;
 };
 

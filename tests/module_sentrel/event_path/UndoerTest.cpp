@@ -147,13 +147,13 @@ TEST_F(Event, RemovalBehindALink_RemovesTheLinkOnlyInPlaceOfADirectory) {
 TEST_F(Event, FailedRestore_IsInTheAlarmAndTheStatus) {
     data_.Write("site/index.html", "");
     task_.watch_rules[watch_] = rule_;
-    SentrelStatus::Instance().PublishPaths({{watch_, rule_}});
+    state_.status.PublishPaths({{watch_, rule_}});
     {
         const test::FileSizeLimit full(1);
         Tell(File("index.html"), IN_MODIFY);
     }
     EXPECT_EQ(Alarms(), "modify index.html: restore failed\n");
-    const Json::Value status = SentrelStatus::Instance().ToJson(Json::Value(), {});
+    const Json::Value status = state_.status.ToJson(Json::Value(), {});
     const std::string failure = status["protected_paths"][0]["last_failure"].asString();
     EXPECT_EQ(failure.find("restore of " + File("index.html") + ": "), 0U) << failure;
     EXPECT_NE(failure.find("File too large"), std::string::npos) << failure;
@@ -253,7 +253,7 @@ TEST_F(Event, ChangeOfAnUnnamedFile_IsFoundUnderItsLinkedName) {
     Tell(File("#" + std::to_string(info.st_ino)), IN_MODIFY);
     const auto trees_to_compare = [&] {
         task_.HandleBacklog(std::chrono::steady_clock::now());
-        return SentrelStatus::Instance().ToJson({}, {})["backlog"]["trees_to_compare"].asInt();
+        return state_.status.ToJson({}, {})["backlog"]["trees_to_compare"].asInt();
     };
     EXPECT_TRUE(test::WaitFor([&] { return trees_to_compare() == 0; }, std::chrono::seconds(20)));
     EXPECT_EQ(Content("index.html"), "welcome");

@@ -19,7 +19,6 @@ constexpr uid_t kSomebody = 33;
 class Anchors : public ::testing::Test {
   protected:
     Anchors() {
-        RuleAnchors::Instance().Forget();
         data_.Write("www/site/public/index.html", "welcome");
         data_.Write("elsewhere/public/secret", "secret");
         fs::create_directory(data_.Path("backup"));
@@ -27,18 +26,17 @@ class Anchors : public ::testing::Test {
         rule_.filepath = rule_.real_path = data_.Path("www/site/public/");
         rule_.backup_path = data_.Path("backup");
     }
-    ~Anchors() override { RuleAnchors::Instance().Forget(); }
-
     void GiveAway(const std::string& name) const {
         ASSERT_EQ(::chown(data_.Path(name).c_str(), kSomebody, kSomebody), 0);
     }
-    RulePlaces Places() const { return RuleAnchors::Instance().Of(rule_); }
+    RulePlaces Places() { return anchors_.Of(rule_); }
     /// True when the held directories lead to the rule's "index.html".
     bool SeesThePage(const RulePlaces& places) const {
         struct stat info {};
         return places && places.anchors->StatLive(rule_.real_path + "index.html", info) == 0;
     }
 
+    RuleAnchors anchors_;
     test::TempDir data_;
     Engine::SentrelDirRule rule_;
 };
@@ -76,7 +74,7 @@ TEST_F(Anchors, DirectoryMovedAwayAndBack_IsRecognised) {
     EXPECT_TRUE(SeesThePage(Places())) << Places().problem;
     // Also when there was another directory meanwhile.
     fs::rename(data_.Path("www/site/public"), data_.Path("www/site/old"));
-    EXPECT_TRUE(RuleAnchors::Instance().MakeRoot(Places().anchors));
+    EXPECT_TRUE(anchors_.MakeRoot(Places().anchors));
     fs::rename(data_.Path("www/site/public"), data_.Path("www/site/made"));
     fs::rename(data_.Path("www/site/old"), data_.Path("www/site/public"));
     EXPECT_TRUE(SeesThePage(Places())) << Places().problem;
@@ -94,7 +92,7 @@ TEST_F(Anchors, LostDirectory_IsRecreatedInItsHeldParent) {
     RulePlaces places = Places();
     ASSERT_TRUE(places);
     EXPECT_EQ(places.anchors->Root(), nullptr);
-    places = RuleAnchors::Instance().MakeRoot(places.anchors);
+    places = anchors_.MakeRoot(places.anchors);
     ASSERT_TRUE(places) << places.problem;
     EXPECT_NE(places.anchors->Root(), nullptr);
     EXPECT_TRUE(Places());
@@ -105,7 +103,7 @@ TEST_F(Anchors, LostDirectory_IsRecreatedInItsHeldParent) {
 TEST_F(Anchors, BackupPathThatOthersCanReach_IsRejected) {
     EXPECT_TRUE(Places());
     for (const char* what : {"open", "given away"}) {
-        RuleAnchors::Instance().Forget();
+        anchors_.Forget();
         if (what == std::string("open")) fs::permissions(data_.Path("backup"), fs::perms::all);
         if (what == std::string("given away")) {
             fs::permissions(data_.Path("backup"), fs::perms::owner_all);

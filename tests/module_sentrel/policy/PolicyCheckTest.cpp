@@ -9,7 +9,6 @@
 #include "feature_sentrel/SentrelPolicy.h"
 #include "feature_sentrel/policy_check/PolicyCompletion.h"
 #include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
-#include "feature_sentrel/schedule/ScheduleStatus.h"
 #include "fixtures/Installation.h"
 
 namespace {
@@ -46,7 +45,10 @@ class PolicyCheck : public ::testing::Test {
     }
     Json::Value& Content() { return document_["content"]; }
     Json::Value& Entry() { return document_["content"]["dirlist"][0]; }
-    PolicyFindings Check() { return SentrelPolicyCheck::CheckProtection(test::Text(document_)); }
+    PolicyFindings Check() const { return CheckText(test::Text(document_)); }
+    PolicyFindings CheckText(const std::string& text) const {
+        return SentrelPolicyCheck::CheckProtection(text, earlier_);
+    }
 
     /// The document with a member set to the JSON `value`; empty removes it.
     Json::Value Changed(const std::string& pointer, const std::string& value) const {
@@ -66,9 +68,9 @@ class PolicyCheck : public ::testing::Test {
     static std::string Quoted(const std::string& text) { return test::Text(Json::Value(text)); }
 
     /// True when the module accepts the document and it has a path to protect.
-    static bool IsAccepted(const Json::Value& document) {
+    bool IsAccepted(const Json::Value& document) {
         Engine::SentrelUtils::GetInstance()->dir_rules.clear();
-        auto* policy = new Engine::SentrelFeaturePolicy("sentrel_feature");
+        auto* policy = new Engine::SentrelFeaturePolicy("sentrel_feature", install_.state.progress);
         try {
             return policy->Parse(test::Text(document)) &&
                    !Engine::SentrelUtils::GetInstance()->dir_rules.empty();
@@ -88,6 +90,7 @@ class PolicyCheck : public ::testing::Test {
     test::Installation install_;
     test::TempDir data_;
     Json::Value document_;
+    Engine::WorkSchedule earlier_ = Engine::WorkSchedule::AlwaysOn();
 };
 
 const std::string kEntry = "/content/dirlist/0";
@@ -99,13 +102,13 @@ TEST_F(PolicyCheck, GoodDocument_HasNoFindingsAndParses) {
     Content()["rsync_riscv64_url"] = "http://host/rsync";
     const PolicyFindings findings = Check();
     EXPECT_EQ(Listed(findings.errors) + Listed(findings.warnings), "");
-    auto* policy = new Engine::SentrelFeaturePolicy("sentrel_feature");
+    auto* policy = new Engine::SentrelFeaturePolicy("sentrel_feature", install_.state.progress);
     EXPECT_TRUE(policy->Parse(test::Text(document_)));
 }
 
 TEST_F(PolicyCheck, UnreadableDocuments_AreRejected) {
-    const auto errors = [](const std::string& text) {
-        return SentrelPolicyCheck::CheckProtection(text).errors;
+    const auto errors = [this](const std::string& text) {
+        return CheckText(text).errors;
     };
     EXPECT_TRUE(Holds(errors("{\n  \"enabled\": tru\n}"), "", "ine 2"));
     EXPECT_TRUE(Holds(errors(std::string("\x00\xff\x13", 3)), ""));
@@ -159,7 +162,7 @@ TEST_F(PolicyCheck, Check_RejectsADocumentExactlyWhenTheModuleDoes) {
     for (const auto& [pointer, values] : changes) {
         for (const std::string& value : values) {
             const Json::Value document = Changed(pointer, value);
-            const auto errors = SentrelPolicyCheck::CheckProtection(test::Text(document)).errors;
+            const auto errors = CheckText(test::Text(document)).errors;
             EXPECT_EQ(errors.empty(), IsAccepted(document)) << pointer << " " << value << "\n"
                                                             << Listed(errors);
         }
@@ -214,7 +217,7 @@ TEST_F(PolicyCheck, SettingsWithoutTheIntendedEffect_HaveWarnings) {
     };
     EXPECT_EQ(Listed(Check().warnings), "");
     for (const Expected& expected : table) {
-        const PolicyFindings findings = SentrelPolicyCheck::CheckProtection(
+        const PolicyFindings findings = CheckText(
             test::Text(Changed(expected.pointer, expected.value)));
         EXPECT_EQ(Listed(findings.errors), "") << expected.pointer;
         EXPECT_TRUE(Holds(findings.warnings,
@@ -260,7 +263,7 @@ TEST_F(PolicyCheck, InvalidEntry_IsOnlyAWarningWhileAnotherEntryIsValid) {
     AddEntry(data_.Path("other"), data_.Path("b2"));
     for (const Useless& useless : table) {
         const Json::Value document = Changed(kEntry + "/" + useless.key, Quoted(useless.value));
-        const PolicyFindings findings = SentrelPolicyCheck::CheckProtection(test::Text(document));
+        const PolicyFindings findings = CheckText(test::Text(document));
         EXPECT_EQ(Listed(findings.errors), "") << useless.value;
         EXPECT_TRUE(Holds(findings.warnings, kEntry + "/" + useless.key, useless.part));
     }
@@ -350,7 +353,6 @@ TEST_F(PolicyCheck, ExclusionsThatMatchMoreThanIntended_HaveWarnings) {
 }
 
 TEST_F(PolicyCheck, ScheduleWithoutWorkTimeOrWithEarlierTimes_HasWarnings) {
-    Engine::ScheduleStatus::Instance().Reset();
     const auto warnings = [this] { return Listed(Check().warnings); };
     const std::string place = "/content/distime_enable: ";
     Content()["distime_enable"] = true;
@@ -366,33 +368,29 @@ TEST_F(PolicyCheck, ScheduleWithoutWorkTimeOrWithEarlierTimes_HasWarnings) {
     Content()["disable_week"].append(2);
     Content()["disable_timerange"].resize(0);
     Content()["disable_timerange"].append("08:00-08:30");
-    Engine::WorkSchedule earlier = Engine::WorkSchedule::AlwaysOn();
-    earlier.weekdays[2] = false;
-    earlier.DisableRange("08:00-08:30");
-    Engine::ScheduleStatus::Instance().Publish(earlier, true);
+    earlier_.weekdays[2] = false;
+    earlier_.DisableRange("08:00-08:30");
     EXPECT_EQ(warnings(), "");
     const std::string other = place +
                               "earlier policies disabled other times too: they stay disabled until "
                               "the agent restarts\n";
-    earlier.DisableRange("08:31-08:32");
-    Engine::ScheduleStatus::Instance().Publish(earlier, true);
+    earlier_.DisableRange("08:31-08:32");
     EXPECT_EQ(warnings(), other);
     for (const char* key : {"distime_enable", "disable_week", "disable_timerange"}) {
         Content().removeMember(key);
     }
     EXPECT_EQ(warnings(), other);
-    earlier.weekdays.fill(false);
-    earlier.minutes.fill(false);
-    Engine::ScheduleStatus::Instance().Publish(earlier, true);
+    earlier_.weekdays.fill(false);
+    earlier_.minutes.fill(false);
     EXPECT_NE(warnings().find("which stay so until the agent restarts"), std::string::npos);
-    Engine::ScheduleStatus::Instance().Reset();
+    earlier_ = Engine::WorkSchedule::AlwaysOn();
     EXPECT_EQ(warnings(), "");
 }
 
 TEST_F(PolicyCheck, Off_IsAlwaysAcceptedAndAMissingListIsTheOneBefore) {
     for (const char* off : {"{}", R"({"enabled":false,"content":7})",
                             R"({"enabled":0,"content":{"os_type":"x","dirlist":[[],7]}})"}) {
-        EXPECT_EQ(Listed(SentrelPolicyCheck::CheckProtection(off).errors), "") << off;
+        EXPECT_EQ(Listed(CheckText(off).errors), "") << off;
     }
     const std::string last = test::Text(document_);
     const auto list_of = [](const std::string& text) {
@@ -418,7 +416,7 @@ TEST_F(PolicyCheck, BackupServerPolicy_IsCheckedForTheDaemon) {
     Content()["backupserver_port"] = 873;
     Content()["backupserver_path"] = data_.Path("new/received");
     const auto check = [](const Json::Value& document) {
-        return SentrelPolicyCheck::CheckBackupServer(test::Text(document));
+        return SentrelPolicyCheck::CheckBackUpServer(test::Text(document));
     };
     const std::string content = "/content/";
     EXPECT_EQ(Listed(check(document_).errors), "");

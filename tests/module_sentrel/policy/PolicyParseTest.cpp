@@ -18,7 +18,8 @@ class PolicyParse : public ::testing::Test {
 
     test::Installation install_;
     SentrelUtils* utils_ = SentrelUtils::GetInstance();
-    SentrelFeaturePolicy& policy_ = *new SentrelFeaturePolicy("sentrel_feature");  // registry's
+    SentrelFeaturePolicy& policy_ =
+        *new SentrelFeaturePolicy("sentrel_feature", install_.state.progress);  // registry's
 };
 
 TEST_F(PolicyParse, RejectedDocument_LogsTheFailedStep) {

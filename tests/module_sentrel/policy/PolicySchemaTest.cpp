@@ -86,10 +86,10 @@ TEST_F(PolicySchema, Keys_EqualThoseOfTheCheckAndOfTheOperatorsPage) {
     EXPECT_EQ(NamesIn(content), NamesOf(Engine::ProtectionKeys()));
     EXPECT_EQ(NamesIn(content["properties"]["dirlist"]["items"]), NamesOf(Engine::EntryKeys()));
     EXPECT_EQ(NamesIn(server), NamesOf(Engine::DocumentKeys()));
-    EXPECT_EQ(NamesIn(server["properties"]["content"]), NamesOf(Engine::BackupServerKeys()));
+    EXPECT_EQ(NamesIn(server["properties"]["content"]), NamesOf(Engine::BackUpServerKeys()));
     const std::string page = Doc("operators.md");
     for (const auto* keys : {&Engine::DocumentKeys(), &Engine::ProtectionKeys(),
-                             &Engine::EntryKeys(), &Engine::BackupServerKeys()}) {
+                             &Engine::EntryKeys(), &Engine::BackUpServerKeys()}) {
         for (const PolicyKey& key : *keys) {
             EXPECT_NE(page.find("\n| `" + key.name + "` |"), std::string::npos) << key.name;
         }
@@ -100,10 +100,12 @@ TEST_F(PolicySchema, ExamplesOfTheOperatorsPage_AreValid) {
     ASSERT_FALSE(Examples(false).empty() || Examples(true).empty());
     for (Json::Value document : Examples(false)) {
         document["content"]["dirlist"][0]["filepath"] = install_.dir.Path();
-        EXPECT_EQ(ErrorsOf(SentrelPolicyCheck::CheckProtection(test::Text(document))), "");
+        EXPECT_EQ(ErrorsOf(SentrelPolicyCheck::CheckProtection(test::Text(document),
+                                                               Engine::WorkSchedule::AlwaysOn())),
+                  "");
     }
     for (const Json::Value& document : Examples(true)) {
-        EXPECT_EQ(ErrorsOf(SentrelPolicyCheck::CheckBackupServer(test::Text(document))), "");
+        EXPECT_EQ(ErrorsOf(SentrelPolicyCheck::CheckBackUpServer(test::Text(document))), "");
     }
 }
 

@@ -32,7 +32,7 @@ TEST_F(Event, ChangeThroughOneHardLink_IsUndoneAtTheOthers) {
 
 TEST_F(Event, CopyOfAnEarlierRound_DoesNotUndoAnUpdate) {
     StampCopyAnew("index.html");
-    Engine::BackupProgress::Instance().Restart();
+    state_.progress.Restart();
     // A backup of the earlier round may still run; its copies do not count either.
     ::chmod((rule_.backup_path + File("index.html")).c_str(), 0640);
     data_.Write("site/index.html", "an update");
@@ -50,7 +50,7 @@ TEST_F(Event, CopyOfAnEarlierRound_DoesNotUndoAnUpdate) {
 }
 
 TEST_F(Event, BeforeTheFirstBackup_OnlyFilesWithACopyAreRestoredAndTheRestWaits) {
-    Engine::BackupProgress::Instance().Restart();
+    state_.progress.Restart();
     StampCopyAnew("index.html");
     data_.Write("site/index.html", "defaced!");
     data_.Write("site/new.html", "not copied yet");
@@ -79,7 +79,7 @@ TEST_F(Event, BeforeTheFirstBackup_OnlyFilesWithACopyAreRestoredAndTheRestWaits)
 
 TEST_F(Event, OpenObject_IsNotDeletedNorIsItsDirectory) {
     data_.Write("site/new/leased.html", "without a copy");
-    Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
+    Engine::BackupProgress& progress = state_.progress;
     Engine::OpenObjects open;
     open.Add("new/leased.html", EAGAIN);
     EXPECT_TRUE(progress.NoteComplete(rule_, progress.Round(), open));
@@ -90,7 +90,7 @@ TEST_F(Event, OpenObject_IsNotDeletedNorIsItsDirectory) {
 }
 
 TEST_F(Event, MoreChangesThanTheQueueHolds_AreFoundByATreeComparison) {
-    Engine::BackupProgress::Instance().Restart();
+    state_.progress.Restart();
     for (int at = 0; at < 9; ++at) {
         Tell(data_.Write("site/sub/new" + std::to_string(at), "evil"), IN_CREATE);
     }

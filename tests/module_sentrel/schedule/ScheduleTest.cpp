@@ -62,8 +62,7 @@ TEST_F(Schedule, DaylightSavingTime_ShortensAPause) {
 }
 
 TEST_F(Schedule, Status_HasTheEndAndTheOriginOfThePause) {
-    Engine::ScheduleStatus& status = Engine::ScheduleStatus::Instance();
-    status.Reset();
+    Engine::ScheduleStatus status;
     EXPECT_EQ(SDK::JsonUtils::JsonToString(status.ToJson(kSunday0800)),
               R"({"enabled":false,"text":"working at all times","until":null,"working":true})");
     schedule_.weekdays[0] = false;

@@ -3,7 +3,6 @@
 #include "base/WorkClock.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "fixtures/Installation.h"
-#include "progress/BackupProgress.h"
 #include "utils/SentrelUtils.h"
 
 namespace {
@@ -17,9 +16,9 @@ TEST(WorkTime, CheckDisableTime_FollowsTheTablesAndSetsAllFlagsAtTransitions) {
     ::setenv("TZ", "UTC", 1);
     test::Installation install;
     Engine::SentrelUtils* utils = Engine::SentrelUtils::GetInstance();
-    Engine::SentrelInotifyTask task;
+    Engine::SentrelInotifyTask task(install.state);
     Engine::WorkClock::SetSource([] { return g_now; });
-    Engine::BackupProgress& progress = Engine::BackupProgress::Instance();
+    Engine::BackupProgress& progress = install.state.progress;
     const std::uint64_t round = progress.Round();
     EXPECT_TRUE(progress.NoteComplete({}, round));
     utils->minute_enabled[480] = false;

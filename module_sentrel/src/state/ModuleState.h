@@ -1,0 +1,26 @@
+#pragma once
+
+#include "feature_sentrel/schedule/ScheduleStatus.h"
+#include "places/RuleAnchors.h"
+#include "places/TrustedPlaces.h"
+#include "progress/BackupProgress.h"
+#include "rsync/RsyncLauncher.h"
+#include "status/BackUpServerStatus.h"
+#include "status/SentrelStatus.h"
+
+namespace Engine {
+
+/// What the module's tasks, policies and queries share beside the settings (SentrelUtils). Owned by
+/// the module, which hands it to its tasks by reference and outlives them. Each member is
+/// thread-safe.
+struct ModuleState {
+    RuleAnchors anchors;
+    TrustedPlaces places;
+    BackupProgress progress;
+    SentrelStatus status;
+    BackUpServerStatus backup_server;
+    ScheduleStatus schedule;
+    RsyncLauncher launcher{anchors, progress};
+};
+
+}  // namespace Engine
