@@ -1,5 +1,5 @@
-// Reads backup-server policies and writes the daemon's configuration. It must not start the daemon
-// (BackUpServerTask does). Framework thread.
+// Reads backup-server policies and writes the daemon's configuration. It owns nothing: the settings
+// are SentrelUtils'. It must not start the daemon (BackUpServerTask does). Framework thread.
 #include "feature_backupserver/BackUpServerPolicy.h"
 
 #include <framework/ConfigManager.h>
@@ -27,8 +27,8 @@ using SDK::JsonUtils;
 
 constexpr mode_t kReceiveDirMode = 0700;
 
-/// Every line but the section's begins with a tab; an empty line ends the text.
-std::string DaemonConf(const SentrelUtils& settings) {
+/// The parameters of the whole daemon.
+std::string GlobalConf(const SentrelUtils& settings) {
     const std::string& log_dir =
         Framework::ConfigManager::GetInstance().GetLoggerConfig().directory;
     return "\t# Distributed under the terms of the GNU General Public License v2\n"
@@ -57,8 +57,12 @@ std::string DaemonConf(const SentrelUtils& settings) {
            "\n"
            "\ttransfer logging = yes\n"
            "\tlog format = %t %a %m %f %b\n"
-           "\ttimeout = 300\n"
-           "[morvane_agent]\n"
+           "\ttimeout = 300\n";
+}
+
+/// The module that agents push their copies to.
+std::string SectionConf(const SentrelUtils& settings) {
+    return "[morvane_agent]\n"
            "\tpath = " +
            settings.backupserver_path +
            "\n"
@@ -68,8 +72,12 @@ std::string DaemonConf(const SentrelUtils& settings) {
            "\tsecrets file = " +
            RsyncPaths::Secrets(settings.install_path, "server") +
            "\n"
-           "\tcomment = This is morvane_agent home data\n"
-           "\n";
+           "\tcomment = This is morvane_agent home data\n";
+}
+
+/// Every line but the section's begins with a tab; an empty line ends the text.
+std::string DaemonConf(const SentrelUtils& settings) {
+    return GlobalConf(settings) + SectionConf(settings) + "\n";
 }
 
 }  // namespace

@@ -16,13 +16,13 @@ class BackUpServerPolicy : public Framework::FeaturePolicy {
     /// seconds while a running daemon is stopped.
     bool Parse(const std::string& text) override;
 
-    /// Writes conf/morvane_rsync.conf from the settings. On false there is none.
+    /// Writes conf/morvane_rsync.conf from the settings. On false there is no such file.
     bool WriteRsyncConf();
     /// The configured address is one of this host's.
     bool GetIpExist();
 };
 
-/// The task policy of the backup server task, which has none of its own.
+/// The empty task policy of the backup server task.
 class BackUpServerTaskPolicy : public Framework::TaskPolicy {
   public:
     explicit BackUpServerTaskPolicy(const std::string& name);

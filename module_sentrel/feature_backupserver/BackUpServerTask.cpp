@@ -1,6 +1,6 @@
 // Keeps the rsync daemon alive. It must not write the daemon's configuration (BackUpServerPolicy
-// does): without one, every pass tries and fails to start. The daemon is no child of the agent; its
-// pid file is all that is known of it. Task's thread.
+// does): without one, every pass tries and fails to start the daemon. The daemon is no child of the
+// agent; its pid file is all that is known of it. Task's thread.
 #include "feature_backupserver/BackUpServerTask.h"
 
 #include <framework/ConfigManager.h>
@@ -41,7 +41,7 @@ int BackUpServerTask::Run() {
 
 void BackUpServerTask::RestartWhenDead() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    if (utils->IsStoppingDaemon()) return;  // it would come back with its old configuration
+    if (utils->IsStoppingDaemon()) return;  // a start now would use the old configuration
     const std::string pid_file = RsyncPaths::DaemonPidFile(utils->install_path);
     int pid = 0;
     if (utils->GetRsyncRunningPid(pid_file, pid)) return;

@@ -1,6 +1,6 @@
-// What alarms say and how they are sent. It must not decide what is tampering (SentrelEvents.cpp)
-// nor when an alarm is due (AlarmReporter). A report belongs to the framework once it is sent.
-// Inotify task's thread.
+// Builds the texts of alarms and sends them. It must not decide what is tampering
+// (SentrelEvents.cpp does) nor when an alarm is due (AlarmReporter does). A sent report belongs to
+// the framework. Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/FileUtils.h>
@@ -25,7 +25,7 @@ namespace Engine {
 
 namespace {
 
-// What else the task does is not put off for longer.
+// Upper bound of the delay for the task's other work.
 constexpr std::chrono::seconds kLongestWait{1};
 constexpr int kWaitMs = 1000;
 
@@ -95,8 +95,8 @@ void SentrelInotifyTask::CleanOldMessageFromCache() {
     alarms_.AgeCache(WorkClock::Now());
 }
 
-/// All that waits is put back first. When nothing does, what is still being described is waited
-/// for, unless the next change comes.
+/// Sends alarms when no change waits: restores come first. Then it waits for alarms that are still
+/// being described, unless the next change comes.
 void SentrelInotifyTask::SendAlarms() {
     const auto until = std::chrono::steady_clock::now() + kLongestWait;
     while (alarms_.IsFull() && alarms_.SendNext()) {

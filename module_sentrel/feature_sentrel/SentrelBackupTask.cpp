@@ -1,6 +1,6 @@
-// Owns nothing: what is still to be copied are the two pending flags of SentrelUtils, what is
-// copied in this round BackupProgress has. It must not touch the protected paths (the inotify task
-// restores). Task's thread; a waiting policy interrupts the copy that runs.
+// Decides what is copied when. It owns nothing: SentrelUtils has the two pending flags, and
+// BackupProgress what is copied in this round. It must not change the protected paths (the inotify
+// task restores). Task's thread; a waiting policy interrupts the running copy.
 #include "feature_sentrel/SentrelBackupTask.h"
 
 #include <sdk/log/Log.h>
@@ -117,8 +117,8 @@ bool SentrelBackupTask::AwaitWatch(const SentrelDirRule& rule) {
     }
 }
 
-/// A rule is copied once in a round: what was tampered with since must not become its good state
-/// because another rule failed.
+/// A rule is copied once in a round: when another rule fails, a repeated copy would make tampering
+/// the good state of this one.
 bool SentrelBackupTask::IsCopied(const SentrelDirRule& rule, unsigned long succeeded_before) {
     return state_.progress.IsComplete(rule) ||
            (AwaitWatch(rule) && BackUpLocally(rule, succeeded_before));
@@ -128,8 +128,8 @@ std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
     const std::string unsafe =
         BackupDirectory::Prepare(rule.backup_path, SentrelUtils::GetInstance()->dir_rules);
     if (!unsafe.empty()) return unsafe;
-    // Given with its "/", a link in place of the directory would be followed, and what it leads to
-    // taken for the good state.
+    // The path ends in "/", so rsync would follow a link in the directory's place and take what it
+    // leads to for the good state.
     const RulePlaces places = state_.anchors.Of(rule);
     if (!places) return places.problem;
     struct stat info {};
@@ -155,7 +155,7 @@ bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long 
     SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to (%s) success num(%lu).", rule.real_path,
             rule.backup_path, succeeded_before + 1);
     state_.status.NoteLocalBackup(rule.real_path);
-    // A copy that was begun before the last pause of protection lacks what was changed in that.
+    // A copy that began before the last pause of protection lacks the changes of the pause.
     if (!state_.progress.NoteComplete(rule, round)) return false;
     OpenReport(state_.progress, state_.status).Publish(rule);
     return true;
@@ -210,7 +210,7 @@ void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s: %lu open objects have been copied now.",
             rule.real_path, static_cast<unsigned long>(copied));
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
-    // The server has a copy without them.
+    // The server's copy lacks them.
     if (utils->backup_type == kLocalAndRemote && progress.Round() == round) {
         utils->remote_backup_pending = true;
     }

@@ -12,10 +12,10 @@ namespace Engine {
 
 struct ModuleState;
 
-/// Brings the backup copies up to date after each policy: into the local backup folders, and from
-/// there to the backup server where the policy asks for it. Idle once every path has succeeded,
-/// except that objects which could not be copied are tried again alone.
-/// Owned by the module; Init, Run and UnInit run on the task's own thread.
+/// Brings the backup copies up to date after each policy: copies the protected paths to the local
+/// backup folders, and these to the backup server where the policy asks for it. Once every path has
+/// succeeded, it only tries the objects again that could not be copied. Owned by the module; Init,
+/// Run and UnInit run on the task's own thread.
 class SentrelBackupTask : public Framework::Task {
   public:
     /// `state` is borrowed and must outlive the task.
@@ -27,18 +27,18 @@ class SentrelBackupTask : public Framework::Task {
     int Run() override;
 
   private:
-    /// Until changes of the path are announced; a change before that would be in neither the copy
-    /// nor an event. False when the pass should end. Waits for two minutes at most.
+    /// Waits until the path is watched: an earlier change would be in neither the copy nor an
+    /// event. False when the pass should end. Waits for two minutes at most.
     bool AwaitWatch(const SentrelDirRule& rule);
-    /// The rule's copy is complete in this round, by now or already.
+    /// True when the rule's copy is complete in this round; copies the rule when it is not.
     bool IsCopied(const SentrelDirRule& rule, unsigned long succeeded_before);
-    /// True when the rule's copy is complete, apart from open objects.
+    /// True when the rule's copy is complete now, except for open objects.
     bool BackUpLocally(const SentrelDirRule& rule, unsigned long succeeded_before);
-    /// Why the rule cannot be copied as things are; else empty.
+    /// Why the rule cannot be copied now; else empty.
     std::string WhatHinders(const SentrelDirRule& rule);
-    /// After rsync has left out something: copies what it can, and leaves the rest open.
+    /// After a failed rsync: copies the missing objects one by one and notes the rest as open.
     bool CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round);
-    /// Tries those again that are due.
+    /// Tries the open objects again that are due.
     void RetryOpenObjects();
     void RetryOpenObjects(const SentrelDirRule& rule);
     bool PushToServer(const SentrelDirRule& rule);

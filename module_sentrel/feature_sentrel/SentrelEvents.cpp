@@ -1,6 +1,6 @@
-// The steps of one change, in their order. An event is only a hint: what counts is the object as it
-// is now against its backup copy. It must not undo (Undoer), describe (AlarmReporter) nor keep
-// changes (Rejudge). Inotify task's thread.
+// The steps of one change, in their order. An event is only a hint: the present object is compared
+// with its backup copy. This file must not undo (Undoer does), describe (AlarmReporter does) nor
+// keep changes (Rejudge does). Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
 #include <module_filenotify/FileNotifyMessage.h>
 #include <sdk/files/DirUtils.h>
@@ -26,7 +26,7 @@ namespace {
 constexpr std::uint32_t kMoved = IN_MOVED_FROM | IN_MOVED_TO;
 constexpr std::uint32_t kArrived = IN_CREATE | IN_MOVED_TO;
 
-/// A change of what has gone since is told as the loss that it has become.
+/// A change of an object that is gone by now is reported as its loss.
 alarm_type AlarmTypeOf(std::uint32_t mask, Deviation deviation) {
     if (deviation == Deviation::kGone && (mask & kArrived) == 0) return ALARM_DELETE;
     if ((mask & IN_ATTRIB) != 0) return ALARM_ATTRIBUTE;
@@ -34,7 +34,7 @@ alarm_type AlarmTypeOf(std::uint32_t mask, Deviation deviation) {
     return ALARM_MODIFY;
 }
 
-/// Names a root that was given without its "/".
+/// Adds the "/" to the path of a protected directory that came without it.
 void AdjustToRule(const SentrelDirRule& rule, std::string& file) {
     if (rule.is_file || EndsWith(file, "/") || file + "/" != rule.real_path) return;
     file += '/';
@@ -61,7 +61,7 @@ bool HasIgnoredSuffix(const SentrelDirRule& rule, const std::string& file) {
     return false;
 }
 
-/// It was changed through this name, and perhaps is still there by another.
+/// Notes that the object was changed through this name, which is gone: it may still have another.
 void NoteVanished(const AnchoredRule& anchors, std::uint32_t mask, const std::string& file,
                   Handling& handling) {
     struct stat info {};
@@ -112,7 +112,7 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
         return handling;
     }
     const SentrelDirRule& rule = found->second;
-    // Root path. A restore of "" would be one of the whole file system.
+    // Root path. A restore of "" would be a restore of the whole file system.
     AdjustToRule(rule, file1);
     if (file1.empty()) return handling;
     if (IsGoneTransient(rule, file1)) {
@@ -131,7 +131,7 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
     return handling;
 }
 
-/// A trace of a restore of ours that is gone already.
+/// The temporary name of one of our restores, gone already.
 bool SentrelInotifyTask::IsGoneTransient(const SentrelDirRule& rule,
                                          const std::string& file) const {
     struct stat info {};
@@ -140,8 +140,8 @@ bool SentrelInotifyTask::IsGoneTransient(const SentrelDirRule& rule,
     return places && places.anchors->StatLive(file, info) != 0 && errno == ENOENT;
 }
 
-/// The kernel tells a change through a descriptor that was opened without a name under "#" and the
-/// number of the object, which may bear the name of a page by now.
+/// The kernel reports a change through a descriptor that was opened without a name as "#" and the
+/// inode number. The object may have the name of a page by now.
 bool SentrelInotifyTask::IsChangeOfUnnamed(const SentrelDirRule& rule, std::uint32_t mask,
                                            const std::string& file) const {
     const std::string name = FileName(file);
@@ -188,7 +188,7 @@ void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mas
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
         return;
     }
-    // UndoResult and alarm.
+    // Undo and alarm.
     UndoAndReport(rule, file, AlarmTypeOf(mask, deviation), true, arrived, read_time, handling);
 }
 
@@ -208,11 +208,11 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
     const Framework::ReportNote note = alarm.note;
     alarms_.Raise(std::move(alarm), std::move(description.pinned), rule.backup_path + file);
     if (undoing.lost_directory.empty()) return;
-    // Its own event will find it put right.
+    // Its own event will find it restored.
     alarms_.Raise({undoing.lost_directory, ALARM_DELETE, "", "", note}, PinnedFile(), "");
 }
 
-/// Before the change is undone: the page comes first, but what stood there must be told.
+/// To be called before the change is undone: the alarm describes the object as the attack left it.
 SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRule& rule,
                                                              const std::string& file) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
@@ -240,9 +240,9 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
         handling.Add(Outcome::kNotJudged);
         return false;
     }
-    // A restore ends with a move as well: to answer that with a restore would double each of them.
-    // The object is compared all the same: it may have been moved away, changed and moved back. No
-    // restore moves a directory.
+    // A restore also ends with a move; restoring again would double each restore. The object is
+    // compared all the same: it may have been moved away, changed and moved back. No restore moves
+    // a directory.
     if (exists && !EndsWith(path, "/") && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
         const RulePlaces places = state_.anchors.Held(rule);
         if (places && BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone) {
@@ -269,7 +269,7 @@ bool SentrelInotifyTask::IsMoveIgnored(const SentrelDirRule& rule, const std::st
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in other rules.", path);
         ignored = true;
     }
-    // A log that is rotated has no copy, and would be lost.
+    // A rotated log has no copy and would be removed.
     return ignored || HasIgnoredSuffix(rule, path);
 }
 
@@ -291,7 +291,7 @@ bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string
     return HasIgnoredSuffix(rule, file);
 }
 
-/// What was changed through one name of an object was changed at all its names.
+/// A change through one name of an object changes it at all its names.
 void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
                                         Handling& handling) const {
     const RulePlaces places = state_.anchors.Held(rule);
@@ -301,8 +301,8 @@ void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::s
     handling.other_names = ObjectId(info.st_dev, info.st_ino);
 }
 
-/// One file or link that was copied since the policy or the end of a pause, which is put back
-/// without deleting anything. An older copy may lack an update that is still to be copied.
+/// A file or link whose copy was made since the policy or the end of a pause. Restoring it deletes
+/// nothing. An older copy may lack an update that has not been copied yet.
 bool SentrelInotifyTask::IsRestoredAlone(const SentrelDirRule& rule,
                                          const std::string& path) const {
     const RulePlaces places = state_.anchors.Held(rule);
@@ -320,7 +320,7 @@ UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool 
                                                bool remove, const std::string& path) {
     if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return {};
     if (!restore && !remove) return {};
-    // What could not be backed up can be told neither good nor foreign.
+    // An object that could not be backed up is neither known to be good nor to be foreign.
     const BackupProgress& progress = state_.progress;
     if (progress.IsOpen(rule, path) || (!restore && progress.HasOpenIn(rule, path))) return {};
     if (AwaitsBackup(rule, progress) && !(restore && IsRestoredAlone(rule, path))) {

@@ -33,7 +33,7 @@ constexpr std::size_t kMaxMessagesPerCycle = 128;
 constexpr int kWatchTimeoutMs = 1000;
 constexpr int kWatchRetries = 2;
 constexpr std::chrono::seconds kLookAtPlaces{1};
-constexpr int kLooksUntilAlarm = 2;  // a first backup may still mend its folder's mode
+constexpr int kLooksUntilAlarm = 2;  // a first backup may still correct its folder's mode
 
 const std::vector<unsigned int>& WatchEventMasks() {
     static const std::vector<unsigned int> watch_event_masks = {
@@ -145,11 +145,11 @@ void SentrelInotifyTask::HandleBacklog(std::chrono::steady_clock::time_point now
     if (!SentrelUtils::GetInstance()->is_run) return;
     const bool more = rejudge_.HandleDue(now, undoer_.Recent());
     SendAlarms();
-    // Messages have their turn, but nobody waits for one.
+    // Messages get their turn, but the task does not wait for one.
     if (more) Waiter().Wake();
 }
 
-/// A protected path that leads elsewhere is told even when nothing in it changes any more.
+/// Reports a protected path that leads elsewhere even when nothing in it changes any more.
 void SentrelInotifyTask::CheckPlaces() {
     const auto now = std::chrono::steady_clock::now();
     if (now < next_look_ || !SentrelUtils::GetInstance()->is_run) return;
@@ -158,7 +158,8 @@ void SentrelInotifyTask::CheckPlaces() {
         const std::string problem = state_.anchors.Of(rule).problem;
         state_.status.SetProblem(rule.real_path, problem);
         int& looks = problems_[id];
-        // What was changed meanwhile need not wait for its next try, of which there is an end.
+        // Changes of the meantime need not wait for their next retry; retries are given up after a
+        // while.
         if (problem.empty() && looks > 0) rejudge_.CompareAll(id);
         looks = problem.empty() ? 0 : looks + 1;
         if (looks != kLooksUntilAlarm) continue;
@@ -186,7 +187,7 @@ void SentrelInotifyTask::CheckDisableTime() {
     SentrelUtils* utils = SentrelUtils::GetInstance();
     if (work == utils->is_run) return;
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
-    // What was changed in the pause has to be copied before anything is taken for foreign.
+    // Updates of the pause must be copied before anything is taken for foreign.
     if (work) state_.progress.Restart();
     utils->is_run = work;
     utils->local_backup_pending = work;

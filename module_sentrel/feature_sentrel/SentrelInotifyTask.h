@@ -22,12 +22,12 @@ namespace Engine {
 class FileNotifyMessage;
 struct ModuleState;
 
-/// Watches the protected paths and decides, for every change, whether it is tampering; has it
-/// undone and raises alarms. Owned by the module. Everything runs on the task's own thread, so the
-/// members need no lock; `alarm_cache` outlives registrations, the watches do not.
+/// Watches the protected paths, decides for every change whether it is tampering, has it undone and
+/// raises alarms. Owned by the module. Everything runs on the task's own thread, so the members
+/// need no lock; `alarm_cache` outlives registrations, the watches do not.
 ///
-/// It is the order of the steps; what they do are objects of their own: BackupComparer compares,
-/// Undoer undoes, AlarmReporter reports, Rejudge has a change handled again.
+/// It contains the order of the steps. Objects of their own carry them out: BackupComparer
+/// compares, Undoer undoes, AlarmReporter reports, Rejudge has a change handled again.
 class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceiver {
   public:
     /// `state` is borrowed and must outlive the task. At most `backlog` changes that have to wait,
@@ -44,27 +44,27 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
 
     void AddFileNotifyWatches();
     void RmvFileNotifyWatches();
-    /// The watch id; empty when the file-notify task did not give one.
+    /// Returns the watch id; empty when the file-notify task gave none.
     std::string HandleFileNotifyWatch(bool remove, const std::string& path);
 
-    /// `sec` is the minute of the day. True: protection works then; also for arguments out of
-    /// range.
+    /// True when protection works then; also for arguments out of range. `sec` is the minute of the
+    /// day.
     bool SentrelCheckWork(int weekday, int sec);
     void CheckDisableTime();
 
     // One change (SentrelEvents.cpp).
 
-    /// As the file-notify module delivers it. When no other waits, the alarm has been sent on
-    /// return; else it follows once all that waits has been put back.
+    /// The file-notify module delivers each change here. When no other change waits, the alarm has
+    /// been sent on return; otherwise it follows when all waiting changes have been undone.
     void FileNotifyMessageAction(FileNotifyMessage* msg) override;
 
-    /// False: the event needs no further handling. What was done is added to `handling`.
+    /// False when the event needs no further handling. Adds to `handling` what was done.
     bool HandleMoveEvent(const SentrelDirRule& rule, FileNotifyMessage* msg,
                          const std::string& path, Handling& handling);
 
-    /// Restores, or else removes, as asked; nothing when the policy says so, or for what could not
-    /// be backed up. Until the rule's first local backup is complete only a file or link that has a
-    /// copy is put back.
+    /// Restores or removes, as asked. Does nothing when the policy only monitors, or for an object
+    /// that could not be backed up. Until the rule's first local backup is complete, only a file or
+    /// link that has a copy is restored.
     UndoResult AutoRestoreFile(const SentrelDirRule& rule, bool restore, bool remove,
                                const std::string& path);
 
@@ -74,11 +74,11 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
 
     // Texts and alarms (SentrelAlarms.cpp).
 
-    /// False: the event is not to be handled.
+    /// False when the event must not be handled.
     bool HandleEventBuildStr(std::string event_path, std::string moveto_file, bool is_dir,
                              unsigned int mask, std::string& file1, std::string& file2);
     std::string HandleFileAttrDiff(const std::string& backup, const std::string& changed);
-    /// At most 1024 bytes; blocks for at most five seconds. Empty for what is no text file.
+    /// At most 1024 bytes; empty for what is no text file. Blocks for at most five seconds.
     std::string HandleFileContentDiff(const std::string& backup, const std::string& changed);
     bool IsMessageMerged(const SentrelCacheMsg& msg);
     void AddMessageToCache(SentrelCacheMsg& msg);
@@ -86,14 +86,14 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void SentrelSendAlarm(const std::string& file_path, alarm_type type, const std::string& diff,
                           const std::string& diff_attr);
 
-    /// Judges a portion of what is to be judged again and is due as of `now`.
+    /// Judges again a portion of the changes that are due as of `now`.
     void HandleBacklog(std::chrono::steady_clock::time_point now);
 
     std::map<std::string, SentrelDirRule> watch_rules;  ///< by watch id
     std::list<SentrelCacheMsg> alarm_cache;             ///< the front is the oldest
 
   private:
-    /// What an alarm is made of before its change is undone.
+    /// What an alarm needs from before its change is undone.
     struct Description {
         PinnedFile pinned = {};
         std::string diff_attr = {};
@@ -125,7 +125,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     AlarmReporter alarms_;
     Undoer undoer_;
     Rejudge rejudge_;
-    std::map<std::string, int> problems_;  ///< by watch id: in so many looks on end
+    std::map<std::string, int> problems_;  ///< by watch id: checks in a row that found a problem
     std::chrono::steady_clock::time_point next_look_{};
 };
 

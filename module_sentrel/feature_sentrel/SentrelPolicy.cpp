@@ -1,5 +1,5 @@
-// Reads protection policies. It owns nothing: the settings are SentrelUtils', and what a policy
-// does to the tasks is the module's. Framework thread.
+// Reads protection policies. It owns nothing: the settings are SentrelUtils'. It must not register
+// tasks (SentrelPolicyRefresh.cpp does). Framework thread.
 #include "feature_sentrel/SentrelPolicy.h"
 
 #include <sdk/files/PathUtils.h>

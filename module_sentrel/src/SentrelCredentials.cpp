@@ -1,5 +1,5 @@
-// Writes the passwords that the agent pushes into the files that rsync reads. No password is kept
-// in memory nor logged. Framework thread.
+// Writes the passwords that the agent receives to the files that rsync reads. It must not keep or
+// log a password. Framework thread.
 #define SDK_LOG_FILE "SentrelModule.cpp"
 
 #include <json/value.h>

@@ -138,7 +138,7 @@ void SentrelModule::UnregisterQueries() {
 
 void SentrelModule::UnInit() {
     UnregisterQueries();
-    // This call takes off callbacks of either kind.
+    // This call removes callbacks of either kind.
     UnRegisterPolicyCallback("sentrel_getpasswd_10002");
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "unregister rsync client passwd callback.");
     UnRegisterPolicyCallback("sentrel_getpasswd_10001");

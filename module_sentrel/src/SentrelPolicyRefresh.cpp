@@ -56,8 +56,8 @@ bool ReadDocument(Framework::Module& module, const std::string& feature,
     return true;
 }
 
-/// A link that was configured with a trailing "/" has been taken for the directory that it leads
-/// to. That directory is what is protected: nothing is watched or restored through a link.
+/// For a link that was configured with a trailing "/", the directory that it leads to is protected:
+/// nothing is watched or restored through a link.
 void ResolveRoots(std::list<SentrelDirRule>& rules) {
     for (SentrelDirRule& rule : rules) {
         if (rule.is_file || rule.real_path != rule.filepath) continue;

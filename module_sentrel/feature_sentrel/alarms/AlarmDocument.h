@@ -6,10 +6,10 @@
 
 namespace Engine {
 
-/// The record with which an alarm of now enters the alarm cache.
+/// The record of a new alarm for the alarm cache.
 SentrelCacheMsg AlarmRecord(const std::string& file_path, alarm_type type);
 
-/// An alarm as it is reported, in one line of JSON.
+/// The document of an alarm: one line of JSON.
 std::string AlarmText(const std::string& file_path, alarm_type type, const std::string& diff,
                       const std::string& diff_attr);
 

@@ -1,3 +1,5 @@
+// Owns an index into the alarm cache. The cache itself belongs to the inotify task. Inotify task's
+// thread.
 #include "feature_sentrel/alarms/AlarmIndex.h"
 
 namespace Engine {

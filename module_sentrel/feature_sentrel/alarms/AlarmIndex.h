@@ -10,9 +10,9 @@
 
 namespace Engine {
 
-/// Finds the cached alarms of a file without going through the whole cache, which in a storm would
-/// cost more than most of what else an alarm needs. The cache remains what counts: when its length
-/// or its ends are not those that are known, it is gone through anew. One thread.
+/// Finds the cached alarms of a file without a search through the whole cache, which would dominate
+/// the cost of an alarm in a storm. The cache is the truth: when its length or its ends have
+/// changed, the index is built anew. Not thread-safe.
 class AlarmIndex {
   public:
     using Cache = std::list<SentrelCacheMsg>;

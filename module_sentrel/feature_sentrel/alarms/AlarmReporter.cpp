@@ -1,5 +1,5 @@
-// Owns the alarms of the last minute and those that still wait for their description. It must not
-// decide what is tampering (the inotify task does) nor build documents. Inotify task's thread.
+// Owns the waiting alarms and the index of the alarm cache. It must not decide what is tampering
+// (the inotify task does) nor build documents (AlarmDocument does). Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
 #include "feature_sentrel/alarms/AlarmReporter.h"
 
@@ -20,7 +20,7 @@ constexpr std::time_t kMergeSeconds = 61;
 constexpr std::size_t kMostHeld = 4096;
 constexpr std::chrono::seconds kLongestWait{1};
 
-/// Half of the descriptors that the process may have.
+/// Half of the process's limit of descriptors, and kMostHeld at most.
 std::size_t MostHeld() {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kMostHeld / 16;

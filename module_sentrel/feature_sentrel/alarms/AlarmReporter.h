@@ -18,7 +18,7 @@
 
 namespace Engine {
 
-/// What an alarm tells.
+/// The content of an alarm.
 struct Alarm {
     std::string file;
     alarm_type type = ALARM_UNKNOWN;
@@ -27,35 +27,34 @@ struct Alarm {
     Framework::ReportNote note;
 };
 
-/// Owns the alarms from the moment they are raised: describes each when all that waits is put back,
-/// and hands it on in the order of the changes. Merges what the alarm cache has. One thread, the
-/// worker that finds out differences aside.
+/// Owns the alarms from the moment they are raised until they are described, and hands them on in
+/// the order of the changes. Merges repeats by the alarm cache. Not thread-safe; its worker
+/// compares contents on a thread of its own.
 class AlarmReporter {
   public:
-    /// Takes an alarm that is described; called by SendNext.
+    /// Receives a described alarm; SendNext calls it.
     using Send = std::function<void(const Alarm& alarm)>;
 
-    /// `cache` is borrowed. `wake` is called on another thread when a difference has been found.
+    /// `cache` is borrowed. The worker's thread calls `wake` when it has compared contents.
     AlarmReporter(std::list<SentrelCacheMsg>& cache, Send send, std::function<void()> wake);
 
-    /// An alarm of that file raised now is merged with an earlier one.
+    /// A new alarm for that file would be merged with an earlier one.
     bool IsMergedAnyway(const std::string& file);
 
-    /// `pinned` that holds something is compared with `copy` first; at most so many at a time
-    /// that descriptors are left for all else.
+    /// Compares `pinned` with `copy` first when it holds a file. Leaves the difference out when too
+    /// many files are held: descriptors must remain for other work.
     void Raise(Alarm alarm, PinnedFile pinned, const std::string& copy);
 
-    /// Sends the first that waits; false when it is not described yet, or none waits.
+    /// Sends the first waiting alarm. False when it is not described yet, or none waits.
     bool SendNext();
 
     bool IsEmpty() const { return waiting_.empty(); }
-    /// More wait than there should be: some are to be sent, whatever else is to be done.
+    /// Too many wait: some must be sent before other work.
     bool IsFull() const { return waiting_.size() >= kMostWaiting; }
-    /// The first has waited for a second: a change that is always followed by another must not keep
-    /// alarms back.
+    /// The first has waited for a second: an endless stream of changes must not delay alarms.
     bool IsOverdue() const;
 
-    /// Leaves out what is not described yet and sends all.
+    /// Sends all; those that are not described yet go without their difference.
     void Finish();
 
     // The cache.
@@ -71,15 +70,15 @@ class AlarmReporter {
     struct Waiting {
         std::chrono::steady_clock::time_point raised;
         Alarm alarm;
-        std::shared_ptr<const Difference> difference;  ///< null: described already
+        std::shared_ptr<const Difference> difference;  ///< null: it needs none
     };
 
     std::list<SentrelCacheMsg>& cache_;
     const Send send_;
     AlarmIndex index_;
     std::deque<Waiting> waiting_;
-    std::unordered_map<std::string, int> waiting_files_;  ///< how often each waits
-    std::size_t held_ = 0;                                ///< pinned that is kept hold of
+    std::unordered_map<std::string, int> waiting_files_;  ///< number of waiting alarms by file
+    std::size_t held_ = 0;                                ///< number of pinned files
     std::size_t most_held_;
     DifferenceWorker worker_;
 };

@@ -1,5 +1,5 @@
 // Runs one comparison of contents. It must not judge whether a file differs (BackupComparer does)
-// nor decide when that is told. Any thread.
+// nor decide when the alarm is sent (AlarmReporter does). Worker's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
 #include "feature_sentrel/alarms/ContentDiff.h"
 
@@ -18,12 +18,12 @@ namespace {
 
 constexpr std::size_t kMaxDiff = 1024;
 constexpr int kDiffTimeoutMs = 5000;
-// diff reads both files into memory; a page is smaller by far.
+// diff reads both files into memory; pages are far smaller.
 constexpr off_t kLargestCompared = 64L * 1024 * 1024;
 constexpr std::size_t kMostMemory = 256UL * 1024 * 1024;
 constexpr int kTrouble = 2;
 
-/// A regular file; also one that only pinned keeps hold of, whose path looks like a link.
+/// True for a regular file, also for a pinned one, whose path is a link of /proc.
 bool IsHeldFile(const std::string& path, struct stat& info) {
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }

@@ -4,17 +4,17 @@
 
 namespace Engine {
 
-/// How the content of a changed file differs from that of its backup copy. One thread.
+/// Compares the content of a changed file with that of its backup copy. Not thread-safe.
 class ContentDiff {
   public:
-    /// `changed` may be a path that only pinned keeps hold of, for as long as this lives.
+    /// `changed` may be the path of a PinnedFile that outlives this object.
     ContentDiff(std::string copy, std::string changed);
 
-    /// Blocks until it is found out, at most five seconds. At most 1024 bytes; empty for what is no
-    /// text file. Once only.
+    /// The difference, at most 1024 bytes; empty for what is no text file. Blocks for at most five
+    /// seconds. To be called once.
     std::string Take();
 
-    /// After Take: it would have taken too much time or memory; the text is none or a part.
+    /// After Take: the comparison needed too much time or memory; the text is empty or incomplete.
     bool IsLeftOut() const { return left_out_; }
 
   private:

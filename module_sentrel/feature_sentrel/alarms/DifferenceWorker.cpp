@@ -1,5 +1,5 @@
-// Owns the thread that compares contents and its budget of time. It must not decide what is
-// compared (the inotify task does) nor send alarms (AlarmReporter).
+// Owns the thread that compares contents and its time budget. It must not decide what is compared
+// (the inotify task does) nor send alarms (AlarmReporter does).
 #include "feature_sentrel/alarms/DifferenceWorker.h"
 
 #include <Poco/String.h>
@@ -72,7 +72,7 @@ void DifferenceWorker::FindOut(Difference& difference) {
     const std::string held = difference.pinned_.Path();
     ContentDiff diff(difference.copy_, held);
     difference.text_ = diff.Take();
-    // diff names the files that it calls different without showing how.
+    // diff prints the names of binary files that differ.
     Poco::replaceInPlace(difference.text_, held, difference.path_);
     difference.left_out_ = diff.IsLeftOut();
     saved_ -= Clock::now() - begun;

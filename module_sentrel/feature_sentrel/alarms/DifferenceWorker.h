@@ -16,19 +16,19 @@
 
 namespace Engine {
 
-/// How the content of one changed file differs from its copy, found out by DifferenceWorker.
+/// The content difference of one changed file, filled in by DifferenceWorker.
 class Difference {
   public:
-    /// `path` is how the changed file is called in the text.
+    /// `path` is the name of the changed file in the text.
     Difference(PinnedFile pinned, std::string copy, std::string path)
         : pinned_(std::move(pinned)), copy_(std::move(copy)), path_(std::move(path)) {}
 
-    /// From then on Text may be called. Any thread.
+    /// True when Text may be called. Thread-safe.
     bool IsReady() const { return ready_.load(std::memory_order_acquire); }
 
     /// At most 1024 bytes; empty for what is no text file.
     const std::string& Text() const { return text_; }
-    /// There was no time or memory for all of it.
+    /// There was not enough time or memory for it.
     bool IsLeftOut() const { return left_out_; }
 
   private:
@@ -42,28 +42,29 @@ class Difference {
     std::atomic<bool> ready_{false};
 };
 
-/// Finds out differences on a thread of its own, in the order in which they are asked for, so that
-/// no restore waits for one. It may use a share of the time only: what is asked for beyond that is
-/// left out at once, so whoever changes many huge files gains nothing but shorter alarms.
+/// Compares contents on a thread of its own, in the order of the requests, so that no restore waits
+/// for a difference. It has a time budget: requests beyond it are left out at once. An attacker who
+/// changes many huge files only gets shorter alarms.
 ///
-/// Made and used by one thread; the thread of its own lives from the first request to Stop.
+/// One thread makes and uses it. Its own thread lives from the first request to Stop.
 class DifferenceWorker {
   public:
-    /// The time that is saved up at most, and what is added to it a second.
+    /// The largest time budget, and what each second adds to it.
     static constexpr std::chrono::milliseconds kMostSaved{8000};
     static constexpr std::chrono::milliseconds kAddedPerSecond{250};
 
-    /// `finished` is called on the worker's thread after each difference; it must not block.
+    /// The worker's thread calls `finished` after each difference; it must not block.
     explicit DifferenceWorker(std::function<void()> finished);
     ~DifferenceWorker();
     DifferenceWorker(const DifferenceWorker&) = delete;
     DifferenceWorker& operator=(const DifferenceWorker&) = delete;
 
-    /// `copy` and `path` as Difference has them.
+    /// Requests a difference; `copy` and `path` as for Difference.
     std::shared_ptr<const Difference> Ask(PinnedFile pinned, const std::string& copy,
                                           const std::string& path);
 
-    /// Ends the command that runs and leaves out what waits; joins. The next request starts anew.
+    /// Ends the running command, leaves out waiting requests, and joins. The next request starts a
+    /// new thread.
     void Stop();
 
   private:

@@ -6,7 +6,7 @@
 
 namespace Engine {
 
-/// What kind of change an alarm tells.
+/// The kind of change that an alarm reports.
 enum alarm_type : int {
     ALARM_ADD = 0,
     ALARM_DELETE = 1,

@@ -1,5 +1,5 @@
-// Prepares the directories of backup copies. It must not judge a policy (its check does) nor keep
-// the directories open (RuleAnchors does).
+// Prepares the directories of backup copies. It must not check a policy (policy_check does) nor
+// keep the directories open (RuleAnchors does). Backup task's thread.
 #define SDK_LOG_FILE "SentrelBackupTask.cpp"
 #include "feature_sentrel/backup/BackupDirectory.h"
 
@@ -26,9 +26,9 @@ namespace Engine {
 namespace {
 
 constexpr mode_t kPrivate = S_IRWXU;
-constexpr std::string_view kOwn = ".morvane-";  // what begins so is the agent's
+constexpr std::string_view kOwn = ".morvane-";  // prefix of the agent's own names
 
-/// Directories that programs of other users go through; none of these is for copies alone.
+/// Directories that programs of other users go through; none of them holds only copies.
 constexpr std::array<const char*, 24> kShared = {
     "/",      "/bin", "/boot", "/dev",  "/etc",       "/home",    "/lib",         "/lib64",
     "/media", "/mnt", "/opt",  "/proc", "/root",      "/run",     "/sbin",        "/srv",
@@ -42,7 +42,7 @@ bool IsShared(const std::string& path, const std::list<SentrelDirRule>& rules) {
            });
 }
 
-/// Copies lie below the first component of the path that was copied, of this policy or another.
+/// The name of a copy is the first component of a protected path, of this policy or another.
 bool IsOfCopies(const std::string& name, const std::list<SentrelDirRule>& rules) {
     if (name == "lost+found" || BeginsWith(name, kOwn)) return true;
     const std::string top = "/" + name;
@@ -53,7 +53,7 @@ bool IsOfCopies(const std::string& name, const std::list<SentrelDirRule>& rules)
     });
 }
 
-/// The first name in the directory that is none of a copy; empty when there is none.
+/// The first name in the directory that is no copy; empty when there is none.
 std::string ForeignName(int directory, const std::list<SentrelDirRule>& rules) {
     DirectoryListing listing(directory);
     if (!listing.IsOpen()) return "?";
@@ -81,7 +81,7 @@ std::string MakePrivate(const std::string& path, const std::list<SentrelDirRule>
         return "others can reach " + path + ", whose mode cannot be changed" + advice;
     }
     SDK_LOG(ModuleLogger(), PRIO_WARNING,
-            "%s had mode %04?o; it is 0700 now, so that nobody else gets at the copies.", path,
+            "%s had mode %04?o; it is 0700 now, so that no other user can reach the copies.", path,
             static_cast<unsigned int>(info.st_mode & ALLPERMS));
     return "";
 }

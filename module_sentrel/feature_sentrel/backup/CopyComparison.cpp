@@ -1,5 +1,5 @@
-// Owns the walk through a protected path and its copy. It must not copy by itself (ObjectCopier
-// does) nor change anything of the protected path. What it finds belongs to its caller.
+// Owns the walk through a protected path and its copy. It must not copy (ObjectCopier does) nor
+// change the protected path. The result belongs to the caller. Backup task's thread.
 #include "feature_sentrel/backup/CopyComparison.h"
 
 #include <fcntl.h>
@@ -118,7 +118,7 @@ CopyComparison::Result CopyComparison::RunAgain(const std::string& below) {
     return Conclude();
 }
 
-/// Nobody but the kernel sets the time of the last change.
+/// Only the kernel sets the time of the last change (ctime).
 bool CopyComparison::IsUnchanged(const struct stat& info) const {
     return std::tie(info.st_ctim.tv_sec, info.st_ctim.tv_nsec) <
            std::tie(round_begin_.tv_sec, round_begin_.tv_nsec);
@@ -129,7 +129,7 @@ bool CopyComparison::IsOver() {
     return is_interrupted_;
 }
 
-/// `found`: the live directory before anything in it was looked at.
+/// `found`: the live directory before anything in it was read.
 void CopyComparison::CompareDirectory(const Level& level, const struct stat& found) {
     CompareLiveNames(level);
     if (!is_interrupted_) CompareCopyNames(level);
@@ -151,7 +151,7 @@ void CopyComparison::CompareLiveNames(const Level& level) {
     if (errno != 0) Open(level.below, errno);
 }
 
-/// What has a copy but was gone before the round began.
+/// Removes the copies of objects that were gone before the round began.
 void CopyComparison::CompareCopyNames(const Level& level) {
     DirectoryListing listing(level.copy);
     if (!listing.IsOpen()) return;
@@ -167,7 +167,7 @@ void CopyComparison::DropFromCopy(const Level& level, const std::string& name) {
     struct stat directory {};
     if (!StatAt(level.copy, name, copy)) return;
     if (exclusions_.Match(rule_.real_path + Path(level, name), S_ISDIR(copy.st_mode))) return;
-    // A later loss has changed the directory, too, and is judged by its event.
+    // A later loss has also changed the directory, and its event handles it.
     if (::fstat(level.live, &directory) != 0 || !IsUnchanged(directory)) return;
     if (SDK::DirUtils::DeleteAt(level.copy, name) != 0) Open(Path(level, name), errno);
 }
@@ -216,7 +216,7 @@ void CopyComparison::Descend(const Level& level, const std::string& name, const 
     }
     struct stat found {};
     const bool is_same = ::fstat(in_live.Get(), &found) == 0 && found.st_ino == live.st_ino;
-    // Another one by now: that is a change, which has its event.
+    // Another directory by now: its event handles that change.
     if (!is_same) return;
     CompareDirectory({in_live.Get(), in_copy.Get(), Path(level, name), level.depth + 1}, live);
 }
@@ -224,7 +224,7 @@ void CopyComparison::Descend(const Level& level, const std::string& name, const 
 void CopyComparison::CopyMissing(const Level& level, const std::string& name,
                                  const struct stat& live, bool has_copy) {
     const std::string below = Path(level, name);
-    // A copy that no path leads to could neither be pushed nor looked at by anybody.
+    // Nobody could push or read a copy whose path is too long.
     const std::size_t length = rule_.backup_path.size() + rule_.real_path.size() + below.size();
     int error = length + 1 >= PATH_MAX ? ENAMETOOLONG : 0;
     if (error == 0 && S_ISDIR(live.st_mode)) {

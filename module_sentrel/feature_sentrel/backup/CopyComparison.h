@@ -16,21 +16,21 @@ namespace Engine {
 
 class RuleAnchors;
 
-/// Holds a protected path against its copy, object by object, where rsync could not copy all of it:
-/// copies by itself what is missing, and tells what stays open.
+/// Compares a protected path with its copy, object by object, where rsync could not copy all of it.
+/// Copies missing objects and reports those that stay open.
 ///
-/// Only what has stood there unchanged since the round began is copied, or else is open. What came,
-/// changed or went later is judged by its events, as ever. Looks at type, size and time in seconds
-/// of each object of both sides, as rsync does. Walks by held descriptors and follows no link;
-/// below kDeepest levels a directory is open as a whole. One use; the backup task's thread.
+/// Only an object that has not changed since the round began is copied or becomes open. The events
+/// of later changes handle these. Compares type, size and time in seconds, as rsync does. Walks by
+/// held descriptors and follows no link; below kDeepest levels a directory is open as a whole. For
+/// one use; backup task's thread.
 class CopyComparison {
   public:
     static constexpr int kDeepest = 128;  ///< three descriptors a level
 
     enum class Outcome {
         kCompared,
-        kNoCopy,       ///< the protected path or its copy as a whole is not there; errno in `error`
-        kInterrupted,  ///< `is_over` said so
+        kNoCopy,       ///< the protected path or its copy cannot be opened; errno in `error`
+        kInterrupted,  ///< `is_over` returned true
     };
     struct Result {
         Outcome outcome = Outcome::kNoCopy;
@@ -38,21 +38,22 @@ class CopyComparison {
         std::size_t copied = 0;  ///< objects
         OpenObjects open = {};
     };
-    /// What becomes of a changed object that has no equal copy.
+    /// How a changed object without an equal copy is treated.
     enum class Changed {
         kIsJudgedByEvents,
         kStaysOpen,  ///< it is open already
     };
 
-    /// `round_begin`: when the round's first copy was begun. `is_over`: asked often; true ends it.
+    /// `round_begin`: when the round's first copy began. `is_over` is called often; true ends the
+    /// comparison.
     /// `anchors` is borrowed.
     CopyComparison(RuleAnchors& anchors, const SentrelDirRule& rule, std::timespec round_begin,
                    std::function<bool()> is_over);
 
-    /// The whole protected path.
+    /// Compares the whole protected path.
     Result Run();
 
-    /// Again for an open object `below` the protected path.
+    /// Compares an open object `below` the protected path again.
     Result RunAgain(const std::string& below);
 
   private:

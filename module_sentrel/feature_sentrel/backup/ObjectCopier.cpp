@@ -1,5 +1,5 @@
-// Copies single objects. What content and attributes are is the object restorer's, used here in the
-// other direction. It must not decide what is copied (CopyComparison does).
+// Copies single objects by the object restorer, used here in the other direction. It must not
+// decide what is copied (CopyComparison does). Backup task's thread.
 #include "feature_sentrel/backup/ObjectCopier.h"
 
 #include <fcntl.h>
@@ -25,7 +25,7 @@ namespace {
 
 using SDK::ObjectRestorer;
 
-/// Where a copy waits until it is known that its original has not changed meanwhile.
+/// The name of a copy until it is certain that its original has not changed meanwhile.
 std::string WaitingName() {
     std::uint64_t number = 0;
     if (::getrandom(&number, sizeof(number), 0) < 0)
@@ -105,7 +105,7 @@ int ObjectCopier::CopyObject(int live_directory, int copy_directory, const std::
                                                       EntryOf(copy_directory, waiting),
                                                       std::numeric_limits<off_t>::max()));
     struct stat made {};
-    // Where only an attribute could not be kept, the copy is there all the same.
+    // The copy counts also when only an attribute could not be kept.
     if (::fstatat(copy_directory, waiting.c_str(), &made, AT_SYMLINK_NOFOLLOW) != 0) {
         return error != 0 ? error : EIO;
     }

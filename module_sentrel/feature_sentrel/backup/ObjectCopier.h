@@ -6,28 +6,28 @@
 
 namespace Engine {
 
-/// Copies single objects of the site into their directory among the copies, both held open, where
-/// rsync has not done it. Follows no link and blocks on no pipe and no lease. An object is copied
-/// as it was when it was looked at, or not at all. Stateless; the backup task's thread.
+/// Copies single objects that rsync has not copied from their directory on the site to that among
+/// the copies, both held open. Follows no link and blocks on no pipe and no lease. An object that
+/// changes meanwhile is not copied. Stateless; backup task's thread.
 ///
 /// Results are 0 or an errno: ESTALE when the object changed meanwhile, EFBIG when its size exceeds
 /// the space left, EOPNOTSUPP for what is neither file nor link, ECANCELED when interrupted.
 class ObjectCopier {
   public:
-    /// The file or link `name`, described by `live`. What bore the name among the copies is
-    /// replaced, a directory with all that it holds included.
+    /// Copies the file or link `name`, whose attributes are `live`. Replaces what has that name
+    /// among the copies, also a whole directory.
     static int CopyObject(int live_directory, int copy_directory, const std::string& name,
                           const struct stat& live);
 
     /// Makes an empty directory `name` among the copies, in place of another object, with the owner
-    /// and mode of the live one, described by `live`.
+    /// and mode in `live`.
     static int MakeDirectory(int copy_directory, const std::string& name, const struct stat& live);
 
-    /// Gives the copy, open as a directory, the extended attributes of the live directory, and its
-    /// owner, mode and time as `found`. What the file system of the copies cannot keep is left out.
+    /// Gives the copy, an open directory, the extended attributes of the live directory, and the
+    /// owner, mode and time in `found`. Skips what the file system of the copies cannot keep.
     static void AlignDirectory(int live, int copy, const struct stat& found);
 
-    /// The same for the owner and mode of a file whose content is copied already.
+    /// Gives the copy of a file, whose content is copied already, the owner and mode in `live`.
     static void AlignObject(int copy_directory, const std::string& name, const struct stat& live,
                             const struct stat& copy);
 };

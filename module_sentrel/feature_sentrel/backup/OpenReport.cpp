@@ -1,4 +1,5 @@
-// Puts into words what BackupProgress knows of open objects. It must not change that.
+// Describes the open objects that BackupProgress records. It must not change the record. Backup
+// task's thread.
 #define SDK_LOG_FILE "SentrelBackupTask.cpp"
 #include "feature_sentrel/backup/OpenReport.h"
 

@@ -1,5 +1,5 @@
-// Looks at changed files and their backup copies. Reads only, never writes; nothing here decides
-// what is done about a deviation. Inotify task's thread.
+// Compares changed files with their backup copies. It must not write, nor decide what is done about
+// a deviation (the inotify task does). Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
 #include "feature_sentrel/event_path/BackupComparer.h"
 
@@ -57,7 +57,7 @@ Deviation BackupComparer::Compare(const std::string& path, const BackupFileInfo&
     if (rule_->StatLive(path, live) != 0) {
         return errno == ENOENT ? Deviation::kGone : Deviation::kUnreachable;
     }
-    // A file system gives directories a size of its own, which no restore can make equal.
+    // The file system decides the size of a directory; no restore can make it equal.
     if (!S_ISDIR(live.st_mode) && live.st_size != info.size) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s size (%u) not matched with (%u). ", path,
                 static_cast<unsigned int>(live.st_size), static_cast<unsigned int>(info.size));
@@ -78,8 +78,7 @@ Deviation BackupComparer::Compare(const std::string& path, const BackupFileInfo&
                                  : CompareContent(path, live, info);
 }
 
-/// Only now: of most changes the size or the time tells, and a large page must not wait for the
-/// digest of its copy.
+/// The last check: size or time show most changes, and a large page must not wait for digests.
 Deviation BackupComparer::CompareContent(const std::string& path, const struct stat& live,
                                          const BackupFileInfo& info) const {
     std::string digest;
@@ -95,8 +94,8 @@ Deviation BackupComparer::CompareContent(const std::string& path, const struct s
     return Deviation::kContent;
 }
 
-// Size, time, mode and content alone would let a chown pass. As another user than root the agent
-// can neither keep nor put back owners: its copies are its own.
+// Without it a chown would pass. When the agent is not root it can neither keep nor restore owners:
+// its copies are its own.
 Deviation BackupComparer::CompareOwner(const std::string& path, const struct stat& live,
                                        const BackupFileInfo& info) const {
     if (::geteuid() != 0 || (live.st_uid == info.uid && live.st_gid == info.gid)) {

@@ -11,7 +11,7 @@
 
 namespace Engine {
 
-/// What a backup copy says of a file.
+/// The attributes of a backup copy.
 struct BackupFileInfo {
     off_t size = 0;
     std::time_t mtime = 0;
@@ -20,25 +20,25 @@ struct BackupFileInfo {
     gid_t gid = 0;
 };
 
-/// The first way, in the order of looking, in which an object is not as its copy. Unreachable is
-/// what a link or something else than a directory stands in the way of.
+/// The first difference between an object and its copy, in the order of the checks. An object is
+/// unreachable when a link or another non-directory stands on the way to it.
 enum class Deviation { kNone, kGone, kUnreachable, kSize, kTime, kMode, kContent, kOwner };
 
-/// Compares what a rule protects with its copies, by descriptors. Reads only; one thread.
+/// Compares objects of a rule with their copies, by descriptors. Reads only. Not thread-safe.
 class BackupComparer {
   public:
     explicit BackupComparer(std::shared_ptr<const AnchoredRule> rule) : rule_(std::move(rule)) {}
 
-    /// Looks at the backup copy of `path`; `copy_path` is its name in the log. False when it is
-    /// there but cannot be read.
+    /// Reads the attributes of the backup copy of `path`; `copy_path` is its name in the log. False
+    /// when the copy is there but cannot be read.
     bool Describe(const std::string& path, const std::string& copy_path, bool& exists,
                   BackupFileInfo& info) const;
 
     Deviation Compare(const std::string& path, const BackupFileInfo& info) const;
 
-    /// A directory that took the place of its like within a second may look the same from outside.
-    /// What it holds is announced by itself, what it lacks is not. `ignored` tells of which objects
-    /// nothing is to be said; it gets a directory's path with a "/" at its end.
+    /// True when the directory lacks an object of its copy. A directory that replaced another
+    /// within a second may have equal attributes; its content has events, what it lacks has none.
+    /// `ignored` says which objects do not count; it gets a directory's path with a trailing "/".
     bool LacksContent(const std::string& path,
                       const std::function<bool(const std::string&)>& ignored) const;
 

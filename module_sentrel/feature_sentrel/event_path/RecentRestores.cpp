@@ -1,3 +1,5 @@
+// Owns the record of recent restores, bounded in time and number. It must not judge changes (the
+// inotify task does). Inotify task's thread.
 #include "feature_sentrel/event_path/RecentRestores.h"
 
 #include "base/PathText.h"
@@ -10,7 +12,7 @@ void RecentRestores::Note(const std::string& path, Clock::time_point begun, Cloc
     latest_[plain] = {begun, ended};
     by_age_.emplace_back(ended, plain);
     if (object) by_inode_[object->inode] = {plain, *object};
-    // One that was put back twice leaves its first number behind.
+    // A second restore of a path leaves the number of the first one behind.
     if (by_inode_.size() > kCapacity) by_inode_.clear();
     while (by_age_.front().first + kEchoTime < ended || by_age_.size() > kCapacity) {
         const auto known = latest_.find(by_age_.front().second);

@@ -13,40 +13,41 @@
 
 namespace Engine {
 
-/// What was put back or removed lately. A restore moves each file into place, and that is told like
-/// a move by anybody; with this, the echo of a restore can be told from an attack. One thread.
+/// Remembers what was restored or removed lately. A restore moves each file into place, and the
+/// kernel reports that like any other move; this record tells the echo of a restore from an attack.
+/// Not thread-safe.
 class RecentRestores {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /// So long an echo may be under way; a queue that is never empty makes it late.
+    /// Upper bound of the delay of an echo; a queue that is never empty makes it late.
     static constexpr std::chrono::seconds kEchoTime{60};
-    static constexpr std::size_t kCapacity = 65536;  ///< the oldest is forgotten beyond that
+    static constexpr std::size_t kCapacity = 65536;  ///< beyond it the oldest is forgotten
 
-    /// An object for good: its number goes to another one only when it is gone, and that one is
-    /// born later.
+    /// Identifies an object for good: another object gets its inode number only after it is gone,
+    /// and is born later.
     struct Identity {
         dev_t device = 0;
         ino_t inode = 0;
-        std::int64_t born_ns = 0;  ///< 0: the file system does not tell
+        std::int64_t born_ns = 0;  ///< 0: the file system does not know
 
         bool operator==(const Identity& other) const {
             return device == other.device && inode == other.inode && born_ns == other.born_ns;
         }
     };
 
-    /// `path`: a file, or a directory that was put back with all that it holds; `object`: what
-    /// stands there since, if that is known.
+    /// `path` is a file, or a directory that was restored with its content. `object` is what stands
+    /// there since, if known.
     void Note(const std::string& path, Clock::time_point begun, Clock::time_point ended,
               std::optional<Identity> object = std::nullopt);
 
-    /// Where the object with that number was put back, and what it was; null when none was lately.
+    /// The path and identity of the restored object with that number; null when there is none.
     const std::pair<std::string, Identity>* FindInode(ino_t inode) const;
 
-    /// Whether what was read at `read_time` may be told because of a restore.
+    /// True when an event that was read at `read_time` may be the echo of a restore.
     bool MayEcho(const std::string& path, Clock::time_point read_time) const;
 
-    /// Whether `path` itself was put right since what was read at `read_time`.
+    /// True when `path` itself was restored after `read_time`.
     bool IsLaterThan(const std::string& path, Clock::time_point read_time) const;
 
   private:

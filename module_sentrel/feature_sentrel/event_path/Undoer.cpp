@@ -1,6 +1,6 @@
-// Undoes changes. It must not judge whether something is tampering (the inotify task does), keep
-// what has to wait (Rejudge), nor know how a restore is carried out (RsyncLauncher). Inotify task's
-// thread.
+// Undoes changes and owns the record of recent restores. It must not judge what is tampering (the
+// inotify task does), keep changes that have to wait (Rejudge does), nor know how a restore is
+// carried out (RsyncLauncher does). Inotify task's thread.
 #define SDK_LOG_FILE "SentrelInotifyTask.cpp"
 #include "feature_sentrel/event_path/Undoer.h"
 
@@ -27,10 +27,10 @@ namespace Engine {
 
 namespace {
 
-// Each try looks at the way anew; who goes on changing it is met again by the next event.
+// Each try examines the path anew; the next event handles an attacker who goes on changing it.
 constexpr int kTries = 4;
 
-/// What stands there; 0 when there is nothing, or it cannot be reached.
+/// The type of what stands there; 0 when there is nothing, or it cannot be reached.
 mode_t LiveType(const AnchoredRule& rule, const std::string& path) {
     struct stat info {};
     return rule.StatLive(path, info) == 0 ? info.st_mode & S_IFMT : 0;
@@ -56,8 +56,9 @@ std::optional<RecentRestores::Identity> IdentityAt(const AnchoredRule& rule,
         is_told ? info.stx_btime.tv_sec * kNanosPerSecond + info.stx_btime.tv_nsec : 0};
 }
 
-/// An excluded subdirectory of several levels is named from the rule's path on, and rsync knows it
-/// only when it starts there: below that it would take the excluded content for foreign.
+/// An excluded subdirectory of several levels is given relative to the rule's path, and rsync
+/// matches it only when it starts there: started below, rsync would take the excluded content for
+/// foreign.
 bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
     const std::string inside = WithoutTrailingSlash(directory) + "/";
     return !rule.is_file && std::any_of(rule.ignored_subdir.begin(), rule.ignored_subdir.end(),
@@ -79,7 +80,7 @@ std::string FirstObstacle(const AnchoredRule& rule, const std::string& path) {
     const std::string& root = rule.RootPath();
     if (rule.IsFile() || wanted.size() <= root.size()) return "";
     if (LiveType(rule, root) != S_IFDIR) return root;
-    // Mostly the way is free.
+    // Usually the way is free.
     if (rule.OpenLiveDirectory(ParentPath(wanted)).IsOpen()) return "";
     for (std::size_t slash = wanted.find('/', root.size() + 1); slash != std::string::npos;
          slash = wanted.find('/', slash + 1)) {
@@ -148,8 +149,8 @@ UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
         if (!live.IsOpen() && (errno == ELOOP || errno == ENOTDIR)) {
             return RemoveBlockingLink(*places.anchors, path);
         }
-        // The protected path itself is the administrator's to remove, and where there is no backup
-        // folder at all, nothing can be told to be foreign.
+        // Only the administrator removes the protected path itself, and without a backup folder
+        // nothing is known to be foreign.
         const bool is_root = WithoutTrailingSlash(path) == places.anchors->RootPath();
         if ((is_root && !rule.is_file) || places.anchors->Copies() == nullptr) {
             return {Outcome::kNone};
@@ -163,15 +164,15 @@ UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
         status.Count(SentrelStatus::kRemovalsDone);
         return {Outcome::kRemoved};
     }
-    if (error == ENOENT) return {Outcome::kNone};  // it went by itself
+    if (error == ENOENT) return {Outcome::kNone};  // it is gone already
     status.Count(SentrelStatus::kRemovalsFailed);
     status.NoteFailure(rule.real_path, "removal of " + path + ": " +
                                            (places ? std::strerror(error) : places.problem));
     return {Outcome::kRemovalFailed};
 }
 
-/// Beyond the link nothing is ours. Where it took a directory's place, that comes back when the
-/// loss of the link is told.
+/// Nothing behind the link is touched. When it replaced a directory, the event of its removal
+/// restores that directory.
 UndoResult Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::string& path) {
     const std::string obstacle = FirstObstacle(rule, path);
     if (obstacle.empty() || LiveType(rule, obstacle) != S_IFLNK ||

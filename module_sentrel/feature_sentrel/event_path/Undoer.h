@@ -12,31 +12,30 @@ namespace Engine {
 
 struct ModuleState;
 
-/// What undoing one change came to.
+/// The result of undoing one change.
 struct UndoResult {
     Outcome outcome = Outcome::kNone;
-    /// A directory above the path that had gone, and was restored with all that it held; ends in
-    /// "/".
+    /// A directory above the path that was gone and was restored with its content; ends in "/".
     std::string lost_directory = {};
 };
 
-/// Puts objects back from their copies and removes foreign ones, by descriptors. It notes what it
+/// Restores objects from their copies and removes foreign ones, by descriptors. It counts what it
 /// did in the module's status. Inotify task's thread.
 class Undoer {
   public:
     /// `state` is borrowed.
     explicit Undoer(ModuleState& state) : state_(state) {}
 
-    /// Puts back what the copy has at `path`; a directory with all that it holds, and where a
-    /// directory on the way is gone or replaced, that one. Blocks until it is done.
+    /// Restores `path` from its copy, a directory with its content. Where a directory on the way is
+    /// gone or replaced, restores that one instead. Blocks until it is done.
     UndoResult Restore(const SentrelDirRule& rule, const std::string& path);
 
-    /// Removes what stands at `path`, a directory with all that it holds. Behind a link nothing is
-    /// removed; where the copy has a directory in place of the link, the link goes.
+    /// Removes what stands at `path`, a directory with its content. Removes nothing behind a link;
+    /// removes the link itself where the copy has a directory in its place.
     UndoResult Remove(const SentrelDirRule& rule, const std::string& path);
 
-    /// The object with that number was put back here lately and still stands there. Nobody else
-    /// holds it under another name: before it got its own it had none.
+    /// The object with that inode number was restored lately and still stands there. It has no
+    /// other name: it was made without one.
     bool IsOwnObject(const AnchoredRule& rule, ino_t inode) const;
 
     const RecentRestores& Recent() const { return recent_; }
@@ -45,7 +44,7 @@ class Undoer {
     struct Attempt {
         bool restored = false;
         std::string target;
-        bool is_above = false;  ///< `target` had gone and holds the path
+        bool is_above = false;  ///< `target` is a lost directory above the path
         std::string error;
     };
 
@@ -58,11 +57,11 @@ class Undoer {
     RecentRestores recent_;
 };
 
-/// A name that a restore, or the kernel for an unnamed file, uses for a moment.
+/// A temporary name of a restore, or the kernel's name for an unnamed file.
 bool IsTransientName(const std::string& name);
 
-/// Where the way from the protected path to `path` ends before it gets there: the first that is no
-/// directory, or missing; empty when the way is free. No trailing "/".
+/// The first path between the protected path and `path` that is missing or no directory, without a
+/// trailing "/"; empty when the way is free.
 std::string FirstObstacle(const AnchoredRule& rule, const std::string& path);
 
 }  // namespace Engine

@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMaxCompared = 500;  ///< each is compared with each
+constexpr std::size_t kMaxCompared = 500;  ///< each is compared with each other
 
 fs::path Resolve(const std::string& path) {
     if (path.empty()) return {};

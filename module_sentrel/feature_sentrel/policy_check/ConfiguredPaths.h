@@ -10,18 +10,18 @@
 
 namespace Engine {
 
-/// Where an entry of a policy's "dirlist" lies, links and ".." resolved as far as paths exist.
+/// The paths of an entry of a policy's "dirlist". Links and ".." are resolved as far as paths
+/// exist.
 struct ProtectedPlace {
     ProtectedPlace(const Json::Value& entry, std::string entry_pointer);
 
     // `name` is a path below `path`.
 
-    /// Events about it are left alone: it begins like an excluded subdirectory.
+    /// Its events are ignored: it begins like an excluded subdirectory.
     bool IsExcluded(const std::string& name) const;
     /// It is an excluded subdirectory or lies in one.
     bool IsMeantByExclusion(const std::string& name) const;
-    /// rsync leaves it out of a backup: at whatever depth, it is named like an excluded
-    /// subdirectory.
+    /// rsync leaves it out of a backup: it has the name of an excluded subdirectory, at any depth.
     bool IsKeptFromBackup(const std::string& name) const;
 
     std::string pointer;
@@ -30,8 +30,8 @@ struct ProtectedPlace {
     std::vector<std::string> excluded;  ///< full paths
 };
 
-/// Backup folders within protected paths, protected paths within their backup folder, and paths
-/// that several entries name.
+/// Reports backup folders within protected paths, protected paths within their backup folder, and
+/// paths that several entries name.
 void CheckHowPlacesLie(const std::vector<ProtectedPlace>& places, PolicyFindings& findings);
 
 }  // namespace Engine

@@ -6,9 +6,9 @@
 
 namespace Engine {
 
-/// A protection policy without "dirlist" keeps the paths of the one before it. `text` with the
-/// "dirlist" of `last`, the policy before, so that one document says all; just `text` when it has a
-/// list of its own, `last` has none, or either cannot be read.
+/// A protection policy without "dirlist" keeps the paths of the policy before it. Returns `text`
+/// with the "dirlist" of `last`, the policy before, so that one document is complete. Returns
+/// `text` as it is when it has a list, when `last` has none, or when either cannot be read.
 std::string WithDirListOf(const std::string& text, const std::string& last);
 
 /// The answer to a query {"text","last"}: {"text"}.

@@ -39,7 +39,7 @@ bool IsHostName(const std::string& text) {
            text.find_first_not_of("0123456789.") != std::string::npos;
 }
 
-/// What rsync takes for a server: an IPv4 address, a host name, or an IPv6 address in brackets.
+/// rsync accepts as a server: an IPv4 address, a host name, or an IPv6 address in brackets.
 bool IsServerAddress(const std::string& text) {
     Poco::Net::IPAddress address;
     if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
@@ -74,7 +74,7 @@ void CheckHash(const std::string& hash, const std::string& place, PolicyFindings
     }
 }
 
-/// True when the text can be looked at further.
+/// True when the text can be checked further.
 bool CheckSourceText(const std::string& text, std::size_t longest, RsyncSource use,
                      const std::string& place, PolicyFindings& findings) {
     if (text.empty() && use == RsyncSource::kOptional) {
@@ -97,8 +97,8 @@ bool FitsConfLine(const std::string& path) {
            path.find('%') == std::string::npos;
 }
 
-/// The nearest ancestor that exists, or the path itself, is a directory. A link that leads nowhere
-/// is in the way.
+/// The path itself, or its nearest ancestor that exists, is a directory. A link that leads nowhere
+/// prevents that.
 bool CanBeDirectory(std::filesystem::path path) {
     std::error_code error;
     if (!path.has_filename() && path.has_relative_path()) path = path.parent_path();
@@ -122,7 +122,7 @@ void CheckReceivingPath(const std::string& path, const std::string& place,
     }
 }
 
-/// The address at which this host is to listen.
+/// The address on which this host listens.
 void CheckOwnAddress(const std::string& address, const std::string& place,
                      PolicyFindings& findings) {
     Poco::Net::IPAddress parsed;
@@ -142,7 +142,7 @@ void CheckOwnAddress(const std::string& address, const std::string& place,
     }
 }
 
-/// rsync's password of that role may be handed in later.
+/// Only a warning: the password of that role may be set later.
 void CheckPassword(const std::string& role, const std::string& place, PolicyFindings& findings) {
     const std::string file = RsyncPaths::Secrets(SDK::PathUtils::GetInstallationPath(), role);
     std::error_code error;

@@ -9,8 +9,8 @@
 
 namespace Engine {
 
-// The checks of a policy's "content" but its protected paths. `pointer` is where `content` stands.
-// Members of a wrong type count as missing, as for the module.
+// The checks of a policy's "content" except its protected paths. `pointer` is the JSON pointer of
+// `content`. Members of a wrong type count as missing, as they do for the module.
 
 void CheckOsType(const Json::Value& content, const std::string& pointer, PolicyFindings& findings);
 
@@ -33,7 +33,7 @@ void CheckSchedule(const Json::Value& content, const std::string& pointer,
 void CheckReceivingSide(const Json::Value& content, const std::string& pointer,
                         PolicyFindings& findings);
 
-/// Only whether "backupserver_path" is safe from other users.
+/// Checks only whether "backupserver_path" is safe from other users.
 void CheckReceivingPlace(const Json::Value& content, const std::string& pointer,
                          PolicyFindings& findings);
 

@@ -1,4 +1,4 @@
-// Checks the protected paths of a policy. Reads the file system, changes nothing, keeps nothing.
+// Checks the protected paths of a policy. It must not change anything. Stateless; any thread.
 #include "feature_sentrel/policy_check/PolicyDirListCheck.h"
 
 #include <sdk/files/PlaceTrust.h>
@@ -20,8 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 using SDK::JsonUtils;
 
-/// What makes an entry useless. One useless entry costs only itself and is warned of; when no other
-/// is left, it is an error.
+/// The reasons why entries are useless. They are warnings while another entry is left, else errors.
 using Faults = std::vector<PolicyFinding>;
 
 bool HasDotComponent(const std::string& path) {
@@ -98,7 +97,7 @@ bool CheckBackupPath(const Json::Value& entry, const std::string& pointer, Fault
     return true;
 }
 
-/// The entry protects a single file whose name has that ending.
+/// The entry protects a single file whose name ends so.
 bool IsFileEndingIn(const Json::Value& entry, const std::string& ending) {
     std::error_code error;
     const std::string path = JsonUtils::GetStringValue(entry, "filepath", "");
@@ -108,7 +107,7 @@ bool IsFileEndingIn(const Json::Value& entry, const std::string& ending) {
            name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
 }
 
-/// Where rsync reads an exclusion otherwise than as its text; empty where it does not.
+/// Why rsync does not take an exclusion literally; empty when it does.
 std::string WhyPattern(const std::string& exclusion, bool subdir) {
     const std::size_t special = exclusion.find_first_of("*?[\\");
     if (special != std::string::npos) {
@@ -120,7 +119,7 @@ std::string WhyPattern(const std::string& exclusion, bool subdir) {
     return "the backup does not take this for a name";
 }
 
-/// As the module reads an element of a list of texts.
+/// Reads an element of a list of texts as the module does.
 std::string AsText(const Json::Value& value) {
     return value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string();
 }
@@ -155,7 +154,7 @@ void CheckExclusions(const Json::Value& entry, const std::string& pointer,
     }
 }
 
-/// True when the entry is of use.
+/// True when the entry is useful.
 bool CheckEntry(const Json::Value& entry, const std::string& pointer, Faults& faults,
                 PolicyFindings& findings) {
     const std::string place = PointerTo(pointer, "filepath");

@@ -8,11 +8,11 @@
 
 namespace Engine {
 
-/// Checks the enabled entries of "dirlist": their paths, exclusions, and how they lie to each
-/// other. Looks at the file system, at most at 20,000 names below all protected paths together.
+/// Checks the enabled entries of "dirlist": their paths, their exclusions, and paths within each
+/// other. Reads the file system, at most 20,000 names below all protected paths together.
 void CheckDirList(const Json::Value& content, const std::string& pointer, PolicyFindings& findings);
 
-/// Only whether the backup paths of the enabled entries are safe from other users.
+/// Checks only whether the backup paths of the enabled entries are safe from other users.
 void CheckCopyPlaces(const Json::Value& content, const std::string& pointer,
                      PolicyFindings& findings);
 

@@ -15,7 +15,7 @@ struct PolicyFinding {
     std::string message;
 };
 
-/// What a check has found: errors refuse the document, warnings only tell.
+/// The findings of a check: errors refuse the document, warnings do not.
 struct PolicyFindings {
     std::vector<PolicyFinding> errors;
     std::vector<PolicyFinding> warnings;

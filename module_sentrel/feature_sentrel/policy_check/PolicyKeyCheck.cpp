@@ -76,7 +76,7 @@ void CheckType(const Json::Value& value, const std::string& pointer, Type type,
     }
 }
 
-/// Downloads for other processors may stand beside this host's.
+/// Also true for the keys of other processors' downloads.
 bool IsRsyncSourceKey(const std::string& key) {
     return BeginsWith(key, "rsync_") && (EndsWith(key, "_url") || EndsWith(key, "_hash"));
 }

@@ -9,15 +9,15 @@
 
 namespace Engine {
 
-/// A key that the module reads, and what it must hold.
+/// A key that the module reads, and the type of its value.
 struct PolicyKey {
     enum class Type { kBool, kInt, kString, kObject, kStringArray, kIntArray, kObjectArray };
     std::string name;
     Type type;
 };
 
-/// Warns of an object's members that the module does not use: those of a wrong type and unknown
-/// ones. `elsewhere` names keys that belong on another level.
+/// Warns of an object's members that the module ignores: those of a wrong type and unknown ones.
+/// `elsewhere` are the keys that belong on another level.
 void CheckKeys(const Json::Value& object, const std::string& pointer,
                const std::vector<PolicyKey>& known, const std::vector<PolicyKey>& elsewhere,
                PolicyFindings& findings);

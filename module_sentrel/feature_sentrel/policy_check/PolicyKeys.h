@@ -10,11 +10,11 @@ namespace Engine {
 
 /// Of either document's top level.
 const std::vector<PolicyKey>& DocumentKeys();
-/// Of "content" in a protection policy, the rsync sources aside.
+/// Of "content" in a protection policy, without the rsync sources.
 const std::vector<PolicyKey>& ProtectionKeys();
 /// Of an object in "dirlist".
 const std::vector<PolicyKey>& EntryKeys();
-/// Of "content" in a backup-server policy, the rsync sources aside.
+/// Of "content" in a backup-server policy, without the rsync sources.
 const std::vector<PolicyKey>& BackUpServerKeys();
 
 }  // namespace Engine

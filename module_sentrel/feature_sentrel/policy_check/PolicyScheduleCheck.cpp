@@ -78,7 +78,7 @@ bool CheckDays(const Json::Value& list, const std::string& pointer, PolicyFindin
     return any;
 }
 
-/// What the document disables, by itself.
+/// The schedule of this document alone.
 WorkSchedule OwnSchedule(const Json::Value& ranges, const Json::Value& days) {
     WorkSchedule schedule = WorkSchedule::AlwaysOn();
     for (const Json::Value& range : ranges) {
@@ -91,7 +91,7 @@ WorkSchedule OwnSchedule(const Json::Value& ranges, const Json::Value& days) {
     return schedule;
 }
 
-/// A pause past midnight belongs to one weekday, not to the night between two.
+/// A pause past midnight applies to the early and the late hours of one weekday.
 void CheckNights(const Json::Value& ranges, const WorkSchedule& schedule,
                  const std::string& pointer, PolicyFindings& findings) {
     bool interrupted = false;
@@ -110,7 +110,7 @@ void CheckNights(const Json::Value& ranges, const WorkSchedule& schedule,
     }
 }
 
-/// What earlier policies disabled stays so until the agent restarts.
+/// Minutes and days that earlier policies disabled stay disabled until the agent restarts.
 void CheckEarlierTimes(const WorkSchedule& own, const WorkSchedule& earlier,
                        const std::string& place, PolicyFindings& findings) {
     WorkSchedule united = own;

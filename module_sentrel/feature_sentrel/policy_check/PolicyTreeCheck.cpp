@@ -1,5 +1,5 @@
-// Looks through the protected trees for what a policy does to the names in them. Reads names only,
-// changes nothing, keeps nothing.
+// Searches the protected trees for names that exclusions match by accident. It must not read files
+// or change anything. Stateless; any thread.
 #include "feature_sentrel/policy_check/PolicyTreeCheck.h"
 
 #include <filesystem>

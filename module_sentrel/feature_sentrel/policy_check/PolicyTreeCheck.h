@@ -7,8 +7,8 @@
 
 namespace Engine {
 
-/// Warns of names below the protected paths that an exclusion hits without being meant. Looks at no
-/// more than 20000 names in all.
+/// Warns of names below the protected paths that an exclusion matches by accident. Reads at most
+/// 20,000 names in all.
 void CheckNamesBelow(const std::vector<ProtectedPlace>& places, PolicyFindings& findings);
 
 }  // namespace Engine

@@ -16,7 +16,7 @@ using SDK::JsonUtils;
 constexpr std::size_t kMaxDocument = 4 * 1024 * 1024;
 constexpr const char* kContent = "/content";
 
-/// False when nothing more can be said about the document.
+/// False when the document cannot be checked further.
 bool ReadDocument(const std::string& text, Json::Value& root, PolicyFindings& findings) {
     if (text.size() > kMaxDocument) {
         findings.Error("", "the document is larger than 4 MiB");
@@ -42,8 +42,8 @@ void CheckEntryKeys(const Json::Value& content, PolicyFindings& findings) {
     }
 }
 
-/// Keys and types; `content` is the object of that name. False when the feature goes off by this
-/// document, or there is no content.
+/// Checks keys and types, and sets `content` to the object of that name. False when the document
+/// switches the feature off or has no content.
 bool CheckFrame(const Json::Value& root, const std::vector<PolicyKey>& content_keys,
                 const std::vector<PolicyKey>& entry_keys, Json::Value& content,
                 PolicyFindings& findings) {
@@ -62,8 +62,8 @@ void CheckInstallation(PolicyFindings& findings) {
     if (!why.empty()) findings.Error("", kInstallation + why);
 }
 
-/// An installation that is not safe is no reason to leave at a start what an agent of that very
-/// installation had in force.
+/// An unsafe installation is only a warning here: an agent of that installation had the policy in
+/// force before.
 PolicyFindings CheckPlaces(const std::string& text,
                            void (*check)(const Json::Value&, const std::string&, PolicyFindings&)) {
     PolicyFindings findings;

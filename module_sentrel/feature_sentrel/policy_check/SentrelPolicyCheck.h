@@ -10,10 +10,9 @@
 
 namespace Engine {
 
-/// Tells what is wrong with a policy document before it is applied. Looks at the document, at the
-/// paths that it names and at this host's addresses; changes nothing and keeps nothing. A document
-/// without errors is accepted by the module (a failing disk aside). Any thread; may take a moment
-/// for a large tree.
+/// Checks a policy document before it is applied. Reads the document, the paths that it names and
+/// this host's addresses; changes nothing. The module accepts a document without errors, unless the
+/// disk fails. Stateless; thread-safe. May block for a moment on a large tree.
 class SentrelPolicyCheck {
   public:
     /// A document of the feature "sentrel_feature". `earlier` is what the policies so far have
@@ -23,8 +22,8 @@ class SentrelPolicyCheck {
     /// A document of the feature "backupserver_feature".
     static PolicyFindings CheckBackUpServer(const std::string& text);
 
-    /// Of a document that was good once: only whether the places that it names are safe from other
-    /// users still.
+    /// For a document that was accepted before: only whether its paths are still safe from other
+    /// users.
     static PolicyFindings CheckProtectionPlaces(const std::string& text);
     static PolicyFindings CheckBackUpServerPlaces(const std::string& text);
 

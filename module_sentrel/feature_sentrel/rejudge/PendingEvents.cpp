@@ -1,3 +1,5 @@
+// Owns the changes that wait for the first backup, bounded in number. It must not judge them
+// (Rejudge has that done). Inotify task's thread.
 #include "feature_sentrel/rejudge/PendingEvents.h"
 
 #include <utility>

@@ -14,20 +14,20 @@
 
 namespace Engine {
 
-/// The changes that wait for a complete backup copy to be compared with: one for each path, in the
-/// order of their arrival for each watch, at most `capacity`. An event takes about 150 bytes and
-/// its path. One thread.
+/// The changes that wait for a complete backup copy: one for each path, in the order of their
+/// arrival for each watch, at most `capacity`. A change takes about 150 bytes and its path. Not
+/// thread-safe.
 class PendingEvents {
   public:
     static constexpr std::size_t kCapacity = 65536;
 
     explicit PendingEvents(std::size_t capacity = kCapacity) : capacity_(capacity) {}
 
-    /// Keeps the event; one for the same path is brought up to date. A move is kept as what it is
-    /// at its one end, an arrival or a loss. False when there is no room: the event is not kept.
+    /// Keeps the change, merged with a kept one of the same path. A move is kept as what it is for
+    /// the one path, an arrival or a loss. False when there is no room.
     bool Keep(const FileChange& event);
 
-    /// Takes out the oldest events of the watches that are `ready`, `limit` at most.
+    /// Takes out the oldest changes of the watches that are `ready`, at most `limit`.
     std::vector<FileChange> Take(std::size_t limit,
                                  const std::function<bool(const std::string&)>& ready);
 

@@ -1,6 +1,5 @@
 // Owns the changes that are to be judged again. It must not judge them itself (the inotify task
-// does); before a backup is complete, what its copy lacks may just not have been copied yet.
-// Inotify task's thread.
+// does). Inotify task's thread.
 #include "feature_sentrel/rejudge/Rejudge.h"
 
 #include <sdk/log/Log.h>
@@ -20,14 +19,14 @@ namespace Engine {
 namespace {
 
 constexpr int kMostAtOnce = 128;
-// A page that is changed meanwhile waits for it.
+// A page that is changed meanwhile waits that long.
 constexpr std::chrono::milliseconds kSlice{20};
-// What fails now, such as a full disk, mostly fails for every path.
+// A cause such as a full disk fails for every path.
 constexpr std::chrono::seconds kRestAfterFailure{1};
 // Upper bound of the delay between a change and its inotify record.
 constexpr std::chrono::seconds kReadingDelay{2};
-// Whoever changes linked files all the time must not keep the agent comparing: a twentieth of the
-// time.
+// Somebody who changes linked files all the time gets at most a twentieth of the time for
+// comparisons.
 constexpr std::chrono::seconds kLeastRest{1};
 constexpr int kRestPerComparison = 20;
 
@@ -58,7 +57,7 @@ void Rejudge::Take(const FileChange& change, const Handling& handling,
             break;
     }
     if (change.origin == ChangeOrigin::kReconcile) return;
-    // A change through one name of an object is one of all its names, and only one is told.
+    // A change through one name changes the object at all its names; the kernel reports only one.
     if (handling.other_names) to_compare_[change.watch_id].objects.insert(*handling.other_names);
     if (handling.vanished) NoteVanished(change, recent);
 }
@@ -83,8 +82,8 @@ void Rejudge::KeepFailed(FileChange change) {
             return;
         case RetryQueue::Kept::kGivenUp:
             state_.status.Count(SentrelStatus::kRetriesGivenUp);
-            SDK_LOG(ModuleLogger(), PRIO_WARNING, "%s cannot be put right and is given up.",
-                    change.path);
+            SDK_LOG(ModuleLogger(), PRIO_WARNING,
+                    "%s cannot be restored or removed and is given up.", change.path);
             return;
         case RetryQueue::Kept::kNoRoom:
             CompareLater(change.watch_id);
@@ -95,12 +94,13 @@ void Rejudge::KeepFailed(FileChange change) {
 void Rejudge::CompareLater(const std::string& watch_id) {
     if (std::exchange(to_compare_[watch_id].everything, true)) return;
     SDK_LOG(ModuleLogger(), PRIO_WARNING,
-            "too many changes of %s wait; all of it is compared with its copy later.", watch_id);
+            "too many changes of %s wait; the whole tree is compared with its copy later.",
+            watch_id);
 }
 
-/// What was changed through a name that is gone by now may be changed at other names as well; which
-/// object that was cannot be told any more, but a change leaves its time. What went because it was
-/// put right after the change had been looked at then.
+/// A change through a name that is gone by now may show at other names. The object is not known any
+/// more, but its change time is: the tree is searched for objects changed since then. Not needed
+/// when a restore of ours removed the name.
 void Rejudge::NoteVanished(const FileChange& change, const RecentRestores& recent) {
     if (change.read_time == Clock::time_point() ||
         recent.IsLaterThan(change.path, change.read_time))
@@ -123,7 +123,7 @@ bool Rejudge::HandleDue(Clock::time_point now, const RecentRestores& recent) {
     const bool more_failed = HandleFailed(now, recent);
     const bool more_to_compare = CompareTrees(now, recent);
     state_.status.PublishBacklog(deferred_.Size(), failed_.Size(),
-                                 to_compare_.size() + (sweep_ ? 1 : 0));
+                                 to_compare_.size() + (reconciler_ ? 1 : 0));
     return more_deferred || more_failed || more_to_compare;
 }
 
@@ -158,12 +158,12 @@ bool Rejudge::HandleFailed(Clock::time_point now, const RecentRestores& recent) 
     return true;
 }
 
-/// True when there is more to be done at once.
+/// True when more is to be done at once.
 bool Rejudge::CompareTrees(Clock::time_point now, const RecentRestores& recent) {
-    if (failed_.IsHalfFull()) return false;  // what the comparison finds would fail, too
-    // What was found before a pause is void.
-    if (sweep_ && !MayCompare(comparing_)) EndComparison(false);
-    if (!sweep_) {
+    if (failed_.IsHalfFull()) return false;  // undoing what it finds would fail, too
+    // A pause makes earlier results of the comparison void.
+    if (reconciler_ && !MayCompare(comparing_)) EndComparison(false);
+    if (!reconciler_) {
         const auto may_begin = [&](const auto& one) {
             return MayCompare(one.first) &&
                    (one.second.everything || now >= comparisons_rest_until_);
@@ -174,7 +174,7 @@ bool Rejudge::CompareTrees(Clock::time_point now, const RecentRestores& recent) 
     }
     const auto until = Clock::now() + kSlice;
     while (!owner_.should_yield() && Clock::now() < until) {
-        if (sweep_->Step(until)) continue;
+        if (reconciler_->Step(until)) continue;
         EndComparison(true);
         break;
     }
@@ -197,13 +197,13 @@ void Rejudge::BeginComparison(const std::string& watch_id, const RecentRestores&
     };
     comparing_ = watch_id;
     comparison_begun_ = Clock::now();
-    sweep_.emplace(state_.anchors, rule, ignored, judge);
+    reconciler_.emplace(state_.anchors, rule, ignored, judge);
     scope_ = std::move(to_compare_[comparing_]);
     to_compare_.erase(comparing_);
 }
 
 void Rejudge::EndComparison(bool is_complete) {
-    sweep_.reset();
+    reconciler_.reset();
     const auto now = Clock::now();
     comparisons_rest_until_ =
         now + std::max<Clock::duration>(kLeastRest, kRestPerComparison * (now - comparison_begun_));
@@ -232,7 +232,7 @@ void Rejudge::Forget() {
     deferred_.Clear();
     failed_.Clear();
     to_compare_.clear();
-    sweep_.reset();
+    reconciler_.reset();
     retries_rest_until_ = {};
     comparisons_rest_until_ = {};
     state_.status.PublishBacklog(0, 0, 0);

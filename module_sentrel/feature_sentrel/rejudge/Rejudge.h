@@ -22,48 +22,48 @@ namespace Engine {
 class BackupProgress;
 struct ModuleState;
 
-/// Reads what came of each change and sees to it that none is lost: keeps what has to wait for the
-/// first backup and what could not be undone, and compares trees of which changes could not be
-/// kept, or of which an object was changed that may have other names. Hands them to the same
-/// handling again. Inotify task's thread.
+/// Reads the result of each change so that no change is lost. It keeps changes that wait for the
+/// first backup and changes whose undo failed, and hands them to the same handling again. It
+/// compares a tree with its copy when changes could not be kept, or when a changed object may have
+/// other names. Inotify task's thread.
 class Rejudge {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /// What it needs of its owner, which outlives it.
+    /// Calls to the owner, which outlives this object.
     struct Owner {
-        /// Handles the change once more; what came of it.
+        /// Handles the change once more.
         std::function<Handling(const FileChange&)> judge;
-        /// The rule of a watch; null when there is none any more.
+        /// The rule of a watch; null when it is gone.
         std::function<const SentrelDirRule*(const std::string& watch_id)> rule;
-        /// Nothing is to be said of that path; a directory's ends in "/".
+        /// True for an excluded path; a directory's ends in "/".
         std::function<bool(const SentrelDirRule&, const std::string& path)> ignored;
-        /// The pass should end: somebody else waits.
+        /// True when the pass should end because somebody waits.
         std::function<bool()> should_yield;
     };
 
     /// `state` is borrowed. At most `backlog` changes of each kind are kept.
     Rejudge(Owner owner, ModuleState& state, std::size_t backlog);
 
-    /// Called with every change that was handled; `recent` tells what was put right since.
+    /// To be called with every handled change; `recent` knows what was restored since.
     void Take(const FileChange& change, const Handling& handling, const RecentRestores& recent);
 
-    /// Judges a portion of what waits and is due as of `now`. True when there is more to do at
+    /// Judges a portion of the changes that are due as of `now`. True when more is to be done at
     /// once.
     bool HandleDue(Clock::time_point now, const RecentRestores& recent);
 
-    /// Has the whole tree compared with its copy once that is complete: its changes could not be
+    /// Requests a comparison of the whole tree once its copy is complete: its changes could not be
     /// judged for a while.
     void CompareAll(const std::string& watch_id) { to_compare_[watch_id].everything = true; }
 
     void Forget();
 
   private:
-    /// What of a tree is to be compared with its copy.
+    /// The part of a tree that is to be compared with its copy.
     struct Scope {
         bool everything = false;
-        std::set<ObjectId> objects = {};  ///< and their names anywhere in the tree
-        /// And objects changed since then, by the wall clock.
+        std::set<ObjectId> objects = {};  ///< wherever their names are in the tree
+        /// Also objects that changed since then, by the wall clock.
         std::time_t changed_since = std::numeric_limits<std::time_t>::max();
     };
 
@@ -86,11 +86,11 @@ class Rejudge {
     RetryQueue failed_;
     Clock::time_point retries_rest_until_{};
     std::map<std::string, Scope> to_compare_;  ///< by watch id
-    std::string comparing_;                    ///< the tree of sweep_, when that is there
+    std::string comparing_;                    ///< the watch id of reconciler_
     Scope scope_;
     Clock::time_point comparison_begun_{};
     Clock::time_point comparisons_rest_until_{};
-    std::optional<TreeReconciler> sweep_;
+    std::optional<TreeReconciler> reconciler_;
 };
 
 /// This module makes the rule's local copies, and those of the present round are not complete.

@@ -1,3 +1,5 @@
+// Owns the changes whose undo failed, bounded in number, and the times of their retries. It must
+// not undo anything (Undoer does). Inotify task's thread.
 #include "feature_sentrel/rejudge/RetryQueue.h"
 
 #include <algorithm>

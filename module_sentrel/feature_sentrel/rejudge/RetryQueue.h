@@ -12,8 +12,8 @@
 
 namespace Engine {
 
-/// The changes whose undoing failed or was interrupted, one for each path, at most `capacity`. Each
-/// comes up again to be judged anew, at growing distances, kMostTries times at most. One thread.
+/// The changes whose undo failed or was interrupted, one for each path, at most `capacity`. Each is
+/// retried with a growing back-off, at most kMostTries times. Not thread-safe.
 class RetryQueue {
   public:
     using Clock = std::chrono::steady_clock;
@@ -22,16 +22,16 @@ class RetryQueue {
 
     explicit RetryQueue(std::size_t capacity = kCapacity) : capacity_(capacity) {}
 
-    /// The distances go from one second, doubled, to ten minutes: three quarters of an hour.
+    /// The back-off doubles from one second to ten minutes: three quarters of an hour in all.
     static constexpr unsigned int kMostTries = 12;
 
     enum class Kept { kYes, kGivenUp, kNoRoom };
 
-    /// `change.attempt` counts the tries that came to nothing, this one included. A path that waits
-    /// already keeps its turn.
+    /// `change.attempt` counts the failed tries, this one included. A path that already waits keeps
+    /// its turn.
     Kept Keep(FileChange change, Clock::time_point now);
 
-    /// Takes out what is due, the one that has waited longest.
+    /// Takes out the change that has been due longest.
     std::optional<FileChange> TakeDue(Clock::time_point now);
 
     std::size_t Size() const { return waiting_.size(); }

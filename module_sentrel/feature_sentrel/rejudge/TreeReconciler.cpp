@@ -1,6 +1,6 @@
-// Owns how far a comparison of a protected path with its copy has come. It must not undo or report
-// anything. Children come before their directory, since
-// restoring a directory mends them without a word. Inotify task's thread.
+// Owns the position of a comparison of a protected path with its copy. It must not undo or report
+// anything (its owner does). Children come before their directory, because restoring a directory
+// would restore them without an alarm. Inotify task's thread.
 #include "feature_sentrel/rejudge/TreeReconciler.h"
 
 #include <sys/inotify.h>
@@ -66,7 +66,7 @@ void TreeReconciler::Open(const std::string& path) {
     open_.push_back(std::move(directory));
 }
 
-/// True when something was named.
+/// True when a path was named.
 bool TreeReconciler::Look(const std::string& path) {
     const struct stat live = LiveStatus(path);
     const struct stat copy = CopyStatus(path);
@@ -77,7 +77,7 @@ bool TreeReconciler::Look(const std::string& path) {
     if (copy.st_mode == 0) return Name(path, IN_CREATE | DirectoryBit(live));
     if (S_ISDIR(live.st_mode) != S_ISDIR(copy.st_mode)) {
         Name(path, IN_CREATE | DirectoryBit(live));
-        // rsync replaces the one by the other only when it is given what holds them.
+        // rsync replaces one by the other only when it restores the directory that holds them.
         return open_.empty() || Name(WithoutTrailingSlash(open_.back().path), IN_ATTRIB | IN_ISDIR);
     }
     if (!is_directory) return Name(path, IN_MODIFY);
@@ -95,7 +95,7 @@ bool TreeReconciler::LookAtDirectory(const std::string& path) {
     return Name(path, IN_ATTRIB | IN_ISDIR);
 }
 
-/// What stands there itself; type 0 when there is nothing.
+/// The attributes of what stands there; mode 0 when there is nothing.
 struct stat TreeReconciler::LiveStatus(const std::string& path) const {
     struct stat info {};
     if (anchors_->StatLive(path, info) != 0) info = {};

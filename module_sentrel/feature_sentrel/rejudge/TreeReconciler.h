@@ -12,25 +12,24 @@
 
 namespace Engine {
 
-/// Goes through a protected path and its backup copy from end to end, a portion at a time, and
-/// names every path that may not be as its copy, as if its change had just been announced. The way
-/// back to a known state when events could not be kept. Reads only; what it names is judged by its
-/// owner, on the same thread.
+/// Walks a protected path and its backup copy, a portion at a time, and names every path that may
+/// differ, as if an event had just reported it. It is the way back to a known state when events
+/// could not be kept. Reads only. The owner judges the named paths on the same thread.
 class TreeReconciler {
   public:
-    /// A path that nobody needs to look at, nor below it; a directory's ends in "/".
+    /// True for a path that is skipped with all below it; a directory's ends in "/".
     using Ignored = std::function<bool(const std::string& path)>;
-    /// A path without a trailing "/", and the event bits that fit how it stands.
+    /// Receives a path without a trailing "/", and the event bits that fit its state.
     using Named = std::function<void(const std::string& path, std::uint32_t raw_mask)>;
 
     /// `anchors` is borrowed.
     TreeReconciler(RuleAnchors& anchors, SentrelDirRule rule, Ignored ignored, Named named);
 
-    /// Goes on until something was named or `until` is reached. False at the end.
+    /// Continues until a path was named or `until` is reached. False at the end.
     bool Step(std::chrono::steady_clock::time_point until);
 
   private:
-    /// What a directory, or its copy, holds; gone through from the back.
+    /// The names in a directory and its copy; taken from the back.
     struct Directory {
         std::string path;  ///< ends in "/"
         std::vector<std::string> names;

@@ -1,3 +1,5 @@
+// Owns the published copy of the schedule. It must not read the settings (the policy callback
+// passes them). Any thread, under a lock.
 #include "feature_sentrel/schedule/ScheduleStatus.h"
 
 #include <array>
@@ -6,7 +8,7 @@ namespace Engine {
 
 namespace {
 
-/// "06:30" when it is still today, else with the date.
+/// "06:30" for a moment of today, else with the date.
 std::string TimeText(std::time_t moment, std::time_t now) {
     std::tm then{};
     std::tm today{};

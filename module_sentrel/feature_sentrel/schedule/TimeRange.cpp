@@ -11,7 +11,7 @@ namespace Engine {
 
 namespace {
 
-/// One %d at `at`, which moves on; a number outside int counts as the nearest int.
+/// Reads one %d at `at` and moves `at` on. A number outside int counts as the nearest int.
 bool ScanNumber(const char*& at, std::int64_t& number) {
     char* next = nullptr;
     const long value = std::strtol(at, &next, 10);

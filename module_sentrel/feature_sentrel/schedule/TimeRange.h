@@ -11,8 +11,8 @@ struct TimeRange {
     int end;
 
     /// Reads "%d:%d-%d:%d" as scanf does: hours and minutes are not checked one by one ("0:90-3:00"
-    /// begins at minute 90) and what follows is ignored. Nothing when one of the four numbers is
-    /// missing, when start or end is outside the day, or when they are equal.
+    /// begins at minute 90), and trailing text is ignored. None when a number is missing, when
+    /// start or end is outside the day, or when they are equal.
     static std::optional<TimeRange> Scan(const std::string& text);
 };
 

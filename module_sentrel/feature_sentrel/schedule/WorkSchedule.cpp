@@ -12,7 +12,7 @@ namespace {
 constexpr std::time_t kMinuteSeconds = 60;
 constexpr int kLookAheadMinutes = 8 * kMinutesPerDay;
 
-/// True when `holds(weekday, minute)` is, for some minute of the week.
+/// True when `holds(weekday, minute)` is true for some minute of the week.
 template <typename Condition>
 bool AnyMinute(Condition holds) {
     for (int weekday = 0; weekday < kDaysPerWeek; ++weekday) {

@@ -9,33 +9,32 @@
 
 namespace Engine {
 
-/// The tables of working time, as values to look ahead in. A weekday that is set works all day; on
-/// the others the minutes decide.
+/// The tables of working time as a value. Protection works all day on an enabled weekday; on the
+/// others the minutes decide.
 struct WorkSchedule {
     std::array<bool, kMinutesPerDay> minutes;
     std::array<bool, kDaysPerWeek> weekdays;  ///< Sunday is 0
 
-    /// Without any pause.
+    /// A schedule without a pause.
     static WorkSchedule AlwaysOn();
-    /// The module's settings. For threads that may read those.
+    /// The schedule of the module's settings. For threads that may read these.
     static WorkSchedule OfSettings();
 
     bool Works(int weekday, int minute) const;
-    /// At that moment in local time.
+    /// Works at that moment, in local time.
     bool WorksAt(std::time_t moment) const;
-    /// The first moment after `now` at which WorksAt changes, a full minute; nothing when it never
-    /// does. Looks eight days ahead, so that it holds across a change of the clocks too.
+    /// The first full minute after `now` at which WorksAt changes; none when it never does. Looks
+    /// eight days ahead, to cover a change to or from daylight saving time.
     std::optional<std::time_t> ChangesAt(std::time_t now) const;
 
-    /// Disables also what `range` ("22:00-06:30") says; a malformed one nothing.
+    /// Also disables `range` ("22:00-06:30"). A malformed range changes nothing.
     void DisableRange(const std::string& range);
-    /// Disables also what `other` disables.
+    /// Also disables what `other` disables.
     void Unite(const WorkSchedule& other);
 
-    /// Whether it works at every, or at no minute of the week; whether it works at a minute at
-    /// which `other` does not.
     bool AlwaysWorks() const;
     bool NeverWorks() const;
+    /// Works at some minute of the week at which `other` does not.
     bool WorksBeyond(const WorkSchedule& other) const;
 };
 

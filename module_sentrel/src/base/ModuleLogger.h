@@ -4,7 +4,7 @@
 
 namespace Engine {
 
-/// The module's logger, for SDK_LOG; null when there is none. Any thread.
+/// The module's logger, for SDK_LOG; may be null. Thread-safe.
 Poco::Logger* ModuleLogger();
 
 }  // namespace Engine

@@ -5,9 +5,9 @@
 
 namespace Engine {
 
-// What the module does with the text of paths. Stateless; any thread.
+// Helpers for the text of paths. Stateless; thread-safe.
 
-/// `path` without trailing "/", with which lstat would follow a link; "/" stays.
+/// `path` without a trailing "/", which would make lstat follow a link; "/" stays.
 inline std::string WithoutTrailingSlash(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
     return path;
@@ -26,14 +26,14 @@ inline bool EndsWith(std::string_view text, std::string_view suffix) {
            text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-/// The last component; of a directory as well, whose path may end in "/".
+/// The last component, also of a directory's path that ends in "/".
 inline std::string FileName(const std::string& path) {
     const std::string plain = WithoutTrailingSlash(path);
     const std::size_t slash = plain.rfind('/');
     return slash == std::string::npos || plain.size() == 1 ? plain : plain.substr(slash + 1);
 }
 
-/// What holds `path`, without a trailing "/" unless it is "/".
+/// The directory that holds `path`, without a trailing "/" unless it is "/".
 inline std::string ParentPath(const std::string& path) {
     const std::string plain = WithoutTrailingSlash(path);
     const std::size_t slash = plain.rfind('/');

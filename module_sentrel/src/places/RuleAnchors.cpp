@@ -1,5 +1,6 @@
-// Owns the held directories of all rules. It must not look at what lies below them (BackupComparer)
-// nor change it (Undoer), a protected directory that is gone excepted. Any thread, under a lock.
+// Owns the held directories of all rules. It must not read what lies below them (BackupComparer
+// does) nor change it (Undoer does), except that it makes a lost protected directory anew. Any
+// thread, under a lock.
 #include "places/RuleAnchors.h"
 
 #include <fcntl.h>
@@ -27,8 +28,8 @@ int Fail(int error) {
     return -1;
 }
 
-/// A directory that was made just now, and that nobody has put another one in place of: one of
-/// somebody else's has another owner or mode, or holds something.
+/// The directory is the one that was made just now. Another user's directory in its place would
+/// have another owner or mode, or hold something.
 bool IsFreshAndOurs(int directory) {
     struct stat info {};
     return ::fstat(directory, &info) == 0 && info.st_uid == ::geteuid() &&
@@ -203,7 +204,7 @@ RulePlaces RuleAnchors::Check(const Known& known) {
         return returned ? std::move(returned) : OpenAgain(present->Rule());
     }
     if (present->Root() == nullptr) return {std::move(present), ""};
-    // Still held, so that it is known again where it was only moved aside.
+    // The map still holds it, so that it is recognised when it was only moved aside.
     return {std::make_shared<const AnchoredRule>(present->Rule(), present->Parent(), nullptr,
                                                  present->Copies()),
             ""};
@@ -226,7 +227,7 @@ void RuleAnchors::KeepFormer(const AnchoredRule& held) {
     if (former.size() > kMostFormer) former.pop_front();
 }
 
-/// What stands at the protected path now is another directory than the one that is held.
+/// Another directory than the held one stands at the protected path now.
 RulePlaces RuleAnchors::OpenAgain(const SentrelDirRule& rule) {
     const std::string unsafe =
         SDK::PlaceTrust::WhyReplaceable(WithoutTrailingSlash(rule.real_path));

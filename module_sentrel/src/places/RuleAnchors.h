@@ -17,9 +17,9 @@
 
 namespace Engine {
 
-/// The held directories of one rule: what it protects and where its copies lie. Every look, copy
-/// and removal starts from these, so that no directory above them can be swapped for another.
-/// Immutable; any thread.
+/// The held (opened) directories of one rule: what it protects and where its copies lie. Every
+/// read, copy and removal starts from these, so that nobody can swap a directory above them.
+/// Immutable; thread-safe.
 class AnchoredRule {
   public:
     using Anchor = std::shared_ptr<const SDK::PathAnchor>;
@@ -32,7 +32,7 @@ class AnchoredRule {
     // ELOOP for a link on the way, ENOTDIR for anything else that is no directory, ENOENT, EXDEV
     // for a path that lies elsewhere.
 
-    /// The object as it stands on the site, by its held parent directory.
+    /// The object on the site, by its held parent directory.
     SDK::PathAnchor::Entry Live(const std::string& path) const;
     /// As lstat(2): 0 or -1.
     int StatLive(const std::string& path, struct stat& info) const;
@@ -69,7 +69,7 @@ class AnchoredRule {
     mutable std::unique_ptr<SDK::StagingDirectory> staging_;  ///< set under staging_once_
 };
 
-/// Where a rule's directories are at this moment.
+/// A rule's directories as they are at this moment.
 struct RulePlaces {
     std::shared_ptr<const AnchoredRule> anchors;  ///< null: they must not be used
     std::string problem;                          ///< why not, in words; else empty
@@ -77,28 +77,28 @@ struct RulePlaces {
     explicit operator bool() const { return anchors != nullptr; }
 };
 
-/// Holds the directories of all rules. A protected path that comes to lead elsewhere is followed
-/// only where every directory above it is root's own: otherwise whoever moved it would have the
-/// agent work in somebody else's directory. Any thread.
+/// Holds the directories of all rules. When a protected path leads to another directory, that one
+/// is used only if every directory above it is root's own: otherwise another user could make the
+/// agent work in a directory of his choice. Owned by ModuleState. Thread-safe.
 class RuleAnchors {
   public:
-    /// The rule's directories, opened at the first call and looked at again at each.
+    /// The rule's directories: opened by the first call, checked again by each.
     RulePlaces Of(const SentrelDirRule& rule);
 
-    /// The same without another look, for what comes right after one or is no more than a hint.
+    /// The same without the check, right after one or where a hint is enough.
     RulePlaces Held(const SentrelDirRule& rule);
 
-    /// Of a rule that is known: where a copy is put back from `source` to `target`, its backup copy
-    /// and a path that it protects. No anchors and no problem: there is no such rule.
+    /// The known rule that protects `target` and has its backup copy at `source`. No anchors and no
+    /// problem: there is no such rule.
     RulePlaces OfRestore(const std::string& source, const std::string& target);
-    /// The same for a backup of the protected path `source` into the backup path `target`.
+    /// The known rule that protects `source` and has `target` as its backup path.
     RulePlaces OfBackup(const std::string& source, const std::string& target);
 
-    /// Makes the protected directory anew, empty, where nothing stands any more or what is no
-    /// directory; the rule's directories with it, or why it cannot be made.
+    /// Makes the protected directory anew, empty, in place of nothing or of what is no directory.
+    /// Returns the rule's directories with it, or why it cannot be made.
     RulePlaces MakeRoot(const std::shared_ptr<const AnchoredRule>& known);
 
-    /// All are opened anew at their next use.
+    /// Closes all; their next use opens them again.
     void Forget();
 
   private:
@@ -118,7 +118,7 @@ class RuleAnchors {
 
     std::mutex mutex_;  ///< guards all below
     std::map<Key, Known> rules_;
-    /// Protected directories that were held before, by path; others may move them back.
+    /// Protected directories that were held before, by path: somebody may move them back.
     std::map<std::string, std::deque<AnchoredRule::Anchor>> former_roots_;
 };
 

@@ -1,5 +1,5 @@
-// Owns what was last found about the places that the module relies on. It must not act on it: who
-// opens a place for copies asks before, and the policy check refuses documents.
+// Owns the last findings about the places that the module relies on. It must not act on them: the
+// users of a place ask before they open it, and the policy check refuses documents. Any thread.
 #include "places/TrustedPlaces.h"
 
 #include <sdk/files/PathUtils.h>

@@ -12,12 +12,12 @@
 namespace Engine {
 
 /// Says which places the module may rely on: those that only root, or the agent's own user, can
-/// change. The questions are for any thread and look at the file system each time; what Judge found
-/// is kept for the status.
+/// change. The questions read the file system each time; the findings of Judge are kept for the
+/// status. Owned by ModuleState. Thread-safe.
 class TrustedPlaces {
   public:
-    /// Why copies must be neither put below `backup_path` nor restored from there: others can write
-    /// to it, or can enter it, where the copies keep the owners of the site. Empty: they may.
+    /// Why `backup_path` must not be used: others can write to it, or can enter it, where the
+    /// copies keep the owners of the site. Empty when it may be used.
     static std::string WhyNotForCopies(const std::string& backup_path);
     static bool IsForCopies(const std::string& backup_path) {
         return WhyNotForCopies(backup_path).empty();
@@ -27,11 +27,11 @@ class TrustedPlaces {
     /// empty when it cannot.
     static std::string WhyNotInstallation();
 
-    /// Looks at the installation path and the rules' backup paths, and logs what is not safe as
-    /// errors. Policy callbacks and Init.
+    /// Examines the installation path and the rules' backup paths, and logs unsafe ones as errors.
+    /// For policy callbacks and Init.
     void Judge(const std::list<SentrelDirRule>& rules);
 
-    /// What Judge found last: [{"path","reason"}].
+    /// The findings of the last Judge: [{"path","reason"}].
     Json::Value ToJson() const;
 
     void Reset();

@@ -1,5 +1,5 @@
-// Owns what is complete and what is open in the present round. It must not copy or compare (the
-// backup task does) nor undo anything (the inotify task does). Any thread.
+// Owns the record of complete paths and open objects in the present round. It must not copy or
+// compare (the backup task does) nor undo anything (the inotify task does). Any thread.
 #include "progress/BackupProgress.h"
 
 #include <algorithm>
@@ -10,8 +10,8 @@ namespace Engine {
 
 namespace {
 
-/// `path` relative to the rule's path, without a trailing "/"; "" for that itself and for what lies
-/// elsewhere.
+/// `path` relative to the rule's path, without a trailing "/"; "" for the rule's path itself and
+/// for one that lies elsewhere.
 std::string_view Below(const SentrelDirRule& rule, std::string_view path) {
     while (!path.empty() && path.back() == '/') path.remove_suffix(1);
     const std::string& root = rule.real_path;

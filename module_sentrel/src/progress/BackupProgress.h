@@ -18,44 +18,43 @@
 
 namespace Engine {
 
-/// Which protected paths have a complete local backup copy, and which of their objects have none.
-/// Until a path is complete, what its copy lacks may just not have been copied yet, and must not be
-/// taken for foreign.
+/// Records which protected paths have a complete local backup copy, and which of their objects have
+/// none. Until a path is complete, an object without a copy may just not have been copied yet: it
+/// must not be taken for foreign.
 ///
-/// A round is the time from a policy, a start or the end of a pause to the next one. A path is
-/// complete once in a round and is not copied again in it. Objects that could not be copied do not
-/// keep a path from being complete: they are open, which means neither deleted nor restored.
+/// A round is the time from a policy, a start or the end of a pause to the next one. A path becomes
+/// complete once in a round and is not copied again in it. An object that could not be copied is
+/// called open: it is neither deleted nor restored, and does not keep its path from being complete.
 ///
 /// Policies and the work-time gate start a round, the backup task notes what it has copied, the
-/// inotify task asks. Any thread.
+/// inotify task asks. Owned by ModuleState. Thread-safe.
 class BackupProgress {
   public:
-    /// From now on no copy counts as complete; one that is being made does not count any more.
+    /// Starts a new round: no copy is complete, and one that is being made does not count.
     void Restart();
 
     /// The number of the present round.
     std::uint64_t Round() const;
 
-    /// Called right before a copy is begun, when no other is being made; the present round.
+    /// To be called right before a copy begins, when no other is being made. Returns the present
+    /// round.
     std::uint64_t BeginCopy();
 
-    /// When the round's first copy was begun, by the clock that files are stamped with; none before
-    /// it.
+    /// When the round's first copy began, by the clock that stamps files; none before it.
     std::optional<std::timespec> Begin() const;
 
-    /// A copy that was begun in `round` is complete except for the objects `open`; false when that
-    /// round is over.
+    /// Notes that a copy begun in `round` is complete except for the objects `open`. False when
+    /// that round is over.
     bool NoteComplete(const SentrelDirRule& rule, std::uint64_t round, OpenObjects open = {});
 
     bool IsComplete(const SentrelDirRule& rule) const;
 
-    /// The backup copy with these attributes was made, or made anew, by a copying that was begun in
-    /// the present round.
+    /// The backup copy with these attributes was made in the present round.
     bool IsOfThisRound(const struct stat& copy) const;
 
-    /// The object is open: to be reported, neither deleted nor restored. `path` as in events, a
-    /// trailing "/" is ignored. Never true of the protected path itself. Costs next to nothing
-    /// while no path has open objects; may look at the copy where there are very many.
+    /// The object is open. `path` as in events; a trailing "/" is ignored. Never true of the
+    /// protected path itself. Cheap while no path has open objects; may read the copy's directory
+    /// where there are very many.
     bool IsOpen(const SentrelDirRule& rule, const std::string& path) const;
 
     /// The object, or something below it, is open: deleting or mirroring `path` as a whole would
@@ -66,16 +65,17 @@ class BackupProgress {
     std::vector<OpenObjects::Entry> OpenEntries(const SentrelDirRule& rule, std::size_t most) const;
     std::size_t OpenCount(const SentrelDirRule& rule) const;
 
-    /// An open object has been tried again, and `rest` of it is still open; nothing when `round` is
-    /// over.
+    /// Notes that an open object was tried again and `rest` of it is still open. Does nothing when
+    /// `round` is over.
     void NoteTried(const SentrelDirRule& rule, std::uint64_t round, const std::string& below,
                    const OpenObjects& rest);
 
-    // Open objects are tried again after a minute, then less and less often.
+    // Open objects are tried again after kFirstRest; each further rest is doubled, up to
+    // kLongestRest.
     static constexpr std::chrono::seconds kFirstRest{60};
     static constexpr std::chrono::seconds kLongestRest{3600};
 
-    /// True when the rule's open objects are to be tried again; the next time is set then.
+    /// True when the rule's open objects are due; this also sets the next time.
     bool TakeDue(const SentrelDirRule& rule, std::chrono::steady_clock::time_point now);
 
     /// All open objects are due at once.

@@ -54,8 +54,8 @@ void OpenObjects::Merge(const OpenObjects& other) {
     for (const auto& [below, error] : other.objects_) Add(below, error);
 }
 
-/// Opens the nearest directory above that takes the place of an entry at least, so that the set
-/// does not grow.
+/// Adds the nearest directory above that replaces at least one entry, so that the set does not
+/// grow.
 void OpenObjects::Collapse(std::string_view below) {
     std::string_view directory = ParentOf(below);
     while (!directory.empty() && (directory.size() > kLongestPath || !HasAnyIn(directory))) {
@@ -68,7 +68,8 @@ void OpenObjects::Collapse(std::string_view below) {
     bytes_ += directory.size();
 }
 
-/// Removes what lies in `directory`; says whether something of it lay deeper than directly in it.
+/// Removes the entries in `directory`. Clears `only_direct` when one lay deeper than directly in
+/// it.
 template <class Map>
 std::size_t OpenObjects::Absorb(Map& map, std::string_view directory, bool& only_direct) {
     const std::size_t before = map.size();
@@ -86,7 +87,7 @@ bool OpenObjects::CoversObject(std::string_view below) const {
     return after != objects_.begin() && IsIn(below, std::prev(after)->first);
 }
 
-/// What is added is itself the topmost that has no copy.
+/// Without looking at the copy: an added object itself is known to have none.
 bool OpenObjects::IsInCollapsed(std::string_view below) const {
     return !directories_.empty() &&
            Covers(below, [&](const std::string& one) { return one != below; });

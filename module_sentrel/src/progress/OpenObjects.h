@@ -13,33 +13,31 @@ namespace Engine {
 /// deleted nor restored; everything else of the path is protected.
 ///
 /// An open object stands for all below it. The set is bounded in entries and bytes: when it is
-/// full, the entries of a directory become one for the directory, and then only names without a
-/// copy are open in it. Paths are relative to the protected path, without a trailing "/". A value;
+/// full, the entries of a directory collapse into one for the directory; in it, only names without
+/// a copy are open then. Paths are relative to the protected path, without a trailing "/". A value;
 /// not thread-safe.
 class OpenObjects {
   public:
     static constexpr std::size_t kCapacity = 16'384;
     static constexpr std::size_t kMostBytes = 8'388'608;  ///< of all paths together
-    static constexpr std::size_t kLongestPath = 5000;     ///< a longer one opens a directory above
+    static constexpr std::size_t kLongestPath = 5000;  ///< a longer path opens a directory above it
 
     OpenObjects() = default;
     explicit OpenObjects(std::size_t capacity) : capacity_(capacity) {}
 
-    /// `error` (errno) says why it could not be copied.
+    /// `error` (errno) says why the object could not be copied.
     void Add(const std::string& below, int error);
 
-    /// Takes the entry off.
     void Remove(const std::string& below);
 
-    /// Adds all entries of `other`.
     void Merge(const OpenObjects& other);
 
     bool IsEmpty() const { return objects_.empty() && directories_.empty(); }
     std::size_t Size() const { return objects_.size() + directories_.size(); }
-    /// Some entries stand for directories whose number of open names is not known.
+    /// Some entries stand for directories with an unknown number of open names.
     bool IsCollapsed() const { return !directories_.empty(); }
 
-    /// Asked whether the copy has an object at that path; only for collapsed directories.
+    /// Says whether the copy has an object at that path; asked only for collapsed directories.
     using HasCopy = std::function<bool(const std::string& below)>;
     bool Covers(std::string_view below, const HasCopy& has_copy) const;
 

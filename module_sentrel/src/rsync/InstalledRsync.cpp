@@ -1,3 +1,5 @@
+// Owns what is known of the installed bin/rsync. It must not install it (RsyncProvision does). Any
+// thread; the lock is not held while the program runs.
 #include "rsync/InstalledRsync.h"
 
 #include <sdk/commands/ExecuteCmdUtils.h>

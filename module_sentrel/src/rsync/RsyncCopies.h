@@ -23,8 +23,8 @@ struct CopyResult {
 /// Stateless; thread-safe.
 class RsyncCopies {
   public:
-    /// An rsync within the host of which no process has done anything for so long is held up by
-    /// something that it opened, and is ended.
+    /// A local rsync of which no process has done anything for this long is held up by something
+    /// that it opened, and is ended.
     static constexpr std::chrono::seconds kIdlePeriod{15};
 
     /// Copies `src` into the backup directory `dst`, or its backup copy below `dst` back.

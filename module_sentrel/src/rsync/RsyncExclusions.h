@@ -7,15 +7,15 @@
 
 namespace Engine {
 
-/// Which objects rsync leaves alone, on both sides, because of a rule's exclusions. Knows the
-/// patterns as rsync does, wildcards included. Immutable; any thread.
+/// Says which objects rsync leaves alone, on both sides, because of a rule's exclusions. Matches
+/// patterns as rsync does, wildcards included. Immutable; thread-safe.
 class RsyncExclusions {
   public:
     explicit RsyncExclusions(const SentrelDirRule& rule);
     explicit RsyncExclusions(const std::vector<std::string>& patterns);
 
-    /// `path` is absolute, without a trailing "/". What lies below an excluded directory is not
-    /// asked for.
+    /// `path` is absolute, without a trailing "/". The caller does not ask for what lies below an
+    /// excluded directory.
     bool Match(const std::string& path, bool is_directory) const;
 
   private:

@@ -33,7 +33,7 @@ using Entry = SDK::PathAnchor::Entry;
 constexpr const char* kSwitch = "restore_in_process";
 constexpr const char* kNoScratch = "cannot make the directory for unfinished files";
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-// rsync's own codes, so that one judgement does for both.
+// rsync's own exit codes: the caller judges both alike.
 constexpr int kPartialTransfer = 23;
 constexpr int kInterrupted = 20;
 
@@ -67,7 +67,7 @@ CommandAnswer Done(const ObjectRestorer::Result& result) {
     return answer;
 }
 
-/// The place that a command's descriptor leads to; inherited ones are numbered from 3 on.
+/// The path of `name` in an inherited directory. Inherited descriptors are numbered from 3 on.
 std::string PlaceOf(std::size_t inherited, const std::string& name) {
     constexpr std::size_t kFirst = 3;
     return "/proc/self/fd/" + std::to_string(kFirst + inherited) + "/" + name;
@@ -78,7 +78,7 @@ SDK::FileDescriptor OpenMade(int parent, const std::string& name) {
     return SDK::FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags));
 }
 
-/// The directory `path` among the copies, made with what is missing above it. Only root gets there.
+/// The directory `path` among the copies; makes it and what is missing above it.
 SDK::FileDescriptor MakeCopyDirectory(const AnchoredRule& rule, const std::string& path) {
     SDK::FileDescriptor at = rule.OpenCopyDirectory("");
     std::size_t begin = 0;
@@ -103,7 +103,7 @@ CommandAnswer Run(const RsyncLine& line, const std::string& program, SDK::FileDe
     return answer;
 }
 
-/// rsync copies from the held directory to the held copy of it.
+/// rsync copies from the held directory to its held copy.
 CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
                            const AnchoredRule& rule) {
     const bool is_file = rule.IsFile();
@@ -173,7 +173,7 @@ CommandAnswer RestoreDirectory(const RsyncLine& line, const AnchoredRule& rule,
         const std::string path = directory + "/" + below;
         return exclusions.Match(path, is_directory) || progress.IsOpen(rule.Rule(), path);
     };
-    // The protected directory itself is never taken by its name, which others may have changed.
+    // The protected directory itself is never opened by its name: others may have changed it.
     const Entry live = directory == rule.RootPath() ? Entry{rule.OpenLiveDirectory(directory), "."}
                                                     : rule.Live(directory);
     if (!live.IsOpen()) return Failed("cannot open the directory");

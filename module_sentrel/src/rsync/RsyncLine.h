@@ -6,17 +6,17 @@
 
 namespace Engine {
 
-/// One of the module's local rsync commands, as its arguments tell it.
+/// One of the module's local rsync commands, read from its arguments.
 struct RsyncLine {
     bool is_backup = false;
     std::vector<std::string> exclusions;  ///< patterns
     std::string source;
     std::string target;
 
-    /// None: another command than those of a local backup or restore.
+    /// None when it is no command of a local backup or restore.
     static std::optional<RsyncLine> Of(const std::vector<std::string>& arguments);
 
-    /// The arguments again, with other places.
+    /// The arguments with other places.
     std::vector<std::string> With(const std::string& program, const std::string& scratch,
                                   const std::string& new_source,
                                   const std::string& new_target) const;

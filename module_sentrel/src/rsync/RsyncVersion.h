@@ -8,8 +8,8 @@ namespace Engine {
 /// is none.
 std::string RsyncVersionFromText(const std::string& text);
 
-/// True for versions that write and delete through a symbolic link that was put in place of a
-/// directory, as whoever runs them.
+/// True for versions that write and delete through a symbolic link that somebody put in place of a
+/// directory.
 bool FollowsPlantedLinks(const std::string& version);
 
 }  // namespace Engine

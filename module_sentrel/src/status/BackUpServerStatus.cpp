@@ -1,3 +1,5 @@
+// Owns the status of this host as a backup server. It must not look for the daemon (RsyncDaemon
+// does). Any thread, under a lock.
 #include "status/BackUpServerStatus.h"
 
 #include <sdk/time/TimeUtils.h>

@@ -9,14 +9,13 @@
 
 namespace Engine {
 
-/// What the status tells about this host as a backup server. The policy callback and the task
-/// write, the status query reads; any thread. It never influences what they do.
+/// The status of this host as a backup server. The policy callback and the task write, the status
+/// query reads. It never influences what they do. Owned by ModuleState. Thread-safe.
 class BackUpServerStatus {
   public:
-    /// A policy has switched the feature on; the count of restarts begins anew.
+    /// A policy has switched the feature on. Resets the count of restarts.
     void SetOn(const std::string& address, int port, const std::string& path);
     void SetOff();
-    /// The daemon was started.
     void NoteStart();
 
     /// {"on","address","port","path","running","pid","restarts","last_start"}. `pid` is that of the

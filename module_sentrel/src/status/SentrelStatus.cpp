@@ -1,3 +1,5 @@
+// Owns the counters and the snapshots of the status. It must not read the settings (the caller of
+// the query passes them) nor decide anything. Any thread, under a lock.
 #include "status/SentrelStatus.h"
 
 #include <sdk/text/JsonUtils.h>

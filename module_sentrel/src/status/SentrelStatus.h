@@ -15,10 +15,10 @@
 
 namespace Engine {
 
-/// What the module tells about itself: counters, and snapshots of what its tasks last knew.
+/// The module's report about itself: counters, and snapshots of what its tasks last knew.
 ///
-/// The tasks and the policy callbacks write, the status query reads; any thread. Reset takes
-/// everything back. It never influences what the module does.
+/// The tasks and the policy callbacks write, the status query reads. It never influences what the
+/// module does. Owned by ModuleState. Thread-safe.
 class SentrelStatus {
   public:
     enum Counter : std::size_t {
@@ -28,17 +28,17 @@ class SentrelStatus {
         kRemovalsFailed,
         kAlarmsSent,
         kAlarmsMerged,
-        kAlarmsLost,           ///< no report task took them
+        kAlarmsLost,           ///< no report task accepted them
         kPlantedLinksRemoved,  ///< they stood where the backup copy has no link
-        kEventsDeferred,       ///< left to be judged after the first backup
-        kDeferredOverflows,    ///< the same, but there was no more room
-        kRetries,              ///< events judged again since their undoing had failed
+        kEventsDeferred,       ///< they wait for the first backup
+        kDeferredOverflows,    ///< there was no room for them to wait
+        kRetries,              ///< events judged again after an undo failed
         kRetriesGivenUp,
-        kTreesCompared,  ///< with their copies, since events could not be kept
+        kTreesCompared,  ///< with their copies, because events could not be kept
         kCounterCount,
     };
 
-    /// A path as the inotify task watches it.
+    /// A path that the inotify task watches.
     struct ProtectedPath {
         std::string watch_id;  ///< empty when the watch was refused
         SentrelDirRule rule;
@@ -46,14 +46,14 @@ class SentrelStatus {
 
     void Count(Counter counter) { counters_[counter].fetch_add(1, std::memory_order_relaxed); }
 
-    /// The protection was switched on with these settings; what is known of other paths is dropped.
+    /// The protection was switched on with these settings. Drops what is known of other paths.
     void SetProtectionOn(bool monitor_only, int backup_type,
                          const std::list<SentrelDirRule>& rules);
     void SetProtectionOff();
 
     /// The answer to the query "exclusions.sentrel_inotify_task" with the member "path", a
-    /// protected path: {"prefixes": [...]}. Events of paths that begin with one of these, byte by
-    /// byte, are ignored. It is ready before the task asks for its watches.
+    /// protected path: {"prefixes": [...]}. The task ignores events of paths that begin with one of
+    /// these, byte by byte. Ready before the task asks for its watches.
     Json::Value ExclusionsOf(const Json::Value& request) const;
 
     void PublishPaths(std::vector<ProtectedPath> paths);
@@ -61,7 +61,7 @@ class SentrelStatus {
 
     void NoteLocalBackup(const std::string& real_path);
     void NoteRemoteBackup(const std::string& real_path);
-    /// So many events, and trees, are to be judged again.
+    /// The numbers of events and trees that wait to be judged again.
     void PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees);
     void NoteFailure(const std::string& real_path, const std::string& text);
     /// An object that could not be copied, and why.
@@ -69,10 +69,10 @@ class SentrelStatus {
         std::string path;
         std::string reason;
     };
-    /// `count` entries stand for objects of the path that have no backup copy; the first are named.
+    /// `count` objects of the path have no backup copy; `named` are the first of them.
     void NoteOpenObjects(const std::string& real_path, std::size_t count,
                          std::vector<OpenObject> named);
-    /// What keeps a path from being protected at this moment; empty when nothing does.
+    /// Why the path is not protected at this moment; empty when it is.
     void SetProblem(const std::string& real_path, const std::string& text);
 
     /// What the settings say at the moment of the query.

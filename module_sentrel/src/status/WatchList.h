@@ -8,9 +8,9 @@
 
 namespace Engine {
 
-// What the file-notify module tells of its watches. Any thread; never waits.
+// What the file-notify module says about its watches. Thread-safe; never waits.
 
-/// The answer to "filenotify.watches"; null when nobody answers.
+/// The answer to "filenotify.watches"; null when there is no answer.
 Json::Value AskForWatches();
 
 /// The inotify task's watch of that id in such an answer, or null.
@@ -21,7 +21,7 @@ enum class Watching {
     kReady,    ///< they are, as far as they can be watched at all
     kWalking,  ///< not everywhere yet: the tree is still being walked
     kMissing,  ///< not yet, but the inotify task may be about to ask for it
-    kUnknown,  ///< there is no inotify task, or nobody answers: there is nothing to wait for
+    kUnknown,  ///< there is no inotify task or no answer: there is nothing to wait for
 };
 Watching WatchingOf(const SentrelDirRule& rule);
 

@@ -1,5 +1,5 @@
 // Owns the settings of the module. It must not parse policies (the policy classes do) nor carry out
-// what it forwards. Any thread; the header says who writes what.
+// what it forwards. Any thread; see the header for the writers of the settings.
 #include "utils/SentrelUtils.h"
 
 #include <sdk/files/FileUtils.h>

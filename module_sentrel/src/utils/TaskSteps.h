@@ -9,8 +9,8 @@ class RsyncLauncher;
 /// Task's thread; may download.
 void PrepareRsyncForTask(RsyncLauncher& launcher);
 
-/// Rests as the agent's CPU limit asks when the calling thread has used more than its share since
-/// `last_tick`, which then moves on. `file`, `line` and `task` name the caller.
+/// Sleeps as the agent's CPU limit demands when the calling thread has used more than its share
+/// since `last_tick`, and then updates `last_tick`. `file`, `line` and `task` name the caller.
 void YieldCpu(unsigned long& last_tick, const char* file, int line, const char* task);
 
 }  // namespace Engine

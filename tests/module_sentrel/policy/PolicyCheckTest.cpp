@@ -107,9 +107,7 @@ TEST_F(PolicyCheck, GoodDocument_HasNoFindingsAndParses) {
 }
 
 TEST_F(PolicyCheck, UnreadableDocuments_AreRejected) {
-    const auto errors = [this](const std::string& text) {
-        return CheckText(text).errors;
-    };
+    const auto errors = [this](const std::string& text) { return CheckText(text).errors; };
     EXPECT_TRUE(Holds(errors("{\n  \"enabled\": tru\n}"), "", "ine 2"));
     EXPECT_TRUE(Holds(errors(std::string("\x00\xff\x13", 3)), ""));
     EXPECT_TRUE(Holds(errors("[]"), "", "object"));
@@ -217,8 +215,8 @@ TEST_F(PolicyCheck, SettingsWithoutTheIntendedEffect_HaveWarnings) {
     };
     EXPECT_EQ(Listed(Check().warnings), "");
     for (const Expected& expected : table) {
-        const PolicyFindings findings = CheckText(
-            test::Text(Changed(expected.pointer, expected.value)));
+        const PolicyFindings findings =
+            CheckText(test::Text(Changed(expected.pointer, expected.value)));
         EXPECT_EQ(Listed(findings.errors), "") << expected.pointer;
         EXPECT_TRUE(Holds(findings.warnings,
                           expected.place.empty() ? expected.pointer : expected.place,
