@@ -125,7 +125,7 @@ bool SentrelBackupTask::IsCopied(const SentrelDirRule& rule, unsigned long succe
 }
 
 std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
-    const std::string unsafe =
+    std::string unsafe =
         BackupDirectory::Prepare(rule.backup_path, SentrelUtils::GetInstance()->dir_rules);
     if (!unsafe.empty()) return unsafe;
     // The path ends in "/", so rsync would follow a link in the directory's place and take what it

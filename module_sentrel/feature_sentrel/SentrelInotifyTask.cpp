@@ -4,6 +4,7 @@
 // them.
 #include "feature_sentrel/SentrelInotifyTask.h"
 
+#include <framework/ConfigManager.h>
 #include <module_filenotify/FileNotifyMessage.h>
 #include <module_filenotify/FileNotifyOpt.h>
 #include <module_filenotify/FileNotifyWatchMessage.h>
@@ -42,6 +43,19 @@ const std::vector<unsigned int>& WatchEventMasks() {
     return watch_event_masks;
 }
 
+/// What conf/agent.json says.
+std::chrono::seconds ReconcilePeriod() {
+    const Json::Value value =
+        Framework::ConfigManager::GetInstance().Section("sentrel")["reconcile_seconds"];
+    if (value.isNull()) return Reconciler::kDefaultPeriod;
+    if (value.isUInt()) return std::chrono::seconds(value.asUInt());
+    SDK_LOG(ModuleLogger(), PRIO_WARNING,
+            "conf/agent.json: /sentrel/reconcile_seconds: must be a number of seconds, or 0; %s is "
+            "used.",
+            std::to_string(Reconciler::kDefaultPeriod.count()));
+    return Reconciler::kDefaultPeriod;
+}
+
 }  // namespace
 
 SentrelInotifyTask::SentrelInotifyTask(ModuleState& state, std::size_t backlog)
@@ -52,7 +66,8 @@ SentrelInotifyTask::SentrelInotifyTask(ModuleState& state, std::size_t backlog)
           alarm_cache, [this](const Alarm& alarm) { SendAlarm(alarm); },
           [this] { Waiter().Wake(); }),
       undoer_(state),
-      rejudge_(RejudgeOwner(), state, backlog) {}
+      rejudge_(RejudgeOwner(), state, backlog),
+      reconciler_(ReconcilerOwner()) {}
 
 Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
     Rejudge::Owner owner;
@@ -71,7 +86,41 @@ Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
     return owner;
 }
 
+Reconciler::Owner SentrelInotifyTask::ReconcilerOwner() {
+    Reconciler::Owner owner{watch_rules};
+    owner.places = [this](const SentrelDirRule& rule) { return state_.anchors.Of(rule).anchors; };
+    owner.basis = [this](const SentrelDirRule& rule) { return BasisOf(rule); };
+    owner.ignored = [this](const SentrelDirRule& rule, const std::string& path) {
+        return IsIgnored(rule, path);
+    };
+    owner.judge = [this](const FileChange& change) {
+        return rejudge_.Judge(change, undoer_.Recent());
+    };
+    owner.should_pause = [this] { return ShouldYield() || QueueLength() > 0; };
+    owner.ended = [this](const Reconciler::Look& look) { NoteLook(look); };
+    return owner;
+}
+
+/// Without a complete local copy there is nothing to compare with.
+std::optional<Reconciler::Basis> SentrelInotifyTask::BasisOf(const SentrelDirRule& rule) const {
+    const std::optional<std::timespec> begun = state_.progress.Begin();
+    if (!SentrelUtils::GetInstance()->MakesLocalBackup() || !begun ||
+        !state_.progress.IsComplete(rule)) {
+        return std::nullopt;
+    }
+    return Reconciler::Basis{state_.progress.Round(), *begun};
+}
+
+void SentrelInotifyTask::NoteLook(const Reconciler::Look& look) {
+    state_.status.NoteLook(look.real_path, look.duration, look.seen, look.found);
+    if (look.found == 0) return;
+    SDK_LOG(ModuleLogger(), PRIO_NOTICE,
+            "%s was looked through: %s of %s objects had changed without an event.", look.real_path,
+            std::to_string(look.found), std::to_string(look.seen));
+}
+
 bool SentrelInotifyTask::Init() {
+    reconciler_.SetPeriod(ReconcilePeriod());
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
     AddFileNotifyWatches();
     PrepareRsyncForTask(state_.launcher);
@@ -83,6 +132,7 @@ bool SentrelInotifyTask::UnInit() {
     alarms_.Finish();
     watch_rules.clear();
     rejudge_.Forget();
+    reconciler_.Forget();
     problems_.clear();
     state_.status.ClearPaths();
     const bool result = Framework::Task::UnInit();
@@ -144,6 +194,7 @@ std::string SentrelInotifyTask::HandleFileNotifyWatch(bool remove, const std::st
 void SentrelInotifyTask::HandleBacklog(std::chrono::steady_clock::time_point now) {
     if (!SentrelUtils::GetInstance()->is_run) return;
     const bool more = rejudge_.HandleDue(now, undoer_.Recent());
+    reconciler_.Work(now);
     SendAlarms();
     // Messages get their turn, but the task does not wait for one.
     if (more) Waiter().Wake();

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "base/SentrelDirRule.h"
@@ -15,6 +16,7 @@
 #include "feature_sentrel/event_path/BackupComparer.h"
 #include "feature_sentrel/event_path/FileChange.h"
 #include "feature_sentrel/event_path/Undoer.h"
+#include "feature_sentrel/reconcile/Reconciler.h"
 #include "feature_sentrel/rejudge/Rejudge.h"
 
 namespace Engine {
@@ -100,6 +102,9 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     };
 
     Rejudge::Owner RejudgeOwner();
+    Reconciler::Owner ReconcilerOwner();
+    std::optional<Reconciler::Basis> BasisOf(const SentrelDirRule& rule) const;
+    void NoteLook(const Reconciler::Look& look);
     void CheckPlaces();
 
     Handling Judge(FileNotifyMessage& msg);
@@ -125,6 +130,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     AlarmReporter alarms_;
     Undoer undoer_;
     Rejudge rejudge_;
+    Reconciler reconciler_;
     std::map<std::string, int> problems_;  ///< by watch id: checks in a row that found a problem
     std::chrono::steady_clock::time_point next_look_{};
 };

@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <future>
 
 #include "support/ProtectedSite.h"
@@ -40,6 +41,19 @@ TEST_F(Protection, Tampering_IsUndoneAndReported) {
     EXPECT_NE(page.find("modify     " + site_.Path("index.html") + "  restored in "),
               std::string::npos)
         << page;
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, WriteThroughAHardLinkElsewhere_IsFoundAndUndone) {
+    std::ofstream(agent_.Path("conf/agent.json")) << R"({"sentrel": {"reconcile_seconds": 1}})";
+    Protect();
+    const std::string page = site_.Path("index.html");
+    const std::string good = test::TempDir::Read(page);
+    const test::TempDir elsewhere;
+    std::filesystem::create_hard_link(page, elsewhere.Path("link"));
+    std::ofstream(elsewhere.Path("link")) << "defaced";
+    EXPECT_TRUE(Await([&] { return test::TempDir::Read(page) == good; }));
+    EXPECT_TRUE(Await([&] { return agent_.HasAlarm("modify", page); }));
     EXPECT_EQ(agent_.Stop(), 0);
 }
 

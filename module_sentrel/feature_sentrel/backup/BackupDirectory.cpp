@@ -92,7 +92,7 @@ std::string BackupDirectory::Prepare(const std::string& backup_path,
                                      const std::list<SentrelDirRule>& rules) {
     const std::string path = WithoutTrailingSlash(backup_path);
     if (path.empty() || path.front() != '/') return "the backup path is not absolute";
-    const std::string writable = SDK::PlaceTrust::WhyWritable(path);
+    std::string writable = SDK::PlaceTrust::WhyWritable(path);
     if (!writable.empty()) return writable;
     if (SDK::DirUtils::MakeDirs(path, kPrivate) != 0) {
         return "cannot make " + path + ": " + std::strerror(errno);

@@ -2,6 +2,8 @@
 // inotify task does). Inotify task's thread.
 #include "feature_sentrel/event_path/RecentRestores.h"
 
+#include <utility>
+
 #include "base/PathText.h"
 
 namespace Engine {
@@ -11,7 +13,7 @@ void RecentRestores::Note(const std::string& path, Clock::time_point begun, Cloc
     const std::string plain = WithoutTrailingSlash(path);
     latest_[plain] = {begun, ended};
     by_age_.emplace_back(ended, plain);
-    if (object) by_inode_[object->inode] = {plain, *object};
+    if (object) by_inode_.insert_or_assign(object->inode, std::make_pair(plain, *object));
     // A second restore of a path leaves the number of the first one behind.
     if (by_inode_.size() > kCapacity) by_inode_.clear();
     while (by_age_.front().first + kEchoTime < ended || by_age_.size() > kCapacity) {

@@ -84,7 +84,7 @@ std::string FirstObstacle(const AnchoredRule& rule, const std::string& path) {
     if (rule.OpenLiveDirectory(ParentPath(wanted)).IsOpen()) return "";
     for (std::size_t slash = wanted.find('/', root.size() + 1); slash != std::string::npos;
          slash = wanted.find('/', slash + 1)) {
-        const std::string above = wanted.substr(0, slash);
+        std::string above = wanted.substr(0, slash);
         if (LiveType(rule, above) != S_IFDIR) return above;
     }
     return "";

@@ -52,6 +52,9 @@ class Rejudge {
     /// once.
     bool HandleDue(Clock::time_point now, const RecentRestores& recent);
 
+    /// Has the change judged now and keeps it if that is needed; its outcome.
+    Handling Judge(const FileChange& change, const RecentRestores& recent);
+
     /// Requests a comparison of the whole tree once its copy is complete: its changes could not be
     /// judged for a while.
     void CompareAll(const std::string& watch_id) { to_compare_[watch_id].everything = true; }
@@ -67,7 +70,6 @@ class Rejudge {
         std::time_t changed_since = std::numeric_limits<std::time_t>::max();
     };
 
-    Handling Judge(const FileChange& change, const RecentRestores& recent);
     void Defer(const FileChange& change);
     void KeepFailed(FileChange change);
     void CompareLater(const std::string& watch_id);

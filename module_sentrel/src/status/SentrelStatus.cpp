@@ -97,6 +97,18 @@ void SentrelStatus::SetProblem(const std::string& real_path, const std::string& 
     history_[real_path].problem = text;
 }
 
+void SentrelStatus::NoteLook(const std::string& real_path, std::chrono::milliseconds duration,
+                             std::size_t seen, std::size_t found) {
+    counters_[kLooks].fetch_add(1, std::memory_order_relaxed);
+    counters_[kFoundByLooks].fetch_add(found, std::memory_order_relaxed);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    History& history = history_[real_path];
+    history.last_look = SDK::TimeUtils::GetCurrentTimestampS();
+    history.look_duration = duration;
+    history.look_seen = seen;
+    history.look_found = found;
+}
+
 Json::Value SentrelStatus::ToJson(const Json::Value& watches, const RunFlags& flags) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     Json::Value answer(Json::objectValue);
@@ -134,6 +146,7 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
         entry["last_failure_at"] = TimeOrNull(history.last_failure_at);
         entry["open_objects"] = OpenObjectsToJson(history);
         entry["problem"] = history.problem;
+        entry["last_look"] = LookToJson(history);
         list.append(std::move(entry));
     }
     return list;
@@ -152,12 +165,26 @@ Json::Value SentrelStatus::OpenObjectsToJson(const History& history) {
     return open;
 }
 
+Json::Value SentrelStatus::LookToJson(const History& history) {
+    if (history.last_look == 0) return {};
+    Json::Value look(Json::objectValue);
+    look["ended_at"] = static_cast<Json::Int64>(history.last_look);
+    look["duration_ms"] = static_cast<Json::Int64>(history.look_duration.count());
+    look["objects"] = static_cast<Json::UInt64>(history.look_seen);
+    look["found"] = static_cast<Json::UInt64>(history.look_found);
+    return look;
+}
+
 Json::Value SentrelStatus::CountersToJson() const {
     static constexpr std::array<const char*, kCounterCount> kNames = {
-        "restores_done",   "restores_failed",    "removals_done", "removals_failed",
-        "alarms_sent",     "alarms_merged",      "alarms_lost",   "planted_links_removed",
-        "events_deferred", "deferred_overflows", "retries",       "retries_given_up",
-        "trees_compared"};
+        "restores_done",   "restores_failed",
+        "removals_done",   "removals_failed",
+        "alarms_sent",     "alarms_merged",
+        "alarms_lost",     "planted_links_removed",
+        "events_deferred", "deferred_overflows",
+        "retries",         "retries_given_up",
+        "trees_compared",  "looks",
+        "found_by_looks"};
     Json::Value counters(Json::objectValue);
     for (std::size_t at = 0; at < kNames.size(); ++at) {
         counters[kNames[at]] =

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -35,6 +36,8 @@ class SentrelStatus {
         kRetries,              ///< events judged again after an undo failed
         kRetriesGivenUp,
         kTreesCompared,  ///< with their copies, because events could not be kept
+        kLooks,          ///< of the reconciler, through one path each
+        kFoundByLooks,   ///< changes that no event told
         kCounterCount,
     };
 
@@ -75,6 +78,11 @@ class SentrelStatus {
     /// Why the path is not protected at this moment; empty when it is.
     void SetProblem(const std::string& real_path, const std::string& text);
 
+    /// The reconciler has looked through the path: at `seen` objects, of which `found` had changed
+    /// without an event.
+    void NoteLook(const std::string& real_path, std::chrono::milliseconds duration,
+                  std::size_t seen, std::size_t found);
+
     /// What the settings say at the moment of the query.
     struct RunFlags {
         bool is_run = false;
@@ -97,9 +105,14 @@ class SentrelStatus {
         std::size_t open_objects = 0;
         std::vector<OpenObject> named_open_objects = {};
         std::string problem;
+        std::int64_t last_look = 0;  ///< seconds since the epoch, 0 never
+        std::chrono::milliseconds look_duration{0};
+        std::size_t look_seen = 0;
+        std::size_t look_found = 0;
     };
 
     static Json::Value OpenObjectsToJson(const History& history);
+    static Json::Value LookToJson(const History& history);
     Json::Value PathsToJson(const Json::Value& watches) const;
     Json::Value CountersToJson() const;
 

@@ -1,0 +1,98 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "fixtures/EventFixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using test::Event;
+
+constexpr std::chrono::seconds kPeriod = Engine::Reconciler::kDefaultPeriod;
+
+/// A protected site of whose changes no event is told.
+class Reconciler : public Event {
+  protected:
+    Reconciler() {
+        state_.progress.BeginCopy();
+        data_.Write("elsewhere/file", "");
+    }
+
+    /// Lets time pass until the site has been looked through once more.
+    void Look() {
+        const int looks = Counter("looks");
+        now_ += kPeriod;
+        for (int slice = 0; slice < 1000 && Counter("looks") == looks; ++slice) {
+            now_ += std::chrono::seconds(10);
+            task_.HandleBacklog(now_);
+        }
+        EXPECT_EQ(Counter("looks"), looks + 1);
+    }
+
+    std::chrono::steady_clock::time_point now_ = std::chrono::steady_clock::now();
+};
+
+TEST_F(Reconciler, ChangesWithoutAnEvent_AreUndoneAndReported) {
+    fs::create_hard_link(File("index.html"), data_.Path("elsewhere/link"));
+    std::ofstream(data_.Path("elsewhere/link")) << "defaced";
+    fs::remove(File("sub/page.html"));
+    data_.Write("site/sub/shell.php", "evil");
+    data_.Write("site/new/deep/shell.php", "evil");
+    Look();
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_FALSE(fs::exists(File("sub/shell.php")) || fs::exists(File("new")));
+    const std::string alarms = Alarms();
+    for (const char* line : {"modify index.html: restored\n", "delete sub/page.html: restored\n",
+                             "add sub/shell.php: removed\n", "add new/: removed\n"}) {
+        EXPECT_NE(alarms.find(line), std::string::npos) << line << "in\n" << alarms;
+    }
+    EXPECT_EQ(Counter("found_by_looks"), 4);
+    Look();
+    EXPECT_EQ(Alarms(), "") << "a restored object is no change";
+}
+
+TEST_F(Reconciler, TimeThatIsSetBack_HidesNoChange) {
+    Look();
+    struct stat before {};
+    ASSERT_EQ(::stat(File("index.html").c_str(), &before), 0);
+    std::ofstream(File("index.html")) << "defaced";
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, File("index.html").c_str(), times, 0), 0);
+    Look();
+    EXPECT_EQ(Content("index.html"), "welcome");
+}
+
+TEST_F(Reconciler, ExcludedAndIgnoredPaths_AreLeftAlone) {
+    data_.Write("site/uploads/shell.php", "theirs");
+    data_.Write("site/app.log", "more");
+    Look();
+    EXPECT_EQ(Content("uploads/shell.php") + Content("app.log"), "theirsmore");
+    EXPECT_EQ(Alarms(), "");
+}
+
+TEST_F(Reconciler, WriteThroughAMappingThatStaysOpen_IsUndone) {
+    SDK::FileDescriptor file(::open(File("index.html").c_str(), O_RDWR | O_CLOEXEC));
+    void* memory = ::mmap(nullptr, 7, PROT_WRITE, MAP_SHARED, file.Get(), 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    std::memcpy(memory, "defaced", 7);
+    Look();
+    EXPECT_EQ(Content("index.html"), "welcome");
+    ::munmap(memory, 7);
+}
+
+TEST_F(Reconciler, PathThatIsStillToBeCopied_IsNotLookedThrough) {
+    state_.progress.Restart();
+    data_.Write("site/index.html", "an update");
+    for (int slice = 0; slice < 10; ++slice) {
+        now_ += kPeriod;
+        task_.HandleBacklog(now_);
+    }
+    EXPECT_EQ(Content("index.html"), "an update");
+    EXPECT_EQ(Counter("looks"), 0);
+}
+
+}  // namespace
