@@ -1,9 +1,15 @@
+#include <tree/WalkQueue.h>
+#include <tree/Watch.h>
+
 #include <random>
 #include <thread>
 
 #include "NotifyFixture.h"
 
 namespace test {
+
+using Engine::FileNotify::DirNode;
+using Engine::FileNotify::WalkQueue;
 
 /// First walks of trees that are large enough for the second thread.
 class Walks : public NotifyTest {
@@ -80,6 +86,29 @@ TEST_F(Walks, ExcludedSubdirectoriesOfSeveralLevels_HaveNoKernelWatch) {
     EXPECT_EQ(seen.size(), 1U) << Print(seen);
     ASSERT_TRUE(CounterIs("walk_queue", 0));
     EXPECT_EQ(Counter("watched_directories"), watched + 1);
+}
+
+TEST(WalkQueue, ReasonsAddUpAndCancelledJobsAreSkipped) {
+    WalkQueue queue;
+    DirNode a;
+    DirNode b;
+    Engine::FileNotify::Watch owner;
+    queue.Push(a, WalkQueue::kFirst, &owner);
+    queue.Push(b, WalkQueue::kFirst, &owner);
+    queue.Push(a, WalkQueue::kReconcile, nullptr);
+    EXPECT_EQ(owner.jobs, 2U);
+    queue.Cancel(b);
+    EXPECT_EQ(owner.jobs, 1U);
+    EXPECT_TRUE(queue.IsReconciling());
+    EXPECT_EQ(queue.Pop(WalkQueue::kIndexing).node, nullptr);
+    const WalkQueue::Job job = queue.Pop(WalkQueue::kAnnouncing);
+    EXPECT_EQ(job.node, &a);
+    EXPECT_EQ(job.reasons, WalkQueue::kFirst | WalkQueue::kReconcile);
+    EXPECT_EQ(owner.jobs, 0U);
+    EXPECT_FALSE(queue.IsReconciling());
+    EXPECT_TRUE(queue.Empty());
+    queue.Push(a, WalkQueue::kVerify, nullptr);
+    EXPECT_EQ(queue.Pop(WalkQueue::kIndexing).node, &a);
 }
 
 }  // namespace test
