@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "base/ModuleLogger.h"
-#include "base/PathText.h"
 #include "base/WorkClock.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "feature_sentrel/alarms/AlarmDocument.h"
@@ -50,13 +49,13 @@ bool SentrelInotifyTask::HandleEventBuildStr(std::string event_path, std::string
         file1 = std::move(event_path);
         if (file1.back() == '.') return false;
         if (is_dir) {
-            AppendSlash(file1);
+            file1 = SDK::PathUtils::WithTrailingSlash(std::move(file1));
             directory = file1.substr(0, file1.size() - 1);
         }
     }
     if (!moveto_file.empty()) {
         file2 = std::move(moveto_file);
-        if (is_dir) AppendSlash(file2);
+        if (is_dir) file2 = SDK::PathUtils::WithTrailingSlash(std::move(file2));
     }
     if ((mask & IN_DELETE) != 0) {
         const std::string parent = SDK::PathUtils::GetDirFromPath(directory);

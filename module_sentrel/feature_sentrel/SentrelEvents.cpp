@@ -6,6 +6,7 @@
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
+#include <sdk/text/StrUtils.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
@@ -36,7 +37,7 @@ alarm_type AlarmTypeOf(std::uint32_t mask, Deviation deviation) {
 
 /// Adds the "/" to the path of a protected directory that came without it.
 void AdjustToRule(const SentrelDirRule& rule, std::string& file) {
-    if (rule.is_file || EndsWith(file, "/") || file + "/" != rule.real_path) return;
+    if (rule.is_file || SDK::StrUtils::EndsWith(file, "/") || file + "/" != rule.real_path) return;
     file += '/';
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "edit root path %s ", file);
 }
@@ -45,7 +46,7 @@ void AdjustToRule(const SentrelDirRule& rule, std::string& file) {
 std::string RulePath(const SentrelDirRule& rule) {
     if (!rule.is_file) return rule.real_path;
     std::string directory = SDK::PathUtils::GetDirFromPath(rule.real_path);
-    AppendSlash(directory);
+    directory = SDK::PathUtils::WithTrailingSlash(std::move(directory));
     return directory;
 }
 
@@ -54,7 +55,7 @@ bool HasIgnoredSuffix(const SentrelDirRule& rule, const std::string& file) {
     for (const std::string& postfix : rule.ignored_postfix) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check ext:%s, fileName:%s.",
                 postfix, name);
-        if (!EndsWith(name, postfix)) continue;
+        if (!SDK::StrUtils::EndsWith(name, postfix)) continue;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in ext rules %s.", file, postfix);
         return true;
     }
@@ -243,7 +244,8 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     // A restore also ends with a move; restoring again would double each restore. The object is
     // compared all the same: it may have been moved away, changed and moved back. No restore moves
     // a directory.
-    if (exists && !EndsWith(path, "/") && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
+    if (exists && !SDK::StrUtils::EndsWith(path, "/") &&
+        undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
         const RulePlaces places = state_.anchors.Held(rule);
         if (places && BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
@@ -259,13 +261,13 @@ bool SentrelInotifyTask::IsMoveIgnored(const SentrelDirRule& rule, const std::st
     bool ignored = false;
     if (!rule.is_file) {
         for (const std::string& subdir : rule.ignored_subdir) {
-            if (!BeginsWith(path, rule.real_path + subdir)) continue;
+            if (!SDK::StrUtils::BeginsWith(path, rule.real_path + subdir)) continue;
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is a ignored.", path);
             ignored = true;
         }
     }
     for (const std::string& prefix : SentrelUtils::GetInstance()->other_rule_prefixes) {
-        if (!BeginsWith(path, prefix)) continue;
+        if (!SDK::StrUtils::BeginsWith(path, prefix)) continue;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in other rules.", path);
         ignored = true;
     }
@@ -279,12 +281,12 @@ bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string
         const std::string full = rule_path + subdir;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG,
                 "HandleEventMainFile1 check ignore dir real:%s, full:%s.", subdir, full);
-        if (!BeginsWith(file, full)) continue;
+        if (!SDK::StrUtils::BeginsWith(file, full)) continue;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is a ignored %s.", file, subdir);
         return true;
     }
     for (const std::string& prefix : SentrelUtils::GetInstance()->other_rule_prefixes) {
-        if (!BeginsWith(file, prefix)) continue;
+        if (!SDK::StrUtils::BeginsWith(file, prefix)) continue;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is ignored in other rules %s.", file, prefix);
         return true;
     }

@@ -12,7 +12,6 @@
 #include <memory>
 
 #include "base/ModuleLogger.h"
-#include "base/PathText.h"
 #include "feature_sentrel/schedule/WorkSchedule.h"
 #include "progress/BackupProgress.h"
 #include "rsync/RsyncKeys.h"
@@ -48,7 +47,7 @@ bool ResolveLink(SentrelDirRule& rule) {
     struct stat info {};
     if (!Lstat(rule.real_path, info)) return false;
     rule.is_file = S_ISREG(info.st_mode);
-    if (S_ISDIR(info.st_mode)) AppendSlash(rule.real_path);
+    if (S_ISDIR(info.st_mode)) rule.real_path = SDK::PathUtils::WithTrailingSlash(rule.real_path);
     return true;
 }
 
@@ -64,7 +63,7 @@ bool CheckPath(SentrelDirRule& rule) {
             rule.is_file = true;
             return true;
         case S_IFDIR:
-            AppendSlash(rule.filepath);
+            rule.filepath = SDK::PathUtils::WithTrailingSlash(rule.filepath);
             rule.real_path = rule.filepath;
             return true;
         case S_IFLNK:

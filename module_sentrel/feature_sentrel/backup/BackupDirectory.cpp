@@ -6,8 +6,10 @@
 #include <fcntl.h>
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/FileDescriptor.h>
+#include <sdk/files/PathUtils.h>
 #include <sdk/files/PlaceTrust.h>
 #include <sdk/log/Log.h>
+#include <sdk/text/StrUtils.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,7 +21,6 @@
 
 #include "base/DirectoryListing.h"
 #include "base/ModuleLogger.h"
-#include "base/PathText.h"
 
 namespace Engine {
 
@@ -38,18 +39,18 @@ bool IsShared(const std::string& path, const std::list<SentrelDirRule>& rules) {
     const std::string inside = path == "/" ? path : path + "/";
     return std::find(kShared.begin(), kShared.end(), path) != kShared.end() ||
            std::any_of(rules.begin(), rules.end(), [&](const SentrelDirRule& rule) {
-               return BeginsWith(rule.real_path, inside);
+               return SDK::StrUtils::BeginsWith(rule.real_path, inside);
            });
 }
 
 /// The name of a copy is the first component of a protected path, of this policy or another.
 bool IsOfCopies(const std::string& name, const std::list<SentrelDirRule>& rules) {
-    if (name == "lost+found" || BeginsWith(name, kOwn)) return true;
+    if (name == "lost+found" || SDK::StrUtils::BeginsWith(name, kOwn)) return true;
     const std::string top = "/" + name;
     struct stat info {};
     if (::lstat(top.c_str(), &info) == 0) return true;
     return std::any_of(rules.begin(), rules.end(), [&](const SentrelDirRule& rule) {
-        return BeginsWith(rule.real_path, top + "/");
+        return SDK::StrUtils::BeginsWith(rule.real_path, top + "/");
     });
 }
 
@@ -90,7 +91,7 @@ std::string MakePrivate(const std::string& path, const std::list<SentrelDirRule>
 
 std::string BackupDirectory::Prepare(const std::string& backup_path,
                                      const std::list<SentrelDirRule>& rules) {
-    const std::string path = WithoutTrailingSlash(backup_path);
+    const std::string path = SDK::PathUtils::WithoutTrailingSlash(backup_path);
     if (path.empty() || path.front() != '/') return "the backup path is not absolute";
     std::string writable = SDK::PlaceTrust::WhyWritable(path);
     if (!writable.empty()) return writable;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/PathAnchor.h>
+#include <sdk/files/PathUtils.h>
 
 #include <cerrno>
 #include <climits>
@@ -58,7 +59,7 @@ CopyComparison::CopyComparison(RuleAnchors& anchors, const SentrelDirRule& rule,
       is_over_(std::move(is_over)) {}
 
 CopyComparison::Result CopyComparison::Run() {
-    const std::string root = WithoutTrailingSlash(rule_.real_path);
+    const std::string root = SDK::PathUtils::WithoutTrailingSlash(rule_.real_path);
     const std::string held = rule_.is_file ? ParentPath(root) : root;
     const RulePlaces places = anchors_.Of(rule_);
     if (!places) {
@@ -108,7 +109,8 @@ CopyComparison::Result CopyComparison::RunAgain(const std::string& below) {
     if (!places) return result_;
     const std::size_t slash = below.rfind('/');
     const std::string directory = slash == std::string::npos ? "" : below.substr(0, slash);
-    const std::string path = WithoutTrailingSlash(rule_.real_path) + "/" + directory;
+    const std::string path =
+        SDK::PathUtils::WithoutTrailingSlash(rule_.real_path) + "/" + directory;
     const SDK::FileDescriptor in_live = places.anchors->OpenLiveDirectory(path);
     const SDK::FileDescriptor in_copy = places.anchors->OpenCopyDirectory(path);
     if (!in_live.IsOpen() || !in_copy.IsOpen()) return result_;

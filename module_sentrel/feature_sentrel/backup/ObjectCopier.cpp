@@ -6,6 +6,7 @@
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/FileDescriptor.h>
 #include <sdk/restore/ObjectRestorer.h>
+#include <sdk/text/StrUtils.h>
 #include <sys/random.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -16,8 +17,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
-
-#include "base/PathText.h"
 
 namespace Engine {
 
@@ -77,7 +76,7 @@ int ErrorOf(const ObjectRestorer::Result& result) {
 }
 
 bool BelongsToCopies(const std::string& attribute) {
-    return !BeginsWith(attribute, "system.");
+    return !SDK::StrUtils::BeginsWith(attribute, "system.");
 }
 
 void CopyExtendedAttributes(int from, int to) {

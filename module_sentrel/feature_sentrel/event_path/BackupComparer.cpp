@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sdk/files/FileUtils.h>
+#include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +16,6 @@
 #include "base/DirectoryListing.h"
 #include "base/FileComparison.h"
 #include "base/ModuleLogger.h"
-#include "base/PathText.h"
 
 namespace Engine {
 
@@ -48,7 +48,7 @@ bool BackupComparer::Describe(const std::string& path, const std::string& copy_p
         return true;
     }
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file %s sha256 failed.",
-            WithoutTrailingSlash(copy_path));
+            SDK::PathUtils::WithoutTrailingSlash(copy_path));
     return false;
 }
 
@@ -108,7 +108,7 @@ Deviation BackupComparer::CompareOwner(const std::string& path, const struct sta
 
 bool BackupComparer::LacksContent(const std::string& path,
                                   const std::function<bool(const std::string&)>& ignored) const {
-    const std::string directory = WithoutTrailingSlash(path) + "/";
+    const std::string directory = SDK::PathUtils::WithoutTrailingSlash(path) + "/";
     const SDK::FileDescriptor copy = rule_->OpenCopyDirectory(path);
     const SDK::FileDescriptor live = rule_->OpenLiveDirectory(path);
     if (!copy.IsOpen() || !live.IsOpen()) return false;

@@ -2,15 +2,15 @@
 // inotify task does). Inotify task's thread.
 #include "feature_sentrel/event_path/RecentRestores.h"
 
-#include <utility>
+#include <sdk/files/PathUtils.h>
 
-#include "base/PathText.h"
+#include <utility>
 
 namespace Engine {
 
 void RecentRestores::Note(const std::string& path, Clock::time_point begun, Clock::time_point ended,
                           std::optional<Identity> object) {
-    const std::string plain = WithoutTrailingSlash(path);
+    const std::string plain = SDK::PathUtils::WithoutTrailingSlash(path);
     latest_[plain] = {begun, ended};
     by_age_.emplace_back(ended, plain);
     if (object) by_inode_.insert_or_assign(object->inode, std::make_pair(plain, *object));
@@ -32,7 +32,7 @@ const std::pair<std::string, RecentRestores::Identity>* RecentRestores::FindInod
 }
 
 bool RecentRestores::MayEcho(const std::string& path, Clock::time_point read_time) const {
-    std::string at = WithoutTrailingSlash(path);
+    std::string at = SDK::PathUtils::WithoutTrailingSlash(path);
     while (!at.empty()) {
         const auto known = latest_.find(at);
         if (known != latest_.end() && read_time >= known->second.begun &&
@@ -45,7 +45,7 @@ bool RecentRestores::MayEcho(const std::string& path, Clock::time_point read_tim
 }
 
 bool RecentRestores::IsLaterThan(const std::string& path, Clock::time_point read_time) const {
-    const auto known = latest_.find(WithoutTrailingSlash(path));
+    const auto known = latest_.find(SDK::PathUtils::WithoutTrailingSlash(path));
     return known != latest_.end() && known->second.ended >= read_time;
 }
 

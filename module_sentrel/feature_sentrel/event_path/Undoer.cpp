@@ -6,8 +6,10 @@
 
 #include <fcntl.h>
 #include <sdk/files/DirUtils.h>
+#include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <sdk/restore/ObjectRestorer.h>
+#include <sdk/text/StrUtils.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -60,23 +62,24 @@ std::optional<RecentRestores::Identity> IdentityAt(const AnchoredRule& rule,
 /// matches it only when it starts there: started below, rsync would take the excluded content for
 /// foreign.
 bool HoldsExclusion(const SentrelDirRule& rule, const std::string& directory) {
-    const std::string inside = WithoutTrailingSlash(directory) + "/";
-    return !rule.is_file && std::any_of(rule.ignored_subdir.begin(), rule.ignored_subdir.end(),
-                                        [&](const std::string& subdir) {
-                                            return BeginsWith(rule.real_path + subdir, inside);
-                                        });
+    const std::string inside = SDK::PathUtils::WithoutTrailingSlash(directory) + "/";
+    return !rule.is_file &&
+           std::any_of(rule.ignored_subdir.begin(), rule.ignored_subdir.end(),
+                       [&](const std::string& subdir) {
+                           return SDK::StrUtils::BeginsWith(rule.real_path + subdir, inside);
+                       });
 }
 
 }  // namespace
 
 bool IsTransientName(const std::string& name) {
-    if (BeginsWith(name, SDK::ObjectRestorer::kTemporaryPrefix)) return true;
+    if (SDK::StrUtils::BeginsWith(name, SDK::ObjectRestorer::kTemporaryPrefix)) return true;
     return name.size() > 1 && name.front() == '#' &&
            name.find_first_not_of("0123456789", 1) == std::string::npos;
 }
 
 std::string FirstObstacle(const AnchoredRule& rule, const std::string& path) {
-    const std::string wanted = WithoutTrailingSlash(path);
+    const std::string wanted = SDK::PathUtils::WithoutTrailingSlash(path);
     const std::string& root = rule.RootPath();
     if (rule.IsFile() || wanted.size() <= root.size()) return "";
     if (LiveType(rule, root) != S_IFDIR) return root;
@@ -111,7 +114,7 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
     if (!places) return {false, path, false, places.problem};
     const AnchoredRule& anchors = *places.anchors;
     Attempt attempt;
-    attempt.target = WithoutTrailingSlash(path);
+    attempt.target = SDK::PathUtils::WithoutTrailingSlash(path);
     const std::string obstacle = FirstObstacle(anchors, path);
     if (!obstacle.empty()) {
         if (CopyType(anchors, obstacle) != S_IFDIR) {
@@ -151,7 +154,8 @@ UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
         }
         // Only the administrator removes the protected path itself, and without a backup folder
         // nothing is known to be foreign.
-        const bool is_root = WithoutTrailingSlash(path) == places.anchors->RootPath();
+        const bool is_root =
+            SDK::PathUtils::WithoutTrailingSlash(path) == places.anchors->RootPath();
         if ((is_root && !rule.is_file) || places.anchors->Copies() == nullptr) {
             return {Outcome::kNone};
         }

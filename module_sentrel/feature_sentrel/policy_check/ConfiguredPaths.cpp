@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/PathText.h"
-
 namespace Engine {
 
 namespace {
@@ -71,8 +69,9 @@ ProtectedPlace::ProtectedPlace(const Json::Value& entry, std::string entry_point
 }
 
 bool ProtectedPlace::IsExcluded(const std::string& name) const {
-    return std::any_of(excluded.begin(), excluded.end(),
-                       [&name](const std::string& prefix) { return BeginsWith(name, prefix); });
+    return std::any_of(excluded.begin(), excluded.end(), [&name](const std::string& prefix) {
+        return SDK::StrUtils::BeginsWith(name, prefix);
+    });
 }
 
 bool ProtectedPlace::IsMeantByExclusion(const std::string& name) const {
@@ -87,7 +86,8 @@ bool ProtectedPlace::IsKeptFromBackup(const std::string& name) const {
     return std::any_of(excluded.begin(), excluded.end(), [&](const std::string& full) {
         std::string ending = full.substr(root);
         if (ending.back() == '/') ending.pop_back();
-        return ending.size() > 1 && name.size() >= root + ending.size() && EndsWith(name, ending);
+        return ending.size() > 1 && name.size() >= root + ending.size() &&
+               SDK::StrUtils::EndsWith(name, ending);
     });
 }
 

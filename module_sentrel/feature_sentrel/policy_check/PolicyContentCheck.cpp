@@ -5,6 +5,7 @@
 #include <sdk/files/PlaceTrust.h>
 #include <sdk/net/IpUtils.h>
 #include <sdk/text/JsonUtils.h>
+#include <sdk/text/StrUtils.h>
 
 #include <algorithm>
 #include <array>
@@ -12,7 +13,6 @@
 #include <vector>
 
 #include "base/BackupType.h"
-#include "base/PathText.h"
 #include "base/RsyncPaths.h"
 #include "rsync/RsyncKeys.h"
 
@@ -57,8 +57,9 @@ bool IsPort(int port, int lowest) {
 
 void CheckUrl(const std::string& url, const std::string& place, PolicyFindings& findings) {
     static constexpr std::array<const char*, 3> kSchemes = {"http://", "https://", "file:"};
-    if (std::none_of(kSchemes.begin(), kSchemes.end(),
-                     [&url](const char* scheme) { return BeginsWith(url, scheme); })) {
+    if (std::none_of(kSchemes.begin(), kSchemes.end(), [&url](const char* scheme) {
+            return SDK::StrUtils::BeginsWith(url, scheme);
+        })) {
         findings.Warning(place,
                          "the download will fail: the URL must begin with http://, "
                          "https:// or file:");

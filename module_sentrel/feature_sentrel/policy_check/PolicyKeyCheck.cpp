@@ -1,10 +1,10 @@
 #include "feature_sentrel/policy_check/PolicyKeyCheck.h"
 
+#include <sdk/text/StrUtils.h>
+
 #include <algorithm>
 #include <cctype>
 #include <numeric>
-
-#include "base/PathText.h"
 
 namespace Engine {
 
@@ -78,7 +78,8 @@ void CheckType(const Json::Value& value, const std::string& pointer, Type type,
 
 /// Also true for the keys of other processors' downloads.
 bool IsRsyncSourceKey(const std::string& key) {
-    return BeginsWith(key, "rsync_") && (EndsWith(key, "_url") || EndsWith(key, "_hash"));
+    return SDK::StrUtils::BeginsWith(key, "rsync_") &&
+           (SDK::StrUtils::EndsWith(key, "_url") || SDK::StrUtils::EndsWith(key, "_hash"));
 }
 
 void CheckUnknownKey(const std::string& key, const std::string& pointer,

@@ -3,6 +3,7 @@
 #include "feature_sentrel/reconcile/ChangeScan.h"
 
 #include <fcntl.h>
+#include <sdk/files/PathUtils.h>
 #include <sys/inotify.h>
 
 #include <algorithm>
@@ -11,7 +12,6 @@
 #include <utility>
 
 #include "base/DirectoryListing.h"
-#include "base/PathText.h"
 
 namespace Engine {
 
@@ -79,7 +79,7 @@ void ChangeScan::Leave(const AnchoredRule& rule) {
     const Directory directory = std::move(open_.back());
     open_.pop_back();
     if (!directory.changed) return;
-    const std::string path = WithoutTrailingSlash(directory.path);
+    const std::string path = SDK::PathUtils::WithoutTrailingSlash(directory.path);
     const struct stat copy = CopyOf(rule, path);
     struct stat live {};
     if (rule.StatLive(path, live) != 0 || !S_ISDIR(copy.st_mode)) return;

@@ -3,6 +3,7 @@
 // would restore them without an alarm. Inotify task's thread.
 #include "feature_sentrel/rejudge/TreeReconciler.h"
 
+#include <sdk/files/PathUtils.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
@@ -11,7 +12,6 @@
 #include <utility>
 
 #include "base/DirectoryListing.h"
-#include "base/PathText.h"
 
 namespace Engine {
 
@@ -40,13 +40,14 @@ TreeReconciler::TreeReconciler(RuleAnchors& anchors, SentrelDirRule rule, Ignore
 bool TreeReconciler::Step(std::chrono::steady_clock::time_point until) {
     anchors_ = all_anchors_.Of(rule_).anchors;
     if (anchors_ == nullptr) return false;
-    if (!std::exchange(begun_, true) && Look(WithoutTrailingSlash(rule_.real_path))) return true;
+    if (!std::exchange(begun_, true) && Look(SDK::PathUtils::WithoutTrailingSlash(rule_.real_path)))
+        return true;
     while (!open_.empty() && std::chrono::steady_clock::now() < until) {
         Directory& directory = open_.back();
         if (directory.names.empty()) {
             const std::string path = std::move(directory.path);
             open_.pop_back();
-            if (LookAtDirectory(WithoutTrailingSlash(path))) break;
+            if (LookAtDirectory(SDK::PathUtils::WithoutTrailingSlash(path))) break;
             continue;
         }
         const std::string path = directory.path + directory.names.back();
@@ -78,7 +79,8 @@ bool TreeReconciler::Look(const std::string& path) {
     if (S_ISDIR(live.st_mode) != S_ISDIR(copy.st_mode)) {
         Name(path, IN_CREATE | DirectoryBit(live));
         // rsync replaces one by the other only when it restores the directory that holds them.
-        return open_.empty() || Name(WithoutTrailingSlash(open_.back().path), IN_ATTRIB | IN_ISDIR);
+        return open_.empty() ||
+               Name(SDK::PathUtils::WithoutTrailingSlash(open_.back().path), IN_ATTRIB | IN_ISDIR);
     }
     if (!is_directory) return Name(path, IN_MODIFY);
     Open(path);

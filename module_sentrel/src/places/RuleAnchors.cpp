@@ -4,11 +4,14 @@
 #include "places/RuleAnchors.h"
 
 #include <fcntl.h>
+#include <sdk/files/PathUtils.h>
 #include <sdk/files/PlaceTrust.h>
+#include <sdk/text/StrUtils.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/DirectoryListing.h"
 #include "base/PathText.h"
@@ -49,7 +52,7 @@ std::uint64_t MountOf(int directory) {
 
 AnchoredRule::AnchoredRule(const SentrelDirRule& rule, Anchor parent, Anchor root, Anchor copies)
     : rule_(rule),
-      root_path_(WithoutTrailingSlash(rule.real_path)),
+      root_path_(SDK::PathUtils::WithoutTrailingSlash(rule.real_path)),
       parent_(std::move(parent)),
       root_(std::move(root)),
       copies_(std::move(copies)) {}
@@ -73,7 +76,7 @@ SDK::StagingDirectory* AnchoredRule::Staging() const {
 }
 
 bool AnchoredRule::Below(const std::string& path, std::string_view& below) const {
-    if (!BeginsWith(path, root_path_)) return false;
+    if (!SDK::StrUtils::BeginsWith(path, root_path_)) return false;
     below = std::string_view(path).substr(root_path_.size());
     if (!below.empty() && below.front() != '/' && root_path_ != "/") return false;
     while (!below.empty() && below.front() == '/') below.remove_prefix(1);
@@ -165,7 +168,7 @@ RulePlaces RuleAnchors::Remember(Known anchors) {
 }
 
 RulePlaces RuleAnchors::Open(const SentrelDirRule& rule) {
-    const std::string root_path = WithoutTrailingSlash(rule.real_path);
+    const std::string root_path = SDK::PathUtils::WithoutTrailingSlash(rule.real_path);
     const std::string unsafe = SDK::PlaceTrust::WhyReachable(rule.backup_path);
     if (!unsafe.empty()) return {nullptr, "the backup path is not safe: " + unsafe};
     AnchoredRule::Anchor parent = SDK::PathAnchor::Open(ParentPath(root_path));
@@ -230,7 +233,7 @@ void RuleAnchors::KeepFormer(const AnchoredRule& held) {
 /// Another directory than the held one stands at the protected path now.
 RulePlaces RuleAnchors::OpenAgain(const SentrelDirRule& rule) {
     const std::string unsafe =
-        SDK::PlaceTrust::WhyReplaceable(WithoutTrailingSlash(rule.real_path));
+        SDK::PlaceTrust::WhyReplaceable(SDK::PathUtils::WithoutTrailingSlash(rule.real_path));
     if (unsafe.empty()) return Open(rule);
     return {nullptr, "it leads to another directory than before and is not followed: " + unsafe};
 }

@@ -17,9 +17,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/ModuleLogger.h"
-#include "base/PathText.h"
 #include "base/RsyncPaths.h"
 
 namespace Engine {
@@ -101,7 +101,7 @@ std::string AddRestore(const std::string& src, const std::string& dst, Command& 
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "file:%s  info:%d", backup, error);
         return "no backup copy " + backup + ": " + std::strerror(error);
     }
-    if (S_ISDIR(info.st_mode)) AppendSlash(target);
+    if (S_ISDIR(info.st_mode)) target = SDK::PathUtils::WithTrailingSlash(std::move(target));
     command.AddPath("", dst + target);
     command.AddPath(" ", target);
     command.line += " ";

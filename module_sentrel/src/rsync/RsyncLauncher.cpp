@@ -168,7 +168,7 @@ CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& pro
 
 CommandAnswer RestoreDirectory(const RsyncLine& line, const AnchoredRule& rule,
                                const BackupProgress& progress, const RsyncExclusions& exclusions) {
-    const std::string directory = WithoutTrailingSlash(line.target);
+    const std::string directory = SDK::PathUtils::WithoutTrailingSlash(line.target);
     const auto shield = [&](const std::string& below, bool is_directory) {
         const std::string path = directory + "/" + below;
         return exclusions.Match(path, is_directory) || progress.IsOpen(rule.Rule(), path);

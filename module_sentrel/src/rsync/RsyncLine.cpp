@@ -1,9 +1,9 @@
 #include "rsync/RsyncLine.h"
 
+#include <sdk/text/StrUtils.h>
+
 #include <algorithm>
 #include <array>
-
-#include "base/PathText.h"
 
 namespace Engine {
 
@@ -33,7 +33,9 @@ std::optional<RsyncLine> RsyncLine::Of(const std::vector<std::string>& arguments
     if (at + kPlaces != arguments.size()) return std::nullopt;
     line.source = arguments[at];
     line.target = arguments[at + 1];
-    if (!BeginsWith(line.source, "/") || !BeginsWith(line.target, "/")) return std::nullopt;
+    if (!SDK::StrUtils::BeginsWith(line.source, "/") ||
+        !SDK::StrUtils::BeginsWith(line.target, "/"))
+        return std::nullopt;
     return line;
 }
 

@@ -2,8 +2,7 @@
 
 #include <Poco/Exception.h>
 #include <framework/Engine.h>
-
-#include "base/PathText.h"
+#include <sdk/files/PathUtils.h>
 
 namespace Engine {
 
@@ -43,7 +42,8 @@ Watching WatchingOf(const SentrelDirRule& rule) {
     if (engine == nullptr || engine->FindTask(kReceiver) == nullptr) return Watching::kUnknown;
     const Json::Value watches = AskForWatches();
     if (watches.isNull()) return Watching::kUnknown;
-    const Json::Value watch = FindWatch(watches, WithoutTrailingSlash(rule.real_path));
+    const Json::Value watch =
+        FindWatch(watches, SDK::PathUtils::WithoutTrailingSlash(rule.real_path));
     if (watch.isNull()) return Watching::kMissing;
     return watch["state"] == "walking" ? Watching::kWalking : Watching::kReady;
 }

@@ -1,4 +1,5 @@
 #include <framework/ConfigManager.h>
+#include <sdk/files/PathUtils.h>
 #include <sys/stat.h>
 
 #include <algorithm>
