@@ -204,6 +204,7 @@ RulePlaces RuleAnchors::Check(const Known& known) {
     const bool stands = present->Parent()->Stat(FileName(present->RootPath()), info) == 0;
     if (stands && S_ISDIR(info.st_mode)) {
         RulePlaces returned = FindFormer(*present);
+        if (!returned) returned = FindLost(*present);
         return returned ? std::move(returned) : OpenAgain(present->Rule());
     }
     if (present->Root() == nullptr) return {std::move(present), ""};
@@ -221,6 +222,19 @@ RulePlaces RuleAnchors::FindFormer(const AnchoredRule& present) {
                                                              present.Copies()));
     }
     return {};
+}
+
+/// A directory that MakeRoot made and that was moved away before it could be opened. Only root can
+/// have made what is still empty and private to root.
+RulePlaces RuleAnchors::FindLost(const AnchoredRule& present) {
+    if (lost_roots_.count(present.RootPath()) == 0) return {};
+    SDK::FileDescriptor found(::openat(present.Parent()->Descriptor(),
+                                       FileName(present.RootPath()).c_str(),
+                                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!found.IsOpen() || !IsFreshAndOurs(found.Get())) return {};
+    return Remember(std::make_shared<const AnchoredRule>(
+        present.Rule(), present.Parent(),
+        SDK::PathAnchor::Hold(std::move(found), present.RootPath()), present.Copies()));
 }
 
 void RuleAnchors::KeepFormer(const AnchoredRule& held) {
@@ -249,8 +263,11 @@ RulePlaces RuleAnchors::MakeRoot(const std::shared_ptr<const AnchoredRule>& know
     if (::mkdirat(parent, name.c_str(), S_IRWXU) != 0) return failed("make");
     SDK::FileDescriptor made(
         ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!made.IsOpen()) return failed("open");
-    if (!IsFreshAndOurs(made.Get())) return {nullptr, "somebody put another directory there"};
+    if (!made.IsOpen() || !IsFreshAndOurs(made.Get())) {
+        lost_roots_.insert(known->RootPath());
+        if (!made.IsOpen()) return failed("open");
+        return {nullptr, "somebody put another directory there"};
+    }
     return Remember(std::make_shared<const AnchoredRule>(
         known->Rule(), known->Parent(), SDK::PathAnchor::Hold(std::move(made), known->RootPath()),
         known->Copies()));
@@ -260,6 +277,7 @@ void RuleAnchors::Forget() {
     const std::lock_guard<std::mutex> lock(mutex_);
     rules_.clear();
     former_roots_.clear();
+    lost_roots_.clear();
 }
 
 }  // namespace Engine

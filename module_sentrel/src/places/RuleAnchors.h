@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -112,6 +113,7 @@ class RuleAnchors {
     Known WithPresentCopies(const Known& known);
     RulePlaces Remember(Known anchors);
     RulePlaces FindFormer(const AnchoredRule& present);
+    RulePlaces FindLost(const AnchoredRule& present);
     void KeepFormer(const AnchoredRule& held);
 
     static constexpr std::size_t kMostFormer = 8;
@@ -120,6 +122,8 @@ class RuleAnchors {
     std::map<Key, Known> rules_;
     /// Protected directories that were held before, by path: somebody may move them back.
     std::map<std::string, std::deque<AnchoredRule::Anchor>> former_roots_;
+    /// Paths at which MakeRoot made a directory that others moved away at once.
+    std::set<std::string> lost_roots_;
 };
 
 }  // namespace Engine
