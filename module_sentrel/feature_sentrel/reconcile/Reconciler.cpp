@@ -10,6 +10,7 @@ namespace Engine {
 namespace {
 
 constexpr std::chrono::milliseconds kSlice{10};
+constexpr std::chrono::seconds kRestWhenNothingIsDue{1};
 constexpr int kRestPerSlice = 99;  // a hundredth of the time
 // File systems stamp changes with a coarse clock, and a change may be stamped before it is visible.
 constexpr std::time_t kOverlapSeconds = 2;
@@ -34,7 +35,10 @@ bool IsUndoing(Outcome outcome) {
 
 void Reconciler::Work(Clock::time_point now) {
     if (period_.count() == 0 || now < next_slice_) return;
-    if (!scan_ && !BeginNext(now)) return;
+    if (!scan_ && !BeginNext(now)) {
+        next_slice_ = now + kRestWhenNothingIsDue;  // no rule is asked with every event
+        return;
+    }
     const auto begun = Clock::now();
     const bool more = Step();
     const auto took = Clock::now() - begun;

@@ -19,9 +19,6 @@ class TrustedPlaces {
     /// Why `backup_path` must not be used: others can write to it, or can enter it, where the
     /// copies keep the owners of the site. Empty when it may be used.
     static std::string WhyNotForCopies(const std::string& backup_path);
-    static bool IsForCopies(const std::string& backup_path) {
-        return WhyNotForCopies(backup_path).empty();
-    }
 
     /// Why the installation path, or what the agent runs and reads there, can be changed by others;
     /// empty when it cannot.
