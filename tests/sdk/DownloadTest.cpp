@@ -15,7 +15,7 @@
 #include <iterator>
 #include <thread>
 
-#include "files/Sha256.h"
+#include "sdk/files/Sha256.h"
 #include "net/NameResolver.h"
 #include "sdk/commands/ExecuteCmdUtils.h"
 #include "sdk/net/HttpUtils.h"

@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "FileObjects.h"
-#include "files/Sha256.h"
 #include "sdk/files/DirUtils.h"
 #include "sdk/files/FileDescriptor.h"
 #include "sdk/files/FileUtils.h"
+#include "sdk/files/Sha256.h"
 #include "support/FileSizeLimit.h"
 #include "support/TempDir.h"
 

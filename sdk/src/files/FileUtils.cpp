@@ -10,8 +10,8 @@
 #include <cstring>
 
 #include "files/AtomicFile.h"
-#include "files/Sha256.h"
 #include "sdk/files/FileDescriptor.h"
+#include "sdk/files/Sha256.h"
 
 namespace SDK {
 

@@ -1,8 +1,6 @@
-#include "files/Sha256.h"
+#include "sdk/files/Sha256.h"
 
 #include <openssl/evp.h>
-
-#include <array>
 
 namespace SDK {
 
@@ -21,6 +19,10 @@ void Sha256::Free::operator()(evp_md_ctx_st* context) const {
 }
 
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
+    Restart();
+}
+
+void Sha256::Restart() {
     good_ = context_ && EVP_DigestInit_ex(context_.get(), Algorithm(), nullptr) == 1;
 }
 
@@ -28,18 +30,24 @@ void Sha256::Update(const void* data, std::size_t size) {
     good_ = good_ && EVP_DigestUpdate(context_.get(), data, size) == 1;
 }
 
-std::string Sha256::Hex() {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+bool Sha256::Finish(Digest& digest) {
     unsigned int length = 0;
-    good_ = good_ && EVP_DigestFinal_ex(context_.get(), digest.data(), &length) == 1;
-    if (!good_) return {};
+    const bool finished = good_ &&
+                          EVP_DigestFinal_ex(context_.get(), digest.data(), &length) == 1 &&
+                          length == digest.size();
+    good_ = false;
+    return finished;
+}
+
+std::string Sha256::Hex() {
+    Digest digest{};
+    if (!Finish(digest)) return {};
     constexpr const char* kDigits = "0123456789abcdef";
     std::string text;
-    for (unsigned int i = 0; i < length; ++i) {
-        text += kDigits[digest[i] >> 4];
-        text += kDigits[digest[i] & 15];
+    for (const unsigned char byte : digest) {
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
     }
-    good_ = false;
     return text;
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "files/AtomicFile.h"
-#include "files/Sha256.h"
+#include "sdk/files/Sha256.h"
 #include "sdk/net/HttpUtils.h"
 
 namespace SDK {

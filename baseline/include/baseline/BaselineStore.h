@@ -1,0 +1,76 @@
+#pragma once
+
+#include <sdk/text/SigningKey.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "baseline/Manifest.h"
+
+namespace Baseline {
+
+/// One approved state of a protected path.
+struct Generation {
+    unsigned int number = 0;
+    std::shared_ptr<const Manifest> manifest;  ///< null: it cannot be used
+    std::string problem;                       ///< why not, in words
+
+    explicit operator bool() const { return manifest != nullptr; }
+};
+
+/// The signed manifests of all protected paths, below one directory that only root may enter: a
+/// directory for each path with a file and a signature for each generation. Stateless; methods that
+/// write must not run at the same time for one path.
+class BaselineStore {
+  public:
+    static constexpr std::size_t kDefaultKept = 3;
+
+    /// `directory` is made by the first write.
+    explicit BaselineStore(std::string directory) : directory_(std::move(directory)) {}
+
+    /// The key pair, which the first call makes: `signing.key` and `signing.pub`. The private part
+    /// may be kept elsewhere. Null, with `error`, when there is none.
+    std::unique_ptr<SDK::SigningKey> Key(std::string& error) const;
+
+    /// The newest generation, its signature checked. Number 0: there is none yet.
+    Generation Newest(const std::string& real_path, const std::string& backup_path) const;
+
+    /// Generation `number`, its signature checked.
+    Generation Get(const std::string& real_path, const std::string& backup_path,
+                   unsigned int number) const;
+
+    /// The numbers of the generations that are kept, oldest first.
+    std::vector<unsigned int> Numbers(const std::string& real_path,
+                                      const std::string& backup_path) const;
+
+    /// Each path's newest generation.
+    std::vector<Generation> All() const;
+
+    /// Writes and signs the next generation, then drops all but the newest `kept`. Number 0 with a
+    /// problem: nothing changed.
+    Generation Commit(const ManifestWriter& writer, const ManifestInfo& info,
+                      std::size_t kept = kDefaultKept) const;
+
+    // An approved state is being copied: until it is committed, the newest generation does not
+    // describe the copies. Kept across restarts.
+    int MarkCopying(const std::string& real_path, const std::string& backup_path) const;
+    bool IsCopying(const std::string& real_path, const std::string& backup_path) const;
+
+    // The identifier in a file at the top of the copies, by which they are recognised.
+
+    /// Gives the backup path its identifier. 0, or -1 (errno).
+    int MarkBackup(const std::string& real_path, const std::string& backup_path) const;
+    /// The backup path has the identifier that it was given, or was never given one.
+    bool IsMarkedBackup(const std::string& real_path, const std::string& backup_path) const;
+
+  private:
+    std::string DirectoryOf(const std::string& real_path, const std::string& backup_path) const;
+    Generation Load(const std::string& directory, unsigned int number) const;
+    int Sign(const std::string& file, const std::string& signature_file, std::string& error) const;
+
+    const std::string directory_;
+};
+
+}  // namespace Baseline
