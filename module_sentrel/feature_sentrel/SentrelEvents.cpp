@@ -88,6 +88,9 @@ void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
     rejudge_.Take({msg->GetWatchFile(), msg->GetEventFilePath(), msg->GetRawMask(),
                    msg->GetReadTime(), 0, ChangeOrigin::kLive},
                   handling, undoer_.Recent());
+    if (IsLeftOut(msg->GetEventFilePath())) {
+        reconciler_.LookSoon(msg->GetWatchFile(), msg->GetEventFilePath());
+    }
     SendAlarms();
 }
 
@@ -129,6 +132,25 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
         return handling;
     }
     JudgeFile(rule, mask, file1, msg.GetReadTime(), handling);
+    return handling;
+}
+
+/// The steps of an event leave out names that end in ".".
+bool SentrelInotifyTask::IsLeftOut(const std::string& path) {
+    return SDK::StrUtils::EndsWith(path, ".");
+}
+
+/// Such a name is judged with the directory that holds it: the reconciler has found that it differs
+/// from its copy.
+Handling SentrelInotifyTask::JudgeLeftOut(const FileNotifyMessage& msg) {
+    Handling handling;
+    const auto found = watch_rules.find(msg.GetWatchFile());
+    if (found == watch_rules.end()) return handling;
+    const bool is_dir = (msg.GetRawMask() & IN_ISDIR) != 0;
+    const std::string path = msg.GetEventFilePath() + (is_dir ? "/" : "");
+    if (!IsIgnored(found->second, path)) {
+        JudgeFile(found->second, msg.GetEventMask(), path, msg.GetReadTime(), handling);
+    }
     return handling;
 }
 

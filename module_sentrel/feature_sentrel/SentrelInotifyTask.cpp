@@ -73,7 +73,7 @@ Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
     Rejudge::Owner owner;
     owner.judge = [this](const FileChange& change) {
         FileNotifyMessage msg(change.watch_id, change.path, "", change.raw_mask, change.read_time);
-        return Judge(msg);
+        return IsLeftOut(change.path) ? JudgeLeftOut(msg) : Judge(msg);
     };
     owner.rule = [this](const std::string& watch_id) -> const SentrelDirRule* {
         const auto found = watch_rules.find(watch_id);
@@ -193,8 +193,8 @@ std::string SentrelInotifyTask::HandleFileNotifyWatch(bool remove, const std::st
 
 void SentrelInotifyTask::HandleBacklog(std::chrono::steady_clock::time_point now) {
     if (!SentrelUtils::GetInstance()->is_run) return;
-    const bool more = rejudge_.HandleDue(now, undoer_.Recent());
-    reconciler_.Work(now);
+    bool more = rejudge_.HandleDue(now, undoer_.Recent());
+    more = reconciler_.Work(now) || more;
     SendAlarms();
     // Messages get their turn, but the task does not wait for one.
     if (more) Waiter().Wake();

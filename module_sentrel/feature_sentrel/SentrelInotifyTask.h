@@ -108,6 +108,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void CheckPlaces();
 
     Handling Judge(FileNotifyMessage& msg);
+    Handling JudgeLeftOut(const FileNotifyMessage& msg);
+    static bool IsLeftOut(const std::string& path);
     void JudgeFile(const SentrelDirRule& rule, std::uint32_t mask, const std::string& file,
                    std::chrono::steady_clock::time_point read_time, Handling& handling);
     void UndoAndReport(const SentrelDirRule& rule, const std::string& file, alarm_type type,

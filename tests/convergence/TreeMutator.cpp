@@ -55,8 +55,7 @@ TreeMutator::Entry TreeMutator::EntryInSite(const std::string& path) const {
     const bool at_top = slash == std::string::npos;
     Entry entry;
     entry.name = at_top ? path : path.substr(slash + 1);
-    entry.is_monitored =
-        entry.name.back() != '.' && path.find(TestSite::kExcluded) == std::string::npos;
+    entry.is_monitored = path.find(TestSite::kExcluded) == std::string::npos;
     entry.parent = OpenBeneath(site_.Site(), at_top ? "" : path.substr(0, slash));
     return entry;
 }

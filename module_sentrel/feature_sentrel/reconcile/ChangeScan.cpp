@@ -33,7 +33,7 @@ struct stat CopyOf(const AnchoredRule& rule, const std::string& path) {
 }  // namespace
 
 bool ChangeScan::Step(const AnchoredRule& rule, Clock::time_point until) {
-    if (!std::exchange(begun_, true)) Begin(rule);
+    if (!std::exchange(begun_, true)) start_.empty() ? Begin(rule) : BeginAt(rule, start_);
     while (!open_.empty()) {
         if (open_.back().names.empty()) {
             Leave(rule);
@@ -54,6 +54,22 @@ void ChangeScan::Begin(const AnchoredRule& rule) {
         Enter(rule, root, IsChanged(live));
     } else if (live.st_mode == 0 || IsChanged(live)) {
         NameDeviation(rule, root, live);
+    }
+}
+
+void ChangeScan::BeginAt(const AnchoredRule& rule, const std::string& path) {
+    struct stat live {};
+    if (rule.StatLive(path, live) != 0) {
+        if (errno != ENOENT) return;
+        live = {};
+    }
+    ++seen_;
+    const bool is_directory = S_ISDIR(live.st_mode);
+    if (IsIgnored(path, is_directory)) return;
+    if (is_directory && S_ISDIR(CopyOf(rule, path).st_mode)) {
+        Enter(rule, path, true);
+    } else {
+        NameDeviation(rule, path, live);
     }
 }
 

@@ -33,7 +33,12 @@ class ChangeScan {
 
     ChangeScan(Owner owner, std::timespec since) : owner_(std::move(owner)), since_(since) {}
 
-    /// Goes on for the rule's path, with the directories that the rule holds now, until `until` or
+    /// Scans only `path`, without a trailing "/", and what lies below it. Names the object at
+    /// `path` whenever it may differ from its copy, whatever its ctime.
+    ChangeScan(Owner owner, std::timespec since, std::string path)
+        : owner_(std::move(owner)), since_(since), start_(std::move(path)) {}
+
+    /// Continues the scan, with the directories that the rule holds now, until `until` or
     /// a pause. False when it has seen everything.
     bool Step(const AnchoredRule& rule, Clock::time_point until);
 
@@ -48,6 +53,7 @@ class ChangeScan {
     };
 
     void Begin(const AnchoredRule& rule);
+    void BeginAt(const AnchoredRule& rule, const std::string& path);
     void Enter(const AnchoredRule& rule, const std::string& path, bool changed);
     void Leave(const AnchoredRule& rule);
     void LookAtEntries(const AnchoredRule& rule, Clock::time_point until);
@@ -60,6 +66,7 @@ class ChangeScan {
 
     const Owner owner_;
     const std::timespec since_;
+    const std::string start_;  ///< empty: the rule's path
     bool begun_ = false;
     std::vector<Directory> open_;
     std::size_t seen_ = 0;

@@ -33,7 +33,41 @@ bool IsUndoing(Outcome outcome) {
 
 }  // namespace
 
-void Reconciler::Work(Clock::time_point now) {
+void Reconciler::LookSoon(const std::string& watch_id, const std::string& path) {
+    if (soon_.size() < kMostSoon) {
+        soon_.emplace(watch_id, path);
+    } else {
+        progress_[watch_id].due = {};
+        next_slice_ = {};
+    }
+}
+
+bool Reconciler::Work(Clock::time_point now) {
+    WorkThrough(now);
+    const auto until = Clock::now() + kSlice;
+    do {
+        if (!soon_scan_ && !BeginSoon()) return false;
+        const auto rule = owner_.rules.find(soon_watch_);
+        const auto places = rule == owner_.rules.end() ? nullptr : owner_.places(rule->second);
+        if (places == nullptr || !soon_scan_->Step(*places, until)) soon_scan_.reset();
+    } while (!owner_.should_pause() && Clock::now() < until);
+    return soon_scan_ || !soon_.empty();
+}
+
+bool Reconciler::BeginSoon() {
+    if (soon_.empty()) return false;
+    const auto next = soon_.extract(soon_.begin()).value();
+    const auto rule = owner_.rules.find(next.first);
+    if (rule == owner_.rules.end()) return true;
+    soon_watch_ = next.first;
+    std::timespec since = TimeOf(CLOCK_REALTIME);
+    since.tv_sec -= kOverlapSeconds;
+    soon_scan_.emplace(ScanOwner(next.first, rule->second, ChangeOrigin::kRetry), since,
+                       next.second);
+    return true;
+}
+
+void Reconciler::WorkThrough(Clock::time_point now) {
     if (period_.count() == 0 || now < next_slice_) return;
     if (!scan_ && !BeginNext(now)) {
         next_slice_ = now + kRestWhenNothingIsDue;  // no rule is asked with every event
@@ -71,15 +105,20 @@ void Reconciler::Begin(const std::string& watch_id, const SentrelDirRule& rule,
     scanning_ = watch_id;
     look_ = {rule.real_path};
     look_began_ = TimeOf(CLOCK_REALTIME);
+    scan_.emplace(ScanOwner(watch_id, rule, ChangeOrigin::kReconcile), progress.since);
+}
+
+ChangeScan::Owner Reconciler::ScanOwner(const std::string& watch_id, const SentrelDirRule& rule,
+                                        ChangeOrigin origin) {
     ChangeScan::Owner owner;
     owner.ignored = [this, rule](const std::string& path) { return owner_.ignored(rule, path); };
     owner.should_pause = owner_.should_pause;
-    owner.named = [this](const std::string& path, std::uint32_t raw_mask) {
-        const Handling handling =
-            owner_.judge({scanning_, path, raw_mask, Clock::now(), 0, ChangeOrigin::kReconcile});
-        if (IsUndoing(handling.outcome)) ++look_.found;
+    owner.named = [this, watch_id, origin](const std::string& path, std::uint32_t raw_mask) {
+        const Handling handling = owner_.judge({watch_id, path, raw_mask, Clock::now(), 0, origin});
+        const bool is_found = IsUndoing(handling.outcome);
+        if (is_found && origin == ChangeOrigin::kReconcile) ++look_.found;
     };
-    scan_.emplace(std::move(owner), progress.since);
+    return owner;
 }
 
 /// True when there is more to be looked at.
@@ -113,6 +152,8 @@ bool Reconciler::HasClockJumped() {
 
 void Reconciler::Forget() {
     scan_.reset();
+    soon_scan_.reset();
+    soon_.clear();
     progress_.clear();
     next_slice_ = {};
 }

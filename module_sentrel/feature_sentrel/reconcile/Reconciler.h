@@ -8,7 +8,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "base/SentrelDirRule.h"
 #include "feature_sentrel/event_path/FileChange.h"
@@ -52,14 +54,21 @@ class Reconciler {
     };
 
     static constexpr std::chrono::seconds kDefaultPeriod{60};
+    static constexpr std::size_t kMostSoon = 1024;  ///< paths that wait for a soon look
 
     explicit Reconciler(Owner owner) : owner_(std::move(owner)) {}
 
     /// From the begin of one look to the next; zero: never.
     void SetPeriod(std::chrono::seconds period) { period_ = period; }
 
-    /// Does one slice if one is due as of `now`.
-    void Work(Clock::time_point now);
+    /// Has the object at `path`, with what is below it, looked at soon: an event told of it, but
+    /// the event handling leaves it out. Where too many wait, the next look through the whole path
+    /// begins at once instead.
+    void LookSoon(const std::string& watch_id, const std::string& path);
+
+    /// Does one slice if one is due as of `now`, and one of the soon looks. True when more of these
+    /// wait.
+    bool Work(Clock::time_point now);
 
     /// Ends the look under way and forgets all earlier ones.
     void Forget();
@@ -71,6 +80,10 @@ class Reconciler {
         Clock::time_point due{};
     };
 
+    void WorkThrough(Clock::time_point now);
+    bool BeginSoon();
+    ChangeScan::Owner ScanOwner(const std::string& watch_id, const SentrelDirRule& rule,
+                                ChangeOrigin origin);
     bool BeginNext(Clock::time_point now);
     void Begin(const std::string& watch_id, const SentrelDirRule& rule, Clock::time_point now);
     bool Step();
@@ -85,6 +98,9 @@ class Reconciler {
     Look look_;
     std::timespec look_began_{};
     Clock::time_point next_slice_{};
+    std::set<std::pair<std::string, std::string>> soon_;  ///< watch id, path
+    std::optional<ChangeScan> soon_scan_;
+    std::string soon_watch_;  ///< the watch id of soon_scan_
     std::optional<std::chrono::milliseconds> clock_offset_;
 };
 

@@ -84,6 +84,70 @@ TEST_F(Reconciler, WriteThroughAMappingThatStaysOpen_IsUndone) {
     ::munmap(memory, 7);
 }
 
+/// Names that end in "." have no handling of their own events.
+class NamesEndingInADot : public Reconciler {
+  protected:
+    NamesEndingInADot() {
+        data_.Write("site/page.", "page");
+        data_.Write("site/lost./deep/page", "page");
+        fs::create_symlink("page.", File("link."));
+        EXPECT_TRUE(utils_->DoRsyncLocal(rule_.real_path, rule_.backup_path, rule_.ignored_postfix,
+                                         rule_.ignored_subdir, Engine::RSYNC_BACKUP));
+        Look();
+        Alarms();
+    }
+    void Attack() {
+        data_.Write("site/shell.php.", "evil");
+        data_.Write("site/evil./...", "evil");
+        data_.Write("site/page.", "evil");
+        fs::remove_all(File("lost."));
+        fs::remove(File("link."));
+        fs::create_symlink("/etc/passwd", File("link."));
+        data_.Write("site/uploads/theirs.", "theirs");
+    }
+    void ExpectUndone() {
+        EXPECT_FALSE(fs::exists(File("shell.php.")) || fs::exists(File("evil.")));
+        EXPECT_EQ(Content("page.") + Content("lost./deep/page"), "pagepage");
+        EXPECT_EQ(fs::read_symlink(File("link.")), "page.");
+        EXPECT_EQ(Content("uploads/theirs."), "theirs");
+        const std::string alarms = Alarms();
+        for (const char* line :
+             {"add shell.php.: removed\n", "add evil./: removed\n", "modify page.: restored\n",
+              "delete lost./: restored\n", "modify link.: restored\n"}) {
+            EXPECT_NE(alarms.find(line), std::string::npos) << line << "in\n" << alarms;
+        }
+    }
+};
+
+TEST_F(NamesEndingInADot, ChangesWithoutAnEvent_AreUndoneAndReported) {
+    Attack();
+    Look();
+    ExpectUndone();
+    Look();
+    EXPECT_EQ(Alarms(), "");
+}
+
+TEST_F(NamesEndingInADot, ChangesWithAnEvent_AreUndoneWithoutWaitingForALook) {
+    Attack();
+    const std::pair<const char*, std::uint32_t> events[] = {
+        {"shell.php.", IN_CREATE}, {"evil.", IN_CREATE | IN_ISDIR},
+        {"page.", IN_MODIFY},      {"lost.", IN_DELETE | IN_ISDIR},
+        {"link.", IN_CREATE},      {"uploads/theirs.", IN_CREATE}};
+    for (const auto& [name, mask] : events) Tell(File(name), mask);
+    task_.HandleBacklog(now_);
+    ExpectUndone();
+}
+
+TEST_F(NamesEndingInADot, PolicyThatOnlyReports_LeavesThemAndTells) {
+    utils_->monitor_only = true;
+    data_.Write("site/shell.php.", "theirs");
+    Tell(File("shell.php."), IN_CREATE);
+    task_.HandleBacklog(now_);
+    utils_->monitor_only = false;
+    EXPECT_EQ(Content("shell.php."), "theirs");
+    EXPECT_EQ(Alarms(), "add shell.php.: reported only\n");
+}
+
 TEST_F(Reconciler, PathThatIsStillToBeCopied_IsNotLookedThrough) {
     state_.progress.Restart();
     data_.Write("site/index.html", "an update");
