@@ -2,6 +2,7 @@
 #include <json/value.h>
 
 #include "sdk/text/JsonUtils.h"
+#include "sdk/text/PercentCode.h"
 
 namespace {
 
@@ -55,6 +56,20 @@ TEST(JsonWrite, AnyBytes_BecomeValidUtf8OnOneLine) {
     Json::Value again;
     EXPECT_EQ(Parse(text, again), 0) << text;
     EXPECT_EQ(text.find('\n'), std::string::npos);
+}
+
+TEST(PercentCode, AnyBytes_BecomeAsciiAndBack) {
+    std::string all;
+    for (int byte = 0; byte < 256; ++byte) all += static_cast<char>(byte);
+    const std::string text = SDK::PercentEncode(all);
+    for (const char byte : text) EXPECT_TRUE(byte >= ' ' && byte <= '~') << text;
+    std::string bytes;
+    EXPECT_TRUE(SDK::PercentDecode(text, bytes));
+    EXPECT_EQ(bytes, all);
+    EXPECT_EQ(SDK::PercentEncode("/a b/100%\n\xff"), "/a b/100%25%0A%FF");
+    for (const char* bad : {"%", "%4", "a%4", "%4g", "%-1", "% 1", "%0x", "\n", "\xc3\xbc"}) {
+        EXPECT_FALSE(SDK::PercentDecode(bad, bytes)) << bad;
+    }
 }
 
 }  // namespace

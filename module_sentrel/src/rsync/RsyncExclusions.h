@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sdk/files/ExclusionPatterns.h>
+
 #include <string>
 #include <vector>
 
@@ -7,31 +9,16 @@
 
 namespace Engine {
 
-/// Says which objects rsync leaves alone, on both sides, because of a rule's exclusions. Matches
-/// patterns as rsync does, wildcards included. Immutable; thread-safe.
-class RsyncExclusions {
+/// Says which objects rsync leaves alone, on both sides, because of a rule's exclusions. Immutable;
+/// thread-safe.
+class RsyncExclusions : public SDK::ExclusionPatterns {
   public:
-    explicit RsyncExclusions(const SentrelDirRule& rule);
-    explicit RsyncExclusions(const std::vector<std::string>& patterns);
+    explicit RsyncExclusions(const SentrelDirRule& rule) : ExclusionPatterns(PatternsOf(rule)) {}
+    explicit RsyncExclusions(const std::vector<std::string>& patterns)
+        : ExclusionPatterns(patterns) {}
 
-    /// `path` is absolute, without a trailing "/". The caller does not ask for what lies below an
-    /// excluded directory.
-    bool Match(const std::string& path, bool is_directory) const;
-
-  private:
-    struct Pattern {
-        std::string text;               ///< without a leading and a trailing "/"
-        bool is_anchored = false;       ///< it began with "/": matches the whole path only
-        bool directories_only = false;  ///< it ended with "/"
-        bool is_wild = false;
-        bool crosses_directories = false;  ///< "**" matches "/", too
-        std::size_t slashes = 0;
-    };
-
-    static Pattern Read(const std::string& text);
-    static bool Matches(const Pattern& pattern, const std::string& path);
-
-    std::vector<Pattern> patterns_;
+    /// The rule's exclusions as patterns of rsync.
+    static std::vector<std::string> PatternsOf(const SentrelDirRule& rule);
 };
 
 }  // namespace Engine
