@@ -25,14 +25,18 @@ class ControlFixture : public testing::Test {
     Framework::QueryRegistry queries_;
     FakeReports reports_{queries_};
     Agent::ReportReader reader_{queries_, 2};
-    Agent::Routes routes_{policies_, reader_,
+    Agent::BaselineRequests baselines_{queries_};
+    Agent::Routes routes_{policies_,
+                          reader_,
+                          baselines_,
                           [](const std::string& id, const std::string&) {
                               Framework::TaskletOutcome outcome;
                               outcome.found = id == "broken";
                               outcome.exception = "thrown";
                               return outcome;
                           },
-                          [] { return Json::Value(Json::objectValue); }, 2};
+                          [] { return Json::Value(Json::objectValue); },
+                          2};
 };
 
 }  // namespace test

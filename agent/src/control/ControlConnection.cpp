@@ -98,15 +98,20 @@ bool ParseAddress(const std::string& address, ControlRequest& request) {
     }
 }
 
-}  // namespace
-
-bool IsTrustedPeer(const Poco::Net::StreamSocket& socket) {
+Peer PeerOf(const Poco::Net::StreamSocket& socket) {
     ucred peer{};
     socklen_t length = sizeof(peer);
     if (::getsockopt(socket.impl()->sockfd(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
-        return false;
+        return {};
     }
-    return peer.uid == 0 || peer.uid == ::geteuid();
+    return {peer.uid, peer.pid};
+}
+
+}  // namespace
+
+bool IsTrustedPeer(const Poco::Net::StreamSocket& socket) {
+    const Peer peer = PeerOf(socket);
+    return peer.user == 0 || peer.user == ::geteuid();
 }
 
 ControlConnection::ControlConnection(const Poco::Net::StreamSocket& stream,
@@ -163,6 +168,7 @@ Reply ControlConnection::Answer(HTTPServerRequestImpl& request, HTTPServerRespon
     try {
         ControlRequest wanted;
         wanted.method = request.getMethod();
+        wanted.peer = PeerOf(socket());
         if (!ParseAddress(request.getURI(), wanted)) {
             return ErrorReply(400, "The address is not a URL.");
         }

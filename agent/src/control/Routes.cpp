@@ -19,7 +19,7 @@ Reply MethodReply(const std::string& allow) {
 Reply Unknown() {
     return ErrorReply(404,
                       "There is no such address. The control API has /v1/status, /v1/reports, "
-                      "/v1/policies and /v1/tasklets/ID.");
+                      "/v1/policies, /v1/baseline and /v1/tasklets/ID.");
 }
 
 Reply VerdictReply(const std::string& feature, const PolicyVerdict& verdict) {
@@ -35,10 +35,11 @@ Reply VerdictReply(const std::string& feature, const PolicyVerdict& verdict) {
 
 }  // namespace
 
-Routes::Routes(PolicyService& policies, ReportReader& reports, Tasklet tasklet, Status status,
-               int max_slow)
+Routes::Routes(PolicyService& policies, ReportReader& reports, BaselineRequests& baselines,
+               Tasklet tasklet, Status status, int max_slow)
     : policies_(policies),
       reports_(reports),
+      baselines_(baselines),
       tasklet_(std::move(tasklet)),
       status_(std::move(status)),
       slow_(max_slow) {}
@@ -47,6 +48,7 @@ Reply Routes::Handle(const ControlRequest& request) {
     const std::vector<std::string>& path = request.path;
     if (path.size() < 2 || path[0] != "v1") return Unknown();
     if (path[1] == "policies") return HandlePolicies(request);
+    if (path[1] == "baseline") return HandleBaseline(request);
     if (path[1] == "tasklets" && path.size() == 3) {
         if (request.method != "POST") return MethodReply("POST");
         return RunTasklet(path[2], request.body);
@@ -100,6 +102,17 @@ Reply Routes::ApplyPolicy(const std::string& feature, const std::string& text) {
     const ConcurrencyLimit::Slot slot(slow_);
     if (!slot.IsAcquired()) return ErrorReply(503, kBusy);
     return VerdictReply(feature, policies_.Apply(feature, text));
+}
+
+Reply Routes::HandleBaseline(const ControlRequest& request) {
+    const std::vector<std::string>& path = request.path;
+    if (path.size() == 4 && path[2] == "requests") {
+        if (request.method != "GET") return MethodReply("GET");
+        return baselines_.Progress(path[3]);
+    }
+    if (path.size() != 3 || !BaselineRequests::IsAction(path[2])) return Unknown();
+    if (request.method != "POST") return MethodReply("POST");
+    return baselines_.Submit(path[2], request.peer, request.body);
 }
 
 Reply Routes::RunTasklet(const std::string& id, const std::string& text) {

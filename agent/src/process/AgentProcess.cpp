@@ -181,8 +181,9 @@ void AgentProcess::StartEngine() {
 
 bool AgentProcess::StartControl(std::string& error) {
     reports_ = std::make_unique<ReportReader>(engine_->Queries(), kMaxWaitingReaders);
+    baselines_ = std::make_unique<BaselineRequests>(engine_->Queries());
     routes_ = std::make_unique<Routes>(
-        *policies_, *reports_,
+        *policies_, *reports_, *baselines_,
         [this](const std::string& id, const std::string& text) {
             return engine_->InvokeTasklet(id, text);
         },
@@ -219,6 +220,7 @@ void AgentProcess::Stop() {
     notifier_.reset();
     control_.reset();
     routes_.reset();
+    baselines_.reset();
     reports_.reset();
     status_.reset();
     policies_.reset();

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "control/BaselineRequests.h"
 #include "control/ControlServer.h"
 #include "control/ReportReader.h"
 #include "control/Routes.h"
@@ -55,6 +56,7 @@ class AgentProcess {
     std::unique_ptr<PolicyService> policies_;
     std::unique_ptr<StatusDocument> status_;
     std::unique_ptr<ReportReader> reports_;
+    std::unique_ptr<BaselineRequests> baselines_;
     std::unique_ptr<Routes> routes_;
     std::unique_ptr<ControlServer> control_;
     std::unique_ptr<ServiceNotifier> notifier_;
