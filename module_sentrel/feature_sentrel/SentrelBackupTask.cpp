@@ -40,6 +40,12 @@ void YieldInPass() {
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
 }
 
+/// In words; empty where every mount is normal.
+std::string UnusualMount(const AnchoredRule& rule) {
+    const std::vector<MountTable::Difference> mounts = rule.UnusualMounts();
+    return mounts.empty() ? "" : mounts.front().text;
+}
+
 }  // namespace
 
 SentrelBackupTask::SentrelBackupTask(ModuleState& state)
@@ -132,6 +138,8 @@ std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
     // leads to for the good state.
     const RulePlaces places = state_.anchors.Of(rule);
     if (!places) return places.problem;
+    const std::string mount = UnusualMount(*places.anchors);
+    if (!mount.empty()) return mount;
     struct stat info {};
     const bool replaced = !rule.is_file && places.anchors->StatLive(rule.real_path, info) == 0 &&
                           S_ISLNK(info.st_mode);
@@ -155,6 +163,9 @@ bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long 
     SDK_LOG(ModuleLogger(), PRIO_TRACE, "Backup (%s) to (%s) success num(%lu).", rule.real_path,
             rule.backup_path, succeeded_before + 1);
     state_.status.NoteLocalBackup(rule.real_path);
+    // What was mounted meanwhile may be in the copy.
+    const RulePlaces places = state_.anchors.Of(rule);
+    if (!places || !UnusualMount(*places.anchors).empty()) return false;
     // A copy that began before the last pause of protection lacks the changes of the pause.
     if (!state_.progress.NoteComplete(rule, round)) return false;
     OpenReport(state_.progress, state_.status).Publish(rule);

@@ -119,6 +119,7 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
     // Root path. A restore of "" would be a restore of the whole file system.
     AdjustToRule(rule, file1);
     if (file1.empty()) return handling;
+    if (IsBehindMount(rule, file1)) return handling;
     if (IsGoneTransient(rule, file1)) {
         handling.vanished = IsChangeOfUnnamed(rule, mask, file1);
         return handling;
@@ -148,10 +149,17 @@ Handling SentrelInotifyTask::JudgeLeftOut(const FileNotifyMessage& msg) {
     if (found == watch_rules.end()) return handling;
     const bool is_dir = (msg.GetRawMask() & IN_ISDIR) != 0;
     const std::string path = msg.GetEventFilePath() + (is_dir ? "/" : "");
-    if (!IsIgnored(found->second, path)) {
+    if (!IsIgnored(found->second, path) && !IsBehindMount(found->second, path)) {
         JudgeFile(found->second, msg.GetEventMask(), path, msg.GetReadTime(), handling);
     }
     return handling;
+}
+
+/// What a mount hides is compared when the mount is gone.
+bool SentrelInotifyTask::IsBehindMount(const SentrelDirRule& rule, const std::string& path) const {
+    if (!state_.anchors.Mounts().Differs()) return false;
+    const RulePlaces places = state_.anchors.Held(rule);
+    return places && places.anchors->IsBehindMount(path);
 }
 
 /// The temporary name of one of our restores, gone already.

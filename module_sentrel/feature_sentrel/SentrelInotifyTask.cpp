@@ -122,6 +122,7 @@ void SentrelInotifyTask::NoteLook(const Reconciler::Look& look) {
 bool SentrelInotifyTask::Init() {
     reconciler_.SetPeriod(ReconcilePeriod());
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
+    WatchMounts();
     AddFileNotifyWatches();
     PrepareRsyncForTask(state_.launcher);
     return Framework::Task::Init();
@@ -133,7 +134,9 @@ bool SentrelInotifyTask::UnInit() {
     watch_rules.clear();
     rejudge_.Forget();
     reconciler_.Forget();
-    problems_.clear();
+    findings_.clear();
+    if (mount_events_.IsOpen()) Waiter().RemoveSource(mount_events_.Get());
+    mount_events_.Reset();
     state_.status.ClearPaths();
     const bool result = Framework::Task::UnInit();
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) uninit.", Id());
@@ -158,6 +161,7 @@ void SentrelInotifyTask::AddFileNotifyWatches() {
     const std::list<SentrelDirRule>& rules = SentrelUtils::GetInstance()->dir_rules;
     if (rules.empty() || state() == TASK_CANCELLING) return;
     state_.anchors.Forget();
+    TakeMountsForNormal();
     std::vector<SentrelStatus::ProtectedPath> paths;
     for (const SentrelDirRule& rule : rules) {
         state_.anchors.Of(rule);  // held from here on
@@ -205,17 +209,63 @@ void SentrelInotifyTask::CheckPlaces() {
     const auto now = std::chrono::steady_clock::now();
     if (now < next_look_ || !SentrelUtils::GetInstance()->is_run) return;
     next_look_ = now + kLookAtPlaces;
-    for (const auto& [id, rule] : watch_rules) {
-        const std::string problem = state_.anchors.Of(rule).problem;
-        state_.status.SetProblem(rule.real_path, problem);
-        int& looks = problems_[id];
-        // Changes of the meantime need not wait for their next retry; retries are given up after a
-        // while.
-        if (problem.empty() && looks > 0) rejudge_.CompareAll(id);
-        looks = problem.empty() ? 0 : looks + 1;
-        if (looks != kLooksUntilAlarm) continue;
-        SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", rule.real_path, problem);
-        SendAlarm({rule.real_path, ALARM_MODIFY, "", "", {"not protected: " + problem, -1, true}});
+    for (const auto& [id, rule] : watch_rules) CheckPlace(id, rule);
+}
+
+void SentrelInotifyTask::CheckPlace(const std::string& watch_id, const SentrelDirRule& rule) {
+    const RulePlaces places = state_.anchors.Of(rule);
+    const std::vector<MountTable::Difference> mounts =
+        places ? places.anchors->UnusualMounts() : std::vector<MountTable::Difference>();
+    const std::string problem = mounts.empty() ? places.problem : mounts.front().text;
+    state_.status.SetProblem(rule.real_path, problem);
+    Finding& known = findings_[watch_id];
+    // Changes of the meantime need not wait for their next retry; retries are given up after a
+    // while.
+    if (problem.empty() && known.checks > 0) rejudge_.CompareAll(watch_id);
+    if (problem != known.problem) known.checks = 0;
+    known.problem = problem;
+    known.checks = problem.empty() ? 0 : known.checks + 1;
+    if (places) return TellMounts(watch_id, *places.anchors, mounts);
+    if (known.checks != (places.is_mount ? 1 : kLooksUntilAlarm)) return;
+    SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", rule.real_path, problem);
+    SendAlarm({rule.real_path, ALARM_MODIFY, "", "", {"not protected: " + problem, -1, true}});
+}
+
+/// Each mount has one alarm, which names the place in the protected path.
+void SentrelInotifyTask::TellMounts(const std::string& watch_id, const AnchoredRule& places,
+                                    const std::vector<MountTable::Difference>& mounts) {
+    std::set<std::string>& told = findings_[watch_id].mounts;
+    std::set<std::string> present;
+    for (const MountTable::Difference& mount : mounts) {
+        present.insert(mount.text);
+        if (told.count(mount.text) > 0) continue;
+        const std::string path = places.PathOfMount(mount.point);
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", path, mount.text);
+        SendAlarm({path, ALARM_MODIFY, "", "", {"not protected: " + mount.text, -1, true}});
+    }
+    told = std::move(present);
+}
+
+/// Tells a mount at once; without this, the next check of the places finds it.
+void SentrelInotifyTask::WatchMounts() {
+    mount_events_ = MountTable::OpenEvents();
+    const auto check_now = [this] { next_look_ = {}; };
+    if (!Waiter().AddSource(mount_events_.Get(), check_now,
+                            Framework::EventWaiter::Readiness::kUrgent)) {
+        mount_events_.Reset();
+    }
+}
+
+void SentrelInotifyTask::TakeMountsForNormal() {
+    MountTable& mounts = state_.anchors.Mounts();
+    mounts.Remember();
+    for (const SentrelDirRule& rule : SentrelUtils::GetInstance()->dir_rules) {
+        const RulePlaces places = state_.anchors.Of(rule);
+        if (!places) continue;
+        for (const std::string& point : mounts.NormalBelow(places.anchors->Place())) {
+            SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s holds a mount, which is taken for normal: %s.",
+                    rule.real_path, point);
+        }
     }
 }
 
@@ -239,7 +289,10 @@ void SentrelInotifyTask::CheckDisableTime() {
     if (work == utils->is_run) return;
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
     // Updates of the pause must be copied before anything is taken for foreign.
-    if (work) state_.progress.Restart();
+    if (work) {
+        state_.progress.Restart();
+        TakeMountsForNormal();
+    }
     utils->is_run = work;
     utils->local_backup_pending = work;
     utils->remote_backup_pending = work;

@@ -3,12 +3,15 @@
 #include <framework/Message.h>
 #include <framework/Task.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
+#include <sdk/files/FileDescriptor.h>
 
 #include <chrono>
 #include <list>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "base/SentrelDirRule.h"
 #include "feature_sentrel/alarms/AlarmReporter.h"
@@ -18,6 +21,7 @@
 #include "feature_sentrel/event_path/Undoer.h"
 #include "feature_sentrel/reconcile/Reconciler.h"
 #include "feature_sentrel/rejudge/Rejudge.h"
+#include "places/MountTable.h"
 
 namespace Engine {
 
@@ -106,6 +110,12 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     std::optional<Reconciler::Basis> BasisOf(const SentrelDirRule& rule) const;
     void NoteLook(const Reconciler::Look& look);
     void CheckPlaces();
+    void CheckPlace(const std::string& watch_id, const SentrelDirRule& rule);
+    void TellMounts(const std::string& watch_id, const AnchoredRule& places,
+                    const std::vector<MountTable::Difference>& mounts);
+    void WatchMounts();
+    void TakeMountsForNormal();
+    bool IsBehindMount(const SentrelDirRule& rule, const std::string& path) const;
 
     Handling Judge(FileNotifyMessage& msg);
     Handling JudgeLeftOut(const FileNotifyMessage& msg);
@@ -133,7 +143,14 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     Undoer undoer_;
     Rejudge rejudge_;
     Reconciler reconciler_;
-    std::map<std::string, int> problems_;  ///< by watch id: checks in a row that found a problem
+    /// What the checks of a protected path have found.
+    struct Finding {
+        std::string problem;
+        int checks = 0;                     ///< in a row that found it
+        std::set<std::string> mounts = {};  ///< that an alarm has told
+    };
+    std::map<std::string, Finding> findings_;  ///< by watch id
+    SDK::FileDescriptor mount_events_;
     std::chrono::steady_clock::time_point next_look_{};
 };
 

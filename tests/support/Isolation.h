@@ -12,4 +12,9 @@ bool IsolateFiles(const char* stand_in, const char* queue_limit, const char* tem
 /// Moves the calling process to a new mount namespace. On failure returns false and sets errno.
 bool UnshareMounts();
 
+/// A first base class of fixtures, so that all their threads are in a mount namespace of the test.
+struct OwnMounts {
+    const bool is_own = UnshareMounts();
+};
+
 }  // namespace test

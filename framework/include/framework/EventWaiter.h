@@ -13,6 +13,9 @@ namespace Framework {
 class EventWaiter {
   public:
     using Handler = std::function<void()>;
+    /// What a source waits for. kUrgent: an exceptional condition, as files below /proc report that
+    /// they have changed; these are readable at any time.
+    enum class Readiness { kReadable, kUrgent };
 
     /// `messages_wait` returns true while the task's queue holds messages; a wait then returns at
     /// once.
@@ -21,9 +24,9 @@ class EventWaiter {
     EventWaiter(const EventWaiter&) = delete;
     EventWaiter& operator=(const EventWaiter&) = delete;
 
-    /// `handler` runs in WaitAndHandleEvent whenever `fd` is readable. The caller keeps ownership
+    /// `handler` runs in WaitAndHandleEvent whenever `fd` is ready. The caller keeps ownership
     /// of the descriptor and removes it before closing it. False (errno) when it cannot be watched.
-    bool AddSource(int fd, Handler handler);
+    bool AddSource(int fd, Handler handler, Readiness readiness = Readiness::kReadable);
     void RemoveSource(int fd);
 
     /// Waits at most `timeout_ms` for event sources, messages, or a Wake, and runs the handlers of

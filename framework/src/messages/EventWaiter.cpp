@@ -23,9 +23,9 @@ SDK::FileDescriptor CheckedDescriptor(int fd, const char* what) {
     return SDK::FileDescriptor(fd);
 }
 
-bool Watch(int epoll, int fd) {
+bool Watch(int epoll, int fd, std::uint32_t events = EPOLLIN) {
     epoll_event event{};
-    event.events = EPOLLIN;
+    event.events = events;
     event.data.fd = fd;
     return ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
@@ -56,8 +56,9 @@ EventWaiter::EventWaiter(std::function<bool()> messages_wait)
 
 EventWaiter::~EventWaiter() = default;
 
-bool EventWaiter::AddSource(int fd, Handler handler) {
-    if (!Watch(epoll_.Get(), fd)) return false;
+bool EventWaiter::AddSource(int fd, Handler handler, Readiness readiness) {
+    const std::uint32_t events = readiness == Readiness::kUrgent ? EPOLLPRI : EPOLLIN;
+    if (!Watch(epoll_.Get(), fd, events)) return false;
     handlers_[fd] = std::move(handler);
     return true;
 }

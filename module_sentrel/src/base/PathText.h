@@ -22,4 +22,10 @@ inline std::string ParentPath(const std::string& path) {
     return slash == 0 || slash == std::string::npos ? "/" : plain.substr(0, slash);
 }
 
+/// `path` is `directory` or lies below it. Both without a trailing "/" unless they are "/".
+inline bool IsAtOrBelow(const std::string& path, const std::string& directory) {
+    if (path.compare(0, directory.size(), directory) != 0) return false;
+    return path.size() == directory.size() || directory == "/" || path[directory.size()] == '/';
+}
+
 }  // namespace Engine

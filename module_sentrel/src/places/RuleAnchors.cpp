@@ -9,8 +9,11 @@
 #include <sdk/text/StrUtils.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "base/DirectoryListing.h"
@@ -48,14 +51,31 @@ std::uint64_t MountOf(int directory) {
     return result == 0 && (info.stx_mask & STATX_MNT_ID) != 0 ? info.stx_mnt_id : 0;
 }
 
+/// The path of an open directory without links, as it is now.
+std::string PlaceOf(const SDK::PathAnchor& anchor) {
+    std::error_code error;
+    const std::string link = "/proc/self/fd/" + std::to_string(anchor.Descriptor());
+    return std::filesystem::read_symlink(link, error).string();
+}
+
+std::string PlaceOfRule(const SDK::PathAnchor& parent, const SDK::PathAnchor* root,
+                        const std::string& path) {
+    if (root != nullptr) return PlaceOf(*root);
+    return SDK::PathUtils::WithTrailingSlash(PlaceOf(parent)) + FileName(path);
+}
+
 }  // namespace
 
-AnchoredRule::AnchoredRule(const SentrelDirRule& rule, Anchor parent, Anchor root, Anchor copies)
+AnchoredRule::AnchoredRule(const SentrelDirRule& rule, Anchor parent, Anchor root, Anchor copies,
+                           std::shared_ptr<MountTable> mounts)
     : rule_(rule),
       root_path_(SDK::PathUtils::WithoutTrailingSlash(rule.real_path)),
       parent_(std::move(parent)),
       root_(std::move(root)),
-      copies_(std::move(copies)) {}
+      copies_(std::move(copies)),
+      mounts_(std::move(mounts)),
+      place_(PlaceOfRule(*parent_, root_.get(), root_path_)),
+      place_of_copies_(copies_ == nullptr ? "" : PlaceOf(*copies_)) {}
 
 SDK::FileDescriptor AnchoredRule::OpenScratch() const {
     if (copies_ == nullptr) return {};
@@ -91,23 +111,77 @@ SDK::PathAnchor::Entry AnchoredRule::Live(const std::string& path) const {
         return {};
     }
     if (below.empty()) return parent_->OpenParent(FileName(root_path_));
-    if (root_ != nullptr) return root_->OpenParent(below);
+    if (root_ != nullptr) return OpenEntry(path, below);
     errno = IsFile() ? ENOTDIR : ENOENT;
     return {};
+}
+
+/// The kernel refuses mount points; only where the way is known to be normal, they are crossed.
+SDK::PathAnchor::Entry AnchoredRule::OpenEntry(const std::string& path,
+                                               std::string_view below) const {
+    SDK::PathAnchor::Entry entry = root_->OpenParent(below, SDK::MountPoints::kRefused);
+    if (!entry.IsOpen() && errno == EXDEV && !(mounts_->Differs() && IsBehindMount(path))) {
+        return root_->OpenParent(below);
+    }
+    return entry;
 }
 
 int AnchoredRule::StatLive(const std::string& path, struct stat& info) const {
     std::string_view below;
     if (!Below(path, below)) return Fail(EXDEV);
     if (below.empty()) return parent_->Stat(FileName(root_path_), info);
-    return root_ != nullptr ? root_->Stat(below, info) : Fail(IsFile() ? ENOTDIR : ENOENT);
+    if (root_ == nullptr) return Fail(IsFile() ? ENOTDIR : ENOENT);
+    if (below.find('/') == std::string_view::npos) return root_->Stat(below, info);
+    const SDK::PathAnchor::Entry entry = OpenEntry(path, below);
+    return entry.IsOpen() ? ::fstatat(entry.directory.Get(), entry.name.c_str(), &info,
+                                      AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT)
+                          : -1;
 }
 
 SDK::FileDescriptor AnchoredRule::OpenLiveDirectory(const std::string& path) const {
     std::string_view below;
-    if (Below(path, below) && root_ != nullptr) return root_->OpenDirectory(below);
-    errno = ENOENT;
-    return {};
+    if (!Below(path, below) || root_ == nullptr) {
+        errno = ENOENT;
+        return {};
+    }
+    SDK::FileDescriptor directory = root_->OpenDirectory(below, SDK::MountPoints::kRefused);
+    if (!directory.IsOpen() && errno == EXDEV && !(mounts_->Differs() && IsBehindMount(path))) {
+        return root_->OpenDirectory(below);
+    }
+    return directory;
+}
+
+std::vector<MountTable::Difference> AnchoredRule::UnusualMounts() const {
+    if (!mounts_->DifferedLast()) return {};
+    std::vector<MountTable::Difference> mounts = mounts_->Below(place_);
+    const MountTable::Difference hiding = mounts_->Hiding(place_);
+    if (IsFile() && hiding.point == place_) mounts.push_back(hiding);
+    const auto is_excluded = [this](const MountTable::Difference& mount) {
+        const std::string path = PathOfMount(mount.point) + "/";
+        return std::any_of(rule_.ignored_subdir.begin(), rule_.ignored_subdir.end(),
+                           [&](const std::string& subdir) {
+                               return SDK::StrUtils::BeginsWith(path, rule_.real_path + subdir);
+                           });
+    };
+    mounts.erase(std::remove_if(mounts.begin(), mounts.end(), is_excluded), mounts.end());
+    return mounts;
+}
+
+bool AnchoredRule::IsBehindMount(const std::string& path) const {
+    std::string_view below;
+    if (!mounts_->DifferedLast() || !Below(path, below)) return false;
+    std::string place = place_;
+    if (!below.empty()) {
+        place = SDK::PathUtils::WithTrailingSlash(std::move(place)) + std::string(below);
+    }
+    const std::vector<MountTable::Difference> mounts = UnusualMounts();
+    return std::any_of(mounts.begin(), mounts.end(), [&](const MountTable::Difference& mount) {
+        return IsAtOrBelow(place, mount.point);
+    });
+}
+
+std::string AnchoredRule::PathOfMount(const std::string& point) const {
+    return root_path_ + point.substr(std::min(point.size(), place_.size()));
 }
 
 SDK::PathAnchor::Entry AnchoredRule::Copy(const std::string& path) const {
@@ -178,39 +252,49 @@ RulePlaces RuleAnchors::Open(const SentrelDirRule& rule) {
     AnchoredRule::Anchor root;
     if (!rule.is_file) root = SDK::PathAnchor::Open(root_path);
     return Remember(std::make_shared<const AnchoredRule>(rule, std::move(parent), std::move(root),
-                                                         SDK::PathAnchor::Open(rule.backup_path)));
+                                                         SDK::PathAnchor::Open(rule.backup_path),
+                                                         mounts_));
 }
 
 /// `known` with the backup folder that stands there now.
 RuleAnchors::Known RuleAnchors::WithPresentCopies(const Known& known) {
     if (known->Copies() != nullptr && known->Copies()->IsInPlace()) return known;
+    // What is mounted over the copies has none of them: every page would be taken for foreign.
+    if (known->Copies() != nullptr && mounts_->Differs() &&
+        !mounts_->Hiding(known->PlaceOfCopies()).point.empty()) {
+        return known;
+    }
     AnchoredRule::Anchor copies;
     if (SDK::PlaceTrust::WhyReachable(known->Rule().backup_path).empty()) {
         copies = SDK::PathAnchor::Open(known->Rule().backup_path);
     }
     if (copies == nullptr && known->Copies() == nullptr) return known;
     return Remember(std::make_shared<const AnchoredRule>(known->Rule(), known->Parent(),
-                                                         known->Root(), std::move(copies)))
+                                                         known->Root(), std::move(copies), mounts_))
         .anchors;
 }
 
 RulePlaces RuleAnchors::Check(const Known& known) {
-    if (!known->Parent()->IsInPlace()) return OpenAgain(known->Rule());
+    mounts_->Differs();
+    if (!known->Parent()->IsInPlace()) return OpenAgain(*known);
     Known present = WithPresentCopies(known);
-    if (present->IsFile() || (present->Root() != nullptr && present->Root()->IsInPlace())) {
-        return {std::move(present), ""};
+    if (present->IsFile()) {
+        const std::vector<MountTable::Difference> mounts = present->UnusualMounts();
+        return mounts.empty() ? RulePlaces{present, ""}
+                              : RulePlaces{nullptr, mounts.front().text, true};
     }
+    if (present->Root() != nullptr && present->Root()->IsInPlace()) return {present, ""};
     struct stat info {};
     const bool stands = present->Parent()->Stat(FileName(present->RootPath()), info) == 0;
     if (stands && S_ISDIR(info.st_mode)) {
         RulePlaces returned = FindFormer(*present);
         if (!returned) returned = FindLost(*present);
-        return returned ? std::move(returned) : OpenAgain(present->Rule());
+        return returned ? std::move(returned) : OpenAgain(*present);
     }
     if (present->Root() == nullptr) return {std::move(present), ""};
     // The map still holds it, so that it is recognised when it was only moved aside.
     return {std::make_shared<const AnchoredRule>(present->Rule(), present->Parent(), nullptr,
-                                                 present->Copies()),
+                                                 present->Copies(), mounts_),
             ""};
 }
 
@@ -219,7 +303,7 @@ RulePlaces RuleAnchors::FindFormer(const AnchoredRule& present) {
     for (const AnchoredRule::Anchor& root : former_roots_[present.RootPath()]) {
         if (!root->IsInPlace()) continue;
         return Remember(std::make_shared<const AnchoredRule>(present.Rule(), present.Parent(), root,
-                                                             present.Copies()));
+                                                             present.Copies(), mounts_));
     }
     return {};
 }
@@ -234,7 +318,7 @@ RulePlaces RuleAnchors::FindLost(const AnchoredRule& present) {
     if (!found.IsOpen() || !IsFreshAndOurs(found.Get())) return {};
     return Remember(std::make_shared<const AnchoredRule>(
         present.Rule(), present.Parent(),
-        SDK::PathAnchor::Hold(std::move(found), present.RootPath()), present.Copies()));
+        SDK::PathAnchor::Hold(std::move(found), present.RootPath()), present.Copies(), mounts_));
 }
 
 void RuleAnchors::KeepFormer(const AnchoredRule& held) {
@@ -245,11 +329,22 @@ void RuleAnchors::KeepFormer(const AnchoredRule& held) {
 }
 
 /// Another directory than the held one stands at the protected path now.
-RulePlaces RuleAnchors::OpenAgain(const SentrelDirRule& rule) {
+RulePlaces RuleAnchors::OpenAgain(const AnchoredRule& known) {
+    RulePlaces covered = CoveredBy(known);
+    if (covered.is_mount) return covered;
+    const SentrelDirRule& rule = known.Rule();
     const std::string unsafe =
         SDK::PlaceTrust::WhyReplaceable(SDK::PathUtils::WithoutTrailingSlash(rule.real_path));
     if (unsafe.empty()) return Open(rule);
     return {nullptr, "it leads to another directory than before and is not followed: " + unsafe};
+}
+
+/// Names the mount that covers the protected path or uncovers another one; else an empty value.
+RulePlaces RuleAnchors::CoveredBy(const AnchoredRule& known) const {
+    if (!mounts_->Differs()) return {};
+    const MountTable::Difference mount = mounts_->Hiding(known.Place());
+    if (mount.point.empty()) return {};
+    return {nullptr, mount.text, true};
 }
 
 RulePlaces RuleAnchors::MakeRoot(const std::shared_ptr<const AnchoredRule>& known) {
@@ -270,7 +365,7 @@ RulePlaces RuleAnchors::MakeRoot(const std::shared_ptr<const AnchoredRule>& know
     }
     return Remember(std::make_shared<const AnchoredRule>(
         known->Rule(), known->Parent(), SDK::PathAnchor::Hold(std::move(made), known->RootPath()),
-        known->Copies()));
+        known->Copies(), mounts_));
 }
 
 void RuleAnchors::Forget() {

@@ -156,6 +156,10 @@ CommandAnswer AnswerDirectoryByRsync(const RsyncLine& line, const std::string& p
 CommandAnswer AnswerRestoreByRsync(const RsyncLine& line, const std::string& program,
                                    const AnchoredRule& rule, const BackupProgress& progress,
                                    bool is_directory) {
+    // rsync would go on behind the mount.
+    if (is_directory && !rule.UnusualMounts().empty()) {
+        return Failure(rule.UnusualMounts().front().text);
+    }
     SDK::FileDescriptor scratch = rule.OpenScratch();
     if (!scratch.IsOpen()) return Failed(kNoScratch);
     if (!is_directory) return AnswerObjectByRsync(line, program, rule, std::move(scratch));

@@ -71,12 +71,12 @@ bool PathAnchor::IsInPlace() const {
     return ::lstat(path_.c_str(), &info) == 0 && info.st_dev == device_ && info.st_ino == inode_;
 }
 
-FileDescriptor PathAnchor::OpenDirectory(std::string_view below) const {
+FileDescriptor PathAnchor::OpenDirectory(std::string_view below, MountPoints mount_points) const {
     if (!IsBelow(below)) return {};
-    return OpenBeneath(directory_.Get(), WithoutTrailingSlashes(below), kListing);
+    return OpenBeneath(directory_.Get(), WithoutTrailingSlashes(below), kListing, mount_points);
 }
 
-PathAnchor::Entry PathAnchor::OpenParent(std::string_view below) const {
+PathAnchor::Entry PathAnchor::OpenParent(std::string_view below, MountPoints mount_points) const {
     if (!IsBelow(below)) return {};
     const std::string_view path = WithoutTrailingSlashes(below);
     const std::size_t name_start = path.rfind('/') + 1;  // npos + 1 is 0
@@ -85,8 +85,9 @@ PathAnchor::Entry PathAnchor::OpenParent(std::string_view below) const {
         errno = EINVAL;
         return {};
     }
-    FileDescriptor parent = OpenBeneath(
-        directory_.Get(), WithoutTrailingSlashes(path.substr(0, name_start)), kResolving);
+    FileDescriptor parent =
+        OpenBeneath(directory_.Get(), WithoutTrailingSlashes(path.substr(0, name_start)),
+                    kResolving, mount_points);
     return {std::move(parent), std::string(name)};
 }
 

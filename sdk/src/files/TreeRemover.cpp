@@ -50,7 +50,11 @@ int TreeRemover::RemoveOnce(int parent, const std::string& name) {
     levels_.clear();
     below_ = root_below_;
     parent_ = parent;
-    if (!Enter(FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags)), name)) {
+    FileDescriptor top =
+        parent == AT_FDCWD
+            ? FileDescriptor(::openat(parent, name.c_str(), kDirectoryFlags))
+            : OpenBeneath(parent, name, kDirectoryFlags & ~O_NOFOLLOW, MountPoints::kRefused);
+    if (!Enter(std::move(top), name)) {
         errno = first_error_;
         return -1;
     }

@@ -1,11 +1,13 @@
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <fstream>
 
 #include "fixtures/EventFixture.h"
+#include "support/Isolation.h"
 
 namespace {
 
@@ -146,6 +148,38 @@ TEST_F(NamesEndingInADot, PolicyThatOnlyReports_LeavesThemAndTells) {
     utils_->monitor_only = false;
     EXPECT_EQ(Content("shell.php."), "theirs");
     EXPECT_EQ(Alarms(), "add shell.php.: reported only\n");
+}
+
+/// A page and an excluded directory hidden by a foreign one.
+class BehindAMount : private test::OwnMounts, public Reconciler {
+  protected:
+    void SetUp() override {
+        if (!is_own) GTEST_SKIP() << "a mount namespace of its own is not permitted here";
+        state_.anchors.Mounts().Remember();
+        data_.Write("foreign/shell.php", "theirs");
+        data_.Write("foreign/deep/shell.php", "theirs");
+        for (const char* place : {"sub", "uploads"}) {
+            ASSERT_EQ(::mount(data_.Path("foreign").c_str(), File(place).c_str(), nullptr, MS_BIND,
+                              nullptr),
+                      0);
+        }
+    }
+};
+
+TEST_F(BehindAMount, Nothing_IsRemovedOrRestored) {
+    Look();
+    Tell(File("sub"), IN_CREATE | IN_ISDIR);
+    Tell(File("sub/deep/shell.php"), IN_CREATE);
+    Tell(File("sub/page.html"), IN_DELETE);
+    EXPECT_EQ(Engine::Undoer(state_).Remove(rule_, File("sub/shell.php")).outcome,
+              Engine::Outcome::kRemovalFailed);
+    EXPECT_EQ(Content("sub/shell.php") + Content("sub/deep/shell.php"), "theirstheirs");
+    EXPECT_FALSE(fs::exists(File("sub/page.html")));
+    EXPECT_EQ(Alarms(), "");
+    ASSERT_EQ(::umount2(File("sub").c_str(), MNT_DETACH), 0);
+    data_.Write("site/sub/page.html", "evil");
+    Tell(File("sub/page.html"), IN_MODIFY);
+    EXPECT_EQ(Content("sub/page.html"), "page");
 }
 
 TEST_F(Reconciler, PathThatIsStillToBeCopied_IsNotLookedThrough) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "sdk/files/FileDescriptor.h"
+#include "sdk/files/MountPoints.h"
 
 namespace SDK {
 
@@ -14,9 +15,9 @@ namespace SDK {
 /// system's root. Users who may write below the directory, or move it, cannot redirect the caller.
 ///
 /// A path `below` is relative, raw bytes, of any length; "" is the anchor itself; a trailing "/" is
-/// ignored. Symbolic links are never followed, also not at the end. Mount points are crossed. Every
-/// operation fails with EINVAL for an absolute path, "..", or a NUL byte; with ELOOP or ENOTDIR for
-/// a link or another object on the way; with ENOENT for a missing object.
+/// ignored. Symbolic links are never followed, also not at the end. Mount points are crossed unless
+/// they are refused. Every operation fails with EINVAL for an absolute path, "..", or a NUL byte;
+/// with ELOOP or ENOTDIR for a link or another object on the way; with ENOENT for a missing object.
 ///
 /// Immutable after Open, so thread-safe. The caller owns the descriptors that it gets.
 class PathAnchor {
@@ -50,11 +51,14 @@ class PathAnchor {
     bool IsInPlace() const;
 
     /// Opens the directory `below` for reading and listing; not open on failure (errno).
-    FileDescriptor OpenDirectory(std::string_view below) const;
+    FileDescriptor OpenDirectory(std::string_view below,
+                                 MountPoints mount_points = MountPoints::kCrossed) const;
 
     /// Opens the parent directory of `below` (O_PATH: for resolving names, not for listing). The
-    /// object itself may be missing. EINVAL for "" and for a path that ends in ".".
-    Entry OpenParent(std::string_view below) const;
+    /// object itself may be missing, or a mount point. EINVAL for "" and for a path that ends in
+    /// "/.".
+    Entry OpenParent(std::string_view below,
+                     MountPoints mount_points = MountPoints::kCrossed) const;
 
     /// Describes the object `below` as lstat(2) does. 0, or -1 (errno).
     int Stat(std::string_view below, struct stat& info) const;
