@@ -4,6 +4,7 @@
 #include "feature_sentrel/SentrelBackupTask.h"
 
 #include <sdk/log/Log.h>
+#include <sdk/restore/AttributeComparison.h>
 
 #include <algorithm>
 #include <chrono>
@@ -29,6 +30,17 @@ constexpr unsigned int kQueueCapacity = 1024;
 constexpr int kLongestLookMs = 50;  // a look at the watches takes some microseconds
 constexpr std::chrono::seconds kAppearLimit{10};
 constexpr std::chrono::seconds kWalkLimit{120};
+
+std::string NamesOfKinds(unsigned kinds) {
+    std::string names;
+    for (const auto& [kind, name] : {std::pair{SDK::kUserAttributes, "user"},
+                                     {SDK::kTrustedAttributes, "trusted"},
+                                     {SDK::kSecurityAttributes, "security"},
+                                     {SDK::kAcls, "ACLs"}}) {
+        if ((kinds & kind) != 0) names += (names.empty() ? "" : ", ") + std::string(name);
+    }
+    return names;
+}
 
 void YieldBeforePass() {
     static unsigned long last_cpu_tick = 0;
@@ -167,9 +179,25 @@ bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long 
     const RulePlaces places = state_.anchors.Of(rule);
     if (!places || !UnusualMount(*places.anchors).empty()) return false;
     // A copy that began before the last pause of protection lacks the changes of the pause.
-    if (!state_.progress.NoteComplete(rule, round)) return false;
+    if (!state_.progress.NoteComplete(rule, round, {}, AttributeKinds(rule))) return false;
     OpenReport(state_.progress, state_.status).Publish(rule);
     return true;
+}
+
+/// The kinds of extended attributes that the rule's copies have. Others are not compared.
+unsigned SentrelBackupTask::AttributeKinds(const SentrelDirRule& rule) {
+    const RulePlaces places = state_.anchors.Held(rule);
+    if (!places) return SDK::kNoAttributes;
+    unsigned kinds = SDK::AttributeComparison::TakenIn(places.anchors->OpenScratch().Get());
+    if (!SentrelUtils::GetInstance()->Rsync().KeepsAcls()) kinds &= ~unsigned{SDK::kAcls};
+    const std::string left_out = NamesOfKinds(SDK::kAllAttributes & ~kinds);
+    state_.status.NoteAttributesLeftOut(rule.real_path, left_out);
+    if (!left_out.empty()) {
+        SDK_LOG(ModuleLogger(), PRIO_NOTICE,
+                "%s: the copies cannot keep these extended attributes, which are not compared: %s.",
+                rule.real_path, left_out);
+    }
+    return kinds;
 }
 
 bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {
@@ -184,7 +212,9 @@ bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint6
             rule.real_path, static_cast<unsigned long>(result.copied),
             static_cast<unsigned long>(result.open.Size()));
     const bool has_open = !result.open.IsEmpty();
-    if (!progress.NoteComplete(rule, round, std::move(result.open))) return false;
+    if (!progress.NoteComplete(rule, round, std::move(result.open), AttributeKinds(rule))) {
+        return false;
+    }
     state_.status.NoteLocalBackup(rule.real_path);
     OpenReport(state_.progress, state_.status).Publish(rule);
     if (has_open) OpenReport(state_.progress, state_.status).Alarm(rule, *this);

@@ -37,6 +37,7 @@ class SentrelBackupTask : public Framework::Task {
     /// Why the rule cannot be copied now; else empty.
     std::string WhatHinders(const SentrelDirRule& rule);
     /// After a failed rsync: copies the missing objects one by one and notes the rest as open.
+    unsigned AttributeKinds(const SentrelDirRule& rule);
     bool CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round);
     /// Tries the open objects again that are due.
     void RetryOpenObjects();

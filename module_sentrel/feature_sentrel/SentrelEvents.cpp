@@ -30,7 +30,7 @@ constexpr std::uint32_t kArrived = IN_CREATE | IN_MOVED_TO;
 /// A change of an object that is gone by now is reported as its loss.
 alarm_type AlarmTypeOf(std::uint32_t mask, Deviation deviation) {
     if (deviation == Deviation::kGone && (mask & kArrived) == 0) return ALARM_DELETE;
-    if ((mask & IN_ATTRIB) != 0) return ALARM_ATTRIBUTE;
+    if ((mask & IN_ATTRIB) != 0 || deviation == Deviation::kAttributes) return ALARM_ATTRIBUTE;
     if ((mask & (IN_DELETE | kMoved)) != 0) return ALARM_DELETE;
     return ALARM_MODIFY;
 }
@@ -208,7 +208,7 @@ void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mas
         return;
     }
     // Comparison.
-    const BackupComparer comparer(places.anchors);
+    const BackupComparer comparer = Comparer(rule, places);
     const auto lacks_content = [&] {
         return (arrived || (mask & IN_DELETE) != 0) &&
                comparer.LacksContent(
@@ -254,7 +254,8 @@ SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRul
     description.pinned = PinnedFile(*places.anchors, file);
     if (utils->diff_attr) {
         description.diff_attr =
-            HandleFileAttrDiff(rule.backup_path + file, description.pinned.Path());
+            HandleFileAttrDiff(rule.backup_path + file, description.pinned.Path()) +
+            Comparer(rule, places).DescribeAttributes(file);
     }
     if (!utils->diff_content) description.pinned = PinnedFile();
     return description;
@@ -277,7 +278,7 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     if (exists && !SDK::StrUtils::EndsWith(path, "/") &&
         undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
         const RulePlaces places = state_.anchors.Held(rule);
-        if (places && BackupComparer(places.anchors).Compare(path, info) == Deviation::kNone) {
+        if (places && Comparer(rule, places).Compare(path, info) == Deviation::kNone) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
             return false;
         }
@@ -379,7 +380,12 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
         state_.status.NoteFailure(rule.real_path, places.problem);
         return false;
     }
-    return BackupComparer(places.anchors).Describe(path, backup, exists, info);
+    return Comparer(rule, places).Describe(path, backup, exists, info);
+}
+
+BackupComparer SentrelInotifyTask::Comparer(const SentrelDirRule& rule,
+                                            const RulePlaces& places) const {
+    return BackupComparer(places.anchors, state_.progress.AttributeKinds(rule));
 }
 
 }  // namespace Engine

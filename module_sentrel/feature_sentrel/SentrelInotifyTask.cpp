@@ -108,7 +108,7 @@ std::optional<Reconciler::Basis> SentrelInotifyTask::BasisOf(const SentrelDirRul
         !state_.progress.IsComplete(rule)) {
         return std::nullopt;
     }
-    return Reconciler::Basis{state_.progress.Round(), *begun};
+    return Reconciler::Basis{state_.progress.Round(), *begun, state_.progress.AttributeKinds(rule)};
 }
 
 void SentrelInotifyTask::NoteLook(const Reconciler::Look& look) {

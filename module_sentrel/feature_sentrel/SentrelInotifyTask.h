@@ -126,6 +126,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
                        bool restore, bool remove, std::chrono::steady_clock::time_point read_time,
                        Handling& handling);
     Description Describe(const SentrelDirRule& rule, const std::string& file);
+    BackupComparer Comparer(const SentrelDirRule& rule, const RulePlaces& places) const;
     bool IsIgnored(const SentrelDirRule& rule, const std::string& file);
     bool IsChangeOfUnnamed(const SentrelDirRule& rule, std::uint32_t mask,
                            const std::string& file) const;

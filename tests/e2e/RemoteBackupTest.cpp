@@ -170,7 +170,8 @@ TEST_F(RemoteBackup, StoppedServer_IsReportedAndUsedWhenItIsBack) {
 }
 
 TEST_F(RemoteBackup, ServerThatDoesNotAnswer_TimesOutAndIsUsedWhenItAnswers) {
-    for (const char* home : {"conf/home/.popt", "conf/home/sha1/.popt"}) {
+    for (const char* home :
+         {"conf/home/.popt", "conf/home/sha1/.popt", "conf/home/sha1-acls/.popt"}) {
         const std::string options = agent_.Path(home);
         std::string text = TempDir::Read(options);
         const std::string minutes = "--timeout=300";

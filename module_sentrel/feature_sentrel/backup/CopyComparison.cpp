@@ -192,7 +192,7 @@ void CopyComparison::CompareObject(const Level& level, const std::string& name) 
         if (S_ISDIR(live.st_mode)) {
             Descend(level, name, live);
         } else if (IsUnchanged(live)) {
-            ObjectCopier::AlignObject(level.copy, name, live, copy);
+            ObjectCopier::AlignObject(level.live, level.copy, name, live, copy);
         }
     } else if (IsUnchanged(live)) {
         CopyMissing(level, name, live, has_copy);

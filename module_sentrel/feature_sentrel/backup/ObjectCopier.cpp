@@ -5,11 +5,10 @@
 #include <fcntl.h>
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/FileDescriptor.h>
+#include <sdk/restore/AttributeComparison.h>
 #include <sdk/restore/ObjectRestorer.h>
-#include <sdk/text/StrUtils.h>
 #include <sys/random.h>
 #include <sys/statvfs.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
@@ -22,6 +21,7 @@ namespace Engine {
 
 namespace {
 
+using SDK::AttributeComparison;
 using SDK::ObjectRestorer;
 
 /// The name of a copy until it is certain that its original has not changed meanwhile.
@@ -75,22 +75,16 @@ int ErrorOf(const ObjectRestorer::Result& result) {
     }
 }
 
-bool BelongsToCopies(const std::string& attribute) {
-    return !SDK::StrUtils::BeginsWith(attribute, "system.");
-}
-
-void CopyExtendedAttributes(int from, int to) {
-    std::string names(65536, '\0');
-    const ssize_t length = ::flistxattr(from, names.data(), names.size());
-    std::string value(65536, '\0');
-    for (std::size_t at = 0; length > 0 && at < static_cast<std::size_t>(length);) {
-        const std::string name = names.c_str() + at;
-        at += name.size() + 1;
-        const ssize_t size = BelongsToCopies(name)
-                                 ? ::fgetxattr(from, name.c_str(), value.data(), value.size())
-                                 : -1;
-        if (size < 0) continue;
-        ::fsetxattr(to, name.c_str(), value.data(), static_cast<std::size_t>(size), 0);
+/// The owner and mode in `live`, of the object `name`.
+void AlignOwner(int directory, const std::string& name, const struct stat& live,
+                const struct stat& copy) {
+    const bool is_equal =
+        live.st_mode == copy.st_mode && live.st_uid == copy.st_uid && live.st_gid == copy.st_gid;
+    if (is_equal) return;
+    const bool owned =
+        ::fchownat(directory, name.c_str(), live.st_uid, live.st_gid, AT_SYMLINK_NOFOLLOW) == 0;
+    if (owned && !S_ISLNK(live.st_mode)) {
+        ::fchmodat(directory, name.c_str(), live.st_mode & ALLPERMS, 0);
     }
 }
 
@@ -128,34 +122,38 @@ int ObjectCopier::MakeDirectory(int copy_directory, const std::string& name,
     struct stat made {};
     made.st_mode = S_IFDIR | S_IRWXU;
     made.st_uid = static_cast<uid_t>(-1);
-    AlignObject(copy_directory, name, live, made);
+    AlignOwner(copy_directory, name, live, made);
     return 0;
 }
 
+// Owner and mode come first: a change of owner clears capabilities.
 void ObjectCopier::AlignDirectory(int live, int copy, const struct stat& found) {
     struct stat present {};
     if (::fstat(copy, &present) != 0) return;
+    const auto wanted = AttributeComparison::Read(live, ".", SDK::kAllAttributes);
+    const auto kept = AttributeComparison::Read(copy, ".", SDK::kAllAttributes);
+    const bool has_attributes = !AttributeComparison::Differ(kept, wanted);
     const bool is_equal = found.st_mode == present.st_mode && found.st_uid == present.st_uid &&
                           found.st_gid == present.st_gid &&
                           found.st_mtim.tv_sec == present.st_mtim.tv_sec;
-    if (is_equal) return;
-    CopyExtendedAttributes(live, copy);
-    if (::fchown(copy, found.st_uid, found.st_gid) == 0) {
+    if (is_equal && has_attributes) return;
+    if (!is_equal && ::fchown(copy, found.st_uid, found.st_gid) == 0) {
         ::fchmod(copy, found.st_mode & ALLPERMS);
     }
+    if (!has_attributes) AttributeComparison::Make(copy, ".", wanted, SDK::kAllAttributes);
     const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, found.st_mtim};
     ::futimens(copy, times.data());
 }
 
-void ObjectCopier::AlignObject(int copy_directory, const std::string& name, const struct stat& live,
-                               const struct stat& copy) {
-    const bool is_equal =
-        live.st_mode == copy.st_mode && live.st_uid == copy.st_uid && live.st_gid == copy.st_gid;
-    if (is_equal) return;
-    const bool owned = ::fchownat(copy_directory, name.c_str(), live.st_uid, live.st_gid,
-                                  AT_SYMLINK_NOFOLLOW) == 0;
-    if (owned && !S_ISLNK(live.st_mode)) {
-        ::fchmodat(copy_directory, name.c_str(), live.st_mode & ALLPERMS, 0);
+void ObjectCopier::AlignObject(int live_directory, int copy_directory, const std::string& name,
+                               const struct stat& live, const struct stat& copy) {
+    AlignOwner(copy_directory, name, live, copy);
+    if (!S_ISREG(live.st_mode)) return;
+    const auto wanted = AttributeComparison::Read(live_directory, name, SDK::kAllAttributes);
+    const auto kept = AttributeComparison::Read(copy_directory, name, SDK::kAllAttributes);
+    // Another file with that name may have a capability.
+    if (AttributeComparison::Differ(kept, wanted) && IsUnchanged(live_directory, name, live)) {
+        AttributeComparison::Make(copy_directory, name, wanted, SDK::kAllAttributes);
     }
 }
 

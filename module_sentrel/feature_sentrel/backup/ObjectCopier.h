@@ -27,9 +27,10 @@ class ObjectCopier {
     /// owner, mode and time in `found`. Skips what the file system of the copies cannot keep.
     static void AlignDirectory(int live, int copy, const struct stat& found);
 
-    /// Gives the copy of a file, whose content is copied already, the owner and mode in `live`.
-    static void AlignObject(int copy_directory, const std::string& name, const struct stat& live,
-                            const struct stat& copy);
+    /// Gives the copy of a file, whose content is copied already, the owner and mode in `live`, and
+    /// the extended attributes unless the live file changes meanwhile.
+    static void AlignObject(int live_directory, int copy_directory, const std::string& name,
+                            const struct stat& live, const struct stat& copy);
 };
 
 }  // namespace Engine

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 
 #include "base/DirectoryListing.h"
 #include "base/FileComparison.h"
@@ -24,6 +25,46 @@ namespace {
 bool DigestOf(const SDK::PathAnchor::Entry& entry, std::string& digest) {
     return entry.IsOpen() && SDK::FileUtils::GetFileSha256(entry.directory.Get(), entry.name,
                                                            digest, kDigestLimit) == 0;
+}
+
+/// Without them somebody could give a page a capability, or himself access to a page, for good.
+SDK::ExtendedAttributes Attributes(const SDK::PathAnchor::Entry& object, mode_t mode,
+                                   unsigned kinds) {
+    if (!object.IsOpen() || (!S_ISREG(mode) && !S_ISDIR(mode))) return {};
+    return SDK::AttributeComparison::Read(object.directory.Get(), object.name, kinds);
+}
+
+constexpr std::size_t kMostNames = 8;
+
+/// Whoever may set attributes chooses their names.
+std::string Printable(std::string name) {
+    const auto is_odd = [](unsigned char c) { return c <= ' ' || c > '~'; };
+    std::replace_if(name.begin(), name.end(), is_odd, '?');
+    return name;
+}
+
+std::string DifferenceText(const SDK::ExtendedAttributes& live,
+                           const SDK::ExtendedAttributes& copy) {
+    std::map<std::string, const char*> changes;
+    for (const auto& [name, value] : live.values) {
+        const auto kept = copy.values.find(name);
+        if (kept == copy.values.end()) {
+            changes[name] = "added:";
+        } else if (kept->second != value) {
+            changes[name] = "changed:";
+        }
+    }
+    for (const auto& [name, value] : copy.values) {
+        if (live.values.count(name) == 0) changes[name] = "removed:";
+    }
+    std::string text;
+    std::size_t count = 0;
+    for (const auto& [name, change] : changes) {
+        if (++count > kMostNames) break;
+        text += (text.empty() ? "" : " ") + (change + Printable(name));
+    }
+    if (count > kMostNames || (live.is_cut && !copy.is_cut)) text += " and more";
+    return text.empty() ? "" : " xattr(" + text + ")";
 }
 
 }  // namespace
@@ -42,8 +83,11 @@ bool BackupComparer::Describe(const std::string& path, const std::string& copy_p
     info.mode = SDK::FileUtils::StModeToStr(found.st_mode);
     info.uid = found.st_uid;
     info.gid = found.st_gid;
-    if (!S_ISREG(found.st_mode)) return true;
+    if (!S_ISREG(found.st_mode) && attribute_kinds_ == 0) return true;
     const SDK::PathAnchor::Entry copy = rule_->Copy(path);
+    info.attribute_kinds = attribute_kinds_;
+    info.extended = Attributes(copy, found.st_mode, attribute_kinds_);
+    if (!S_ISREG(found.st_mode)) return true;
     if (copy.IsOpen() && ::faccessat(copy.directory.Get(), copy.name.c_str(), R_OK, 0) == 0) {
         return true;
     }
@@ -74,36 +118,66 @@ Deviation BackupComparer::Compare(const std::string& path, const BackupFileInfo&
                 info.mode);
         return Deviation::kMode;
     }
-    return S_ISDIR(live.st_mode) ? CompareOwner(path, live, info)
-                                 : CompareContent(path, live, info);
+    const SDK::PathAnchor::Entry entry = rule_->Live(path);
+    if (!S_ISDIR(live.st_mode) && !HasContentOfCopy(path, entry)) return Deviation::kContent;
+    if (!HasOwnerOfCopy(path, live, info)) return Deviation::kOwner;
+    if (!SDK::AttributeComparison::Differ(Attributes(entry, live.st_mode, info.attribute_kinds),
+                                          info.extended)) {
+        return Deviation::kNone;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s extended attributes not matched. ", path);
+    return Deviation::kAttributes;
 }
 
-/// The last check: size or time show most changes, and a large page must not wait for digests.
-Deviation BackupComparer::CompareContent(const std::string& path, const struct stat& live,
-                                         const BackupFileInfo& info) const {
+/// Nearly the last check: size or time show most changes, and a large page must not wait for
+/// digests.
+bool BackupComparer::HasContentOfCopy(const std::string& path,
+                                      const SDK::PathAnchor::Entry& live) const {
     std::string digest;
     std::string copy_digest;
-    DigestOf(rule_->Live(path), digest);  // unreadable: an empty digest
+    DigestOf(live, digest);  // unreadable: an empty digest
     if (!DigestOf(rule_->Copy(path), copy_digest)) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file %s sha256 failed.", path);
     } else if (digest == copy_digest) {
-        return CompareOwner(path, live, info);
+        return true;
     }
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s sha256 (%s) not matched with (%s). ", path, digest,
             copy_digest);
-    return Deviation::kContent;
+    return false;
 }
 
 // Without it a chown would pass. When the agent is not root it can neither keep nor restore owners:
 // its copies are its own.
-Deviation BackupComparer::CompareOwner(const std::string& path, const struct stat& live,
-                                       const BackupFileInfo& info) const {
-    if (::geteuid() != 0 || (live.st_uid == info.uid && live.st_gid == info.gid)) {
-        return Deviation::kNone;
-    }
+bool BackupComparer::HasOwnerOfCopy(const std::string& path, const struct stat& live,
+                                    const BackupFileInfo& info) {
+    if (::geteuid() != 0 || (live.st_uid == info.uid && live.st_gid == info.gid)) return true;
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s owner (%u:%u) not matched with (%u:%u). ", path,
             live.st_uid, live.st_gid, info.uid, info.gid);
-    return Deviation::kOwner;
+    return false;
+}
+
+std::string BackupComparer::DescribeAttributes(const std::string& path) const {
+    struct stat live {};
+    struct stat copy {};
+    if (attribute_kinds_ == 0 || rule_->StatLive(path, live) != 0 ||
+        rule_->StatCopy(path, copy) != 0 || (live.st_mode & S_IFMT) != (copy.st_mode & S_IFMT)) {
+        return "";
+    }
+    return DifferenceText(Attributes(rule_->Live(path), live.st_mode, attribute_kinds_),
+                          Attributes(rule_->Copy(path), copy.st_mode, attribute_kinds_));
+}
+
+bool DirectoryDiffers(const AnchoredRule& rule, const std::string& path, unsigned attribute_kinds) {
+    struct stat live {};
+    struct stat copy {};
+    if (rule.StatLive(path, live) != 0) live = {};
+    if (rule.StatCopy(path, copy) != 0) copy = {};
+    if (live.st_mode != copy.st_mode || live.st_uid != copy.st_uid || live.st_gid != copy.st_gid) {
+        return true;
+    }
+    return attribute_kinds != 0 && SDK::AttributeComparison::Differ(
+                                       Attributes(rule.Live(path), live.st_mode, attribute_kinds),
+                                       Attributes(rule.Copy(path), copy.st_mode, attribute_kinds));
 }
 
 bool BackupComparer::LacksContent(const std::string& path,

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/DirectoryListing.h"
+#include "feature_sentrel/event_path/BackupComparer.h"
 
 namespace Engine {
 
@@ -90,18 +91,15 @@ void ChangeScan::Enter(const AnchoredRule& rule, const std::string& path, bool c
     open_.push_back(std::move(directory));
 }
 
-// The time and size of a directory differ wherever something was added and removed again.
 void ChangeScan::Leave(const AnchoredRule& rule) {
     const Directory directory = std::move(open_.back());
     open_.pop_back();
     if (!directory.changed) return;
     const std::string path = SDK::PathUtils::WithoutTrailingSlash(directory.path);
-    const struct stat copy = CopyOf(rule, path);
     struct stat live {};
-    if (rule.StatLive(path, live) != 0 || !S_ISDIR(copy.st_mode)) return;
-    if (live.st_mode != copy.st_mode || live.st_uid != copy.st_uid || live.st_gid != copy.st_gid) {
+    if (rule.StatLive(path, live) != 0 || !S_ISDIR(CopyOf(rule, path).st_mode)) return;
+    if (DirectoryDiffers(rule, path, owner_.attribute_kinds))
         owner_.named(path, IN_ATTRIB | IN_ISDIR);
-    }
 }
 
 void ChangeScan::LookAtEntries(const AnchoredRule& rule, Clock::time_point until) {

@@ -29,6 +29,7 @@ class ChangeScan {
         std::function<void(const std::string& path, std::uint32_t raw_mask)> named;
         /// True when the scan should pause; asked every few objects.
         std::function<bool()> should_pause;
+        unsigned attribute_kinds = 0;  ///< the extended attributes that the copies have
     };
 
     ChangeScan(Owner owner, std::timespec since) : owner_(std::move(owner)), since_(since) {}

@@ -118,6 +118,8 @@ ChangeScan::Owner Reconciler::ScanOwner(const std::string& watch_id, const Sentr
         const bool is_found = IsUndoing(handling.outcome);
         if (is_found && origin == ChangeOrigin::kReconcile) ++look_.found;
     };
+    const std::optional<Basis> basis = owner_.basis(rule);
+    if (basis) owner.attribute_kinds = basis->attribute_kinds;
     return owner;
 }
 

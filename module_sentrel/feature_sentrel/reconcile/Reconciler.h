@@ -30,6 +30,7 @@ class Reconciler {
     struct Basis {
         std::uint64_t round = 0;
         std::timespec begun{};
+        unsigned attribute_kinds = 0;  ///< that the copies have
     };
     /// One look through one path.
     struct Look {

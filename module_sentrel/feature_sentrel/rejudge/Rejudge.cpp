@@ -197,7 +197,7 @@ void Rejudge::BeginComparison(const std::string& watch_id, const RecentRestores&
     };
     comparing_ = watch_id;
     comparison_begun_ = Clock::now();
-    reconciler_.emplace(state_.anchors, rule, ignored, judge);
+    reconciler_.emplace(state_.anchors, rule, ignored, judge, state_.progress.AttributeKinds(rule));
     scope_ = std::move(to_compare_[comparing_]);
     to_compare_.erase(comparing_);
 }

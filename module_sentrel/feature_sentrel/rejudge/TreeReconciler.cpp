@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/DirectoryListing.h"
+#include "feature_sentrel/event_path/BackupComparer.h"
 
 namespace Engine {
 
@@ -31,11 +32,12 @@ void AddNames(const SDK::FileDescriptor& directory, std::vector<std::string>& na
 }  // namespace
 
 TreeReconciler::TreeReconciler(RuleAnchors& anchors, SentrelDirRule rule, Ignored ignored,
-                               Named named)
+                               Named named, unsigned attribute_kinds)
     : all_anchors_(anchors),
       rule_(std::move(rule)),
       ignored_(std::move(ignored)),
-      named_(std::move(named)) {}
+      named_(std::move(named)),
+      attribute_kinds_(attribute_kinds) {}
 
 bool TreeReconciler::Step(std::chrono::steady_clock::time_point until) {
     anchors_ = all_anchors_.Of(rule_).anchors;
@@ -87,14 +89,8 @@ bool TreeReconciler::Look(const std::string& path) {
     return false;
 }
 
-/// A directory's time and size differ wherever something was added and removed again.
 bool TreeReconciler::LookAtDirectory(const std::string& path) {
-    const struct stat live = LiveStatus(path);
-    const struct stat copy = CopyStatus(path);
-    if (live.st_mode == copy.st_mode && live.st_uid == copy.st_uid && live.st_gid == copy.st_gid) {
-        return false;
-    }
-    return Name(path, IN_ATTRIB | IN_ISDIR);
+    return DirectoryDiffers(*anchors_, path, attribute_kinds_) && Name(path, IN_ATTRIB | IN_ISDIR);
 }
 
 /// The attributes of what stands there; mode 0 when there is nothing.

@@ -22,8 +22,9 @@ class TreeReconciler {
     /// Receives a path without a trailing "/", and the event bits that fit its state.
     using Named = std::function<void(const std::string& path, std::uint32_t raw_mask)>;
 
-    /// `anchors` is borrowed.
-    TreeReconciler(RuleAnchors& anchors, SentrelDirRule rule, Ignored ignored, Named named);
+    /// `anchors` is borrowed. `attribute_kinds`: the extended attributes that the copies have.
+    TreeReconciler(RuleAnchors& anchors, SentrelDirRule rule, Ignored ignored, Named named,
+                   unsigned attribute_kinds);
 
     /// Continues until a path was named or `until` is reached. False at the end.
     bool Step(std::chrono::steady_clock::time_point until);
@@ -47,6 +48,7 @@ class TreeReconciler {
     std::shared_ptr<const AnchoredRule> anchors_;  ///< as they were when the last step began
     const Ignored ignored_;
     const Named named_;
+    const unsigned attribute_kinds_;
     bool begun_ = false;
     std::vector<Directory> open_;
 };

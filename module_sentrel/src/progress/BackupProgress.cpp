@@ -50,13 +50,14 @@ std::optional<std::timespec> BackupProgress::Begin() const {
     return begin_;
 }
 
-bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t round,
-                                  OpenObjects open) {
+bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t round, OpenObjects open,
+                                  unsigned attribute_kinds) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (round != round_) return false;
     complete_.insert_or_assign(
         {rule.real_path, rule.backup_path},
-        Complete{std::move(open), std::chrono::steady_clock::now() + kFirstRest, kFirstRest});
+        Complete{std::move(open), std::chrono::steady_clock::now() + kFirstRest, kFirstRest,
+                 attribute_kinds});
     CountOpen();
     return true;
 }
@@ -64,6 +65,12 @@ bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t roun
 bool BackupProgress::IsComplete(const SentrelDirRule& rule) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return OpenOf(rule) != nullptr;
+}
+
+unsigned BackupProgress::AttributeKinds(const SentrelDirRule& rule) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = complete_.find({rule.real_path, rule.backup_path});
+    return known == complete_.end() ? 0 : known->second.attribute_kinds;
 }
 
 bool BackupProgress::IsOfThisRound(const struct stat& copy) const {

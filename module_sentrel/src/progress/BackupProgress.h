@@ -43,11 +43,17 @@ class BackupProgress {
     /// When the round's first copy began, by the clock that stamps files; none before it.
     std::optional<std::timespec> Begin() const;
 
-    /// Notes that a copy begun in `round` is complete except for the objects `open`. False when
-    /// that round is over.
-    bool NoteComplete(const SentrelDirRule& rule, std::uint64_t round, OpenObjects open = {});
+    /// Notes that a copy begun in `round` is complete except for the objects `open`, and that it
+    /// has the extended attributes of these kinds (SDK::AttributeKind). False when that round is
+    /// over.
+    bool NoteComplete(const SentrelDirRule& rule, std::uint64_t round, OpenObjects open = {},
+                      unsigned attribute_kinds = 0);
 
     bool IsComplete(const SentrelDirRule& rule) const;
+
+    /// The kinds of extended attributes that the rule's copies have; none before they are complete
+    /// in this round: copies of an older version of the agent lack attributes.
+    unsigned AttributeKinds(const SentrelDirRule& rule) const;
 
     /// The backup copy with these attributes was made in the present round.
     bool IsOfThisRound(const struct stat& copy) const;
@@ -87,6 +93,7 @@ class BackupProgress {
         OpenObjects open;
         std::chrono::steady_clock::time_point next_try;
         std::chrono::seconds rest{};
+        unsigned attribute_kinds = 0;
     };
 
     const OpenObjects* OpenOf(const SentrelDirRule& rule) const;

@@ -47,8 +47,14 @@ void InstalledRsync::Examine(const std::string& path, bool installed_anew) {
     if (!reason.empty()) SDK_LOG(ModuleLogger(), PRIO_WARNING, "rsync degraded: %s.", reason);
     const std::string no_preload_reason = SetUpRsync(path, output);
     const std::lock_guard<std::mutex> lock(mutex_);
+    facts_.keeps_acls = Engine::KeepsAcls(output);
     facts_.has_preload = no_preload_reason.empty();
     facts_.no_preload_reason = no_preload_reason;
+}
+
+bool InstalledRsync::KeepsAcls() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return facts_.keeps_acls;
 }
 
 Json::Value InstalledRsync::ToJson() const {

@@ -17,6 +17,9 @@ class InstalledRsync {
     /// `installed_anew` asks again. Blocks until the program has answered, at most 5 seconds.
     void Examine(const std::string& path, bool installed_anew);
 
+    /// It copies POSIX ACLs within the host.
+    bool KeepsAcls() const;
+
     /// {"version","degraded","reason","preload":{"in_use","reason"}}
     Json::Value ToJson() const;
 
@@ -27,6 +30,7 @@ class InstalledRsync {
         bool known = false;
         std::string version;
         std::string degraded_reason;  ///< empty: nothing is wrong with it
+        bool keeps_acls = false;
         bool has_preload = false;
         std::string no_preload_reason;
     };

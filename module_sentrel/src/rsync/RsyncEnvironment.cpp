@@ -50,13 +50,40 @@ bool AnswersTheSame(const std::string& path, const std::string& version_text) {
            exit_code == 0 && output == version_text;
 }
 
-/// The home whose option aliases fit that rsync, as a variable; none where it is the usual one.
-std::vector<std::string> HomeFor(const std::string& version_text) {
-    const std::string home = SDK::PathUtils::GetInstallationPath() + "conf/home/sha1";
-    const bool is_there = ::access((home + "/.popt").c_str(), R_OK) == 0;
-    const bool fits = HasChecksum(version_text, "xxh128") && HasChecksum(version_text, "sha1");
-    if (!is_there || !fits) return {};
-    return {"HOME=" + home};
+struct Home {
+    const char* name;  ///< below conf/home; empty: the usual one
+    bool names_checksums;
+    bool keeps_acls;
+};
+
+std::string HomePath(const Home& home) {
+    return SDK::PathUtils::GetInstallationPath() + "conf/home/" + home.name;
+}
+
+bool CanKeepAcls(const std::string& version_text) {
+    const std::size_t at = version_text.find("ACLs");
+    return at != std::string::npos && (at < 3 || version_text.compare(at - 3, 3, "no ") != 0);
+}
+
+/// The home with the most option aliases that fit that rsync.
+Home HomeFor(const std::string& version_text) {
+    const bool has_checksums =
+        HasChecksum(version_text, "xxh128") && HasChecksum(version_text, "sha1");
+    for (const Home& home :
+         {Home{"sha1-acls", true, true}, {"acls", false, true}, {"sha1", true, false}}) {
+        if ((home.names_checksums && !has_checksums) ||
+            (home.keeps_acls && !CanKeepAcls(version_text))) {
+            continue;
+        }
+        const std::string aliases = HomePath(home) + "/.popt";
+        if (::access(aliases.c_str(), R_OK) == 0) return home;
+    }
+    return {"", false, false};
+}
+
+std::vector<std::string> VariablesOf(const Home& home) {
+    if (*home.name == '\0') return {};
+    return {"HOME=" + HomePath(home)};
 }
 
 }  // namespace
@@ -70,8 +97,12 @@ bool HasChecksum(const std::string& version_text, const std::string& name) {
     return (line + " ").find(" " + name + " ") != std::string::npos;
 }
 
+bool KeepsAcls(const std::string& version_text) {
+    return HomeFor(version_text).keeps_acls;
+}
+
 std::string SetUpRsync(const std::string& path, const std::string& version_text) {
-    const std::vector<std::string> home = HomeFor(version_text);
+    const std::vector<std::string> home = VariablesOf(HomeFor(version_text));
     ExecuteCmdUtils::SetProgramEnvironment(path, home);
     if (IsSwitchedOff()) return "switched off in conf/agent.json";
     const std::string library = SDK::PathUtils::GetInstallationPath() + "lib/librsync_preload.so";

@@ -92,6 +92,11 @@ void SentrelStatus::NoteOpenObjects(const std::string& real_path, std::size_t co
     history.named_open_objects = std::move(named);
 }
 
+void SentrelStatus::NoteAttributesLeftOut(const std::string& real_path, const std::string& kinds) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    history_[real_path].attributes_left_out = kinds;
+}
+
 void SentrelStatus::SetProblem(const std::string& real_path, const std::string& text) {
     const std::lock_guard<std::mutex> lock(mutex_);
     history_[real_path].problem = text;
@@ -146,6 +151,7 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
         entry["last_failure_at"] = TimeOrNull(history.last_failure_at);
         entry["open_objects"] = OpenObjectsToJson(history);
         entry["problem"] = history.problem;
+        entry["attributes_not_compared"] = history.attributes_left_out;
         entry["last_look"] = LookToJson(history);
         list.append(std::move(entry));
     }

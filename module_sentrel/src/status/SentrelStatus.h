@@ -75,6 +75,8 @@ class SentrelStatus {
     /// `count` objects of the path have no backup copy; `named` are the first of them.
     void NoteOpenObjects(const std::string& real_path, std::size_t count,
                          std::vector<OpenObject> named);
+    /// The kinds of extended attributes that are not compared, in words; empty when all are.
+    void NoteAttributesLeftOut(const std::string& real_path, const std::string& kinds);
     /// Why the path is not protected at this moment; empty when it is.
     void SetProblem(const std::string& real_path, const std::string& text);
 
@@ -105,6 +107,7 @@ class SentrelStatus {
         std::size_t open_objects = 0;
         std::vector<OpenObject> named_open_objects = {};
         std::string problem;
+        std::string attributes_left_out;
         std::int64_t last_look = 0;  ///< seconds since the epoch, 0 never
         std::chrono::milliseconds look_duration{0};
         std::size_t look_seen = 0;

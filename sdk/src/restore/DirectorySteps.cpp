@@ -43,7 +43,8 @@ FailedStep RestoreDirectoryAttributes(int live, const ObjectAttributes& wanted,
     if (!unread.IsNone()) return unread;
     struct stat but_time = wanted.info;
     but_time.st_mtim = present.info.st_mtim;
-    if (StatDiffers(but_time, present.info) || present.extended != wanted.extended) {
+    if (StatDiffers(but_time, present.info) ||
+        AttributeComparison::Differ(present.extended, wanted.extended)) {
         return ApplyAttributes(live, OpenedAs::kFile, wanted);
     }
     if (time == DirectoryTime::kLeft || IsSameTime(wanted.info, present.info)) return {};

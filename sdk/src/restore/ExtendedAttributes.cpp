@@ -3,9 +3,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <string_view>
+#include <utility>
 
 #include "sdk/text/StrUtils.h"
 
@@ -16,14 +16,6 @@ namespace {
 // The kernel's limit (XATTR_LIST_MAX, XATTR_SIZE_MAX), and the first size to try.
 constexpr std::size_t kMaxSize = 64 * 1024;
 constexpr std::size_t kUsualSize = 256;
-
-/// System attributes only show other data, except the ACLs. Without root only user attributes and
-/// ACLs can be set.
-bool IsRestored(std::string_view name) {
-    if (StrUtils::BeginsWith(name, "system."))
-        return StrUtils::BeginsWith(name, "system.posix_acl_");
-    return StrUtils::BeginsWith(name, "user.") || ::geteuid() == 0;
-}
 
 /// Calls `read(buffer, size)` with a buffer that is large enough.
 template <typename Read>
@@ -38,74 +30,116 @@ int ReadWhole(std::string& text, Read read) {
     return got < 0 ? -1 : 0;
 }
 
+std::string OpenedPath(int fd) {
+    return "/proc/self/fd/" + std::to_string(fd);
+}
+
 }  // namespace
 
-// This path leads to the open object itself, even when that is a link.
-ExtendedAttributeAccess::ExtendedAttributeAccess(int fd, bool is_path)
-    : fd_(fd), path_(is_path ? "/proc/self/fd/" + std::to_string(fd) : "") {}
+/// System attributes only show other data, except the ACLs. Without root only user attributes and
+/// ACLs can be set.
+bool IsRestoredAttribute(std::string_view name) {
+    if (StrUtils::BeginsWith(name, "system."))
+        return StrUtils::BeginsWith(name, "system.posix_acl_");
+    return StrUtils::BeginsWith(name, "user.") || ::geteuid() == 0;
+}
 
-int ExtendedAttributeAccess::Read(ExtendedAttributes& found) const {
-    found.clear();
-    std::string names;
-    if (List(names) != 0) {
-        const bool is_without_proc = !path_.empty() && errno == ENOENT;
-        return errno == ENOTSUP || is_without_proc ? 0 : -1;
-    }
-    for (std::size_t start = 0; start < names.size();) {
-        const std::string name(names.c_str() + start);
-        start += name.size() + 1;
-        if (!IsRestored(name)) continue;
+// The path of an open object leads to the object itself, even when that is a link.
+ExtendedAttributeAccess::ExtendedAttributeAccess(int fd, bool is_path)
+    : by_(is_path ? By::kOpenedPath : By::kDescriptor), fd_(fd), path_(OpenedPath(fd)) {}
+
+ExtendedAttributeAccess::ExtendedAttributeAccess(int directory, const std::string& name)
+    : by_(By::kName), fd_(directory), path_(OpenedPath(directory) + "/" + name) {}
+
+int ExtendedAttributeAccess::Read(ExtendedAttributes& found, const Filter& filter) const {
+    found = {};
+    std::vector<std::string> names;
+    if (Names(names, filter) != 0) return -1;
+    std::size_t bytes = 0;
+    for (const std::string& name : names) {
         std::string value;
-        if (Get(name, value) == 0) {
-            found.emplace(name, std::move(value));
-        } else if (errno != ENODATA) {
-            return -1;
+        if (Get(name, value) != 0) {
+            if (errno != ENODATA) return -1;
+            continue;
         }
+        bytes += name.size() + value.size();
+        if (bytes > ExtendedAttributes::kMostBytes) {
+            found.is_cut = true;
+            return 0;
+        }
+        found.values.emplace(name, std::move(value));
     }
     return 0;
 }
 
-int ExtendedAttributeAccess::Make(const ExtendedAttributes& wanted) const {
-    ExtendedAttributes present;
-    if (Read(present) != 0) return -1;
+// Reads no value that is not wanted: there may be very many.
+int ExtendedAttributeAccess::Make(const ExtendedAttributes& wanted, const Filter& filter) const {
+    std::vector<std::string> present;
+    if (Names(present, filter) != 0) return -1;
     int error = 0;
     const auto note = [&error](int result) {
         if (result != 0 && error == 0) error = errno;
     };
     // Removes first, since all attributes may share one block.
-    for (const auto& [name, value] : present) {
-        if (wanted.count(name) == 0) note(Remove(name));
+    for (const std::string& name : present) {
+        if (!wanted.Has(name)) note(Remove(name));
     }
-    for (const auto& [name, value] : wanted) {
-        const auto found = present.find(name);
-        if (found == present.end() || found->second != value) note(Set(name, value));
+    for (const auto& [name, value] : wanted.values) {
+        std::string found;
+        const bool is_there = std::binary_search(present.begin(), present.end(), name);
+        if (!is_there || Get(name, found) != 0 || found != value) note(Set(name, value));
     }
     errno = error;
     return error == 0 ? 0 : -1;
 }
 
+/// In their order, so that the same ones are read of equal objects.
+int ExtendedAttributeAccess::Names(std::vector<std::string>& names, const Filter& filter) const {
+    std::string list;
+    if (List(list) != 0) {
+        const bool is_without_proc = by_ != By::kDescriptor && errno == ENOENT;
+        return errno == ENOTSUP || is_without_proc ? 0 : -1;
+    }
+    for (std::size_t start = 0; start < list.size();) {
+        std::string name(list.c_str() + start);
+        start += name.size() + 1;
+        if (filter(name)) names.push_back(std::move(name));
+    }
+    std::sort(names.begin(), names.end());
+    return 0;
+}
+
 int ExtendedAttributeAccess::List(std::string& names) const {
     return ReadWhole(names, [this](char* buffer, std::size_t size) {
-        return path_.empty() ? ::flistxattr(fd_, buffer, size)
-                             : ::listxattr(path_.c_str(), buffer, size);
+        if (by_ == By::kDescriptor) return ::flistxattr(fd_, buffer, size);
+        return by_ == By::kName ? ::llistxattr(path_.c_str(), buffer, size)
+                                : ::listxattr(path_.c_str(), buffer, size);
     });
 }
 
 int ExtendedAttributeAccess::Get(const std::string& name, std::string& value) const {
     return ReadWhole(value, [&](char* buffer, std::size_t size) {
-        return path_.empty() ? ::fgetxattr(fd_, name.c_str(), buffer, size)
-                             : ::getxattr(path_.c_str(), name.c_str(), buffer, size);
+        if (by_ == By::kDescriptor) return ::fgetxattr(fd_, name.c_str(), buffer, size);
+        return by_ == By::kName ? ::lgetxattr(path_.c_str(), name.c_str(), buffer, size)
+                                : ::getxattr(path_.c_str(), name.c_str(), buffer, size);
     });
 }
 
 int ExtendedAttributeAccess::Set(const std::string& name, const std::string& value) const {
-    return path_.empty() ? ::fsetxattr(fd_, name.c_str(), value.data(), value.size(), 0)
-                         : ::setxattr(path_.c_str(), name.c_str(), value.data(), value.size(), 0);
+    if (by_ == By::kDescriptor) {
+        return ::fsetxattr(fd_, name.c_str(), value.data(), value.size(), 0);
+    }
+    const auto set = by_ == By::kName ? ::lsetxattr : ::setxattr;
+    return set(path_.c_str(), name.c_str(), value.data(), value.size(), 0);
 }
 
 int ExtendedAttributeAccess::Remove(const std::string& name) const {
-    const int result = path_.empty() ? ::fremovexattr(fd_, name.c_str())
-                                     : ::removexattr(path_.c_str(), name.c_str());
+    int result = 0;
+    if (by_ == By::kDescriptor) {
+        result = ::fremovexattr(fd_, name.c_str());
+    } else {
+        result = (by_ == By::kName ? ::lremovexattr : ::removexattr)(path_.c_str(), name.c_str());
+    }
     return result != 0 && errno == ENODATA ? 0 : result;
 }
 

@@ -28,7 +28,7 @@ bool IsSameState(const struct stat& one, const struct stat& other) {
 /// True when the restored file gets privileges that it may not have now.
 bool GrantsPowers(const ObjectAttributes& copy) {
     return (copy.info.st_mode & (S_ISUID | S_ISGID)) != 0 ||
-           copy.extended.count("security.capability") != 0;
+           copy.extended.Has("security.capability");
 }
 
 /// The restore of one regular file. Call Run once.
@@ -79,8 +79,8 @@ class FileRestore {
         if (equal <= 0) return {};
         const ExtendedAttributeAccess access(live_file_.Get(), false);
         if (access.Read(present.extended) != 0) return {};
-        const bool differs =
-            StatDiffers(copy_.info, present.info) || present.extended != copy_.extended;
+        const bool differs = StatDiffers(copy_.info, present.info) ||
+                             AttributeComparison::Differ(present.extended, copy_.extended);
         if (!differs) {
             is_done = true;
             return {};
@@ -183,7 +183,7 @@ FailedStep RestoreSpecial(EntryRef copy, EntryRef live) {
     const bool is_taken = ReadByPath(live, present).IsNone();
     if (is_taken && (present.info.st_mode & S_IFMT) == (wanted.info.st_mode & S_IFMT) &&
         present.info.st_rdev == wanted.info.st_rdev && !StatDiffers(wanted.info, present.info) &&
-        present.extended == wanted.extended) {
+        !AttributeComparison::Differ(present.extended, wanted.extended)) {
         return {};
     }
     PendingObject pending(live.directory);

@@ -24,7 +24,7 @@ FailedStep SymbolicLink::Read(int directory, const std::string& name) {
 
 bool SymbolicLink::IsAs(const SymbolicLink& wanted) const {
     return text_ == wanted.text_ && !StatDiffers(wanted.attributes_.info, attributes_.info) &&
-           attributes_.extended == wanted.attributes_.extended;
+           !AttributeComparison::Differ(attributes_.extended, wanted.attributes_.extended);
 }
 
 }  // namespace SDK

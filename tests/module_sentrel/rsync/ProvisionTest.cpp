@@ -1,4 +1,5 @@
 #include <framework/ConfigManager.h>
+#include <sys/xattr.h>
 
 #include <filesystem>
 #include <thread>
@@ -13,6 +14,8 @@ namespace {
 
 using Engine::SentrelUtils;
 using Poco::Message;
+
+constexpr const char* kAcl = "system.posix_acl_access";
 
 class Provision : public ::testing::Test {
   protected:
@@ -146,22 +149,37 @@ TEST_F(Provision, OptionAliases_FitTheRsyncAndTheKindOfCopy) {
     utils_->rsync_hash = test::Installation::DigestOf(test::Installation::RealRsync());
     std::string version;
     SDK::ExecuteCmdUtils::ExecuteCmd("/usr/bin/rsync --version", version, 4096);
-    for (const bool named : {false, true}) {
+    // An ACL that names user 33 and leaves the mode as it is.
+    const std::string acl(
+        "\2\0\0\0\1\0\6\0\xff\xff\xff\xff\2\0\4\0\x21\0\0\0\4\0\4\0\xff\xff\xff\xff"
+        "\x10\0\4\0\xff\xff\xff\xff\x20\0\4\0\xff\xff\xff\xff",
+        44);
+    ASSERT_EQ(::setxattr(from.c_str(), kAcl, acl.data(), acl.size(), 0), 0);
+    const auto has_acl = [&](const std::string& path) {
+        return ::getxattr(path.c_str(), kAcl, nullptr, 0) > 0;
+    };
+    for (const std::string home : {"", "sha1", "sha1-acls"}) {
+        const bool named = !home.empty();
+        const std::string aliases = "/conf/home/" + home + "/.popt";
+        std::filesystem::create_directories(install_.dir.Path("conf/home/" + home));
+        std::filesystem::copy_file(SENTREL_MODULE_DIR "/.." + aliases, install_.dir.Path(aliases),
+                                   std::filesystem::copy_options::overwrite_existing);
         std::filesystem::remove(rsync_);
         EXPECT_TRUE(utils_->DownloadRsync());
         const std::string restore = run(from + " " + to);
         const bool known = Engine::HasChecksum(version, "sha1");
         EXPECT_EQ(holds(restore, "Client checksum: xxh128,sha1\n"), named && known) << restore;
         EXPECT_FALSE(holds(restore, "compress")) << restore;
+        EXPECT_EQ(has_acl(to + "f"), home == "sha1-acls");
+        EXPECT_EQ(utils_->Rsync().KeepsAcls(), home == "sha1-acls");
         const std::string backup = run("-R " + from + " " + to);
         EXPECT_TRUE(holds(backup, "negotiated checksum") && !holds(backup, "compress")) << backup;
+        EXPECT_EQ(has_acl(to + from), home == "sha1-acls");
+        std::filesystem::remove_all(to + install_.dir.Path());
         const std::string push =
             run("-R --password-file=" + secret + " -e " + server + " " + from + " h::m/to/");
         EXPECT_TRUE(holds(push, "negotiated checksum") && holds(push, "compress: z")) << push;
-        std::filesystem::create_directories(install_.dir.Path("conf/home/sha1"));
-        std::filesystem::copy_file(SENTREL_MODULE_DIR "/../conf/home/sha1/.popt",
-                                   install_.dir.Path("conf/home/sha1/.popt"),
-                                   std::filesystem::copy_options::overwrite_existing);
+        EXPECT_TRUE(std::filesystem::exists(to + from) && !has_acl(to + from)) << push;
     }
     EXPECT_TRUE(Engine::HasChecksum("a\nChecksum list:\n    xxh64 sha1\nCompress list:", "sha1"));
     EXPECT_FALSE(Engine::HasChecksum("Checksum list:\n    xxh64\nDaemon list:\n sha1\n", "sha1"));

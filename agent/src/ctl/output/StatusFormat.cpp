@@ -203,6 +203,10 @@ std::string PathWarnings(const Json::Value& status, long long now_ms) {
         text += OpenObjectWarnings(path, name);
         const std::string problem = Text(path, "problem");
         if (!problem.empty()) text += Warning(name + " is not protected: " + problem);
+        const std::string left_out = Text(path, "attributes_not_compared");
+        if (!left_out.empty()) {
+            text += Warning(name + ", extended attributes that are not compared: " + left_out);
+        }
         const std::string failure = Text(path, "last_failure");
         const long long at = Number(path, "last_failure_at");
         const std::string when = at > 0 ? " at " + When(at, now_ms) : "";
