@@ -88,7 +88,7 @@ std::string SignatureFile(const std::string& directory, unsigned int number) {
 std::unique_ptr<SDK::SigningKey> BaselineStore::Key(std::string& error) const {
     const std::string private_file = directory_ + "/signing.key";
     const std::string public_file = directory_ + "/signing.pub";
-    if (!Exists(private_file) && !Exists(public_file)) {
+    if (!HasKey()) {
         const auto key = SDK::SigningKey::Generate();
         if (key == nullptr || SDK::DirUtils::MakeDirs(directory_, kPrivate) != 0 ||
             SDK::FileUtils::WriteFile(private_file, key->PrivatePem(), false) != 0 ||
@@ -101,6 +101,10 @@ std::unique_ptr<SDK::SigningKey> BaselineStore::Key(std::string& error) const {
     auto key = SDK::SigningKey::Read(Text(file));
     if (key == nullptr) error = file + " is no Ed25519 key";
     return key;
+}
+
+bool BaselineStore::HasKey() const {
+    return Exists(directory_ + "/signing.key") || Exists(directory_ + "/signing.pub");
 }
 
 std::string BaselineStore::DirectoryOf(const std::string& real_path,
@@ -132,6 +136,17 @@ std::vector<Generation> BaselineStore::All() const {
         if (!numbers.empty()) all.push_back(Load(directory_ + "/" + name, numbers.back()));
     }
     return all;
+}
+
+std::vector<Generation> BaselineStore::AllKept() const {
+    std::vector<Generation> kept;
+    for (const std::string& name : NamesIn(directory_)) {
+        const std::string directory = directory_ + "/" + name;
+        for (const unsigned int number : NumbersIn(directory)) {
+            kept.push_back(Load(directory, number));
+        }
+    }
+    return kept;
 }
 
 Generation BaselineStore::Load(const std::string& directory, unsigned int number) const {

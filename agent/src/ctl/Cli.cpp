@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/ControlProtocol.h"
+#include "ctl/BaselineCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
 
@@ -134,6 +135,7 @@ int Run(int argc, const char* const* argv) {
     DefineStatus(app, args);
     DefineSecret(app, args);
     DefineReports(app, args);
+    DefineBaseline(app, args.command);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -34,6 +34,9 @@ class BaselineStore {
     /// may be kept elsewhere. Null, with `error`, when there is none.
     std::unique_ptr<SDK::SigningKey> Key(std::string& error) const;
 
+    /// There is a key, so that the other methods that read do not make one.
+    bool HasKey() const;
+
     /// The newest generation, its signature checked. Number 0: there is none yet.
     Generation Newest(const std::string& real_path, const std::string& backup_path) const;
 
@@ -47,6 +50,9 @@ class BaselineStore {
 
     /// Each path's newest generation.
     std::vector<Generation> All() const;
+
+    /// All generations that are kept, in no order.
+    std::vector<Generation> AllKept() const;
 
     /// Writes and signs the next generation, then drops all but the newest `kept`. Number 0 with a
     /// problem: nothing changed.

@@ -6,8 +6,9 @@ namespace Ctl {
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  ///< a tasklet's result, an unreadable file, an invalid answer
 constexpr int kExitUsage = 2;
-constexpr int kExitOff = 3;       ///< the policy was accepted, its feature is off
-constexpr int kExitRejected = 4;  ///< the policy was refused, or the tasklet is unknown
+constexpr int kExitDifferences = 2;  ///< what was compared is not equal
+constexpr int kExitOff = 3;          ///< the policy was accepted, its feature is off
+constexpr int kExitRejected = 4;     ///< the policy was refused, or the tasklet is unknown
 constexpr int kExitNoAgent = 5;
 
 }  // namespace Ctl

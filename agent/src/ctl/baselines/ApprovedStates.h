@@ -1,0 +1,56 @@
+#pragma once
+
+#include <baseline/BaselineStore.h>
+
+#include <string>
+#include <vector>
+
+namespace Ctl {
+
+/// A part of an approved state.
+struct ApprovedPart {
+    Baseline::Generation generation;  ///< with a manifest
+    std::string below;                ///< relative to the protected path; "" is all of it
+};
+
+/// The newest approved state of each protected path of this installation. Reads and checks them,
+/// and writes nothing. Not thread-safe.
+class ApprovedStates {
+  public:
+    /// Below the installation path.
+    static std::string DefaultDirectory();
+
+    explicit ApprovedStates(std::string directory = DefaultDirectory());
+
+    const Baseline::BaselineStore& Store() const { return store_; }
+
+    /// Null manifests are left out; ordered by the protected path.
+    const std::vector<Baseline::Generation>& Newest() const { return newest_; }
+
+    /// Sentences: why there is nothing, or which manifests cannot be used.
+    const std::vector<std::string>& Problems() const { return problems_; }
+
+    /// `path`, which may be relative, as the agent names objects. Links in a protected path are
+    /// never followed, elsewhere all but the last component.
+    std::string Resolve(const std::string& path) const;
+
+    /// The states that hold `path` or lie below it. `path` comes from Resolve.
+    std::vector<ApprovedPart> Holding(const std::string& path) const;
+
+  private:
+    void Open();
+
+    const std::string directory_;
+    const Baseline::BaselineStore store_;
+    std::vector<Baseline::Generation> newest_;
+    std::vector<std::string> problems_;
+};
+
+/// The protected path or its copies, without a trailing "/".
+std::string LiveRoot(const Baseline::ManifestInfo& info);
+std::string CopyRoot(const Baseline::ManifestInfo& info);
+
+/// `below` or a directory above it is not protected because of an exclusion.
+bool IsExcluded(const Baseline::ManifestInfo& info, const std::string& below);
+
+}  // namespace Ctl
