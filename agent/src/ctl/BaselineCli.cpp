@@ -15,6 +15,10 @@ using Command = std::function<int(const ControlClient&)>;
 constexpr char kComparisonCodes[] =
     "Exit codes: 0 equal, 2 differences (also wrong usage), 1 not everything could be compared.";
 
+constexpr char kDecisionCodes[] =
+    "Waits for the end; Ctrl-C ends only the waiting. Exit codes: 0 done, 1 failed, 2 wrong usage, "
+    "4 refused, 5 no agent.";
+
 void AddListing(CLI::App* command, ListingOptions& listing) {
     command->add_option("--limit", listing.limit, "List at most NUMBER (default 100); 0: all")
         ->type_name("NUMBER");
@@ -44,10 +48,74 @@ void DefineVerify(CLI::App& app, Command& command) {
     });
 }
 
+/// "accept" and "restore": paths, or all.
+CLI::App* DefineDecision(CLI::App& app, const std::string& action, const char* description,
+                         DecisionOptions& options) {
+    options.action = action;
+    CLI::App* decision = app.add_subcommand(action, description)->fallthrough();
+    CLI::Option_group* which = decision->add_option_group("which");
+    AddPath(which, options.paths, "Objects, with all below them");
+    which->add_flag("--all", options.all, "Everything that is protected");
+    which->require_option(1);
+    return decision;
+}
+
+void DefineDecisions(CLI::App& app, Command& command) {
+    const auto accept = std::make_shared<DecisionOptions>();
+    CLI::App* accepting = DefineDecision(
+        app, "accept", "Approve what is there: it becomes the state that is protected", *accept);
+    accepting->footer(kDecisionCodes);
+    accepting->callback([&command, accept] {
+        command = [accept](const ControlClient& client) { return Decide(client, *accept); };
+    });
+    const auto restore = std::make_shared<DecisionOptions>();
+    const auto dry_run = std::make_shared<bool>(false);
+    CLI::App* restoring = DefineDecision(app, "restore", "Bring back the approved state", *restore);
+    restoring->add_flag("--dry-run", *dry_run,
+                        "Change nothing; list what differs, as verify does, with its exit codes");
+    restoring->footer(kDecisionCodes);
+    restoring->callback([&command, restore, dry_run] {
+        command = [restore, dry_run](const ControlClient& client) {
+            if (!*dry_run) return Decide(client, *restore);
+            VerifyOptions what;
+            what.paths = restore->paths;
+            return Verify(what);
+        };
+    });
+}
+
+void DefineRollback(CLI::App* baseline, Command& command) {
+    struct Options {
+        DecisionOptions decision;
+        bool is_confirmed = false;
+    };
+    const auto options = std::make_shared<Options>();
+    options->decision.action = "rollback";
+    CLI::App* rollback = baseline->add_subcommand(
+        "rollback", "Make an older generation the approved state, and bring it back");
+    rollback->add_option("N", options->decision.generation, "Number of the generation")
+        ->required()
+        ->check(CLI::PositiveNumber);
+    AddPath(rollback, options->decision.paths, "The protected path; needed when there are several")
+        ->expected(0, 1);
+    rollback->add_flag("--yes", options->is_confirmed, "Do not ask");
+    rollback->footer(kDecisionCodes);
+    rollback->fallthrough()->callback([&command, options] {
+        command = [options](const ControlClient& client) {
+            return RollBack(client, options->decision, options->is_confirmed);
+        };
+    });
+}
+
 }  // namespace
 
 void DefineBaseline(CLI::App& app, Command& command) {
     DefineVerify(app, command);
+    DefineDecisions(app, command);
+    CLI::App* baseline =
+        app.add_subcommand("baseline", "Show the approved states and go back to one");
+    baseline->require_subcommand(1)->fallthrough();
+    DefineRollback(baseline, command);
 }
 
 }  // namespace Ctl

@@ -22,10 +22,25 @@ struct VerifyOptions {
     ListingOptions listing;
 };
 
+/// What the agent shall do with the state of a site.
+struct DecisionOptions {
+    std::string action;  ///< "accept", "restore" or "rollback"
+    std::vector<std::string> paths;
+    bool all = false;
+    unsigned int generation = 0;  ///< of a rollback
+};
+
 /// The commands on approved states. Each prints its result to standard output and errors to
 /// standard error, and returns the exit code.
 
 /// Compares the site, or the copies, with the newest approved state. Needs no agent.
 int Verify(const VerifyOptions& options);
+
+/// Asks the agent and blocks until it has finished.
+int Decide(const ControlClient& client, const DecisionOptions& options);
+
+/// The same after a question at the terminal, unless `is_confirmed`; without a path for the only
+/// protected one.
+int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed);
 
 }  // namespace Ctl
