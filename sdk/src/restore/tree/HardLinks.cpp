@@ -1,13 +1,13 @@
 // Owns which object of the live tree stands for which object of the copy. It must not walk the
 // trees (TreeRestorer does). Runs on the restore's thread.
-#include "restore/HardLinks.h"
+#include "restore/tree/HardLinks.h"
 
 #include <fcntl.h>
 
 #include <cerrno>
 
 #include "files/OpenBeneath.h"
-#include "restore/PendingObject.h"
+#include "restore/object/PendingObject.h"
 #include "sdk/files/FileDescriptor.h"
 
 namespace SDK {

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "restore/ObjectAttributes.h"
-#include "restore/RestoreSteps.h"
+#include "restore/object/ObjectAttributes.h"
+#include "restore/object/RestoreSteps.h"
 #include "sdk/time/CommandInterrupter.h"
 
 namespace SDK {

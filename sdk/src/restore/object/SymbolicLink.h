@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "restore/ObjectAttributes.h"
+#include "restore/object/ObjectAttributes.h"
 
 namespace SDK {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "restore/ObjectAttributes.h"
+#include "restore/object/ObjectAttributes.h"
 #include "sdk/files/FileDescriptor.h"
 
 namespace SDK {

@@ -1,8 +1,8 @@
-#include "restore/RestoreProgress.h"
+#include "restore/tree/RestoreProgress.h"
 
 #include <cerrno>
 
-#include "restore/RestoreSteps.h"
+#include "restore/object/RestoreSteps.h"
 #include "sdk/time/CommandInterrupter.h"
 
 namespace SDK {

@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "restore/RestoreSteps.h"
+#include "restore/object/RestoreSteps.h"
 
 namespace SDK {
 

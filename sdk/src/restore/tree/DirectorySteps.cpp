@@ -1,4 +1,4 @@
-#include "restore/DirectorySteps.h"
+#include "restore/tree/DirectorySteps.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

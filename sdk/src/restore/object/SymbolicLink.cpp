@@ -1,4 +1,4 @@
-#include "restore/SymbolicLink.h"
+#include "restore/object/SymbolicLink.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // Decides what is foreign in one directory and removes it. It must not restore anything
 // (RestoreSteps does); TreeRemover removes whole trees. Runs on the restore's thread.
-#include "restore/ForeignObjects.h"
+#include "restore/tree/ForeignObjects.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

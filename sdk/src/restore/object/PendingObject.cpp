@@ -1,6 +1,6 @@
 // Owns a new object and its temporary name until it is in place. Must not read or set content
 // and attributes (RestoreSteps does). Runs on the restore's thread.
-#include "restore/PendingObject.h"
+#include "restore/object/PendingObject.h"
 
 #include <fcntl.h>
 #include <sys/random.h>

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "files/OpenBeneath.h"
-#include "restore/ObjectAttributes.h"
+#include "restore/object/ObjectAttributes.h"
 #include "sdk/files/FileDescriptor.h"
 
 namespace SDK {

@@ -1,4 +1,4 @@
-#include "restore/ObjectAttributes.h"
+#include "restore/object/ObjectAttributes.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // Owns the order of steps that restore a single object. FileContent has content, ObjectAttributes
 // attributes, PendingObject the replacement. Must not resolve paths (PathAnchor does) or handle
 // directories (TreeRestorer does). Runs on the caller's thread.
-#include "restore/RestoreSteps.h"
+#include "restore/object/RestoreSteps.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "files/FileContent.h"
-#include "restore/BackgroundCloser.h"
-#include "restore/PendingObject.h"
-#include "restore/SymbolicLink.h"
+#include "restore/object/BackgroundCloser.h"
+#include "restore/object/PendingObject.h"
+#include "restore/object/SymbolicLink.h"
 #include "sdk/files/FileDescriptor.h"
 
 namespace SDK {

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "restore/ObjectAttributes.h"
+#include "restore/object/ObjectAttributes.h"
 #include "sdk/restore/ObjectRestorer.h"
 
 namespace SDK {

@@ -1,4 +1,4 @@
-#include "restore/ExtendedAttributes.h"
+#include "restore/object/ExtendedAttributes.h"
 
 #include <sys/xattr.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "restore/RestoreProgress.h"
+#include "restore/tree/RestoreProgress.h"
 #include "sdk/files/ExclusionFilter.h"
 
 namespace SDK {

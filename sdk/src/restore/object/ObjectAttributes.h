@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "restore/ExtendedAttributes.h"
+#include "restore/object/ExtendedAttributes.h"
 
 namespace SDK {
 

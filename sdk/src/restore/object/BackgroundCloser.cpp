@@ -1,6 +1,6 @@
 // Owns descriptors until they are closed, and the thread that closes them. Must not use them
 // otherwise. Close is thread-safe and takes ownership.
-#include "restore/BackgroundCloser.h"
+#include "restore/object/BackgroundCloser.h"
 
 #include <unistd.h>
 
