@@ -1,6 +1,7 @@
-// What the command runner adds to a command: a start and end of /bin/true by ExecuteCmd, with and
-// without a shell, beside a bare posix_spawn and a plain fork, in a process of a given size; and
-// the restore of one file of 4 KiB with rsync's sleeps and without. Everything is interleaved.
+// Measures how much time the command runner adds to a command. It runs /bin/true with ExecuteCmd,
+// with and without a shell, and compares that with a bare posix_spawn and a plain fork. The size of
+// the process is an option. It also measures the restore of one 4 KiB file by rsync, with and
+// without rsync's short sleeps. The runs of all ways alternate.
 #include <sdk/commands/ExecuteCmdUtils.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -58,16 +59,16 @@ bool Execute(const std::string& command) {
     return ExecuteCmdUtils::ExecuteCmd(command, output, 4096) == 0;
 }
 
-/// Tampers with `to` and has it restored from `from`.
+/// Changes `to` and lets `rsync` restore it from `from`.
 bool Restore(const std::string& rsync, const std::string& from, const std::string& to) {
     std::ofstream(to, std::ios::app) << "tampered";
     return Execute(rsync + " -az -H -X --links --delete-excluded --temp-dir=/tmp " + from + " " +
                    to);
 }
 
-/// False when a command fails.
+/// Runs all ways in turn. Returns false when a command fails.
 bool Measure(std::vector<Way>& ways, int rounds) {
-    for (int round = -3; round < rounds; ++round) {  // the first ones warm up
+    for (int round = -3; round < rounds; ++round) {  // negative rounds warm up
         for (Way& way : ways) {
             const auto start = Clock::now();
             if (!way.run()) {
@@ -96,7 +97,7 @@ void Print(const std::vector<Way>& ways) {
     }
 }
 
-/// Memory of this process that it has written to, as the agent's is.
+/// Resident memory that makes this process as large as an agent. A fork copies its page tables.
 class Ballast {
   public:
     explicit Ballast(std::size_t bytes)
@@ -133,7 +134,7 @@ bool MeasureRestore(const std::string& stage, int rounds) {
     const std::string from = place / "copy";
     const std::string to = place / "page";
     std::ofstream(from) << std::string(4096, 'x');
-    // Two names of one program: variables go by the name.
+    // Two links to one program: the environment of a command depends on the program's path.
     const auto program = [&](const char* name, const std::vector<std::string>& variables) {
         const std::string path = place / name;
         fs::create_symlink("/usr/bin/rsync", path);

@@ -1,5 +1,6 @@
-// What one event costs the protection: from the task's queue through the judgement to the report
-// store, with events made by hand. Everything happens in a temporary directory.
+// Measures the cost of one event in the protection module: from the task's queue through the
+// comparison to the report store. The benchmark makes the events itself and writes only to a
+// temporary directory.
 #include <framework/Engine.h>
 #include <framework/Module.h>
 #include <module_filenotify/FileNotifyMessage.h>
@@ -24,7 +25,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Registers the one task, as the protection's module does.
+/// Registers the task, as the protection module does.
 class BenchModule : public Framework::Module {
   public:
     explicit BenchModule(Engine::SentrelInotifyTask& task) : Module("bench_module"), task_(task) {}
@@ -50,12 +51,12 @@ double ProcessorSeconds() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-/// As the sender does whose queue is full; it leaves the processor to the task.
+/// Waits while the queue is full, as a sender does, so that the task gets the processor.
 void Rest() {
     std::this_thread::sleep_for(std::chrono::microseconds(200));
 }
 
-/// A protected tree with its copy, the task that protects it, and the real report module.
+/// A protected tree with its backup copy, the task that protects it, and the real report module.
 class Bench {
   public:
     Bench() {
@@ -81,7 +82,7 @@ class Bench {
         engine_.Stop();
         SDK::LoggerUtils::GetInstance()->Shutdown();
     }
-    /// From here on the task has a thread of its own, and messages go through its queue.
+    /// Registers the task: it then runs on its own thread, and messages go through its queue.
     void StartTask() {
         std::string error;
         engine_.AddModule(std::make_unique<BenchModule>(task_), error);
@@ -126,7 +127,7 @@ class Bench {
     Engine::SentrelDirRule rule_;
 };
 
-/// Runs `work` for `count` events and prints what one costs, by the clock and by the processor.
+/// Runs `work` for `count` events. Prints the elapsed time and the processor time per event.
 template <typename Work>
 void Measure(const char* what, unsigned count, Work work) {
     const double processor = ProcessorSeconds();

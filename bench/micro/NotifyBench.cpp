@@ -1,6 +1,7 @@
-// How fast changes reach a receiver: a lone one from the writer's write() to the receiver's
-// handler, and a burst of overwritten files with a receiver that takes a given time for each. The
-// real framework, task and queue; prints one line for each.
+// Measures how fast changes reach a receiver. First single changes: the time from the writer's
+// write() to the receiver's handler. Then a burst of overwritten files with a receiver that needs a
+// given time for each change. Uses the real framework, task and queue. Prints one line for each
+// measurement.
 #include <FileNotifyModule.h>
 #include <fcntl.h>
 #include <framework/ConfigManager.h>

@@ -22,7 +22,7 @@ inline double Median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-/// A directory that goes with the object.
+/// A temporary directory. The destructor removes it.
 class TempTree {
   public:
     TempTree() : path_((std::filesystem::temp_directory_path() / "bench.XXXXXX").string()) {
@@ -40,8 +40,8 @@ class TempTree {
     std::string path_;
 };
 
-/// The file-notify module's parts without the framework, with one watch on a tree; the receiver
-/// never has room.
+/// The file-notify module without the framework, with one watch on a tree. The receiver's queue is
+/// always full.
 class OwnCore {
   public:
     explicit OwnCore(const std::string& root)
@@ -60,7 +60,7 @@ class OwnCore {
         requests_.push_back(request);
     }
 
-    /// From opening inotify on; milliseconds.
+    /// Opens inotify and watches the whole tree. Returns the time in milliseconds.
     double WalkUntilReady() {
         const auto start = Clock::now();
         core_.Open();
@@ -70,7 +70,7 @@ class OwnCore {
         return MillisecondsSince(start);
     }
 
-    /// A turn as the task makes it; false: there was nothing to do.
+    /// One pass, as the task runs it. Returns false when there is nothing left to do.
     bool Step() {
         core_.ReadEvents();
         core_.Work();

@@ -1,7 +1,6 @@
-// How fast events of known files are taken in: one writer appends round robin to some thousand
-// files, once with the reading going on beside it, once with all events waiting first. Prints a
-// line of medians; --json one object.
-
+// Measures how fast the file-notify module handles events of known files. One writer appends to
+// some thousand files in turn: first while the module handles the events, then before it does.
+// Prints one line of medians, or one JSON object with --json.
 #include <fcntl.h>
 #include <sdk/files/FileDescriptor.h>
 #include <unistd.h>
@@ -19,7 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Appends a byte to each file in turn, `count` times in all; events a second.
+/// Appends one byte at a time to the files in turn. Run writes `count` times and returns the events
+/// per second.
 class Writer {
   public:
     Writer(const std::string& root, int files) {
@@ -46,8 +46,8 @@ class Writer {
 };
 
 struct Rates {
-    double written = 0;  ///< a second, while the reading went on
-    double drained = 0;  ///< of a backlog, a second
+    double written = 0;  ///< events per second while the module handles them
+    double drained = 0;  ///< events per second of a backlog
     std::uint64_t overflows = 0;
 };
 

@@ -1,6 +1,6 @@
-// How long it takes until a tree is watched, and what that costs in memory: the least it can take
-// (RawWalk) beside the file-notify module's own parts, in turns in one run. Prints a line of
-// medians; --json one object.
+// Measures how long it takes to watch a whole tree, and how much memory the watches need. Compares
+// the minimum (RawWalk) with the file-notify module; the runs of both alternate. Prints one line of
+// medians, or one JSON object with --json.
 
 #include <malloc.h>
 #include <sdk/files/FileDescriptor.h>
@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 
 constexpr int kFanOut = 32;
 
-// Directory i lies in directory (i - 1) / kFanOut; each has the same number of files.
+// Directory i lies in directory (i - 1) / kFanOut. All directories have `files` files.
 void MakeTree(const std::string& root, int directories, int files) {
     std::vector<std::string> paths{root};
     for (int i = 0; i < directories; ++i) {
@@ -54,13 +54,13 @@ double StatusKiB(const char* key) {
     return 0;
 }
 
-// Bytes per directory, in a process of its own, so that nothing of other runs is in the figures.
+// Bytes per directory. A child process measures them, so that other runs do not affect them.
 Memory MeasureMemory(const std::string& root, int directories) {
     int pipe[2];
     if (::pipe(pipe) != 0) return {};
     const pid_t child = ::fork();
     if (child == 0) {
-        ::malloc_trim(0);  // what making the tree has left
+        ::malloc_trim(0);  // free what MakeTree has left
         OwnCore own(root);
         const double heap = static_cast<double>(mallinfo2().uordblks);
         const double resident = StatusKiB("VmRSS:");
@@ -80,7 +80,8 @@ Memory MeasureMemory(const std::string& root, int directories) {
     return each;
 }
 
-// The watches go after the time was taken. False: not all directories could be watched.
+// The time does not include the removal of the watches. Returns false when a directory is not
+// watched.
 bool TimeRawWalk(const std::string& root, int threads, int directories, double& milliseconds) {
     const SDK::FileDescriptor inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     const auto start = std::chrono::steady_clock::now();
