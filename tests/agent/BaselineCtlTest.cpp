@@ -130,6 +130,35 @@ TEST_F(BaselineCtl, ProtectedPathThatIsGone_IsADifference) {
     fs::rename(site_.Path() + ".moved", site_.Path());
 }
 
+TEST_F(BaselineCtl, Generations_AreListedAndComparedByTheirManifests) {
+    ::chmod(site_.Path("a").c_str(), 0755);
+    site_.Approve("first\x1b");
+    Attack();
+    site_.Approve("second");
+    EXPECT_EQ(Run({"baseline", "list"}), 0) << errors_;
+    EXPECT_NE(out_.find("generation 1    2001-09-09"), std::string::npos) << out_;
+    EXPECT_NE(out_.find("5 objects  signature good  first\\x1b\n"), std::string::npos) << out_;
+    EXPECT_NE(out_.find("signature good  second\n"), std::string::npos) << out_;
+    EXPECT_EQ(Run({"baseline", "diff", "1"}), 2) << errors_;
+    EXPECT_EQ(Differences(), std::string("attributes  SITE/a  ") + kMode +
+                                 "added       SITE/a/\\x1b[2J\\xff.php\n" +
+                                 "missing     SITE/home\n" +
+                                 "changed     SITE/index.html  content\n" +
+                                 "added       SITE/new  directory with all below it\n");
+    EXPECT_EQ(Run({"baseline", "diff", "2", "1", "--path", site_.Path("new").c_str()}), 2);
+    EXPECT_EQ(Differences(), "missing     SITE/new  directory with all below it\n");
+    EXPECT_EQ(Run({"baseline", "diff", "2", "2"}), 0);
+    EXPECT_EQ(Run({"baseline", "diff", "2", "1", "--path", site_.Path("none").c_str()}), 0);
+    EXPECT_EQ(Run({"baseline", "diff", "3"}), 1);
+    EXPECT_NE(errors_.find("it is not kept"), std::string::npos) << errors_;
+    for (const auto& entry : fs::recursive_directory_iterator(site_.Data())) {
+        if (entry.path().filename() == "1.signature") fs::resize_file(entry.path(), 10);
+    }
+    EXPECT_EQ(Run({"baseline", "list"}), 1);
+    EXPECT_NE(out_.find("generation 1  cannot be used: the signature"), std::string::npos) << out_;
+    EXPECT_EQ(Run({"baseline", "diff", "1"}), 1);
+}
+
 TEST(ProgressText, BarRatesAndTimeLeft_FitTheTerminal) {
     const Ctl::ComparisonProgress half{500, 1000, 3'000'000};
     EXPECT_EQ(Ctl::FormatProgress(half, 10, 0),

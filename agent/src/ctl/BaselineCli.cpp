@@ -53,11 +53,13 @@ CLI::App* DefineDecision(CLI::App& app, const std::string& action, const char* d
                          DecisionOptions& options) {
     options.action = action;
     CLI::App* decision = app.add_subcommand(action, description)->fallthrough();
-    CLI::Option_group* which = decision->add_option_group("which");
-    AddPath(which, options.paths, "Objects, with all below them");
-    which->add_flag("--all", options.all, "Everything that is protected");
-    which->require_option(1);
+    CLI::Option* paths = AddPath(decision, options.paths, "Objects, with all below them");
+    decision->add_flag("--all", options.all, "Everything that is protected")->excludes(paths);
     return decision;
+}
+
+void RequireObjects(const DecisionOptions& options) {
+    if (options.paths.empty() && !options.all) throw CLI::RequiredError("PATH or --all");
 }
 
 void DefineDecisions(CLI::App& app, Command& command) {
@@ -66,6 +68,7 @@ void DefineDecisions(CLI::App& app, Command& command) {
         app, "accept", "Approve what is there: it becomes the state that is protected", *accept);
     accepting->footer(kDecisionCodes);
     accepting->callback([&command, accept] {
+        RequireObjects(*accept);
         command = [accept](const ControlClient& client) { return Decide(client, *accept); };
     });
     const auto restore = std::make_shared<DecisionOptions>();
@@ -75,12 +78,35 @@ void DefineDecisions(CLI::App& app, Command& command) {
                         "Change nothing; list what differs, as verify does, with its exit codes");
     restoring->footer(kDecisionCodes);
     restoring->callback([&command, restore, dry_run] {
+        RequireObjects(*restore);
         command = [restore, dry_run](const ControlClient& client) {
             if (!*dry_run) return Decide(client, *restore);
             VerifyOptions what;
             what.paths = restore->paths;
             return Verify(what);
         };
+    });
+}
+
+void DefineGenerations(CLI::App* baseline, Command& command) {
+    CLI::App* list = baseline->add_subcommand("list", "List the approved states that are kept");
+    list->footer("Exit codes: 0 all can be used, 1 not all.");
+    list->fallthrough()->callback(
+        [&command] { command = [](const ControlClient&) { return ListGenerations(); }; });
+    const auto options = std::make_shared<GenerationDiffOptions>();
+    CLI::App* diff = baseline->add_subcommand("diff", "List what two generations have differently");
+    diff->add_option("A", options->before, "Number of the older generation")
+        ->required()
+        ->check(CLI::PositiveNumber);
+    diff->add_option("B", options->after, "Number of the other one; default: the newest")
+        ->check(CLI::PositiveNumber);
+    diff->add_option("--path", options->path,
+                     "The protected path, or a part of it; needed when there are several")
+        ->expected(1);
+    AddListing(diff, options->listing);
+    diff->footer(kComparisonCodes);
+    diff->fallthrough()->callback([&command, options] {
+        command = [options](const ControlClient&) { return DiffGenerations(*options); };
     });
 }
 
@@ -115,6 +141,7 @@ void DefineBaseline(CLI::App& app, Command& command) {
     CLI::App* baseline =
         app.add_subcommand("baseline", "Show the approved states and go back to one");
     baseline->require_subcommand(1)->fallthrough();
+    DefineGenerations(baseline, command);
     DefineRollback(baseline, command);
 }
 

@@ -101,6 +101,7 @@ void ApprovedStates::Open() {
                             ", so that no approved state can be checked.");
         return;
     }
+    is_readable_ = true;
     for (Generation& generation : store_.All()) {
         if (generation) {
             newest_.push_back(std::move(generation));

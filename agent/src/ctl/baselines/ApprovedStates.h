@@ -27,6 +27,9 @@ class ApprovedStates {
     /// Null manifests are left out; ordered by the protected path.
     const std::vector<Baseline::Generation>& Newest() const { return newest_; }
 
+    /// The directory and its key are there, so that Store() can be read without writing.
+    bool IsReadable() const { return is_readable_; }
+
     /// Sentences: why there is nothing, or which manifests cannot be used.
     const std::vector<std::string>& Problems() const { return problems_; }
 
@@ -42,6 +45,7 @@ class ApprovedStates {
 
     const std::string directory_;
     const Baseline::BaselineStore store_;
+    bool is_readable_ = false;
     std::vector<Baseline::Generation> newest_;
     std::vector<std::string> problems_;
 };

@@ -22,6 +22,13 @@ struct VerifyOptions {
     ListingOptions listing;
 };
 
+struct GenerationDiffOptions {
+    unsigned int before = 0;
+    unsigned int after = 0;         ///< 0: the newest
+    std::vector<std::string> path;  ///< at most one; needed when there are several
+    ListingOptions listing;
+};
+
 /// What the agent shall do with the state of a site.
 struct DecisionOptions {
     std::string action;  ///< "accept", "restore" or "rollback"
@@ -36,11 +43,20 @@ struct DecisionOptions {
 /// Compares the site, or the copies, with the newest approved state. Needs no agent.
 int Verify(const VerifyOptions& options);
 
+/// Lists all generations that are kept.
+int ListGenerations();
+
+/// Compares two generations of one protected path.
+int DiffGenerations(const GenerationDiffOptions& options);
+
 /// Asks the agent and blocks until it has finished.
 int Decide(const ControlClient& client, const DecisionOptions& options);
 
 /// The same after a question at the terminal, unless `is_confirmed`; without a path for the only
 /// protected one.
 int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed);
+
+/// Prints each as a line to standard error.
+void PrintProblems(const std::vector<std::string>& problems);
 
 }  // namespace Ctl

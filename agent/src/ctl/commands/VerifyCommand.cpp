@@ -27,10 +27,6 @@ extern "C" void Interrupt(int signal) {
     std::signal(signal, SIG_DFL);
 }
 
-void PrintProblems(const std::vector<std::string>& problems) {
-    for (const std::string& problem : problems) std::cerr << Printable(problem) << "\n";
-}
-
 /// What `paths` name; false when one of them names nothing.
 bool SelectParts(const ApprovedStates& states, const std::vector<std::string>& paths,
                  std::vector<ApprovedPart>& parts) {
@@ -67,6 +63,10 @@ void PrintStates(const ApprovedStates& states, const std::vector<ApprovedPart>& 
 }
 
 }  // namespace
+
+void PrintProblems(const std::vector<std::string>& problems) {
+    for (const std::string& problem : problems) std::cerr << Printable(problem) << "\n";
+}
 
 int Verify(const VerifyOptions& options) {
     const ApprovedStates states;
