@@ -7,7 +7,7 @@
 #include <array>
 #include <string_view>
 
-#include "restore/ExtendedAttributes.h"
+#include "restore/object/ExtendedAttributes.h"
 #include "sdk/files/FileDescriptor.h"
 #include "sdk/restore/ObjectRestorer.h"
 #include "sdk/text/StrUtils.h"
