@@ -2,6 +2,7 @@
 #include <ctl/baselines/ProgressDisplay.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <fstream>
 
@@ -157,6 +158,52 @@ TEST_F(BaselineCtl, Generations_AreListedAndComparedByTheirManifests) {
     EXPECT_EQ(Run({"baseline", "list"}), 1);
     EXPECT_NE(out_.find("generation 1  cannot be used: the signature"), std::string::npos) << out_;
     EXPECT_EQ(Run({"baseline", "diff", "1"}), 1);
+}
+
+TEST_F(BaselineCtl, Diff_ShowsWhatOnePageHasDifferently) {
+    site_.Write("image", std::string("\0\1", 2));
+    ::chmod(site_.Path("a").c_str(), 0755);
+    site_.Approve("first");
+    // Not every file system takes these.
+    const bool has_attribute =
+        ::setxattr(site_.Path("a/style.css").c_str(), "user.\x1b", "x", 1, 0) == 0;
+    EXPECT_EQ(Run({"diff", site_.Path("index.html").c_str()}), 0) << errors_;
+    EXPECT_EQ(out_ + errors_, "equal\n");
+    EXPECT_EQ(Run({"diff", site_.Path().c_str()}), 0) << errors_;
+    Attack();
+    site_.Write("index.html", "PAGE\x1b[2J\n");
+    site_.Write("image", std::string("\0\2\3", 3));
+    fs::create_symlink("/etc/passwd", site_.Path("home"));
+    const std::string labels =
+        "--- " + site_.Copy("index.html") + "\n+++ " + site_.Path("index.html") + "\n";
+    struct Row {
+        const char* name;
+        int code;
+        std::string out;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"index.html", 2, labels + "@@ -1 +1 @@\n-page\n+PAGE\\x1b[2J\n"},
+             {"image", 2, "content, not text: 2 -> 3 bytes\n"},
+             {"home", 2, "link to index.html -> /etc/passwd\n"},
+             {"a", 2, kMode},
+             {"a/style.css", has_attribute ? 2 : 0,
+              has_attribute ? "added attribute user.\\x1b\n" : "equal\n"},
+             {"new", 2, "added: there is no backup copy of " + site_.Path("new") + "\n"},
+             {"none", 1, ""},
+             {"home/x", 1, ""},
+             {"cache/x", 1, ""},
+         }) {
+        EXPECT_EQ(Run({"diff", site_.Path(row.name).c_str()}), row.code) << row.name << errors_;
+        EXPECT_EQ(out_, row.out);
+        EXPECT_EQ(errors_.empty(), row.code != 1) << errors_;
+    }
+    std::ofstream(site_.Copy("index.html")) << "else\n";
+    EXPECT_EQ(Run({"diff", site_.Path("index.html").c_str()}), 2);
+    EXPECT_NE(errors_.find("not what was approved"), std::string::npos) << errors_;
+    fs::remove(site_.Path("index.html"));
+    ASSERT_EQ(::mkfifo(site_.Path("index.html").c_str(), 0644), 0);
+    EXPECT_EQ(Run({"diff", site_.Path("index.html").c_str()}), 2);
+    EXPECT_EQ(out_, "type file -> pipe\n");
 }
 
 TEST(ProgressText, BarRatesAndTimeLeft_FitTheTerminal) {

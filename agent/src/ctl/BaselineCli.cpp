@@ -88,6 +88,17 @@ void DefineDecisions(CLI::App& app, Command& command) {
     });
 }
 
+void DefineDiff(CLI::App& app, Command& command) {
+    const auto paths = std::make_shared<std::vector<std::string>>();
+    CLI::App* diff =
+        app.add_subcommand("diff", "Show what a page has differently from its backup copy");
+    AddPath(diff, *paths, "The page")->required()->expected(1);
+    diff->footer("Exit codes: 0 equal, 2 differences (also wrong usage), 1 cannot be compared.");
+    diff->fallthrough()->callback([&command, paths] {
+        command = [paths](const ControlClient&) { return DiffPage(paths->front()); };
+    });
+}
+
 void DefineGenerations(CLI::App* baseline, Command& command) {
     CLI::App* list = baseline->add_subcommand("list", "List the approved states that are kept");
     list->footer("Exit codes: 0 all can be used, 1 not all.");
@@ -137,6 +148,7 @@ void DefineRollback(CLI::App* baseline, Command& command) {
 
 void DefineBaseline(CLI::App& app, Command& command) {
     DefineVerify(app, command);
+    DefineDiff(app, command);
     DefineDecisions(app, command);
     CLI::App* baseline =
         app.add_subcommand("baseline", "Show the approved states and go back to one");

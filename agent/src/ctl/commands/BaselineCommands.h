@@ -43,6 +43,9 @@ struct DecisionOptions {
 /// Compares the site, or the copies, with the newest approved state. Needs no agent.
 int Verify(const VerifyOptions& options);
 
+/// Shows what a page has differently from its backup copy.
+int DiffPage(const std::string& path);
+
 /// Lists all generations that are kept.
 int ListGenerations();
 
