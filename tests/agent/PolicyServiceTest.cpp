@@ -25,13 +25,30 @@ class PolicyService : public testing::Test {
     Agent::PolicyService service_{host_, store_};
 };
 
+TEST(FeatureName, NameThatCouldLeaveTheFolder_IsRefused) {
+    for (const std::string& name : {std::string("A-1.b"), std::string(64, 'x')}) {
+        EXPECT_TRUE(Agent::IsFeatureName(name)) << name;
+    }
+    for (const std::string& name :
+         {std::string(), std::string("."), std::string(".."), std::string(".hidden"),
+          std::string("a/b"), std::string("../a"), std::string("a b"), std::string("a\0b", 3),
+          std::string("\xc3\xa4"), std::string(65, 'x')}) {
+        EXPECT_FALSE(Agent::IsFeatureName(name)) << name;
+    }
+}
+
 TEST_F(PolicyService, PolicyWithErrors_ChangesNothing) {
+    dir_.Write("feature_a.json", "not yours");
     service_.Apply("feature_a", "on");
     for (const char* bad : {"uncheckable", "wrong"}) {
         EXPECT_EQ(service_.Apply("feature_a", bad).state, PolicyState::kRejected) << bad;
     }
     EXPECT_EQ(service_.Apply("feature_c", "on").state, PolicyState::kRejected);
     EXPECT_EQ(service_.Apply("../feature_a", "on").state, PolicyState::kRejected);
+    std::string error;
+    EXPECT_FALSE(store_.Save("../feature_a", "{}", error));
+    EXPECT_EQ(Kept("../feature_a"), "");
+    EXPECT_EQ(test::TempDir::Read(dir_.Path("feature_a.json")), "not yours");
     EXPECT_EQ(host_.applied.size(), 1u);
     EXPECT_EQ(Kept("feature_a"), "on");
     EXPECT_EQ(StateOf("feature_a"), "on");

@@ -1,7 +1,3 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 #include <filesystem>
 #include <future>
 
@@ -22,23 +18,6 @@ TEST_F(ReportStoreTest, Reopened_ReportsAreKeptByteForByte) {
     for (std::size_t i = 0; i < bodies.size(); ++i) EXPECT_EQ(reports[i].body, bodies[i]);
     EXPECT_GT(Store("next"), reports.back().seq);
     EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0600));
-}
-
-TEST_F(ReportStoreTest, WriterKilled_EverythingStoredIsThere) {
-    constexpr int kReports = 50;
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        for (int i = 0; i < kReports; ++i) Store(std::to_string(i));
-        ::kill(::getpid(), SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    const std::vector<Engine::Report> reports = ReadAll();
-    ASSERT_EQ(reports.size(), kReports);
-    EXPECT_EQ(reports.back().body, "49");
-    EXPECT_EQ(store_->Status().files_set_aside, 0U);
 }
 
 TEST_F(ReportStoreTest, AgeBound_RemovesWhatIsOlderAndNothingElse) {

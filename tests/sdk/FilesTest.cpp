@@ -69,24 +69,6 @@ TEST_F(Files, Digest_CoversAtMostTheLimitAndFollowsOrBlocksOnNothing) {
     EXPECT_EQ(digest, "");
 }
 
-TEST_F(Files, DigestByHeldDirectory_IsThatOfItsEntryWhereverItIs) {
-    dir_.Write("held/a", "abc");
-    MakeLink("abc", "held/link");
-    const SDK::FileDescriptor held(
-        ::open(dir_.Path("held").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    fs::rename(dir_.Path("held"), dir_.Path("moved"));
-    dir_.Write("held/a", "the impostor's");
-    for (const char* name : {"a", "link"}) {
-        std::string digest;
-        EXPECT_EQ(FileUtils::GetFileSha256(held.Get(), name, digest, kMegabyte), 0) << name;
-        EXPECT_EQ(digest, kAbcDigest) << name;
-    }
-    std::string digest = "left over";
-    EXPECT_EQ(FileUtils::GetFileSha256(held.Get(), "..", digest, kMegabyte), -1);
-    EXPECT_EQ(errno, EISDIR);
-    EXPECT_EQ(digest, "");
-}
-
 TEST_F(Files, ReadFile_TakesRegularFilesOnly) {
     std::string content;
     EXPECT_EQ(FileUtils::ReadFile(MakeLink(dir_.Write("a", "abcdef")), content, 4), 0);
