@@ -89,6 +89,23 @@ TEST_F(BaselineCtl, Verify_ListsWhatDiffersAndOnlyThat) {
     EXPECT_NE(out_.find("\"differences\":5,\"listed\":2,"), std::string::npos) << out_;
 }
 
+TEST_F(BaselineCtl, ProtectedFile_IsComparedAlone) {
+    site_.Approve("first", "index.html");
+    const std::string page = site_.Path("index.html");
+    EXPECT_EQ(Run({"verify", "--full"}), 0) << out_ << errors_;
+    EXPECT_EQ(Run({"diff", page.c_str()}), 0) << errors_;
+    Attack();
+    EXPECT_EQ(Run({"verify", page.c_str()}), 2) << errors_;
+    EXPECT_EQ(Differences(), "changed     SITE/index.html  content\n");
+    EXPECT_EQ(Run({"diff", page.c_str()}), 2) << errors_;
+    EXPECT_EQ(Run({"verify", "--copies"}), 0) << out_ << errors_;
+    fs::remove(page);
+    EXPECT_EQ(Run({"verify"}), 2) << errors_;
+    EXPECT_EQ(Differences(), "missing     SITE/index.html\n");
+    EXPECT_EQ(Run({"verify", (page + "/x").c_str()}), 1);
+    EXPECT_EQ(Run({"verify", site_.Path("a").c_str()}), 1);
+}
+
 TEST_F(BaselineCtl, VerifyOfCopies_FindsWhatSomebodyDidToThem) {
     site_.Approve("first");
     site_.Write("index.html", "PAGE\n");
@@ -110,6 +127,8 @@ TEST_F(BaselineCtl, WhatCannotBeVerified_IsAFailureAndChangesNothing) {
     EXPECT_EQ(errors_, "There is no approved state of /other.\n");
     EXPECT_EQ(Run({"verify", site_.Path("cache/x").c_str()}), 1);
     EXPECT_NE(errors_.find("excluded"), std::string::npos) << errors_;
+    EXPECT_EQ(Run({"verify", site_.Path("home/x").c_str()}), 1);
+    EXPECT_NE(errors_.find("neither"), std::string::npos) << errors_;
     const std::size_t files = FilesOfInstallation();
     for (const auto& entry : fs::recursive_directory_iterator(site_.Data())) {
         if (entry.path().extension() == ".signature") fs::resize_file(entry.path(), 10);

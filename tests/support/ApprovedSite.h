@@ -34,20 +34,22 @@ class ApprovedSite {
     std::string Copy(const std::string& name) const { return backup_.Path() + site_.Path(name); }
     std::string Data() const { return installation_.Path("data/baseline"); }
 
-    /// Copies the site and approves it.
-    void Approve(const std::string& approval) {
+    /// Copies the site and approves it, or only the single file `file`.
+    void Approve(const std::string& approval, const std::string& file = "") {
         std::filesystem::remove_all(Copy());
         std::filesystem::create_directories(std::filesystem::path(Copy()).parent_path());
         ASSERT_EQ(std::system(("cp -a " + site_.Path() + " " + Copy()).c_str()), 0);
         const auto copies = SDK::PathAnchor::Open(Copy());
         Baseline::ManifestBuilder::Request request;
         request.copies.anchor = copies.get();
+        request.copies.file = file;
         request.ignored = [](const std::string& path, bool) { return path == "cache"; };
         request.is_over = [] { return false; };
         Baseline::ManifestWriter writer;
         ASSERT_TRUE(Baseline::ManifestBuilder(std::move(request)).Build(writer));
         Baseline::ManifestInfo info;
-        info.real_path = site_.Path() + "/";
+        info.is_file = !file.empty();
+        info.real_path = site_.Path() + "/" + file;
         info.backup_path = backup_.Path() + "/";
         info.exclusions = {"cache"};
         info.created = 1'000'000'000;

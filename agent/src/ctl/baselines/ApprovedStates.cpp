@@ -128,8 +128,9 @@ std::string ApprovedStates::Resolve(const std::string& path) const {
 std::vector<ApprovedPart> ApprovedStates::Holding(const std::string& path) const {
     std::vector<ApprovedPart> parts;
     for (const Generation& generation : newest_) {
-        const std::string root = LiveRoot(generation.manifest->Info());
-        if (LiesWithin(path, root)) {
+        const Baseline::ManifestInfo& info = generation.manifest->Info();
+        const std::string root = LiveRoot(info);
+        if (info.is_file ? path == root : LiesWithin(path, root)) {
             parts.push_back({generation, Below(path, root)});
         } else if (LiesWithin(root, path)) {
             parts.push_back({generation, ""});

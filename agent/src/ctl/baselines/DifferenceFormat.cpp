@@ -5,6 +5,9 @@
 #include <sdk/text/StrUtils.h>
 #include <sdk/text/Utf8.h>
 
+#include <algorithm>
+#include <ostream>
+
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {
@@ -76,15 +79,13 @@ Json::Value DifferenceObject(const FoundDifference& found) {
     return object;
 }
 
-std::string FormatDifferences(const DifferenceList& list, bool json) {
-    std::string text;
+void WriteDifferences(std::ostream& out, const DifferenceList& list, bool json) {
     for (const FoundDifference& found : list.Kept()) {
-        text += json ? SDK::JsonUtils::JsonToString(DifferenceObject(found)) + "\n"
-                     : FormatDifference(found);
+        out << (json ? SDK::JsonUtils::JsonToString(DifferenceObject(found)) + "\n"
+                     : FormatDifference(found));
     }
     const std::size_t more = list.Total() - list.Kept().size();
-    if (!json && more > 0) text += "and " + std::to_string(more) + " more\n";
-    return text;
+    if (!json && more > 0) out << "and " << more << " more\n";
 }
 
 std::string CountsOf(const DifferenceList& list) {

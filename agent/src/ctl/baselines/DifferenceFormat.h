@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <iosfwd>
 #include <string>
 
 #include "ctl/baselines/DifferenceList.h"
@@ -25,8 +26,8 @@ std::string FormatDifference(const FoundDifference& found);
 /// no UTF-8.
 Json::Value DifferenceObject(const FoundDifference& found);
 
-/// All that is kept, with what was left out, as text or as one JSON object a line.
-std::string FormatDifferences(const DifferenceList& list, bool json);
+/// Writes all that is kept, and how many were left out, as text or as one JSON object a line.
+void WriteDifferences(std::ostream& out, const DifferenceList& list, bool json);
 
 /// "3 differences: 1 changed, 2 added", or "equal".
 std::string CountsOf(const DifferenceList& list);

@@ -45,7 +45,8 @@ void GenerationComparison::Cursor::SkipBelow() {
 }
 
 GenerationComparison::GenerationComparison(const Baseline::Manifest& before,
-                                           const Baseline::Manifest& after, std::string below)
+                                           const Baseline::Manifest& after,
+                                           const std::string& below)
     : before_(before, below), after_(after, below) {}
 
 std::size_t GenerationComparison::Run(const std::function<void(const Difference&)>& found) {

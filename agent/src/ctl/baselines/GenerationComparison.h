@@ -12,9 +12,9 @@ namespace Ctl {
 /// an added or missing directory is not listed by itself. For one use; not thread-safe.
 class GenerationComparison {
   public:
-    /// Borrows both.
+    /// Borrows both manifests.
     GenerationComparison(const Baseline::Manifest& before, const Baseline::Manifest& after,
-                         std::string below);
+                         const std::string& below);
 
     /// `found` takes what `after` has differently. Returns the number of objects that were
     /// compared.

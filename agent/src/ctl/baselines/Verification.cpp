@@ -54,7 +54,12 @@ void Verification::Compare(const ApprovedPart& part) {
     const auto anchor =
         SDK::PathAnchor::Open(info.is_file ? SDK::PathUtils::GetDirFromPath(root) : root);
     if (anchor == nullptr) return AddRootFault(part, root, errno);
+    const std::size_t objects = Spent().objects;
     CompareTree(part, root, *anchor);
+    if (EntriesOf(part) == 0 && Spent().objects == objects) {
+        problems_.push_back("There is no " + info.real_path + part.below +
+                            ", neither in the approved state nor now.");
+    }
 }
 
 /// The protected path itself was removed or replaced: a difference like any other.

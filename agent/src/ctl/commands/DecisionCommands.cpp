@@ -77,6 +77,13 @@ Json::Value RequestOf(const DecisionOptions& options, const std::vector<std::str
     return request;
 }
 
+std::vector<std::string> Resolve(std::vector<std::string> paths) {
+    if (paths.empty()) return paths;
+    const ApprovedStates states;
+    for (std::string& path : paths) path = states.Resolve(path);
+    return paths;
+}
+
 bool IsConfirmed(const std::string& question) {
     if (::isatty(STDIN_FILENO) == 0) {
         std::cerr << "Nothing was done: without a terminal, --yes is needed." << std::endl;
@@ -93,9 +100,7 @@ bool IsConfirmed(const std::string& question) {
 }  // namespace
 
 int Decide(const ControlClient& client, const DecisionOptions& options) {
-    const ApprovedStates states;
-    std::vector<std::string> paths;
-    for (const std::string& path : options.paths) paths.push_back(states.Resolve(path));
+    const std::vector<std::string> paths = Resolve(options.paths);
     const Answer answer =
         client.Send(HTTPRequest::HTTP_POST, "/v1/baseline/" + options.action,
                     JsonUtils::JsonToString(RequestOf(options, paths)), kSubmitTimeoutS);

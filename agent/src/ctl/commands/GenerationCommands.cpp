@@ -122,8 +122,8 @@ int DiffGenerations(const GenerationDiffOptions& options) {
                              list.Add({root, one});
                          });
     effort.seconds = static_cast<double>(SDK::TimeUtils::GetMonotonicMs() - begun) / kMsPerSecond;
-    std::cout << FormatDifferences(list, options.listing.json)
-              << FormatSummary(list, effort, options.listing.json) << std::flush;
+    WriteDifferences(std::cout, list, options.listing.json);
+    std::cout << FormatSummary(list, effort, options.listing.json) << std::flush;
     return list.Total() == 0 ? kExitOk : kExitDifferences;
 }
 

@@ -90,7 +90,7 @@ int Verify(const VerifyOptions& options) {
         is_complete = verification.Run();
     }
     const bool json = options.listing.json;
-    std::cout << FormatDifferences(list, json);
+    WriteDifferences(std::cout, list, json);
     if (!json) PrintStates(states, parts);
     std::cout << FormatSummary(list, verification.Spent(), json) << std::flush;
     PrintProblems(verification.Problems());
