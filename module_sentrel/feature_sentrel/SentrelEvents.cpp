@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "base/FileComparison.h"
 #include "base/ModuleLogger.h"
 #include "base/PathText.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
@@ -214,7 +215,7 @@ void SentrelInotifyTask::JudgeFile(const SentrelDirRule& rule, std::uint32_t mas
                comparer.LacksContent(
                    file, [&](const std::string& path) { return IsIgnored(rule, path); });
     };
-    const Deviation deviation = comparer.Compare(file, info);
+    const Deviation deviation = Compare(rule, places, file, info);
     if (deviation == Deviation::kNone && !lacks_content()) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", file);
         return;
@@ -278,7 +279,7 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     if (exists && !SDK::StrUtils::EndsWith(path, "/") &&
         undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
         const RulePlaces places = state_.anchors.Held(rule);
-        if (places && Comparer(rule, places).Compare(path, info) == Deviation::kNone) {
+        if (places && Compare(rule, places, path, info) == Deviation::kNone) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
             return false;
         }
@@ -381,6 +382,27 @@ bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const Sentre
         return false;
     }
     return Comparer(rule, places).Describe(path, backup, exists, info);
+}
+
+Deviation SentrelInotifyTask::Compare(const SentrelDirRule& rule, const RulePlaces& places,
+                                      const std::string& file, const BackupFileInfo& info) {
+    const Deviation deviation = Comparer(rule, places).Compare(file, info);
+    const bool is_whole = info.size <= kDigestLimit || deviation != Deviation::kNone;
+    return is_whole ? deviation : CompareWhole(rule, places, file);
+}
+
+/// The digests cover the first part of a large file. The rest is compared in the background: its
+/// result comes as a change of its own, which finds it here.
+Deviation SentrelInotifyTask::CompareWhole(const SentrelDirRule& rule, const RulePlaces& places,
+                                           const std::string& file) {
+    for (const auto& [watch_id, known] : watch_rules) {
+        if (&known != &rule) continue;
+        const LargeFileCheck::Answer answer = large_files_.Ask(watch_id, file, places.anchors);
+        if (answer != LargeFileCheck::Answer::kDifferent) break;
+        SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File %s not matched behind its first part. ", file);
+        return Deviation::kContent;
+    }
+    return Deviation::kNone;
 }
 
 BackupComparer SentrelInotifyTask::Comparer(const SentrelDirRule& rule,

@@ -67,7 +67,8 @@ SentrelInotifyTask::SentrelInotifyTask(ModuleState& state, std::size_t backlog)
           [this] { Waiter().Wake(); }),
       undoer_(state),
       rejudge_(RejudgeOwner(), state, backlog),
-      reconciler_(ReconcilerOwner()) {}
+      reconciler_(ReconcilerOwner()),
+      large_files_([this] { Waiter().Wake(); }) {}
 
 Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
     Rejudge::Owner owner;
@@ -134,6 +135,7 @@ bool SentrelInotifyTask::UnInit() {
     watch_rules.clear();
     rejudge_.Forget();
     reconciler_.Forget();
+    large_files_.Stop();
     findings_.clear();
     if (mount_events_.IsOpen()) Waiter().RemoveSource(mount_events_.Get());
     mount_events_.Reset();
@@ -199,9 +201,18 @@ void SentrelInotifyTask::HandleBacklog(std::chrono::steady_clock::time_point now
     if (!SentrelUtils::GetInstance()->is_run) return;
     bool more = rejudge_.HandleDue(now, undoer_.Recent());
     more = reconciler_.Work(now) || more;
+    JudgeLargeFiles();
     SendAlarms();
     // Messages get their turn, but the task does not wait for one.
     if (more) Waiter().Wake();
+}
+
+void SentrelInotifyTask::JudgeLargeFiles() {
+    for (const FileChange& change : large_files_.TakeDifferent()) {
+        rejudge_.Judge(change, undoer_.Recent());
+    }
+    for (const std::string& watch_id : large_files_.TakeLeftOut()) reconciler_.LookAgain(watch_id);
+    state_.status.PublishLargeFiles(large_files_.Waiting(), large_files_.BytesCompared());
 }
 
 /// Reports a protected path that leads elsewhere even when nothing in it changes any more.

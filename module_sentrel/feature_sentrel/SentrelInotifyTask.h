@@ -18,6 +18,7 @@
 #include "feature_sentrel/alarms/SentrelCacheMsg.h"
 #include "feature_sentrel/event_path/BackupComparer.h"
 #include "feature_sentrel/event_path/FileChange.h"
+#include "feature_sentrel/event_path/LargeFileCheck.h"
 #include "feature_sentrel/event_path/Undoer.h"
 #include "feature_sentrel/reconcile/Reconciler.h"
 #include "feature_sentrel/rejudge/Rejudge.h"
@@ -33,7 +34,8 @@ struct ModuleState;
 /// need no lock; `alarm_cache` outlives registrations, the watches do not.
 ///
 /// It contains the order of the steps. Objects of their own carry them out: BackupComparer
-/// compares, Undoer undoes, AlarmReporter reports, Rejudge has a change handled again.
+/// and LargeFileCheck compare, Undoer undoes, AlarmReporter reports, Rejudge has a change handled
+/// again.
 class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceiver {
   public:
     /// `state` is borrowed and must outlive the task. At most `backlog` changes that have to wait,
@@ -127,6 +129,11 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
                        Handling& handling);
     Description Describe(const SentrelDirRule& rule, const std::string& file);
     BackupComparer Comparer(const SentrelDirRule& rule, const RulePlaces& places) const;
+    Deviation Compare(const SentrelDirRule& rule, const RulePlaces& places, const std::string& file,
+                      const BackupFileInfo& info);
+    Deviation CompareWhole(const SentrelDirRule& rule, const RulePlaces& places,
+                           const std::string& file);
+    void JudgeLargeFiles();
     bool IsIgnored(const SentrelDirRule& rule, const std::string& file);
     bool IsChangeOfUnnamed(const SentrelDirRule& rule, std::uint32_t mask,
                            const std::string& file) const;
@@ -144,6 +151,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     Undoer undoer_;
     Rejudge rejudge_;
     Reconciler reconciler_;
+    LargeFileCheck large_files_;
     /// What the checks of a protected path have found.
     struct Finding {
         std::string problem;

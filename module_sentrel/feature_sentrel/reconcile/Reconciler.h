@@ -67,6 +67,10 @@ class Reconciler {
     /// begins at once instead.
     void LookSoon(const std::string& watch_id, const std::string& path);
 
+    /// Has everything that has changed since the round began judged again by the next look, which
+    /// begins at once.
+    void LookAgain(const std::string& watch_id) { progress_.erase(watch_id); }
+
     /// Does one slice if one is due as of `now`, and one of the soon looks. True when more of these
     /// wait.
     bool Work(Clock::time_point now);

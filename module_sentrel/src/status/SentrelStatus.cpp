@@ -77,6 +77,11 @@ void SentrelStatus::PublishBacklog(std::size_t deferred, std::size_t failed, std
     trees_ = trees;
 }
 
+void SentrelStatus::PublishLargeFiles(std::size_t waiting, std::uint64_t bytes_compared) {
+    large_files_ = waiting;
+    large_bytes_ = bytes_compared;
+}
+
 void SentrelStatus::NoteFailure(const std::string& real_path, const std::string& text) {
     const std::lock_guard<std::mutex> lock(mutex_);
     History& history = history_[real_path];
@@ -127,7 +132,9 @@ Json::Value SentrelStatus::ToJson(const Json::Value& watches, const RunFlags& fl
     answer["backlog"]["deferred"] = static_cast<Json::UInt64>(deferred_);
     answer["backlog"]["failed"] = static_cast<Json::UInt64>(failed_);
     answer["backlog"]["trees_to_compare"] = static_cast<Json::UInt64>(trees_);
+    answer["backlog"]["large_files"] = static_cast<Json::UInt64>(large_files_);
     answer["counters"] = CountersToJson();
+    answer["counters"]["large_file_bytes"] = static_cast<Json::UInt64>(large_bytes_);
     return answer;
 }
 
@@ -202,6 +209,7 @@ Json::Value SentrelStatus::CountersToJson() const {
 void SentrelStatus::Reset() {
     for (auto& counter : counters_) counter = 0;
     PublishBacklog(0, 0, 0);
+    PublishLargeFiles(0, 0);
     const std::lock_guard<std::mutex> lock(mutex_);
     on_ = false;
     monitor_only_ = false;

@@ -66,6 +66,9 @@ class SentrelStatus {
     void NoteRemoteBackup(const std::string& real_path);
     /// The numbers of events and trees that wait to be judged again.
     void PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees);
+    /// The number of large files that wait to be compared as a whole, and the bytes compared so
+    /// far.
+    void PublishLargeFiles(std::size_t waiting, std::uint64_t bytes_compared);
     void NoteFailure(const std::string& real_path, const std::string& text);
     /// An object that could not be copied, and why.
     struct OpenObject {
@@ -123,6 +126,8 @@ class SentrelStatus {
     std::atomic<std::size_t> deferred_{0};
     std::atomic<std::size_t> failed_{0};
     std::atomic<std::size_t> trees_{0};
+    std::atomic<std::size_t> large_files_{0};
+    std::atomic<std::uint64_t> large_bytes_{0};
     mutable std::mutex mutex_;  ///< guards all below
     bool on_ = false;
     bool monitor_only_ = false;

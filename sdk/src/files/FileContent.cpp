@@ -133,11 +133,11 @@ int FileContent::ReadSmall(int file, off_t size, std::string& content) {
     return 0;
 }
 
-int FileContent::IsEqual(int one, int other, off_t size) {
+int FileContent::IsEqual(int one, int other, off_t size, off_t begin) {
     Buffer ours;
     Buffer theirs;
     constexpr int kDifferent = 1;
-    const int result = ForEachPiece(0, size, kBuffer, [&](off_t at, off_t length) {
+    const int result = ForEachPiece(begin, size, kBuffer, [&](off_t at, off_t length) {
         const auto wanted = static_cast<std::size_t>(length);
         const ssize_t got = ReadAt(one, ours.Data(), wanted, at);
         const ssize_t got_other = ReadAt(other, theirs.Data(), wanted, at);

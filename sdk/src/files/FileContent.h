@@ -22,8 +22,8 @@ class FileContent {
     /// Reads a small file of `size` bytes completely; ESTALE when its size differs.
     static int ReadSmall(int file, off_t size, std::string& content);
 
-    /// 1 when the first `size` bytes are equal, 0 when they differ.
-    static int IsEqual(int one, int other, off_t size);
+    /// 1 when the first `size` bytes are equal, 0 when they differ; only from `begin` on.
+    static int IsEqual(int one, int other, off_t size, off_t begin = 0);
 
     /// Writes all of `content` to the empty file `to`.
     static int Write(int to, const std::string& content);
