@@ -1,4 +1,3 @@
-#include <sdk/files/FileUtils.h>
 #include <sdk/text/JsonUtils.h>
 #include <unistd.h>
 
@@ -6,7 +5,6 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using test::CommandResult;
 
 class PolicyPush : public test::ProtectedSite {
@@ -23,8 +21,10 @@ TEST_F(PolicyPush, ExitCodes_DistinguishOnOffAndRejectedAndACheckChangesNothing)
     EXPECT_EQ(agent_.Ctl({"policy", "check", "sentrel_feature", good}).exit_code, 0);
     EXPECT_EQ(agent_.Ctl({"policy", "check", "sentrel_feature", "-"}, "{").exit_code, 4);
     EXPECT_EQ(agent_.Ctl({"policy", "list"}).out, "");
+    policy["note"] = 1;  // has a warning
     const CommandResult on = ApplyText(SDK::JsonUtils::JsonToString(policy));
     EXPECT_EQ(on.exit_code, 0) << on.err;
+    EXPECT_NE(on.err.find("/note"), std::string::npos) << on.err;
     EXPECT_EQ(on.out, "sentrel_feature: on\n");
     policy["enabled"] = false;
     const CommandResult off = ApplyText(SDK::JsonUtils::JsonToString(policy));
@@ -89,54 +89,6 @@ TEST_F(PolicyPush, PolicyWithoutAPathList_KeepsThePathsAfterARestart) {
     ASSERT_TRUE(agent_.Start());
     ASSERT_TRUE(AwaitProtection()) << agent_.Status();
     EXPECT_TRUE(TamperingIsUndone("index.html"));
-}
-
-TEST_F(PolicyPush, Schedule_StaysAfterItsPolicyUntilARestart) {
-    ASSERT_TRUE(agent_.Start());
-    Json::Value policy = SitePolicy();
-    const Json::Value without = policy;
-    policy["content"]["distime_enable"] = true;
-    policy["content"]["disable_timerange"].append("0:00-23:59");
-    for (int day = 0; day < 7; ++day) policy["content"]["disable_week"].append(day);
-    const auto schedule = [this] { return agent_.Status()["schedule"]; };
-    EXPECT_TRUE(schedule()["working"].asBool());
-    const CommandResult applied = ApplyText(SDK::JsonUtils::JsonToString(policy));
-    EXPECT_EQ(applied.exit_code, 0);
-    EXPECT_NE(applied.err.find("protection never works"), std::string::npos) << applied.err;
-    EXPECT_TRUE(schedule()["enabled"].asBool() && schedule()["until"].isNull());
-    EXPECT_FALSE(schedule()["working"].asBool());
-    EXPECT_NE(agent_.Ctl({"status"}).out.find("schedule    paused"), std::string::npos);
-    const CommandResult taken_back = ApplyText(SDK::JsonUtils::JsonToString(without));
-    EXPECT_NE(taken_back.err.find("until the agent restarts"), std::string::npos) << taken_back.err;
-    EXPECT_FALSE(schedule()["enabled"].asBool() || schedule()["working"].asBool());
-    agent_.Stop();
-    ASSERT_TRUE(agent_.Start());
-    EXPECT_TRUE(AwaitProtection()) << agent_.Status();
-    EXPECT_TRUE(schedule()["working"].asBool());
-}
-
-TEST_F(PolicyPush, PolicyDuringALongFirstBackup_InterruptsIt) {
-    // Interrupts running commands sooner than the default of 5 s.
-    std::ofstream(agent_.Path("conf/agent.json")) << R"({"policy_grace_ms": 500})";
-    ASSERT_TRUE(agent_.Start());
-    // The first backup never ends, as one of hours; rsync makes the later ones.
-    const std::string begun = backup_.Path("begun");
-    const std::string endless = site_.Write(
-        "rsync", "#!/bin/sh\ncase \"$1\" in --version) exec /usr/bin/rsync \"$@\";; esac\n[ -e " +
-                     begun + " ] && exec /usr/bin/rsync \"$@\"\n: > " + begun +
-                     "\nexec tail -f /dev/null\n");
-    std::string sha256;
-    ASSERT_EQ(SDK::FileUtils::GetFileSha256(endless, sha256, 1L << 30), 0);
-    Json::Value slow = SitePolicy();
-    test::SetRsync(slow, "file://" + endless, sha256);
-    ASSERT_EQ(agent_.Apply(slow), 0);
-    ASSERT_TRUE(Await([&] { return std::filesystem::exists(begun); }));
-    const CommandResult pushed = agent_.Ctl({"policy", "apply", "sentrel_feature", "-"},
-                                            SDK::JsonUtils::JsonToString(slow), 10s);
-    EXPECT_EQ(pushed.exit_code, 0) << pushed.err;
-    ASSERT_TRUE(AwaitProtection()) << agent_.Status();
-    EXPECT_TRUE(TamperingIsUndone("index.html"));
-    EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

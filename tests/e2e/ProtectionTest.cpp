@@ -77,9 +77,13 @@ TEST_F(Protection, KilledAgent_KeepsItsStoreAndProtectsAfterARestart) {
     ASSERT_TRUE(TamperingIsUndone("index.html"));
     ASSERT_TRUE(Await([&] { return agent_.HasAlarm("modify", site_.Path("index.html")); }));
     const std::size_t stored = agent_.JsonLines({"reports", "--json"}).size();
+    const Json::Value id = agent_.Status()["agent_id"];
     agent_.Kill();
+    ASSERT_TRUE(std::filesystem::exists(agent_.Path("run/agent.sock")));
+    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 5);
     ASSERT_TRUE(agent_.Start());
     ASSERT_TRUE(AwaitProtection()) << agent_.Status();
+    EXPECT_EQ(agent_.Status()["agent_id"], id);
     EXPECT_TRUE(agent_.HasAlarm("modify", site_.Path("index.html")));
     EXPECT_GE(agent_.JsonLines({"reports", "--json"}).size(), stored);
     EXPECT_TRUE(TamperingIsUndone("news.html"));

@@ -186,20 +186,6 @@ TEST_F(RemoteBackup, ServerThatDoesNotAnswer_TimesOutAndIsUsedWhenItAnswers) {
     ExpectCaughtUp();
 }
 
-TEST_F(RemoteBackup, FullDiskOnTheServer_IsReportedAndThePushSucceedsWithSpace) {
-    const std::string large(1 << 20, 'x');
-    site_.Write("large.html", large);
-    const std::string disk = received_.Path("here");
-    fs::create_directory(disk);
-    ASSERT_EQ(hosts_.server.Run("mount -t tmpfs -o size=256k,mode=700 none " + disk), 0);
-    StartServer();
-    StartClient();
-    ExpectFailure("No space left on device");
-    ASSERT_EQ(hosts_.server.Run("mount -o remount,size=16m " + disk), 0);
-    ExpectCaughtUp();
-    EXPECT_EQ(TempDir::Read(hosts_.server.PathFromOutside(Received("large.html"))), large);
-}
-
 TEST_F(RemoteBackup, KilledServerAgent_ReplacesTheRemainingDaemon) {
     StartServer();
     const int left = DaemonPid();
@@ -210,19 +196,6 @@ TEST_F(RemoteBackup, KilledServerAgent_ReplacesTheRemainingDaemon) {
     EXPECT_FALSE(IsAlive(left));
     StartClient();
     ExpectCaughtUp();
-}
-
-TEST_F(RemoteBackup, StalePidFile_DoesNotKillAnotherProcess) {
-    StartServer();
-    ASSERT_EQ(server_.Stop(), 0);
-    // As after a reboot: another process has this id now.
-    ASSERT_EQ(hosts_.server.Run("sleep infinity >/dev/null 2>&1 & echo $! >" + PidFile()), 0);
-    const int other = DaemonPid();
-    ASSERT_TRUE(server_.Start());
-    EXPECT_TRUE(Await([&] { return DaemonPid() != other && DaemonRuns(); }));
-    EXPECT_TRUE(IsAlive(other));
-    EXPECT_EQ(server_.Stop(), 0);
-    EXPECT_TRUE(IsAlive(other));
 }
 
 }  // namespace
