@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kBarCells = 20;
+constexpr int kBarCells = 16;
 constexpr int kUsualColumns = 80;
 constexpr double kMsPerSecond = 1000;
 constexpr double kPercent = 100;
@@ -50,8 +50,8 @@ std::string FormatProgress(const ComparisonProgress& progress, double seconds, i
     const double done = static_cast<double>(progress.done);
     const double total = static_cast<double>(std::max(progress.total, progress.done));
     const double share = total > 0 ? done / total : 1;
-    std::string text = StrUtils::Format("%3.0f %%  %zu of %zu objects", share * kPercent,
-                                        progress.done, std::max(progress.total, progress.done));
+    std::string text = StrUtils::Format("%3.0f %%  %zu of %zu", share * kPercent, progress.done,
+                                        std::max(progress.total, progress.done));
     if (progress.done > 0 && seconds > 0) {
         text +=
             StrUtils::Format(", %.0f/s, %s/s, ", done / seconds,

@@ -29,6 +29,9 @@ constexpr char kErase[] = "\r\033[K";
 /// The state of a request on one line of the terminal, until it is erased.
 class StateLine {
   public:
+    StateLine() = default;
+    StateLine(const StateLine&) = delete;
+    StateLine& operator=(const StateLine&) = delete;
     ~StateLine() {
         if (is_shown_) std::cerr << kErase << std::flush;
     }
