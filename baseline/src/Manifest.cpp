@@ -41,7 +41,8 @@ bool ReadInfo(std::string_view bytes, ManifestInfo& info) {
     std::int64_t exclusions = 0;
     if (!TakeString(bytes, info.real_path) || !TakeString(bytes, info.backup_path) ||
         !TakeNumber(bytes, is_file) || !TakeNumber(bytes, info.created) ||
-        !TakeString(bytes, info.approval) || !TakeNumber(bytes, exclusions)) {
+        !TakeString(bytes, info.approval) || !TakeNumber(bytes, info.attribute_kinds) ||
+        !TakeNumber(bytes, exclusions)) {
         return false;
     }
     info.is_file = is_file != 0;

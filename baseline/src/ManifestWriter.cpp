@@ -32,6 +32,7 @@ std::string InfoBytes(const ManifestInfo& info) {
     PutNumber(bytes, info.is_file ? 1 : 0);
     PutNumber(bytes, info.created);
     PutString(bytes, info.approval);
+    PutNumber(bytes, info.attribute_kinds);
     PutNumber(bytes, static_cast<std::int64_t>(info.exclusions.size()));
     for (const std::string& pattern : info.exclusions) PutString(bytes, pattern);
     bytes.resize((bytes.size() + kAlignment - 1) / kAlignment * kAlignment);

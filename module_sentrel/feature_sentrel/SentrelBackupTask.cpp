@@ -79,6 +79,7 @@ bool SentrelBackupTask::UnInit() {
 
 int SentrelBackupTask::Run() {
     RetryOpenObjects();
+    CommitInterrupted();
     SentrelUtils* utils = SentrelUtils::GetInstance();
     const std::uint64_t round = state_.progress.Round();
     if (!utils->MakesLocalBackup()) {
@@ -148,6 +149,8 @@ std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
     if (!unsafe.empty()) return unsafe;
     // The path ends in "/", so rsync would follow a link in the directory's place and take what it
     // leads to for the good state.
+    const std::string unapproved = state_.baselines.Obstacle(rule);
+    if (!unapproved.empty()) return unapproved;
     const RulePlaces places = state_.anchors.Of(rule);
     if (!places) return places.problem;
     const std::string mount = UnusualMount(*places.anchors);
@@ -181,6 +184,7 @@ bool SentrelBackupTask::BackUpLocally(const SentrelDirRule& rule, unsigned long 
     // A copy that began before the last pause of protection lacks the changes of the pause.
     if (!state_.progress.NoteComplete(rule, round, {}, AttributeKinds(rule))) return false;
     OpenReport(state_.progress, state_.status).Publish(rule);
+    CommitBaseline(rule);
     return true;
 }
 
@@ -198,6 +202,45 @@ unsigned SentrelBackupTask::AttributeKinds(const SentrelDirRule& rule) {
                 rule.real_path, left_out);
     }
     return kinds;
+}
+
+/// Lists the copies, which are what was approved from now on. An interrupted listing begins again
+/// with the next pass.
+void SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
+    uncommitted_.erase(rule.real_path);
+    const RulePlaces places = state_.anchors.Of(rule);
+    const std::optional<std::timespec> begin = state_.progress.Begin();
+    if (!places || !begin) return;
+    RuleBaselines::Commitment commitment;
+    commitment.begun = *begin;
+    for (const auto& entry : state_.progress.OpenEntries(rule, OpenObjects::kCapacity)) {
+        commitment.open.push_back(entry.below);
+    }
+    commitment.attribute_kinds = state_.progress.AttributeKinds(rule);
+    commitment.is_over = [this] { return ShouldYield(); };
+    std::string problem;
+    switch (state_.baselines.Commit(*places.anchors, std::move(commitment), problem)) {
+        case RuleBaselines::Committed::kYes:
+            SDK_LOG(ModuleLogger(), PRIO_NOTICE, "the state of %s is approved.", rule.real_path);
+            break;
+        case RuleBaselines::Committed::kInterrupted:
+            uncommitted_.insert(rule.real_path);
+            break;
+        case RuleBaselines::Committed::kFailed:
+            SDK_LOG(ModuleLogger(), PRIO_WARNING, "the manifest of %s was not written: %s.",
+                    rule.real_path, problem);
+            state_.status.NoteFailure(rule.real_path, "manifest: " + problem);
+            break;
+    }
+}
+
+void SentrelBackupTask::CommitInterrupted() {
+    const std::set<std::string> paths = uncommitted_;
+    for (const SentrelDirRule& rule : SentrelUtils::GetInstance()->dir_rules) {
+        if (paths.count(rule.real_path) > 0 && state_.progress.IsComplete(rule)) {
+            CommitBaseline(rule);
+        }
+    }
 }
 
 bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {
@@ -218,6 +261,7 @@ bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint6
     state_.status.NoteLocalBackup(rule.real_path);
     OpenReport(state_.progress, state_.status).Publish(rule);
     if (has_open) OpenReport(state_.progress, state_.status).Alarm(rule, *this);
+    CommitBaseline(rule);
     return true;
 }
 
@@ -250,6 +294,7 @@ void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
     if (copied == 0) return;
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s: %lu open objects have been copied now.",
             rule.real_path, static_cast<unsigned long>(copied));
+    CommitBaseline(rule);
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
     // The server's copy lacks them.
     if (utils->backup_type == kLocalAndRemote && progress.Round() == round) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "base/SentrelDirRule.h"
@@ -42,10 +43,13 @@ class SentrelBackupTask : public Framework::Task {
     /// Tries the open objects again that are due.
     void RetryOpenObjects();
     void RetryOpenObjects(const SentrelDirRule& rule);
+    void CommitBaseline(const SentrelDirRule& rule);
+    void CommitInterrupted();
     bool PushToServer(const SentrelDirRule& rule);
     void ClearPending(std::atomic<bool>& pending, std::uint64_t round);
 
     ModuleState& state_;
+    std::set<std::string> uncommitted_;  ///< paths whose manifest is still to be written
 };
 
 }  // namespace Engine

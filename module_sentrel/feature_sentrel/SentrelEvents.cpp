@@ -85,6 +85,7 @@ void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "inot not run");
         return;
     }
+    ReleaseIfChanged(*msg);
     const Handling handling = Judge(*msg);
     rejudge_.Take({msg->GetWatchFile(), msg->GetEventFilePath(), msg->GetRawMask(),
                    msg->GetReadTime(), 0, ChangeOrigin::kLive},
@@ -335,15 +336,15 @@ void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::s
     handling.other_names = ObjectId(info.st_dev, info.st_ino);
 }
 
-/// A file or link whose copy was made since the policy or the end of a pause. Restoring it deletes
-/// nothing. An older copy may lack an update that has not been copied yet.
+/// A file or link whose copy was made since the policy or the end of a pause, or is approved.
+/// Restoring it deletes nothing. An older copy may lack an update that has not been copied yet.
 bool SentrelInotifyTask::IsRestoredAlone(const SentrelDirRule& rule,
                                          const std::string& path) const {
     const RulePlaces places = state_.anchors.Held(rule);
     struct stat copy {};
     struct stat live {};
     if (!places || places.anchors->StatCopy(path, copy) != 0 || S_ISDIR(copy.st_mode) ||
-        !state_.progress.IsOfThisRound(copy)) {
+        !(state_.progress.IsOfThisRound(copy) || state_.progress.IsChecking(rule))) {
         return false;
     }
     if (places.anchors->StatLive(path, live) == 0) return !S_ISDIR(live.st_mode);
@@ -355,11 +356,15 @@ UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool 
     if (SentrelUtils::GetInstance()->monitor_only || !rule.auto_restore) return {};
     if (!restore && !remove) return {};
     // An object that could not be backed up is neither known to be good nor to be foreign.
-    const BackupProgress& progress = state_.progress;
+    BackupProgress& progress = state_.progress;
+    if (progress.IsHeld(rule, path)) return {Outcome::kHeld};
     if (progress.IsOpen(rule, path) || (!restore && progress.HasOpenIn(rule, path))) return {};
     if (AwaitsBackup(rule, progress) && !(restore && IsRestoredAlone(rule, path))) {
         return {Outcome::kDeferred};
     }
+    // What was approved would look foreign.
+    if (!restore && !state_.baselines.HasBackup(rule)) return {Outcome::kRemovalFailed};
+    if (!restore && HasLostItsCopy(rule, path)) return {Outcome::kHeld};
     UndoResult undoing;
     if (restore) {
         undoing = undoer_.Restore(rule, path);
@@ -368,7 +373,56 @@ UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool 
         undoing = undoer_.Remove(rule, path);
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "delete : %s", path);
     }
+    ReportCopyFaults(rule, undoing);
     return undoing;
+}
+
+/// An object that was approved is not foreign, even when its copy is gone.
+bool SentrelInotifyTask::HasLostItsCopy(const SentrelDirRule& rule, const std::string& path) {
+    const RulePlaces places = state_.anchors.Held(rule);
+    std::string_view below;
+    if (!places || !state_.baselines.IsApproved(*places.anchors, path) ||
+        !places.anchors->Below(path, below)) {
+        return false;
+    }
+    UndoResult lost;
+    lost.copy_faults.push_back({SDK::PathUtils::WithoutTrailingSlash(path), "it is missing"});
+    ReportCopyFaults(rule, lost);
+    state_.progress.Hold(rule, SDK::PathUtils::WithoutTrailingSlash(std::string(below)), true);
+    return true;
+}
+
+/// The alarm names the copy, since the object on the site has alarms of its own.
+void SentrelInotifyTask::ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing) {
+    for (const RuleBaselines::Fault& fault : undoing.copy_faults) {
+        Alarm alarm;
+        alarm.file = rule.backup_path + fault.path;
+        alarm.type = ALARM_MODIFY;
+        alarm.note = {"backup copy differs from its manifest: " + fault.what, -1, true};
+        alarms_.Raise(std::move(alarm), PinnedFile(), "");
+        SDK_LOG(ModuleLogger(), PRIO_ERROR,
+                "the backup copy of %s differs from its manifest (%s) and is not used.", fault.path,
+                fault.what);
+    }
+}
+
+/// A held object that is changed again is judged against the approved state: only what was changed
+/// while nobody watched is held.
+void SentrelInotifyTask::ReleaseIfChanged(const FileNotifyMessage& msg) {
+    const auto found = watch_rules.find(msg.GetWatchFile());
+    if (found == watch_rules.end()) return;
+    const SentrelDirRule& rule = found->second;
+    const std::string path = SDK::PathUtils::WithoutTrailingSlash(msg.GetEventFilePath());
+    std::string_view below;
+    struct stat live {};
+    if (!state_.progress.IsHeld(rule, path)) return;
+    const RulePlaces places = state_.anchors.Held(rule);
+    const std::optional<std::timespec> begun = state_.progress.Begin();
+    if (!places || !begun || !places.anchors->Below(path, below) || below.empty() ||
+        places.anchors->StatLive(path, live) != 0 || live.st_ctim.tv_sec <= begun->tv_sec) {
+        return;
+    }
+    state_.progress.Release(rule, std::string(below));
 }
 
 bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule,

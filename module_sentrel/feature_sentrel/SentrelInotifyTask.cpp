@@ -68,7 +68,8 @@ SentrelInotifyTask::SentrelInotifyTask(ModuleState& state, std::size_t backlog)
       undoer_(state),
       rejudge_(RejudgeOwner(), state, backlog),
       reconciler_(ReconcilerOwner()),
-      large_files_([this] { Waiter().Wake(); }) {}
+      large_files_([this] { Waiter().Wake(); }),
+      check_([this] { Waiter().Wake(); }) {}
 
 Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
     Rejudge::Owner owner;
@@ -106,7 +107,7 @@ Reconciler::Owner SentrelInotifyTask::ReconcilerOwner() {
 std::optional<Reconciler::Basis> SentrelInotifyTask::BasisOf(const SentrelDirRule& rule) const {
     const std::optional<std::timespec> begun = state_.progress.Begin();
     if (!SentrelUtils::GetInstance()->MakesLocalBackup() || !begun ||
-        !state_.progress.IsComplete(rule)) {
+        !state_.progress.IsComplete(rule) || state_.progress.IsChecking(rule)) {
         return std::nullopt;
     }
     return Reconciler::Basis{state_.progress.Round(), *begun, state_.progress.AttributeKinds(rule)};
@@ -122,6 +123,8 @@ void SentrelInotifyTask::NoteLook(const Reconciler::Look& look) {
 
 bool SentrelInotifyTask::Init() {
     reconciler_.SetPeriod(ReconcilePeriod());
+    check_settings_ = CheckSettings::Read();
+    check_action_ = check_settings_.at_start;
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
     WatchMounts();
     AddFileNotifyWatches();
@@ -131,6 +134,8 @@ bool SentrelInotifyTask::Init() {
 
 bool SentrelInotifyTask::UnInit() {
     RmvFileNotifyWatches();
+    check_.Stop();
+    being_checked_.clear();
     alarms_.Finish();
     watch_rules.clear();
     rejudge_.Forget();
@@ -199,7 +204,8 @@ std::string SentrelInotifyTask::HandleFileNotifyWatch(bool remove, const std::st
 
 void SentrelInotifyTask::HandleBacklog(std::chrono::steady_clock::time_point now) {
     if (!SentrelUtils::GetInstance()->is_run) return;
-    bool more = rejudge_.HandleDue(now, undoer_.Recent());
+    bool more = TakeCheckResults();
+    more = rejudge_.HandleDue(now, undoer_.Recent()) || more;
     more = reconciler_.Work(now) || more;
     JudgeLargeFiles();
     SendAlarms();
@@ -220,6 +226,7 @@ void SentrelInotifyTask::CheckPlaces() {
     const auto now = std::chrono::steady_clock::now();
     if (now < next_look_ || !SentrelUtils::GetInstance()->is_run) return;
     next_look_ = now + kLookAtPlaces;
+    StartChecks();
     for (const auto& [id, rule] : watch_rules) CheckPlace(id, rule);
 }
 
@@ -227,7 +234,9 @@ void SentrelInotifyTask::CheckPlace(const std::string& watch_id, const SentrelDi
     const RulePlaces places = state_.anchors.Of(rule);
     const std::vector<MountTable::Difference> mounts =
         places ? places.anchors->UnusualMounts() : std::vector<MountTable::Difference>();
-    const std::string problem = mounts.empty() ? places.problem : mounts.front().text;
+    const std::string without_baseline = BaselineProblem(rule);
+    const std::string place = places ? without_baseline : places.problem;
+    const std::string problem = mounts.empty() ? place : mounts.front().text;
     state_.status.SetProblem(rule.real_path, problem);
     Finding& known = findings_[watch_id];
     // Changes of the meantime need not wait for their next retry; retries are given up after a
@@ -236,7 +245,8 @@ void SentrelInotifyTask::CheckPlace(const std::string& watch_id, const SentrelDi
     if (problem != known.problem) known.checks = 0;
     known.problem = problem;
     known.checks = problem.empty() ? 0 : known.checks + 1;
-    if (places) return TellMounts(watch_id, *places.anchors, mounts);
+    if (places) TellMounts(watch_id, *places.anchors, mounts);
+    if (!mounts.empty()) return;
     if (known.checks != (places.is_mount ? 1 : kLooksUntilAlarm)) return;
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", rule.real_path, problem);
     SendAlarm({rule.real_path, ALARM_MODIFY, "", "", {"not protected: " + problem, -1, true}});
@@ -303,6 +313,8 @@ void SentrelInotifyTask::CheckDisableTime() {
     if (work) {
         state_.progress.Restart();
         TakeMountsForNormal();
+        check_action_ = check_settings_.after_pause;
+        GoOnFromBaselines(state_, utils->dir_rules, check_action_, "end of a pause");
     }
     utils->is_run = work;
     utils->local_backup_pending = work;

@@ -20,7 +20,9 @@
 #include "feature_sentrel/event_path/FileChange.h"
 #include "feature_sentrel/event_path/LargeFileCheck.h"
 #include "feature_sentrel/event_path/Undoer.h"
+#include "feature_sentrel/reconcile/BaselineCheck.h"
 #include "feature_sentrel/reconcile/Reconciler.h"
+#include "feature_sentrel/reconcile/StartCheck.h"
 #include "feature_sentrel/rejudge/Rejudge.h"
 #include "places/MountTable.h"
 
@@ -119,6 +121,17 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void TakeMountsForNormal();
     bool IsBehindMount(const SentrelDirRule& rule, const std::string& path) const;
 
+    // Comparing with the approved state (SentrelBaselines.cpp).
+
+    std::string BaselineProblem(const SentrelDirRule& rule) const;
+    void StartChecks();
+    bool TakeCheckResults();
+    void TakeFound(const BaselineCheck::Found& found);
+    void EndCheck(const BaselineCheck::Ended& ended);
+    void ReleaseIfChanged(const FileNotifyMessage& msg);
+    bool HasLostItsCopy(const SentrelDirRule& rule, const std::string& path);
+    void ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing);
+
     Handling Judge(FileNotifyMessage& msg);
     Handling JudgeLeftOut(const FileNotifyMessage& msg);
     static bool IsLeftOut(const std::string& path);
@@ -160,6 +173,11 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     };
     std::map<std::string, Finding> findings_;  ///< by watch id
     SDK::FileDescriptor mount_events_;
+    BaselineCheck check_;
+    CheckSettings check_settings_;
+    CheckAction check_action_ = CheckAction::kHold;  ///< of the checks that are under way
+    std::set<std::string> being_checked_;            ///< by watch id
+    int last_full_check_day_ = -1;                   ///< of the year
     std::chrono::steady_clock::time_point next_look_{};
 };
 

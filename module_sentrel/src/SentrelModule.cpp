@@ -18,6 +18,7 @@
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "feature_sentrel/policy_check/PolicyCompletion.h"
 #include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
+#include "feature_sentrel/reconcile/StartCheck.h"
 #include "status/WatchList.h"
 #include "utils/SentrelUtils.h"
 
@@ -67,6 +68,8 @@ bool SentrelModule::Init() {
     SentrelUtils::GetInstance()->Rsync().Reset();
     state_.status.Reset();
     state_.schedule.Reset();
+    state_.baselines.Reset(SDK::PathUtils::GetInstallationPath() + "data/baseline",
+                           CheckSettings::Read().generations);
     state_.backup_server.Reset();
     state_.places.Judge({});
     RegisterCallbacks();
@@ -80,6 +83,13 @@ Json::Value SentrelModule::AnswerStatus() {
     Json::Value answer = state_.status.ToJson(
         AskForWatches(),
         {utils->is_run, utils->local_backup_pending, utils->remote_backup_pending});
+    for (Json::Value& path : answer["protected_paths"]) {
+        SentrelDirRule rule;
+        rule.real_path = path["path"].asString();
+        rule.backup_path = path["backup_path"].asString();
+        path["baseline"] = state_.baselines.ToJson(rule.real_path, rule.backup_path);
+        path["held"] = static_cast<Json::UInt64>(state_.progress.HeldCount(rule));
+    }
     answer["rsync"] = utils->Rsync().ToJson();
     answer["schedule"] = state_.schedule.ToJson(WorkClock::Now());
     answer["backup_server"] =

@@ -4,6 +4,7 @@
 // the module's gate held alone except while the rsync daemon ends.
 #define SDK_LOG_FILE "SentrelModule.cpp"
 
+#include <framework/Engine.h>
 #include <framework/OutsideGate.h>
 #include <json/value.h>
 #include <sdk/log/Log.h>
@@ -21,6 +22,7 @@
 #include "feature_sentrel/SentrelBackupTask.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "feature_sentrel/SentrelPolicy.h"
+#include "feature_sentrel/reconcile/StartCheck.h"
 #include "utils/SentrelUtils.h"
 
 namespace Engine {
@@ -132,6 +134,11 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
         return 0;
     }
     utils->SetInotifyMaxUserWatches();
+    const bool is_kept =
+        Framework::Engine::Instance().OriginOfPolicy() == Framework::PolicyOrigin::kKept;
+    GoOnFromBaselines(state_, utils->dir_rules,
+                      is_kept ? CheckSettings::Read().at_start : CheckAction::kAccept,
+                      is_kept ? "start of the agent" : "policy applied");
     ProcSentrelRegisterTask();
     utils->SendStatusMsg("sentrel_feature", "SentrelInotifyTask", "protect");
     return 1;

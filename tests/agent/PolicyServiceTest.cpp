@@ -108,6 +108,9 @@ TEST_F(PolicyService, KeptPolicies_AreAppliedAgainAndOneFailureStopsNoOther) {
     EXPECT_EQ(StateOf("feature_b"), "on");
     EXPECT_EQ(StateOf("of_no_module"), "failed");
     EXPECT_EQ(Kept("feature_a"), "throws");
+    EXPECT_EQ(host_.by_operator, std::vector<bool>(host_.applied.size(), false));
+    service_.Apply("feature_b", "on");
+    EXPECT_TRUE(host_.by_operator.back());
 }
 
 }  // namespace

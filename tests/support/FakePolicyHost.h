@@ -16,6 +16,7 @@ class FakePolicyHost : public Agent::PolicyHost {
   public:
     std::vector<std::string> features = {"feature_a", "feature_b"};
     std::vector<std::pair<std::string, std::string>> applied;
+    std::vector<bool> by_operator;  ///< of each applied one
 
     std::vector<std::string> Features() const override { return features; }
 
@@ -35,8 +36,10 @@ class FakePolicyHost : public Agent::PolicyHost {
         return Has(text, "partial") ? text + "; " + last : text;
     }
 
-    Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text) override {
+    Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text,
+                                   Framework::PolicyOrigin origin) override {
         applied.emplace_back(feature, text);
+        by_operator.push_back(origin == Framework::PolicyOrigin::kOperator);
         Framework::PolicyOutcome outcome;
         outcome.handled = !Has(text, "unhandled");
         outcome.result = Has(text, "on") ? 1 : 0;

@@ -43,8 +43,9 @@ std::string EnginePolicyHost::Completed(const std::string& feature, const std::s
 }
 
 Framework::PolicyOutcome EnginePolicyHost::Apply(const std::string& feature,
-                                                 const std::string& text) {
-    return engine_.ApplyPolicy(feature, text);
+                                                 const std::string& text,
+                                                 Framework::PolicyOrigin origin) {
+    return engine_.ApplyPolicy(feature, text, origin);
 }
 
 }  // namespace Agent

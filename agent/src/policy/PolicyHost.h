@@ -31,7 +31,8 @@ class PolicyHost {
                                   const std::string& last) = 0;
 
     /// Lets the framework apply the policy; blocks until that is done.
-    virtual Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text) = 0;
+    virtual Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text,
+                                           Framework::PolicyOrigin origin) = 0;
 };
 
 /// The PolicyHost of the running agent. Borrows the engine.
@@ -44,7 +45,8 @@ class EnginePolicyHost : public PolicyHost {
                Json::Value& answer) override;
     std::string Completed(const std::string& feature, const std::string& text,
                           const std::string& last) override;
-    Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text) override;
+    Framework::PolicyOutcome Apply(const std::string& feature, const std::string& text,
+                                   Framework::PolicyOrigin origin) override;
 
   private:
     Framework::Engine& engine_;

@@ -112,7 +112,7 @@ PolicyVerdict PolicyService::ApplyChecked(const std::string& feature, const std:
         PolicyVerdict whole = Check(feature, text);
         if (!whole.errors.empty()) return whole;
     }
-    const Attempt attempt = Try(feature, text);
+    const Attempt attempt = Try(feature, text, Framework::PolicyOrigin::kOperator);
     verdict.state = attempt.state;
     if (attempt.state == PolicyState::kRejected) {
         verdict.errors.append(Message(attempt.reason + " " + RestoreLastGood(feature)));
@@ -129,8 +129,9 @@ PolicyVerdict PolicyService::ApplyChecked(const std::string& feature, const std:
     return verdict;
 }
 
-PolicyService::Attempt PolicyService::Try(const std::string& feature, const std::string& text) {
-    const Framework::PolicyOutcome outcome = host_.Apply(feature, text);
+PolicyService::Attempt PolicyService::Try(const std::string& feature, const std::string& text,
+                                          Framework::PolicyOrigin origin) {
+    const Framework::PolicyOutcome outcome = host_.Apply(feature, text, origin);
     if (!outcome.exception.empty()) {
         return {PolicyState::kRejected,
                 "Applying the policy ended with an exception: " + outcome.exception + "."};
@@ -189,7 +190,7 @@ PolicyVerdict PolicyService::Reapply(const std::string& feature) {
         SDK_LOG(Log(), PRIO_ERROR, "policy of %s: %s", feature, warning["message"].asString());
     }
     if (!verdict.errors.empty()) return verdict;
-    const Attempt attempt = Try(feature, text);
+    const Attempt attempt = Try(feature, text, Framework::PolicyOrigin::kKept);
     verdict.state = attempt.state;
     if (attempt.state == PolicyState::kRejected) verdict.errors.append(Message(attempt.reason));
     return verdict;

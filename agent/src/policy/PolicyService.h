@@ -69,7 +69,8 @@ class PolicyService {
     PolicyVerdict Check(const std::string& feature, const std::string& text,
                         PolicyHost::Scope scope);
     bool IsKnown(const std::string& feature) const;
-    Attempt Try(const std::string& feature, const std::string& text);
+    Attempt Try(const std::string& feature, const std::string& text,
+                Framework::PolicyOrigin origin);
     std::string RestoreLastGood(const std::string& feature);
     PolicyVerdict ApplyChecked(const std::string& feature, const std::string& given,
                                PolicyVerdict verdict);

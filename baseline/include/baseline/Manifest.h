@@ -21,6 +21,7 @@ struct ManifestInfo {
     std::vector<std::string> exclusions;  ///< patterns as rsync's
     std::int64_t created = 0;             ///< seconds since the epoch
     std::string approval;                 ///< how and by whom, in words
+    std::int64_t attribute_kinds = 0;     ///< of extended attributes that the copies have
 };
 
 /// The list of all objects of one protected path in the state that an operator approved. Read from

@@ -75,7 +75,11 @@ class Engine : public Poco::Util::Application {
 
     /// Offers the policy to the callbacks in the order of registration until one sets the handled
     /// flag. Blocks until the outcome is known. Not from the framework thread.
-    PolicyOutcome ApplyPolicy(const std::string& feature, const std::string& policy_json);
+    PolicyOutcome ApplyPolicy(const std::string& feature, const std::string& policy_json,
+                              PolicyOrigin origin = PolicyOrigin::kOperator);
+
+    /// The origin of the policy that is being applied. Framework thread, within a policy callback.
+    PolicyOrigin OriginOfPolicy() const { return policy_origin_; }
 
     /// Runs the tasklet of that id and blocks until its result. Not from the framework thread.
     TaskletOutcome InvokeTasklet(const std::string& id, const std::string& request);
@@ -96,6 +100,7 @@ class Engine : public Poco::Util::Application {
 
   private:
     std::atomic<bool> stopping_{false};
+    PolicyOrigin policy_origin_ = PolicyOrigin::kOperator;  ///< framework thread
     QueryRegistry queries_;
     std::unique_ptr<TaskRegistry> tasks_;
     std::unique_ptr<CallbackRegistry> callbacks_;

@@ -4,6 +4,12 @@
 
 namespace Framework {
 
+/// Who wants a policy to be in force.
+enum class PolicyOrigin {
+    kOperator,  ///< somebody pushed it just now
+    kKept,      ///< the agent itself: it was in force before
+};
+
 /// The outcome of a pushed policy.
 struct PolicyOutcome {
     bool handled = false;   ///< a callback took it (set the handled flag)

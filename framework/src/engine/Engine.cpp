@@ -88,10 +88,14 @@ bool Engine::PostMessage(const std::string& task_id, Message* msg) {
     return handle.pin && Task::SendAgileMsg(handle.runner->Target(), msg);
 }
 
-PolicyOutcome Engine::ApplyPolicy(const std::string& feature, const std::string& policy_json) {
+PolicyOutcome Engine::ApplyPolicy(const std::string& feature, const std::string& policy_json,
+                                  PolicyOrigin origin) {
     PolicyOutcome outcome;
     const std::string thrown = RunGuarded([&] {
-        RunOnFrameworkThread([&] { outcome = callbacks_->Dispatch(feature, policy_json); });
+        RunOnFrameworkThread([&] {
+            policy_origin_ = origin;
+            outcome = callbacks_->Dispatch(feature, policy_json);
+        });
     });
     if (!thrown.empty()) outcome.exception = thrown;
     return outcome;

@@ -34,6 +34,7 @@ enum class Outcome {
     kNone,      ///< nothing: it needed nothing, or is only reported
     kRestored,  ///< restored from the copy
     kRemoved,   ///< it was foreign
+    kHeld,      ///< an operator must decide
     kDeferred,  ///< it waits: nothing is destroyed before the first backup is complete
     kRestoreFailed,
     kRemovalFailed,
@@ -62,6 +63,8 @@ inline const char* OutcomeText(Outcome outcome) {
             return "restored";
         case Outcome::kRemoved:
             return "removed";
+        case Outcome::kHeld:
+            return "held";
         case Outcome::kRestoreFailed:
             return "restore failed";
         case Outcome::kRemovalFailed:

@@ -96,16 +96,18 @@ std::string FirstObstacle(const AnchoredRule& rule, const std::string& path) {
 UndoResult Undoer::Restore(const SentrelDirRule& rule, const std::string& path) {
     SentrelStatus& status = state_.status;
     Attempt attempt;
-    for (int tries = 0; tries < kTries && !attempt.restored; ++tries) {
+    for (int tries = 0; tries < kTries && !attempt.restored && attempt.copy_faults.empty();
+         ++tries) {
         attempt = TryToRestore(rule, path);
     }
     if (!attempt.restored) {
         status.Count(SentrelStatus::kRestoresFailed);
         status.NoteFailure(rule.real_path, "restore of " + path + ": " + attempt.error);
-        return {Outcome::kRestoreFailed};
+        return {Outcome::kRestoreFailed, "", std::move(attempt.copy_faults)};
     }
     status.Count(SentrelStatus::kRestoresDone);
-    return {Outcome::kRestored, attempt.is_above ? attempt.target : std::string()};
+    return {Outcome::kRestored, attempt.is_above ? attempt.target : std::string(),
+            std::move(attempt.copy_faults)};
 }
 
 Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::string& path) {
@@ -123,6 +125,7 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
         attempt.target = obstacle;
         attempt.is_above = true;
     }
+    if (!HasGoodCopy(anchors, attempt)) return attempt;
     const mode_t live = LiveType(anchors, attempt.target);
     const mode_t copy = CopyType(anchors, attempt.target);
     if (copy == S_IFDIR) attempt.target += '/';
@@ -140,6 +143,29 @@ Undoer::Attempt Undoer::TryToRestore(const SentrelDirRule& rule, const std::stri
                  is_single ? IdentityAt(anchors, attempt.target) : std::nullopt);
     if (attempt.restored && live == S_IFLNK && copy != S_IFLNK) CountPlantedLink(attempt.target);
     return attempt;
+}
+
+/// Copies that are not what was approved are held back with the objects that they belong to. False
+/// when the target's own copy is one of them.
+bool Undoer::HasGoodCopy(const AnchoredRule& rule, Attempt& attempt) {
+    std::vector<RuleBaselines::Fault> faults = state_.baselines.CheckCopies(rule, attempt.target);
+    if (faults.empty()) return true;
+    if (!state_.baselines.HasBackup(rule.Rule())) {
+        attempt.error = "the backup copies are gone";
+        return false;
+    }
+    const std::string target = SDK::PathUtils::WithoutTrailingSlash(attempt.target);
+    bool is_good = true;
+    for (const RuleBaselines::Fault& fault : faults) {
+        std::string_view below;
+        if (rule.Below(fault.path, below)) {
+            state_.progress.Hold(rule.Rule(), std::string(below), true);
+        }
+        if (fault.path == target) is_good = false;
+    }
+    if (!is_good) attempt.error = "the backup copy differs from its manifest";
+    attempt.copy_faults = std::move(faults);
+    return is_good;
 }
 
 UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {

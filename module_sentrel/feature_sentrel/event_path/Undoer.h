@@ -2,8 +2,10 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "base/SentrelDirRule.h"
+#include "baseline/RuleBaselines.h"
 #include "feature_sentrel/event_path/FileChange.h"
 #include "feature_sentrel/event_path/RecentRestores.h"
 #include "places/RuleAnchors.h"
@@ -17,6 +19,8 @@ struct UndoResult {
     Outcome outcome = Outcome::kNone;
     /// A directory above the path that was gone and was restored with its content; ends in "/".
     std::string lost_directory = {};
+    /// Backup copies that were not used, since they are not what was approved.
+    std::vector<RuleBaselines::Fault> copy_faults = {};
 };
 
 /// Restores objects from their copies and removes foreign ones, by descriptors. It counts what it
@@ -46,9 +50,11 @@ class Undoer {
         std::string target;
         bool is_above = false;  ///< `target` is a lost directory above the path
         std::string error;
+        std::vector<RuleBaselines::Fault> copy_faults = {};
     };
 
     Attempt TryToRestore(const SentrelDirRule& rule, const std::string& path);
+    bool HasGoodCopy(const AnchoredRule& rule, Attempt& attempt);
     UndoResult RemoveBlockingLink(const AnchoredRule& rule, const std::string& path);
 
     void CountPlantedLink(const std::string& path);

@@ -28,7 +28,7 @@ std::chrono::milliseconds Milliseconds(const std::timespec& time) {
 }
 
 bool IsUndoing(Outcome outcome) {
-    return outcome != Outcome::kNone && outcome != Outcome::kDeferred;
+    return outcome != Outcome::kNone && outcome != Outcome::kDeferred && outcome != Outcome::kHeld;
 }
 
 }  // namespace

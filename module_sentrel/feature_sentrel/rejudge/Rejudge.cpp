@@ -33,7 +33,8 @@ constexpr int kRestPerComparison = 20;
 }  // namespace
 
 bool AwaitsBackup(const SentrelDirRule& rule, const BackupProgress& progress) {
-    return SentrelUtils::GetInstance()->MakesLocalBackup() && !progress.IsComplete(rule);
+    return SentrelUtils::GetInstance()->MakesLocalBackup() &&
+           (!progress.IsComplete(rule) || progress.IsChecking(rule));
 }
 
 Rejudge::Rejudge(Owner owner, ModuleState& state, std::size_t backlog)

@@ -95,7 +95,8 @@ class Rejudge {
     std::optional<TreeReconciler> reconciler_;
 };
 
-/// This module makes the rule's local copies, and those of the present round are not complete.
+/// This module makes the rule's local copies, and those of the present round are not complete, or
+/// it is not known yet what to hold.
 bool AwaitsBackup(const SentrelDirRule& rule, const BackupProgress& progress);
 
 }  // namespace Engine

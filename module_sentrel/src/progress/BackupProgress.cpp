@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 namespace Engine {
 
@@ -56,8 +57,8 @@ bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t roun
     if (round != round_) return false;
     complete_.insert_or_assign(
         {rule.real_path, rule.backup_path},
-        Complete{std::move(open), std::chrono::steady_clock::now() + kFirstRest, kFirstRest,
-                 attribute_kinds});
+        Complete{std::move(open), HeldObjects(), false,
+                 std::chrono::steady_clock::now() + kFirstRest, kFirstRest, attribute_kinds});
     CountOpen();
     return true;
 }
@@ -83,17 +84,60 @@ bool BackupProgress::IsOpen(const SentrelDirRule& rule, const std::string& path)
     if (!has_open_.load(std::memory_order_acquire)) return false;
     const std::string_view below = Below(rule, path);
     const std::lock_guard<std::mutex> lock(mutex_);
-    const OpenObjects* open = OpenOf(rule);
-    return open != nullptr && !below.empty() &&
-           open->Covers(below, [&](const std::string& one) { return HasCopy(rule, one); });
+    const Complete* complete = Find(rule);
+    if (complete == nullptr) return false;
+    const auto has_copy = [&](const std::string& one) { return HasCopy(rule, one); };
+    return complete->held.Covers(below) ||
+           (!below.empty() && complete->open.Covers(below, has_copy));
 }
 
 bool BackupProgress::HasOpenIn(const SentrelDirRule& rule, const std::string& path) const {
     if (!has_open_.load(std::memory_order_acquire)) return false;
     if (IsOpen(rule, path)) return true;
     const std::lock_guard<std::mutex> lock(mutex_);
-    const OpenObjects* open = OpenOf(rule);
-    return open != nullptr && open->HasAnyIn(Below(rule, path));
+    const Complete* complete = Find(rule);
+    const std::string_view below = Below(rule, path);
+    return complete != nullptr &&
+           (complete->open.HasAnyIn(below) || complete->held.HasAnyIn(below));
+}
+
+void BackupProgress::Hold(const SentrelDirRule& rule, const std::string& below, bool with_content) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (Complete* const complete = Find(rule)) complete->held.Add(below, with_content);
+    CountOpen();
+}
+
+void BackupProgress::Release(const SentrelDirRule& rule, const std::string& below) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (Complete* const complete = Find(rule)) complete->held.Remove(below);
+    CountOpen();
+}
+
+bool BackupProgress::IsHeld(const SentrelDirRule& rule, const std::string& path) const {
+    if (!has_open_.load(std::memory_order_acquire)) return false;
+    const std::string_view below = Below(rule, path);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Complete* complete = Find(rule);
+    return complete != nullptr && complete->held.Covers(below);
+}
+
+std::size_t BackupProgress::HeldCount(const SentrelDirRule& rule) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Complete* complete = Find(rule);
+    return complete == nullptr ? 0 : complete->held.Size();
+}
+
+void BackupProgress::SetChecking(const SentrelDirRule& rule, bool checking) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (Complete* const complete = Find(rule)) complete->checking = checking;
+    CountOpen();
+}
+
+bool BackupProgress::IsChecking(const SentrelDirRule& rule) const {
+    if (!has_open_.load(std::memory_order_acquire)) return false;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Complete* complete = Find(rule);
+    return complete != nullptr && complete->checking;
 }
 
 std::vector<OpenObjects::Entry> BackupProgress::OpenEntries(const SentrelDirRule& rule,
@@ -138,14 +182,25 @@ void BackupProgress::RetrySoon() {
 }
 
 /// Null while the rule's copy is not complete.
-const OpenObjects* BackupProgress::OpenOf(const SentrelDirRule& rule) const {
+const BackupProgress::Complete* BackupProgress::Find(const SentrelDirRule& rule) const {
     const auto known = complete_.find({rule.real_path, rule.backup_path});
-    return known == complete_.end() ? nullptr : &known->second.open;
+    return known == complete_.end() ? nullptr : &known->second;
+}
+
+BackupProgress::Complete* BackupProgress::Find(const SentrelDirRule& rule) {
+    return const_cast<Complete*>(std::as_const(*this).Find(rule));
+}
+
+const OpenObjects* BackupProgress::OpenOf(const SentrelDirRule& rule) const {
+    const Complete* const complete = Find(rule);
+    return complete == nullptr ? nullptr : &complete->open;
 }
 
 void BackupProgress::CountOpen() {
-    const bool any = std::any_of(complete_.begin(), complete_.end(),
-                                 [](const auto& one) { return !one.second.open.IsEmpty(); });
+    const bool any = std::any_of(complete_.begin(), complete_.end(), [](const auto& one) {
+        const Complete& complete = one.second;
+        return !complete.open.IsEmpty() || !complete.held.IsEmpty() || complete.checking;
+    });
     has_open_.store(any, std::memory_order_release);
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/SentrelDirRule.h"
+#include "progress/HeldObjects.h"
 #include "progress/OpenObjects.h"
 
 namespace Engine {
@@ -25,6 +26,7 @@ namespace Engine {
 /// A round is the time from a policy, a start or the end of a pause to the next one. A path becomes
 /// complete once in a round and is not copied again in it. An object that could not be copied is
 /// called open: it is neither deleted nor restored, and does not keep its path from being complete.
+/// So is an object that is held: it differs from the approved state, and an operator must decide.
 ///
 /// Policies and the work-time gate start a round, the backup task notes what it has copied, the
 /// inotify task asks. Owned by ModuleState. Thread-safe.
@@ -76,6 +78,20 @@ class BackupProgress {
     void NoteTried(const SentrelDirRule& rule, std::uint64_t round, const std::string& below,
                    const OpenObjects& rest);
 
+    // Held objects. Each does nothing for a path that is not complete.
+
+    /// Leaves the object as it is from now on; `below` as in HeldObjects.
+    void Hold(const SentrelDirRule& rule, const std::string& below, bool with_content);
+    /// Releases `below` and all below it.
+    void Release(const SentrelDirRule& rule, const std::string& below);
+    /// `path` as in IsOpen. Cheap while nothing is held.
+    bool IsHeld(const SentrelDirRule& rule, const std::string& path) const;
+    std::size_t HeldCount(const SentrelDirRule& rule) const;
+
+    /// The path is being compared with its approved state: what is held is not known yet.
+    void SetChecking(const SentrelDirRule& rule, bool checking);
+    bool IsChecking(const SentrelDirRule& rule) const;
+
     // Open objects are tried again after kFirstRest; each further rest is doubled, up to
     // kLongestRest.
     static constexpr std::chrono::seconds kFirstRest{60};
@@ -91,11 +107,15 @@ class BackupProgress {
     using Key = std::pair<std::string, std::string>;  // what is copied, and where to
     struct Complete {
         OpenObjects open;
+        HeldObjects held;
+        bool checking = false;
         std::chrono::steady_clock::time_point next_try;
         std::chrono::seconds rest{};
         unsigned attribute_kinds = 0;
     };
 
+    const Complete* Find(const SentrelDirRule& rule) const;
+    Complete* Find(const SentrelDirRule& rule);
     const OpenObjects* OpenOf(const SentrelDirRule& rule) const;
     void CountOpen();
 
@@ -103,7 +123,7 @@ class BackupProgress {
     std::uint64_t round_ = 0;
     std::optional<std::timespec> begin_;
     std::map<Key, Complete> complete_;
-    std::atomic<bool> has_open_{false};
+    std::atomic<bool> has_open_{false};  ///< open, held or being checked
 };
 
 }  // namespace Engine

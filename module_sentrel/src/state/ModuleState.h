@@ -1,5 +1,6 @@
 #pragma once
 
+#include "baseline/RuleBaselines.h"
 #include "feature_sentrel/schedule/ScheduleStatus.h"
 #include "places/RuleAnchors.h"
 #include "places/TrustedPlaces.h"
@@ -17,6 +18,7 @@ struct ModuleState {
     RuleAnchors anchors;
     TrustedPlaces places;
     BackupProgress progress;
+    RuleBaselines baselines;
     SentrelStatus status;
     BackUpServerStatus backup_server;
     ScheduleStatus schedule;

@@ -119,6 +119,13 @@ void SentrelStatus::NoteLook(const std::string& real_path, std::chrono::millisec
     history.look_found = found;
 }
 
+void SentrelStatus::NoteCheck(const std::string& real_path, const Check& check) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    History& history = history_[real_path];
+    history.last_check = SDK::TimeUtils::GetCurrentTimestampS();
+    history.check = check;
+}
+
 Json::Value SentrelStatus::ToJson(const Json::Value& watches, const RunFlags& flags) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     Json::Value answer(Json::objectValue);
@@ -160,6 +167,7 @@ Json::Value SentrelStatus::PathsToJson(const Json::Value& watches) const {
         entry["problem"] = history.problem;
         entry["attributes_not_compared"] = history.attributes_left_out;
         entry["last_look"] = LookToJson(history);
+        entry["last_check"] = CheckToJson(history);
         list.append(std::move(entry));
     }
     return list;
@@ -186,6 +194,18 @@ Json::Value SentrelStatus::LookToJson(const History& history) {
     look["objects"] = static_cast<Json::UInt64>(history.look_seen);
     look["found"] = static_cast<Json::UInt64>(history.look_found);
     return look;
+}
+
+Json::Value SentrelStatus::CheckToJson(const History& history) {
+    if (history.last_check == 0) return {};
+    Json::Value check(Json::objectValue);
+    check["ended_at"] = static_cast<Json::Int64>(history.last_check);
+    check["full"] = history.check.is_full;
+    check["duration_ms"] = static_cast<Json::Int64>(history.check.duration.count());
+    check["objects"] = static_cast<Json::UInt64>(history.check.objects);
+    check["bytes"] = static_cast<Json::UInt64>(history.check.bytes);
+    check["found"] = static_cast<Json::UInt64>(history.check.found);
+    return check;
 }
 
 Json::Value SentrelStatus::CountersToJson() const {

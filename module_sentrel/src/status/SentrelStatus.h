@@ -88,6 +88,16 @@ class SentrelStatus {
     void NoteLook(const std::string& real_path, std::chrono::milliseconds duration,
                   std::size_t seen, std::size_t found);
 
+    /// One comparison with the approved state.
+    struct Check {
+        bool is_full = false;  ///< every content was read
+        std::chrono::milliseconds duration{0};
+        std::size_t objects = 0;
+        std::uint64_t bytes = 0;  ///< read
+        std::size_t found = 0;    ///< differences
+    };
+    void NoteCheck(const std::string& real_path, const Check& check);
+
     /// What the settings say at the moment of the query.
     struct RunFlags {
         bool is_run = false;
@@ -115,10 +125,13 @@ class SentrelStatus {
         std::chrono::milliseconds look_duration{0};
         std::size_t look_seen = 0;
         std::size_t look_found = 0;
+        std::int64_t last_check = 0;  ///< seconds since the epoch, 0 never
+        Check check = {};
     };
 
     static Json::Value OpenObjectsToJson(const History& history);
     static Json::Value LookToJson(const History& history);
+    static Json::Value CheckToJson(const History& history);
     Json::Value PathsToJson(const Json::Value& watches) const;
     Json::Value CountersToJson() const;
 

@@ -1,0 +1,120 @@
+// What the task does with comparisons with the approved state. It must not compare (BaselineCheck
+// does). Inotify task's thread.
+#define SDK_LOG_FILE "SentrelInotifyTask.cpp"
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
+#include <sys/inotify.h>
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "base/ModuleLogger.h"
+#include "base/WorkClock.h"
+#include "feature_sentrel/SentrelInotifyTask.h"
+#include "state/ModuleState.h"
+#include "utils/SentrelUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kMostAtOnce = 64;
+
+using Kind = Baseline::Difference::Kind;
+
+/// The event that could have told the difference.
+std::uint32_t MaskOf(const Baseline::Difference& difference) {
+    const std::uint32_t directory = difference.is_directory ? IN_ISDIR : 0U;
+    switch (difference.kind) {
+        case Kind::kAdded:
+            return IN_CREATE | directory;
+        case Kind::kMissing:
+            return IN_DELETE | directory;
+        case Kind::kAttributes:
+            return IN_ATTRIB | directory;
+        default:
+            return (difference.detail == "type" ? IN_CREATE : IN_MODIFY) | directory;
+    }
+}
+
+/// What lies below such an object is not listed by itself.
+bool StandsForItsContent(const Baseline::Difference& difference) {
+    return difference.kind == Kind::kAdded || difference.kind == Kind::kMissing ||
+           difference.detail == "type";
+}
+
+}  // namespace
+
+/// Why there is nothing to compare with; else empty.
+std::string SentrelInotifyTask::BaselineProblem(const SentrelDirRule& rule) const {
+    const std::string obstacle = state_.baselines.Obstacle(rule);
+    if (!obstacle.empty()) return obstacle;
+    return state_.baselines.HasBackup(rule) ? "" : "the backup copies are gone";
+}
+
+/// Begins the comparisons that are due.
+void SentrelInotifyTask::StartChecks() {
+    const std::time_t time = WorkClock::Now();
+    std::tm local{};
+    ::localtime_r(&time, &local);
+    const bool is_daily =
+        local.tm_hour == check_settings_.full_check_hour && local.tm_yday != last_full_check_day_;
+    if (is_daily) last_full_check_day_ = local.tm_yday;
+    for (const auto& [id, rule] : watch_rules) {
+        // What was lost may be there again.
+        if (!state_.baselines.Obstacle(rule).empty()) {
+            GoOnFromBaselines(state_, {rule}, check_action_, "start of the agent");
+        }
+        const bool is_start = state_.progress.IsChecking(rule);
+        if ((!is_start && !is_daily) || being_checked_.count(id) > 0) continue;
+        BaselineCheck::Job job;
+        job.watch_id = id;
+        job.places = state_.anchors.Of(rule).anchors;
+        job.manifest = state_.baselines.Of(rule);
+        job.purpose = is_start ? BaselineCheck::Purpose::kStart : BaselineCheck::Purpose::kDaily;
+        if (job.places == nullptr || job.manifest == nullptr) continue;
+        being_checked_.insert(id);
+        check_.Start(std::move(job));
+    }
+}
+
+/// True when more is to be done at once.
+bool SentrelInotifyTask::TakeCheckResults() {
+    const std::vector<BaselineCheck::Found> found = check_.Take(kMostAtOnce);
+    for (const BaselineCheck::Found& one : found) TakeFound(one);
+    while (const std::optional<BaselineCheck::Ended> ended = check_.TakeEnded()) EndCheck(*ended);
+    return !found.empty();
+}
+
+void SentrelInotifyTask::TakeFound(const BaselineCheck::Found& found) {
+    const auto rule = watch_rules.find(found.watch_id);
+    if (rule == watch_rules.end()) return;
+    const Baseline::Difference& difference = found.difference;
+    std::string path = SDK::PathUtils::WithoutTrailingSlash(rule->second.real_path);
+    if (!difference.path.empty()) path += "/" + difference.path;
+    if (IsIgnored(rule->second, difference.is_directory ? path + "/" : path)) return;
+    if (found.purpose == BaselineCheck::Purpose::kStart && check_action_ == CheckAction::kHold) {
+        state_.progress.Hold(rule->second, difference.path, StandsForItsContent(difference));
+    }
+    rejudge_.Judge({found.watch_id, path, MaskOf(difference), std::chrono::steady_clock::now(), 0,
+                    ChangeOrigin::kReconcile},
+                   undoer_.Recent());
+}
+
+void SentrelInotifyTask::EndCheck(const BaselineCheck::Ended& ended) {
+    const SentrelDirRule& rule = ended.job.places->Rule();
+    being_checked_.erase(ended.job.watch_id);
+    if (!ended.summary.is_complete) return;
+    const bool is_start = ended.job.purpose == BaselineCheck::Purpose::kStart;
+    if (is_start) state_.progress.SetChecking(rule, false);
+    state_.status.NoteCheck(rule.real_path, {!is_start, ended.duration, ended.summary.objects,
+                                             ended.summary.bytes, ended.found});
+    SDK_LOG(ModuleLogger(), PRIO_NOTICE,
+            "%s was compared with the approved state: %s of %s objects differ; %s are held.",
+            rule.real_path, std::to_string(ended.found), std::to_string(ended.summary.objects),
+            std::to_string(state_.progress.HeldCount(rule)));
+}
+
+}  // namespace Engine

@@ -1,0 +1,236 @@
+// Owns which manifest is in force for each protected path. It must not hold, restore or report
+// anything: its callers decide. Any thread.
+#include "baseline/RuleBaselines.h"
+
+#include <baseline/ManifestBuilder.h>
+#include <baseline/TreeVerifier.h>
+#include <sdk/files/PathUtils.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <thread>
+
+#include "base/PathText.h"
+#include "rsync/RsyncExclusions.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr const char* kBackupIsGone =
+    "the backup copies are gone; is the file system of the backup path mounted?";
+
+using Anchor = std::unique_ptr<SDK::PathAnchor>;
+
+/// The copies of a rule as a tree of their own.
+struct CopyTree {
+    Anchor anchor;
+    Baseline::TreeRoot root;
+};
+
+CopyTree CopiesOf(const AnchoredRule& rule) {
+    CopyTree tree;
+    const bool is_file = rule.IsFile();
+    const std::string directory = is_file ? ParentPath(rule.RootPath()) : rule.RootPath();
+    SDK::FileDescriptor opened = rule.OpenCopyDirectory(directory);
+    if (!opened.IsOpen()) return tree;
+    tree.anchor = SDK::PathAnchor::Hold(std::move(opened), directory);
+    tree.root = {tree.anchor.get(), is_file ? FileName(rule.RootPath()) : std::string()};
+    return tree;
+}
+
+Baseline::TreeRoot LiveOf(const AnchoredRule& rule) {
+    if (rule.IsFile()) return {rule.Parent().get(), FileName(rule.RootPath())};
+    return {rule.Root().get(), ""};
+}
+
+std::string Relative(const AnchoredRule& rule, const std::string& path) {
+    std::string_view below;
+    if (!rule.Below(path, below)) return "";
+    return SDK::PathUtils::WithoutTrailingSlash(std::string(below));
+}
+
+std::string Joined(const AnchoredRule& rule, const std::string& below) {
+    const std::string& root = rule.RootPath();
+    return below.empty() ? root : (root == "/" ? root : root + "/") + below;
+}
+
+std::string Words(const Baseline::Difference& difference) {
+    switch (difference.kind) {
+        case Baseline::Difference::Kind::kAdded:
+            return "it was not approved";
+        case Baseline::Difference::Kind::kMissing:
+            return "it is missing";
+        default:
+            return "its " + difference.detail + " differs";
+    }
+}
+
+}  // namespace
+
+void RuleBaselines::Reset(const std::string& directory, std::size_t kept) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    directory_ = directory;
+    kept_ = kept;
+    states_.clear();
+}
+
+Baseline::BaselineStore RuleBaselines::Store() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return Baseline::BaselineStore(directory_);
+}
+
+RuleBaselines::Adopted RuleBaselines::Adopt(const SentrelDirRule& rule) {
+    const Baseline::BaselineStore store = Store();
+    Adopted adopted;
+    Known manifest;
+    unsigned int generation = 0;
+    if (!store.Numbers(rule.real_path, rule.backup_path).empty() &&
+        !store.IsCopying(rule.real_path, rule.backup_path)) {
+        Baseline::Generation newest = store.Newest(rule.real_path, rule.backup_path);
+        if (!newest) {
+            adopted = {Adoption::kUnusable, newest.problem};
+        } else if (!HasBackup(rule)) {
+            adopted = {Adoption::kLost, kBackupIsGone};
+        } else {
+            adopted = {Adoption::kAdopted};
+            manifest = std::move(newest.manifest);
+            generation = newest.number;
+        }
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    states_[KeyOf(rule)] = {std::move(manifest), generation, adopted.problem, ""};
+    return adopted;
+}
+
+std::string RuleBaselines::Obstacle(const SentrelDirRule& rule) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = states_.find(KeyOf(rule));
+    return known == states_.end() ? "" : known->second.obstacle;
+}
+
+void RuleBaselines::BeginCopying(const SentrelDirRule& rule, const std::string& approval) {
+    Store().MarkCopying(rule.real_path, rule.backup_path);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    states_[KeyOf(rule)] = {nullptr, 0, "", approval};
+}
+
+RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitment commitment,
+                                               std::string& problem) {
+    const SentrelDirRule& what = rule.Rule();
+    const Baseline::BaselineStore store = Store();
+    const Baseline::Generation last = store.Newest(what.real_path, what.backup_path);
+    const CopyTree copies = CopiesOf(rule);
+    if (copies.anchor == nullptr) {
+        problem = std::string("cannot open the copies: ") + std::strerror(errno);
+        return Committed::kFailed;
+    }
+    const std::vector<std::string> patterns = RsyncExclusions::PatternsOf(what);
+    const RsyncExclusions exclusions(patterns);
+    Baseline::ManifestInfo info;
+    info.real_path = what.real_path;
+    info.backup_path = what.backup_path;
+    info.is_file = what.is_file;
+    info.exclusions = patterns;
+    info.created = std::time(nullptr);
+    info.approval = ApprovalOf(what);
+    info.attribute_kinds = commitment.attribute_kinds;
+    Baseline::ManifestBuilder::Request request;
+    request.copies = copies.root;
+    request.live = LiveOf(rule);
+    request.last = last.manifest.get();
+    request.begun = commitment.begun;
+    request.open = std::move(commitment.open);
+    request.ignored = [&](const std::string& below, bool is_directory) {
+        return exclusions.Match(Joined(rule, below), is_directory);
+    };
+    request.is_over = commitment.is_over;
+    request.threads = std::min(2U, std::thread::hardware_concurrency());
+    Baseline::ManifestWriter writer;
+    if (!Baseline::ManifestBuilder(std::move(request)).Build(writer)) {
+        return Committed::kInterrupted;
+    }
+    Baseline::Generation next = store.Commit(writer, info, kept_);
+    if (!next) {
+        problem = next.problem;
+        return Committed::kFailed;
+    }
+    store.MarkBackup(what.real_path, what.backup_path);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    State& state = states_[KeyOf(what)];
+    state.in_force = std::move(next.manifest);
+    state.generation = next.number;
+    return Committed::kYes;
+}
+
+RuleBaselines::Known RuleBaselines::Of(const SentrelDirRule& rule) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = states_.find(KeyOf(rule));
+    return known == states_.end() ? nullptr : known->second.in_force;
+}
+
+std::string RuleBaselines::ApprovalOf(const SentrelDirRule& rule) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = states_.find(KeyOf(rule));
+    return known == states_.end() ? "" : known->second.approval;
+}
+
+bool RuleBaselines::IsApproved(const AnchoredRule& rule, const std::string& path) const {
+    const Known manifest = Of(rule.Rule());
+    return manifest != nullptr && manifest->Find(Relative(rule, path)).has_value();
+}
+
+std::vector<RuleBaselines::Fault> RuleBaselines::CheckCopies(const AnchoredRule& rule,
+                                                             const std::string& path) const {
+    const Known manifest = Of(rule.Rule());
+    if (manifest == nullptr) return {};
+    const std::string below = Relative(rule, path);
+    struct stat copy {};
+    // The usual case, at the cost of one look.
+    if (rule.StatCopy(path, copy) == 0 && !S_ISDIR(copy.st_mode)) {
+        const std::optional<Baseline::ManifestEntry> entry = manifest->Find(below);
+        if (entry && entry->copy.IsKnown() && entry->copy == Baseline::Identity::Of(copy)) {
+            return {};
+        }
+    }
+    const CopyTree copies = CopiesOf(rule);
+    if (copies.anchor == nullptr) return {{Joined(rule, below), "it cannot be opened"}};
+    const RsyncExclusions exclusions(rule.Rule());
+    std::vector<Fault> faults;
+    Baseline::TreeVerifier::Request request;
+    request.root = copies.root;
+    request.manifest = manifest.get();
+    request.side = Baseline::TreeVerifier::Side::kCopies;
+    request.below = below;
+    request.ignored = [&](const std::string& one, bool is_directory) {
+        return exclusions.Match(Joined(rule, one), is_directory);
+    };
+    request.is_over = [] { return false; };
+    request.found = [&](const Baseline::Difference& difference) {
+        faults.push_back({Joined(rule, difference.path), Words(difference)});
+    };
+    Baseline::TreeVerifier(std::move(request)).Run();
+    return faults;
+}
+
+Json::Value RuleBaselines::ToJson(const std::string& real_path,
+                                  const std::string& backup_path) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto known = states_.find({real_path, backup_path});
+    if (known == states_.end() || known->second.in_force == nullptr) return {};
+    const Baseline::Manifest& manifest = *known->second.in_force;
+    Json::Value json(Json::objectValue);
+    json["generation"] = known->second.generation;
+    json["approved_at"] = static_cast<Json::Int64>(manifest.Info().created);
+    json["approval"] = manifest.Info().approval;
+    json["objects"] = static_cast<Json::UInt64>(manifest.Size());
+    return json;
+}
+
+bool RuleBaselines::HasBackup(const SentrelDirRule& rule) const {
+    return Store().IsMarkedBackup(rule.real_path, rule.backup_path);
+}
+
+}  // namespace Engine

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <baseline/BaselineStore.h>
+#include <json/value.h>
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/SentrelDirRule.h"
+#include "places/RuleAnchors.h"
+
+namespace Engine {
+
+/// The approved state of each protected path: which manifest is in force, and whether a backup copy
+/// still is what it says. A path without a manifest is judged by its copies alone. Owned by
+/// ModuleState. Thread-safe.
+class RuleBaselines {
+  public:
+    using Known = std::shared_ptr<const Baseline::Manifest>;
+
+    /// Keeps the manifests below `directory` from now on; none is in force.
+    void Reset(const std::string& directory, std::size_t kept);
+
+    /// Why a rule can or cannot go on with the state that was approved before.
+    enum class Adoption {
+        kAdopted,
+        kNone,      ///< nothing was approved yet, or its copying did not end
+        kUnusable,  ///< the manifest is damaged
+        kLost,      ///< the copies are gone, perhaps not mounted
+    };
+    struct Adopted {
+        Adoption outcome = Adoption::kNone;
+        std::string problem = {};  ///< in words, of kUnusable and kLost
+    };
+    /// Puts the newest manifest into force.
+    Adopted Adopt(const SentrelDirRule& rule);
+    /// Why Adopt found the approved state unusable or lost; empty when it did not. Nothing may be
+    /// copied then: that would approve the present state.
+    std::string Obstacle(const SentrelDirRule& rule) const;
+
+    /// The present state is approved, `approval` says how and by whom: no manifest is in force
+    /// until the next Commit. Remembered across restarts until then.
+    void BeginCopying(const SentrelDirRule& rule, const std::string& approval);
+
+    struct Commitment {
+        std::timespec begun{};          ///< when the copies were begun
+        std::vector<std::string> open;  ///< objects without a copy
+        unsigned attribute_kinds = 0;   ///< as in BackupProgress
+        std::function<bool()> is_over;  ///< true ends the work
+    };
+    enum class Committed { kYes, kInterrupted, kFailed };
+    /// Lists the copies in a new manifest and puts it into force. Reads what changed. Backup task.
+    Committed Commit(const AnchoredRule& rule, Commitment commitment, std::string& problem);
+
+    /// Null: none is in force.
+    Known Of(const SentrelDirRule& rule) const;
+
+    /// The manifest in force lists the object. `path` as in events.
+    bool IsApproved(const AnchoredRule& rule, const std::string& path) const;
+
+    /// One backup copy that is not what was approved.
+    struct Fault {
+        std::string path;  ///< of the object on the site, without a trailing "/"
+        std::string what;  ///< in words
+    };
+    /// Compares the copies from `path` down with the manifest; nothing to compare with: no faults.
+    /// Reads only copies that have changed since they were approved.
+    std::vector<Fault> CheckCopies(const AnchoredRule& rule, const std::string& path) const;
+
+    /// The backup path has the copies that were made there, as far as can be told at a glance.
+    bool HasBackup(const SentrelDirRule& rule) const;
+
+    /// {"generation","approved_at","approval","objects"}; null: no manifest is in force.
+    Json::Value ToJson(const std::string& real_path, const std::string& backup_path) const;
+
+  private:
+    using Key = std::pair<std::string, std::string>;
+    /// What is known of one rule.
+    struct State {
+        Known in_force;
+        unsigned int generation = 0;
+        std::string obstacle;
+        std::string approval;
+    };
+    static Key KeyOf(const SentrelDirRule& rule) { return {rule.real_path, rule.backup_path}; }
+    Baseline::BaselineStore Store() const;
+    std::string ApprovalOf(const SentrelDirRule& rule) const;
+
+    mutable std::mutex mutex_;  ///< guards all below
+    std::string directory_;
+    std::size_t kept_ = Baseline::BaselineStore::kDefaultKept;
+    std::map<Key, State> states_;
+};
+
+}  // namespace Engine

@@ -1,0 +1,149 @@
+#include <framework/ConfigManager.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "fixtures/Protection.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+/// A protected site whose state an operator approved, by a policy that was applied.
+class ApprovedState : public test::Protection {
+  protected:
+    ApprovedState() { site_.Write("sub/more.html", "more"); }
+    ~ApprovedState() override { Framework::ConfigManager::GetInstance().Reset(); }
+
+    void Configure(const std::string& sentrel) {
+        std::string error;
+        const std::string file =
+            install_.dir.Write("conf/agent.json", R"({"sentrel": )" + sentrel + "}");
+        EXPECT_TRUE(Framework::ConfigManager::GetInstance().Load(file, true, error)) << error;
+    }
+    void Approve() {
+        Protect();
+        AwaitBackup();
+        ASSERT_TRUE(test::WaitFor([this] { return !Status()["baseline"].isNull(); }, 20s));
+    }
+    Json::Value Status() { return Ask("status.sentrel")["protected_paths"][0]; }
+    void StopProtection() { engine_.ApplyPolicy("sentrel_feature", R"({"enabled": false})"); }
+    /// What the agent does when it starts.
+    void StartProtection() {
+        Json::Value policy = test::Installation::Policy();
+        policy["content"]["diff_attr"] = true;
+        policy["content"]["dirlist"].append(
+            test::Installation::Entry(site_.Path(), backup_.Path()));
+        const auto outcome = engine_.ApplyPolicy("sentrel_feature", test::Text(policy),
+                                                 Framework::PolicyOrigin::kKept);
+        EXPECT_NE(outcome.result, 0);
+        EXPECT_TRUE(test::WaitFor([this] { return IsWatched(); }, 20s));
+    }
+    void AwaitCheck() {
+        EXPECT_TRUE(test::WaitFor([this] { return !Status()["last_check"].isNull(); }, 20s));
+    }
+    std::string Content(const std::string& name) const {
+        return test::TempDir::Read(site_.Path(name));
+    }
+    std::string Copy(const std::string& name) const { return backup_.Path() + site_.Path(name); }
+    std::string Problem() { return Status()["problem"].asString(); }
+    std::string Handled(const std::string& name) {
+        return Alarm(site_.Path(name))["outcome"].asString();
+    }
+    void ChangeAll() const {
+        site_.Write("index.html", "defaced");
+        fs::remove(site_.Path("sub/page.html"));
+        site_.Write("evil/shell.php", "evil");
+        ::chmod(site_.Path("sub").c_str(), 0777);
+    }
+};
+
+TEST_F(ApprovedState, ChangesWhileTheAgentWasAway_AreHeldAndTheRestIsProtected) {
+    Approve();
+    StopProtection();
+    ChangeAll();
+    StartProtection();
+    AwaitCheck();
+    for (const char* name : {"index.html", "sub/page.html", "evil/", "sub/"}) {
+        EXPECT_EQ(Handled(name), "held") << name;
+    }
+    EXPECT_EQ(Content("index.html") + Content("evil/shell.php"), "defacedevil");
+    EXPECT_EQ(test::TempDir::Read(Copy("index.html")), "welcome") << "nothing is approved";
+    site_.Write("sub/more.html", "defaced");
+    site_.Write("sub/shell.php", "evil");
+    EXPECT_TRUE(Becomes(site_.Path("sub/more.html"), "more"));
+    EXPECT_TRUE(test::WaitFor([&] { return !fs::exists(site_.Path("sub/shell.php")); }, 20s));
+    EXPECT_FALSE(fs::exists(site_.Path("sub/page.html"))) << "held while its neighbours change";
+}
+
+TEST_F(ApprovedState, ChangesWhileTheAgentWasAway_AreUndoneWhereTheConfigurationSaysSo) {
+    Configure(R"({"start_check": "restore"})");
+    Approve();
+    StopProtection();
+    ChangeAll();
+    StartProtection();
+    EXPECT_TRUE(Becomes(site_.Path("index.html"), "welcome"));
+    EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
+    EXPECT_TRUE(test::WaitFor([&] { return !fs::exists(site_.Path("evil")); }, 20s));
+    struct stat info {};
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            return ::stat(site_.Path("sub").c_str(), &info) == 0 && (info.st_mode & 0777) != 0777;
+        },
+        20s));
+}
+
+TEST_F(ApprovedState, AlteredCopy_IsNeverPutBack) {
+    Approve();
+    std::ofstream(Copy("index.html")) << "altered copy";
+    std::ofstream(Copy("sub/planted.php")) << "planted";
+    fs::remove(Copy("sub/more.html"));
+    site_.Write("index.html", "defaced");
+    const Json::Value alarm = Alarm(Copy("index.html"));
+    EXPECT_EQ(alarm["outcome"], "backup copy differs from its manifest: its size differs");
+    EXPECT_EQ(Content("index.html"), "defaced");
+    // A directory is restored without them, and what was approved is not taken for foreign.
+    fs::remove_all(site_.Path("sub"));
+    EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
+    EXPECT_FALSE(Alarm(Copy("sub/planted.php")).isNull());
+    site_.Write("sub/more.html", "more");
+    EXPECT_FALSE(Alarm(Copy("sub/more.html")).isNull());
+    EXPECT_EQ(Content("sub/more.html"), "more");
+    EXPECT_FALSE(fs::exists(site_.Path("sub/planted.php")));
+}
+
+TEST_F(ApprovedState, LostBackup_MakesNothingForeignAndIsUsedAgainWhenItIsBack) {
+    Approve();
+    const std::string elsewhere = backup_.Path() + ".away";
+    fs::rename(backup_.Path(), elsewhere);
+    fs::create_directory(backup_.Path());
+    ::chmod(backup_.Path().c_str(), 0700);
+    ASSERT_TRUE(test::WaitFor([this] { return !Problem().empty(); }, 20s));
+    site_.Write("index.html", "defaced");
+    fs::rename(site_.Path("sub/more.html"), site_.Path("sub/moved.html"));
+    fs::rename(site_.Path("sub/moved.html"), site_.Path("sub/more.html"));
+    EXPECT_FALSE(Alarm(site_.Path("index.html")).isNull());
+    EXPECT_FALSE(Alarm(site_.Path("sub/more.html")).isNull());
+    EXPECT_EQ(Content("sub/more.html"), "more");
+    StopProtection();
+    StartProtection();
+    ASSERT_TRUE(test::WaitFor([this] { return !Problem().empty(); }, 20s));
+    EXPECT_EQ(Content("index.html"), "defaced") << "nor is a new copy made";
+    fs::remove_all(backup_.Path());
+    fs::rename(elsewhere, backup_.Path());
+    EXPECT_TRUE(test::WaitFor([this] { return Problem().empty(); }, 20s));
+    EXPECT_EQ(test::TempDir::Read(Copy("index.html")), "welcome");
+    site_.Write("sub/page.html", "defaced");
+    EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
+}
+
+TEST_F(ApprovedState, OperatorsPolicy_ApprovesThePresentState) {
+    Approve();
+    StopProtection();
+    site_.Write("index.html", "new release");
+    Protect();
+    EXPECT_TRUE(Becomes(Copy("index.html"), "new release"));
+}
+
+}  // namespace
