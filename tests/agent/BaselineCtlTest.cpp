@@ -227,8 +227,7 @@ TEST_F(BaselineCtl, Diff_ShowsWhatOnePageHasDifferently) {
 
 TEST(ProgressText, BarRatesAndTimeLeft_FitTheTerminal) {
     const Ctl::ComparisonProgress half{500, 1000, 3'000'000};
-    EXPECT_EQ(Ctl::FormatProgress(half, 10, 0),
-              " 50 %  500 of 1000, 50/s, 300.0 kB/s, 10 s left");
+    EXPECT_EQ(Ctl::FormatProgress(half, 10, 0), " 50 %  500 of 1000, 50/s, 300.0 kB/s, 10 s left");
     EXPECT_EQ(Ctl::FormatProgress(half, 10, 40), "[========        ]  50 %  500 of 1000, 5");
     EXPECT_EQ(Ctl::FormatProgress({0, 0, 0}, 0, 0), "100 %  0 of 0");
     EXPECT_EQ(Ctl::FormatProgress({1200, 1000, 0}, 10, 0),
