@@ -171,14 +171,6 @@ TEST_F(ModuleTest, LinkWithATrailingSlash_ProtectsItsTarget) {
     EXPECT_EQ(running_.fakes->notify.Requests(), (Strings{"+" + site_.Path() + "/"}));
 }
 
-TEST_F(ModuleTest, ExceptionInAPolicy_ReachesTheFrameworkAndTheNextPolicyWorks) {
-    policy_["content"]["dirlist"][1] = test::Installation::Entry("", "/b");
-    EXPECT_EQ(Apply(test::Text(policy_)), 0);
-    EXPECT_FALSE(exception_.empty());
-    policy_["content"]["dirlist"].removeIndex(1, nullptr);
-    EXPECT_NE(Apply(test::Text(policy_)), 0);
-}
-
 TEST_F(ModuleTest, BackupServerFeature_SwitchesOnlyItsOwnTask) {
     install_.UseRecordingRsync();
     Json::Value document = test::Installation::Policy();

@@ -159,28 +159,4 @@ TEST_F(CommandNames, RelativeAndTruncatedPaths_AreRejected) {
     EXPECT_EQ(TakeCalls(), "");
 }
 
-TEST_F(CommandNames, RealRsync_CopiesNamesAndPathsWithBlanks) {
-    const std::string install = data_.Path("my agent");
-    fs::create_directories(install + "/bin");
-    fs::copy_file(test::Installation::RealRsync(), install + "/bin/rsync");
-    fs::create_directories(install + "/conf/home");
-    fs::copy_file(SENTREL_POPT_FILE, install + "/conf/home/.popt");
-    SDK::PathUtils::SetInstallationPath(install);
-    const std::string page = data_.Write("my site/a page;.html", "good");
-    const std::string kept = data_.Write("my site/a page.log", "of today");
-    const std::string backup = data_.Path("my copies");
-    fs::create_directories(backup);
-    const std::string site = data_.Path("my site");
-    EXPECT_TRUE(utils_->DoRsyncLocal(site, backup, {"e.log"}, {}, Engine::RSYNC_BACKUP));
-    data_.Write("my site/a page;.html", "evil");
-    EXPECT_TRUE(utils_->DoRsyncLocal(page, backup, {}, {}, Engine::RSYNC_RESTORE));
-    EXPECT_EQ(test::TempDir::Read(page), "good");
-    data_.Write("my site/a page;.html", "evil");
-    data_.Write("my site/a shell.php", "evil");
-    EXPECT_TRUE(utils_->DoRsyncLocal(site, backup, {"e.log"}, {}, Engine::RSYNC_RESTORE));
-    EXPECT_EQ(test::TempDir::Read(page), "good");
-    EXPECT_EQ(test::TempDir::Read(kept), "of today");
-    EXPECT_FALSE(fs::exists(data_.Path("my site/a shell.php")));
-}
-
 }  // namespace

@@ -1,12 +1,15 @@
 #include <framework/ConfigManager.h>
+#include <sdk/commands/ProcessUtils.h>
 
 #include <cerrno>
 
 #include "fixtures/Installation.h"
+#include "support/WaitFor.h"
 #include "utils/SentrelUtils.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using Engine::RSYNC_BACKUP;
 using Engine::RSYNC_RESTORE;
 using Engine::SentrelUtils;
@@ -91,6 +94,23 @@ TEST_F(RsyncCommand, Result_DependsOnTheExitCodeAndTheWordError) {
         EXPECT_EQ(utils_->LastCopyError().empty(), success) << body;
         ExpectRun(std::string(kBase) + " -R /a /b ", success);
     }
+}
+
+TEST_F(RsyncCommand, RsyncThatDoesNothing_IsEndedWithItsGroupAndTheNextOneSucceeds) {
+    const std::string file = data_.Write("b/site/f", "x").substr(data_.Path("b").size());
+    const std::string pid_file = install_.dir.Path("pid");
+    utils_->copy_idle_period = 300ms;
+    for (const auto mode : {RSYNC_BACKUP, RSYNC_RESTORE}) {
+        const auto copy = [&] { return utils_->DoRsyncLocal(file, data_.Path("b"), {}, {}, mode); };
+        install_.UseRecordingRsync("sleep 600 & echo $! >" + pid_file + "; wait");
+        EXPECT_FALSE(copy());
+        EXPECT_EQ(utils_->LastCopyError(), "rsync was held up and has been ended");
+        const auto pid = static_cast<unsigned>(std::stoi(test::TempDir::Read(pid_file)));
+        EXPECT_TRUE(test::WaitFor([&] { return !SDK::ProcessUtils::IsProcessAlive(pid); }, 10s));
+        install_.UseRecordingRsync();
+        EXPECT_TRUE(copy());
+    }
+    utils_->copy_idle_period = Engine::RsyncCopies::kIdlePeriod;
 }
 
 TEST_F(RsyncCommand, Records_HaveTheGivenSourceFile) {
