@@ -91,6 +91,7 @@ int SentrelBackupTask::Run() {
         return 0;
     }
     YieldBeforePass();
+    state_.releases.Apply(utils->dir_rules);
     std::uint64_t local_ok = 0;
     std::uint64_t remote_ok = 0;
     for (const SentrelDirRule& rule : utils->dir_rules) {
@@ -113,10 +114,11 @@ int SentrelBackupTask::Run() {
 }
 
 /// Not when a pause of protection ended while the pass was made: the copies lack the updates of the
-/// pause, and the gate, under the same lock, has asked for them anew.
+/// pause, and the gate, under the same lock, has asked for them anew. Nor when a release link was
+/// followed meanwhile.
 void SentrelBackupTask::ClearPending(std::atomic<bool>& pending, std::uint64_t round) {
     const Poco::FastMutex::ScopedLock lock(SentrelUtils::GetInstance()->mutex);
-    if (state_.progress.Round() == round) pending = false;
+    if (state_.progress.Round() == round && !state_.releases.IsWaiting()) pending = false;
 }
 
 bool SentrelBackupTask::AwaitWatch(const SentrelDirRule& rule) {
@@ -209,7 +211,7 @@ unsigned SentrelBackupTask::AttributeKinds(const SentrelDirRule& rule) {
 void SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
     uncommitted_.erase(rule.real_path);
     const RulePlaces places = state_.anchors.Of(rule);
-    const std::optional<std::timespec> begin = state_.progress.Begin();
+    const std::optional<std::timespec> begin = state_.progress.Begin(rule);
     if (!places || !begin) return;
     RuleBaselines::Commitment commitment;
     commitment.begun = *begin;
@@ -245,7 +247,7 @@ void SentrelBackupTask::CommitInterrupted() {
 
 bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {
     BackupProgress& progress = state_.progress;
-    const std::optional<std::timespec> begin = progress.Begin();
+    const std::optional<std::timespec> begin = progress.Begin(rule);
     if (ShouldYield() || !begin) return false;
     CopyComparison::Result result =
         CopyComparison(state_.anchors, rule, *begin, [this] { return ShouldYield(); }).Run();
@@ -279,7 +281,7 @@ void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
     SentrelUtils* utils = SentrelUtils::GetInstance();
     BackupProgress& progress = state_.progress;
     const std::uint64_t round = progress.Round();
-    const std::optional<std::timespec> begin = progress.Begin();
+    const std::optional<std::timespec> begin = progress.Begin(rule);
     if (!begin || !WhatHinders(rule).empty()) return;
     std::size_t copied = 0;
     for (const auto& entry : progress.OpenEntries(rule, OpenObjects::kCapacity)) {

@@ -344,7 +344,7 @@ bool SentrelInotifyTask::IsRestoredAlone(const SentrelDirRule& rule,
     struct stat copy {};
     struct stat live {};
     if (!places || places.anchors->StatCopy(path, copy) != 0 || S_ISDIR(copy.st_mode) ||
-        !(state_.progress.IsOfThisRound(copy) || state_.progress.IsChecking(rule))) {
+        !(state_.progress.IsOfThisRound(rule, copy) || state_.progress.IsChecking(rule))) {
         return false;
     }
     if (places.anchors->StatLive(path, live) == 0) return !S_ISDIR(live.st_mode);
@@ -417,7 +417,7 @@ void SentrelInotifyTask::ReleaseIfChanged(const FileNotifyMessage& msg) {
     struct stat live {};
     if (!state_.progress.IsHeld(rule, path)) return;
     const RulePlaces places = state_.anchors.Held(rule);
-    const std::optional<std::timespec> begun = state_.progress.Begin();
+    const std::optional<std::timespec> begun = state_.progress.Begin(rule);
     if (!places || !begun || !places.anchors->Below(path, below) || below.empty() ||
         places.anchors->StatLive(path, live) != 0 || live.st_ctim.tv_sec <= begun->tv_sec) {
         return;

@@ -8,6 +8,7 @@
 #include <module_filenotify/FileNotifyMessage.h>
 #include <module_filenotify/FileNotifyOpt.h>
 #include <module_filenotify/FileNotifyWatchMessage.h>
+#include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <sys/inotify.h>
 
@@ -105,7 +106,7 @@ Reconciler::Owner SentrelInotifyTask::ReconcilerOwner() {
 
 /// Without a complete local copy there is nothing to compare with.
 std::optional<Reconciler::Basis> SentrelInotifyTask::BasisOf(const SentrelDirRule& rule) const {
-    const std::optional<std::timespec> begun = state_.progress.Begin();
+    const std::optional<std::timespec> begun = state_.progress.Begin(rule);
     if (!SentrelUtils::GetInstance()->MakesLocalBackup() || !begun ||
         !state_.progress.IsComplete(rule) || state_.progress.IsChecking(rule)) {
         return std::nullopt;
@@ -125,6 +126,7 @@ bool SentrelInotifyTask::Init() {
     reconciler_.SetPeriod(ReconcilePeriod());
     check_settings_ = CheckSettings::Read();
     check_action_ = check_settings_.at_start;
+    release_mode_ = ReleaseLinks::ConfiguredMode();
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
     WatchMounts();
     AddFileNotifyWatches();
@@ -168,8 +170,8 @@ void SentrelInotifyTask::AddFileNotifyWatches() {
     const std::list<SentrelDirRule>& rules = SentrelUtils::GetInstance()->dir_rules;
     if (rules.empty() || state() == TASK_CANCELLING) return;
     state_.anchors.Forget();
-    TakeMountsForNormal();
     std::vector<SentrelStatus::ProtectedPath> paths;
+    state_.anchors.Mounts().Remember();
     for (const SentrelDirRule& rule : rules) {
         state_.anchors.Of(rule);  // held from here on
         const std::string id = HandleFileNotifyWatch(false, rule.real_path);
@@ -177,6 +179,7 @@ void SentrelInotifyTask::AddFileNotifyWatches() {
         paths.push_back({id, rule});
     }
     state_.status.PublishPaths(std::move(paths));
+    TakeMountsForNormal();
 }
 
 void SentrelInotifyTask::RmvFileNotifyWatches() {
@@ -227,16 +230,32 @@ void SentrelInotifyTask::CheckPlaces() {
     if (now < next_look_ || !SentrelUtils::GetInstance()->is_run) return;
     next_look_ = now + kLookAtPlaces;
     StartChecks();
-    for (const auto& [id, rule] : watch_rules) CheckPlace(id, rule);
+    std::map<std::string, std::string> followed;
+    const std::string held = WhyLinksAreHeld();
+    for (const auto& [id, rule] : watch_rules) {
+        const ReleaseLinks::Finding release = ReleaseLinks::Look(rule, watch_rules, held);
+        CheckPlace(id, rule, release.problem);
+        if (!release.target.empty()) followed[id] = release.target;
+    }
+    for (const auto& [id, target] : followed) FollowRelease(id, target);
 }
 
-void SentrelInotifyTask::CheckPlace(const std::string& watch_id, const SentrelDirRule& rule) {
+/// Without copies of a new target, everything in it would be foreign.
+std::string SentrelInotifyTask::WhyLinksAreHeld() const {
+    if (release_mode_ == ReleaseLinks::Mode::kHold) return "sentrel.release_link is \"hold\"";
+    return SentrelUtils::GetInstance()->MakesLocalBackup() ? ""
+                                                           : "this agent makes no local copies";
+}
+
+void SentrelInotifyTask::CheckPlace(const std::string& watch_id, const SentrelDirRule& rule,
+                                    const std::string& link_problem) {
     const RulePlaces places = state_.anchors.Of(rule);
     const std::vector<MountTable::Difference> mounts =
         places ? places.anchors->UnusualMounts() : std::vector<MountTable::Difference>();
     const std::string without_baseline = BaselineProblem(rule);
     const std::string place = places ? without_baseline : places.problem;
-    const std::string problem = mounts.empty() ? place : mounts.front().text;
+    std::string problem = mounts.empty() ? place : mounts.front().text;
+    if (problem.empty()) problem = link_problem;
     state_.status.SetProblem(rule.real_path, problem);
     Finding& known = findings_[watch_id];
     // Changes of the meantime need not wait for their next retry; retries are given up after a
@@ -246,10 +265,56 @@ void SentrelInotifyTask::CheckPlace(const std::string& watch_id, const SentrelDi
     known.problem = problem;
     known.checks = problem.empty() ? 0 : known.checks + 1;
     if (places) TellMounts(watch_id, *places.anchors, mounts);
-    if (!mounts.empty()) return;
-    if (known.checks != (places.is_mount ? 1 : kLooksUntilAlarm)) return;
-    SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", rule.real_path, problem);
-    SendAlarm({rule.real_path, ALARM_MODIFY, "", "", {"not protected: " + problem, -1, true}});
+    if (!mounts.empty() || known.checks != (places.is_mount ? 1 : kLooksUntilAlarm)) return;
+    const std::string path = problem == link_problem ? rule.filepath : rule.real_path;
+    SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s is not protected: %s.", path, problem);
+    SendAlarm({path, ALARM_MODIFY, "", "", {"not protected: " + problem, -1, true}});
+}
+
+/// The new target is protected as when a policy is applied: nothing is undone in it before its copy
+/// is complete. The other rules keep their copies.
+void SentrelInotifyTask::FollowRelease(const std::string& watch_id, const std::string& target) {
+    const auto known = watch_rules.find(watch_id);
+    SentrelDirRule rule = known->second;
+    HandleFileNotifyWatch(true, rule.real_path);
+    state_.anchors.Forget(rule);
+    rejudge_.Forget(watch_id);
+    findings_.erase(watch_id);
+    watch_rules.erase(known);
+    rule.real_path = target;
+    state_.progress.Renew(rule);
+    state_.baselines.BeginCopying(rule, "release link followed");
+    state_.releases.Follow(rule.filepath, target);
+    // The file-notify module asks for the exclusions of a path that it is to watch.
+    watch_rules[SDK::PathUtils::WithoutTrailingSlash(target)] = rule;
+    PublishRules();
+    state_.anchors.Of(rule);
+    HandleFileNotifyWatch(false, target);
+    SentrelUtils* utils = SentrelUtils::GetInstance();
+    {
+        const Poco::FastMutex::ScopedLock lock(utils->mutex);
+        utils->local_backup_pending = true;
+        utils->remote_backup_pending = true;
+    }
+    SDK_LOG(ModuleLogger(), PRIO_NOTICE, "the release link %s leads to %s now and is followed.",
+            rule.link, target);
+    SendAlarm(
+        {rule.filepath, ALARM_MODIFY, "", "", {"release link followed to " + target, -1, true}});
+}
+
+/// The settings' rules belong to the backup task once a link was followed.
+std::list<SentrelDirRule> SentrelInotifyTask::RulesInForce() const {
+    std::list<SentrelDirRule> rules;
+    for (const auto& [id, rule] : watch_rules) rules.push_back(rule);
+    return rules;
+}
+
+void SentrelInotifyTask::PublishRules() {
+    const SentrelUtils* utils = SentrelUtils::GetInstance();
+    std::vector<SentrelStatus::ProtectedPath> paths;
+    for (const auto& [id, rule] : watch_rules) paths.push_back({id, rule});
+    state_.status.SetProtectionOn(utils->monitor_only, utils->backup_type, RulesInForce());
+    state_.status.PublishPaths(std::move(paths));
 }
 
 /// Each mount has one alarm, which names the place in the protected path.
@@ -280,7 +345,7 @@ void SentrelInotifyTask::WatchMounts() {
 void SentrelInotifyTask::TakeMountsForNormal() {
     MountTable& mounts = state_.anchors.Mounts();
     mounts.Remember();
-    for (const SentrelDirRule& rule : SentrelUtils::GetInstance()->dir_rules) {
+    for (const auto& [id, rule] : watch_rules) {
         const RulePlaces places = state_.anchors.Of(rule);
         if (!places) continue;
         for (const std::string& point : mounts.NormalBelow(places.anchors->Place())) {
@@ -314,7 +379,7 @@ void SentrelInotifyTask::CheckDisableTime() {
         state_.progress.Restart();
         TakeMountsForNormal();
         check_action_ = check_settings_.after_pause;
-        GoOnFromBaselines(state_, utils->dir_rules, check_action_, "end of a pause");
+        GoOnFromBaselines(state_, RulesInForce(), check_action_, "end of a pause");
     }
     utils->is_run = work;
     utils->local_backup_pending = work;

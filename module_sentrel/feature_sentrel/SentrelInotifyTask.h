@@ -25,6 +25,7 @@
 #include "feature_sentrel/reconcile/StartCheck.h"
 #include "feature_sentrel/rejudge/Rejudge.h"
 #include "places/MountTable.h"
+#include "places/ReleaseLinks.h"
 
 namespace Engine {
 
@@ -114,7 +115,12 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     std::optional<Reconciler::Basis> BasisOf(const SentrelDirRule& rule) const;
     void NoteLook(const Reconciler::Look& look);
     void CheckPlaces();
-    void CheckPlace(const std::string& watch_id, const SentrelDirRule& rule);
+    void CheckPlace(const std::string& watch_id, const SentrelDirRule& rule,
+                    const std::string& link_problem);
+    std::string WhyLinksAreHeld() const;
+    void FollowRelease(const std::string& watch_id, const std::string& target);
+    void PublishRules();
+    std::list<SentrelDirRule> RulesInForce() const;
     void TellMounts(const std::string& watch_id, const AnchoredRule& places,
                     const std::vector<MountTable::Difference>& mounts);
     void WatchMounts();
@@ -178,6 +184,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     CheckAction check_action_ = CheckAction::kHold;  ///< of the checks that are under way
     std::set<std::string> being_checked_;            ///< by watch id
     int last_full_check_day_ = -1;                   ///< of the year
+    ReleaseLinks::Mode release_mode_ = ReleaseLinks::Mode::kFollow;
     std::chrono::steady_clock::time_point next_look_{};
 };
 

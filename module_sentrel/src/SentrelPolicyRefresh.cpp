@@ -10,7 +10,6 @@
 #include <sdk/log/Log.h>
 #include <sdk/text/JsonUtils.h>
 
-#include <filesystem>
 #include <list>
 #include <new>
 #include <string>
@@ -56,19 +55,6 @@ bool ReadDocument(Framework::Module& module, const std::string& feature,
     }
     enabled = SDK::JsonUtils::GetBoolValue(root, "enabled", false);
     return true;
-}
-
-/// For a link that was configured with a trailing "/", the directory that it leads to is protected:
-/// nothing is watched or restored through a link.
-void ResolveRoots(std::list<SentrelDirRule>& rules) {
-    for (SentrelDirRule& rule : rules) {
-        if (rule.is_file || rule.real_path != rule.filepath) continue;
-        const std::string name = rule.filepath.substr(0, rule.filepath.find_last_not_of('/') + 1);
-        std::error_code error;
-        if (!std::filesystem::is_symlink(name, error)) continue;
-        const std::string target = std::filesystem::canonical(name, error).string();
-        if (!error) rule.real_path = target == "/" ? target : target + "/";
-    }
 }
 
 void LimitStalls(Framework::Task& task) {
@@ -124,7 +110,9 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
     }
     if (!IsParsed(fp, featureName, policyJson, kSwitchOff)) return 0;
     SentrelUtils* utils = SentrelUtils::GetInstance();
-    ResolveRoots(utils->dir_rules);
+    // Nothing is watched or restored through a link.
+    ReleaseLinks::Resolve(utils->dir_rules);
+    state_.releases.Clear();
     state_.schedule.Publish(WorkSchedule::OfSettings(), utils->distime_enable);
     state_.places.Judge(utils->dir_rules);
     if (utils->dir_rules.empty()) {

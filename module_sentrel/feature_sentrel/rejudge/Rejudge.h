@@ -60,6 +60,8 @@ class Rejudge {
     void CompareAll(const std::string& watch_id) { to_compare_[watch_id].everything = true; }
 
     void Forget();
+    /// The watch is gone, and its changes with it.
+    void Forget(const std::string& watch_id) { to_compare_.erase(watch_id); }
 
   private:
     /// The part of a tree that is to be compared with its copy.

@@ -14,6 +14,7 @@ struct SentrelDirRule {
     std::list<std::string> ignored_postfix;  ///< file name endings, trimmed
     std::list<std::string> ignored_subdir;   ///< relative to the path, trimmed
     std::string real_path;                   ///< what is protected; a directory's ends in "/"
+    std::string link = {};  ///< the link that names it, without a trailing "/"; empty: none
 };
 
 }  // namespace Engine

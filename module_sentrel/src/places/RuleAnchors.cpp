@@ -368,6 +368,13 @@ RulePlaces RuleAnchors::MakeRoot(const std::shared_ptr<const AnchoredRule>& know
         known->Copies(), mounts_));
 }
 
+void RuleAnchors::Forget(const SentrelDirRule& rule) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    rules_.erase({rule.real_path, rule.backup_path});
+    former_roots_.erase(SDK::PathUtils::WithoutTrailingSlash(rule.real_path));
+    lost_roots_.erase(SDK::PathUtils::WithoutTrailingSlash(rule.real_path));
+}
+
 void RuleAnchors::Forget() {
     const std::lock_guard<std::mutex> lock(mutex_);
     rules_.clear();

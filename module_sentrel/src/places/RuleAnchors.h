@@ -121,6 +121,8 @@ class RuleAnchors {
 
     /// Closes all; their next use opens them again.
     void Forget();
+    /// Closes those of one rule.
+    void Forget(const SentrelDirRule& rule);
 
     MountTable& Mounts() { return *mounts_; }
 

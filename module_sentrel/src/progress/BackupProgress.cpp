@@ -31,6 +31,7 @@ void BackupProgress::Restart() {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++round_;
     begin_.reset();
+    renewed_.clear();
     complete_.clear();
     CountOpen();
 }
@@ -46,9 +47,22 @@ std::uint64_t BackupProgress::BeginCopy() {
     return round_;
 }
 
-std::optional<std::timespec> BackupProgress::Begin() const {
+void BackupProgress::Renew(const SentrelDirRule& rule) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return begin_;
+    const Key key(rule.real_path, rule.backup_path);
+    complete_.erase(key);
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &renewed_[key]);
+    CountOpen();
+}
+
+std::optional<std::timespec> BackupProgress::Begin(const SentrelDirRule& rule) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return BeginOf(rule);
+}
+
+std::optional<std::timespec> BackupProgress::BeginOf(const SentrelDirRule& rule) const {
+    const auto renewed = renewed_.find({rule.real_path, rule.backup_path});
+    return begin_ && renewed != renewed_.end() ? renewed->second : begin_;
 }
 
 bool BackupProgress::NoteComplete(const SentrelDirRule& rule, std::uint64_t round, OpenObjects open,
@@ -74,10 +88,11 @@ unsigned BackupProgress::AttributeKinds(const SentrelDirRule& rule) const {
     return known == complete_.end() ? 0 : known->second.attribute_kinds;
 }
 
-bool BackupProgress::IsOfThisRound(const struct stat& copy) const {
+bool BackupProgress::IsOfThisRound(const SentrelDirRule& rule, const struct stat& copy) const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return begin_ && std::tie(copy.st_ctim.tv_sec, copy.st_ctim.tv_nsec) >
-                         std::tie(begin_->tv_sec, begin_->tv_nsec);
+    const std::optional<std::timespec> begin = BeginOf(rule);
+    return begin && std::tie(copy.st_ctim.tv_sec, copy.st_ctim.tv_nsec) >
+                        std::tie(begin->tv_sec, begin->tv_nsec);
 }
 
 bool BackupProgress::IsOpen(const SentrelDirRule& rule, const std::string& path) const {

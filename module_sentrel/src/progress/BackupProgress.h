@@ -42,8 +42,12 @@ class BackupProgress {
     /// round.
     std::uint64_t BeginCopy();
 
-    /// When the round's first copy began, by the clock that stamps files; none before it.
-    std::optional<std::timespec> Begin() const;
+    /// Forgets the copy of the rule's path: it is copied once more in this round, as at its begin.
+    void Renew(const SentrelDirRule& rule);
+
+    /// When the round's first copy began, by the clock that stamps files, or the rule's path was
+    /// renewed; none before the first copy.
+    std::optional<std::timespec> Begin(const SentrelDirRule& rule) const;
 
     /// Notes that a copy begun in `round` is complete except for the objects `open`, and that it
     /// has the extended attributes of these kinds (SDK::AttributeKind). False when that round is
@@ -57,8 +61,9 @@ class BackupProgress {
     /// in this round: copies of an older version of the agent lack attributes.
     unsigned AttributeKinds(const SentrelDirRule& rule) const;
 
-    /// The backup copy with these attributes was made in the present round.
-    bool IsOfThisRound(const struct stat& copy) const;
+    /// The backup copy with these attributes was made in the present round, and since the rule's
+    /// path was renewed.
+    bool IsOfThisRound(const SentrelDirRule& rule, const struct stat& copy) const;
 
     /// The object is open. `path` as in events; a trailing "/" is ignored. Never true of the
     /// protected path itself. Cheap while no path has open objects; may read the copy's directory
@@ -116,12 +121,14 @@ class BackupProgress {
 
     const Complete* Find(const SentrelDirRule& rule) const;
     Complete* Find(const SentrelDirRule& rule);
+    std::optional<std::timespec> BeginOf(const SentrelDirRule& rule) const;
     const OpenObjects* OpenOf(const SentrelDirRule& rule) const;
     void CountOpen();
 
     mutable std::mutex mutex_;  ///< guards all below but the atomic
     std::uint64_t round_ = 0;
     std::optional<std::timespec> begin_;
+    std::map<Key, std::timespec> renewed_;
     std::map<Key, Complete> complete_;
     std::atomic<bool> has_open_{false};  ///< open, held or being checked
 };

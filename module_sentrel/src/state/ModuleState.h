@@ -2,6 +2,7 @@
 
 #include "baseline/RuleBaselines.h"
 #include "feature_sentrel/schedule/ScheduleStatus.h"
+#include "places/ReleaseLinks.h"
 #include "places/RuleAnchors.h"
 #include "places/TrustedPlaces.h"
 #include "progress/BackupProgress.h"
@@ -17,6 +18,7 @@ namespace Engine {
 struct ModuleState {
     RuleAnchors anchors;
     TrustedPlaces places;
+    ReleaseLinks releases;
     BackupProgress progress;
     RuleBaselines baselines;
     SentrelStatus status;

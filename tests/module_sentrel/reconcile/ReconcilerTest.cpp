@@ -136,7 +136,9 @@ TEST_F(NamesEndingInADot, ChangesWithAnEvent_AreUndoneWithoutWaitingForALook) {
         {"page.", IN_MODIFY},      {"lost.", IN_DELETE | IN_ISDIR},
         {"link.", IN_CREATE},      {"uploads/theirs.", IN_CREATE}};
     for (const auto& [name, mask] : events) Tell(File(name), mask);
-    task_.HandleBacklog(now_);
+    EXPECT_TRUE(AwaitInBacklog(
+        [&] { return Counter("restores_done") == 3 && Counter("removals_done") == 2; }));
+    EXPECT_EQ(Counter("looks"), 1) << "the one before the attack";
     ExpectUndone();
 }
 
