@@ -4,6 +4,7 @@
 #include <baseline/ManifestBuilder.h>
 #include <gtest/gtest.h>
 #include <sdk/files/PathUtils.h>
+#include <sdk/restore/AttributeComparison.h>
 
 #include <filesystem>
 #include <string>
@@ -54,6 +55,7 @@ class ApprovedSite {
         info.exclusions = {"cache"};
         info.created = 1'000'000'000;
         info.approval = approval;
+        info.attribute_kinds = SDK::kAllAttributes;
         ASSERT_TRUE(Baseline::BaselineStore(Data()).Commit(writer, info));
     }
 

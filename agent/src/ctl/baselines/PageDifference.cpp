@@ -155,10 +155,11 @@ bool PageDifference::CompareObjects(const Object& copy, const Object& page) {
 void PageDifference::CompareExtendedAttributes(const Object& copy, const Object& page) {
     if (!copy.directory.IsOpen() || !page.directory.IsOpen()) return;
     using SDK::AttributeComparison;
+    const auto kinds = static_cast<unsigned>(part_.generation.manifest->Info().attribute_kinds);
     const SDK::ExtendedAttributes before =
-        AttributeComparison::Read(copy.directory.Get(), copy.name, SDK::kAllAttributes);
+        AttributeComparison::Read(copy.directory.Get(), copy.name, kinds);
     const SDK::ExtendedAttributes after =
-        AttributeComparison::Read(page.directory.Get(), page.name, SDK::kAllAttributes);
+        AttributeComparison::Read(page.directory.Get(), page.name, kinds);
     if (!AttributeComparison::Differ(after, before)) return;
     for (const auto& [name, value] : before.values) {
         if (!after.Has(name)) lines_.push_back("missing attribute " + name);

@@ -201,6 +201,11 @@ std::string PathWarnings(const Json::Value& status, long long now_ms) {
         if (state == "waiting") text += Warning(name + " is not there; it is watched for");
         if (state == "degraded") text += Warning(name + " has directories that cannot be watched");
         text += OpenObjectWarnings(path, name);
+        if (Number(path, "held") > 0) {
+            text += Warning(name + " has " + Count(path, "held") +
+                            " changes that wait for a decision: morvanectl verify lists them, "
+                            "morvanectl accept or restore decides");
+        }
         const std::string problem = Text(path, "problem");
         if (!problem.empty()) text += Warning(name + " is not protected: " + problem);
         const std::string left_out = Text(path, "attributes_not_compared");
