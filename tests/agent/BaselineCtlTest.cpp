@@ -79,6 +79,8 @@ TEST_F(BaselineCtl, Verify_ListsWhatDiffersAndOnlyThat) {
         << out_;
     EXPECT_EQ(Run({"verify", (site_.Path() + "/a/").c_str()}), 2) << errors_;
     EXPECT_EQ(Differences(), below_a);
+    EXPECT_EQ(Run({"verify", site_.Path("a/../new").c_str()}), 2) << errors_;
+    EXPECT_EQ(Differences(), "added       SITE/new  directory with all below it\n");
     EXPECT_EQ(Run({"verify", "--limit", "1"}), 2) << errors_;
     EXPECT_EQ(Differences(), std::string("attributes  SITE/a  ") + kMode);
     EXPECT_NE(out_.find("\nand 4 more\n"), std::string::npos) << out_;
@@ -104,6 +106,22 @@ TEST_F(BaselineCtl, ProtectedFile_IsComparedAlone) {
     EXPECT_EQ(Differences(), "missing     SITE/index.html\n");
     EXPECT_EQ(Run({"verify", (page + "/x").c_str()}), 1);
     EXPECT_EQ(Run({"verify", site_.Path("a").c_str()}), 1);
+}
+
+TEST_F(BaselineCtl, LinksToASite_AreFollowedAndThoseInItAreNot) {
+    site_.Approve("first");
+    site_.Write("a/new", "x");
+    const test::TempDir elsewhere;
+    const std::string release = elsewhere.Path("release");
+    fs::create_directory_symlink(site_.Path(), release);
+    for (const char* name : {"", "/", "/a", "/a/new", "/none/../a"}) {
+        EXPECT_EQ(Run({"verify", (release + name).c_str()}), 2) << name << errors_;
+        EXPECT_EQ(Differences(), "added       SITE/a/new\n");
+    }
+    fs::create_directory_symlink("a", site_.Path("b"));
+    EXPECT_EQ(Run({"verify", (release + "/b/new").c_str()}), 1) << out_;
+    EXPECT_EQ(Run({"verify", (release + "/b").c_str()}), 2) << out_;
+    EXPECT_EQ(Differences(), "added       SITE/b\n");
 }
 
 TEST_F(BaselineCtl, VerifyOfCopies_FindsWhatSomebodyDidToThem) {

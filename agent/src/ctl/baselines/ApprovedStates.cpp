@@ -119,10 +119,22 @@ void ApprovedStates::Open() {
 
 std::string ApprovedStates::Resolve(const std::string& path) const {
     const std::string lexical = Lexical(path);
-    const bool is_protected = std::any_of(newest_.begin(), newest_.end(), [&](const auto& one) {
-        return LiesWithin(lexical, LiveRoot(one.manifest->Info()));
+    if (IsProtected(lexical)) return lexical;
+    // What leads to a protected path is the operator's, what lies in it is not.
+    for (std::size_t end = 1; end != std::string::npos && end < lexical.size();) {
+        end = lexical.find('/', end + 1);
+        std::error_code error;
+        const std::string resolved = fs::weakly_canonical(lexical.substr(0, end), error);
+        if (error || !IsProtected(resolved)) continue;
+        return resolved + (end == std::string::npos ? "" : lexical.substr(end));
+    }
+    return WithParentsResolved(lexical);
+}
+
+bool ApprovedStates::IsProtected(const std::string& path) const {
+    return std::any_of(newest_.begin(), newest_.end(), [&](const Generation& generation) {
+        return LiesWithin(path, LiveRoot(generation.manifest->Info()));
     });
-    return is_protected ? lexical : WithParentsResolved(lexical);
 }
 
 std::vector<ApprovedPart> ApprovedStates::Holding(const std::string& path) const {

@@ -34,7 +34,7 @@ class ApprovedStates {
     const std::vector<std::string>& Problems() const { return problems_; }
 
     /// `path`, which may be relative, as the agent names objects. Links in a protected path are
-    /// never followed, elsewhere all but the last component.
+    /// never followed, those that lead to one are.
     std::string Resolve(const std::string& path) const;
 
     /// The states that hold `path` or lie below it. `path` comes from Resolve.
@@ -42,6 +42,7 @@ class ApprovedStates {
 
   private:
     void Open();
+    bool IsProtected(const std::string& path) const;
 
     const std::string directory_;
     const Baseline::BaselineStore store_;
