@@ -96,8 +96,9 @@ void SentrelInotifyTask::FileNotifyMessageAction(FileNotifyMessage* msg) {
     SendAlarms();
 }
 
-Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg) {
+Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg, bool is_told) {
     Handling handling;
+    handling.is_told = is_told;
     // Paths.
     const std::uint32_t mask = msg.GetEventMask();
     const bool is_dir = (msg.GetRawMask() & IN_ISDIR) != 0;
@@ -145,8 +146,9 @@ bool SentrelInotifyTask::IsLeftOut(const std::string& path) {
 
 /// Such a name is judged with the directory that holds it: the reconciler has found that it differs
 /// from its copy.
-Handling SentrelInotifyTask::JudgeLeftOut(const FileNotifyMessage& msg) {
+Handling SentrelInotifyTask::JudgeLeftOut(const FileNotifyMessage& msg, bool is_told) {
     Handling handling;
+    handling.is_told = is_told;
     const auto found = watch_rules.find(msg.GetWatchFile());
     if (found == watch_rules.end()) return handling;
     const bool is_dir = (msg.GetRawMask() & IN_ISDIR) != 0;
@@ -233,6 +235,7 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
     NoteOtherNames(rule, file, handling);
     const UndoResult undoing = AutoRestoreFile(rule, restore, remove, file);
     handling.Add(undoing.outcome);
+    if (handling.is_told && IsFailure(undoing.outcome)) return;
     Alarm alarm;
     alarm.file = file;
     alarm.type = type;

@@ -76,7 +76,8 @@ Rejudge::Owner SentrelInotifyTask::RejudgeOwner() {
     Rejudge::Owner owner;
     owner.judge = [this](const FileChange& change) {
         FileNotifyMessage msg(change.watch_id, change.path, "", change.raw_mask, change.read_time);
-        return IsLeftOut(change.path) ? JudgeLeftOut(msg) : Judge(msg);
+        const bool is_told = change.origin == ChangeOrigin::kGivenUp;
+        return IsLeftOut(change.path) ? JudgeLeftOut(msg, is_told) : Judge(msg, is_told);
     };
     owner.rule = [this](const std::string& watch_id) -> const SentrelDirRule* {
         const auto found = watch_rules.find(watch_id);
@@ -100,6 +101,7 @@ Reconciler::Owner SentrelInotifyTask::ReconcilerOwner() {
         return rejudge_.Judge(change, undoer_.Recent());
     };
     owner.should_pause = [this] { return ShouldYield() || QueueLength() > 0; };
+    owner.begun = [this](const std::string& watch_id) { rejudge_.RetryGivenUp(watch_id); };
     owner.ended = [this](const Reconciler::Look& look) { NoteLook(look); };
     return owner;
 }

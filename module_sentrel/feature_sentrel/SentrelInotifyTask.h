@@ -138,8 +138,9 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool HasLostItsCopy(const SentrelDirRule& rule, const std::string& path);
     void ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing);
 
-    Handling Judge(FileNotifyMessage& msg);
-    Handling JudgeLeftOut(const FileNotifyMessage& msg);
+    /// `is_told`: Handling::is_told.
+    Handling Judge(FileNotifyMessage& msg, bool is_told = false);
+    Handling JudgeLeftOut(const FileNotifyMessage& msg, bool is_told);
     static bool IsLeftOut(const std::string& path);
     void JudgeFile(const SentrelDirRule& rule, std::uint32_t mask, const std::string& file,
                    std::chrono::steady_clock::time_point read_time, Handling& handling);

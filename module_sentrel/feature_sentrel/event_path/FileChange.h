@@ -17,6 +17,7 @@ enum class ChangeOrigin {
     kLive,       ///< the kernel reported it just now
     kRetry,      ///< it had to wait, or its undo failed
     kReconcile,  ///< a comparison of the tree with its copy found it
+    kGivenUp,    ///< its retries were given up; the next look tries it again
 };
 
 /// One change of one path.
@@ -41,6 +42,11 @@ enum class Outcome {
     kNotJudged,  ///< it could not be compared with its copy
 };
 
+inline bool IsFailure(Outcome outcome) {
+    return outcome == Outcome::kRestoreFailed || outcome == Outcome::kRemovalFailed ||
+           outcome == Outcome::kNotJudged;
+}
+
 /// Identifies an object independently of its names.
 using ObjectId = std::pair<dev_t, ino_t>;
 
@@ -49,6 +55,7 @@ struct Handling {
     Outcome outcome = Outcome::kNone;
     std::optional<ObjectId> other_names = {};  ///< the changed object may have other names
     bool vanished = false;                     ///< gone before it could be compared
+    bool is_told = false;  ///< set by the caller: its failure has an alarm already
 
     /// Of two results for one change, a failure counts.
     void Add(Outcome next) {

@@ -106,6 +106,7 @@ void Reconciler::Begin(const std::string& watch_id, const SentrelDirRule& rule,
     look_ = {rule.real_path};
     look_began_ = TimeOf(CLOCK_REALTIME);
     scan_.emplace(ScanOwner(watch_id, rule, ChangeOrigin::kReconcile), progress.since);
+    owner_.begun(watch_id);
 }
 
 ChangeScan::Owner Reconciler::ScanOwner(const std::string& watch_id, const SentrelDirRule& rule,

@@ -51,6 +51,8 @@ class Reconciler {
         std::function<Handling(const FileChange&)> judge = {};
         /// True when somebody else waits for the thread.
         std::function<bool()> should_pause = {};
+        /// A look through the path of that watch begins.
+        std::function<void(const std::string& watch_id)> begun = {};
         std::function<void(const Look&)> ended = {};
     };
 

@@ -41,7 +41,8 @@ Rejudge::Rejudge(Owner owner, ModuleState& state, std::size_t backlog)
     : owner_(std::move(owner)),
       state_(state),
       deferred_(backlog),
-      failed_(std::min(backlog, RetryQueue::kCapacity)) {}
+      failed_(std::min(backlog, RetryQueue::kCapacity)),
+      given_up_(std::min(backlog, RetryQueue::kCapacity)) {}
 
 void Rejudge::Take(const FileChange& change, const Handling& handling,
                    const RecentRestores& recent) {
@@ -57,7 +58,9 @@ void Rejudge::Take(const FileChange& change, const Handling& handling,
         default:
             break;
     }
-    if (change.origin == ChangeOrigin::kReconcile) return;
+    if (change.origin == ChangeOrigin::kReconcile || change.origin == ChangeOrigin::kGivenUp) {
+        return;
+    }
     // A change through one name changes the object at all its names; the kernel reports only one.
     if (handling.other_names) to_compare_[change.watch_id].objects.insert(*handling.other_names);
     if (handling.vanished) NoteVanished(change, recent);
@@ -82,14 +85,26 @@ void Rejudge::KeepFailed(FileChange change) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "%s is judged again later.", change.path);
             return;
         case RetryQueue::Kept::kGivenUp:
-            state_.status.Count(SentrelStatus::kRetriesGivenUp);
-            SDK_LOG(ModuleLogger(), PRIO_WARNING,
-                    "%s cannot be restored or removed and is given up.", change.path);
+            GiveUp(std::move(change));
             return;
         case RetryQueue::Kept::kNoRoom:
             CompareLater(change.watch_id);
             return;
     }
+}
+
+/// The object does not change any more, so a look would not see it.
+void Rejudge::GiveUp(FileChange change) {
+    if (change.origin != ChangeOrigin::kGivenUp) {
+        state_.status.Count(SentrelStatus::kRetriesGivenUp);
+        SDK_LOG(ModuleLogger(), PRIO_WARNING,
+                "%s cannot be restored or removed and is given up until the next look.",
+                change.path);
+    }
+    const std::string watch_id = change.watch_id;
+    change.origin = ChangeOrigin::kGivenUp;
+    change.attempt = RetryQueue::kMostTries;
+    if (!given_up_.Keep(std::move(change))) CompareLater(watch_id);
 }
 
 void Rejudge::CompareLater(const std::string& watch_id) {
@@ -122,10 +137,11 @@ Handling Rejudge::Judge(const FileChange& change, const RecentRestores& recent) 
 bool Rejudge::HandleDue(Clock::time_point now, const RecentRestores& recent) {
     const bool more_deferred = HandleDeferred(recent);
     const bool more_failed = HandleFailed(now, recent);
+    const bool more_given_up = HandleGivenUp(now, recent);
     const bool more_to_compare = CompareTrees(now, recent);
     state_.status.PublishBacklog(deferred_.Size(), failed_.Size(),
-                                 to_compare_.size() + (reconciler_ ? 1 : 0));
-    return more_deferred || more_failed || more_to_compare;
+                                 to_compare_.size() + (reconciler_ ? 1 : 0), given_up_.Size());
+    return more_deferred || more_failed || more_given_up || more_to_compare;
 }
 
 bool Rejudge::HandleDeferred(const RecentRestores& recent) {
@@ -149,11 +165,24 @@ bool Rejudge::HandleFailed(Clock::time_point now, const RecentRestores& recent) 
         if (!due) return false;
         state_.status.Count(SentrelStatus::kRetries);
         const Outcome outcome = Judge(*due, recent).outcome;
-        if (outcome != Outcome::kRestoreFailed && outcome != Outcome::kRemovalFailed &&
-            outcome != Outcome::kNotJudged) {
-            continue;
-        }
+        if (!IsFailure(outcome)) continue;
         retries_rest_until_ = now + kRestAfterFailure;
+        return false;
+    }
+    return true;
+}
+
+bool Rejudge::HandleGivenUp(Clock::time_point now, const RecentRestores& recent) {
+    if (now < given_up_rest_until_) return false;
+    for (int done = 0; done < kMostAtOnce && !owner_.should_yield(); ++done) {
+        const std::optional<FileChange> due = given_up_.TakeDue();
+        if (!due) return false;
+        const auto begun = Clock::now();
+        if (!IsFailure(Judge(*due, recent).outcome)) continue;
+        // A large file that fails each time must not keep the thread from other work.
+        given_up_rest_until_ =
+            now + std::max<Clock::duration>(kRestAfterFailure,
+                                            kRestPerComparison * (Clock::now() - begun));
         return false;
     }
     return true;
@@ -232,11 +261,13 @@ bool Rejudge::IsInScope(const std::string& path) const {
 void Rejudge::Forget() {
     deferred_.Clear();
     failed_.Clear();
+    given_up_.Clear();
     to_compare_.clear();
     reconciler_.reset();
     retries_rest_until_ = {};
+    given_up_rest_until_ = {};
     comparisons_rest_until_ = {};
-    state_.status.PublishBacklog(0, 0, 0);
+    state_.status.PublishBacklog(0, 0, 0, 0);
 }
 
 }  // namespace Engine

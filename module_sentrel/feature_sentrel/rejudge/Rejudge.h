@@ -13,6 +13,7 @@
 #include "base/SentrelDirRule.h"
 #include "feature_sentrel/event_path/FileChange.h"
 #include "feature_sentrel/event_path/RecentRestores.h"
+#include "feature_sentrel/rejudge/GivenUpChanges.h"
 #include "feature_sentrel/rejudge/PendingEvents.h"
 #include "feature_sentrel/rejudge/RetryQueue.h"
 #include "feature_sentrel/rejudge/TreeReconciler.h"
@@ -59,6 +60,10 @@ class Rejudge {
     /// judged for a while.
     void CompareAll(const std::string& watch_id) { to_compare_[watch_id].everything = true; }
 
+    /// Has the changes that were given up judged again, one after the other; a failure starts no
+    /// new retries.
+    void RetryGivenUp(const std::string& watch_id) { given_up_.Wake(watch_id); }
+
     void Forget();
     /// The watch is gone, and its changes with it.
     void Forget(const std::string& watch_id) { to_compare_.erase(watch_id); }
@@ -78,6 +83,8 @@ class Rejudge {
     void NoteVanished(const FileChange& change, const RecentRestores& recent);
     bool HandleDeferred(const RecentRestores& recent);
     bool HandleFailed(Clock::time_point now, const RecentRestores& recent);
+    bool HandleGivenUp(Clock::time_point now, const RecentRestores& recent);
+    void GiveUp(FileChange change);
     bool CompareTrees(Clock::time_point now, const RecentRestores& recent);
     bool MayCompare(const std::string& watch_id) const;
     void BeginComparison(const std::string& watch_id, const RecentRestores& recent);
@@ -89,6 +96,8 @@ class Rejudge {
     PendingEvents deferred_;
     RetryQueue failed_;
     Clock::time_point retries_rest_until_{};
+    GivenUpChanges given_up_;
+    Clock::time_point given_up_rest_until_{};
     std::map<std::string, Scope> to_compare_;  ///< by watch id
     std::string comparing_;                    ///< the watch id of reconciler_
     Scope scope_;

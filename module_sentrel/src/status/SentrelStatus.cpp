@@ -71,10 +71,12 @@ void SentrelStatus::NoteRemoteBackup(const std::string& real_path) {
     history_[real_path].last_remote_backup = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
-void SentrelStatus::PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees) {
+void SentrelStatus::PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees,
+                                   std::size_t given_up) {
     deferred_ = deferred;
     failed_ = failed;
     trees_ = trees;
+    given_up_ = given_up;
 }
 
 void SentrelStatus::PublishLargeFiles(std::size_t waiting, std::uint64_t bytes_compared) {
@@ -139,6 +141,7 @@ Json::Value SentrelStatus::ToJson(const Json::Value& watches, const RunFlags& fl
     answer["backlog"]["deferred"] = static_cast<Json::UInt64>(deferred_);
     answer["backlog"]["failed"] = static_cast<Json::UInt64>(failed_);
     answer["backlog"]["trees_to_compare"] = static_cast<Json::UInt64>(trees_);
+    answer["backlog"]["given_up"] = static_cast<Json::UInt64>(given_up_);
     answer["backlog"]["large_files"] = static_cast<Json::UInt64>(large_files_);
     answer["counters"] = CountersToJson();
     answer["counters"]["large_file_bytes"] = static_cast<Json::UInt64>(large_bytes_);
@@ -228,7 +231,7 @@ Json::Value SentrelStatus::CountersToJson() const {
 
 void SentrelStatus::Reset() {
     for (auto& counter : counters_) counter = 0;
-    PublishBacklog(0, 0, 0);
+    PublishBacklog(0, 0, 0, 0);
     PublishLargeFiles(0, 0);
     const std::lock_guard<std::mutex> lock(mutex_);
     on_ = false;

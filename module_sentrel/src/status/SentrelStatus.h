@@ -64,8 +64,10 @@ class SentrelStatus {
 
     void NoteLocalBackup(const std::string& real_path);
     void NoteRemoteBackup(const std::string& real_path);
-    /// The numbers of events and trees that wait to be judged again.
-    void PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees);
+    /// The numbers of events and trees that wait to be judged again, and of changes that wait for
+    /// the next look because their retries were given up.
+    void PublishBacklog(std::size_t deferred, std::size_t failed, std::size_t trees,
+                        std::size_t given_up);
     /// The number of large files that wait to be compared as a whole, and the bytes compared so
     /// far.
     void PublishLargeFiles(std::size_t waiting, std::uint64_t bytes_compared);
@@ -139,6 +141,7 @@ class SentrelStatus {
     std::atomic<std::size_t> deferred_{0};
     std::atomic<std::size_t> failed_{0};
     std::atomic<std::size_t> trees_{0};
+    std::atomic<std::size_t> given_up_{0};
     std::atomic<std::size_t> large_files_{0};
     std::atomic<std::uint64_t> large_bytes_{0};
     mutable std::mutex mutex_;  ///< guards all below

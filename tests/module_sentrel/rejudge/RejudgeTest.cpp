@@ -149,6 +149,55 @@ TEST_F(Event, FailedOrInterruptedRestore_IsRetried) {
     EXPECT_EQ(Counter("retries_given_up"), 0);
 }
 
+TEST_F(Event, GivenUpChange_IsTriedAgainWithEachLookAndToldOnce) {
+    auto now = std::chrono::steady_clock::now();
+    // A look of a new round sees only objects that have changed since the round began.
+    const auto look = [&] {
+        const int looks = Counter("looks");
+        state_.progress.Restart();
+        state_.progress.BeginCopy();
+        NoteBackup();
+        while (Counter("looks") == looks) task_.HandleBacklog(now += std::chrono::seconds(1));
+        task_.HandleBacklog(now += std::chrono::seconds(1));
+    };
+    data_.Write("site/index.html", "");
+    {
+        const test::FileSizeLimit full(1);
+        Tell(File("index.html"), IN_MODIFY);
+        while (Counter("retries_given_up") == 0) {
+            task_.HandleBacklog(now += std::chrono::seconds(5));
+        }
+        Alarms();
+        Engine::WorkClock::SetSource([] { return std::time(nullptr) + 1000; });
+        task_.CleanOldMessageFromCache();
+        Engine::WorkClock::SetSource(nullptr);
+        const int failures = Counter("restores_failed");
+        look();
+        EXPECT_EQ(Counter("restores_failed"), failures + 1);
+        EXPECT_EQ(Counter("retries_given_up"), 1);
+        EXPECT_EQ(Alarms(), "");
+    }
+    look();
+    EXPECT_EQ(Content("index.html"), "welcome");
+    EXPECT_EQ(state_.status.ToJson({}, {})["backlog"]["given_up"].asInt(), 0);
+    EXPECT_EQ(Alarms(), "modify index.html: restored\n");
+}
+
+TEST(GivenUpChanges, Keep_IsBoundedAndWakesByWatch) {
+    Engine::GivenUpChanges kept(2);
+    EXPECT_TRUE(kept.Keep({"/w", "/w/a", IN_MODIFY, {}}) &&
+                kept.Keep({"/v", "/v/a", IN_MODIFY, {}}));
+    EXPECT_FALSE(kept.Keep({"/w", "/w/b", IN_MODIFY, {}}));
+    EXPECT_TRUE(kept.Keep({"/w", "/w/a", IN_DELETE, {}}));
+    EXPECT_FALSE(kept.TakeDue());
+    kept.Wake("/w");
+    const auto due = kept.TakeDue();
+    ASSERT_TRUE(due);
+    EXPECT_EQ(due->path + std::to_string(due->raw_mask), "/w/a" + std::to_string(IN_DELETE));
+    EXPECT_FALSE(kept.TakeDue());
+    EXPECT_EQ(kept.Size(), 1U);
+}
+
 TEST(RetryQueue, Keep_GivesUpAfterTwelveTries) {
     Engine::RetryQueue failed(1);
     Engine::RetryQueue::Clock::time_point now{};
