@@ -13,11 +13,13 @@
 #include <utility>
 
 #include "base/ModuleLogger.h"
+#include "feature_sentrel/backup/Acceptance.h"
 #include "feature_sentrel/backup/BackupDirectory.h"
 #include "feature_sentrel/backup/CopyComparison.h"
 #include "feature_sentrel/backup/OpenReport.h"
 #include "state/ModuleState.h"
 #include "status/WatchList.h"
+#include "utils/ModuleReports.h"
 #include "utils/SentrelUtils.h"
 #include "utils/TaskSteps.h"
 
@@ -80,6 +82,7 @@ bool SentrelBackupTask::UnInit() {
 int SentrelBackupTask::Run() {
     RetryOpenObjects();
     CommitInterrupted();
+    HandleAcceptance();
     SentrelUtils* utils = SentrelUtils::GetInstance();
     const std::uint64_t round = state_.progress.Round();
     if (!utils->MakesLocalBackup()) {
@@ -208,11 +211,11 @@ unsigned SentrelBackupTask::AttributeKinds(const SentrelDirRule& rule) {
 
 /// Lists the copies, which are what was approved from now on. An interrupted listing begins again
 /// with the next pass.
-void SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
+bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
     uncommitted_.erase(rule.real_path);
     const RulePlaces places = state_.anchors.Of(rule);
     const std::optional<std::timespec> begin = state_.progress.Begin(rule);
-    if (!places || !begin) return;
+    if (!places || !begin) return false;
     RuleBaselines::Commitment commitment;
     commitment.begun = *begin;
     for (const auto& entry : state_.progress.OpenEntries(rule, OpenObjects::kCapacity)) {
@@ -224,7 +227,7 @@ void SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
     switch (state_.baselines.Commit(*places.anchors, std::move(commitment), problem)) {
         case RuleBaselines::Committed::kYes:
             SDK_LOG(ModuleLogger(), PRIO_NOTICE, "the state of %s is approved.", rule.real_path);
-            break;
+            return true;
         case RuleBaselines::Committed::kInterrupted:
             uncommitted_.insert(rule.real_path);
             break;
@@ -234,6 +237,7 @@ void SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
             state_.status.NoteFailure(rule.real_path, "manifest: " + problem);
             break;
     }
+    return false;
 }
 
 void SentrelBackupTask::CommitInterrupted() {
@@ -243,6 +247,49 @@ void SentrelBackupTask::CommitInterrupted() {
             CommitBaseline(rule);
         }
     }
+}
+
+void SentrelBackupTask::HandleAcceptance() {
+    const auto request = state_.requests.Take(OperatorRequest::Action::kAccept);
+    if (!request) return;
+    OperatorRequests::Result result;
+    bool is_ours = false;
+    for (const SentrelDirRule& rule : SentrelUtils::GetInstance()->dir_rules) {
+        if (request->PartsOf(rule).empty()) continue;
+        is_ours = true;
+        Accept(*request, rule, result);
+    }
+    if (!is_ours) result.message = "No path of these is protected.";
+    result.is_done = result.message.empty();
+    if (result.is_done) {
+        result.message = std::to_string(result.objects) + " changed objects are approved now.";
+    }
+    state_.requests.End(request->id, result);
+    ModuleReports::SendAcceptance(request->user, request->process, request->paths, result.objects);
+}
+
+/// A failure becomes the result's message.
+void SentrelBackupTask::Accept(const OperatorRequest& request, const SentrelDirRule& rule,
+                               OperatorRequests::Result& result) {
+    const RulePlaces places = state_.anchors.Of(rule);
+    const RuleBaselines::Known manifest = state_.baselines.Of(rule);
+    if (!places || manifest == nullptr || !state_.baselines.HasBackup(rule)) {
+        result.message = rule.real_path + " has no approved state to compare with.";
+        return;
+    }
+    state_.baselines.BeginAccepting(rule, "accepted by " + request.By());
+    Acceptance acceptance(*places.anchors, manifest, [this] { return ShouldYield(); });
+    for (const std::string& part : request.PartsOf(rule)) {
+        const Acceptance::Result taken = acceptance.Take(part);
+        result.objects += taken.objects;
+        if (!taken.error.empty()) {
+            result.message = taken.error;
+        } else {
+            state_.progress.Release(rule, part);
+        }
+    }
+    if (!CommitBaseline(rule))
+        result.message = "The manifest of " + rule.real_path + " was not written.";
 }
 
 bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/SentrelDirRule.h"
+#include "baseline/OperatorRequests.h"
 
 namespace Engine {
 
@@ -43,8 +44,12 @@ class SentrelBackupTask : public Framework::Task {
     /// Tries the open objects again that are due.
     void RetryOpenObjects();
     void RetryOpenObjects(const SentrelDirRule& rule);
-    void CommitBaseline(const SentrelDirRule& rule);
+    bool CommitBaseline(const SentrelDirRule& rule);
     void CommitInterrupted();
+    /// Takes what an operator accepted into the copies.
+    void HandleAcceptance();
+    void Accept(const OperatorRequest& request, const SentrelDirRule& rule,
+                OperatorRequests::Result& result);
     bool PushToServer(const SentrelDirRule& rule);
     void ClearPending(std::atomic<bool>& pending, std::uint64_t round);
 

@@ -82,6 +82,7 @@ void SentrelInotifyTask::StartChecks() {
 
 /// True when more is to be done at once.
 bool SentrelInotifyTask::TakeCheckResults() {
+    StartRestore();
     const std::vector<BaselineCheck::Found> found = check_.Take(kMostAtOnce);
     for (const BaselineCheck::Found& one : found) TakeFound(one);
     while (const std::optional<BaselineCheck::Ended> ended = check_.TakeEnded()) EndCheck(*ended);
@@ -95,6 +96,9 @@ void SentrelInotifyTask::TakeFound(const BaselineCheck::Found& found) {
     std::string path = SDK::PathUtils::WithoutTrailingSlash(rule->second.real_path);
     if (!difference.path.empty()) path += "/" + difference.path;
     if (IsIgnored(rule->second, difference.is_directory ? path + "/" : path)) return;
+    if (found.purpose == BaselineCheck::Purpose::kRestore) {
+        return TakeToRestore(rule->second, path, found);
+    }
     if (found.purpose == BaselineCheck::Purpose::kStart && check_action_ == CheckAction::kHold) {
         state_.progress.Hold(rule->second, difference.path, StandsForItsContent(difference));
     }
@@ -104,6 +108,7 @@ void SentrelInotifyTask::TakeFound(const BaselineCheck::Found& found) {
 }
 
 void SentrelInotifyTask::EndCheck(const BaselineCheck::Ended& ended) {
+    if (ended.job.purpose == BaselineCheck::Purpose::kRestore) return EndRestore(ended);
     const SentrelDirRule& rule = ended.job.places->Rule();
     being_checked_.erase(ended.job.watch_id);
     if (!ended.summary.is_complete) return;
@@ -115,6 +120,62 @@ void SentrelInotifyTask::EndCheck(const BaselineCheck::Ended& ended) {
             "%s was compared with the approved state: %s of %s objects differ; %s are held.",
             rule.real_path, std::to_string(ended.found), std::to_string(ended.summary.objects),
             std::to_string(state_.progress.HeldCount(rule)));
+}
+
+/// Begins what an operator wants: the approved state back, also of what is only reported.
+void SentrelInotifyTask::StartRestore() {
+    const auto request = state_.requests.Take(OperatorRequest::Action::kRestore);
+    if (!request) return;
+    RestoreRun& run = restores_[request->id];
+    for (const auto& [id, rule] : watch_rules) {
+        for (const std::string& part : request->PartsOf(rule)) {
+            BaselineCheck::Job job;
+            job.watch_id = id;
+            job.places = state_.anchors.Of(rule).anchors;
+            job.manifest = state_.baselines.Of(rule);
+            job.purpose = BaselineCheck::Purpose::kRestore;
+            job.below = part;
+            job.request = request->id;
+            if (job.places == nullptr || job.manifest == nullptr) {
+                run.result.message = rule.real_path + " has no approved state to restore.";
+                continue;
+            }
+            state_.progress.Release(rule, part);
+            ++run.jobs;
+            check_.Start(std::move(job));
+        }
+    }
+    if (run.jobs > 0) return;
+    if (run.result.message.empty()) run.result.message = "No path of these is protected.";
+    state_.requests.End(request->id, run.result);
+    restores_.erase(request->id);
+}
+
+void SentrelInotifyTask::TakeToRestore(const SentrelDirRule& rule, const std::string& path,
+                                       const BaselineCheck::Found& found) {
+    RestoreRun& run = restores_[found.request];
+    const bool is_foreign = found.difference.kind == Kind::kAdded;
+    UndoResult undoing = is_foreign ? undoer_.Remove(rule, path) : undoer_.Restore(rule, path);
+    ReportCopyFaults(rule, undoing);
+    if (undoing.outcome == Outcome::kRestored || undoing.outcome == Outcome::kRemoved) {
+        ++run.result.objects;
+    } else if (undoing.outcome != Outcome::kNone) {
+        run.result.message = path + ": " + OutcomeText(undoing.outcome) + ".";
+    }
+}
+
+void SentrelInotifyTask::EndRestore(const BaselineCheck::Ended& ended) {
+    const auto known = restores_.find(ended.job.request);
+    if (known == restores_.end()) return;
+    RestoreRun& run = known->second;
+    if (!ended.summary.is_complete) run.result.message = "The restore was interrupted.";
+    if (--run.jobs > 0) return;
+    run.result.is_done = run.result.message.empty();
+    if (run.result.is_done) {
+        run.result.message = std::to_string(run.result.objects) + " objects were restored.";
+    }
+    state_.requests.End(known->first, run.result);
+    restores_.erase(known);
 }
 
 }  // namespace Engine

@@ -140,6 +140,8 @@ bool SentrelInotifyTask::UnInit() {
     RmvFileNotifyWatches();
     check_.Stop();
     being_checked_.clear();
+    restores_.clear();
+    state_.requests.FailAll("The protection ended.");
     alarms_.Finish();
     watch_rules.clear();
     rejudge_.Forget();

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/SentrelDirRule.h"
+#include "baseline/OperatorRequests.h"
 #include "feature_sentrel/alarms/AlarmReporter.h"
 #include "feature_sentrel/alarms/SentrelCacheMsg.h"
 #include "feature_sentrel/event_path/BackupComparer.h"
@@ -134,6 +135,10 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool TakeCheckResults();
     void TakeFound(const BaselineCheck::Found& found);
     void EndCheck(const BaselineCheck::Ended& ended);
+    void StartRestore();
+    void TakeToRestore(const SentrelDirRule& rule, const std::string& path,
+                       const BaselineCheck::Found& found);
+    void EndRestore(const BaselineCheck::Ended& ended);
     void ReleaseIfChanged(const FileNotifyMessage& msg);
     bool HasLostItsCopy(const SentrelDirRule& rule, const std::string& path);
     void ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing);
@@ -184,7 +189,13 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     CheckSettings check_settings_;
     CheckAction check_action_ = CheckAction::kHold;  ///< of the checks that are under way
     std::set<std::string> being_checked_;            ///< by watch id
-    int last_full_check_day_ = -1;                   ///< of the year
+    /// A restore that an operator wants.
+    struct RestoreRun {
+        std::size_t jobs = 0;  ///< that have not ended
+        OperatorRequests::Result result = {};
+    };
+    std::map<std::uint64_t, RestoreRun> restores_;  ///< by request
+    int last_full_check_day_ = -1;                  ///< of the year
     ReleaseLinks::Mode release_mode_ = ReleaseLinks::Mode::kFollow;
     std::chrono::steady_clock::time_point next_look_{};
 };

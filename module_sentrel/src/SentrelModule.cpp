@@ -30,6 +30,8 @@ constexpr const char* kStatusQuery = "status.sentrel";
 constexpr const char* kExclusionsQuery = "exclusions.sentrel_inotify_task";
 constexpr const char* kProtectionCheckQuery = "policy.check.sentrel_feature";
 constexpr const char* kBackUpServerCheckQuery = "policy.check.backupserver_feature";
+constexpr const char* kRequestQuery = "baseline.request";
+constexpr const char* kProgressQuery = "baseline.progress";
 constexpr const char* kCompletionQuery = "policy.complete.sentrel_feature";
 
 template <typename TaskClass>
@@ -98,6 +100,15 @@ Json::Value SentrelModule::AnswerStatus() {
     return answer;
 }
 
+Json::Value SentrelModule::AnswerRequest(const Json::Value& request) {
+    Framework::Engine& engine = Framework::Engine::Instance();
+    const bool is_on = engine.FindTask("sentrel_inotify_task") != nullptr;
+    if (is_on && SentrelUtils::GetInstance()->is_run) return state_.requests.Submit(request);
+    Json::Value answer(Json::objectValue);
+    answer["error"] = is_on ? "The protection pauses by its schedule." : "The protection is off.";
+    return answer;
+}
+
 void SentrelModule::RegisterCallbacks() {
     using PolicyCallback = Framework::PolicyCallback<SentrelModule>;
     using TaskletCallback = Framework::TaskletCallback<SentrelModule>;
@@ -136,12 +147,18 @@ void SentrelModule::RegisterQueries() {
                                           SentrelPolicyCheck::CheckBackUpServerPlaces);
     });
     queries.Register(kCompletionQuery, AnswerCompletion);
+    queries.Register(kRequestQuery,
+                     [this](const Json::Value& request) { return AnswerRequest(request); });
+    queries.Register(kProgressQuery, [this](const Json::Value& request) {
+        return state_.requests.Progress(request);
+    });
 }
 
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
-    for (const char* query : {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery,
-                              kBackUpServerCheckQuery, kCompletionQuery}) {
+    for (const char* query :
+         {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackUpServerCheckQuery,
+          kCompletionQuery, kRequestQuery, kProgressQuery}) {
         queries.Unregister(query);
     }
 }

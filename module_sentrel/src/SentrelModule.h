@@ -53,6 +53,7 @@ class SentrelModule : public Framework::Module {
 
   private:
     Json::Value AnswerStatus();
+    Json::Value AnswerRequest(const Json::Value& request);
     bool IsSwitchedOn(const std::string& feature, const std::string& policyJson,
                       void (SentrelModule::*switch_off)(Framework::Policy*));
     bool IsParsed(Framework::FeaturePolicy* policy, const std::string& feature,

@@ -4,7 +4,6 @@
 
 #include <utility>
 
-#include "base/PathText.h"
 #include "rsync/RsyncExclusions.h"
 
 namespace Engine {
@@ -89,20 +88,17 @@ void BaselineCheck::Run(const Job& job) {
     const auto begun = std::chrono::steady_clock::now();
     busy_since_ = begun;
     Baseline::TreeVerifier::Request request;
-    if (rule.IsFile()) {
-        request.root = {rule.Parent().get(), FileName(rule.RootPath())};
-    } else {
-        request.root = {rule.Root().get(), ""};
-    }
+    request.root = LiveTree(rule);
     request.manifest = job.manifest.get();
-    request.full = job.purpose == Purpose::kDaily;
+    request.full = job.purpose != Purpose::kStart;
+    request.below = job.below;
     request.ignored = [&](const std::string& path, bool is_directory) {
-        return exclusions.Match(rule.RootPath() + "/" + path, is_directory);
+        return exclusions.Match(PathIn(rule, path), is_directory);
     };
     request.is_over = [this, &job] { return IsOver(job.purpose); };
     request.found = [&](const Baseline::Difference& difference) {
         ++ended.found;
-        Put(Found{job.watch_id, job.purpose, difference});
+        Put(Found{job.watch_id, job.purpose, difference, job.request});
     };
     if (request.root.anchor != nullptr) {
         ended.summary = Baseline::TreeVerifier(std::move(request)).Run();
@@ -127,7 +123,7 @@ void BaselineCheck::Put(Item item) {
 bool BaselineCheck::IsOver(Purpose purpose) {
     if (stopping_) return true;
     const auto now = std::chrono::steady_clock::now();
-    if (purpose == Purpose::kStart || now - busy_since_ < kBusy) return false;
+    if (purpose != Purpose::kDaily || now - busy_since_ < kBusy) return false;
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, kRestPerBusy * (now - busy_since_), [this] { return !!stopping_; });
     busy_since_ = std::chrono::steady_clock::now();

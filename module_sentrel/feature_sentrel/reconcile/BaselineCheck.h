@@ -28,19 +28,23 @@ class BaselineCheck {
   public:
     /// Why a path is compared.
     enum class Purpose {
-        kStart,  ///< the agent was away; at full speed
-        kDaily,  ///< every content is read, at a low rate
+        kStart,    ///< the agent was away; at full speed
+        kDaily,    ///< every content is read, at a low rate
+        kRestore,  ///< an operator wants the approved state back; every content is read
     };
     struct Job {
         std::string watch_id;
         std::shared_ptr<const AnchoredRule> places;
         RuleBaselines::Known manifest;
         Purpose purpose = Purpose::kStart;
+        std::string below = {};     ///< only this part
+        std::uint64_t request = 0;  ///< of an operator
     };
     struct Found {
         std::string watch_id;
         Purpose purpose = Purpose::kStart;
         Baseline::Difference difference;
+        std::uint64_t request = 0;
     };
     struct Ended {
         Job job;

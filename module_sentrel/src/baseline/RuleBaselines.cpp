@@ -41,20 +41,10 @@ CopyTree CopiesOf(const AnchoredRule& rule) {
     return tree;
 }
 
-Baseline::TreeRoot LiveOf(const AnchoredRule& rule) {
-    if (rule.IsFile()) return {rule.Parent().get(), FileName(rule.RootPath())};
-    return {rule.Root().get(), ""};
-}
-
 std::string Relative(const AnchoredRule& rule, const std::string& path) {
     std::string_view below;
     if (!rule.Below(path, below)) return "";
     return SDK::PathUtils::WithoutTrailingSlash(std::string(below));
-}
-
-std::string Joined(const AnchoredRule& rule, const std::string& below) {
-    const std::string& root = rule.RootPath();
-    return below.empty() ? root : (root == "/" ? root : root + "/") + below;
 }
 
 std::string Words(const Baseline::Difference& difference) {
@@ -69,6 +59,16 @@ std::string Words(const Baseline::Difference& difference) {
 }
 
 }  // namespace
+
+Baseline::TreeRoot LiveTree(const AnchoredRule& rule) {
+    if (rule.IsFile()) return {rule.Parent().get(), FileName(rule.RootPath())};
+    return {rule.Root().get(), ""};
+}
+
+std::string PathIn(const AnchoredRule& rule, const std::string& below) {
+    const std::string& root = rule.RootPath();
+    return below.empty() ? root : (root == "/" ? root : root + "/") + below;
+}
 
 void RuleBaselines::Reset(const std::string& directory, std::size_t kept) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -117,6 +117,11 @@ void RuleBaselines::BeginCopying(const SentrelDirRule& rule, const std::string& 
     states_[KeyOf(rule)] = {nullptr, 0, "", approval};
 }
 
+void RuleBaselines::BeginAccepting(const SentrelDirRule& rule, const std::string& approval) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    states_[KeyOf(rule)] = {nullptr, 0, "", approval};
+}
+
 RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitment commitment,
                                                std::string& problem) {
     const SentrelDirRule& what = rule.Rule();
@@ -139,12 +144,12 @@ RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitm
     info.attribute_kinds = commitment.attribute_kinds;
     Baseline::ManifestBuilder::Request request;
     request.copies = copies.root;
-    request.live = LiveOf(rule);
+    request.live = LiveTree(rule);
     request.last = last.manifest.get();
     request.begun = commitment.begun;
     request.open = std::move(commitment.open);
     request.ignored = [&](const std::string& below, bool is_directory) {
-        return exclusions.Match(Joined(rule, below), is_directory);
+        return exclusions.Match(PathIn(rule, below), is_directory);
     };
     request.is_over = commitment.is_over;
     request.threads = std::min(2U, std::thread::hardware_concurrency());
@@ -196,7 +201,7 @@ std::vector<RuleBaselines::Fault> RuleBaselines::CheckCopies(const AnchoredRule&
         }
     }
     const CopyTree copies = CopiesOf(rule);
-    if (copies.anchor == nullptr) return {{Joined(rule, below), "it cannot be opened"}};
+    if (copies.anchor == nullptr) return {{PathIn(rule, below), "it cannot be opened"}};
     const RsyncExclusions exclusions(rule.Rule());
     std::vector<Fault> faults;
     Baseline::TreeVerifier::Request request;
@@ -205,11 +210,11 @@ std::vector<RuleBaselines::Fault> RuleBaselines::CheckCopies(const AnchoredRule&
     request.side = Baseline::TreeVerifier::Side::kCopies;
     request.below = below;
     request.ignored = [&](const std::string& one, bool is_directory) {
-        return exclusions.Match(Joined(rule, one), is_directory);
+        return exclusions.Match(PathIn(rule, one), is_directory);
     };
     request.is_over = [] { return false; };
     request.found = [&](const Baseline::Difference& difference) {
-        faults.push_back({Joined(rule, difference.path), Words(difference)});
+        faults.push_back({PathIn(rule, difference.path), Words(difference)});
     };
     Baseline::TreeVerifier(std::move(request)).Run();
     return faults;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <baseline/BaselineStore.h>
+#include <baseline/TreeWalk.h>
 #include <json/value.h>
 
 #include <cstdint>
@@ -48,6 +49,8 @@ class RuleBaselines {
     /// The present state is approved, `approval` says how and by whom: no manifest is in force
     /// until the next Commit. Remembered across restarts until then.
     void BeginCopying(const SentrelDirRule& rule, const std::string& approval);
+    /// Single objects are approved: no manifest is in force until the next Commit. Not remembered.
+    void BeginAccepting(const SentrelDirRule& rule, const std::string& approval);
 
     struct Commitment {
         std::timespec begun{};          ///< when the copies were begun
@@ -98,5 +101,11 @@ class RuleBaselines {
     std::size_t kept_ = Baseline::BaselineStore::kDefaultKept;
     std::map<Key, State> states_;
 };
+
+/// The protected path as a tree; without an anchor when it is gone.
+Baseline::TreeRoot LiveTree(const AnchoredRule& rule);
+
+/// The full path of `below`, a path relative to the protected path.
+std::string PathIn(const AnchoredRule& rule, const std::string& below);
 
 }  // namespace Engine

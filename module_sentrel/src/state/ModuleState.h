@@ -1,5 +1,6 @@
 #pragma once
 
+#include "baseline/OperatorRequests.h"
 #include "baseline/RuleBaselines.h"
 #include "feature_sentrel/schedule/ScheduleStatus.h"
 #include "places/ReleaseLinks.h"
@@ -21,6 +22,7 @@ struct ModuleState {
     ReleaseLinks releases;
     BackupProgress progress;
     RuleBaselines baselines;
+    OperatorRequests requests;
     SentrelStatus status;
     BackUpServerStatus backup_server;
     ScheduleStatus schedule;

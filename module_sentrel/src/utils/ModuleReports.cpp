@@ -24,6 +24,19 @@ void ModuleReports::SendStatus(const std::string& feature, const std::string& ta
     SendDataMessage("sentrel_status_1", SDK::JsonUtils::JsonToString(body));
 }
 
+void ModuleReports::SendAcceptance(unsigned int user, int process,
+                                   const std::vector<std::string>& paths, std::size_t objects) {
+    Json::Value body(Json::objectValue);
+    body["feature"] = "sentrel_feature";
+    body["action"] = "accept";
+    body["user"] = user;
+    body["process"] = process;
+    body["objects"] = static_cast<Json::UInt64>(objects);
+    body["paths"] = Json::Value(Json::arrayValue);
+    for (const std::string& path : paths) body["paths"].append(path);
+    SendDataMessage("sentrel_baseline_1", SDK::JsonUtils::JsonToString(body));
+}
+
 void ModuleReports::SendException(const std::string& feature, const std::string& exception) {
     static const std::string kReportTask = "cmd_comm_report_task";
     Framework::Task* task = Framework::Engine::Instance().FindTask(kReportTask);

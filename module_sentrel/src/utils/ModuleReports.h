@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 namespace Engine {
 
@@ -10,6 +12,9 @@ class ModuleReports {
     static void SendStatus(const std::string& feature, const std::string& task,
                            const std::string& status);
     /// Dropped silently when the agent has no command report task.
+    /// An operator approved changes; no paths: all of them.
+    static void SendAcceptance(unsigned int user, int process,
+                               const std::vector<std::string>& paths, std::size_t objects);
     static void SendException(const std::string& feature, const std::string& exception);
 };
 

@@ -51,6 +51,25 @@ class ApprovedState : public test::Protection {
     std::string Handled(const std::string& name) {
         return Alarm(site_.Path(name))["outcome"].asString();
     }
+    /// Has the request carried out; returns how it ended.
+    Json::Value Decide(const std::string& action, const std::vector<std::string>& names) {
+        Json::Value request(Json::objectValue);
+        request["action"] = action;
+        request["all"] = names.empty();
+        request["uid"] = 0U;
+        request["pid"] = 4711;
+        for (const std::string& name : names) request["paths"].append(site_.Path(name));
+        const Json::Value known = Ask("baseline.request", request);
+        EXPECT_TRUE(known.isMember("id")) << test::Text(known);
+        Json::Value progress;
+        EXPECT_TRUE(test::WaitFor(
+            [&] {
+                progress = Ask("baseline.progress", known);
+                return progress["state"] == "done" || progress["state"] == "failed";
+            },
+            20s));
+        return progress;
+    }
     void ChangeAll() const {
         site_.Write("index.html", "defaced");
         fs::remove(site_.Path("sub/page.html"));
@@ -144,6 +163,30 @@ TEST_F(ApprovedState, OperatorsPolicy_ApprovesThePresentState) {
     site_.Write("index.html", "new release");
     Protect();
     EXPECT_TRUE(Becomes(Copy("index.html"), "new release"));
+}
+
+TEST_F(ApprovedState, HeldChanges_AreAcceptedOrRestoredAsTheOperatorDecides) {
+    Approve();
+    StopProtection();
+    ChangeAll();
+    StartProtection();
+    AwaitCheck();
+    EXPECT_EQ(Status()["held"].asInt(), 4);
+    Json::Value ended = Decide("accept", {"index.html", "evil"});
+    EXPECT_EQ(ended["state"], "done") << ended["message"].asString();
+    EXPECT_EQ(ended["objects"].asInt(), 2);
+    EXPECT_EQ(test::TempDir::Read(Copy("evil/shell.php")), "evil");
+    EXPECT_EQ(Status()["baseline"]["approval"], "accepted by user 0, process 4711");
+    ended = Decide("restore", {"sub"});
+    EXPECT_EQ(ended["state"], "done") << ended["message"].asString();
+    EXPECT_EQ(Content("sub/page.html"), "page");
+    EXPECT_EQ(Status()["held"].asInt(), 0);
+    // What was accepted is protected from now on.
+    site_.Write("index.html", "again");
+    EXPECT_TRUE(Becomes(site_.Path("index.html"), "defaced"));
+    site_.Write("sub/page.html", "page");
+    fs::remove_all(site_.Path("evil"));
+    EXPECT_TRUE(Becomes(site_.Path("evil/shell.php"), "evil"));
 }
 
 }  // namespace

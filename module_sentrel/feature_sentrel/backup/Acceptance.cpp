@@ -1,0 +1,88 @@
+// Copies accepted differences. It must not decide what is accepted (an operator does) nor write
+// manifests (RuleBaselines does).
+#include "feature_sentrel/backup/Acceptance.h"
+
+#include <sdk/files/DirUtils.h>
+#include <sdk/restore/TreeRestorer.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "feature_sentrel/backup/ObjectCopier.h"
+#include "rsync/RsyncExclusions.h"
+
+namespace Engine {
+
+Acceptance::Acceptance(const AnchoredRule& rule, RuleBaselines::Known manifest,
+                       std::function<bool()> is_over)
+    : rule_(rule), manifest_(std::move(manifest)), is_over_(std::move(is_over)) {}
+
+Acceptance::Result Acceptance::Take(const std::string& part) {
+    const RsyncExclusions exclusions(rule_.Rule());
+    std::vector<Baseline::Difference> differences;
+    Baseline::TreeVerifier::Request request;
+    request.root = LiveTree(rule_);
+    request.manifest = manifest_.get();
+    request.full = true;
+    request.below = part;
+    request.ignored = [&](const std::string& below, bool is_directory) {
+        return exclusions.Match(PathIn(rule_, below), is_directory);
+    };
+    request.is_over = is_over_;
+    request.found = [&](const Baseline::Difference& one) { differences.push_back(one); };
+    if (request.root.anchor == nullptr) return {0, "the protected path is gone"};
+    if (!Baseline::TreeVerifier(std::move(request)).Run().is_complete) return {0, "interrupted"};
+    Result result;
+    for (const Baseline::Difference& difference : differences) {
+        const int error = is_over_() ? ECANCELED : TakeOne(difference);
+        if (error == 0) {
+            ++result.objects;
+        } else if (result.error.empty()) {
+            result.error = PathIn(rule_, difference.path) + ": " + std::strerror(error);
+        }
+    }
+    return result;
+}
+
+int Acceptance::TakeOne(const Baseline::Difference& difference) {
+    const std::string path = PathIn(rule_, difference.path);
+    struct stat live {};
+    if (rule_.StatLive(path, live) != 0) return errno == ENOENT ? Drop(path) : errno;
+    if (S_ISDIR(live.st_mode)) return TakeDirectory(path, difference);
+    const SDK::PathAnchor::Entry from = rule_.Live(path);
+    const SDK::PathAnchor::Entry to = rule_.Copy(path);
+    if (!from.IsOpen() || !to.IsOpen()) return errno;
+    if (from.name != to.name) return EINVAL;
+    return ObjectCopier::CopyObject(from.directory.Get(), to.directory.Get(), from.name, live);
+}
+
+int Acceptance::Drop(const std::string& path) {
+    const SDK::PathAnchor::Entry copy = rule_.Copy(path);
+    if (!copy.IsOpen()) return errno;
+    return SDK::DirUtils::DeleteAt(copy.directory.Get(), copy.name) == 0 || errno == ENOENT ? 0
+                                                                                            : errno;
+}
+
+int Acceptance::TakeDirectory(const std::string& path, const Baseline::Difference& difference) {
+    const SDK::FileDescriptor live = rule_.OpenLiveDirectory(path);
+    struct stat info {};
+    if (!live.IsOpen() || ::fstat(live.Get(), &info) != 0) return errno;
+    if (difference.kind == Baseline::Difference::Kind::kAttributes) {
+        const SDK::FileDescriptor copy = rule_.OpenCopyDirectory(path);
+        if (!copy.IsOpen()) return errno;
+        ObjectCopier::AlignDirectory(live.Get(), copy.Get(), info);
+        return 0;
+    }
+    const RsyncExclusions exclusions(rule_.Rule());
+    const SDK::ObjectRestorer::Result copied = SDK::TreeRestorer::Restore(
+        rule_.Live(path), rule_.Copy(path), [&](const std::string& below, bool is_directory) {
+            return exclusions.Match(path + "/" + below, is_directory);
+        });
+    return copied.outcome == SDK::ObjectRestorer::Outcome::kRestored
+               ? 0
+               : (copied.error != 0 ? copied.error : EIO);
+}
+
+}  // namespace Engine
