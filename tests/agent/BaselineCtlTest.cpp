@@ -114,6 +114,8 @@ TEST_F(BaselineCtl, LinksToASite_AreFollowedAndThoseInItAreNot) {
     const test::TempDir elsewhere;
     const std::string release = elsewhere.Path("release");
     fs::create_directory_symlink(site_.Path(), release);
+    site_.WritePolicy(release);
+    EXPECT_EQ(Run({"verify"}), 2) << errors_;
     for (const char* name : {"", "/", "/a", "/a/new", "/none/../a"}) {
         EXPECT_EQ(Run({"verify", (release + name).c_str()}), 2) << name << errors_;
         EXPECT_EQ(Differences(), "added       SITE/a/new\n");
@@ -122,6 +124,16 @@ TEST_F(BaselineCtl, LinksToASite_AreFollowedAndThoseInItAreNot) {
     EXPECT_EQ(Run({"verify", (release + "/b/new").c_str()}), 1) << out_;
     EXPECT_EQ(Run({"verify", (release + "/b").c_str()}), 2) << out_;
     EXPECT_EQ(Differences(), "added       SITE/b\n");
+}
+
+TEST_F(BaselineCtl, PathThatThePolicyNoLongerNames_IsComparedOnlyWhenAsked) {
+    site_.Approve("first");
+    site_.WritePolicy("/other");
+    site_.Write("index.html", "PAGE\n");
+    EXPECT_EQ(Run({"verify"}), 1) << out_;
+    EXPECT_EQ(errors_.find("There is no usable approved state of /other.\n"), 0U) << errors_;
+    EXPECT_NE(errors_.find("no longer names " + site_.Path()), std::string::npos) << errors_;
+    EXPECT_EQ(Run({"verify", site_.Path().c_str()}), 2) << errors_;
 }
 
 TEST_F(BaselineCtl, VerifyOfCopies_FindsWhatSomebodyDidToThem) {

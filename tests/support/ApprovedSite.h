@@ -33,6 +33,12 @@ class ApprovedSite {
     void Write(const std::string& name, const std::string& text) { site_.Write(name, text); }
     std::string Copy() const { return backup_.Path() + site_.Path(); }
     std::string Copy(const std::string& name) const { return backup_.Path() + site_.Path(name); }
+    void WritePolicy(const std::string& path) {
+        installation_.Write(
+            "data/policies/sentrel_feature.json",
+            R"({"enabled":true,"content":{"dirlist":[{"enable":true,"backup_path":"/b","filepath":")" +
+                path + R"("}]}})");
+    }
     std::string Data() const { return installation_.Path("data/baseline"); }
 
     /// Copies the site and approves it, or only the single file `file`.

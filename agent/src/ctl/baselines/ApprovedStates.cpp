@@ -9,7 +9,10 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <system_error>
+
+#include "ctl/baselines/PolicyPaths.h"
 
 namespace Ctl {
 
@@ -40,9 +43,12 @@ std::string Lexical(const std::string& path) {
 /// `path` with the links of its existing parents resolved.
 std::string WithParentsResolved(const std::string& path) {
     const fs::path whole(path);
-    std::error_code error;
-    const fs::path parent = fs::weakly_canonical(whole.parent_path(), error);
-    return error ? path : std::string(parent / whole.filename());
+    return fs::path(CanonicalPath(whole.parent_path())) / whole.filename();
+}
+
+std::string Joined(const std::string& root, const std::string& below) {
+    if (below.empty()) return root;
+    return (root == "/" ? "" : root) + "/" + below;
 }
 
 bool IsOlder(const Generation& a, const Generation& b) {
@@ -119,22 +125,47 @@ void ApprovedStates::Open() {
 
 std::string ApprovedStates::Resolve(const std::string& path) const {
     const std::string lexical = Lexical(path);
-    if (IsProtected(lexical)) return lexical;
+    for (const Generation& generation : newest_) {
+        const std::string root = LiveRoot(generation.manifest->Info());
+        if (LiesWithin(lexical, Lexical(root))) return Joined(root, Below(lexical, Lexical(root)));
+    }
     // What leads to a protected path is the operator's, what lies in it is not.
     for (std::size_t end = 1; end != std::string::npos && end < lexical.size();) {
         end = lexical.find('/', end + 1);
-        std::error_code error;
-        const std::string resolved = fs::weakly_canonical(lexical.substr(0, end), error);
-        if (error || !IsProtected(resolved)) continue;
-        return resolved + (end == std::string::npos ? "" : lexical.substr(end));
+        const std::string named = Renamed(CanonicalPath(lexical.substr(0, end)));
+        if (named.empty()) continue;
+        return named + (end == std::string::npos ? "" : lexical.substr(end));
     }
     return WithParentsResolved(lexical);
 }
 
-bool ApprovedStates::IsProtected(const std::string& path) const {
-    return std::any_of(newest_.begin(), newest_.end(), [&](const Generation& generation) {
-        return LiesWithin(path, LiveRoot(generation.manifest->Info()));
-    });
+std::string ApprovedStates::Renamed(const std::string& canonical) const {
+    for (const Generation& generation : newest_) {
+        const std::string root = LiveRoot(generation.manifest->Info());
+        const std::string resolved = CanonicalPath(root);
+        if (LiesWithin(canonical, resolved)) return Joined(root, Below(canonical, resolved));
+    }
+    return "";
+}
+
+ApprovedStates::Choice ApprovedStates::Protected() const {
+    const auto named = PolicyPaths();
+    if (!named) return {newest_, {}, {}};
+    Choice choice;
+    std::map<std::string, bool> waiting = *named;
+    for (const Generation& generation : newest_) {
+        const std::string root = LiveRoot(generation.manifest->Info());
+        if (named->count(CanonicalPath(root)) == 0) {
+            choice.left_out.push_back(root);
+            continue;
+        }
+        choice.states.push_back(generation);
+        waiting.erase(CanonicalPath(root));
+    }
+    for (const auto& [path, is_copied] : waiting) {
+        if (is_copied) choice.not_approved.push_back(path);
+    }
+    return choice;
 }
 
 std::vector<ApprovedPart> ApprovedStates::Holding(const std::string& path) const {

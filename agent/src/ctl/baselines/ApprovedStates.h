@@ -27,6 +27,14 @@ class ApprovedStates {
     /// Null manifests are left out; ordered by the protected path.
     const std::vector<Baseline::Generation>& Newest() const { return newest_; }
 
+    struct Choice {
+        std::vector<Baseline::Generation> states;
+        std::vector<std::string> left_out;      ///< paths that the policy does not name
+        std::vector<std::string> not_approved;  ///< paths of the policy without a usable state
+    };
+    /// The states of the paths that the policy names, or all when it does not tell.
+    Choice Protected() const;
+
     /// The directory and its key are there, so that Store() can be read without writing.
     bool IsReadable() const { return is_readable_; }
 
@@ -42,7 +50,8 @@ class ApprovedStates {
 
   private:
     void Open();
-    bool IsProtected(const std::string& path) const;
+    /// The path as the agent names it; empty when no protected path holds it.
+    std::string Renamed(const std::string& canonical) const;
 
     const std::string directory_;
     const Baseline::BaselineStore store_;

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "ctl/baselines/ApprovedStates.h"
 #include "ctl/client/ControlClient.h"
 
 namespace Ctl {
@@ -58,6 +59,10 @@ int Decide(const ControlClient& client, const DecisionOptions& options);
 /// The same after a question at the terminal, unless `is_confirmed`; without a path for the only
 /// protected one.
 int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed);
+
+/// The newest approved state of each path that the policy names. Prints which others there are and
+/// which ones are not there.
+ApprovedStates::Choice ProtectedStates(const ApprovedStates& states);
 
 /// Prints each as a line to standard error.
 void PrintProblems(const std::vector<std::string>& problems);

@@ -115,13 +115,14 @@ int Decide(const ControlClient& client, const DecisionOptions& options) {
 }
 
 int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed) {
-    const ApprovedStates states;
-    if (options.paths.empty() && states.Newest().size() > 1) {
-        std::cerr << "There are several protected paths; name one." << std::endl;
-        return kExitUsage;
-    }
-    if (options.paths.empty() && !states.Newest().empty()) {
-        options.paths.push_back(LiveRoot(states.Newest().front().manifest->Info()));
+    if (options.paths.empty()) {
+        const ApprovedStates states;
+        const std::vector<Baseline::Generation> known = ProtectedStates(states).states;
+        if (known.size() > 1) {
+            std::cerr << "There are several protected paths; name one." << std::endl;
+            return kExitUsage;
+        }
+        if (!known.empty()) options.paths.push_back(LiveRoot(known.front().manifest->Info()));
     }
     const std::string path = options.paths.empty() ? "the site" : Printable(options.paths.front());
     if (!is_confirmed && !IsConfirmed("Roll " + path + " back to generation " +

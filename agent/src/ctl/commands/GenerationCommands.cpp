@@ -46,7 +46,8 @@ bool Choose(const ApprovedStates& states, const std::vector<std::string>& path,
             ApprovedPart& chosen) {
     std::vector<ApprovedPart> parts;
     if (path.empty()) {
-        for (const Generation& generation : states.Newest()) parts.push_back({generation, ""});
+        const ApprovedStates::Choice choice = ProtectedStates(states);
+        for (const Generation& generation : choice.states) parts.push_back({generation, ""});
     } else {
         parts = states.Holding(states.Resolve(path.front()));
     }

@@ -31,8 +31,9 @@ extern "C" void Interrupt(int signal) {
 bool SelectParts(const ApprovedStates& states, const std::vector<std::string>& paths,
                  std::vector<ApprovedPart>& parts) {
     if (paths.empty()) {
-        for (const auto& generation : states.Newest()) parts.push_back({generation, ""});
-        return states.Problems().empty();
+        const ApprovedStates::Choice choice = ProtectedStates(states);
+        for (const auto& generation : choice.states) parts.push_back({generation, ""});
+        return states.Problems().empty() && choice.not_approved.empty();
     }
     bool found = true;
     for (const std::string& path : paths) {
@@ -63,6 +64,18 @@ void PrintStates(const ApprovedStates& states, const std::vector<ApprovedPart>& 
 }
 
 }  // namespace
+
+ApprovedStates::Choice ProtectedStates(const ApprovedStates& states) {
+    ApprovedStates::Choice choice = states.Protected();
+    for (const std::string& path : choice.not_approved) {
+        std::cerr << "There is no usable approved state of " << Printable(path) << ".\n";
+    }
+    for (const std::string& path : choice.left_out) {
+        std::cerr << "note: the policy no longer names " << Printable(path)
+                  << ", so it is left out; give the path to include it\n";
+    }
+    return choice;
+}
 
 void PrintProblems(const std::vector<std::string>& problems) {
     for (const std::string& problem : problems) std::cerr << Printable(problem) << "\n";

@@ -1,0 +1,63 @@
+// Reads one member of a policy. It must not judge policies (the protection module does).
+#include "ctl/baselines/PolicyPaths.h"
+
+#include <sdk/files/FileUtils.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/text/JsonUtils.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include "common/ControlProtocol.h"
+
+namespace Ctl {
+
+using SDK::JsonUtils;
+
+namespace {
+
+constexpr char kPolicyFile[] = "data/policies/sentrel_feature.json";
+// Backup types of which the agent makes the copies itself.
+constexpr int kLocal = 0;
+constexpr int kLocalAndRemote = 2;
+
+/// Empty for an entry that is switched off.
+std::string PathOf(const Json::Value& entry) {
+    if (!JsonUtils::GetBoolValue(entry, "enable", false)) return "";
+    return JsonUtils::GetStringValue(entry, "filepath", "");
+}
+
+}  // namespace
+
+std::string CanonicalPath(const std::string& path) {
+    std::error_code error;
+    const auto resolved = std::filesystem::weakly_canonical(path, error);
+    return SDK::PathUtils::WithoutTrailingSlash(error ? path : std::string(resolved));
+}
+
+std::optional<std::map<std::string, bool>> PolicyPaths() {
+    std::string text;
+    Json::Value policy;
+    Json::Value content;
+    Json::Value entries;
+    if (SDK::FileUtils::ReadFile(SDK::PathUtils::BelowInstallation(kPolicyFile), text,
+                                 Agent::kMaxBodyBytes) != 0 ||
+        JsonUtils::ParseJsonStr(text.data(), text.size(), policy) != 0 ||
+        !JsonUtils::GetBoolValue(policy, "enabled", false) ||
+        !JsonUtils::GetSubobjectValue(policy, "content", content) ||
+        !JsonUtils::GetArrayValue(content, "dirlist", entries)) {
+        return std::nullopt;
+    }
+    const int type = JsonUtils::GetIntValue(content, "backup_type", kLocal);
+    const bool makes_copies = type == kLocal || type == kLocalAndRemote;
+    std::map<std::string, bool> paths;
+    for (const Json::Value& entry : entries) {
+        const std::string path = PathOf(entry);
+        if (path.empty()) continue;
+        const bool has_place = !JsonUtils::GetStringValue(entry, "backup_path", "").empty();
+        paths[CanonicalPath(path)] = makes_copies && has_place;
+    }
+    return paths;
+}
+
+}  // namespace Ctl
