@@ -4,6 +4,7 @@
 #include <sdk/files/FileDescriptor.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/xattr.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -54,6 +55,28 @@ TEST_F(Protection, WriteThroughAHardLinkElsewhere_IsFoundAndUndone) {
     std::ofstream(elsewhere.Path("link")) << "defaced";
     EXPECT_TRUE(Await([&] { return test::TempDir::Read(page) == good; }));
     EXPECT_TRUE(Await([&] { return agent_.HasAlarm("modify", page); }));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Protection, AclOfAPage_StaysWithARestoreAndIsPutBack) {
+    constexpr const char* kAcl = "system.posix_acl_access";
+    // It names user 33 and leaves the mode as it is.
+    const std::string acl(
+        "\2\0\0\0\1\0\6\0\xff\xff\xff\xff\2\0\4\0\x21\0\0\0\4\0\4\0\xff\xff\xff\xff"
+        "\x10\0\4\0\xff\xff\xff\xff\x20\0\4\0\xff\xff\xff\xff",
+        44);
+    const auto have_acls = [&] {
+        return ::getxattr(site_.Path("about.html").c_str(), kAcl, nullptr, 0) > 0 &&
+               ::getxattr(site_.Path("news.html").c_str(), kAcl, nullptr, 0) > 0;
+    };
+    for (const char* name : {"about.html", "news.html"}) {
+        ASSERT_EQ(::setxattr(site_.Path(name).c_str(), kAcl, acl.data(), acl.size(), 0), 0);
+    }
+    Protect();
+    EXPECT_TRUE(TamperingIsUndone("about.html"));
+    ASSERT_EQ(::removexattr(site_.Path("news.html").c_str(), kAcl), 0);
+    EXPECT_TRUE(Await([&] { return agent_.HasAlarm("attribute", site_.Path("news.html")); }));
+    EXPECT_TRUE(Await(have_acls)) << agent_.Status();
     EXPECT_EQ(agent_.Stop(), 0);
 }
 
