@@ -35,8 +35,8 @@ Poco::Logger* ModuleLogger() {
 }
 
 /// Asks the receiver by a query, because a watch request has no field for it. No answer: nothing
-/// has low priority.
-std::vector<std::string> LowPriorityPrefixes(const std::string& receiver, const std::string& path) {
+/// is ignored.
+std::vector<std::string> IgnoredPrefixes(const std::string& receiver, const std::string& path) {
     Json::Value question;
     question["path"] = path;
     Json::Value answer;
@@ -95,7 +95,7 @@ FileNotifyTask::FileNotifyTask(const Settings& settings,
                       kQueueCapacity),
       logger_(ModuleLogger()),
       queue_limit_(settings.queue_limit_file, settings.max_queued_events, logger_),
-      requests_(LowPriorityPrefixes),
+      requests_(IgnoredPrefixes),
       core_(std::move(descriptor), Post, status_, logger_, settings.retry_after),
       retry_after_(settings.retry_after) {}
 

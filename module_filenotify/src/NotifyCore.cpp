@@ -119,8 +119,7 @@ bool NotifyCore::MayAnnounce() const {
 }
 
 bool NotifyCore::MayWalk() const {
-    return !tree_.queue.Empty(WalkQueue::kIndexing) ||
-           !tree_.queue.Empty(WalkQueue::kLowPriority) || (!tree_.queue.Empty() && MayAnnounce());
+    return !tree_.queue.Empty(WalkQueue::kIndexing) || (!tree_.queue.Empty() && MayAnnounce());
 }
 
 std::chrono::milliseconds NotifyCore::IdleTime() const {

@@ -18,7 +18,6 @@ StatusPublisher::Snapshot StatusCollector::Collect() const {
     snapshot.watched_directories = tree_.table.Size();
     snapshot.indexed_names = std::size_t{totals.directories} + totals.files;
     snapshot.unwatched = totals.unwatched;
-    snapshot.low_priority_unwatched = tree_.eviction.Unwatched();
     snapshot.walk_queue = tree_.queue.Size();
     snapshot.in_flight = delivery_.InFlight();
     snapshot.unwatched_examples = tree_.unwatched.Examples(kExamplesShown);

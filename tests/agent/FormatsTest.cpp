@@ -62,16 +62,16 @@ TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
         "protected_paths": [{"path": "/srv/\u001bsite/", "state": "waiting",
                              "last_failure": "remote \u001b", "held": 3}],
         "counters": {"log_records_dropped": 2}, "modules": [{"name": "broken", "state": "failed"}],
-        "filenotify": {"unwatched_directories": 12, "excluded_unwatched": 34,
+        "filenotify": {"unwatched_directories": 12,
                        "unwatched_examples": [{"path": "/srv/deep", "reason": "Permission denied"}],
                        "queue_limit_problem": "cannot be raised"},
         "rsync": {"degraded": true, "reason": "older than 3.5.0"},
         "unsafe_places": [{"path": "/var/copies"}]})"),
                                                kNow);
-    for (const char* part : {"/var/copies is not safe", "protection  on", "/srv/\\x1bsite/",
-                             "is not there", "remote \\x1b", "2 log records", "module broken",
-                             "older than 3.5.0", "12 directories", "34 excluded directories",
-                             "3 changes that wait", "/srv/deep: Permission", "cannot be raised"}) {
+    for (const char* part :
+         {"/var/copies is not safe", "protection  on", "/srv/\\x1bsite/", "is not there",
+          "remote \\x1b", "2 log records", "module broken", "older than 3.5.0", "12 directories",
+          "3 changes that wait", "/srv/deep: Permission", "cannot be raised"}) {
         EXPECT_NE(page.find(part), std::string::npos) << part << " in\n" << page;
     }
     EXPECT_EQ(page.find('\x1b'), std::string::npos);

@@ -7,86 +7,106 @@ namespace test {
 /// A site with pages and uploads; the receiver ignores the uploads.
 class Exclusions : public NotifyTest {
   protected:
-    static constexpr int kPages = 10;
-    static constexpr int kUploads = 40;
-
     void SetUp() override {
         NotifyTest::SetUp();
-        for (int i = 0; i < kPages; ++i) site_.Write(Page(i), "x");
-        for (int i = 0; i < kUploads; ++i) fs::create_directories(Root(Upload(i)));
+        Make({"pages/p1/in/f", "pages/p2/f", "uploads/u1/deep/f", "uploads/u2/", "uploads2/"});
         engine_.Queries().Register("exclusions.receiver", [this](const Json::Value& question) {
             Json::Value answer;
             const std::string path = question["path"].asString();
-            answer["prefixes"].append((path.back() == '/' ? path : path + "/") + "uploads");
+            answer["prefixes"].append((path.back() == '/' ? path : path + "/") + excluded_.load());
             return answer;
         });
     }
-    static std::string Page(int i) { return "root/pages/p" + std::to_string(i) + "/file"; }
-    static std::string Upload(int i) {
-        return "uploads/u" + std::to_string(i % 8) + "/" + std::to_string(i);
-    }
-    /// Watches the root with the kernel watches that the pages and their paths need, and `more`.
-    void WatchWithFew(int more) {
-        const fs::path root = Root();
-        const auto steps = static_cast<int>(std::distance(root.begin(), root.end()));
-        faults_.watches_left = steps + 1 + kPages + more;
+    void WatchRoot() {
         Watch(Root() + "/");
         ASSERT_TRUE(CounterIs("walk_queue", 0));
-        ASSERT_GT(Counter("excluded_unwatched"), 0U);
     }
+    /// The directories with a kernel watch.
+    int Watched() const { return static_cast<int>(Counter("watched_directories")); }
+    /// Waits until so many directories of the site have a kernel watch.
+    bool Watches(int directories) const {
+        const fs::path root = Root();
+        const auto above = static_cast<int>(std::distance(root.begin(), root.end())) - 1;
+        return WaitFor([&] { return Watched() - above == directories; }, kDeadline);
+    }
+    /// The paths below `directory` of which anything was told.
+    std::string ToldBelow(const std::string& directory) {
+        std::string told;
+        for (const SeenChange& change : SeenUntilNow()) {
+            if (change.path.rfind(Root(directory) + "/", 0) == 0) told += change.path + "\n";
+        }
+        return told;
+    }
+
+    std::atomic<const char*> excluded_{"uploads/"};
 };
 
-TEST_F(Exclusions, TooFewWatches_ExcludedDirectoriesComeLastAndAreEvicted) {
-    WatchWithFew(5);
-    EXPECT_EQ(Counter("watches_given_up"), 0U);
-    EXPECT_EQ(WatchStatus(Root())["unwatched"].asInt(), 0);
-    for (int i = 0; i < kPages; ++i) {
-        EXPECT_TRUE(SeesTouch(IN_MODIFY, site_.Path(Page(i))));
-    }
-    const std::uint64_t excluded = Counter("excluded_unwatched");
-    for (const char* name : {"new/a", "new/b", "new/c", "uploads/later"}) {
-        fs::create_directories(Root(name));
-    }
-    ASSERT_TRUE(CounterIs("watches_given_up", 4));
-    EXPECT_EQ(Counter("unwatched_directories"), 0U);
-    EXPECT_TRUE(WaitFor([&] { return Counter("excluded_unwatched") >= excluded + 4; }, kDeadline));
-    for (const char* name : {"new/a/f", "new/b/f", "new/c/f"}) {
-        EXPECT_TRUE(SeesTouch(IN_CREATE, Root(name)));
-    }
-    EXPECT_TRUE(Reaches(Root(), "ready"));
+TEST_F(Exclusions, ExcludedDirectories_HaveNoWatch) {
+    excluded_ = "uploads";  // any name that begins so
+    WatchRoot();
+    const std::uint64_t received = Counter("events_received");
+    TouchFile(Root("uploads/u1/deep/new"));
+    fs::create_directories(Root("uploads/u3/new"));
+    TouchFile(Root("uploads2/new"));
+    EXPECT_EQ(ToldBelow("uploads") + ToldBelow("uploads2"), "");
+    EXPECT_LE(Counter("events_received") - received, 16U) << "only those of the cookie files";
+    EXPECT_TRUE(Watches(5));
+    // As before after lost events.
+    faults_.forget_unread = true;
+    TouchFile(Root("pages/lost"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("pages/lost")));
+    EXPECT_EQ(ToldBelow("uploads"), "");
+    EXPECT_TRUE(Watches(5));
 }
 
-TEST_F(Exclusions, MovedToTheProtectedPart_IsWatchedThroughout) {
-    WatchWithFew(2);
-    // Only the two uppermost directories of the uploads can have a watch.
+TEST_F(Exclusions, MovedToTheProtectedPart_IsAnArrivalAndWatchedThroughout) {
+    WatchRoot();
+    fs::rename(Root("uploads/u1"), Root("pages/u1"));
+    EXPECT_TRUE(Sees(IN_MOVED_TO | IN_ISDIR, Root("pages/u1")));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("pages/u1/deep/f")));
+    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("pages/u1/deep/new")));
     fs::rename(Root("uploads"), Root("moved"));
-    faults_.watches_left = 9;
-    ASSERT_TRUE(Reaches(Root(), "degraded"));  // no watch is left to evict
-    faults_.watches_left = 100;
-    ASSERT_TRUE(Reaches(Root(), "ready"));
-    EXPECT_EQ(Counter("excluded_unwatched"), 0U);
-    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("moved/u3/11/file")));
+    EXPECT_TRUE(Sees(IN_CREATE | IN_ISDIR, Root("moved/u2")));
+    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("moved/u2/new")));
+    ASSERT_TRUE(Exchange(Root("moved"), Root("pages/p2")));
+    ExpectIndexedAndWatched();
 }
 
-TEST_F(Exclusions, MoreWatchesLater_ExcludedDirectoriesAreAnnouncedAgain) {
-    WatchWithFew(2);
-    TouchFile(Root(Upload(7) + "/missed"));
-    faults_.watches_left = 1000;
-    EXPECT_TRUE(CounterIs("excluded_unwatched", 0));
-    EXPECT_TRUE(Sees(IN_MODIFY, Root(Upload(7) + "/missed")));
-    EXPECT_TRUE(SeesTouch(IN_CREATE, Root(Upload(8) + "/seen")));
-    EXPECT_TRUE(WaitFor([&] { return IndexAgrees(); }, kDeadline));
+TEST_F(Exclusions, MovedToTheExcludedPart_LosesItsWatches) {
+    WatchRoot();
+    fs::rename(Root("pages/p1"), Root("uploads/p1"));
+    EXPECT_TRUE(Sees(IN_MOVED_FROM | IN_ISDIR, Root("pages/p1")));
+    EXPECT_TRUE(Watches(4)) << "root, pages, p2 and uploads2";
+    fs::remove_all(Root("uploads"));
+    fs::rename(Root("pages/p2"), Root("uploads"));
+    EXPECT_TRUE(Watches(3)) << "root, pages and uploads2";
+    TouchFile(Root("uploads/new"));
+    EXPECT_EQ(ToldBelow("uploads"), "");
 }
 
-TEST_F(Exclusions, NamesThatOnlyBeginAlikeOrAreWatchedOtherwise_AreNotEvicted) {
-    Make({"upload/", "uploads/u1/1/inner/deep/"});
+TEST_F(Exclusions, OtherExclusionsThanBefore_ApplyToANewWatch) {
+    WatchRoot();
+    excluded_ = "pages/p1";
+    receiver_->Ask(Root() + "/", kMasks, Removal());
+    Watch(Root() + "/");
+    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("uploads/u1/deep/new")));
+    TouchFile(Root("pages/p1/in/new"));
+    EXPECT_EQ(ToldBelow("pages/p1"), "");
+}
+
+TEST_F(Exclusions, NamesThatOnlyBeginAlikeOrAreWatchedOtherwise_AreWatched) {
+    Make({"uploads/u1/deep/inner/in/"});
     auto other = NewReceiver("other");
-    other->Ask(Root("uploads/u1/1/inner"), kMasks, Tree());
-    WatchWithFew(1 + 5 + 1);  // upload, and the inner one with the way to it and what it holds
-    EXPECT_EQ(Counter("unwatched_directories"), 0U);
-    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("upload/f")));
-    TouchFile(Root("uploads/u1/1/inner/deep/f"));
-    EXPECT_TRUE(Sees(IN_CREATE, Root("uploads/u1/1/inner/deep/f"), other));
+    other->Ask(Root("uploads/u1/deep/inner"), kMasks, Tree());
+    WatchRoot();
+    EXPECT_TRUE(SeesTouch(IN_CREATE, Root("uploads2/f")));
+    TouchFile(Root("uploads/u1/deep/inner/in/f"));
+    EXPECT_TRUE(Sees(IN_CREATE, Root("uploads/u1/deep/inner/in/f"), other));
+    // The way to it needs its watches only as long.
+    const int with_inner = Watched();
+    other->Ask(Root("uploads/u1/deep/inner"), kMasks, Removal());
+    EXPECT_TRUE(WaitFor([&] { return Watched() == with_inner - 5; }, kDeadline))
+        << with_inner << " " << Watched();
 }
 
 }  // namespace test

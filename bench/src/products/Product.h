@@ -27,9 +27,10 @@ struct Site {
 
 /// Settings of one start.
 struct ProductSettings {
-    bool makes_copy = true;    ///< Sentrel only: false uses existing copies
-    std::string ignored;       ///< excluded suffix of file names; empty: none
-    bool tmp_is_full = false;  ///< Sentrel only: runs with a full /tmp of its own
+    bool makes_copy = true;       ///< Sentrel only: false uses existing copies
+    std::string ignored;          ///< excluded suffix of file names; empty: none
+    std::string excluded_folder;  ///< Sentrel only: excluded directory below the site; empty: none
+    bool tmp_is_full = false;     ///< Sentrel only: runs with a full /tmp of its own
     milliseconds deadline = std::chrono::minutes(3);  ///< until ready
 };
 

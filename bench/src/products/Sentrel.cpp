@@ -121,6 +121,7 @@ std::string Sentrel::Policy(const Site& site, const ProductSettings& settings) c
     request.backup = site.scratch + kBackupFolder;
     request.rsync = fs::canonical(kRsync).string();
     if (!settings.ignored.empty()) request.excluded_suffixes = {settings.ignored};
+    if (!settings.excluded_folder.empty()) request.excluded_subdirs = {settings.excluded_folder};
     const std::string text = Demo::MakePolicy(request);
     Json::Value policy;
     if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), policy) != 0) return {};

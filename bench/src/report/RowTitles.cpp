@@ -50,6 +50,7 @@ const std::vector<RowTitle>& RowTitles() {
         {"events_ignored", "Events of ignored files: the writer's rate", "a second", "nobody"},
         {"events_ignored_overflows", "The same: overflows", "", ""},
         {"events_ignored_settled", "The same: from the last event until all are read", "ms", ""},
+        {"excluded", "A writer in excluded directories: its rate", "a second", "nobody"},
         {"events_unchanged", "Events of unchanged files: the writer's rate", "a second", "nobody"},
         {"events_unchanged_overflows", "The same: overflows", "", ""},
         {"events_unchanged_settled", "The same: from the last event until all are judged", "ms",

@@ -36,6 +36,7 @@ const std::vector<RowEntry>& AllRows() {
         {"added", "10,000 files added at once", 15, MeasureAdded},
         {"removed", "rm -rf of a subtree with 10,000 files", 60, MeasureRemoved},
         {"events", "events of ignored and of unchanged files", 50, MeasureEvents},
+        {"excluded", "a writer in excluded directories", 10, MeasureExcluded},
         {"overflow", "more events than the kernel's queue holds", 50, MeasureOverflow},
         {"scale", "set-up, memory, latency and idle load by size of the tree", 90, MeasureScale},
         {"backup", "first backup of 200,000 files", 60, MeasureBackup},

@@ -53,6 +53,7 @@ void MeasureAdded(Plan& plan);
 void MeasureRemoved(Plan& plan);
 void MeasureScale(Plan& plan);
 void MeasureEvents(Plan& plan);
+void MeasureExcluded(Plan& plan);
 void MeasureOverflow(Plan& plan);
 void MeasureBackup(Plan& plan);
 

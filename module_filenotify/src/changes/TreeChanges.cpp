@@ -85,7 +85,6 @@ void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, st
     router_.Announce({&from, old_name}, mask | IN_ISDIR, {&target, name});
     memory_.Remember(NameIndex::PathOf(from, old_name), true);
     const bool has_new_watch = HasNewWatch(from, old_name, target, name);
-    const bool was_low_priority = tree_.matcher.IsLowPriority(node);
     tree_.NotifyDetach(node);
     roots_.NameGone(from, old_name);
     if (DirNode* replaced = target.dirs.Find(name)) {
@@ -96,10 +95,7 @@ void TreeChanges::Move(DirNode& node, DirNode& target, std::string_view name, st
     tree_.index.Move(node, target, name);
     tree_.opener.Forget(node);  // to be opened at its new place
     const bool unknown = has_new_watch || !node.Is(DirNode::kListed);
-    tree_.Enqueue(
-        node,
-        unknown || GainsPriority(node, was_low_priority) ? WalkQueue::kArrived : WalkQueue::kVerify,
-        nullptr);
+    tree_.Enqueue(node, unknown ? WalkQueue::kArrived : WalkQueue::kVerify, nullptr);
 }
 
 void TreeChanges::MovedHere(DirNode& dir, std::string_view name, std::uint32_t mask,
@@ -123,23 +119,17 @@ void TreeChanges::Recheck(DirNode& dir, std::string_view name) {
 }
 
 void TreeChanges::Exchange(DirNode& one, DirNode& other) {
-    const bool one_was_low = tree_.matcher.IsLowPriority(one);
-    const bool other_was_low = tree_.matcher.IsLowPriority(other);
     tree_.NotifyDetach(one);
     tree_.NotifyDetach(other);
     tree_.index.Exchange(one, other);
     tree_.opener.Forget(one);
     tree_.opener.Forget(other);
-    const auto reason = [&](const DirNode& node, bool was_low_priority) {
-        return GainsPriority(node, was_low_priority) ? WalkQueue::kArrived : WalkQueue::kVerify;
+    // The content of one that was ignored is not known.
+    const auto reason = [](const DirNode& node) {
+        return node.Is(DirNode::kListed) ? WalkQueue::kVerify : WalkQueue::kArrived;
     };
-    tree_.Enqueue(one, reason(one, one_was_low), nullptr);
-    tree_.Enqueue(other, reason(other, other_was_low), nullptr);
-}
-
-// Its subdirectories may have lost their watches, or may never have been listed.
-bool TreeChanges::GainsPriority(const DirNode& node, bool was_low_priority) const {
-    return was_low_priority && !tree_.matcher.IsLowPriority(node);
+    tree_.Enqueue(one, reason(one), nullptr);
+    tree_.Enqueue(other, reason(other), nullptr);
 }
 
 bool TreeChanges::HasNewWatch(const DirNode& from, std::string_view name, const DirNode& to,

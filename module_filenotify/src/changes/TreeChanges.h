@@ -52,7 +52,6 @@ class TreeChanges {
     void StepAppeared(DirNode& dir, std::string_view name, bool is_directory);
     void PutDirectory(DirNode& dir, std::string_view name, NameIndex::Kind before,
                       const Visit& visit);
-    bool GainsPriority(const DirNode& node, bool was_low_priority) const;
     bool HasNewWatch(const DirNode& from, std::string_view name, const DirNode& to,
                      std::string_view new_name) const;
 

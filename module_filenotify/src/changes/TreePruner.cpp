@@ -34,6 +34,9 @@ void TreePruner::PruneChildren(DirNode& dir) {
         }
     }
     for (DirNode* child : unused) tree_.RemoveDirectory(*child);
+    for (const auto& child : dir.dirs.All()) {
+        if (tree_.matcher.IsIgnored(*child)) tree_.LeaveOut(*child);
+    }
     if (tree_.matcher.IsWalked(dir) || !dir.Is(DirNode::kListed)) return;
     // It is only needed as part of the path to a root: forget its content and reduce its mask.
     tree_.index.ClearFiles(dir);

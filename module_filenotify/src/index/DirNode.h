@@ -72,7 +72,7 @@ struct DirNode {
     std::uint64_t inode = 0;      ///< identifies the directory; 0: unknown
     std::uint32_t mask = 0;       ///< of the kernel watch
     std::uint32_t job_index = 0;  ///< position in the walk queue's lane while `job` is set
-    std::uint8_t job = 0;         ///< WalkQueue's reasons and lane; 0: not queued
+    std::uint8_t job = 0;         ///< WalkQueue's reasons; 0: not queued
     std::uint8_t flags = 0;
 };
 

@@ -21,9 +21,9 @@ struct WatchRequest {
     bool names_directory = false;  ///< the path had a trailing "/"
     std::vector<std::string> excluded_suffixes;
     std::vector<std::string> excluded_subdirs;  ///< relative, without "/" at either end
-    /// Paths that begin with one of these bytes have low priority: the receiver ignores them. They
-    /// are watched and delivered only while kernel watches suffice.
-    std::vector<std::string> low_priority_prefixes;
+    /// The receiver ignores paths that begin with one of these bytes. Directories there have no
+    /// kernel watch.
+    std::vector<std::string> ignored_prefixes;
 };
 
 }  // namespace Engine::FileNotify

@@ -31,8 +31,8 @@ std::string WatchRequestQueue::Submit(const FileNotifyWatchMessage& message) {
     const std::size_t last = path.find_last_not_of('/');
     std::string id = last == std::string::npos ? "/" : path.substr(0, last + 1);
     WatchRequest request = Translate(message);
-    if (!remove && find_low_priority_)
-        request.low_priority_prefixes = find_low_priority_(message.GetReceiverId(), path);
+    if (!remove && find_ignored_)
+        request.ignored_prefixes = find_ignored_(message.GetReceiverId(), path);
     const std::lock_guard lock(mutex_);
     const Key key(message.GetReceiverId(), id);
     const auto known = subscriptions_.find(key);

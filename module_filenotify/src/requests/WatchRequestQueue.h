@@ -19,12 +19,11 @@ namespace Engine::FileNotify {
 class WatchRequestQueue {
   public:
     /// Returns the path prefixes below `path` that `receiver` ignores.
-    using FindLowPriority = std::function<std::vector<std::string>(const std::string& receiver,
-                                                                   const std::string& path)>;
+    using FindIgnored = std::function<std::vector<std::string>(const std::string& receiver,
+                                                               const std::string& path)>;
 
-    /// `find_low_priority` may be null; Submit calls it on the sender's thread.
-    explicit WatchRequestQueue(FindLowPriority find_low_priority)
-        : find_low_priority_(std::move(find_low_priority)) {}
+    /// `find_ignored` may be null; Submit calls it on the sender's thread.
+    explicit WatchRequestQueue(FindIgnored find_ignored) : find_ignored_(std::move(find_ignored)) {}
 
     /// Returns the watch id, or an empty string when the request is refused: an empty or relative
     /// path, no receiver, or no masks. Removing an unknown watch is not an error. After a removal
@@ -45,7 +44,7 @@ class WatchRequestQueue {
 
     static WatchRequest Translate(const FileNotifyWatchMessage& message);
 
-    const FindLowPriority find_low_priority_;
+    const FindIgnored find_ignored_;
     std::mutex mutex_;
     std::map<Key, std::shared_ptr<Subscription>> subscriptions_;
     std::vector<WatchRequest> requests_;

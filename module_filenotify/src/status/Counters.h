@@ -15,7 +15,6 @@ struct Counters {
     std::atomic<std::uint64_t> directories_announced{0};  ///< because of many deletions in them
     std::atomic<std::uint64_t> overflows{0};
     std::atomic<std::uint64_t> watch_failures{0};
-    std::atomic<std::uint64_t> watches_evicted{0};
     std::atomic<std::uint64_t> pending{0};  ///< right now, not a total
 };
 

@@ -71,7 +71,6 @@ Json::Value StatusPublisher::Status() const {
     AddSnapshot(own);
     own["pending_events"] = Number(counters_.pending);
     own["watch_failures"] = Number(counters_.watch_failures);
-    own["watches_given_up"] = Number(counters_.watches_evicted);
     Json::Value& counters = answer["counters"];
     counters["events_received"] = Number(counters_.events_received);
     counters["events_delivered"] = Number(counters_.events_delivered);
@@ -89,7 +88,6 @@ void StatusPublisher::AddSnapshot(Json::Value& own) const {
     own["watched_directories"] = Number(snapshot_.watched_directories);
     own["indexed_names"] = Number(snapshot_.indexed_names);
     own["unwatched_directories"] = Number(snapshot_.unwatched);
-    own["excluded_unwatched"] = Number(snapshot_.low_priority_unwatched);
     own["walk_queue"] = Number(snapshot_.walk_queue);
     own["events_in_flight"] = Number(snapshot_.in_flight);
     own["unwatched_examples"] = Json::Value(Json::arrayValue);

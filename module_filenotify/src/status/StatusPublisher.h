@@ -37,7 +37,6 @@ class StatusPublisher {
         std::size_t watched_directories = 0;
         std::size_t indexed_names = 0;
         std::size_t unwatched = 0;
-        std::size_t low_priority_unwatched = 0;  ///< excluded directories without a watch
         std::size_t walk_queue = 0;
         std::size_t in_flight = 0;                           ///< posted and not handled yet
         std::vector<UnwatchedDirectory> unwatched_examples;  ///< some of them

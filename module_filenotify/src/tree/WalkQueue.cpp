@@ -7,25 +7,23 @@
 
 namespace Engine::FileNotify {
 
-void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool low_priority) {
+void WalkQueue::Push(DirNode& node, std::uint8_t reasons, Watch* owner) {
     Job job{&node, reasons, owner, 0};
-    const std::uint8_t mark = low_priority ? kLowPriorityFlag : 0;
-    if (LaneOf(reasons | mark) == kLowPriority) job.owner = nullptr;
     if (node.job != 0) {
         const Job waiting = JobOf(node);
         job.reasons |= waiting.reasons;
         if (waiting.owner != nullptr) job.owner = waiting.owner;
-        if (LaneOf(job.reasons | mark) == LaneOf(node.job)) {
+        if (LaneOf(job.reasons) == LaneOf(node.job)) {
             if (job.owner != waiting.owner) ++job.owner->jobs;
             Count(job.reasons & ~waiting.reasons, 1);
-            node.job = job.reasons | mark;
+            node.job = job.reasons;
             job.tries = waiting.tries;
             JobOf(node) = job;
             return;
         }
         Cancel(node);
     }
-    node.job = job.reasons | mark;
+    node.job = job.reasons;
     std::vector<Job>& lane = lanes_[LaneOf(node.job)];
     node.job_index = static_cast<std::uint32_t>(lane.size());
     lane.push_back(job);
@@ -48,7 +46,7 @@ const WalkQueue::Job* WalkQueue::Next(Lane lane) {
 }
 
 void WalkQueue::PutBack(const Job& job) {
-    Push(*job.node, job.reasons, job.owner, false);
+    Push(*job.node, job.reasons, job.owner);
     ++(JobOf(*job.node).tries = job.tries);
 }
 

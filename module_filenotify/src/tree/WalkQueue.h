@@ -34,12 +34,11 @@ class WalkQueue {
         std::uint8_t tries = 0;  ///< number of PutBack calls
     };
 
-    /// Visits that announce, visits that only update the index, and low-priority ones of these.
-    enum Lane : std::size_t { kAnnouncing, kIndexing, kLowPriority, kLanes };
+    /// Visits that announce, and visits that only update the index.
+    enum Lane : std::size_t { kAnnouncing, kIndexing, kLanes };
 
-    /// Adds a visit, or adds the reasons to a queued one. `low_priority` applies to visits that
-    /// announce nothing; these have no owner.
-    void Push(DirNode& node, std::uint8_t reasons, Watch* owner, bool low_priority = false);
+    /// Adds a visit, or adds the reasons to a queued one.
+    void Push(DirNode& node, std::uint8_t reasons, Watch* owner);
     /// Removes and returns the next job; its node is null when the lane is empty.
     Job Pop(Lane lane);
 
@@ -54,9 +53,7 @@ class WalkQueue {
     void Disown(const Watch& owner);
     bool Empty() const { return Size() == 0; }
     bool Empty(Lane lane) const { return lanes_[lane].empty(); }
-    std::size_t Size() const {
-        return lanes_[kAnnouncing].size() + lanes_[kIndexing].size() + lanes_[kLowPriority].size();
-    }
+    std::size_t Size() const { return lanes_[kAnnouncing].size() + lanes_[kIndexing].size(); }
 
     /// True while a visit with kReconcile is queued.
     bool IsReconciling() const { return reconciling_ > 0; }
@@ -66,12 +63,8 @@ class WalkQueue {
         if ((reasons & kReconcile) != 0) reconciling_ += change;
     }
 
-    static constexpr std::uint8_t kLowPriorityFlag =
-        128;  ///< in DirNode::job, in addition to the reasons
-
-    static Lane LaneOf(std::uint8_t job) {
-        if ((job & (kArrived | kReconcile | kPoll)) != 0) return kAnnouncing;
-        return (job & kLowPriorityFlag) != 0 ? kLowPriority : kIndexing;
+    static Lane LaneOf(std::uint8_t reasons) {
+        return (reasons & (kArrived | kReconcile | kPoll)) != 0 ? kAnnouncing : kIndexing;
     }
     Job& JobOf(const DirNode& node) { return lanes_[LaneOf(node.job)][node.job_index]; }
 

@@ -154,12 +154,12 @@ bool WatchMatcher::HasExclusionIn(const Hit& hit, const DirNode& dir) {
     });
 }
 
-bool WatchMatcher::IsLowPriority(const DirNode& dir) const {
+bool WatchMatcher::IsIgnored(const DirNode& dir) const {
     if (dir.parent == nullptr || dir.Is(DirNode::kThroughLink)) return false;
     Hits hits;
     Covering(*dir.parent, dir.name, hits);
     if (hits.empty() || !std::all_of(hits.begin(), hits.end(),
-                                     [&](const Hit& hit) { return IsLowPriorityFor(hit, dir); })) {
+                                     [&](const Hit& hit) { return IsIgnoredBy(hit, dir); })) {
         return false;
     }
     return !IsOnPathToRoot(dir);
@@ -171,8 +171,8 @@ bool WatchMatcher::IsOnPathToRoot(const DirNode& dir) const {
     });
 }
 
-bool WatchMatcher::IsLowPriorityFor(const Hit& hit, const DirNode& dir) {
-    const auto& prefixes = hit.watch->request.low_priority_prefixes;
+bool WatchMatcher::IsIgnoredBy(const Hit& hit, const DirNode& dir) {
+    const auto& prefixes = hit.watch->request.ignored_prefixes;
     if (prefixes.empty() || hit.root == nullptr) return false;
     const std::string inside = PathFor(hit, *dir.parent, dir.name) + "/";
     return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {

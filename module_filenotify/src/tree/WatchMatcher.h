@@ -49,9 +49,9 @@ class WatchMatcher {
     /// the kernel mask of `dir`. A false negative is possible; it only costs speed.
     bool CoversAllIn(const DirNode& dir, std::uint32_t& mask) const;
 
-    /// True when all receivers ignore the content of `dir` (WatchRequest::low_priority_prefixes)
-    /// and no path to a root leads through it. Its kernel watch may be evicted.
-    bool IsLowPriority(const DirNode& dir) const;
+    /// True when all receivers ignore the content of `dir` (WatchRequest::ignored_prefixes) and no
+    /// path to a root leads through it. It needs no kernel watch.
+    bool IsIgnored(const DirNode& dir) const;
 
     /// True when a watch is attached to `dir` or below it.
     bool IsOnPathToRoot(const DirNode& dir) const;
@@ -67,7 +67,7 @@ class WatchMatcher {
 
   private:
     static bool HasExclusionIn(const Hit& hit, const DirNode& dir);
-    static bool IsLowPriorityFor(const Hit& hit, const DirNode& dir);
+    static bool IsIgnoredBy(const Hit& hit, const DirNode& dir);
     void CollectAt(const DirNode* at, std::string_view child, const DirNode* root,
                    const DirNode& dir, std::string_view name, Hits& hits) const;
 

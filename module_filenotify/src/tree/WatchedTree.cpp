@@ -9,12 +9,6 @@
 
 namespace Engine::FileNotify {
 
-namespace {
-
-constexpr int kMaxEvictions = 8;
-
-}  // namespace
-
 bool WatchedTree::IsGone(int error) {
     return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ESTALE;
 }
@@ -23,24 +17,12 @@ int WatchedTree::EnsureWatched(DirNode& node, WatchTable::Result& result) {
     const int located =
         NameIndex::PathLength(node) < PATH_MAX ? opener.Locate(node) : -ENAMETOOLONG;
     int error = located < 0 ? -located : 0;
-    if (error == 0) error = Watch(node, located, result);
-    if (error == 0 || (error == ENOSPC && matcher.IsLowPriority(node))) {
+    if (error == 0) error = table.Watch(node, located, matcher.KernelMask(node), result);
+    if (error == 0) {
         index.SetUnwatched(node, false);
         unwatched.Remove(node);
-        error == 0 ? eviction.Remove(node) : eviction.AddUnwatched(node);
     } else if (!IsGone(error)) {
         MarkUnwatched(node, error);
-    }
-    return error;
-}
-
-int WatchedTree::Watch(DirNode& node, int located, WatchTable::Result& result) {
-    const std::uint32_t mask = matcher.KernelMask(node);
-    int error = table.Watch(node, located, mask, result);
-    if (error != ENOSPC || matcher.IsLowPriority(node)) return error;
-    // Another program may take the evicted watch first.
-    for (int tries = 0; tries < kMaxEvictions && error == ENOSPC && eviction.EvictOne(); ++tries) {
-        error = table.Watch(node, located, mask, result);
     }
     return error;
 }
@@ -53,6 +35,26 @@ int WatchedTree::EnsureWatched(DirNode& node) {
 void WatchedTree::MarkUnwatched(DirNode& node, int error) {
     index.SetUnwatched(node, true);
     unwatched.Add(node, error);
+}
+
+void WatchedTree::Enqueue(DirNode& node, std::uint8_t reasons, Watch* owner) {
+    if (matcher.IsIgnored(node)) {
+        LeaveOut(node);
+    } else {
+        queue.Push(node, reasons, owner);
+    }
+}
+
+void WatchedTree::LeaveOut(DirNode& node) {
+    while (!node.dirs.All().empty()) RemoveDirectory(*node.dirs.All().back());
+    table.Unwatch(node);
+    queue.Cancel(node);
+    opener.Forget(node);
+    unwatched.Remove(node);
+    index.SetUnwatched(node, false);
+    index.ClearFiles(node);
+    node.Set(DirNode::kListed, false);
+    node.inode = 0;
 }
 
 DirNode& WatchedTree::PutDirectory(DirNode& dir, std::string_view name) {
@@ -76,7 +78,6 @@ void WatchedTree::RemoveDirectory(DirNode& node) {
         queue.Cancel(removed);
         opener.Forget(removed);
         unwatched.Remove(removed);
-        eviction.Remove(removed);
     });
 }
 

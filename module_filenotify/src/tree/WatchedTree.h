@@ -7,7 +7,6 @@
 #include "tree/DirOpener.h"
 #include "tree/UnwatchedList.h"
 #include "tree/WalkQueue.h"
-#include "tree/WatchEviction.h"
 #include "tree/WatchMatcher.h"
 #include "tree/WatchTable.h"
 
@@ -18,9 +17,7 @@ namespace Engine::FileNotify {
 class WatchedTree {
   public:
     WatchedTree(InotifyDescriptor& descriptor, Poco::Logger* logger, Counters& counters)
-        : table(descriptor),
-          unwatched(logger, counters),
-          eviction(table, matcher, logger, counters) {}
+        : table(descriptor), unwatched(logger, counters) {}
 
     /// `handler` is called before a directory is removed or moved with its subtree.
     void SetDetachHandler(NameIndex::Visitor handler) { detach_handler_ = std::move(handler); }
@@ -28,8 +25,8 @@ class WatchedTree {
     void NotifyDetach(DirNode& node) { detach_handler_(node); }
 
     /// Sets the kernel watch that `node` needs. Returns 0, or errno. ENAMETOOLONG: its path exceeds
-    /// PATH_MAX. ENOSPC: no kernel watch was left and none could be evicted. On failure the node is
-    /// listed in `unwatched`, or in `eviction` when it has low priority, unless IsGone(errno).
+    /// PATH_MAX. ENOSPC: no kernel watch was left. On failure the node is listed in `unwatched`,
+    /// unless IsGone(errno).
     int EnsureWatched(DirNode& node, WatchTable::Result& result);
     int EnsureWatched(DirNode& node);
 
@@ -38,10 +35,10 @@ class WatchedTree {
 
     void MarkUnwatched(DirNode& node, int error);
 
-    /// Queues a visit of `node`.
-    void Enqueue(DirNode& node, std::uint8_t reasons, Watch* owner) {
-        queue.Push(node, reasons, owner, matcher.IsLowPriority(node));
-    }
+    /// Queues a visit of `node`; leaves it out where all receivers ignore its content.
+    void Enqueue(DirNode& node, std::uint8_t reasons, Watch* owner);
+    /// Forgets the content of `node` with all watches and visits; its name stays known.
+    void LeaveOut(DirNode& node);
 
     /// Adds `name` to the index. Removes a known object of that name and another kind.
     DirNode& PutDirectory(DirNode& dir, std::string_view name);
@@ -58,11 +55,8 @@ class WatchedTree {
     DirOpener opener;
     WalkQueue queue;
     UnwatchedList unwatched;
-    WatchEviction eviction;
 
   private:
-    int Watch(DirNode& node, int located, WatchTable::Result& result);
-
     NameIndex::Visitor detach_handler_ = [](DirNode&) {};
 };
 

@@ -43,9 +43,6 @@ bool TreeWalker::Step(std::size_t budget, bool may_announce) {
     router_.SetTime(std::chrono::steady_clock::now());
     if (may_announce) StepLane(WalkQueue::kAnnouncing, budget / 2);
     StepLane(WalkQueue::kIndexing, budget / 2);
-    const bool others_wait = !tree_.queue.Empty(WalkQueue::kIndexing) ||
-                             (may_announce && !tree_.queue.Empty(WalkQueue::kAnnouncing));
-    if (!others_wait) StepLane(WalkQueue::kLowPriority, budget / 2);
     return !tree_.queue.Empty();
 }
 
@@ -65,6 +62,11 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
     DirNode& node = *job.node;
     node.Set(DirNode::kSlowPath, false);
     if (!tree_.matcher.IsWalked(node)) return 1;
+    // It may be ignored since it was queued.
+    if (tree_.matcher.IsIgnored(node)) {
+        tree_.LeaveOut(node);
+        return 1;
+    }
     WatchTable::Result result = WatchTable::Result::kKept;
     const int error = tree_.EnsureWatched(node, result);
     if (WatchedTree::IsGone(error)) {
@@ -77,7 +79,7 @@ std::size_t TreeWalker::Visit(const WalkQueue::Job& job) {
         return 1;
     }
     // Without events the listing would become stale.
-    if (error == ENAMETOOLONG || (error == ENOSPC && tree_.eviction.IsUnwatched(node))) return 1;
+    if (error == ENAMETOOLONG) return 1;
     return VisitWatched(job, ReasonsAfter(job, result));
 }
 

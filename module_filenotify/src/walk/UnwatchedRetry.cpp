@@ -1,5 +1,5 @@
-// Owns: the time of the next retry. Must not own: the lists of directories (UnwatchedList,
-// WatchEviction). Thread: the task's. Ownership passes: never.
+// Owns: the time of the next retry. Must not own: the lists of directories (UnwatchedList).
+// Thread: the task's. Ownership passes: never.
 
 #include "walk/UnwatchedRetry.h"
 
@@ -18,7 +18,7 @@ constexpr int kDelayDuringWalks = 10;      // times the interval
 }  // namespace
 
 bool UnwatchedRetry::IsPending() const {
-    return !tree_.unwatched.Empty() || tree_.eviction.Unwatched() > 0;
+    return !tree_.unwatched.Empty();
 }
 
 UnwatchedRetry::Clock::time_point UnwatchedRetry::Due() const {
@@ -28,7 +28,6 @@ UnwatchedRetry::Clock::time_point UnwatchedRetry::Due() const {
 void UnwatchedRetry::RetryIfDue(Clock::time_point now) {
     if (!IsPending() || now < Due()) return;
     RetryNeeded();
-    RetryLowPriority();
     next_ = Clock::now() + interval_;
 }
 
@@ -58,22 +57,6 @@ bool UnwatchedRetry::RetryOne(DirNode& node, bool may_watch, bool& path_watched)
         path_watched = true;
     }
     return error == 0;
-}
-
-// The first failure ends it: there is no free kernel watch.
-void UnwatchedRetry::RetryLowPriority() {
-    for (DirNode* node : tree_.eviction.SomeUnwatched(kMaxRetries)) {
-        if (!tree_.eviction.IsUnwatched(*node)) continue;  // removed together with an earlier one
-        const int error = tree_.EnsureWatched(*node);
-        if (WatchedTree::IsGone(error)) {
-            walker_.DropVanished(*node);
-        } else if (error != 0) {
-            break;
-        } else if (tree_.matcher.IsWalked(*node)) {
-            tree_.Enqueue(*node, WalkQueue::kReconcile, nullptr);
-        }
-    }
-    roots_.ResolveChanged();
 }
 
 }  // namespace Engine::FileNotify

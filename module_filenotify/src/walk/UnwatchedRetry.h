@@ -7,9 +7,8 @@
 
 namespace Engine::FileNotify {
 
-/// Tries again to watch the directories that have no kernel watch: those that need one
-/// (UnwatchedList), and those of low priority (WatchEviction). Owned by NotifyCore. Not
-/// thread-safe.
+/// Tries again to watch the directories that need a kernel watch and have none (UnwatchedList).
+/// Owned by NotifyCore. Not thread-safe.
 class UnwatchedRetry {
   public:
     using Clock = std::chrono::steady_clock;
@@ -30,7 +29,6 @@ class UnwatchedRetry {
   private:
     void RetryNeeded();
     bool RetryOne(DirNode& node, bool may_watch, bool& path_watched);
-    void RetryLowPriority();
 
     WatchedTree& tree_;
     RootTracker& roots_;

@@ -232,11 +232,6 @@ std::string WatchWarnings(const Json::Value& own) {
     for (const Json::Value& example : own["unwatched_examples"]) {
         text += Warning("not watched: " + Text(example, "path") + ": " + Text(example, "reason"));
     }
-    const long long excluded = Number(own, "excluded_unwatched");
-    if (excluded > 0) {
-        text += Warning(std::to_string(excluded) +
-                        " excluded directories have no inotify watch because there are too few");
-    }
     const std::string limit = Text(own, "queue_limit_problem");
     return limit.empty() ? text : text + Warning(limit);
 }
