@@ -77,6 +77,7 @@ bool GoesOn(ModuleState& state, const SentrelDirRule& rule) {
                 return false;
             }
             HoldUncopied(state, rule, *manifest);
+            state.status.NoteAdoptedBackup(rule.real_path, manifest->Info().created);
             return true;
         }
         case RuleBaselines::Adoption::kNone:

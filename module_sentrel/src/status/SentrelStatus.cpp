@@ -66,6 +66,11 @@ void SentrelStatus::NoteLocalBackup(const std::string& real_path) {
     history_[real_path].last_local_backup = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
+void SentrelStatus::NoteAdoptedBackup(const std::string& real_path, std::int64_t seconds) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    history_[real_path].last_local_backup = seconds;
+}
+
 void SentrelStatus::NoteRemoteBackup(const std::string& real_path) {
     const std::lock_guard<std::mutex> lock(mutex_);
     history_[real_path].last_remote_backup = SDK::TimeUtils::GetCurrentTimestampS();

@@ -63,6 +63,8 @@ class SentrelStatus {
     void ClearPaths() { PublishPaths({}); }
 
     void NoteLocalBackup(const std::string& real_path);
+    /// The copies that were made at `seconds` since the epoch are used further.
+    void NoteAdoptedBackup(const std::string& real_path, std::int64_t seconds);
     void NoteRemoteBackup(const std::string& real_path);
     /// The numbers of events and trees that wait to be judged again, and of changes that wait for
     /// the next look because their retries were given up.
