@@ -39,7 +39,8 @@ class StateLine {
         if (!is_terminal_) return;
         std::cerr << kErase << Printable(JsonUtils::GetStringValue(progress, "state", ""));
         const Json::Value& objects = progress["objects"];
-        if (objects.isIntegral()) std::cerr << ", " << objects.asInt64() << " objects";
+        if (objects.isInt64() && objects.asInt64() > 0)
+            std::cerr << ", " << objects.asInt64() << " objects";
         std::cerr << std::flush;
         is_shown_ = true;
     }
@@ -109,7 +110,7 @@ int Decide(const ControlClient& client, const DecisionOptions& options) {
                     JsonUtils::JsonToString(RequestOf(options, paths)), kSubmitTimeoutS);
     if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     const Json::Value& id = answer.body["id"];
-    if (answer.status == kAccepted && id.isIntegral()) return Await(client, id.asInt64());
+    if (answer.status == kAccepted && id.isInt64()) return Await(client, id.asInt64());
     PrintFailure(answer);
     return answer.status >= 400 && answer.status < 500 ? kExitRejected : kExitFailed;
 }
