@@ -129,6 +129,14 @@ Generation BaselineStore::Get(const std::string& real_path, const std::string& b
     return Load(DirectoryOf(real_path, backup_path), number);
 }
 
+bool BaselineStore::HasAny() const {
+    const std::vector<std::string> names = NamesIn(directory_);
+    return std::any_of(names.begin(), names.end(), [this](const std::string& name) {
+        const std::string one = directory_ + "/" + name;
+        return name.front() != '.' && (!NumbersIn(one).empty() || Exists(one + kCopying));
+    });
+}
+
 std::vector<Generation> BaselineStore::All() const {
     std::vector<Generation> all;
     for (const std::string& name : NamesIn(directory_)) {

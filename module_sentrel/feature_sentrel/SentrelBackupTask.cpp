@@ -271,6 +271,11 @@ void SentrelBackupTask::HandleAcceptance() {
 /// A failure becomes the result's message.
 void SentrelBackupTask::Accept(const OperatorRequest& request, const SentrelDirRule& rule,
                                OperatorRequests::Result& result) {
+    if (!state_.baselines.Obstacle(rule).empty() && request.PartsOf(rule).front().empty()) {
+        state_.baselines.BeginCopying(rule, "accepted by " + request.By());
+        SentrelUtils::GetInstance()->local_backup_pending = true;
+        return;
+    }
     const RulePlaces places = state_.anchors.Of(rule);
     const RuleBaselines::Known manifest = state_.baselines.Of(rule);
     if (!places || manifest == nullptr || !state_.baselines.HasBackup(rule)) {

@@ -48,6 +48,9 @@ class BaselineStore {
     std::vector<unsigned int> Numbers(const std::string& real_path,
                                       const std::string& backup_path) const;
 
+    /// There is a generation of any path, or one is being copied.
+    bool HasAny() const;
+
     /// Each path's newest generation.
     std::vector<Generation> All() const;
 

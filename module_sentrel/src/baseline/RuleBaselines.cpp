@@ -22,6 +22,9 @@ namespace {
 constexpr const char* kBackupIsGone =
     "the backup copies are gone; is the file system of the backup path mounted?";
 
+constexpr const char* kNotApproved =
+    "its present state was never approved; accept it, or apply the policy";
+
 using Anchor = std::unique_ptr<SDK::PathAnchor>;
 
 /// The copies of a rule as a tree of their own.
@@ -87,8 +90,11 @@ RuleBaselines::Adopted RuleBaselines::Adopt(const SentrelDirRule& rule) {
     Adopted adopted;
     Known manifest;
     unsigned int generation = 0;
-    if (!store.Numbers(rule.real_path, rule.backup_path).empty() &&
-        !store.IsCopying(rule.real_path, rule.backup_path)) {
+    const bool is_copying = store.IsCopying(rule.real_path, rule.backup_path);
+    if (!is_copying && store.Numbers(rule.real_path, rule.backup_path).empty()) {
+        // A link of the policy may have been switched while the agent was away.
+        if (store.HasAny()) adopted = {Adoption::kUnapproved, kNotApproved};
+    } else if (!is_copying) {
         Baseline::Generation newest = store.Newest(rule.real_path, rule.backup_path);
         if (!newest) {
             adopted = {Adoption::kUnusable, newest.problem};

@@ -32,17 +32,18 @@ class RuleBaselines {
     /// Why a rule can or cannot go on with the state that was approved before.
     enum class Adoption {
         kAdopted,
-        kNone,      ///< nothing was approved yet, or its copying did not end
-        kUnusable,  ///< the manifest is damaged
-        kLost,      ///< the copies are gone, perhaps not mounted
+        kNone,        ///< nothing was ever approved, or its copying did not end
+        kUnapproved,  ///< others were approved, but not this one
+        kUnusable,    ///< the manifest is damaged
+        kLost,        ///< the copies are gone, perhaps not mounted
     };
     struct Adopted {
         Adoption outcome = Adoption::kNone;
-        std::string problem = {};  ///< in words, of kUnusable and kLost
+        std::string problem = {};  ///< in words, of the last three
     };
     /// Puts the newest manifest into force.
     Adopted Adopt(const SentrelDirRule& rule);
-    /// Why Adopt found the approved state unusable or lost; empty when it did not. Nothing may be
+    /// Why Adopt found no approved state that can be used; empty when it did. Nothing may be
     /// copied then: that would approve the present state.
     std::string Obstacle(const SentrelDirRule& rule) const;
 

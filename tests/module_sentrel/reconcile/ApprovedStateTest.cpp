@@ -189,4 +189,19 @@ TEST_F(ApprovedState, HeldChanges_AreAcceptedOrRestoredAsTheOperatorDecides) {
     EXPECT_TRUE(Becomes(site_.Path("evil/shell.php"), "evil"));
 }
 
+TEST_F(ApprovedState, ReleaseLinkSwitchedWhileTheAgentWasAway_ApprovesNothing) {
+    Approve();
+    StopProtection();
+    const test::TempDir other;
+    other.Write("index.html", "theirs");
+    Json::Value policy = test::Installation::Policy();
+    policy["content"]["dirlist"].append(test::Installation::Entry(other.Path(), backup_.Path()));
+    engine_.ApplyPolicy("sentrel_feature", test::Text(policy), Framework::PolicyOrigin::kKept);
+    ASSERT_TRUE(test::WaitFor([this] { return !Problem().empty(); }, 20s));
+    EXPECT_FALSE(fs::exists(backup_.Path() + other.Path("index.html")));
+    EXPECT_EQ(Decide("accept", {})["state"], "done");
+    EXPECT_TRUE(Becomes(backup_.Path() + other.Path("index.html"), "theirs"));
+    EXPECT_TRUE(test::WaitFor([this] { return Problem().empty(); }, 20s));
+}
+
 }  // namespace
