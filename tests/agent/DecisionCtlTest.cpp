@@ -72,11 +72,6 @@ TEST_F(DecisionCtl, EachDecision_ReachesTheModuleAsItWasMeant) {
              {{"accept", root + "/home"}, "accept", {root + "/home"}, false},
              {{"accept", "--all"}, "accept", {}, true},
              {{"restore", root + "/a/../x"}, "restore", {root + "/x"}, false},
-             {{"baseline", "rollback", "3", "--yes"}, "rollback", {root}, false},
-             {{"baseline", "rollback", "3", "--yes", root + "/a"},
-              "rollback",
-              {root + "/a"},
-              false},
          }) {
         EXPECT_EQ(Run(row.arguments), 0) << errors_;
         EXPECT_EQ(out_, "said \\x1b\n");
@@ -88,7 +83,6 @@ TEST_F(DecisionCtl, EachDecision_ReachesTheModuleAsItWasMeant) {
         for (const Json::Value& path : request["paths"]) paths.push_back(path.asString());
         EXPECT_EQ(paths, row.paths);
         EXPECT_EQ(request["all"].asBool(), row.all);
-        EXPECT_EQ(request.get("generation", 0).asInt(), row.action == "rollback" ? 3 : 0);
     }
 }
 
@@ -99,9 +93,6 @@ TEST_F(DecisionCtl, WhatIsNotDecided_AsksTheModuleForNothing) {
              {{"restore"}, 2},
              {{"accept", "--all", "/a"}, 2},
              {{"accept", ""}, 2},
-             {{"baseline", "rollback"}, 2},
-             {{"baseline", "rollback", "0", "--yes"}, 2},
-             {{"baseline", "rollback", "3"}, 1},
              {{"restore", "--dry-run", site_.Path()}, 0},
          }) {
         EXPECT_EQ(Run(arguments), code) << arguments.back() << errors_;

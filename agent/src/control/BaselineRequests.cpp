@@ -16,7 +16,7 @@ namespace {
 
 constexpr char kForm[] =
     "The request is an object with \"paths\" (an array of absolute paths, percent-encoded), or "
-    "\"all\" (true), or for a rollback \"generation\" (a number from 1 on).";
+    "\"all\" (true).";
 
 bool IsPath(const Json::Value& path) {
     std::string bytes;
@@ -38,10 +38,7 @@ bool Complete(const std::string& action, const Json::Value& given, Json::Value& 
     request["paths"] = paths;
     request["all"] = all;
     request["dry_run"] = false;
-    if (action != "rollback") return all.asBool() == paths.empty();
-    const Json::Value generation = given.get("generation", 0);
-    request["generation"] = generation;
-    return generation.isUInt() && generation.asUInt() > 0;
+    return all.asBool() == paths.empty();
 }
 
 Reply NoModule() {
@@ -59,7 +56,7 @@ Reply AnswerReply(const Json::Value& answer, int status, int error_status) {
 }  // namespace
 
 bool BaselineRequests::IsAction(const std::string& action) {
-    return action == "accept" || action == "restore" || action == "rollback";
+    return action == "accept" || action == "restore";
 }
 
 Reply BaselineRequests::Submit(const std::string& action, const Peer& peer,

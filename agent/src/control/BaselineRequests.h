@@ -22,10 +22,10 @@ class BaselineRequests {
     /// Borrows `queries`.
     explicit BaselineRequests(Framework::QueryRegistry& queries) : queries_(queries) {}
 
-    /// True for "accept", "restore" and "rollback".
+    /// True for "accept" and "restore".
     static bool IsAction(const std::string& action);
 
-    /// `text` is {"paths": [absolute path, percent-encoded], "all": bool, "generation": number}.
+    /// `text` is {"paths": [absolute path, percent-encoded], "all": bool}.
     /// 202 with {"id"}; 400 for another form; 422 when the module refuses.
     Reply Submit(const std::string& action, const Peer& peer, const std::string& text);
 

@@ -121,40 +121,15 @@ void DefineGenerations(CLI::App* baseline, Command& command) {
     });
 }
 
-void DefineRollback(CLI::App* baseline, Command& command) {
-    struct Options {
-        DecisionOptions decision;
-        bool is_confirmed = false;
-    };
-    const auto options = std::make_shared<Options>();
-    options->decision.action = "rollback";
-    CLI::App* rollback = baseline->add_subcommand(
-        "rollback", "Make an older generation the approved state, and bring it back");
-    rollback->add_option("N", options->decision.generation, "Number of the generation")
-        ->required()
-        ->check(CLI::PositiveNumber);
-    AddPath(rollback, options->decision.paths, "The protected path; needed when there are several")
-        ->expected(0, 1);
-    rollback->add_flag("--yes", options->is_confirmed, "Do not ask");
-    rollback->footer(kDecisionCodes);
-    rollback->fallthrough()->callback([&command, options] {
-        command = [options](const ControlClient& client) {
-            return RollBack(client, options->decision, options->is_confirmed);
-        };
-    });
-}
-
 }  // namespace
 
 void DefineBaseline(CLI::App& app, Command& command) {
     DefineVerify(app, command);
     DefineDiff(app, command);
     DefineDecisions(app, command);
-    CLI::App* baseline =
-        app.add_subcommand("baseline", "Show the approved states and go back to one");
+    CLI::App* baseline = app.add_subcommand("baseline", "Show the approved states");
     baseline->require_subcommand(1)->fallthrough();
     DefineGenerations(baseline, command);
-    DefineRollback(baseline, command);
 }
 
 }  // namespace Ctl

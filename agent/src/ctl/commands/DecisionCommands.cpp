@@ -77,7 +77,6 @@ Json::Value RequestOf(const DecisionOptions& options, const std::vector<std::str
     request["paths"] = Json::Value(Json::arrayValue);
     for (const std::string& path : paths) request["paths"].append(SDK::PercentEncode(path));
     request["all"] = options.all;
-    if (options.generation > 0) request["generation"] = options.generation;
     return request;
 }
 
@@ -86,19 +85,6 @@ std::vector<std::string> Resolve(std::vector<std::string> paths) {
     const ApprovedStates states;
     for (std::string& path : paths) path = states.Resolve(path);
     return paths;
-}
-
-bool IsConfirmed(const std::string& question) {
-    if (::isatty(STDIN_FILENO) == 0) {
-        std::cerr << "Nothing was done: without a terminal, --yes is needed." << std::endl;
-        return false;
-    }
-    std::cerr << question << " [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    if (answer == "y" || answer == "yes") return true;
-    std::cerr << "Nothing was done." << std::endl;
-    return false;
 }
 
 }  // namespace
@@ -113,24 +99,6 @@ int Decide(const ControlClient& client, const DecisionOptions& options) {
     if (answer.status == kAccepted && id.isInt64()) return Await(client, id.asInt64());
     PrintFailure(answer);
     return answer.status >= 400 && answer.status < 500 ? kExitRejected : kExitFailed;
-}
-
-int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed) {
-    if (options.paths.empty()) {
-        const ApprovedStates states;
-        const std::vector<Baseline::Generation> known = ProtectedStates(states).states;
-        if (known.size() > 1) {
-            std::cerr << "There are several protected paths; name one." << std::endl;
-            return kExitUsage;
-        }
-        if (!known.empty()) options.paths.push_back(LiveRoot(known.front().manifest->Info()));
-    }
-    const std::string path = options.paths.empty() ? "the site" : Printable(options.paths.front());
-    if (!is_confirmed && !IsConfirmed("Roll " + path + " back to generation " +
-                                      std::to_string(options.generation) + "?")) {
-        return kExitFailed;
-    }
-    return Decide(client, options);
 }
 
 }  // namespace Ctl
