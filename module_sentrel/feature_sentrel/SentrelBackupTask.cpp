@@ -284,17 +284,22 @@ void SentrelBackupTask::Accept(const OperatorRequest& request, const SentrelDirR
     }
     state_.baselines.BeginAccepting(rule, "accepted by " + request.By());
     Acceptance acceptance(*places.anchors, manifest, [this] { return ShouldYield(); });
+    std::size_t taken_here = 0;
     for (const std::string& part : request.PartsOf(rule)) {
         const Acceptance::Result taken = acceptance.Take(part);
-        result.objects += taken.objects;
+        taken_here += taken.objects;
         if (!taken.error.empty()) {
             result.message = taken.error;
         } else {
             state_.progress.Release(rule, part);
         }
     }
-    if (!CommitBaseline(rule))
+    result.objects += taken_here;
+    if (taken_here == 0) {
+        state_.baselines.Adopt(rule);  // the state approved before stays in force
+    } else if (!CommitBaseline(rule)) {
         result.message = "The manifest of " + rule.real_path + " was not written.";
+    }
 }
 
 bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {

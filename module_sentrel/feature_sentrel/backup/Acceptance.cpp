@@ -33,6 +33,7 @@ Acceptance::Result Acceptance::Take(const std::string& part) {
     request.is_over = is_over_;
     request.found = [&](const Baseline::Difference& one) { differences.push_back(one); };
     if (request.root.anchor == nullptr) return {0, "the protected path is gone"};
+    if (exclusions.Match(PathIn(rule_, part), false)) return {0, part + " is excluded."};
     if (!Baseline::TreeVerifier(std::move(request)).Run().is_complete) return {0, "interrupted"};
     Result result;
     for (const Baseline::Difference& difference : differences) {
@@ -40,7 +41,9 @@ Acceptance::Result Acceptance::Take(const std::string& part) {
         if (error == 0) {
             ++result.objects;
         } else if (result.error.empty()) {
-            result.error = PathIn(rule_, difference.path) + ": " + std::strerror(error);
+            const char* const why =
+                error == ENOTDIR ? "its directory is not approved" : std::strerror(error);
+            result.error = PathIn(rule_, difference.path) + ": " + why + ".";
         }
     }
     return result;
@@ -53,7 +56,8 @@ int Acceptance::TakeOne(const Baseline::Difference& difference) {
     if (S_ISDIR(live.st_mode)) return TakeDirectory(path, difference);
     const SDK::PathAnchor::Entry from = rule_.Live(path);
     const SDK::PathAnchor::Entry to = rule_.Copy(path);
-    if (!from.IsOpen() || !to.IsOpen()) return errno;
+    if (!from.IsOpen()) return errno;
+    if (!to.IsOpen()) return ENOTDIR;  // its directory was not accepted
     if (from.name != to.name) return EINVAL;
     return ObjectCopier::CopyObject(from.directory.Get(), to.directory.Get(), from.name, live);
 }

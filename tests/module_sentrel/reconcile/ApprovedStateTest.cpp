@@ -181,6 +181,10 @@ TEST_F(ApprovedState, HeldChanges_AreAcceptedOrRestoredAsTheOperatorDecides) {
     EXPECT_EQ(ended["state"], "done") << ended["message"].asString();
     EXPECT_EQ(Content("sub/page.html"), "page");
     EXPECT_EQ(Status()["held"].asInt(), 0);
+    const Json::Value generation = Status()["baseline"]["generation"];
+    site_.Write("sub/more.html", "more");
+    EXPECT_EQ(Decide("accept", {"sub/more.html"})["objects"].asInt(), 0);
+    EXPECT_EQ(Status()["baseline"]["generation"], generation) << "nothing differed";
     // What was accepted is protected from now on.
     site_.Write("index.html", "again");
     EXPECT_TRUE(Becomes(site_.Path("index.html"), "defaced"));
