@@ -123,7 +123,7 @@ void TreeVerifier::SkipBelow(std::string_view path) {
     }
 }
 
-void TreeVerifier::Report(Difference difference) {
+void TreeVerifier::Report(const Difference& difference) {
     const std::lock_guard<std::mutex> lock(found_mutex_);
     request_.found(difference);
 }

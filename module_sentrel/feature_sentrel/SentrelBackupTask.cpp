@@ -154,11 +154,11 @@ std::string SentrelBackupTask::WhatHinders(const SentrelDirRule& rule) {
     if (!unsafe.empty()) return unsafe;
     // The path ends in "/", so rsync would follow a link in the directory's place and take what it
     // leads to for the good state.
-    const std::string unapproved = state_.baselines.Obstacle(rule);
+    std::string unapproved = state_.baselines.Obstacle(rule);
     if (!unapproved.empty()) return unapproved;
     const RulePlaces places = state_.anchors.Of(rule);
     if (!places) return places.problem;
-    const std::string mount = UnusualMount(*places.anchors);
+    std::string mount = UnusualMount(*places.anchors);
     if (!mount.empty()) return mount;
     struct stat info {};
     const bool replaced = !rule.is_file && places.anchors->StatLive(rule.real_path, info) == 0 &&

@@ -49,7 +49,7 @@ bool StandsForItsContent(const Baseline::Difference& difference) {
 
 /// Why there is nothing to compare with; else empty.
 std::string SentrelInotifyTask::BaselineProblem(const SentrelDirRule& rule) const {
-    const std::string obstacle = state_.baselines.Obstacle(rule);
+    std::string obstacle = state_.baselines.Obstacle(rule);
     if (!obstacle.empty()) return obstacle;
     return state_.baselines.HasBackup(rule) ? "" : "the backup copies are gone";
 }

@@ -69,7 +69,7 @@ class TreeVerifier {
     void TakeResult(const ContentHasher::Result& result);
     void AddMissingUpTo(const std::string* path);
     void SkipBelow(std::string_view path);
-    void Report(Difference difference);
+    void Report(const Difference& difference);
     Identity KnownIdentity(const ManifestEntry& entry) const {
         return request_.side == Side::kLive ? entry.live : entry.copy;
     }

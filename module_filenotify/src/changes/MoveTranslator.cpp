@@ -22,7 +22,8 @@ void MoveTranslator::MovedFrom(DirNode& dir, const InotifyRecord& record) {
         }
     }
     DirNode* node = is_directory ? dir.dirs.Find(record.name) : nullptr;
-    if (node != nullptr && moved_to.dir != nullptr && CanMove(*node, *target, to->name)) {
+    if (node != nullptr && target != nullptr && moved_to.dir != nullptr &&
+        CanMove(*node, *target, to->name)) {
         moves_[record.cookie] = {false, NameIndex::Lookup(*target, to->name)};
         changes_.Move(*node, *target, to->name, IN_MOVED_FROM);
     } else {

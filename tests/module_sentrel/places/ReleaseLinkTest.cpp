@@ -17,7 +17,10 @@ class ReleaseLink : public test::Protection {
         site_.Write("releases/8/page.html", "eight");
         fs::create_directory_symlink("releases/7", site_.Path("current"));
     }
-    ~ReleaseLink() override { Configure("{}"); }
+    ~ReleaseLink() override {
+        engine_.Stop();  // its tasks read the configuration
+        Configure("{}");
+    }
     static void Configure(const std::string& conf) {
         const test::TempDir dir;
         std::string problem;

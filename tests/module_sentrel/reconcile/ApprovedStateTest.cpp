@@ -14,7 +14,10 @@ using namespace std::chrono_literals;
 class ApprovedState : public test::Protection {
   protected:
     ApprovedState() { site_.Write("sub/more.html", "more"); }
-    ~ApprovedState() override { Framework::ConfigManager::GetInstance().Reset(); }
+    ~ApprovedState() override {
+        engine_.Stop();  // its tasks read the configuration
+        Framework::ConfigManager::GetInstance().Reset();
+    }
 
     void Configure(const std::string& sentrel) {
         std::string error;
