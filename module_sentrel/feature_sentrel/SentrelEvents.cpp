@@ -380,54 +380,6 @@ UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool 
     return undoing;
 }
 
-/// An object that was approved is not foreign, even when its copy is gone.
-bool SentrelInotifyTask::HasLostItsCopy(const SentrelDirRule& rule, const std::string& path) {
-    const RulePlaces places = state_.anchors.Held(rule);
-    std::string_view below;
-    if (!places || !state_.baselines.IsApproved(*places.anchors, path) ||
-        !places.anchors->Below(path, below)) {
-        return false;
-    }
-    UndoResult lost;
-    lost.copy_faults.push_back({SDK::PathUtils::WithoutTrailingSlash(path), "it is missing"});
-    ReportCopyFaults(rule, lost);
-    state_.progress.Hold(rule, SDK::PathUtils::WithoutTrailingSlash(std::string(below)), true);
-    return true;
-}
-
-/// The alarm names the copy, since the object on the site has alarms of its own.
-void SentrelInotifyTask::ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing) {
-    for (const RuleBaselines::Fault& fault : undoing.copy_faults) {
-        Alarm alarm;
-        alarm.file = rule.backup_path + fault.path;
-        alarm.type = ALARM_MODIFY;
-        alarm.note = {"backup copy differs from its manifest: " + fault.what, -1, true};
-        alarms_.Raise(std::move(alarm), PinnedFile(), "");
-        SDK_LOG(ModuleLogger(), PRIO_ERROR,
-                "the backup copy of %s differs from its manifest (%s) and is not used.", fault.path,
-                fault.what);
-    }
-}
-
-/// A held object that is changed again is judged against the approved state: only what was changed
-/// while nobody watched is held.
-void SentrelInotifyTask::ReleaseIfChanged(const FileNotifyMessage& msg) {
-    const auto found = watch_rules.find(msg.GetWatchFile());
-    if (found == watch_rules.end()) return;
-    const SentrelDirRule& rule = found->second;
-    const std::string path = SDK::PathUtils::WithoutTrailingSlash(msg.GetEventFilePath());
-    std::string_view below;
-    struct stat live {};
-    if (!state_.progress.IsHeld(rule, path)) return;
-    const RulePlaces places = state_.anchors.Held(rule);
-    const std::optional<std::timespec> begun = state_.progress.Begin(rule);
-    if (!places || !begun || !places.anchors->Below(path, below) || below.empty() ||
-        places.anchors->StatLive(path, live) != 0 || live.st_ctim.tv_sec <= begun->tv_sec) {
-        return;
-    }
-    state_.progress.Release(rule, std::string(below));
-}
-
 bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule,
                                            bool& exists, BackupFileInfo& info) {
     exists = false;

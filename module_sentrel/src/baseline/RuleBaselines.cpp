@@ -128,6 +128,19 @@ void RuleBaselines::BeginAccepting(const SentrelDirRule& rule, const std::string
     states_[KeyOf(rule)] = {nullptr, 0, "", approval};
 }
 
+Baseline::ManifestInfo RuleBaselines::InfoOf(const SentrelDirRule& rule,
+                                             unsigned attribute_kinds) const {
+    Baseline::ManifestInfo info;
+    info.real_path = rule.real_path;
+    info.backup_path = rule.backup_path;
+    info.is_file = rule.is_file;
+    info.exclusions = RsyncExclusions::PatternsOf(rule);
+    info.created = std::time(nullptr);
+    info.approval = ApprovalOf(rule);
+    info.attribute_kinds = attribute_kinds;
+    return info;
+}
+
 RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitment commitment,
                                                std::string& problem) {
     const SentrelDirRule& what = rule.Rule();
@@ -138,16 +151,7 @@ RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitm
         problem = std::string("cannot open the copies: ") + std::strerror(errno);
         return Committed::kFailed;
     }
-    const std::vector<std::string> patterns = RsyncExclusions::PatternsOf(what);
-    const RsyncExclusions exclusions(patterns);
-    Baseline::ManifestInfo info;
-    info.real_path = what.real_path;
-    info.backup_path = what.backup_path;
-    info.is_file = what.is_file;
-    info.exclusions = patterns;
-    info.created = std::time(nullptr);
-    info.approval = ApprovalOf(what);
-    info.attribute_kinds = commitment.attribute_kinds;
+    const RsyncExclusions exclusions(what);
     Baseline::ManifestBuilder::Request request;
     request.copies = copies.root;
     request.live = LiveTree(rule);
@@ -163,7 +167,8 @@ RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitm
     if (!Baseline::ManifestBuilder(std::move(request)).Build(writer)) {
         return Committed::kInterrupted;
     }
-    Baseline::Generation next = store.Commit(writer, info, kept_);
+    Baseline::Generation next =
+        store.Commit(writer, InfoOf(what, commitment.attribute_kinds), kept_);
     if (!next) {
         problem = next.problem;
         return Committed::kFailed;

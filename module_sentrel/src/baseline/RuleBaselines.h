@@ -96,6 +96,7 @@ class RuleBaselines {
     static Key KeyOf(const SentrelDirRule& rule) { return {rule.real_path, rule.backup_path}; }
     Baseline::BaselineStore Store() const;
     std::string ApprovalOf(const SentrelDirRule& rule) const;
+    Baseline::ManifestInfo InfoOf(const SentrelDirRule& rule, unsigned attribute_kinds) const;
 
     mutable std::mutex mutex_;  ///< guards all below
     std::string directory_;
