@@ -65,8 +65,9 @@ void SentrelInotifyTask::StartChecks() {
         local.tm_hour == check_settings_.full_check_hour && local.tm_yday != last_full_check_day_;
     if (is_daily) last_full_check_day_ = local.tm_yday;
     for (const auto& [id, rule] : watch_rules) {
-        // What was lost may be there again.
-        if (!state_.baselines.Obstacle(rule).empty()) {
+        // Other obstacles wait for an operator: trying them again would read the manifest each
+        // second.
+        if (state_.baselines.IsBackupBack(rule)) {
             GoOnFromBaselines(state_, {rule}, check_action_, "start of the agent");
         }
         const bool is_start = state_.progress.IsChecking(rule);

@@ -117,6 +117,10 @@ std::string RuleBaselines::Obstacle(const SentrelDirRule& rule) const {
     return known == states_.end() ? "" : known->second.obstacle;
 }
 
+bool RuleBaselines::IsBackupBack(const SentrelDirRule& rule) const {
+    return Obstacle(rule) == kBackupIsGone && HasBackup(rule);
+}
+
 void RuleBaselines::BeginCopying(const SentrelDirRule& rule, const std::string& approval) {
     Store().MarkCopying(rule.real_path, rule.backup_path);
     const std::lock_guard<std::mutex> lock(mutex_);

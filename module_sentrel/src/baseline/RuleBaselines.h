@@ -46,6 +46,8 @@ class RuleBaselines {
     /// Why Adopt found no approved state that can be used; empty when it did. Nothing may be
     /// copied then: that would approve the present state.
     std::string Obstacle(const SentrelDirRule& rule) const;
+    /// Adopt found the copies lost, and they are there again.
+    bool IsBackupBack(const SentrelDirRule& rule) const;
 
     /// The present state is approved, `approval` says how and by whom: no manifest is in force
     /// until the next Commit. Remembered across restarts until then.
