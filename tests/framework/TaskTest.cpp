@@ -1,6 +1,8 @@
 #include <sdk/commands/ExecuteCmdUtils.h>
 
 #include <algorithm>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <vector>
@@ -120,6 +122,75 @@ TEST_F(TaskTest, PassOutlastsItsLimit_IsReportedStalledOnce) {
     Unregister(task);
     const std::string log = log_.Text();
     EXPECT_EQ(log.find("has stalled"), log.rfind("has stalled"));
+}
+
+struct PassCase {
+    const char* name;
+    std::function<void(ScriptedTask&, const Signal&)> pass;  ///< until the signal
+    bool is_stuck;
+};
+
+class StuckThread : public TaskTest, public testing::WithParamInterface<PassCase> {
+  protected:
+    static constexpr auto kLimit = 300ms;
+
+    /// The thread that is found stuck within three times the limit.
+    std::string FindStuck() {
+        std::string stuck;
+        const auto found = [&] { return !(stuck = engine_.FindStuckThread(kLimit)).empty(); };
+        WaitFor(found, 3 * kLimit);
+        return stuck;
+    }
+};
+
+TEST_P(StuckThread, PassThatDoesNotEnd_IsFoundUnlessItWorksOrWaits) {
+    ScriptedTask task("task");
+    Signal begun;
+    Signal release;
+    task.on_run = [&] {
+        begun.Set();
+        GetParam().pass(task, release);
+        return 0;
+    };
+    ASSERT_TRUE(Register(task));
+    ASSERT_TRUE(WaitFor([&] { return begun.IsSet(); }, kDeadline));
+    EXPECT_EQ(FindStuck(), GetParam().is_stuck ? "task task" : "");
+    release.Set();
+    EXPECT_TRUE(WaitFor([&] { return engine_.FindStuckThread(kLimit).empty(); }, kDeadline));
+    Unregister(task);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Passes, StuckThread,
+    testing::Values(PassCase{"Blocked",
+                             [](ScriptedTask&, const Signal& release) { release.Wait(); }, true},
+                    PassCase{"Working",
+                             [](ScriptedTask&, const Signal& release) {
+                                 while (!release.IsSet()) {
+                                 }
+                             },
+                             false},
+                    PassCase{"Waiting",
+                             [](ScriptedTask& task, const Signal&) {
+                                 task.Waiter().WaitAndHandleEvent(60'000, 10);
+                             },
+                             false},
+                    PassCase{"InACommand",
+                             [](ScriptedTask&, const Signal&) {
+                                 std::string output;
+                                 SDK::ExecuteCmdUtils::ExecuteCmd("sleep 2", output, 100);
+                             },
+                             false}),
+    [](const auto& each) { return each.param.name; });
+
+TEST_F(StuckThread, BlockedFrameworkThread_IsFoundUntilItGoesOn) {
+    Signal release;
+    auto job = std::async(std::launch::async,
+                          [&] { engine_.RunOnFrameworkThread([&] { release.Wait(); }); });
+    EXPECT_EQ(FindStuck(), "the framework thread");
+    release.Set();
+    job.get();
+    EXPECT_EQ(engine_.FindStuckThread(kLimit), "");
 }
 
 TEST_F(TaskTest, UnregisteredInsideACommand_InterruptsItButNotUnInits) {

@@ -180,6 +180,17 @@ void PolicyService::ReapplyStored() {
     }
 }
 
+std::map<std::string, PolicyVerdict> PolicyService::CheckStored() {
+    std::map<std::string, PolicyVerdict> verdicts;
+    for (const std::string& feature : store_.Features()) {
+        std::string text;
+        verdicts[feature] = store_.Load(feature, text)
+                                ? Check(feature, text)
+                                : Rejected("The kept policy cannot be read.");
+    }
+    return verdicts;
+}
+
 /// Checks only the places: the policy was good once, and a missing directory must not disable the
 /// rest of it. But nothing may be restored from a place that others can write to.
 PolicyVerdict PolicyService::Reapply(const std::string& feature) {

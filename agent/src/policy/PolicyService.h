@@ -41,6 +41,9 @@ class PolicyService {
     /// and stays stored; the others continue.
     void ReapplyStored();
 
+    /// Checks the stored policies and applies none.
+    std::map<std::string, PolicyVerdict> CheckStored();
+
     /// Makes ReapplyStored end after its current policy, since the agent stops.
     void StopReapplying() { is_stopping_ = true; }
 

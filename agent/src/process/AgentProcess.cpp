@@ -30,6 +30,7 @@ namespace {
 constexpr mode_t kUmask = 077;
 constexpr int kMaxWaitingReaders = 12;
 constexpr int kMaxSlowRequests = 12;
+constexpr std::chrono::minutes kStuckAfter{2};
 
 Poco::Logger* Log() {
     return SDK::LoggerUtils::GetInstance()->GetRootLogger();
@@ -47,6 +48,19 @@ class EventAtEnd {
     const int descriptor_;
 };
 
+void PrintVerdict(const std::string& feature, const PolicyVerdict& verdict) {
+    const auto print = [&feature](const char* title, const Json::Value& messages) {
+        for (const Json::Value& message : messages) {
+            const std::string pointer = message["pointer"].asString();
+            std::cerr << title << ": " << feature << ": " << pointer
+                      << (pointer.empty() ? "" : ": ") << message["message"].asString() << "\n";
+        }
+    };
+    print("warning", verdict.warnings);
+    print("error", verdict.errors);
+    std::cout << feature << (verdict.errors.empty() ? ": no errors" : ": has errors") << std::endl;
+}
+
 }  // namespace
 
 AgentProcess::AgentProcess(const Options& options)
@@ -58,8 +72,9 @@ AgentProcess::~AgentProcess() {
 
 int AgentProcess::Run() {
     ::umask(kUmask);
+    if (options_.check) return Check();
     if (options_.daemon) startup_reporter_.Daemonize();
-    const int failed = StartCaught();
+    const int failed = Caught([this] { return Start(); });
     if (failed != kExitOk) {
         Stop();
         return failed;
@@ -70,9 +85,24 @@ int AgentProcess::Run() {
     return kExitOk;
 }
 
-int AgentProcess::StartCaught() {
+/// Starts the modules, which know what a good policy is, but applies nothing.
+int AgentProcess::Check() {
+    const int failed = Caught([this] { return Prepare(); });
+    if (failed != kExitOk) return failed;
+    SDK_LOG(Log(), PRIO_NOTICE, "morvane_agent %s checks the kept policies and ends",
+            std::string(SENTREL_VERSION));
+    bool is_good = StartEngine();
+    for (const auto& [feature, verdict] : policies_->CheckStored()) {
+        is_good = is_good && verdict.errors.empty();
+        PrintVerdict(feature, verdict);
+    }
+    Stop();
+    return is_good ? kExitOk : kExitFailed;
+}
+
+int AgentProcess::Caught(const std::function<int()>& step) {
     try {
-        return Start();
+        return step();
     } catch (const Poco::Exception& e) {
         return startup_reporter_.Failed(kExitFailed, e.displayText());
     } catch (const std::exception& e) {
@@ -80,7 +110,8 @@ int AgentProcess::StartCaught() {
     }
 }
 
-int AgentProcess::Start() {
+/// Everything before the modules.
+int AgentProcess::Prepare() {
     std::string error;
     if (!LoadConfiguration(error) || !MakeDirectories(error)) {
         return startup_reporter_.Failed(kExitFailed, error);
@@ -89,6 +120,11 @@ int AgentProcess::Start() {
     if (!StartLogging(error) || !ConfigManager::GetInstance().EnsureAgentId(error)) {
         return startup_reporter_.Failed(kExitFailed, error);
     }
+    return kExitOk;
+}
+
+int AgentProcess::Start() {
+    if (const int failed = Prepare(); failed != kExitOk) return failed;
     SDK_LOG(Log(), PRIO_NOTICE, "morvane_agent %s starts in %s, process %d",
             std::string(SENTREL_VERSION), installation_path_, static_cast<int>(::getpid()));
     if (::geteuid() != 0) {
@@ -98,9 +134,11 @@ int AgentProcess::Start() {
         SDK_LOG(Log(), PRIO_WARNING, "%s", warning);
     }
     StartEngine();
+    std::string error;
     if (!StartControl(error)) return startup_reporter_.Failed(kExitFailed, error);
     if (!ReapplyPolicies()) return kExitOk;
-    notifier_ = std::make_unique<ServiceNotifier>([this] { engine_->RunOnFrameworkThread([] {}); });
+    notifier_ =
+        std::make_unique<ServiceNotifier>([this] { return engine_->FindStuckThread(kStuckAfter); });
     notifier_->Ready();
     startup_reporter_.Ready("morvane_agent runs, process " + std::to_string(::getpid()) + ", " +
                             DefaultSocketPath());
@@ -159,7 +197,8 @@ bool AgentProcess::StartLogging(std::string& error) const {
     return false;
 }
 
-void AgentProcess::StartEngine() {
+/// False when a module is not used; the agent runs nevertheless.
+bool AgentProcess::StartEngine() {
     const ConfigManager& config = ConfigManager::GetInstance();
     SDK::InnerCpuCtrlUtils::SetLimitPercent(config.CpuLimitPercent());
     engine_ = std::make_unique<Framework::Engine>();
@@ -177,6 +216,7 @@ void AgentProcess::StartEngine() {
         failed.push_back({name, error});
     }
     status_->SetFailedModules(failed);
+    return failed.empty();
 }
 
 bool AgentProcess::StartControl(std::string& error) {

@@ -2,6 +2,7 @@
 
 #include <framework/Engine.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,13 +35,15 @@ class AgentProcess {
     int Run();
 
   private:
-    int StartCaught();
+    int Caught(const std::function<int()>& step);
+    int Check();
+    int Prepare();
     int Start();
     bool LoadConfiguration(std::string& error) const;
     bool MakeDirectories(std::string& error) const;
     int TakeLock();
     bool StartLogging(std::string& error) const;
-    void StartEngine();
+    bool StartEngine();
     bool StartControl(std::string& error);
     bool ReapplyPolicies();
     void Stop();

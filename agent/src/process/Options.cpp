@@ -12,8 +12,13 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, int& exit
     CLI::App app("The host agent: loads its modules and applies their policies.");
     app.add_option("--config", options.config_file,
                    "Configuration file instead of conf/agent.json of the installation");
-    app.add_flag("--daemon", options.daemon,
-                 "Run in the background; return when the agent is ready or has failed");
+    CLI::Option* daemon =
+        app.add_flag("--daemon", options.daemon,
+                     "Run in the background; return when the agent is ready or has failed");
+    app.add_flag("--check", options.check,
+                 "Only check the configuration and the kept policies. Exit codes: 0 no errors, "
+                 "1 errors, 2 an agent runs")
+        ->excludes(daemon);
     app.set_version_flag("--version", std::string("morvane_agent ") + SENTREL_VERSION);
     try {
         app.parse(argc, argv);

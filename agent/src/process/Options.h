@@ -9,6 +9,7 @@ namespace Agent {
 struct Options {
     std::string config_file;  ///< absolute; empty: the installation's
     bool daemon = false;
+    bool check = false;
 };
 
 /// Empty when the program must end at once with `exit_code`: help or version (0), or wrong

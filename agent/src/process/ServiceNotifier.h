@@ -4,31 +4,37 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 
 namespace Agent {
 
-/// Reports to the service manager, if there is one: ready, stopping, and, at half of its watchdog
-/// interval, that the framework still answers. Main thread only; with a watchdog it runs its own
+/// Reports to the service manager, if there is one: ready, stopping, and, four times in its
+/// watchdog interval, that no thread is stuck. Main thread only; with a watchdog it runs its own
 /// thread between Ready and Stopping.
 class ServiceNotifier {
   public:
-    /// `health_check` returns when the framework thread has answered. It may block; no watchdog
-    /// message is sent meanwhile.
-    explicit ServiceNotifier(std::function<void()> health_check);
+    /// Names the thread that is stuck; empty: none.
+    using FindStuckThread = std::function<std::string()>;
+
+    /// No watchdog message is sent while `find_stuck_thread` names a thread, or blocks. It runs on
+    /// the watchdog's thread.
+    explicit ServiceNotifier(FindStuckThread find_stuck_thread);
     ~ServiceNotifier();
     ServiceNotifier(const ServiceNotifier&) = delete;
     ServiceNotifier& operator=(const ServiceNotifier&) = delete;
 
     void Ready();
 
-    /// Blocks until a running health check has returned. Safe to call twice.
+    /// Blocks until a running check has returned. Safe to call twice.
     void Stopping();
 
   private:
     void Watch(std::chrono::microseconds interval);
+    void Beat();
 
-    const std::function<void()> health_check_;
+    const FindStuckThread find_stuck_thread_;
+    std::string last_stuck_;  ///< the watchdog's thread only
     std::mutex mutex_;
     std::condition_variable stop_;
     bool stopping_ = false;

@@ -6,6 +6,7 @@
 #include <framework/TaskStatus.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -90,6 +91,12 @@ class Engine : public Poco::Util::Application {
     void RunOnFrameworkThread(const std::function<void()>& job);
 
     std::vector<TaskStatus> TaskStatuses() const;
+
+    /// Names a thread that has work and has made no progress for `limit`: the framework thread, or
+    /// a task. Empty: there is none. Sees a thread as it was at the calls before, so call it
+    /// several times within `limit`, on one thread. Never blocks for long.
+    std::string FindStuckThread(std::chrono::milliseconds limit);
+
     QueryRegistry& Queries() { return queries_; }
 
   protected:

@@ -116,6 +116,14 @@ void Engine::RunOnFrameworkThread(const std::function<void()>& job) {
     thread_->Run(job);
 }
 
+std::string Engine::FindStuckThread(std::chrono::milliseconds limit) {
+    const bool is_thread_stuck = thread_->SinceProgress() >= limit;
+    const std::string task = tasks_->FindStuck(limit);
+    // The framework thread may wait for the task.
+    if (!task.empty()) return "task " + task;
+    return is_thread_stuck ? "the framework thread" : "";
+}
+
 std::vector<TaskStatus> Engine::TaskStatuses() const {
     return tasks_->Statuses();
 }

@@ -62,7 +62,10 @@ void FrameworkThread::Loop() {
         std::packaged_task<void()> job = std::move(jobs_.front());
         jobs_.pop_front();
         lock.unlock();
-        job();
+        {
+            const SDK::ThreadProgress::Job watched(progress_);
+            job();
+        }
         lock.lock();
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sdk/time/CommandInterrupter.h>
+#include <sdk/time/ThreadProgress.h>
 
 #include <condition_variable>
 #include <deque>
@@ -32,10 +33,14 @@ class FrameworkThread {
     /// its exception; Poco::IllegalStateException when the thread is not running.
     void Run(const std::function<void()>& job);
 
+    /// How long its job has made no progress. For one thread, the watchdog's.
+    std::chrono::milliseconds SinceProgress() { return progress_.SinceProgress(); }
+
   private:
     void Loop();
 
     SDK::CommandInterrupter commands_;
+    SDK::ThreadProgress progress_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<std::packaged_task<void()>> jobs_;

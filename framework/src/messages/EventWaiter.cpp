@@ -1,6 +1,7 @@
 // Owns the epoll descriptor, the wake descriptor and the handlers of event sources. Must not
 // close sources (their owners do). Wake runs on any thread, the rest on the task's thread.
 #include <framework/EventWaiter.h>
+#include <sdk/time/ThreadProgress.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
@@ -33,6 +34,7 @@ bool Watch(int epoll, int fd, std::uint32_t events = EPOLLIN) {
 /// epoll_wait(2) that continues after a signal.
 int WaitForReady(int epoll, epoll_event* events, int room, int timeout_ms) {
     using Clock = std::chrono::steady_clock;
+    const SDK::ThreadProgress::Pause pause;
     const auto end = Clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
     for (;;) {
         const int ready = ::epoll_wait(epoll, events, room, timeout_ms);

@@ -142,6 +142,15 @@ void TaskRegistry::ReportStalls() const {
     for (const auto& runner : runners_) runner->ReportStall();
 }
 
+std::string TaskRegistry::FindStuck(std::chrono::milliseconds limit) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::string stuck;
+    for (const auto& runner : runners_) {
+        if (runner->SinceProgress() >= limit) stuck = runner->Id();
+    }
+    return stuck;
+}
+
 void TaskRegistry::InterruptPolicyBlockers() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const auto& runner : runners_) {

@@ -5,6 +5,7 @@
 #include <framework/Task.h>
 #include <framework/TaskStatus.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -50,6 +51,9 @@ class TaskRegistry {
 
     void ForTasksOf(const Module& module, const std::function<void(TaskRunner&)>& call) const;
     void ReportStalls() const;
+
+    /// The id of a task that has made no progress for `limit`; empty: none. Call on one thread.
+    std::string FindStuck(std::chrono::milliseconds limit) const;
 
     /// Interrupts the commands of tasks that a policy waits for.
     void InterruptPolicyBlockers() const;

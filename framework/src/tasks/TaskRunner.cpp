@@ -93,6 +93,7 @@ void TaskRunner::RunTask() {
 bool TaskRunner::RunInit() {
     const SharedGateLock gate(*this);
     if (!gate) return false;
+    const SDK::ThreadProgress::Job watched(progress_);
     bool ok = false;
     const std::string thrown = RunGuarded([&] { ok = task_->Init(); });
     monitor_.InitEnded(ok);
@@ -118,6 +119,7 @@ void TaskRunner::RunPasses() {
 bool TaskRunner::RunPass() {
     const SharedGateLock gate(*this);
     if (!gate) return true;
+    const SDK::ThreadProgress::Job watched(progress_);
     monitor_.PassBegins(StallLimit());
     const std::string thrown = RunGuarded([&] { task_->Run(); });
     monitor_.PassEnds();
@@ -129,6 +131,7 @@ bool TaskRunner::RunPass() {
 }
 
 void TaskRunner::RunUnInit() {
+    const SDK::ThreadProgress::Job watched(progress_);
     access_->Close();  // cancel sets its flag before it closes the access
     access_->WaitIdle();
     EndInterruption();

@@ -6,6 +6,7 @@
 #include <framework/Module.h>
 #include <framework/Task.h>
 #include <sdk/time/CommandInterrupter.h>
+#include <sdk/time/ThreadProgress.h>
 
 #include <atomic>
 #include <chrono>
@@ -59,6 +60,8 @@ class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<Ta
     const Module& Owner() const { return module_; }
     bool IsOwnThread() const { return thread_ == std::this_thread::get_id(); }
     void ReportStall();
+    /// For one thread, the watchdog's.
+    std::chrono::milliseconds SinceProgress() { return progress_.SinceProgress(); }
     TaskStatus Status() const;
 
     /// The task (null after Release), and a pin for it.
@@ -84,6 +87,7 @@ class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<Ta
     const std::chrono::milliseconds period_;
     PassMonitor monitor_;
     SDK::CommandInterrupter interrupter_;
+    SDK::ThreadProgress progress_;
     std::atomic<bool> stopping_{false};
     std::atomic<std::thread::id> thread_;
     std::string last_failure_;  ///< the task's thread only

@@ -21,6 +21,7 @@
 #include "sdk/commands/ExecuteCmdUtils.h"
 #include "sdk/time/CommandInterrupter.h"
 #include "sdk/time/CommandLimit.h"
+#include "sdk/time/ThreadProgress.h"
 #include "sdk/time/TimeUtils.h"
 
 namespace SDK {
@@ -187,6 +188,7 @@ int RunningCommand::Wait(int& exit_code, std::string& output, std::size_t max_ou
         return 0;
     }
     if (child_ == nullptr || child_->EndDescriptor() < 0) return ExecuteCmdUtils::kStartFailed;
+    const ThreadProgress::Pause pause;
     OutputCollector collector(child_->OutputDescriptor(), output, max_output);
     const int ended = WaitForEnd(*child_, collector, deadline_ms_);
     if (ended != 0) child_->Kill();
