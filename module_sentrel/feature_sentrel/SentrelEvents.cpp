@@ -242,6 +242,9 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
     alarm.diff_attr = std::move(description.diff_attr);
     alarm.note = {OutcomeText(undoing.outcome), MillisecondsSince(read_time), true};
     const Framework::ReportNote note = alarm.note;
+    if (undoing.outcome == Outcome::kRestored || undoing.outcome == Outcome::kRemoved) {
+        state_.status.NoteUndoLatency(note.duration_ms);
+    }
     alarms_.Raise(std::move(alarm), std::move(description.pinned), rule.backup_path + file);
     if (undoing.lost_directory.empty()) return;
     // Its own event will find it restored.

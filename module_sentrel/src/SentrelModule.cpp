@@ -19,6 +19,7 @@
 #include "feature_sentrel/policy_check/PolicyCompletion.h"
 #include "feature_sentrel/policy_check/SentrelPolicyCheck.h"
 #include "feature_sentrel/reconcile/StartCheck.h"
+#include "status/ProtectionHealth.h"
 #include "status/WatchList.h"
 #include "utils/SentrelUtils.h"
 
@@ -90,6 +91,7 @@ Json::Value SentrelModule::AnswerStatus() {
         rule.real_path = path["path"].asString();
         rule.backup_path = path["backup_path"].asString();
         path["baseline"] = state_.baselines.ToJson(rule.real_path, rule.backup_path);
+        path["backup_complete"] = state_.progress.IsComplete(rule);
         path["held"] = static_cast<Json::UInt64>(state_.progress.HeldCount(rule));
     }
     answer["rsync"] = utils->Rsync().ToJson();
@@ -97,6 +99,7 @@ Json::Value SentrelModule::AnswerStatus() {
     answer["backup_server"] =
         state_.backup_server.ToJson(RsyncDaemon::FindOwn(SDK::PathUtils::GetInstallationPath()));
     answer["unsafe_places"] = state_.places.ToJson();
+    answer["health"] = ProtectionHealth(answer);
     return answer;
 }
 

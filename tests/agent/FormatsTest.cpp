@@ -1,4 +1,5 @@
 #include <ctl/output/AlarmFormat.h>
+#include <ctl/output/HealthFormat.h>
 #include <ctl/output/StatusFormat.h>
 #include <ctl/output/Terminal.h>
 #include <gtest/gtest.h>
@@ -6,6 +7,8 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <tuple>
+#include <vector>
 
 namespace {
 
@@ -57,11 +60,14 @@ TEST_F(Formats, AlarmWithoutOutcomeOrDocument_IsStillALine) {
     EXPECT_NO_FATAL_FAILURE(Ctl::FormatAlarm(Json::Value(Json::objectValue), true, kNow));
 }
 
-TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
+TEST_F(Formats, Status_ShowsPathsReasonsAndWarningsHarmlessly) {
     const std::string page = Ctl::FormatStatus(Parse(R"({"protection": {"on": true},
+        "health": {"state": "degraded", "reasons": [
+            {"code": "module_failed", "text": "module broken\u001b", "path": ""},
+            {"code": "missing", "text": "is not there", "path": "/srv/\u001bsite/"}]},
         "protected_paths": [{"path": "/srv/\u001bsite/", "state": "waiting",
-                             "last_failure": "remote \u001b", "held": 3}],
-        "counters": {"log_records_dropped": 2}, "modules": [{"name": "broken", "state": "failed"}],
+                             "last_failure": "remote \u001b"}],
+        "counters": {"log_records_dropped": 2, "alarms_lost": 3},
         "filenotify": {"unwatched_directories": 12,
                        "unwatched_examples": [{"path": "/srv/deep", "reason": "Permission denied"}],
                        "queue_limit_problem": "cannot be raised"},
@@ -69,12 +75,46 @@ TEST_F(Formats, Status_ShowsPathsAndWarningsHarmlessly) {
         "unsafe_places": [{"path": "/var/copies"}]})"),
                                                kNow);
     for (const char* part :
-         {"/var/copies is not safe", "protection  on", "/srv/\\x1bsite/", "is not there",
-          "remote \\x1b", "2 log records", "module broken", "older than 3.5.0", "12 directories",
-          "3 changes that wait", "/srv/deep: Permission", "cannot be raised"}) {
+         {"DEGRADED: module broken\\x1b (and 1 more).\n",
+          "  ! module broken\\x1b  [module_failed]\n", "/srv/\\x1bsite/\n    waiting",
+          "    ! is not there  [missing]\n", "/var/copies is not safe", "remote \\x1b",
+          "2 log records", "3 alarms could not", "older than 3.5.0", "12 directories",
+          "/srv/deep: Permission", "cannot be raised"}) {
         EXPECT_NE(page.find(part), std::string::npos) << part << " in\n" << page;
     }
     EXPECT_EQ(page.find('\x1b'), std::string::npos);
+}
+
+TEST_F(Formats, Headline_SaysItAll) {
+    const std::string on = R"("health":{"state":"healthy"},"protection":{"on":true)";
+    const std::string one = R"("protected_paths":[{"auto_restore":true}])";
+    const std::string started = R"("started":1763714200)";
+    for (const auto& [status, line, health] :
+         std::vector<std::tuple<std::string, const char*, Ctl::Health>>{
+             {"{" + on + R"(,"last_undone":1763714080},)" + one + "}",
+              "Protected: 1 path. Last change undone 3 minutes ago.\n", Ctl::Health::kHealthy},
+             {"{" + on + "}," + one + "," + started + "}",
+              "Protected: 1 path. Nothing to undo since the agent started 1 minute ago.\n",
+              Ctl::Health::kHealthy},
+             {"{" + on +
+                  R"(,"last_undone":1763714260},"protected_paths":[{"auto_restore":true},{}]})",
+              "Protected: 1 path, and 1 only reported. Last change undone just now.\n",
+              Ctl::Health::kHealthy},
+             {"{" + on + R"(,"monitor_only":true},)" + one + "}",
+              "Reported only: 1 path. Changes raise an alarm and are not undone.\n",
+              Ctl::Health::kHealthy},
+             {R"({"health":{"state":"healthy"}})",
+              "Backup server: takes the backups of other hosts. No path of this host is "
+              "protected.\n",
+              Ctl::Health::kHealthy},
+             {R"({"health":{"state":"off","reasons":[{"text":"paused"}]}})", "OFF: paused.\n",
+              Ctl::Health::kOff},
+             {R"({"health":{"state":"degraded","reasons":[{"text":"gone.","path":"/a"}]}})",
+              "DEGRADED: /a: gone.\n", Ctl::Health::kDegraded},
+             {"{}", "DEGRADED: the agent does not say why.\n", Ctl::Health::kDegraded}}) {
+        EXPECT_EQ(Ctl::FormatHeadline(Parse(status), kNow), line);
+        EXPECT_EQ(Ctl::HealthOf(Parse(status)), health) << status;
+    }
 }
 
 TEST_F(Formats, StatusOfAnotherShape_IsNoCrash) {
@@ -82,7 +122,9 @@ TEST_F(Formats, StatusOfAnotherShape_IsNoCrash) {
         const char* text :
         {"{}", "[]", R"({"protected_paths":{"a":1},"counters":[],"policies":7})",
          R"({"modules":"x","tasks":[1,"2",null],"rsync":[],"protection":1})",
-         R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"unsafe_places":[1],"backup_server":{"on":1},"filenotify":[7]})"}) {
+         R"({"protection":{"on":true},"schedule":{"until":"x"},"backup":[],"unsafe_places":[1],"backup_server":{"on":1},"filenotify":[7]})",
+         R"({"health":{"state":"degraded","reasons":7},"reports":[],"policies":[1]})",
+         R"({"health":{"state":"off","reasons":[1,null,[]]},"undo_latency":1})"}) {
         const Json::Value status = Parse(text);
         EXPECT_NO_THROW(Ctl::FormatStatus(status, kNow)) << text;
     }

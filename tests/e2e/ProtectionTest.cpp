@@ -103,7 +103,7 @@ TEST_F(Protection, KilledAgent_KeepsItsStoreAndProtectsAfterARestart) {
     const Json::Value id = agent_.Status()["agent_id"];
     agent_.Kill();
     ASSERT_TRUE(std::filesystem::exists(agent_.Path("run/agent.sock")));
-    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 5);
+    EXPECT_EQ(agent_.Ctl({"status"}).exit_code, 2);
     ASSERT_TRUE(agent_.Start());
     ASSERT_TRUE(AwaitProtection()) << agent_.Status();
     EXPECT_EQ(agent_.Status()["agent_id"], id);

@@ -8,6 +8,8 @@
 #include <sdk/time/TimeUtils.h>
 #include <unistd.h>
 
+#include "control/HealthSummary.h"
+
 namespace Agent {
 
 void MergeStatus(const Json::Value& from, Json::Value& into) {
@@ -36,12 +38,16 @@ Json::Value StatusDocument::Build() {
     status["policies"] = policies_.List();
     status["counters"]["log_records_dropped"] =
         static_cast<Json::UInt64>(SDK::LoggerUtils::GetInstance()->DroppedRecords());
+    HealthSummary health;
     for (const std::string& name : engine_.Queries().Names("status.")) {
         Json::Value answer;
         if (engine_.Queries().Ask(name, Json::Value(Json::objectValue), answer)) {
+            if (answer.isObject()) health.Add(answer["health"]);
             MergeStatus(answer, status);
         }
     }
+    health.AddFromDocument(status);
+    status["health"] = health.ToJson();
     return status;
 }
 

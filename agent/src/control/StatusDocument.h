@@ -21,8 +21,9 @@ struct FailedModule {
     std::string error;
 };
 
-/// Builds the status document from the framework, the policies and the modules' answers. Never
-/// waits for a policy that is being applied. Thread-safe.
+/// Builds the status document from the framework, the policies and the modules' answers, whose
+/// members "health" it joins (HealthSummary). Never waits for a policy that is being applied.
+/// Thread-safe.
 class StatusDocument {
   public:
     /// Borrows both.

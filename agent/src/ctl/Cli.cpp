@@ -9,6 +9,7 @@
 #include "ctl/BaselineCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
+#include "ctl/output/Terminal.h"
 
 namespace Ctl {
 
@@ -64,7 +65,10 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
 }
 
 void DefineStatus(CLI::App& app, Arguments& args) {
-    CLI::App* status = app.add_subcommand("status", "Show the state of the agent");
+    CLI::App* status = app.add_subcommand("status", "Show whether changes are undone, and why not");
+    status->footer(
+        "Exit codes: 0 healthy, 1 degraded: some change may not be undone, 2 off or no agent (also "
+        "wrong usage). docs/operators.md has the reasons' codes.");
     status->add_flag("--json", args.json, "The status as one JSON object");
     status->fallthrough()->callback([&args] {
         args.command = [&args](const ControlClient& client) {
@@ -123,6 +127,14 @@ void DefineReports(CLI::App& app, Arguments& args) {
     }
 }
 
+/// False with a message when standard output takes no more, such as on a full disk. A reader that
+/// closed it has read enough.
+bool IsOutputWritten() {
+    if (std::cout.flush() || IsOutputClosed()) return true;
+    std::cerr << "The output could not be written." << std::endl;
+    return false;
+}
+
 int Run(int argc, const char* const* argv) {
     Arguments args;
     CLI::App app("Controls the host agent.", "morvanectl");
@@ -141,7 +153,8 @@ int Run(int argc, const char* const* argv) {
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? kExitOk : kExitUsage;
     }
-    return args.command(ControlClient(args.socket_path));
+    const int exit_code = args.command(ControlClient(args.socket_path));
+    return IsOutputWritten() ? exit_code : kExitFailed;
 }
 
 }  // namespace

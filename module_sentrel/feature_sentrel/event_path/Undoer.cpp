@@ -105,7 +105,7 @@ UndoResult Undoer::Restore(const SentrelDirRule& rule, const std::string& path) 
         status.NoteFailure(rule.real_path, "restore of " + path + ": " + attempt.error);
         return {Outcome::kRestoreFailed, "", std::move(attempt.copy_faults)};
     }
-    status.Count(SentrelStatus::kRestoresDone);
+    status.CountUndone(SentrelStatus::kRestoresDone);
     return {Outcome::kRestored, attempt.is_above ? attempt.target : std::string(),
             std::move(attempt.copy_faults)};
 }
@@ -191,7 +191,7 @@ UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
         if (removed) recent_.Note(path, begun, RecentRestores::Clock::now());
     }
     if (places && error == 0) {
-        status.Count(SentrelStatus::kRemovalsDone);
+        status.CountUndone(SentrelStatus::kRemovalsDone);
         return {Outcome::kRemoved};
     }
     if (error == ENOENT) return {Outcome::kNone};  // it is gone already
@@ -214,7 +214,7 @@ UndoResult Undoer::RemoveBlockingLink(const AnchoredRule& rule, const std::strin
         return {Outcome::kNone};
     }
     CountPlantedLink(obstacle);
-    state_.status.Count(SentrelStatus::kRemovalsDone);
+    state_.status.CountUndone(SentrelStatus::kRemovalsDone);
     return {Outcome::kRemoved};
 }
 

@@ -20,6 +20,11 @@ Json::Value TimeOrNull(std::int64_t seconds) {
 
 }  // namespace
 
+void SentrelStatus::CountUndone(Counter counter) {
+    Count(counter);
+    last_undone_ = SDK::TimeUtils::GetCurrentTimestampS();
+}
+
 void SentrelStatus::SetProtectionOn(bool monitor_only, int backup_type,
                                     const std::list<SentrelDirRule>& rules) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -139,6 +144,7 @@ Json::Value SentrelStatus::ToJson(const Json::Value& watches, const RunFlags& fl
     answer["protection"]["on"] = on_;
     answer["protection"]["monitor_only"] = monitor_only_;
     answer["protection"]["working"] = on_ && flags.is_run;
+    answer["protection"]["last_undone"] = TimeOrNull(last_undone_);
     answer["protected_paths"] = PathsToJson(watches);
     answer["backup"]["type"] = backup_type_;
     answer["backup"]["local_pending"] = on_ && flags.local_backup_pending;
@@ -148,6 +154,7 @@ Json::Value SentrelStatus::ToJson(const Json::Value& watches, const RunFlags& fl
     answer["backlog"]["trees_to_compare"] = static_cast<Json::UInt64>(trees_);
     answer["backlog"]["given_up"] = static_cast<Json::UInt64>(given_up_);
     answer["backlog"]["large_files"] = static_cast<Json::UInt64>(large_files_);
+    answer["undo_latency"] = undo_latency_.ToJson();
     answer["counters"] = CountersToJson();
     answer["counters"]["large_file_bytes"] = static_cast<Json::UInt64>(large_bytes_);
     return answer;
@@ -236,6 +243,8 @@ Json::Value SentrelStatus::CountersToJson() const {
 
 void SentrelStatus::Reset() {
     for (auto& counter : counters_) counter = 0;
+    undo_latency_.Reset();
+    last_undone_ = 0;
     PublishBacklog(0, 0, 0, 0);
     PublishLargeFiles(0, 0);
     const std::lock_guard<std::mutex> lock(mutex_);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/SentrelDirRule.h"
+#include "status/LatencyHistogram.h"
 
 namespace Engine {
 
@@ -48,6 +49,12 @@ class SentrelStatus {
     };
 
     void Count(Counter counter) { counters_[counter].fetch_add(1, std::memory_order_relaxed); }
+
+    /// A change was undone; `counter` is kRestoresDone or kRemovalsDone.
+    void CountUndone(Counter counter);
+
+    /// The time from reading an event to its change being undone; below 0: not known.
+    void NoteUndoLatency(double duration_ms) { undo_latency_.Note(duration_ms); }
 
     /// The protection was switched on with these settings. Drops what is known of other paths.
     void SetProtectionOn(bool monitor_only, int backup_type,
@@ -140,6 +147,8 @@ class SentrelStatus {
     Json::Value CountersToJson() const;
 
     std::array<std::atomic<std::uint64_t>, kCounterCount> counters_{};
+    LatencyHistogram undo_latency_;
+    std::atomic<std::int64_t> last_undone_{0};  ///< seconds since the epoch, 0 never
     std::atomic<std::size_t> deferred_{0};
     std::atomic<std::size_t> failed_{0};
     std::atomic<std::size_t> trees_{0};

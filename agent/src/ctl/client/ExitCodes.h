@@ -6,9 +6,11 @@ namespace Ctl {
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;  ///< a tasklet's result, an unreadable file, an invalid answer
 constexpr int kExitUsage = 2;
-constexpr int kExitDifferences = 2;  ///< what was compared is not equal
-constexpr int kExitOff = 3;          ///< the policy was accepted, its feature is off
-constexpr int kExitRejected = 4;     ///< the policy was refused, or the tasklet is unknown
+constexpr int kExitDifferences = 2;   ///< what was compared is not equal
+constexpr int kExitDegraded = 1;      ///< status: some change may not be undone
+constexpr int kExitNotProtected = 2;  ///< status: nothing is undone now, or no agent answers
+constexpr int kExitOff = 3;           ///< the policy was accepted, its feature is off
+constexpr int kExitRejected = 4;      ///< the policy was refused, or the tasklet is unknown
 constexpr int kExitNoAgent = 5;
 
 }  // namespace Ctl

@@ -7,7 +7,6 @@
 #include "ctl/client/ExitCodes.h"
 #include "ctl/client/Input.h"
 #include "ctl/commands/Commands.h"
-#include "ctl/output/StatusFormat.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {
@@ -135,18 +134,6 @@ int RunTasklet(const ControlClient& client, const std::string& id) {
     if (exit_code != kExitOk) return exit_code;
     std::cout << result << std::endl;
     return result == 0 ? kExitOk : kExitFailed;
-}
-
-int ShowStatus(const ControlClient& client, bool json) {
-    const Answer answer = client.Get("/v1/status");
-    if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return PrintFailure(answer);
-    if (json) {
-        std::cout << JsonUtils::JsonToString(answer.body) << std::endl;
-    } else {
-        const long long now_ms = SDK::TimeUtils::GetCurrentTimestampS() * 1000;
-        std::cout << FormatStatus(answer.body, now_ms) << std::flush;
-    }
-    return kExitOk;
 }
 
 }  // namespace Ctl

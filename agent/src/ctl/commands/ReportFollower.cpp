@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "ctl/client/ExitCodes.h"
+#include "ctl/output/Terminal.h"
 
 namespace Ctl {
 
@@ -45,12 +46,6 @@ class SignalBlocker {
   private:
     sigset_t before_{};
 };
-
-/// True when the reader of standard output has closed it.
-bool IsOutputClosed() {
-    pollfd out{STDOUT_FILENO, 0, 0};
-    return ::poll(&out, 1, 0) > 0 && (out.revents & POLLERR) != 0;
-}
 
 long long LastSeq(const Json::Value& body) {
     return body["last_seq"].isIntegral() ? body["last_seq"].asInt64() : 0;

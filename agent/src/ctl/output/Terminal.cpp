@@ -1,6 +1,7 @@
 #include "ctl/output/Terminal.h"
 
 #include <Poco/UTF8Encoding.h>
+#include <poll.h>
 #include <sdk/text/StrUtils.h>
 #include <unistd.h>
 
@@ -89,6 +90,11 @@ std::string Coloured(const std::string& text, Colour colour) {
 
 void SetColours(bool on) {
     Colours() = on;
+}
+
+bool IsOutputClosed() {
+    pollfd out{STDOUT_FILENO, 0, 0};
+    return ::poll(&out, 1, 0) > 0 && (out.revents & POLLERR) != 0;
 }
 
 std::string ShortTime(long long epoch_ms, long long now_ms) {
