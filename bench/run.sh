@@ -15,6 +15,8 @@ prints tables. It takes some 45 minutes on two cores. Run nothing else on the ma
                  makes even fewer runs and reports the rows that it omits
   --busy         measures while two processes of its own keep the processors busy, and writes a table of
                  its own with the limits for a busy machine
+  --memory-disk  measures on an ext4 file system of its own, with a journal, in an image in memory: the
+                 machine's disk, which others may use, has no influence. Needs some 16 GB of memory
   --only ROW     measures only this row (can be repeated); the other rows keep their last results
   --rows         lists the rows
   --no-build     uses the present build
@@ -33,7 +35,7 @@ readonly PEERS=(inotify-tools lsyncd watchman gnuplot-nox)
 OUTPUT=$ROOT/build/bench
 readonly DRIVER=$ROOT/build/release/bench/sentrel_bench
 
-ARGUMENTS=() PUBLISH='' INSIDE='' WORK='' ROWS='' BUSY='' BUILD=yes
+ARGUMENTS=() PUBLISH='' INSIDE='' WORK='' ROWS='' BUSY='' MEMORY_DISK='' BUILD=yes
 
 parse_arguments() {
     while [[ $# -gt 0 ]]; do
@@ -43,6 +45,7 @@ parse_arguments() {
                 ARGUMENTS+=(--busy)
                 BUSY=yes OUTPUT=$ROOT/build/bench/busy
                 ;;
+            --memory-disk) MEMORY_DISK=--memory-disk ;;
             --only)
                 [[ $# -ge 2 ]] || die "--only needs a row; --rows names them"
                 ARGUMENTS+=(--only "$2")
@@ -107,9 +110,19 @@ spin() {
     done
 }
 
+# mount_memory_disk: mounts the file system of --memory-disk, which ends with the namespace.
+mount_memory_disk() {
+    mkdir "$WORK/memory"
+    mount -t tmpfs -o size=16G,mode=0700 tmpfs "$WORK/memory"
+    truncate -s 16G "$WORK/memory/disk"
+    mkfs.ext4 -q -N 4000000 "$WORK/memory/disk"
+    mount -o loop "$WORK/memory/disk" "$WORK/run"
+}
+
 run_inside() {
     isolate_machine
     mkdir -p "$WORK/home" "$WORK/run"
+    [[ -z $MEMORY_DISK ]] || mount_memory_disk
     # The rsync option aliases of the agent. This rsync supports their checksums.
     cp "$ROOT/build/release/stage/conf/home/sha1/.popt" "$WORK/home/"
     local driver status=0
@@ -135,7 +148,7 @@ measure() {
     trap : INT TERM HUP
     step "Measuring in $WORK"
     unshare --mount --propagation private --pid --fork --kill-child --mount-proc -- \
-        "$BASH" "${BASH_SOURCE[0]}" --inside "$WORK" "${ARGUMENTS[@]}" || status=$?
+        "$BASH" "${BASH_SOURCE[0]}" --inside "$WORK" $MEMORY_DISK "${ARGUMENTS[@]}" || status=$?
     [[ $status -eq 0 ]] || die "the measurement ended with exit code $status"
 }
 

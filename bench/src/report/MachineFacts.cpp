@@ -1,4 +1,5 @@
 // Reads the facts of the machine from /proc and dpkg.
+#include <linux/magic.h>
 #include <sys/statfs.h>
 #include <sys/utsname.h>
 
@@ -6,6 +7,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <string_view>
 #include <thread>
 
 #include "products/Product.h"
@@ -25,6 +27,19 @@ std::string Field(const std::string& file, const std::string& key) {
     return "unknown";
 }
 
+/// What a loop device adds to the name of its file system; empty for other devices.
+std::string LoopDevice(const std::string& device) {
+    constexpr std::string_view kFolder = "/dev/";
+    if (device.compare(0, 9, "/dev/loop") != 0) return {};
+    const std::string name = device.substr(kFolder.size());
+    std::ifstream backing("/sys/block/" + name + "/loop/backing_file");
+    std::string file;
+    std::getline(backing, file);
+    struct statfs info {};
+    const bool in_memory = ::statfs(file.c_str(), &info) == 0 && info.f_type == TMPFS_MAGIC;
+    return in_memory ? ", an image in memory" : ", an image";
+}
+
 /// The file system of `work`: that of the longest mount point above it.
 std::string FileSystem(const std::string& work) {
     std::ifstream mounts("/proc/self/mounts");
@@ -36,7 +51,7 @@ std::string FileSystem(const std::string& work) {
             point == "/" || (work + "/").compare(0, point.size() + 1, point + "/") == 0;
         if (holds && point.size() >= best.size()) {
             best = point;
-            found = type + " (" + rest.substr(1, rest.find(' ', 1) - 1) + ")";
+            found = type + " (" + rest.substr(1, rest.find(' ', 1) - 1) + ")" + LoopDevice(device);
         }
     }
     return found;
