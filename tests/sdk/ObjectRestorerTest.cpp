@@ -205,14 +205,30 @@ TEST_F(Restorer, Holes_StayHoles) {
 TEST_F(Restorer, StagingDirectory_KeepsTheWritingFromTheSitesWatchers) {
     dir_.Write("copy/page", "good");
     dir_.Write("live/page", "defaced");
+    fs::create_directory(dir_.Path("staging"));
     SDK::StagingDirectory staging(
-        SDK::FileDescriptor(::open(dir_.Path("bystander").c_str(), O_RDONLY | O_CLOEXEC)));
+        SDK::FileDescriptor(::open(dir_.Path("staging").c_str(), O_RDONLY | O_CLOEXEC)));
     const auto restore = [&] { EXPECT_EQ(Restore(dir_.Path(), "page", &staging).error, 0); };
     const std::string told = NamesTold(dir_.Path("live"), restore);
     EXPECT_NE(told.find("page\n"), std::string::npos);
     EXPECT_EQ(told.find('#'), std::string::npos) << told;
+    EXPECT_EQ(told.find(ObjectRestorer::kTemporaryPrefix), std::string::npos) << told;
     EXPECT_GE(staging.Descriptor(), 0);
     ExpectAsCopy();
+}
+
+TEST_F(Restorer, StagingDirectoryOfAKilledProcess_LosesItsUnfinishedFilesAlone) {
+    const std::string unfinished =
+        "staging/" + std::string(ObjectRestorer::kTemporaryPrefix) + "0123456789abcdef";
+    dir_.Write(unfinished, "half");
+    dir_.Write("staging/other", "of another writer");
+    const SDK::StagingDirectory staging(
+        SDK::FileDescriptor(::open(dir_.Path("staging").c_str(), O_RDONLY | O_CLOEXEC)));
+    staging.RemoveAbandoned(std::time(nullptr));
+    EXPECT_TRUE(fs::exists(dir_.Path(unfinished))) << "its restore may still run";
+    staging.RemoveAbandoned(std::time(nullptr) + 3600);
+    EXPECT_FALSE(fs::exists(dir_.Path(unfinished)));
+    EXPECT_TRUE(fs::exists(dir_.Path("staging/other")));
 }
 
 TEST_F(Restorer, StagingDirectoryThatCannotBeUsed_IsDoneWithout) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -91,6 +92,7 @@ SDK::StagingDirectory* AnchoredRule::Staging() const {
         const Anchor& live = root_ != nullptr ? root_ : parent_;
         if (mount == 0 || mount != MountOf(live->Descriptor())) return;
         staging_ = std::make_unique<SDK::StagingDirectory>(OpenScratch());
+        staging_->RemoveAbandoned(std::time(nullptr));
     });
     return staging_.get();
 }

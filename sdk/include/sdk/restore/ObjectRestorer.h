@@ -33,8 +33,8 @@ class ObjectRestorer {
     /// Makes `live` equal to `copy`: content (holes stay holes), owner, mode, modification time,
     /// extended attributes and access ACL. Attributes that `copy` does not have are removed.
     ///
-    /// A new file is written in `staging`, or beside `live` when that is null or cannot be used,
-    /// without a name where possible; other objects are made beside `live`. It is then renamed over
+    /// A new file is written in `staging`; beside `live`, without a name where possible, when that
+    /// is null or cannot be used. Other objects are made beside `live`. It is then renamed over
     /// `live`.
     /// No link is followed, whatever others do in the directory meanwhile. A directory in its place
     /// is removed with everything in it. The existing object is kept only when nothing but

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <ctime>
 #include <utility>
 
 #include "sdk/files/FileDescriptor.h"
@@ -8,8 +9,9 @@
 namespace SDK {
 
 /// A directory to which only the caller can write, on the file system of what is restored. Restores
-/// write new files there, without a name, and link them into the site when they are complete. So
-/// inotify tells the site's watchers nothing of the writing. Thread-safe.
+/// write new files there and rename them into the site when they are complete. So inotify tells the
+/// site's watchers nothing of the writing, and no user of the site meets an incomplete file.
+/// Thread-safe.
 class StagingDirectory {
   public:
     /// `directory` may be one that is not open: restores then write beside their targets.
@@ -18,7 +20,11 @@ class StagingDirectory {
     /// -1 when restores must not use it.
     int Descriptor() const { return is_given_up_ ? -1 : directory_.Get(); }
 
-    /// Files that were made here cannot be linked into the site (EXDEV): another mount, subvolume
+    /// Removes the unfinished files of restores that were killed some time before `now`, in seconds
+    /// since the epoch.
+    void RemoveAbandoned(std::time_t now) const;
+
+    /// Files that were made here cannot be renamed into the site (EXDEV): another mount, subvolume
     /// or quota project.
     void GiveUp() { is_given_up_ = true; }
 

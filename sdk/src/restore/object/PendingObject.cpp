@@ -56,24 +56,28 @@ int RemoveAny(int directory, const std::string& name) {
 
 PendingObject::~PendingObject() {
     const int error = errno;  // keeps the errno that the caller reads next
-    if (!temporary_.empty()) ::unlinkat(directory_, temporary_.c_str(), 0);
+    if (!temporary_.empty()) ::unlinkat(temporary_directory_, temporary_.c_str(), 0);
     errno = error;
 }
 
+// In a staging directory a name is no risk, and renaming costs less than linking and renaming.
 int PendingObject::CreateFile(int staging) {
-    if (staging >= 0) {
-        object_.Reset(::openat(staging, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
-        if (object_.IsOpen()) return 0;
-    }
+    if (staging >= 0 && CreateNamedFile(staging) == 0) return 0;
     object_.Reset(::openat(directory_, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
     if (object_.IsOpen()) return 0;
-    if (!IsWithoutNamelessFiles(errno)) return -1;
-    temporary_ = MakeTemporary([this](const char* name) {
-        object_.Reset(::openat(directory_, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+    return IsWithoutNamelessFiles(errno) ? CreateNamedFile(directory_) : -1;
+}
+
+int PendingObject::CreateNamedFile(int directory) {
+    temporary_directory_ = directory;
+    temporary_ = MakeTemporary([&](const char* name) {
+        object_.Reset(::openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                                kOwnerOnly));
         return object_.IsOpen() ? 0 : -1;
     });
-    return temporary_.empty() ? -1 : 0;
+    if (!temporary_.empty()) return 0;
+    temporary_directory_ = directory_;
+    return -1;
 }
 
 int PendingObject::CreateLink(const std::string& text) {
@@ -129,27 +133,29 @@ FailedStep PendingObject::MoveIntoPlace(const std::string& name, bool is_taken) 
     const FailedStep failed = Replace(name);
     if (!failed.IsNone()) return failed;
     // rename(2) does nothing when both are names of one object; otherwise the name is gone already.
-    if (is_second_name_) ::unlinkat(directory_, temporary_.c_str(), 0);
+    if (is_second_name_) ::unlinkat(temporary_directory_, temporary_.c_str(), 0);
     temporary_.clear();
     return Verify(name);
 }
 
 FailedStep PendingObject::Replace(const std::string& name) {
-    if (::renameat(directory_, temporary_.c_str(), directory_, name.c_str()) == 0) return {};
+    if (::renameat(temporary_directory_, temporary_.c_str(), directory_, name.c_str()) == 0)
+        return {};
     return errno == EISDIR ? ReplaceDirectory(name) : FailedStep{"rename", errno};
 }
 
 // An exchange is one step, whatever the directory holds. Where the file system cannot exchange, the
 // directory is removed first.
 FailedStep PendingObject::ReplaceDirectory(const std::string& name) {
-    if (::renameat2(directory_, temporary_.c_str(), directory_, name.c_str(), RENAME_EXCHANGE) ==
-        0) {
-        if (RemoveAny(directory_, temporary_) != 0) return {"remove the directory", errno};
+    if (::renameat2(temporary_directory_, temporary_.c_str(), directory_, name.c_str(),
+                    RENAME_EXCHANGE) == 0) {
+        if (RemoveAny(temporary_directory_, temporary_) != 0)
+            return {"remove the directory", errno};
         return {};
     }
     if (errno != EINVAL && errno != ENOSYS) return {"rename", errno};
     if (RemoveAny(directory_, name) != 0) return {"remove the directory", errno};
-    if (::renameat(directory_, temporary_.c_str(), directory_, name.c_str()) != 0) {
+    if (::renameat(temporary_directory_, temporary_.c_str(), directory_, name.c_str()) != 0) {
         return {"rename", errno};
     }
     return {};
