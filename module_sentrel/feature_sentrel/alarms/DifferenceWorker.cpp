@@ -3,6 +3,8 @@
 #include "feature_sentrel/alarms/DifferenceWorker.h"
 
 #include <Poco/String.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -10,6 +12,13 @@
 #include "feature_sentrel/alarms/ContentDiff.h"
 
 namespace Engine {
+
+namespace {
+
+/// In a storm, restores need the processors more. Commands of this thread inherit its priority.
+constexpr int kNiceness = 10;
+
+}  // namespace
 
 DifferenceWorker::DifferenceWorker(std::function<void()> finished)
     : finished_(std::move(finished)) {}
@@ -44,6 +53,7 @@ void DifferenceWorker::Stop() {
 }
 
 void DifferenceWorker::Work() {
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNiceness);
     const SDK::CommandInterrupter::Scope scope(interrupter_);
     for (;;) {
         std::shared_ptr<Difference> next;
