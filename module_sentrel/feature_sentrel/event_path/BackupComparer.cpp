@@ -27,6 +27,11 @@ bool DigestOf(const SDK::PathAnchor::Entry& entry, std::string& digest) {
                                                            digest, kDigestLimit) == 0;
 }
 
+int Stat(const SDK::PathAnchor::Entry& object, struct stat& info) {
+    return ::fstatat(object.directory.Get(), object.name.c_str(), &info,
+                     AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+}
+
 /// Without them somebody could give a page a capability, or himself access to a page, for good.
 SDK::ExtendedAttributes Attributes(const SDK::PathAnchor::Entry& object, mode_t mode,
                                    unsigned kinds) {
@@ -72,7 +77,8 @@ std::string DifferenceText(const SDK::ExtendedAttributes& live,
 bool BackupComparer::Describe(const std::string& path, const std::string& copy_path, bool& exists,
                               BackupFileInfo& info) const {
     struct stat found {};
-    if (rule_->StatCopy(path, found) != 0) {
+    const SDK::PathAnchor::Entry copy = rule_->Copy(path);
+    if (!copy.IsOpen() || Stat(copy, found) != 0) {
         const int error = errno;
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "file:%s  info:%d", copy_path, error);
         return true;
@@ -84,11 +90,10 @@ bool BackupComparer::Describe(const std::string& path, const std::string& copy_p
     info.uid = found.st_uid;
     info.gid = found.st_gid;
     if (!S_ISREG(found.st_mode) && attribute_kinds_ == 0) return true;
-    const SDK::PathAnchor::Entry copy = rule_->Copy(path);
     info.attribute_kinds = attribute_kinds_;
     info.extended = Attributes(copy, found.st_mode, attribute_kinds_);
     if (!S_ISREG(found.st_mode)) return true;
-    if (copy.IsOpen() && ::faccessat(copy.directory.Get(), copy.name.c_str(), R_OK, 0) == 0) {
+    if (::faccessat(copy.directory.Get(), copy.name.c_str(), R_OK, 0) == 0) {
         return true;
     }
     SDK_LOG(ModuleLogger(), PRIO_ERROR, "Get file %s sha256 failed.",
@@ -157,14 +162,17 @@ bool BackupComparer::HasOwnerOfCopy(const std::string& path, const struct stat& 
 }
 
 std::string BackupComparer::DescribeAttributes(const std::string& path) const {
-    struct stat live {};
-    struct stat copy {};
-    if (attribute_kinds_ == 0 || rule_->StatLive(path, live) != 0 ||
-        rule_->StatCopy(path, copy) != 0 || (live.st_mode & S_IFMT) != (copy.st_mode & S_IFMT)) {
+    if (attribute_kinds_ == 0) return "";
+    const SDK::PathAnchor::Entry live = rule_->Live(path);
+    const SDK::PathAnchor::Entry copy = rule_->Copy(path);
+    struct stat now {};
+    struct stat before {};
+    if (!live.IsOpen() || !copy.IsOpen() || Stat(live, now) != 0 || Stat(copy, before) != 0 ||
+        (now.st_mode & S_IFMT) != (before.st_mode & S_IFMT)) {
         return "";
     }
-    return DifferenceText(Attributes(rule_->Live(path), live.st_mode, attribute_kinds_),
-                          Attributes(rule_->Copy(path), copy.st_mode, attribute_kinds_));
+    return DifferenceText(Attributes(live, now.st_mode, attribute_kinds_),
+                          Attributes(copy, before.st_mode, attribute_kinds_));
 }
 
 bool DirectoryDiffers(const AnchoredRule& rule, const std::string& path, unsigned attribute_kinds) {
