@@ -65,7 +65,9 @@ std::string UnusualMount(const AnchoredRule& rule) {
 SentrelBackupTask::SentrelBackupTask(ModuleState& state)
     : Framework::Task(kTaskId, "sentrel_feature", Framework::TaskCondition::kPeriodic,
                       kQueueCapacity),
-      state_(state) {}
+      state_(state),
+      deploys_(state, {[this] { return ShouldYield(); },
+                       [this](const SentrelDirRule& rule) { return CommitBaseline(rule); }}) {}
 
 bool SentrelBackupTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
@@ -84,6 +86,7 @@ int SentrelBackupTask::Run() {
     CommitInterrupted();
     HandleAcceptance();
     SentrelUtils* utils = SentrelUtils::GetInstance();
+    deploys_.Work(utils->dir_rules);
     const std::uint64_t round = state_.progress.Round();
     if (!utils->MakesLocalBackup()) {
         SDK_LOG(ModuleLogger(), PRIO_TRACE, "remote backup not local.");

@@ -9,6 +9,7 @@
 
 #include "base/SentrelDirRule.h"
 #include "baseline/OperatorRequests.h"
+#include "feature_sentrel/backup/DeployTaking.h"
 
 namespace Engine {
 
@@ -54,6 +55,7 @@ class SentrelBackupTask : public Framework::Task {
     void ClearPending(std::atomic<bool>& pending, std::uint64_t round);
 
     ModuleState& state_;
+    DeployTaking deploys_;
     std::set<std::string> uncommitted_;  ///< paths whose manifest is still to be written
 };
 

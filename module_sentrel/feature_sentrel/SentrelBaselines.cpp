@@ -16,6 +16,7 @@
 #include "base/WorkClock.h"
 #include "feature_sentrel/SentrelInotifyTask.h"
 #include "state/ModuleState.h"
+#include "utils/ModuleReports.h"
 #include "utils/SentrelUtils.h"
 
 namespace Engine {
@@ -72,6 +73,8 @@ void SentrelInotifyTask::StartChecks() {
         }
         const bool is_start = state_.progress.IsChecking(rule);
         if ((!is_start && !is_daily) || being_checked_.count(id) > 0) continue;
+        // What a deploy has still to put on the site would be held.
+        if (state_.deploys.IsCommitting(rule)) continue;
         BaselineCheck::Job job;
         job.watch_id = id;
         job.places = state_.anchors.Of(rule).anchors;
@@ -102,7 +105,9 @@ void SentrelInotifyTask::TakeFound(const BaselineCheck::Found& found) {
     if (found.purpose == BaselineCheck::Purpose::kRestore) {
         return TakeToRestore(rule->second, path, found);
     }
-    if (found.purpose == BaselineCheck::Purpose::kStart && check_action_ == CheckAction::kHold) {
+    const bool is_held =
+        check_action_ == CheckAction::kHold || state_.pauses.IsPaused(rule->second);
+    if (found.purpose == BaselineCheck::Purpose::kStart && is_held) {
         state_.progress.Hold(rule->second, difference.path, StandsForItsContent(difference));
     }
     rejudge_.Judge({found.watch_id, path, MaskOf(difference), std::chrono::steady_clock::now(), 0,
@@ -194,6 +199,30 @@ bool SentrelInotifyTask::HasLostItsCopy(const SentrelDirRule& rule, const std::s
     ReportCopyFaults(rule, lost);
     state_.progress.Hold(rule, SDK::PathUtils::WithoutTrailingSlash(std::string(below)), true);
     return true;
+}
+
+/// While its path pauses, a change is held instead of undone.
+bool SentrelInotifyTask::IsHeldByPause(const SentrelDirRule& rule, const std::string& path) {
+    if (!state_.pauses.IsPaused(rule)) return false;
+    const RulePlaces places = state_.anchors.Held(rule);
+    std::string_view below;
+    if (!places || !places.anchors->Below(path, below)) return false;
+    struct stat live {};
+    struct stat copy {};
+    const bool is_whole = places.anchors->StatLive(path, live) == 0 && S_ISDIR(live.st_mode) &&
+                          places.anchors->StatCopy(path, copy) == 0 && S_ISDIR(copy.st_mode);
+    state_.progress.Hold(rule, SDK::PathUtils::WithoutTrailingSlash(std::string(below)), !is_whole);
+    return true;
+}
+
+void SentrelInotifyTask::EndPauses() {
+    for (const Pauses::Pause& pause : state_.pauses.EndDue(std::time(nullptr))) {
+        SDK_LOG(ModuleLogger(), PRIO_WARNING,
+                "the pause of %s has ended by itself; what was changed in it stays held.",
+                pause.real_path);
+        ModuleReports::SendDeploy("pause ended by itself", pause.user, pause.process,
+                                  pause.real_path, pause.reason, {}, 0);
+    }
 }
 
 /// The alarm names the copy, since the object on the site has alarms of its own.

@@ -6,6 +6,7 @@
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
+#include <sdk/restore/ObjectRestorer.h>
 #include <sdk/text/StrUtils.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -166,13 +167,17 @@ bool SentrelInotifyTask::IsBehindMount(const SentrelDirRule& rule, const std::st
     return places && places.anchors->IsBehindMount(path);
 }
 
-/// The temporary name of one of our restores, gone already.
+/// The temporary name of one of our restores, gone already; or below such a name, where a restore
+/// moved a directory that stood in the place of a page.
 bool SentrelInotifyTask::IsGoneTransient(const SentrelDirRule& rule,
                                          const std::string& file) const {
     struct stat info {};
-    if (!IsTransientName(FileName(file))) return false;
+    const std::size_t above = file.find(std::string("/") + SDK::ObjectRestorer::kTemporaryPrefix);
+    if (above == std::string::npos && !IsTransientName(FileName(file))) return false;
+    const std::string name =
+        above == std::string::npos ? file : file.substr(0, file.find('/', above + 1));
     const RulePlaces places = state_.anchors.Held(rule);
-    return places && places.anchors->StatLive(file, info) != 0 && errno == ENOENT;
+    return places && places.anchors->StatLive(name, info) != 0 && errno == ENOENT;
 }
 
 /// The kernel reports a change through a descriptor that was opened without a name as "#" and the
@@ -282,11 +287,14 @@ bool SentrelInotifyTask::HandleMoveEvent(const SentrelDirRule& rule, FileNotifyM
     }
     // A restore also ends with a move; restoring again would double each restore. The object is
     // compared all the same: it may have been moved away, changed and moved back. No restore moves
-    // a directory.
-    if (exists && !SDK::StrUtils::EndsWith(path, "/") &&
-        undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
+    // a directory, except one that stands in the place of something else.
+    if (exists && undoer_.Recent().MayEcho(path, msg->GetReadTime())) {
         const RulePlaces places = state_.anchors.Held(rule);
-        if (places && Compare(rule, places, path, info) == Deviation::kNone) {
+        struct stat live {};
+        const bool is_directory =
+            SDK::StrUtils::EndsWith(path, "/") &&
+            !(places && places.anchors->StatLive(path, live) == 0 && !S_ISDIR(live.st_mode));
+        if (places && !is_directory && Compare(rule, places, path, info) == Deviation::kNone) {
             SDK_LOG(ModuleLogger(), PRIO_DEBUG, "File/Dir %s updated.", path);
             return false;
         }
@@ -363,7 +371,7 @@ UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool 
     if (!restore && !remove) return {};
     // An object that could not be backed up is neither known to be good nor to be foreign.
     BackupProgress& progress = state_.progress;
-    if (progress.IsHeld(rule, path)) return {Outcome::kHeld};
+    if (progress.IsHeld(rule, path) || IsHeldByPause(rule, path)) return {Outcome::kHeld};
     if (progress.IsOpen(rule, path) || (!restore && progress.HasOpenIn(rule, path))) return {};
     if (AwaitsBackup(rule, progress) && !(restore && IsRestoredAlone(rule, path))) {
         return {Outcome::kDeferred};

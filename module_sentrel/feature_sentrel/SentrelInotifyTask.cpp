@@ -67,6 +67,12 @@ SentrelInotifyTask::SentrelInotifyTask(ModuleState& state, std::size_t backlog)
           alarm_cache, [this](const Alarm& alarm) { SendAlarm(alarm); },
           [this] { Waiter().Wake(); }),
       undoer_(state),
+      deploys_(state, undoer_,
+               [this](const std::string& watch_id, const std::string& path) {
+                   rejudge_.Judge({watch_id, path, IN_MODIFY, std::chrono::steady_clock::now(), 0,
+                                   ChangeOrigin::kReconcile},
+                                  undoer_.Recent());
+               }),
       rejudge_(RejudgeOwner(), state, backlog),
       reconciler_(ReconcilerOwner()),
       large_files_([this] { Waiter().Wake(); }),
@@ -110,7 +116,8 @@ Reconciler::Owner SentrelInotifyTask::ReconcilerOwner() {
 std::optional<Reconciler::Basis> SentrelInotifyTask::BasisOf(const SentrelDirRule& rule) const {
     const std::optional<std::timespec> begun = state_.progress.Begin(rule);
     if (!SentrelUtils::GetInstance()->MakesLocalBackup() || !begun ||
-        !state_.progress.IsComplete(rule) || state_.progress.IsChecking(rule)) {
+        !state_.progress.IsComplete(rule) || state_.progress.IsChecking(rule) ||
+        state_.deploys.IsCommitting(rule)) {
         return std::nullopt;
     }
     return Reconciler::Basis{state_.progress.Round(), *begun, state_.progress.AttributeKinds(rule)};
@@ -141,6 +148,7 @@ bool SentrelInotifyTask::UnInit() {
     check_.Stop();
     being_checked_.clear();
     restores_.clear();
+    deploys_.Forget();
     state_.requests.FailAll("The protection ended.");
     alarms_.Finish();
     watch_rules.clear();
@@ -212,6 +220,7 @@ std::string SentrelInotifyTask::HandleFileNotifyWatch(bool remove, const std::st
 void SentrelInotifyTask::HandleBacklog(std::chrono::steady_clock::time_point now) {
     if (!SentrelUtils::GetInstance()->is_run) return;
     bool more = TakeCheckResults();
+    more = deploys_.Work(watch_rules) || more;
     more = rejudge_.HandleDue(now, undoer_.Recent()) || more;
     more = reconciler_.Work(now) || more;
     JudgeLargeFiles();
@@ -234,12 +243,14 @@ void SentrelInotifyTask::CheckPlaces() {
     if (now < next_look_ || !SentrelUtils::GetInstance()->is_run) return;
     next_look_ = now + kLookAtPlaces;
     StartChecks();
+    EndPauses();
     std::map<std::string, std::string> followed;
     const std::string held = WhyLinksAreHeld();
     for (const auto& [id, rule] : watch_rules) {
         const ReleaseLinks::Finding release = ReleaseLinks::Look(rule, watch_rules, held);
         CheckPlace(id, rule, release.problem);
-        if (!release.target.empty()) followed[id] = release.target;
+        // A deploy that switches the link has not ended yet.
+        if (!release.target.empty() && !state_.deploys.IsOpen(rule)) followed[id] = release.target;
     }
     for (const auto& [id, target] : followed) FollowRelease(id, target);
 }

@@ -17,6 +17,7 @@
 #include "baseline/OperatorRequests.h"
 #include "feature_sentrel/alarms/AlarmReporter.h"
 #include "feature_sentrel/alarms/SentrelCacheMsg.h"
+#include "feature_sentrel/backup/DeployPutting.h"
 #include "feature_sentrel/event_path/BackupComparer.h"
 #include "feature_sentrel/event_path/FileChange.h"
 #include "feature_sentrel/event_path/LargeFileCheck.h"
@@ -141,6 +142,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void EndRestore(const BaselineCheck::Ended& ended);
     void ReleaseIfChanged(const FileNotifyMessage& msg);
     bool HasLostItsCopy(const SentrelDirRule& rule, const std::string& path);
+    bool IsHeldByPause(const SentrelDirRule& rule, const std::string& path);
+    void EndPauses();
     void ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing);
 
     /// `is_told`: Handling::is_told.
@@ -174,6 +177,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     ModuleState& state_;
     AlarmReporter alarms_;
     Undoer undoer_;
+    DeployPutting deploys_;
     Rejudge rejudge_;
     Reconciler reconciler_;
     LargeFileCheck large_files_;

@@ -33,6 +33,8 @@ constexpr const char* kProtectionCheckQuery = "policy.check.sentrel_feature";
 constexpr const char* kBackUpServerCheckQuery = "policy.check.backupserver_feature";
 constexpr const char* kRequestQuery = "baseline.request";
 constexpr const char* kProgressQuery = "baseline.progress";
+constexpr const char* kDeployQuery = "deploy";
+constexpr const char* kPauseQuery = "pause";
 constexpr const char* kCompletionQuery = "policy.complete.sentrel_feature";
 
 template <typename TaskClass>
@@ -74,6 +76,8 @@ bool SentrelModule::Init() {
     state_.baselines.Reset(SDK::PathUtils::GetInstallationPath() + "data/baseline",
                            CheckSettings::Read().generations);
     state_.backup_server.Reset();
+    state_.deploys.Load();
+    state_.pauses.Load();
     state_.places.Judge({});
     RegisterCallbacks();
     CreateTasks();
@@ -100,6 +104,8 @@ Json::Value SentrelModule::AnswerStatus() {
         state_.backup_server.ToJson(RsyncDaemon::FindOwn(SDK::PathUtils::GetInstallationPath()));
     answer["unsafe_places"] = state_.places.ToJson();
     answer["health"] = ProtectionHealth(answer);
+    answer["deploys"] = state_.deploys.ToJson();
+    answer["pauses"] = state_.pauses.ToJson();
     return answer;
 }
 
@@ -155,13 +161,17 @@ void SentrelModule::RegisterQueries() {
     queries.Register(kProgressQuery, [this](const Json::Value& request) {
         return state_.requests.Progress(request);
     });
+    queries.Register(kDeployQuery,
+                     [this](const Json::Value& request) { return AnswerDeploy(request); });
+    queries.Register(kPauseQuery,
+                     [this](const Json::Value& request) { return AnswerPause(request); });
 }
 
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     for (const char* query :
          {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackUpServerCheckQuery,
-          kCompletionQuery, kRequestQuery, kProgressQuery}) {
+          kCompletionQuery, kRequestQuery, kProgressQuery, kDeployQuery, kPauseQuery}) {
         queries.Unregister(query);
     }
 }

@@ -54,6 +54,10 @@ class SentrelModule : public Framework::Module {
   private:
     Json::Value AnswerStatus();
     Json::Value AnswerRequest(const Json::Value& request);
+    // Deploys and pauses (SentrelOperations.cpp).
+    Json::Value AnswerDeploy(const Json::Value& request);
+    Json::Value AnswerPause(const Json::Value& request);
+    Json::Value BeginDeploy(const Json::Value& request);
     bool IsSwitchedOn(const std::string& feature, const std::string& policyJson,
                       void (SentrelModule::*switch_off)(Framework::Policy*));
     bool IsParsed(Framework::FeaturePolicy* policy, const std::string& feature,

@@ -86,4 +86,18 @@ Reply BaselineRequests::Progress(const std::string& id) {
     return AnswerReply(answer, 200, 404);
 }
 
+Reply BaselineRequests::Operate(const std::string& query, const std::string& action,
+                                const Peer& peer, const std::string& text) {
+    Json::Value request;
+    if (JsonUtils::ParseJsonStr(text.data(), text.size(), request) != 0 || !request.isObject()) {
+        return ErrorReply(400, "The request is an object.");
+    }
+    request["action"] = action;
+    request["uid"] = static_cast<Json::UInt>(peer.user);
+    request["pid"] = static_cast<Json::Int>(peer.process);
+    Json::Value answer;
+    if (!queries_.Ask(query, request, answer)) return NoModule();
+    return AnswerReply(answer, 200, 422);
+}
+
 }  // namespace Agent

@@ -19,7 +19,8 @@ Reply MethodReply(const std::string& allow) {
 Reply Unknown() {
     return ErrorReply(404,
                       "There is no such address. The control API has /v1/status, /v1/reports, "
-                      "/v1/policies, /v1/baseline and /v1/tasklets/ID.");
+                      "/v1/policies, /v1/baseline, /v1/deploy, /v1/pause and "
+                      "/v1/tasklets/ID.");
 }
 
 Reply VerdictReply(const std::string& feature, const PolicyVerdict& verdict) {
@@ -49,6 +50,7 @@ Reply Routes::Handle(const ControlRequest& request) {
     if (path.size() < 2 || path[0] != "v1") return Unknown();
     if (path[1] == "policies") return HandlePolicies(request);
     if (path[1] == "baseline") return HandleBaseline(request);
+    if (path[1] == "deploy" || path[1] == "pause") return HandleOperation(request);
     if (path[1] == "tasklets" && path.size() == 3) {
         if (request.method != "POST") return MethodReply("POST");
         return RunTasklet(path[2], request.body);
@@ -113,6 +115,12 @@ Reply Routes::HandleBaseline(const ControlRequest& request) {
     if (path.size() != 3 || !BaselineRequests::IsAction(path[2])) return Unknown();
     if (request.method != "POST") return MethodReply("POST");
     return baselines_.Submit(path[2], request.peer, request.body);
+}
+
+Reply Routes::HandleOperation(const ControlRequest& request) {
+    if (request.path.size() != 3) return Unknown();
+    if (request.method != "POST") return MethodReply("POST");
+    return baselines_.Operate(request.path[1], request.path[2], request.peer, request.body);
 }
 
 Reply Routes::RunTasklet(const std::string& id, const std::string& text) {

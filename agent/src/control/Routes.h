@@ -43,6 +43,7 @@ class Routes {
     Reply HandlePolicy(const ControlRequest& request, const std::string& feature);
     Reply ApplyPolicy(const std::string& feature, const std::string& text);
     Reply HandleBaseline(const ControlRequest& request);
+    Reply HandleOperation(const ControlRequest& request);
     Reply RunTasklet(const std::string& id, const std::string& text);
 
     PolicyService& policies_;

@@ -7,6 +7,7 @@
 
 #include "common/ControlProtocol.h"
 #include "ctl/BaselineCli.h"
+#include "ctl/DeployCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
 #include "ctl/output/Terminal.h"
@@ -148,6 +149,7 @@ int Run(int argc, const char* const* argv) {
     DefineSecret(app, args);
     DefineReports(app, args);
     DefineBaseline(app, args.command);
+    DefineDeploy(app, args.command);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -2,6 +2,8 @@
 
 #include "baseline/OperatorRequests.h"
 #include "baseline/RuleBaselines.h"
+#include "deploy/Deploys.h"
+#include "deploy/Pauses.h"
 #include "feature_sentrel/schedule/ScheduleStatus.h"
 #include "places/ReleaseLinks.h"
 #include "places/RuleAnchors.h"
@@ -23,6 +25,8 @@ struct ModuleState {
     BackupProgress progress;
     RuleBaselines baselines;
     OperatorRequests requests;
+    Deploys deploys;
+    Pauses pauses;
     SentrelStatus status;
     BackUpServerStatus backup_server;
     ScheduleStatus schedule;

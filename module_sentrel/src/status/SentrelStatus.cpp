@@ -61,6 +61,13 @@ Json::Value SentrelStatus::ExclusionsOf(const Json::Value& request) const {
     return answer;
 }
 
+std::vector<SentrelDirRule> SentrelStatus::Rules() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<SentrelDirRule> rules;
+    for (const ProtectedPath& path : paths_) rules.push_back(path.rule);
+    return rules;
+}
+
 void SentrelStatus::PublishPaths(std::vector<ProtectedPath> paths) {
     const std::lock_guard<std::mutex> lock(mutex_);
     paths_ = std::move(paths);

@@ -68,6 +68,8 @@ class SentrelStatus {
 
     void PublishPaths(std::vector<ProtectedPath> paths);
     void ClearPaths() { PublishPaths({}); }
+    /// The rules of the paths that are published.
+    std::vector<SentrelDirRule> Rules() const;
 
     void NoteLocalBackup(const std::string& real_path);
     /// The copies that were made at `seconds` since the epoch are used further.

@@ -37,6 +37,25 @@ void ModuleReports::SendAcceptance(unsigned int user, int process,
     SendDataMessage("sentrel_baseline_1", SDK::JsonUtils::JsonToString(body));
 }
 
+void ModuleReports::SendDeploy(const std::string& what, unsigned int user, int process,
+                               const std::string& path, const std::string& reason,
+                               const std::vector<std::string>& paths, unsigned int generation) {
+    constexpr std::size_t kMostPaths = 100;
+    Json::Value body(Json::objectValue);
+    body["feature"] = "sentrel_feature";
+    body["action"] = "deploy";
+    body["outcome"] = what;
+    body["user"] = user;
+    body["process"] = process;
+    body["path"] = path;
+    body["reason"] = reason;
+    body["generation"] = generation;
+    body["objects"] = static_cast<Json::UInt64>(paths.size());
+    body["paths"] = Json::Value(Json::arrayValue);
+    for (std::size_t i = 0; i < paths.size() && i < kMostPaths; ++i) body["paths"].append(paths[i]);
+    SendDataMessage("sentrel_deploy_1", SDK::JsonUtils::JsonToString(body));
+}
+
 void ModuleReports::SendException(const std::string& feature, const std::string& exception) {
     static const std::string kReportTask = "cmd_comm_report_task";
     Framework::Task* task = Framework::Engine::Instance().FindTask(kReportTask);

@@ -13,4 +13,13 @@ constexpr int kExitOff = 3;           ///< the policy was accepted, its feature 
 constexpr int kExitRejected = 4;      ///< the policy was refused, or the tasklet is unknown
 constexpr int kExitNoAgent = 5;
 
+// Of deploy, beside those of its command.
+constexpr int kExitRefused = 122;        ///< before the command was started
+constexpr int kExitDeclined = 123;       ///< the answer at the terminal was no
+constexpr int kExitTimedOut = 124;       ///< the command took too long
+constexpr int kExitNotDeployed = 125;    ///< for another reason
+constexpr int kExitNotExecutable = 126;  ///< the command
+constexpr int kExitNotFound = 127;       ///< the command
+constexpr int kExitSignal = 128;         ///< plus the number of the signal
+
 }  // namespace Ctl
