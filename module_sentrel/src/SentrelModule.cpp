@@ -103,9 +103,9 @@ Json::Value SentrelModule::AnswerStatus() {
     answer["backup_server"] =
         state_.backup_server.ToJson(RsyncDaemon::FindOwn(SDK::PathUtils::GetInstallationPath()));
     answer["unsafe_places"] = state_.places.ToJson();
-    answer["health"] = ProtectionHealth(answer);
     answer["deploys"] = state_.deploys.ToJson();
     answer["pauses"] = state_.pauses.ToJson();
+    answer["health"] = ProtectionHealth(answer);
     return answer;
 }
 

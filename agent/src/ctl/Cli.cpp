@@ -8,6 +8,7 @@
 #include "common/ControlProtocol.h"
 #include "ctl/BaselineCli.h"
 #include "ctl/DeployCli.h"
+#include "ctl/ProtectCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
 #include "ctl/output/Terminal.h"
@@ -144,8 +145,9 @@ int Run(int argc, const char* const* argv) {
         ->type_name("PATH");
     app.set_version_flag("--version", std::string("morvanectl ") + SENTREL_VERSION);
     app.require_subcommand(1);
-    DefinePolicy(app, args);
+    DefineProtect(app, args.command);
     DefineStatus(app, args);
+    DefinePolicy(app, args);
     DefineSecret(app, args);
     DefineReports(app, args);
     DefineBaseline(app, args.command);

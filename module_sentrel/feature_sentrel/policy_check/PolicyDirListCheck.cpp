@@ -58,12 +58,6 @@ bool CheckProtectedPath(const std::string& path, const std::string& place, Fault
     return true;
 }
 
-bool HasParent(fs::path path) {
-    std::error_code error;
-    if (!path.has_filename()) path = path.parent_path();
-    return fs::is_directory(path.parent_path(), error);
-}
-
 std::string WhyNoBackupPath(const std::string& path) {
     std::error_code error;
     if (path.empty()) return "is missing: auto_restore needs a backup copy";
@@ -87,12 +81,6 @@ bool CheckBackupPath(const Json::Value& entry, const std::string& pointer, Fault
     if (!fault.empty()) {
         faults.push_back({place, fault});
         return false;
-    }
-    std::error_code error;
-    if (!fs::exists(path, error) && !HasParent(path)) {
-        findings.Warning(place,
-                         "neither it nor its parent directory exists: rsync makes one level only, "
-                         "and every backup fails until the parent is there");
     }
     return true;
 }

@@ -143,6 +143,15 @@ void AddUnsafePlaces(const Json::Value& status, Reasons& reasons) {
     }
 }
 
+void AddPauses(const Json::Value& status, Reasons& reasons) {
+    for (const Json::Value& pause : status["pauses"]) {
+        reasons.Add("pause",
+                    "nothing is undone there until morvanectl resume, or the pause ends: " +
+                        Text(pause, "reason"),
+                    Text(pause, "path"));
+    }
+}
+
 void AddServerReason(const Json::Value& server, Reasons& reasons) {
     if (!JsonUtils::GetBoolValue(server, "on", false)) return;
     if (JsonUtils::GetBoolValue(server, "running", false)) return;
@@ -183,6 +192,7 @@ Json::Value ProtectionHealth(const Json::Value& status) {
     }
     const bool makes_copies = MakesLocalCopies(static_cast<int>(Number(status["backup"], "type")));
     for (const Json::Value& entry : paths) AddPathReasons(entry, makes_copies, reasons);
+    AddPauses(status, reasons);
     AddBacklogReasons(status, reasons);
     AddUnsafePlaces(status, reasons);
     AddServerReason(status["backup_server"], reasons);

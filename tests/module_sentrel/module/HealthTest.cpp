@@ -54,6 +54,7 @@ TEST(ProtectionHealth, WhateverKeepsAChangeFromBeingUndone_IsAReason) {
              {"path", "open_objects", R"({"count":1})", "degraded: open_objects"},
              {"path", "attributes_not_compared", R"(["user"])",
               "degraded: attributes_not_compared"},
+             {"", "pauses", R"([{"path":"/srv/","reason":"x"}])", "degraded: pause"},
              {"", "backlog", R"({"failed":1})", "degraded: not_undone"},
              {"", "backlog", R"({"given_up":1,"deferred":9})", "degraded: not_undone"},
              {"", "backlog", R"({"deferred":9,"trees_to_compare":1})", "healthy:"},

@@ -208,7 +208,6 @@ TEST_F(PolicyCheck, SettingsWithoutTheIntendedEffect_HaveWarnings) {
         {content + "distime_enable", "false", "", "not read"},
         {content + "dirlist", "", "", "before"},
         {content + "dirlist", "[]", "", "no enabled entry"},
-        {entry + "backup_path", Quoted(data_.Path("b1/b2/")), "", "one level"},
         {entry + "ignored_subdir", "[\"cache*\"]", entry + "ignored_subdir/0", "pattern"},
         {entry + "ignored_subdir", "[\" / \"]", entry + "ignored_subdir/0", "everything"},
         {entry + "ignored_subdir", "[\"!\"]", entry + "ignored_subdir/0", "for a name"},

@@ -12,6 +12,7 @@ constexpr int kExitNotProtected = 2;  ///< status: nothing is undone now, or no 
 constexpr int kExitOff = 3;           ///< the policy was accepted, its feature is off
 constexpr int kExitRejected = 4;      ///< the policy was refused, or the tasklet is unknown
 constexpr int kExitNoAgent = 5;
+constexpr int kExitInterrupted = 130;  ///< by Ctrl-C, while the agent goes on
 
 // Of deploy, beside those of its command.
 constexpr int kExitRefused = 122;        ///< before the command was started

@@ -33,6 +33,9 @@ int ShowReports(const ControlClient& client, const ReportQuery& query);
 int CallTasklet(const ControlClient& client, const std::string& id, const std::string& request,
                 int& result);
 
+/// Prints the warnings or errors of a policy check to standard error, each with its place.
+void PrintMessages(const char* title, const Json::Value& messages);
+
 /// Prints why the agent did not answer; returns the exit code.
 int PrintFailure(const Answer& answer);
 

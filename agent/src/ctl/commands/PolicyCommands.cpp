@@ -6,6 +6,7 @@
 
 #include "ctl/client/ExitCodes.h"
 #include "ctl/client/Input.h"
+#include "ctl/client/PolicyApi.h"
 #include "ctl/commands/Commands.h"
 #include "ctl/output/Terminal.h"
 
@@ -16,24 +17,11 @@ using SDK::JsonUtils;
 
 namespace {
 
-/// A policy may wait for another one, and for tasks that run commands.
-constexpr int kApplyTimeoutS = 300;
+/// A tasklet may wait for a policy, and for tasks that run commands.
+constexpr int kTaskletTimeoutS = 300;
 constexpr int kUnknown = 404;
 constexpr int kTooLarge = 413;
-constexpr int kRefused = 422;
 constexpr int kBadRequest = 400;
-
-void PrintMessages(const char* title, const Json::Value& messages) {
-    for (const Json::Value& message : messages) {
-        const std::string pointer = JsonUtils::GetStringValue(message, "pointer", "");
-        std::cerr << title << ": " << Printable(pointer) << (pointer.empty() ? "" : ": ")
-                  << Printable(JsonUtils::GetStringValue(message, "message", "")) << "\n";
-    }
-}
-
-std::string Address(const std::string& feature) {
-    return "/v1/policies/" + Encoded(feature);
-}
 
 bool Read(const std::string& file, std::string& text) {
     std::string error;
@@ -43,6 +31,14 @@ bool Read(const std::string& file, std::string& text) {
 }
 
 }  // namespace
+
+void PrintMessages(const char* title, const Json::Value& messages) {
+    for (const Json::Value& message : messages) {
+        const std::string pointer = JsonUtils::GetStringValue(message, "pointer", "");
+        std::cerr << title << ": " << Printable(pointer) << (pointer.empty() ? "" : ": ")
+                  << Printable(JsonUtils::GetStringValue(message, "message", "")) << "\n";
+    }
+}
 
 int PrintFailure(const Answer& answer) {
     std::cerr << Printable(answer.problem) << std::endl;
@@ -54,10 +50,9 @@ int PrintFailure(const Answer& answer) {
 int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file) {
     std::string text;
     if (!Read(file, text)) return kExitFailed;
-    const Answer answer =
-        client.Send(HTTPRequest::HTTP_PUT, Address(feature), text, kApplyTimeoutS);
+    const Answer answer = ApplyPolicyText(client, feature, text);
     if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
-    if (answer.status != 200 && answer.status != kRefused) {
+    if (answer.status != 200 && answer.status != kPolicyRefused) {
         const bool refused = answer.status == kBadRequest || answer.status == kTooLarge;
         std::cerr << "error: " << Printable(answer.problem) << std::endl;
         return refused ? kExitRejected : kExitFailed;
@@ -66,15 +61,14 @@ int ApplyPolicy(const ControlClient& client, const std::string& feature, const s
     PrintMessages("error", answer.body["errors"]);
     const std::string state = JsonUtils::GetStringValue(answer.body, "state", "");
     std::cout << Printable(feature) << ": " << Printable(state) << std::endl;
-    if (answer.status == kRefused) return kExitRejected;
+    if (answer.status == kPolicyRefused) return kExitRejected;
     return state == "on" ? kExitOk : kExitOff;
 }
 
 int CheckPolicy(const ControlClient& client, const std::string& feature, const std::string& file) {
     std::string text;
     if (!Read(file, text)) return kExitFailed;
-    const Answer answer =
-        client.Send(HTTPRequest::HTTP_POST, Address(feature) + "/check", text, kApplyTimeoutS);
+    const Answer answer = CheckPolicyText(client, feature, text);
     if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     if (answer.status != 200) {
         std::cerr << "error: " << Printable(answer.problem) << std::endl;
@@ -88,7 +82,7 @@ int CheckPolicy(const ControlClient& client, const std::string& feature, const s
 }
 
 int ShowPolicy(const ControlClient& client, const std::string& feature) {
-    const Answer answer = client.Get(Address(feature));
+    const Answer answer = GetPolicy(client, feature);
     if (answer.kind != Answer::Kind::kAnswered || answer.status != 200) return PrintFailure(answer);
     const std::string text = JsonUtils::GetStringValue(answer.body, "text", "");
     std::cout << text << (text.empty() || text.back() != '\n' ? "\n" : "") << std::flush;
@@ -114,8 +108,8 @@ int ListPolicies(const ControlClient& client) {
 
 int CallTasklet(const ControlClient& client, const std::string& id, const std::string& request,
                 int& result) {
-    const Answer answer =
-        client.Send(HTTPRequest::HTTP_POST, "/v1/tasklets/" + Encoded(id), request, kApplyTimeoutS);
+    const Answer answer = client.Send(HTTPRequest::HTTP_POST, "/v1/tasklets/" + Encoded(id),
+                                      request, kTaskletTimeoutS);
     if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     if (answer.status == kUnknown) {
         std::cerr << Printable(answer.problem) << std::endl;
