@@ -16,7 +16,11 @@ readonly BUILD_PACKAGES=(
 # To test it as well.
 readonly TEST_PACKAGES=(
     libgtest-dev clang-format clang-tidy shellcheck attr acl iproute2 curl git openssl
+    man-db bsdextrautils systemd
 )
+
+# To make Debian packages.
+readonly PACKAGE_PACKAGES=(debhelper scdoc lintian)
 
 say() { printf '%s\n' "$*"; }
 step() { printf '%s==>%s %s\n' "$BOLD" "$PLAIN" "$*"; }

@@ -44,7 +44,7 @@ check_format() {
 
 check_shell() {
     step "shellcheck"
-    sources '*.sh' .ci/run 'packaging/*/postinst' 'packaging/*/prerm' |
+    sources '*.sh' .ci/run 'packaging/debian/*.p*inst' 'packaging/debian/*.p*rm' packaging/completion/morvanectl |
         xargs -0 -r shellcheck -x
 }
 

@@ -74,7 +74,7 @@ main() {
         shift
     done
 
-    install_dependencies "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+    install_dependencies "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${PACKAGE_PACKAGES[@]}"
     [[ $lint != format ]] || lint --format-only || failed=1
     [[ $lint != recent ]] || lint --recent || failed=1
     [[ $lint != all ]] || lint || failed=1

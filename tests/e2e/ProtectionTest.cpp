@@ -4,18 +4,25 @@
 #include <sdk/files/FileDescriptor.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <future>
+#include <map>
+#include <utility>
+#include <vector>
 
 #include "support/ProtectedSite.h"
 
 namespace {
 
 using Protection = test::ProtectedSite;
+using test::TempDir;
 
 /// A free loopback port.
 int FreePort() {
@@ -77,6 +84,45 @@ TEST_F(Protection, AclOfAPage_StaysWithARestoreAndIsPutBack) {
     ASSERT_EQ(::removexattr(site_.Path("news.html").c_str(), kAcl), 0);
     EXPECT_TRUE(Await([&] { return agent_.HasAlarm("attribute", site_.Path("news.html")); }));
     EXPECT_TRUE(Await(have_acls)) << agent_.Status();
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
+/// Owner, group, mode and file capabilities.
+std::string AttributesOf(const std::string& path) {
+    struct stat info {};
+    std::array<char, 64> capabilities{};
+    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+    const ssize_t size =
+        ::lgetxattr(path.c_str(), "security.capability", capabilities.data(), capabilities.size());
+    return std::to_string(info.st_uid) + ":" + std::to_string(info.st_gid) + " " +
+           std::to_string(info.st_mode) + " " +
+           std::string(capabilities.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+}
+
+TEST_F(Protection, PagesOfAnotherUser_KeepOwnerModeAndCapabilities) {
+    constexpr uid_t kUser = 33;
+    constexpr gid_t kGroup = 34;
+    const std::string capabilities("\1\0\0\2\0\4\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20);
+    const std::vector<std::pair<std::string, mode_t>> modes = {
+        {"cgi/secret.html", 0600}, {"cgi/shared.sh", 02755}, {"cgi/server", 0755}, {"cgi", 02700}};
+    std::map<std::string, std::string> good;
+    for (const auto& [name, mode] : modes) {
+        const std::string path = name == "cgi" ? site_.Path(name) : site_.Write(name, Good(name));
+        ASSERT_TRUE(::chown(path.c_str(), kUser, kGroup) == 0 && ::chmod(path.c_str(), mode) == 0);
+    }
+    ASSERT_EQ(::setxattr(site_.Path("cgi/server").c_str(), "security.capability",
+                         capabilities.data(), capabilities.size(), 0),
+              0);
+    for (const auto& each : modes) good[each.first] = AttributesOf(site_.Path(each.first));
+    Protect();
+    for (const char* name : {"cgi/secret.html", "cgi/shared.sh", "cgi/server"}) {
+        std::ofstream(site_.Path(name)) << "defaced";
+        ASSERT_EQ(::chown(site_.Path(name).c_str(), kUser + 1, kGroup + 1), 0);
+        EXPECT_TRUE(Await([&] { return TempDir::Read(site_.Path(name)) == Good(name); })) << name;
+        const auto is_as_before = [&] { return AttributesOf(site_.Path(name)) == good[name]; };
+        EXPECT_TRUE(Await(is_as_before)) << name << ": " << AttributesOf(site_.Path(name));
+    }
+    EXPECT_EQ(AttributesOf(site_.Path("cgi")), good["cgi"]);
     EXPECT_EQ(agent_.Stop(), 0);
 }
 

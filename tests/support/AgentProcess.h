@@ -60,7 +60,7 @@ class AgentProcess {
     void RunIn(const Host& host) { host_ = &host; }
 
     /// Starts the agent through `command`, a program with arguments that executes the words after
-    /// them, as env and unshare do.
+    /// them, as env and unshare do. By default through the words of SENTREL_AGENT_THROUGH.
     void RunThrough(const std::vector<std::string>& command) { wrapper_ = command; }
 
     /// The installation path without a trailing "/", or `name` below it.
