@@ -4,6 +4,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <ostream>
 #include <stdexcept>
 #include <vector>
 
@@ -129,6 +130,10 @@ struct PassCase {
     std::function<void(ScriptedTask&, const Signal&)> pass;  ///< until the signal
     bool is_stuck;
 };
+
+std::ostream& operator<<(std::ostream& out, const PassCase& each) {
+    return out << each.name;
+}
 
 class StuckThread : public TaskTest, public testing::WithParamInterface<PassCase> {
   protected:
