@@ -123,6 +123,7 @@ TEST_F(Protection, PagesOfAnotherUser_KeepOwnerModeAndCapabilities) {
         EXPECT_TRUE(Await(is_as_before)) << name << ": " << AttributesOf(site_.Path(name));
     }
     EXPECT_EQ(AttributesOf(site_.Path("cgi")), good["cgi"]);
+    EXPECT_EQ(agent_.Status()["protected_paths"][0]["attributes_not_compared"], "");
     EXPECT_EQ(agent_.Stop(), 0);
 }
 

@@ -47,7 +47,7 @@ class AttributeComparison {
                     unsigned kinds);
 
     /// The kinds that the directory's file system takes from this process: tries each on a file of
-    /// its own there, which it removes.
+    /// its own there, which it removes. Includes trusted ones if this process sees none of them.
     static unsigned TakenIn(int directory);
 };
 
