@@ -47,6 +47,16 @@ TEST_F(Administrator, ProtectDefaceLookAndUnprotect) {
     EXPECT_TRUE(Await([&] { return agent_.HasAlarm("add", site_.Path("upload.php")); }));
     EXPECT_EQ(TempDir::Read(site_.Path("up/picture.png")), "left alone");
 
+    const CommandResult alarms = agent_.Ctl({"alarms", "--since", "1h"});
+    EXPECT_TRUE(Mentions(alarms.out, " 2 changes  " + site_.Path() + "/  1 add, 1 modify; "))
+        << alarms.out;
+    EXPECT_TRUE(Mentions(agent_.Ctl({"alarms", "--action", "add", "-n", "1"}).out,
+                         "add        " + site_.Path("upload.php") + "  removed in "));
+    EXPECT_EQ(agent_.Ctl({"alarms", "--path", backup_.Path()}).out, "");
+    const CommandResult metrics = agent_.Ctl({"metrics"});
+    EXPECT_TRUE(Mentions(metrics.out, "\nsentrel_undone_total{how=\"removed\"} 1\n"))
+        << metrics.out;
+
     const CommandResult unprotect = agent_.Ctl({"unprotect", site_.Path() + "/", "--yes"});
     EXPECT_EQ(unprotect.exit_code, 0) << unprotect.err;
     EXPECT_TRUE(Mentions(unprotect.out, backup_.Path("copies") + site_.Path())) << unprotect.out;

@@ -82,8 +82,13 @@ TEST_F(AgentLifecycle, SecondInstance_IsRefusedWithTheFirstOnesProcess) {
 }
 
 TEST_F(AgentLifecycle, NoAgent_IsReportedByEveryCommand) {
-    for (const auto& command : Commands{
-             {"status"}, {"alarms", "--follow"}, {"policy", "apply", "sentrel_feature", "-"}}) {
+    for (const auto& command : Commands{{"status"},
+                                        {"alarms", "-f"},
+                                        {"alarms"},
+                                        {"protect", "/tmp", "--yes"},
+                                        {"unprotect", "/tmp", "--yes"},
+                                        {"metrics"},
+                                        {"policy", "apply", "sentrel_feature", "-"}}) {
         const CommandResult result = agent_.Ctl(command, "{}");
         EXPECT_EQ(result.exit_code, command[0] == "status" ? 2 : 5) << command[0];
         EXPECT_TRUE(Mentions(result.err, "bin/morvane_agent --daemon")) << result.err;
@@ -97,6 +102,11 @@ TEST_F(AgentLifecycle, WrongArguments_AreUsageErrors) {
                                         {"policy"},
                                         {"policy", "apply"},
                                         {"alarms", "--since", "-1"},
+                                        {"alarms", "--until", "2x"},
+                                        {"alarms", "--action", "x"},
+                                        {"protect"},
+                                        {"unprotect", ""},
+                                        {"metrics", "x"},
                                         {"reports", "--kind", "x"}}) {
         EXPECT_EQ(agent_.Ctl(command).exit_code, 2) << testing::PrintToString(command);
     }

@@ -45,7 +45,7 @@ TEST_F(Protection, Tampering_IsUndoneAndReported) {
     EXPECT_TRUE(Await([&] { return std::filesystem::exists(site_.Path("about.html")); }));
     EXPECT_TRUE(Await([&] { return agent_.HasAlarm("modify", site_.Path("index.html")); }));
     EXPECT_TRUE(Await([&] { return agent_.HasAlarm("delete", site_.Path("about.html")); }));
-    const std::string page = agent_.Ctl({"alarms", "--since", "60"}).out;
+    const std::string page = agent_.Ctl({"alarms", "--all", "--since", "60"}).out;
     EXPECT_NE(page.find("modify     " + site_.Path("index.html") + "  restored in "),
               std::string::npos)
         << page;

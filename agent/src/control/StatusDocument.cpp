@@ -2,15 +2,35 @@
 // answer queries. Runs on the control API's threads.
 #include "control/StatusDocument.h"
 
+#include <Poco/NumberParser.h>
 #include <framework/ConfigManager.h>
+#include <sdk/files/FileUtils.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/LoggerUtils.h>
+#include <sdk/text/StrUtils.h>
 #include <sdk/time/TimeUtils.h>
 #include <unistd.h>
 
 #include "control/HealthSummary.h"
 
 namespace Agent {
+
+namespace {
+
+constexpr char kWatchLimit[] = "/proc/sys/fs/inotify/max_user_watches";
+constexpr long kMostDigits = 32;
+
+/// Null when the kernel does not tell.
+Json::Value WatchLimit() {
+    std::string text;
+    Poco::Int64 limit = 0;
+    if (SDK::FileUtils::ReadFile(kWatchLimit, text, kMostDigits) != 0) return {};
+    SDK::StrUtils::Trim(text);
+    if (!Poco::NumberParser::tryParse64(text, limit)) return {};
+    return Json::Value(Json::Int64{limit});
+}
+
+}  // namespace
 
 void MergeStatus(const Json::Value& from, Json::Value& into) {
     if (!from.isObject() || !into.isObject()) return;
@@ -36,6 +56,7 @@ Json::Value StatusDocument::Build() {
     status["modules"] = Modules();
     status["tasks"] = Tasks();
     status["policies"] = policies_.List();
+    status["watch_limit"] = WatchLimit();
     status["counters"]["log_records_dropped"] =
         static_cast<Json::UInt64>(SDK::LoggerUtils::GetInstance()->DroppedRecords());
     HealthSummary health;

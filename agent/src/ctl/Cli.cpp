@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/ControlProtocol.h"
+#include "ctl/AlarmCli.h"
 #include "ctl/BaselineCli.h"
 #include "ctl/DeployCli.h"
 #include "ctl/ProtectCli.h"
@@ -77,6 +78,10 @@ void DefineStatus(CLI::App& app, Arguments& args) {
             return ShowStatus(client, args.json);
         };
     });
+    CLI::App* metrics =
+        app.add_subcommand("metrics", "Print the state in the text format of Prometheus");
+    metrics->footer("Exit codes: 0 printed, 1 failed, 2 wrong usage, 5 no agent.");
+    metrics->fallthrough()->callback([&args] { args.command = ShowMetrics; });
     CLI::App* tasklet = app.add_subcommand("tasklet", "Run a tasklet with a request from stdin");
     tasklet->add_option("ID", args.tasklet, "Id of the tasklet")->required();
     tasklet->fallthrough()->callback([&args] {
@@ -103,30 +108,24 @@ void DefineSecret(CLI::App& app, Arguments& args) {
 }
 
 void DefineReports(CLI::App& app, Arguments& args) {
-    CLI::App* alarms = app.add_subcommand("alarms", "Show the alarms");
-    alarms->add_flag("--follow", args.query.follow, "Continue with new alarms");
-    alarms->add_flag("--diff", args.query.diff, "Show the differences below each alarm");
     CLI::App* reports = app.add_subcommand("reports", "Show all reports");
     reports->add_option("--kind", args.query.kind, "Only reports of this channel")
         ->check(CLI::IsMember({"cmd", "data"}));
-    for (CLI::App* command : {alarms, reports}) {
-        command->add_flag("--json", args.query.json, "One JSON object per line");
-        command
-            ->add_option("--since", args.query.since,
-                         "Of the last SECONDS, or since SECONDS after the epoch")
-            ->check(CLI::NonNegativeNumber)
-            ->type_name("SECONDS");
-        command->add_option("--limit", args.query.limit, "At most the newest NUMBER (default 100)")
-            ->check(CLI::Range(1, Agent::kMaxReportsPerRequest))
-            ->type_name("NUMBER");
-        command->fallthrough()->callback([&args, command, alarm = command == alarms] {
-            if (alarm) args.query.kind = "alarm";
-            args.query.has_since = command->count("--since") > 0;
-            args.command = [&args](const ControlClient& client) {
-                return ShowReports(client, args.query);
-            };
-        });
-    }
+    reports->add_flag("--json", args.query.json, "One JSON object per line");
+    reports
+        ->add_option("--since", args.query.since,
+                     "Of the last SECONDS, or since SECONDS after the epoch")
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("SECONDS");
+    reports->add_option("--limit", args.query.limit, "At most the newest NUMBER (default 100)")
+        ->check(CLI::Range(1, Agent::kMaxReportsPerRequest))
+        ->type_name("NUMBER");
+    reports->fallthrough()->callback([&args, reports] {
+        args.query.has_since = reports->count("--since") > 0;
+        args.command = [&args](const ControlClient& client) {
+            return ShowReports(client, args.query);
+        };
+    });
 }
 
 /// False with a message when standard output takes no more, such as on a full disk. A reader that
@@ -149,6 +148,7 @@ int Run(int argc, const char* const* argv) {
     DefineStatus(app, args);
     DefinePolicy(app, args);
     DefineSecret(app, args);
+    DefineAlarms(app, args.command);
     DefineReports(app, args);
     DefineBaseline(app, args.command);
     DefineDeploy(app, args.command);

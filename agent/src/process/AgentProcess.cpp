@@ -19,6 +19,7 @@
 #include <iostream>
 
 #include "common/ControlProtocol.h"
+#include "common/PrometheusText.h"
 #include "process/ExitCodes.h"
 
 namespace Agent {
@@ -136,6 +137,7 @@ int AgentProcess::Start() {
     StartEngine();
     std::string error;
     if (!StartControl(error)) return startup_reporter_.Failed(kExitFailed, error);
+    StartMetrics();
     if (!ReapplyPolicies()) return kExitOk;
     notifier_ =
         std::make_unique<ServiceNotifier>([this] { return engine_->FindStuckThread(kStuckAfter); });
@@ -232,6 +234,19 @@ bool AgentProcess::StartControl(std::string& error) {
     return control_->Start(DefaultSocketPath(), error);
 }
 
+void AgentProcess::StartMetrics() {
+    std::string error;
+    const MetricsSettings settings =
+        MetricsSettings::Read(ConfigManager::GetInstance().Section("metrics"), error);
+    if (!error.empty()) {
+        startup_reporter_.Warn("conf/agent.json: " + error + "; no metrics are written");
+        SDK_LOG(Log(), PRIO_WARNING, "conf/agent.json: %s; no metrics are written", error);
+    }
+    if (settings.file.empty()) return;
+    metrics_ =
+        std::make_unique<MetricsFile>(settings, [this] { return FormatMetrics(status_->Build()); });
+}
+
 /// Runs on its own thread, since a policy may take long and signals must be noticed meanwhile.
 /// False when a signal arrived; the remaining policies are left out.
 bool AgentProcess::ReapplyPolicies() {
@@ -251,6 +266,7 @@ bool AgentProcess::ReapplyPolicies() {
 
 void AgentProcess::Stop() {
     if (notifier_) notifier_->Stopping();
+    metrics_.reset();
     if (engine_) engine_->BeginStop();  // control requests may be waiting for policies
     if (reports_) reports_->Stop();
     if (control_) control_->Stop();

@@ -9,6 +9,7 @@
 
 #include "control/BaselineRequests.h"
 #include "control/ControlServer.h"
+#include "control/MetricsFile.h"
 #include "control/ReportReader.h"
 #include "control/Routes.h"
 #include "control/StatusDocument.h"
@@ -45,6 +46,7 @@ class AgentProcess {
     bool StartLogging(std::string& error) const;
     bool StartEngine();
     bool StartControl(std::string& error);
+    void StartMetrics();
     bool ReapplyPolicies();
     void Stop();
 
@@ -62,6 +64,7 @@ class AgentProcess {
     std::unique_ptr<BaselineRequests> baselines_;
     std::unique_ptr<Routes> routes_;
     std::unique_ptr<ControlServer> control_;
+    std::unique_ptr<MetricsFile> metrics_;
     std::unique_ptr<ServiceNotifier> notifier_;
 };
 

@@ -6,15 +6,14 @@
 
 namespace Ctl {
 
-/// The options of "alarms" and "reports".
+/// Which reports are read, and how they are shown.
 struct ReportQuery {
     std::string kind;     ///< "", "cmd", "data" or "alarm"
     long long since = 0;  ///< seconds back, or seconds since the epoch when that large; 0: unset
     bool has_since = false;
-    int limit = 0;  ///< 0: the agent's default
+    long long after = -1;  ///< only reports with greater sequence numbers; below 0: unset
+    int limit = 0;         ///< 0: the agent's default
     bool json = false;
-    bool follow = false;
-    bool diff = false;
 };
 
 /// The commands of morvanectl. Each prints its result to standard output and errors to standard
@@ -27,6 +26,8 @@ int RunTasklet(const ControlClient& client, const std::string& id);
 /// `role` is "server" or "client". The password comes from standard input or the terminal.
 int SetSecret(const ControlClient& client, const std::string& role);
 int ShowStatus(const ControlClient& client, bool json);
+/// The status in the text format of Prometheus.
+int ShowMetrics(const ControlClient& client);
 int ShowReports(const ControlClient& client, const ReportQuery& query);
 
 /// Runs a tasklet. kExitOk: its result is in `result`; otherwise the error has been printed.

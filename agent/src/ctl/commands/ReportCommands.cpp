@@ -12,12 +12,8 @@ namespace Ctl {
 namespace {
 
 std::string FormatOne(const ReportQuery& query, const Json::Value& report) {
-    const bool alarm = query.kind == "alarm";
-    if (query.json) {
-        return SDK::JsonUtils::JsonToString(alarm ? AlarmObject(report) : report) + "\n";
-    }
-    const long long now_ms = SDK::TimeUtils::GetCurrentTimestampS() * 1000;
-    return alarm ? FormatAlarm(report, query.diff, now_ms) : FormatReport(report, now_ms);
+    if (query.json) return SDK::JsonUtils::JsonToString(report) + "\n";
+    return FormatReport(report, SDK::TimeUtils::GetCurrentTimestampS() * 1000);
 }
 
 }  // namespace
@@ -27,7 +23,7 @@ int ShowReports(const ControlClient& client, const ReportQuery& query) {
         std::cout << FormatOne(query, report) << std::flush;
         return std::cout.good();
     });
-    return query.follow ? follower.Follow() : follower.ReadStored();
+    return follower.ReadStored();
 }
 
 }  // namespace Ctl

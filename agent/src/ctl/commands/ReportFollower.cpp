@@ -53,8 +53,14 @@ long long LastSeq(const Json::Value& body) {
 
 }  // namespace
 
-ReportFollower::ReportFollower(const ControlClient& client, const ReportQuery& query, Sink sink)
-    : client_(client), query_(query), sink_(std::move(sink)), since_(SinceEpoch()) {}
+ReportFollower::ReportFollower(const ControlClient& client, const ReportQuery& query, Sink sink,
+                               std::function<void()> after_page)
+    : client_(client),
+      query_(query),
+      sink_(std::move(sink)),
+      after_page_(std::move(after_page)),
+      after_(query.after),
+      since_(SinceEpoch()) {}
 
 long long ReportFollower::SinceEpoch() const {
     if (query_.since >= kEpochFrom) return query_.since;
@@ -89,6 +95,7 @@ ReportFollower::Page ReportFollower::ReadPage(int wait_ms) {
     }
     // A new store counts from the beginning.
     if (after_ > LastSeq(answer.body)) after_ = LastSeq(answer.body);
+    after_page_();
     return reports.size() < kPageSize ? Page::kEnd : Page::kMore;
 }
 
@@ -96,7 +103,8 @@ int ReportFollower::ReadStored() {
     Page page = Page::kMore;
     while (page == Page::kMore) {
         page = ReadPage(0);
-        if (!query_.has_since && page == Page::kMore) page = Page::kEnd;
+        const bool is_paging = query_.has_since || query_.after >= 0;
+        if (!is_paging && page == Page::kMore) page = Page::kEnd;
     }
     return page == Page::kFailed ? PrintFailure(failure_) : kExitOk;
 }

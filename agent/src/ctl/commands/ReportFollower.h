@@ -15,7 +15,10 @@ class ReportFollower {
     /// Receives one report; false ends the reading.
     using Sink = std::function<bool(const Json::Value& report)>;
 
-    ReportFollower(const ControlClient& client, const ReportQuery& query, Sink sink);
+    /// `after_page` is called when a page has been read, at least every few seconds.
+    ReportFollower(
+        const ControlClient& client, const ReportQuery& query, Sink sink,
+        std::function<void()> after_page = [] {});
 
     /// Reads the stored reports; returns the exit code.
     int ReadStored();
@@ -36,6 +39,7 @@ class ReportFollower {
     const ControlClient& client_;
     const ReportQuery query_;
     const Sink sink_;
+    const std::function<void()> after_page_;
     long long after_ = -1;  ///< last sequence number read; -1: none yet
     long long since_ = 0;
     Answer failure_;

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+namespace Ctl {
+
+/// One alarm as its report says it.
+struct AlarmRecord {
+    bool is_alarm = false;  ///< the report has an alarm document; else only the time is set
+    long long time_ms = 0;  ///< since the epoch
+    long long count = 1;    ///< changes that it stands for
+    std::string action;     ///< "add", "delete", "modify", "attribute", "unknown"
+    std::string path;       ///< raw
+    std::string outcome;
+    double duration_ms = -1;  ///< below 0: unknown
+};
+
+AlarmRecord ReadAlarm(const Json::Value& report);
+
+/// Which alarms are wanted. Empty texts and zero times want all.
+struct AlarmFilter {
+    std::string path;  ///< this object and all below it
+    std::string action;
+    std::string outcome;     ///< a part of it
+    long long since_ms = 0;  ///< inclusive
+    long long until_ms = 0;  ///< inclusive
+
+    bool Matches(const AlarmRecord& alarm) const;
+};
+
+}  // namespace Ctl

@@ -1,0 +1,111 @@
+// Owns the incidents that are kept. It must not read reports (the command does).
+#include "ctl/output/Incidents.h"
+
+#include <sdk/files/PathUtils.h>
+#include <sdk/text/StrUtils.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "ctl/output/AlarmFormat.h"
+#include "ctl/output/JsonFields.h"
+#include "ctl/output/Terminal.h"
+
+namespace Ctl {
+
+using SDK::PathUtils;
+using SDK::StrUtils;
+
+namespace {
+
+/// The deepest directory that holds both, with a trailing "/"; the path itself when they are equal.
+std::string CommonPath(const std::string& one, const std::string& other) {
+    if (one == other) return one;
+    const auto ends = std::mismatch(one.begin(), one.end(), other.begin(), other.end());
+    const std::string same(one.begin(), ends.first);
+    const std::size_t slash = same.rfind('/');
+    return slash == std::string::npos ? "" : same.substr(0, slash + 1);
+}
+
+/// "200 modify, 14 add", the most frequent first.
+std::string Counts(const std::map<std::string, long long>& counts, bool in_colour) {
+    std::vector<std::pair<std::string, long long>> sorted(counts.begin(), counts.end());
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    std::string text;
+    for (const auto& [name, count] : sorted) {
+        if (name.empty()) continue;
+        const bool is_failure = name.find("failed") != std::string::npos;
+        const std::string part = std::to_string(count) + " " + Printable(name);
+        text += text.empty() ? "" : ", ";
+        text += in_colour ? Coloured(part, is_failure ? Colour::kRed : Colour::kGreen) : part;
+    }
+    return text;
+}
+
+}  // namespace
+
+void AddTo(Incident& incident, const AlarmRecord& alarm, const Json::Value& report) {
+    if (incident.alarms++ == 0) {
+        incident.begun_ms = alarm.time_ms;
+        incident.common = alarm.path;
+        incident.first = report;
+    }
+    incident.count += alarm.count;
+    incident.actions[alarm.action] += alarm.count;
+    incident.outcomes[alarm.outcome] += alarm.count;
+    incident.common = CommonPath(incident.common, alarm.path);
+    incident.slowest_ms = std::max(incident.slowest_ms, alarm.duration_ms);
+}
+
+Incidents::Incidents(std::vector<std::string> roots, std::size_t most, bool each)
+    : roots_(std::move(roots)), most_(most), each_(each) {}
+
+std::string TreeOf(const std::vector<std::string>& roots, const std::string& path) {
+    for (const std::string& root : roots) {
+        if (path == root || StrUtils::BeginsWith(path, PathUtils::WithTrailingSlash(root))) {
+            return root;
+        }
+    }
+    return PathUtils::GetDirFromPath(path);
+}
+
+bool Incidents::Add(const AlarmRecord& alarm, const Json::Value& report) {
+    const std::string key = each_ ? "" : TreeOf(roots_, alarm.path);
+    const auto known = open_.find(key);
+    if (!each_ && known != open_.end() && alarm.time_ms - known->second->begun_ms < kLongestMs) {
+        AddTo(*known->second, alarm, report);
+        return false;
+    }
+    kept_.emplace_back();
+    AddTo(kept_.back(), alarm, report);
+    if (!each_) open_[key] = std::prev(kept_.end());
+    ++total_;
+    if (most_ > 0 && kept_.size() > most_) DropOldest();
+    return true;
+}
+
+void Incidents::DropOldest() {
+    for (auto open = open_.begin(); open != open_.end();) {
+        open = open->second == kept_.begin() ? open_.erase(open) : std::next(open);
+    }
+    kept_.pop_front();
+}
+
+std::string FormatIncident(const Incident& incident, long long now_ms, bool more) {
+    if (incident.alarms == 1 && incident.count == 1) {
+        return FormatAlarm(incident.first, false, now_ms);
+    }
+    std::string text = StrUtils::Format(
+        "%s  %s %s  %s  %s", ShortTime(incident.begun_ms, now_ms).c_str(),
+        std::to_string(incident.count).c_str(), more ? "more changes" : "changes",
+        Printable(incident.common).c_str(), Counts(incident.actions, false).c_str());
+    const std::string outcomes = Counts(incident.outcomes, true);
+    if (!outcomes.empty()) text += "; " + outcomes;
+    if (incident.slowest_ms >= 0) {
+        text += StrUtils::Format(", slowest %.1f ms", incident.slowest_ms);
+    }
+    return text + "\n";
+}
+
+}  // namespace Ctl

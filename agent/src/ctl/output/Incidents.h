@@ -1,0 +1,62 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ctl/output/AlarmRecord.h"
+
+namespace Ctl {
+
+/// Changes of one protected path within a minute.
+struct Incident {
+    long long begun_ms = 0;
+    long long count = 0;  ///< changes
+    std::size_t alarms = 0;
+    std::map<std::string, long long> actions = {};   ///< changes by action
+    std::map<std::string, long long> outcomes = {};  ///< changes by outcome
+    std::string common;  ///< the object, or the deepest directory that holds all
+    double slowest_ms = -1;
+    Json::Value first = {};  ///< the report of the first alarm
+};
+
+/// Groups alarms, which are given in the order of their time, into incidents. Not thread-safe.
+class Incidents {
+  public:
+    static constexpr long long kLongestMs = 60 * 1000;
+
+    /// `roots`: the protected paths; alarms elsewhere are grouped by their directory. `most`: how
+    /// many of the newest incidents are kept; 0: all. `each`: every alarm is one of its own.
+    Incidents(std::vector<std::string> roots, std::size_t most, bool each);
+
+    /// True when the alarm began a new incident.
+    bool Add(const AlarmRecord& alarm, const Json::Value& report);
+
+    const std::list<Incident>& Kept() const { return kept_; }
+    std::size_t Total() const { return total_; }
+
+  private:
+    void DropOldest();
+
+    const std::vector<std::string> roots_;
+    const std::size_t most_;
+    const bool each_;
+    std::list<Incident> kept_;
+    std::map<std::string, std::list<Incident>::iterator> open_;  ///< by TreeOf
+    std::size_t total_ = 0;
+};
+
+/// The protected path that holds `path`; its directory when none does.
+std::string TreeOf(const std::vector<std::string>& roots, const std::string& path);
+
+/// Adds one more alarm to an incident that is not empty, or begins it.
+void AddTo(Incident& incident, const AlarmRecord& alarm, const Json::Value& report);
+
+/// One line with a line end: as FormatAlarm for one alarm, else with counts by type and outcome.
+/// `more`: it continues what was printed before.
+std::string FormatIncident(const Incident& incident, long long now_ms, bool more = false);
+
+}  // namespace Ctl
