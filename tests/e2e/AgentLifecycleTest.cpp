@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <future>
 
 #include "support/AgentProcess.h"
@@ -137,6 +139,20 @@ TEST_F(AgentLifecycle, StartThatFails_ReportsTheReasonInTheForegroundAndAsADaemo
         EXPECT_EQ(result.exit_code, 1);
         EXPECT_TRUE(Mentions(result.err, arguments[1])) << result.err;
     }
+}
+
+TEST_F(AgentLifecycle, Check_TellsTheErrorsOfKeptPoliciesAndOfARunningAgent) {
+    const std::string policy = agent_.Path("data/policies/sentrel_feature.json");
+    std::filesystem::create_directories(agent_.Path("data/policies"));
+    EXPECT_EQ(agent_.RunAgent({"--check"}).exit_code, 0);
+    std::ofstream(policy) << R"({"enabled": true, "content": {}})";
+    const CommandResult checked = agent_.RunAgent({"--check"});
+    EXPECT_EQ(checked.exit_code, 1);
+    EXPECT_TRUE(Mentions(checked.err, "error: sentrel_feature: /content/os_type")) << checked.err;
+    std::ofstream(policy) << R"({"enabled": false})";
+    EXPECT_EQ(agent_.RunAgent({"--check"}).exit_code, 0);
+    ASSERT_TRUE(agent_.Start());
+    EXPECT_EQ(agent_.RunAgent({"--check"}).exit_code, 2);
 }
 
 TEST_F(AgentLifecycle, Status_HasAllDocumentedMembers) {
