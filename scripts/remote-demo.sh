@@ -162,7 +162,7 @@ show_killed_daemon() {
     killed=$(<"$PLACE/server/bin/morvane_rsyncd.pid")
     step "Killing the rsync daemon of the backup server (process $killed there)"
     in_host server kill -KILL "$killed"
-    await server '^server +running .* [1-9][0-9]* restarts'
+    await server '^server +running .* [1-9][0-9]* restarts?'
     took=$((${EPOCHREALTIME//[.,]/} - started))
     say "    back after $((took / 1000)) ms"
 }
