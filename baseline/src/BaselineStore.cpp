@@ -107,9 +107,25 @@ bool BaselineStore::HasKey() const {
     return Exists(directory_ + "/signing.key") || Exists(directory_ + "/signing.pub");
 }
 
+std::string BaselineStore::WhyUnsigned(const SDK::SigningKey* key) const {
+    if (key == nullptr && !HasKey()) return "";  // Commit makes a pair
+    std::string error;
+    const auto own = Key(error);
+    if (own == nullptr) return error;
+    if (key == nullptr) {
+        return own->CanSign() ? "" : "the private key is not in " + directory_;
+    }
+    const bool fits = key->CanSign() && key->IsPairOf(*own);
+    return fits ? "" : "the key does not belong to " + directory_ + "/signing.pub";
+}
+
+std::string BaselineStore::NameOf(const std::string& real_path, const std::string& backup_path) {
+    return HexOf(real_path + '\0' + backup_path).substr(0, kNameDigits);
+}
+
 std::string BaselineStore::DirectoryOf(const std::string& real_path,
                                        const std::string& backup_path) const {
-    return directory_ + "/" + HexOf(real_path + '\0' + backup_path).substr(0, kNameDigits);
+    return directory_ + "/" + NameOf(real_path, backup_path);
 }
 
 std::vector<unsigned int> BaselineStore::Numbers(const std::string& real_path,
@@ -174,14 +190,15 @@ Generation BaselineStore::Load(const std::string& directory, unsigned int number
 }
 
 int BaselineStore::Sign(const std::string& file, const std::string& signature_file,
-                        std::string& error) const {
-    const auto key = Key(error);
-    if (key == nullptr) return -1;
+                        const SDK::SigningKey* key, std::string& error) const {
+    error = WhyUnsigned(key);
+    if (!error.empty()) return -1;
+    const auto own = Key(error);
     const auto manifest = Manifest::Open(file, error);
-    if (manifest == nullptr) return -1;
-    const std::string signature = key->Sign(Statement(manifest->Bytes()));
+    if (own == nullptr || manifest == nullptr) return -1;
+    const std::string signature = (key != nullptr ? *key : *own).Sign(Statement(manifest->Bytes()));
     if (signature.empty()) {
-        error = "the private key is not in " + directory_;
+        error = "cannot sign the manifest";
         return -1;
     }
     if (SDK::FileUtils::WriteFile(signature_file, signature, false) == 0) return 0;
@@ -190,7 +207,7 @@ int BaselineStore::Sign(const std::string& file, const std::string& signature_fi
 }
 
 Generation BaselineStore::Commit(const ManifestWriter& writer, const ManifestInfo& info,
-                                 std::size_t kept) const {
+                                 std::size_t kept, const SDK::SigningKey* key) const {
     Generation failed;
     const std::string directory = DirectoryOf(info.real_path, info.backup_path);
     std::vector<unsigned int> numbers = NumbersIn(directory);
@@ -200,7 +217,9 @@ Generation BaselineStore::Commit(const ManifestWriter& writer, const ManifestInf
         failed.problem = "cannot write " + unfinished + ": " + std::strerror(errno);
         return failed;
     }
-    if (Sign(unfinished, SignatureFile(directory, number), failed.problem) != 0) return failed;
+    if (Sign(unfinished, SignatureFile(directory, number), key, failed.problem) != 0) {
+        return failed;
+    }
     if (std::rename(unfinished.c_str(), ManifestFile(directory, number).c_str()) != 0) {
         failed.problem = std::string("cannot rename the manifest: ") + std::strerror(errno);
         return failed;
@@ -212,6 +231,10 @@ Generation BaselineStore::Commit(const ManifestWriter& writer, const ManifestInf
         ::unlink(SignatureFile(directory, numbers[i]).c_str());
     }
     return Load(directory, number);
+}
+
+int BaselineStore::Forget(const std::string& real_path, const std::string& backup_path) const {
+    return SDK::DirUtils::DeleteBeneath(directory_, NameOf(real_path, backup_path));
 }
 
 int BaselineStore::MarkCopying(const std::string& real_path, const std::string& backup_path) const {
@@ -238,8 +261,16 @@ int BaselineStore::MarkBackup(const std::string& real_path, const std::string& b
 
 bool BaselineStore::IsMarkedBackup(const std::string& real_path,
                                    const std::string& backup_path) const {
-    const std::string expected = Text(DirectoryOf(real_path, backup_path) + kBackupId);
-    return expected.empty() || Text(backup_path + kMarker) == expected;
+    return HasBackupId(backup_path, BackupId(real_path, backup_path));
+}
+
+std::string BaselineStore::BackupId(const std::string& real_path,
+                                    const std::string& backup_path) const {
+    return Text(DirectoryOf(real_path, backup_path) + kBackupId);
+}
+
+bool BaselineStore::HasBackupId(const std::string& backup_path, const std::string& id) {
+    return id.empty() || Text(backup_path + kMarker) == id;
 }
 
 }  // namespace Baseline

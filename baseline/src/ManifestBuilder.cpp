@@ -96,19 +96,21 @@ ManifestEntry ManifestBuilder::EntryOf(const WalkedObject& copy) {
     entry.mode = info.st_mode;
     entry.user = info.st_uid;
     entry.group = info.st_gid;
-    entry.live = LiveIdentity(copy);
+    if (request_.live.anchor != nullptr) entry.live = LiveIdentity(copy);
     if (!HasContent(info.st_mode)) return entry;
     entry.size = static_cast<std::uint64_t>(info.st_size);
     entry.modified = info.st_mtim.tv_sec;
     entry.copy = Identity::Of(info);
     const auto known = request_.last == nullptr ? std::nullopt : request_.last->Find(copy.path);
-    if (known && known->copy == entry.copy) entry.content = known->content;
+    if (!known || !(known->copy == entry.copy)) return entry;
+    entry.content = known->content;
+    if (request_.live.anchor == nullptr) entry.live = known->live;
     return entry;
 }
 
 /// Known only when the copy was made from the object as it is now.
 Identity ManifestBuilder::LiveIdentity(const WalkedObject& copy) {
-    if (request_.live.anchor == nullptr || copy.IsDirectory()) return {};
+    if (copy.IsDirectory()) return {};
     const std::size_t slash = copy.path.rfind('/');
     const std::string directory = slash == std::string::npos ? "" : copy.path.substr(0, slash);
     if (!live_directory_.IsOpen() || directory != live_path_) {

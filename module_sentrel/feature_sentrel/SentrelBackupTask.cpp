@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "base/ModuleLogger.h"
-#include "feature_sentrel/backup/Acceptance.h"
 #include "feature_sentrel/backup/BackupDirectory.h"
 #include "feature_sentrel/backup/CopyComparison.h"
 #include "feature_sentrel/backup/OpenReport.h"
@@ -30,6 +29,7 @@ namespace {
 constexpr const char* kTaskId = "sentrel_backup_task";
 constexpr unsigned int kQueueCapacity = 1024;
 constexpr int kLongestLookMs = 50;  // a look at the watches takes some microseconds
+constexpr std::int64_t kLongestTrimMs = 200;
 constexpr std::chrono::seconds kAppearLimit{10};
 constexpr std::chrono::seconds kWalkLimit{120};
 
@@ -85,6 +85,8 @@ int SentrelBackupTask::Run() {
     RetryOpenObjects();
     CommitInterrupted();
     HandleAcceptance();
+    HandleRollback();
+    TrimReplaced();
     SentrelUtils* utils = SentrelUtils::GetInstance();
     deploys_.Work(utils->dir_rules);
     const std::uint64_t round = state_.progress.Round();
@@ -214,7 +216,7 @@ unsigned SentrelBackupTask::AttributeKinds(const SentrelDirRule& rule) {
 
 /// Lists the copies, which are what was approved from now on. An interrupted listing begins again
 /// with the next pass.
-bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
+bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, bool is_copy_of_site) {
     uncommitted_.erase(rule.real_path);
     const RulePlaces places = state_.anchors.Of(rule);
     const std::optional<std::timespec> begin = state_.progress.Begin(rule);
@@ -225,11 +227,13 @@ bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule) {
         commitment.open.push_back(entry.below);
     }
     commitment.attribute_kinds = state_.progress.AttributeKinds(rule);
+    commitment.is_copy_of_site = is_copy_of_site;
     commitment.is_over = [this] { return ShouldYield(); };
     std::string problem;
     switch (state_.baselines.Commit(*places.anchors, std::move(commitment), problem)) {
         case RuleBaselines::Committed::kYes:
             SDK_LOG(ModuleLogger(), PRIO_NOTICE, "the state of %s is approved.", rule.real_path);
+            is_trimmed_ = false;
             return true;
         case RuleBaselines::Committed::kInterrupted:
             uncommitted_.insert(rule.real_path);
@@ -252,65 +256,28 @@ void SentrelBackupTask::CommitInterrupted() {
     }
 }
 
-void SentrelBackupTask::HandleAcceptance() {
-    const auto request = state_.requests.Take(OperatorRequest::Action::kAccept);
-    if (!request) return;
-    OperatorRequests::Result result;
-    bool is_ours = false;
+/// Some at a time, with pauses: a directory may hold a whole site.
+void SentrelBackupTask::TrimReplaced() {
+    state_.baselines.Lent().DropExpired();
+    if (is_trimmed_) return;
+    is_trimmed_ = true;
     for (const SentrelDirRule& rule : SentrelUtils::GetInstance()->dir_rules) {
-        if (request->PartsOf(rule).empty()) continue;
-        is_ours = true;
-        Accept(*request, rule, result);
-    }
-    if (!is_ours) result.message = "No path of these is protected.";
-    result.is_done = result.message.empty();
-    if (result.is_done) {
-        result.message = std::to_string(result.objects) + " changed objects are approved now.";
-    }
-    state_.requests.End(request->id, result);
-    ModuleReports::SendAcceptance(request->user, request->process, request->paths, result.objects);
-}
-
-/// A failure becomes the result's message.
-void SentrelBackupTask::Accept(const OperatorRequest& request, const SentrelDirRule& rule,
-                               OperatorRequests::Result& result) {
-    if (!state_.baselines.Obstacle(rule).empty() && request.PartsOf(rule).front().empty()) {
-        state_.baselines.BeginCopying(rule, "accepted by " + request.By());
-        SentrelUtils::GetInstance()->local_backup_pending = true;
-        return;
-    }
-    const RulePlaces places = state_.anchors.Of(rule);
-    const RuleBaselines::Known manifest = state_.baselines.Of(rule);
-    if (!places || manifest == nullptr || !state_.baselines.HasBackup(rule)) {
-        result.message = rule.real_path + " has no approved state to compare with.";
-        return;
-    }
-    state_.baselines.BeginAccepting(rule, "accepted by " + request.By());
-    Acceptance acceptance(*places.anchors, manifest, [this] { return ShouldYield(); });
-    std::size_t taken_here = 0;
-    for (const std::string& part : request.PartsOf(rule)) {
-        const Acceptance::Result taken = acceptance.Take(part);
-        taken_here += taken.objects;
-        if (!taken.error.empty()) {
-            result.message = taken.error;
-        } else {
-            state_.progress.Release(rule, part);
-        }
-    }
-    result.objects += taken_here;
-    if (taken_here == 0) {
-        state_.baselines.Adopt(rule);  // the state approved before stays in force
-    } else if (!CommitBaseline(rule)) {
-        result.message = "The manifest of " + rule.real_path + " was not written.";
+        if (ShouldYield()) is_trimmed_ = false;
+        const RulePlaces places = state_.anchors.Held(rule);
+        if (!is_trimmed_ || !places) continue;
+        is_trimmed_ = state_.baselines.TrimReplaced(*places.anchors, kLongestTrimMs);
     }
 }
 
 bool SentrelBackupTask::CompleteByObjects(const SentrelDirRule& rule, std::uint64_t round) {
     BackupProgress& progress = state_.progress;
     const std::optional<std::timespec> begin = progress.Begin(rule);
-    if (ShouldYield() || !begin) return false;
-    CopyComparison::Result result =
-        CopyComparison(state_.anchors, rule, *begin, [this] { return ShouldYield(); }).Run();
+    const RulePlaces places = state_.anchors.Of(rule);
+    if (ShouldYield() || !begin || !places) return false;
+    ReplacedCopies replaced = state_.baselines.Replaced(*places.anchors);
+    CopyComparison::Result result = CopyComparison(state_.anchors, rule, replaced, *begin, [this] {
+                                        return ShouldYield();
+                                    }).Run();
     if (result.outcome != CopyComparison::Outcome::kCompared) return false;
     SDK_LOG(ModuleLogger(), PRIO_NOTICE,
             "%s has been compared with its copy: %lu objects copied one by one, %lu left open.",
@@ -343,10 +310,14 @@ void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
     const std::uint64_t round = progress.Round();
     const std::optional<std::timespec> begin = progress.Begin(rule);
     if (!begin || !WhatHinders(rule).empty()) return;
+    const RulePlaces places = state_.anchors.Held(rule);
+    if (!places) return;
+    ReplacedCopies replaced = state_.baselines.Replaced(*places.anchors);
     std::size_t copied = 0;
     for (const auto& entry : progress.OpenEntries(rule, OpenObjects::kCapacity)) {
         if (ShouldYield()) break;
-        CopyComparison comparison(state_.anchors, rule, *begin, [this] { return ShouldYield(); });
+        CopyComparison comparison(state_.anchors, rule, replaced, *begin,
+                                  [this] { return ShouldYield(); });
         const CopyComparison::Result result = comparison.RunAgain(entry.below);
         if (result.outcome != CopyComparison::Outcome::kCompared) continue;
         copied += result.copied;

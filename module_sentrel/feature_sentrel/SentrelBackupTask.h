@@ -13,6 +13,8 @@
 
 namespace Engine {
 
+class AnchoredRule;
+class Rollback;
 struct ModuleState;
 
 /// Brings the backup copies up to date after each policy: copies the protected paths to the local
@@ -45,18 +47,33 @@ class SentrelBackupTask : public Framework::Task {
     /// Tries the open objects again that are due.
     void RetryOpenObjects();
     void RetryOpenObjects(const SentrelDirRule& rule);
-    bool CommitBaseline(const SentrelDirRule& rule);
+    /// `is_copy_of_site`: else the copies are of an older state than the site.
+    bool CommitBaseline(const SentrelDirRule& rule, bool is_copy_of_site = true);
     void CommitInterrupted();
+    /// Removes replaced copies of generations that are gone.
+    void TrimReplaced();
+
+    // What operators decide (SentrelDecisions.cpp).
+
     /// Takes what an operator accepted into the copies.
     void HandleAcceptance();
     void Accept(const OperatorRequest& request, const SentrelDirRule& rule,
                 OperatorRequests::Result& result);
+    /// Makes the copies what they were in an older generation.
+    void HandleRollback();
+    bool RollBack(const OperatorRequest& request, const SentrelDirRule& rule,
+                  OperatorRequests::Result& result);
+    bool CarryOut(const OperatorRequest& request, const SentrelDirRule& rule, Rollback& rollback,
+                  OperatorRequests::Result& result);
+    std::string FaultOutside(const AnchoredRule& rule, const std::string& part, bool& is_part_good);
+
     bool PushToServer(const SentrelDirRule& rule);
     void ClearPending(std::atomic<bool>& pending, std::uint64_t round);
 
     ModuleState& state_;
     DeployTaking deploys_;
     std::set<std::string> uncommitted_;  ///< paths whose manifest is still to be written
+    bool is_trimmed_ = false;            ///< no replaced copies are left that are to be removed
 };
 
 }  // namespace Engine

@@ -8,6 +8,7 @@
 #include <framework/Engine.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
+#include <sdk/text/JsonUtils.h>
 
 #include <new>
 
@@ -25,6 +26,8 @@
 
 namespace Engine {
 
+using SDK::JsonUtils;
+
 namespace {
 
 constexpr const char* kStatusQuery = "status.sentrel";
@@ -32,10 +35,16 @@ constexpr const char* kExclusionsQuery = "exclusions.sentrel_inotify_task";
 constexpr const char* kProtectionCheckQuery = "policy.check.sentrel_feature";
 constexpr const char* kBackUpServerCheckQuery = "policy.check.backupserver_feature";
 constexpr const char* kRequestQuery = "baseline.request";
+constexpr const char* kKeyQuery = "baseline.key";
 constexpr const char* kProgressQuery = "baseline.progress";
 constexpr const char* kDeployQuery = "deploy";
 constexpr const char* kPauseQuery = "pause";
 constexpr const char* kCompletionQuery = "policy.complete.sentrel_feature";
+
+std::string Unsigned(const std::string& problem) {
+    return "Nothing can be approved, because " + problem +
+           ". If the private key is kept elsewhere, name its file with --key.";
+}
 
 template <typename TaskClass>
 TaskClass* CreateTask(ModuleState& state, const std::string& what) {
@@ -112,10 +121,46 @@ Json::Value SentrelModule::AnswerStatus() {
 Json::Value SentrelModule::AnswerRequest(const Json::Value& request) {
     Framework::Engine& engine = Framework::Engine::Instance();
     const bool is_on = engine.FindTask("sentrel_inotify_task") != nullptr;
-    if (is_on && SentrelUtils::GetInstance()->is_run) return state_.requests.Submit(request);
     Json::Value answer(Json::objectValue);
-    answer["error"] = is_on ? "The protection pauses by its schedule." : "The protection is off.";
+    if (!is_on || !SentrelUtils::GetInstance()->is_run) {
+        answer["error"] =
+            is_on ? "The protection pauses by its schedule." : "The protection is off.";
+        return answer;
+    }
+    const bool approves =
+        request["action"] != "restore" && !JsonUtils::GetBoolValue(request, "dry_run", false);
+    const std::string problem = approves ? state_.baselines.WhyUnsigned() : "";
+    if (problem.empty()) {
+        return state_.requests.Submit(request, approves ? state_.baselines.Lent().Take() : nullptr);
+    }
+    answer["error"] = Unsigned(problem);
     return answer;
+}
+
+/// {} or {"error"}.
+Json::Value SentrelModule::AnswerKey(const Json::Value& request) {
+    Json::Value answer(Json::objectValue);
+    const std::string problem =
+        state_.baselines.Lend(JsonUtils::GetStringValue(request, "key", ""));
+    if (!problem.empty()) answer["error"] = "The key is not taken: " + problem + ".";
+    return answer;
+}
+
+/// What the policy check cannot tell: a policy that is applied approves the present state.
+void SentrelModule::CheckKey(const Json::Value& request, Json::Value& answer) {
+    Json::Value policy;
+    const std::string text = JsonUtils::GetStringValue(request, "text", "");
+    if (!JsonUtils::GetBoolValue(request, "to_apply", false) ||
+        JsonUtils::ParseJsonStr(text.data(), text.size(), policy) != 0 ||
+        !JsonUtils::GetBoolValue(policy, "enabled", false)) {
+        return;
+    }
+    const std::string problem = state_.baselines.WhyUnsigned();
+    if (problem.empty()) return;
+    Json::Value error(Json::objectValue);
+    error["pointer"] = "";
+    error["message"] = Unsigned(problem);
+    answer["errors"].append(error);
 }
 
 void SentrelModule::RegisterCallbacks() {
@@ -148,8 +193,10 @@ void SentrelModule::RegisterQueries() {
         const auto check = [this](const std::string& text) {
             return SentrelPolicyCheck::CheckProtection(text, state_.schedule.Get());
         };
-        return SentrelPolicyCheck::Answer(request, check,
-                                          SentrelPolicyCheck::CheckProtectionPlaces);
+        Json::Value answer =
+            SentrelPolicyCheck::Answer(request, check, SentrelPolicyCheck::CheckProtectionPlaces);
+        CheckKey(request, answer);
+        return answer;
     });
     queries.Register(kBackUpServerCheckQuery, [](const Json::Value& request) {
         return SentrelPolicyCheck::Answer(request, SentrelPolicyCheck::CheckBackUpServer,
@@ -158,6 +205,7 @@ void SentrelModule::RegisterQueries() {
     queries.Register(kCompletionQuery, AnswerCompletion);
     queries.Register(kRequestQuery,
                      [this](const Json::Value& request) { return AnswerRequest(request); });
+    queries.Register(kKeyQuery, [this](const Json::Value& request) { return AnswerKey(request); });
     queries.Register(kProgressQuery, [this](const Json::Value& request) {
         return state_.requests.Progress(request);
     });
@@ -171,7 +219,7 @@ void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     for (const char* query :
          {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackUpServerCheckQuery,
-          kCompletionQuery, kRequestQuery, kProgressQuery, kDeployQuery, kPauseQuery}) {
+          kCompletionQuery, kRequestQuery, kKeyQuery, kProgressQuery, kDeployQuery, kPauseQuery}) {
         queries.Unregister(query);
     }
 }

@@ -54,10 +54,14 @@ class SentrelModule : public Framework::Module {
   private:
     Json::Value AnswerStatus();
     Json::Value AnswerRequest(const Json::Value& request);
+    Json::Value AnswerKey(const Json::Value& request);
+    void CheckKey(const Json::Value& request, Json::Value& answer);
+
     // Deploys and pauses (SentrelOperations.cpp).
     Json::Value AnswerDeploy(const Json::Value& request);
     Json::Value AnswerPause(const Json::Value& request);
     Json::Value BeginDeploy(const Json::Value& request);
+
     bool IsSwitchedOn(const std::string& feature, const std::string& policyJson,
                       void (SentrelModule::*switch_off)(Framework::Policy*));
     bool IsParsed(Framework::FeaturePolicy* policy, const std::string& feature,

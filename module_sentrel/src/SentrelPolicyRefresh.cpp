@@ -124,9 +124,11 @@ int SentrelModule::RefreshFeaturePolicyInotify(const std::string& featureName,
     utils->SetInotifyMaxUserWatches();
     const bool is_kept =
         Framework::Engine::Instance().OriginOfPolicy() == Framework::PolicyOrigin::kKept;
+    state_.baselines.ForgetKeys();
     GoOnFromBaselines(state_, utils->dir_rules,
                       is_kept ? CheckSettings::Read().at_start : CheckAction::kAccept,
-                      is_kept ? "start of the agent" : "policy applied");
+                      is_kept ? "start of the agent" : "policy applied",
+                      is_kept ? nullptr : state_.baselines.Lent().Take());
     ProcSentrelRegisterTask();
     utils->SendStatusMsg("sentrel_feature", "SentrelInotifyTask", "protect");
     return 1;
@@ -164,6 +166,7 @@ void SentrelModule::ProcSentrelRegisterTask() {
 }
 
 void SentrelModule::RefreshFeaturePolicyInotifyFailed(Framework::Policy* policy) {
+    state_.baselines.ForgetKeys();
     UnRegisterNamed("sentrel_inotify_task", "sentrel");
     UnRegisterNamed("sentrel_backup_task", "backup");
     state_.status.SetProtectionOff();

@@ -136,6 +136,29 @@ TEST_F(BaselineCtl, PathThatThePolicyNoLongerNames_IsComparedOnlyWhenAsked) {
     EXPECT_EQ(Run({"verify", site_.Path().c_str()}), 2) << errors_;
 }
 
+TEST_F(BaselineCtl, PathThatThePolicyNoLongerNames_IsListedAndForgotten) {
+    site_.Approve("first");
+    const std::string kept = site_.Backup() + "/.morvane-generations/";
+    const std::string name =
+        Baseline::BaselineStore::NameOf(site_.Path() + "/", site_.Backup() + "/");
+    fs::create_directories(kept + name + "/1.1/a");
+    fs::create_directories(kept + "another");
+    site_.WritePolicy(site_.Path());
+    EXPECT_EQ(Run({"baseline", "list"}), 0);
+    EXPECT_EQ(out_.find("no longer protected"), std::string::npos) << out_;
+    EXPECT_EQ(Run({"baseline", "forget", site_.Path().c_str()}), 4);
+    site_.WritePolicy("/other");
+    EXPECT_EQ(Run({"baseline", "list"}), 0);
+    EXPECT_NE(out_.find("no longer protected"), std::string::npos) << out_;
+    EXPECT_EQ(Run({"baseline", "forget", "/unknown"}), 1);
+    EXPECT_TRUE(fs::exists(kept + name));
+    EXPECT_EQ(Run({"baseline", "forget", site_.Path().c_str()}), 0) << errors_;
+    EXPECT_FALSE(fs::exists(kept + name));
+    EXPECT_TRUE(fs::exists(kept + "another"));
+    EXPECT_TRUE(fs::exists(site_.Copy("index.html")));
+    EXPECT_EQ(Run({"baseline", "list"}), 1);
+}
+
 TEST_F(BaselineCtl, VerifyOfCopies_FindsWhatSomebodyDidToThem) {
     site_.Approve("first");
     site_.Write("index.html", "PAGE\n");

@@ -17,6 +17,11 @@ class BaselineRoutes : public test::ControlFixture {
             if (answer.isNull()) answer["error"] = "not protected";
             return answer;
         });
+        queries_.Register("baseline.key", [](const Json::Value& request) {
+            Json::Value answer(Json::objectValue);
+            if (request["key"] != "a key") answer["error"] = "not taken";
+            return answer;
+        });
         queries_.Register("baseline.progress", [](const Json::Value& request) {
             Json::Value answer;
             answer[request["id"].asInt() == 7 ? "state" : "error"] = "running";
@@ -53,6 +58,8 @@ TEST_F(BaselineRoutes, OnlyWellFormedRequests_ReachTheModule) {
              {"POST", "accept", R"({"paths":["/a%FF"]})", 202},
              {"POST", "accept", R"({"all":true})", 202},
              {"POST", "restore", R"({"paths":["/a"],"all":false})", 202},
+             {"POST", "rollback", R"({"paths":["/a"],"generation":3})", 202},
+             {"POST", "rollback", R"({"generation":3,"dry_run":true})", 202},
              {"POST", "accept", R"({"paths":["/refused"]})", 422},
              {"POST", "accept", "", 400},
              {"POST", "accept", "[]", 400},
@@ -63,6 +70,10 @@ TEST_F(BaselineRoutes, OnlyWellFormedRequests_ReachTheModule) {
              {"POST", "accept", R"({"paths":["/a%00"]})", 400},
              {"POST", "accept", R"({"paths":[1]})", 400},
              {"POST", "accept", R"({"paths":"/a"})", 400},
+             {"POST", "rollback", R"({"paths":["/a"]})", 400},
+             {"POST", "rollback", R"({"generation":-1})", 400},
+             {"POST", "rollback", R"({"generation":1,"dry_run":1})", 400},
+             {"GET", "key", "", 405},
              {"GET", "accept", "", 405},
              {"POST", "forget", R"({"all":true})", 404},
              {"GET", "requests/7", "", 200},
@@ -76,6 +87,8 @@ TEST_F(BaselineRoutes, OnlyWellFormedRequests_ReachTheModule) {
         const bool asked = row.status == 202 || row.status == 422;
         EXPECT_EQ(last_.isNull(), !asked) << row.body;
     }
+    EXPECT_EQ(Status("POST", "key", "a key"), 200);
+    EXPECT_EQ(Status("POST", "key", "another"), 422);
     queries_.Unregister("baseline.request");
     EXPECT_EQ(Status("POST", "accept", R"({"all":true})"), 503);
 }

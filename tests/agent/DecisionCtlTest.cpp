@@ -20,6 +20,10 @@ class DecisionCtl : public test::ControlFixture {
             answer["id"] = 7;
             return answer;
         });
+        queries_.Register("baseline.key", [this](const Json::Value& request) {
+            keys_.push_back(request["key"].asString());
+            return Json::Value(Json::objectValue);
+        });
         queries_.Register("baseline.progress", [this](const Json::Value&) {
             Json::Value answer;
             answer["state"] = polls_ == 0 ? "waiting" : polls_ == 1 ? "running" : end_;
@@ -49,6 +53,7 @@ class DecisionCtl : public test::ControlFixture {
     const std::string socket_ = dir_.Path("agent.sock");
     Agent::ControlServer server_{routes_};
     std::vector<Json::Value> requests_;
+    std::vector<std::string> keys_;
     std::string end_ = "done";
     int polls_ = 0;
     std::string out_;
@@ -58,6 +63,7 @@ class DecisionCtl : public test::ControlFixture {
 TEST_F(DecisionCtl, EachDecision_ReachesTheModuleAsItWasMeant) {
     site_.Approve("first");
     const std::string root = site_.Path();
+    const std::string key = site_.Data() + "/signing.key";
     struct Row {
         std::vector<std::string> arguments;
         std::string action;
@@ -72,6 +78,12 @@ TEST_F(DecisionCtl, EachDecision_ReachesTheModuleAsItWasMeant) {
              {{"accept", root + "/home"}, "accept", {root + "/home"}, false},
              {{"accept", "--all"}, "accept", {}, true},
              {{"restore", root + "/a/../x"}, "restore", {root + "/x"}, false},
+             {{"baseline", "rollback", "3", "--yes"}, "rollback", {root}, false},
+             {{"baseline", "rollback", "3", "--dry-run", root + "/a"},
+              "rollback",
+              {root + "/a"},
+              false},
+             {{"accept", "--all", "--key", key}, "accept", {}, true},
          }) {
         EXPECT_EQ(Run(row.arguments), 0) << errors_;
         EXPECT_EQ(out_, "said \\x1b\n");
@@ -82,8 +94,10 @@ TEST_F(DecisionCtl, EachDecision_ReachesTheModuleAsItWasMeant) {
         std::vector<std::string> paths;
         for (const Json::Value& path : request["paths"]) paths.push_back(path.asString());
         EXPECT_EQ(paths, row.paths);
+        EXPECT_EQ(request["generation"].asInt(), row.action == "rollback" ? 3 : 0);
         EXPECT_EQ(request["all"].asBool(), row.all);
     }
+    EXPECT_EQ(keys_, std::vector<std::string>{test::TempDir::Read(key)});
 }
 
 TEST_F(DecisionCtl, WhatIsNotDecided_AsksTheModuleForNothing) {
@@ -93,6 +107,11 @@ TEST_F(DecisionCtl, WhatIsNotDecided_AsksTheModuleForNothing) {
              {{"restore"}, 2},
              {{"accept", "--all", "/a"}, 2},
              {{"accept", ""}, 2},
+             {{"baseline", "rollback"}, 2},
+             {{"baseline", "rollback", "0", "--yes"}, 2},
+             {{"baseline", "rollback", "3"}, 1},
+             {{"accept", "--all", "--key", "/none"}, 1},
+             {{"accept", "--all", "--key", site_.Data() + "/signing.pub"}, 1},
              {{"restore", "--dry-run", site_.Path()}, 0},
          }) {
         EXPECT_EQ(Run(arguments), code) << arguments.back() << errors_;

@@ -65,7 +65,7 @@ class BaselineTest : public ::testing::Test {
         info.backup_path = backup_.Path();
         info.exclusions = {"cache", ""};
         info.approval = "test";
-        return store_.Commit(writer, info);
+        return store_.Commit(writer, info, BaselineStore::kDefaultKept, lent_.get());
     }
 
     /// "kind path"; the kinds: changed, permissions, added, missing.
@@ -109,6 +109,7 @@ class BaselineTest : public ::testing::Test {
     test::TempDir backup_;
     test::TempDir data_;
     BaselineStore store_{data_.Path("baseline")};
+    std::unique_ptr<SDK::SigningKey> lent_;
 };
 
 TEST_F(BaselineTest, EveryKindOfChange_IsFoundAndOnlyThat) {
@@ -209,9 +210,16 @@ TEST_F(BaselineTest, OnlyThePrivateKey_Signs) {
     fs::rename(data_.Path("baseline/signing.key"), data_.Path("elsewhere"));
     EXPECT_TRUE(store_.Newest(site_.Path() + "/", backup_.Path()));
     EXPECT_FALSE(Commit());
+    EXPECT_FALSE(store_.WhyUnsigned(nullptr).empty());
     EXPECT_EQ(store_.Newest(site_.Path() + "/", backup_.Path()).number, 1U);
-    fs::rename(data_.Path("elsewhere"), data_.Path("baseline/signing.key"));
+    lent_ = SDK::SigningKey::Generate();
+    EXPECT_FALSE(Commit()) << "another key";
+    lent_ = SDK::SigningKey::Read(test::TempDir::Read(data_.Path("baseline/signing.pub")));
+    EXPECT_FALSE(Commit()) << "the public part";
+    lent_ = SDK::SigningKey::Read(test::TempDir::Read(data_.Path("elsewhere")));
     EXPECT_EQ(Commit().number, 2U);
+    EXPECT_EQ(store_.Forget(site_.Path() + "/", backup_.Path()), 0);
+    EXPECT_TRUE(store_.AllKept().empty());
 }
 
 TEST_F(BaselineTest, LostBackup_IsRecognised) {

@@ -31,6 +31,7 @@ class ApprovedSite {
     std::string Path() const { return site_.Path(); }
     std::string Path(const std::string& name) const { return site_.Path(name); }
     void Write(const std::string& name, const std::string& text) { site_.Write(name, text); }
+    std::string Backup() const { return backup_.Path(); }
     std::string Copy() const { return backup_.Path() + site_.Path(); }
     std::string Copy(const std::string& name) const { return backup_.Path() + site_.Path(name); }
     void WritePolicy(const std::string& path) {

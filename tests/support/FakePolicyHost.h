@@ -25,7 +25,7 @@ class FakePolicyHost : public Agent::PolicyHost {
         Json::Value message;
         message["pointer"] = "/content";
         message["message"] = text;
-        if (scope == Scope::kAll ? Has(text, "wrong") : Has(text, "unsafe"))
+        if (scope != Scope::kPlaces ? Has(text, "wrong") : Has(text, "unsafe"))
             answer["errors"].append(message);
         if (Has(text, "odd")) answer["warnings"].append(message);
         return !Has(text, "uncheckable");

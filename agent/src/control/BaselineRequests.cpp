@@ -7,6 +7,7 @@
 #include <sdk/text/PercentCode.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace Agent {
 
@@ -16,7 +17,16 @@ namespace {
 
 constexpr char kForm[] =
     "The request is an object with \"paths\" (an array of absolute paths, percent-encoded), or "
-    "\"all\" (true).";
+    "\"all\" (true), and of a rollback \"generation\" (a number from 1 on).";
+
+/// Overwrites the text of a key.
+void Clear(Json::Value& text) {
+    char const* begin = nullptr;
+    char const* end = nullptr;
+    if (text.getString(&begin, &end)) {
+        ::explicit_bzero(const_cast<char*>(begin), static_cast<std::size_t>(end - begin));
+    }
+}
 
 bool IsPath(const Json::Value& path) {
     std::string bytes;
@@ -37,8 +47,13 @@ bool Complete(const std::string& action, const Json::Value& given, Json::Value& 
     request["action"] = action;
     request["paths"] = paths;
     request["all"] = all;
-    request["dry_run"] = false;
-    return all.asBool() == paths.empty();
+    const Json::Value dry_run = given.get("dry_run", false);
+    request["dry_run"] = action == "rollback" ? dry_run : Json::Value(false);
+    if (action != "rollback") return all.asBool() == paths.empty();
+    request["all"] = paths.empty();
+    const Json::Value generation = given.get("generation", 0);
+    request["generation"] = generation;
+    return dry_run.isBool() && generation.isUInt() && generation.asUInt() > 0;
 }
 
 Reply NoModule() {
@@ -56,7 +71,7 @@ Reply AnswerReply(const Json::Value& answer, int status, int error_status) {
 }  // namespace
 
 bool BaselineRequests::IsAction(const std::string& action) {
-    return action == "accept" || action == "restore";
+    return action == "accept" || action == "restore" || action == "rollback";
 }
 
 Reply BaselineRequests::Submit(const std::string& action, const Peer& peer,
@@ -72,6 +87,15 @@ Reply BaselineRequests::Submit(const std::string& action, const Peer& peer,
     Json::Value answer;
     if (!queries_.Ask("baseline.request", request, answer)) return NoModule();
     return AnswerReply(answer, 202, 422);
+}
+
+Reply BaselineRequests::Lend(const std::string& pem) {
+    Json::Value request(Json::objectValue);
+    request["key"] = pem;
+    Json::Value answer;
+    const bool is_answered = queries_.Ask("baseline.key", request, answer);
+    Clear(request["key"]);
+    return is_answered ? AnswerReply(answer, 200, 422) : NoModule();
 }
 
 Reply BaselineRequests::Progress(const std::string& id) {

@@ -22,12 +22,17 @@ class BaselineRequests {
     /// Borrows `queries`.
     explicit BaselineRequests(Framework::QueryRegistry& queries) : queries_(queries) {}
 
-    /// True for "accept" and "restore".
+    /// True for "accept", "restore" and "rollback".
     static bool IsAction(const std::string& action);
 
-    /// `text` is {"paths": [absolute path, percent-encoded], "all": bool}.
+    /// `text` is {"paths": [absolute path, percent-encoded], "all": bool}; of a rollback also
+    /// "generation" (a number) and "dry_run" (bool), and without paths it is about all.
     /// 202 with {"id"}; 400 for another form; 422 when the module refuses.
     Reply Submit(const std::string& action, const Peer& peer, const std::string& text);
+
+    /// Hands the module the private key, a PEM text, for the next decision or policy, and forgets
+    /// it. 200 with {}; 422 when the module does not take it.
+    Reply Lend(const std::string& pem);
 
     /// The state of the request `id`, a decimal number; 404 when there is none.
     Reply Progress(const std::string& id);

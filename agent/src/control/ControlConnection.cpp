@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstring>
 #include <optional>
 
 #include "common/ControlProtocol.h"
@@ -48,6 +49,11 @@ Reply TooLarge() {
                                " MiB that the agent takes.");
 }
 
+/// A body may be a password or a key, which must not stay in memory.
+void Clear(char* data, std::size_t size) {
+    ::explicit_bzero(data, size);
+}
+
 /// Discards the rest of the body, up to a limit.
 void Drain(std::istream& stream) {
     std::array<char, kReadBytes> buffer{};
@@ -75,6 +81,7 @@ std::optional<Reply> ReadBody(HTTPServerRequestImpl& request, HTTPServerResponse
     std::array<char, kReadBytes> buffer{};
     while (stream.read(buffer.data(), buffer.size()) || stream.gcount() > 0) {
         body.append(buffer.data(), static_cast<std::size_t>(stream.gcount()));
+        Clear(buffer.data(), static_cast<std::size_t>(stream.gcount()));
         if (body.size() > kMaxBodyBytes) {
             Drain(stream);
             return TooLarge();
@@ -176,7 +183,9 @@ Reply ControlConnection::Answer(HTTPServerRequestImpl& request, HTTPServerRespon
             if (auto refused = ReadBody(request, response, wanted.body)) return *refused;
         }
         connection.MarkRequestRead();
-        return routes_.Handle(wanted);
+        Reply reply = routes_.Handle(wanted);
+        Clear(wanted.body.data(), wanted.body.size());
+        return reply;
     } catch (const Poco::Net::NetException&) {
         throw;
     } catch (const Poco::TimeoutException&) {

@@ -112,8 +112,10 @@ Reply Routes::HandleBaseline(const ControlRequest& request) {
         if (request.method != "GET") return MethodReply("GET");
         return baselines_.Progress(path[3]);
     }
-    if (path.size() != 3 || !BaselineRequests::IsAction(path[2])) return Unknown();
+    const bool is_key = path.size() == 3 && path[2] == "key";
+    if (path.size() != 3 || (!is_key && !BaselineRequests::IsAction(path[2]))) return Unknown();
     if (request.method != "POST") return MethodReply("POST");
+    if (is_key) return baselines_.Lend(request.body);
     return baselines_.Submit(path[2], request.peer, request.body);
 }
 

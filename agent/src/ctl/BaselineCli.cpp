@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ctl/commands/BaselineCommands.h"
+#include "ctl/commands/Commands.h"
 
 namespace Ctl {
 
@@ -58,6 +59,10 @@ CLI::App* DefineDecision(CLI::App& app, const std::string& action, const char* d
     return decision;
 }
 
+void AddKey(CLI::App* command, std::string& key) {
+    command->add_option("--key", key, kKeyMeaning)->type_name("FILE");
+}
+
 void RequireObjects(const DecisionOptions& options) {
     if (options.paths.empty() && !options.all) throw CLI::RequiredError("PATH or --all");
 }
@@ -66,6 +71,7 @@ void DefineDecisions(CLI::App& app, Command& command) {
     const auto accept = std::make_shared<DecisionOptions>();
     CLI::App* accepting = DefineDecision(
         app, "accept", "Approve what is there: it becomes the state that is protected", *accept);
+    AddKey(accepting, accept->key);
     accepting->footer(kDecisionCodes);
     accepting->callback([&command, accept] {
         RequireObjects(*accept);
@@ -121,15 +127,56 @@ void DefineGenerations(CLI::App* baseline, Command& command) {
     });
 }
 
+void DefineRollback(CLI::App* baseline, Command& command) {
+    const auto options = std::make_shared<DecisionOptions>();
+    const auto is_confirmed = std::make_shared<bool>(false);
+    options->action = "rollback";
+    CLI::App* rollback = baseline->add_subcommand(
+        "rollback", "Make an older generation the approved state, and bring it back");
+    rollback->add_option("N", options->generation, "Number of the generation")
+        ->required()
+        ->check(CLI::PositiveNumber);
+    AddPath(rollback, options->paths,
+            "The protected path, or a part of it; needed when there are several")
+        ->expected(0, 1);
+    rollback->add_flag("--dry-run", options->is_dry_run,
+                       "Change nothing; tell how many objects differ and whether their contents "
+                       "are kept");
+    rollback->add_flag("--yes", *is_confirmed, "Do not ask");
+    AddKey(rollback, options->key);
+    rollback->footer(kDecisionCodes);
+    rollback->fallthrough()->callback([&command, options, is_confirmed] {
+        command = [options, is_confirmed](const ControlClient& client) {
+            return RollBack(client, *options, *is_confirmed);
+        };
+    });
+}
+
+void DefineForget(CLI::App* baseline, Command& command) {
+    const auto paths = std::make_shared<std::vector<std::string>>();
+    CLI::App* forget = baseline->add_subcommand(
+        "forget",
+        "Remove the approved states of a path that is no longer protected, and the replaced copies "
+        "of it. Needs no agent");
+    AddPath(forget, *paths, "The path, as \"baseline list\" names it")->required()->expected(1);
+    forget->footer("Exit codes: 0 removed, 1 failed, 2 wrong usage, 4 the path is protected.");
+    forget->fallthrough()->callback([&command, paths] {
+        command = [paths](const ControlClient&) { return ForgetPath(paths->front()); };
+    });
+}
+
 }  // namespace
 
 void DefineBaseline(CLI::App& app, Command& command) {
     DefineVerify(app, command);
     DefineDiff(app, command);
     DefineDecisions(app, command);
-    CLI::App* baseline = app.add_subcommand("baseline", "Show the approved states");
+    CLI::App* baseline =
+        app.add_subcommand("baseline", "Show the approved states and go back to one");
     baseline->require_subcommand(1)->fallthrough();
     DefineGenerations(baseline, command);
+    DefineRollback(baseline, command);
+    DefineForget(baseline, command);
 }
 
 }  // namespace Ctl

@@ -23,6 +23,7 @@ struct Arguments {
     std::string socket_path = Agent::DefaultSocketPath();
     std::string feature;
     std::string file;
+    std::string key;
     std::string tasklet;
     std::string role;
     bool json = false;
@@ -42,10 +43,11 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
 
     CLI::App* apply = policy->add_subcommand("apply", "Check a policy and apply it");
     AddPolicyFile(apply, args);
+    apply->add_option("--key", args.key, kKeyMeaning)->type_name("FILE");
     apply->footer("Exit codes: 0 on, 3 accepted and off, 4 rejected, 5 no agent.");
     apply->callback([&args] {
         args.command = [&args](const ControlClient& client) {
-            return ApplyPolicy(client, args.feature, args.file);
+            return ApplyPolicy(client, args.feature, args.file, args.key);
         };
     });
     CLI::App* check = policy->add_subcommand("check", "Check a policy without applying it");

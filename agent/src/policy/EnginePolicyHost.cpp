@@ -27,6 +27,7 @@ bool EnginePolicyHost::Check(const std::string& feature, const std::string& text
     Json::Value request;
     request["text"] = text;
     request["places_only"] = scope == Scope::kPlaces;
+    request["to_apply"] = scope == Scope::kToApply;
     return engine_.Queries().Ask(kCheckPrefix + feature, request, answer) && answer.isObject();
 }
 

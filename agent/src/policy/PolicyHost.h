@@ -17,9 +17,9 @@ class PolicyHost {
     /// The features with a check in a loaded module, sorted.
     virtual std::vector<std::string> Features() const = 0;
 
-    /// The scope of a check: everything, or only whether the places of a policy that was good once
-    /// are still safe.
-    enum class Scope { kAll, kPlaces };
+    /// The scope of a check: everything; also whether its consequences can be approved now, as when
+    /// it is applied; or only whether the places of a policy that was good once are still safe.
+    enum class Scope { kAll, kToApply, kPlaces };
 
     /// The verdict of the owning module: {"errors":[...],"warnings":[...]}. False when it gives
     /// none.

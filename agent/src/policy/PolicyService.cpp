@@ -95,7 +95,7 @@ PolicyVerdict PolicyService::Check(const std::string& feature, const std::string
 
 PolicyVerdict PolicyService::Apply(const std::string& feature, const std::string& text) {
     std::lock_guard<std::mutex> one_at_a_time(apply_mutex_);
-    PolicyVerdict verdict = Check(feature, text);
+    PolicyVerdict verdict = Check(feature, text, PolicyHost::Scope::kToApply);
     if (verdict.errors.empty()) verdict = ApplyChecked(feature, text, std::move(verdict));
     if (verdict.state == PolicyState::kRejected) RecordRejected(feature, verdict);
     SDK_LOG(Log(), PRIO_NOTICE, "policy of %s: %s%s", feature, std::string(ToText(verdict.state)),

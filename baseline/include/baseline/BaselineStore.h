@@ -27,6 +27,13 @@ class BaselineStore {
   public:
     static constexpr std::size_t kDefaultKept = 3;
 
+    /// In the backup path: holds a directory for each path, named by NameOf, with the copies that
+    /// were replaced since they were approved.
+    static constexpr const char* kReplacedCopies = ".morvane-generations";
+
+    /// What names the protected path among others: 16 hexadecimal digits.
+    static std::string NameOf(const std::string& real_path, const std::string& backup_path);
+
     /// `directory` is made by the first write.
     explicit BaselineStore(std::string directory) : directory_(std::move(directory)) {}
 
@@ -36,6 +43,10 @@ class BaselineStore {
 
     /// There is a key, so that the other methods that read do not make one.
     bool HasKey() const;
+
+    /// Why Commit cannot sign with `key`, or without one with the private part that is kept here;
+    /// in words. Empty when it can.
+    std::string WhyUnsigned(const SDK::SigningKey* key) const;
 
     /// The newest generation, its signature checked. Number 0: there is none yet.
     Generation Newest(const std::string& real_path, const std::string& backup_path) const;
@@ -57,10 +68,13 @@ class BaselineStore {
     /// All generations that are kept, in no order.
     std::vector<Generation> AllKept() const;
 
-    /// Writes and signs the next generation, then drops all but the newest `kept`. Number 0 with a
-    /// problem: nothing changed.
+    /// Writes and signs the next generation, then drops all but the newest `kept`. `key` is the
+    /// private key where it is kept elsewhere; else null. Number 0 with a problem: nothing changed.
     Generation Commit(const ManifestWriter& writer, const ManifestInfo& info,
-                      std::size_t kept = kDefaultKept) const;
+                      std::size_t kept = kDefaultKept, const SDK::SigningKey* key = nullptr) const;
+
+    /// Removes all generations of the path. 0, or -1 (errno).
+    int Forget(const std::string& real_path, const std::string& backup_path) const;
 
     // An approved state is being copied: until it is committed, the newest generation does not
     // describe the copies. Kept across restarts.
@@ -73,11 +87,16 @@ class BaselineStore {
     int MarkBackup(const std::string& real_path, const std::string& backup_path) const;
     /// The backup path has the identifier that it was given, or was never given one.
     bool IsMarkedBackup(const std::string& real_path, const std::string& backup_path) const;
+    /// The identifier that the backup path was given; empty: none.
+    std::string BackupId(const std::string& real_path, const std::string& backup_path) const;
+    /// The backup path has this identifier; true for an empty one.
+    static bool HasBackupId(const std::string& backup_path, const std::string& id);
 
   private:
     std::string DirectoryOf(const std::string& real_path, const std::string& backup_path) const;
     Generation Load(const std::string& directory, unsigned int number) const;
-    int Sign(const std::string& file, const std::string& signature_file, std::string& error) const;
+    int Sign(const std::string& file, const std::string& signature_file, const SDK::SigningKey* key,
+             std::string& error) const;
 
     const std::string directory_;
 };

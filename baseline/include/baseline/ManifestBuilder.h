@@ -17,7 +17,9 @@ class ManifestBuilder {
   public:
     struct Request {
         TreeRoot copies;
-        TreeRoot live;  ///< without an anchor: nothing is known of the site's objects
+        /// Without an anchor: of the site's objects only that is known which the last manifest
+        /// says of copies that have not changed since.
+        TreeRoot live;
         const Manifest* last = nullptr;  ///< borrowed; null: none
         /// When the copies were begun: an older object on the site is the one that was copied.
         std::timespec begun{};

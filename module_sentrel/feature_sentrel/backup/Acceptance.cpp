@@ -2,7 +2,6 @@
 // manifests (RuleBaselines does).
 #include "feature_sentrel/backup/Acceptance.h"
 
-#include <sdk/files/DirUtils.h>
 #include <sdk/restore/TreeRestorer.h>
 
 #include <cerrno>
@@ -16,8 +15,11 @@
 namespace Engine {
 
 Acceptance::Acceptance(const AnchoredRule& rule, RuleBaselines::Known manifest,
-                       std::function<bool()> is_over)
-    : rule_(rule), manifest_(std::move(manifest)), is_over_(std::move(is_over)) {}
+                       ReplacedCopies& replaced, std::function<bool()> is_over)
+    : rule_(rule),
+      manifest_(std::move(manifest)),
+      replaced_(replaced),
+      is_over_(std::move(is_over)) {}
 
 Acceptance::Result Acceptance::Take(const std::string& part) {
     const RsyncExclusions exclusions(rule_.Rule());
@@ -52,21 +54,22 @@ Acceptance::Result Acceptance::Take(const std::string& part) {
 int Acceptance::TakeOne(const Baseline::Difference& difference) {
     const std::string path = PathIn(rule_, difference.path);
     struct stat live {};
-    if (rule_.StatLive(path, live) != 0) return errno == ENOENT ? Drop(path) : errno;
+    if (rule_.StatLive(path, live) != 0) {
+        return errno == ENOENT ? Drop(path, difference.path) : errno;
+    }
     if (S_ISDIR(live.st_mode)) return TakeDirectory(path, difference);
     const SDK::PathAnchor::Entry from = rule_.Live(path);
     const SDK::PathAnchor::Entry to = rule_.Copy(path);
     if (!from.IsOpen()) return errno;
     if (!to.IsOpen()) return ENOTDIR;  // its directory was not accepted
     if (from.name != to.name) return EINVAL;
-    return ObjectCopier::CopyObject(from.directory.Get(), to.directory.Get(), from.name, live);
+    return ObjectCopier::CopyObject(
+        {from.directory.Get(), to.directory.Get(), from.name, difference.path}, live, replaced_);
 }
 
-int Acceptance::Drop(const std::string& path) {
+int Acceptance::Drop(const std::string& path, const std::string& below) {
     const SDK::PathAnchor::Entry copy = rule_.Copy(path);
-    if (!copy.IsOpen()) return errno;
-    return SDK::DirUtils::DeleteAt(copy.directory.Get(), copy.name) == 0 || errno == ENOENT ? 0
-                                                                                            : errno;
+    return copy.IsOpen() ? replaced_.Remove(copy.directory.Get(), copy.name, below) : errno;
 }
 
 int Acceptance::TakeDirectory(const std::string& path, const Baseline::Difference& difference) {
@@ -78,6 +81,11 @@ int Acceptance::TakeDirectory(const std::string& path, const Baseline::Differenc
         if (!copy.IsOpen()) return errno;
         ObjectCopier::AlignDirectory(live.Get(), copy.Get(), info);
         return 0;
+    }
+    struct stat copy {};
+    if (rule_.StatCopy(path, copy) == 0 && !S_ISDIR(copy.st_mode)) {
+        const int error = Drop(path, difference.path);
+        if (error != 0) return error;
     }
     const RsyncExclusions exclusions(rule_.Rule());
     const SDK::ObjectRestorer::Result copied = SDK::TreeRestorer::Restore(

@@ -20,8 +20,8 @@ class Acceptance {
         std::string error = {};  ///< the first failure in words; the others were taken all the same
     };
 
-    /// `is_over` is asked often; true ends the work with an error.
-    Acceptance(const AnchoredRule& rule, RuleBaselines::Known manifest,
+    /// `is_over` is asked often; true ends the work with an error. Borrows `rule` and `replaced`.
+    Acceptance(const AnchoredRule& rule, RuleBaselines::Known manifest, ReplacedCopies& replaced,
                std::function<bool()> is_over);
 
     /// Takes all differences at and below `part`, a path relative to the protected path.
@@ -29,11 +29,12 @@ class Acceptance {
 
   private:
     int TakeOne(const Baseline::Difference& difference);
-    int Drop(const std::string& path);
+    int Drop(const std::string& path, const std::string& below);
     int TakeDirectory(const std::string& path, const Baseline::Difference& difference);
 
     const AnchoredRule& rule_;
     const RuleBaselines::Known manifest_;
+    ReplacedCopies& replaced_;
     const std::function<bool()> is_over_;
 };
 

@@ -3,7 +3,6 @@
 #include "feature_sentrel/backup/CopyComparison.h"
 
 #include <fcntl.h>
-#include <sdk/files/DirUtils.h>
 #include <sdk/files/PathAnchor.h>
 #include <sdk/files/PathUtils.h>
 
@@ -15,6 +14,7 @@
 
 #include "base/DirectoryListing.h"
 #include "base/PathText.h"
+#include "baseline/ReplacedCopies.h"
 #include "feature_sentrel/backup/ObjectCopier.h"
 #include "places/RuleAnchors.h"
 
@@ -51,8 +51,10 @@ bool IsEqual(const struct stat& live, const struct stat& copy) {
 }  // namespace
 
 CopyComparison::CopyComparison(RuleAnchors& anchors, const SentrelDirRule& rule,
-                               std::timespec round_begin, std::function<bool()> is_over)
+                               ReplacedCopies& replaced, std::timespec round_begin,
+                               std::function<bool()> is_over)
     : anchors_(anchors),
+      replaced_(replaced),
       rule_(rule),
       exclusions_(rule),
       round_begin_(round_begin),
@@ -171,7 +173,9 @@ void CopyComparison::DropFromCopy(const Level& level, const std::string& name) {
     if (exclusions_.Match(rule_.real_path + Path(level, name), S_ISDIR(copy.st_mode))) return;
     // A later loss has also changed the directory, and its event handles it.
     if (::fstat(level.live, &directory) != 0 || !IsUnchanged(directory)) return;
-    if (SDK::DirUtils::DeleteAt(level.copy, name) != 0) Open(Path(level, name), errno);
+    const std::string below = Path(level, name);
+    const int error = replaced_.Remove(level.copy, name, below);
+    if (error != 0) Open(below, error);
 }
 
 void CopyComparison::CompareObject(const Level& level, const std::string& name) {
@@ -229,11 +233,12 @@ void CopyComparison::CopyMissing(const Level& level, const std::string& name,
     // Nobody could push or read a copy whose path is too long.
     const std::size_t length = rule_.backup_path.size() + rule_.real_path.size() + below.size();
     int error = length + 1 >= PATH_MAX ? ENAMETOOLONG : 0;
+    const ObjectCopier::Place place{level.live, level.copy, name, below};
     if (error == 0 && S_ISDIR(live.st_mode)) {
-        error = ObjectCopier::MakeDirectory(level.copy, name, live);
+        error = ObjectCopier::MakeDirectory(place, live, replaced_);
         if (error == 0) Descend(level, name, live);
     } else if (error == 0) {
-        error = ObjectCopier::CopyObject(level.live, level.copy, name, live);
+        error = ObjectCopier::CopyObject(place, live, replaced_);
     }
     if (error == 0) {
         ++result_.copied;

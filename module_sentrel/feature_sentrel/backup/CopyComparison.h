@@ -14,6 +14,7 @@
 
 namespace Engine {
 
+class ReplacedCopies;
 class RuleAnchors;
 
 /// Compares a protected path with its copy, object by object, where rsync could not copy all of it.
@@ -46,9 +47,9 @@ class CopyComparison {
 
     /// `round_begin`: when the round's first copy began. `is_over` is called often; true ends the
     /// comparison.
-    /// `anchors` is borrowed.
-    CopyComparison(RuleAnchors& anchors, const SentrelDirRule& rule, std::timespec round_begin,
-                   std::function<bool()> is_over);
+    /// `anchors` and `replaced` are borrowed.
+    CopyComparison(RuleAnchors& anchors, const SentrelDirRule& rule, ReplacedCopies& replaced,
+                   std::timespec round_begin, std::function<bool()> is_over);
 
     /// Compares the whole protected path.
     Result Run();
@@ -80,6 +81,7 @@ class CopyComparison {
     void Open(const std::string& below, int error);
 
     RuleAnchors& anchors_;
+    ReplacedCopies& replaced_;
     const SentrelDirRule rule_;
     const RsyncExclusions exclusions_;
     const std::timespec round_begin_;

@@ -94,13 +94,17 @@ void DeployTaking::Take(const Deploy& deploy, const SentrelDirRule& rule) {
     const RulePlaces places = state_.anchors.Of(rule);
     const std::unique_ptr<SDK::PathAnchor> staged = tree.Upper();
     std::string problem = WhyNot(rule);
+    const std::string unsigned_state = is_again ? "" : state_.baselines.WhyUnsigned();
+    if (!unsigned_state.empty()) problem = "It cannot be approved: " + unsigned_state + ".";
     if (problem.empty() && staged == nullptr) problem = "What was staged cannot be opened.";
     if (!problem.empty() || !places) {
         // Copies that were begun to be changed are completed, whatever it takes.
         return is_again ? state_.status.NoteFailure(rule.real_path, "deploy: " + problem)
                         : Fail(deploy, problem);
     }
-    StagedAcceptance acceptance(*places.anchors, *staged, ".deploy-" + deploy.id, owner_.is_over);
+    ReplacedCopies replaced = state_.baselines.Replaced(*places.anchors);
+    StagedAcceptance acceptance(*places.anchors, *staged, replaced, ".deploy-" + deploy.id,
+                                owner_.is_over);
     problem = acceptance.Prepare();
     if (!problem.empty()) {
         if (!is_again && !owner_.is_over()) Fail(deploy, problem);
@@ -113,7 +117,8 @@ void DeployTaking::Take(const Deploy& deploy, const SentrelDirRule& rule) {
         if (WriteChanges(tree, put) != 0) return Fail(deploy, "The journal cannot be written.");
     }
     if (!put.paths.empty()) {
-        state_.baselines.BeginAccepting(rule, "deployed by " + deploy.By());
+        state_.baselines.BeginAccepting(rule, "deployed by " + deploy.By(),
+                                        state_.baselines.Lent().Take());
         put.problem = acceptance.Take();
         if (!owner_.sign(rule) && put.problem.empty()) {
             put.problem = "The manifest of " + rule.real_path + " was not written.";

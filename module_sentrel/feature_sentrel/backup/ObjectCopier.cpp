@@ -3,7 +3,6 @@
 #include "feature_sentrel/backup/ObjectCopier.h"
 
 #include <fcntl.h>
-#include <sdk/files/DirUtils.h>
 #include <sdk/files/FileDescriptor.h>
 #include <sdk/restore/AttributeComparison.h>
 #include <sdk/restore/ObjectRestorer.h>
@@ -16,6 +15,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+
+#include "baseline/ReplacedCopies.h"
 
 namespace Engine {
 
@@ -53,13 +54,13 @@ bool IsUnchanged(int directory, const std::string& name, const struct stat& befo
            now.st_ctim.tv_nsec == before.st_ctim.tv_nsec;
 }
 
-int PutInPlace(int directory, const std::string& from, const std::string& name) {
-    if (::renameat(directory, from.c_str(), directory, name.c_str()) == 0) return 0;
-    if (errno == EISDIR && SDK::DirUtils::DeleteAt(directory, name) == 0 &&
-        ::renameat(directory, from.c_str(), directory, name.c_str()) == 0) {
-        return 0;
-    }
-    return errno;
+int PutInPlace(const std::string& from, const ObjectCopier::Place& place,
+               ReplacedCopies& replaced) {
+    const int kept = replaced.Keep(place.copy_directory, place.name, place.below);
+    if (kept != 0) return kept;
+    const int moved =
+        ::renameat(place.copy_directory, from.c_str(), place.copy_directory, place.name.c_str());
+    return moved == 0 ? 0 : errno;
 }
 
 int ErrorOf(const ObjectRestorer::Result& result) {
@@ -90,8 +91,9 @@ void AlignOwner(int directory, const std::string& name, const struct stat& live,
 
 }  // namespace
 
-int ObjectCopier::CopyObject(int live_directory, int copy_directory, const std::string& name,
-                             const struct stat& live) {
+int ObjectCopier::CopyObject(const Place& place, const struct stat& live,
+                             ReplacedCopies& replaced) {
+    const auto& [live_directory, copy_directory, name, below] = place;
     if (IsTooLarge(copy_directory, live)) return EFBIG;
     const std::string waiting = WaitingName();
     const int error = ErrorOf(ObjectRestorer::Restore(EntryOf(live_directory, name),
@@ -105,19 +107,20 @@ int ObjectCopier::CopyObject(int live_directory, int copy_directory, const std::
     const bool is_good = error == 0 || error == EPERM || error == EOPNOTSUPP;
     int result = is_good ? 0 : error;
     if (result == 0 && !IsUnchanged(live_directory, name, live)) result = ESTALE;
-    if (result == 0) result = PutInPlace(copy_directory, waiting, name);
+    if (result == 0) result = PutInPlace(waiting, place, replaced);
     if (result != 0) ::unlinkat(copy_directory, waiting.c_str(), 0);
     return result;
 }
 
-int ObjectCopier::MakeDirectory(int copy_directory, const std::string& name,
-                                const struct stat& live) {
+int ObjectCopier::MakeDirectory(const Place& place, const struct stat& live,
+                                ReplacedCopies& replaced) {
+    const int copy_directory = place.copy_directory;
+    const std::string& name = place.name;
     if (::mkdirat(copy_directory, name.c_str(), S_IRWXU) != 0) {
-        const bool is_taken = errno == EEXIST;
-        if (!is_taken || ::unlinkat(copy_directory, name.c_str(), 0) != 0 ||
-            ::mkdirat(copy_directory, name.c_str(), S_IRWXU) != 0) {
-            return errno;
-        }
+        if (errno != EEXIST) return errno;
+        const int error = replaced.Remove(copy_directory, name, place.below);
+        if (error != 0) return error;
+        if (::mkdirat(copy_directory, name.c_str(), S_IRWXU) != 0) return errno;
     }
     struct stat made {};
     made.st_mode = S_IFDIR | S_IRWXU;

@@ -44,16 +44,6 @@ bool IsReplacedAsAWhole(const Baseline::Difference& change) {
     return change.kind == Kind::kAdded || change.detail == "type";
 }
 
-/// Puts the prepared object in the place of whatever is there.
-int PutInPlace(int from, int to, const std::string& name) {
-    const auto put = [&] { return ::renameat(from, name.c_str(), to, name.c_str()); };
-    if (put() == 0) return 0;
-    const bool is_taken =
-        errno == EISDIR || errno == ENOTDIR || errno == ENOTEMPTY || errno == EEXIST;
-    if (is_taken && SDK::DirUtils::DeleteAt(to, name) == 0 && put() == 0) return 0;
-    return errno;
-}
-
 }  // namespace
 
 void RemoveOverlayMarks(const PathAnchor& staged, const std::string& path) {
@@ -65,8 +55,13 @@ void RemoveOverlayMarks(const PathAnchor& staged, const std::string& path) {
 }
 
 StagedAcceptance::StagedAcceptance(const AnchoredRule& rule, const PathAnchor& staged,
-                                   std::string name, std::function<bool()> is_over)
-    : rule_(rule), staged_(staged), name_(std::move(name)), is_over_(std::move(is_over)) {}
+                                   ReplacedCopies& replaced, std::string name,
+                                   std::function<bool()> is_over)
+    : rule_(rule),
+      staged_(staged),
+      replaced_(replaced),
+      name_(std::move(name)),
+      is_over_(std::move(is_over)) {}
 
 StagedAcceptance::~StagedAcceptance() {
     prepared_.Reset();
@@ -140,7 +135,9 @@ std::string StagedAcceptance::PrepareOne(const Difference& change, const std::st
         error = PrepareTree(change, to.Get(), from.name);
     } else if (::fstatat(from.directory.Get(), from.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) ==
                0) {
-        error = ObjectCopier::CopyObject(from.directory.Get(), to.Get(), from.name, info);
+        ReplacedCopies nothing(rule_, 0);  // the place is new
+        error = ObjectCopier::CopyObject({from.directory.Get(), to.Get(), from.name, change.path},
+                                         info, nothing);
     }
     return error == 0 ? "" : PathOf(change.path) + ": " + std::strerror(error) + ".";
 }
@@ -180,12 +177,25 @@ int StagedAcceptance::TakeOne(const Difference& change, const std::string& numbe
     const PathAnchor::Entry copy = rule_.Copy(PathOf(change.path));
     if (!copy.IsOpen()) return errno;
     if (change.kind == Kind::kMissing) {
-        const int removed = SDK::DirUtils::DeleteAt(copy.directory.Get(), copy.name);
-        return removed == 0 || errno == ENOENT ? 0 : errno;
+        return replaced_.Remove(copy.directory.Get(), copy.name, change.path);
     }
     const SDK::FileDescriptor from(::openat(prepared_.Get(), number.c_str(), kDirectoryFlags));
     if (!from.IsOpen()) return errno;
-    return PutInPlace(from.Get(), copy.directory.Get(), copy.name);
+    return PutInPlace(from.Get(), copy, change.path);
+}
+
+/// Puts the prepared object in the place of whatever is there.
+int StagedAcceptance::PutInPlace(int from, const PathAnchor::Entry& copy,
+                                 const std::string& below) {
+    const int to = copy.directory.Get();
+    const char* const name = copy.name.c_str();
+    struct stat info {};
+    if (::fstatat(from, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    // A directory cannot be renamed over anything else.
+    const int error = S_ISDIR(info.st_mode) ? replaced_.Remove(to, copy.name, below)
+                                            : replaced_.Keep(to, copy.name, below);
+    if (error != 0) return error;
+    return ::renameat(from, name, to, name) == 0 ? 0 : errno;
 }
 
 int StagedAcceptance::TakeAttributes(const std::string& path) {

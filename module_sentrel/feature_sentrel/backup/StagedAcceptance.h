@@ -12,16 +12,18 @@
 
 namespace Engine {
 
+class ReplacedCopies;
+
 /// Makes what a deploy has staged part of the backup copies, in two steps: Prepare copies all of it
 /// beside the copies and may fail for many reasons; Take only renames and removes. Carrying it out
 /// again after a crash in Take completes it. By held descriptors. For one use; backup task's
 /// thread.
 class StagedAcceptance {
   public:
-    /// All are borrowed. `name` is a name for the directory of prepared objects. `is_over` is asked
-    /// often; true ends Prepare.
-    StagedAcceptance(const AnchoredRule& rule, const SDK::PathAnchor& staged, std::string name,
-                     std::function<bool()> is_over);
+    /// The first three are borrowed; `replaced` takes what leaves the copies. `name` is a name for
+    /// the directory of prepared objects. `is_over` is asked often; true ends Prepare.
+    StagedAcceptance(const AnchoredRule& rule, const SDK::PathAnchor& staged,
+                     ReplacedCopies& replaced, std::string name, std::function<bool()> is_over);
     ~StagedAcceptance();
     StagedAcceptance(const StagedAcceptance&) = delete;
     StagedAcceptance& operator=(const StagedAcceptance&) = delete;
@@ -45,11 +47,13 @@ class StagedAcceptance {
     int PrepareTree(const Difference& change, int directory, const std::string& name);
     int TakeOne(const Difference& change, const std::string& number);
     int TakeAttributes(const std::string& path);
+    int PutInPlace(int from, const SDK::PathAnchor::Entry& copy, const std::string& below);
     SDK::PathAnchor::Entry Staged(const std::string& path) const;
     std::string PathOf(const std::string& below) const;
 
     const AnchoredRule& rule_;
     const SDK::PathAnchor& staged_;
+    ReplacedCopies& replaced_;
     const std::string name_;
     const std::function<bool()> is_over_;
     Baseline::StagedChanges::Result found_;

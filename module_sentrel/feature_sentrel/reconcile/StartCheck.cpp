@@ -105,13 +105,13 @@ CheckSettings CheckSettings::Read() {
 }
 
 void GoOnFromBaselines(ModuleState& state, const std::list<SentrelDirRule>& rules,
-                       CheckAction action, const char* approval) {
+                       CheckAction action, const char* approval, LentKey::Key key) {
     if (!SentrelUtils::GetInstance()->MakesLocalBackup()) return;
     for (const SentrelDirRule& rule : rules) {
         if (action != CheckAction::kAccept && GoesOn(state, rule)) {
             state.progress.SetChecking(rule, true);
         } else {
-            state.baselines.BeginCopying(rule, approval);
+            state.baselines.BeginCopying(rule, approval, key);
         }
     }
 }

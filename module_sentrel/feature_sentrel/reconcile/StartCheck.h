@@ -4,6 +4,7 @@
 #include <list>
 
 #include "base/SentrelDirRule.h"
+#include "baseline/LentKey.h"
 
 namespace Engine {
 
@@ -29,9 +30,10 @@ struct CheckSettings {
 
 /// Lets each rule go on with the state that was approved before, as far as `action` wants that and
 /// there is one: its copies count as complete, and it is to be compared
-/// (BackupProgress::IsChecking). The present state of the others is to be copied. Framework thread
+/// (BackupProgress::IsChecking). The present state of the others is to be copied, and signed with
+/// `key` where the private one is kept elsewhere. Framework thread
 /// or inotify task, before the backup task copies anything.
 void GoOnFromBaselines(ModuleState& state, const std::list<SentrelDirRule>& rules,
-                       CheckAction action, const char* approval);
+                       CheckAction action, const char* approval, LentKey::Key key = nullptr);
 
 }  // namespace Engine

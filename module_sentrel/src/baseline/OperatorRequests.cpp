@@ -7,6 +7,7 @@
 #include <sdk/text/PercentCode.h>
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace Engine {
@@ -30,6 +31,32 @@ bool IsUnder(const char* state, const char* other) {
     return std::string_view(state) == other;
 }
 
+constexpr std::array<std::pair<const char*, OperatorRequest::Action>, 3> kActions = {
+    {{"accept", OperatorRequest::Action::kAccept},
+     {"restore", OperatorRequest::Action::kRestore},
+     {"rollback", OperatorRequest::Action::kRollback}}};
+
+/// Why the request cannot be understood, as a sentence; else empty.
+std::string Parse(const Json::Value& request, OperatorRequest& parsed) {
+    const std::string action = SDK::JsonUtils::GetStringValue(request, "action", "");
+    const auto* const known = std::find_if(kActions.begin(), kActions.end(),
+                                           [&](const auto& one) { return action == one.first; });
+    if (known == kActions.end()) return "The agent does not know the action " + action + ".";
+    parsed.action = known->second;
+    parsed.all = SDK::JsonUtils::GetBoolValue(request, "all", false);
+    parsed.is_dry_run = SDK::JsonUtils::GetBoolValue(request, "dry_run", false);
+    parsed.generation = request["generation"].isUInt() ? request["generation"].asUInt() : 0;
+    parsed.user = request["uid"].isUInt() ? request["uid"].asUInt() : static_cast<uid_t>(-1);
+    parsed.process = request["pid"].isInt() ? request["pid"].asInt() : 0;
+    for (const Json::Value& path : request["paths"]) {
+        std::string& bytes = parsed.paths.emplace_back();
+        if (!path.isString() || !SDK::PercentDecode(path.asString(), bytes) || !IsClean(bytes)) {
+            return "A path must be absolute and without \".\" and \"..\".";
+        }
+    }
+    return "";
+}
+
 }  // namespace
 
 std::vector<std::string> OperatorRequest::PartsOf(const SentrelDirRule& rule) const {
@@ -51,22 +78,12 @@ std::string OperatorRequest::By() const {
     return "user " + std::to_string(user) + ", process " + std::to_string(process);
 }
 
-Json::Value OperatorRequests::Submit(const Json::Value& request) {
+Json::Value OperatorRequests::Submit(const Json::Value& request,
+                                     std::shared_ptr<const SDK::SigningKey> key) {
     OperatorRequest next;
-    const std::string action = SDK::JsonUtils::GetStringValue(request, "action", "");
-    if (action != "accept" && action != "restore") {
-        return Error("The agent cannot " + action + " yet.");
-    }
-    if (action == "restore") next.action = OperatorRequest::Action::kRestore;
-    next.all = SDK::JsonUtils::GetBoolValue(request, "all", false);
-    next.user = request["uid"].isUInt() ? request["uid"].asUInt() : static_cast<uid_t>(-1);
-    next.process = request["pid"].isInt() ? request["pid"].asInt() : 0;
-    for (const Json::Value& path : request["paths"]) {
-        std::string& bytes = next.paths.emplace_back();
-        if (!path.isString() || !SDK::PercentDecode(path.asString(), bytes) || !IsClean(bytes)) {
-            return Error("A path must be absolute and without \".\" and \"..\".");
-        }
-    }
+    const std::string problem = Parse(request, next);
+    if (!problem.empty()) return Error(problem);
+    next.key = std::move(key);
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto waiting = std::count_if(known_.begin(), known_.end(), [](const Known& known) {
         return IsUnder(known.state, "waiting");
@@ -106,13 +123,34 @@ std::optional<OperatorRequest> OperatorRequests::Take(OperatorRequest::Action ac
     return next->request;
 }
 
+OperatorRequests::Known* OperatorRequests::Find(std::uint64_t id) {
+    const auto known = std::find_if(known_.begin(), known_.end(),
+                                    [&](const Known& one) { return one.request.id == id; });
+    return known == known_.end() ? nullptr : &*known;
+}
+
 void OperatorRequests::End(std::uint64_t id, const Result& result) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (Known& known : known_) {
-        if (known.request.id != id) continue;
-        known.state = result.is_done ? "done" : "failed";
-        known.result = result;
-    }
+    Known* const known = Find(id);
+    if (known == nullptr) return;
+    const unsigned int generation = known->result.generation;
+    known->state = result.is_done ? "done" : "failed";
+    known->result = result;
+    known->result.message = known->request.so_far + result.message;
+    if (result.generation == 0) known->result.generation = generation;
+    known->request.key.reset();
+}
+
+void OperatorRequests::GoOnWithRestore(std::uint64_t id, unsigned int generation,
+                                       const std::string& so_far) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Known* const known = Find(id);
+    if (known == nullptr) return;
+    known->request.action = OperatorRequest::Action::kRestore;
+    known->request.so_far = so_far + " ";
+    known->request.key.reset();
+    known->result.generation = generation;
+    known->state = "waiting";
 }
 
 void OperatorRequests::FailAll(const std::string& message) {
@@ -120,7 +158,8 @@ void OperatorRequests::FailAll(const std::string& message) {
     for (Known& known : known_) {
         if (!IsUnder(known.state, "waiting") && !IsUnder(known.state, "running")) continue;
         known.state = "failed";
-        known.result.message = message;
+        known.result.message = known.request.so_far + message;
+        known.request.key.reset();
     }
 }
 

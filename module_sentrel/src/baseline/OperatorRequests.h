@@ -1,11 +1,13 @@
 #pragma once
 
 #include <json/value.h>
+#include <sdk/text/SigningKey.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -18,13 +20,18 @@ namespace Engine {
 /// A decision of an operator about changes of the approved state.
 struct OperatorRequest {
     enum class Action {
-        kAccept,   ///< the present state is approved
-        kRestore,  ///< the approved state is put back
+        kAccept,    ///< the present state is approved
+        kRestore,   ///< the approved state is put back
+        kRollback,  ///< an older approved state is approved again, and put back
     };
     std::uint64_t id = 0;
     Action action = Action::kAccept;
     bool all = false;
     std::vector<std::string> paths = {};  ///< absolute; empty with `all`
+    unsigned int generation = 0;          ///< to roll back to
+    bool is_dry_run = false;              ///< of a rollback: only tells what would be changed
+    std::string so_far = {};              ///< a sentence: what is done already
+    std::shared_ptr<const SDK::SigningKey> key = {};  ///< private; null: the one that is kept here
     uid_t user = 0;
     pid_t process = 0;
 
@@ -38,8 +45,10 @@ struct OperatorRequest {
 /// the last ones. Owned by ModuleState. Thread-safe.
 class OperatorRequests {
   public:
-    /// The answer to the query "baseline.request": {"id"} or {"error"}.
-    Json::Value Submit(const Json::Value& request);
+    /// The answer to the query "baseline.request": {"id"} or {"error"}. `key` is forgotten when the
+    /// request ends.
+    Json::Value Submit(const Json::Value& request,
+                       std::shared_ptr<const SDK::SigningKey> key = nullptr);
 
     /// The answer to the query "baseline.progress":
     /// {"state","message","objects","generation"}, where the state is "waiting", "running", "done"
@@ -57,6 +66,10 @@ class OperatorRequests {
     };
     void End(std::uint64_t id, const Result& result);
 
+    /// A rollback has made the copies what they were: `so_far` says so, and the site is to be put
+    /// back from them.
+    void GoOnWithRestore(std::uint64_t id, unsigned int generation, const std::string& so_far);
+
     /// Fails all that have not ended.
     void FailAll(const std::string& message);
 
@@ -68,6 +81,8 @@ class OperatorRequests {
         const char* state = "waiting";
         Result result;
     };
+
+    Known* Find(std::uint64_t id);
 
     mutable std::mutex mutex_;  ///< guards all below
     std::deque<Known> known_;

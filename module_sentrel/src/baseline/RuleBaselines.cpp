@@ -7,6 +7,7 @@
 #include <sdk/files/PathUtils.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -107,7 +108,12 @@ RuleBaselines::Adopted RuleBaselines::Adopt(const SentrelDirRule& rule) {
         }
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    states_[KeyOf(rule)] = {std::move(manifest), generation, adopted.problem, ""};
+    State& state = states_[KeyOf(rule)];
+    state.in_force = std::move(manifest);
+    state.generation = generation;
+    state.obstacle = adopted.problem;
+    state.approval.clear();
+    state.key.reset();
     return adopted;
 }
 
@@ -121,15 +127,43 @@ bool RuleBaselines::IsBackupBack(const SentrelDirRule& rule) const {
     return Obstacle(rule) == kBackupIsGone && HasBackup(rule);
 }
 
-void RuleBaselines::BeginCopying(const SentrelDirRule& rule, const std::string& approval) {
-    Store().MarkCopying(rule.real_path, rule.backup_path);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    states_[KeyOf(rule)] = {nullptr, 0, "", approval};
+std::string RuleBaselines::Lend(const std::string& pem) {
+    LentKey::Key key = SDK::SigningKey::Read(pem);
+    if (key == nullptr || !key->CanSign()) return "it is no private Ed25519 key";
+    std::string problem = Store().WhyUnsigned(key.get());
+    if (problem.empty()) lent_.Lend(std::move(key));
+    return problem;
 }
 
-void RuleBaselines::BeginAccepting(const SentrelDirRule& rule, const std::string& approval) {
+std::string RuleBaselines::WhyUnsigned() const {
+    return Store().WhyUnsigned(lent_.Look().get());
+}
+
+void RuleBaselines::ForgetKeys() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    states_[KeyOf(rule)] = {nullptr, 0, "", approval};
+    for (auto& [rule, state] : states_) state.key.reset();
+}
+
+void RuleBaselines::BeginCopying(const SentrelDirRule& rule, const std::string& approval,
+                                 LentKey::Key key) {
+    Store().MarkCopying(rule.real_path, rule.backup_path);
+    Begin(rule, approval, std::move(key));
+}
+
+void RuleBaselines::BeginAccepting(const SentrelDirRule& rule, const std::string& approval,
+                                   LentKey::Key key) {
+    Begin(rule, approval, std::move(key));
+}
+
+void RuleBaselines::Begin(const SentrelDirRule& rule, const std::string& approval,
+                          LentKey::Key key) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    State& state = states_[KeyOf(rule)];
+    state.in_force.reset();
+    state.generation = 0;
+    state.obstacle.clear();
+    state.approval = approval;
+    state.key = std::move(key);
 }
 
 Baseline::ManifestInfo RuleBaselines::InfoOf(const SentrelDirRule& rule,
@@ -140,7 +174,7 @@ Baseline::ManifestInfo RuleBaselines::InfoOf(const SentrelDirRule& rule,
     info.is_file = rule.is_file;
     info.exclusions = RsyncExclusions::PatternsOf(rule);
     info.created = std::time(nullptr);
-    info.approval = ApprovalOf(rule);
+    info.approval = StateOf(rule).approval;
     info.attribute_kinds = attribute_kinds;
     return info;
 }
@@ -151,14 +185,19 @@ RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitm
     const Baseline::BaselineStore store = Store();
     const Baseline::Generation last = store.Newest(what.real_path, what.backup_path);
     const CopyTree copies = CopiesOf(rule);
-    if (copies.anchor == nullptr) {
-        problem = std::string("cannot open the copies: ") + std::strerror(errno);
+    const auto fail = [&](const std::string& why) {
+        problem = why;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        states_[KeyOf(what)].key.reset();
         return Committed::kFailed;
+    };
+    if (copies.anchor == nullptr) {
+        return fail(std::string("cannot open the copies: ") + std::strerror(errno));
     }
     const RsyncExclusions exclusions(what);
     Baseline::ManifestBuilder::Request request;
     request.copies = copies.root;
-    request.live = LiveTree(rule);
+    if (commitment.is_copy_of_site) request.live = LiveTree(rule);
     request.last = last.manifest.get();
     request.begun = commitment.begun;
     request.open = std::move(commitment.open);
@@ -171,17 +210,17 @@ RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitm
     if (!Baseline::ManifestBuilder(std::move(request)).Build(writer)) {
         return Committed::kInterrupted;
     }
-    Baseline::Generation next =
-        store.Commit(writer, InfoOf(what, commitment.attribute_kinds), kept_);
-    if (!next) {
-        problem = next.problem;
-        return Committed::kFailed;
-    }
+    Baseline::Generation next = store.Commit(writer, InfoOf(what, commitment.attribute_kinds),
+                                             kept_, StateOf(what).key.get());
+    if (!next) return fail(next.problem);
     store.MarkBackup(what.real_path, what.backup_path);
+    std::string id = store.BackupId(what.real_path, what.backup_path);
     const std::lock_guard<std::mutex> lock(mutex_);
     State& state = states_[KeyOf(what)];
     state.in_force = std::move(next.manifest);
     state.generation = next.number;
+    state.key.reset();
+    state.backup_id = std::move(id);
     return Committed::kYes;
 }
 
@@ -191,10 +230,36 @@ RuleBaselines::Known RuleBaselines::Of(const SentrelDirRule& rule) const {
     return known == states_.end() ? nullptr : known->second.in_force;
 }
 
-std::string RuleBaselines::ApprovalOf(const SentrelDirRule& rule) const {
+RuleBaselines::State RuleBaselines::StateOf(const SentrelDirRule& rule) const {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto known = states_.find(KeyOf(rule));
-    return known == states_.end() ? "" : known->second.approval;
+    return known == states_.end() ? State() : known->second;
+}
+
+std::vector<unsigned int> RuleBaselines::Numbers(const SentrelDirRule& rule) const {
+    return Store().Numbers(rule.real_path, rule.backup_path);
+}
+
+ReplacedCopies RuleBaselines::Replaced(const AnchoredRule& rule) const {
+    const std::vector<unsigned int> numbers = Numbers(rule.Rule());
+    return {rule, numbers.empty() ? 0 : numbers.back()};
+}
+
+bool RuleBaselines::TrimReplaced(const AnchoredRule& rule, std::int64_t limit_ms) const {
+    const std::vector<unsigned int> numbers = Numbers(rule.Rule());
+    // Without any the manifests may only be lost.
+    return numbers.empty() || ReplacedCopies(rule, 0).Trim(numbers, limit_ms);
+}
+
+Baseline::Generation RuleBaselines::Get(const SentrelDirRule& rule, unsigned int number) const {
+    const std::vector<unsigned int> numbers = Numbers(rule);
+    if (std::find(numbers.begin(), numbers.end(), number) == numbers.end()) {
+        Baseline::Generation none;
+        none.number = number;
+        none.problem = "it is not kept";
+        return none;
+    }
+    return Store().Get(rule.real_path, rule.backup_path, number);
 }
 
 bool RuleBaselines::IsApproved(const AnchoredRule& rule, const std::string& path) const {
@@ -250,7 +315,13 @@ Json::Value RuleBaselines::ToJson(const std::string& real_path,
 }
 
 bool RuleBaselines::HasBackup(const SentrelDirRule& rule) const {
-    return Store().IsMarkedBackup(rule.real_path, rule.backup_path);
+    std::optional<std::string> id = StateOf(rule).backup_id;
+    if (!id) {
+        id = Store().BackupId(rule.real_path, rule.backup_path);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        states_[KeyOf(rule)].backup_id = id;
+    }
+    return Baseline::BaselineStore::HasBackupId(rule.backup_path, *id);
 }
 
 }  // namespace Engine

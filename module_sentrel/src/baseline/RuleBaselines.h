@@ -10,11 +10,14 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/SentrelDirRule.h"
+#include "baseline/LentKey.h"
+#include "baseline/ReplacedCopies.h"
 #include "places/RuleAnchors.h"
 
 namespace Engine {
@@ -49,22 +52,48 @@ class RuleBaselines {
     /// Adopt found the copies lost, and they are there again.
     bool IsBackupBack(const SentrelDirRule& rule) const;
 
+    // The private key may be kept elsewhere.
+
+    /// Takes the text of a PEM file for the next decision. Why not, in words; else empty.
+    std::string Lend(const std::string& pem);
+    /// Why nothing can be approved now, in words; else empty.
+    std::string WhyUnsigned() const;
+    LentKey& Lent() { return lent_; }
+    /// Forgets keys of decisions that have not ended.
+    void ForgetKeys();
+
     /// The present state is approved, `approval` says how and by whom: no manifest is in force
-    /// until the next Commit. Remembered across restarts until then.
-    void BeginCopying(const SentrelDirRule& rule, const std::string& approval);
+    /// until the next Commit, which signs with `key`, or without one with the key that is kept
+    /// here. Remembered across restarts until then, without the key.
+    void BeginCopying(const SentrelDirRule& rule, const std::string& approval,
+                      LentKey::Key key = nullptr);
     /// Single objects are approved: no manifest is in force until the next Commit. Not remembered.
-    void BeginAccepting(const SentrelDirRule& rule, const std::string& approval);
+    void BeginAccepting(const SentrelDirRule& rule, const std::string& approval,
+                        LentKey::Key key = nullptr);
 
     struct Commitment {
         std::timespec begun{};          ///< when the copies were begun
         std::vector<std::string> open;  ///< objects without a copy
         unsigned attribute_kinds = 0;   ///< as in BackupProgress
+        bool is_copy_of_site = true;    ///< false: copies were changed, the site was not
         std::function<bool()> is_over;  ///< true ends the work
     };
     enum class Committed { kYes, kInterrupted, kFailed };
     /// Lists the copies in a new manifest and puts it into force. Reads what changed. Backup task.
     Committed Commit(const AnchoredRule& rule, Commitment commitment, std::string& problem);
 
+    /// Keeps what is replaced among the copies from now on, which belongs to the newest generation.
+    /// Borrows `rule`.
+    ReplacedCopies Replaced(const AnchoredRule& rule) const;
+    /// Removes what was kept of generations that are gone, for at most `limit_ms`. False when some
+    /// is left.
+    bool TrimReplaced(const AnchoredRule& rule, std::int64_t limit_ms) const;
+
+    /// Generation `number`, whether it is in force or not.
+    Baseline::Generation Get(const SentrelDirRule& rule, unsigned int number) const;
+
+    /// The number of the one in force; 0: none.
+    unsigned int GenerationOf(const SentrelDirRule& rule) const { return StateOf(rule).generation; }
     /// Null: none is in force.
     Known Of(const SentrelDirRule& rule) const;
 
@@ -94,16 +123,22 @@ class RuleBaselines {
         unsigned int generation = 0;
         std::string obstacle;
         std::string approval;
+        LentKey::Key key;
+        std::optional<std::string> backup_id;  ///< that the copies must have; none: not read yet
     };
     static Key KeyOf(const SentrelDirRule& rule) { return {rule.real_path, rule.backup_path}; }
     Baseline::BaselineStore Store() const;
-    std::string ApprovalOf(const SentrelDirRule& rule) const;
+    std::vector<unsigned int> Numbers(const SentrelDirRule& rule) const;
+    void Begin(const SentrelDirRule& rule, const std::string& approval, LentKey::Key key);
+    State StateOf(const SentrelDirRule& rule) const;
     Baseline::ManifestInfo InfoOf(const SentrelDirRule& rule, unsigned attribute_kinds) const;
 
     mutable std::mutex mutex_;  ///< guards all below
     std::string directory_;
     std::size_t kept_ = Baseline::BaselineStore::kDefaultKept;
-    std::map<Key, State> states_;
+    mutable std::map<Key, State> states_;  ///< mutable: HasBackup keeps what it read
+
+    LentKey lent_;
 };
 
 /// The protected path as a tree; without an anchor when it is gone.

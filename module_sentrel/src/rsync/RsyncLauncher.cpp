@@ -93,19 +93,23 @@ SDK::FileDescriptor MakeCopyDirectory(const AnchoredRule& rule, const std::strin
 
 CommandAnswer Run(const RsyncLine& line, const std::string& program, SDK::FileDescriptor source,
                   const std::string& source_name, SDK::FileDescriptor target,
-                  const std::string& target_name, SDK::FileDescriptor scratch) {
+                  const std::string& target_name, SDK::FileDescriptor scratch,
+                  SDK::FileDescriptor replaced = {}) {
     CommandAnswer answer;
+    const std::string place_of_replaced = replaced.IsOpen() ? PlaceOf(3, "") : std::string();
     answer.inherited.push_back(std::move(source));
     answer.inherited.push_back(std::move(target));
     answer.inherited.push_back(std::move(scratch));
-    answer.arguments =
-        line.With(program, PlaceOf(2, ""), PlaceOf(0, source_name), PlaceOf(1, target_name));
+    if (replaced.IsOpen()) answer.inherited.push_back(std::move(replaced));
+    answer.arguments = line.With(program, PlaceOf(2, ""), PlaceOf(0, source_name),
+                                 PlaceOf(1, target_name), place_of_replaced);
     return answer;
 }
 
 /// rsync copies from the held directory to its held copy.
 CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
-                           const AnchoredRule& rule) {
+                           const AnchoredRule& rule,
+                           const RsyncLauncher::OpenReplaced& open_replaced) {
     const bool is_file = rule.IsFile();
     const std::string directory = is_file ? ParentPath(rule.RootPath()) : rule.RootPath();
     SDK::FileDescriptor source =
@@ -116,9 +120,11 @@ CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
     // The last step is a rename where the site is on the same file system.
     SDK::FileDescriptor scratch = rule.OpenScratch();
     if (!scratch.IsOpen()) return Failed(kNoScratch);
+    SDK::FileDescriptor replaced = open_replaced(rule);
+    if (!replaced.IsOpen() && errno != 0) return Failed("cannot make a place for replaced copies");
     const std::string name = is_file ? FileName(rule.RootPath()) : std::string();
     return Run(line, program, std::move(source), "./" + name, std::move(target), "",
-               std::move(scratch));
+               std::move(scratch), std::move(replaced));
 }
 
 /// rsync restores a file, link or special file.
@@ -218,8 +224,9 @@ CommandAnswer AnswerRestore(const RsyncLine& line, const std::string& program, R
 
 }  // namespace
 
-RsyncLauncher::RsyncLauncher(RuleAnchors& anchors, const BackupProgress& progress)
-    : anchors_(anchors), progress_(progress) {}
+RsyncLauncher::RsyncLauncher(RuleAnchors& anchors, const BackupProgress& progress,
+                             OpenReplaced open_replaced)
+    : anchors_(anchors), progress_(progress), open_replaced_(std::move(open_replaced)) {}
 
 RsyncLauncher::~RsyncLauncher() {
     if (!installed_.empty()) SDK::ExecuteCmdUtils::SetProgramHandler(installed_, nullptr);
@@ -246,7 +253,9 @@ CommandAnswer RsyncLauncher::Answer(const std::vector<std::string>& arguments) c
     RulePlaces places = line->is_backup ? anchors_.OfBackup(line->source, line->target)
                                         : anchors_.OfRestore(line->source, line->target);
     if (!places) return places.problem.empty() ? CommandAnswer() : Failure(places.problem);
-    if (line->is_backup) return AnswerBackup(*line, arguments.front(), *places.anchors);
+    if (line->is_backup) {
+        return AnswerBackup(*line, arguments.front(), *places.anchors, open_replaced_);
+    }
     return AnswerRestore(*line, arguments.front(), anchors_, progress_, std::move(places.anchors));
 }
 

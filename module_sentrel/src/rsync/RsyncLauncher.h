@@ -1,13 +1,16 @@
 #pragma once
 
 #include <sdk/commands/CommandHandler.h>
+#include <sdk/files/FileDescriptor.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 namespace Engine {
 
+class AnchoredRule;
 class BackupProgress;
 class RuleAnchors;
 
@@ -16,8 +19,12 @@ class RuleAnchors;
 /// rsync held directories in place of paths for a backup. Thread-safe.
 class RsyncLauncher {
   public:
+    /// Opens the directory for the copies that a backup of the rule replaces. Not open: with errno
+    /// 0 nothing is kept, otherwise it failed.
+    using OpenReplaced = std::function<SDK::FileDescriptor(const AnchoredRule&)>;
+
     /// Both are borrowed and must outlive the launcher.
-    RsyncLauncher(RuleAnchors& anchors, const BackupProgress& progress);
+    RsyncLauncher(RuleAnchors& anchors, const BackupProgress& progress, OpenReplaced open_replaced);
     /// Takes the handler back; no command may be running.
     ~RsyncLauncher();
     RsyncLauncher(const RsyncLauncher&) = delete;
@@ -36,6 +43,7 @@ class RsyncLauncher {
   private:
     RuleAnchors& anchors_;
     const BackupProgress& progress_;
+    const OpenReplaced open_replaced_;
     std::mutex mutex_;       ///< guards installed_
     std::string installed_;  ///< the program that has the handler; empty: none
 };

@@ -41,12 +41,16 @@ std::optional<RsyncLine> RsyncLine::Of(const std::vector<std::string>& arguments
 
 std::vector<std::string> RsyncLine::With(const std::string& program, const std::string& scratch,
                                          const std::string& new_source,
-                                         const std::string& new_target) const {
+                                         const std::string& new_target,
+                                         const std::string& replaced) const {
     std::vector<std::string> words{program};
     words.insert(words.end(), kOptions.begin(), kOptions.end());
     words.back() = "--temp-dir=" + scratch;
     for (const std::string& pattern : exclusions) {
         words.insert(words.end(), {kExclude, pattern});
+    }
+    if (!replaced.empty()) {
+        words.insert(words.end(), {"--backup", "--backup-dir=" + replaced});
     }
     if (is_backup) words.emplace_back(kRelative);
     words.insert(words.end(), {new_source, new_target});

@@ -30,7 +30,9 @@ struct ModuleState {
     SentrelStatus status;
     BackUpServerStatus backup_server;
     ScheduleStatus schedule;
-    RsyncLauncher launcher{anchors, progress};
+    RsyncLauncher launcher{anchors, progress, [this](const AnchoredRule& rule) {
+                               return baselines.Replaced(rule).OpenRun();
+                           }};
 };
 
 }  // namespace Engine

@@ -56,6 +56,19 @@ void ModuleReports::SendDeploy(const std::string& what, unsigned int user, int p
     SendDataMessage("sentrel_deploy_1", SDK::JsonUtils::JsonToString(body));
 }
 
+void ModuleReports::SendRollback(const Rollback& rollback) {
+    Json::Value body(Json::objectValue);
+    body["feature"] = "sentrel_feature";
+    body["action"] = "rollback";
+    body["user"] = rollback.user;
+    body["process"] = rollback.process;
+    body["objects"] = static_cast<Json::UInt64>(rollback.objects);
+    body["paths"].append(rollback.path);
+    body["from_generation"] = rollback.from;
+    body["generation"] = rollback.generation;
+    SendDataMessage("sentrel_baseline_1", SDK::JsonUtils::JsonToString(body));
+}
+
 void ModuleReports::SendException(const std::string& feature, const std::string& exception) {
     static const std::string kReportTask = "cmd_comm_report_task";
     Framework::Task* task = Framework::Engine::Instance().FindTask(kReportTask);

@@ -74,8 +74,12 @@ int DirUtils::DeleteBeneath(const std::string& root, const std::string& path) {
 }
 
 int DirUtils::DeleteAt(int directory, const std::string& name) {
+    return DeleteAt(directory, name, TreeRemover::kNoLimit);
+}
+
+int DirUtils::DeleteAt(int directory, const std::string& name, std::int64_t limit_ms) {
     if (::unlinkat(directory, name.c_str(), 0) == 0) return 0;
-    return errno == EISDIR ? TreeRemover().RemoveAt(directory, name) : -1;
+    return errno == EISDIR ? TreeRemover(nullptr, "", limit_ms).RemoveAt(directory, name) : -1;
 }
 
 int DirUtils::MakeDirs(const std::string& path, mode_t mode) {

@@ -32,6 +32,11 @@ Bio Reader(const std::string& text) {
     return Bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
 }
 
+/// OpenSSL would ask for a passphrase at the terminal.
+int NoPassphrase(char*, int, int, void*) {
+    return -1;
+}
+
 const unsigned char* Bytes(std::string_view text) {
     return reinterpret_cast<const unsigned char*>(text.data());
 }
@@ -51,10 +56,14 @@ std::unique_ptr<SigningKey> SigningKey::Generate() {
 std::unique_ptr<SigningKey> SigningKey::Read(const std::string& pem) {
     const bool is_private = pem.find("PRIVATE KEY") != std::string::npos;
     const Bio bio = Reader(pem);
-    Handle key(is_private ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)
+    Handle key(is_private ? PEM_read_bio_PrivateKey(bio.get(), nullptr, &NoPassphrase, nullptr)
                           : PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
     if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_ED25519) return nullptr;
     return std::unique_ptr<SigningKey>(new SigningKey(std::move(key), is_private));
+}
+
+bool SigningKey::IsPairOf(const SigningKey& other) const {
+    return EVP_PKEY_eq(key_.get(), other.key_.get()) == 1;
 }
 
 std::string SigningKey::PrivatePem() const {

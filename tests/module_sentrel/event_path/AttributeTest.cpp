@@ -126,7 +126,8 @@ TEST_F(Attribute, CopiesOfAnOlderAgent_GetThemWithTheNextBackup) {
         std::timespec later{};
         ::clock_gettime(CLOCK_REALTIME, &later);
         ++later.tv_sec;
-        return Engine::CopyComparison(state_.anchors, rule_, later, [] { return false; })
+        Engine::ReplacedCopies none(*state_.anchors.Of(rule_).anchors, 0);
+        return Engine::CopyComparison(state_.anchors, rule_, none, later, [] { return false; })
                    .Run()
                    .outcome == Engine::CopyComparison::Outcome::kCompared;
     };

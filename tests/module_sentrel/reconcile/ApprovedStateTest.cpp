@@ -1,4 +1,5 @@
 #include <framework/ConfigManager.h>
+#include <sdk/text/SigningKey.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -50,13 +51,16 @@ class ApprovedState : public test::Protection {
         return test::TempDir::Read(site_.Path(name));
     }
     std::string Copy(const std::string& name) const { return backup_.Path() + site_.Path(name); }
+    int Generation() { return Status()["baseline"]["generation"].asInt(); }
     std::string Problem() { return Status()["problem"].asString(); }
     std::string Handled(const std::string& name) {
         return Alarm(site_.Path(name))["outcome"].asString();
     }
     /// Has the request carried out; returns how it ended.
-    Json::Value Decide(const std::string& action, const std::vector<std::string>& names) {
+    Json::Value Decide(const std::string& action, const std::vector<std::string>& names,
+                       unsigned int generation = 0) {
         Json::Value request(Json::objectValue);
+        request["generation"] = generation;
         request["action"] = action;
         request["all"] = names.empty();
         request["uid"] = 0U;
@@ -194,6 +198,77 @@ TEST_F(ApprovedState, HeldChanges_AreAcceptedOrRestoredAsTheOperatorDecides) {
     site_.Write("sub/page.html", "page");
     fs::remove_all(site_.Path("evil"));
     EXPECT_TRUE(Becomes(site_.Path("evil/shell.php"), "evil"));
+}
+
+TEST_F(ApprovedState, RollbackThatIsNotPossibleOrEndedHalfWay_LosesNothing) {
+    Approve();
+    StopProtection();
+    ChangeAll();
+    site_.Write("index.html", "of another size");
+    fs::create_hard_link(site_.Path("sub/more.html"), site_.Path("twin"));
+    Protect();
+    EXPECT_TRUE(Becomes(Copy("index.html"), "of another size"));
+    ASSERT_TRUE(test::WaitFor([this] { return Generation() == 2; }, 20s));
+    const auto kept = [this](const std::string& run, const std::string& name) {
+        const fs::path all = backup_.Path(".morvane-generations");
+        return fs::directory_iterator(all)->path() / run / name;
+    };
+    EXPECT_EQ(test::TempDir::Read(kept("1.1", "index.html")), "welcome");
+    fs::rename(kept("1.1", "sub/page.html"), kept("1.1", "aside"));
+    Json::Value ended = Decide("rollback", {}, 1);
+    EXPECT_EQ(ended["state"], "failed");
+    EXPECT_NE(ended["message"].asString().find(site_.Path("sub/page.html")), std::string::npos)
+        << ended["message"].asString();
+    EXPECT_EQ(test::TempDir::Read(Copy("index.html")), "of another size");
+    EXPECT_EQ(Content("index.html"), "of another size");
+    // As after a crash: one object is back among the copies already.
+    fs::rename(kept("1.1", "aside"), kept("1.1", "sub/page.html"));
+    fs::rename(kept("1.1", "index.html"), Copy("index.html"));
+    EXPECT_EQ(Decide("rollback", {"sub"}, 1)["state"], "failed") << "it would be approved as it is";
+    ended = Decide("rollback", {}, 1);
+    EXPECT_EQ(ended["state"], "done") << ended["message"].asString();
+    EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+    EXPECT_FALSE(fs::exists(site_.Path("evil")));
+    EXPECT_FALSE(fs::exists(Copy("twin")));
+    EXPECT_EQ(Generation(), 3);
+    EXPECT_EQ(Decide("rollback", {}, 7)["state"], "failed");
+    EXPECT_EQ(Decide("rollback", {}, 3)["state"], "done") << "nothing differs";
+    EXPECT_EQ(Generation(), 3);
+}
+
+TEST_F(ApprovedState, KeyThatIsKeptElsewhere_IsNeededForEachApproval) {
+    Approve();
+    const std::string data = install_.Path() + "data/baseline/";
+    const std::string pem = test::TempDir::Read(data + "signing.key");
+    fs::remove(data + "signing.key");
+    Json::Value request(Json::objectValue);
+    request["action"] = "accept";
+    request["all"] = true;
+    Json::Value key(Json::objectValue);
+    const auto is_refused = [&](const std::string& query, const Json::Value& what) {
+        return Ask(query, what).isMember("error");
+    };
+    Json::Value policy(Json::objectValue);
+    policy["text"] = test::Text(test::Installation::Policy());
+    policy["to_apply"] = true;
+    const auto errors = [&] {
+        return Ask("policy.check.sentrel_feature", policy)["errors"].size();
+    };
+    const auto without_key = errors();
+    EXPECT_TRUE(is_refused("baseline.request", request));
+    key["key"] = SDK::SigningKey::Generate()->PrivatePem();
+    EXPECT_TRUE(is_refused("baseline.key", key)) << "another key";
+    key["key"] = pem;
+    EXPECT_FALSE(is_refused("baseline.key", key));
+    EXPECT_EQ(errors() + 1, without_key);
+    StopProtection();
+    ChangeAll();
+    StartProtection();
+    AwaitCheck();
+    EXPECT_FALSE(is_refused("baseline.key", key));
+    EXPECT_EQ(Decide("accept", {})["state"], "done");
+    EXPECT_EQ(Generation(), 2);
+    EXPECT_TRUE(is_refused("baseline.request", request)) << "it is forgotten";
 }
 
 TEST_F(ApprovedState, ReleaseLinkSwitchedWhileTheAgentWasAway_ApprovesNothing) {

@@ -20,6 +20,9 @@ TEST(RsyncLine, Of_ParsesOnlyTheModulesLocalCommands) {
     EXPECT_TRUE(backup->is_backup);
     EXPECT_EQ(backup->exclusions, Words{"*.log"});
     EXPECT_EQ(backup->source + backup->target, "/site//backup");
+    EXPECT_EQ(backup->With("/r", "/t", "/a", "/b", "/k"),
+              (Words{"/r", "-az", "-H", "-X", "--links", "--delete-excluded", "--temp-dir=/t",
+                     "--exclude", "*.log", "--backup", "--backup-dir=/k", "-R", "/a", "/b"}));
     const auto restore = RsyncLine::Of(Command({"/backup/site/-x y", "/site/-x y"}));
     ASSERT_TRUE(restore);
     EXPECT_FALSE(restore->is_backup);

@@ -148,6 +148,11 @@ std::string ApprovedStates::Renamed(const std::string& canonical) const {
     return "";
 }
 
+bool ApprovedStates::HasLeftThePolicy(const std::string& root) {
+    const auto named = PolicyPaths();
+    return named && named->count(CanonicalPath(root)) == 0;
+}
+
 ApprovedStates::Choice ApprovedStates::Protected() const {
     const auto named = PolicyPaths();
     if (!named) return {newest_, {}, {}};

@@ -35,6 +35,9 @@ class ApprovedStates {
     /// The states of the paths that the policy names, or all when it does not tell.
     Choice Protected() const;
 
+    /// The policy tells what is protected, and `root`, a LiveRoot, is not.
+    static bool HasLeftThePolicy(const std::string& root);
+
     /// The directory and its key are there, so that Store() can be read without writing.
     bool IsReadable() const { return is_readable_; }
 

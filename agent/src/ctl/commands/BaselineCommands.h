@@ -32,9 +32,12 @@ struct GenerationDiffOptions {
 
 /// What the agent shall do with the state of a site.
 struct DecisionOptions {
-    std::string action;  ///< "accept" or "restore"
+    std::string action;  ///< "accept", "restore" or "rollback"
     std::vector<std::string> paths;
     bool all = false;
+    unsigned int generation = 0;  ///< of a rollback
+    bool is_dry_run = false;      ///< of a rollback
+    std::string key = {};         ///< the file of the private key that is kept elsewhere
 };
 
 /// The commands on approved states. Each prints its result to standard output and errors to
@@ -54,6 +57,14 @@ int DiffGenerations(const GenerationDiffOptions& options);
 
 /// Asks the agent and blocks until it has finished.
 int Decide(const ControlClient& client, const DecisionOptions& options);
+
+/// The same after a question at the terminal, unless `is_confirmed`; without a path for the only
+/// protected one.
+int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed);
+
+/// Removes the approved states and the replaced copies of a path that the policy no longer names.
+/// Needs no agent.
+int ForgetPath(const std::string& path);
 
 /// The newest approved state of each path that the policy names. Prints which others there are and
 /// which ones are not there.

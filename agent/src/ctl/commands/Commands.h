@@ -18,7 +18,9 @@ struct ReportQuery {
 
 /// The commands of morvanectl. Each prints its result to standard output and errors to standard
 /// error, and returns the exit code. `file` is a path, or "-" for standard input.
-int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file);
+/// `key`: the file of the private key where it is kept elsewhere; empty: none.
+int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file,
+                const std::string& key);
 int CheckPolicy(const ControlClient& client, const std::string& feature, const std::string& file);
 int ShowPolicy(const ControlClient& client, const std::string& feature);
 int ListPolicies(const ControlClient& client);
@@ -36,6 +38,15 @@ int CallTasklet(const ControlClient& client, const std::string& id, const std::s
 
 /// Prints the warnings or errors of a policy check to standard error, each with its place.
 void PrintMessages(const char* title, const Json::Value& messages);
+
+/// The help of "--key".
+constexpr char kKeyMeaning[] =
+    "The private key that signs approved states, where it is kept elsewhere: a PEM file, as "
+    "signing.key was";
+
+/// Hands the agent the private key in the file `key` for the next decision; nothing for "".
+/// kExitOk, or the error has been printed.
+int LendKey(const ControlClient& client, const std::string& key);
 
 /// Prints why the agent did not answer; returns the exit code.
 int PrintFailure(const Answer& answer);

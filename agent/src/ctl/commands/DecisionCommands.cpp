@@ -12,6 +12,7 @@
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/BaselineCommands.h"
 #include "ctl/commands/Commands.h"
+#include "ctl/output/Question.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {
@@ -77,6 +78,9 @@ Json::Value RequestOf(const DecisionOptions& options, const std::vector<std::str
     request["paths"] = Json::Value(Json::arrayValue);
     for (const std::string& path : paths) request["paths"].append(SDK::PercentEncode(path));
     request["all"] = options.all;
+    if (options.generation == 0) return request;
+    request["generation"] = options.generation;
+    request["dry_run"] = options.is_dry_run;
     return request;
 }
 
@@ -87,10 +91,22 @@ std::vector<std::string> Resolve(std::vector<std::string> paths) {
     return paths;
 }
 
+bool IsConfirmed(const std::string& question) {
+    if (!IsAtTerminal()) {
+        std::cerr << "Nothing was done: without a terminal, --yes is needed." << std::endl;
+        return false;
+    }
+    if (Confirm(question)) return true;
+    std::cerr << "Nothing was done." << std::endl;
+    return false;
+}
+
 }  // namespace
 
 int Decide(const ControlClient& client, const DecisionOptions& options) {
     const std::vector<std::string> paths = Resolve(options.paths);
+    const int lent = LendKey(client, options.key);
+    if (lent != kExitOk) return lent;
     const Answer answer =
         client.Send(HTTPRequest::HTTP_POST, "/v1/baseline/" + options.action,
                     JsonUtils::JsonToString(RequestOf(options, paths)), kSubmitTimeoutS);
@@ -99,6 +115,25 @@ int Decide(const ControlClient& client, const DecisionOptions& options) {
     if (answer.status == kAccepted && id.isInt64()) return Await(client, id.asInt64());
     PrintFailure(answer);
     return answer.status >= 400 && answer.status < 500 ? kExitRejected : kExitFailed;
+}
+
+int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed) {
+    if (options.paths.empty()) {
+        const ApprovedStates states;
+        const std::vector<Baseline::Generation> known = ProtectedStates(states).states;
+        if (known.size() > 1) {
+            std::cerr << "There are several protected paths; name one." << std::endl;
+            return kExitUsage;
+        }
+        if (!known.empty()) options.paths.push_back(LiveRoot(known.front().manifest->Info()));
+    }
+    const std::string path = options.paths.empty() ? "the site" : Printable(options.paths.front());
+    if (!is_confirmed && !options.is_dry_run &&
+        !IsConfirmed("Roll " + path + " back to generation " + std::to_string(options.generation) +
+                     "?")) {
+        return kExitFailed;
+    }
+    return Decide(client, options);
 }
 
 }  // namespace Ctl

@@ -31,7 +31,11 @@ bool IsListedBefore(const Generation& a, const Generation& b) {
 
 std::string TitleOf(const Generation& generation) {
     const Baseline::ManifestInfo& info = generation.manifest->Info();
-    return Printable(LiveRoot(info)) + ", copies in " + Printable(info.backup_path) + "\n";
+    const std::string root = LiveRoot(info);
+    const std::string note = ApprovedStates::HasLeftThePolicy(root)
+                                 ? "; no longer protected, see \"baseline forget\""
+                                 : "";
+    return Printable(root) + ", copies in " + Printable(info.backup_path) + note + "\n";
 }
 
 std::string RowOf(const Generation& generation, long long now_ms) {
@@ -98,7 +102,8 @@ int ListGenerations() {
             is_good = false;
             continue;
         }
-        if (TitleOf(generation) != title) std::cout << (title = TitleOf(generation));
+        const std::string its_title = TitleOf(generation);
+        if (its_title != title) std::cout << (title = its_title);
         std::cout << RowOf(generation, now_ms);
     }
     std::cout << std::flush;

@@ -47,9 +47,12 @@ int PrintFailure(const Answer& answer) {
                : kExitFailed;
 }
 
-int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file) {
+int ApplyPolicy(const ControlClient& client, const std::string& feature, const std::string& file,
+                const std::string& key) {
     std::string text;
     if (!Read(file, text)) return kExitFailed;
+    const int lent = LendKey(client, key);
+    if (lent != kExitOk) return lent;
     const Answer answer = ApplyPolicyText(client, feature, text);
     if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     if (answer.status != 200 && answer.status != kPolicyRefused) {

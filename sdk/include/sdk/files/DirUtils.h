@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 namespace SDK {
@@ -28,6 +29,9 @@ class DirUtils {
     /// Removes `name` in the open directory `directory`; a directory with everything in it. Never
     /// follows a symbolic link. A missing object is a failure (ENOENT).
     static int DeleteAt(int directory, const std::string& name);
+
+    /// The same, but stops after `limit_ms` (ETIMEDOUT); another call continues.
+    static int DeleteAt(int directory, const std::string& name, std::int64_t limit_ms);
 
     /// Makes the directory `path` and all missing parents, each with exactly `mode`, whatever the
     /// umask. An existing directory is success and keeps its mode.

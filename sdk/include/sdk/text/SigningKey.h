@@ -15,10 +15,14 @@ class SigningKey {
     /// A new pair.
     static std::unique_ptr<SigningKey> Generate();
 
-    /// From the text of a PEM file with a private or a public key. Null for anything else.
+    /// From the text of a PEM file with a private or a public key. Null for anything else, also for
+    /// a key with a passphrase.
     static std::unique_ptr<SigningKey> Read(const std::string& pem);
 
     bool CanSign() const { return can_sign_; }
+
+    /// Both have the same public part.
+    bool IsPairOf(const SigningKey& other) const;
 
     /// PEM texts; empty on failure.
     std::string PrivatePem() const;
