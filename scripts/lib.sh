@@ -132,3 +132,10 @@ build_preset() {
             die "the build failed"
     fi
 }
+
+# build_release: builds the release preset. Keeps the SENTREL_TESTS setting of a folder that is configured already.
+build_release() {
+    local options=()
+    [[ -e $ROOT/build/release/CMakeCache.txt ]] || options=(-DSENTREL_TESTS=OFF)
+    build_preset release "${options[@]}"
+}

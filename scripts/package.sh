@@ -97,7 +97,7 @@ main() {
     if [[ -z $stage ]]; then
         install_dependencies "${BUILD_PACKAGES[@]}" "${PACKAGE_PACKAGES[@]}"
         step "Building the preset release"
-        build_preset release
+        build_release
         stage=$ROOT/build/release/stage
     else
         install_dependencies "${PACKAGE_PACKAGES[@]}"

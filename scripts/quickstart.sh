@@ -122,10 +122,7 @@ check_place() {
 build() {
     install_dependencies "${BUILD_PACKAGES[@]}"
     step "Building (the first time takes a few minutes)"
-    # Keep the SENTREL_TESTS setting of a folder that is configured already.
-    local options=()
-    [[ -e $ROOT/build/release/CMakeCache.txt ]] || options=(-DSENTREL_TESTS=OFF)
-    build_preset release "${options[@]}"
+    build_release
     STAGE=$ROOT/build/release/stage
 }
 
