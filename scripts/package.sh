@@ -64,9 +64,9 @@ make_tree() {
 
 build_packages() {
     local tree=$1 debug=$2
-    local options="nocheck parallel=$JOBS"
-    [[ -n $debug ]] || options+=' noautodbgsym'
-    (cd "$tree" && logged package env DEB_BUILD_OPTIONS="$options" debian/rules binary) ||
+    local wanted="nocheck parallel=$JOBS"
+    [[ -n $debug ]] || wanted+=' noautodbgsym'
+    (cd "$tree" && logged package env DEB_BUILD_OPTIONS="$wanted" debian/rules binary) ||
         die "the packages could not be built; the whole output is in $LOG_DIR/package.log"
 }
 
