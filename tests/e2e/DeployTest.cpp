@@ -131,6 +131,8 @@ TEST_F(Deploying, CommandThatSucceeds_ChangesTheSiteAsAWhole) {
     EXPECT_EQ(Alarms(), 0U) << agent_.Ctl({"alarms", "--json"}).out;
     EXPECT_TRUE(HasReport("\"outcome\":\"deployed\""));
     ExpectClean();
+    EXPECT_EQ(agent_.Ctl({"baseline", "rollback", "1", "--yes"}).exit_code, 0);
+    ExpectUnchanged();
     EXPECT_EQ(agent_.Stop(), 0);
 }
 

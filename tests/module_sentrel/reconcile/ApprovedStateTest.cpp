@@ -1,6 +1,7 @@
 #include <framework/ConfigManager.h>
 #include <sdk/text/SigningKey.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <fstream>
 
@@ -234,6 +235,31 @@ TEST_F(ApprovedState, RollbackThatIsNotPossibleOrEndedHalfWay_LosesNothing) {
     EXPECT_EQ(Decide("rollback", {}, 7)["state"], "failed");
     EXPECT_EQ(Decide("rollback", {}, 3)["state"], "done") << "nothing differs";
     EXPECT_EQ(Generation(), 3);
+}
+
+TEST_F(ApprovedState, SingleFile_IsRolledBackWithItsExtendedAttributes) {
+    const std::string page = site_.Path("index.html");
+    const bool has_attributes = ::setxattr(page.c_str(), "user.a", "1", 1, 0) == 0;
+    const auto apply = [&](int generation) {
+        Json::Value policy = test::Installation::Policy();
+        policy["content"]["dirlist"].append(test::Installation::Entry(page, backup_.Path()));
+        EXPECT_NE(engine_.ApplyPolicy("sentrel_feature", test::Text(policy)).result, 0);
+        EXPECT_TRUE(test::WaitFor([&] { return Generation() == generation; }, 20s));
+    };
+    apply(1);
+    StopProtection();
+    site_.Write("index.html", "another page");
+    ::removexattr(page.c_str(), "user.a");
+    ::chmod(page.c_str(), 0600);
+    apply(2);
+    const Json::Value ended = Decide("rollback", {"index.html"}, 1);
+    EXPECT_EQ(ended["state"], "done") << ended["message"].asString();
+    EXPECT_EQ(Content("index.html"), "welcome");
+    struct stat info {};
+    EXPECT_EQ(::stat(page.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & ALLPERMS, 0644U);
+    char value = 0;
+    EXPECT_EQ(::getxattr(page.c_str(), "user.a", &value, 1), has_attributes ? 1 : -1);
 }
 
 TEST_F(ApprovedState, KeyThatIsKeptElsewhere_IsNeededForEachApproval) {
