@@ -16,6 +16,7 @@ namespace SDK {
 class ThreadProgress {
   public:
     ThreadProgress() = default;
+    ~ThreadProgress() = default;
     ThreadProgress(const ThreadProgress&) = delete;
     ThreadProgress& operator=(const ThreadProgress&) = delete;
 
