@@ -29,7 +29,6 @@ using Baseline::ManifestEntry;
 using Entry = SDK::PathAnchor::Entry;
 
 constexpr std::size_t kMostNamed = 3;
-constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 bool StatAt(const Entry& place, struct stat& info) {
     return ::fstatat(place.directory.Get(), place.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;

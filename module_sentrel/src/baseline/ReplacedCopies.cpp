@@ -11,8 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
+#include <charconv>
 
 #include "base/DirectoryListing.h"
 #include "base/PathText.h"
@@ -81,12 +80,12 @@ SDK::FileDescriptor ReplacedCopies::MakeAll() const {
 std::vector<ReplacedCopies::Run> ReplacedCopies::RunsIn(int directory) {
     std::vector<Run> runs;
     for (const std::string& name : NamesIn(directory)) {
+        const std::size_t point = name.find('.');
+        if (point == std::string::npos) continue;
         Run run;
-        int end = 0;
-        if (std::sscanf(name.c_str(), "%u.%u%n", &run.first, &run.second, &end) == 2 &&
-            name == TextOf(run.first, run.second)) {
-            runs.push_back(run);
-        }
+        std::from_chars(name.data(), name.data() + point, run.first);
+        std::from_chars(name.data() + point + 1, name.data() + name.size(), run.second);
+        if (name == TextOf(run.first, run.second)) runs.push_back(run);
     }
     std::sort(runs.begin(), runs.end());
     return runs;
