@@ -12,7 +12,10 @@ readonly MOST_EXPOSURE=40
 main() {
     local words
     words=$(unit_confinement "$UNIT")
-    systemd-analyze security --offline=true --no-pager --threshold="$MOST_EXPOSURE" "$UNIT" | tail -n 1
+    # systemd-analyze writes to /run/systemd, here to one of its own.
+    # shellcheck disable=SC2016
+    unshare --mount --propagation private sh -c 'mount -t tmpfs none /run && exec "$@"' - \
+        systemd-analyze security --offline=true --no-pager --threshold="$MOST_EXPOSURE" "$UNIT" | tail -n 1
     SENTREL_AGENT_THROUGH="$words" "$E2E_TESTS" --gtest_brief=1 --gtest_filter="$FILTER"
 }
 
