@@ -94,7 +94,7 @@ TEST(PrometheusText, StatusDocument_BecomesTheTextFormatToTheLetter) {
     const StrictReader read(
         Agent::FormatMetrics(Parse(R"({"version":"1\"2\\3\n4","started":1763714260,
         "health":{"state":"degraded","reasons":[{"code":"held","path":"/a"},{"code":"held","path":"/a"}]},
-        "protection":{"on":true,"working":false,"last_undone":null},"watch_limit":8192,
+        "protection":{"on":true,"working":false,"last_undone":null},"watch_limit":8192,"backup":{"type":0,"local_pending":true,"remote_pending":true},
         "counters":{"events_received":9007199254740993,"restores_done":2,"overflows":0},
         "undo_latency":{"buckets":[{"le_ms":0.5,"count":1},{"le_ms":25,"count":3}],"count":4,"sum_ms":7.25},
         "tasks":[{"id":"t","queue_length":5},{"id":"broken"}],
@@ -107,6 +107,7 @@ TEST(PrometheusText, StatusDocument_BecomesTheTextFormatToTheLetter) {
              {R"(sentrel_health{state="degraded"})", 1},
              {R"(sentrel_health{state="healthy"})", 0},
              {R"(sentrel_health_reason{code="held",path="/a"})", 1},
+             {R"(sentrel_backup_pending{where="local"})", 1},
              {"sentrel_watch_limit", 8192},
              {"sentrel_protection_working", 0},
              {R"(sentrel_undone_total{how="restored"})", 2},
@@ -120,6 +121,7 @@ TEST(PrometheusText, StatusDocument_BecomesTheTextFormatToTheLetter) {
         ASSERT_EQ(read.Samples().count(sample), 1U) << sample;
         EXPECT_EQ(read.Samples().at(sample), value) << sample;
     }
+    EXPECT_EQ(read.Samples().count(R"(sentrel_backup_pending{where="remote"})"), 0U) << "type 0";
     EXPECT_EQ(read.Samples().count("sentrel_last_undone_timestamp_seconds"), 0U) << "null";
 }
 

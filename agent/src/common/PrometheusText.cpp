@@ -17,6 +17,10 @@ using SDK::JsonUtils;
 namespace {
 
 constexpr double kMsPerSecond = 1000;
+// Values of a policy's "backup_type".
+constexpr int kRemoteOnly = 1;
+constexpr int kLocalAndRemote = 2;
+constexpr int kMadeByOthers = 3;
 
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
@@ -132,12 +136,6 @@ const std::vector<Group>& Groups() {
           {"given_up", "given_up"},
           {"large_files", "large_file"},
           {"trees_to_compare", "tree"}}},
-        {"sentrel_backup_pending",
-         "gauge",
-         "1: a backup is not complete.",
-         "backup",
-         "where",
-         {{"local_pending", "local"}, {"remote_pending", "remote"}}},
     };
     return groups;
 }
@@ -279,6 +277,17 @@ void AddHealth(const Json::Value& status, std::string& out) {
     }
 }
 
+/// The flags mean nothing for copies that the agent does not make.
+void AddBackup(const Json::Value& status, std::string& out) {
+    const Json::Value type = At(status, {"backup", "type"});
+    if (!type.isInt()) return;
+    const bool makes_copies = type.asInt() != kRemoteOnly && type.asInt() != kMadeByOthers;
+    Family family(out, "sentrel_backup_pending", "gauge", "1: a backup is not complete.");
+    if (makes_copies) family.Add(At(status, {"backup", "local_pending"}), {{"where", "local"}});
+    if (type.asInt() != kLocalAndRemote) return;
+    family.Add(At(status, {"backup", "remote_pending"}), {{"where", "remote"}});
+}
+
 void AddLatency(const Json::Value& status, std::string& out) {
     const Json::Value latency = At(status, {"undo_latency"});
     const Json::Value count = At(latency, {"count"});
@@ -336,6 +345,7 @@ std::string FormatMetrics(const Json::Value& status) {
             family.Add(At(status, {group.object, key}), {{group.label, value}});
         }
     }
+    AddBackup(status, out);
     AddLatency(status, out);
     AddTasks(status, out);
     AddPaths(status, out);

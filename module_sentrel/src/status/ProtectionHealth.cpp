@@ -145,9 +145,10 @@ void AddUnsafePlaces(const Json::Value& status, Reasons& reasons) {
 
 void AddPauses(const Json::Value& status, Reasons& reasons) {
     for (const Json::Value& pause : status["pauses"]) {
+        const std::string why = Text(pause, "reason");
         reasons.Add("pause",
-                    "nothing is undone there until morvanectl resume, or the pause ends: " +
-                        Text(pause, "reason"),
+                    "changes are held until the pause ends (morvanectl resume)" +
+                        (why.empty() ? why : ": " + why),
                     Text(pause, "path"));
     }
 }

@@ -165,6 +165,25 @@ TEST_F(ApprovedState, LostBackup_MakesNothingForeignAndIsUsedAgainWhenItIsBack) 
     EXPECT_TRUE(Becomes(site_.Path("sub/page.html"), "page"));
 }
 
+TEST_F(ApprovedState, CopiesThatWereDeletedBeforeAPolicy_AreNotMissedWhileTheyAreMadeAnew) {
+    // So many that the places are looked at while they are copied.
+    for (int at = 0; at < 1000; ++at) site_.Write("many/" + std::to_string(at), "page");
+    Approve();
+    StopProtection();
+    fs::remove_all(backup_.Path());
+    fs::create_directory(backup_.Path());
+    ::chmod(backup_.Path().c_str(), 0700);
+    Protect();
+    std::string problem;
+    const auto is_copied = [&] {
+        const Json::Value status = Status();
+        if (problem.empty()) problem = status["problem"].asString();
+        return status["backup_complete"].asBool();
+    };
+    EXPECT_TRUE(test::WaitFor(is_copied, 60s)) << test::Text(Status());
+    EXPECT_EQ(problem, "");
+}
+
 TEST_F(ApprovedState, OperatorsPolicy_ApprovesThePresentState) {
     Approve();
     StopProtection();
