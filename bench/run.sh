@@ -31,7 +31,7 @@ no settings of the machine except the length of inotify's queues while an agent 
 END
 }
 
-readonly PEERS=(inotify-tools lsyncd watchman gnuplot-nox)
+readonly PEERS=(inotify-tools lsyncd watchman aide gnuplot-nox)
 OUTPUT=$ROOT/build/bench
 readonly DRIVER=$ROOT/build/release/bench/sentrel_bench
 

@@ -170,6 +170,15 @@ Json::Value Sentrel::Status() const {
     return answer.kind == Ctl::Answer::Kind::kAnswered ? answer.body : Json::Value();
 }
 
+bool Sentrel::HasManifest() const {
+    return Status()["protected_paths"][0]["baseline"]["generation"].asUInt() > 0;
+}
+
+Command Sentrel::VerifyCommand() const {
+    return {
+        {install_ + "/bin/morvanectl", "verify", "--full"}, PlainEnvironment(machine_), "", "", ""};
+}
+
 std::int64_t Sentrel::LastReport() const {
     return Status()["reports"]["last_seq"].asInt64();
 }

@@ -41,6 +41,12 @@ class Sentrel : public Product {
     /// The status document; null when the agent does not answer.
     Json::Value Status() const;
 
+    /// The state of the protected path is approved and signed.
+    bool HasManifest() const;
+
+    /// The command that compares all contents with what was approved; exit code 0: nothing differs.
+    Command VerifyCommand() const;
+
     /// The number of the newest report. `Since` returns the alarms after it.
     std::int64_t LastReport() const;
     AlarmPaths Since(std::int64_t report) const;

@@ -58,6 +58,11 @@ const std::vector<RowTitle>& RowTitles() {
         {"drain_ignored", "A backlog of ignored events: drained", "a second", ""},
         {"overflow_left", "Queue overflowed: of 3,000 files left tampered for good", "files", ""},
         {"overflow_back", "The same: until all were back", "ms", ""},
+        {"verify_200000", "200,000 files compared with their approved state by content", "ms",
+         "rsync -nc"},
+        {"manifest_200000", "From the end of the first backup of 200,000 files to its manifest",
+         "ms", "first backup"},
+        {"unseen", "A change of which the kernel tells nothing, until it is undone", "ms", ""},
         {"backup_200000", "First backup of 200,000 files", "ms", "bare rsync"},
     };
     return kTitles;

@@ -39,6 +39,8 @@ const std::vector<RowEntry>& AllRows() {
         {"excluded", "a writer in excluded directories", 10, MeasureExcluded},
         {"overflow", "more events than the kernel's queue holds", 50, MeasureOverflow},
         {"scale", "set-up, memory, latency and idle load by size of the tree", 90, MeasureScale},
+        {"verify", "200,000 files compared with their approved state", 40, MeasureVerify},
+        {"unseen", "changes of which the kernel tells nothing", 65, MeasureUnseen},
         {"backup", "first backup of 200,000 files", 60, MeasureBackup},
     };
     return kRows;

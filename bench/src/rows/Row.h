@@ -56,6 +56,8 @@ void MeasureEvents(Plan& plan);
 void MeasureExcluded(Plan& plan);
 void MeasureOverflow(Plan& plan);
 void MeasureBackup(Plan& plan);
+void MeasureVerify(Plan& plan);
+void MeasureUnseen(Plan& plan);
 
 /// A product with a site of its own in the work folder. The destructor ends and removes both.
 class TestBed {
