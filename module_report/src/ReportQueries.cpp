@@ -68,6 +68,7 @@ Json::Value ToJson(const Report& report) {
     object["outcome"] = report.outcome;
     object["duration_ms"] =
         report.duration_ms < 0 ? Json::Value() : Json::Value(report.duration_ms);
+    object["evidence"] = report.evidence;
     return object;
 }
 

@@ -35,6 +35,7 @@ bool ToReport(const Framework::Message* msg, Report& report) {
         report.body = data->GetBody();
         report.outcome = data->GetNote().outcome;
         report.duration_ms = data->GetNote().duration_ms;
+        report.evidence = data->GetNote().evidence;
         report.is_json_line = data->GetNote().is_json_line;
         return true;
     }

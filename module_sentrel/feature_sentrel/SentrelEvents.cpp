@@ -250,7 +250,7 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
     if (undoing.outcome == Outcome::kRestored || undoing.outcome == Outcome::kRemoved) {
         state_.status.NoteUndoLatency(note.duration_ms);
     }
-    alarms_.Raise(std::move(alarm), std::move(description.pinned), rule.backup_path + file);
+    alarms_.Raise(std::move(alarm), std::move(description.pinned), description.copy);
     if (undoing.lost_directory.empty()) return;
     // Its own event will find it restored.
     alarms_.Raise({undoing.lost_directory, ALARM_DELETE, "", "", note}, PinnedFile(), "");
@@ -260,17 +260,25 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
 SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRule& rule,
                                                              const std::string& file) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
-    if ((!utils->diff_content && !utils->diff_attr) || alarms_.IsMergedAnyway(file)) return {};
+    // What a merged alarm would show is kept all the same.
+    const bool is_shown = !alarms_.IsMergedAnyway(file);
+    const bool has_content = utils->diff_content && is_shown;
+    const bool has_attributes = utils->diff_attr && is_shown;
+    if (!has_content && !has_attributes && !evidence_.is_kept) return {};
     const RulePlaces places = state_.anchors.Held(rule);
     if (!places) return {};
     Description description;
     description.pinned = PinnedFile(*places.anchors, file);
-    if (utils->diff_attr) {
+    if (has_attributes) {
         description.diff_attr =
             HandleFileAttrDiff(rule.backup_path + file, description.pinned.Path()) +
             Comparer(rule, places).DescribeAttributes(file);
     }
-    if (!utils->diff_content) description.pinned = PinnedFile();
+    if (has_content && !evidence_.IsSecret(file)) {
+        description.copy = rule.backup_path + file;
+    } else if (!evidence_.is_kept) {
+        description.pinned = PinnedFile();
+    }
     return description;
 }
 

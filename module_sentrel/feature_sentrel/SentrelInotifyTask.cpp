@@ -134,6 +134,10 @@ void SentrelInotifyTask::NoteLook(const Reconciler::Look& look) {
 bool SentrelInotifyTask::Init() {
     reconciler_.SetPeriod(ReconcilePeriod());
     check_settings_ = CheckSettings::Read();
+    evidence_ = EvidenceSettings::Read();
+    alarms_.KeepIn(evidence_.is_kept ? std::make_unique<Evidence::EvidenceStore>(
+                                           EvidenceSettings::Directory(), evidence_.limits)
+                                     : nullptr);
     check_action_ = check_settings_.at_start;
     release_mode_ = ReleaseLinks::ConfiguredMode();
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());

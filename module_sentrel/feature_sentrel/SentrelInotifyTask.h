@@ -16,6 +16,7 @@
 #include "base/SentrelDirRule.h"
 #include "baseline/OperatorRequests.h"
 #include "feature_sentrel/alarms/AlarmReporter.h"
+#include "feature_sentrel/alarms/EvidenceSettings.h"
 #include "feature_sentrel/alarms/SentrelCacheMsg.h"
 #include "feature_sentrel/backup/DeployPutting.h"
 #include "feature_sentrel/event_path/BackupComparer.h"
@@ -110,6 +111,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     struct Description {
         PinnedFile pinned = {};
         std::string diff_attr = {};
+        std::string copy = {};  ///< to compare `pinned` with; empty: the alarm shows no content
     };
 
     Rejudge::Owner RejudgeOwner();
@@ -191,6 +193,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     SDK::FileDescriptor mount_events_;
     BaselineCheck check_;
     CheckSettings check_settings_;
+    EvidenceSettings evidence_;
     CheckAction check_action_ = CheckAction::kHold;  ///< of the checks that are under way
     std::set<std::string> being_checked_;            ///< by watch id
     /// A restore that an operator wants.

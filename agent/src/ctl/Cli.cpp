@@ -9,6 +9,7 @@
 #include "ctl/AlarmCli.h"
 #include "ctl/BaselineCli.h"
 #include "ctl/DeployCli.h"
+#include "ctl/EvidenceCli.h"
 #include "ctl/ProtectCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
@@ -154,6 +155,7 @@ int Run(int argc, const char* const* argv) {
     DefineReports(app, args);
     DefineBaseline(app, args.command);
     DefineDeploy(app, args.command);
+    DefineEvidence(app, args.command);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

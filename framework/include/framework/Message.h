@@ -25,6 +25,7 @@ struct ReportNote {
     /// The body is already one JSON object in one line of valid UTF-8, as JsonUtils::JsonToString
     /// writes it; receivers need not check it.
     bool is_json_line = false;
+    std::string evidence = {};  ///< the id of what was kept of the object; empty: nothing
 };
 
 /// A report on the command channel: id and body.

@@ -18,6 +18,7 @@ struct Report {
     std::string body;
     std::string outcome;        ///< empty: unknown
     double duration_ms = -1;    ///< negative: unknown
+    std::string evidence;       ///< empty: nothing was kept
     bool is_json_line = false;  ///< the sender guarantees the form of the body; not stored
 };
 

@@ -27,7 +27,8 @@ constexpr const char* kSetUp =
     "PRAGMA journal_size_limit=16777216;"
     "CREATE TABLE IF NOT EXISTS reports("
     "seq INTEGER PRIMARY KEY AUTOINCREMENT, time_ms INTEGER NOT NULL, kind TEXT NOT NULL,"
-    "name TEXT NOT NULL, body BLOB NOT NULL, outcome TEXT NOT NULL, duration_ms REAL);"
+    "name TEXT NOT NULL, body BLOB NOT NULL, outcome TEXT NOT NULL, duration_ms REAL,"
+    "evidence TEXT NOT NULL DEFAULT '');"
     "CREATE INDEX IF NOT EXISTS reports_by_time ON reports(time_ms);"
     "DROP INDEX IF EXISTS reports_by_kind;"
     "CREATE INDEX IF NOT EXISTS reports_cmd ON reports(seq) WHERE kind='cmd';"
@@ -58,7 +59,7 @@ const char* KindCondition(ReportFilter::Kind kind) {
 }
 
 std::string ReadSql(const ReportFilter& filter) {
-    std::string sql = "SELECT seq,time_ms,kind,name,body,outcome,duration_ms FROM reports";
+    std::string sql = "SELECT seq,time_ms,kind,name,body,outcome,duration_ms,evidence FROM reports";
     if (filter.since_ms > 0) {
         // Times increase with sequence numbers except after clock changes. The first number of that
         // time limits the scan to newer rows. The plus signs force the planner to do so.
@@ -81,6 +82,7 @@ Report RowToReport(const SqliteRun& row) {
     report.body = row.Bytes(4);
     report.outcome = row.Bytes(5);
     if (!row.IsNull(6)) report.duration_ms = row.Double(6);
+    report.evidence = row.Bytes(7);
     return report;
 }
 
@@ -89,8 +91,25 @@ Report RowToReport(const SqliteRun& row) {
 bool ReportDatabase::Open(const std::string& path) {
     CreatePrivateFile(path);
     opened_ = Check(connection_.Open(path, kBusyTimeoutMs)) && Check(connection_.Execute(kSetUp)) &&
-              PrepareStatements();
+              AddMissingColumns() && PrepareStatements();
     return opened_;
+}
+
+/// The file may be of an older version of the agent.
+bool ReportDatabase::AddMissingColumns() {
+    SqliteStatement columns;
+    if (!Check(columns.Prepare(
+            connection_, "SELECT 1 FROM pragma_table_info('reports') WHERE name='evidence'"))) {
+        return false;
+    }
+    int code = SQLITE_OK;
+    {
+        SqliteRun run(columns);
+        code = run.Step();
+    }
+    if (code == SQLITE_ROW) return true;
+    return Check(code) && Check(connection_.Execute(
+                              "ALTER TABLE reports ADD COLUMN evidence TEXT NOT NULL DEFAULT ''"));
 }
 
 bool ReportDatabase::PrepareStatements() {
@@ -99,7 +118,8 @@ bool ReportDatabase::PrepareStatements() {
         const char* sql;
     } all[] = {
         {insert_,
-         "INSERT INTO reports(time_ms,kind,name,body,outcome,duration_ms) VALUES(?,?,?,?,?,?)"},
+         "INSERT INTO reports(time_ms,kind,name,body,outcome,duration_ms,evidence)"
+         " VALUES(?,?,?,?,?,?,?)"},
         {last_seq_, kLastSeq},
         {count_, "SELECT count(*) FROM reports"},
         {prune_old_,
@@ -126,6 +146,7 @@ bool ReportDatabase::Insert(Report& report) {
     run.BindBlob(4, report.body);
     run.BindText(5, report.outcome);
     if (report.duration_ms >= 0) run.Bind(6, report.duration_ms);
+    run.BindText(7, report.evidence);
     if (!Check(run.Step())) return false;
     report.seq = sqlite3_last_insert_rowid(connection_.Handle());
     return true;

@@ -71,6 +71,7 @@ class ReportDatabase {
     const std::string& Error() const { return error_; }
 
   private:
+    bool AddMissingColumns();
     bool PrepareStatements();
     bool Check(int code);
     bool Value(SqliteStatement& statement, std::int64_t& value);

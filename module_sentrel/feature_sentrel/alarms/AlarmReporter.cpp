@@ -41,9 +41,10 @@ void AlarmReporter::Raise(Alarm alarm, PinnedFile pinned, const std::string& cop
     Waiting waiting{std::chrono::steady_clock::now(), std::move(alarm), nullptr};
     if (!pinned.Path().empty()) {
         if (held_ < most_held_) {
-            waiting.difference = worker_.Ask(std::move(pinned), copy, waiting.alarm.file);
+            waiting.difference =
+                worker_.Ask(std::move(pinned), copy, waiting.alarm.file, !copy.empty());
             ++held_;
-        } else {
+        } else if (!copy.empty()) {
             waiting.alarm.note.outcome += "; difference left out";
         }
     }
@@ -63,6 +64,7 @@ bool AlarmReporter::SendNext() {
         if (!first.difference->IsReady()) return false;
         --held_;
         first.alarm.diff = first.difference->Text();
+        first.alarm.note.evidence = first.difference->EvidenceId();
         if (first.difference->IsLeftOut()) first.alarm.note.outcome += "; difference left out";
     }
     const Waiting done = std::move(first);

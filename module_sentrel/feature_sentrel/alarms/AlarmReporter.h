@@ -41,9 +41,15 @@ class AlarmReporter {
     /// A new alarm for that file would be merged with an earlier one.
     bool IsMergedAnyway(const std::string& file);
 
-    /// Compares `pinned` with `copy` first when it holds a file. Leaves the difference out when too
-    /// many files are held: descriptors must remain for other work.
+    /// When `pinned` holds a file, keeps its content first and, unless `copy` is empty, compares it
+    /// with `copy`. Leaves both out when too many files are held: descriptors must remain for other
+    /// work.
     void Raise(Alarm alarm, PinnedFile pinned, const std::string& copy);
+
+    /// As DifferenceWorker::KeepIn.
+    void KeepIn(std::unique_ptr<Evidence::EvidenceStore> evidence) {
+        worker_.KeepIn(std::move(evidence));
+    }
 
     /// Sends the first waiting alarm. False when it is not described yet, or none waits.
     bool SendNext();

@@ -27,9 +27,14 @@ DifferenceWorker::~DifferenceWorker() {
     Stop();
 }
 
+void DifferenceWorker::KeepIn(std::unique_ptr<Evidence::EvidenceStore> evidence) {
+    Stop();
+    evidence_ = std::move(evidence);
+}
+
 std::shared_ptr<const Difference> DifferenceWorker::Ask(PinnedFile pinned, const std::string& copy,
-                                                        const std::string& path) {
-    auto difference = std::make_shared<Difference>(std::move(pinned), copy, path);
+                                                        const std::string& path, bool is_shown) {
+    auto difference = std::make_shared<Difference>(std::move(pinned), copy, path, is_shown);
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         waiting_.push_back(difference);
@@ -66,7 +71,11 @@ void DifferenceWorker::Work() {
             waiting_.pop_front();
             stopping = stopping_;
         }
-        if (stopping || !HasTime()) {
+        SaveUp();
+        Keep(*next);
+        if (!next->is_shown_) {
+            // Nothing is compared.
+        } else if (stopping || saved_ <= Clock::duration::zero()) {
             next->left_out_ = true;
         } else {
             FindOut(*next);
@@ -88,12 +97,25 @@ void DifferenceWorker::FindOut(Difference& difference) {
     saved_ -= Clock::now() - begun;
 }
 
-bool DifferenceWorker::HasTime() {
+void DifferenceWorker::Keep(Difference& difference) {
+    if (evidence_ == nullptr) return;
+    const auto record = evidence_->Keep(difference.pinned_.Descriptor(), difference.path_,
+                                        std::max<std::uint64_t>(saved_bytes_, kAlwaysKeptBytes));
+    if (!record) return;
+    saved_bytes_ -= std::min<std::uint64_t>(saved_bytes_, record->kept);
+    difference.evidence_id_ = record->id;
+}
+
+void DifferenceWorker::SaveUp() {
     const Clock::time_point now = Clock::now();
-    const auto added = (now - saved_at_) * kAddedPerSecond.count() / 1000;
-    saved_ = std::min<Clock::duration>(saved_ + added, kMostSaved);
+    const auto passed = now - saved_at_;
+    saved_ =
+        std::min<Clock::duration>(saved_ + passed * kAddedPerSecond.count() / 1000, kMostSaved);
+    const double seconds = std::chrono::duration<double>(passed).count();
+    const double bytes = static_cast<double>(saved_bytes_) + seconds * kAddedBytesPerSecond;
+    saved_bytes_ =
+        static_cast<std::uint64_t>(std::min(bytes, static_cast<double>(kMostSavedBytes)));
     saved_at_ = now;
-    return saved_ > Clock::duration::zero();
 }
 
 }  // namespace Engine

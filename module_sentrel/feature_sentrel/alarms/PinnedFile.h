@@ -23,6 +23,9 @@ class PinnedFile {
     /// nothing is held.
     std::string Path() const;
 
+    /// The held object (O_PATH); -1 when nothing is held.
+    int Descriptor() const { return held_.Get(); }
+
   private:
     SDK::FileDescriptor held_;
 };

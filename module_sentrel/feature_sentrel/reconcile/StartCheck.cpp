@@ -13,6 +13,7 @@
 #include "base/ModuleLogger.h"
 #include "state/ModuleState.h"
 #include "utils/SentrelUtils.h"
+#include "utils/SettingsSection.h"
 
 namespace Engine {
 
@@ -26,12 +27,6 @@ constexpr std::array<std::pair<const char*, CheckAction>, 3> kActions = {
      {"restore", CheckAction::kRestore},
      {"accept", CheckAction::kAccept}}};
 
-void Warn(const char* name, const char* expected) {
-    SDK_LOG(ModuleLogger(), PRIO_WARNING,
-            "conf/agent.json: /sentrel/%s: must be %s; the default is used.", std::string(name),
-            std::string(expected));
-}
-
 void ReadAction(const Json::Value& section, const char* name, CheckAction& action) {
     const Json::Value& value = section[name];
     if (value.isNull()) return;
@@ -41,20 +36,7 @@ void ReadAction(const Json::Value& section, const char* name, CheckAction& actio
             return;
         }
     }
-    Warn(name, R"("hold", "restore" or "accept")");
-}
-
-bool ReadNumber(const Json::Value& section, const char* name, int least, int most, int& number) {
-    const Json::Value& value = section[name];
-    if (value.isNull()) return false;
-    const bool fits = value.isInt() && value.asInt() >= least && value.asInt() <= most;
-    if (!fits) {
-        Warn(name,
-             ("a number from " + std::to_string(least) + " to " + std::to_string(most)).c_str());
-        return false;
-    }
-    number = value.asInt();
-    return true;
+    SettingsSection::Warn(name, R"("hold", "restore" or "accept")");
 }
 
 /// Nothing was approved of objects that could not be copied.
@@ -97,10 +79,12 @@ CheckSettings CheckSettings::Read() {
     ReadAction(section, "start_check", settings.at_start);
     ReadAction(section, "pause_end_check", settings.after_pause);
     int generations = 0;
-    if (ReadNumber(section, "baseline_generations", 1, kMostGenerations, generations)) {
+    if (SettingsSection::ReadNumber(section, "baseline_generations", 1, kMostGenerations,
+                                    generations)) {
         settings.generations = static_cast<std::size_t>(generations);
     }
-    ReadNumber(section, "full_check_hour", -1, kHours - 1, settings.full_check_hour);
+    SettingsSection::ReadNumber(section, "full_check_hour", -1, kHours - 1,
+                                settings.full_check_hour);
     return settings;
 }
 

@@ -1,3 +1,6 @@
+#include <evidence/EvidenceStore.h>
+
+#include "feature_sentrel/alarms/EvidenceSettings.h"
 #include "fixtures/EventFixture.h"
 
 namespace {
@@ -60,6 +63,46 @@ TEST_F(Event, ConcurrentChanges_HaveTheirOwnDifferencesInTheirOrder) {
     EXPECT_NE(seen[1].body.find(R"("diff":"")"), std::string::npos) << seen[1].body;
     EXPECT_NE(seen[2].body.find(R"("evil code")"), std::string::npos) << seen[2].body;
     EXPECT_EQ(Content("index.html") + Content("sub/page.html"), "welcomepage");
+}
+
+TEST_F(Event, WhatIsUndone_IsKept_AndSecretsAreInNoAlarm) {
+    utils_->diff_content = true;
+    data_.Write("site/.env", "PASSWORD=old");
+    data_.Write("backup" + File(".env"), "PASSWORD=new");
+    TellAtOnce([&] {
+        data_.Write("site/shell.php", "evil code");
+        Post("shell.php", IN_CREATE);
+        data_.Write("site/index.html", "defaced");
+        Post("index.html", IN_MODIFY);
+        data_.Write("site/.env", "PASSWORD=stolen");
+        Post(".env", IN_MODIFY);
+    });
+    EXPECT_EQ(AlarmsOnce(3),
+              "add shell.php: removed\nmodify index.html: restored\n"
+              "modify .env: restored\n");
+    const auto seen = running_.fakes->data.Seen();
+    const Evidence::EvidenceStore store(Engine::EvidenceSettings::Directory());
+    std::vector<std::string> kept;
+    for (const Evidence::Record& record : store.List()) {
+        kept.push_back(
+            record.path.substr(rule_.real_path.size()) + " " +
+            test::TempDir::Read(Engine::EvidenceSettings::Directory() + "/" + record.id));
+        EXPECT_EQ(record.id, seen[kept.size() - 1].note.evidence);
+    }
+    EXPECT_EQ(kept, (std::vector<std::string>{"shell.php evil code", "index.html defaced",
+                                              ".env PASSWORD=stolen"}));
+    EXPECT_EQ(seen[2].body.find("PASSWORD"), std::string::npos) << seen[2].body;
+}
+
+TEST(EvidenceSettings, NamesOfSecrets_MatchWholeNamesOrPaths) {
+    Engine::EvidenceSettings settings;
+    settings.secret_files = {".env", "*.key", "/srv/app/config/*"};
+    for (const char* secret : {"/srv/.env", "/srv/tls/site.key", "/srv/app/config/db.php"}) {
+        EXPECT_TRUE(settings.IsSecret(secret)) << secret;
+    }
+    for (const char* open : {"/srv/.environment", "/srv/.env/page", "/srv/key", "/srv/config/x"}) {
+        EXPECT_FALSE(settings.IsSecret(open)) << open;
+    }
 }
 
 TEST_F(Event, DifferenceOfAHugeFile_IsLeftOutAndTheOutcomeSaysSo) {

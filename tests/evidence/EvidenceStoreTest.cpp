@@ -1,0 +1,118 @@
+#include <evidence/EvidenceStore.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "support/TempDir.h"
+
+namespace {
+
+using Evidence::EvidenceStore;
+using Evidence::Limits;
+using Evidence::Record;
+
+class Keeping : public testing::Test {
+  protected:
+    std::optional<Record> Keep(const std::string& name, const std::string& content,
+                               std::uint64_t most = 1 << 20) {
+        const SDK::FileDescriptor object(
+            ::open(dir_.Write(name, content).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        return store_->Keep(object.Get(), "/site/" + name, most);
+    }
+    void Limit(std::uint64_t bytes) {
+        Limits limits;
+        limits.most_bytes = bytes;
+        limits.left_free = 0;
+        store_ = std::make_unique<EvidenceStore>(dir_.Path("evidence"), limits);
+    }
+    std::string Content(const std::string& id) const {
+        std::ifstream in(dir_.Path("evidence/" + id), std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    test::TempDir dir_;
+    std::unique_ptr<EvidenceStore> store_ =
+        std::make_unique<EvidenceStore>(dir_.Path("evidence"), Limits{1 << 20, 1 << 20, 0, 30});
+};
+
+TEST_F(Keeping, EqualContents_AreKeptOnceAndListedEachTime) {
+    const auto first = Keep("index.html", "defaced");
+    const auto second = Keep("about.html", "defaced");
+    const auto other = Keep("shell.php", std::string("<?php\0", 6));
+    ASSERT_TRUE(first && second && other);
+    EXPECT_EQ(first->id, second->id);
+    EXPECT_EQ(Content(first->id), "defaced");
+    EXPECT_EQ(Content(other->id), std::string("<?php\0", 6));
+    const auto listed = store_->List();
+    ASSERT_EQ(listed.size(), 3U);
+    EXPECT_EQ(listed[1].path, "/site/about.html");
+    EXPECT_EQ(listed[2].size, 6U);
+    EXPECT_EQ(store_->Find(first->id.substr(0, 8)), std::vector<std::string>{first->id});
+    struct stat info {};
+    ASSERT_EQ(::stat(dir_.Path("evidence").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & ALLPERMS, 0700U);
+}
+
+TEST_F(Keeping, HugeSparseFile_IsKeptInPart) {
+    ASSERT_EQ(::truncate(dir_.Write("huge", "begin").c_str(), 6LL << 30), 0);
+    const SDK::FileDescriptor object(::open(dir_.Path("huge").c_str(), O_PATH | O_CLOEXEC));
+    const auto record = store_->Keep(object.Get(), "/site/huge", 4096);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->size, 6ULL << 30);
+    EXPECT_EQ(record->kept, 4096U);
+    EXPECT_EQ(Content(record->id).substr(0, 5), "begin");
+}
+
+TEST_F(Keeping, LinkIsKeptAsItsText_OtherKindsAreNot) {
+    ASSERT_EQ(::symlink("/etc/shadow", dir_.Path("link").c_str()), 0);
+    ASSERT_EQ(::mkfifo(dir_.Path("fifo").c_str(), 0600), 0);
+    const SDK::FileDescriptor link(
+        ::open(dir_.Path("link").c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const SDK::FileDescriptor fifo(::open(dir_.Path("fifo").c_str(), O_PATH | O_CLOEXEC));
+    const auto record = store_->Keep(link.Get(), "/site/link", 4096);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(Content(record->id), "/etc/shadow");
+    EXPECT_FALSE(store_->Keep(fifo.Get(), "/site/fifo", 4096));
+}
+
+TEST_F(Keeping, BeyondItsLimit_DropsTheOldestAndNeverExceeds) {
+    Limit(10'000);
+    const auto first = Keep("first", std::string(4000, '1'));
+    ASSERT_TRUE(first);
+    for (char c = 'a'; c <= 'h'; ++c) {
+        // Records of one second are dropped together, so a Keep may find no room.
+        Keep(std::string(1, c), std::string(4000, c));
+        std::uint64_t bytes = 0;
+        for (const Record& record : store_->List()) bytes += record.kept;
+        EXPECT_LE(bytes, 10'000U);
+    }
+    EXPECT_FALSE(Keep("larger", std::string(20'000, 'x')));
+}
+
+TEST_F(Keeping, AfterARemoval_ContentsWithARecordStay) {
+    const auto shared = Keep("one", "shared");
+    Keep("two", "shared");
+    const auto alone = Keep("three", "alone");
+    ASSERT_TRUE(shared && alone);
+    EXPECT_EQ(store_->Remove([](const Record& record) { return record.path != "/site/two"; }), 1U);
+    EXPECT_EQ(Content(shared->id), "shared");
+    EXPECT_FALSE(store_->Open(alone->id).IsOpen());
+    EXPECT_EQ(store_->List().size(), 1U);
+}
+
+TEST_F(Keeping, DamagedLinesAndForeignNames_AreLeftOut) {
+    const auto good = Keep("one", "good");
+    ASSERT_TRUE(good);
+    std::ofstream(dir_.Path("evidence/list.jsonl"), std::ios::app)
+        << "{\"id\":\"../../../etc/passwd\",\"path\":\"/x\"}\nnot json\n{\"id\":\"" << good->id;
+    EXPECT_EQ(store_->List().size(), 1U);
+    EXPECT_FALSE(store_->Open("../list.jsonl").IsOpen());
+}
+
+}  // namespace
