@@ -84,6 +84,13 @@ Json::Value SentrelModule::AnswerDeploy(const Json::Value& request) {
     if (action == "begin") return BeginDeploy(request);
     const std::string id = JsonUtils::GetStringValue(request, "id", "");
     if (!StagedTree::IsId(id)) return Error("A deploy's id has 12 hexadecimal digits.");
+    if (action == "show") {
+        const std::optional<Deploy> known = state_.deploys.Find(id);
+        for (const SentrelDirRule& rule : state_.status.Rules()) {
+            if (known && known->IsOf(rule)) return Deploys::Describe(*known, rule);
+        }
+        return Error("There is no open deploy " + id + ".");
+    }
     if (action == "progress") return state_.deploys.Progress(id);
     if (action == "abort") return state_.deploys.Abort(id);
     if (action != "commit") return Error("There is no such action.");
@@ -97,7 +104,15 @@ Json::Value SentrelModule::AnswerPause(const Json::Value& request) {
     const std::string action = JsonUtils::GetStringValue(request, "action", "");
     const std::optional<SentrelDirRule> rule = RuleOf(state_.status, request);
     if (!rule) return Error("No protected path holds this path.");
-    if (action == "end") return state_.pauses.End(*rule);
+    if (action == "end") {
+        // What was changed and is as approved again need not be held any longer.
+        if (JsonUtils::GetBoolValue(request, "equal", false)) state_.progress.Release(*rule, "");
+        return state_.pauses.End(*rule);
+    }
+    if (action == "show") {
+        return state_.pauses.IsPaused(*rule) ? Json::Value(Json::objectValue)
+                                             : Error(rule->real_path + " does not pause.");
+    }
     if (action != "begin") return Error("There is no such action.");
     // Without an approved state nothing can be held, and so nothing restored later.
     if (!state_.progress.IsComplete(*rule)) {

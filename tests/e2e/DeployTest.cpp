@@ -4,10 +4,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "support/Isolation.h"
 #include "support/ProtectedSite.h"
@@ -104,7 +107,8 @@ class Deploying : public test::ProtectedSite {
         const test::CommandResult verified = agent_.Ctl({"verify", "--full"});
         EXPECT_EQ(verified.exit_code, 0) << verified.out << verified.err;
         EXPECT_EQ(agent_.Ctl({"verify", "--copies"}).exit_code, 0);
-        EXPECT_TRUE(Await([this] { return fs::is_empty(agent_.Path("data/deploy")); }));
+        const std::string staged = agent_.Path("data/deploy");
+        EXPECT_TRUE(Await([&] { return !fs::exists(staged) || fs::is_empty(staged); }));
     }
     void ExpectUnchanged() {
         EXPECT_EQ(Contents(site_.Path()), before_);
@@ -247,6 +251,189 @@ TEST_F(Deploying, ForeignChangeMeanwhile_IsUndoneAndNotDeployed) {
     EXPECT_TRUE(agent_.HasAlarm("add", site_.Path("shell.php")));
     EXPECT_TRUE(agent_.HasAlarm("modify", site_.Path("about.html")));
     EXPECT_FALSE(fs::exists(site_.Path("shell.php")));
+    ExpectClean();
+}
+
+TEST_F(Deploying, Pause_HoldsChangesOverARestartUntilTheyAreDecided) {
+    const auto change = [&](const std::string& name) {
+        std::ofstream(site_.Path(name)) << "changed";
+        return Await(
+            [&] { return agent_.HasAlarm(name == "added" ? "add" : "modify", site_.Path(name)); });
+    };
+    ASSERT_EQ(agent_.Ctl({"pause", site_.Path(), "--for", "1h", "--reason", "fix"}).exit_code, 0);
+    EXPECT_TRUE(change("index.html"));
+    EXPECT_TRUE(change("added"));
+    fs::remove(site_.Path("news.html"));
+    EXPECT_TRUE(Await([&] { return Path()["held"].asInt() == 3; })) << Path();
+    EXPECT_EQ(agent_.Ctl({"deploy", site_.Path(), "--yes", "--", "true"}).exit_code, 122);
+    EXPECT_EQ(agent_.Ctl({"resume", site_.Path()}).exit_code, 2);  // no terminal
+    agent_.Kill();
+    std::ofstream(site_.Path("about.html")) << "changed";
+    ASSERT_TRUE(agent_.Start());
+    ASSERT_TRUE(Await([&] { return Path()["held"].asInt() == 4; })) << Path();
+    EXPECT_EQ(agent_.Status()["pauses"][0]["reason"], "fix");
+    EXPECT_TRUE(change("img/logo.svg"));
+    EXPECT_EQ(test::TempDir::Read(site_.Path("img/logo.svg")), "changed");
+    const test::CommandResult accepted = agent_.Ctl({"resume", site_.Path(), "--accept"});
+    EXPECT_EQ(accepted.exit_code, 0) << accepted.out << accepted.err;
+    EXPECT_NE(accepted.out.find("5 differences"), std::string::npos) << accepted.out;
+    EXPECT_EQ(Contents(site_.Path()), Contents(Copy()));
+    // Protection goes on against what was accepted.
+    std::ofstream(site_.Path("index.html")) << "defaced";
+    EXPECT_TRUE(Await([&] { return test::TempDir::Read(site_.Path("index.html")) == "changed"; }));
+    ExpectClean();
+}
+
+TEST_F(Deploying, PauseThatEndsByItself_KeepsItsChangesHeld) {
+    ASSERT_EQ(agent_.Ctl({"pause", site_.Path(), "--for", "2s"}).exit_code, 0);
+    std::ofstream(site_.Path("index.html")) << "changed";
+    EXPECT_TRUE(Await([&] { return agent_.Status()["pauses"].empty(); }));
+    EXPECT_EQ(Path()["held"].asInt(), 1);
+    EXPECT_EQ(test::TempDir::Read(site_.Path("index.html")), "changed");
+    EXPECT_TRUE(HasReport("pause ended by itself"));
+    EXPECT_TRUE(TamperingIsUndone("news.html"));
+    EXPECT_EQ(agent_.Ctl({"resume", site_.Path(), "--restore"}).exit_code, 4);
+    EXPECT_EQ(agent_.Ctl({"restore", site_.Path()}).exit_code, 0);
+    ExpectUnchanged();
+}
+
+TEST_F(Deploying, TreeForSeveralCommands_IsCommittedAbortedOrEndsByItself) {
+    const auto begin = [&](const std::string& time) {
+        const test::CommandResult begun =
+            agent_.Ctl({"deploy", "begin", site_.Path(), "--for", time});
+        EXPECT_EQ(begun.exit_code, 0) << begun.err;
+        std::istringstream lines(begun.out);
+        std::array<std::string, 2> id_and_tree;
+        std::getline(lines, id_and_tree[0]);
+        std::getline(lines, id_and_tree[1]);
+        return id_and_tree;
+    };
+    auto [id, tree] = begin("1h");
+    EXPECT_EQ(agent_.JsonLines({"deploy", "list", "--json"})[0]["tree"], tree);
+    test::TempDir source;
+    source.Write("index.html", "new");
+    source.Write("sub/page.html", "page");
+    ASSERT_EQ(std::system(("rsync -a --delete " + source.Path() + "/ " + tree).c_str()), 0);
+    EXPECT_EQ(Contents(site_.Path()), before_);
+    {
+        const std::ifstream busy(tree + "/index.html");
+        EXPECT_EQ(agent_.Ctl({"deploy", "commit", id, "--yes"}).exit_code, 125);
+    }
+    const test::CommandResult done = agent_.Ctl({"deploy", "commit", id, "--yes"});
+    ASSERT_EQ(done.exit_code, 0) << done.out << done.err;
+    EXPECT_EQ(Contents(site_.Path()), Contents(source.Path()));
+    before_ = Contents(site_.Path());
+    std::tie(id, tree) = std::tuple_cat(begin("1h"));
+    source.Write("index.html", "never");
+    fs::copy(source.Path("index.html"), tree, fs::copy_options::overwrite_existing);
+    EXPECT_EQ(agent_.Ctl({"deploy", "abort", id}).exit_code, 0);
+    ExpectUnchanged();
+    std::tie(id, tree) = std::tuple_cat(begin("1s"));
+    EXPECT_TRUE(Await([&] { return agent_.JsonLines({"deploy", "list", "--json"}).empty(); }));
+    EXPECT_TRUE(HasReport("ended by itself"));
+    ::umount2(tree.c_str(), MNT_DETACH);  // the agent of a test has mounts of its own
+    EXPECT_EQ(Contents(site_.Path()), before_);
+    EXPECT_EQ(Alarms(), 0U);
+}
+
+TEST_F(Deploying, ExcludedFiles_AreThoseOfTheSite) {
+    Json::Value policy =
+        test::ProtectionPolicy({{site_.Path(), backup_.Path(), true, {"cache", "up"}}});
+    policy["content"]["dirlist"][0]["ignored_postfix"].append(".log");
+    ASSERT_EQ(agent_.Apply(policy), 0);
+    ASSERT_TRUE(AwaitProtection());
+    site_.Write("cache/page", "cached");
+    site_.Write("old.log", "kept");
+    const std::string seen = agent_.Path("seen");
+    EXPECT_EQ(Deploy("cp cache/page " + seen + "; echo live > cache/new; exit 1").exit_code, 1);
+    EXPECT_EQ(test::TempDir::Read(seen), "cached");
+    EXPECT_EQ(test::TempDir::Read(site_.Path("cache/new")), "live\n");
+    const test::CommandResult done = Deploy(
+        "echo x > old.log; echo y > new.log; mkdir -p up/a; echo z > up/a/b; echo p > index.html");
+    EXPECT_EQ(done.exit_code, 0) << done.out << done.err;
+    EXPECT_EQ(test::TempDir::Read(site_.Path("old.log")), "kept");
+    EXPECT_EQ(test::TempDir::Read(site_.Path("new.log")), "y\n");
+    EXPECT_EQ(test::TempDir::Read(site_.Path("up/a/b")), "z\n");
+    EXPECT_NE(done.out.find("1 difference"), std::string::npos) << done.out;
+    EXPECT_EQ(Alarms(), 0U);
+    ExpectClean();
+}
+
+TEST_F(Deploying, ReleaseLinkThatIsSwitched_IsApprovedOrPutBack) {
+    const std::string link = backup_.Path() + ".current";
+    const test::TempDir releases;
+    fs::create_symlink(site_.Path(), link);
+    ASSERT_EQ(agent_.Apply(test::ProtectionPolicy({{link + "/", backup_.Path()}})), 0);
+    ASSERT_TRUE(AwaitProtection());
+    const std::string next = releases.Path("2");
+    const auto deploy = [&](const std::string& end) {
+        return agent_.Ctl({"deploy", link, "--yes", "--", "sh", "-ec",
+                           "rm -rf " + next + "; cp -r " + link + "/. " + next + "; ln -sfn " +
+                               next + " " + link + "; sleep 1.5; echo new > " + next +
+                               "/index.html; " + end});
+    };
+    EXPECT_EQ(deploy("exit 3").exit_code, 3);
+    EXPECT_EQ(fs::read_symlink(link), site_.Path());
+    const test::CommandResult done = deploy("");
+    EXPECT_EQ(done.exit_code, 0) << done.out << done.err;
+    EXPECT_EQ(Path()["path"], next + "/");
+    EXPECT_EQ(test::TempDir::Read(next + "/index.html"), "new\n");
+    std::ofstream(next + "/index.html") << "defaced";
+    EXPECT_TRUE(Await([&] { return test::TempDir::Read(next + "/index.html") == "new\n"; }));
+    fs::remove(link);
+}
+
+// docs/deploying.md, "Recipes".
+TEST_F(Deploying, RecipeGit_PullsIntoTheSite) {
+    const test::TempDir origin;
+    const auto git = [](const std::string& where, const std::string& what) {
+        return std::system(("cd " + where + " && git -c user.name=t -c user.email=t@localhost " +
+                            what + " >/dev/null 2>&1")
+                               .c_str());
+    };
+    if (git(origin.Path(), "init -q --bare .") != 0) GTEST_SKIP() << "there is no git";
+    ASSERT_EQ(agent_.Ctl({"pause", site_.Path()}).exit_code, 0);
+    ASSERT_EQ(git(site_.Path(),
+                  "init -q -b main . && git add -A && git -c user.name=t -c user.email=t@localhost "
+                  "commit -qm 1 && git push -q " +
+                      origin.Path() + " main"),
+              0);
+    ASSERT_EQ(agent_.Ctl({"resume", site_.Path(), "--accept"}).exit_code, 0);
+    const test::TempDir work;
+    ASSERT_EQ(git(work.Path(), "clone -q -b main " + origin.Path() + " w"), 0);
+    work.Write("w/index.html", "pulled");
+    work.Write("w/lib/new.php", "new");
+    ASSERT_EQ(
+        git(work.Path("w"),
+            "add -A && git -c user.name=t -c user.email=t@localhost commit -qm 2 && git push -q"),
+        0);
+    const test::CommandResult done =
+        agent_.Ctl({"deploy", site_.Path(), "--yes", "--reason", "release 2", "--", "git", "-C",
+                    site_.Path(), "pull", "--ff-only", origin.Path(), "main"});
+    EXPECT_EQ(done.exit_code, 0) << done.out << done.err;
+    EXPECT_EQ(test::TempDir::Read(site_.Path("index.html")), "pulled");
+    EXPECT_EQ(test::TempDir::Read(site_.Path("lib/new.php")), "new");
+    EXPECT_NE(Path()["baseline"]["approval"].asString().find("release 2"), std::string::npos);
+    ExpectClean();
+}
+
+TEST_F(Deploying, RecipeDpkg_PausesWhileAPackageIsInstalled) {
+    const test::TempDir package;
+    package.Write("p/DEBIAN/control",
+                  "Package: shop\nVersion: 2\nArchitecture: all\nMaintainer: t "
+                  "<t@localhost>\nDescription: t\n");
+    package.Write("p" + site_.Path("index.html"), "packaged");
+    fs::create_directories(package.Path("db/updates"));
+    for (const char* name : {"db/status", "db/available"}) package.Write(name, "");
+    const std::string ctl = agent_.Path("bin/morvanectl");
+    const std::string install =
+        "dpkg-deb -b --root-owner-group " + package.Path("p") + " " + package.Path("shop.deb") +
+        " >/dev/null && dpkg --admindir=" + package.Path("db") + " --log=/dev/null --pre-invoke='" +
+        ctl + " pause " + site_.Path() + " --for 1h --reason dpkg' --post-invoke='" + ctl +
+        " resume " + site_.Path() + " --accept' -i " + package.Path("shop.deb") + " >/dev/null";
+    ASSERT_EQ(std::system(install.c_str()), 0);
+    EXPECT_EQ(test::TempDir::Read(site_.Path("index.html")), "packaged");
+    EXPECT_TRUE(agent_.Status()["pauses"].empty());
     ExpectClean();
 }
 

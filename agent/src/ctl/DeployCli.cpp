@@ -18,6 +18,10 @@ constexpr char kDeployCodes[] =
     "started; 123 not confirmed; 124 timed out; 125 not deployed for another reason; 126 cannot be "
     "executed; 127 not found; 128+N ended by signal N.";
 
+constexpr char kTreeCodes[] =
+    "Exit codes: 0 done, 2 wrong usage, 5 no agent, 122 refused, 123 not confirmed, 125 not "
+    "deployed for another reason.";
+
 /// "90", "30s", "10m", "2h" or "1d"; 0 for anything else.
 long Seconds(const std::string& text) {
     std::size_t end = 0;
@@ -75,12 +79,75 @@ void DefineRun(CLI::App* deploy, Command& command) {
     });
 }
 
+void DefineTree(CLI::App* deploy, Command& command) {
+    const auto options = std::make_shared<DeployOptions>();
+    CLI::App* begin = deploy->add_subcommand(
+        "begin", "Mount what can be changed, for several commands; prints id and directory");
+    begin->add_option("PATH", options->path, "The protected directory")->required();
+    AddLimit(begin, options->limit, "Abort it after this time (default 1h)");
+    begin->add_option("--reason", options->reason, "Kept with the approved state");
+    begin->fallthrough()->callback([&command, options] {
+        command = [options](const ControlClient& client) { return BeginDeploy(client, *options); };
+    });
+    const auto id = std::make_shared<std::string>();
+    const auto yes = std::make_shared<bool>(false);
+    CLI::App* commit = deploy->add_subcommand("commit", "Deploy what was changed there");
+    commit->add_option("ID", *id, "Of the deploy")->required();
+    commit->add_flag("--yes", *yes, "Without a question");
+    commit->fallthrough()->callback([&command, id, yes] {
+        command = [id, yes](const ControlClient& client) {
+            return CommitDeploy(client, *id, *yes);
+        };
+    });
+    CLI::App* abort = deploy->add_subcommand("abort", "Drop what was changed there");
+    abort->add_option("ID", *id, "Of the deploy")->required();
+    abort->fallthrough()->callback([&command, id] {
+        command = [id](const ControlClient& client) { return AbortDeploy(client, *id); };
+    });
+    const auto json = std::make_shared<bool>(false);
+    CLI::App* list = deploy->add_subcommand("list", "List the open deploys");
+    list->add_flag("--json", *json, "One JSON object per line");
+    list->fallthrough()->callback([&command, json] {
+        command = [json](const ControlClient& client) { return ListDeploys(client, *json); };
+    });
+    for (CLI::App* one : {begin, commit, abort, list}) one->footer(kTreeCodes);
+}
+
+void DefinePauses(CLI::App& app, Command& command) {
+    const auto options = std::make_shared<PauseOptions>();
+    CLI::App* pause =
+        app.add_subcommand("pause", "Undo nothing in a protected path for a while; alarms go on");
+    pause->add_option("PATH", options->path, "The protected path")->required();
+    AddLimit(pause, options->limit, "End the pause after this time (default 30m)");
+    pause->add_option("--reason", options->reason, "Shown in the status")->type_name("TEXT");
+    pause->footer("Exit codes: 0 done, 2 wrong usage, 4 refused, 5 no agent.");
+    pause->fallthrough()->callback([&command, options] {
+        command = [options](const ControlClient& client) {
+            return PauseProtection(client, *options);
+        };
+    });
+    CLI::App* resume = app.add_subcommand("resume", "End a pause: show what was changed, decide");
+    resume->add_option("PATH", options->path, "The protected path")->required();
+    CLI::Option* accept = resume->add_flag("--accept", options->accept, "Approve the changes");
+    resume->add_flag("--restore", options->restore, "Undo the changes")->excludes(accept);
+    resume->footer(
+        "Exit codes: 0 done, 1 failed, 2 no decision: the pause goes on (also wrong usage), 4 "
+        "refused, 5 no agent.");
+    resume->fallthrough()->callback([&command, options] {
+        command = [options](const ControlClient& client) {
+            return ResumeProtection(client, *options);
+        };
+    });
+}
+
 }  // namespace
 
 void DefineDeploy(CLI::App& app, Command& command) {
     CLI::App* deploy = app.add_subcommand(
         "deploy", "Change a protected directory: all that a command changes, or nothing");
     DefineRun(deploy, command);
+    DefineTree(deploy, command);
+    DefinePauses(app, command);
 }
 
 }  // namespace Ctl

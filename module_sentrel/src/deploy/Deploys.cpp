@@ -59,6 +59,8 @@ Json::Value JournalOf(const Deploy& deploy) {
     journal["is_tree"] = deploy.is_tree;
     journal["state"] = deploy.is_committing ? "committing" : "open";
     journal["generation"] = deploy.generation;
+    journal["link"] = SDK::PercentEncode(deploy.link.link);
+    journal["link_text"] = SDK::PercentEncode(deploy.link.text);
     return journal;
 }
 
@@ -68,10 +70,10 @@ bool ReadText(const Json::Value& journal, const char* key, std::string& text) {
 
 /// False when the journal is missing or damaged.
 bool ReadJournal(const std::string& id, Deploy& deploy) {
+    deploy.id = id;
     const std::string text = StagedTree(id).ReadFile(kJournal);
     Json::Value journal;
     if (JsonUtils::ParseJsonStr(text.data(), text.size(), journal) != 0) return false;
-    deploy.id = id;
     deploy.user = journal["user"].isUInt() ? journal["user"].asUInt() : static_cast<uid_t>(-1);
     deploy.process = JsonUtils::GetIntValue(journal, "process", 0);
     deploy.begun = journal["begun"].isInt64() ? journal["begun"].asInt64() : 0;
@@ -81,7 +83,9 @@ bool ReadJournal(const std::string& id, Deploy& deploy) {
     deploy.generation = journal["generation"].isUInt() ? journal["generation"].asUInt() : 0;
     return ReadText(journal, "real_path", deploy.real_path) &&
            ReadText(journal, "backup_path", deploy.backup_path) &&
-           ReadText(journal, "reason", deploy.reason);
+           ReadText(journal, "reason", deploy.reason) &&
+           ReadText(journal, "link", deploy.link.link) &&
+           ReadText(journal, "link_text", deploy.link.text);
 }
 
 int WriteJournal(const Deploy& deploy) {
@@ -100,10 +104,13 @@ Deploy NewDeploy(const Json::Value& request, const SentrelDirRule& rule) {
     const int seconds = JsonUtils::GetIntValue(request, "seconds", kDefaultSeconds);
     deploy.until = deploy.begun + std::clamp(seconds, kLeastSeconds, kMostSeconds);
     deploy.is_tree = JsonUtils::GetBoolValue(request, "tree", false);
+    deploy.link = LinkState::Of(rule.link);
     return deploy;
 }
 
-Json::Value AnswerOf(const Deploy& deploy, const SentrelDirRule& rule) {
+}  // namespace
+
+Json::Value Deploys::Describe(const Deploy& deploy, const SentrelDirRule& rule) {
     const std::string root = SDK::PathUtils::WithoutTrailingSlash(rule.real_path);
     Json::Value answer = IdOnly(deploy.id);
     answer["directory"] = SDK::PercentEncode(StagedTree(deploy.id).Path());
@@ -115,8 +122,6 @@ Json::Value AnswerOf(const Deploy& deploy, const SentrelDirRule& rule) {
     answer["link"] = SDK::PercentEncode(rule.link);
     return answer;
 }
-
-}  // namespace
 
 std::string Deploy::By() const {
     return "user " + std::to_string(user) + ", process " + std::to_string(process) +
@@ -136,7 +141,7 @@ void Deploys::Load() {
         if (is_known && (deploy.is_committing || goes_on)) {
             open_[id] = deploy;
         } else {
-            to_remove_.push_back(id);
+            Drop(deploy, "It was left behind.");
         }
     }
 }
@@ -170,7 +175,7 @@ Json::Value Deploys::Begin(const Json::Value& request, const AnchoredRule& rule,
     open_[deploy.id] = deploy;
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "deploy %s of %s has begun (%s).", deploy.id,
             deploy.real_path, deploy.By());
-    return AnswerOf(deploy, rule.Rule());
+    return Describe(deploy, rule.Rule());
 }
 
 Json::Value Deploys::Commit(const std::string& id, unsigned int generation) {
@@ -197,9 +202,8 @@ Json::Value Deploys::Abort(const std::string& id) {
     if (known->second.is_committing) return Error("The deploy is being carried out.");
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "deploy %s of %s was aborted.", id,
             known->second.real_path);
+    Drop(known->second, "The deploy was aborted.");
     open_.erase(known);
-    to_remove_.push_back(id);
-    Remember(id, {false, "The deploy was aborted.", 0, 0});
     return IdOnly(id);
 }
 
@@ -291,7 +295,11 @@ void Deploys::TakeBack() {
 
 void Deploys::End(const std::string& id, const Result& result) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    open_.erase(id);
+    const auto known = open_.find(id);
+    if (known == open_.end()) return;
+    // Nothing of it was taken.
+    if (!result.is_done && result.generation == 0) known->second.link.PutBack();
+    open_.erase(known);
     handed_over_.erase(id);
     // After a restart this one is not carried out again.
     StagedTree(id).WriteFile(kJournal, "{}");
@@ -311,9 +319,7 @@ std::vector<Deploy> Deploys::EndAbandoned(std::int64_t now) {
             ++one;
             continue;
         }
-        to_remove_.push_back(deploy.id);
-        Remember(deploy.id,
-                 {false, deploy.is_tree ? "Its time was over." : "Its command ended.", 0, 0});
+        Drop(deploy, deploy.is_tree ? "Its time was over." : "Its command ended.");
         ended.push_back(deploy);
         one = open_.erase(one);
     }
@@ -332,6 +338,14 @@ void Deploys::CleanUp() {
                     "the directory of deploy %s cannot be removed yet; is it still mounted?", id);
         }
     }
+}
+
+/// Nothing of it is kept.
+void Deploys::Drop(const Deploy& deploy, const std::string& message) {
+    const std::string problem = deploy.link.PutBack();
+    if (!problem.empty()) SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s", problem);
+    to_remove_.push_back(deploy.id);
+    Remember(deploy.id, {false, message, 0, 0});
 }
 
 void Deploys::Remember(const std::string& id, const Result& result) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "deploy/LinkState.h"
 #include "places/RuleAnchors.h"
 
 namespace Engine {
@@ -30,6 +31,7 @@ struct Deploy {
     bool is_tree = false;         ///< mounted for several commands; no process waits for it
     bool is_committing = false;   ///< from now on it is carried out, also after a restart
     unsigned int generation = 0;  ///< the approved state that it began with
+    LinkState link = {};          ///< the release link of the rule
 
     /// "user 0, process 4711: REASON"
     std::string By() const;
@@ -49,10 +51,12 @@ class Deploys {
     // Answers to queries; {"error"} otherwise. `request` has what the control API was given, with
     // "uid" and "pid" of the client.
 
-    /// {"id","directory","root","copies","exclusions","subdirectories","link"}, paths
-    /// percent-encoded.
+    /// As Describe.
     Json::Value Begin(const Json::Value& request, const AnchoredRule& rule,
                       unsigned int generation);
+    /// {"id","directory","root","copies","exclusions","subdirectories","link"}, paths
+    /// percent-encoded.
+    static Json::Value Describe(const Deploy& deploy, const SentrelDirRule& rule);
     /// {"id"}: it is carried out from now on. `generation` is the one in force for the deploy's
     /// path.
     Json::Value Commit(const std::string& id, unsigned int generation);
@@ -106,6 +110,7 @@ class Deploys {
     };
 
     std::string WhyNot(const SentrelDirRule& rule) const;
+    void Drop(const Deploy& deploy, const std::string& message);
     void Remember(const std::string& id, const Result& result);
 
     mutable std::mutex mutex_;  ///< guards all below

@@ -4,45 +4,22 @@
 
 #include <fcntl.h>
 #include <sdk/files/FileDescriptor.h>
-#include <sdk/text/JsonUtils.h>
-#include <sdk/text/PercentCode.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <iostream>
 
-#include "ctl/baselines/ApprovedStates.h"
-#include "ctl/baselines/DifferenceFormat.h"
-#include "ctl/client/ExitCodes.h"
-#include "ctl/commands/BaselineCommands.h"
-#include "ctl/commands/Commands.h"
+#include "ctl/commands/DeploySteps.h"
 #include "ctl/deploy/CommandRun.h"
 #include "ctl/deploy/DeployClient.h"
 #include "ctl/output/Question.h"
-#include "ctl/output/Terminal.h"
 
 namespace Ctl {
 
-using SDK::JsonUtils;
-
 namespace {
 
-constexpr int kOk = 200;
 constexpr char kNothingChanged[] = " Nothing was changed.";
-
-int Refuse(const std::string& sentence, int code = kExitRefused) {
-    std::cerr << sentence << std::endl;
-    return code;
-}
-
-/// Prints why the agent did not do it.
-int Refused(const Answer& answer) {
-    const int code = PrintFailure(answer);
-    return answer.kind == Answer::Kind::kAnswered ? kExitRefused : code;
-}
 
 /// Locks the deploy as long as this process, or the one that runs the command, lives.
 SDK::FileDescriptor LockOf(const OpenDeploy& deploy) {
@@ -54,7 +31,7 @@ SDK::FileDescriptor LockOf(const OpenDeploy& deploy) {
 
 /// The exit code of a command that did not succeed; prints why.
 int CodeOf(const CommandEnd& end, const DeployOptions& options) {
-    const std::string command = Printable(options.command.front());
+    const std::string command = options.command.front();
     switch (end.kind) {
         case CommandEnd::Kind::kExited:
             return Refuse(
@@ -76,56 +53,17 @@ int CodeOf(const CommandEnd& end, const DeployOptions& options) {
             return Refuse(command + " was ended by an interrupt." + std::string(kNothingChanged),
                           kExitSignal + end.code);
         default:
-            return Refuse(Printable(end.problem) + kNothingChanged, kExitNotDeployed);
+            return Refuse(end.problem + kNothingChanged, kExitNotDeployed);
     }
-}
-
-/// The changes on standard output; how many there are, or a negative number.
-long PrintStaged(const OpenDeploy& deploy) {
-    DifferenceList list(ListingOptions::kDefaultLimit);
-    const std::string problem = ListStaged(deploy, list);
-    if (!problem.empty()) {
-        std::cerr << Printable(problem) << kNothingChanged << std::endl;
-        return -1;
-    }
-    WriteDifferences(std::cout, list, false);
-    if (list.Total() > 0) std::cout << CountsOf(list) << std::endl;
-    return static_cast<long>(list.Total());
-}
-
-int Commit(const DeployClient& client, const std::string& id) {
-    const Answer accepted = client.Ask("commit", id);
-    if (accepted.kind != Answer::Kind::kAnswered || accepted.status != kOk) {
-        return Refused(accepted);
-    }
-    const Answer end = client.AwaitEnd(id);
-    if (end.kind != Answer::Kind::kAnswered || end.status != kOk) {
-        std::cerr << "The deploy was accepted; an agent that ended meanwhile completes it when it "
-                     "starts again.\n";
-        PrintFailure(end);
-        return kExitNotDeployed;
-    }
-    const bool is_done = JsonUtils::GetStringValue(end.body, "state", "") == "done";
-    (is_done ? std::cout : std::cerr)
-        << Printable(JsonUtils::GetStringValue(end.body, "message", "")) << std::endl;
-    return is_done ? kExitOk : kExitNotDeployed;
-}
-
-Json::Value RequestOf(const std::string& path, std::chrono::seconds limit,
-                      const std::string& reason) {
-    Json::Value request(Json::objectValue);
-    request["path"] = SDK::PercentEncode(ApprovedStates().Resolve(path));
-    request["seconds"] = static_cast<Json::Int>(limit.count());
-    request["reason"] = reason;
-    return request;
 }
 
 /// After the command: what becomes of its changes.
-int Finish(const DeployClient& client, const OpenDeploy& deploy, const DeployOptions& options) {
+int Finish(const ControlClient& control, const OpenDeploy& deploy, const DeployOptions& options) {
+    const DeployClient client(control);
     const long changes = PrintStaged(deploy);
     const bool is_read = changes >= 0;
     if (is_read && !options.dry_run && (changes == 0 || options.yes || Confirm("Deploy this?"))) {
-        return Commit(client, deploy.id);
+        return CommitAndAwait(control, deploy);
     }
     client.Ask("abort", deploy.id);
     if (!is_read) return kExitNotDeployed;
@@ -143,13 +81,13 @@ int RunDeploy(const ControlClient& control, const DeployOptions& options) {
     const DeployClient client(control);
     OpenDeploy deploy;
     Answer answer;
-    if (!client.Begin(RequestOf(options.path, options.limit, options.reason), deploy, answer)) {
+    if (!client.Begin(OperationOn(options.path, options.limit, options.reason), deploy, answer)) {
         return Refused(answer);
     }
     const SDK::FileDescriptor lock = LockOf(deploy);
     const CommandEnd end = RunInOverlay(deploy.plan, options.command, options.limit);
     if (end.kind == CommandEnd::Kind::kExited && end.code == 0) {
-        return Finish(client, deploy, options);
+        return Finish(control, deploy, options);
     }
     client.Ask("abort", deploy.id);
     return CodeOf(end, options);

@@ -126,7 +126,7 @@ class Supervisor {
         if (!EndDescendants()) {
             return {Kind::kFailed, 0, "Processes of the command could not be ended."};
         }
-        std::string busy = ::chdir("/") == 0 ? Overlay::Unmount(plan_.root, plan_) : "";
+        std::string busy = ::chdir("/") == 0 ? Overlay(plan_).Unmount(plan_.root) : "";
         return busy.empty() ? end : CommandEnd{Kind::kFailed, 0, std::move(busy)};
     }
 

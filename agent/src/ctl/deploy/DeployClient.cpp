@@ -32,6 +32,20 @@ std::vector<std::string> AllDecoded(const Json::Value& array) {
     return texts;
 }
 
+bool Read(const Answer& answer, OpenDeploy& deploy) {
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != kOk) return false;
+    const Json::Value& body = answer.body;
+    deploy.id = JsonUtils::GetStringValue(body, "id", "");
+    deploy.plan.root = Decoded(body["root"]);
+    deploy.plan.copies = Decoded(body["copies"]);
+    deploy.plan.directory = Decoded(body["directory"]);
+    deploy.plan.subdirectories = AllDecoded(body["subdirectories"]);
+    deploy.exclusions = AllDecoded(body["exclusions"]);
+    deploy.link = Decoded(body["link"]);
+    return !deploy.plan.root.empty() && !deploy.plan.copies.empty() &&
+           !deploy.plan.directory.empty();
+}
+
 }  // namespace
 
 Answer DeployClient::Ask(const std::string& subject, const std::string& action,
@@ -48,17 +62,12 @@ Answer DeployClient::Ask(const std::string& action, const std::string& id) const
 
 bool DeployClient::Begin(const Json::Value& request, OpenDeploy& deploy, Answer& answer) const {
     answer = Ask("deploy", "begin", request);
-    if (answer.kind != Answer::Kind::kAnswered || answer.status != kOk) return false;
-    const Json::Value& body = answer.body;
-    deploy.id = JsonUtils::GetStringValue(body, "id", "");
-    deploy.plan.root = Decoded(body["root"]);
-    deploy.plan.copies = Decoded(body["copies"]);
-    deploy.plan.directory = Decoded(body["directory"]);
-    deploy.plan.subdirectories = AllDecoded(body["subdirectories"]);
-    deploy.exclusions = AllDecoded(body["exclusions"]);
-    deploy.link = Decoded(body["link"]);
-    return !deploy.plan.root.empty() && !deploy.plan.copies.empty() &&
-           !deploy.plan.directory.empty();
+    return Read(answer, deploy);
+}
+
+bool DeployClient::Show(const std::string& id, OpenDeploy& deploy, Answer& answer) const {
+    answer = Ask("show", id);
+    return Read(answer, deploy);
 }
 
 Answer DeployClient::AwaitEnd(const std::string& id) const {

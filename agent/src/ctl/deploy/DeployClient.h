@@ -34,6 +34,9 @@ class DeployClient {
     /// False with the answer to the query when the agent refused.
     bool Begin(const Json::Value& request, OpenDeploy& deploy, Answer& answer) const;
 
+    /// The same of one that is open.
+    bool Show(const std::string& id, OpenDeploy& deploy, Answer& answer) const;
+
     /// Blocks until the agent has carried the deploy out, or cannot be asked any more.
     Answer AwaitEnd(const std::string& id) const;
 

@@ -125,6 +125,12 @@ std::string Overlay::MountAt(const std::string& place) const {
         info.f_type != kOverlayMagic) {
         return Printable(place) + " was moved meanwhile.";
     }
+    return ShowExcluded(place, excluded);
+}
+
+std::string Overlay::ShowExcluded(const std::string& place, const Excluded& excluded) const {
+    const auto overlay = SDK::PathAnchor::Open(place);
+    if (overlay == nullptr) return Failed(Printable(place) + " cannot be opened");
     for (const auto& [below, source] : excluded) {
         const SDK::FileDescriptor at = MadeBelow(*overlay, below, source);
         if (!at.IsOpen()) continue;  // the directory above it is not approved
@@ -150,15 +156,27 @@ Overlay::Excluded Overlay::OpenExcluded() const {
     return excluded;
 }
 
-std::string Overlay::Unmount(const std::string& place, const OverlayPlan& plan) {
-    for (auto one = plan.subdirectories.rbegin(); one != plan.subdirectories.rend(); ++one) {
+std::string Overlay::Unmount(const std::string& place) const {
+    DetachExcluded(place);
+    if (::umount2(place.c_str(), UMOUNT_NOFOLLOW) == 0 || errno == EINVAL) return "";
+    if (errno != EBUSY) return Failed("The overlay cannot be unmounted");
+    ShowExcluded(place, OpenExcluded());
+    return "Somebody still uses an object of the deploy.";
+}
+
+/// These show the site itself, so nothing of them is at stake.
+void Overlay::DetachExcluded(const std::string& place) const {
+    const auto overlay = SDK::PathAnchor::Open(place);
+    for (auto one = plan_.subdirectories.rbegin(); one != plan_.subdirectories.rend(); ++one) {
         const std::string below = Trimmed(*one);
-        // These show the site itself, so nothing of them is at stake.
-        if (!below.empty()) ::umount2((place + "/" + below).c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
+        if (below.empty() || overlay == nullptr) continue;
+        const SDK::FileDescriptor shown = overlay->OpenDirectory(below);
+        if (shown.IsOpen()) ::umount2(PlaceOf(shown).c_str(), MNT_DETACH);
     }
-    if (::umount2(place.c_str(), UMOUNT_NOFOLLOW) == 0) return "";
-    return errno == EBUSY ? "Somebody still uses an object of the deploy."
-                          : Failed("The overlay cannot be unmounted");
+}
+
+void Overlay::DetachTree() const {
+    ::umount2((plan_.directory + "/tree").c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
 }
 
 }  // namespace Ctl

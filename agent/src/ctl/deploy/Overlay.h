@@ -32,15 +32,22 @@ class Overlay {
     std::string MountOverRoot() const { return MountAt(plan_.root); }
     std::string MountAtTree() const { return MountAt(plan_.directory + "/tree"); }
 
-    /// Fails while somebody holds an object of it open: that one could go on writing.
-    static std::string Unmount(const std::string& place, const OverlayPlan& plan);
+    std::string UnmountTree() const { return Unmount(plan_.directory + "/tree"); }
+    /// The tree goes at once, also while somebody uses it.
+    void DetachTree() const;
+
+    /// Unmounts it from there. Nothing to unmount is no failure. Fails while somebody holds an
+    /// object of it open: that one could go on writing.
+    std::string Unmount(const std::string& place) const;
 
   private:
     using Excluded = std::map<std::string, SDK::FileDescriptor>;
 
     std::string MountAt(const std::string& place) const;
     std::string Mount(const std::string& place) const;
+    std::string ShowExcluded(const std::string& place, const Excluded& excluded) const;
     Excluded OpenExcluded() const;
+    void DetachExcluded(const std::string& place) const;
 
     const OverlayPlan plan_;
 };

@@ -41,6 +41,30 @@ std::string Copies(const Json::Value& path, bool pushes, long long now_ms) {
     return text;
 }
 
+/// "until 11:00:00, user 0, process 1734: REASON"
+std::string FormatOrigin(const Json::Value& operation, long long now_ms) {
+    const std::string reason = Text(operation, "reason");
+    return "until " + When(Number(operation, "until"), now_ms) + ", user " +
+           std::to_string(Number(operation, "user")) + ", process " +
+           std::to_string(Number(operation, "process")) + (reason.empty() ? "" : ": " + reason) +
+           "\n";
+}
+
+/// Open pauses and deploys.
+std::string FormatOperations(const Json::Value& status, long long now_ms) {
+    std::string text;
+    for (const Json::Value& pause : status["pauses"]) {
+        text += StrUtils::Format("%-10s  ", "pause") + Text(pause, "path") + " " +
+                FormatOrigin(pause, now_ms);
+    }
+    for (const Json::Value& deploy : status["deploys"]) {
+        text += StrUtils::Format("%-10s  ", "deploy") + Text(deploy, "id") + " of " +
+                Text(deploy, "path") + " " + Text(deploy, "state") + " " +
+                FormatOrigin(deploy, now_ms);
+    }
+    return text;
+}
+
 std::string FormatPaths(const Json::Value& status, long long now_ms) {
     Json::Value paths;
     if (!JsonUtils::GetArrayValue(status, "protected_paths", paths) || paths.empty()) return "";
@@ -146,9 +170,9 @@ std::string FormatAgent(const Json::Value& status, long long now_ms) {
 std::string FormatStatus(const Json::Value& status, long long now_ms) {
     if (!status.isObject()) return "";
     return FormatHeadline(status, now_ms) + FormatGeneralReasons(status) +
-           FormatPaths(status, now_ms) + "\n" + FormatSchedule(status) + FormatBackup(status) +
-           FormatBackupServer(status, now_ms) + FormatCounters(status) +
-           FormatPolicies(status, now_ms) + FormatAgent(status, now_ms) +
+           FormatOperations(status, now_ms) + FormatPaths(status, now_ms) + "\n" +
+           FormatSchedule(status) + FormatBackup(status) + FormatBackupServer(status, now_ms) +
+           FormatCounters(status) + FormatPolicies(status, now_ms) + FormatAgent(status, now_ms) +
            FormatWarnings(status, now_ms);
 }
 
