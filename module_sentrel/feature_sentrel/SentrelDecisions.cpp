@@ -40,6 +40,10 @@ void SentrelBackupTask::HandleAcceptance() {
 /// A failure becomes the result's message.
 void SentrelBackupTask::Accept(const OperatorRequest& request, const SentrelDirRule& rule,
                                OperatorRequests::Result& result) {
+    if (state_.deploys.IsCommitting(rule)) {
+        result.message = "A deploy of " + rule.real_path + " is being carried out; try again.";
+        return;
+    }
     if (!state_.baselines.Obstacle(rule).empty() && request.PartsOf(rule).front().empty()) {
         state_.baselines.BeginCopying(rule, "accepted by " + request.By(), request.key);
         SentrelUtils::GetInstance()->local_backup_pending = true;
@@ -108,6 +112,10 @@ void SentrelBackupTask::HandleRollback() {
 /// message.
 bool SentrelBackupTask::RollBack(const OperatorRequest& request, const SentrelDirRule& rule,
                                  OperatorRequests::Result& result) {
+    if (state_.deploys.IsCommitting(rule)) {
+        result.message = "A deploy of " + rule.real_path + " is being carried out; try again.";
+        return false;
+    }
     const RulePlaces places = state_.anchors.Of(rule);
     const RuleBaselines::Known present = state_.baselines.Of(rule);
     const Baseline::Generation wanted = state_.baselines.Get(rule, request.generation);

@@ -12,6 +12,7 @@
 #include <memory>
 #include <set>
 #include <utility>
+#include <vector>
 
 #include "base/ModuleLogger.h"
 #include "deploy/StagedTree.h"
@@ -46,13 +47,15 @@ bool DeployPutting::Work(const std::map<std::string, SentrelDirRule>& rules) {
         put_.reset();
         return true;
     }
-    const std::size_t from = next_;
-    for (std::size_t i = 0; i < kMostAtOnce && next_ < put_->paths.size(); ++i) {
-        PutOne(rule->first, rule->second, put_->paths[next_++]);
+    std::vector<std::string> portion;
+    for (; portion.size() < kMostAtOnce && next_ < put_->paths.size(); ++next_) {
+        PutOne(rule->first, rule->second, put_->paths[next_]);
+        portion.push_back(put_->paths[next_]);
     }
-    AlignDirectories(rule->second, from);
+    AlignDirectories(rule->second, portion);
     if (next_ < put_->paths.size()) return true;
     PutIgnored(rule->second);
+    AlignDirectories(rule->second, put_->ignored);
     End(rule->second);
     return true;
 }
@@ -81,12 +84,12 @@ void DeployPutting::PutOne(const std::string& watch_id, const SentrelDirRule& ru
 }
 
 /// A directory's time changes with what is put there. Its own event would find that.
-void DeployPutting::AlignDirectories(const SentrelDirRule& rule, std::size_t from) {
+void DeployPutting::AlignDirectories(const SentrelDirRule& rule,
+                                     const std::vector<std::string>& paths) {
     const RulePlaces places = state_.anchors.Held(rule);
     if (!places) return;
     std::set<std::string> directories;
-    for (std::size_t i = from; i < next_; ++i) {
-        const std::string& path = put_->paths[i];
+    for (const std::string& path : paths) {
         const std::size_t slash = path.rfind('/');
         directories.insert(slash == std::string::npos ? "" : path.substr(0, slash));
     }

@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/SentrelDirRule.h"
 #include "deploy/Deploys.h"
@@ -32,7 +33,7 @@ class DeployPutting {
 
   private:
     void PutOne(const std::string& watch_id, const SentrelDirRule& rule, const std::string& below);
-    void AlignDirectories(const SentrelDirRule& rule, std::size_t from);
+    void AlignDirectories(const SentrelDirRule& rule, const std::vector<std::string>& paths);
     void PutIgnored(const SentrelDirRule& rule);
     void End(const SentrelDirRule& rule);
 

@@ -333,10 +333,12 @@ void Deploys::CleanUp() {
         ids.swap(to_remove_);
     }
     for (const std::string& id : ids) {
-        if (!StagedTree(id).Remove()) {
-            SDK_LOG(ModuleLogger(), PRIO_WARNING,
-                    "the directory of deploy %s cannot be removed yet; is it still mounted?", id);
-        }
+        if (StagedTree(id).Remove()) continue;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        to_remove_.push_back(id);
+        if (!told_.insert(id).second) continue;
+        SDK_LOG(ModuleLogger(), PRIO_WARNING,
+                "the directory of deploy %s cannot be removed yet; is it still mounted?", id);
     }
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -119,6 +120,7 @@ class Deploys {
     std::deque<Put> puts_;
     std::deque<Ended> ended_;
     std::vector<std::string> to_remove_;
+    std::set<std::string> told_;  ///< that they cannot be removed
 };
 
 }  // namespace Engine

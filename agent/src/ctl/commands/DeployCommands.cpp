@@ -25,7 +25,8 @@ constexpr char kNothingChanged[] = " Nothing was changed.";
 SDK::FileDescriptor LockOf(const OpenDeploy& deploy) {
     SDK::FileDescriptor lock(
         ::open((deploy.plan.directory + "/lock").c_str(), O_RDONLY | O_CLOEXEC));
-    if (lock.IsOpen()) ::flock(lock.Get(), LOCK_EX | LOCK_NB);
+    // The agent tries the lock now and then, for a moment.
+    if (lock.IsOpen() && ::flock(lock.Get(), LOCK_EX) != 0) lock.Reset();
     return lock;
 }
 
@@ -85,6 +86,8 @@ int RunDeploy(const ControlClient& control, const DeployOptions& options) {
         return Refused(answer);
     }
     const SDK::FileDescriptor lock = LockOf(deploy);
+    if (!lock.IsOpen()) return Refuse("The deploy cannot be locked.");
+    client.DetachLeftOvers(deploy);
     const CommandEnd end = RunInOverlay(deploy.plan, options.command, options.limit);
     if (end.kind == CommandEnd::Kind::kExited && end.code == 0) {
         return Finish(control, deploy, options);

@@ -40,6 +40,7 @@ int BeginDeploy(const ControlClient& control, const DeployOptions& options) {
     OpenDeploy deploy;
     Answer answer;
     if (!client.Begin(request, deploy, answer)) return Refused(answer);
+    client.DetachLeftOvers(deploy);
     const std::string mount = Overlay::ForeignMount(deploy.plan);
     const std::string problem = mount.empty()
                                     ? Overlay(deploy.plan).MountAtTree()

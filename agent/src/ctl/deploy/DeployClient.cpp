@@ -10,6 +10,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <set>
+#include <system_error>
 
 namespace Ctl {
 
@@ -68,6 +71,21 @@ bool DeployClient::Begin(const Json::Value& request, OpenDeploy& deploy, Answer&
 bool DeployClient::Show(const std::string& id, OpenDeploy& deploy, Answer& answer) const {
     answer = Ask("show", id);
     return Read(answer, deploy);
+}
+
+void DeployClient::DetachLeftOvers(const OpenDeploy& own) const {
+    const Answer answer = Ask("deploy", "list", Json::Value(Json::objectValue));
+    if (answer.kind != Answer::Kind::kAnswered || answer.status != kOk) return;
+    std::set<std::string> open;
+    for (const Json::Value& deploy : answer.body["deploys"]) {
+        open.insert(JsonUtils::GetStringValue(deploy, "id", ""));
+    }
+    const std::filesystem::path home = std::filesystem::path(own.plan.directory).parent_path();
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(home, error)) {
+        if (open.count(entry.path().filename().string()) > 0) continue;
+        Overlay({"", "", entry.path().string(), {}}).DetachTree();
+    }
 }
 
 Answer DeployClient::AwaitEnd(const std::string& id) const {

@@ -37,6 +37,10 @@ class DeployClient {
     /// The same of one that is open.
     bool Show(const std::string& id, OpenDeploy& deploy, Answer& answer) const;
 
+    /// Unmounts the trees of deploys that are not open any more, which an agent without the right
+    /// to unmount cannot remove.
+    void DetachLeftOvers(const OpenDeploy& own) const;
+
     /// Blocks until the agent has carried the deploy out, or cannot be asked any more.
     Answer AwaitEnd(const std::string& id) const;
 

@@ -176,7 +176,9 @@ void Overlay::DetachExcluded(const std::string& place) const {
 }
 
 void Overlay::DetachTree() const {
-    ::umount2((plan_.directory + "/tree").c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
+    const std::string tree = plan_.directory + "/tree";
+    while (::umount2(tree.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
+    }
 }
 
 }  // namespace Ctl
