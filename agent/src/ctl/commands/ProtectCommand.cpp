@@ -57,7 +57,7 @@ int ApplyAndWait(const ControlClient& client, const PolicyChange& change, const 
     }
     if (applied != kExitOk) return applied;
     std::cout << "The protection is on. The agent makes the first copy." << std::endl;
-    return AwaitProtected(client, plan.entry.path, plan.survey);
+    return AwaitProtected(client, plan.entry, plan.survey);
 }
 
 }  // namespace

@@ -66,11 +66,13 @@ Look AwaitEnd(const ControlClient& client, const std::string& path, CopyMeter& m
     }
 }
 
-int PrintReady(const Look& look, const std::string& path, const SurveyResult& survey,
+int PrintReady(const Look& look, const ProtectedEntry& entry, const SurveyResult& survey,
                double seconds) {
-    std::cout << Coloured("Protected", Colour::kGreen) << ": " << Printable(path)
-              << " is watched and copied (" << Counted(static_cast<long long>(survey.files), "file")
-              << ", " << FormatBytes(static_cast<double>(survey.bytes)) << " in "
+    std::cout << (entry.auto_restore ? Coloured("Protected", Colour::kGreen)
+                                     : Coloured("Reported only", Colour::kYellow))
+              << ": " << Printable(entry.path) << " is watched and copied ("
+              << Counted(static_cast<long long>(survey.files), "file") << ", "
+              << FormatBytes(static_cast<double>(survey.bytes)) << " in "
               << SDK::StrUtils::Format("%.1f s", seconds) << ")." << std::endl;
     for (const Json::Value& reason : look.progress.reasons) {
         std::cerr << "warning: " << Text(reason, "text") << "\n";
@@ -102,7 +104,7 @@ int PrintNotReady(const Look& look, const std::string& path) {
 
 }  // namespace
 
-int AwaitProtected(const ControlClient& client, const std::string& path,
+int AwaitProtected(const ControlClient& client, const ProtectedEntry& entry,
                    const SurveyResult& survey) {
     interrupted = 0;
     std::signal(SIGINT, NoteSignal);
@@ -112,15 +114,15 @@ int AwaitProtected(const ControlClient& client, const std::string& path,
     Look look;
     {
         const ProgressDisplay display([&meter] { return meter.Measure(); });
-        look = AwaitEnd(client, path, meter);
+        look = AwaitEnd(client, entry.path, meter);
         meter.Stop();
     }
     if (!look.IsAnswered()) {
         std::cerr << "The policy was applied; then the agent stopped answering. ";
         return PrintFailure(look.answer);
     }
-    if (look.progress.stage != Stage::kReady) return PrintNotReady(look, path);
-    return PrintReady(look, path, survey,
+    if (look.progress.stage != Stage::kReady) return PrintNotReady(look, entry.path);
+    return PrintReady(look, entry, survey,
                       static_cast<double>(SDK::TimeUtils::GetMonotonicMs() - begun) / kMsPerSecond);
 }
 
