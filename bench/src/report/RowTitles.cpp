@@ -60,8 +60,6 @@ const std::vector<RowTitle>& RowTitles() {
         {"overflow_back", "The same: until all were back", "ms", ""},
         {"verify_200000", "200,000 files compared with their approved state by content", "ms",
          "rsync -nc"},
-        {"manifest_200000", "From the end of the first backup of 200,000 files to its manifest",
-         "ms", "first backup"},
         {"unseen", "A change of which the kernel tells nothing, until it is undone", "ms", ""},
         {"backup_200000", "First backup of 200,000 files", "ms", "bare rsync"},
     };
