@@ -1,4 +1,4 @@
-#include <ctl/commands/IncidentPrinter.h>
+#include <ctl/commands/reports/IncidentPrinter.h>
 #include <ctl/output/Incidents.h>
 #include <ctl/output/Moment.h>
 #include <ctl/output/Terminal.h>

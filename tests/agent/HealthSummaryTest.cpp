@@ -1,4 +1,4 @@
-#include <control/HealthSummary.h>
+#include <control/status/HealthSummary.h>
 #include <gtest/gtest.h>
 #include <sdk/text/JsonUtils.h>
 

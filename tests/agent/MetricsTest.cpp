@@ -1,5 +1,5 @@
 #include <common/PrometheusText.h>
-#include <control/MetricsFile.h>
+#include <control/status/MetricsFile.h>
 #include <gtest/gtest.h>
 #include <sdk/text/JsonUtils.h>
 #include <sys/stat.h>

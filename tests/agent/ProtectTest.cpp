@@ -1,4 +1,4 @@
-#include <ctl/commands/ProtectPlan.h>
+#include <ctl/commands/policies/ProtectPlan.h>
 #include <ctl/protect/PathProgress.h>
 #include <gtest/gtest.h>
 #include <sdk/text/JsonUtils.h>

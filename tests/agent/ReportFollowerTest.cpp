@@ -1,5 +1,5 @@
 #include <ctl/client/ExitCodes.h>
-#include <ctl/commands/ReportFollower.h>
+#include <ctl/commands/reports/ReportFollower.h>
 
 #include <atomic>
 #include <future>

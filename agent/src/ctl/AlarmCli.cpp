@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "ctl/baselines/PolicyPaths.h"
-#include "ctl/commands/AlarmCommand.h"
+#include "ctl/commands/reports/AlarmCommand.h"
 #include "ctl/output/Moment.h"
 
 namespace Ctl {

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "ctl/commands/BaselineCommands.h"
 #include "ctl/commands/Commands.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
 
 namespace Ctl {
 

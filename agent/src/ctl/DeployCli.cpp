@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "ctl/commands/DeployCommands.h"
+#include "ctl/commands/deploys/DeployCommands.h"
 
 namespace Ctl {
 

@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-#include "ctl/commands/EvidenceCommands.h"
+#include "ctl/commands/reports/EvidenceCommands.h"
 
 namespace Ctl {
 

@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-#include "ctl/commands/ProtectCommands.h"
+#include "ctl/commands/policies/ProtectCommands.h"
 
 namespace Ctl {
 

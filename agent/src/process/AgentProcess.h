@@ -9,10 +9,10 @@
 
 #include "control/BaselineRequests.h"
 #include "control/ControlServer.h"
-#include "control/MetricsFile.h"
 #include "control/ReportReader.h"
 #include "control/Routes.h"
-#include "control/StatusDocument.h"
+#include "control/status/MetricsFile.h"
+#include "control/status/StatusDocument.h"
 #include "policy/PolicyHost.h"
 #include "policy/PolicyService.h"
 #include "policy/PolicyStore.h"

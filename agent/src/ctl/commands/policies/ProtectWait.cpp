@@ -1,5 +1,5 @@
 // Owns the waiting for the first copy and its signals. It must not change anything.
-#include "ctl/commands/ProtectWait.h"
+#include "ctl/commands/policies/ProtectWait.h"
 
 #include <poll.h>
 #include <sdk/text/StrUtils.h>

@@ -6,8 +6,8 @@
 #include <iostream>
 
 #include "ctl/commands/Commands.h"
-#include "ctl/commands/DeployCommands.h"
-#include "ctl/commands/DeploySteps.h"
+#include "ctl/commands/deploys/DeployCommands.h"
+#include "ctl/commands/deploys/DeploySteps.h"
 #include "ctl/output/Question.h"
 #include "ctl/output/Terminal.h"
 

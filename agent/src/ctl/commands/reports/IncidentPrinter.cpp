@@ -1,5 +1,5 @@
 // Owns what has not been printed yet of incidents that go on. It must not read reports.
-#include "ctl/commands/IncidentPrinter.h"
+#include "ctl/commands/reports/IncidentPrinter.h"
 
 #include <utility>
 

@@ -8,7 +8,7 @@
 
 #include "ctl/baselines/Verification.h"
 #include "ctl/client/ExitCodes.h"
-#include "ctl/commands/BaselineCommands.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {

@@ -2,7 +2,7 @@
 
 #include "ctl/baselines/PageDifference.h"
 #include "ctl/client/ExitCodes.h"
-#include "ctl/commands/BaselineCommands.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {

@@ -1,5 +1,5 @@
 // Owns the thread that writes the metrics and the file. It must not know their names.
-#include "control/MetricsFile.h"
+#include "control/status/MetricsFile.h"
 
 #include <fcntl.h>
 #include <sdk/files/FileDescriptor.h>

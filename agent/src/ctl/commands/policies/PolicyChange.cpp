@@ -1,6 +1,6 @@
 // Owns the policy text that a change begins with. It must not decide what is changed (the commands
 // do).
-#include "ctl/commands/PolicyChange.h"
+#include "ctl/commands/policies/PolicyChange.h"
 
 #include <sdk/text/JsonUtils.h>
 

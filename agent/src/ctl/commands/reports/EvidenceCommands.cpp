@@ -1,4 +1,4 @@
-#include "ctl/commands/EvidenceCommands.h"
+#include "ctl/commands/reports/EvidenceCommands.h"
 
 #include <evidence/EvidenceStore.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // Owns the start time and the list of failed modules. Must not know the modules' members: they
 // answer queries. Runs on the control API's threads.
-#include "control/StatusDocument.h"
+#include "control/status/StatusDocument.h"
 
 #include <Poco/NumberParser.h>
 #include <framework/ConfigManager.h>
@@ -11,7 +11,7 @@
 #include <sdk/time/TimeUtils.h>
 #include <unistd.h>
 
-#include "control/HealthSummary.h"
+#include "control/status/HealthSummary.h"
 
 namespace Agent {
 

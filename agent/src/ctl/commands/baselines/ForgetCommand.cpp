@@ -11,7 +11,7 @@
 #include "ctl/baselines/ApprovedStates.h"
 #include "ctl/baselines/PolicyPaths.h"
 #include "ctl/client/ExitCodes.h"
-#include "ctl/commands/BaselineCommands.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {

@@ -1,6 +1,6 @@
 // Decides what the policy shall say of a path, and tells it in words. It must not talk to the
 // agent.
-#include "ctl/commands/ProtectPlan.h"
+#include "ctl/commands/policies/ProtectPlan.h"
 
 #include <sdk/files/PathUtils.h>
 #include <sdk/text/StrUtils.h>

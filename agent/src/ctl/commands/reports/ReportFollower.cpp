@@ -1,6 +1,6 @@
 // Owns the position in the report store and the retries of `--follow`. Must not format reports
 // (AlarmFormat does). Runs on the main thread of morvanectl.
-#include "ctl/commands/ReportFollower.h"
+#include "ctl/commands/reports/ReportFollower.h"
 
 #include <poll.h>
 #include <pthread.h>

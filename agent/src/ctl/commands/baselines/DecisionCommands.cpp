@@ -10,8 +10,8 @@
 
 #include "ctl/baselines/ApprovedStates.h"
 #include "ctl/client/ExitCodes.h"
-#include "ctl/commands/BaselineCommands.h"
 #include "ctl/commands/Commands.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
 #include "ctl/output/Question.h"
 #include "ctl/output/Terminal.h"
 

@@ -1,6 +1,6 @@
 // Owns the joined reasons. It must not know what a module protects (modules answer that). Runs on
 // the control API's threads.
-#include "control/HealthSummary.h"
+#include "control/status/HealthSummary.h"
 
 #include <sdk/text/JsonUtils.h>
 

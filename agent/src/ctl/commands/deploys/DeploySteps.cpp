@@ -1,5 +1,5 @@
 // Steps that several commands on deploys share.
-#include "ctl/commands/DeploySteps.h"
+#include "ctl/commands/deploys/DeploySteps.h"
 
 #include <poll.h>
 #include <sdk/text/JsonUtils.h>
@@ -12,8 +12,8 @@
 #include "ctl/baselines/ApprovedStates.h"
 #include "ctl/baselines/DifferenceFormat.h"
 #include "ctl/client/ExitCodes.h"
-#include "ctl/commands/BaselineCommands.h"
 #include "ctl/commands/Commands.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {

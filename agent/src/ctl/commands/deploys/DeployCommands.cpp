@@ -1,6 +1,6 @@
 // The steps of a deploy, as an operator sees them. It must not take changes into a site: the agent
 // does.
-#include "ctl/commands/DeployCommands.h"
+#include "ctl/commands/deploys/DeployCommands.h"
 
 #include <fcntl.h>
 #include <sdk/files/FileDescriptor.h>
@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ctl/commands/DeploySteps.h"
+#include "ctl/commands/deploys/DeploySteps.h"
 #include "ctl/deploy/CommandRun.h"
 #include "ctl/deploy/DeployClient.h"
 #include "ctl/output/Question.h"

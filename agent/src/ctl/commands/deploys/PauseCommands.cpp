@@ -4,10 +4,10 @@
 #include <iostream>
 
 #include "ctl/baselines/ApprovedStates.h"
-#include "ctl/commands/BaselineCommands.h"
 #include "ctl/commands/Commands.h"
-#include "ctl/commands/DeployCommands.h"
-#include "ctl/commands/DeploySteps.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
+#include "ctl/commands/deploys/DeployCommands.h"
+#include "ctl/commands/deploys/DeploySteps.h"
 #include "ctl/output/Question.h"
 #include "ctl/output/Terminal.h"
 

@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "ctl/commands/Commands.h"
-#include "ctl/commands/ReportFollower.h"
+#include "ctl/commands/reports/ReportFollower.h"
 #include "ctl/output/AlarmFormat.h"
 
 namespace Ctl {

@@ -1,4 +1,4 @@
-#include "ctl/commands/AlarmCommand.h"
+#include "ctl/commands/reports/AlarmCommand.h"
 
 #include <sdk/text/JsonUtils.h>
 #include <sdk/time/TimeUtils.h>
@@ -7,8 +7,8 @@
 
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
-#include "ctl/commands/IncidentPrinter.h"
-#include "ctl/commands/ReportFollower.h"
+#include "ctl/commands/reports/IncidentPrinter.h"
+#include "ctl/commands/reports/ReportFollower.h"
 #include "ctl/output/AlarmFormat.h"
 #include "ctl/output/Incidents.h"
 

@@ -5,10 +5,10 @@
 
 #include "ctl/baselines/PolicyPaths.h"
 #include "ctl/client/ExitCodes.h"
-#include "ctl/commands/PolicyChange.h"
-#include "ctl/commands/ProtectCommands.h"
-#include "ctl/commands/ProtectPlan.h"
-#include "ctl/commands/ProtectWait.h"
+#include "ctl/commands/policies/PolicyChange.h"
+#include "ctl/commands/policies/ProtectCommands.h"
+#include "ctl/commands/policies/ProtectPlan.h"
+#include "ctl/commands/policies/ProtectWait.h"
 #include "ctl/output/Terminal.h"
 #include "ctl/protect/PathProgress.h"
 

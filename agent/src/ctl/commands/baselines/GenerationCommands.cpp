@@ -8,7 +8,7 @@
 #include "ctl/baselines/DifferenceFormat.h"
 #include "ctl/baselines/GenerationComparison.h"
 #include "ctl/client/ExitCodes.h"
-#include "ctl/commands/BaselineCommands.h"
+#include "ctl/commands/baselines/BaselineCommands.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {

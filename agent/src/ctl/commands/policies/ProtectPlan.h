@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "ctl/commands/ProtectCommands.h"
+#include "ctl/commands/policies/ProtectCommands.h"
 #include "ctl/protect/ProtectionPolicy.h"
 #include "ctl/protect/SiteKind.h"
 #include "ctl/protect/TreeSurvey.h"
