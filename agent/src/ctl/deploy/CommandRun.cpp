@@ -81,7 +81,9 @@ std::vector<pid_t> Children() {
     while (const dirent* entry = ::readdir(processes.get())) {
         const std::string name = entry->d_name;
         if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        if (IsChildOf(name, self)) children.push_back(std::atoi(name.c_str()));
+        if (IsChildOf(name, self)) {
+            children.push_back(static_cast<pid_t>(std::strtol(name.c_str(), nullptr, 10)));
+        }
     }
     return children;
 }

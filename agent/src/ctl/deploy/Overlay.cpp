@@ -88,7 +88,7 @@ std::string Overlay::ForeignMount(const OverlayPlan& plan) {
         std::istringstream words(line);
         std::string word;
         for (int i = 0; i < 5; ++i) words >> word;  // the fifth is the mount point
-        const std::string point = Unescaped(word);
+        std::string point = Unescaped(word);
         if (point == plan.root || !IsWithin(point, plan.root)) continue;
         bool is_excluded = false;
         for (const std::string& one : plan.subdirectories) {
