@@ -241,9 +241,10 @@ TEST_F(Deploying, ForeignChangeMeanwhile_IsUndoneAndNotDeployed) {
         fs::remove(gate);
     });
     const test::CommandResult done =
-        Deploy("touch " + gate + "; while test -e " + gate +
-               "; do find . -name '*.html' -o -name '*.php' | xargs chown 0:0; "
-               "chmod 644 about.html; cat about.html > seen; done; echo new > news.html");
+        Deploy("touch " + gate +
+               "; while :; do find . -name '*.html' -o -name '*.php' | xargs chown 0:0; "
+               "chmod 644 about.html; cat about.html > seen; test -e " +
+               gate + " || break; done; echo new > news.html");
     attacker.join();
     ASSERT_EQ(done.exit_code, 0) << done.out << done.err;
     EXPECT_EQ(test::TempDir::Read(site_.Path("seen")), Good("about.html"));

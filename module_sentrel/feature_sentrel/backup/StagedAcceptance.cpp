@@ -83,6 +83,7 @@ std::vector<std::string> StagedAcceptance::Paths() const {
         return OrderOf(a) < OrderOf(b);
     });
     std::vector<std::string> paths;
+    paths.reserve(changes.size());
     for (const Difference& change : changes) paths.push_back(change.path);
     return paths;
 }
