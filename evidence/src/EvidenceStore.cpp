@@ -175,10 +175,18 @@ bool EvidenceStore::Store(const std::string& id, const std::string& content) {
     return true;
 }
 
+/// Keeps the list open: opening it for each record costs more than writing.
 bool EvidenceStore::Append(const Record& record) {
+    struct stat info {};
+    const bool is_replaced = ::fstat(list_.Get(), &info) != 0 || info.st_nlink == 0;
+    if (is_replaced) {
+        list_.Reset(::openat(opened_.Get(), kListName,
+                             O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    }
     const std::string line = ToLine(record);
     list_bytes_ += line.size();
-    return SDK::FileUtils::WriteFile(ListPath(), line, true) == 0;
+    return list_.IsOpen() &&
+           ::write(list_.Get(), line.data(), line.size()) == static_cast<ssize_t>(line.size());
 }
 
 std::vector<Record> EvidenceStore::List() const {

@@ -104,6 +104,10 @@ TEST_F(Keeping, AfterARemoval_ContentsWithARecordStay) {
     EXPECT_EQ(Content(shared->id), "shared");
     EXPECT_FALSE(store_->Open(alone->id).IsOpen());
     EXPECT_EQ(store_->List().size(), 1U);
+    // Another process removes while this one keeps the list open.
+    EXPECT_EQ(EvidenceStore(dir_.Path("evidence")).Remove([](const Record&) { return true; }), 1U);
+    Keep("four", "after the removal");
+    EXPECT_EQ(store_->List().size(), 1U);
 }
 
 TEST_F(Keeping, DamagedLinesAndForeignNames_AreLeftOut) {

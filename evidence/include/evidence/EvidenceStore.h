@@ -58,17 +58,20 @@ class EvidenceStore {
     std::optional<std::size_t> Remove(const std::function<bool(const Record&)>& is_dropped);
 
   private:
+    static constexpr const char* kListName = "list.jsonl";
+
     bool Prepare();
     bool HasRoomFor(std::uint64_t bytes);
     bool Store(const std::string& id, const std::string& content);
     bool Append(const Record& record);
     std::string ContentPath(const std::string& id) const { return directory_ + "/" + id; }
-    std::string ListPath() const { return directory_ + "/list.jsonl"; }
+    std::string ListPath() const { return directory_ + "/" + kListName; }
 
     const std::string directory_;
     const Limits limits_;
     SDK::FileDescriptor opened_;
-    std::uint64_t bytes_ = 0;  ///< of all contents; known once opened_ is open
+    SDK::FileDescriptor list_;  ///< for appending
+    std::uint64_t bytes_ = 0;   ///< of all contents; known once opened_ is open
     std::uint64_t list_bytes_ = 0;
     std::int64_t next_clean_up_ = 0;  ///< seconds since the epoch
 };
