@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -189,23 +190,29 @@ TEST_F(Deploying, AgentThatIsKilledInTheCommit_CompletesItWhenItStarts) {
     std::string script = "rm -r img; ";
     for (int i = 0; i < 400; ++i)
         script += "echo " + std::to_string(i) + " > page$((" + std::to_string(i) + ")).html; ";
-    // Each round kills it at another point.
-    for (const int delay_ms : {0, 20, 60, 150}) {
-        const std::string content = "round " + std::to_string(delay_ms);
+    // Each round kills it when that many pages of the site are new.
+    for (const int pages : {0, 1, 100, 300}) {
+        const std::string content = "round " + std::to_string(pages);
+        const auto is_new = [&](const auto& page) {
+            return page.second.find(content) != std::string::npos;
+        };
         const pid_t ctl =
             DeployInBackground(script + "for i in *; do echo " + content + " > $i; done");
         ASSERT_TRUE(Await([&] {
-            return test::TempDir::Read(Copy() + "/index.html") == content + "\n" ||
-                   (delay_ms == 0 && agent_.Status()["deploys"][0]["state"] == "committing");
+            if (pages == 0) {
+                return test::TempDir::Read(Copy() + "/index.html") == content + "\n" ||
+                       agent_.Status()["deploys"][0]["state"] == "committing";
+            }
+            const auto site = Contents(site_.Path());
+            return std::count_if(site.begin(), site.end(), is_new) >= pages;
         }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
         agent_.Kill();
         Reap(ctl);
         ASSERT_TRUE(agent_.Start());
         ASSERT_TRUE(
             Await([&] { return agent_.IsProtecting() && agent_.Status()["deploys"].empty(); }));
-        for (const auto& [name, text] : Contents(site_.Path())) {
-            EXPECT_NE(text.find(content), std::string::npos) << name << text;
+        for (const auto& page : Contents(site_.Path())) {
+            EXPECT_TRUE(is_new(page)) << page.first << page.second;
         }
         EXPECT_EQ(Contents(site_.Path()).size(), 403U);
         EXPECT_EQ(Path()["held"].asInt(), 0);
