@@ -54,9 +54,7 @@ bool StandsForItsContent(const Baseline::Difference& difference) {
 std::string SentrelInotifyTask::BaselineProblem(const SentrelDirRule& rule) const {
     std::string obstacle = state_.baselines.Obstacle(rule);
     if (!obstacle.empty()) return obstacle;
-    // While a newly approved state is being copied, the copies of an earlier one may be missing.
-    const bool is_copied = state_.progress.IsComplete(rule);
-    return !is_copied || state_.baselines.HasBackup(rule) ? "" : "the backup copies are gone";
+    return state_.baselines.HasBackup(rule) ? "" : "the backup copies are gone";
 }
 
 /// Begins the comparisons that are due.

@@ -26,6 +26,9 @@ constexpr const char* kBackupIsGone =
 constexpr const char* kNotApproved =
     "its present state was never approved; accept it, or apply the policy";
 
+/// Of copies that are being made: those of an earlier state may be lost.
+constexpr const char* kNoBackupId = "";
+
 using Anchor = std::unique_ptr<SDK::PathAnchor>;
 
 /// The copies of a rule as a tree of their own.
@@ -114,6 +117,7 @@ RuleBaselines::Adopted RuleBaselines::Adopt(const SentrelDirRule& rule) {
     state.obstacle = adopted.problem;
     state.approval.clear();
     state.key.reset();
+    if (is_copying) state.backup_id = kNoBackupId;
     return adopted;
 }
 
@@ -148,6 +152,8 @@ void RuleBaselines::BeginCopying(const SentrelDirRule& rule, const std::string& 
                                  LentKey::Key key) {
     Store().MarkCopying(rule.real_path, rule.backup_path);
     Begin(rule, approval, std::move(key));
+    const std::lock_guard<std::mutex> lock(mutex_);
+    states_[KeyOf(rule)].backup_id = kNoBackupId;
 }
 
 void RuleBaselines::BeginAccepting(const SentrelDirRule& rule, const std::string& approval,

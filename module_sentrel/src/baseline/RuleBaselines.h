@@ -109,7 +109,8 @@ class RuleBaselines {
     /// Reads only copies that have changed since they were approved.
     std::vector<Fault> CheckCopies(const AnchoredRule& rule, const std::string& path) const;
 
-    /// The backup path has the copies that were made there, as far as can be told at a glance.
+    /// The backup path has the copies that were made there, as far as can be told at a glance. True
+    /// while they are being made.
     bool HasBackup(const SentrelDirRule& rule) const;
 
     /// {"generation","approved_at","approval","objects"}; null: no manifest is in force.
