@@ -5,6 +5,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -26,6 +27,10 @@ bool LooksEqual(const struct stat& live, const struct stat& copy) {
             (live.st_size == copy.st_size && live.st_mtim.tv_sec == copy.st_mtim.tv_sec));
 }
 
+bool IsBefore(std::string_view a, std::string_view b) {
+    return ComparePaths(a, b) < 0;
+}
+
 bool HasContent(mode_t mode) {
     return S_ISREG(mode) || S_ISLNK(mode);
 }
@@ -33,8 +38,33 @@ bool HasContent(mode_t mode) {
 }  // namespace
 
 ManifestBuilder::ManifestBuilder(Request request) : request_(std::move(request)) {
-    std::sort(request_.open.begin(), request_.open.end(),
-              [](const std::string& a, const std::string& b) { return ComparePaths(a, b) < 0; });
+    std::sort(request_.open.begin(), request_.open.end(), IsBefore);
+    if (!request_.parts) return;
+    auto& parts = *request_.parts;
+    std::sort(parts.begin(), parts.end(), IsBefore);
+    parts.erase(std::unique(parts.begin(), parts.end(),
+                            [](const std::string& outer, const std::string& inner) {
+                                return IsWithin(inner, outer);
+                            }),
+                parts.end());
+    auto& open = request_.open;
+    open.erase(std::remove_if(open.begin(), open.end(),
+                              [this](const std::string& path) { return !IsInParts(path); }),
+               open.end());
+}
+
+bool ManifestBuilder::IsInParts(std::string_view path) const {
+    if (!request_.parts) return true;
+    // A part is ordered before all that lies in it.
+    const auto next =
+        std::upper_bound(request_.parts->begin(), request_.parts->end(), path, IsBefore);
+    return next != request_.parts->begin() && IsWithin(path, *std::prev(next));
+}
+
+bool ManifestBuilder::HasPartsBelow(std::string_view directory) const {
+    const auto next =
+        std::lower_bound(request_.parts->begin(), request_.parts->end(), directory, IsBefore);
+    return next != request_.parts->end() && IsWithin(*next, directory);
 }
 
 bool ManifestBuilder::Build(ManifestWriter& writer) {
@@ -54,7 +84,11 @@ bool ManifestBuilder::Build(ManifestWriter& writer) {
             walk.SkipBelow();
             continue;
         }
-        AddOpenUpTo(writer, &copy.path);
+        if (!IsInParts(copy.path)) {
+            if (!HasPartsBelow(copy.path)) walk.SkipBelow();
+            continue;
+        }
+        AddUpTo(writer, &copy.path);
         const bool is_open = next_open_ > 0 && IsWithin(copy.path, request_.open[next_open_ - 1]);
         if (is_open) {
             walk.SkipBelow();
@@ -65,7 +99,7 @@ bool ManifestBuilder::Build(ManifestWriter& writer) {
         if (!HasContent(copy.info.st_mode) || entry.content != Digest{}) continue;
         hasher.Add({copy.directory, copy.name, entry.size, index});
     }
-    AddOpenUpTo(writer, nullptr);
+    AddUpTo(writer, nullptr);
     hasher.Finish();
     hashed_ = results.size();
     for (const ContentHasher::Result& result : results) {
@@ -78,14 +112,32 @@ bool ManifestBuilder::Build(ManifestWriter& writer) {
     return writer.Size() > 0 && !request_.is_over();
 }
 
-/// Adds the open objects that are ordered before `path`, or it itself; all without one.
-void ManifestBuilder::AddOpenUpTo(ManifestWriter& writer, const std::string* path) {
-    for (; next_open_ < request_.open.size(); ++next_open_) {
-        const std::string& open = request_.open[next_open_];
-        if (path != nullptr && ComparePaths(open, *path) > 0) return;
-        ManifestEntry entry;
-        entry.path = open;
-        writer.Add(entry);
+/// Goes on to the next entry of the last manifest that stays.
+void ManifestBuilder::SkipToKept() {
+    if (!request_.parts || request_.last == nullptr) return;
+    while (next_kept_ < request_.last->Size() && IsInParts(request_.last->At(next_kept_).path)) {
+        ++next_kept_;
+    }
+}
+
+/// Adds the open objects, and the entries that stay, which are ordered before `path` or are it; all
+/// without a path.
+void ManifestBuilder::AddUpTo(ManifestWriter& writer, const std::string* path) {
+    const bool keeps = request_.parts && request_.last != nullptr;
+    for (;;) {
+        SkipToKept();
+        ManifestEntry open;
+        ManifestEntry kept;
+        const bool has_open = next_open_ < request_.open.size();
+        const bool has_kept = keeps && next_kept_ < request_.last->Size();
+        if (has_open) open.path = request_.open[next_open_];
+        if (has_kept) kept = request_.last->At(next_kept_);
+        if (!has_open && !has_kept) return;
+        const bool is_kept = has_kept && (!has_open || IsBefore(kept.path, open.path));
+        const ManifestEntry& next = is_kept ? kept : open;
+        if (path != nullptr && IsBefore(*path, next.path)) return;
+        writer.Add(next);
+        ++(is_kept ? next_kept_ : next_open_);
     }
 }
 

@@ -60,6 +60,13 @@ std::string UnusualMount(const AnchoredRule& rule) {
     return mounts.empty() ? "" : mounts.front().text;
 }
 
+/// Without parts everything is meant.
+DeployTaking::Parts Both(DeployTaking::Parts one, DeployTaking::Parts other) {
+    if (!one || !other) return {};
+    one->insert(one->end(), other->begin(), other->end());
+    return one;
+}
+
 }  // namespace
 
 SentrelBackupTask::SentrelBackupTask(ModuleState& state)
@@ -67,7 +74,9 @@ SentrelBackupTask::SentrelBackupTask(ModuleState& state)
                       kQueueCapacity),
       state_(state),
       deploys_(state, {[this] { return ShouldYield(); },
-                       [this](const SentrelDirRule& rule) { return CommitBaseline(rule); }}) {}
+                       [this](const SentrelDirRule& rule, const Parts& parts) {
+                           return CommitBaseline(rule, parts);
+                       }}) {}
 
 bool SentrelBackupTask::Init() {
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "Task(%s) init.", Id());
@@ -216,8 +225,13 @@ unsigned SentrelBackupTask::AttributeKinds(const SentrelDirRule& rule) {
 
 /// Lists the copies, which are what was approved from now on. An interrupted listing begins again
 /// with the next pass.
-bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, bool is_copy_of_site) {
-    uncommitted_.erase(rule.real_path);
+bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, Parts parts,
+                                       bool is_copy_of_site) {
+    const auto waiting = uncommitted_.find(rule.real_path);
+    if (waiting != uncommitted_.end()) {
+        parts = Both(std::move(parts), std::move(waiting->second));
+        uncommitted_.erase(waiting);
+    }
     const RulePlaces places = state_.anchors.Of(rule);
     const std::optional<std::timespec> begin = state_.progress.Begin(rule);
     if (!places || !begin) return false;
@@ -228,6 +242,7 @@ bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, bool is_copy_
     }
     commitment.attribute_kinds = state_.progress.AttributeKinds(rule);
     commitment.is_copy_of_site = is_copy_of_site;
+    commitment.parts = parts;
     commitment.is_over = [this] { return ShouldYield(); };
     std::string problem;
     switch (state_.baselines.Commit(*places.anchors, std::move(commitment), problem)) {
@@ -236,7 +251,7 @@ bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, bool is_copy_
             is_trimmed_ = false;
             return true;
         case RuleBaselines::Committed::kInterrupted:
-            uncommitted_.insert(rule.real_path);
+            uncommitted_[rule.real_path] = std::move(parts);
             break;
         case RuleBaselines::Committed::kFailed:
             SDK_LOG(ModuleLogger(), PRIO_WARNING, "the manifest of %s was not written: %s.",
@@ -248,10 +263,11 @@ bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, bool is_copy_
 }
 
 void SentrelBackupTask::CommitInterrupted() {
-    const std::set<std::string> paths = uncommitted_;
+    const std::map<std::string, Parts> waiting = uncommitted_;
     for (const SentrelDirRule& rule : SentrelUtils::GetInstance()->dir_rules) {
-        if (paths.count(rule.real_path) > 0 && state_.progress.IsComplete(rule)) {
-            CommitBaseline(rule);
+        const auto one = waiting.find(rule.real_path);
+        if (one != waiting.end() && state_.progress.IsComplete(rule)) {
+            CommitBaseline(rule, one->second);
         }
     }
 }
@@ -314,6 +330,7 @@ void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
     if (!places) return;
     ReplacedCopies replaced = state_.baselines.Replaced(*places.anchors);
     std::size_t copied = 0;
+    std::vector<std::string> parts;
     for (const auto& entry : progress.OpenEntries(rule, OpenObjects::kCapacity)) {
         if (ShouldYield()) break;
         CopyComparison comparison(state_.anchors, rule, replaced, *begin,
@@ -321,13 +338,14 @@ void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
         const CopyComparison::Result result = comparison.RunAgain(entry.below);
         if (result.outcome != CopyComparison::Outcome::kCompared) continue;
         copied += result.copied;
+        parts.push_back(entry.below);
         progress.NoteTried(rule, round, entry.below, result.open);
     }
     OpenReport(state_.progress, state_.status).Publish(rule);
     if (copied == 0) return;
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s: %lu open objects have been copied now.",
             rule.real_path, static_cast<unsigned long>(copied));
-    CommitBaseline(rule);
+    CommitBaseline(rule, std::move(parts));
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
     // The server's copy lacks them.
     if (utils->backup_type == kLocalAndRemote && progress.Round() == round) {

@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <set>
+#include <map>
 #include <string>
 
 #include "base/SentrelDirRule.h"
@@ -32,6 +32,8 @@ class SentrelBackupTask : public Framework::Task {
     int Run() override;
 
   private:
+    using Parts = DeployTaking::Parts;
+
     /// Waits until the path is watched: an earlier change would be in neither the copy nor an
     /// event. False when the pass should end. Waits for two minutes at most.
     bool AwaitWatch(const SentrelDirRule& rule);
@@ -47,8 +49,9 @@ class SentrelBackupTask : public Framework::Task {
     /// Tries the open objects again that are due.
     void RetryOpenObjects();
     void RetryOpenObjects(const SentrelDirRule& rule);
-    /// `is_copy_of_site`: else the copies are of an older state than the site.
-    bool CommitBaseline(const SentrelDirRule& rule, bool is_copy_of_site = true);
+    /// Approves the copies of `parts`. `is_copy_of_site`: else the copies are of an older state
+    /// than the site.
+    bool CommitBaseline(const SentrelDirRule& rule, Parts parts = {}, bool is_copy_of_site = true);
     void CommitInterrupted();
     /// Removes replaced copies of generations that are gone.
     void TrimReplaced();
@@ -72,8 +75,9 @@ class SentrelBackupTask : public Framework::Task {
 
     ModuleState& state_;
     DeployTaking deploys_;
-    std::set<std::string> uncommitted_;  ///< paths whose manifest is still to be written
-    bool is_trimmed_ = false;            ///< no replaced copies are left that are to be removed
+    /// Paths whose manifest is still to be written, with what is approved of them.
+    std::map<std::string, Parts> uncommitted_;
+    bool is_trimmed_ = false;  ///< no replaced copies are left that are to be removed
 };
 
 }  // namespace Engine

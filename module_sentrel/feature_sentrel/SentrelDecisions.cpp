@@ -71,7 +71,7 @@ void SentrelBackupTask::Accept(const OperatorRequest& request, const SentrelDirR
     result.objects += taken_here;
     if (taken_here == 0) {
         state_.baselines.Adopt(rule);  // the state approved before stays in force
-    } else if (!CommitBaseline(rule)) {
+    } else if (!CommitBaseline(rule, request.PartsOf(rule))) {
         result.message = "The manifest of " + rule.real_path + " was not written.";
     }
 }
@@ -160,7 +160,7 @@ bool SentrelBackupTask::CarryOut(const OperatorRequest& request, const SentrelDi
     if (!done.error.empty()) return false;
     state_.baselines.BeginAccepting(
         rule, "rolled back to generation " + number + " by " + request.By(), request.key);
-    if (!CommitBaseline(rule, false)) {
+    if (!CommitBaseline(rule, {}, false)) {
         uncommitted_.erase(rule.real_path);
         result.message =
             "The manifest of " + rule.real_path + " was not written; repeat the rollback.";

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <optional>
 #include <set>
 
 #include "support/TempDir.h"
@@ -56,6 +58,7 @@ class BaselineTest : public ::testing::Test {
         request.ignored = IsIgnored;
         request.is_over = [] { return false; };
         request.threads = 2;
+        request.parts = parts_;
         Baseline::ManifestBuilder builder(std::move(request));
         Baseline::ManifestWriter writer;
         EXPECT_TRUE(builder.Build(writer));
@@ -110,6 +113,7 @@ class BaselineTest : public ::testing::Test {
     test::TempDir data_;
     BaselineStore store_{data_.Path("baseline")};
     std::unique_ptr<SDK::SigningKey> lent_;
+    std::optional<std::vector<std::string>> parts_;  ///< that Commit approves; none: all
 };
 
 TEST_F(BaselineTest, EveryKindOfChange_IsFoundAndOnlyThat) {
@@ -174,6 +178,39 @@ TEST_F(BaselineTest, Generations_AreKeptInTheirNumberAndReadOnlyWhatChanged) {
     EXPECT_EQ(store_.All().size(), 1U);
     EXPECT_FALSE(store_.Get(root, backup_.Path(), 1));
     EXPECT_EQ(store_.Newest("/other/", backup_.Path()).number, 0U);
+}
+
+TEST_F(BaselineTest, PartsThatAreApproved_LeaveTheRestAsItWasApproved) {
+    site_.Write("b/one", "one");
+    site_.Write("b/two/deep", "deep");
+    CopySite();
+    ASSERT_TRUE(Commit());
+    const auto change = [&](const std::string& name, const std::string& text) {
+        std::ofstream(Copy(name)) << text;
+    };
+    for (const char* name : {"index.html", "a/style.css", "a/new", "b/one", "b/new", "c"}) {
+        change(name, "changed copy");
+    }
+    fs::remove_all(Copy("b/two"));
+    fs::remove(Copy("home"));
+    fs::create_symlink("changed", Copy("home"));
+    fs::remove(Copy("a.txt"));
+    parts_ = {"c", "b/new", "a", "a/style.css", "home", "a.txt"};
+    std::size_t hashed = 0;
+    const Generation next = Commit({"index.html", "a/style.css"}, &hashed);
+    ASSERT_TRUE(next);
+    EXPECT_EQ(hashed, 4U) << "a/new, b/new, c, home";
+    std::string listed;
+    for (std::size_t at = 0; at < next.manifest->Size(); ++at) {
+        const Baseline::ManifestEntry entry = next.manifest->At(at);
+        listed.append(entry.path) += entry.IsOpen() ? "? " : " ";
+    }
+    EXPECT_EQ(listed, " a a/new a/style.css? b b/new b/one b/two b/two/deep c home index.html ");
+    const Generation first = store_.Get(site_.Path() + "/", backup_.Path(), 1);
+    for (const char* name : {"index.html", "b/one", "b/two/deep"}) {
+        EXPECT_EQ(next.manifest->Find(name)->content, first.manifest->Find(name)->content) << name;
+    }
+    EXPECT_NE(next.manifest->Find("home")->content, first.manifest->Find("home")->content);
 }
 
 TEST_F(BaselineTest, ManifestThatWasAltered_IsNotUsed) {

@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "baseline/Manifest.h"
@@ -21,6 +23,9 @@ class ManifestBuilder {
         /// says of copies that have not changed since.
         TreeRoot live;
         const Manifest* last = nullptr;  ///< borrowed; null: none
+        /// What is approved, relative to the protected path: of all else the new manifest says what
+        /// the last one says, whatever the copies are now. None: everything.
+        std::optional<std::vector<std::string>> parts;
         /// When the copies were begun: an older object on the site is the one that was copied.
         std::timespec begun{};
         /// Objects that could not be copied, relative to the protected path.
@@ -42,11 +47,15 @@ class ManifestBuilder {
   private:
     ManifestEntry EntryOf(const WalkedObject& copy);
     Identity LiveIdentity(const WalkedObject& copy);
-    void AddOpenUpTo(ManifestWriter& writer, const std::string* path);
+    bool IsInParts(std::string_view path) const;
+    bool HasPartsBelow(std::string_view directory) const;
+    void SkipToKept();
+    void AddUpTo(ManifestWriter& writer, const std::string* path);
 
     Request request_;
     std::size_t next_open_ = 0;
-    std::string live_path_;  ///< of live_directory_
+    std::size_t next_kept_ = 0;  ///< in the last manifest
+    std::string live_path_;      ///< of live_directory_
     SDK::FileDescriptor live_directory_;
     std::size_t hashed_ = 0;
 };

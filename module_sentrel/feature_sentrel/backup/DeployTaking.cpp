@@ -120,7 +120,7 @@ void DeployTaking::Take(const Deploy& deploy, const SentrelDirRule& rule) {
         state_.baselines.BeginAccepting(rule, "deployed by " + deploy.By(),
                                         state_.baselines.Lent().Take());
         put.problem = acceptance.Take();
-        if (!owner_.sign(rule) && put.problem.empty()) {
+        if (!owner_.sign(rule, put.paths) && put.problem.empty()) {
             put.problem = "The manifest of " + rule.real_path + " was not written.";
         }
     }

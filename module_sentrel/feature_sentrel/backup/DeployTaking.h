@@ -2,7 +2,9 @@
 
 #include <functional>
 #include <list>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "base/SentrelDirRule.h"
 #include "deploy/Deploys.h"
@@ -16,9 +18,12 @@ struct ModuleState;
 /// interrupted. Backup task's thread.
 class DeployTaking {
   public:
+    /// Paths relative to the protected path; none: all of it.
+    using Parts = std::optional<std::vector<std::string>>;
     struct Owner {
-        std::function<bool()> is_over;                    ///< asked often; true ends a pass
-        std::function<bool(const SentrelDirRule&)> sign;  ///< approves the copies
+        std::function<bool()> is_over;  ///< asked often; true ends a pass
+        /// Approves the copies of these parts.
+        std::function<bool(const SentrelDirRule&, const Parts&)> sign;
     };
     /// `state` is borrowed.
     DeployTaking(ModuleState& state, Owner owner) : state_(state), owner_(std::move(owner)) {}

@@ -190,13 +190,15 @@ RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitm
     const SentrelDirRule& what = rule.Rule();
     const Baseline::BaselineStore store = Store();
     const Baseline::Generation last = store.Newest(what.real_path, what.backup_path);
-    const CopyTree copies = CopiesOf(rule);
     const auto fail = [&](const std::string& why) {
         problem = why;
         const std::lock_guard<std::mutex> lock(mutex_);
         states_[KeyOf(what)].key.reset();
         return Committed::kFailed;
     };
+    // Without it all outside the parts would be foreign.
+    if (commitment.parts && last.manifest == nullptr) return fail(last.problem);
+    const CopyTree copies = CopiesOf(rule);
     if (copies.anchor == nullptr) {
         return fail(std::string("cannot open the copies: ") + std::strerror(errno));
     }
@@ -205,6 +207,7 @@ RuleBaselines::Committed RuleBaselines::Commit(const AnchoredRule& rule, Commitm
     request.copies = copies.root;
     if (commitment.is_copy_of_site) request.live = LiveTree(rule);
     request.last = last.manifest.get();
+    request.parts = std::move(commitment.parts);
     request.begun = commitment.begun;
     request.open = std::move(commitment.open);
     request.ignored = [&](const std::string& below, bool is_directory) {

@@ -76,6 +76,8 @@ class RuleBaselines {
         std::vector<std::string> open;  ///< objects without a copy
         unsigned attribute_kinds = 0;   ///< as in BackupProgress
         bool is_copy_of_site = true;    ///< false: copies were changed, the site was not
+        /// As in ManifestBuilder::Request.
+        std::optional<std::vector<std::string>> parts = {};
         std::function<bool()> is_over;  ///< true ends the work
     };
     enum class Committed { kYes, kInterrupted, kFailed };

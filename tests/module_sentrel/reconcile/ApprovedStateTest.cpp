@@ -140,6 +140,20 @@ TEST_F(ApprovedState, AlteredCopy_IsNeverPutBack) {
     EXPECT_FALSE(fs::exists(site_.Path("sub/planted.php")));
 }
 
+TEST_F(ApprovedState, AlteredCopy_IsNotApprovedWithSomethingElse) {
+    Approve();
+    StopProtection();
+    ChangeAll();
+    StartProtection();
+    AwaitCheck();
+    std::ofstream(Copy("sub/more.html")) << "altered copy";
+    const Json::Value ended = Decide("accept", {"index.html", "evil"});
+    EXPECT_EQ(ended["state"], "done") << ended["message"].asString();
+    site_.Write("sub/more.html", "defaced");
+    EXPECT_FALSE(Alarm(Copy("sub/more.html")).isNull());
+    EXPECT_EQ(Content("sub/more.html"), "defaced");
+}
+
 TEST_F(ApprovedState, LostBackup_MakesNothingForeignAndIsUsedAgainWhenItIsBack) {
     Approve();
     const std::string elsewhere = backup_.Path() + ".away";

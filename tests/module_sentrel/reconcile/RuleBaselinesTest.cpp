@@ -28,8 +28,7 @@ class Baselines : public ::testing::Test {
     }
     RuleBaselines::Committed CopyAndCommit() {
         fs::create_directories(rule_.backup_path + rule_.real_path);
-        fs::copy(rule_.real_path, rule_.backup_path + rule_.real_path,
-                 fs::copy_options::recursive);
+        fs::copy(rule_.real_path, rule_.backup_path + rule_.real_path, fs::copy_options::recursive);
         RuleBaselines::Commitment commitment;
         commitment.is_over = [] { return false; };
         std::string problem;
