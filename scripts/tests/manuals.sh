@@ -74,7 +74,7 @@ main() {
     expect_named morvane_agent.8 "${words[@]}"
     mapfile -t words < <(grep -oE '"[a-z_]+":' "$STAGE/conf/agent.json" | tr -d '":')
     expect_named agent.json.5 "${words[@]}"
-    mapfile -t words < <(sed -n '/^### Switches/,/^\*\*/p' "$ROOT/docs/operators.md" | grep -oE '"[a-z_]+":' | tr -d '":')
+    mapfile -t words < <(sed -n '/^## Settings of the agent/,/^\*\*/p' "$ROOT/docs/options.md" | grep -oE '"[a-z_]+":' | tr -d '":')
     expect_named agent.json.5 "${words[@]}"
     for page in sentrel backupserver; do
         mapfile -t words < <(grep -E '^ +"[a-z_]+": \{$' "$ROOT/docs/policy-${page}_feature.schema.json" |

@@ -74,7 +74,7 @@ void DefineStatus(CLI::App& app, Arguments& args) {
     CLI::App* status = app.add_subcommand("status", "Show whether changes are undone, and why not");
     status->footer(
         "Exit codes: 0 healthy, 1 degraded: some change may not be undone, 2 off or no agent (also "
-        "wrong usage). docs/operators.md has the reasons' codes.");
+        "wrong usage). docs/troubleshooting.md has the reasons' codes.");
     status->add_flag("--json", args.json, "The status as one JSON object");
     status->fallthrough()->callback([&args] {
         args.command = [&args](const ControlClient& client) {

@@ -1,4 +1,4 @@
-// Compares the JSON Schemas and the operators' page in docs/ with the check of policies.
+// Compares the JSON Schemas and the pages in docs/ with the check of policies.
 #include <Poco/RegularExpression.h>
 #include <Poco/String.h>
 
@@ -59,9 +59,9 @@ class PolicySchema : public ::testing::Test {
         for (const auto& error : findings.errors) text += error.pointer + ": " + error.message;
         return text;
     }
-    /// The documents of a feature on the operators' page.
+    /// The documents of a feature in the pages that have some.
     static std::vector<Json::Value> Examples(bool server) {
-        const std::string page = Doc("operators.md");
+        const std::string page = Doc("options.md") + Doc("second-host.md");
         static const std::string kFence = "```json\n";
         std::vector<Json::Value> found;
         for (auto at = page.find(kFence); at != std::string::npos; at = page.find(kFence, at)) {
@@ -78,7 +78,7 @@ class PolicySchema : public ::testing::Test {
     test::Installation install_;
 };
 
-TEST_F(PolicySchema, Keys_EqualThoseOfTheCheckAndOfTheOperatorsPage) {
+TEST_F(PolicySchema, Keys_EqualThoseOfTheCheckAndOfThePageOfOptions) {
     const Json::Value protection = Schema("sentrel_feature");
     const Json::Value server = Schema("backupserver_feature");
     const Json::Value& content = protection["properties"]["content"];
@@ -87,7 +87,7 @@ TEST_F(PolicySchema, Keys_EqualThoseOfTheCheckAndOfTheOperatorsPage) {
     EXPECT_EQ(NamesIn(content["properties"]["dirlist"]["items"]), NamesOf(Engine::EntryKeys()));
     EXPECT_EQ(NamesIn(server), NamesOf(Engine::DocumentKeys()));
     EXPECT_EQ(NamesIn(server["properties"]["content"]), NamesOf(Engine::BackUpServerKeys()));
-    const std::string page = Doc("operators.md");
+    const std::string page = Doc("options.md");
     for (const auto* keys : {&Engine::DocumentKeys(), &Engine::ProtectionKeys(),
                              &Engine::EntryKeys(), &Engine::BackUpServerKeys()}) {
         for (const PolicyKey& key : *keys) {
@@ -96,7 +96,7 @@ TEST_F(PolicySchema, Keys_EqualThoseOfTheCheckAndOfTheOperatorsPage) {
     }
 }
 
-TEST_F(PolicySchema, ExamplesOfTheOperatorsPage_AreValid) {
+TEST_F(PolicySchema, ExamplesOfThePages_AreValid) {
     ASSERT_FALSE(Examples(false).empty() || Examples(true).empty());
     for (Json::Value document : Examples(false)) {
         document["content"]["dirlist"][0]["filepath"] = install_.dir.Path();
