@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # docs.sh STAGE: the pages of README and docs/ are right in what a script can tell: each link leads to a page and a
 # heading, the index has every page, each command of a block can be parsed, and each command and option of morvanectl
-# in the pages exists. STAGE is the built installation.
+# in the pages exists. Each reason and warning of the status has its section, and no section is of another word.
+# STAGE is the built installation.
 set -euo pipefail
 
 readonly STAGE=$1
@@ -107,6 +108,30 @@ check_page() {
     rm -f "$FOLDER/commands"
 }
 
+# status_words: the words in brackets that the sources can put behind a reason or a warning of the status.
+status_words() {
+    find "$ROOT"/agent/src "$ROOT"/module_*/{src,feature_*} "$ROOT"/framework -name '*.cpp' -exec cat {} + 2>/dev/null |
+        tr '\n' ' ' | grep -oE '(reasons\.Add|AddOwn|Reason|Warning)\( *"[a-z_]+"' | grep -oE '"[a-z_]+"' | tr -d '"' | sort -u
+}
+
+# shellcheck disable=SC2016
+explained_words() { sed -nE 's/^### `(.*)`$/\1/p' "$ROOT/docs/troubleshooting.md"; }
+
+check_words() {
+    local word
+    status_words >"$FOLDER/words"
+    explained_words | sort >"$FOLDER/sections"
+    while IFS= read -r word; do
+        fault "[$word] of the status has no section of its own in docs/troubleshooting.md, or the section has no such word"
+    done < <(comm -3 --output-delimiter='' "$FOLDER/words" "$FOLDER/sections")
+    while IFS= read -r word; do
+        [[ $("$STAGE/bin/morvanectl" explain "$word" | wc -l) -ge 3 ]] || fault "morvanectl explain $word says nothing"
+    done <"$FOLDER/words"
+    [[ $("$STAGE/bin/morvanectl" explain) == "$(explained_words)" ]] ||
+        fault "morvanectl explain lists other words, or others than the stage folder"
+    (($(wc -l <"$FOLDER/words") > 25)) || fault "found only $(wc -l <"$FOLDER/words") words in the sources"
+}
+
 main() {
     local page
     for page in "$ROOT"/README.md "$ROOT"/ARCHITECTURE.md "$ROOT"/docs/*.md; do
@@ -114,6 +139,7 @@ main() {
         [[ $page != "$ROOT"/docs/* || $page == */README.md || $page == */performance-results.md ]] ||
             grep -qF "]($(basename -- "$page"))" "$ROOT/docs/README.md" || fault "docs/README.md does not list $page"
     done
+    check_words
     ((LINKS > 60 && BLOCKS > 20 && COMMANDS > 60)) || fault "checked only $LINKS links, $BLOCKS blocks, $COMMANDS commands"
     echo "$LINKS links, $BLOCKS blocks and $COMMANDS commands checked"
     return $((FAULTS > 0))

@@ -78,8 +78,9 @@ TEST_F(Formats, Status_ShowsPathsReasonsAndWarningsHarmlessly) {
          {"DEGRADED: module broken\\x1b (and 1 more).\n",
           "  ! module broken\\x1b  [module_failed]\n", "/srv/\\x1bsite/\n    waiting",
           "    ! is not there  [missing]\n", "/var/copies is not safe", "remote \\x1b",
-          "2 log records", "3 alarms could not", "older than 3.5.0", "12 directories",
-          "/srv/deep: Permission", "cannot be raised"}) {
+          "2 log records were dropped  [log_records_dropped]\n", "3 alarms could not",
+          "older than 3.5.0", "12 directories", "/srv/deep: Permission", "cannot be raised",
+          "morvanectl explain WORD\n"}) {
         EXPECT_NE(page.find(part), std::string::npos) << part << " in\n" << page;
     }
     EXPECT_EQ(page.find('\x1b'), std::string::npos);
@@ -107,8 +108,8 @@ TEST_F(Formats, Headline_SaysItAll) {
               "Backup server: takes the backups of other hosts. No path of this host is "
               "protected.\n",
               Ctl::Health::kHealthy},
-             {R"({"health":{"state":"off","reasons":[{"text":"paused"}]}})", "OFF: paused.\n",
-              Ctl::Health::kOff},
+             {R"({"health":{"state":"off","reasons":[{"text":"paused","code":"x"}]}})",
+              "OFF: paused.  [x]\n", Ctl::Health::kOff},
              {R"({"health":{"state":"degraded","reasons":[{"text":"gone.","path":"/a"}]}})",
               "DEGRADED: /a: gone.\n", Ctl::Health::kDegraded},
              {"{}", "DEGRADED: the agent does not say why.\n", Ctl::Health::kDegraded}}) {

@@ -27,6 +27,7 @@ struct Arguments {
     std::string key;
     std::string tasklet;
     std::string role;
+    std::string word;
     bool json = false;
     ReportQuery query;
     std::function<int(const ControlClient&)> command;
@@ -74,13 +75,19 @@ void DefineStatus(CLI::App& app, Arguments& args) {
     CLI::App* status = app.add_subcommand("status", "Show whether changes are undone, and why not");
     status->footer(
         "Exit codes: 0 healthy, 1 degraded: some change may not be undone, 2 off or no agent (also "
-        "wrong usage). docs/troubleshooting.md has the reasons' codes.");
+        "wrong usage). \"morvanectl explain WORD\" explains each word in brackets.");
     status->add_flag("--json", args.json, "The status as one JSON object");
     status->fallthrough()->callback([&args] {
         args.command = [&args](const ControlClient& client) {
             return ShowStatus(client, args.json);
         };
     });
+    CLI::App* explain = app.add_subcommand(
+        "explain", "Explain a word in brackets in the status: the cause, and what to do");
+    explain->add_option("WORD", args.word, "Such as held; without it, all words are listed");
+    explain->footer("Exit codes: 0 printed, 1 failed, 2 no such word. No agent is needed.");
+    explain->fallthrough()->callback(
+        [&args] { args.command = [&args](const ControlClient&) { return Explain(args.word); }; });
     CLI::App* metrics =
         app.add_subcommand("metrics", "Print the state in the text format of Prometheus");
     metrics->footer("Exit codes: 0 printed, 1 failed, 2 wrong usage, 5 no agent.");

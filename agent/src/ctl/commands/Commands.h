@@ -28,6 +28,9 @@ int RunTasklet(const ControlClient& client, const std::string& id);
 /// `role` is "server" or "client". The password comes from standard input or the terminal.
 int SetSecret(const ControlClient& client, const std::string& role);
 int ShowStatus(const ControlClient& client, bool json);
+/// What a word in brackets in the status means and what to do, from the page in the installation;
+/// for an empty word the list of all. Needs no agent.
+int Explain(const std::string& word);
 /// The status in the text format of Prometheus.
 int ShowMetrics(const ControlClient& client);
 int ShowReports(const ControlClient& client, const ReportQuery& query);

@@ -35,13 +35,19 @@ std::string Sentence(const Json::Value& reason) {
     return path.empty() ? text : path + ": " + text;
 }
 
+/// "  [held]": the word that "morvanectl explain" takes; empty for a reason without one.
+std::string Word(const Json::Value& reason) {
+    const std::string code = Text(reason, "code");
+    return code.empty() ? "" : "  [" + code + "]";
+}
+
 /// `title: <first reason> (and 2 more)`.
 std::string Trouble(const std::string& title, const Json::Value& reasons) {
     if (reasons.empty()) return title + ": the agent does not say why.";
     const std::string first = Sentence(reasons[0]);
     const bool is_closed = !first.empty() && first.back() == '.';
     const std::size_t others = reasons.size() - 1;
-    if (others == 0) return title + ": " + first + (is_closed ? "" : ".");
+    if (others == 0) return title + ": " + first + (is_closed ? "" : ".") + Word(reasons[0]);
     return title + ": " + first + " (and " + std::to_string(others) + " more).";
 }
 
@@ -76,8 +82,7 @@ std::string Wellbeing(const Json::Value& status, long long now_ms) {
 }
 
 std::string ReasonLine(const Json::Value& reason, const std::string& text) {
-    return "  " + Coloured("!", Colour::kYellow) + " " + text +
-           (Text(reason, "code").empty() ? "" : "  [" + Text(reason, "code") + "]") + "\n";
+    return "  " + Coloured("!", Colour::kYellow) + " " + text + Word(reason) + "\n";
 }
 
 }  // namespace

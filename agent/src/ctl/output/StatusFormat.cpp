@@ -15,6 +15,7 @@ using SDK::StrUtils;
 
 namespace {
 
+constexpr char kHint[] = "\nWhat a word in [ ] means, and what to do: morvanectl explain WORD\n";
 constexpr int kPushes = 2;  ///< the backup type with copies on a backup server
 
 std::string Line(const char* title, const std::string& text) {
@@ -169,11 +170,13 @@ std::string FormatAgent(const Json::Value& status, long long now_ms) {
 
 std::string FormatStatus(const Json::Value& status, long long now_ms) {
     if (!status.isObject()) return "";
+    const std::string warnings = FormatWarnings(status, now_ms);
+    const bool has_words = !warnings.empty() || HealthOf(status) != Health::kHealthy;
     return FormatHeadline(status, now_ms) + FormatGeneralReasons(status) +
            FormatOperations(status, now_ms) + FormatPaths(status, now_ms) + "\n" +
            FormatSchedule(status) + FormatBackup(status) + FormatBackupServer(status, now_ms) +
            FormatCounters(status) + FormatPolicies(status, now_ms) + FormatAgent(status, now_ms) +
-           FormatWarnings(status, now_ms);
+           warnings + (has_words ? kHint : "");
 }
 
 }  // namespace Ctl

@@ -11,8 +11,9 @@ using SDK::JsonUtils;
 
 namespace {
 
-std::string Warning(const std::string& text) {
-    return Coloured("warning: ", Colour::kYellow) + text + "\n";
+/// `word`: what "morvanectl explain" takes.
+std::string Warning(const char* word, const std::string& text) {
+    return Coloured("warning: ", Colour::kYellow) + text + "  [" + word + "]\n";
 }
 
 std::string PolicyWarnings(const Json::Value& status, long long now_ms) {
@@ -23,8 +24,9 @@ std::string PolicyWarnings(const Json::Value& status, long long now_ms) {
             Text(policy, "state") == "failed") {
             continue;
         }
-        text += Warning("policy of " + Text(policy, "feature") + " refused at " +
-                        When(Number(rejection, "at"), now_ms) + ": " + Text(rejection, "message"));
+        text += Warning("policy_refused", "policy of " + Text(policy, "feature") + " refused at " +
+                                              When(Number(rejection, "at"), now_ms) + ": " +
+                                              Text(rejection, "message"));
     }
     return text;
 }
@@ -35,15 +37,16 @@ std::string PathWarnings(const Json::Value& status, long long now_ms) {
         Json::Value open;
         if (JsonUtils::GetSubobjectValue(path, "open_objects", open)) {
             for (const Json::Value& example : open["examples"]) {
-                text += Warning("not copied: " + Text(example, "path") + ": " +
-                                Text(example, "reason"));
+                text += Warning("open_objects", "not copied: " + Text(example, "path") + ": " +
+                                                    Text(example, "reason"));
             }
         }
         const std::string failure = Text(path, "last_failure");
         const long long at = Number(path, "last_failure_at");
         const std::string when = at > 0 ? " at " + When(at, now_ms) : "";
         if (!failure.empty()) {
-            text += Warning(Text(path, "path") + ", last failure" + when + ": " + failure);
+            text += Warning("last_failure",
+                            Text(path, "path") + ", last failure" + when + ": " + failure);
         }
     }
     return text;
@@ -54,22 +57,23 @@ std::string WatchWarnings(const Json::Value& own) {
     std::string text;
     const long long unwatched = Number(own, "unwatched_directories");
     if (unwatched > 0) {
-        text += Warning(
-            std::to_string(unwatched) +
-            " directories are not protected because they cannot be watched; the agent tries again");
+        text += Warning("unwatched_directories", std::to_string(unwatched) +
+                                                     " directories are not protected because they "
+                                                     "cannot be watched; the agent tries again");
     }
     for (const Json::Value& example : own["unwatched_examples"]) {
-        text += Warning("not watched: " + Text(example, "path") + ": " + Text(example, "reason"));
+        text += Warning("unwatched_directories",
+                        "not watched: " + Text(example, "path") + ": " + Text(example, "reason"));
     }
     const std::string limit = Text(own, "queue_limit_problem");
-    return limit.empty() ? text : text + Warning(limit);
+    return limit.empty() ? text : text + Warning("queue_limit", limit);
 }
 
 std::string UnsafePlaces(const Json::Value& status) {
     std::string text;
     for (const Json::Value& place : status["unsafe_places"]) {
-        text += Warning(Text(place, "path") +
-                        " is not safe from other users: " + Text(place, "reason"));
+        text += Warning("unsafe_place", Text(place, "path") + " is not safe from other users: " +
+                                            Text(place, "reason"));
     }
     return text;
 }
@@ -78,11 +82,13 @@ std::string ReportWarnings(const Json::Value& status) {
     std::string text;
     const Json::Value& reports = status["reports"];
     if (reports.isObject() && !JsonUtils::GetBoolValue(reports, "working", true)) {
-        text += Warning("the report store does not work: " + Text(reports, "error"));
+        text +=
+            Warning("report_store", "the report store does not work: " + Text(reports, "error"));
     }
     const long long lost = Number(status["counters"], "alarms_lost");
     if (lost > 0) {
-        text += Warning(Counted(lost, "alarm") + " could not be stored; see the log");
+        text +=
+            Warning("alarms_lost", Counted(lost, "alarm") + " could not be stored; see the log");
     }
     return text;
 }
@@ -94,11 +100,13 @@ std::string FormatWarnings(const Json::Value& status, long long now_ms) {
                        PathWarnings(status, now_ms) + WatchWarnings(status["filenotify"]) +
                        ReportWarnings(status);
     if (Flag(status["rsync"], "degraded")) {
-        text += Warning("rsync " + Text(status["rsync"], "version") + ": " +
-                        Text(status["rsync"], "reason"));
+        text += Warning("rsync_degraded", "rsync " + Text(status["rsync"], "version") + ": " +
+                                              Text(status["rsync"], "reason"));
     }
     const long long dropped = Number(status["counters"], "log_records_dropped");
-    if (dropped > 0) text += Warning(std::to_string(dropped) + " log records were dropped");
+    if (dropped > 0)
+        text +=
+            Warning("log_records_dropped", std::to_string(dropped) + " log records were dropped");
     return text.empty() ? "" : "\n" + text;
 }
 
