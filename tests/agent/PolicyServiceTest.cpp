@@ -53,6 +53,8 @@ TEST_F(PolicyService, PolicyWithErrors_ChangesNothing) {
     EXPECT_EQ(Kept("feature_a"), "on");
     EXPECT_EQ(StateOf("feature_a"), "on");
     EXPECT_EQ(service_.Show("feature_a")["last_rejection"]["message"], "/content: wrong");
+    service_.Apply("feature_a", "on");
+    EXPECT_FALSE(service_.Show("feature_a").isMember("last_rejection")) << "a good one followed";
 }
 
 TEST_F(PolicyService, PolicyThatFailsWhileApplied_GivesWayToTheLastGoodOne) {

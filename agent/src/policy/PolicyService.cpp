@@ -217,6 +217,7 @@ void PolicyService::RecordAccepted(const std::string& feature, PolicyState state
     Entry& entry = entries_[feature];
     entry.state = ToText(state);
     entry.applied_at = SDK::TimeUtils::GetCurrentTimestampS();
+    entry.rejected_at = 0;
 }
 
 void PolicyService::RecordFailed(const std::string& feature) {

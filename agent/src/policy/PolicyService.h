@@ -49,7 +49,7 @@ class PolicyService {
 
     /// [{"feature","state","applied_at"(,"last_rejection")}], sorted by feature. `state` is
     /// "failed" when a stored policy could not be applied again, at the start or after a rejected
-    /// policy.
+    /// policy. The rejection is that of a policy after the last accepted one.
     Json::Value List() const;
 
     /// The same for one feature with its "text"; null when none was accepted yet.
