@@ -108,10 +108,15 @@ check_page() {
     rm -f "$FOLDER/commands"
 }
 
-# status_words: the words in brackets that the sources can put behind a reason or a warning of the status.
+# status_words: the words in brackets that the sources can put behind a reason or a warning of the status, or behind a
+# finding of the doctor.
 status_words() {
-    find "$ROOT"/agent/src "$ROOT"/module_*/{src,feature_*} "$ROOT"/framework -name '*.cpp' -exec cat {} + 2>/dev/null |
-        tr '\n' ' ' | grep -oE '(reasons\.Add|AddOwn|Reason|Warning)\( *"[a-z_]+"' | grep -oE '"[a-z_]+"' | tr -d '"' | sort -u
+    {
+        find "$ROOT"/agent/src "$ROOT"/module_*/{src,feature_*} "$ROOT"/framework -name '*.cpp' -exec cat {} + 2>/dev/null |
+            tr '\n' ' ' | grep -oE '(reasons\.Add|AddOwn|Reason|Warning)\( *"[a-z_]+"' | grep -oE '"[a-z_]+"'
+        # The doctor's table ends each row with its word.
+        grep -oE '"[a-z_]+"\},$' "$ROOT/agent/src/ctl/doctor/Findings.cpp"
+    } | tr -d '"},' | sort -u
 }
 
 # shellcheck disable=SC2016

@@ -34,11 +34,13 @@ class ApprovedSite {
     std::string Backup() const { return backup_.Path(); }
     std::string Copy() const { return backup_.Path() + site_.Path(); }
     std::string Copy(const std::string& name) const { return backup_.Path() + site_.Path(name); }
+    void WritePolicyText(const std::string& text) {
+        installation_.Write("data/policies/sentrel_feature.json", text);
+    }
     void WritePolicy(const std::string& path) {
-        installation_.Write(
-            "data/policies/sentrel_feature.json",
+        WritePolicyText(
             R"({"enabled":true,"content":{"dirlist":[{"enable":true,"backup_path":"/b","filepath":")" +
-                path + R"("}]}})");
+            path + R"("}]}})");
     }
     std::string Data() const { return installation_.Path("data/baseline"); }
 

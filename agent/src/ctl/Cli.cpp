@@ -88,6 +88,15 @@ void DefineStatus(CLI::App& app, Arguments& args) {
     explain->footer("Exit codes: 0 printed, 1 failed, 2 no such word. No agent is needed.");
     explain->fallthrough()->callback(
         [&args] { args.command = [&args](const ControlClient&) { return Explain(args.word); }; });
+    CLI::App* doctor = app.add_subcommand(
+        "doctor", "Check everything that the protection needs, and say what to do");
+    doctor->footer(
+        "Needs no agent. \"morvanectl explain\" tells more about a word in brackets. Exit codes: 0 "
+        "all is well, 1 warnings, 2 problems (also wrong usage).");
+    doctor->add_flag("--json", args.json, "The findings as one JSON object");
+    doctor->fallthrough()->callback([&args] {
+        args.command = [&args](const ControlClient& client) { return Examine(client, args.json); };
+    });
     CLI::App* metrics =
         app.add_subcommand("metrics", "Print the state in the text format of Prometheus");
     metrics->footer("Exit codes: 0 printed, 1 failed, 2 wrong usage, 5 no agent.");

@@ -3,11 +3,11 @@
 #include "rsync/InstalledRsync.h"
 
 #include <sdk/commands/ExecuteCmdUtils.h>
+#include <sdk/host/RsyncVersion.h>
 #include <sdk/log/Log.h>
 
 #include "base/ModuleLogger.h"
 #include "rsync/RsyncEnvironment.h"
-#include "rsync/RsyncVersion.h"
 
 namespace Engine {
 
@@ -18,7 +18,7 @@ constexpr std::size_t kMaxAnswer = 4096;
 
 std::string DegradedReason(const std::string& version) {
     if (version.empty()) return "bin/rsync does not tell its version";
-    if (!FollowsPlantedLinks(version)) return "";
+    if (!SDK::FollowsPlantedLinks(version)) return "";
     return "rsync " + version + " is older than 3.5.0: follows planted links as root";
 }
 
@@ -36,7 +36,7 @@ void InstalledRsync::Examine(const std::string& path, bool installed_anew) {
     const int result = SDK::ExecuteCmdUtils::ExecuteCmd(path, {"--version"}, kAskTimeoutMs,
                                                         exit_code, output, kMaxAnswer);
     if (result == SDK::ExecuteCmdUtils::kInterrupted) return;  // the next call asks again
-    const std::string version = RsyncVersionFromText(output);
+    const std::string version = SDK::RsyncVersionFromText(output);
     const std::string reason = DegradedReason(version);
     {
         const std::lock_guard<std::mutex> lock(mutex_);

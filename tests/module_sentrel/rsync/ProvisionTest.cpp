@@ -1,4 +1,5 @@
 #include <framework/ConfigManager.h>
+#include <sdk/host/RsyncVersion.h>
 #include <sys/xattr.h>
 
 #include <filesystem>
@@ -7,7 +8,6 @@
 
 #include "fixtures/Installation.h"
 #include "rsync/RsyncEnvironment.h"
-#include "rsync/RsyncVersion.h"
 #include "utils/SentrelUtils.h"
 
 namespace {
@@ -95,7 +95,7 @@ TEST_F(Provision, OldRsync_IsUsedWithOneWarningAndADegradedStatus) {
     rsync = utils_->Rsync().ToJson();
     EXPECT_EQ(rsync["version"], "3.10.1");
     EXPECT_FALSE(rsync["degraded"].asBool());
-    EXPECT_TRUE(Engine::FollowsPlantedLinks("3.4.99") && !Engine::FollowsPlantedLinks("3.5.0"));
+    EXPECT_TRUE(SDK::FollowsPlantedLinks("3.4.99") && !SDK::FollowsPlantedLinks("3.5.0"));
 }
 
 TEST_F(Provision, PreloadLibrary_IsUsedWhenItCanBeLoadedAndIsNotSwitchedOff) {

@@ -16,7 +16,7 @@ using SDK::JsonUtils;
 
 namespace {
 
-constexpr char kPolicyFile[] = "data/policies/sentrel_feature.json";
+constexpr char kPolicies[] = "data/policies/";
 // Backup types of which the agent makes the copies itself.
 constexpr int kLocal = 0;
 constexpr int kLocalAndRemote = 2;
@@ -35,17 +35,24 @@ std::string CanonicalPath(const std::string& path) {
     return SDK::PathUtils::WithoutTrailingSlash(error ? path : std::string(resolved));
 }
 
-std::optional<std::map<std::string, bool>> PolicyPaths() {
+Json::Value KeptPolicyContent(const std::string& feature) {
     std::string text;
     Json::Value policy;
     Json::Value content;
-    Json::Value entries;
-    if (SDK::FileUtils::ReadFile(SDK::PathUtils::BelowInstallation(kPolicyFile), text,
-                                 Agent::kMaxBodyBytes) != 0 ||
+    const std::string file = SDK::PathUtils::BelowInstallation(kPolicies + feature + ".json");
+    if (SDK::FileUtils::ReadFile(file, text, Agent::kMaxBodyBytes) != 0 ||
         JsonUtils::ParseJsonStr(text.data(), text.size(), policy) != 0 ||
         !JsonUtils::GetBoolValue(policy, "enabled", false) ||
-        !JsonUtils::GetSubobjectValue(policy, "content", content) ||
-        !JsonUtils::GetArrayValue(content, "dirlist", entries)) {
+        !JsonUtils::GetSubobjectValue(policy, "content", content)) {
+        return {};
+    }
+    return content;
+}
+
+std::optional<std::map<std::string, bool>> PolicyPaths() {
+    const Json::Value content = KeptPolicyContent("sentrel_feature");
+    Json::Value entries;
+    if (!content.isObject() || !JsonUtils::GetArrayValue(content, "dirlist", entries)) {
         return std::nullopt;
     }
     const int type = JsonUtils::GetIntValue(content, "backup_type", kLocal);

@@ -31,6 +31,8 @@ int ShowStatus(const ControlClient& client, bool json);
 /// What a word in brackets in the status means and what to do, from the page in the installation;
 /// for an empty word the list of all. Needs no agent.
 int Explain(const std::string& word);
+/// Every check of docs/troubleshooting.md, with and without an agent.
+int Examine(const ControlClient& client, bool json);
 /// The status in the text format of Prometheus.
 int ShowMetrics(const ControlClient& client);
 int ShowReports(const ControlClient& client, const ReportQuery& query);

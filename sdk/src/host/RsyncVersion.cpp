@@ -1,9 +1,9 @@
-#include "rsync/RsyncVersion.h"
+#include "sdk/host/RsyncVersion.h"
 
 #include <array>
 #include <charconv>
 
-namespace Engine {
+namespace SDK {
 
 namespace {
 
@@ -36,4 +36,4 @@ bool FollowsPlantedLinks(const std::string& version) {
     return Numbers(version) < kFirstSafeVersion;
 }
 
-}  // namespace Engine
+}  // namespace SDK

@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace Engine {
+namespace SDK {
 
 /// The version that `rsync --version` prints in its first line, such as "3.5.0"; empty when there
 /// is none.
@@ -12,4 +12,4 @@ std::string RsyncVersionFromText(const std::string& text);
 /// directory.
 bool FollowsPlantedLinks(const std::string& version);
 
-}  // namespace Engine
+}  // namespace SDK
