@@ -1,6 +1,7 @@
 // Writes manifest files. It must not decide what is in them (ManifestBuilder does).
 #include <fcntl.h>
 #include <sdk/files/FileDescriptor.h>
+#include <sdk/files/WriteAll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,16 +40,8 @@ std::string InfoBytes(const ManifestInfo& info) {
     return bytes;
 }
 
-bool WriteAll(int file, const void* data, std::size_t size) {
-    const char* next = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t written = ::write(file, next, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        next += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return true;
+bool WriteTo(const SDK::FileDescriptor& file, const void* data, std::size_t size) {
+    return SDK::WriteAll(file.Get(), data, size) == 0;
 }
 
 }  // namespace
@@ -101,10 +94,10 @@ int ManifestWriter::Write(const ManifestInfo& info, const std::string& file) con
     const SDK::FileDescriptor out(
         ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     const bool written =
-        out.IsOpen() && WriteAll(out.Get(), &header, sizeof(header)) &&
-        WriteAll(out.Get(), info_bytes.data(), info_bytes.size()) &&
-        WriteAll(out.Get(), data_->records.data(), data_->records.size() * sizeof(Record)) &&
-        WriteAll(out.Get(), data_->names.data(), data_->names.size()) && ::fsync(out.Get()) == 0;
+        out.IsOpen() && WriteTo(out, &header, sizeof(header)) &&
+        WriteTo(out, info_bytes.data(), info_bytes.size()) &&
+        WriteTo(out, data_->records.data(), data_->records.size() * sizeof(Record)) &&
+        WriteTo(out, data_->names.data(), data_->names.size()) && ::fsync(out.Get()) == 0;
     return written ? 0 : -1;
 }
 

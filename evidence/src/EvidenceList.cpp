@@ -9,8 +9,6 @@ namespace Evidence {
 
 namespace {
 
-constexpr std::size_t kIdLength = 64;
-
 Record ToRecord(const Json::Value& line) {
     Record record;
     record.id = SDK::JsonUtils::GetStringValue(line, "id", "");
@@ -25,6 +23,12 @@ Record ToRecord(const Json::Value& line) {
     return record;
 }
 
+/// Earlier versions kept each content in a file of its own.
+Place ToPlace(const Json::Value& line) {
+    if (!line.isMember("pack")) return {};
+    return {line["pack"].asUInt(), line["at"].asUInt()};
+}
+
 bool HasNumbers(const Json::Value& line) {
     for (const char* name : {"time", "modified"}) {
         if (!line[name].isInt64()) return false;
@@ -32,16 +36,13 @@ bool HasNumbers(const Json::Value& line) {
     for (const char* name : {"mode", "user", "group"}) {
         if (!line[name].isUInt()) return false;
     }
+    if (line.isMember("pack") && !(line["pack"].isUInt() && line["at"].isUInt())) return false;
     return line["size"].isUInt64() && line["kept"].isUInt64();
 }
 
 }  // namespace
 
-bool IsId(const std::string& id) {
-    return id.size() == kIdLength && id.find_first_not_of("0123456789abcdef") == std::string::npos;
-}
-
-std::string ToLine(const Record& record) {
+std::string ToLine(const Record& record, const Place& place) {
     Json::Value line(Json::objectValue);
     line["id"] = record.id;
     line["path"] = record.path;
@@ -52,11 +53,15 @@ std::string ToLine(const Record& record) {
     line["modified"] = static_cast<Json::Int64>(record.modified);
     line["size"] = static_cast<Json::UInt64>(record.size);
     line["kept"] = static_cast<Json::UInt64>(record.kept);
+    if (place.pack != 0) {
+        line["pack"] = place.pack;
+        line["at"] = place.at;
+    }
     return SDK::JsonUtils::JsonToString(line) + "\n";
 }
 
-std::vector<Record> FromLines(const std::string& text) {
-    std::vector<Record> records;
+std::vector<ListedRecord> FromLines(const std::string& text) {
+    std::vector<ListedRecord> records;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         Json::Value value;
@@ -64,8 +69,8 @@ std::vector<Record> FromLines(const std::string& text) {
             !value.isObject() || !HasNumbers(value)) {
             continue;
         }
-        Record record = ToRecord(value);
-        if (IsId(record.id)) records.push_back(std::move(record));
+        ListedRecord listed{ToRecord(value), ToPlace(value)};
+        if (IsId(listed.record.id)) records.push_back(std::move(listed));
     }
     return records;
 }

@@ -3,17 +3,21 @@
 #include <string>
 #include <vector>
 
+#include "ContentFiles.h"
 #include "evidence/EvidenceStore.h"
 
 namespace Evidence {
 
-/// The list's lines, one JSON object each.
-std::string ToLine(const Record& record);
+/// A line of the list.
+struct ListedRecord {
+    Record record;
+    Place place;
+};
+
+/// The line as one JSON object with a line end.
+std::string ToLine(const Record& record, const Place& place);
 
 /// Reads all lines of `text`; leaves out what is no record, such as a line cut by a full disk.
-std::vector<Record> FromLines(const std::string& text);
-
-/// True for 64 lower-case hexadecimal digits: nothing else is a file name of the store.
-bool IsId(const std::string& id);
+std::vector<ListedRecord> FromLines(const std::string& text);
 
 }  // namespace Evidence

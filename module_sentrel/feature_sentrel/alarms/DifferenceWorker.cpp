@@ -17,6 +17,8 @@ namespace {
 
 /// In a storm, restores need the processors more. Commands of this thread inherit its priority.
 constexpr int kNiceness = 10;
+/// Writes of a burst are made together.
+constexpr std::chrono::milliseconds kWriteDelay{50};
 
 }  // namespace
 
@@ -65,8 +67,8 @@ void DifferenceWorker::Work() {
         bool stopping = false;
         {
             std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
-            if (waiting_.empty()) return;
+            AwaitRequest(lock);
+            if (waiting_.empty()) break;
             next = std::move(waiting_.front());
             waiting_.pop_front();
             stopping = stopping_;
@@ -84,6 +86,20 @@ void DifferenceWorker::Work() {
         next->ready_.store(true, std::memory_order_release);
         finished_();
     }
+    if (evidence_ != nullptr) evidence_->Write();
+}
+
+/// Returns with a request, or without one when the thread must end. Writes evidence meanwhile: no
+/// alarm waits for that.
+void DifferenceWorker::AwaitRequest(std::unique_lock<std::mutex>& lock) {
+    const auto is_over = [this] { return stopping_ || !waiting_.empty(); };
+    while (evidence_ != nullptr && evidence_->HasWaiting()) {
+        if (changed_.wait_for(lock, kWriteDelay, is_over)) return;
+        lock.unlock();
+        evidence_->Write();
+        lock.lock();
+    }
+    changed_.wait(lock, is_over);
 }
 
 void DifferenceWorker::FindOut(Difference& difference) {

@@ -88,6 +88,7 @@ class DifferenceWorker {
     using Clock = std::chrono::steady_clock;
 
     void Work();
+    void AwaitRequest(std::unique_lock<std::mutex>& lock);
     void FindOut(Difference& difference);
     void Keep(Difference& difference);
     void SaveUp();

@@ -57,7 +57,7 @@ bool EvidenceSettings::IsSecret(const std::string& path) const {
 }
 
 std::string EvidenceSettings::Directory() {
-    return SDK::PathUtils::GetInstallationPath() + "data/evidence";
+    return Evidence::EvidenceStore::Directory(SDK::PathUtils::GetInstallationPath());
 }
 
 }  // namespace Engine

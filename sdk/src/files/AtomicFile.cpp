@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "sdk/files/WriteAll.h"
+
 namespace SDK {
 
 namespace {
@@ -15,17 +17,6 @@ constexpr const char* kTemporaryName = ".morvane-XXXXXX";
 constexpr mode_t kMode = 0600;
 
 }  // namespace
-
-int WriteAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t written = ::write(fd, data, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return -1;
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return 0;
-}
 
 AtomicFile::~AtomicFile() {
     const int error = errno;  // keeps the errno that the caller reads next

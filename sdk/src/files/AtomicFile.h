@@ -29,7 +29,4 @@ class AtomicFile {
     FileDescriptor file_;
 };
 
-/// Writes all of `data`; 0, or -1 (errno) when not all of it could be written.
-int WriteAll(int fd, const char* data, std::size_t size);
-
 }  // namespace SDK

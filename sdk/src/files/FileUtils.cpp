@@ -12,6 +12,7 @@
 #include "files/AtomicFile.h"
 #include "sdk/files/FileDescriptor.h"
 #include "sdk/files/Sha256.h"
+#include "sdk/files/WriteAll.h"
 
 namespace SDK {
 

@@ -82,11 +82,12 @@ TEST_F(Event, WhatIsUndone_IsKept_AndSecretsAreInNoAlarm) {
               "modify .env: restored\n");
     const auto seen = running_.fakes->data.Seen();
     const Evidence::EvidenceStore store(Engine::EvidenceSettings::Directory());
+    ASSERT_TRUE(test::WaitFor([&] { return store.List().size() == 3; }, std::chrono::seconds(5)));
     std::vector<std::string> kept;
     for (const Evidence::Record& record : store.List()) {
-        kept.push_back(
-            record.path.substr(rule_.real_path.size()) + " " +
-            test::TempDir::Read(Engine::EvidenceSettings::Directory() + "/" + record.id));
+        const SDK::FileDescriptor content = store.Open(record.id);
+        kept.push_back(record.path.substr(rule_.real_path.size()) + " " +
+                       test::TempDir::Read("/proc/self/fd/" + std::to_string(content.Get())));
         EXPECT_EQ(record.id, seen[kept.size() - 1].note.evidence);
     }
     EXPECT_EQ(kept, (std::vector<std::string>{"shell.php evil code", "index.html defaced",

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sdk/files/FileDescriptor.h>
 #include <sdk/files/PathUtils.h>
+#include <sdk/files/WriteAll.h>
 #include <sdk/log/Log.h>
 #include <sdk/log/LoggerUtils.h>
 #include <sdk/text/StrUtils.h>
@@ -24,17 +25,6 @@ constexpr int kMostSeconds = 3600;
 constexpr char kSuffix[] = ".prom";
 /// The collector reads only names that end in kSuffix.
 constexpr char kTemporary[] = ".morvane-metrics.tmp";
-
-bool WriteAll(int fd, const std::string& content) {
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t count = ::write(fd, content.data() + done, content.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        done += static_cast<std::size_t>(count);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -75,7 +65,8 @@ int WriteMetricsFile(const std::string& file, const std::string& content) {
                                                kReadableForAll));
     if (!written.IsOpen()) return errno;
     const bool is_done =
-        ::fchmod(written.Get(), kReadableForAll) == 0 && WriteAll(written.Get(), content) &&
+        ::fchmod(written.Get(), kReadableForAll) == 0 &&
+        SDK::WriteAll(written.Get(), content.data(), content.size()) == 0 &&
         ::renameat(directory.Get(), kTemporary, directory.Get(), name.c_str()) == 0;
     if (is_done) return 0;
     const int error = errno;

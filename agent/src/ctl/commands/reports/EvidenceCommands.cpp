@@ -5,6 +5,7 @@
 #include <json/value.h>
 #include <sdk/files/FileUtils.h>
 #include <sdk/files/PathUtils.h>
+#include <sdk/files/WriteAll.h>
 #include <sdk/text/JsonUtils.h>
 #include <sdk/text/StrUtils.h>
 #include <sdk/time/TimeUtils.h>
@@ -32,7 +33,7 @@ constexpr std::size_t kMostShown = 64UL * 1024;
 constexpr std::int64_t kDay = 24L * 3600;
 
 std::string Directory() {
-    return SDK::PathUtils::GetInstallationPath() + "data/evidence";
+    return EvidenceStore::Directory(SDK::PathUtils::GetInstallationPath());
 }
 
 /// False after a sentence: only root may look.
@@ -99,18 +100,6 @@ int ReadAll(int content, Take take) {
     }
 }
 
-/// 0, or the errno of the failure.
-int Write(int file, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t done = ::write(file, data, size);
-        if (done < 0 && errno == EINTR) continue;
-        if (done < 0) return errno;
-        data += done;
-        size -= static_cast<std::size_t>(done);
-    }
-    return 0;
-}
-
 void PrintLines(const std::string& text) {
     for (std::size_t start = 0; start < text.size();) {
         const std::size_t end = std::min(text.find('\n', start), text.size());
@@ -173,7 +162,7 @@ int ExportEvidence(const std::string& id, const std::string& file) {
     if (is_ours) {
         int write_error = 0;
         error = ReadAll(content.Get(), [&](const char* data, std::size_t size) {
-            write_error = Write(target.Get(), data, size);
+            write_error = SDK::WriteAll(target.Get(), data, size) == 0 ? 0 : errno;
             return write_error == 0;
         });
         if (error == 0) error = write_error;
