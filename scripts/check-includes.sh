@@ -7,7 +7,7 @@ source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 readonly ORDER=scripts/include-order.txt
 # Include directories of the build.
 readonly INCLUDE_ROOTS=(
-    sdk/include sdk/src baseline/include baseline/src framework/include framework/src module_utils/include module_report/src
+    sdk/include sdk/src baseline/include baseline/src evidence/include evidence/src console/include console/src framework/include framework/src module_utils/include module_report/src
     module_filenotify/include module_filenotify/src module_sentrel module_sentrel/src agent/src
     demo/src rsync_preload/src
 )

@@ -19,6 +19,10 @@ readonly TEST_PACKAGES=(
     man-db bsdextrautils systemd
 )
 
+# A browser for the tests of the console, and the Node.js that drives it.
+readonly BROWSER_PACKAGES=(chromium)
+readonly NODE_PACKAGES=(nodejs npm)
+
 # To make Debian packages.
 readonly PACKAGE_PACKAGES=(debhelper scdoc lintian)
 
@@ -98,6 +102,19 @@ install_dependencies() {
         warn "apt-get update failed; using the present package lists"
     logged apt-install as_root "${apt[@]}" install --no-install-recommends "${missing[@]}" ||
         die "apt-get could not install them; the whole output is in $LOG_DIR/apt-install.log"
+}
+
+# install_browser: installs Chromium, and in build/browser-test what drives it, of the versions that the lock file names.
+install_browser() {
+    local folder=$ROOT/build/browser-test source=$ROOT/tests/console/browser
+    install_dependencies "${BROWSER_PACKAGES[@]}"
+    command -v npm >/dev/null || install_dependencies "${NODE_PACKAGES[@]}"
+    mkdir -p "$folder"
+    cp "$source"/*.mjs "$source/.npmrc" "$source/package.json" "$folder/"
+    if [[ ! -d $folder/node_modules ]] || ! cmp -s "$source/package-lock.json" "$folder/package-lock.json"; then
+        cp "$source/package-lock.json" "$folder/"
+        (cd "$folder" && logged npm npm ci --ignore-scripts) || die "npm could not install what drives the browser"
+    fi
 }
 
 # sparse_progress: prints ninja's "[done/total]" lines once a tenth, and all other lines.

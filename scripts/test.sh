@@ -75,6 +75,7 @@ main() {
     done
 
     install_dependencies "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${PACKAGE_PACKAGES[@]}"
+    install_browser
     [[ $lint != format ]] || lint --format-only || failed=1
     [[ $lint != recent ]] || lint --recent || failed=1
     [[ $lint != all ]] || lint || failed=1

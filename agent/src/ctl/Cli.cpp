@@ -13,6 +13,7 @@
 #include "ctl/ProtectCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
+#include "ctl/commands/ConsoleCommand.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {
@@ -29,6 +30,7 @@ struct Arguments {
     std::string role;
     std::string word;
     bool json = false;
+    unsigned short port = 0;
     ReportQuery query;
     std::function<int(const ControlClient&)> command;
 };
@@ -110,6 +112,21 @@ void DefineStatus(CLI::App& app, Arguments& args) {
     });
 }
 
+void DefineConsole(CLI::App& app, Arguments& args) {
+    CLI::App* console = app.add_subcommand(
+        "console", "Show and decide in a browser: serves a page to this host only, until Ctrl-C");
+    console
+        ->add_option("--port", args.port, "Listen at this port of 127.0.0.1; default: a free one")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1, 65535));
+    console->footer("Exit codes: 0 ended by Ctrl-C, 1 failed, 2 wrong usage, 5 no agent.");
+    console->fallthrough()->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return ServeConsole(client, args.port);
+        };
+    });
+}
+
 void DefineSecret(CLI::App& app, Arguments& args) {
     CLI::App* secret = app.add_subcommand("secret", "Set the passwords of backups");
     secret->require_subcommand(1)->fallthrough();
@@ -172,6 +189,7 @@ int Run(int argc, const char* const* argv) {
     DefineBaseline(app, args.command);
     DefineDeploy(app, args.command);
     DefineEvidence(app, args.command);
+    DefineConsole(app, args);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
