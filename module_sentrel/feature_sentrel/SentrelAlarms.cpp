@@ -117,15 +117,24 @@ void SentrelInotifyTask::SendAlarm(const Alarm& alarm) {
     SentrelCacheMsg record = AlarmRecord(alarm.file, alarm.type);
     if (IsMessageMerged(record)) {
         status.Count(SentrelStatus::kAlarmsMerged);
+        alarms_.CountMerged(alarm);
         return;
     }
     AddMessageToCache(record);
-    const std::string text = AlarmText(alarm.file, alarm.type, alarm.diff, alarm.diff_attr);
+    Deliver(alarm);
+}
+
+void SentrelInotifyTask::DeliverMerged(const std::vector<Alarm>& merged) {
+    for (const Alarm& alarm : merged) Deliver(alarm);
+}
+
+void SentrelInotifyTask::Deliver(const Alarm& alarm) {
+    const std::string text = AlarmText(alarm);
     SDK_LOG(ModuleLogger(), PRIO_INFORMATION, "sentrel alarm:%s", text);
     auto* message = new Framework::DataMessage("2", text);
     message->SetNote(alarm.note);
     const int result = SendDirectMsg("data_comm_report_task", message);
-    status.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);
+    state_.status.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);
 }
 
 }  // namespace Engine

@@ -236,7 +236,7 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
                                        alarm_type type, bool restore, bool remove,
                                        std::chrono::steady_clock::time_point read_time,
                                        Handling& handling) {
-    Description description = Describe(rule, file);
+    Description description = Describe(rule, file, type);
     NoteOtherNames(rule, file, handling);
     const UndoResult undoing = AutoRestoreFile(rule, restore, remove, file);
     handling.Add(undoing.outcome);
@@ -258,10 +258,11 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
 
 /// To be called before the change is undone: the alarm describes the object as the attack left it.
 SentrelInotifyTask::Description SentrelInotifyTask::Describe(const SentrelDirRule& rule,
-                                                             const std::string& file) {
+                                                             const std::string& file,
+                                                             alarm_type type) {
     const SentrelUtils* utils = SentrelUtils::GetInstance();
-    // What a merged alarm would show is kept all the same.
-    const bool is_shown = !alarms_.IsMergedAnyway(file);
+    // What a repeat would show is kept all the same.
+    const bool is_shown = !alarms_.IsRepeat(file, type);
     const bool has_content = utils->diff_content && is_shown;
     const bool has_attributes = utils->diff_attr && is_shown;
     if (!has_content && !has_attributes && !evidence_.is_kept) return {};

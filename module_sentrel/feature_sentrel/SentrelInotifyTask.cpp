@@ -155,6 +155,7 @@ bool SentrelInotifyTask::UnInit() {
     deploys_.Forget();
     state_.requests.FailAll("The protection ended.");
     alarms_.Finish();
+    DeliverMerged(alarms_.TakeAllMerged());
     watch_rules.clear();
     rejudge_.Forget();
     reconciler_.Forget();
@@ -178,6 +179,7 @@ int SentrelInotifyTask::Run() {
         BulkConsumeMsg(kMaxMessagesPerCycle);
     }
     SendAlarms();
+    DeliverMerged(alarms_.TakeMerged());
     CleanOldMessageFromCache();
     return 0;
 }

@@ -157,7 +157,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     void UndoAndReport(const SentrelDirRule& rule, const std::string& file, alarm_type type,
                        bool restore, bool remove, std::chrono::steady_clock::time_point read_time,
                        Handling& handling);
-    Description Describe(const SentrelDirRule& rule, const std::string& file);
+    Description Describe(const SentrelDirRule& rule, const std::string& file, alarm_type type);
     BackupComparer Comparer(const SentrelDirRule& rule, const RulePlaces& places) const;
     Deviation Compare(const SentrelDirRule& rule, const RulePlaces& places, const std::string& file,
                       const BackupFileInfo& info);
@@ -175,6 +175,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
 
     void SendAlarm(const Alarm& alarm);
     void SendAlarms();
+    void Deliver(const Alarm& alarm);
+    void DeliverMerged(const std::vector<Alarm>& merged);
 
     ModuleState& state_;
     AlarmReporter alarms_;

@@ -41,8 +41,7 @@ SentrelCacheMsg AlarmRecord(const std::string& file_path, alarm_type type) {
     return record;
 }
 
-std::string AlarmText(const std::string& file_path, alarm_type type, const std::string& diff,
-                      const std::string& diff_attr) {
+std::string AlarmText(const Alarm& told) {
     Json::Value alarm(Json::objectValue);
     alarm["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
     alarm["event_classid"] = "sentrel_0001";
@@ -51,16 +50,16 @@ std::string AlarmText(const std::string& file_path, alarm_type type, const std::
     alarm["event_category"] = 8000;
     alarm["event_type"] = 8003;
     alarm["severity"] = 2;
-    alarm["event_count"] = 1;
+    alarm["event_count"] = static_cast<Json::UInt64>(told.count);
     alarm["attack_phase"] = 4;
     alarm["attack_tag"] = 3;
     alarm["confidence"] = 70;
     alarm["detect_module"] = "sentrel_module";
     Json::Value file(Json::objectValue);
-    file["file_path"] = file_path;
-    file["action"] = ActionOf(type);
-    file["diff"] = diff;
-    file["diff_attr"] = diff_attr;
+    file["file_path"] = told.file;
+    file["action"] = ActionOf(told.type);
+    file["diff"] = told.diff;
+    file["diff_attr"] = told.diff_attr;
     alarm["file_info"].append(std::move(file));
     return SDK::JsonUtils::JsonToString(alarm);
 }

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "feature_sentrel/alarms/SentrelCacheMsg.h"
+#include "feature_sentrel/alarms/Alarm.h"
 
 namespace Engine {
 
@@ -10,7 +10,6 @@ namespace Engine {
 SentrelCacheMsg AlarmRecord(const std::string& file_path, alarm_type type);
 
 /// The document of an alarm: one line of JSON.
-std::string AlarmText(const std::string& file_path, alarm_type type, const std::string& diff,
-                      const std::string& diff_attr);
+std::string AlarmText(const Alarm& alarm);
 
 }  // namespace Engine

@@ -33,8 +33,13 @@ AlarmReporter::AlarmReporter(std::list<SentrelCacheMsg>& cache, Send send,
                              std::function<void()> wake)
     : cache_(cache), send_(std::move(send)), most_held_(MostHeld()), worker_(std::move(wake)) {}
 
-bool AlarmReporter::IsMergedAnyway(const std::string& file) {
-    return waiting_files_.count(file) != 0 || !index_.Find(cache_, file).empty();
+bool AlarmReporter::IsRepeat(const std::string& file, alarm_type type) {
+    if (waiting_files_.count({file, type}) != 0) return true;
+    const AlarmIndex::Entries& cached = index_.Find(cache_, file);
+    return std::any_of(cached.begin(), cached.end(), [&](const SentrelCacheMsg* entry) {
+        const auto counter = entry->type_counts.find(type);
+        return counter != entry->type_counts.end() && counter->second > 0;
+    });
 }
 
 void AlarmReporter::Raise(Alarm alarm, PinnedFile pinned, const std::string& copy) {
@@ -48,7 +53,7 @@ void AlarmReporter::Raise(Alarm alarm, PinnedFile pinned, const std::string& cop
             waiting.alarm.note.outcome += "; difference left out";
         }
     }
-    ++waiting_files_[waiting.alarm.file];
+    ++waiting_files_[{waiting.alarm.file, waiting.alarm.type}];
     waiting_.push_back(std::move(waiting));
 }
 
@@ -69,7 +74,7 @@ bool AlarmReporter::SendNext() {
     }
     const Waiting done = std::move(first);
     waiting_.pop_front();
-    const auto same = waiting_files_.find(done.alarm.file);
+    const auto same = waiting_files_.find({done.alarm.file, done.alarm.type});
     if (--same->second == 0) waiting_files_.erase(same);
     send_(done.alarm);
     return true;
@@ -91,6 +96,16 @@ bool AlarmReporter::MergeIntoCache(const SentrelCacheMsg& msg) {
         return true;
     }
     return false;
+}
+
+void AlarmReporter::CountMerged(const Alarm& alarm) {
+    const AlarmIndex::Entries& cached = index_.Find(cache_, alarm.file);
+    const bool is_new_type =
+        std::none_of(cached.begin(), cached.end(), [&](const SentrelCacheMsg* entry) {
+            const auto counter = entry->type_counts.find(alarm.type);
+            return counter != entry->type_counts.end() && counter->second > 1;
+        });
+    merged_.Add(alarm, is_new_type, MergedAlarms::Clock::now());
 }
 
 void AlarmReporter::AddToCache(SentrelCacheMsg& msg) {

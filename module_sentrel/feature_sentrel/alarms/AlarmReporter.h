@@ -1,31 +1,24 @@
 #pragma once
 
-#include <framework/Message.h>
-
 #include <chrono>
 #include <deque>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
+#include <utility>
+#include <vector>
 
+#include "feature_sentrel/alarms/Alarm.h"
 #include "feature_sentrel/alarms/AlarmIndex.h"
 #include "feature_sentrel/alarms/DifferenceWorker.h"
+#include "feature_sentrel/alarms/MergedAlarms.h"
 #include "feature_sentrel/alarms/PinnedFile.h"
 #include "feature_sentrel/alarms/SentrelCacheMsg.h"
 #include "feature_sentrel/event_path/FileChange.h"
 
 namespace Engine {
-
-/// The content of an alarm.
-struct Alarm {
-    std::string file;
-    alarm_type type = ALARM_UNKNOWN;
-    std::string diff;
-    std::string diff_attr;
-    Framework::ReportNote note;
-};
 
 /// Owns the alarms from the moment they are raised until they are described, and hands them on in
 /// the order of the changes. Merges repeats by the alarm cache. Not thread-safe; its worker
@@ -38,8 +31,8 @@ class AlarmReporter {
     /// `cache` is borrowed. The worker's thread calls `wake` when it has compared contents.
     AlarmReporter(std::list<SentrelCacheMsg>& cache, Send send, std::function<void()> wake);
 
-    /// A new alarm for that file would be merged with an earlier one.
-    bool IsMergedAnyway(const std::string& file);
+    /// A new alarm of that type for that file would repeat an earlier one.
+    bool IsRepeat(const std::string& file, alarm_type type);
 
     /// When `pinned` holds a file, keeps its content first and, unless `copy` is empty, compares it
     /// with `copy`. Leaves both out when too many files are held: descriptors must remain for other
@@ -66,12 +59,18 @@ class AlarmReporter {
     // The cache.
 
     bool MergeIntoCache(const SentrelCacheMsg& msg);
+    /// To be called with an alarm that MergeIntoCache has merged: it is counted and told later.
+    void CountMerged(const Alarm& alarm);
+    /// The counted alarms that are due.
+    std::vector<Alarm> TakeMerged() { return merged_.Take(MergedAlarms::Clock::now(), kMostTold); }
+    std::vector<Alarm> TakeAllMerged() { return merged_.TakeAll(); }
     void AddToCache(SentrelCacheMsg& msg);
     /// Drops entries of 61 seconds and more.
     void AgeCache(std::time_t now);
 
   private:
     static constexpr std::size_t kMostWaiting = 65536;
+    static constexpr std::size_t kMostTold = 64;
 
     struct Waiting {
         std::chrono::steady_clock::time_point raised;
@@ -83,8 +82,10 @@ class AlarmReporter {
     const Send send_;
     AlarmIndex index_;
     std::deque<Waiting> waiting_;
-    std::unordered_map<std::string, int> waiting_files_;  ///< number of waiting alarms by file
-    std::size_t held_ = 0;                                ///< number of pinned files
+    MergedAlarms merged_;
+    /// Number of waiting alarms by file and type.
+    std::map<std::pair<std::string, alarm_type>, int> waiting_files_;
+    std::size_t held_ = 0;  ///< number of pinned files
     std::size_t most_held_;
     DifferenceWorker worker_;
 };

@@ -59,7 +59,7 @@ void OpenReport::Alarm(const SentrelDirRule& rule, Framework::Task& sender) {
     const std::string text = Describe(rule);
     SDK_LOG(ModuleLogger(), PRIO_WARNING, "backup (%s): %s", rule.real_path, text);
     auto* message =
-        new Framework::DataMessage("2", AlarmText(rule.real_path, ALARM_UNKNOWN, text, ""));
+        new Framework::DataMessage("2", AlarmText({rule.real_path, ALARM_UNKNOWN, text, "", {}}));
     message->SetNote({"reported only", -1, true});
     const int result = sender.SendDirectMsg("data_comm_report_task", message);
     status_.Count(result == 0 ? SentrelStatus::kAlarmsSent : SentrelStatus::kAlarmsLost);

@@ -1,6 +1,7 @@
 #include <evidence/EvidenceStore.h>
 
 #include "feature_sentrel/alarms/EvidenceSettings.h"
+#include "feature_sentrel/alarms/MergedAlarms.h"
 #include "fixtures/EventFixture.h"
 
 namespace {
@@ -93,6 +94,61 @@ TEST_F(Event, WhatIsUndone_IsKept_AndSecretsAreInNoAlarm) {
     EXPECT_EQ(kept, (std::vector<std::string>{"shell.php evil code", "index.html defaced",
                                               ".env PASSWORD=stolen"}));
     EXPECT_EQ(seen[2].body.find("PASSWORD"), std::string::npos) << seen[2].body;
+}
+
+TEST_F(Event, DefacementRightAfterAnAttributeChange_HasItsAlarmWithDifferenceAndEvidence) {
+    utils_->diff_content = true;
+    TellAtOnce([&] {
+        fs::permissions(File("index.html"), fs::perms::all);
+        Post("index.html", IN_ATTRIB);
+    });
+    EXPECT_TRUE(test::WaitFor(
+        [&] { return Content("index.html") == "welcome" && !running_.fakes->data.Seen().empty(); },
+        std::chrono::seconds(5)));
+    data_.Write("site/index.html", "defaced");
+    Post("index.html", IN_MODIFY);
+    EXPECT_EQ(AlarmsOnce(2), "attribute index.html: restored\nmodify index.html: restored\n");
+    const auto told = running_.fakes->data.Seen().back();
+    EXPECT_NE(told.body.find("< defaced"), std::string::npos) << told.body;
+    EXPECT_EQ(told.note.evidence.size(), 64U);
+    EXPECT_EQ(Counter("alarms_merged"), 1);
+}
+
+TEST(MergedAlarms, Repeats_AreCountedByTypeAndOutcomeWithTheirEvidence) {
+    using Engine::MergedAlarms;
+    const MergedAlarms::Clock::time_point start{};
+    const auto alarm = [](Engine::alarm_type type, const char* outcome, const char* evidence) {
+        return Engine::Alarm{"/page", type, "", "", {outcome, 1, true, evidence}};
+    };
+    MergedAlarms merged;
+    for (const char* id : {"a", "b", "a", ""}) {
+        merged.Add(alarm(Engine::ALARM_MODIFY, "restored", id), false, start);
+    }
+    merged.Add(alarm(Engine::ALARM_MODIFY, "restore failed", "c"), false, start);
+    merged.Add(alarm(Engine::ALARM_DELETE, "restored", ""), true, start);
+    const auto at_once = merged.Take(start + MergedAlarms::kNewTypeWait, 10);
+    ASSERT_EQ(at_once.size(), 1U);
+    EXPECT_EQ(at_once[0].type, Engine::ALARM_DELETE);
+    EXPECT_EQ(merged.Take(start + MergedAlarms::kRepeatWait, 1).at(0).note.evidence, "a b");
+    merged.Add(alarm(Engine::ALARM_MODIFY, "restore failed", "d"), false, start);
+    const auto rest = merged.TakeAll();
+    ASSERT_EQ(rest.size(), 1U);
+    EXPECT_EQ(rest[0].count, 2U);
+    EXPECT_EQ(rest[0].note.evidence, "c d");
+    EXPECT_TRUE(merged.TakeAll().empty());
+}
+
+TEST(MergedAlarms, BeyondTheirLimit_TheOldestAreToldAtOnce) {
+    Engine::MergedAlarms merged;
+    const Engine::MergedAlarms::Clock::time_point start{};
+    for (std::size_t i = 0; i < Engine::MergedAlarms::kMostCounted + 3; ++i) {
+        Engine::Alarm alarm;
+        alarm.file = "/page" + std::to_string(i);
+        merged.Add(alarm, false, start);
+    }
+    const auto told = merged.Take(start, 1);
+    ASSERT_EQ(told.size(), 3U);
+    EXPECT_EQ(told[0].file, "/page0");
 }
 
 TEST(EvidenceSettings, NamesOfSecrets_MatchWholeNamesOrPaths) {
