@@ -11,12 +11,13 @@ readonly JOBS
 readonly BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config ccache
     libpoco-dev libjsoncpp-dev libboost-dev libsqlite3-dev libcli11-dev libssl-dev libsystemd-dev
+    libmosquitto-dev
     rsync diffutils procps sudo ca-certificates util-linux
 )
 # To test it as well.
 readonly TEST_PACKAGES=(
     libgtest-dev clang-format clang-tidy shellcheck attr acl iproute2 curl git openssl
-    man-db bsdextrautils systemd
+    man-db bsdextrautils systemd mosquitto
 )
 
 # A browser for the tests of the console, and the Node.js that drives it.

@@ -32,6 +32,7 @@ constexpr mode_t kUmask = 077;
 constexpr int kMaxWaitingReaders = 12;
 constexpr int kMaxSlowRequests = 12;
 constexpr std::chrono::minutes kStuckAfter{2};
+constexpr const char* kStatusQuery = "agent.status";
 
 Poco::Logger* Log() {
     return SDK::LoggerUtils::GetInstance()->GetRootLogger();
@@ -139,6 +140,7 @@ int AgentProcess::Start() {
     if (!StartControl(error)) return startup_reporter_.Failed(kExitFailed, error);
     StartMetrics();
     if (!ReapplyPolicies()) return kExitOk;
+    AnswerModules();
     notifier_ =
         std::make_unique<ServiceNotifier>([this] { return engine_->FindStuckThread(kStuckAfter); });
     notifier_->Ready();
@@ -247,6 +249,12 @@ void AgentProcess::StartMetrics() {
         std::make_unique<MetricsFile>(settings, [this] { return FormatMetrics(status_->Build()); });
 }
 
+/// What modules may ask of the agent. Not before the kept policies are in force.
+void AgentProcess::AnswerModules() {
+    engine_->Queries().Register(kStatusQuery, [this](const auto&) { return status_->Build(); });
+    inbox_ = std::make_unique<PolicyInbox>(*policies_, engine_->Queries());
+}
+
 /// Runs on its own thread, since a policy may take long and signals must be noticed meanwhile.
 /// False when a signal arrived; the remaining policies are left out.
 bool AgentProcess::ReapplyPolicies() {
@@ -271,6 +279,8 @@ void AgentProcess::Stop() {
     if (reports_) reports_->Stop();
     if (control_) control_->Stop();
     if (!engine_) return;
+    engine_->Queries().Unregister(kStatusQuery);
+    inbox_.reset();
     engine_->Stop();
     SDK_LOG(Log(), PRIO_NOTICE, "stopped");
     notifier_.reset();

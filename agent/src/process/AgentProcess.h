@@ -14,6 +14,7 @@
 #include "control/status/MetricsFile.h"
 #include "control/status/StatusDocument.h"
 #include "policy/PolicyHost.h"
+#include "policy/PolicyInbox.h"
 #include "policy/PolicyService.h"
 #include "policy/PolicyStore.h"
 #include "process/InstanceLock.h"
@@ -47,6 +48,7 @@ class AgentProcess {
     bool StartEngine();
     bool StartControl(std::string& error);
     void StartMetrics();
+    void AnswerModules();
     bool ReapplyPolicies();
     void Stop();
 
@@ -65,6 +67,7 @@ class AgentProcess {
     std::unique_ptr<Routes> routes_;
     std::unique_ptr<ControlServer> control_;
     std::unique_ptr<MetricsFile> metrics_;
+    std::unique_ptr<PolicyInbox> inbox_;
     std::unique_ptr<ServiceNotifier> notifier_;
 };
 

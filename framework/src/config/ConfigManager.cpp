@@ -18,6 +18,8 @@ namespace {
 
 constexpr long kMostBytes = 1024 * 1024;
 constexpr long kOneDayMs = 24L * 3600 * 1000;
+constexpr const char* kFleet = "fleet";
+constexpr const char* kFleetModule = "fleet_module";
 constexpr std::array<const char*, 9> kLevels = {
     "none", "fatal", "critical", "error", "warning", "notice", "information", "debug", "trace"};
 
@@ -52,6 +54,12 @@ void CheckModules(const std::vector<std::string>& names, std::string& error) {
             error = place + "\"" + *here + "\" is named twice";
         }
     }
+}
+
+/// The module of a configured fleet need not be named: nobody else wants its library loaded.
+void AddFleetModule(const Json::Value& section, std::vector<std::string>& modules) {
+    const bool is_named = std::find(modules.begin(), modules.end(), kFleetModule) != modules.end();
+    if (!section.empty() && !is_named) modules.emplace_back(kFleetModule);
 }
 
 }  // namespace
@@ -97,7 +105,7 @@ bool ConfigManager::Load(const std::string& path, bool required, std::string& er
 bool ConfigManager::Take(const Json::Value& root, std::string& error) {
     ConfigReader reader(root, "", error);
     reader.AllowOnly({"modules", "log", "task_period_ms", "policy_grace_ms", "cpu_limit_percent",
-                      "report", "filenotify", "sentrel", "metrics"});
+                      "report", "filenotify", "sentrel", "metrics", kFleet});
     std::vector<std::string> modules = modules_;
     long period_ms = static_cast<long>(task_period_.count());
     long grace_ms = static_cast<long>(policy_grace_.count());
@@ -109,8 +117,9 @@ bool ConfigManager::Take(const Json::Value& root, std::string& error) {
     CheckModules(modules, error);
     const LoggerConfig logger = ReadLogger(reader.Object("log"), error);
     Json::Value sections(Json::objectValue);
-    for (const char* name : {"report", "filenotify", "sentrel", "metrics"})
+    for (const char* name : {"report", "filenotify", "sentrel", "metrics", kFleet})
         sections[name] = reader.Object(name);
+    AddFleetModule(sections[kFleet], modules);
     if (!error.empty()) return false;
     modules_ = modules;
     logger_ = logger;

@@ -1,14 +1,19 @@
 #pragma once
 
+#include <database/Sqlite.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "store/Report.h"
-#include "store/Sqlite.h"
 
 namespace Engine {
+
+using Database::SqliteConnection;
+using Database::SqliteRun;
+using Database::SqliteStatement;
 
 /// How far an exporter has acknowledged.
 struct ExporterState {

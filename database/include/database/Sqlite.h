@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace Engine {
+namespace Database {
 
 struct SqliteCloser {
     void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
@@ -70,4 +70,4 @@ class SqliteRun {
     sqlite3_stmt* statement_;
 };
 
-}  // namespace Engine
+}  // namespace Database

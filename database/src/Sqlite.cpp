@@ -1,6 +1,6 @@
-#include "store/Sqlite.h"
+#include <database/Sqlite.h>
 
-namespace Engine {
+namespace Database {
 
 int SqliteConnection::Open(const std::string& path, int busy_timeout_ms) {
     sqlite3* handle = nullptr;
@@ -49,4 +49,4 @@ std::string SqliteRun::Bytes(int column) const {
     return data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(size));
 }
 
-}  // namespace Engine
+}  // namespace Database

@@ -1,0 +1,8 @@
+#pragma once
+
+namespace Collector {
+
+/// The program sentrel_collector; throws nothing.
+int Main(int argc, const char* const* argv);
+
+}  // namespace Collector

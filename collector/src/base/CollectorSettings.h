@@ -1,0 +1,31 @@
+#pragma once
+
+#include <fleet/BrokerSettings.h>
+
+#include <cstdint>
+#include <string>
+
+namespace Collector {
+
+constexpr const char* kDefaultConfig = "/etc/sentrel-collector/collector.json";
+
+/// The configuration of the collector.
+struct CollectorSettings {
+    Fleet::BrokerSettings broker;
+    std::string database = "/var/lib/sentrel-collector/fleet.db";
+    std::string group = "collectors";  ///< of the shared subscription
+    int silent_after_s = 45;
+    int keep_days = 90;
+    int max_megabytes_per_host = 64;  ///< of bodies; the oldest reports of a host go first
+    int max_hosts = 20000;
+
+    std::int64_t SilentAfterMs() const { return silent_after_s * 1000LL; }
+    std::int64_t KeepMs() const { return keep_days * 24LL * 3600 * 1000; }
+    std::int64_t MaxBytesPerHost() const { return max_megabytes_per_host * 1024LL * 1024; }
+};
+
+/// Reads the file. False with `error`: it cannot be read, is no JSON object, or has an unknown key
+/// or a wrong value.
+bool ReadSettings(const std::string& file, CollectorSettings& settings, std::string& error);
+
+}  // namespace Collector

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/CollectorSettings.h"
+
+namespace Collector {
+
+// Exit codes of sentrel_collector.
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitSilent = 3;      ///< status: a host is silent
+constexpr int kExitDegraded = 4;    ///< status: a host is degraded, none is silent
+constexpr int kExitNotWorking = 5;  ///< status: the collector does not run or has no broker
+
+/// What the commands below read from the command line.
+struct Arguments {
+    std::string config = kDefaultConfig;
+    std::string database;  ///< empty: as the configuration says
+    bool json = false;
+    std::string agent_id;
+    std::string kind;
+    std::int64_t after = 0;
+    std::int64_t limit = 100;
+    std::string key_file;
+    std::string public_file;
+    std::string feature;
+    std::string file;
+    std::int64_t version = 0;
+    std::vector<std::string> hosts;
+    bool all_hosts = false;
+    std::string user;
+    std::string password_file;
+};
+
+// Each command prints to standard output, its errors to standard error, and returns the exit code.
+
+/// The service.
+int Run(const Arguments& arguments);
+
+/// The hosts and how they are.
+int ShowStatus(const Arguments& arguments);
+
+/// One JSON object a line.
+int ListReports(const Arguments& arguments);
+int ListEvents(const Arguments& arguments);
+int ListResults(const Arguments& arguments);
+
+/// Makes the operator's pair of keys.
+int MakeKey(const Arguments& arguments);
+
+/// Prints the signed document of the policy.
+int SignPolicy(const Arguments& arguments);
+
+/// Publishes signed documents to hosts.
+int PublishPolicy(const Arguments& arguments);
+
+/// Says `text` on standard error; kExitFailed.
+int Fail(const std::string& text);
+
+}  // namespace Collector

@@ -1,0 +1,153 @@
+// Signing needs no broker, and publishing needs no private key: the key can stay on another
+// machine.
+#include <fcntl.h>
+#include <fleet/BrokerClient.h>
+#include <fleet/SignedPolicy.h>
+#include <fleet/Topics.h>
+#include <sdk/files/FileDescriptor.h>
+#include <sdk/files/FileUtils.h>
+#include <sdk/text/JsonUtils.h>
+#include <sdk/text/SigningKey.h>
+#include <sdk/time/TimeUtils.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "commands/Commands.h"
+#include "commands/DatabaseAccess.h"
+
+namespace Collector {
+
+namespace {
+
+constexpr long kMostKeyBytes = 16 * 1024;
+constexpr std::int64_t kPublishMs = 20'000;
+constexpr std::chrono::milliseconds kStep{100};
+constexpr std::size_t kMostUnacknowledged = 100;
+
+/// A new file of that mode; an existing one is never replaced.
+bool WriteNew(const std::string& path, const std::string& text, mode_t mode) {
+    const SDK::FileDescriptor file(
+        ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, mode));
+    return file.IsOpen() &&
+           ::write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+/// The unverified content of a signed document; null when it is none.
+Json::Value ContentOf(const std::string& document) {
+    Json::Value outer;
+    Json::Value content;
+    if (SDK::JsonUtils::ParseJsonStr(document.data(), document.size(), outer) != 0) return {};
+    const std::string text = SDK::JsonUtils::GetStringValue(outer, "content", "");
+    SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), content);
+    return content;
+}
+
+/// The hosts to publish to: those of the document, or all that the database knows.
+bool Targets(const Arguments& arguments, const Json::Value& content,
+             std::vector<std::string>& hosts) {
+    for (const Json::Value& host : content["hosts"]) {
+        if (host.isString() && Fleet::IsAgentId(host.asString())) hosts.push_back(host.asString());
+    }
+    if (!hosts.empty()) return true;
+    FleetStore store;
+    std::vector<HostRecord> known;
+    if (!OpenDatabase(arguments, store) || !store.ReadHosts(known)) return false;
+    for (const HostRecord& host : known) hosts.push_back(host.agent_id);
+    if (hosts.empty()) Fail("the database knows no host");
+    return !hosts.empty();
+}
+
+/// Publishes to all, and waits until the broker has them. False with `error`.
+bool PublishAll(Fleet::BrokerClient& broker, const std::string& feature,
+                const std::string& document, const std::vector<std::string>& hosts,
+                std::string& error) {
+    const std::int64_t end_ms = SDK::TimeUtils::GetMonotonicMs() + kPublishMs;
+    std::size_t sent = 0;
+    while (sent < hosts.size() || broker.Unacknowledged() > 0) {
+        if (!broker.Step(kStep, -1, error)) return false;
+        while (broker.IsConnected() && sent < hosts.size() &&
+               broker.Unacknowledged() < kMostUnacknowledged) {
+            if (!broker.Publish({Fleet::PolicyTopic(hosts[sent], feature), document, true})) break;
+            ++sent;
+        }
+        if (SDK::TimeUtils::GetMonotonicMs() > end_ms) {
+            error = "the broker does not answer in time";
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+int MakeKey(const Arguments& arguments) {
+    const auto key = SDK::SigningKey::Generate();
+    if (key == nullptr) return Fail("cannot make a key");
+    if (!WriteNew(arguments.key_file, key->PrivatePem(), 0600)) {
+        return Fail("cannot write " + arguments.key_file + ": " + std::strerror(errno));
+    }
+    if (!WriteNew(arguments.public_file, key->PublicPem(), 0644)) {
+        return Fail("cannot write " + arguments.public_file + ": " + std::strerror(errno));
+    }
+    std::cout << "Keep " << arguments.key_file << " away from the broker and the collector; give "
+              << arguments.public_file << " to every host (fleet.policy_key)." << std::endl;
+    return kExitOk;
+}
+
+int SignPolicy(const Arguments& arguments) {
+    std::string pem;
+    Fleet::SignedPolicy policy;
+    if (SDK::FileUtils::ReadFile(arguments.key_file, pem, kMostKeyBytes) != 0) {
+        return Fail("cannot read " + arguments.key_file + ": " + std::strerror(errno));
+    }
+    const auto key = SDK::SigningKey::Read(pem);
+    if (key == nullptr || !key->CanSign()) {
+        return Fail(arguments.key_file + " holds no private Ed25519 key");
+    }
+    if (SDK::FileUtils::ReadFile(arguments.file, policy.text, Fleet::kMaxPolicyBytes) != 0) {
+        return Fail("cannot read " + arguments.file + ": " + std::strerror(errno));
+    }
+    policy.version = arguments.version;
+    policy.feature = arguments.feature;
+    policy.hosts = arguments.all_hosts ? std::vector<std::string>{"*"} : arguments.hosts;
+    if (policy.hosts.empty()) return Fail("name the hosts with --host, or use --all-hosts");
+    const std::string document = Fleet::Sign(policy, *key);
+    std::string error;
+    if (!Fleet::ReadSigned(document, *key, policy, error)) {
+        return Fail("this cannot be signed: the document is too large or the feature is no name");
+    }
+    std::cout << document << std::endl;
+    return std::cout.good() ? kExitOk : kExitFailed;
+}
+
+int PublishPolicy(const Arguments& arguments) {
+    CollectorSettings settings;
+    std::string error;
+    if (!ReadSettings(arguments.config, settings, error)) return Fail(error);
+    if (!arguments.user.empty()) settings.broker.user = arguments.user;
+    if (!arguments.password_file.empty()) settings.broker.password_file = arguments.password_file;
+    std::string document;
+    if (SDK::FileUtils::ReadFile(arguments.file, document, Fleet::kMaxPolicyBytes) != 0) {
+        return Fail("cannot read " + arguments.file + ": " + std::strerror(errno));
+    }
+    const Json::Value content = ContentOf(document);
+    const std::string feature = SDK::JsonUtils::GetStringValue(content, "feature", "");
+    if (!content.isObject() || !content["hosts"].isArray() || !Fleet::IsLeaf(feature)) {
+        return Fail(arguments.file + " is no signed policy; see sentrel_collector policy sign");
+    }
+    std::vector<std::string> hosts;
+    if (!Targets(arguments, content, hosts)) return kExitFailed;
+    Fleet::BrokerClient broker(settings.broker, "", 0, [](Fleet::Message&&) {});
+    if (!broker.Connect(error) || !PublishAll(broker, feature, document, hosts, error)) {
+        return Fail("cannot publish: " + error);
+    }
+    broker.Disconnect();
+    std::cout << "published to " << hosts.size()
+              << " hosts; sentrel_collector results shows their answers" << std::endl;
+    return kExitOk;
+}
+
+}  // namespace Collector

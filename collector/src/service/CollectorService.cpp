@@ -1,0 +1,183 @@
+// Owns the connection, the batches and the clock of the service. Must not decide what is stored
+// (Intake does).
+#include "service/CollectorService.h"
+
+#include <fleet/Topics.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <utility>
+
+#include "base/ServiceLog.h"
+
+namespace Collector {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPass{500};
+constexpr std::int64_t kGatherMs = 10;
+constexpr std::int64_t kFirstRetryMs = 500;
+constexpr std::int64_t kMostRetryMs = 15'000;
+constexpr std::int64_t kConnectMs = 20'000;
+constexpr std::int64_t kPruneEveryMs = 10'000;
+
+std::int64_t EpochMs() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+std::int64_t MonotonicMs() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+/// A descriptor that is readable when the process must stop.
+SDK::FileDescriptor StopSignals() {
+    std::signal(SIGPIPE, SIG_IGN);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return SDK::FileDescriptor(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+std::string ClientId() {
+    std::array<char, 256> name{};
+    ::gethostname(name.data(), name.size() - 1);
+    return std::string("sentrel-collector-") + name.data() + "-" + std::to_string(::getpid());
+}
+
+}  // namespace
+
+CollectorService::CollectorService(CollectorSettings settings)
+    : settings_(std::move(settings)), intake_(store_, settings_), retry_ms_(kFirstRetryMs) {}
+
+int CollectorService::Run() {
+    ::umask(027);
+    signals_ = StopSignals();
+    if (!OpenStore()) return 1;
+    Log(Severity::kNotice, "the collector starts; database " + settings_.database);
+    ::sd_notify(0, "READY=1");
+    do {
+        RunConnection();
+        if (!intake_.IsEmpty()) StoreAndAnswer();
+        broker_.reset();
+        listening_ = false;
+        SayAlive();
+    } while (!Stopped(retry_ms_));
+    ::sd_notify(0, "STOPPING=1");
+    store_.SetFact(kAliveFact, 0);
+    Log(Severity::kNotice, "the collector stops");
+    return 0;
+}
+
+bool CollectorService::OpenStore() {
+    if (store_.Open(settings_.database) && intake_.Load()) return true;
+    Log(Severity::kError, "cannot use the database " + settings_.database + ": " + store_.Error());
+    return false;
+}
+
+bool CollectorService::Stopped(std::int64_t wait_ms) const {
+    pollfd source{signals_.Get(), POLLIN, 0};
+    return ::poll(&source, 1, static_cast<int>(wait_ms)) > 0;
+}
+
+void CollectorService::RunConnection() {
+    std::string error;
+    const std::int64_t begin_ms = MonotonicMs();
+    bool good = Begin(error);
+    while (good && !Stopped(0)) {
+        good = Pass(error);
+        if (!good || listening_) continue;
+        if (broker_->IsConnected()) {
+            good = Listen();
+        } else if (MonotonicMs() - begin_ms > kConnectMs) {
+            error = "the broker does not answer";
+            good = false;
+        }
+    }
+    if (good) {
+        broker_->Disconnect();
+        return;
+    }
+    retry_ms_ = listening_ ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
+    Log(Severity::kError, "broker " + settings_.broker.host + ": " + error);
+}
+
+bool CollectorService::Begin(std::string& error) {
+    broker_ = std::make_unique<Fleet::BrokerClient>(
+        settings_.broker, ClientId(), Fleet::kMaxBodyBytes,
+        [this](Fleet::Message&& message) { intake_.Add(std::move(message)); });
+    return broker_->Connect(error);
+}
+
+/// Reports are shared among the collectors of a group; states are not, since the broker sends
+/// retained messages to unshared subscriptions only.
+bool CollectorService::Listen() {
+    if (!broker_->Subscribe("$share/" + settings_.group + "/sentrel/+/report/+") ||
+        !broker_->Subscribe("sentrel/+/state") ||
+        !broker_->Subscribe("sentrel/+/policy/+/result")) {
+        return false;
+    }
+    listening_ = true;
+    listening_since_ms_ = EpochMs();
+    alive_due_ms_ = 0;
+    retry_ms_ = kFirstRetryMs;
+    Log(Severity::kNotice, "connected to the broker " + settings_.broker.host);
+    Reply(intake_.AskForMissing());
+    return true;
+}
+
+/// Waits for messages, gathers what arrives within some milliseconds, and stores it at once.
+bool CollectorService::Pass(std::string& error) {
+    bool good = broker_->Step(kPass, signals_.Get(), error);
+    const std::int64_t end_ms = MonotonicMs() + kGatherMs;
+    while (good && !intake_.IsEmpty() && !intake_.IsFull()) {
+        const std::int64_t left_ms = end_ms - MonotonicMs();
+        if (left_ms <= 0) break;
+        good = broker_->Step(std::chrono::milliseconds(left_ms), signals_.Get(), error);
+    }
+    if (!intake_.IsEmpty()) StoreAndAnswer();
+    Housekeeping();
+    return good;
+}
+
+void CollectorService::StoreAndAnswer() {
+    std::vector<Collector::Reply> replies;
+    if (intake_.Store(EpochMs(), replies)) Reply(replies);
+}
+
+void CollectorService::Reply(const std::vector<Collector::Reply>& replies) {
+    for (const Collector::Reply& reply : replies) {
+        broker_->Publish(
+            {Fleet::AckTopic(reply.agent_id), Fleet::ToText(reply.acknowledgement), false});
+    }
+}
+
+void CollectorService::Housekeeping() {
+    const std::int64_t now_ms = MonotonicMs();
+    if (now_ms >= alive_due_ms_) {
+        alive_due_ms_ = now_ms + std::min(kAliveEveryMs, settings_.SilentAfterMs() / 3);
+        SayAlive();
+        if (listening_) intake_.CheckSilence(EpochMs(), listening_since_ms_);
+    }
+    if (now_ms >= prune_due_ms_) {
+        prune_due_ms_ = now_ms + kPruneEveryMs;
+        intake_.Prune(EpochMs());
+    }
+}
+
+void CollectorService::SayAlive() {
+    store_.SetFact(kAliveFact, EpochMs());
+    store_.SetFact(kListeningFact, listening_ ? listening_since_ms_ : 0);
+}
+
+}  // namespace Collector

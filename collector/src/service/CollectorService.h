@@ -1,0 +1,54 @@
+#pragma once
+
+#include <fleet/BrokerClient.h>
+#include <sdk/files/FileDescriptor.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/CollectorSettings.h"
+#include "service/Intake.h"
+#include "store/FleetStore.h"
+
+namespace Collector {
+
+// Facts in the store that tell others whether the service works; milliseconds since the epoch.
+constexpr const char* kAliveFact = "alive_ms";
+constexpr const char* kListeningFact = "listening_ms";  ///< 0: no connection to the broker
+constexpr std::int64_t kAliveEveryMs = 5'000;
+
+/// The service: one connection to the broker, one database, one thread.
+class CollectorService {
+  public:
+    explicit CollectorService(CollectorSettings settings);
+
+    /// Runs until SIGTERM or SIGINT; the exit code of the process.
+    int Run();
+
+  private:
+    bool OpenStore();
+    void RunConnection();
+    bool Begin(std::string& error);
+    bool Listen();
+    bool Pass(std::string& error);
+    void StoreAndAnswer();
+    void Reply(const std::vector<Collector::Reply>& replies);
+    void Housekeeping();
+    void SayAlive();
+    bool Stopped(std::int64_t wait_ms) const;
+
+    const CollectorSettings settings_;
+    FleetStore store_;
+    Intake intake_;
+    SDK::FileDescriptor signals_;
+    std::unique_ptr<Fleet::BrokerClient> broker_;
+    bool listening_ = false;
+    std::int64_t listening_since_ms_ = 0;
+    std::int64_t alive_due_ms_ = 0;
+    std::int64_t prune_due_ms_ = 0;
+    std::int64_t retry_ms_ = 0;
+};
+
+}  // namespace Collector

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <database/Sqlite.h>
+#include <fleet/Report.h>
+#include <json/value.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Collector {
+
+/// What the collector knows of one host.
+struct HostRecord {
+    std::int64_t id = 0;
+    std::string agent_id;
+    std::string stream;             ///< of the reports; empty: none has arrived
+    std::int64_t epoch = 0;         ///< counts how often the numbers began anew
+    std::int64_t acknowledged = 0;  ///< every report up to it is stored
+    std::int64_t bytes = 0;         ///< of its stored bodies
+    std::int64_t first_seen_ms = 0;
+    std::int64_t last_seen_ms = 0;
+    bool online = false;  ///< as its last state says
+    bool silent = false;  ///< nothing arrives; already reported
+    std::string state;    ///< its last state, JSON
+};
+
+/// Which reports to list.
+struct ReportQuery {
+    std::string agent_id;    ///< empty: of all hosts
+    std::string kind;        ///< empty: of all kinds
+    std::int64_t after = 0;  ///< only those that the collector stored after this row
+    std::int64_t limit = 100;
+};
+
+/// The database of the collector, SQLite. The schema has a version; an older one is migrated when
+/// it is opened. Operations return false on failure; Error says why. Not thread-safe.
+///
+/// A transaction that is committed survives a crash of the machine.
+class FleetStore {
+  public:
+    /// Makes the file (mode 0640) and its tables when they are missing.
+    bool Open(const std::string& path);
+
+    /// Opens an existing database to read it.
+    bool OpenExisting(const std::string& path);
+
+    bool Begin();
+    bool Commit();
+    void Rollback();
+
+    bool ReadHosts(std::vector<HostRecord>& hosts);
+    bool AddHost(HostRecord& host);  ///< sets its id
+    bool SaveHost(const HostRecord& host);
+
+    bool AddReport(const HostRecord& host, const Fleet::Report& report, std::int64_t now_ms);
+
+    enum class Match { kNone, kSame, kOther, kFailed };
+
+    /// Compares `report` with the newest stored one of that host and number.
+    Match Compare(const HostRecord& host, const Fleet::Report& report);
+
+    /// `host_id` 0: of the collector itself.
+    bool AddEvent(std::int64_t host_id, const std::string& kind, const std::string& text,
+                  std::int64_t now_ms);
+    bool SaveResult(std::int64_t host_id, const std::string& feature, const std::string& result,
+                    std::int64_t now_ms);
+
+    /// A named value of the collector itself, such as when it was last alive.
+    bool SetFact(const std::string& name, std::int64_t value);
+    bool ReadFact(const std::string& name, std::int64_t& value);  ///< 0 when it is missing
+
+    /// Called for each removed report.
+    using Removed = std::function<void(std::int64_t host_id, std::int64_t bytes)>;
+
+    /// Removes at most `max_rows` reports that arrived before `time_ms`; events, too.
+    bool PruneOlderThan(std::int64_t time_ms, int max_rows, const Removed& removed);
+    bool PruneHost(std::int64_t host_id, int max_rows, const Removed& removed);
+
+    using Row = std::function<bool(const Json::Value& row)>;  ///< false: stop
+
+    /// Oldest first; without `after` the newest `limit`.
+    bool ListReports(const ReportQuery& query, const Row& row);
+    bool ListEvents(std::int64_t limit, const Row& row);
+    bool ListResults(const Row& row);
+
+    std::string Error() const { return connection_.Error(); }
+
+  private:
+    bool SetUp(const std::string& path);
+    bool Migrate();
+    bool Prepare();
+    bool Prune(Database::SqliteRun& run, const Removed& removed);
+
+    Database::SqliteConnection connection_;
+    Database::SqliteStatement add_host_, save_host_, add_report_, find_report_, add_event_;
+    Database::SqliteStatement save_result_, set_fact_, read_fact_, prune_old_, prune_host_;
+};
+
+}  // namespace Collector

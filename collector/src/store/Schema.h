@@ -1,0 +1,32 @@
+#pragma once
+
+#include <array>
+
+namespace Collector {
+
+/// The steps from one version of the schema to the next; the database knows its version
+/// (user_version). A step that was released is never changed. Plain types, so that another
+/// database can have the same schema.
+constexpr std::array<const char*, 1> kSchemaSteps{{
+    "CREATE TABLE hosts("
+    "id INTEGER PRIMARY KEY, agent_id TEXT NOT NULL UNIQUE, stream TEXT NOT NULL,"
+    "epoch INTEGER NOT NULL, acknowledged INTEGER NOT NULL, bytes INTEGER NOT NULL,"
+    "first_seen_ms INTEGER NOT NULL, last_seen_ms INTEGER NOT NULL,"
+    "online INTEGER NOT NULL, silent INTEGER NOT NULL, state TEXT NOT NULL);"
+    "CREATE TABLE reports("
+    "id INTEGER PRIMARY KEY, host_id INTEGER NOT NULL, epoch INTEGER NOT NULL,"
+    "seq INTEGER NOT NULL, time_ms INTEGER NOT NULL, received_ms INTEGER NOT NULL,"
+    "kind TEXT NOT NULL, name TEXT NOT NULL, outcome TEXT NOT NULL, duration_ms TEXT NOT NULL,"
+    "evidence TEXT NOT NULL, whole_bytes INTEGER NOT NULL, body BLOB NOT NULL);"
+    "CREATE UNIQUE INDEX reports_by_number ON reports(host_id, seq, epoch);"
+    "CREATE INDEX reports_by_arrival ON reports(received_ms);"
+    "CREATE TABLE events("
+    "id INTEGER PRIMARY KEY, time_ms INTEGER NOT NULL, host_id INTEGER NOT NULL,"
+    "kind TEXT NOT NULL, text TEXT NOT NULL);"
+    "CREATE TABLE results("
+    "host_id INTEGER NOT NULL, feature TEXT NOT NULL, time_ms INTEGER NOT NULL,"
+    "result TEXT NOT NULL, PRIMARY KEY(host_id, feature));"
+    "CREATE TABLE facts(name TEXT PRIMARY KEY, value INTEGER NOT NULL);",
+}};
+
+}  // namespace Collector

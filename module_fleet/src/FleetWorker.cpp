@@ -1,0 +1,242 @@
+// Owns the connection to the broker and the thread. Must not know the window (ReportExporter does)
+// nor what is a good policy (PolicyReceiver does). Reports and policies go through queries, so no
+// other module is needed.
+#include "FleetWorker.h"
+
+#include <fleet/SignedPolicy.h>
+#include <fleet/Topics.h>
+#include <framework/Engine.h>
+#include <poll.h>
+#include <sdk/files/PathUtils.h>
+#include <sdk/log/Log.h>
+#include <sdk/text/JsonUtils.h>
+#include <sdk/time/TimeUtils.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <utility>
+
+#include "FleetAlarm.h"
+#include "FleetLog.h"
+
+namespace Engine {
+
+using SDK::JsonUtils;
+
+namespace {
+
+constexpr std::chrono::milliseconds kPass{250};
+constexpr std::int64_t kFirstRetryMs = 1'000;
+constexpr std::int64_t kMostRetryMs = 60'000;
+constexpr std::int64_t kConnectMs = 20'000;
+constexpr Json::ArrayIndex kMostReasons = 20;
+constexpr std::size_t kMostReasonBytes = 300;
+
+bool Ask(const char* query, const Json::Value& request, Json::Value& answer) {
+    return Framework::Engine::Instance().Queries().Ask(query, request, answer) && answer.isObject();
+}
+
+std::string HostName() {
+    std::array<char, 256> name{};
+    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
+}
+
+/// What the centre needs of the health; bounded.
+Json::Value ShortHealth(const Json::Value& health) {
+    Json::Value brief(Json::objectValue);
+    brief["state"] = JsonUtils::GetStringValue(health, "state", "unknown");
+    brief["reasons"] = Json::Value(Json::arrayValue);
+    Json::Value reasons;
+    JsonUtils::GetArrayValue(health, "reasons", reasons);
+    for (const Json::Value& reason : reasons) {
+        if (brief["reasons"].size() >= kMostReasons) break;
+        Json::Value item(Json::objectValue);
+        item["code"] = JsonUtils::GetStringValue(reason, "code", "");
+        item["text"] = JsonUtils::GetStringValue(reason, "text", "").substr(0, kMostReasonBytes);
+        brief["reasons"].append(item);
+    }
+    return brief;
+}
+
+void TellLoss(std::int64_t count, std::int64_t seq) {
+    const std::string text = std::to_string(count) + " reports up to number " +
+                             std::to_string(seq) +
+                             " were dropped before the collector had them: the report store was "
+                             "full or is new.";
+    SDK_LOG(FleetLog(), PRIO_ERROR, "%s", text);
+    SendFleetAlarm("fleet_reports_lost", text);
+}
+
+void TellRefusal(const std::string& feature, const std::string& why) {
+    SendFleetAlarm("fleet_policy_refused",
+                   "A policy of " + feature + " from the fleet is refused: " + why + ".");
+}
+
+}  // namespace
+
+FleetWorker::FleetWorker(FleetSettings settings, const std::string& agent_id)
+    : settings_(std::move(settings)),
+      agent_id_(agent_id),
+      stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      exporter_(
+          settings_.window, Ask,
+          [this](const Fleet::Report& report) {
+              return broker_->Publish(Fleet::ToMessage(agent_id_, report));
+          },
+          TellLoss),
+      policies_(
+          agent_id, settings_.policy_key,
+          SDK::PathUtils::GetInstallationPath() + "data/fleet_policies.json", Ask,
+          [this](const std::string& feature, const Json::Value& result) {
+              PublishResult(feature, result);
+          },
+          TellRefusal),
+      retry_ms_(kFirstRetryMs),
+      thread_([this] { Run(); }) {}
+
+FleetWorker::~FleetWorker() {
+    ::eventfd_write(stop_.Get(), 1);
+    thread_.join();
+}
+
+Json::Value FleetWorker::Status() {
+    Json::Value answer(Json::objectValue);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    answer["fleet"] = status_;
+    return answer;
+}
+
+bool FleetWorker::WaitForStop(std::chrono::milliseconds time) const {
+    pollfd source{stop_.Get(), POLLIN, 0};
+    return ::poll(&source, 1, static_cast<int>(time.count())) > 0;
+}
+
+void FleetWorker::Run() {
+    do {
+        try {
+            RunConnection();
+        } catch (const std::exception& error) {
+            SDK_LOG(FleetLog(), PRIO_ERROR, "the connection to the fleet failed: %s",
+                    std::string(error.what()));
+        }
+        broker_.reset();
+    } while (!WaitForStop(std::chrono::milliseconds(retry_ms_)));
+}
+
+void FleetWorker::RunConnection() {
+    std::string error;
+    bool greeted = false;
+    const std::int64_t begin_ms = SDK::TimeUtils::GetMonotonicMs();
+    bool good = Begin(error);
+    while (good && !WaitForStop(std::chrono::milliseconds(0))) {
+        good = broker_->Step(kPass, stop_.Get(), error);
+        const std::int64_t now_ms = SDK::TimeUtils::GetMonotonicMs();
+        if (good && broker_->IsConnected()) {
+            if (!greeted) Greet();
+            greeted = true;
+            Pass(now_ms);
+        } else if (good && now_ms - begin_ms > kConnectMs) {
+            error = "the broker does not answer";
+            good = false;
+        }
+    }
+    if (good) return SayGoodbye();
+    retry_ms_ = greeted ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
+    SDK_LOG(FleetLog(), PRIO_WARNING, "broker %s: %s; the next attempt follows in %s s",
+            settings_.broker.host, error, std::to_string(retry_ms_ / 1000));
+    Json::Value status(Json::objectValue);
+    status["connected"] = false;
+    status["error"] = error;
+    Publish(status);
+}
+
+/// The centre learns at once that this host is not guarded any more.
+void FleetWorker::SayGoodbye() {
+    Json::Value state(Json::objectValue);
+    state["online"] = false;
+    state["stopped"] = true;
+    broker_->Publish({Fleet::StateTopic(agent_id_), JsonUtils::JsonToString(state), true});
+    broker_->Disconnect();
+}
+
+bool FleetWorker::Begin(std::string& error) {
+    broker_ = std::make_unique<Fleet::BrokerClient>(
+        settings_.broker, agent_id_, Fleet::kMaxPolicyBytes,
+        [this](Fleet::Message&& message) { Receive(std::move(message)); });
+    Json::Value will(Json::objectValue);
+    will["online"] = false;
+    broker_->SetWill({Fleet::StateTopic(agent_id_), JsonUtils::JsonToString(will), true});
+    return broker_->Connect(error);
+}
+
+void FleetWorker::Greet() {
+    SDK_LOG(FleetLog(), PRIO_NOTICE, "connected to the broker %s", settings_.broker.host);
+    retry_ms_ = kFirstRetryMs;
+    state_due_ms_ = 0;
+    exporter_.Restart();
+    broker_->Subscribe(Fleet::AckTopic(agent_id_));
+    broker_->Subscribe(Fleet::PolicyTopic(agent_id_, "+"));
+}
+
+void FleetWorker::Pass(std::int64_t now_ms) {
+    exporter_.Pump(now_ms);
+    policies_.Work(now_ms);
+    if (now_ms >= state_due_ms_) PublishState(now_ms);
+    Json::Value status(Json::objectValue);
+    status["connected"] = true;
+    Publish(status);
+}
+
+void FleetWorker::Receive(Fleet::Message&& message) {
+    const auto topic = Fleet::ParseTopic(message.topic);
+    if (!topic || topic->agent_id != agent_id_) return;
+    if (topic->channel == "policy") {
+        policies_.Take(topic->leaf, std::move(message.payload));
+    } else if (topic->channel == "ack") {
+        const auto acknowledgement = Fleet::ReadAcknowledgement(message.payload);
+        if (acknowledgement) {
+            exporter_.Take(*acknowledgement, SDK::TimeUtils::GetMonotonicMs());
+        }
+    }
+}
+
+void FleetWorker::PublishState(std::int64_t now_ms) {
+    Json::Value agent;
+    if (!Ask("agent.status", Json::Value(Json::objectValue), agent)) return;  // not started yet
+    state_due_ms_ = now_ms + settings_.heartbeat_s * 1000;
+    const ExportState reports = exporter_.State();
+    Json::Value state(Json::objectValue);
+    state["online"] = true;
+    state["time_ms"] = Json::Int64{SDK::TimeUtils::GetCurrentTimestampS() * 1000};
+    state["host"] = HostName();
+    state["version"] = JsonUtils::GetStringValue(agent, "version", "");
+    state["health"] = ShortHealth(agent["health"]);
+    state["heartbeat_seconds"] = settings_.heartbeat_s;
+    state["reports"]["last_seq"] = Json::Int64{reports.last_seq};
+    state["reports"]["acknowledged"] = Json::Int64{reports.acknowledged};
+    state["reports"]["lost"] = Json::Int64{reports.lost};
+    state["policies_refused"] = Json::Int64{policies_.Refused()};
+    broker_->Publish({Fleet::StateTopic(agent_id_), JsonUtils::JsonToString(state), true});
+}
+
+void FleetWorker::PublishResult(const std::string& feature, const Json::Value& result) {
+    broker_->Publish(
+        {Fleet::ResultTopic(agent_id_, feature), JsonUtils::JsonToString(result), true});
+}
+
+void FleetWorker::Publish(Json::Value& status) {
+    const ExportState reports = exporter_.State();
+    status["broker"] = settings_.broker.host;
+    status["acknowledged"] = Json::Int64{reports.acknowledged};
+    status["last_seq"] = Json::Int64{reports.last_seq};
+    status["in_flight"] = Json::Int64{reports.in_flight};
+    status["reports_lost"] = Json::Int64{reports.lost};
+    status["policies_refused"] = Json::Int64{policies_.Refused()};
+    const std::lock_guard<std::mutex> lock(mutex_);
+    status_ = std::move(status);
+}
+
+}  // namespace Engine

@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+
+#include "service/Intake.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using Seqs = std::vector<std::int64_t>;
+
+class IntakeTest : public testing::Test {
+  protected:
+    static constexpr std::int64_t kNow = 1'700'000'000'000;
+
+    void SetUp() override {
+        ASSERT_TRUE(store_.Open(dir_.Path("fleet.db"))) << store_.Error();
+        ASSERT_TRUE(intake_.Load());
+    }
+
+    static Fleet::Message Message(std::int64_t seq, std::int64_t previous,
+                                  std::int64_t acknowledged, const std::string& body = "body",
+                                  const std::string& stream = "fleet-1") {
+        Fleet::Report report;
+        report.stream = stream;
+        report.seq = seq;
+        report.previous = previous;
+        report.acknowledged = acknowledged;
+        report.kind = "alarm";
+        report.body = body;
+        return Fleet::ToMessage("host-1", report);
+    }
+
+    /// The answer to the host.
+    Fleet::Acknowledgement Store(std::vector<Fleet::Message> messages, std::int64_t now_ms = kNow) {
+        for (Fleet::Message& message : messages) intake_.Add(std::move(message));
+        std::vector<Collector::Reply> replies;
+        EXPECT_TRUE(intake_.Store(now_ms, replies));
+        return replies.empty() ? Fleet::Acknowledgement() : replies[0].acknowledgement;
+    }
+
+    Seqs Stored() {
+        Seqs seqs;
+        store_.ListReports({}, [&](const Json::Value& row) {
+            seqs.push_back(row["seq"].asInt64());
+            return true;
+        });
+        return seqs;
+    }
+
+    std::string Events() {
+        std::string kinds;
+        store_.ListEvents(100, [&](const Json::Value& row) {
+            kinds += row["kind"].asString() + " ";
+            return true;
+        });
+        return kinds;
+    }
+
+    test::TempDir dir_;
+    Collector::CollectorSettings settings_;
+    Collector::FleetStore store_;
+    Collector::Intake intake_{store_, settings_};
+};
+
+TEST_F(IntakeTest, Report_IsStoredOnceAndOnlyAfterTheOneBefore) {
+    EXPECT_EQ(Store({Message(1, 0, 0), Message(2, 1, 0)}).seq, 2);
+    const Fleet::Acknowledgement early = Store({Message(4, 3, 0)});
+    EXPECT_EQ(early.seq, 2);
+    EXPECT_TRUE(early.again);
+    const Fleet::Acknowledgement rest =
+        Store({Message(2, 1, 0), Message(3, 2, 0), Message(4, 3, 0)});
+    EXPECT_EQ(rest.seq, 4);
+    EXPECT_FALSE(rest.again);
+    EXPECT_EQ(Stored(), (Seqs{1, 2, 3, 4}));
+    EXPECT_EQ(Events(), "");
+}
+
+TEST_F(IntakeTest, NumbersThatBeginAnew_AreNoDuplicates) {
+    Store({Message(1, 0, 0, "a"), Message(2, 1, 0, "b"), Message(3, 2, 0, "c")});
+    // After a loss of power the host has lost 2 and 3, and uses their numbers again.
+    EXPECT_EQ(Store({Message(2, 1, 1, "new")}, kNow + 5000).seq, 2);
+    // A new report store.
+    EXPECT_TRUE(Store({Message(2, 1, 0, "x", "fleet-2")}, kNow + 10000).again);
+    EXPECT_EQ(Store({Message(1, 0, 0, "x", "fleet-2")}, kNow + 15000).seq, 1);
+    EXPECT_EQ(Stored(), (Seqs{1, 2, 3, 2, 1}));
+    EXPECT_EQ(Events(), "renumbered renumbered ");
+}
+
+TEST_F(IntakeTest, ReportsThatTheHostHasDropped_AreAGapAndNotWaitedFor) {
+    Store({Message(1, 0, 0)});
+    EXPECT_EQ(Store({Message(9, 1, 1)}).seq, 9);
+    // The collector has lost the end of its own database.
+    EXPECT_EQ(Store({Message(21, 20, 20)}, kNow + 5000).seq, 21);
+    EXPECT_EQ(Events(), "gap gap ");
+}
+
+TEST_F(IntakeTest, HostileMessages_AreCountedAndChangeNothing) {
+    Fleet::Message without = Message(1, 0, 0);
+    without.properties.erase("seq");
+    Fleet::Message text = Message(1, 0, 0);
+    text.properties["seq"] = "1e9";
+    Fleet::Message minus = Message(1, 0, 0);
+    minus.properties["seq"] = "-1";
+    Fleet::Message huge = Message(1, 0, 0);
+    huge.properties["seq"] = "99999999999999999999";
+    Fleet::Message stream = Message(1, 0, 0);
+    stream.properties["stream"] = "'; DROP TABLE hosts; --";
+    const std::string deep(10000, '[');
+    Store({without,
+           text,
+           minus,
+           huge,
+           stream,
+           Message(1, 1, 0),
+           Message(2, 0, 1),
+           {"sentrel/host-1/state", deep},
+           {"sentrel/host-1/state", "[1]"},
+           {"sentrel/host-1/ack", "{}"},
+           {"sentrel/host-1/policy/f", "{}"},
+           {"a/b", "c"}});
+    EXPECT_EQ(Stored(), Seqs());
+    EXPECT_EQ(intake_.Counters().refused, 12U);
+    std::vector<Fleet::Message> flood;
+    for (int i = 1; i <= 600; ++i) flood.push_back(Message(i, i - 1, 0));
+    EXPECT_EQ(Store(flood).seq, 500) << "one host may fill only a part of a batch";
+}
+
+TEST_F(IntakeTest, HostThatIsNotHeard_IsSilentOnceAndBackWithItsNextState) {
+    Store({{"sentrel/host-1/state", "{\"online\":true}"}});
+    EXPECT_TRUE(intake_.CheckSilence(kNow + 40'000, kNow));
+    EXPECT_EQ(Events(), "");
+    EXPECT_TRUE(intake_.CheckSilence(kNow + 50'000, kNow + 20'000)) << "listening only since then";
+    EXPECT_EQ(Events(), "");
+    EXPECT_TRUE(intake_.CheckSilence(kNow + 50'000, kNow));
+    EXPECT_TRUE(intake_.CheckSilence(kNow + 60'000, kNow));
+    EXPECT_EQ(Events(), "silent ");
+    Store({{"sentrel/host-1/state", "{\"online\":true}", true}}, kNow + 70'000);
+    EXPECT_EQ(Events(), "silent ") << "a retained state says nothing about now";
+    Store({{"sentrel/host-1/state", "{\"online\":true}"}}, kNow + 80'000);
+    EXPECT_EQ(Events(), "silent back ");
+    Store({{"sentrel/host-1/state", "{\"online\":false}"}}, kNow + 80'001);
+    EXPECT_EQ(Events(), "silent back silent ");
+}
+
+TEST_F(IntakeTest, OldReportsAndThoseBeyondTheSizeOfAHost_AreRemoved) {
+    settings_.max_megabytes_per_host = 1;
+    settings_.keep_days = 1;
+    Collector::Intake intake(store_, settings_);
+    ASSERT_TRUE(intake.Load());
+    std::vector<Collector::Reply> replies;
+    const std::string body(200'000, 'x');
+    for (int i = 1; i <= 7; ++i) {
+        intake.Add(Message(i, i - 1, 0, body));
+        ASSERT_TRUE(intake.Store(kNow, replies));
+    }
+    EXPECT_LT(Stored().size(), 7U);
+    EXPECT_EQ(replies[0].acknowledgement.seq, 7);
+    EXPECT_TRUE(intake.Prune(kNow + 25LL * 3600 * 1000));
+    EXPECT_EQ(Stored(), Seqs());
+}
+
+}  // namespace

@@ -1,0 +1,208 @@
+#include "support/Fleet.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sdk/files/FileDescriptor.h>
+#include <sdk/text/JsonUtils.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <sstream>
+
+#include "support/WaitFor.h"
+
+namespace test {
+
+namespace {
+
+constexpr std::chrono::seconds kDeadline{20};
+constexpr const char* kPassword = "a password of the tests";
+
+/// Starts the words with standard output and error in these files.
+pid_t Spawn(const std::vector<std::string>& words, const std::string& out, const std::string& err) {
+    std::vector<char*> argv;
+    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    const int flags = O_CREAT | O_WRONLY | O_APPEND;
+    ::dup2(::open(out.c_str(), flags, 0600), STDOUT_FILENO);
+    ::dup2(::open(err.c_str(), flags, 0600), STDERR_FILENO);
+    ::execvp(argv[0], argv.data());
+    ::_exit(127);
+}
+
+sockaddr_in Loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+}
+
+int FreePort() {
+    const SDK::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address = Loopback(0);
+    socklen_t size = sizeof(address);
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    if (::bind(socket.Get(), any, size) != 0 || ::getsockname(socket.Get(), any, &size) != 0)
+        return 0;
+    return ntohs(address.sin_port);
+}
+
+void MustRun(const std::vector<std::string>& words) {
+    const CommandResult result = RunWords(words);
+    EXPECT_EQ(result.exit_code, 0) << words[0] << ": " << result.err;
+}
+
+/// A CA and a certificate for 127.0.0.1.
+void MakeCertificates(const TempDir& dir) {
+    const std::string key = "ec", curve = "ec_paramgen_curve:prime256v1";
+    MustRun({"openssl", "req", "-x509", "-newkey", key, "-pkeyopt", curve, "-nodes", "-days", "2",
+             "-subj", "/CN=test CA", "-keyout", dir.Path("ca.key"), "-out", dir.Path("ca.pem")});
+    MustRun({"openssl", "req", "-newkey", key, "-pkeyopt", curve, "-nodes", "-subj",
+             "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+             dir.Path("broker.key"), "-out", dir.Path("broker.csr")});
+    MustRun({"openssl", "x509", "-req", "-in", dir.Path("broker.csr"), "-days", "2", "-CA",
+             dir.Path("ca.pem"), "-CAkey", dir.Path("ca.key"), "-CAcreateserial",
+             "-copy_extensions", "copy", "-out", dir.Path("broker.pem")});
+}
+
+void Replace(std::string& text, const std::string& from, const std::string& to) {
+    EXPECT_NE(text.find(from), std::string::npos) << from;
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+}  // namespace
+
+CommandResult RunWords(const std::vector<std::string>& words) {
+    const TempDir dir;
+    const pid_t pid = Spawn(words, dir.Path("out"), dir.Path("err"));
+    int status = -1;
+    ::waitpid(pid, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TempDir::Read(dir.Path("out")),
+            TempDir::Read(dir.Path("err"))};
+}
+
+void Child::Start(const std::vector<std::string>& words, const std::string& output) {
+    pid_ = Spawn(words, output, output);
+}
+
+int Child::Wait() {
+    int status = -1;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void Child::Kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    Wait();
+}
+
+int Child::Stop() {
+    if (pid_ <= 0) return -1;
+    ::kill(pid_, SIGTERM);
+    return Wait();
+}
+
+Broker::Broker(const std::vector<std::string>& agent_ids) : port_(FreePort()) {
+    MakeCertificates(dir_);
+    const std::string samples = std::string(SENTREL_SOURCE) + "/docs/fleet/";
+    std::string conf = TempDir::Read(samples + "mosquitto.conf");
+    Replace(conf, "/etc/mosquitto/sentrel/", dir_.Path(""));
+    Replace(conf, "listener 8883", "listener " + std::to_string(port_) + " 127.0.0.1");
+    dir_.Write("mosquitto.conf",
+               "user root\npersistence true\npersistence_location " + dir_.Path("") + "\n" + conf);
+    dir_.Write("acl", TempDir::Read(samples + "acl"));
+    ::chmod(dir_.Path("acl").c_str(), 0600);
+    dir_.Write("password", std::string(kPassword) + "\n");
+    ::chmod(dir_.Path("password").c_str(), 0600);
+    std::vector<std::string> users = agent_ids;
+    users.insert(users.end(), {"collector", "operator"});
+    dir_.Write("passwords", "");
+    ::chmod(dir_.Path("passwords").c_str(), 0600);
+    for (const std::string& user : users) {
+        MustRun({"mosquitto_passwd", "-b", dir_.Path("passwords"), user, kPassword});
+    }
+}
+
+bool Broker::Start() {
+    process_.Start({"/usr/sbin/mosquitto", "-c", dir_.Path("mosquitto.conf")}, dir_.Path("out"));
+    if (WaitFor([this] { return IsListening(); }, Scaled(kDeadline))) return true;
+    ADD_FAILURE() << TempDir::Read(dir_.Path("out"));
+    return false;
+}
+
+bool Broker::IsListening() const {
+    const SDK::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM, 0));
+    const sockaddr_in address = Loopback(port_);
+    return ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+           0;
+}
+
+Json::Value Broker::JsonOf(const std::string& user) const {
+    Json::Value broker(Json::objectValue);
+    broker["host"] = "127.0.0.1";
+    broker["port"] = port_;
+    broker["ca_file"] = dir_.Path("ca.pem");
+    broker["password_file"] = dir_.Path("password");
+    broker["user"] = user;
+    return broker;
+}
+
+Fleet::BrokerSettings Broker::SettingsOf(const std::string& user) const {
+    Fleet::BrokerSettings settings;
+    std::string error;
+    EXPECT_TRUE(Fleet::ReadBrokerSettings(JsonOf(user), "", settings, error)) << error;
+    return settings;
+}
+
+CollectorProcess::CollectorProcess(const Broker& broker) {
+    Json::Value config(Json::objectValue);
+    config["broker"] = broker.JsonOf("collector");
+    config["database"] = Database();
+    dir_.Write("collector.json", SDK::JsonUtils::JsonToString(config));
+}
+
+bool CollectorProcess::Start() {
+    process_.Start({std::string(SENTREL_STAGE) + "/bin/sentrel_collector", "run", "--config",
+                    dir_.Path("collector.json")},
+                   dir_.Path("out"));
+    if (WaitFor([this] { return Status()["listening"].asBool(); }, Scaled(kDeadline))) return true;
+    ADD_FAILURE() << TempDir::Read(dir_.Path("out")) << Run({"status"}).out << Run({"status"}).err;
+    return false;
+}
+
+CommandResult CollectorProcess::Run(const std::vector<std::string>& words) const {
+    std::vector<std::string> all{std::string(SENTREL_STAGE) + "/bin/sentrel_collector", "--config",
+                                 dir_.Path("collector.json")};
+    all.insert(all.end(), words.begin(), words.end());
+    return RunWords(all);
+}
+
+Json::Value CollectorProcess::Status() const {
+    const CommandResult result = Run({"status", "--json"});
+    Json::Value status;
+    SDK::JsonUtils::ParseJsonStr(result.out.data(), result.out.size(), status);
+    status["exit_code"] = result.exit_code;
+    return status;
+}
+
+std::vector<Json::Value> CollectorProcess::Lines(const std::vector<std::string>& words) const {
+    std::istringstream text(Run(words).out);
+    std::vector<Json::Value> lines;
+    for (std::string line; std::getline(text, line);) {
+        lines.emplace_back();
+        EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(line.data(), line.size(), lines.back()), 0) << line;
+    }
+    return lines;
+}
+
+}  // namespace test

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <fleet/BrokerSettings.h>
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "support/AgentProcess.h"
+#include "support/TempDir.h"
+
+namespace test {
+
+/// A child process of the test; the destructor kills it.
+class Child {
+  public:
+    Child() = default;
+    ~Child() { Kill(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    /// The output goes to the file `output`.
+    void Start(const std::vector<std::string>& words, const std::string& output);
+    void Kill();  ///< SIGKILL
+    int Stop();   ///< SIGTERM; the exit code
+    bool IsRunning() const { return pid_ > 0; }
+
+  private:
+    int Wait();
+    pid_t pid_ = -1;
+};
+
+/// Debian's mosquitto on loopback, with the sample configuration and access list of docs/fleet/
+/// and certificates of its own.
+class Broker {
+  public:
+    /// Users with a password: "collector", "operator" and these hosts.
+    explicit Broker(const std::vector<std::string>& agent_ids);
+
+    /// Starts it and waits until it listens.
+    bool Start();
+    void Kill() { process_.Kill(); }
+
+    int Port() const { return port_; }
+    Fleet::BrokerSettings SettingsOf(const std::string& user) const;
+
+    /// The object "broker" of a configuration.
+    Json::Value JsonOf(const std::string& user) const;
+    std::string Path(const std::string& name) const { return dir_.Path(name); }
+
+  private:
+    bool IsListening() const;
+
+    TempDir dir_;
+    int port_ = 0;
+    Child process_;
+};
+
+/// The built collector.
+class CollectorProcess {
+  public:
+    explicit CollectorProcess(const Broker& broker);
+
+    /// Starts the service and waits until it listens.
+    bool Start();
+    void Kill() { process_.Kill(); }
+    int Stop() { return process_.Stop(); }
+
+    /// Runs another command of the collector.
+    CommandResult Run(const std::vector<std::string>& words) const;
+    std::string Database() const { return dir_.Path("fleet.db"); }
+    Json::Value Status() const;
+
+    /// The objects that a command prints, one a line.
+    std::vector<Json::Value> Lines(const std::vector<std::string>& words) const;
+    std::string Path(const std::string& name) const { return dir_.Path(name); }
+
+  private:
+    TempDir dir_;
+    Child process_;
+};
+
+/// Runs the words without a shell.
+CommandResult RunWords(const std::vector<std::string>& words);
+
+}  // namespace test
