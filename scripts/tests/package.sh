@@ -1,62 +1,17 @@
 #!/usr/bin/env bash
-# package.sh STAGE FOLDER: builds the Debian package of STAGE, and installs, upgrades, removes and purges it in an
+# package.sh PACKAGES FOLDER: installs, upgrades, removes and purges the Debian package in PACKAGES, version 1.0, in an
 # overlay of the machine's root, which stays as it is. The agent of the package protects sites there, under the
 # capabilities of its unit and without systemd; stand-ins note what the package asks systemd for.
 set -euo pipefail
-# shellcheck source=scripts/tests/unit.sh
-source "$(dirname -- "${BASH_SOURCE[0]}")/unit.sh"
 
-readonly STAGE=$1 FOLDER=$2 SKIPPED=77 INSTALLATION=/usr/local/morvane
-readonly MACHINE=$FOLDER/machine/root
+readonly PACKAGES=$1 FOLDER=$2
 # Copies that lie below the installation, and a protected site that does.
-readonly SITE=/srv/site COPIES=$INSTALLATION/data/copies OWN_SITE=$INSTALLATION/www OWN_COPIES=/var/backups/sentrel
+readonly SITE=/srv/site OWN_SITE=/usr/local/morvane/www COPIES=/usr/local/morvane/data/copies
+readonly OWN_COPIES=/var/backups/sentrel
 ROOT=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd -P)
 readonly ROOT
-AGENT_PID=''
-
-fail() {
-    printf 'FAILED: %s\n' "$*" >&2
-    exit 1
-}
-
-show_logs() {
-    local status=$?
-    trap - EXIT
-    if [[ $status -ne 0 && $status -ne $SKIPPED ]]; then
-        tail -n 40 "$FOLDER"/*.out "$MACHINE$INSTALLATION/log/agent.log" >&2 2>/dev/null || true
-    fi
-    exit "$status"
-}
-
-# await WHAT COMMAND...: waits until the command succeeds.
-await() {
-    local what=$1 end=$((SECONDS + 30))
-    shift
-    until "$@"; do
-        ((SECONDS < end)) || fail "time-out: $what"
-        sleep 0.05
-    done
-}
-
-# make_machine: an overlay of / whose changes are kept in memory. Devices and settings of the kernel are not the
-# machine's: /dev has a few nodes of its own, /proc is that of this process namespace and /proc/sys is read-only.
-make_machine() {
-    mount -t tmpfs -o mode=0755 none "$FOLDER/machine"
-    mkdir "$FOLDER/machine/upper" "$FOLDER/machine/work" "$MACHINE"
-    mount -t overlay -o "lowerdir=/,upperdir=$FOLDER/machine/upper,workdir=$FOLDER/machine/work" none "$MACHINE" ||
-        { echo "no overlay of / can be mounted here" && exit "$SKIPPED"; }
-    mount -t proc none "$MACHINE/proc" || { echo "no /proc can be mounted here" && exit "$SKIPPED"; }
-    mount --bind "$MACHINE/proc/sys" "$MACHINE/proc/sys"
-    mount -o remount,bind,ro "$MACHINE/proc/sys"
-    mount -t tmpfs -o mode=0755 none "$MACHINE/run"
-    mount -t tmpfs -o mode=0755 none "$MACHINE/dev"
-    mknod -m 0666 "$MACHINE/dev/null" c 1 3
-    mknod -m 0666 "$MACHINE/dev/urandom" c 1 9
-    ln -s /proc/self/fd "$MACHINE/dev/fd"
-    chmod go-w "$MACHINE/usr/local"
-    rm -rf --one-file-system "$MACHINE${INSTALLATION:?}"
-    mkdir -p "$MACHINE$SITE" "$MACHINE$OWN_SITE" "$MACHINE$(dirname "$COPIES")"
-}
+# shellcheck source=scripts/tests/machine.sh
+source "$ROOT/scripts/tests/machine.sh"
 
 # stand_in_for_systemd: looks as if it ran, and notes in /run/asked what it is asked for.
 stand_in_for_systemd() {
@@ -67,9 +22,6 @@ stand_in_for_systemd() {
 }
 was_asked() { grep -qE -- "$1" "$MACHINE/run/asked" 2>/dev/null; }
 
-readonly INSIDE=(chroot "$MACHINE" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8)
-inside() { "${INSIDE[@]}" "$@"; }
-
 # packages ARGUMENT...: dpkg within the machine; its output goes to $FOLDER/dpkg.out.
 packages() {
     inside DEBIAN_FRONTEND=noninteractive dpkg --no-triggers "$@" >"$FOLDER/dpkg.out" 2>&1 || fail "dpkg $*"
@@ -77,28 +29,10 @@ packages() {
 
 # bump: a package with the next version, which differs in nothing else.
 bump() {
-    dpkg-deb --raw-extract "$FOLDER"/packages/sentrel_1.0_*.deb "$FOLDER/next"
+    dpkg-deb --raw-extract "$PACKAGES"/sentrel_1.0_*.deb "$FOLDER/next"
     sed -i 's/^Version: .*/Version: 1.1/' "$FOLDER/next/DEBIAN/control"
     dpkg-deb --root-owner-group -Znone --build "$FOLDER/next" "$MACHINE/tmp/sentrel_1.1.deb" >"$FOLDER/bump.out"
-    cp "$FOLDER"/packages/sentrel_1.0_*.deb "$MACHINE/tmp/sentrel_1.0.deb"
-}
-
-# start_agent: as the unit does, without systemd.
-start_agent() {
-    local words
-    mapfile -t words < <(unit_confinement "$MACHINE/lib/systemd/system/morvane-agent.service")
-    # Each of these words executes the next, so the process is the agent's.
-    "${INSIDE[@]}" "${words[@]}" "$INSTALLATION/bin/morvane_agent" >"$FOLDER/agent.out" 2>&1 &
-    AGENT_PID=$!
-    await "the start of the agent" grep -q 'morvane_agent runs' "$FOLDER/agent.out"
-}
-
-has_ended() { ! kill -0 "$1" 2>/dev/null; }
-
-stop_agent() {
-    kill -TERM "$AGENT_PID"
-    wait "$AGENT_PID" || fail "the agent ended with $?"
-    AGENT_PID=''
+    cp "$PACKAGES"/sentrel_1.0_*.deb "$MACHINE/tmp/sentrel_1.0.deb"
 }
 
 policy() {
@@ -148,6 +82,7 @@ test_protection() {
     echo '<h1>welcome</h1>' >"$MACHINE$SITE/index.html"
     echo '<h1>own</h1>' >"$MACHINE$OWN_SITE/own.html"
     chown 33:33 "$MACHINE$SITE" "$MACHINE$SITE/index.html"
+    # shellcheck disable=SC2119
     start_agent
     echo password | inside morvanectl secret set client >"$FOLDER/secret.out" || fail "no secret was set"
     policy | inside morvanectl policy apply sentrel_feature - >"$FOLDER/apply.out" 2>&1 || fail "policy apply"
@@ -167,6 +102,7 @@ test_upgrade() {
     was_asked '^restart .*morvane-agent' || fail "systemd was not asked to restart the agent"
     [[ $(state) == "$before" ]] || fail "the upgrade changed: $(diff <(echo "$before") <(state))"
     inside "$INSTALLATION/bin/morvane_agent" --check >"$FOLDER/check.out" 2>&1 || fail "the kept policy has errors"
+    # shellcheck disable=SC2119
     start_agent
     await "the protection after the upgrade" protects
     has_alarm "$SITE/index.html" || fail "the alarms are gone"
@@ -223,17 +159,10 @@ test_purge_of_odd_places() {
     [[ ! -e $MACHINE$INSTALLATION ]] || fail "the purge left $(find "$MACHINE$INSTALLATION")"
 }
 
-machine() {
-    cat /etc/sysctl.conf /proc/sys/fs/inotify/* /proc/self/mounts
-    find /dev -xdev -printf '%p %y %m %U\n' | sort
-    dpkg-query -W sentrel 2>&1 || true
-    ls -d "$INSTALLATION" 2>&1 || true
-}
-
-# run_inside: in namespaces of its own, which take all mounts and processes with them when it ends.
 run_inside() {
     trap show_logs EXIT
     make_machine
+    mkdir -p "$MACHINE$SITE" "$MACHINE$OWN_SITE" "$MACHINE$(dirname "$COPIES")"
     stand_in_for_systemd
     bump
     test_install
@@ -246,19 +175,9 @@ run_inside() {
 }
 
 main() {
-    local before status=0 namespaces=(unshare --mount --propagation private --pid --fork --kill-child)
-    [[ $EUID -eq 0 ]] || { echo "this test needs root" && exit "$SKIPPED"; }
     [[ ${3:-} != inside ]] || { run_inside && return; }
-    "${namespaces[@]}" true || { echo "no namespaces of our own here" && exit "$SKIPPED"; }
     rm -rf --one-file-system "$FOLDER"
-    mkdir -p "$FOLDER/machine"
-    before=$(machine)
-    "$ROOT/scripts/package.sh" --stage "$STAGE" --output "$FOLDER/packages" --version 1.0 --no-debug
-    "${namespaces[@]}" -- "$0" "$STAGE" "$FOLDER" inside || status=$?
-    [[ $(machine) == "$before" ]] || fail "the machine has changed"
-    # This namespace has none of the mounts: there is nothing below but our own files.
-    rm -rf --one-file-system "$FOLDER"
-    exit "$status"
+    enter_machine "$0" "$PACKAGES" "$FOLDER" inside
 }
 
 main "$@"
