@@ -18,6 +18,8 @@
 #include <cstring>
 #include <memory>
 
+#include "baseline/BackupMark.h"
+
 namespace Baseline {
 
 namespace {
@@ -27,7 +29,6 @@ constexpr long kMostText = 4096;
 constexpr const char* kManifestSuffix = ".manifest";
 constexpr const char* kCopying = "/copying";
 constexpr const char* kBackupId = "/backup-id";
-constexpr const char* kMarker = "/.morvane-backup-id";
 constexpr std::size_t kNameDigits = 16;
 
 std::string HexOf(const std::string& text) {
@@ -250,7 +251,7 @@ bool BaselineStore::IsCopying(const std::string& real_path, const std::string& b
 int BaselineStore::MarkBackup(const std::string& real_path, const std::string& backup_path) const {
     const std::string directory = DirectoryOf(real_path, backup_path);
     if (SDK::DirUtils::MakeDirs(directory, kPrivate) != 0) return -1;
-    const std::string marker = backup_path + kMarker;
+    const std::string marker = backup_path + "/" + kBackupMark;
     std::string id = Text(marker);
     if (id.empty()) {
         id = SDK::CryptoCodeUtils::GenerateUUID();
@@ -270,7 +271,7 @@ std::string BaselineStore::BackupId(const std::string& real_path,
 }
 
 bool BaselineStore::HasBackupId(const std::string& backup_path, const std::string& id) {
-    return id.empty() || Text(backup_path + kMarker) == id;
+    return id.empty() || Text(backup_path + "/" + kBackupMark) == id;
 }
 
 }  // namespace Baseline

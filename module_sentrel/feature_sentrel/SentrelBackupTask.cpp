@@ -249,6 +249,7 @@ bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, Parts parts,
         case RuleBaselines::Committed::kYes:
             SDK_LOG(ModuleLogger(), PRIO_NOTICE, "the state of %s is approved.", rule.real_path);
             is_trimmed_ = false;
+            RequestPush();
             return true;
         case RuleBaselines::Committed::kInterrupted:
             uncommitted_[rule.real_path] = std::move(parts);
@@ -321,7 +322,6 @@ void SentrelBackupTask::RetryOpenObjects() {
 }
 
 void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
-    SentrelUtils* utils = SentrelUtils::GetInstance();
     BackupProgress& progress = state_.progress;
     const std::uint64_t round = progress.Round();
     const std::optional<std::timespec> begin = progress.Begin(rule);
@@ -346,11 +346,14 @@ void SentrelBackupTask::RetryOpenObjects(const SentrelDirRule& rule) {
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "%s: %lu open objects have been copied now.",
             rule.real_path, static_cast<unsigned long>(copied));
     CommitBaseline(rule, std::move(parts));
+    if (progress.Round() == round) RequestPush();
+}
+
+/// The server's copy lacks what has just been copied or approved.
+void SentrelBackupTask::RequestPush() {
+    SentrelUtils* utils = SentrelUtils::GetInstance();
     const Poco::FastMutex::ScopedLock lock(utils->mutex);
-    // The server's copy lacks them.
-    if (utils->backup_type == kLocalAndRemote && progress.Round() == round) {
-        utils->remote_backup_pending = true;
-    }
+    if (utils->backup_type == kLocalAndRemote) utils->remote_backup_pending = true;
 }
 
 bool SentrelBackupTask::PushToServer(const SentrelDirRule& rule) {

@@ -71,6 +71,7 @@ class SentrelBackupTask : public Framework::Task {
     std::string FaultOutside(const AnchoredRule& rule, const std::string& part, bool& is_part_good);
 
     bool PushToServer(const SentrelDirRule& rule);
+    void RequestPush();
     void ClearPending(std::atomic<bool>& pending, std::uint64_t round);
 
     ModuleState& state_;

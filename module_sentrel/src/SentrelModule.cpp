@@ -6,6 +6,7 @@
 
 #include <framework/Callbacks.h>
 #include <framework/Engine.h>
+#include <framework/RunSoon.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <sdk/text/JsonUtils.h>
@@ -131,10 +132,18 @@ Json::Value SentrelModule::AnswerRequest(const Json::Value& request) {
         request["action"] != "restore" && !JsonUtils::GetBoolValue(request, "dry_run", false);
     const std::string problem = approves ? state_.baselines.WhyUnsigned() : "";
     if (problem.empty()) {
-        return state_.requests.Submit(request, approves ? state_.baselines.Lent().Take() : nullptr);
+        answer =
+            state_.requests.Submit(request, approves ? state_.baselines.Lent().Take() : nullptr);
+        WakeTasks();
+        return answer;
     }
     answer["error"] = Unsigned(problem);
     return answer;
+}
+
+void SentrelModule::WakeTasks() {
+    if (m_pBackupTask != nullptr) Framework::RunSoon(*m_pBackupTask);
+    if (m_pInotifyTask != nullptr) Framework::RunSoon(*m_pInotifyTask);
 }
 
 /// {} or {"error"}.

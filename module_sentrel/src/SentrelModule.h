@@ -58,6 +58,8 @@ class SentrelModule : public Framework::Module {
     void CheckKey(const Json::Value& request, Json::Value& answer);
 
     // Deploys and pauses (SentrelOperations.cpp).
+    /// The tasks look at what operators want now.
+    void WakeTasks();
     Json::Value AnswerDeploy(const Json::Value& request);
     Json::Value AnswerPause(const Json::Value& request);
     Json::Value BeginDeploy(const Json::Value& request);

@@ -96,8 +96,10 @@ Json::Value SentrelModule::AnswerDeploy(const Json::Value& request) {
     if (action != "commit") return Error("There is no such action.");
     const std::optional<Deploy> deploy = state_.deploys.Find(id);
     if (!deploy) return Error("There is no open deploy " + id + ".");
-    return state_.deploys.Commit(
+    Json::Value answer = state_.deploys.Commit(
         id, GenerationOf(state_.baselines, deploy->real_path, deploy->backup_path));
+    WakeTasks();
+    return answer;
 }
 
 Json::Value SentrelModule::AnswerPause(const Json::Value& request) {

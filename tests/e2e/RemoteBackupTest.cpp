@@ -130,15 +130,21 @@ TEST_F(RemoteBackup, Copy_ArrivesBelowTheAgentId) {
     ASSERT_EQ(PushPolicy(), 0);
     ExpectCaughtUp();
     EXPECT_EQ(TempDir::Read(Received("update.html")), Good("update.html"));
-    // The documented command fetches the copy.
-    const TempDir fetched;
-    EXPECT_EQ(hosts_.client.Run(
-                  agent_.Path("bin/rsync") + " -aHX --password-file=" +
-                  agent_.Path("conf/rsync_client.secrets") + " --port " + std::to_string(kPort) +
-                  " morvane_agent@" + TwoHosts::kServerAddress + "::morvane_agent/" +
-                  agent_.Status()["agent_id"].asString() + backup_.Path("") + " " + fetched.Path()),
+    // What an operator approves is pushed, too.
+    EXPECT_EQ(agent_.Ctl({"pause", site_.Path()}).exit_code, 0);
+    site_.Write("accepted.html", Good("accepted.html"));
+    EXPECT_EQ(agent_.Ctl({"resume", site_.Path(), "--accept"}).exit_code, 0);
+    EXPECT_TRUE(Await([&] {
+        return TempDir::Read(Received("accepted.html")) == Good("accepted.html");
+    })) << LastFailure();
+    // Lost copies come back from the server, and changes are undone from them.
+    const std::string copies = backup_.Path() + site_.Path();
+    fs::remove_all(copies);
+    EXPECT_EQ(hosts_.client.Run(agent_.Path("bin/morvanectl") +
+                                " restore --all --from-server --yes >/dev/null"),
               0);
-    EXPECT_EQ(TempDir::Read(fetched.Path() + site_.Path("update.html")), Good("update.html"));
+    EXPECT_EQ(TempDir::Read(copies + "/accepted.html"), Good("accepted.html"));
+    EXPECT_TRUE(TamperingIsUndone("news.html"));
     const int daemon = DaemonPid();
     EXPECT_EQ(server_.Stop(), 0);
     EXPECT_FALSE(IsAlive(daemon));

@@ -1,3 +1,4 @@
+#include <framework/RunSoon.h>
 #include <sdk/commands/ExecuteCmdUtils.h>
 
 #include <algorithm>
@@ -47,6 +48,20 @@ TEST_F(TaskTest, RegisteredTwice_LivesTwiceAloneUnderItsIdAndIsGivenBack) {
     }
     Unregister(task);  // unknown by now
     EXPECT_EQ(uninits, 2);
+}
+
+TEST_F(TaskTest, WantedSoon_PassesWithoutWaitingForItsPeriod) {
+    Configure(R"({"task_period_ms": 600000})");
+    ScriptedTask task("task", TaskCondition::kPeriodic);
+    std::atomic<int> passes{0};
+    task.on_run = [&] { return ++passes; };
+    Framework::RunSoon(task);  // not registered: nothing happens
+    ASSERT_TRUE(Register(task));
+    for (int pass = 1; pass <= 3; ++pass) {
+        ASSERT_TRUE(WaitFor([&] { return passes == pass; }, kDeadline)) << pass;
+        Framework::RunSoon(task);
+    }
+    Unregister(task);
 }
 
 TEST_F(TaskTest, UnregisteredBeforeInit_NeverRunsAndFreesItsQueue) {

@@ -34,8 +34,12 @@ class ApprovedSite {
     std::string Backup() const { return backup_.Path(); }
     std::string Copy() const { return backup_.Path() + site_.Path(); }
     std::string Copy(const std::string& name) const { return backup_.Path() + site_.Path(name); }
+    std::string Installed(const std::string& name) const { return installation_.Path(name); }
+    void WriteInstalled(const std::string& name, const std::string& text) {
+        installation_.Write(name, text);
+    }
     void WritePolicyText(const std::string& text) {
-        installation_.Write("data/policies/sentrel_feature.json", text);
+        WriteInstalled("data/policies/sentrel_feature.json", text);
     }
     void WritePolicy(const std::string& path) {
         WritePolicyText(

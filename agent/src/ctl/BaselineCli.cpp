@@ -20,6 +20,11 @@ constexpr char kDecisionCodes[] =
     "Waits for the end; Ctrl-C ends only the waiting. Exit codes: 0 done, 1 failed, 2 wrong usage, "
     "4 refused, 5 no agent.";
 
+constexpr char kRestoreCodes[] =
+    "Waits for the end; Ctrl-C ends only the waiting. With --from-server it ends the fetch. Exit "
+    "codes: 0 done, 1 failed, or not every copy is back, 2 wrong usage, or differences in a dry "
+    "run, 4 refused, 5 no agent, 130 the fetch was interrupted.";
+
 void AddListing(CLI::App* command, ListingOptions& listing) {
     command->add_option("--limit", listing.limit, "List at most NUMBER (default 100); 0: all")
         ->type_name("NUMBER");
@@ -82,10 +87,23 @@ void DefineDecisions(CLI::App& app, Command& command) {
     CLI::App* restoring = DefineDecision(app, "restore", "Bring back the approved state", *restore);
     restoring->add_flag("--dry-run", *dry_run,
                         "Change nothing; list what differs, as verify does, with its exit codes");
-    restoring->footer(kDecisionCodes);
-    restoring->callback([&command, restore, dry_run] {
+    const auto from_server = std::make_shared<FromServerOptions>();
+    const auto is_from_server = std::make_shared<bool>(false);
+    CLI::Option* fetch = restoring->add_flag(
+        "--from-server", *is_from_server,
+        "Fetch lost backup copies from the backup server and check them; leaves the site alone and "
+        "needs no agent");
+    restoring->add_flag("--yes", from_server->yes, "Fetch without a question")->needs(fetch);
+    restoring->footer(kRestoreCodes);
+    restoring->callback([=, &command] {
         RequireObjects(*restore);
-        command = [restore, dry_run](const ControlClient& client) {
+        command = [=](const ControlClient& client) {
+            if (*is_from_server) {
+                FromServerOptions options = *from_server;
+                options.paths = restore->paths;
+                options.is_dry_run = *dry_run;
+                return RestoreFromServer(options);
+            }
             if (!*dry_run) return Decide(client, *restore);
             VerifyOptions what;
             what.paths = restore->paths;

@@ -6,6 +6,7 @@
 
 #include <framework/ConfigManager.h>
 #include <framework/ModuleGate.h>
+#include <framework/RunSoon.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -146,7 +147,16 @@ void TaskRunner::RunUnInit() {
 /// False when the task was stopped meanwhile.
 bool TaskRunner::WaitUntil(Clock::time_point next) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return !changed_.wait_until(lock, next, [this] { return stopping_.load(); });
+    changed_.wait_until(lock, next, [this] { return stopping_ || is_wanted_; });
+    is_wanted_ = false;
+    return !stopping_;
+}
+
+void TaskRunner::RunSoon() {
+    Wake();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    is_wanted_ = true;
+    changed_.notify_all();
 }
 
 void TaskRunner::SetInterruptible(bool interruptible) {
@@ -219,6 +229,10 @@ void TaskRunner::Finish() {
     access_->WaitIdle();
     task_->queue_->Drain();
     task_->SetRunner(nullptr);
+}
+
+void RunSoon(Task& task) {
+    if (const std::shared_ptr<TaskRunner> runner = TaskRunner::Of(task)) runner->RunSoon();
 }
 
 }  // namespace Framework

@@ -53,6 +53,11 @@ class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<Ta
     void InterruptForPolicy();
     void EndInterruption();
 
+    /// Begins the next pass now. Thread-safe.
+    void RunSoon();
+    /// That of `task`; null while it is not registered.
+    static std::shared_ptr<TaskRunner> Of(const Task& task) { return task.Runner(); }
+
     /// True when the pass should end: the task is stopping, or a policy waits.
     bool ShouldYield() const;
 
@@ -96,6 +101,7 @@ class TaskRunner : public Poco::Runnable, public std::enable_shared_from_this<Ta
     std::condition_variable changed_;
     bool started_ = false;
     bool ended_ = false;
+    bool is_wanted_ = false;      ///< the next pass is not to wait for its time
     bool interruptible_ = false;  ///< in Init or Run: its commands may be interrupted
 };
 

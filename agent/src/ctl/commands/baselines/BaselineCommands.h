@@ -40,6 +40,13 @@ struct DecisionOptions {
     std::string key = {};         ///< the file of the private key that is kept elsewhere
 };
 
+/// Lost backup copies are fetched from the backup server.
+struct FromServerOptions {
+    std::vector<std::string> paths;  ///< empty: all that is protected
+    bool is_dry_run = false;         ///< only list what is lost
+    bool yes = false;                ///< no question
+};
+
 /// The commands on approved states. Each prints its result to standard output and errors to
 /// standard error, and returns the exit code.
 
@@ -58,8 +65,12 @@ int DiffGenerations(const GenerationDiffOptions& options);
 /// Asks the agent and blocks until it has finished.
 int Decide(const ControlClient& client, const DecisionOptions& options);
 
-/// The same after a question at the terminal, unless `is_confirmed`; without a path for the only
-/// protected one.
+/// Fetches lost copies, checks them against the approved state and puts them in place. The site is
+/// not touched. Needs no agent.
+int RestoreFromServer(const FromServerOptions& options);
+
+/// The same as Decide after a question at the terminal, unless `is_confirmed`; without a path for
+/// the only protected one.
 int RollBack(const ControlClient& client, DecisionOptions options, bool is_confirmed);
 
 /// Removes the approved states and the replaced copies of a path that the policy no longer names.
@@ -69,6 +80,11 @@ int ForgetPath(const std::string& path);
 /// The newest approved state of each path that the policy names. Prints which others there are and
 /// which ones are not there.
 ApprovedStates::Choice ProtectedStates(const ApprovedStates& states);
+
+/// What `paths` name, or for none all that the policy names; false, printed, when one of them names
+/// nothing, or not all can be used.
+bool SelectParts(const ApprovedStates& states, const std::vector<std::string>& paths,
+                 std::vector<ApprovedPart>& parts);
 
 /// Prints each as a line to standard error.
 void PrintProblems(const std::vector<std::string>& problems);

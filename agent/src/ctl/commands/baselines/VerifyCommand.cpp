@@ -27,27 +27,6 @@ extern "C" void Interrupt(int signal) {
     std::signal(signal, SIG_DFL);
 }
 
-/// What `paths` name; false when one of them names nothing.
-bool SelectParts(const ApprovedStates& states, const std::vector<std::string>& paths,
-                 std::vector<ApprovedPart>& parts) {
-    if (paths.empty()) {
-        const ApprovedStates::Choice choice = ProtectedStates(states);
-        for (const auto& generation : choice.states) parts.push_back({generation, ""});
-        return states.Problems().empty() && choice.not_approved.empty();
-    }
-    bool found = true;
-    for (const std::string& path : paths) {
-        const std::string resolved = states.Resolve(path);
-        std::vector<ApprovedPart> held = states.Holding(resolved);
-        if (held.empty()) {
-            std::cerr << "There is no approved state of " << Printable(resolved) << ".\n";
-            found = false;
-        }
-        std::move(held.begin(), held.end(), std::back_inserter(parts));
-    }
-    return found;
-}
-
 /// What was compared with what.
 void PrintStates(const ApprovedStates& states, const std::vector<ApprovedPart>& parts) {
     const long long now_ms = SDK::TimeUtils::GetCurrentTimestampS() * 1000;
@@ -79,6 +58,26 @@ ApprovedStates::Choice ProtectedStates(const ApprovedStates& states) {
 
 void PrintProblems(const std::vector<std::string>& problems) {
     for (const std::string& problem : problems) std::cerr << Printable(problem) << "\n";
+}
+
+bool SelectParts(const ApprovedStates& states, const std::vector<std::string>& paths,
+                 std::vector<ApprovedPart>& parts) {
+    if (paths.empty()) {
+        const ApprovedStates::Choice choice = ProtectedStates(states);
+        for (const auto& generation : choice.states) parts.push_back({generation, ""});
+        return states.Problems().empty() && choice.not_approved.empty();
+    }
+    bool found = true;
+    for (const std::string& path : paths) {
+        const std::string resolved = states.Resolve(path);
+        std::vector<ApprovedPart> held = states.Holding(resolved);
+        if (held.empty()) {
+            std::cerr << "There is no approved state of " << Printable(resolved) << ".\n";
+            found = false;
+        }
+        std::move(held.begin(), held.end(), std::back_inserter(parts));
+    }
+    return found;
 }
 
 int Verify(const VerifyOptions& options) {
