@@ -111,6 +111,7 @@ Json::Value ReportQueries::Read(const Json::Value& request) {
     Json::Value answer(Json::objectValue);
     answer["reports"] = Json::Value(Json::arrayValue);
     for (const Report& report : page.reports) answer["reports"].append(ToJson(report));
+    answer["first_seq"] = Json::Int64{page.first_seq};
     answer["last_seq"] = Json::Int64{page.last_seq};
     answer["more"] = page.more;
     return answer;

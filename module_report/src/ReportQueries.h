@@ -14,7 +14,8 @@ class ReportQueries {
 
     /// "reports.read": {"kind":"cmd"|"data"|"alarm"|"", "after":SEQ, "since":EPOCH_SECONDS,
     /// "limit":N, "wait_ms":N, "exporter":NAME}, all optional. The answer:
-    /// {"reports":[...],"last_seq":N,"more":bool}.
+    /// {"reports":[...],"first_seq":N,"last_seq":N,"more":bool}; "first_seq" is that of the oldest
+    /// report in the store, 0 when there is none.
     /// The reports are all matches up to last_seq, ascending; continue with last_seq as "after".
     /// "more": the limit or the size of the answer may have cut off later ones. With "exporter":
     /// only reports that it has not acknowledged. Without "after", "since" and "exporter": the

@@ -1,5 +1,5 @@
 #include <ctl/commands/reports/IncidentPrinter.h>
-#include <ctl/output/Incidents.h>
+#include <ctl/output/IncidentFormat.h>
 #include <ctl/output/Moment.h>
 #include <ctl/output/Terminal.h>
 #include <gtest/gtest.h>

@@ -37,9 +37,9 @@ class BaselineRequests {
     /// The state of the request `id`, a decimal number; 404 when there is none.
     Reply Progress(const std::string& id);
 
-    /// An operation on deploys or pauses. `text` is an object that the module knows, to which the
-    /// action and the peer are added. 200 with the module's answer; 400 for another form; 422 when
-    /// the module refuses.
+    /// An operation on deploys, pauses or notifications. `text` is an object that the module knows,
+    /// to which the action and the peer are added. 200 with the module's answer; 400 for another
+    /// form; 422 when the module refuses.
     Reply Operate(const std::string& query, const std::string& action, const Peer& peer,
                   const std::string& text);
 

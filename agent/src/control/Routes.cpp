@@ -19,7 +19,7 @@ Reply MethodReply(const std::string& allow) {
 Reply Unknown() {
     return ErrorReply(404,
                       "There is no such address. The control API has /v1/status, /v1/reports, "
-                      "/v1/policies, /v1/baseline, /v1/deploy, /v1/pause and "
+                      "/v1/policies, /v1/baseline, /v1/deploy, /v1/pause, /v1/notify and "
                       "/v1/tasklets/ID.");
 }
 
@@ -50,7 +50,9 @@ Reply Routes::Handle(const ControlRequest& request) {
     if (path.size() < 2 || path[0] != "v1") return Unknown();
     if (path[1] == "policies") return HandlePolicies(request);
     if (path[1] == "baseline") return HandleBaseline(request);
-    if (path[1] == "deploy" || path[1] == "pause") return HandleOperation(request);
+    if (path[1] == "deploy" || path[1] == "pause" || path[1] == "notify") {
+        return HandleOperation(request);
+    }
     if (path[1] == "tasklets" && path.size() == 3) {
         if (request.method != "POST") return MethodReply("POST");
         return RunTasklet(path[2], request.body);

@@ -10,6 +10,7 @@
 #include "ctl/BaselineCli.h"
 #include "ctl/DeployCli.h"
 #include "ctl/EvidenceCli.h"
+#include "ctl/NotifyCli.h"
 #include "ctl/ProtectCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
@@ -190,6 +191,7 @@ int Run(int argc, const char* const* argv) {
     DefineDeploy(app, args.command);
     DefineEvidence(app, args.command);
     DefineConsole(app, args);
+    DefineNotify(app, args.command);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

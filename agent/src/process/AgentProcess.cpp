@@ -2,6 +2,7 @@
 // (framework, policy and control do). Runs on the main thread.
 #include "process/AgentProcess.h"
 
+#include <Poco/Environment.h>
 #include <framework/ConfigManager.h>
 #include <sdk/files/DirUtils.h>
 #include <sdk/files/PathUtils.h>
@@ -94,6 +95,7 @@ int AgentProcess::Check() {
     SDK_LOG(Log(), PRIO_NOTICE, "morvane_agent %s checks the kept policies and ends",
             std::string(SENTREL_VERSION));
     bool is_good = StartEngine();
+    is_good = CheckNotifications() && is_good;
     for (const auto& [feature, verdict] : policies_->CheckStored()) {
         is_good = is_good && verdict.errors.empty();
         PrintVerdict(feature, verdict);
@@ -139,6 +141,7 @@ int AgentProcess::Start() {
     std::string error;
     if (!StartControl(error)) return startup_reporter_.Failed(kExitFailed, error);
     StartMetrics();
+    StartNotifier();
     if (!ReapplyPolicies()) return kExitOk;
     AnswerModules();
     notifier_ =
@@ -255,6 +258,31 @@ void AgentProcess::AnswerModules() {
     inbox_ = std::make_unique<PolicyInbox>(*policies_, engine_->Queries());
 }
 
+void AgentProcess::StartNotifier() {
+    const ConfigManager& config = ConfigManager::GetInstance();
+    std::vector<Notify::SettingsFault> faults;
+    const Notify::Settings settings = Notify::ReadSettings(config.Section("notify"), faults);
+    for (const Notify::SettingsFault& fault : faults) {
+        startup_reporter_.Warn("conf/agent.json: " + fault.text);
+        SDK_LOG(Log(), PRIO_ERROR, "conf/agent.json: %s", fault.text);
+    }
+    const Notify::Origin origin{Poco::Environment::nodeName(), config.GetAgentId(),
+                                SENTREL_VERSION};
+    notifications_ = std::make_unique<Notifier>(
+        engine_->Queries(), settings, faults, origin, installation_path_ + "data/notify",
+        installation_path_ + "conf/hooks/after-restore", [this] { return status_->Build(); });
+}
+
+/// False with messages when the section "notify" has faults.
+bool AgentProcess::CheckNotifications() {
+    std::vector<Notify::SettingsFault> faults;
+    Notify::ReadSettings(ConfigManager::GetInstance().Section("notify"), faults);
+    for (const Notify::SettingsFault& fault : faults) {
+        std::cerr << "error: conf/agent.json: " << fault.text << std::endl;
+    }
+    return faults.empty();
+}
+
 /// Runs on its own thread, since a policy may take long and signals must be noticed meanwhile.
 /// False when a signal arrived; the remaining policies are left out.
 bool AgentProcess::ReapplyPolicies() {
@@ -275,6 +303,7 @@ bool AgentProcess::ReapplyPolicies() {
 void AgentProcess::Stop() {
     if (notifier_) notifier_->Stopping();
     metrics_.reset();
+    notifications_.reset();
     if (engine_) engine_->BeginStop();  // control requests may be waiting for policies
     if (reports_) reports_->Stop();
     if (control_) control_->Stop();

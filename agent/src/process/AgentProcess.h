@@ -13,6 +13,7 @@
 #include "control/Routes.h"
 #include "control/status/MetricsFile.h"
 #include "control/status/StatusDocument.h"
+#include "notify/Notifier.h"
 #include "policy/PolicyHost.h"
 #include "policy/PolicyInbox.h"
 #include "policy/PolicyService.h"
@@ -49,6 +50,8 @@ class AgentProcess {
     bool StartControl(std::string& error);
     void StartMetrics();
     void AnswerModules();
+    void StartNotifier();
+    bool CheckNotifications();
     bool ReapplyPolicies();
     void Stop();
 
@@ -68,6 +71,7 @@ class AgentProcess {
     std::unique_ptr<ControlServer> control_;
     std::unique_ptr<MetricsFile> metrics_;
     std::unique_ptr<PolicyInbox> inbox_;
+    std::unique_ptr<Notifier> notifications_;
     std::unique_ptr<ServiceNotifier> notifier_;
 };
 

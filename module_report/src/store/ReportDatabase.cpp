@@ -120,6 +120,7 @@ bool ReportDatabase::PrepareStatements() {
         {insert_,
          "INSERT INTO reports(time_ms,kind,name,body,outcome,duration_ms,evidence)"
          " VALUES(?,?,?,?,?,?,?)"},
+        {first_seq_, "SELECT coalesce(min(seq),0) FROM reports"},
         {last_seq_, kLastSeq},
         {count_, "SELECT count(*) FROM reports"},
         {prune_old_,
@@ -250,6 +251,10 @@ bool ReportDatabase::ContinueAfter(std::int64_t seq) {
         "INSERT INTO sqlite_sequence(name,seq) VALUES('reports'," +
         value + ")";
     return Check(connection_.Execute(sql.c_str()));
+}
+
+bool ReportDatabase::FirstSeq(std::int64_t& seq) {
+    return Value(first_seq_, seq);
 }
 
 bool ReportDatabase::LastSeq(std::int64_t& seq) {

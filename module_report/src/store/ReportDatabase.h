@@ -67,6 +67,8 @@ class ReportDatabase {
     bool ContinueAfter(std::int64_t seq);
 
     bool LastSeq(std::int64_t& seq);
+    /// Of the oldest report; 0 when there is none.
+    bool FirstSeq(std::int64_t& seq);
     bool CountRows(std::int64_t& rows);
 
     /// Size of the file in bytes, and the part in use.
@@ -84,7 +86,7 @@ class ReportDatabase {
     bool LowestAcknowledged(std::int64_t& seq);
 
     SqliteConnection connection_;
-    SqliteStatement insert_, last_seq_, count_, prune_old_, prune_first_, lowest_ack_;
+    SqliteStatement insert_, first_seq_, last_seq_, count_, prune_old_, prune_first_, lowest_ack_;
     SqliteStatement page_count_, free_pages_, page_size_;
     bool opened_ = false;
     int code_ = SQLITE_OK;

@@ -62,7 +62,10 @@ bool ReportStore::Read(const ReportFilter& filter, std::chrono::milliseconds wai
 bool ReportStore::ReadPage(ReportDatabase& database, const ReportFilter& filter,
                            ReportPage& page) const {
     bool complete = false;
-    if (!database.Read(filter, kMaxPageBytes, page.reports, complete)) return false;
+    if (!database.Read(filter, kMaxPageBytes, page.reports, complete) ||
+        !database.FirstSeq(page.first_seq)) {
+        return false;
+    }
     page.more = !complete;
     page.last_seq = complete ? last_seq_ : page.reports.back().seq;
     return true;

@@ -34,6 +34,7 @@ struct StoreStatus {
 /// The answer to a reader: the matching reports up to `last_seq`. The reader continues from there.
 struct ReportPage {
     std::vector<Report> reports;
+    std::int64_t first_seq = 0;  ///< of the oldest report in the store; 0: the store is empty
     std::int64_t last_seq = 0;
     bool more = false;  ///< there may be matches after last_seq
 };

@@ -68,13 +68,15 @@ std::uint64_t AddressSpaceOf(pid_t process) {
 /// The steps of posix_spawn in the child before the program starts.
 class SpawnPlan {
   public:
-    SpawnPlan(int output, const std::vector<FileDescriptor>& inherited) {
+    SpawnPlan(int input, int output, const std::vector<FileDescriptor>& inherited) {
         posix_spawn_file_actions_init(&actions_);
         posix_spawnattr_init(&attributes_);
         // Standard input comes last: without the agent's standard descriptors `output` may be 0.
         Note(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
         Note(posix_spawn_file_actions_adddup2(&actions_, output, STDERR_FILENO));
-        Note(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
+        Note(input < 0 ? posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null",
+                                                          O_RDONLY, 0)
+                       : posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO));
         int place = kFirstInherited;
         for (const FileDescriptor& descriptor : inherited) {
             Note(posix_spawn_file_actions_adddup2(&actions_, descriptor.Get(), place++));
@@ -127,16 +129,19 @@ ChildProcess::~ChildProcess() {
 
 bool ChildProcess::Start(const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment,
-                         const std::vector<FileDescriptor>& inherited) {
+                         const std::vector<FileDescriptor>& inherited, int input) {
     const std::vector<FileDescriptor> copies = CopiesAbove(inherited);
     if (copies.size() != inherited.size()) return false;
+    const int above = kFirstInherited + static_cast<int>(inherited.size());
+    const FileDescriptor input_copy(input < 0 ? -1 : ::fcntl(input, F_DUPFD_CLOEXEC, above));
+    if (input >= 0 && !input_copy.IsOpen()) return false;
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
     output_.Reset(ends[0]);
     const FileDescriptor write_end(ends[1]);
     if (::fcntl(output_.Get(), F_SETFL, O_NONBLOCK) != 0) return false;
 
-    SpawnPlan plan(write_end.Get(), copies);
+    SpawnPlan plan(input_copy.Get(), write_end.Get(), copies);
     pid_t pid = -1;
     const int error = plan.Run(pid, Pointers(arguments).data(), Pointers(environment).data());
     if (error != 0) {

@@ -20,10 +20,11 @@ class ChildProcess {
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     /// Starts `arguments[0]` with exactly this environment and with duplicates of `inherited` as
-    /// its descriptors 3, 4, ... False (errno) when it cannot start.
+    /// its descriptors 3, 4, ... `input` becomes its standard input; -1: /dev/null. False (errno)
+    /// when it cannot start.
     bool Start(const std::vector<std::string>& arguments,
                const std::vector<std::string>& environment,
-               const std::vector<FileDescriptor>& inherited);
+               const std::vector<FileDescriptor>& inherited, int input);
 
     /// Limits the process from now on, and checks what it has used since its start. False (errno)
     /// when that fails or it has used too much: the caller must kill it.

@@ -117,8 +117,8 @@ int WaitForEnd(const ChildProcess& child, OutputCollector& output, std::int64_t 
 }  // namespace
 
 RunningCommand::RunningCommand(const std::vector<std::string>& arguments, int timeout_ms,
-                               const CommandLimits& limits)
-    : deadline_ms_(DeadlineAfter(timeout_ms)), limits_(limits) {
+                               const CommandLimits& limits, FileDescriptor input)
+    : deadline_ms_(DeadlineAfter(timeout_ms)), limits_(limits), input_(std::move(input)) {
     Start(arguments);
     if (child_ == nullptr && !answer_ && !is_interrupted_ && !arguments.empty()) {
         Refuse(arguments.front() + ": " + std::strerror(errno));
@@ -166,7 +166,7 @@ void RunningCommand::StartProgram(const std::vector<std::string>& arguments,
                                   const std::vector<std::string>& environment,
                                   const std::vector<FileDescriptor>& inherited) {
     auto child = std::make_unique<ChildProcess>();
-    if (child->Start(arguments, environment, inherited) && child->Limit(limits_)) {
+    if (child->Start(arguments, environment, inherited, input_.Get()) && child->Limit(limits_)) {
         child_ = std::move(child);
     }
 }

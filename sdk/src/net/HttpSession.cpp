@@ -163,6 +163,11 @@ std::istream& HttpSession::Get(const Poco::URI& url, HTTPResponse& response) {
     const std::string resource = url.getPathAndQuery();
     HTTPRequest request(HTTPRequest::HTTP_GET, resource.empty() ? "/" : resource,
                         HTTPRequest::HTTP_1_1);
+    return Send(url, request, "", response);
+}
+
+std::istream& HttpSession::Send(const Poco::URI& url, HTTPRequest& request, const std::string& body,
+                                HTTPResponse& response) {
     request.set("User-Agent", kUserAgent);
     request.set("Accept-Encoding", "identity");
     request.setKeepAlive(false);
@@ -173,7 +178,7 @@ std::istream& HttpSession::Get(const Poco::URI& url, HTTPResponse& response) {
         Poco::Net::HTTPCredentials::extractCredentials(url, user, password);
         Poco::Net::HTTPBasicCredentials(user, password).authenticate(request);
     }
-    session_->sendRequest(request).flush();
+    (session_->sendRequest(request) << body).flush();
     WaitForBytes();
     return session_->receiveResponse(response);
 }

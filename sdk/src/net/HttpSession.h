@@ -26,6 +26,11 @@ class HttpSession {
     /// Sends a GET and blocks until the header of the answer; returns its body.
     std::istream& Get(const Poco::URI& url, Poco::Net::HTTPResponse& response);
 
+    /// Sends `request`, completed by the host, with `body`, and blocks until the header of the
+    /// answer; returns the answer's body.
+    std::istream& Send(const Poco::URI& url, Poco::Net::HTTPRequest& request,
+                       const std::string& body, Poco::Net::HTTPResponse& response);
+
     /// Blocks until `body` has more bytes and reads at most `size` of them; 0 at the end.
     std::size_t Read(std::istream& body, char* data, std::size_t size);
 

@@ -71,6 +71,12 @@ void HealthSummary::AddFromDocument(const Json::Value& status) {
             AddOwn("task_init_failed", "task " + id + " could not start in full; see the log");
         }
     }
+    for (const Json::Value& channel : status["notifications"]) {
+        if (!JsonUtils::GetBoolValue(channel, "degraded", false)) continue;
+        AddOwn("notification_failing",
+               "notifications by " + JsonUtils::GetStringValue(channel, "channel", "") +
+                   " do not arrive: " + JsonUtils::GetStringValue(channel, "last_error", ""));
+    }
 }
 
 Json::Value HealthSummary::ToJson() const {

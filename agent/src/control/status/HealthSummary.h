@@ -14,8 +14,9 @@ class HealthSummary {
     /// What a module answered: an object as above. Anything else is ignored.
     void Add(const Json::Value& health);
 
-    /// The reasons that the document itself holds: modules that failed, tasks that do not work and
-    /// policies that are not in force. They precede those of the modules, since they cause them.
+    /// The reasons that the document itself holds: modules that failed, tasks that do not work,
+    /// policies that are not in force, and notifications that do not arrive. They precede those of
+    /// the modules, since they cause them.
     void AddFromDocument(const Json::Value& status);
 
     /// "off" when no module has answered: then nothing is protected.

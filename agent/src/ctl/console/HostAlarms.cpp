@@ -5,8 +5,7 @@
 
 #include <algorithm>
 
-#include "ctl/output/AlarmRecord.h"
-#include "ctl/output/Incidents.h"
+#include "ctl/output/IncidentFormat.h"
 
 namespace Ctl {
 

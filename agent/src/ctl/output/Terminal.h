@@ -1,15 +1,13 @@
 #pragma once
 
+#include <sdk/text/Printable.h>
+
 #include <string>
 #include <string_view>
 
 namespace Ctl {
 
-/// `text` in a form that is safe to print on a terminal: control characters, bytes that are not
-/// UTF-8, and characters that hide or reorder others become "
-/// ", "\x1b" or "\u202e". A backslash is doubled, so that no name looks like an escape of another.
-/// With `keep_tabs` tabs stay.
-std::string Printable(std::string_view text, bool keep_tabs = false);
+using SDK::Printable;
 
 /// `text` in that colour when standard output is a terminal, else unchanged.
 enum class Colour { kRed, kGreen, kYellow, kBold };

@@ -9,6 +9,7 @@
 
 #include "sdk/commands/CommandHandler.h"
 #include "sdk/commands/CommandLimits.h"
+#include "sdk/files/FileDescriptor.h"
 
 namespace SDK {
 
@@ -23,9 +24,10 @@ class RunningCommand {
 
     /// Starts `arguments[0]` (an absolute path), without a shell; `timeout_ms` counts from now and
     /// takes effect in Wait. Does not start when the thread is interrupted. Blocks only while the
-    /// program's handler works. When it cannot start, the output says why.
+    /// program's handler works. When it cannot start, the output says why. `input` becomes its
+    /// standard input; not open: /dev/null.
     RunningCommand(const std::vector<std::string>& arguments, int timeout_ms,
-                   const CommandLimits& limits = {});
+                   const CommandLimits& limits = {}, FileDescriptor input = {});
     /// Starts a command line, with a shell where it needs one. Only the thread's CommandTimeLimit
     /// limits the time, as it does in the other form with kNoLimit.
     explicit RunningCommand(const std::string& line);
@@ -48,6 +50,7 @@ class RunningCommand {
 
     const std::int64_t deadline_ms_;
     const CommandLimits limits_;
+    const FileDescriptor input_;
     std::unique_ptr<ChildProcess> child_;
     std::optional<CommandAnswer> answer_;  ///< kDone or kRefused: there is no process
     bool is_interrupted_ = false;

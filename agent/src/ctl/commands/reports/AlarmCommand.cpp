@@ -10,7 +10,7 @@
 #include "ctl/commands/reports/IncidentPrinter.h"
 #include "ctl/commands/reports/ReportFollower.h"
 #include "ctl/output/AlarmFormat.h"
-#include "ctl/output/Incidents.h"
+#include "ctl/output/IncidentFormat.h"
 
 namespace Ctl {
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "ctl/client/ControlClient.h"
-#include "ctl/output/AlarmRecord.h"
+#include "ctl/output/IncidentFormat.h"
 
 namespace Ctl {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ctl/output/Incidents.h"
+#include "ctl/output/IncidentFormat.h"
 
 namespace Ctl {
 

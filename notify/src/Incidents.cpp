@@ -1,5 +1,5 @@
-// Owns the incidents that are kept. It must not read reports (the command does).
-#include "ctl/output/Incidents.h"
+// Owns the incidents that are kept. It must not read reports (its user does).
+#include "notify/Incidents.h"
 
 #include <sdk/files/PathUtils.h>
 #include <sdk/text/StrUtils.h>
@@ -7,11 +7,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "ctl/output/AlarmFormat.h"
-#include "ctl/output/JsonFields.h"
-#include "ctl/output/Terminal.h"
-
-namespace Ctl {
+namespace Notify {
 
 using SDK::PathUtils;
 using SDK::StrUtils;
@@ -27,22 +23,6 @@ std::string CommonPath(const std::string& one, const std::string& other) {
     return slash == std::string::npos ? "" : same.substr(0, slash + 1);
 }
 
-/// "200 modify, 14 add", the most frequent first.
-std::string Counts(const std::map<std::string, long long>& counts, bool in_colour) {
-    std::vector<std::pair<std::string, long long>> sorted(counts.begin(), counts.end());
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const auto& a, const auto& b) { return a.second > b.second; });
-    std::string text;
-    for (const auto& [name, count] : sorted) {
-        if (name.empty()) continue;
-        const bool is_failure = name.find("failed") != std::string::npos;
-        const std::string part = std::to_string(count) + " " + Printable(name);
-        text += text.empty() ? "" : ", ";
-        text += in_colour ? Coloured(part, is_failure ? Colour::kRed : Colour::kGreen) : part;
-    }
-    return text;
-}
-
 }  // namespace
 
 void AddTo(Incident& incident, const AlarmRecord& alarm, const Json::Value& report) {
@@ -51,6 +31,7 @@ void AddTo(Incident& incident, const AlarmRecord& alarm, const Json::Value& repo
         incident.common = alarm.path;
         incident.first = report;
     }
+    if (incident.examples.size() < Incident::kExamples) incident.examples.push_back(alarm);
     incident.count += alarm.count;
     incident.actions[alarm.action] += alarm.count;
     incident.outcomes[alarm.outcome] += alarm.count;
@@ -92,20 +73,4 @@ void Incidents::DropOldest() {
     kept_.pop_front();
 }
 
-std::string FormatIncident(const Incident& incident, long long now_ms, bool more) {
-    if (incident.alarms == 1 && incident.count == 1) {
-        return FormatAlarm(incident.first, false, now_ms);
-    }
-    std::string text = StrUtils::Format(
-        "%s  %s %s  %s  %s", ShortTime(incident.begun_ms, now_ms).c_str(),
-        std::to_string(incident.count).c_str(), more ? "more changes" : "changes",
-        Printable(incident.common).c_str(), Counts(incident.actions, false).c_str());
-    const std::string outcomes = Counts(incident.outcomes, true);
-    if (!outcomes.empty()) text += "; " + outcomes;
-    if (incident.slowest_ms >= 0) {
-        text += StrUtils::Format(", slowest %.1f ms", incident.slowest_ms);
-    }
-    return text + "\n";
-}
-
-}  // namespace Ctl
+}  // namespace Notify

@@ -7,12 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "ctl/output/AlarmRecord.h"
+#include "notify/AlarmRecord.h"
 
-namespace Ctl {
+namespace Notify {
 
 /// Changes of one protected path within a minute.
 struct Incident {
+    static constexpr std::size_t kExamples = 5;
     long long begun_ms = 0;
     long long count = 0;  ///< changes
     std::size_t alarms = 0;
@@ -20,7 +21,8 @@ struct Incident {
     std::map<std::string, long long> outcomes = {};  ///< changes by outcome
     std::string common;  ///< the object, or the deepest directory that holds all
     double slowest_ms = -1;
-    Json::Value first = {};  ///< the report of the first alarm
+    Json::Value first = {};                  ///< the report of the first alarm
+    std::vector<AlarmRecord> examples = {};  ///< the first kExamples alarms
 };
 
 /// Groups alarms, which are given in the order of their time, into incidents. Not thread-safe.
@@ -55,8 +57,4 @@ std::string TreeOf(const std::vector<std::string>& roots, const std::string& pat
 /// Adds one more alarm to an incident that is not empty, or begins it.
 void AddTo(Incident& incident, const AlarmRecord& alarm, const Json::Value& report);
 
-/// One line with a line end: as FormatAlarm for one alarm, else with counts by type and outcome.
-/// `more`: it continues what was printed before.
-std::string FormatIncident(const Incident& incident, long long now_ms, bool more = false);
-
-}  // namespace Ctl
+}  // namespace Notify

@@ -4,15 +4,17 @@
 
 #include <string>
 
-namespace Ctl {
+namespace Notify {
 
-/// One alarm as its report says it.
+/// One alarm as its report says it. A report is what the report store answers: an object with
+/// "seq", "time_ms", "body" (the alarm document), "outcome", "duration_ms" and "evidence".
 struct AlarmRecord {
     bool is_alarm = false;  ///< the report has an alarm document; else only the time is set
     long long time_ms = 0;  ///< since the epoch
     long long count = 1;    ///< changes that it stands for
-    std::string action;     ///< "add", "delete", "modify", "attribute", "unknown"
-    std::string path;       ///< raw
+    long long seq = 0;
+    std::string action;  ///< "add", "delete", "modify", "attribute", "unknown"
+    std::string path;    ///< raw
     std::string outcome;
     double duration_ms = -1;  ///< below 0: unknown
 };
@@ -30,4 +32,4 @@ struct AlarmFilter {
     bool Matches(const AlarmRecord& alarm) const;
 };
 
-}  // namespace Ctl
+}  // namespace Notify

@@ -1,4 +1,4 @@
-#include "ctl/output/AlarmRecord.h"
+#include "notify/AlarmRecord.h"
 
 #include <sdk/files/PathUtils.h>
 #include <sdk/text/JsonUtils.h>
@@ -6,15 +6,22 @@
 
 #include <algorithm>
 
-#include "ctl/output/JsonFields.h"
-
-namespace Ctl {
+namespace Notify {
 
 using SDK::JsonUtils;
+
+namespace {
+
+long long Number(const Json::Value& object, const char* key) {
+    return object.isObject() && object[key].isInt64() ? object[key].asInt64() : 0;
+}
+
+}  // namespace
 
 AlarmRecord ReadAlarm(const Json::Value& report) {
     AlarmRecord alarm;
     alarm.time_ms = Number(report, "time_ms");
+    alarm.seq = Number(report, "seq");
     const std::string body = JsonUtils::GetStringValue(report, "body", "");
     Json::Value document;
     Json::Value files;
@@ -41,4 +48,4 @@ bool AlarmFilter::Matches(const AlarmRecord& alarm) const {
            (outcome.empty() || alarm.outcome.find(outcome) != std::string::npos);
 }
 
-}  // namespace Ctl
+}  // namespace Notify
