@@ -4,9 +4,11 @@
 
 #include <Poco/String.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "feature_sentrel/alarms/ContentDiff.h"
@@ -20,10 +22,23 @@ constexpr int kNiceness = 10;
 /// Writes of a burst are made together.
 constexpr std::chrono::milliseconds kWriteDelay{50};
 
+/// Negative when it cannot be told: no regular file, or one that claims to be from the future.
+std::chrono::steady_clock::duration TimeSinceWritten(int file) {
+    struct stat info {};
+    std::timespec now{};
+    if (file < 0 || ::fstat(file, &info) != 0 || !S_ISREG(info.st_mode))
+        return -std::chrono::seconds(1);
+    // The clock of file times, which is a tick behind.
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return std::chrono::seconds(now.tv_sec - info.st_mtim.tv_sec) +
+           std::chrono::nanoseconds(now.tv_nsec - info.st_mtim.tv_nsec);
+}
+
 }  // namespace
 
-DifferenceWorker::DifferenceWorker(std::function<void()> finished)
-    : finished_(std::move(finished)) {}
+DifferenceWorker::DifferenceWorker(std::function<void()> finished,
+                                   std::chrono::milliseconds settle_time)
+    : finished_(std::move(finished)), settle_time_(settle_time) {}
 
 DifferenceWorker::~DifferenceWorker() {
     Stop();
@@ -73,6 +88,7 @@ void DifferenceWorker::Work() {
             waiting_.pop_front();
             stopping = stopping_;
         }
+        AwaitWriter(*next);
         SaveUp();
         Keep(*next);
         if (!next->is_shown_) {
@@ -100,6 +116,16 @@ void DifferenceWorker::AwaitRequest(std::unique_lock<std::mutex>& lock) {
         lock.lock();
     }
     changed_.wait(lock, is_over);
+}
+
+void DifferenceWorker::AwaitWriter(const Difference& difference) {
+    const auto is_over = [this] { return stopping_ || waiting_.size() >= kMostSettling; };
+    for (int settle = 0; settle < kMostSettles; ++settle) {
+        const auto age = TimeSinceWritten(difference.pinned_.Descriptor());
+        if (age < Clock::duration::zero() || age >= settle_time_) return;
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (changed_.wait_for(lock, settle_time_ - age, is_over)) return;
+    }
 }
 
 void DifferenceWorker::FindOut(Difference& difference) {

@@ -68,8 +68,16 @@ class DifferenceWorker {
     static constexpr std::uint64_t kAddedBytesPerSecond = 4ULL * 1024 * 1024;
     static constexpr std::uint64_t kAlwaysKeptBytes = 64ULL * 1024;
 
+    /// A page that is written in place is told when its first bytes change; the rest reaches the
+    /// held file after the restore. So a request waits until the file has not been written for so
+    /// long, at most kMostSettles times as long, while fewer than kMostSettling requests wait.
+    static constexpr std::chrono::milliseconds kSettleTime{20};
+    static constexpr int kMostSettles = 5;
+    static constexpr std::size_t kMostSettling = 16;
+
     /// The worker's thread calls `finished` after each difference; it must not block.
-    explicit DifferenceWorker(std::function<void()> finished);
+    explicit DifferenceWorker(std::function<void()> finished,
+                              std::chrono::milliseconds settle_time = kSettleTime);
     /// Keeps what changed objects contain there from now on; null: nowhere. No request may wait.
     void KeepIn(std::unique_ptr<Evidence::EvidenceStore> evidence);
     ~DifferenceWorker();
@@ -89,11 +97,13 @@ class DifferenceWorker {
 
     void Work();
     void AwaitRequest(std::unique_lock<std::mutex>& lock);
+    void AwaitWriter(const Difference& difference);
     void FindOut(Difference& difference);
     void Keep(Difference& difference);
     void SaveUp();
 
     const std::function<void()> finished_;
+    const std::chrono::milliseconds settle_time_;
     std::thread thread_;
     SDK::CommandInterrupter interrupter_;
     // The next four belong to the worker's thread.

@@ -1,5 +1,8 @@
 #include <evidence/EvidenceStore.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include "feature_sentrel/alarms/DifferenceWorker.h"
 #include "feature_sentrel/alarms/EvidenceSettings.h"
 #include "feature_sentrel/alarms/MergedAlarms.h"
 #include "fixtures/EventFixture.h"
@@ -149,6 +152,26 @@ TEST(MergedAlarms, BeyondTheirLimit_TheOldestAreToldAtOnce) {
     const auto told = merged.Take(start, 1);
     ASSERT_EQ(told.size(), 3U);
     EXPECT_EQ(told[0].file, "/page0");
+}
+
+TEST_F(Event, PageThatIsStillBeingWritten_IsKeptWhole) {
+    const SDK::FileDescriptor page(
+        ::open(File("index.html").c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    Engine::RuleAnchors anchors;
+    Engine::PinnedFile held(*anchors.Of(rule_).anchors, File("index.html"));
+    fs::rename(data_.Write("site/restored", "welcome"), File("index.html"));
+    const std::string directory = data_.Path("evidence");
+    Engine::DifferenceWorker worker([] {}, std::chrono::seconds(1));
+    worker.KeepIn(std::make_unique<Evidence::EvidenceStore>(directory));
+    const auto difference = worker.Ask(std::move(held), "", File("index.html"), false);
+    EXPECT_FALSE(
+        test::WaitFor([&] { return difference->IsReady(); }, std::chrono::milliseconds(100)));
+    ASSERT_EQ(::write(page.Get(), "defaced", 7), 7);
+    EXPECT_TRUE(test::WaitFor([&] { return difference->IsReady(); }, std::chrono::seconds(20)));
+    worker.Stop();
+    const SDK::FileDescriptor kept =
+        Evidence::EvidenceStore(directory).Open(difference->EvidenceId());
+    EXPECT_EQ(test::TempDir::Read("/proc/self/fd/" + std::to_string(kept.Get())), "defaced");
 }
 
 TEST(EvidenceSettings, NamesOfSecrets_MatchWholeNamesOrPaths) {
