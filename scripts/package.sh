@@ -8,13 +8,14 @@ usage() {
     cat <<'END'
 Usage: scripts/package.sh [OPTION]...
 
-Builds the Debian package sentrel, and sentrel-dbgsym with its debug information, from the release build.
+Builds the Debian packages sentrel and, for the centre of a fleet, sentrel-collector, each with a -dbgsym beside it,
+from the release build.
 Installs missing Debian packages and builds the release preset first. Prints the paths of the packages.
 
   --output DIR       where the packages go; default: build/packages
   --stage DIR        pack this stage folder, and build nothing
   --version VERSION  version of the package; default: that of the product
-  --no-debug         leave sentrel-dbgsym out, which takes most of the time
+  --no-debug         leave -dbgsym out, which takes most of the time
   --no-lint          do not check the packages with lintian
   -h, --help         print this text
 
@@ -33,7 +34,7 @@ product_version() {
 # check_stage DIR: a complete release build lies there.
 check_stage() {
     local part
-    for part in bin/morvane_agent bin/morvanectl lib/libsdk.so lib/libframework.so lib/librsync_preload.so \
+    for part in bin/morvane_agent bin/morvanectl bin/sentrel_collector module/libfleet_module.so lib/libsdk.so lib/libframework.so lib/librsync_preload.so \
         module/libsentrel_module.so module/libfilenotify_module.so module/libreport_module.so conf/agent.json; do
         [[ -e $1/$part ]] || die "there is no $1/$part. Build it first: scripts/package.sh without --stage."
     done
@@ -57,6 +58,7 @@ make_tree() {
     mv -- "$1/packaging/debian" "$1/debian"
     cp -a -- "$2" "$1/stage"
     cp -- "$ROOT/packaging/systemd/morvane-agent.service" "$1/debian/sentrel.morvane-agent.service"
+    cp -- "$ROOT/packaging/systemd/sentrel-collector.service" "$1/debian/sentrel-collector.service"
     make_changelog "$3" >"$1/debian/changelog"
     sed -i "s|@MAINTAINER@|$MAINTAINER|" "$1/debian/control"
     chmod -R u+w,go-w -- "$1"

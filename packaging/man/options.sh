@@ -51,7 +51,7 @@ commands() {
     help=$("$PROGRAM" "$@" --help)
     if ! grep -q '^Subcommands:$' <<<"$help"; then
         usage=$(sed -n 's/^Usage: [^ ]*//p' <<<"$help")
-        printf '## morvanectl%s\n\n' "$(escaped <<<"${usage/ \[OPTIONS\]/}")"
+        printf '## %s%s\n\n' "$(basename -- "$PROGRAM" | escaped)" "$(escaped <<<"${usage/ \[OPTIONS\]/}")"
         head -n 1 <<<"$help" | sed 's/[^.]$/&./' | escaped
         printf '\n'
         entries Positionals <<<"$help"

@@ -66,12 +66,19 @@ check_command() {
 
 main() {
     local page
-    for page in morvanectl.8 morvane_agent.8 agent.json.5 sentrel-policy.5; do
+    for page in morvanectl.8 morvane_agent.8 sentrel_collector.8 agent.json.5 sentrel-policy.5; do
         make_page "$page" "$STAGE/bin/${page%.*}"
     done
     check_command
     mapfile -t words < <("$STAGE/bin/morvane_agent" --help | names Options)
     expect_named morvane_agent.8 "${words[@]}"
+    mapfile -t words < <(for page in '' status reports events results "policy sign" "policy publish" "policy keygen"; do
+        # shellcheck disable=SC2086
+        "$STAGE/bin/sentrel_collector" $page --help | names Options
+    done)
+    expect_named sentrel_collector.8 "${words[@]}"
+    mapfile -t words < <(sed -n '/^| Key /,/^$/p' "$ROOT/docs/fleet.md" | grep -oE '^. .[a-z_]{3,}. ' | tr -cd 'a-z_\n')
+    expect_named sentrel_collector.8 "${words[@]}"
     mapfile -t words < <(grep -oE '"[a-z_]+":' "$STAGE/conf/agent.json" | tr -d '":')
     expect_named agent.json.5 "${words[@]}"
     mapfile -t words < <(sed -n '/^## Settings of the agent/,/^\*\*/p' "$ROOT/docs/options.md" | grep -oE '"[a-z_]+":' | tr -d '":')

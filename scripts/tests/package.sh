@@ -159,6 +159,19 @@ test_purge_of_odd_places() {
     [[ ! -e $MACHINE$INSTALLATION ]] || fail "the purge left $(find "$MACHINE$INSTALLATION")"
 }
 
+# The centre of a fleet is another machine: no agent is there.
+test_collector() {
+    cp "$PACKAGES"/sentrel-collector_1.0_*.deb "$MACHINE/tmp/collector.deb"
+    packages -i /tmp/collector.deb
+    [[ $(inside sentrel_collector --version) == "sentrel_collector "* ]] || fail "there is no sentrel_collector"
+    inside getent passwd sentrel-collector >"$FOLDER/user.out" || fail "the collector has no user"
+    [[ -e $MACHINE/lib/systemd/system/sentrel-collector.service ]] || fail "the collector has no unit"
+    mkdir -p "$MACHINE/var/lib/sentrel-collector"
+    packages -P sentrel-collector
+    [[ ! -e $MACHINE/usr/lib/sentrel-collector && ! -e $MACHINE/var/lib/sentrel-collector ]] ||
+        fail "the purge left parts of the collector"
+}
+
 run_inside() {
     trap show_logs EXIT
     make_machine
@@ -171,6 +184,7 @@ run_inside() {
     test_remove
     test_purge
     test_purge_of_odd_places
+    test_collector
     echo "installed, upgraded, removed and purged"
 }
 
