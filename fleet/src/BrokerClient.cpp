@@ -1,12 +1,12 @@
 // Owns one connection of libmosquitto, which keeps no thread here: Step polls its socket. Its
 // callbacks are C, so no exception may leave them.
 #include <fleet/BrokerClient.h>
-#include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <utility>
@@ -18,6 +18,7 @@ namespace {
 constexpr int kQos = 1;
 constexpr int kReceiveMaximum = 200;
 constexpr int kMaxPacketsPerRead = 100;
+constexpr int kFirstFailure = 0x80;  // reason codes of MQTT 5 from here on are failures
 constexpr std::size_t kMaxProperties = 16;
 constexpr std::size_t kMaxPropertyBytes = 1024;
 
@@ -84,6 +85,7 @@ BrokerClient::BrokerClient(BrokerSettings settings, const std::string& client_id
     mosquitto_connect_v5_callback_set(handle_.get(), OnConnect);
     mosquitto_disconnect_v5_callback_set(handle_.get(), OnDisconnect);
     mosquitto_publish_v5_callback_set(handle_.get(), OnPublish);
+    mosquitto_subscribe_v5_callback_set(handle_.get(), OnSubscribe);
     mosquitto_message_v5_callback_set(handle_.get(), OnMessage);
 }
 
@@ -192,7 +194,7 @@ void BrokerClient::Disconnect() {
 }
 
 void BrokerClient::OnConnect(mosquitto* /*handle*/, void* self, int code, int /*flags*/,
-                             const mqtt5__property* /*properties*/) {
+                             const mosquitto_property* /*properties*/) {
     auto& client = *static_cast<BrokerClient*>(self);
     client.connected_ = code == 0;
     if (code != 0)
@@ -200,18 +202,27 @@ void BrokerClient::OnConnect(mosquitto* /*handle*/, void* self, int code, int /*
 }
 
 void BrokerClient::OnDisconnect(mosquitto* /*handle*/, void* self, int /*code*/,
-                                const mqtt5__property* /*properties*/) {
+                                const mosquitto_property* /*properties*/) {
     static_cast<BrokerClient*>(self)->connected_ = false;
 }
 
-void BrokerClient::OnPublish(mosquitto* /*handle*/, void* self, int /*id*/, int /*code*/,
-                             const mqtt5__property* /*properties*/) {
+void BrokerClient::OnPublish(mosquitto* /*handle*/, void* self, int /*id*/, int code,
+                             const mosquitto_property* /*properties*/) {
     auto& client = *static_cast<BrokerClient*>(self);
     if (client.unacknowledged_ > 0) --client.unacknowledged_;
+    if (code >= kFirstFailure) ++client.refused_;
+}
+
+void BrokerClient::OnSubscribe(mosquitto* /*handle*/, void* self, int /*id*/, int count,
+                               const int* codes, const mosquitto_property* /*properties*/) {
+    const bool is_refused =
+        std::any_of(codes, codes + count, [](int code) { return code >= kFirstFailure; });
+    if (is_refused)
+        static_cast<BrokerClient*>(self)->refusal_ = "the broker refuses a subscription";
 }
 
 void BrokerClient::OnMessage(mosquitto* /*handle*/, void* self, const mosquitto_message* message,
-                             const mqtt5__property* properties) {
+                             const mosquitto_property* properties) {
     auto& client = *static_cast<BrokerClient*>(self);
     try {
         client.Take(*message, properties);
@@ -220,7 +231,7 @@ void BrokerClient::OnMessage(mosquitto* /*handle*/, void* self, const mosquitto_
     }
 }
 
-void BrokerClient::Take(const mosquitto_message& message, const mqtt5__property* properties) {
+void BrokerClient::Take(const mosquitto_message& message, const mosquitto_property* properties) {
     Message taken;
     const auto size = static_cast<std::size_t>(message.payloadlen);
     if (message.payloadlen < 0 || size > max_payload_ ||

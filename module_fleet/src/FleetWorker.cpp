@@ -3,6 +3,7 @@
 // other module is needed.
 #include "FleetWorker.h"
 
+#include <fleet/NameLookup.h>
 #include <fleet/SignedPolicy.h>
 #include <fleet/Topics.h>
 #include <framework/Engine.h>
@@ -32,6 +33,8 @@ constexpr std::chrono::milliseconds kPass{250};
 constexpr std::int64_t kFirstRetryMs = 1'000;
 constexpr std::int64_t kMostRetryMs = 60'000;
 constexpr std::int64_t kConnectMs = 20'000;
+constexpr std::int64_t kLastedMs = 5'000;
+constexpr std::chrono::milliseconds kLookupPass{20};
 constexpr Json::ArrayIndex kMostReasons = 20;
 constexpr std::size_t kMostReasonBytes = 300;
 
@@ -129,8 +132,8 @@ void FleetWorker::Run() {
 void FleetWorker::RunConnection() {
     std::string error;
     bool greeted = false;
+    bool good = FindBroker(error) && Begin(error);
     const std::int64_t begin_ms = SDK::TimeUtils::GetMonotonicMs();
-    bool good = Begin(error);
     while (good && !WaitForStop(std::chrono::milliseconds(0))) {
         good = broker_->Step(kPass, stop_.Get(), error);
         const std::int64_t now_ms = SDK::TimeUtils::GetMonotonicMs();
@@ -143,14 +146,29 @@ void FleetWorker::RunConnection() {
             good = false;
         }
     }
-    if (good) return SayGoodbye();
-    retry_ms_ = greeted ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
+    if (WaitForStop(std::chrono::milliseconds(0))) {
+        if (good) SayGoodbye();
+        return;
+    }
+    const bool lasted = greeted && SDK::TimeUtils::GetMonotonicMs() - begin_ms > kLastedMs;
+    retry_ms_ = lasted ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
     SDK_LOG(FleetLog(), PRIO_WARNING, "broker %s: %s; the next attempt follows in %s s",
             settings_.broker.host, error, std::to_string(retry_ms_ / 1000));
     Json::Value status(Json::objectValue);
     status["connected"] = false;
     status["error"] = error;
     Publish(status);
+}
+
+/// The resolver may take long; a stop must not wait for it.
+bool FleetWorker::FindBroker(std::string& error) const {
+    Fleet::NameLookup lookup(settings_.broker.host);
+    Fleet::NameLookup::Result result = lookup.Poll();
+    while (result == Fleet::NameLookup::Result::kPending && !WaitForStop(kLookupPass)) {
+        result = lookup.Poll();
+    }
+    error = "the name is not found";
+    return result == Fleet::NameLookup::Result::kFound;
 }
 
 /// The centre learns at once that this host is not guarded any more.
@@ -174,7 +192,6 @@ bool FleetWorker::Begin(std::string& error) {
 
 void FleetWorker::Greet() {
     SDK_LOG(FleetLog(), PRIO_NOTICE, "connected to the broker %s", settings_.broker.host);
-    retry_ms_ = kFirstRetryMs;
     state_due_ms_ = 0;
     exporter_.Restart();
     broker_->Subscribe(Fleet::AckTopic(agent_id_));
@@ -187,6 +204,7 @@ void FleetWorker::Pass(std::int64_t now_ms) {
     if (now_ms >= state_due_ms_) PublishState(now_ms);
     Json::Value status(Json::objectValue);
     status["connected"] = true;
+    status["refused_by_broker"] = Json::UInt64{broker_->Refused()};
     Publish(status);
 }
 

@@ -22,8 +22,7 @@ class FleetWorker {
   public:
     FleetWorker(FleetSettings settings, const std::string& agent_id);
 
-    /// Ends the thread; takes a quarter of a second at most, or as long as the resolver needs for
-    /// the broker's name.
+    /// Ends the thread; takes a quarter of a second at most.
     ~FleetWorker();
     FleetWorker(const FleetWorker&) = delete;
     FleetWorker& operator=(const FleetWorker&) = delete;
@@ -34,6 +33,7 @@ class FleetWorker {
   private:
     void Run();
     void RunConnection();
+    bool FindBroker(std::string& error) const;
     bool Begin(std::string& error);
     void Greet();
     void SayGoodbye();

@@ -130,6 +130,30 @@ TEST_F(FleetChain, CredentialsOfAnotherHost_ReachNeitherItsReportsNorItsAcknowle
     EXPECT_EQ(received, 1);
 }
 
+TEST_F(FleetChain, BrokerOfAnotherCaOrName_IsNotTrusted) {
+    ASSERT_TRUE(broker_.Start());
+    const test::Broker other({});
+    const auto connects = [&](const Fleet::BrokerSettings& settings) {
+        Fleet::BrokerClient client(settings, "", 0, [](Fleet::Message&&) {});
+        std::string error;
+        bool good = client.Connect(error);
+        EXPECT_TRUE(Await([&] {
+            good = good && client.Step(10ms, -1, error);
+            return !good || client.IsConnected();
+        }));
+        return client.IsConnected();
+    };
+    Fleet::BrokerSettings settings = broker_.SettingsOf("operator");
+    EXPECT_TRUE(connects(settings));
+    settings.host = "localhost";
+    EXPECT_FALSE(connects(settings)) << "the certificate is for 127.0.0.1";
+    settings = broker_.SettingsOf("operator");
+    settings.ca_file = other.Path("ca.pem");
+    EXPECT_FALSE(connects(settings));
+    settings = broker_.SettingsOf("stranger");
+    EXPECT_FALSE(connects(settings));
+}
+
 TEST_F(FleetChain, BrokerThatIsNotThere_HarmsNothing) {
     Protect();
     EXPECT_TRUE(TamperingIsUndone("index.html"));

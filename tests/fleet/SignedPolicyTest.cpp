@@ -1,6 +1,8 @@
+#include <fleet/BrokerSettings.h>
 #include <fleet/SignedPolicy.h>
 #include <fleet/Topics.h>
 #include <gtest/gtest.h>
+#include <sdk/text/JsonUtils.h>
 
 namespace {
 
@@ -35,6 +37,33 @@ TEST(SignedPolicy, IncompleteContent_IsRefusedAlthoughItIsSigned) {
         {0, {"*"}, "f", "{}"}, {1, {}, "f", "{}"}, {1, {"*"}, "", "{}"}, {1, {"*"}, "../f", "{}"}};
     for (const Fleet::SignedPolicy& each : wrong) {
         EXPECT_FALSE(Fleet::ReadSigned(Fleet::Sign(each, *key), *key, policy, error));
+    }
+}
+
+TEST(BrokerSettings, WrongSection_IsRefusedWithItsPlace) {
+    const struct {
+        const char* json;
+        const char* error;  ///< begins with; empty: it is right
+    } cases[] = {
+        {R"({"host":"127.0.0.1"})", ""},
+        {R"({"host":"broker.example","ca_file":"ca.pem"})", ""},
+        {R"({"host":"broker.example"})", "/broker/ca_file: "},
+        {R"({})", "/broker/host: "},
+        {R"([])", "/broker: "},
+        {R"({"host":7})", "/broker/host: "},
+        {R"({"host":"127.0.0.1","port":70000})", "/broker/port: "},
+        {R"({"host":"127.0.0.1","password":"x"})", "/broker/password: "},
+        {R"({"host":"b","ca_file":"ca.pem","cert_file":"c.pem"})", "/broker/cert_file: "},
+    };
+    for (const auto& each : cases) {
+        Json::Value json;
+        std::string error;
+        Fleet::BrokerSettings settings;
+        const std::string text(each.json);
+        ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), json), 0) << text;
+        const std::string expected(each.error);
+        EXPECT_EQ(Fleet::ReadBrokerSettings(json, "/broker", settings, error), expected.empty());
+        EXPECT_EQ(error.substr(0, expected.size()), expected) << text;
     }
 }
 

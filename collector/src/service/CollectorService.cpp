@@ -26,6 +26,7 @@ constexpr std::int64_t kGatherMs = 10;
 constexpr std::int64_t kFirstRetryMs = 500;
 constexpr std::int64_t kMostRetryMs = 15'000;
 constexpr std::int64_t kConnectMs = 20'000;
+constexpr std::int64_t kLastedMs = 5'000;
 constexpr std::int64_t kPruneEveryMs = 10'000;
 
 std::int64_t EpochMs() {
@@ -108,7 +109,8 @@ void CollectorService::RunConnection() {
         broker_->Disconnect();
         return;
     }
-    retry_ms_ = listening_ ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
+    const bool lasted = listening_ && MonotonicMs() - begin_ms > kLastedMs;
+    retry_ms_ = lasted ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
     Log(Severity::kError, "broker " + settings_.broker.host + ": " + error);
 }
 
@@ -130,7 +132,6 @@ bool CollectorService::Listen() {
     listening_ = true;
     listening_since_ms_ = EpochMs();
     alive_due_ms_ = 0;
-    retry_ms_ = kFirstRetryMs;
     Log(Severity::kNotice, "connected to the broker " + settings_.broker.host);
     Reply(intake_.AskForMissing());
     return true;

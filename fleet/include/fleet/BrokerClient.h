@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fleet/BrokerSettings.h>
+#include <mosquitto.h>
 
 #include <chrono>
 #include <cstddef>
@@ -9,10 +10,6 @@
 #include <map>
 #include <memory>
 #include <string>
-
-struct mosquitto;
-struct mosquitto_message;
-struct mqtt5__property;
 
 namespace Fleet {
 
@@ -44,8 +41,8 @@ class BrokerClient {
     /// Connect.
     bool SetWill(const Message& will);
 
-    /// Begins to connect; Step goes on with it. Resolves the name, which may block for as long as
-    /// the resolver takes. False with `error`.
+    /// Begins to connect; Step goes on with it. Resolves the name, which may block; NameLookup asks
+    /// before without blocking. False with `error`.
     bool Connect(std::string& error);
 
     /// The broker has accepted the connection.
@@ -55,12 +52,16 @@ class BrokerClient {
     /// what there is. False with `error` when the connection is lost or refused.
     bool Step(std::chrono::milliseconds wait, int wake_fd, std::string& error);
 
-    /// QoS 1. False when it cannot be sent.
+    /// QoS 1. False when it cannot be sent. A subscription that the broker refuses ends the
+    /// connection: Step says so.
     bool Subscribe(const std::string& filter);
     bool Publish(const Message& message);
 
     /// Messages that are published and not yet acknowledged by the broker.
     std::size_t Unacknowledged() const { return unacknowledged_; }
+
+    /// Messages that the broker did not accept, such as for a topic that the user may not use.
+    std::uint64_t Refused() const { return refused_; }
 
     /// Says good-bye, so that the broker does not publish the will.
     void Disconnect();
@@ -73,13 +74,15 @@ class BrokerClient {
         void operator()(mosquitto* handle) const;
     };
 
-    static void OnConnect(mosquitto*, void* self, int code, int flags, const mqtt5__property*);
-    static void OnDisconnect(mosquitto*, void* self, int code, const mqtt5__property*);
-    static void OnPublish(mosquitto*, void* self, int id, int code, const mqtt5__property*);
+    static void OnConnect(mosquitto*, void* self, int code, int flags, const mosquitto_property*);
+    static void OnDisconnect(mosquitto*, void* self, int code, const mosquitto_property*);
+    static void OnPublish(mosquitto*, void* self, int id, int code, const mosquitto_property*);
+    static void OnSubscribe(mosquitto*, void* self, int id, int count, const int* codes,
+                            const mosquitto_property*);
     static void OnMessage(mosquitto*, void* self, const mosquitto_message* message,
-                          const mqtt5__property* properties);
+                          const mosquitto_property* properties);
     bool UseCredentials(std::string& error);
-    void Take(const mosquitto_message& message, const mqtt5__property* properties);
+    void Take(const mosquitto_message& message, const mosquitto_property* properties);
     bool Handle(short ready);
     bool HasDecryptedBytes() const;
     bool HasUnreadBytes() const;
@@ -91,6 +94,7 @@ class BrokerClient {
     bool connected_ = false;
     std::size_t unacknowledged_ = 0;
     std::uint64_t dropped_ = 0;
+    std::uint64_t refused_ = 0;
     std::string refusal_;  ///< the broker's reason
 };
 

@@ -159,6 +159,19 @@ std::string FormatPolicies(const Json::Value& status, long long now_ms) {
     return text.empty() ? Line("policy", "none yet; morvanectl protect DIR makes one") : text;
 }
 
+/// Nothing where the host belongs to no fleet.
+std::string FormatFleet(const Json::Value& status) {
+    const Json::Value& fleet = status["fleet"];
+    if (!fleet.isObject()) return "";
+    const bool is_connected = SDK::JsonUtils::GetBoolValue(fleet, "connected", false);
+    return Line("fleet",
+                Text(fleet, "broker") +
+                    (is_connected ? " connected" : " not connected: " + Text(fleet, "error")) +
+                    ", reports stored there up to " +
+                    std::to_string(Number(fleet, "acknowledged")) + " of " +
+                    std::to_string(Number(fleet, "last_seq")));
+}
+
 std::string FormatAgent(const Json::Value& status, long long now_ms) {
     return Line("agent", Text(status, "version") + ", process " +
                              std::to_string(Number(status, "pid")) + ", since " +
@@ -175,8 +188,8 @@ std::string FormatStatus(const Json::Value& status, long long now_ms) {
     return FormatHeadline(status, now_ms) + FormatGeneralReasons(status) +
            FormatOperations(status, now_ms) + FormatPaths(status, now_ms) + "\n" +
            FormatSchedule(status) + FormatBackup(status) + FormatBackupServer(status, now_ms) +
-           FormatCounters(status) + FormatPolicies(status, now_ms) + FormatAgent(status, now_ms) +
-           warnings + (has_words ? kHint : "");
+           FormatCounters(status) + FormatPolicies(status, now_ms) + FormatFleet(status) +
+           FormatAgent(status, now_ms) + warnings + (has_words ? kHint : "");
 }
 
 }  // namespace Ctl
