@@ -94,6 +94,7 @@ run_once() {
     { type_answer "$answer" "$(place /run/capture)"; } |
         in_place env TERM=xterm HOME=/root script -qefc 'bash /run/block' /run/capture >/dev/null 2>&1
     local status=$?
+    { sed 's/^/$ /' "$script"; sed '1d;/^Script done on/,$d' "$(place /run/capture)"; } >"${capture%.txt}.raw"
     { sed 's/^/$ /' "$script"; sed '1d;/^Script done on/,$d' "$(place /run/capture)" | plain; } >"$capture"
     return "$status"
 }
@@ -145,6 +146,42 @@ own_installation() {
     mount --bind "$FOLDER/local" "$MACHINE/usr/local"
     mkdir "$MACHINE/usr/local/bin"
 }
+
+# record_picture: what the README shows: a site is protected and attacked, and what is told of it.
+record_picture() {
+    local command number=0 captures=() answer=y
+    cp -r -- "$ROOT/demo/site" "$(place /var/www/bakery)"
+    while IFS= read -r command; do
+        number=$((number + 1))
+        echo "$command" >"$FOLDER/command"
+        run_once "$FOLDER/command" "$answer" "$OUTPUT/picture-$number.txt" || fail "$command"
+        answer=''
+        captures+=("$OUTPUT/picture-$number.raw")
+        # The next command sees the answer to this one.
+        case $command in
+            *index.html) await "the first alarm" has_alarms 1 ;;
+            *shell.php) await "the second alarm" has_alarms 2 ;;
+            *) ;;
+        esac
+    done <<'END'
+morvanectl protect /var/www/bakery
+echo '<h1>defaced</h1>' > /var/www/bakery/index.html
+echo '<?php system($_GET["c"]);' > /var/www/bakery/blog/shell.php
+grep title /var/www/bakery/index.html; ls /var/www/bakery/blog
+morvanectl alarms --all
+morvanectl status
+END
+    "$ROOT/scripts/terminal-picture.sh" "${captures[@]}" >"$OUTPUT/terminal.svg"
+    in_place morvanectl unprotect /var/www/bakery --yes >"$FOLDER/unprotect.out" 2>&1 || fail "unprotect"
+}
+
+# check_picture: the README's is what the commands show, but for numbers.
+check_picture() {
+    diff <(without_numbers <"$ROOT/docs/terminal.svg") <(without_numbers <"$OUTPUT/terminal.svg") >&2 ||
+        fail "docs/terminal.svg is not what the commands show now; copy $OUTPUT/terminal.svg there, and look at it"
+}
+without_numbers() { sed -E 's/id [0-9a-f-]+/id/; s/[0-9]+(\.[0-9]+)?/N/g; s/just now|N (second|minute)s? ago/T/; s/ [kMGT]?B / B /g'; }
+has_alarms() { [[ $(in_place morvanectl alarms --json | wc -l) -ge $1 ]]; }
 
 # can_overlay: a deploy can work here.
 can_overlay() {
@@ -241,6 +278,8 @@ before_page() {
         protecting.md)
             # Mounts reach the agent, and not the other way (PrivateMounts=).
             [[ -n $HERE ]] || start_agent unshare --mount --propagation slave --
+            record_picture
+            check_picture
             ;;
         deploying.md)
             prepare_ssh

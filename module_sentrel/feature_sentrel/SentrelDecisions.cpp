@@ -31,7 +31,9 @@ void SentrelBackupTask::HandleAcceptance() {
     if (!is_ours) result.message = "No path of these is protected.";
     result.is_done = result.message.empty();
     if (result.is_done) {
-        result.message = std::to_string(result.objects) + " changed objects are approved now.";
+        result.message = std::to_string(result.objects) +
+                         (result.objects == 1 ? " changed object is" : " changed objects are") +
+                         " approved now.";
     }
     state_.requests.End(request->id, result);
     ModuleReports::SendAcceptance(request->user, request->process, request->paths, result.objects);

@@ -132,7 +132,9 @@ void DeployPutting::End(const SentrelDirRule& rule) {
     if (result_.is_done) {
         result_.message = result_.objects == 0
                               ? "Nothing was changed."
-                              : std::to_string(result_.objects) + " changes are deployed.";
+                              : std::to_string(result_.objects) +
+                                    (result_.objects == 1 ? " change is" : " changes are") +
+                                    " deployed.";
     }
     SDK_LOG(ModuleLogger(), PRIO_NOTICE, "deploy %s of %s (%s): %s", deploy.id, rule.real_path,
             deploy.By(), result_.message);
