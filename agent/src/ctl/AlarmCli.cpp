@@ -67,9 +67,8 @@ AlarmOptions Taken(const Typed& typed) {
 void DefineAlarms(CLI::App& app, std::function<int(const ControlClient&)>& command) {
     const auto typed = std::make_shared<Typed>();
     AlarmOptions& options = typed->options;
-    CLI::App* alarms = app.add_subcommand(
-        "alarms",
-        "Show what happened: the changes of one protected path within a minute in a line");
+    CLI::App* alarms =
+        app.add_subcommand("alarms", "Show what was changed, the changes of a minute in one line");
     alarms->add_flag("-f,--follow", options.follow, "Show new ones as they come, until Ctrl-C");
     alarms
         ->add_option("-n,--limit", options.limit, "At most the newest NUMBER (default 50); 0: all")

@@ -39,9 +39,10 @@ CLI::Option* AddPath(CLI::App* command, std::vector<std::string>& paths, const c
 
 void DefineVerify(CLI::App& app, Command& command) {
     const auto options = std::make_shared<VerifyOptions>();
-    CLI::App* verify = app.add_subcommand("verify",
-                                          "Compare the protected paths with their approved state. "
-                                          "Changes nothing and needs no agent");
+    CLI::App* verify = app.add_subcommand(
+        "verify",
+        "List what the protected paths have differently from their approved state; "
+        "needs no agent");
     AddPath(verify, options->paths, "Only this part; default: all that is protected");
     verify->add_flag("--full", options->full,
                      "Read every file; default: those that were changed since the approval");
@@ -75,7 +76,8 @@ void RequireObjects(const DecisionOptions& options) {
 void DefineDecisions(CLI::App& app, Command& command) {
     const auto accept = std::make_shared<DecisionOptions>();
     CLI::App* accepting = DefineDecision(
-        app, "accept", "Approve what is there: it becomes the state that is protected", *accept);
+        app, "accept", "Approve what is there now: it becomes the state that is protected",
+        *accept);
     AddKey(accepting, accept->key);
     accepting->footer(kDecisionCodes);
     accepting->callback([&command, accept] {
@@ -84,7 +86,8 @@ void DefineDecisions(CLI::App& app, Command& command) {
     });
     const auto restore = std::make_shared<DecisionOptions>();
     const auto dry_run = std::make_shared<bool>(false);
-    CLI::App* restoring = DefineDecision(app, "restore", "Bring back the approved state", *restore);
+    CLI::App* restoring =
+        DefineDecision(app, "restore", "Undo changes: bring back the approved state", *restore);
     restoring->add_flag("--dry-run", *dry_run,
                         "Change nothing; list what differs, as verify does, with its exit codes");
     const auto from_server = std::make_shared<FromServerOptions>();
@@ -115,7 +118,7 @@ void DefineDecisions(CLI::App& app, Command& command) {
 void DefineDiff(CLI::App& app, Command& command) {
     const auto paths = std::make_shared<std::vector<std::string>>();
     CLI::App* diff =
-        app.add_subcommand("diff", "Show what a page has differently from its backup copy");
+        app.add_subcommand("diff", "Show line by line what a page has differently from its copy");
     AddPath(diff, *paths, "The page")->required()->expected(1);
     diff->footer("Exit codes: 0 equal, 2 differences (also wrong usage), 1 cannot be compared.");
     diff->fallthrough()->callback([&command, paths] {
@@ -173,9 +176,7 @@ void DefineRollback(CLI::App* baseline, Command& command) {
 void DefineForget(CLI::App* baseline, Command& command) {
     const auto paths = std::make_shared<std::vector<std::string>>();
     CLI::App* forget = baseline->add_subcommand(
-        "forget",
-        "Remove the approved states of a path that is no longer protected, and the replaced copies "
-        "of it. Needs no agent");
+        "forget", "Remove what is kept of a path that is no longer protected; needs no agent");
     AddPath(forget, *paths, "The path, as \"baseline list\" names it")->required()->expected(1);
     forget->footer("Exit codes: 0 removed, 1 failed, 2 wrong usage, 4 the path is protected.");
     forget->fallthrough()->callback([&command, paths] {
@@ -190,7 +191,7 @@ void DefineBaseline(CLI::App& app, Command& command) {
     DefineDiff(app, command);
     DefineDecisions(app, command);
     CLI::App* baseline =
-        app.add_subcommand("baseline", "Show the approved states and go back to one");
+        app.add_subcommand("baseline", "List the approved states, compare them, go back to one");
     baseline->require_subcommand(1)->fallthrough();
     DefineGenerations(baseline, command);
     DefineRollback(baseline, command);

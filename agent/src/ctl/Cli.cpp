@@ -15,6 +15,7 @@
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
 #include "ctl/commands/ConsoleCommand.h"
+#include "ctl/output/HelpFormatter.h"
 #include "ctl/output/Terminal.h"
 
 namespace Ctl {
@@ -37,7 +38,10 @@ struct Arguments {
 };
 
 void AddPolicyFile(CLI::App* command, Arguments& args) {
-    command->add_option("FEATURE", args.feature, "Name of the feature")->required();
+    command
+        ->add_option("FEATURE", args.feature,
+                     "sentrel_feature for the protection, backupserver_feature for a backup server")
+        ->required();
     command->add_option("FILE", args.file, "The policy document, or - for standard input")
         ->required();
 }
@@ -63,7 +67,9 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
         };
     });
     CLI::App* show = policy->add_subcommand("show", "Print the policy that is in force");
-    show->add_option("FEATURE", args.feature, "Name of the feature")->required();
+    show->add_option("FEATURE", args.feature,
+                     "sentrel_feature for the protection, backupserver_feature for a backup server")
+        ->required();
     show->callback([&args] {
         args.command = [&args](const ControlClient& client) {
             return ShowPolicy(client, args.feature);
@@ -86,7 +92,7 @@ void DefineStatus(CLI::App& app, Arguments& args) {
         };
     });
     CLI::App* explain = app.add_subcommand(
-        "explain", "Explain a word in brackets in the status: the cause, and what to do");
+        "explain", "Explain a word in brackets, such as [held]: cause, what to do");
     explain->add_option("WORD", args.word, "Such as held; without it, all words are listed");
     explain->footer("Exit codes: 0 printed, 1 failed, 2 no such word. No agent is needed.");
     explain->fallthrough()->callback(
@@ -99,17 +105,6 @@ void DefineStatus(CLI::App& app, Arguments& args) {
     doctor->add_flag("--json", args.json, "The findings as one JSON object");
     doctor->fallthrough()->callback([&args] {
         args.command = [&args](const ControlClient& client) { return Examine(client, args.json); };
-    });
-    CLI::App* metrics =
-        app.add_subcommand("metrics", "Print the state in the text format of Prometheus");
-    metrics->footer("Exit codes: 0 printed, 1 failed, 2 wrong usage, 5 no agent.");
-    metrics->fallthrough()->callback([&args] { args.command = ShowMetrics; });
-    CLI::App* tasklet = app.add_subcommand("tasklet", "Run a tasklet with a request from stdin");
-    tasklet->add_option("ID", args.tasklet, "Id of the tasklet")->required();
-    tasklet->fallthrough()->callback([&args] {
-        args.command = [&args](const ControlClient& client) {
-            return RunTasklet(client, args.tasklet);
-        };
     });
 }
 
@@ -129,7 +124,8 @@ void DefineConsole(CLI::App& app, Arguments& args) {
 }
 
 void DefineSecret(CLI::App& app, Arguments& args) {
-    CLI::App* secret = app.add_subcommand("secret", "Set the passwords of backups");
+    CLI::App* secret =
+        app.add_subcommand("secret", "Set the passwords between this host and a backup server");
     secret->require_subcommand(1)->fallthrough();
     CLI::App* set = secret->add_subcommand(
         "set", "Set a password: from the terminal, or the first line of stdin");
@@ -145,7 +141,8 @@ void DefineSecret(CLI::App& app, Arguments& args) {
 }
 
 void DefineReports(CLI::App& app, Arguments& args) {
-    CLI::App* reports = app.add_subcommand("reports", "Show all reports");
+    CLI::App* reports =
+        app.add_subcommand("reports", "Show all reports as the agent stored them, not only alarms");
     reports->add_option("--kind", args.query.kind, "Only reports of this channel")
         ->check(CLI::IsMember({"cmd", "data"}));
     reports->add_flag("--json", args.query.json, "One JSON object per line");
@@ -165,6 +162,22 @@ void DefineReports(CLI::App& app, Arguments& args) {
     });
 }
 
+/// For programs.
+void DefineMachines(CLI::App& app, Arguments& args) {
+    CLI::App* metrics =
+        app.add_subcommand("metrics", "Print the state in the text format of Prometheus");
+    metrics->footer("Exit codes: 0 printed, 1 failed, 2 wrong usage, 5 no agent.");
+    metrics->fallthrough()->callback([&args] { args.command = ShowMetrics; });
+    CLI::App* tasklet = app.add_subcommand(
+        "tasklet", "Run a small job of a module, with a JSON request from standard input");
+    tasklet->add_option("ID", args.tasklet, "Name of the job")->required();
+    tasklet->fallthrough()->callback([&args] {
+        args.command = [&args](const ControlClient& client) {
+            return RunTasklet(client, args.tasklet);
+        };
+    });
+}
+
 /// False with a message when standard output takes no more, such as on a full disk. A reader that
 /// closed it has read enough.
 bool IsOutputWritten() {
@@ -175,23 +188,30 @@ bool IsOutputWritten() {
 
 int Run(int argc, const char* const* argv) {
     Arguments args;
-    CLI::App app("Controls the host agent.", "morvanectl");
+    CLI::App app("Protects web sites on this host, and decides about what was changed in them.",
+                 "morvanectl");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.footer(
+        "Begin with \"morvanectl protect DIR\", then \"morvanectl status\". Each command has "
+        "--help. More: man morvanectl, /usr/share/doc/sentrel/docs.");
     app.add_option("--socket", args.socket_path,
                    "Control socket of the agent; default: the one of this installation")
         ->type_name("PATH");
     app.set_version_flag("--version", std::string("morvanectl ") + SENTREL_VERSION);
     app.require_subcommand(1);
+    // In this order the help lists them: what a new user needs first.
     DefineProtect(app, args.command);
     DefineStatus(app, args);
-    DefinePolicy(app, args);
-    DefineSecret(app, args);
     DefineAlarms(app, args.command);
-    DefineReports(app, args);
+    DefineEvidence(app, args.command);
     DefineBaseline(app, args.command);
     DefineDeploy(app, args.command);
-    DefineEvidence(app, args.command);
     DefineConsole(app, args);
     DefineNotify(app, args.command);
+    DefinePolicy(app, args);
+    DefineSecret(app, args);
+    DefineReports(app, args);
+    DefineMachines(app, args);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

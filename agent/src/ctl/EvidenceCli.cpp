@@ -61,7 +61,7 @@ void DefinePurge(CLI::App& evidence, Command& command) {
 
 void DefineEvidence(CLI::App& app, Command& command) {
     CLI::App* evidence = app.add_subcommand(
-        "evidence", "Read the contents of objects that were undone, which the agent keeps");
+        "evidence", "Read what changed and foreign files contained, which the agent keeps");
     evidence->require_subcommand(1)->fallthrough();
     DefineList(*evidence, command);
     DefineReading(*evidence, command);

@@ -45,7 +45,7 @@ void AddProtectOptions(CLI::App* protect, ProtectOptions& options) {
 void DefineProtect(CLI::App& app, Command& command) {
     const auto options = std::make_shared<ProtectOptions>();
     CLI::App* protect = app.add_subcommand(
-        "protect", "Protect a directory: propose a policy, ask, apply it, wait for the first copy");
+        "protect", "Protect a directory or a file: look at it, ask, make the first copy");
     AddProtectOptions(protect, *options);
     protect->footer(
         "Other protected paths stay. Ctrl-C while it waits leaves the protection on.\n"
@@ -56,7 +56,7 @@ void DefineProtect(CLI::App& app, Command& command) {
     });
     const auto leaving = std::make_shared<UnprotectOptions>();
     CLI::App* unprotect =
-        app.add_subcommand("unprotect", "Take a directory out of the protection; its copies stay");
+        app.add_subcommand("unprotect", "End the protection of a path; its copies stay");
     unprotect->add_option("DIR", leaving->path, "As the policy names it")
         ->required()
         ->check(NotEmpty);

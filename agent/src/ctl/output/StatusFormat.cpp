@@ -146,7 +146,7 @@ std::string FormatCounters(const Json::Value& status) {
                     {"removals_done", "removed"},
                     {"restores_failed", "restores failed"},
                     {"removals_failed", "removals failed"}});
-    line("alarms", {{"alarms_sent", "sent"}, {"alarms_merged", "repeats merged"}});
+    line("alarms", {{"alarms_sent", "sent"}, {"alarms_merged", "merged as repeats"}});
     return text;
 }
 
