@@ -57,7 +57,7 @@ commands() {
         entries Positionals <<<"$help"
         entries Options <<<"$help"
         # What stands below the options, such as the exit codes.
-        sed -n '/^Options:$/,$p' <<<"$help" | sed '1,/^$/d' | escaped
+        sed -n '/^Options:$/,$p' <<<"$help" | sed '1,/^$/d' | tr '\n' ' ' | escaped
         printf '\n'
         return
     fi
