@@ -133,7 +133,7 @@ Handling SentrelInotifyTask::Judge(FileNotifyMessage& msg, bool is_told) {
     // Ignored paths.
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "HandleEventMainFile1 check file %s.", file1);
     if (IsIgnored(rule, file1)) {
-        if ((mask & (IN_MODIFY | IN_ATTRIB)) != 0) NoteOtherNames(rule, file1, handling);
+        if ((mask & (IN_MODIFY | IN_ATTRIB)) != 0) NoteOtherNames(rule, file1, {}, handling);
         return handling;
     }
     JudgeFile(rule, mask, file1, msg.GetReadTime(), handling);
@@ -237,7 +237,7 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
                                        std::chrono::steady_clock::time_point read_time,
                                        Handling& handling) {
     Description description = Describe(rule, file, type);
-    NoteOtherNames(rule, file, handling);
+    NoteOtherNames(rule, file, description.pinned, handling);
     const UndoResult undoing = AutoRestoreFile(rule, restore, remove, file);
     handling.Add(undoing.outcome);
     if (handling.is_told && IsFailure(undoing.outcome)) return;
@@ -349,12 +349,16 @@ bool SentrelInotifyTask::IsIgnored(const SentrelDirRule& rule, const std::string
     return HasIgnoredSuffix(rule, file);
 }
 
-/// A change through one name of an object changes it at all its names.
+/// A change through one name of an object changes it at all its names. `pinned` may hold nothing.
 void SentrelInotifyTask::NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
-                                        Handling& handling) const {
-    const RulePlaces places = state_.anchors.Held(rule);
+                                        const PinnedFile& pinned, Handling& handling) const {
     struct stat info {};
-    if (!places || places.anchors->StatLive(file, info) != 0) return;
+    if (pinned.Descriptor() >= 0) {
+        if (::fstat(pinned.Descriptor(), &info) != 0) return;
+    } else {
+        const RulePlaces places = state_.anchors.Held(rule);
+        if (!places || places.anchors->StatLive(file, info) != 0) return;
+    }
     if (S_ISDIR(info.st_mode) || info.st_nlink < 2) return;
     handling.other_names = ObjectId(info.st_dev, info.st_ino);
 }
@@ -393,11 +397,20 @@ UndoResult SentrelInotifyTask::AutoRestoreFile(const SentrelDirRule& rule, bool 
         undoing = undoer_.Restore(rule, path);
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "auto restore %s ", path);
     } else {
-        undoing = undoer_.Remove(rule, path);
+        undoing = undoer_.Remove(rule, path, KeeperOf(path));
         SDK_LOG(ModuleLogger(), PRIO_DEBUG, "delete : %s", path);
     }
     ReportCopyFaults(rule, undoing);
     return undoing;
+}
+
+/// Keeps what lies in a foreign directory; null where nothing is kept.
+SDK::RemovalVisitor SentrelInotifyTask::KeeperOf(const std::string& directory) {
+    if (!evidence_.is_kept) return nullptr;
+    return [this, top = SDK::PathUtils::WithTrailingSlash(directory)](
+               int parent, const std::string& name, const std::string& below) {
+        if (alarms_.CanKeep()) alarms_.Keep(PinnedFile(parent, name), top + below);
+    };
 }
 
 bool SentrelInotifyTask::GetBackupFileInfo(const std::string& path, const SentrelDirRule& rule,

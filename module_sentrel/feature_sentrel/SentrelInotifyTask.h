@@ -4,6 +4,7 @@
 #include <framework/Task.h>
 #include <module_filenotify/AbstractMessageReceiver.h>
 #include <sdk/files/FileDescriptor.h>
+#include <sdk/files/TreeRemoval.h>
 
 #include <chrono>
 #include <list>
@@ -158,6 +159,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
                        bool restore, bool remove, std::chrono::steady_clock::time_point read_time,
                        Handling& handling);
     Description Describe(const SentrelDirRule& rule, const std::string& file, alarm_type type);
+    SDK::RemovalVisitor KeeperOf(const std::string& directory);
     BackupComparer Comparer(const SentrelDirRule& rule, const RulePlaces& places) const;
     Deviation Compare(const SentrelDirRule& rule, const RulePlaces& places, const std::string& file,
                       const BackupFileInfo& info);
@@ -171,7 +173,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool IsGoneTransient(const SentrelDirRule& rule, const std::string& file) const;
     bool IsRestoredAlone(const SentrelDirRule& rule, const std::string& path) const;
     void NoteOtherNames(const SentrelDirRule& rule, const std::string& file,
-                        Handling& handling) const;
+                        const PinnedFile& pinned, Handling& handling) const;
 
     void SendAlarm(const Alarm& alarm);
     void SendAlarms();

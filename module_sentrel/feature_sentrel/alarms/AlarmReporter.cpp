@@ -57,6 +57,15 @@ void AlarmReporter::Raise(Alarm alarm, PinnedFile pinned, const std::string& cop
     waiting_.push_back(std::move(waiting));
 }
 
+void AlarmReporter::Keep(PinnedFile pinned, const std::string& path) {
+    kept_alone_.push_back(worker_.Keep(std::move(pinned), path));
+}
+
+bool AlarmReporter::CanKeep() {
+    while (!kept_alone_.empty() && kept_alone_.front()->IsReady()) kept_alone_.pop_front();
+    return kept_alone_.size() < most_held_ / 2;
+}
+
 bool AlarmReporter::IsOverdue() const {
     return !waiting_.empty() &&
            std::chrono::steady_clock::now() - waiting_.front().raised >= kLongestWait;

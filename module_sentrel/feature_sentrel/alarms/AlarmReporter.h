@@ -39,6 +39,11 @@ class AlarmReporter {
     /// work.
     void Raise(Alarm alarm, PinnedFile pinned, const std::string& copy);
 
+    /// Keeps the content of an object that has no alarm of its own, behind all alarms. To be called
+    /// while CanKeep: each waiting object holds a descriptor.
+    void Keep(PinnedFile pinned, const std::string& path);
+    bool CanKeep();
+
     /// As DifferenceWorker::KeepIn.
     void KeepIn(std::unique_ptr<Evidence::EvidenceStore> evidence) {
         worker_.KeepIn(std::move(evidence));
@@ -85,7 +90,8 @@ class AlarmReporter {
     MergedAlarms merged_;
     /// Number of waiting alarms by file and type.
     std::map<std::pair<std::string, alarm_type>, int> waiting_files_;
-    std::size_t held_ = 0;  ///< number of pinned files
+    std::size_t held_ = 0;  ///< number of pinned files of alarms
+    std::deque<std::shared_ptr<const Difference>> kept_alone_;
     std::size_t most_held_;
     DifferenceWorker worker_;
 };

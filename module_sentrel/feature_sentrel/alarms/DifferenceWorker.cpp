@@ -51,14 +51,23 @@ void DifferenceWorker::KeepIn(std::unique_ptr<Evidence::EvidenceStore> evidence)
 
 std::shared_ptr<const Difference> DifferenceWorker::Ask(PinnedFile pinned, const std::string& copy,
                                                         const std::string& path, bool is_shown) {
-    auto difference = std::make_shared<Difference>(std::move(pinned), copy, path, is_shown);
+    return Add(waiting_, std::make_shared<Difference>(std::move(pinned), copy, path, is_shown));
+}
+
+std::shared_ptr<const Difference> DifferenceWorker::Keep(PinnedFile pinned,
+                                                         const std::string& path) {
+    return Add(later_, std::make_shared<Difference>(std::move(pinned), "", path, false));
+}
+
+std::shared_ptr<const Difference> DifferenceWorker::Add(
+    std::deque<std::shared_ptr<Difference>>& queue, std::shared_ptr<Difference> request) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        waiting_.push_back(difference);
+        queue.push_back(request);
     }
     changed_.notify_one();
     if (!thread_.joinable()) thread_ = std::thread([this] { Work(); });
-    return difference;
+    return request;
 }
 
 void DifferenceWorker::Stop() {
@@ -80,17 +89,20 @@ void DifferenceWorker::Work() {
     for (;;) {
         std::shared_ptr<Difference> next;
         bool stopping = false;
+        bool has_alarm = false;
         {
             std::unique_lock<std::mutex> lock(mutex_);
             AwaitRequest(lock);
-            if (waiting_.empty()) break;
-            next = std::move(waiting_.front());
-            waiting_.pop_front();
+            has_alarm = !waiting_.empty();
+            auto& queue = has_alarm ? waiting_ : later_;
+            if (queue.empty()) break;
+            next = std::move(queue.front());
+            queue.pop_front();
             stopping = stopping_;
         }
-        AwaitWriter(*next);
+        AwaitWriter(*next, has_alarm ? kMostSettling : 1);
         SaveUp();
-        Keep(*next);
+        KeepContent(*next);
         if (!next->is_shown_) {
             // Nothing is compared.
         } else if (stopping || saved_ <= Clock::duration::zero()) {
@@ -108,7 +120,7 @@ void DifferenceWorker::Work() {
 /// Returns with a request, or without one when the thread must end. Writes evidence meanwhile: no
 /// alarm waits for that.
 void DifferenceWorker::AwaitRequest(std::unique_lock<std::mutex>& lock) {
-    const auto is_over = [this] { return stopping_ || !waiting_.empty(); };
+    const auto is_over = [this] { return stopping_ || !waiting_.empty() || !later_.empty(); };
     while (evidence_ != nullptr && evidence_->HasWaiting()) {
         if (changed_.wait_for(lock, kWriteDelay, is_over)) return;
         lock.unlock();
@@ -118,8 +130,9 @@ void DifferenceWorker::AwaitRequest(std::unique_lock<std::mutex>& lock) {
     changed_.wait(lock, is_over);
 }
 
-void DifferenceWorker::AwaitWriter(const Difference& difference) {
-    const auto is_over = [this] { return stopping_ || waiting_.size() >= kMostSettling; };
+/// Ends at once when `most` alarms wait.
+void DifferenceWorker::AwaitWriter(const Difference& difference, std::size_t most) {
+    const auto is_over = [&] { return stopping_ || waiting_.size() >= most; };
     for (int settle = 0; settle < kMostSettles; ++settle) {
         const auto age = TimeSinceWritten(difference.pinned_.Descriptor());
         if (age < Clock::duration::zero() || age >= settle_time_) return;
@@ -139,7 +152,7 @@ void DifferenceWorker::FindOut(Difference& difference) {
     saved_ -= Clock::now() - begun;
 }
 
-void DifferenceWorker::Keep(Difference& difference) {
+void DifferenceWorker::KeepContent(Difference& difference) {
     if (evidence_ == nullptr) return;
     const auto record = evidence_->Keep(difference.pinned_.Descriptor(), difference.path_,
                                         std::max<std::uint64_t>(saved_bytes_, kAlwaysKeptBytes));

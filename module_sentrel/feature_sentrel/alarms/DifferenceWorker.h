@@ -88,6 +88,9 @@ class DifferenceWorker {
     std::shared_ptr<const Difference> Ask(PinnedFile pinned, const std::string& copy,
                                           const std::string& path, bool is_shown);
 
+    /// Keeps the content of an object and compares nothing, when no other request waits.
+    std::shared_ptr<const Difference> Keep(PinnedFile pinned, const std::string& path);
+
     /// Ends the running command, leaves out waiting requests, and joins. The next request starts a
     /// new thread.
     void Stop();
@@ -97,9 +100,11 @@ class DifferenceWorker {
 
     void Work();
     void AwaitRequest(std::unique_lock<std::mutex>& lock);
-    void AwaitWriter(const Difference& difference);
+    void AwaitWriter(const Difference& difference, std::size_t most);
     void FindOut(Difference& difference);
-    void Keep(Difference& difference);
+    std::shared_ptr<const Difference> Add(std::deque<std::shared_ptr<Difference>>& queue,
+                                          std::shared_ptr<Difference> request);
+    void KeepContent(Difference& difference);
     void SaveUp();
 
     const std::function<void()> finished_;
@@ -111,8 +116,9 @@ class DifferenceWorker {
     std::uint64_t saved_bytes_ = kMostSavedBytes;
     Clock::duration saved_ = kMostSaved;
     Clock::time_point saved_at_ = Clock::now();
-    std::mutex mutex_;  ///< guards the next two
+    std::mutex mutex_;  ///< guards the next three
     std::deque<std::shared_ptr<Difference>> waiting_;
+    std::deque<std::shared_ptr<Difference>> later_;  ///< no alarm waits for these
     bool stopping_ = false;
     std::condition_variable changed_;
 };

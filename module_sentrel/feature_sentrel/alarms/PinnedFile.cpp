@@ -7,10 +7,11 @@ namespace Engine {
 
 PinnedFile::PinnedFile(const AnchoredRule& rule, const std::string& path) {
     const SDK::PathAnchor::Entry entry = rule.Live(path);
-    if (!entry.IsOpen()) return;
-    held_.Reset(
-        ::openat(entry.directory.Get(), entry.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (entry.IsOpen()) *this = PinnedFile(entry.directory.Get(), entry.name);
 }
+
+PinnedFile::PinnedFile(int directory, const std::string& name)
+    : held_(::openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)) {}
 
 std::string PinnedFile::Path() const {
     if (!held_.IsOpen()) return "";

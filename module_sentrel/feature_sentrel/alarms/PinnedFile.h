@@ -19,6 +19,9 @@ class PinnedFile {
     /// Holds the object at `path`; nothing when it is missing or a link stands on the way to it.
     PinnedFile(const AnchoredRule& rule, const std::string& path);
 
+    /// Holds the object `name` in the open directory `directory`; nothing when it is missing.
+    PinnedFile(int directory, const std::string& name);
+
     /// A path to the held object, also for commands, valid while this object lives; empty when
     /// nothing is held.
     std::string Path() const;

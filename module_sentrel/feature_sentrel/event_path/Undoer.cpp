@@ -5,7 +5,6 @@
 #include "feature_sentrel/event_path/Undoer.h"
 
 #include <fcntl.h>
-#include <sdk/files/DirUtils.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <sdk/restore/ObjectRestorer.h>
@@ -168,7 +167,8 @@ bool Undoer::HasGoodCopy(const AnchoredRule& rule, Attempt& attempt) {
     return is_good;
 }
 
-UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
+UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path,
+                          const SDK::RemovalVisitor& visit) {
     SentrelStatus& status = state_.status;
     const RulePlaces places = state_.anchors.Of(rule);
     const auto begun = RecentRestores::Clock::now();
@@ -186,7 +186,7 @@ UndoResult Undoer::Remove(const SentrelDirRule& rule, const std::string& path) {
             return {Outcome::kNone};
         }
         const bool removed =
-            live.IsOpen() && SDK::DirUtils::DeleteAt(live.directory.Get(), live.name) == 0;
+            live.IsOpen() && SDK::RemoveTreeAt(live.directory.Get(), live.name, visit) == 0;
         error = removed ? 0 : errno;
         if (removed) recent_.Note(path, begun, RecentRestores::Clock::now());
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sdk/files/TreeRemoval.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,7 +38,9 @@ class Undoer {
 
     /// Removes what stands at `path`, a directory with its content. Removes nothing behind a link;
     /// removes the link itself where the copy has a directory in its place.
-    UndoResult Remove(const SentrelDirRule& rule, const std::string& path);
+    /// Calls `visit` for what lies in the directory.
+    UndoResult Remove(const SentrelDirRule& rule, const std::string& path,
+                      const SDK::RemovalVisitor& visit = {});
 
     /// The object with that inode number was restored lately and still stands there. It has no
     /// other name: it was made without one.

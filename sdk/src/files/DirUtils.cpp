@@ -79,7 +79,8 @@ int DirUtils::DeleteAt(int directory, const std::string& name) {
 
 int DirUtils::DeleteAt(int directory, const std::string& name, std::int64_t limit_ms) {
     if (::unlinkat(directory, name.c_str(), 0) == 0) return 0;
-    return errno == EISDIR ? TreeRemover(nullptr, "", limit_ms).RemoveAt(directory, name) : -1;
+    return errno == EISDIR ? TreeRemover(ExclusionFilter(), "", limit_ms).RemoveAt(directory, name)
+                           : -1;
 }
 
 int DirUtils::MakeDirs(const std::string& path, mode_t mode) {

@@ -87,11 +87,16 @@ bool TreeRemover::Enter(FileDescriptor directory, const std::string& name) {
         if (filter_ && IsExcluded(filter_, below_, listing.Name(), listing.IsDirectory())) {
             levels_.back().is_kept = true;
         } else {
+            if (visit_ && !listing.IsDirectory()) Visit(listing.Name());
             RemoveEntry(listing.Name());
         }
     }
     if (listing.Error() != 0) Failed(listing.Error());
     return true;
+}
+
+void TreeRemover::Visit(const std::string& name) const {
+    visit_(current_.Get(), name, below_.empty() ? name : below_.substr(1) + "/" + name);
 }
 
 void TreeRemover::RemoveEntry(const std::string& name) {
@@ -158,6 +163,11 @@ bool TreeRemover::IsStopped() {
 
 void TreeRemover::Failed(int error) {
     if (first_error_ == 0) first_error_ = error;
+}
+
+int RemoveTreeAt(int directory, const std::string& name, const RemovalVisitor& visit) {
+    if (::unlinkat(directory, name.c_str(), 0) == 0) return 0;
+    return errno == EISDIR ? TreeRemover(visit).RemoveAt(directory, name) : -1;
 }
 
 }  // namespace SDK

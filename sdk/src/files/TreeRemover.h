@@ -10,6 +10,7 @@
 
 #include "sdk/files/ExclusionFilter.h"
 #include "sdk/files/FileDescriptor.h"
+#include "sdk/files/TreeRemoval.h"
 
 namespace SDK {
 
@@ -28,6 +29,9 @@ class TreeRemover {
     /// is interrupted (ECANCELED).
     TreeRemover(ExclusionFilter filter, std::string below, std::int64_t limit_ms)
         : filter_(std::move(filter)), root_below_(std::move(below)), limit_ms_(limit_ms) {}
+
+    /// `visit` may be empty.
+    explicit TreeRemover(RemovalVisitor visit) : visit_(std::move(visit)) {}
 
     /// 0 when everything is removed; retries for half a second while files are being added.
     /// Continues after failures: -1, errno of the first one. Refuses "/".
@@ -49,11 +53,13 @@ class TreeRemover {
     bool Enter(FileDescriptor directory, const std::string& name);
     bool Leave();
     void Descend(const std::string& name);
+    void Visit(const std::string& name) const;
     void RemoveEntry(const std::string& name);
     bool IsStopped();
     void Failed(int error);
 
     ExclusionFilter filter_;
+    RemovalVisitor visit_;
     std::string root_below_;
     std::string below_;  // the current directory, for the filter
     std::int64_t limit_ms_ = kNoLimit;

@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <set>
+
 #include "feature_sentrel/alarms/DifferenceWorker.h"
 #include "feature_sentrel/alarms/EvidenceSettings.h"
 #include "feature_sentrel/alarms/MergedAlarms.h"
@@ -97,6 +99,29 @@ TEST_F(Event, WhatIsUndone_IsKept_AndSecretsAreInNoAlarm) {
     EXPECT_EQ(kept, (std::vector<std::string>{"shell.php evil code", "index.html defaced",
                                               ".env PASSWORD=stolen"}));
     EXPECT_EQ(seen[2].body.find("PASSWORD"), std::string::npos) << seen[2].body;
+}
+
+TEST_F(Event, WhatLiesInAForeignDirectory_IsKeptWhenItIsRemoved) {
+    data_.Write("site/kit/shell.php", "evil code");
+    data_.Write("site/kit/deep/er/tool", "evil tool");
+    fs::create_symlink("/etc/shadow", File("kit/link"));
+    ASSERT_EQ(::mkfifo(File("kit/pipe").c_str(), 0600), 0);
+    TellAtOnce([&] { Post("kit", IN_CREATE | IN_ISDIR); });
+    EXPECT_EQ(AlarmsOnce(1), "add kit/: removed\n");
+    EXPECT_FALSE(fs::exists(File("kit")));
+    const Evidence::EvidenceStore store(Engine::EvidenceSettings::Directory());
+    std::set<std::string> kept;
+    const auto list = [&] {
+        for (const Evidence::Record& record : store.List()) {
+            const SDK::FileDescriptor content = store.Open(record.id);
+            kept.insert(record.path.substr(rule_.real_path.size()) + " " +
+                        test::TempDir::Read("/proc/self/fd/" + std::to_string(content.Get())));
+        }
+        return kept.size() >= 3;
+    };
+    EXPECT_TRUE(test::WaitFor(list, std::chrono::seconds(5)));
+    EXPECT_EQ(kept, (std::set<std::string>{"kit/shell.php evil code", "kit/deep/er/tool evil tool",
+                                           "kit/link /etc/shadow"}));
 }
 
 TEST_F(Event, DefacementRightAfterAnAttributeChange_HasItsAlarmWithDifferenceAndEvidence) {
