@@ -4,15 +4,12 @@
 #include <sdk/text/Hmac.h>
 #include <sdk/text/JsonUtils.h>
 #include <sdk/text/Printable.h>
-#include <sdk/text/StrUtils.h>
 #include <sdk/time/TimeUtils.h>
 
 #include "notify/Formats.h"
 #include "notify/Senders.h"
 
 namespace Notify {
-
-using SDK::StrUtils;
 
 namespace {
 

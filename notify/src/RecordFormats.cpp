@@ -1,6 +1,5 @@
 // Writes single alarms for log collectors: RFC 5424, the journal's protocol, OCSF.
 #include <sdk/text/JsonUtils.h>
-#include <sdk/text/Printable.h>
 #include <sdk/text/StrUtils.h>
 #include <sdk/text/Utf8.h>
 
@@ -12,7 +11,6 @@
 
 namespace Notify {
 
-using SDK::Printable;
 using SDK::StrUtils;
 
 namespace {

@@ -72,7 +72,7 @@ class FileSender : public RecordSender {
         if ((info.st_mode & 07777) != kMode) ::fchmod(file.Get(), kMode);
         const ssize_t count = ::write(file.Get(), lines.data(), lines.size());
         if (count == static_cast<ssize_t>(lines.size())) return "";
-        const std::string error = count < 0 ? ErrorAt(path_) : path_ + ": the disk is full";
+        std::string error = count < 0 ? ErrorAt(path_) : path_ + ": the disk is full";
         // A part of a line would spoil the next one.
         if (count > 0 && ::ftruncate(file.Get(), info.st_size) != 0) return ErrorAt(path_);
         return error;

@@ -52,6 +52,7 @@ struct Receiver {
     std::vector<long long> taken;       ///< numbers of reports
     std::vector<std::string> attempts;  ///< "first-last", each try
     long long lost = 0;
+    std::vector<bool> digests;  ///< of what was taken
 
     std::size_t Attempts() {
         const std::lock_guard<std::mutex> lock(mutex);
@@ -81,6 +82,7 @@ class FakeChannel : public Notify::Channel {
         const std::lock_guard<std::mutex> lock(receiver_.mutex);
         receiver_.taken.insert(receiver_.taken.end(), seqs_.begin(), seqs_.end());
         receiver_.lost += delivery.lost;
+        receiver_.digests.push_back(delivery.is_digest);
         return "";
     }
     void Clear() override { seqs_.clear(); }
@@ -96,6 +98,7 @@ class ChannelWorkerTest : public testing::Test {
     void Start(bool is_retried = true) {
         Notify::ChannelPlan plan;
         plan.name = "fake";
+        plan.pacing = pacing_;
         plan.pacing.longest_ms = 3600 * 1000;
         plan.pacing.is_retried = is_retried;
         plan.pacing.is_repeated_whole = is_retried;
@@ -115,6 +118,7 @@ class ChannelWorkerTest : public testing::Test {
     bool WaitForTaken(const std::vector<long long>& wanted) {
         return test::WaitFor([&] { return receiver_.Taken() == wanted; }, 10s);
     }
+    Notify::Pacing pacing_;
     test::TempDir dir_;
     Store store_;
     Receiver receiver_;
@@ -173,6 +177,21 @@ TEST_F(ChannelWorkerTest, ReportsThatTheStoreDropped_AreCountedAndTold) {
     EXPECT_TRUE(WaitForTaken({8, 9, 10}));
     EXPECT_EQ(worker_->Status()["lost_reports"], 7);
     EXPECT_EQ(receiver_.lost, 7);
+}
+
+TEST_F(ChannelWorkerTest, BeyondTheLimit_TheRestComesInOneDigestAlsoAfterAStart) {
+    pacing_.most_per_hour = 1;
+    pacing_.digest_s = 2;
+    Start();
+    store_.Add(1);
+    ASSERT_TRUE(WaitForTaken({1}));
+    store_.Add(1);
+    ASSERT_TRUE(test::WaitFor([&] { return worker_->Status()["limited"].asBool(); }, 10s));
+    worker_.reset();
+    Start();
+    store_.Add(2);
+    EXPECT_TRUE(WaitForTaken({1, 2, 3, 4}));
+    EXPECT_EQ(receiver_.digests, (std::vector<bool>{false, true}));
 }
 
 TEST_F(ChannelWorkerTest, StoreThatWasBegunAnew_IsReadFromItsBeginning) {

@@ -98,6 +98,7 @@ TEST(PrometheusText, StatusDocument_BecomesTheTextFormatToTheLetter) {
         "counters":{"events_received":9007199254740993,"restores_done":2,"overflows":0},
         "undo_latency":{"buckets":[{"le_ms":0.5,"count":1},{"le_ms":25,"count":3}],"count":4,"sum_ms":7.25},
         "tasks":[{"id":"t","queue_length":5},{"id":"broken"}],
+        "notifications":[{"channel":"mail","working":false,"deliveries":3,"failures":1},7],
         "protected_paths":[{"path":"/a\n\"","held":2,"last_local_backup":1763714000,"last_look":null,
                             "state":"ready","backup_complete":true},
                            {"path":"/b","last_look":{"ended_at":1763714100}}]})")));
@@ -115,6 +116,8 @@ TEST(PrometheusText, StatusDocument_BecomesTheTextFormatToTheLetter) {
              {R"(sentrel_undo_duration_seconds_bucket{le="+Inf"})", 4},
              {"sentrel_undo_duration_seconds_sum", 0.00725},
              {R"(sentrel_queue_length{task="t"})", 5},
+             {R"(sentrel_notification_working{channel="mail"})", 0},
+             {R"(sentrel_notifications_sent_total{channel="mail"})", 3},
              {R"(sentrel_held_changes{path="/a\n\""})", 2},
              {R"(sentrel_backup_timestamp_seconds{path="/a\n\""})", 1763714000},
              {R"(sentrel_reconcile_timestamp_seconds{path="/b"})", 1763714100}}) {

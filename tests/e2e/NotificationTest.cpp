@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 
 #include "support/HttpReceiver.h"
@@ -74,6 +75,17 @@ TEST_F(Notification, ChangesDuringAnOutage_AreToldAfterAStart) {
     })) << agent_.Ctl({"notify", "status"}).out;
     const test::CommandResult test = agent_.Ctl({"notify", "test"});
     EXPECT_EQ(test.exit_code, 0) << test.out << test.err;
+}
+
+TEST_F(Notification, MetricsOfARunningAgent_PassThePrometheusChecker) {
+    if (std::system("command -v promtool > /dev/null") != 0) {
+        GTEST_SKIP() << "promtool (Debian package prometheus) is not installed";
+    }
+    Protect();
+    EXPECT_TRUE(TamperingIsUndone("index.html"));
+    const std::string file = agent_.Path("data/metrics");
+    std::ofstream(file) << agent_.Ctl({"metrics"}).out;
+    EXPECT_EQ(std::system(("promtool check metrics < " + file).c_str()), 0) << TempDir::Read(file);
 }
 
 TEST_F(Notification, WrongSettings_AreToldAndDoNotStopTheProtection) {

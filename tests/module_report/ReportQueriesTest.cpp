@@ -38,6 +38,7 @@ TEST_F(ReportQueriesTest, Read_FiltersByKindTimeAndPosition) {
     Store("3", Engine::kDataKind, "sentrel_status_1");
     Store("4");
     EXPECT_EQ(ReadSeqs("{}"), (Seqs{1, 2, 3, 4}));
+    EXPECT_EQ(Read(R"({"after":3})")["first_seq"], 1);
     EXPECT_EQ(ReadSeqs(R"({"limit":2})"), (Seqs{3, 4})) << "the newest";
     EXPECT_EQ(ReadSeqs(R"({"after":0,"limit":2})"), (Seqs{1, 2}));
     EXPECT_EQ(ReadSeqs(R"({"kind":"cmd"})"), (Seqs{2}));

@@ -18,6 +18,7 @@
 #include "net/NameResolver.h"
 #include "sdk/commands/ExecuteCmdUtils.h"
 #include "sdk/files/Sha256.h"
+#include "sdk/net/HttpExchange.h"
 #include "sdk/net/HttpUtils.h"
 #include "sdk/time/CommandInterrupter.h"
 #include "support/TempDir.h"
@@ -303,6 +304,11 @@ TEST_F(SecureDownload, SelfSigned_IsTrustedOnlyWhenGivenAndForItsOwnHost) {
     ExpectRefused(url_, digest_, "verify failed");
     ExpectRefused(server_->Url("/to-plain", "https"), digest_, "refused", certificate_);
     ExpectFetched(url_, certificate_);
+    SDK::HttpOrder order;
+    order.url = url_;
+    EXPECT_NE(SDK::ExchangeHttp(order, {}).error.find("verify failed"), std::string::npos);
+    order.ca_file = certificate_;
+    EXPECT_EQ(SDK::ExchangeHttp(order, {}).status, 200);
 }
 
 }  // namespace

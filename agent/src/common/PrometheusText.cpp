@@ -321,6 +321,27 @@ void AddPaths(const Json::Value& status, std::string& out) {
     }
 }
 
+void AddNotifications(const Json::Value& status, std::string& out) {
+    const Json::Value channels = ListAt(status, "notifications");
+    const auto add = [&](Family family, const char* key) {
+        for (const Json::Value& channel : channels) {
+            family.Add(At(channel, {key}),
+                       {{"channel", JsonUtils::GetStringValue(channel, "channel", "")}});
+        }
+    };
+    add(Family(out, "sentrel_notification_working", "gauge",
+               "1: the last message of the channel arrived."),
+        "working");
+    add(Family(out, "sentrel_notifications_sent_total", "counter", "Messages that arrived."),
+        "deliveries");
+    add(Family(out, "sentrel_notification_failures_total", "counter",
+               "Tries to send a message that failed."),
+        "failures");
+    add(Family(out, "sentrel_notification_lost_reports_total", "counter",
+               "Reports that were dropped before they were sent."),
+        "lost_reports");
+}
+
 void AddTasks(const Json::Value& status, std::string& out) {
     Family family(out, "sentrel_queue_length", "gauge", "Messages that wait for a task.");
     for (const Json::Value& task : ListAt(status, "tasks")) {
@@ -348,6 +369,7 @@ std::string FormatMetrics(const Json::Value& status) {
     AddBackup(status, out);
     AddLatency(status, out);
     AddTasks(status, out);
+    AddNotifications(status, out);
     AddPaths(status, out);
     return out;
 }

@@ -78,19 +78,23 @@ void ChannelWorker::Work() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!is_stopping_) {
         lock.unlock();
-        int wait_ms = times_.poll_ms;
-        try {
-            wait_ms = Step();
-        } catch (const std::exception& e) {
-            SDK_LOG(Log(), PRIO_ERROR, "notifications by %s: %s", name_, std::string(e.what()));
-        }
+        const int wait_ms = Step();
         lock.lock();
         stop_.wait_for(lock, std::chrono::milliseconds(wait_ms), [this] { return is_stopping_; });
     }
 }
 
-/// One read or one delivery; returns how long to wait for the next one.
 int ChannelWorker::Step() {
+    try {
+        return Advance();
+    } catch (const std::exception& e) {
+        SDK_LOG(Log(), PRIO_ERROR, "notifications by %s: %s", name_, std::string(e.what()));
+        return times_.poll_ms;
+    }
+}
+
+/// One read or one delivery; returns how long to wait for the next one.
+int ChannelWorker::Advance() {
     if (!is_begun_ && !Begin()) return times_.poll_ms;
     const long long now_ms = TimeUtils::GetMonotonicMs();
     if (retry_ms_ > 0 && now_ms < retry_at_ms_) return static_cast<int>(retry_at_ms_ - now_ms);

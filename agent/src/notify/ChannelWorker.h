@@ -49,6 +49,7 @@ class ChannelWorker {
   private:
     void Work();
     int Step();
+    int Advance();
     bool Begin();
     bool Collect();
     bool TakePage(const Json::Value& answer);
