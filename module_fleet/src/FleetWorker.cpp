@@ -3,13 +3,13 @@
 // other module is needed.
 #include "FleetWorker.h"
 
-#include <fleet/NameLookup.h>
 #include <fleet/SignedPolicy.h>
 #include <fleet/Topics.h>
 #include <framework/Engine.h>
 #include <poll.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
+#include <sdk/net/NameLookup.h>
 #include <sdk/text/JsonUtils.h>
 #include <sdk/time/TimeUtils.h>
 #include <sys/eventfd.h>
@@ -162,13 +162,13 @@ void FleetWorker::RunConnection() {
 
 /// The resolver may take long; a stop must not wait for it.
 bool FleetWorker::FindBroker(std::string& error) const {
-    Fleet::NameLookup lookup(settings_.broker.host);
-    Fleet::NameLookup::Result result = lookup.Poll();
-    while (result == Fleet::NameLookup::Result::kPending && !WaitForStop(kLookupPass)) {
+    SDK::NameLookup lookup(settings_.broker.host);
+    SDK::NameLookup::Result result = lookup.Poll();
+    while (result == SDK::NameLookup::Result::kPending && !WaitForStop(kLookupPass)) {
         result = lookup.Poll();
     }
     error = "the name is not found";
-    return result == Fleet::NameLookup::Result::kFound;
+    return result == SDK::NameLookup::Result::kFound;
 }
 
 /// The centre learns at once that this host is not guarded any more.

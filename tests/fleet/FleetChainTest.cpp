@@ -64,20 +64,20 @@ TEST_F(FleetChain, UndoneChange_IsAtTheCollectorAndTheHostThatFallsSilentIsNamed
 }
 
 TEST_F(FleetChain, KilledBrokerAndCollectorAndAgent_LoseAndDoubleNothing) {
-    constexpr int kReports = 4000;
+    constexpr int kReports = 2400;
     FillStore(kReports);
     ASSERT_TRUE(broker_.Start());
     ASSERT_TRUE(collector_.Start());
     ASSERT_TRUE(agent_.Start());
-    ASSERT_TRUE(AwaitStored(500));
+    ASSERT_TRUE(AwaitStored(300));
     collector_.Kill();
     const std::int64_t first = StoredSeq();
     ASSERT_TRUE(collector_.Start());
-    ASSERT_TRUE(AwaitStored(first + 500));
+    ASSERT_TRUE(AwaitStored(first + 300));
     broker_.Kill();
     const std::int64_t second = StoredSeq();
     ASSERT_TRUE(broker_.Start());
-    ASSERT_TRUE(AwaitStored(second + 500));
+    ASSERT_TRUE(AwaitStored(second + 300));
     agent_.Kill();
     EXPECT_LT(StoredSeq(), kReports) << "all was sent before the last kill";
     ASSERT_TRUE(agent_.Start());

@@ -41,8 +41,8 @@ class BrokerClient {
     /// Connect.
     bool SetWill(const Message& will);
 
-    /// Begins to connect; Step goes on with it. Resolves the name, which may block; NameLookup asks
-    /// before without blocking. False with `error`.
+    /// Begins to connect; Step goes on with it. Resolves the name, which may block; SDK::NameLookup
+    /// asks before without blocking. False with `error`.
     bool Connect(std::string& error);
 
     /// The broker has accepted the connection.
