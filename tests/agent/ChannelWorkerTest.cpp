@@ -54,10 +54,11 @@ struct Receiver {
     long long lost = 0;
     std::vector<bool> digests;  ///< of what was taken
 
-    std::size_t Attempts() {
+    std::vector<std::string> Tries() {
         const std::lock_guard<std::mutex> lock(mutex);
-        return attempts.size();
+        return attempts;
     }
+    std::size_t Attempts() { return Tries().size(); }
     std::vector<long long> Taken() {
         const std::lock_guard<std::mutex> lock(mutex);
         return taken;
@@ -140,7 +141,7 @@ TEST_F(ChannelWorkerTest, OutageWithAStartBetween_LosesNothingAndRepeatsTheSameD
     const std::size_t before = receiver_.Attempts();
     Start();
     ASSERT_TRUE(WaitForAttempts(before + 2));
-    const std::vector<std::string> attempts = receiver_.attempts;
+    const std::vector<std::string> attempts = receiver_.Tries();
     EXPECT_TRUE(std::all_of(attempts.begin(), attempts.end(), [&](const std::string& one) {
         return one == attempts.front();
     })) << testing::PrintToString(attempts);

@@ -41,7 +41,11 @@ TEST(HealthSummary, WorstAnswer_DecidesAndOwnReasonsComeFirst) {
              {R"({"tasks":[{"id":"a","state":"stalled"},{"id":"b","init_failed":true},{}]})",
               {healthy},
               "degraded",
-              "task_stalled task_init_failed "}}) {
+              "task_stalled task_init_failed "},
+             {R"({"notifications":[{"channel":"mail","degraded":true},{"degraded":false},7]})",
+              {healthy},
+              "degraded",
+              "notification_failing "}}) {
         Agent::HealthSummary summary;
         for (const char* answer : answers) summary.Add(Parse(answer));
         summary.AddFromDocument(Parse(document));
