@@ -164,6 +164,30 @@ TEST_F(Deploying, CommandThatFails_ChangesNothing) {
     ExpectUnchanged();
 }
 
+TEST_F(Deploying, KeyThatIsKeptElsewhere_IsLentForDeployAndProtect) {
+    const std::string key = agent_.Path("kept.key");
+    fs::rename(agent_.Path("data/baseline/signing.key"), key);
+    const std::string script = "echo new > index.html";
+    EXPECT_EQ(Deploy(script).exit_code, 125);
+    EXPECT_EQ(
+        Deploy(script, {"--yes", "--key", agent_.Path("data/baseline/signing.pub")}).exit_code,
+        122);
+    EXPECT_EQ(test::TempDir::Read(site_.Path("index.html")), Good("index.html"));
+    const test::CommandResult done = Deploy(script, {"--yes", "--key", key});
+    EXPECT_EQ(done.exit_code, 0) << done.err;
+    EXPECT_EQ(test::TempDir::Read(site_.Path("index.html")), "new\n");
+    const test::TempDir another;
+    another.Write("page", "x");
+    const test::TempDir copies;
+    const std::vector<std::string> protect = {"protect", another.Path(), "--yes", "--backup",
+                                              copies.Path("here")};
+    EXPECT_EQ(agent_.Ctl(protect).exit_code, 4);
+    std::vector<std::string> with_key = protect;
+    with_key.insert(with_key.end(), {"--key", key});
+    const test::CommandResult protected_now = agent_.Ctl(with_key);
+    EXPECT_EQ(protected_now.exit_code, 0) << protected_now.err;
+}
+
 TEST_F(Deploying, MorvanectlThatIsKilled_LeavesNothingBehind) {
     const std::string pid_file = agent_.Path("pid");
     for (const int signal : {SIGKILL, SIGTERM, SIGHUP}) {

@@ -1,5 +1,8 @@
 #include "ctl/Cli.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
@@ -21,6 +24,8 @@
 namespace Ctl {
 
 namespace {
+
+constexpr char kUsualCodes[] = "Exit codes: 0 done, 1 failed, 2 wrong usage, 5 no agent.";
 
 /// The parsed arguments and the command to run.
 struct Arguments {
@@ -53,7 +58,8 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
     CLI::App* apply = policy->add_subcommand("apply", "Check a policy and apply it");
     AddPolicyFile(apply, args);
     apply->add_option("--key", args.key, kKeyMeaning)->type_name("FILE");
-    apply->footer("Exit codes: 0 on, 3 accepted and off, 4 rejected, 5 no agent.");
+    apply->footer(
+        "Exit codes: 0 on, 1 failed, 2 wrong usage, 3 accepted and off, 4 rejected, 5 no agent.");
     apply->callback([&args] {
         args.command = [&args](const ControlClient& client) {
             return ApplyPolicy(client, args.feature, args.file, args.key);
@@ -61,6 +67,8 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
     });
     CLI::App* check = policy->add_subcommand("check", "Check a policy without applying it");
     AddPolicyFile(check, args);
+    check->footer(
+        "Exit codes: 0 no errors, 1 failed, 2 wrong usage, 4 would be rejected, 5 no agent.");
     check->callback([&args] {
         args.command = [&args](const ControlClient& client) {
             return CheckPolicy(client, args.feature, args.file);
@@ -70,12 +78,14 @@ void DefinePolicy(CLI::App& app, Arguments& args) {
     show->add_option("FEATURE", args.feature,
                      "sentrel_feature for the protection, backupserver_feature for a backup server")
         ->required();
+    show->footer(kUsualCodes);
     show->callback([&args] {
         args.command = [&args](const ControlClient& client) {
             return ShowPolicy(client, args.feature);
         };
     });
     CLI::App* list = policy->add_subcommand("list", "List the policies and their states");
+    list->footer(kUsualCodes);
     list->callback([&args] { args.command = ListPolicies; });
     for (CLI::App* command : {apply, check, show, list}) command->fallthrough();
 }
@@ -133,6 +143,8 @@ void DefineSecret(CLI::App& app, Arguments& args) {
                     "server: what this backup server requires; client: what this host sends")
         ->required()
         ->check(CLI::IsMember({"server", "client"}));
+    set->footer(
+        "Exit codes: 0 set, 1 failed, 2 wrong usage, 4 the agent has no backups, 5 no agent.");
     set->fallthrough()->callback([&args] {
         args.command = [&args](const ControlClient& client) {
             return SetSecret(client, args.role);
@@ -154,6 +166,7 @@ void DefineReports(CLI::App& app, Arguments& args) {
     reports->add_option("--limit", args.query.limit, "At most the newest NUMBER (default 100)")
         ->check(CLI::Range(1, Agent::kMaxReportsPerRequest))
         ->type_name("NUMBER");
+    reports->footer(kUsualCodes);
     reports->fallthrough()->callback([&args, reports] {
         args.query.has_since = reports->count("--since") > 0;
         args.command = [&args](const ControlClient& client) {
@@ -171,6 +184,9 @@ void DefineMachines(CLI::App& app, Arguments& args) {
     CLI::App* tasklet = app.add_subcommand(
         "tasklet", "Run a small job of a module, with a JSON request from standard input");
     tasklet->add_option("ID", args.tasklet, "Name of the job")->required();
+    tasklet->footer(
+        "Exit codes: 0 its result is 0, 1 another result, or failed, 2 wrong usage, 4 no such "
+        "tasklet, 5 no agent.");
     tasklet->fallthrough()->callback([&args] {
         args.command = [&args](const ControlClient& client) {
             return RunTasklet(client, args.tasklet);
@@ -184,6 +200,16 @@ bool IsOutputWritten() {
     if (std::cout.flush() || IsOutputClosed()) return true;
     std::cerr << "The output could not be written." << std::endl;
     return false;
+}
+
+/// Takes the numbers of standard streams that are closed: a file or socket that is opened later
+/// would get what is printed. Reading and writing them still fails.
+void FillStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(stream, F_GETFD) >= 0) continue;
+        // The lowest free number is this one.
+        if (::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) return;
+    }
 }
 
 int Run(int argc, const char* const* argv) {
@@ -225,6 +251,7 @@ int Run(int argc, const char* const* argv) {
 
 int Main(int argc, const char* const* argv) {
     std::signal(SIGPIPE, SIG_IGN);
+    FillStandardStreams();
     try {
         return Run(argc, argv);
     } catch (const std::exception& e) {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "ctl/commands/Commands.h"
 #include "ctl/commands/deploys/DeployCommands.h"
 
 namespace Ctl {
@@ -14,12 +15,14 @@ using Command = std::function<int(const ControlClient&)>;
 
 constexpr char kDeployCodes[] =
     "The site changes only after COMMAND has succeeded. Exit codes: 0 deployed, or nothing to do; "
-    "the code of COMMAND when it fails; 2 wrong usage; 5 no agent; 122 refused before it was "
+    "the code of COMMAND when it fails; 1 the output cannot be written; 2 wrong usage; 5 no agent; "
+    "122 refused before it was "
     "started; 123 not confirmed; 124 timed out; 125 not deployed for another reason; 126 cannot be "
     "executed; 127 not found; 128+N ended by signal N.";
 
 constexpr char kTreeCodes[] =
-    "Exit codes: 0 done, 2 wrong usage, 5 no agent, 122 refused, 123 not confirmed, 125 not "
+    "Exit codes: 0 done, 1 the output cannot be written, 2 wrong usage, 5 no agent, 122 refused, "
+    "123 not confirmed, 125 not "
     "deployed for another reason.";
 
 /// "90", "30s", "10m", "2h" or "1d"; 0 for anything else.
@@ -60,6 +63,10 @@ void AddLimit(CLI::App* command, std::chrono::seconds& limit, const std::string&
         });
 }
 
+void AddKey(CLI::App* command, std::string& key) {
+    command->add_option("--key", key, kKeyMeaning)->type_name("FILE");
+}
+
 void DefineRun(CLI::App* deploy, Command& command) {
     const auto options = std::make_shared<DeployOptions>();
     deploy->add_option("PATH", options->path, "The protected directory");
@@ -70,6 +77,7 @@ void DefineRun(CLI::App* deploy, Command& command) {
         ->type_name("TEXT");
     deploy->add_flag("--yes", options->yes, "Deploy without a question");
     deploy->add_flag("--dry-run", options->dry_run, "Only list what COMMAND changes");
+    AddKey(deploy, options->key);
     deploy->footer(kDeployCodes);
     deploy->fallthrough()->callback([deploy, &command, options] {
         if (!deploy->get_subcommands().empty()) return;
@@ -94,9 +102,10 @@ void DefineTree(CLI::App* deploy, Command& command) {
     CLI::App* commit = deploy->add_subcommand("commit", "Deploy what was changed there");
     commit->add_option("ID", *id, "Of the deploy")->required();
     commit->add_flag("--yes", *yes, "Without a question");
-    commit->fallthrough()->callback([&command, id, yes] {
-        command = [id, yes](const ControlClient& client) {
-            return CommitDeploy(client, *id, *yes);
+    AddKey(commit, options->key);
+    commit->fallthrough()->callback([&command, id, yes, options] {
+        command = [id, yes, options](const ControlClient& client) {
+            return CommitDeploy(client, *id, *yes, options->key);
         };
     });
     CLI::App* abort = deploy->add_subcommand("abort", "Drop what was changed there");
@@ -120,7 +129,7 @@ void DefinePauses(CLI::App& app, Command& command) {
     pause->add_option("PATH", options->path, "The protected path")->required();
     AddLimit(pause, options->limit, "End the pause after this time (default 30m)");
     pause->add_option("--reason", options->reason, "Shown in the status")->type_name("TEXT");
-    pause->footer("Exit codes: 0 done, 2 wrong usage, 4 refused, 5 no agent.");
+    pause->footer("Exit codes: 0 done, 1 failed, 2 wrong usage, 4 refused, 5 no agent.");
     pause->fallthrough()->callback([&command, options] {
         command = [options](const ControlClient& client) {
             return PauseProtection(client, *options);
@@ -130,6 +139,7 @@ void DefinePauses(CLI::App& app, Command& command) {
     resume->add_option("PATH", options->path, "The protected path")->required();
     CLI::Option* accept = resume->add_flag("--accept", options->accept, "Approve the changes");
     resume->add_flag("--restore", options->restore, "Undo the changes")->excludes(accept);
+    AddKey(resume, options->key);
     resume->footer(
         "Exit codes: 0 done, 1 failed, 2 no decision: the pause goes on (also wrong usage), 4 "
         "refused, 5 no agent.");

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "ctl/commands/Commands.h"
 #include "ctl/commands/policies/ProtectCommands.h"
 
 namespace Ctl {
@@ -38,6 +39,7 @@ void AddProtectOptions(CLI::App* protect, ProtectOptions& options) {
     protect->add_flag("--report-only", options.report_only, "Raise alarms and undo nothing");
     protect->add_flag("--dry-run", options.dry_run, "Show what would be done and change nothing");
     protect->add_flag("--yes", options.yes, "Do not ask");
+    protect->add_option("--key", options.key, kKeyMeaning)->type_name("FILE");
 }
 
 }  // namespace
@@ -61,6 +63,7 @@ void DefineProtect(CLI::App& app, Command& command) {
         ->required()
         ->check(NotEmpty);
     unprotect->add_flag("--yes", leaving->yes, "Do not ask");
+    unprotect->add_option("--key", leaving->key, kKeyMeaning)->type_name("FILE");
     unprotect->footer(
         "Exit codes: 0 done, 1 failed or declined, 2 wrong usage, 4 refused, 5 no agent.");
     unprotect->fallthrough()->callback([&command, leaving] {

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ctl/commands/Commands.h"
 #include "ctl/commands/deploys/DeploySteps.h"
 #include "ctl/deploy/CommandRun.h"
 #include "ctl/deploy/DeployClient.h"
@@ -64,7 +65,7 @@ int Finish(const ControlClient& control, const OpenDeploy& deploy, const DeployO
     const long changes = PrintStaged(deploy);
     const bool is_read = changes >= 0;
     if (is_read && !options.dry_run && (changes == 0 || options.yes || Confirm("Deploy this?"))) {
-        return CommitAndAwait(control, deploy);
+        return CommitAndAwait(control, deploy, options.key);
     }
     client.Ask("abort", deploy.id);
     if (!is_read) return kExitNotDeployed;
@@ -79,6 +80,8 @@ int RunDeploy(const ControlClient& control, const DeployOptions& options) {
     if (!options.yes && !options.dry_run && !IsAtTerminal()) {
         return Refuse("There is no terminal to confirm the changes at; give --yes or --dry-run.");
     }
+    // The agent keeps a key for a minute only, so it gets it again for the commit.
+    if (LendKey(control, options.key) != kExitOk) return Refuse("The command was not started.");
     const DeployClient client(control);
     OpenDeploy deploy;
     Answer answer;

@@ -15,6 +15,7 @@ struct DeployOptions {
     std::string reason;
     bool yes = false;      ///< no question
     bool dry_run = false;  ///< only list
+    std::string key = {};  ///< the file of the private key where it is kept elsewhere
 };
 
 struct PauseOptions {
@@ -23,6 +24,7 @@ struct PauseOptions {
     std::string reason;
     bool accept = false;
     bool restore = false;
+    std::string key = {};
 };
 
 /// The commands on deploys and pauses. Each prints its result to standard output and errors to
@@ -33,7 +35,9 @@ int RunDeploy(const ControlClient& client, const DeployOptions& options);
 
 /// Mounts an overlay for several commands; prints its id and directory.
 int BeginDeploy(const ControlClient& client, const DeployOptions& options);
-int CommitDeploy(const ControlClient& client, const std::string& id, bool yes);
+/// `key` as in DeployOptions.
+int CommitDeploy(const ControlClient& client, const std::string& id, bool yes,
+                 const std::string& key);
 int AbortDeploy(const ControlClient& client, const std::string& id);
 int ListDeploys(const ControlClient& client, bool json);
 

@@ -79,9 +79,13 @@ long PrintStaged(const OpenDeploy& deploy) {
     return static_cast<long>(list.Total());
 }
 
-int CommitAndAwait(const ControlClient& control, const OpenDeploy& deploy) {
+int CommitAndAwait(const ControlClient& control, const OpenDeploy& deploy, const std::string& key) {
     const DeployClient client(control);
     const std::string& id = deploy.id;
+    if (LendKey(control, key) != kExitOk) {
+        client.Ask("abort", id);
+        return Refuse("Nothing was changed.", kExitNotDeployed);
+    }
     const Answer accepted = client.Ask("commit", id);
     if (accepted.kind != Answer::Kind::kAnswered || accepted.status != kOk) {
         return Refused(accepted);

@@ -27,6 +27,6 @@ long PrintStaged(const OpenDeploy& deploy);
 
 /// Has the agent carry the deploy out and blocks until it has, and until a release link that was
 /// switched is followed; returns the exit code.
-int CommitAndAwait(const ControlClient& control, const OpenDeploy& deploy);
+int CommitAndAwait(const ControlClient& control, const OpenDeploy& deploy, const std::string& key);
 
 }  // namespace Ctl

@@ -72,6 +72,7 @@ int ResumeProtection(const ControlClient& control, const PauseOptions& options) 
         DecisionOptions decision;
         decision.action = Decision(options);
         decision.paths = what.paths;
+        if (decision.action == "accept") decision.key = options.key;
         if (decision.action.empty()) return Refuse(kUndecided, kExitDifferences);
         const int decided = Decide(control, decision);
         if (decided != kExitOk) return decided;

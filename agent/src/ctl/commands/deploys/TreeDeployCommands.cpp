@@ -51,14 +51,20 @@ int BeginDeploy(const ControlClient& control, const DeployOptions& options) {
         return Refuse(problem);
     }
     std::cout << deploy.id << "\n" << deploy.plan.directory << "/tree" << std::endl;
-    return kExitOk;
+    if (std::cout) return kExitOk;
+    // Nobody knows its id.
+    client.Ask("abort", deploy.id);
+    Overlay(deploy.plan).DetachTree();
+    return Refuse("Nothing was begun.", kExitFailed);
 }
 
-int CommitDeploy(const ControlClient& control, const std::string& id, bool yes) {
+int CommitDeploy(const ControlClient& control, const std::string& id, bool yes,
+                 const std::string& key) {
     if (::geteuid() != 0) return Refuse(kNeedsRoot);
     if (!yes && !IsAtTerminal()) {
         return Refuse("There is no terminal to confirm the changes at; give --yes.");
     }
+    if (LendKey(control, key) != kExitOk) return Refuse("The deploy stays open.");
     OpenDeploy deploy;
     Answer answer;
     if (!DeployClient(control).Show(id, deploy, answer)) return Refused(answer);
@@ -67,7 +73,7 @@ int CommitDeploy(const ControlClient& control, const std::string& id, bool yes) 
     if (!busy.empty()) return Refuse(busy + " The deploy stays open.", kExitNotDeployed);
     const long changes = PrintStaged(deploy);
     const bool is_wanted = changes == 0 || (changes > 0 && (yes || Confirm("Deploy this?")));
-    if (is_wanted) return CommitAndAwait(control, deploy);
+    if (is_wanted) return CommitAndAwait(control, deploy, key);
     const std::string problem = overlay.MountAtTree();
     if (!problem.empty()) std::cerr << problem << std::endl;
     return Refuse("The deploy stays open.", changes < 0 ? kExitNotDeployed : kExitDeclined);

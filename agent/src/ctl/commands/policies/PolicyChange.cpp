@@ -53,13 +53,14 @@ int PolicyChange::Check() const {
     return answer.body["errors"].empty() ? kExitOk : kExitRejected;
 }
 
-int PolicyChange::Apply() const {
+int PolicyChange::Apply(const std::string& key) const {
     std::string now;
     if (const int failed = ReadText(client_, now); failed != kExitOk) return failed;
     if (now != text_) {
         std::cerr << "The policy was changed meanwhile; nothing was done. Try again." << std::endl;
         return kExitRejected;
     }
+    if (const int unlent = LendKey(client_, key); unlent != kExitOk) return unlent;
     const Answer answer = ApplyPolicyText(client_, kProtectionFeature, policy_.Text());
     if (answer.kind != Answer::Kind::kAnswered) return PrintFailure(answer);
     if (answer.status == kPolicyRefused) {

@@ -26,9 +26,10 @@ class PolicyChange {
     /// Asks the agent what it would say to the policy, and prints its errors and warnings.
     int Check() const;
 
-    /// Applies the policy, unless somebody has applied another one since Read. kExitOff: accepted,
-    /// and the protection is off.
-    int Apply() const;
+    /// Applies the policy, unless somebody has applied another one since Read. `key`: the file of
+    /// the private key where it is kept elsewhere, or empty. kExitOff: accepted, and the protection
+    /// is off.
+    int Apply(const std::string& key) const;
 
   private:
     const ControlClient& client_;

@@ -49,8 +49,9 @@ int PutInto(ProtectionPolicy& policy, const ProtectedEntry& entry) {
     return kExitOk;
 }
 
-int ApplyAndWait(const ControlClient& client, const PolicyChange& change, const ProtectPlan& plan) {
-    const int applied = change.Apply();
+int ApplyAndWait(const ControlClient& client, const PolicyChange& change, const ProtectPlan& plan,
+                 const std::string& key) {
+    const int applied = change.Apply(key);
     if (applied == kExitOff) {
         std::cerr << "The agent took the policy, but the protection is off; see morvanectl status."
                   << std::endl;
@@ -87,7 +88,7 @@ int Protect(const ControlClient& client, const ProtectOptions& options) {
     if (!options.yes) {
         if (const int declined = AskToGoOn(); declined != kExitOk) return declined;
     }
-    return ApplyAndWait(client, change, plan);
+    return ApplyAndWait(client, change, plan, options.key);
 }
 
 }  // namespace Ctl

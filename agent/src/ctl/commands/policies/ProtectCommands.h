@@ -15,11 +15,13 @@ struct ProtectOptions {
     bool report_only = false;
     bool dry_run = false;
     bool yes = false;
+    std::string key = {};  ///< the file of the private key where it is kept elsewhere
 };
 
 struct UnprotectOptions {
     std::string path;
     bool yes = false;
+    std::string key = {};
 };
 
 /// Adds a path to the protection policy, applies it and waits until the path is watched and copied.

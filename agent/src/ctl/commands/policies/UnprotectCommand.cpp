@@ -70,7 +70,7 @@ int Unprotect(const ControlClient& client, const UnprotectOptions& options) {
     if (!options.yes) {
         if (const int declined = AskToGoOn(); declined != kExitOk) return declined;
     }
-    const int applied = change.Apply();
+    const int applied = change.Apply(options.key);
     if (applied != kExitOk && applied != kExitOff) return applied;
     std::cout << Printable(entry->path) << " is no longer protected."
               << (applied == kExitOff ? " Nothing is protected now." : "");
