@@ -182,6 +182,32 @@ void PrintFaults(const std::vector<CopyPlacement::Fault>& faults) {
     if (faults.size() > shown) std::cout << "and " << faults.size() - shown << " more\n";
 }
 
+/// How much has arrived; the display reads it on a thread of its own.
+struct Arrived {
+    std::atomic<std::uint64_t> bytes{0};
+    std::atomic<std::uint64_t> objects{0};
+};
+
+/// A sentence when not all that the server has may have arrived.
+std::string FetchShown(ServerCopies& fetched, const Lost& lost, const Arrived& arrived) {
+    const ProgressDisplay display([&] {
+        return ComparisonProgress{std::min<std::size_t>(arrived.objects, lost.copies.size()),
+                                  lost.copies.size(), arrived.bytes};
+    });
+    return fetched.Fetch(lost.part, lost.copies);
+}
+
+/// Why what has arrived must not be put in place; else empty.
+std::string WhyNotPlaced(const ApprovedStates& states, const Lost& lost, bool has_any) {
+    const Baseline::ManifestInfo& info = lost.part.generation.manifest->Info();
+    const std::string nothing = "Nothing was changed among the copies of " + LiveRoot(info);
+    if (!has_any || IsInterrupted()) return nothing + ".";
+    const unsigned int newest = states.Store().Newest(info.real_path, info.backup_path).number;
+    return newest == lost.part.generation.number
+               ? ""
+               : nothing + ": another state was approved meanwhile.";
+}
+
 /// Fetches and places what one path has lost. kExitOk when all is back.
 int BringBack(const ApprovedStates& states, const BackupServer& server, const Lost& lost) {
     const Baseline::ManifestInfo& info = lost.part.generation.manifest->Info();
@@ -200,32 +226,16 @@ int BringBack(const ApprovedStates& states, const BackupServer& server, const Lo
                                                  ": " + std::strerror(errno) + ".",
                       kExitFailed);
     }
-    std::atomic<std::uint64_t> bytes{0};
-    std::atomic<std::uint64_t> objects{0};
+    Arrived arrived;
     ServerCopies fetched(server, staging.Path(), IsInterrupted,
-                         [&](std::uint64_t new_bytes, std::uint64_t new_objects) {
-                             bytes = new_bytes;
-                             objects = new_objects;
+                         [&](std::uint64_t bytes, std::uint64_t objects) {
+                             arrived.bytes = bytes;
+                             arrived.objects = objects;
                          });
-    std::string problem;
-    {
-        const ProgressDisplay display([&] {
-            return ComparisonProgress{std::min<std::size_t>(objects, lost.copies.size()),
-                                      lost.copies.size(), bytes};
-        });
-        problem = fetched.Fetch(lost.part, lost.copies);
-    }
+    const std::string problem = FetchShown(fetched, lost, arrived);
     if (!problem.empty()) std::cerr << Printable(problem) << std::endl;
-    if (!problem.empty() && !fetched.HasAny() && !IsInterrupted()) {
-        return Refuse("Nothing was changed among the copies of " + LiveRoot(info) + ".",
-                      kExitFailed);
-    }
-    const unsigned int newest = states.Store().Newest(info.real_path, info.backup_path).number;
-    if (newest != lost.part.generation.number || IsInterrupted()) {
-        return Refuse("Nothing was changed among the copies of " + LiveRoot(info) +
-                          (IsInterrupted() ? "." : ": another state was approved meanwhile."),
-                      kExitFailed);
-    }
+    const std::string why = WhyNotPlaced(states, lost, problem.empty() || fetched.HasAny());
+    if (!why.empty()) return Refuse(why, kExitFailed);
     CopyPlacement placement(lost.part, *backup, *made, fetched, IsInterrupted);
     const CopyPlacement::Result result = placement.Place(lost.copies);
     if (result.contents > 0 || result.faults.empty()) Mark(states, info);
