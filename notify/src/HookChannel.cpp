@@ -86,9 +86,10 @@ ChannelPlan PlanHook(const std::string& file, int timeout_seconds) {
     pacing.longest_ms = kLongestMs;
     pacing.most = kMostReports;
     pacing.is_retried = false;
-    return {"hook", file, pacing, [file, timeout_seconds] {
-                return std::make_unique<HookChannel>(file, timeout_seconds);
-            }};
+    return {
+        "hook", file, pacing,
+        [file, timeout_seconds] { return std::make_unique<HookChannel>(file, timeout_seconds); },
+        [file] { return ::access(file.c_str(), F_OK) == 0; }};
 }
 
 }  // namespace Notify

@@ -46,6 +46,7 @@ class NotifierTest : public testing::Test {
                 return status;
             },
             Agent::ChannelWorker::Times{1, 1, 5, 0});
+        if (::access(hook_.c_str(), F_OK) != 0) return;
         ASSERT_TRUE(test::WaitFor(
             [&] { return !test::TempDir::Read(dir_.Path("marks/hook.json")).empty(); }, 10s));
     }
@@ -97,6 +98,17 @@ TEST_F(NotifierTest, Hook_GetsTheUndonePathsOfABurstOnce) {
     EXPECT_EQ(test::TempDir::Read(dir_.Path("paths")),
               std::string("/srv/a\n; touch x\0/srv/b\0", 24));
     EXPECT_EQ(test::TempDir::Read(dir_.Path("runs")), "\n");
+}
+
+TEST_F(NotifierTest, HookThatIsPutThereLater_HearsOfWhatComesThen) {
+    Start({});
+    Raise("/srv/before", "restored");
+    WriteHook("cat >> " + dir_.Path("paths"));
+    ASSERT_TRUE(test::WaitFor(
+        [&] { return !test::TempDir::Read(dir_.Path("marks/hook.json")).empty(); }, 10s));
+    Raise("/srv/after", "restored");
+    ASSERT_TRUE(test::WaitFor([&] { return Channel("hook")["deliveries"] == 1; }, 20s));
+    EXPECT_EQ(test::TempDir::Read(dir_.Path("paths")), std::string("/srv/after\0", 11));
 }
 
 TEST_F(NotifierTest, HookThatOthersMayChange_IsNotRun) {

@@ -5,6 +5,7 @@
 #include <sdk/log/Log.h>
 #include <sdk/log/LoggerUtils.h>
 #include <sdk/time/TimeUtils.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -17,6 +18,7 @@ using SDK::TimeUtils;
 
 namespace {
 
+constexpr int kPagePauseMs = 2;
 constexpr int kPageSize = 64;  ///< small, since a page holds up the alarms that are stored
 /// A larger gap is none: a new store that does not know the last number counts from the time on.
 constexpr long long kMostLost = 1LL << 32;
@@ -38,6 +40,7 @@ ChannelWorker::ChannelWorker(const Notify::ChannelPlan& plan, ReadReports read,
       mark_file_(std::move(mark_file)),
       times_(times),
       pacing_(plan.pacing),
+      is_wanted_(plan.is_wanted),
       channel_(plan.make()),
       pacer_(plan.pacing) {
     status_["channel"] = plan.name;
@@ -95,6 +98,10 @@ int ChannelWorker::Step() {
 
 /// One read or one delivery; returns how long to wait for the next one.
 int ChannelWorker::Advance() {
+    if (is_wanted_ && !is_wanted_()) {
+        Forget();
+        return times_.poll_ms;
+    }
     if (!is_begun_ && !Begin()) return times_.poll_ms;
     const long long now_ms = TimeUtils::GetMonotonicMs();
     if (retry_ms_ > 0 && now_ms < retry_at_ms_) return static_cast<int>(retry_at_ms_ - now_ms);
@@ -105,7 +112,17 @@ int ChannelWorker::Advance() {
         Deliver();
         return 0;
     }
-    return has_more ? 0 : times_.poll_ms;
+    // The pause lets the alarms pass that wait for the store.
+    return has_more ? std::min(kPagePauseMs, times_.poll_ms) : times_.poll_ms;
+}
+
+/// Begins at the end of the store when it is wanted again.
+void ChannelWorker::Forget() {
+    if (is_begun_ || !is_forgotten_) ::unlink(mark_file_.c_str());
+    is_forgotten_ = true;
+    is_begun_ = false;
+    channel_->Clear();
+    pacer_ = Notify::Pacer(pacing_);
 }
 
 /// A new channel begins at the end of the store: nobody wants to hear of all that was before.

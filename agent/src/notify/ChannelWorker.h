@@ -51,6 +51,7 @@ class ChannelWorker {
     int Step();
     int Advance();
     bool Begin();
+    void Forget();
     bool Collect();
     bool TakePage(const Json::Value& answer);
     void CountLost(const Json::Value& answer);
@@ -65,13 +66,15 @@ class ChannelWorker {
     const std::string mark_file_;
     const Times times_;
     const Notify::Pacing pacing_;
+    const std::function<bool()> is_wanted_;  ///< may be null
 
     // The thread's own.
     const std::unique_ptr<Notify::Channel> channel_;
     Notify::Pacer pacer_;
     ChannelMark mark_;
     bool is_begun_ = false;
-    long long position_ = 0;  ///< the last report that was read
+    bool is_forgotten_ = false;  ///< the mark was removed while nobody wanted deliveries
+    long long position_ = 0;     ///< the last report that was read
     long long retry_at_ms_ = 0;
     int retry_ms_ = 0;  ///< 0: the last delivery did not fail
     bool is_mark_unwritable_ = false;

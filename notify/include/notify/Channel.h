@@ -44,6 +44,8 @@ struct ChannelPlan {
     std::string to;    ///< for people; without secrets
     Pacing pacing;
     std::function<std::unique_ptr<Channel>()> make;
+    /// Whether anybody wants deliveries now; the channel reads nothing meanwhile. Null: always.
+    std::function<bool()> is_wanted = nullptr;
 };
 
 /// Answers the protected paths, which hold incidents together. Any thread.

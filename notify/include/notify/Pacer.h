@@ -49,7 +49,7 @@ class Pacer {
     void SetTimes(std::deque<long long> times) { times_ = std::move(times); }
 
   private:
-    const Pacing pacing_;
+    Pacing pacing_;
     std::size_t count_ = 0;
     long long first_raised_ms_ = 0;
     long long first_ms_ = 0;
