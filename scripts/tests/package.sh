@@ -189,7 +189,10 @@ run_inside() {
 }
 
 main() {
-    [[ ${3:-} != inside ]] || { run_inside && return; }
+    if [[ ${3:-} == inside ]]; then
+        run_inside
+        return
+    fi
     rm -rf --one-file-system "$FOLDER"
     enter_machine "$0" "$PACKAGES" "$FOLDER" inside
 }
