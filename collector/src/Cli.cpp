@@ -61,6 +61,25 @@ void DefinePolicy(CLI::App& app, Arguments& args, Command& chosen) {
     Define(publish, chosen, PublishPolicy);
 }
 
+void DefineUsers(CLI::App& app, Arguments& args, Command& chosen) {
+    CLI::App* user = app.add_subcommand("user", "Say who may use the console");
+    user->require_subcommand(1)->fallthrough();
+    CLI::App* add = user->add_subcommand(
+        "add", "Add a user, or change role and password: the first line of stdin, or typed");
+    add->add_option("--role", args.role, "viewer: look; operator: decide; admin: everything")
+        ->check(CLI::IsMember({"viewer", "operator", "admin"}));
+    CLI::App* remove = user->add_subcommand("remove", "Remove a user");
+    CLI::App* totp = user->add_subcommand(
+        "totp", "Ask a user for a code as well: prints the secret for the user's phone");
+    for (CLI::App* one : {add, remove, totp}) {
+        one->add_option("NAME", args.user, "Name of the user")->required();
+    }
+    Define(add, chosen, AddUser);
+    Define(remove, chosen, RemoveUser);
+    Define(totp, chosen, MakeTotp);
+    Define(user->add_subcommand("list", "List the users and their last logins"), chosen, ListUsers);
+}
+
 void DefineAll(CLI::App& app, Arguments& args, Command& chosen) {
     app.require_subcommand(1)->fallthrough();
     app.set_version_flag("--version", std::string("sentrel_collector ") + SENTREL_VERSION);
@@ -76,6 +95,7 @@ void DefineAll(CLI::App& app, Arguments& args, Command& chosen) {
     Define(status, chosen, ShowStatus);
     DefineLists(app, args, chosen);
     DefinePolicy(app, args, chosen);
+    DefineUsers(app, args, chosen);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // Owns the listening socket and the threads. It must not read requests (RequestHandler does).
 #include "console/ConsoleServer.h"
 
+#include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
 #include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/ThreadPool.h>
 #include <fcntl.h>
@@ -42,13 +44,16 @@ class ConsoleServer::Impl {
           pool_("console", kMinThreads, kMaxThreads) {}
 
     void Start() {
-        Poco::Net::ServerSocket socket;
+        Poco::Net::ServerSocket socket = NewSocket();
         socket.bind(Poco::Net::SocketAddress(options_.address, options_.port), true);
         ::fcntl(socket.impl()->sockfd(), F_SETFD, FD_CLOEXEC);
         socket.listen(kMaxQueued);
         const std::string port = std::to_string(socket.address().port());
-        state_.authority = options_.address + ":" + port;
-        state_.local_authority = "localhost:" + port;
+        state_.names = options_.names;
+        state_.names.push_back(options_.address + ":" + port);
+        state_.names.push_back("localhost:" + port);
+        state_.scheme = options_.certificate.empty() ? "http" : "https";
+        url_ = state_.scheme + "://" + options_.address + ":" + port;
         Poco::Net::HTTPServerParams::Ptr params = new Poco::Net::HTTPServerParams;
         params->setTimeout(Poco::Timespan(kTimeoutSeconds, 0));
         params->setMaxThreads(kMaxThreads);
@@ -67,11 +72,24 @@ class ConsoleServer::Impl {
         pool_.joinAll();
     }
 
-    const std::string& Authority() const { return state_.authority; }
+    const std::string& Url() const { return url_; }
 
   private:
+    Poco::Net::ServerSocket NewSocket() const {
+        if (options_.certificate.empty()) return Poco::Net::ServerSocket();
+        Poco::Net::Context::Params params;
+        params.certificateFile = options_.certificate;
+        params.privateKeyFile = options_.key;
+        params.verificationMode = Poco::Net::Context::VERIFY_NONE;  // of clients
+        Poco::Net::Context::Ptr context =
+            new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, params);
+        context->requireMinimumProtocol(Poco::Net::Context::PROTO_TLSV1_2);
+        return Poco::Net::SecureServerSocket(context);
+    }
+
     const Options options_;
     ServerState state_;
+    std::string url_;
     Poco::ThreadPool pool_;
     std::unique_ptr<Poco::Net::HTTPServer> server_;
 };
@@ -98,7 +116,7 @@ void ConsoleServer::Stop() {
 }
 
 std::string ConsoleServer::Url() const {
-    return "http://" + impl_->Authority();
+    return impl_->Url();
 }
 
 }  // namespace Console

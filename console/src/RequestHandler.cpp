@@ -101,9 +101,10 @@ std::string CookieOf(const HTTPServerRequest& request) {
     return cookies.get(kCookie, "");
 }
 
-void SetCookie(HTTPServerResponse& response, const std::string& value) {
+void SetCookie(HTTPServerResponse& response, const std::string& value, bool is_secure) {
     Poco::Net::HTTPCookie cookie(kCookie, value);
     cookie.setHttpOnly(true);
+    cookie.setSecure(is_secure);
     cookie.setPath("/");
     cookie.setSameSite(Poco::Net::HTTPCookie::SAME_SITE_STRICT);
     response.addCookie(cookie);
@@ -163,12 +164,12 @@ void RequestHandler::handleRequest(HTTPServerRequest& request, HTTPServerRespons
 
 bool RequestHandler::IsForUs(const HTTPServerRequest& request) const {
     const std::string host = request.get("Host", "");
-    return host == state_.authority || host == state_.local_authority;
+    return std::find(state_.names.begin(), state_.names.end(), host) != state_.names.end();
 }
 
 bool RequestHandler::IsFromOurPage(const HTTPServerRequest& request) const {
     const std::string origin = request.get("Origin", "");
-    return origin.empty() || origin == "http://" + request.get("Host", "");
+    return origin.empty() || origin == state_.scheme + "://" + request.get("Host", "");
 }
 
 void RequestHandler::SendPage(const std::string& path, HTTPServerResponse& response) const {
@@ -196,7 +197,11 @@ Reply RequestHandler::AnswerApi(HTTPServerRequest& request, HTTPServerResponse& 
     }
     if (is_change && path == std::vector<std::string>{"login"}) return LogIn(request, response);
     const std::string cookie = CookieOf(request);
-    const auto session = state_.sessions.Find(cookie);
+    auto session = state_.sessions.Find(cookie);
+    if (session && !state_.access.MayGoOn(session->user)) {
+        state_.sessions.End(cookie);
+        session.reset();
+    }
     if (path == std::vector<std::string>{"session"}) return Describe(session);
     if (!session) return ErrorReply(kNotLoggedIn, "Log in first.");
     if (is_change) {
@@ -207,7 +212,7 @@ Reply RequestHandler::AnswerApi(HTTPServerRequest& request, HTTPServerResponse& 
     }
     if (is_change && path == std::vector<std::string>{"logout"}) {
         state_.sessions.End(cookie);
-        SetCookie(response, "");
+        SetCookie(response, "", IsSecure());
         return {};
     }
     for (const auto& [name, value] : Poco::URI(request.getURI()).getQueryParameters()) {
@@ -223,7 +228,7 @@ Reply RequestHandler::LogIn(HTTPServerRequest& request, HTTPServerResponse& resp
     const std::optional<User> user = state_.access.LogIn(credentials);
     if (!user) return ErrorReply(kNotLoggedIn, "This is not valid, or no longer.");
     const std::string id = state_.sessions.Begin(*user);
-    SetCookie(response, id);
+    SetCookie(response, id, IsSecure());
     return Describe(state_.sessions.Find(id));
 }
 

@@ -23,9 +23,8 @@ struct ServerState {
     Access& access;
     Backend& backend;
     Sessions sessions;
-    std::string authority;  ///< "127.0.0.1:41234": what the Host header must say
-    /// The other name that a browser on the same machine may use.
-    std::string local_authority;
+    std::vector<std::string> names;  ///< what the Host header may say
+    std::string scheme;              ///< "http" or "https"
 };
 
 /// Answers one HTTP request. For one use.
@@ -37,6 +36,7 @@ class RequestHandler : public Poco::Net::HTTPRequestHandler {
                        Poco::Net::HTTPServerResponse& response) override;
 
   private:
+    bool IsSecure() const { return state_.scheme == "https"; }
     bool IsForUs(const Poco::Net::HTTPServerRequest& request) const;
     bool IsFromOurPage(const Poco::Net::HTTPServerRequest& request) const;
     void SendPage(const std::string& path, Poco::Net::HTTPServerResponse& response) const;

@@ -5,6 +5,7 @@ import {show_hosts} from "./hosts.js";
 import {show_host} from "./host.js";
 import {show_incident} from "./incident.js";
 import {show_policies} from "./policies.js";
+import {show_events, show_results, show_acts} from "./fleet.js";
 
 const main = document.getElementById("main");
 let session = null;
@@ -12,6 +13,9 @@ let shown = {};          // the page: {refresh} takes news
 let turn = 0;            // counts addresses, so that a late answer does not replace a newer page
 
 const pages = [
+  {pattern: /^#\/events$/, show: show_events},
+  {pattern: /^#\/results$/, show: show_results},
+  {pattern: /^#\/acts$/, show: show_acts},
   {pattern: /^#\/host\/([^/]+)$/, show: (id) => show_host(session, decodeURIComponent(id))},
   {pattern: /^#\/host\/([^/]+)\/incident\/(\d+)$/, show: (id, number) => show_incident(session, decodeURIComponent(id), number)},
   {pattern: /^#\/host\/([^/]+)\/policies$/, show: (id) => show_policies(session, decodeURIComponent(id))},
@@ -37,6 +41,10 @@ async function show(is_move) {
     if (own !== turn) return;
     shown = page;
     main.replaceChildren(...page.content);
+    for (const link of document.querySelectorAll("#pages a")) {
+      if (link.hash === location.hash || (link.hash === "#/" && location.hash === "")) link.setAttribute("aria-current", "page");
+      else link.removeAttribute("aria-current");
+    }
     document.title = page.title ? `${page.title} · Sentrel` : "Sentrel";
   } catch (problem) {
     if (own !== turn) return;
@@ -47,9 +55,30 @@ async function show(is_move) {
   if (is_move) main.focus();
 }
 
-function ask_to_log_in() {
+/** Name, password and, where the user has one, a code. */
+function login_form() {
+  const field = (name, type, text, complete) => [element("label", {for: name}, text),
+    element("input", {id: name, name, type, autocomplete: complete, autocapitalize: "none", spellcheck: "false"})];
+  const end = element("p", {class: "error", role: "alert"});
+  const form = element("form", {onsubmit: async (event) => {
+    event.preventDefault();
+    const value = (name) => form.elements[name].value;
+    try {
+      await api.log_in({user: value("user"), password: value("password"), code: value("code").replace(/\s/g, "")});
+      await begin();
+    } catch (problem) {
+      end.textContent = problem.message;
+    }
+  }}, field("user", "text", "User", "username"), field("password", "password", "Password", "current-password"),
+  field("code", "text", "Code, if you have a second factor", "one-time-code"), element("p", {}, element("button", {class: "main"}, "Log in")), end);
+  return form;
+}
+
+async function ask_to_log_in() {
   session = null;
   document.getElementById("who").replaceChildren();
+  const {access} = await api.session().catch(() => ({}));
+  if (access === "password") return main.replaceChildren(element("h1", {}, "Log in"), login_form());
   main.replaceChildren(element("h1", {}, "You are not logged in"),
     element("p", {}, "Start ", element("code", {}, "morvanectl console"), " and open the address that it prints. Each address is good once."));
 }
@@ -59,6 +88,13 @@ async function log_in_by_address() {
   if (!match) return;
   history.replaceState(null, "", "/#/");
   await api.log_in({token: match[1]});
+}
+
+/** A fleet has pages beside its hosts. */
+function show_pages() {
+  const links = session.mode !== "fleet" ? [] : [["#/", "Hosts"], ["#/events", "Events"], ["#/results", "Policies"],
+    ...(session.role === "admin" ? [["#/acts", "Audit log"]] : [])];
+  document.getElementById("pages").replaceChildren(...links.map(([href, text]) => element("a", {href}, text)));
 }
 
 function show_user() {
@@ -89,15 +125,20 @@ document.getElementById("skip").addEventListener("click", (event) => {
   main.focus();
 });
 
-try {
-  await log_in_by_address();
+async function begin() {
   session = await api.session();
   if (!session.logged_in) throw new api.NotLoggedIn();
   show_user();
-  addEventListener("hashchange", () => show(true));
+  show_pages();
   await show(false);
   follow();
+}
+
+addEventListener("hashchange", () => { if (session !== null) show(true); });
+try {
+  await log_in_by_address();
+  await begin();
 } catch (problem) {
-  ask_to_log_in();
+  await ask_to_log_in();
   if (!(problem instanceof api.NotLoggedIn) || problem.message) main.append(failure(problem));
 }

@@ -34,7 +34,7 @@ function path_card(session, host, path, pause) {
     element("div", {class: "headline"}, element("h3", {}, printable(path.path)), state_of(path)),
     pause ? element("p", {}, badge("Paused", "warn"), " until ", moment(pause.until * second), pause.reason ? [": ", printable(pause.reason)] : "") : null,
     told_of(path),
-    element("div", {class: "acts"},
+    session.mode === "fleet" ? null : element("div", {class: "acts"},
       element("button", {onclick: () => decisions.verify(session, host, path)}, "Verify"),
       act("Roll back…", decisions.roll_back),
       pause ? act("Resume…", decisions.resume) : act("Pause…", decisions.pause)));
@@ -65,7 +65,7 @@ export async function show_host(session, id) {
       element("h2", {}, "Incidents"), incidents,
       element("h2", {}, "How fast changes were undone"), chart,
       element("h2", {}, "Agent"),
-      element("p", {}, `Version ${answer.host.version}, identity ${answer.host.id}. `, element("a", {href: host_address(id, "policies")}, "Policies"))],
+      element("p", {}, `Version ${answer.host.version}, identity ${answer.host.id}. `, session.mode === "fleet" ? null : element("a", {href: host_address(id, "policies")}, "Policies"))],
     refresh: async () => {
       [answer, list, latency] = await load();
       const held = document.activeElement?.closest("a, button")?.textContent;

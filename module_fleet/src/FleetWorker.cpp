@@ -37,6 +37,8 @@ constexpr std::int64_t kLastedMs = 5'000;
 constexpr std::chrono::milliseconds kLookupPass{20};
 constexpr Json::ArrayIndex kMostReasons = 20;
 constexpr std::size_t kMostReasonBytes = 300;
+constexpr Json::ArrayIndex kMostPaths = 8;
+constexpr std::size_t kMostPathBytes = 300;
 
 bool Ask(const char* query, const Json::Value& request, Json::Value& answer) {
     return Framework::Engine::Instance().Queries().Ask(query, request, answer) && answer.isObject();
@@ -62,6 +64,31 @@ Json::Value ShortHealth(const Json::Value& health) {
         brief["reasons"].append(item);
     }
     return brief;
+}
+
+/// The first protected paths, and of each what the centre shows.
+Json::Value ShortPaths(const Json::Value& paths) {
+    Json::Value list(Json::arrayValue);
+    if (!paths.isArray()) return list;
+    for (const Json::Value& path : paths) {
+        if (list.size() >= kMostPaths) break;
+        Json::Value item(Json::objectValue);
+        for (const char* key : {"path", "backup_path", "problem"}) {
+            item[key] = JsonUtils::GetStringValue(path, key, "").substr(0, kMostPathBytes);
+        }
+        for (const char* key :
+             {"state", "auto_restore", "watched_directories", "held", "last_local_backup"}) {
+            item[key] = path[key];
+        }
+        for (const char* key : {"generation", "approved_at", "approval"}) {
+            if (path["baseline"].isObject()) item["baseline"][key] = path["baseline"][key];
+        }
+        for (const char* key : {"ended_at", "objects"}) {
+            if (path["last_look"].isObject()) item["last_look"][key] = path["last_look"][key];
+        }
+        list.append(std::move(item));
+    }
+    return list;
 }
 
 void TellLoss(std::int64_t count, std::int64_t seq) {
@@ -232,6 +259,9 @@ void FleetWorker::PublishState(std::int64_t now_ms) {
     state["host"] = HostName();
     state["version"] = JsonUtils::GetStringValue(agent, "version", "");
     state["health"] = ShortHealth(agent["health"]);
+    state["protected_paths"] = ShortPaths(agent["protected_paths"]);
+    const Json::Value& undone = agent["protection"]["last_undone"];
+    state["last_undone_ms"] = Json::Int64{undone.isInt64() ? undone.asInt64() * 1000 : 0};
     state["heartbeat_seconds"] = settings_.heartbeat_s;
     state["reports"]["last_seq"] = Json::Int64{reports.last_seq};
     state["reports"]["acknowledged"] = Json::Int64{reports.acknowledged};

@@ -37,6 +37,44 @@ bool TakeNumber(const NumberKey& key, const Json::Value& value, CollectorSetting
     return true;
 }
 
+bool TakeNames(const Json::Value& value, std::vector<std::string>& names) {
+    if (!value.isArray()) return false;
+    for (const Json::Value& name : value) {
+        if (!name.isString() || name.asString().empty()) return false;
+        names.push_back(name.asString());
+    }
+    return true;
+}
+
+bool TakeConsole(const std::string& name, const Json::Value& value, ConsoleSettings& console) {
+    constexpr int kMostPort = 65535;
+    if (name == "port") {
+        if (!value.isInt() || value.asInt() < 1 || value.asInt() > kMostPort) return false;
+        console.port = value.asInt();
+        return true;
+    }
+    if (name == "names") return TakeNames(value, console.names);
+    std::string* const text = name == "address"       ? &console.address
+                              : name == "certificate" ? &console.certificate
+                              : name == "key"         ? &console.key
+                                                      : nullptr;
+    if (text == nullptr || !value.isString() || value.asString().empty()) return false;
+    *text = value.asString();
+    return true;
+}
+
+/// Passwords cross no network in the clear.
+bool TakeConsole(const Json::Value& object, ConsoleSettings& console, std::string& fault) {
+    fault = "must be an object with port, address, certificate, key and names";
+    if (!object.isObject()) return false;
+    for (const std::string& name : object.getMemberNames()) {
+        if (!TakeConsole(name, object[name], console)) return false;
+    }
+    fault = "needs a port, and a certificate with its key unless the address is 127.0.0.1";
+    return console.port > 0 && console.certificate.empty() == console.key.empty() &&
+           (!console.certificate.empty() || console.address == "127.0.0.1");
+}
+
 bool Take(const std::string& name, const Json::Value& value, CollectorSettings& settings,
           std::string& fault) {
     for (const NumberKey& key : kNumberKeys) {
@@ -49,6 +87,7 @@ bool Take(const std::string& name, const Json::Value& value, CollectorSettings& 
         settings.database = value.asString();
         return true;
     }
+    if (name == "console") return TakeConsole(value, settings.console, fault);
     if (name == "group") {
         fault = "must be made of letters, digits, \"_\", \"-\" and \".\"";
         if (!value.isString() || !Fleet::IsLeaf(value.asString())) return false;

@@ -4,16 +4,27 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace Collector {
 
 constexpr const char* kDefaultConfig = "/etc/sentrel-collector/collector.json";
+
+/// The console; off without a port.
+struct ConsoleSettings {
+    std::string address = "127.0.0.1";
+    int port = 0;
+    std::string certificate;  ///< PEM file with its chain; with `key`. Empty: only on this host
+    std::string key;
+    std::vector<std::string> names;  ///< how browsers call it, such as "fleet.example:8443"
+};
 
 /// The configuration of the collector.
 struct CollectorSettings {
     Fleet::BrokerSettings broker;
     std::string database = "/var/lib/sentrel-collector/fleet.db";
     std::string group = "collectors";  ///< of the shared subscription
+    ConsoleSettings console;
     int silent_after_s = 45;
     int keep_days = 90;
     int max_megabytes_per_host = 64;  ///< of bodies; the oldest reports of a host go first

@@ -34,6 +34,7 @@ struct Arguments {
     bool all_hosts = false;
     std::string user;
     std::string password_file;
+    std::string role = "viewer";
 };
 
 // Each command prints to standard output, its errors to standard error, and returns the exit code.
@@ -57,6 +58,16 @@ int SignPolicy(const Arguments& arguments);
 
 /// Publishes signed documents to hosts.
 int PublishPolicy(const Arguments& arguments);
+
+// Users of the console, of whom --database or the configuration has the records.
+
+/// Adds a user, or gives one another role and password, which is the first line of standard input
+/// or typed at the terminal.
+int AddUser(const Arguments& arguments);
+int ListUsers(const Arguments& arguments);
+int RemoveUser(const Arguments& arguments);
+/// Gives the user a second factor and prints what the phone needs.
+int MakeTotp(const Arguments& arguments);
 
 /// Says `text` on standard error; kExitFailed.
 int Fail(const std::string& text);

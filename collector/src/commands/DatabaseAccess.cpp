@@ -9,8 +9,8 @@ int Fail(const std::string& text) {
     return kExitFailed;
 }
 
-bool OpenDatabase(const Arguments& arguments, FleetStore& store) {
-    std::string path = arguments.database;
+bool FindDatabase(const Arguments& arguments, std::string& path) {
+    path = arguments.database;
     if (path.empty()) {
         CollectorSettings settings;
         std::string error;
@@ -20,6 +20,12 @@ bool OpenDatabase(const Arguments& arguments, FleetStore& store) {
         }
         path = settings.database;
     }
+    return true;
+}
+
+bool OpenDatabase(const Arguments& arguments, FleetStore& store) {
+    std::string path;
+    if (!FindDatabase(arguments, path)) return false;
     if (store.OpenExisting(path)) return true;
     Fail("cannot read the database " + path + ": " + store.Error());
     return false;

@@ -1,9 +1,15 @@
 #pragma once
 
+#include <string>
+
 #include "commands/Commands.h"
 #include "store/FleetStore.h"
 
 namespace Collector {
+
+/// The path of the database that the arguments or their configuration name. False: said on standard
+/// error.
+bool FindDatabase(const Arguments& arguments, std::string& path);
 
 /// Opens the database that the arguments or their configuration name. False: said on standard
 /// error.

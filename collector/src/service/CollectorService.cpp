@@ -34,6 +34,10 @@ std::int64_t EpochMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
+std::int64_t NowSeconds() {
+    return EpochMs() / 1000;
+}
+
 std::int64_t MonotonicMs() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
@@ -59,12 +63,15 @@ std::string ClientId() {
 }  // namespace
 
 CollectorService::CollectorService(CollectorSettings settings)
-    : settings_(std::move(settings)), intake_(store_, settings_), retry_ms_(kFirstRetryMs) {}
+    : settings_(std::move(settings)),
+      intake_(store_, settings_),
+      access_(NowSeconds),
+      retry_ms_(kFirstRetryMs) {}
 
 int CollectorService::Run() {
     ::umask(027);
     signals_ = StopSignals();
-    if (!OpenStore()) return 1;
+    if (!OpenStore() || !StartConsole()) return 1;
     Log(Severity::kNotice, "the collector starts; database " + settings_.database);
     ::sd_notify(0, "READY=1");
     do {
@@ -75,6 +82,7 @@ int CollectorService::Run() {
         SayAlive();
     } while (!Stopped(retry_ms_));
     ::sd_notify(0, "STOPPING=1");
+    console_.reset();
     store_.SetFact(kAliveFact, 0);
     Log(Severity::kNotice, "the collector stops");
     return 0;
@@ -83,6 +91,25 @@ int CollectorService::Run() {
 bool CollectorService::OpenStore() {
     if (store_.Open(settings_.database) && intake_.Load()) return true;
     Log(Severity::kError, "cannot use the database " + settings_.database + ": " + store_.Error());
+    return false;
+}
+
+bool CollectorService::StartConsole() {
+    if (settings_.console.port == 0) return true;
+    Console::ConsoleServer::Options options;
+    options.address = settings_.console.address;
+    options.port = static_cast<unsigned short>(settings_.console.port);
+    options.certificate = settings_.console.certificate;
+    options.key = settings_.console.key;
+    options.names = settings_.console.names;
+    console_ = std::make_unique<Console::ConsoleServer>(options, access_, backend_);
+    std::string error;
+    if (access_.Open(settings_.database) && backend_.Open(settings_.database, error) &&
+        console_->Start(error)) {
+        Log(Severity::kNotice, "the console is at " + console_->Url());
+        return true;
+    }
+    Log(Severity::kError, "the console cannot start: " + error);
     return false;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <console/ConsoleServer.h>
 #include <fleet/BrokerClient.h>
 #include <sdk/files/FileDescriptor.h>
 
@@ -9,6 +10,8 @@
 #include <vector>
 
 #include "base/CollectorSettings.h"
+#include "console/FleetBackend.h"
+#include "console/UserAccess.h"
 #include "service/Intake.h"
 #include "store/FleetStore.h"
 
@@ -19,7 +22,8 @@ constexpr const char* kAliveFact = "alive_ms";
 constexpr const char* kListeningFact = "listening_ms";  ///< 0: no connection to the broker
 constexpr std::int64_t kAliveEveryMs = 5'000;
 
-/// The service: one connection to the broker, one database, one thread.
+/// The service: one connection to the broker and one database on one thread, and the console on
+/// threads of its own.
 class CollectorService {
   public:
     explicit CollectorService(CollectorSettings settings);
@@ -29,6 +33,7 @@ class CollectorService {
 
   private:
     bool OpenStore();
+    bool StartConsole();
     void RunConnection();
     bool Begin(std::string& error);
     bool Listen();
@@ -42,6 +47,9 @@ class CollectorService {
     const CollectorSettings settings_;
     FleetStore store_;
     Intake intake_;
+    UserAccess access_;
+    FleetBackend backend_;
+    std::unique_ptr<Console::ConsoleServer> console_;
     SDK::FileDescriptor signals_;
     std::unique_ptr<Fleet::BrokerClient> broker_;
     bool listening_ = false;

@@ -7,7 +7,7 @@ namespace Collector {
 /// The steps from one version of the schema to the next; the database knows its version
 /// (user_version). A step that was released is never changed. Plain types, so that another
 /// database can have the same schema.
-constexpr std::array<const char*, 1> kSchemaSteps{{
+constexpr std::array<const char*, 2> kSchemaSteps{{
     "CREATE TABLE hosts("
     "id INTEGER PRIMARY KEY, agent_id TEXT NOT NULL UNIQUE, stream TEXT NOT NULL,"
     "epoch INTEGER NOT NULL, acknowledged INTEGER NOT NULL, bytes INTEGER NOT NULL,"
@@ -27,6 +27,11 @@ constexpr std::array<const char*, 1> kSchemaSteps{{
     "host_id INTEGER NOT NULL, feature TEXT NOT NULL, time_ms INTEGER NOT NULL,"
     "result TEXT NOT NULL, PRIMARY KEY(host_id, feature));"
     "CREATE TABLE facts(name TEXT PRIMARY KEY, value INTEGER NOT NULL);",
+    "CREATE TABLE users("
+    "name TEXT PRIMARY KEY, role TEXT NOT NULL, password TEXT NOT NULL, totp TEXT NOT NULL,"
+    "totp_step INTEGER NOT NULL, last_login_ms INTEGER NOT NULL);"
+    "CREATE TABLE acts("
+    "id INTEGER PRIMARY KEY, time_ms INTEGER NOT NULL, user TEXT NOT NULL, act TEXT NOT NULL);",
 }};
 
 }  // namespace Collector

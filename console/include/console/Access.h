@@ -21,6 +21,10 @@ class Access {
 
     /// The user whom the page's credentials (any JSON) belong to. Thread-safe; must not throw.
     virtual std::optional<User> LogIn(const Json::Value& credentials) = 0;
+
+    /// A user who logged in earlier may go on. Asked for every request. Thread-safe; must not
+    /// throw.
+    virtual bool MayGoOn(const User& user) = 0;
 };
 
 /// Lets one browser in, with a random token that is good once and for a limited time.
@@ -31,6 +35,7 @@ class OneTimeToken : public Access {
     const std::string& Token() const { return token_; }
 
     std::string Kind() const override { return "token"; }
+    bool MayGoOn(const User&) override { return true; }
     /// Takes {"token": TEXT}.
     std::optional<User> LogIn(const Json::Value& credentials) override;
 

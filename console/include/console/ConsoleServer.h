@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "console/Access.h"
 #include "console/Backend.h"
@@ -17,6 +18,11 @@ class ConsoleServer {
     struct Options {
         std::string address = "127.0.0.1";
         unsigned short port = 0;  ///< 0: a free one
+        /// PEM files of the certificate with its chain and of its key; empty: no TLS.
+        std::string certificate = {};
+        std::string key = {};
+        /// What browsers may call the server besides, such as "fleet.example:8443".
+        std::vector<std::string> names = {};
         /// After so long without a request a browser must log in again.
         std::chrono::seconds idle_limit = std::chrono::hours(1);
     };
@@ -33,7 +39,7 @@ class ConsoleServer {
     /// Ends the requests under way.
     void Stop();
 
-    /// "http://127.0.0.1:41234"; after Start.
+    /// "http://127.0.0.1:41234", or https; after Start.
     std::string Url() const;
 
   private:

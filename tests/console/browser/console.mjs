@@ -3,12 +3,9 @@
 import assert from "node:assert/strict";
 import {spawn} from "node:child_process";
 import fs from "node:fs";
-import {createRequire} from "node:module";
-import {chromium} from "playwright-core";
+import {open_browser, pictures} from "./browser.mjs";
 
 const [morvanectl, site] = process.argv.slice(2);
-const pictures = process.env.SENTREL_PICTURES;
-const axe = fs.readFileSync(createRequire(import.meta.url).resolve("axe-core/axe.min.js"), "utf8");
 const deadline = 60_000;
 
 function start_console() {
@@ -24,31 +21,7 @@ function start_console() {
 }
 
 const {program, url} = await start_console();
-const browser = await chromium.launch({executablePath: "/usr/bin/chromium", args: ["--no-sandbox", "--disable-gpu",
-  "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update", "--disable-sync"]});
-// The program's policy against foreign scripts would also keep axe out.
-const context = await browser.newContext({viewport: {width: 1200, height: 900}, bypassCSP: true, acceptDownloads: true});
-const page = await context.newPage();
-page.setDefaultTimeout(deadline);
-const faults = [];
-page.on("pageerror", (error) => faults.push(error.message));
-page.on("console", (message) => { if (message.type() === "error") faults.push(message.text()); });
-
-async function looks_good(name) {
-  for (const scheme of ["light", "dark"]) {
-    await page.emulateMedia({colorScheme: scheme});
-    for (const [device, size] of [["desktop", {width: 1200, height: 900}], ["phone", {width: 360, height: 740}]]) {
-      await page.setViewportSize(size);
-      if (pictures) await page.screenshot({path: `${pictures}/${name}-${device}-${scheme}.png`, fullPage: true});
-      const wide = await page.evaluate(() => document.documentElement.scrollWidth - innerWidth);
-      assert.ok(wide <= 0, `${name} on a ${device} is ${wide} pixels too wide`);
-      await page.evaluate(axe);
-      const {violations} = await page.evaluate(() => window.axe.run());
-      assert.deepEqual(violations.map((one) => `${one.id}: ${one.nodes[0].html}`), [], `${name}, ${device}, ${scheme}`);
-    }
-  }
-  await page.setViewportSize({width: 1200, height: 900});
-}
+const {browser, page, faults, looks_good, tab_to} = await open_browser();
 
 const write = (name, text) => fs.writeFileSync(`${site}/${name}`, text);
 const read = (name) => fs.readFileSync(`${site}/${name}`, "utf8");
@@ -56,14 +29,6 @@ async function becomes(name, text) {
   const end = Date.now() + deadline;
   while (read(name) !== text && Date.now() < end) await new Promise((resolve) => setTimeout(resolve, 20));
   assert.equal(read(name), text);
-}
-/** Presses Tab until the element with that text has the focus. */
-async function tab_to(text) {
-  for (let presses = 0; presses < 60; ++presses) {
-    await page.keyboard.press("Tab");
-    if (await page.evaluate((wanted) => document.activeElement?.textContent.includes(wanted), text)) return;
-  }
-  assert.fail(`${text} cannot be reached by the keyboard`);
 }
 const dialog = page.locator("dialog");
 

@@ -1,6 +1,7 @@
 // Owns the addresses of the console of one host. It must not know HTTP, sessions or the page.
 #include "ctl/console/HostBackend.h"
 
+#include <console/AlarmViews.h>
 #include <evidence/EvidenceStore.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/text/JsonUtils.h>
@@ -14,7 +15,6 @@
 #include <utility>
 
 #include "ctl/baselines/ApprovedStates.h"
-#include "ctl/console/HostAlarms.h"
 
 namespace Ctl {
 
@@ -25,6 +25,7 @@ using SDK::JsonUtils;
 
 namespace {
 
+constexpr char kNewestAlarms[] = "/v1/reports?kind=alarm&limit=1000";
 constexpr int kTimeoutS = 60;
 constexpr int kNewsWaits = 10;
 constexpr int kNewsWaitMs = 2000;
@@ -174,19 +175,15 @@ Reply HostBackend::Look(const Request&, const std::vector<std::string>& what) {
 Reply HostBackend::LookAtAlarms(const std::vector<std::string>& what) const {
     const Answer status = client_.Get("/v1/status");
     if (status.kind != Answer::Kind::kAnswered) return FromAgent(status);
-    const HostAlarms alarms(client_, RootsOf(status.body));
-    std::string error;
-    Json::Value found;
-    if (what[0] == "latency") {
-        found = alarms.Latency(error);
-    } else if (what.size() == 1) {
-        found = alarms.Incidents(error);
-    } else if (what.size() == 2 && IsNumber(what[1])) {
-        found = alarms.Incident(std::atoll(what[1].c_str()), error);
-    } else {
-        return NoSuchAddress();
-    }
-    return Found(std::move(found), error);
+    const Answer alarms = client_.Get(kNewestAlarms);
+    if (alarms.kind != Answer::Kind::kAnswered || alarms.status != 200) return FromAgent(alarms);
+    const Json::Value& reports = alarms.body["reports"];
+    const std::vector<std::string> roots = RootsOf(status.body);
+    if (what[0] == "latency") return Found(Console::LatencyIn(reports), "");
+    if (what.size() == 1) return Found(Console::IncidentsIn(reports, roots), "");
+    if (what.size() != 2 || !IsNumber(what[1])) return NoSuchAddress();
+    const Json::Value incident = Console::IncidentIn(reports, roots, std::atoll(what[1].c_str()));
+    return Found(incident, incident.isNull() ? "This incident is no longer kept." : "");
 }
 
 Reply HostBackend::ShowHost(bool in_full) const {

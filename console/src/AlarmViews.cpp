@@ -1,19 +1,18 @@
-// Owns how alarms become what the console shows. It must not know HTTP or the page.
-#include "ctl/console/HostAlarms.h"
+// Owns how alarms become what the console shows. It must not know where they come from.
+#include "console/AlarmViews.h"
 
+#include <notify/Incidents.h>
 #include <sdk/text/JsonUtils.h>
 
-#include <algorithm>
+#include <map>
+#include <utility>
 
-#include "ctl/output/IncidentFormat.h"
-
-namespace Ctl {
+namespace Console {
 
 using SDK::JsonUtils;
 
 namespace {
 
-constexpr char kNewest[] = "/v1/reports?kind=alarm&limit=1000";
 constexpr std::size_t kMostIncidents = 50;
 constexpr int kMostAlarms = 200;
 constexpr int kMostPoints = 500;
@@ -24,7 +23,7 @@ Json::Value ToJson(const std::map<std::string, long long>& counts) {
     return object;
 }
 
-Json::Value ToJson(const Incident& incident) {
+Json::Value ToJson(const Notify::Incident& incident) {
     Json::Value object(Json::objectValue);
     object["id"] = incident.first["seq"];
     object["begun_ms"] = static_cast<Json::Int64>(incident.begun_ms);
@@ -38,7 +37,7 @@ Json::Value ToJson(const Incident& incident) {
     return object;
 }
 
-Json::Value ToJson(const AlarmRecord& alarm, const Json::Value& report) {
+Json::Value ToJson(const Notify::AlarmRecord& alarm, const Json::Value& report) {
     Json::Value document;
     const std::string body = JsonUtils::GetStringValue(report, "body", "");
     JsonUtils::ParseJsonStr(body.data(), body.size(), document);
@@ -58,24 +57,14 @@ Json::Value ToJson(const AlarmRecord& alarm, const Json::Value& report) {
 
 }  // namespace
 
-Json::Value HostAlarms::Newest(std::string& error) const {
-    const Answer answer = client_.Get(kNewest);
-    if (answer.kind == Answer::Kind::kAnswered && answer.status == 200) {
-        return answer.body["reports"];
-    }
-    error = answer.problem;
-    return {};
-}
-
-Json::Value HostAlarms::Incidents(std::string& error) const {
-    const Json::Value reports = Newest(error);
-    Ctl::Incidents incidents(roots_, kMostIncidents, false);
+Json::Value IncidentsIn(const Json::Value& reports, const std::vector<std::string>& roots) {
+    Notify::Incidents incidents(roots, kMostIncidents, false);
     std::map<long long, long long> last_ms;  // by the number of an incident's first report
     std::map<std::string, long long> open;   // that number by tree
     for (const Json::Value& report : reports) {
-        const AlarmRecord alarm = ReadAlarm(report);
+        const Notify::AlarmRecord alarm = Notify::ReadAlarm(report);
         if (!alarm.is_alarm) continue;
-        long long& first = open[TreeOf(roots_, alarm.path)];
+        long long& first = open[Notify::TreeOf(roots, alarm.path)];
         if (incidents.Add(alarm, report)) first = report["seq"].asInt64();
         last_ms[first] = alarm.time_ms;
     }
@@ -89,43 +78,41 @@ Json::Value HostAlarms::Incidents(std::string& error) const {
     return answer;
 }
 
-Json::Value HostAlarms::Incident(long long id, std::string& error) const {
-    const Json::Value reports = Newest(error);
-    Ctl::Incident incident;
+Json::Value IncidentIn(const Json::Value& reports, const std::vector<std::string>& roots,
+                       long long id) {
+    Notify::Incident incident;
     std::string tree;
     Json::Value answer(Json::objectValue);
     answer["alarms"] = Json::Value(Json::arrayValue);
     Json::Int64 left_out = 0;
     for (const Json::Value& report : reports) {
-        const AlarmRecord alarm = ReadAlarm(report);
+        const Notify::AlarmRecord alarm = Notify::ReadAlarm(report);
         if (!alarm.is_alarm || report["seq"].asInt64() < id) continue;
         if (incident.alarms == 0 && report["seq"].asInt64() != id) break;
-        if (incident.alarms == 0) tree = TreeOf(roots_, alarm.path);
+        if (incident.alarms == 0) tree = Notify::TreeOf(roots, alarm.path);
         const bool is_of_it = incident.alarms == 0 ||
-                              (TreeOf(roots_, alarm.path) == tree &&
-                               alarm.time_ms - incident.begun_ms < Ctl::Incidents::kLongestMs);
+                              (Notify::TreeOf(roots, alarm.path) == tree &&
+                               alarm.time_ms - incident.begun_ms < Notify::Incidents::kLongestMs);
         if (!is_of_it) continue;
-        AddTo(incident, alarm, report);
+        Notify::AddTo(incident, alarm, report);
         if (answer["alarms"].size() < kMostAlarms) {
             answer["alarms"].append(ToJson(alarm, report));
         } else {
             ++left_out;
         }
     }
-    if (incident.alarms == 0 && error.empty()) error = "This incident is no longer kept.";
-    if (!error.empty()) return {};
+    if (incident.alarms == 0) return {};
     answer["incident"] = ToJson(incident);
     answer["left_out"] = left_out;
     return answer;
 }
 
-Json::Value HostAlarms::Latency(std::string& error) const {
-    const Json::Value reports = Newest(error);
+Json::Value LatencyIn(const Json::Value& reports) {
     Json::Value answer(Json::objectValue);
     Json::Value& points = answer["points"];
     points = Json::Value(Json::arrayValue);
     for (const Json::Value& report : reports) {
-        const AlarmRecord alarm = ReadAlarm(report);
+        const Notify::AlarmRecord alarm = Notify::ReadAlarm(report);
         if (!alarm.is_alarm || alarm.duration_ms < 0) continue;
         Json::Value point(Json::arrayValue);
         point.append(static_cast<Json::Int64>(alarm.time_ms));
@@ -141,4 +128,4 @@ Json::Value HostAlarms::Latency(std::string& error) const {
     return answer;
 }
 
-}  // namespace Ctl
+}  // namespace Console

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include "base/Password.h"
+#include "base/Totp.h"
+#include "console/UserAccess.h"
+#include "store/FleetStore.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using Collector::TotpStep;
+
+std::int64_t now_s = 0;
+
+/// The secret of RFC 6238, appendix B.
+constexpr char kSecret[] = "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQ";
+
+TEST(Totp, CodesOfTheStandard_AreGoodForTheirStepAndItsNeighboursOnce) {
+    const struct {
+        std::int64_t time;
+        const char* code;
+    } known[] = {{59, "287082"}, {1111111109, "081804"}, {2000000000, "279037"}};
+    for (const auto& [time, code] : known) {
+        const std::int64_t step = time / 30;
+        EXPECT_EQ(TotpStep(kSecret, code, time, 0), step);
+        EXPECT_EQ(TotpStep(kSecret, code, time + 30, 0), step) << "a slow phone";
+        EXPECT_FALSE(TotpStep(kSecret, code, time + 60, 0));
+        EXPECT_FALSE(TotpStep(kSecret, code, time, step)) << "a second time";
+    }
+    for (const char* wrong : {"", "0", "2870820", "287083", "28708"}) {
+        EXPECT_FALSE(TotpStep(kSecret, wrong, 59, 0)) << wrong;
+    }
+    EXPECT_FALSE(TotpStep("not base32!", "287082", 59, 0));
+    EXPECT_NE(Collector::NewTotpSecret(), Collector::NewTotpSecret());
+}
+
+class Users : public testing::Test {
+  protected:
+    Users() {
+        now_s = 2000000000;
+        Collector::FleetStore tables;
+        EXPECT_TRUE(tables.Open(dir_.Path("fleet.db")));
+        EXPECT_TRUE(store_.Open(dir_.Path("fleet.db")));
+        EXPECT_TRUE(access_.Open(dir_.Path("fleet.db")));
+        user_.name = "anna";
+        user_.role = Console::Role::kOperator;
+        user_.password_hash = Collector::HashPassword("correct horse");
+        EXPECT_TRUE(store_.Save(user_));
+    }
+    bool MayLogIn(const std::string& name, const std::string& password,
+                  const std::string& code = "") {
+        Json::Value credentials;
+        credentials["user"] = name;
+        credentials["password"] = password;
+        credentials["code"] = code;
+        return access_.LogIn(credentials).has_value();
+    }
+
+    test::TempDir dir_;
+    Collector::UserStore store_;
+    Collector::UserAccess access_{[] { return now_s; }};
+    Collector::UserRecord user_;
+};
+
+TEST_F(Users, PasswordLetsIn_AndAUserWhoWasRemovedMayNotGoOn) {
+    EXPECT_NE(user_.password_hash, Collector::HashPassword("correct horse")) << "salted";
+    EXPECT_EQ(user_.password_hash.rfind("$argon2id$", 0), 0U);
+    EXPECT_TRUE(MayLogIn("anna", "correct horse"));
+    for (const char* wrong : {"", "correct", "correct horse ", "Correct horse"}) {
+        EXPECT_FALSE(MayLogIn("anna", wrong)) << wrong;
+    }
+    EXPECT_FALSE(MayLogIn("nobody", "nobody's"));
+    EXPECT_FALSE(MayLogIn("", ""));
+    EXPECT_FALSE(access_.LogIn(Json::Value(Json::arrayValue)));
+    EXPECT_TRUE(access_.MayGoOn({"anna", Console::Role::kOperator}));
+    EXPECT_FALSE(access_.MayGoOn({"anna", Console::Role::kAdmin})) << "the role has changed";
+    EXPECT_TRUE(store_.Remove("anna"));
+    EXPECT_FALSE(access_.MayGoOn({"anna", Console::Role::kOperator}));
+    EXPECT_FALSE(MayLogIn("anna", "correct horse"));
+}
+
+TEST_F(Users, WrongPasswords_LockTheNameForAMinute) {
+    for (int i = 0; i < Collector::UserAccess::kMostFailures; ++i) {
+        EXPECT_FALSE(MayLogIn("anna", "wrong"));
+    }
+    EXPECT_FALSE(MayLogIn("anna", "correct horse"));
+    now_s += Collector::UserAccess::kLockSeconds;
+    EXPECT_TRUE(MayLogIn("anna", "correct horse"));
+    EXPECT_EQ(store_.Acts(10).size(), 2U) << "the lock and the login";
+}
+
+TEST_F(Users, SecondFactor_IsNeededAndGoodOnce) {
+    user_.totp_secret = kSecret;
+    ASSERT_TRUE(store_.Save(user_));
+    EXPECT_FALSE(MayLogIn("anna", "correct horse"));
+    EXPECT_FALSE(MayLogIn("anna", "wrong", "279037"));
+    EXPECT_TRUE(MayLogIn("anna", "correct horse", "279037"));
+    EXPECT_FALSE(MayLogIn("anna", "correct horse", "279037")) << "somebody looked on";
+}
+
+}  // namespace
