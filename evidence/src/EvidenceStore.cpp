@@ -325,6 +325,7 @@ std::optional<std::size_t> EvidenceStore::Remove(
     const std::function<bool(const Record&)>& is_dropped) {
     const auto choose = [&](const std::vector<ListedRecord>& records) {
         std::vector<bool> chosen;
+        chosen.reserve(records.size());
         for (const ListedRecord& listed : records) chosen.push_back(is_dropped(listed.record));
         return chosen;
     };
