@@ -1,6 +1,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -37,16 +38,19 @@ TEST_F(MessagingTest, QueueCannotTake_MessageStaysTheSenders) {
 
 TEST_F(MessagingTest, MessagesAreLeftInTheQueue_NextWaitEndsAtOnce) {
     ScriptedTask task("task");
+    std::atomic<int> consumed{0};
     task.on_init = [&] {
         for (int i = 0; i < 3; ++i) EXPECT_TRUE(Task::SendAgileMsg(&task, new CountedMessage));
         return true;
     };
     task.on_run = [&] {
         task.Waiter().WaitAndHandleEvent(60'000, 10);
-        return task.BulkConsumeMsg(1) == 1 ? 0 : 1;
+        consumed += static_cast<int>(task.BulkConsumeMsg(1));
+        return 0;
     };
     ASSERT_TRUE(Register(task));
-    EXPECT_TRUE(WaitFor([] { return CountedMessage::alive == 0; }, kDeadline));
+    EXPECT_TRUE(WaitFor([&] { return consumed == 3; }, kDeadline));
+    EXPECT_EQ(CountedMessage::alive, 0);
     Unregister(task);
 }
 

@@ -43,7 +43,8 @@ constexpr char kScratch[] = ".morvane-tmp";
 constexpr char kPrefix[] = "fetch-";
 constexpr mode_t kPrivate = 0700;
 
-volatile std::sig_atomic_t interrupted = 0;
+/// Set by a signal, which any thread may take.
+std::atomic<int> interrupted{0};
 
 /// The second signal ends the program at once.
 extern "C" void InterruptFetch(int signal) {

@@ -19,7 +19,8 @@ namespace {
 
 constexpr unsigned int kMostThreads = 4;
 
-volatile std::sig_atomic_t interrupted = 0;
+/// Set by a signal, which any thread may take.
+std::atomic<int> interrupted{0};
 
 /// The second signal ends the program at once.
 extern "C" void Interrupt(int signal) {

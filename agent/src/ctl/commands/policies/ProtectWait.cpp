@@ -5,6 +5,7 @@
 #include <sdk/text/StrUtils.h>
 #include <sdk/time/TimeUtils.h>
 
+#include <atomic>
 #include <csignal>
 #include <iostream>
 
@@ -26,7 +27,8 @@ constexpr int kPollMs = 250;
 constexpr std::int64_t kPatienceMs = 20000;  ///< with a problem, or while the path is not listed
 constexpr double kMsPerSecond = 1000;
 
-volatile std::sig_atomic_t interrupted = 0;
+/// Set by a signal, which any thread may take.
+std::atomic<int> interrupted{0};
 
 /// The second signal ends the program at once.
 extern "C" void NoteSignal(int signal) {
