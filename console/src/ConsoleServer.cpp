@@ -84,7 +84,8 @@ class ConsoleServer::Impl {
         Poco::Net::Context::Ptr context =
             new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, params);
         context->requireMinimumProtocol(Poco::Net::Context::PROTO_TLSV1_2);
-        return Poco::Net::SecureServerSocket(context);
+        const Poco::Net::SecureServerSocket secure(context);
+        return Poco::Net::ServerSocket(static_cast<const Poco::Net::Socket&>(secure));
     }
 
     const Options options_;

@@ -1,14 +1,18 @@
+#include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/URI.h>
 #include <console/ConsoleServer.h>
 #include <gtest/gtest.h>
 #include <sdk/text/JsonUtils.h>
 
-#include <thread>
+#include <cstdlib>
 #include <utility>
+
+#include "support/TempDir.h"
 
 namespace {
 
@@ -175,6 +179,44 @@ TEST_F(Server, BadRequestsGetASentence) {
         EXPECT_EQ(Send(method, "/api/hosts").status, 405) << method;
     }
     EXPECT_EQ(Send("GET", "/api/%zz").status, 400);
+}
+
+TEST_F(Server, WithACertificate_SpeaksTlsOnlyAndTheCookieIsSecure) {
+    const test::TempDir keys;
+    const std::string make =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+        "-days 2 -subj /CN=127.0.0.1 -keyout " +
+        keys.Path("key") + " -out " + keys.Path("certificate") + " 2>/dev/null";
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    Console::ConsoleServer::Options options;
+    options.certificate = keys.Path("certificate");
+    options.key = keys.Path("key");
+    Console::ConsoleServer server(options, access_, backend_);
+    std::string error;
+    ASSERT_TRUE(server.Start(error)) << error;
+    const Poco::URI uri(server.Url());
+    EXPECT_EQ(uri.getScheme(), "https");
+    HTTPRequest request("POST", "/api/login", HTTPRequest::HTTP_1_1);
+    request.setHost(uri.getAuthority());
+    const std::string body = "{\"token\":\"" + access_.Token() + "\"}";
+    request.setContentLength(static_cast<std::streamsize>(body.size()));
+    const auto log_in = [&](Poco::Net::HTTPClientSession& session) {
+        HTTPResponse response;
+        session.sendRequest(request) << body;
+        session.receiveResponse(response);
+        return response.get("Set-Cookie", "");
+    };
+    Poco::Net::HTTPClientSession plain(uri.getHost(), uri.getPort());
+    EXPECT_THROW(log_in(plain), Poco::Exception);
+    const Poco::Net::Context::Ptr trusts_all = new Poco::Net::Context(
+        Poco::Net::Context::TLS_CLIENT_USE, "", Poco::Net::Context::VERIFY_NONE);
+    Poco::Net::HTTPSClientSession secure(uri.getHost(), uri.getPort(), trusts_all);
+    const std::string cookie = log_in(secure);
+    EXPECT_NE(cookie.find("secure"), std::string::npos) << cookie;
+    server.Stop();
+    options.key = keys.Path("none");
+    EXPECT_FALSE(Console::ConsoleServer(options, access_, backend_).Start(error));
+    EXPECT_FALSE(error.empty());
 }
 
 TEST_F(Server, IdleSessionEnds) {

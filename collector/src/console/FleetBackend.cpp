@@ -1,13 +1,13 @@
 // Owns the addresses of the console of a fleet. It must not write. What hosts sent is hostile.
 #include "console/FleetBackend.h"
 
+#include <Poco/NumberParser.h>
 #include <console/AlarmViews.h>
 #include <sdk/text/JsonUtils.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdlib>
 #include <thread>
 
 namespace Collector {
@@ -123,10 +123,14 @@ Reply Found(Json::Value body) {
     return reply;
 }
 
+/// Below 0: it is none.
+std::int64_t NumberOf(const std::string& text) {
+    Poco::Int64 number = -1;
+    return Poco::NumberParser::tryParse64(text, number) ? number : -1;
+}
+
 bool IsNumber(const std::string& text) {
-    constexpr std::size_t kMostDigits = 18;
-    return !text.empty() && text.size() <= kMostDigits &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return NumberOf(text) >= 0;
 }
 
 }  // namespace
@@ -179,7 +183,7 @@ Reply FleetBackend::LookAtHost(const std::string& agent_id, const std::vector<st
     if (what.size() != 2 || !IsNumber(what[1])) {
         return ErrorReply(kNotFound, "The console has no such address.");
     }
-    body = Console::IncidentIn(NewestAlarms(agent_id), roots, std::atoll(what[1].c_str()));
+    body = Console::IncidentIn(NewestAlarms(agent_id), roots, NumberOf(what[1]));
     if (body.isNull()) return ErrorReply(kNotFound, "This incident is no longer kept.");
     return Found(std::move(body));
 }
@@ -207,7 +211,8 @@ Json::Value FleetBackend::NewestAlarms(const std::string& agent_id) {
         Json::Value report = row;
         report["seq"] = row["id"];
         const std::string duration = JsonUtils::GetStringValue(row, "duration_ms", "");
-        const double milliseconds = duration.empty() ? -1 : std::atof(duration.c_str());
+        double milliseconds = -1;
+        if (!Poco::NumberParser::tryParseFloat(duration, milliseconds)) milliseconds = -1;
         // JSON has no other numbers.
         report["duration_ms"] = std::isfinite(milliseconds) && milliseconds >= 0
                                     ? Json::Value(milliseconds)
@@ -255,7 +260,7 @@ Reply FleetBackend::AwaitNews(const Request& request) {
     ReportQuery query;
     query.kind = "alarm";
     query.limit = is_first ? 1 : kMostAlarms;
-    query.after = is_first ? 0 : std::atoll(after->second.c_str());
+    query.after = is_first ? 0 : NumberOf(after->second);
     Json::Value body(Json::objectValue);
     body["after"] = Json::Int64{query.after};
     body["alarms"] = 0;

@@ -1,6 +1,7 @@
 // Owns the addresses of the console of one host. It must not know HTTP, sessions or the page.
 #include "ctl/console/HostBackend.h"
 
+#include <Poco/NumberParser.h>
 #include <console/AlarmViews.h>
 #include <evidence/EvidenceStore.h>
 #include <sdk/files/PathUtils.h>
@@ -8,10 +9,8 @@
 #include <sdk/text/PercentCode.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <climits>
-#include <cstdlib>
 #include <utility>
 
 #include "ctl/baselines/ApprovedStates.h"
@@ -64,7 +63,7 @@ std::string HostName() {
 
 Json::Value SummaryOf(const Json::Value& status) {
     Json::Value host(Json::objectValue);
-    const Json::Value protection = status["protection"];
+    const Json::Value& protection = status["protection"];
     host["id"] = JsonUtils::GetStringValue(status, "agent_id", "");
     host["name"] = HostName();
     host["state"] = JsonUtils::GetStringValue(status["health"], "state", "off");
@@ -123,10 +122,14 @@ Reply ReadEvidence(const std::string& id) {
     return reply;
 }
 
+/// Below 0: it is none.
+long long NumberOf(const std::string& text) {
+    Poco::Int64 number = -1;
+    return Poco::NumberParser::tryParse64(text, number) ? number : -1;
+}
+
 bool IsNumber(const std::string& text) {
-    constexpr std::size_t kMostDigits = 18;
-    return !text.empty() && text.size() <= kMostDigits &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return NumberOf(text) >= 0;
 }
 
 }  // namespace
@@ -158,7 +161,7 @@ Reply HostBackend::Look(const Request&, const std::vector<std::string>& what) {
     if (what[0] == "policies" && has_name) return ShowPolicy(what[1]);
     if (what[0] == "evidence" && has_name) return ReadEvidence(what[1]);
     if (what[0] == "requests" && has_name && IsNumber(what[1])) {
-        return FromAgent(client_.Get("/v1/baseline/requests/" + what[1]));
+        return FromAgent(client_.Get("/v1/baseline/requests/" + std::to_string(NumberOf(what[1]))));
     }
     if (what[0] == "generations") {
         Reply reply;
@@ -166,7 +169,7 @@ Reply HostBackend::Look(const Request&, const std::vector<std::string>& what) {
         return reply;
     }
     if (what[0] == "jobs" && has_name && IsNumber(what[1])) {
-        const Json::Value job = jobs_.Show(std::atoi(what[1].c_str()));
+        const Json::Value job = jobs_.Show(NumberOf(what[1]));
         return Found(job, job.isNull() ? "Another comparison was begun meanwhile." : "");
     }
     return NoSuchAddress();
@@ -182,7 +185,7 @@ Reply HostBackend::LookAtAlarms(const std::vector<std::string>& what) const {
     if (what[0] == "latency") return Found(Console::LatencyIn(reports), "");
     if (what.size() == 1) return Found(Console::IncidentsIn(reports, roots), "");
     if (what.size() != 2 || !IsNumber(what[1])) return NoSuchAddress();
-    const Json::Value incident = Console::IncidentIn(reports, roots, std::atoll(what[1].c_str()));
+    const Json::Value incident = Console::IncidentIn(reports, roots, NumberOf(what[1]));
     return Found(incident, incident.isNull() ? "This incident is no longer kept." : "");
 }
 

@@ -55,7 +55,7 @@ int VerifyJobs::Start(const std::string& path, std::string& error) {
     return ++number_;
 }
 
-Json::Value VerifyJobs::Show(int number) const {
+Json::Value VerifyJobs::Show(long long number) const {
     std::shared_ptr<Job> job;
     {
         const std::lock_guard<std::mutex> lock(mutex_);

@@ -26,7 +26,7 @@ class VerifyJobs {
 
     /// {"state": "running", "objects"} or {"state": "done", "message", "differences": [{"kind",
     /// "path" (percent-encoded), "shown", "detail"}], "left_out"}; null: there is no such job.
-    Json::Value Show(int number) const;
+    Json::Value Show(long long number) const;
 
     void Stop();
 
