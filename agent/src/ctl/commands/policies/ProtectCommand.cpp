@@ -57,7 +57,6 @@ int ApplyAndWait(const ControlClient& client, const PolicyChange& change, const 
                   << std::endl;
     }
     if (applied != kExitOk) return applied;
-    std::cout << "The protection is on. The agent makes the first copy." << std::endl;
     return AwaitProtected(client, plan.entry, plan.survey);
 }
 

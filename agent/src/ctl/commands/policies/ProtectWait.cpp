@@ -111,6 +111,8 @@ int AwaitProtected(const ControlClient& client, const ProtectedEntry& entry,
     interrupted = 0;
     std::signal(SIGINT, NoteSignal);
     std::signal(SIGTERM, NoteSignal);
+    // A reader of this may press Ctrl-C at once.
+    std::cout << "The protection is on. The agent makes the first copy." << std::endl;
     const std::int64_t begun = SDK::TimeUtils::GetMonotonicMs();
     CopyMeter meter(survey.files + survey.directories);
     Look look;
