@@ -262,7 +262,7 @@ TEST_F(RestoreEcho, PagesPutBack_OnlyNewPlacesAreAnnounced) {
                seen.end());
     EXPECT_EQ(seen.size(), std::size_t{kPages}) << Print(seen);
     for (int i = 0; i < kPages; ++i) EXPECT_TRUE(Has(seen, IN_MOVED_TO, Root(page(i)))) << i;
-    EXPECT_TRUE(IndexAgrees());
+    EXPECT_TRUE(WaitFor([&] { return IndexAgrees(); }, kDeadline));
 }
 
 TEST_F(RestoreEcho, FilesOfSuchNamesThatStay_AreAnnounced) {
@@ -279,7 +279,7 @@ TEST_F(RestoreEcho, FilesOfSuchNamesThatStay_AreAnnounced) {
     fs::rename(temporary, Root("shell"));
     receiver_->Forget();
     EXPECT_TRUE(SeesTouch(IN_CREATE, temporary));
-    EXPECT_TRUE(IndexAgrees());
+    EXPECT_TRUE(WaitFor([&] { return IndexAgrees(); }, kDeadline));
 }
 
 }  // namespace test

@@ -56,7 +56,8 @@ TEST_F(Walks, WatchesRunOutOnTheWay_TheRestIsCountedAndMendedLater) {
     faults_.watches_left = kDirectories / 2;
     receiver_->Ask(Root(), kMasks, Tree());
     ASSERT_TRUE(Reaches(Root(), "degraded"));
-    EXPECT_TRUE(IndexAgrees()) << WatchStatus(Root()).toStyledString();
+    EXPECT_TRUE(WaitFor([&] { return IndexAgrees(); }, kDeadline))
+        << WatchStatus(Root()).toStyledString();
     EXPECT_GE(WatchStatus(Root())["unwatched"].asInt(), kDirectories / 2);
     faults_.watches_left = 2 * kDirectories;
     EXPECT_TRUE(Reaches(Root(), "ready"));
