@@ -122,6 +122,8 @@ std::vector<std::string> SegmentsOf(const std::string& address) {
     return segments;
 }
 
+}  // namespace
+
 std::string RoleName(Role role) {
     switch (role) {
         case Role::kViewer:
@@ -133,8 +135,6 @@ std::string RoleName(Role role) {
     }
     return "admin";
 }
-
-}  // namespace
 
 Reply ErrorReply(int status, const std::string& sentence) {
     Reply reply;

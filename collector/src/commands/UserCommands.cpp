@@ -100,7 +100,7 @@ int ListUsers(const Arguments& arguments) {
     UserStore users;
     if (!Open(arguments, users)) return kExitFailed;
     for (const UserRecord& user : users.List()) {
-        std::cout << user.name << "  " << RoleName(user.role)
+        std::cout << user.name << "  " << Console::RoleName(user.role)
                   << (user.totp_secret.empty() ? "  password only" : "  password and code")
                   << (user.last_login_ms == 0 ? "  never logged in" : "") << "\n";
     }

@@ -3,6 +3,7 @@
 namespace Collector {
 
 using Console::Role;
+using Console::RoleName;
 using Database::SqliteRun;
 using Database::SqliteStatement;
 
@@ -24,18 +25,6 @@ UserRecord ToUser(const SqliteRun& row) {
 }
 
 }  // namespace
-
-std::string RoleName(Role role) {
-    switch (role) {
-        case Role::kViewer:
-            return "viewer";
-        case Role::kOperator:
-            return "operator";
-        case Role::kAdmin:
-            break;
-    }
-    return "admin";
-}
 
 std::optional<Role> RoleNamed(const std::string& name) {
     for (const Role role : {Role::kViewer, Role::kOperator, Role::kAdmin}) {

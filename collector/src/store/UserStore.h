@@ -46,7 +46,6 @@ class UserStore {
     Database::SqliteConnection connection_;
 };
 
-std::string RoleName(Console::Role role);
 std::optional<Console::Role> RoleNamed(const std::string& name);
 
 }  // namespace Collector

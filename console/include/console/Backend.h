@@ -15,6 +15,9 @@ enum class Role {
     kAdmin,     ///< change policies and users
 };
 
+/// "viewer", "operator" or "admin".
+std::string RoleName(Role role);
+
 struct User {
     std::string name;
     Role role = Role::kViewer;
