@@ -10,7 +10,7 @@ readonly INCLUDE_ROOTS=(
     sdk/include sdk/src database/include database/src baseline/include baseline/src evidence/include evidence/src
     fleet/include fleet/src console/include console/src framework/include framework/src module_utils/include
     module_report/src module_filenotify/include module_filenotify/src module_sentrel module_sentrel/src module_fleet/src
-    agent/src collector/src
+    sentry/include sentry/src agent/src collector/src
     demo/src rsync_preload/src
 )
 

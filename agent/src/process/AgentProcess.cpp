@@ -142,6 +142,7 @@ int AgentProcess::Start() {
     if (!StartControl(error)) return startup_reporter_.Failed(kExitFailed, error);
     StartMetrics();
     StartNotifier();
+    StartSentry();
     if (!ReapplyPolicies()) return kExitOk;
     AnswerModules();
     notifier_ =
@@ -273,6 +274,17 @@ void AgentProcess::StartNotifier() {
         installation_path_ + "conf/hooks/after-restore", [this] { return status_->Build(); });
 }
 
+void AgentProcess::StartSentry() {
+    std::string fault;
+    const SentrySettings settings =
+        SentrySettings::Read(ConfigManager::GetInstance().Section("sentry"), fault);
+    if (!fault.empty()) {
+        startup_reporter_.Warn("conf/agent.json: " + fault + "; the sentry is off");
+        SDK_LOG(Log(), PRIO_ERROR, "conf/agent.json: %s; the sentry is off", fault);
+    }
+    sentry_ = std::make_unique<SentryLink>(engine_->Queries(), settings, fault);
+}
+
 /// False with messages when the section "notify" has faults.
 bool AgentProcess::CheckNotifications() {
     std::vector<Notify::SettingsFault> faults;
@@ -303,6 +315,7 @@ bool AgentProcess::ReapplyPolicies() {
 void AgentProcess::Stop() {
     if (notifier_) notifier_->Stopping();
     metrics_.reset();
+    sentry_.reset();
     notifications_.reset();
     if (engine_) engine_->BeginStop();  // control requests may be waiting for policies
     if (reports_) reports_->Stop();

@@ -23,6 +23,7 @@
 #include "process/ServiceNotifier.h"
 #include "process/StartupReporter.h"
 #include "process/StopSignals.h"
+#include "sentry/SentryLink.h"
 
 namespace Agent {
 
@@ -51,6 +52,7 @@ class AgentProcess {
     void StartMetrics();
     void AnswerModules();
     void StartNotifier();
+    void StartSentry();
     bool CheckNotifications();
     bool ReapplyPolicies();
     void Stop();
@@ -72,6 +74,7 @@ class AgentProcess {
     std::unique_ptr<MetricsFile> metrics_;
     std::unique_ptr<PolicyInbox> inbox_;
     std::unique_ptr<Notifier> notifications_;
+    std::unique_ptr<SentryLink> sentry_;
     std::unique_ptr<ServiceNotifier> notifier_;
 };
 

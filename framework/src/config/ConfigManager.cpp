@@ -105,7 +105,7 @@ bool ConfigManager::Load(const std::string& path, bool required, std::string& er
 bool ConfigManager::Take(const Json::Value& root, std::string& error) {
     ConfigReader reader(root, "", error);
     reader.AllowOnly({"modules", "log", "task_period_ms", "policy_grace_ms", "cpu_limit_percent",
-                      "report", "filenotify", "sentrel", "metrics", "notify", kFleet});
+                      "report", "filenotify", "sentrel", "metrics", "notify", "sentry", kFleet});
     std::vector<std::string> modules = modules_;
     long period_ms = static_cast<long>(task_period_.count());
     long grace_ms = static_cast<long>(policy_grace_.count());
@@ -117,7 +117,8 @@ bool ConfigManager::Take(const Json::Value& root, std::string& error) {
     CheckModules(modules, error);
     const LoggerConfig logger = ReadLogger(reader.Object("log"), error);
     Json::Value sections(Json::objectValue);
-    for (const char* name : {"report", "filenotify", "sentrel", "metrics", "notify", kFleet})
+    for (const char* name :
+         {"report", "filenotify", "sentrel", "metrics", "notify", "sentry", kFleet})
         sections[name] = reader.Object(name);
     AddFleetModule(sections[kFleet], modules);
     if (!error.empty()) return false;

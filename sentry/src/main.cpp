@@ -1,0 +1,5 @@
+#include "SentryProcess.h"
+
+int main(int argc, char** argv) {
+    return Sentry::Main(argc, argv);
+}
