@@ -33,7 +33,9 @@ void Probe::Work() {
         changed_.wait(lock, [this] { return is_stopping_ || is_running_; });
         if (is_stopping_) return;
         lock.unlock();
-        SDK::FileDescriptor(::open(file_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        SDK::FileDescriptor opened(
+            ::open(file_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        opened.Reset();
         lock.lock();
         is_running_ = false;
     }
