@@ -11,13 +11,13 @@ readonly JOBS
 readonly BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config ccache
     libpoco-dev libjsoncpp-dev libboost-dev libsqlite3-dev libcli11-dev libssl-dev libsystemd-dev
-    libargon2-dev libmosquitto-dev
+    libargon2-dev libmosquitto-dev libpq-dev
     rsync diffutils procps sudo ca-certificates util-linux
 )
 # To test it as well.
 readonly TEST_PACKAGES=(
     libgtest-dev clang-format clang-tidy shellcheck attr acl iproute2 curl git openssl
-    man-db bsdextrautils systemd mosquitto
+    man-db bsdextrautils systemd mosquitto postgresql
 )
 
 # A browser for the tests of the console, and the Node.js that drives it.

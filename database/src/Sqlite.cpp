@@ -1,4 +1,6 @@
 #include <database/Sqlite.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace Database {
 
@@ -9,6 +11,13 @@ int SqliteConnection::Open(const std::string& path, int busy_timeout_ms) {
     handle_.reset(handle);
     if (code == SQLITE_OK) sqlite3_busy_timeout(handle, busy_timeout_ms);
     return code;
+}
+
+int SqliteConnection::Create(const std::string& path, mode_t mode, int busy_timeout_ms) {
+    // Never opens an existing file: closing it would drop the locks of other connections.
+    const int file = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, mode);
+    if (file >= 0) ::close(file);
+    return Open(path, busy_timeout_ms);
 }
 
 int SqliteConnection::Execute(const char* sql) {

@@ -4,6 +4,7 @@
 #include <mqtt_protocol.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sdk/files/PasswordFile.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -110,7 +111,7 @@ bool BrokerClient::UseCredentials(std::string& error) {
     }
     std::string password;
     if (!settings_.password_file.empty() &&
-        !ReadPassword(settings_.password_file, password, error)) {
+        !SDK::ReadPasswordFile(settings_.password_file, password, error)) {
         return false;
     }
     mosquitto_username_pw_set(handle_.get(), OrNull(settings_.user), OrNull(password));

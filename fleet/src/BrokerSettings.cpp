@@ -1,16 +1,11 @@
 #include <fleet/BrokerSettings.h>
-#include <sdk/files/FileUtils.h>
-#include <sys/stat.h>
 
 #include <array>
-#include <cerrno>
-#include <cstring>
 
 namespace Fleet {
 
 namespace {
 
-constexpr long kMostPasswordBytes = 4096;
 constexpr int kPlainPort = 1883;
 constexpr int kTlsPort = 8883;
 
@@ -103,23 +98,6 @@ bool ReadBrokerSettings(const Json::Value& object, const std::string& pointer,
     }
     if (settings.port == 0) settings.port = settings.ca_file.empty() ? kPlainPort : kTlsPort;
     return true;
-}
-
-bool ReadPassword(const std::string& path, std::string& password, std::string& error) {
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0 ||
-        SDK::FileUtils::ReadFile(path, password, kMostPasswordBytes) != 0) {
-        error = "cannot read the password file " + path + ": " + std::strerror(errno);
-        return false;
-    }
-    if ((info.st_mode & S_IRWXO) != 0) {
-        error = "others may use the password file " + path + ": chmod o= " + path;
-        return false;
-    }
-    password = password.substr(0, password.find_first_of("\r\n"));
-    if (!password.empty()) return true;
-    error = "the password file " + path + " is empty";
-    return false;
 }
 
 }  // namespace Fleet

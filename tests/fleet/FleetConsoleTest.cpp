@@ -101,7 +101,7 @@ TEST_F(FleetConsole, PersonWithABrowser_FindsTheHostThatMatters) {
     Collector::UserAccess access([] { return static_cast<std::int64_t>(std::time(nullptr)); });
     Collector::FleetBackend backend;
     std::string error;
-    ASSERT_TRUE(access.Open(Database()));
+    ASSERT_TRUE(access.Open(Database(), error)) << error;
     ASSERT_TRUE(backend.Open(Database(), error)) << error;
     Console::ConsoleServer server({}, access, backend);
     ASSERT_TRUE(server.Start(error)) << error;

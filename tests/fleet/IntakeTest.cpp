@@ -1,20 +1,26 @@
 #include <gtest/gtest.h>
 
 #include "service/Intake.h"
+#include "support/Postgres.h"
 #include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
 using Seqs = std::vector<std::int64_t>;
 
-class IntakeTest : public testing::Test {
+using test::DatabaseKind;
+
+class IntakeTest : public testing::TestWithParam<DatabaseKind> {
   protected:
     static constexpr std::int64_t kNow = 1'700'000'000'000;
 
     void SetUp() override {
-        ASSERT_TRUE(store_.Open(dir_.Path("fleet.db"))) << store_.Error();
+        ASSERT_TRUE(store_.Open(Location())) << store_.Error();
         ASSERT_TRUE(intake_.Load());
     }
+
+    Database::Location Location() const { return database_.Location(); }
 
     static Fleet::Message Message(std::int64_t seq, std::int64_t previous,
                                   std::int64_t acknowledged, const std::string& body = "body",
@@ -56,12 +62,13 @@ class IntakeTest : public testing::Test {
     }
 
     test::TempDir dir_;
+    test::AnyDatabase database_{GetParam()};
     Collector::CollectorSettings settings_;
     Collector::FleetStore store_;
     Collector::Intake intake_{store_, settings_};
 };
 
-TEST_F(IntakeTest, Report_IsStoredOnceAndOnlyAfterTheOneBefore) {
+TEST_P(IntakeTest, Report_IsStoredOnceAndOnlyAfterTheOneBefore) {
     EXPECT_EQ(Store({Message(1, 0, 0), Message(2, 1, 0)}).seq, 2);
     const Fleet::Acknowledgement early = Store({Message(4, 3, 0)});
     EXPECT_EQ(early.seq, 2);
@@ -74,7 +81,7 @@ TEST_F(IntakeTest, Report_IsStoredOnceAndOnlyAfterTheOneBefore) {
     EXPECT_EQ(Events(), "");
 }
 
-TEST_F(IntakeTest, NumbersThatBeginAnew_AreNoDuplicates) {
+TEST_P(IntakeTest, NumbersThatBeginAnew_AreNoDuplicates) {
     Store({Message(1, 0, 0, "a"), Message(2, 1, 0, "b"), Message(3, 2, 0, "c")});
     // After a loss of power the host has lost 2 and 3, and uses their numbers again.
     EXPECT_EQ(Store({Message(2, 1, 1, "new")}, kNow + 5000).seq, 2);
@@ -85,7 +92,7 @@ TEST_F(IntakeTest, NumbersThatBeginAnew_AreNoDuplicates) {
     EXPECT_EQ(Events(), "renumbered renumbered ");
 }
 
-TEST_F(IntakeTest, ReportsThatTheHostHasDropped_AreAGapAndNotWaitedFor) {
+TEST_P(IntakeTest, ReportsThatTheHostHasDropped_AreAGapAndNotWaitedFor) {
     Store({Message(1, 0, 0)});
     EXPECT_EQ(Store({Message(9, 1, 1)}).seq, 9);
     // The collector has lost the end of its own database.
@@ -93,7 +100,7 @@ TEST_F(IntakeTest, ReportsThatTheHostHasDropped_AreAGapAndNotWaitedFor) {
     EXPECT_EQ(Events(), "gap gap ");
 }
 
-TEST_F(IntakeTest, HostileMessages_AreCountedAndChangeNothing) {
+TEST_P(IntakeTest, HostileMessages_AreCountedAndChangeNothing) {
     Fleet::Message without = Message(1, 0, 0);
     without.properties.erase("seq");
     Fleet::Message text = Message(1, 0, 0);
@@ -124,7 +131,7 @@ TEST_F(IntakeTest, HostileMessages_AreCountedAndChangeNothing) {
     EXPECT_EQ(Store(flood).seq, 500) << "one host may fill only a part of a batch";
 }
 
-TEST_F(IntakeTest, HostThatIsNotHeard_IsSilentOnceAndBackWithItsNextState) {
+TEST_P(IntakeTest, HostThatIsNotHeard_IsSilentOnceAndBackWithItsNextState) {
     Store({{"sentrel/host-1/state", "{\"online\":true}"}});
     EXPECT_TRUE(intake_.CheckSilence(kNow + 40'000, kNow));
     EXPECT_EQ(Events(), "");
@@ -141,7 +148,7 @@ TEST_F(IntakeTest, HostThatIsNotHeard_IsSilentOnceAndBackWithItsNextState) {
     EXPECT_EQ(Events(), "silent back silent ");
 }
 
-TEST_F(IntakeTest, OldReportsAndThoseBeyondTheSizeOfAHost_AreRemoved) {
+TEST_P(IntakeTest, OldReportsAndThoseBeyondTheSizeOfAHost_AreRemoved) {
     settings_.max_megabytes_per_host = 1;
     settings_.keep_days = 1;
     Collector::Intake intake(store_, settings_);
@@ -157,5 +164,63 @@ TEST_F(IntakeTest, OldReportsAndThoseBeyondTheSizeOfAHost_AreRemoved) {
     EXPECT_TRUE(intake.Prune(kNow + 25LL * 3600 * 1000));
     EXPECT_EQ(Stored(), Seqs());
 }
+
+TEST_P(IntakeTest, SecondCollectorThatKnowsLess_DoublesNothing) {
+    Collector::FleetStore store;
+    ASSERT_TRUE(store.Open(Location())) << store.Error();
+    Collector::Intake other(store, settings_);
+    ASSERT_TRUE(other.Load());
+    Store({Message(1, 0, 0), Message(2, 1, 0)});
+    std::vector<Collector::Reply> replies;
+    const auto send = [&] {
+        for (int seq = 1; seq <= 3; ++seq) other.Add(Message(seq, seq - 1, 0));
+        return other.Store(kNow, replies);
+    };
+    EXPECT_FALSE(send());
+    EXPECT_TRUE(replies.empty());
+    ASSERT_TRUE(send()) << other.Error();
+    EXPECT_EQ(replies[0].acknowledgement.seq, 3);
+    intake_.Add(Message(3, 2, 2, "another body"));
+    EXPECT_FALSE(intake_.Store(kNow, replies)) << "3 is stored, which this one does not know";
+    EXPECT_EQ(Stored(), (Seqs{1, 2, 3}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Database, IntakeTest,
+                         testing::Values(DatabaseKind::kSqlite, DatabaseKind::kPostgres),
+                         test::NameOfKind);
+
+class Outage : public IntakeTest {};
+
+TEST_P(Outage, DatabaseThatStops_AcknowledgesNothingAndLosesNothing) {
+    Store({Message(1, 0, 0), Message(2, 1, 0)});
+    database_.Server().Stop();
+    std::vector<Collector::Reply> replies;
+    for (int i = 0; i < 2; ++i) {
+        intake_.Add(Message(3, 2, 2));
+        EXPECT_FALSE(intake_.Store(kNow, replies));
+        EXPECT_TRUE(replies.empty());
+        EXPECT_NE(intake_.Error(), "");
+    }
+    EXPECT_FALSE(intake_.CheckSilence(kNow + 99'000, kNow));
+    ASSERT_TRUE(database_.Server().Start());
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            intake_.Add(Message(3, 2, 2));
+            return intake_.Store(kNow, replies);
+        },
+        test::Scaled(std::chrono::seconds(10))))
+        << intake_.Error();
+    EXPECT_EQ(replies.at(0).acknowledgement.seq, 3);
+    EXPECT_EQ(Stored(), (Seqs{1, 2, 3}));
+    Database::Location wrong = Location();
+    wrong.password_file = dir_.Write("wrong", "a wrong password\n");
+    std::filesystem::permissions(wrong.password_file, std::filesystem::perms::owner_read);
+    Collector::FleetStore store;
+    EXPECT_FALSE(store.OpenExisting(wrong));
+    EXPECT_NE(store.Error().find("password"), std::string::npos) << store.Error();
+}
+
+INSTANTIATE_TEST_SUITE_P(Database, Outage, testing::Values(DatabaseKind::kPostgres),
+                         test::NameOfKind);
 
 }  // namespace

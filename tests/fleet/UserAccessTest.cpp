@@ -4,7 +4,7 @@
 #include "base/Totp.h"
 #include "console/UserAccess.h"
 #include "store/FleetStore.h"
-#include "support/TempDir.h"
+#include "support/Postgres.h"
 
 namespace {
 
@@ -34,14 +34,15 @@ TEST(Totp, CodesOfTheStandard_AreGoodForTheirStepAndItsNeighboursOnce) {
     EXPECT_NE(Collector::NewTotpSecret(), Collector::NewTotpSecret());
 }
 
-class Users : public testing::Test {
+class Users : public testing::TestWithParam<test::DatabaseKind> {
   protected:
     Users() {
         now_s = 2000000000;
         Collector::FleetStore tables;
-        EXPECT_TRUE(tables.Open(dir_.Path("fleet.db")));
-        EXPECT_TRUE(store_.Open(dir_.Path("fleet.db")));
-        EXPECT_TRUE(access_.Open(dir_.Path("fleet.db")));
+        EXPECT_TRUE(tables.Open(database_.Location())) << tables.Error();
+        EXPECT_TRUE(store_.Open(database_.Location()));
+        std::string error;
+        EXPECT_TRUE(access_.Open(database_.Location(), error)) << error;
         user_.name = "anna";
         user_.role = Console::Role::kOperator;
         user_.password_hash = Collector::HashPassword("correct horse");
@@ -56,13 +57,13 @@ class Users : public testing::Test {
         return access_.LogIn(credentials).has_value();
     }
 
-    test::TempDir dir_;
+    test::AnyDatabase database_{GetParam()};
     Collector::UserStore store_;
     Collector::UserAccess access_{[] { return now_s; }};
     Collector::UserRecord user_;
 };
 
-TEST_F(Users, PasswordLetsIn_AndAUserWhoWasRemovedMayNotGoOn) {
+TEST_P(Users, PasswordLetsIn_AndAUserWhoWasRemovedMayNotGoOn) {
     EXPECT_NE(user_.password_hash, Collector::HashPassword("correct horse")) << "salted";
     EXPECT_EQ(user_.password_hash.rfind("$argon2id$", 0), 0U);
     EXPECT_TRUE(MayLogIn("anna", "correct horse"));
@@ -79,7 +80,7 @@ TEST_F(Users, PasswordLetsIn_AndAUserWhoWasRemovedMayNotGoOn) {
     EXPECT_FALSE(MayLogIn("anna", "correct horse"));
 }
 
-TEST_F(Users, WrongPasswords_LockTheNameForAMinute) {
+TEST_P(Users, WrongPasswords_LockTheNameForAMinute) {
     for (int i = 0; i < Collector::UserAccess::kMostFailures; ++i) {
         EXPECT_FALSE(MayLogIn("anna", "wrong"));
     }
@@ -89,7 +90,7 @@ TEST_F(Users, WrongPasswords_LockTheNameForAMinute) {
     EXPECT_EQ(store_.Acts(10).size(), 2U) << "the lock and the login";
 }
 
-TEST_F(Users, SecondFactor_IsNeededAndGoodOnce) {
+TEST_P(Users, SecondFactor_IsNeededAndGoodOnce) {
     user_.totp_secret = kSecret;
     ASSERT_TRUE(store_.Save(user_));
     EXPECT_FALSE(MayLogIn("anna", "correct horse"));
@@ -97,5 +98,10 @@ TEST_F(Users, SecondFactor_IsNeededAndGoodOnce) {
     EXPECT_TRUE(MayLogIn("anna", "correct horse", "279037"));
     EXPECT_FALSE(MayLogIn("anna", "correct horse", "279037")) << "somebody looked on";
 }
+
+INSTANTIATE_TEST_SUITE_P(Database, Users,
+                         testing::Values(test::DatabaseKind::kSqlite,
+                                         test::DatabaseKind::kPostgres),
+                         test::NameOfKind);
 
 }  // namespace

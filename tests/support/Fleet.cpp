@@ -1,14 +1,11 @@
 #include "support/Fleet.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sdk/files/FileDescriptor.h>
 #include <sdk/text/JsonUtils.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <sstream>
 
@@ -20,20 +17,6 @@ namespace {
 
 constexpr std::chrono::seconds kDeadline{20};
 constexpr const char* kPassword = "a password of the tests";
-
-/// Starts the words with standard output and error in these files.
-pid_t Spawn(const std::vector<std::string>& words, const std::string& out, const std::string& err) {
-    std::vector<char*> argv;
-    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid != 0) return pid;
-    const int flags = O_CREAT | O_WRONLY | O_APPEND;
-    ::dup2(::open(out.c_str(), flags, 0600), STDOUT_FILENO);
-    ::dup2(::open(err.c_str(), flags, 0600), STDERR_FILENO);
-    ::execvp(argv[0], argv.data());
-    ::_exit(127);
-}
 
 sockaddr_in Loopback(int port) {
     sockaddr_in address{};
@@ -79,38 +62,6 @@ void Replace(std::string& text, const std::string& from, const std::string& to) 
 }
 
 }  // namespace
-
-CommandResult RunWords(const std::vector<std::string>& words) {
-    const TempDir dir;
-    const pid_t pid = Spawn(words, dir.Path("out"), dir.Path("err"));
-    int status = -1;
-    ::waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TempDir::Read(dir.Path("out")),
-            TempDir::Read(dir.Path("err"))};
-}
-
-void Child::Start(const std::vector<std::string>& words, const std::string& output) {
-    pid_ = Spawn(words, output, output);
-}
-
-int Child::Wait() {
-    int status = -1;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-void Child::Kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    Wait();
-}
-
-int Child::Stop() {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, SIGTERM);
-    return Wait();
-}
 
 Broker::Broker(const std::vector<std::string>& agent_ids) : port_(FreePort()) {
     MakeCertificates(dir_);

@@ -2,34 +2,14 @@
 
 #include <fleet/BrokerSettings.h>
 #include <json/value.h>
-#include <sys/types.h>
 
 #include <string>
 #include <vector>
 
-#include "support/AgentProcess.h"
+#include "support/Child.h"
 #include "support/TempDir.h"
 
 namespace test {
-
-/// A child process of the test; the destructor kills it.
-class Child {
-  public:
-    Child() = default;
-    ~Child() { Kill(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    /// The output goes to the file `output`.
-    void Start(const std::vector<std::string>& words, const std::string& output);
-    void Kill();  ///< SIGKILL
-    int Stop();   ///< SIGTERM; the exit code
-    bool IsRunning() const { return pid_ > 0; }
-
-  private:
-    int Wait();
-    pid_t pid_ = -1;
-};
 
 /// Debian's mosquitto on loopback, with the sample configuration and access list of docs/fleet/
 /// and certificates of its own.
@@ -80,8 +60,5 @@ class CollectorProcess {
     TempDir dir_;
     Child process_;
 };
-
-/// Runs the words without a shell.
-CommandResult RunWords(const std::vector<std::string>& words);
 
 }  // namespace test

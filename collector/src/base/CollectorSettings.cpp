@@ -75,18 +75,61 @@ bool TakeConsole(const Json::Value& object, ConsoleSettings& console, std::strin
            (!console.certificate.empty() || console.address == "127.0.0.1");
 }
 
+bool IsAbsolute(const Json::Value& value) {
+    return value.isString() && !value.asString().empty() && value.asString()[0] == '/';
+}
+
+bool TakeServer(const std::string& name, const Json::Value& value, Database::Location& database) {
+    constexpr int kMostPort = 65535;
+    if (name == "port") {
+        database.port = value.isInt() ? value.asInt() : 0;
+        return database.port >= 1 && database.port <= kMostPort;
+    }
+    const bool is_file = name == "password_file" || name == "ca_file";
+    std::string* const text = name == "host"            ? &database.host
+                              : name == "name"          ? &database.name
+                              : name == "user"          ? &database.user
+                              : name == "password_file" ? &database.password_file
+                              : name == "ca_file"       ? &database.ca_file
+                                                        : nullptr;
+    if (text == nullptr || !value.isString() || value.asString().empty() ||
+        (is_file && !IsAbsolute(value))) {
+        return false;
+    }
+    *text = value.asString();
+    return true;
+}
+
+/// The path of an SQLite file, or a PostgreSQL server. Reports and hashes of passwords cross no
+/// network in the clear.
+bool TakeDatabase(const Json::Value& value, Database::Location& database, std::string& fault) {
+    fault =
+        "must be an absolute path, or an object with host, port, name, user, password_file, "
+        "ca_file";
+    if (value.isString()) {
+        database = Database::Location(value.asString());
+        return IsAbsolute(value);
+    }
+    if (!value.isObject()) return false;
+    database = Database::Location();
+    for (const std::string& name : value.getMemberNames()) {
+        if (TakeServer(name, value[name], database)) continue;
+        fault = name + ": unknown key or wrong value";
+        return false;
+    }
+    fault = "host: must name the server, or the directory of its socket";
+    if (database.host.empty()) return false;
+    fault = "ca_file: must name the CA's certificate, as the server is not on this host";
+    return !database.ca_file.empty() || database.host[0] == '/' || database.host == "127.0.0.1" ||
+           database.host == "::1" || database.host == "localhost";
+}
+
 bool Take(const std::string& name, const Json::Value& value, CollectorSettings& settings,
           std::string& fault) {
     for (const NumberKey& key : kNumberKeys) {
         if (name == key.name) return TakeNumber(key, value, settings, fault);
     }
-    if (name == "database") {
-        fault = "must be an absolute path";
-        if (!value.isString() || value.asString().empty() || value.asString()[0] != '/')
-            return false;
-        settings.database = value.asString();
-        return true;
-    }
+    if (name == "database") return TakeDatabase(value, settings.database, fault);
     if (name == "console") return TakeConsole(value, settings.console, fault);
     if (name == "group") {
         fault = "must be made of letters, digits, \"_\", \"-\" and \".\"";

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <database/Session.h>
 #include <fleet/BrokerSettings.h>
 
 #include <cstdint>
@@ -22,7 +23,7 @@ struct ConsoleSettings {
 /// The configuration of the collector.
 struct CollectorSettings {
     Fleet::BrokerSettings broker;
-    std::string database = "/var/lib/sentrel-collector/fleet.db";
+    Database::Location database = "/var/lib/sentrel-collector/fleet.db";
     std::string group = "collectors";  ///< of the shared subscription
     ConsoleSettings console;
     int silent_after_s = 45;

@@ -9,25 +9,24 @@ int Fail(const std::string& text) {
     return kExitFailed;
 }
 
-bool FindDatabase(const Arguments& arguments, std::string& path) {
-    path = arguments.database;
-    if (path.empty()) {
-        CollectorSettings settings;
-        std::string error;
-        if (!ReadSettings(arguments.config, settings, error)) {
-            Fail(error);
-            return false;
-        }
-        path = settings.database;
+bool FindDatabase(const Arguments& arguments, Database::Location& location) {
+    location = arguments.database;
+    if (!arguments.database.empty()) return true;
+    CollectorSettings settings;
+    std::string error;
+    if (!ReadSettings(arguments.config, settings, error)) {
+        Fail(error);
+        return false;
     }
+    location = settings.database;
     return true;
 }
 
 bool OpenDatabase(const Arguments& arguments, FleetStore& store) {
-    std::string path;
-    if (!FindDatabase(arguments, path)) return false;
-    if (store.OpenExisting(path)) return true;
-    Fail("cannot read the database " + path + ": " + store.Error());
+    Database::Location location;
+    if (!FindDatabase(arguments, location)) return false;
+    if (store.OpenExisting(location)) return true;
+    Fail("cannot read the database " + location.Text() + ": " + store.Error());
     return false;
 }
 

@@ -7,9 +7,9 @@
 
 namespace Collector {
 
-/// The path of the database that the arguments or their configuration name. False: said on standard
+/// Where the database is that the arguments or their configuration name. False: said on standard
 /// error.
-bool FindDatabase(const Arguments& arguments, std::string& path);
+bool FindDatabase(const Arguments& arguments, Database::Location& location);
 
 /// Opens the database that the arguments or their configuration name. False: said on standard
 /// error.

@@ -29,10 +29,11 @@ bool IsName(const std::string& name) {
 }
 
 bool Open(const Arguments& arguments, UserStore& users) {
-    std::string path;
-    if (!FindDatabase(arguments, path)) return false;
-    if (users.Open(path)) return true;
-    Fail("cannot open the database " + path + ", which the service makes: " + users.Error());
+    Database::Location location;
+    if (!FindDatabase(arguments, location)) return false;
+    if (users.Open(location)) return true;
+    Fail("cannot open the database " + location.Text() +
+         ", which the service makes: " + users.Error());
     return false;
 }
 

@@ -135,10 +135,10 @@ bool IsNumber(const std::string& text) {
 
 }  // namespace
 
-bool FleetBackend::Open(const std::string& database, std::string& error) {
+bool FleetBackend::Open(const Database::Location& database, std::string& error) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (store_.OpenExisting(database) && users_.Open(database)) return true;
-    error = "cannot open " + database + ": " + store_.Error();
+    error = "cannot open " + database.Text() + ": " + store_.Error();
     return false;
 }
 

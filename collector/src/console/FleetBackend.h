@@ -16,7 +16,7 @@ namespace Collector {
 class FleetBackend : public Console::Backend {
   public:
     /// False, with a sentence in `error`, when the database cannot be opened.
-    bool Open(const std::string& database, std::string& error);
+    bool Open(const Database::Location& database, std::string& error);
 
     std::string Mode() const override { return "fleet"; }
     Console::Reply Handle(const Console::Request& request) override;

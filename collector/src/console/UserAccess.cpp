@@ -20,6 +20,12 @@ constexpr std::size_t kMostRemembered = 1000;
 
 UserAccess::UserAccess(Clock now_s) : now_s_(now_s), nobodys_hash_(HashPassword("nobody's")) {}
 
+bool UserAccess::Open(const Database::Location& database, std::string& error) {
+    if (users_.Open(database)) return true;
+    error = "cannot open " + database.Text() + ": " + users_.Error();
+    return false;
+}
+
 std::optional<Console::User> UserAccess::LogIn(const Json::Value& credentials) {
     const std::string name = JsonUtils::GetStringValue(credentials, "user", "");
     const std::string password = JsonUtils::GetStringValue(credentials, "password", "");

@@ -20,7 +20,8 @@ class UserAccess : public Console::Access {
     using Clock = std::int64_t (*)();
     explicit UserAccess(Clock now_s);
 
-    bool Open(const std::string& database) { return users_.Open(database); }
+    /// False with `error`.
+    bool Open(const Database::Location& database, std::string& error);
 
     std::string Kind() const override { return "password"; }
     /// Takes {"user", "password", "code"}.

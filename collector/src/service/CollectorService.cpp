@@ -72,7 +72,7 @@ int CollectorService::Run() {
     ::umask(027);
     signals_ = StopSignals();
     if (!OpenStore() || !StartConsole()) return 1;
-    Log(Severity::kNotice, "the collector starts; database " + settings_.database);
+    Log(Severity::kNotice, "the collector starts; database " + settings_.database.Text());
     ::sd_notify(0, "READY=1");
     do {
         RunConnection();
@@ -90,7 +90,8 @@ int CollectorService::Run() {
 
 bool CollectorService::OpenStore() {
     if (store_.Open(settings_.database) && intake_.Load()) return true;
-    Log(Severity::kError, "cannot use the database " + settings_.database + ": " + store_.Error());
+    Log(Severity::kError,
+        "cannot use the database " + settings_.database.Text() + ": " + store_.Error());
     return false;
 }
 
@@ -104,7 +105,7 @@ bool CollectorService::StartConsole() {
     options.names = settings_.console.names;
     console_ = std::make_unique<Console::ConsoleServer>(options, access_, backend_);
     std::string error;
-    if (access_.Open(settings_.database) && backend_.Open(settings_.database, error) &&
+    if (access_.Open(settings_.database, error) && backend_.Open(settings_.database, error) &&
         console_->Start(error)) {
         Log(Severity::kNotice, "the console is at " + console_->Url());
         return true;
@@ -180,7 +181,19 @@ bool CollectorService::Pass(std::string& error) {
 
 void CollectorService::StoreAndAnswer() {
     std::vector<Collector::Reply> replies;
-    if (intake_.Store(EpochMs(), replies)) Reply(replies);
+    const bool is_stored = intake_.Store(EpochMs(), replies);
+    if (is_stored) Reply(replies);
+    NoteStore(is_stored);
+}
+
+/// Hosts that had no answer during an outage of the database wait longer and longer before they
+/// send again: they are asked to send at its end.
+void CollectorService::NoteStore(bool is_working) {
+    if (is_working == is_storing_) return;
+    is_storing_ = is_working;
+    if (!is_working) return Log(Severity::kError, "cannot store: " + intake_.Error());
+    Log(Severity::kNotice, "the database stores again");
+    if (listening_) Reply(intake_.AskForMissing());
 }
 
 void CollectorService::Reply(const std::vector<Collector::Reply>& replies) {
@@ -195,11 +208,11 @@ void CollectorService::Housekeeping() {
     if (now_ms >= alive_due_ms_) {
         alive_due_ms_ = now_ms + std::min(kAliveEveryMs, settings_.SilentAfterMs() / 3);
         SayAlive();
-        if (listening_) intake_.CheckSilence(EpochMs(), listening_since_ms_);
+        if (listening_) NoteStore(intake_.CheckSilence(EpochMs(), listening_since_ms_));
     }
     if (now_ms >= prune_due_ms_) {
         prune_due_ms_ = now_ms + kPruneEveryMs;
-        intake_.Prune(EpochMs());
+        NoteStore(intake_.Prune(EpochMs()));
     }
 }
 

@@ -40,6 +40,7 @@ class CollectorService {
     bool Pass(std::string& error);
     void StoreAndAnswer();
     void Reply(const std::vector<Collector::Reply>& replies);
+    void NoteStore(bool is_working);
     void Housekeeping();
     void SayAlive();
     bool Stopped(std::int64_t wait_ms) const;
@@ -53,6 +54,7 @@ class CollectorService {
     SDK::FileDescriptor signals_;
     std::unique_ptr<Fleet::BrokerClient> broker_;
     bool listening_ = false;
+    bool is_storing_ = true;  ///< the last transaction did not fail
     std::int64_t listening_since_ms_ = 0;
     std::int64_t alive_due_ms_ = 0;
     std::int64_t prune_due_ms_ = 0;

@@ -9,7 +9,8 @@ namespace Collector {
 bool HostTable::Load() {
     std::vector<HostRecord> hosts;
     changed_.clear();
-    if (!store_.ReadHosts(hosts)) return false;
+    is_fresh_ = store_.ReadHosts(hosts);
+    if (!is_fresh_) return false;
     hosts_.clear();
     for (HostRecord& host : hosts) hosts_[host.agent_id] = std::move(host);
     return true;
@@ -38,7 +39,10 @@ HostRecord* HostTable::Find(std::int64_t host_id) {
 
 bool HostTable::Write() {
     const bool good = std::all_of(changed_.begin(), changed_.end(), [this](const std::string& id) {
-        return store_.SaveHost(hosts_.at(id));
+        HostRecord& host = hosts_.at(id);
+        if (!store_.SaveHost(host)) return false;
+        ++host.revision;
+        return true;
     });
     changed_.clear();
     return good;

@@ -20,6 +20,9 @@ class HostTable {
     /// Reads all hosts, and forgets what was not written.
     bool Load();
 
+    /// Reads all hosts when the last Load failed.
+    bool IsFresh() { return is_fresh_ || Load(); }
+
     /// The host, added when it is new; null when there are too many or the store fails. Marks it as
     /// changed.
     HostRecord* Change(const std::string& agent_id, std::int64_t now_ms);
@@ -37,6 +40,7 @@ class HostTable {
     const std::size_t max_hosts_;
     std::map<std::string, HostRecord> hosts_;
     std::set<std::string> changed_;
+    bool is_fresh_ = false;
 };
 
 }  // namespace Collector

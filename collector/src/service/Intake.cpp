@@ -50,7 +50,8 @@ bool Intake::Store(std::int64_t now_ms, std::vector<Reply>& replies) {
     replies.clear();
     answers_.clear();
     const IntakeCounters before = counters_;
-    const bool good = store_.Begin() && StoreBatch(now_ms) && hosts_.Write() && store_.Commit();
+    const bool good = hosts_.IsFresh() && store_.Begin() && StoreBatch(now_ms) && hosts_.Write() &&
+                      store_.Commit();
     batch_.clear();
     batch_bytes_ = 0;
     reports_in_batch_.clear();
@@ -58,10 +59,16 @@ bool Intake::Store(std::int64_t now_ms, std::vector<Reply>& replies) {
         for (auto& [agent_id, answer] : answers_) replies.push_back({agent_id, std::move(answer)});
         return true;
     }
-    Log(Severity::kError, "cannot store what hosts sent: " + store_.Error());
-    store_.Rollback();
     counters_ = before;
-    if (!hosts_.Load()) Log(Severity::kError, "cannot read the hosts: " + store_.Error());
+    return Undo();
+}
+
+/// After a lost connection nobody knows whether the transaction was committed: the hosts are read
+/// again before anything else is stored.
+bool Intake::Undo() {
+    error_ = store_.Error();
+    store_.Rollback();
+    hosts_.Load();
     return false;
 }
 
@@ -228,28 +235,26 @@ bool Intake::CheckSilence(std::int64_t now_ms, std::int64_t since_ms) {
         if (!host.silent && now_ms - last > settings_.SilentAfterMs()) silent.push_back(agent_id);
     }
     if (silent.empty()) return true;
-    bool good = store_.Begin();
+    bool good = hosts_.IsFresh() && store_.Begin();
     for (const std::string& agent_id : silent) {
         HostRecord* const host = good ? hosts_.Change(agent_id, now_ms) : nullptr;
         good =
             host != nullptr && SetSilent(*host, true, "nothing has arrived from the host", now_ms);
     }
     if (good && hosts_.Write() && store_.Commit()) return true;
-    store_.Rollback();
-    return hosts_.Load() && false;
+    return Undo();
 }
 
 bool Intake::Prune(std::int64_t now_ms) {
     const auto removed = [this](std::int64_t host_id, std::int64_t bytes) {
         Removed(host_id, bytes);
     };
-    if (store_.Begin() &&
+    if (hosts_.IsFresh() && store_.Begin() &&
         store_.PruneOlderThan(now_ms - settings_.KeepMs(), kRowsPerStep, removed) &&
         hosts_.Write() && store_.Commit()) {
         return true;
     }
-    store_.Rollback();
-    return hosts_.Load() && false;
+    return Undo();
 }
 
 void Intake::Removed(std::int64_t host_id, std::int64_t bytes) {

@@ -38,6 +38,7 @@ class Intake {
     /// Borrows the store, which is open.
     Intake(FleetStore& store, const CollectorSettings& settings);
 
+    /// Reads the hosts from the store.
     bool Load() { return hosts_.Load(); }
 
     /// Keeps the message for the next Store.
@@ -60,6 +61,9 @@ class Intake {
 
     const IntakeCounters& Counters() const { return counters_; }
 
+    /// Why the last of the operations above failed.
+    const std::string& Error() const { return error_; }
+
   private:
     struct Item {
         Fleet::Topic topic;
@@ -67,6 +71,7 @@ class Intake {
     };
 
     bool StoreBatch(std::int64_t now_ms);
+    bool Undo();
     bool StoreItem(Item& item, std::int64_t now_ms);
     bool StoreReport(HostRecord& host, const Fleet::Report& report, std::int64_t now_ms);
     bool AddReport(HostRecord& host, const Fleet::Report& report, std::int64_t now_ms);
@@ -89,6 +94,7 @@ class Intake {
     std::map<std::string, Fleet::Acknowledgement> answers_;  ///< by agent id
     std::map<std::int64_t, std::int64_t> last_event_ms_;     ///< by host id
     IntakeCounters counters_;
+    std::string error_;
 };
 
 }  // namespace Collector

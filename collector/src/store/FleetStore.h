@@ -1,11 +1,12 @@
 #pragma once
 
-#include <database/Sqlite.h>
+#include <database/Session.h>
 #include <fleet/Report.h>
 #include <json/value.h>
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,10 @@ struct HostRecord {
     std::int64_t bytes = 0;         ///< of its stored bodies
     std::int64_t first_seen_ms = 0;
     std::int64_t last_seen_ms = 0;
-    bool online = false;  ///< as its last state says
-    bool silent = false;  ///< nothing arrives; already reported
-    std::string state;    ///< its last state, JSON
+    bool online = false;        ///< as its last state says
+    bool silent = false;        ///< nothing arrives; already reported
+    std::string state;          ///< its last state, JSON
+    std::int64_t revision = 0;  ///< counts SaveHost
 };
 
 /// Which reports to list.
@@ -34,17 +36,18 @@ struct ReportQuery {
     std::int64_t limit = 100;
 };
 
-/// The database of the collector, SQLite. The schema has a version; an older one is migrated when
-/// it is opened. Operations return false on failure; Error says why. Not thread-safe.
+/// The database of the collector, SQLite or PostgreSQL. The schema has a version; an older one is
+/// migrated when it is opened. Operations return false on failure; Error says why. Not thread-safe.
 ///
-/// A transaction that is committed survives a crash of the machine.
+/// A transaction that is committed survives a crash of the machine. In a transaction an operation
+/// without a result may fail as late as Commit.
 class FleetStore {
   public:
-    /// Makes the file (mode 0640) and its tables when they are missing.
-    bool Open(const std::string& path);
+    /// Makes the file (mode 0640) and the tables when they are missing.
+    bool Open(const Database::Location& location);
 
     /// Opens an existing database to read it.
-    bool OpenExisting(const std::string& path);
+    bool OpenExisting(const Database::Location& location);
 
     bool Begin();
     bool Commit();
@@ -52,8 +55,10 @@ class FleetStore {
 
     bool ReadHosts(std::vector<HostRecord>& hosts);
     bool AddHost(HostRecord& host);  ///< sets its id
+    /// In a transaction, which fails when another process has saved the host since it was read.
     bool SaveHost(const HostRecord& host);
 
+    /// In a transaction.
     bool AddReport(const HostRecord& host, const Fleet::Report& report, std::int64_t now_ms);
 
     enum class Match { kNone, kSame, kOther, kFailed };
@@ -78,24 +83,23 @@ class FleetStore {
     bool PruneOlderThan(std::int64_t time_ms, int max_rows, const Removed& removed);
     bool PruneHost(std::int64_t host_id, int max_rows, const Removed& removed);
 
-    using Row = std::function<bool(const Json::Value& row)>;  ///< false: stop
+    using EachRow = std::function<bool(const Json::Value& row)>;  ///< false: stop
 
     /// Oldest first; without `after` the newest `limit`.
-    bool ListReports(const ReportQuery& query, const Row& row);
-    bool ListEvents(std::int64_t limit, const Row& row);
-    bool ListResults(const Row& row);
+    bool ListReports(const ReportQuery& query, const EachRow& each);
+    bool ListEvents(std::int64_t limit, const EachRow& each);
+    bool ListResults(const EachRow& each);
 
-    std::string Error() const { return connection_.Error(); }
+    /// Bytes that the database uses; 0: unknown.
+    std::int64_t Size();
+
+    std::string Error() const { return session_ == nullptr ? error_ : session_->Error(); }
 
   private:
-    bool SetUp(const std::string& path);
-    bool Migrate();
-    bool Prepare();
-    bool Prune(Database::SqliteRun& run, const Removed& removed);
+    bool Prune(const std::string& sql, const Database::Values& values, const Removed& removed);
 
-    Database::SqliteConnection connection_;
-    Database::SqliteStatement add_host_, save_host_, add_report_, find_report_, add_event_;
-    Database::SqliteStatement save_result_, set_fact_, read_fact_, prune_old_, prune_host_;
+    std::unique_ptr<Database::Session> session_;
+    std::string error_;  ///< of opening
 };
 
 }  // namespace Collector

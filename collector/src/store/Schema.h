@@ -4,10 +4,9 @@
 
 namespace Collector {
 
-/// The steps from one version of the schema to the next; the database knows its version
-/// (user_version). A step that was released is never changed. Plain types, so that another
-/// database can have the same schema.
-constexpr std::array<const char*, 2> kSchemaSteps{{
+/// The steps from one version of the schema to the next (Database::SchemaSteps). A step that was
+/// released is never changed.
+constexpr std::array<const char*, 3> kSchemaSteps{{
     "CREATE TABLE hosts("
     "id INTEGER PRIMARY KEY, agent_id TEXT NOT NULL UNIQUE, stream TEXT NOT NULL,"
     "epoch INTEGER NOT NULL, acknowledged INTEGER NOT NULL, bytes INTEGER NOT NULL,"
@@ -31,7 +30,8 @@ constexpr std::array<const char*, 2> kSchemaSteps{{
     "name TEXT PRIMARY KEY, role TEXT NOT NULL, password TEXT NOT NULL, totp TEXT NOT NULL,"
     "totp_step INTEGER NOT NULL, last_login_ms INTEGER NOT NULL);"
     "CREATE TABLE acts("
-    "id INTEGER PRIMARY KEY, time_ms INTEGER NOT NULL, user TEXT NOT NULL, act TEXT NOT NULL);",
+    "id INTEGER PRIMARY KEY, time_ms INTEGER NOT NULL, \"user\" TEXT NOT NULL, act TEXT NOT NULL);",
+    "ALTER TABLE hosts ADD COLUMN revision INTEGER NOT NULL DEFAULT 0;",
 }};
 
 }  // namespace Collector

@@ -1,19 +1,19 @@
 #include "store/UserStore.h"
 
+#include <sdk/text/Utf8.h>
+
 namespace Collector {
 
 using Console::Role;
 using Console::RoleName;
-using Database::SqliteRun;
-using Database::SqliteStatement;
+using Database::Row;
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 5'000;
 constexpr const char* kColumns =
     "SELECT name,role,password,totp,totp_step,last_login_ms FROM users";
 
-UserRecord ToUser(const SqliteRun& row) {
+UserRecord ToUser(const Row& row) {
     UserRecord user;
     user.name = row.Bytes(0);
     user.role = RoleNamed(row.Bytes(1)).value_or(Role::kViewer);
@@ -22,6 +22,11 @@ UserRecord ToUser(const SqliteRun& row) {
     user.totp_step = row.Int(4);
     user.last_login_ms = row.Int(5);
     return user;
+}
+
+/// Names come from login forms, too, and a database takes no other text.
+bool IsText(const std::string& text) {
+    return text.find('\0') == std::string::npos && SDK::ToValidUtf8(text) == text;
 }
 
 }  // namespace
@@ -33,88 +38,61 @@ std::optional<Role> RoleNamed(const std::string& name) {
     return {};
 }
 
-bool UserStore::Open(const std::string& path) {
-    return connection_.Open(path, kBusyTimeoutMs) == SQLITE_OK;
+bool UserStore::Open(const Database::Location& location) {
+    session_ = Database::Open(location, Database::Mode::kExisting, error_);
+    return session_ != nullptr;
 }
 
 bool UserStore::Save(const UserRecord& user) {
-    SqliteStatement statement;
-    if (statement.Prepare(connection_,
-                          "INSERT OR REPLACE INTO users(name,role,password,totp,totp_step,"
-                          "last_login_ms) VALUES(?,?,?,?,?,?)") != SQLITE_OK) {
-        return false;
-    }
     const std::string role = RoleName(user.role);
-    SqliteRun run(statement);
-    run.BindText(1, user.name);
-    run.BindText(2, role);
-    run.BindText(3, user.password_hash);
-    run.BindText(4, user.totp_secret);
-    run.Bind(5, user.totp_step);
-    run.Bind(6, user.last_login_ms);
-    return run.Step() == SQLITE_DONE;
+    return session_->Run(
+        "INSERT INTO users(name,role,password,totp,totp_step,last_login_ms)"
+        " VALUES(?1,?2,?3,?4,?5,?6) ON CONFLICT(name) DO UPDATE SET"
+        " role=?2,password=?3,totp=?4,totp_step=?5,last_login_ms=?6",
+        {user.name, role, user.password_hash, user.totp_secret, user.totp_step,
+         user.last_login_ms});
 }
 
 bool UserStore::Remove(const std::string& name) {
-    SqliteStatement statement;
-    if (statement.Prepare(connection_, "DELETE FROM users WHERE name=?") != SQLITE_OK) return false;
-    SqliteRun run(statement);
-    run.BindText(1, name);
-    return run.Step() == SQLITE_DONE && sqlite3_changes(connection_.Handle()) > 0;
+    return session_->Run("DELETE FROM users WHERE name=?1", {name}) && session_->Changed() > 0;
 }
 
 std::optional<UserRecord> UserStore::Find(const std::string& name) {
-    SqliteStatement statement;
-    if (statement.Prepare(connection_, std::string(kColumns) + " WHERE name=?") != SQLITE_OK) {
-        return {};
-    }
-    SqliteRun run(statement);
-    run.BindText(1, name);
-    if (run.Step() != SQLITE_ROW) return {};
-    return ToUser(run);
+    std::optional<UserRecord> user;
+    if (!IsText(name)) return user;
+    session_->Run(std::string(kColumns) + " WHERE name=?1", {name}, [&](const Row& row) {
+        user = ToUser(row);
+        return true;
+    });
+    return user;
 }
 
 std::vector<UserRecord> UserStore::List() {
     std::vector<UserRecord> users;
-    SqliteStatement statement;
-    if (statement.Prepare(connection_, std::string(kColumns) + " ORDER BY name") != SQLITE_OK) {
-        return users;
-    }
-    SqliteRun run(statement);
-    while (run.Step() == SQLITE_ROW) users.push_back(ToUser(run));
+    session_->Run(std::string(kColumns) + " ORDER BY name", {}, [&](const Row& row) {
+        users.push_back(ToUser(row));
+        return true;
+    });
     return users;
 }
 
 bool UserStore::AddAct(const std::string& user, const std::string& act, std::int64_t now_ms) {
-    SqliteStatement statement;
-    if (statement.Prepare(connection_, "INSERT INTO acts(time_ms,user,act) VALUES(?,?,?)") !=
-        SQLITE_OK) {
-        return false;
-    }
-    SqliteRun run(statement);
-    run.Bind(1, now_ms);
-    run.BindText(2, user);
-    run.BindText(3, act);
-    return run.Step() == SQLITE_DONE;
+    const std::string name = IsText(user) ? user : std::string("(no valid name)");
+    return session_->Run("INSERT INTO acts(time_ms,\"user\",act) VALUES(?1,?2,?3)",
+                         {now_ms, name, act});
 }
 
 Json::Value UserStore::Acts(int limit) {
     Json::Value acts(Json::arrayValue);
-    SqliteStatement statement;
-    if (statement.Prepare(connection_,
-                          "SELECT time_ms,user,act FROM acts ORDER BY id DESC LIMIT ?") !=
-        SQLITE_OK) {
-        return acts;
-    }
-    SqliteRun run(statement);
-    run.Bind(1, std::int64_t{limit});
-    while (run.Step() == SQLITE_ROW) {
-        Json::Value act(Json::objectValue);
-        act["time_ms"] = Json::Int64{run.Int(0)};
-        act["user"] = run.Bytes(1);
-        act["act"] = run.Bytes(2);
-        acts.append(std::move(act));
-    }
+    session_->Run("SELECT time_ms,\"user\",act FROM acts ORDER BY id DESC LIMIT ?1",
+                  {std::int64_t{limit}}, [&](const Row& row) {
+                      Json::Value act(Json::objectValue);
+                      act["time_ms"] = Json::Int64{row.Int(0)};
+                      act["user"] = row.Bytes(1);
+                      act["act"] = row.Bytes(2);
+                      acts.append(std::move(act));
+                      return true;
+                  });
     return acts;
 }
 

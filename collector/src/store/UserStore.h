@@ -1,11 +1,11 @@
 #pragma once
 
 #include <console/Backend.h>
-#include <database/Sqlite.h>
+#include <database/Session.h>
 #include <json/value.h>
 
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,7 +26,7 @@ struct UserRecord {
 /// makes. Operations return false on failure; Error says why. Not thread-safe.
 class UserStore {
   public:
-    bool Open(const std::string& path);
+    bool Open(const Database::Location& location);
 
     /// Adds the user or replaces the one of that name.
     bool Save(const UserRecord& user);
@@ -40,10 +40,11 @@ class UserStore {
     /// [{"time_ms", "user", "act"}], the newest first.
     Json::Value Acts(int limit);
 
-    std::string Error() const { return connection_.Error(); }
+    std::string Error() const { return session_ == nullptr ? error_ : session_->Error(); }
 
   private:
-    Database::SqliteConnection connection_;
+    std::unique_ptr<Database::Session> session_;
+    std::string error_;  ///< of opening
 };
 
 std::optional<Console::Role> RoleNamed(const std::string& name);

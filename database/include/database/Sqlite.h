@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sqlite3.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
@@ -20,6 +21,10 @@ class SqliteConnection {
     /// Opens an existing file; an empty one is an empty database. Returns an SQLite result code.
     /// Blocks at most `busy_timeout_ms` for a lock, here and later.
     int Open(const std::string& path, int busy_timeout_ms);
+
+    /// The same; makes an empty file of that mode when there is none. SQLite gives its other files
+    /// the same mode.
+    int Create(const std::string& path, mode_t mode, int busy_timeout_ms);
     void Close() { handle_.reset(); }
     bool IsOpen() const { return handle_ != nullptr; }
 

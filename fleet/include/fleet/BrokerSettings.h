@@ -24,8 +24,4 @@ struct BrokerSettings {
 bool ReadBrokerSettings(const Json::Value& object, const std::string& pointer,
                         BrokerSettings& settings, std::string& error);
 
-/// The first line of a password file. False with `error` when it is empty, cannot be read, or is
-/// open to others than its owner and group.
-bool ReadPassword(const std::string& path, std::string& password, std::string& error);
-
 }  // namespace Fleet

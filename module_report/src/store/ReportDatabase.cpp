@@ -4,15 +4,13 @@
 
 #include "store/ReportDatabase.h"
 
-#include <fcntl.h>
-#include <sdk/files/FileDescriptor.h>
-
 #include <algorithm>
 #include <limits>
 
 namespace Engine {
 namespace {
 
+constexpr mode_t kMode = 0600;
 constexpr int kBusyTimeoutMs = 250;  // upper bound of a sender's wait for another process
 
 // Command reports are rare: their index finds them and costs an alarm nothing. Incremental vacuum
@@ -37,12 +35,6 @@ constexpr const char* kSetUp =
 
 constexpr const char* kLastSeq =
     "SELECT coalesce((SELECT seq FROM sqlite_sequence WHERE name='reports'),0)";
-
-// SQLite creates its other files with the mode of the database file.
-void CreatePrivateFile(const std::string& path) {
-    const SDK::FileDescriptor file(
-        ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
-}
 
 const char* KindCondition(ReportFilter::Kind kind) {
     switch (kind) {
@@ -89,9 +81,8 @@ Report RowToReport(const SqliteRun& row) {
 }  // namespace
 
 bool ReportDatabase::Open(const std::string& path) {
-    CreatePrivateFile(path);
-    opened_ = Check(connection_.Open(path, kBusyTimeoutMs)) && Check(connection_.Execute(kSetUp)) &&
-              AddMissingColumns() && PrepareStatements();
+    opened_ = Check(connection_.Create(path, kMode, kBusyTimeoutMs)) &&
+              Check(connection_.Execute(kSetUp)) && AddMissingColumns() && PrepareStatements();
     return opened_;
 }
 
