@@ -17,7 +17,7 @@ readonly BUILD_PACKAGES=(
 # To test it as well.
 readonly TEST_PACKAGES=(
     libgtest-dev clang-format clang-tidy shellcheck attr acl iproute2 curl git openssl
-    man-db bsdextrautils systemd mosquitto postgresql
+    man-db bsdextrautils systemd mosquitto postgresql composer
 )
 
 # A browser for the tests of the console, and the Node.js that drives it.

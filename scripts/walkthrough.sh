@@ -253,10 +253,26 @@ make_shop() {
     dpkg-deb --root-owner-group --build "$tree" "${tree}_$1.deb" >"$FOLDER/shop.out"
 }
 
+# make_app: a site with a library that composer has to fetch, from a folder.
+make_app() {
+    local app library
+    app=$(place /var/www/app) library=$(place /srv/library)
+    mkdir -p "$app" "$library"
+    echo '{"name": "shop/library", "version": "1.0.0"}' >"$library/composer.json"
+    echo '<?php // the library' >"$library/library.php"
+    cat >"$app/composer.json" <<'END'
+{"repositories": [{"packagist": false}, {"type": "path", "url": "/srv/library", "options": {"symlink": false}}],
+ "require": {"shop/library": "*"}}
+END
+    chown -R www-data: "$app"
+}
+
 # The sites are what was deployed, the protection goes on, and the time of a deploy ends it.
 check_deploys() {
     [[ $(<"$(place /usr/share/shop/index.html)") == 'shop 2' ]] || fail "the package's site is not upgraded"
     in_place morvanectl verify >"$FOLDER/verify.out" 2>&1 || fail "a deployed site is not what was approved"
+    ! can_overlay || ! in_place bash -c 'type composer' >/dev/null 2>&1 ||
+        [[ -e $(place /var/www/app/vendor/shop/library/library.php) ]] || fail "the app lacks its library"
     if can_overlay; then check_expiry; fi
 }
 
@@ -299,13 +315,51 @@ before_page() {
             in_place morvanectl protect /var/www/current --yes >"$FOLDER/current.out" 2>&1
             in_place morvanectl protect /usr/share/shop --yes >"$FOLDER/packaged.out" 2>&1
             make_shop 2
+            make_app
+            in_place morvanectl protect /var/www/app --yes >"$FOLDER/app.out" 2>&1
             ;;
         *) ;;
     esac
 }
 
+# check_backup_server: this host takes its own copies, and the daemon runs in its unit.
+check_backup_server() {
+    local daemon=$FOLDER/daemon
+    [[ -d $(place /run/systemd/system) ]] || return 0
+    cat >"$daemon.json" <<END
+{"enabled": true, "content": {"rsync_x86_64_url": "file:///usr/bin/rsync", "backupserver_ip": "127.0.0.1",
+ "rsync_x86_64_hash": "$(sha256sum /usr/bin/rsync | cut -d' ' -f1)", "backupserver_port": 873,
+ "backupserver_path": "/srv/received from all"}}
+END
+    echo password | morvanectl secret set server >"$daemon.out" 2>&1 || fail "the password is not taken"
+    morvanectl policy apply backupserver_feature "$daemon.json" >"$daemon.out" 2>&1 || { cat "$daemon.out" >&2 && fail "no backup server"; }
+    (await "the daemon's unit" daemon_answers) || daemon_failed
+    echo page >"$daemon.page"
+    RSYNC_PASSWORD=password rsync "$daemon.page" rsync://morvane_agent@127.0.0.1:873/morvane_agent/page || fail "nothing is received"
+    [[ -e '/srv/received from all/page' ]] || fail "what was received is elsewhere"
+    kill -9 "$(daemon_pid)"
+    await "the daemon again" daemon_answers
+    systemd-analyze security morvane-rsyncd | tail -n 1 | tee "$OUTPUT/security-daemon.txt"
+    systemd-analyze security morvane-agent | tail -n 1 | tee "$OUTPUT/security-agent.txt"
+    sed -i 's/"enabled": true/"enabled": false/' "$daemon.json"
+    morvanectl policy apply backupserver_feature "$daemon.json" >"$daemon.out" 2>&1 || [[ $? == 3 ]] || fail "the policy stays"
+    await "the daemon's end" daemon_is_gone
+}
+daemon_pid() { systemctl show --property=MainPID --value morvane-rsyncd; }
+daemon_answers() {
+    [[ $(daemon_pid) -gt 0 ]] && morvanectl status | grep -q 'running as process' &&
+        RSYNC_PASSWORD=password rsync rsync://morvane_agent@127.0.0.1:873/morvane_agent/ >"$FOLDER/listing" 2>&1
+}
+daemon_failed() {
+    tail -n 20 "$INSTALLATION/log/agent.log" "$FOLDER/listing" >&2 || true
+    journalctl --no-pager --lines=20 --unit=morvane-rsyncd >&2 || true
+    fail "the backup server's daemon does not run"
+}
+daemon_is_gone() { ! systemctl is-active --quiet morvane-rsyncd; }
+
 after_page() {
     case $1 in
+        second-host.md) check_backup_server ;;
         deploying.md) check_deploys ;;
         installing.md) [[ -x $(place $INSTALLATION/bin/morvane_agent) ]] || fail "there is no agent" ;;
         *) ;;

@@ -20,6 +20,7 @@ class RemoteBackup : public test::ProtectedSite {
         if (hosts_.AreNotAllowed(reason)) GTEST_SKIP() << reason;
         ASSERT_TRUE(hosts_.AreUp());
         server_.RunIn(hosts_.server);
+        server_.RunThrough({});  // under systemd its daemon has a unit with more capabilities
         agent_.RunIn(hosts_.client);
         // A short period retries failed pushes sooner.
         for (const test::AgentProcess* agent : {&server_, &agent_}) {

@@ -6,6 +6,7 @@
 
 #include "rsync/RsyncDaemon.h"
 
+#include <framework/ConfigManager.h>
 #include <framework/OutsideGate.h>
 #include <sdk/commands/ProcessUtils.h>
 #include <sdk/commands/RunningCommand.h>
@@ -19,10 +20,13 @@
 #include <cstdlib>
 #include <limits>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "base/ModuleLogger.h"
+#include "base/PathText.h"
 #include "base/RsyncPaths.h"
+#include "rsync/DaemonUnit.h"
 
 namespace Engine {
 
@@ -76,14 +80,31 @@ bool KillAndWait(int pid) {
     return true;
 }
 
+/// The command that starts `daemon` where it belongs.
+std::vector<std::string> InUnit(const std::string& installation, const std::string& received,
+                                std::vector<std::string> daemon) {
+    DaemonUnit::Request request;
+    request.name = DaemonUnit::ConfiguredName();
+    if (request.name.empty()) return daemon;
+    request.owner = DaemonUnit::OwnService();
+    request.pid_file = RsyncPaths::DaemonPidFile(installation);
+    request.writable = {ParentPath(request.pid_file),
+                        Framework::ConfigManager::GetInstance().GetLoggerConfig().directory,
+                        received};
+    request.daemon = std::move(daemon);
+    return DaemonUnit::StartCommand(request);
+}
+
 }  // namespace
 
-bool RsyncDaemon::Start(const std::string& installation, const std::string& conf_path) {
+bool RsyncDaemon::Start(const std::string& installation, const std::string& conf_path,
+                        const std::string& received) {
     const std::string program = RsyncPaths::Program(installation);
     const std::string command = program + " --daemon --config=" + conf_path;
     // Run by its words: the line does not quote the paths, and a shell would end them at a blank.
-    SDK::RunningCommand rsync({program, "--daemon", "--config=" + conf_path},
-                              SDK::RunningCommand::kNoLimit);
+    SDK::RunningCommand rsync(
+        InUnit(installation, received, {program, "--daemon", "--config=" + conf_path}),
+        SDK::RunningCommand::kNoLimit);
     std::string output;
     int exit_code = 0;
     rsync.Wait(exit_code, output, kMaxOutput);
@@ -92,6 +113,11 @@ bool RsyncDaemon::Start(const std::string& installation, const std::string& conf
     if (output.empty() && output.find("failed") != std::string::npos) {
         SDK_LOG(ModuleLogger(), PRIO_ERROR, "Exec cmd [%s] failed, info:%s.", command, output);
         return false;
+    }
+    // Where a unit was refused, the reason is systemd's.
+    if (exit_code != 0 && !DaemonUnit::ConfiguredName().empty()) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "the unit %s was not started: %s.",
+                DaemonUnit::ConfiguredName(), output);
     }
     SDK_LOG(ModuleLogger(), PRIO_DEBUG, "Exec cmd [%s] sucess.", command);
     return true;

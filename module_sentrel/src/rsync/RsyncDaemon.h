@@ -11,9 +11,12 @@ namespace Engine {
 /// ends in "/". Owned by SentrelUtils. Thread-safe.
 class RsyncDaemon {
   public:
-    /// Starts bin/rsync as a daemon with that configuration and returns when it has detached.
-    /// Always true: the pid file tells at the next pass whether the daemon lives.
-    static bool Start(const std::string& installation, const std::string& conf_path);
+    /// Starts bin/rsync as a daemon with that configuration and returns when it has detached. It
+    /// runs in a unit of its own where the agent's unit asks for one (DaemonUnit), and may write
+    /// below `received` there. Always true: the pid file tells at the next pass whether the daemon
+    /// lives.
+    static bool Start(const std::string& installation, const std::string& conf_path,
+                      const std::string& received);
 
     /// True when the file names a live process. `pid` is set whenever the file could be read; a
     /// number that no process can have counts as 0.

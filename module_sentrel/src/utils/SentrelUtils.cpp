@@ -99,7 +99,7 @@ std::string SentrelUtils::LastCopyError() const {
 }
 
 bool SentrelUtils::RunRsyncDaemon(const std::string& conf_path) {
-    return RsyncDaemon::Start(install_path, conf_path);
+    return RsyncDaemon::Start(install_path, conf_path, backupserver_path);
 }
 
 bool SentrelUtils::GetRsyncRunningPid(const std::string& pid_file, int& pid) {
