@@ -1,16 +1,23 @@
 #include "Cli.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <map>
 
 #include "commands/Commands.h"
 
 namespace Collector {
 
 namespace {
+
+const std::map<std::string, std::int64_t> kTimeUnits{
+    {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
 
 using Command = std::function<int(const Arguments&)>;
 
@@ -33,6 +40,62 @@ void DefineLists(CLI::App& app, Arguments& args, Command& chosen) {
     Define(events, chosen, ListEvents);
     CLI::App* results = app.add_subcommand("results", "List the hosts' answers to policies");
     Define(results, chosen, ListResults);
+    CLI::App* acts = app.add_subcommand("acts", "List the hosts' answers to acts");
+    acts->add_option("--limit", args.limit, "The newest so many; default 100");
+    Define(acts, chosen, ListActResults);
+}
+
+void DefineAudience(CLI::App* command, Arguments& args) {
+    command->add_option("--host", args.hosts, "For this agent id; may be repeated");
+    command->add_option("--group", args.groups,
+                        "For the hosts of this group (fleet.groups); may be repeated");
+    command->add_flag("--all-hosts", args.all_hosts, "For every host that has the public key");
+}
+
+void DefinePublish(CLI::App* publish, Arguments& args, Command& chosen) {
+    publish->add_option("--user", args.user, "User of the broker; default: that of the collector");
+    publish->add_option("--password-file", args.password_file, "File with that user's password");
+    publish->add_option("FILE", args.file, "The signed document")->required();
+    Define(publish, chosen, PublishDocument);
+}
+
+std::string NameOfUser() {
+    const passwd* const user = ::getpwuid(::geteuid());
+    return user == nullptr ? "" : user->pw_name;
+}
+
+void DefineAct(CLI::App& app, Arguments& args, Command& chosen) {
+    args.signer = NameOfUser();
+    CLI::App* act = app.add_subcommand(
+        "act", "Print what hosts are to do: signed with --key, else to be signed elsewhere");
+    act->add_option("NAME", args.act, "What to do")
+        ->required()
+        ->check(CLI::IsMember({"accept", "restore", "rollback", "pause", "resume", "verify",
+                               "deploy-begin", "deploy-commit", "deploy-abort"}));
+    act->add_option("PATH", args.paths,
+                    "Protected paths; of accept and restore also parts of them");
+    DefineAudience(act, args);
+    act->add_option("--key", args.key_file, "File with the private key");
+    act->add_flag("--all", args.all, "accept, restore: all protected paths");
+    act->add_option("--generation", args.generation, "rollback: the generation to go back to");
+    act->add_option("--for", args.seconds, "pause, deploy-begin: how long, such as 30m or 2h")
+        ->transform(CLI::AsNumberWithUnit(kTimeUnits, CLI::AsNumberWithUnit::UNIT_OPTIONAL));
+    act->add_option("--id", args.id, "deploy-commit, deploy-abort: the deploy");
+    act->add_option("--reason", args.reason, "Kept with what is done");
+    act->add_option("--valid", args.valid_s, "Hosts take it so long, such as 1h; default 15m")
+        ->check(CLI::PositiveNumber)
+        ->transform(CLI::AsNumberWithUnit(kTimeUnits, CLI::AsNumberWithUnit::UNIT_OPTIONAL));
+    act->add_option("--signer", args.signer, "Whom the reports name; default: your user name");
+    act->add_option("--number", args.version, "Hosts take only greater ones; default: the time")
+        ->check(CLI::PositiveNumber);
+    Define(act, chosen, MakeAct);
+    CLI::App* sign =
+        app.add_subcommand("sign", "Sign what act or the console has prepared; print the document");
+    sign->add_option("--key", args.key_file, "File with the private key")->required();
+    sign->add_option("FILE", args.file, "The document that is to be signed")->required();
+    Define(sign, chosen, SignDocument);
+    DefinePublish(app.add_subcommand("publish", "Publish a signed policy or act to its hosts"),
+                  args, chosen);
 }
 
 void DefinePolicy(CLI::App& app, Arguments& args, Command& chosen) {
@@ -49,16 +112,12 @@ void DefinePolicy(CLI::App& app, Arguments& args, Command& chosen) {
                      "Version of the policy; hosts take only greater ones")
         ->required()
         ->check(CLI::PositiveNumber);
-    sign->add_option("--host", args.hosts, "For this agent id; may be repeated");
-    sign->add_flag("--all-hosts", args.all_hosts, "For every host that has the public key");
+    DefineAudience(sign, args);
     sign->add_option("FEATURE", args.feature, "Name of the feature")->required();
     sign->add_option("FILE", args.file, "The policy document")->required();
     Define(sign, chosen, SignPolicy);
-    CLI::App* publish = policy->add_subcommand("publish", "Publish a signed policy to its hosts");
-    publish->add_option("--user", args.user, "User of the broker; default: that of the collector");
-    publish->add_option("--password-file", args.password_file, "File with that user's password");
-    publish->add_option("FILE", args.file, "What sign has printed")->required();
-    Define(publish, chosen, PublishPolicy);
+    DefinePublish(policy->add_subcommand("publish", "Publish a signed policy to its hosts"), args,
+                  chosen);
 }
 
 void DefineUsers(CLI::App& app, Arguments& args, Command& chosen) {
@@ -95,6 +154,7 @@ void DefineAll(CLI::App& app, Arguments& args, Command& chosen) {
     Define(status, chosen, ShowStatus);
     DefineLists(app, args, chosen);
     DefinePolicy(app, args, chosen);
+    DefineAct(app, args, chosen);
     DefineUsers(app, args, chosen);
 }
 

@@ -32,9 +32,12 @@ struct FreeText {
 using Properties = std::unique_ptr<mosquitto_property, FreeProperties>;
 using Text = std::unique_ptr<char, FreeText>;
 
-Properties MakeProperties(const std::map<std::string, std::string>& from) {
+Properties MakeProperties(const Message& message) {
     mosquitto_property* list = nullptr;
-    for (const auto& [name, value] : from) {
+    if (message.expiry_s > 0) {
+        mosquitto_property_add_int32(&list, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, message.expiry_s);
+    }
+    for (const auto& [name, value] : message.properties) {
         mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, name.c_str(),
                                            value.c_str());
     }
@@ -181,7 +184,7 @@ bool BrokerClient::Subscribe(const std::string& filter) {
 }
 
 bool BrokerClient::Publish(const Message& message) {
-    const Properties properties = MakeProperties(message.properties);
+    const Properties properties = MakeProperties(message);
     const int code = mosquitto_publish_v5(
         handle_.get(), nullptr, message.topic.c_str(), static_cast<int>(message.payload.size()),
         message.payload.data(), kQos, message.retain, properties.get());

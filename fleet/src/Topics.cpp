@@ -59,12 +59,12 @@ std::optional<Topic> ParseTopic(const std::string& topic) {
         return Topic{levels[1], channel, ""};
     }
     if (levels.size() == 3 || !IsLeaf(levels[3])) return std::nullopt;
-    if (levels.size() == 4 && (channel == "report" || channel == "policy")) {
+    if (levels.size() == 4 && (channel == "report" || channel == "policy" || channel == "act")) {
         return Topic{levels[1], channel, levels[3]};
     }
-    if (levels.size() == 5 && channel == "policy" && levels[4] == "result") {
-        return Topic{levels[1], "result", levels[3]};
-    }
+    if (levels.size() != 5 || levels[4] != "result") return std::nullopt;
+    if (channel == "policy") return Topic{levels[1], "result", levels[3]};
+    if (channel == "act") return Topic{levels[1], "act_result", levels[3]};
     return std::nullopt;
 }
 
@@ -86,6 +86,14 @@ std::string PolicyTopic(const std::string& agent_id, const std::string& feature)
 
 std::string ResultTopic(const std::string& agent_id, const std::string& feature) {
     return Below(agent_id, "policy/" + feature + "/result");
+}
+
+std::string ActTopic(const std::string& agent_id, const std::string& number) {
+    return Below(agent_id, "act/" + number);
+}
+
+std::string ActResultTopic(const std::string& agent_id, const std::string& number) {
+    return ActTopic(agent_id, number) + "/result";
 }
 
 }  // namespace Fleet

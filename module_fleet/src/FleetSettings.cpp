@@ -1,5 +1,6 @@
 #include "FleetSettings.h"
 
+#include <fleet/Topics.h>
 #include <sdk/files/FileUtils.h>
 #include <sdk/files/PathUtils.h>
 
@@ -36,12 +37,26 @@ bool TakePolicyKey(const Json::Value& member, FleetSettings& settings, std::stri
     return false;
 }
 
+bool TakeGroups(const Json::Value& member, FleetSettings& settings, std::string& error) {
+    constexpr Json::ArrayIndex kMostGroups = 32;
+    bool is_good = member.isNull() || (member.isArray() && member.size() <= kMostGroups);
+    for (const Json::Value& group : member) {
+        is_good = is_good && group.isString() && Fleet::IsLeaf(group.asString());
+        if (is_good) settings.groups.push_back(group.asString());
+    }
+    if (!is_good) {
+        error = "/fleet/groups: must be at most " + std::to_string(kMostGroups) +
+                " names of letters, digits, \"_\", \"-\" and \".\"";
+    }
+    return is_good;
+}
+
 void MakeAbsolute(std::string& path) {
     if (!path.empty()) path = SDK::PathUtils::BelowInstallation(path);
 }
 
 bool IsKnown(const std::string& key) {
-    for (const char* known : {"broker", "policy_key", "heartbeat_seconds", "window"}) {
+    for (const char* known : {"broker", "policy_key", "groups", "heartbeat_seconds", "window"}) {
         if (key == known) return true;
     }
     return false;
@@ -59,6 +74,7 @@ bool ReadFleetSettings(const Json::Value& section, const std::string& agent_id,
     if (!Fleet::ReadBrokerSettings(section["broker"], "/fleet/broker", settings.broker, error) ||
         !TakeNumber(section, "heartbeat_seconds", 1, 30, settings.heartbeat_s, error) ||
         !TakeNumber(section, "window", 1, 1000, settings.window, error) ||
+        !TakeGroups(section["groups"], settings, error) ||
         !TakePolicyKey(section["policy_key"], settings, error)) {
         return false;
     }

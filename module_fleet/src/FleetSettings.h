@@ -6,13 +6,16 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Engine {
 
 /// The section "fleet" of conf/agent.json.
 struct FleetSettings {
     Fleet::BrokerSettings broker;
-    std::shared_ptr<const SDK::SigningKey> policy_key;  ///< null: no policies are taken
+    std::shared_ptr<const SDK::SigningKey>
+        policy_key;                   ///< null: neither policies nor acts are taken
+    std::vector<std::string> groups;  ///< for which the operator can sign, without "@"
     int heartbeat_s = 15;
     int window = 64;  ///< reports in flight
 };

@@ -1,12 +1,14 @@
 // Owns the connection to the broker and the thread. Must not know the window (ReportExporter does)
-// nor what is a good policy (PolicyReceiver does). Reports and policies go through queries, so no
-// other module is needed.
+// nor what is a good policy or act (PolicyReceiver and ActReceiver do). Reports and policies go
+// through queries, so no other module is needed.
 #include "FleetWorker.h"
 
 #include <fleet/SignedPolicy.h>
 #include <fleet/Topics.h>
 #include <framework/Engine.h>
+#include <module_utils/ModuleUtils.h>
 #include <poll.h>
+#include <sdk/commands/ExecuteCmdUtils.h>
 #include <sdk/files/PathUtils.h>
 #include <sdk/log/Log.h>
 #include <sdk/net/NameLookup.h>
@@ -40,7 +42,7 @@ constexpr std::size_t kMostReasonBytes = 300;
 constexpr Json::ArrayIndex kMostPaths = 8;
 constexpr std::size_t kMostPathBytes = 300;
 
-bool Ask(const char* query, const Json::Value& request, Json::Value& answer) {
+bool Ask(const std::string& query, const Json::Value& request, Json::Value& answer) {
     return Framework::Engine::Instance().Queries().Ask(query, request, answer) && answer.isObject();
 }
 
@@ -105,6 +107,25 @@ void TellRefusal(const std::string& feature, const std::string& why) {
                    "A policy of " + feature + " from the fleet is refused: " + why + ".");
 }
 
+void TellRefusedAct(const std::string& number, const std::string& why) {
+    SendFleetAlarm("fleet_act_refused",
+                   "The act " + number + " from the fleet is refused: " + why + ".");
+}
+
+/// Reads a site, however large.
+int RunCtl(const std::vector<std::string>& arguments, std::string& output) {
+    constexpr int kLongestMs = 3600 * 1000;
+    constexpr std::size_t kMostOutput = 1024 * 1024;
+    int exit_code = -1;
+    SDK::ExecuteCmdUtils::ExecuteCmd(SDK::PathUtils::GetInstallationPath() + "bin/morvanectl",
+                                     arguments, kLongestMs, exit_code, output, kMostOutput);
+    return exit_code;
+}
+
+std::string DataFile(const char* name) {
+    return SDK::PathUtils::GetInstallationPath() + "data/" + name;
+}
+
 }  // namespace
 
 FleetWorker::FleetWorker(FleetSettings settings, const std::string& agent_id)
@@ -118,12 +139,20 @@ FleetWorker::FleetWorker(FleetSettings settings, const std::string& agent_id)
           },
           TellLoss),
       policies_(
-          agent_id, settings_.policy_key,
-          SDK::PathUtils::GetInstallationPath() + "data/fleet_policies.json", Ask,
+          {agent_id, settings_.groups}, settings_.policy_key, DataFile("fleet_policies.json"), Ask,
           [this](const std::string& feature, const Json::Value& result) {
               PublishResult(feature, result);
           },
           TellRefusal),
+      acts_({agent_id, settings_.groups}, settings_.policy_key, DataFile("fleet_acts.json"),
+            std::make_unique<ActRunner>(Ask, RunCtl),
+            {[this](const std::string& number, const Json::Value& result) {
+                 PublishActResult(number, result);
+             },
+             TellRefusedAct,
+             [](const Json::Value& result) {
+                 SendDataMessage("sentrel_fleet_act_1", JsonUtils::JsonToString(result));
+             }}),
       retry_ms_(kFirstRetryMs),
       thread_([this] { Run(); }) {}
 
@@ -223,11 +252,14 @@ void FleetWorker::Greet() {
     exporter_.Restart();
     broker_->Subscribe(Fleet::AckTopic(agent_id_));
     broker_->Subscribe(Fleet::PolicyTopic(agent_id_, "+"));
+    acts_.Restart(SDK::TimeUtils::GetMonotonicMs());
+    broker_->Subscribe(Fleet::ActTopic(agent_id_, "+"));
 }
 
 void FleetWorker::Pass(std::int64_t now_ms) {
     exporter_.Pump(now_ms);
     policies_.Work(now_ms);
+    acts_.Work(now_ms, SDK::TimeUtils::GetCurrentTimestampS());
     if (now_ms >= state_due_ms_) PublishState(now_ms);
     Json::Value status(Json::objectValue);
     status["connected"] = true;
@@ -240,6 +272,8 @@ void FleetWorker::Receive(Fleet::Message&& message) {
     if (!topic || topic->agent_id != agent_id_) return;
     if (topic->channel == "policy") {
         policies_.Take(topic->leaf, std::move(message.payload));
+    } else if (topic->channel == "act") {
+        acts_.Take(topic->leaf, std::move(message.payload), message.retain);
     } else if (topic->channel == "ack") {
         const auto acknowledgement = Fleet::ReadAcknowledgement(message.payload);
         if (acknowledgement) {
@@ -267,12 +301,24 @@ void FleetWorker::PublishState(std::int64_t now_ms) {
     state["reports"]["acknowledged"] = Json::Int64{reports.acknowledged};
     state["reports"]["lost"] = Json::Int64{reports.lost};
     state["policies_refused"] = Json::Int64{policies_.Refused()};
+    state["acts_refused"] = Json::Int64{acts_.Refused()};
+    for (const std::string& group : settings_.groups) state["groups"].append(group);
     broker_->Publish({Fleet::StateTopic(agent_id_), JsonUtils::JsonToString(state), true});
 }
 
 void FleetWorker::PublishResult(const std::string& feature, const Json::Value& result) {
     broker_->Publish(
         {Fleet::ResultTopic(agent_id_, feature), JsonUtils::JsonToString(result), true});
+}
+
+/// The broker keeps it for a collector that is away; not for ever, since each act has its topic.
+void FleetWorker::PublishActResult(const std::string& number, const Json::Value& result) {
+    constexpr std::uint32_t kKeptS = Fleet::SignedAct::kLongestS;
+    broker_->Publish({Fleet::ActResultTopic(agent_id_, number),
+                      JsonUtils::JsonToString(result),
+                      true,
+                      {},
+                      kKeptS});
 }
 
 void FleetWorker::Publish(Json::Value& status) {
@@ -283,6 +329,7 @@ void FleetWorker::Publish(Json::Value& status) {
     status["in_flight"] = Json::Int64{reports.in_flight};
     status["reports_lost"] = Json::Int64{reports.lost};
     status["policies_refused"] = Json::Int64{policies_.Refused()};
+    status["acts_refused"] = Json::Int64{acts_.Refused()};
     const std::lock_guard<std::mutex> lock(mutex_);
     status_ = std::move(status);
 }

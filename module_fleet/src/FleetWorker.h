@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "ActReceiver.h"
 #include "FleetSettings.h"
 #include "PolicyReceiver.h"
 #include "ReportExporter.h"
@@ -41,6 +42,7 @@ class FleetWorker {
     void Receive(Fleet::Message&& message);
     void PublishState(std::int64_t now_ms);
     void PublishResult(const std::string& feature, const Json::Value& result);
+    void PublishActResult(const std::string& number, const Json::Value& result);
     void Publish(Json::Value& status);
     bool WaitForStop(std::chrono::milliseconds time) const;
 
@@ -49,6 +51,7 @@ class FleetWorker {
     const SDK::FileDescriptor stop_;  ///< eventfd
     ReportExporter exporter_;
     PolicyReceiver policies_;
+    ActReceiver acts_;
     std::unique_ptr<Fleet::BrokerClient> broker_;
     std::int64_t state_due_ms_ = 0;
     std::int64_t retry_ms_ = 0;

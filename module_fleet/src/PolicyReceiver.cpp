@@ -43,9 +43,9 @@ Json::Value First(const Json::Value& messages) {
 
 }  // namespace
 
-PolicyReceiver::PolicyReceiver(std::string agent_id, std::shared_ptr<const SDK::SigningKey> key,
+PolicyReceiver::PolicyReceiver(Fleet::Identity host, std::shared_ptr<const SDK::SigningKey> key,
                                std::string file, Ask ask, Answer answer, TellRefusal tell_refusal)
-    : agent_id_(std::move(agent_id)),
+    : host_(std::move(host)),
       key_(std::move(key)),
       file_(std::move(file)),
       ask_(std::move(ask)),
@@ -102,7 +102,7 @@ void PolicyReceiver::Examine(const std::string& feature, const std::string& docu
     if (policy.feature != feature) {
         return Refuse(feature, result, "it is signed for the feature " + policy.feature, now_ms);
     }
-    if (!policy.IsFor(agent_id_)) {
+    if (!Fleet::IsFor(policy.hosts, host_)) {
         return Refuse(feature, result, "it is signed for other hosts", now_ms);
     }
     if (IsTaken(feature, result)) return;

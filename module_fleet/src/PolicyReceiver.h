@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fleet/SignedDocument.h>
 #include <json/value.h>
 #include <sdk/text/SigningKey.h>
 
@@ -27,7 +28,7 @@ class PolicyReceiver {
     using TellRefusal = std::function<void(const std::string& feature, const std::string& why)>;
 
     /// `key` is the operator's public key; null: every document is refused.
-    PolicyReceiver(std::string agent_id, std::shared_ptr<const SDK::SigningKey> key,
+    PolicyReceiver(Fleet::Identity host, std::shared_ptr<const SDK::SigningKey> key,
                    std::string file, Ask ask, Answer answer, TellRefusal tell_refusal);
 
     /// A document arrived. Keeps it until Work; a newer one of the feature replaces it.
@@ -54,7 +55,7 @@ class PolicyReceiver {
     bool Submit(const std::string& feature, const std::string& text, const Json::Value& result);
     void Finish();
 
-    const std::string agent_id_;
+    const Fleet::Identity host_;
     const std::shared_ptr<const SDK::SigningKey> key_;
     const std::string file_;
     const Ask ask_;

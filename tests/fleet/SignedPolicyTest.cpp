@@ -15,8 +15,10 @@ TEST(SignedPolicy, ChangedDocument_IsRefused) {
     ASSERT_TRUE(Fleet::ReadSigned(good, *key, policy, error)) << error;
     EXPECT_EQ(policy.version, 7);
     EXPECT_EQ(policy.text, "{\"a\": 1}");
-    EXPECT_TRUE(policy.IsFor("host-1"));
-    EXPECT_FALSE(policy.IsFor("host-2"));
+    EXPECT_TRUE(Fleet::IsFor(policy.hosts, {"host-1", {}}));
+    EXPECT_FALSE(Fleet::IsFor(policy.hosts, {"host-2", {"host-1"}}));
+    EXPECT_TRUE(Fleet::IsFor({"@web"}, {"host-2", {"db", "web"}}));
+    EXPECT_FALSE(Fleet::IsFor({"web"}, {"host-2", {"web"}}));
     EXPECT_FALSE(Fleet::ReadSigned(good, *other, policy, error));
     // Every single changed byte of the document.
     for (std::size_t i = 0; i < good.size(); ++i) {

@@ -108,6 +108,12 @@ void DefineTree(CLI::App* deploy, Command& command) {
             return CommitDeploy(client, *id, *yes, options->key);
         };
     });
+    CLI::App* mount = deploy->add_subcommand(
+        "mount", "Mount what can be changed of a deploy that a fleet's centre has begun");
+    mount->add_option("ID", *id, "Of the deploy")->required();
+    mount->fallthrough()->callback([&command, id] {
+        command = [id](const ControlClient& client) { return MountDeploy(client, *id); };
+    });
     CLI::App* abort = deploy->add_subcommand("abort", "Drop what was changed there");
     abort->add_option("ID", *id, "Of the deploy")->required();
     abort->fallthrough()->callback([&command, id] {
@@ -119,7 +125,7 @@ void DefineTree(CLI::App* deploy, Command& command) {
     list->fallthrough()->callback([&command, json] {
         command = [json](const ControlClient& client) { return ListDeploys(client, *json); };
     });
-    for (CLI::App* one : {begin, commit, abort, list}) one->footer(kTreeCodes);
+    for (CLI::App* one : {begin, mount, commit, abort, list}) one->footer(kTreeCodes);
 }
 
 void DefinePauses(CLI::App& app, Command& command) {

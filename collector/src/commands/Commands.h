@@ -31,7 +31,17 @@ struct Arguments {
     std::string file;
     std::int64_t version = 0;
     std::vector<std::string> hosts;
+    std::vector<std::string> groups;
     bool all_hosts = false;
+    std::string act;
+    std::vector<std::string> paths;
+    bool all = false;
+    std::int64_t generation = 0;
+    std::int64_t seconds = 0;
+    std::int64_t valid_s = 900;
+    std::string id;
+    std::string reason;
+    std::string signer;
     std::string user;
     std::string password_file;
     std::string role = "viewer";
@@ -49,6 +59,7 @@ int ShowStatus(const Arguments& arguments);
 int ListReports(const Arguments& arguments);
 int ListEvents(const Arguments& arguments);
 int ListResults(const Arguments& arguments);
+int ListActResults(const Arguments& arguments);
 
 /// Makes the operator's pair of keys.
 int MakeKey(const Arguments& arguments);
@@ -56,8 +67,14 @@ int MakeKey(const Arguments& arguments);
 /// Prints the signed document of the policy.
 int SignPolicy(const Arguments& arguments);
 
-/// Publishes signed documents to hosts.
-int PublishPolicy(const Arguments& arguments);
+/// Prints an act: signed with a key, else what is to be signed elsewhere.
+int MakeAct(const Arguments& arguments);
+
+/// Signs what the console or MakeAct has prepared.
+int SignDocument(const Arguments& arguments);
+
+/// Publishes a signed policy or act to its hosts.
+int PublishDocument(const Arguments& arguments);
 
 // Users of the console, of whom --database or the configuration has the records.
 

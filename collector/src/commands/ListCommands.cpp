@@ -41,4 +41,10 @@ int ListResults(const Arguments& arguments) {
     return Ended(store.ListResults(Print), store);
 }
 
+int ListActResults(const Arguments& arguments) {
+    FleetStore store;
+    if (!OpenDatabase(arguments, store)) return kExitFailed;
+    return Ended(store.ListActResults(arguments.limit, Print), store);
+}
+
 }  // namespace Collector

@@ -6,7 +6,6 @@
 #include <fleet/Topics.h>
 #include <sdk/files/FileDescriptor.h>
 #include <sdk/files/FileUtils.h>
-#include <sdk/text/JsonUtils.h>
 #include <sdk/text/SigningKey.h>
 #include <sdk/time/TimeUtils.h>
 
@@ -15,14 +14,15 @@
 #include <cstring>
 #include <iostream>
 
+#include "centre/Delivery.h"
 #include "commands/Commands.h"
 #include "commands/DatabaseAccess.h"
+#include "commands/KeyFile.h"
 
 namespace Collector {
 
 namespace {
 
-constexpr long kMostKeyBytes = 16 * 1024;
 constexpr std::int64_t kPublishMs = 20'000;
 constexpr std::chrono::milliseconds kStep{100};
 constexpr std::size_t kMostUnacknowledged = 100;
@@ -35,42 +35,30 @@ bool WriteNew(const std::string& path, const std::string& text, mode_t mode) {
            ::write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-/// The unverified content of a signed document; null when it is none.
-Json::Value ContentOf(const std::string& document) {
-    Json::Value outer;
-    Json::Value content;
-    if (SDK::JsonUtils::ParseJsonStr(document.data(), document.size(), outer) != 0) return {};
-    const std::string text = SDK::JsonUtils::GetStringValue(outer, "content", "");
-    SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), content);
-    return content;
-}
-
-/// The hosts to publish to: those of the document, or all that the database knows.
-bool Targets(const Arguments& arguments, const Json::Value& content,
+/// The hosts to publish to: those of the document, and of groups those that the database knows.
+bool Targets(const Arguments& arguments, const Delivery& delivery,
              std::vector<std::string>& hosts) {
-    for (const Json::Value& host : content["hosts"]) {
-        if (host.isString() && Fleet::IsAgentId(host.asString())) hosts.push_back(host.asString());
-    }
-    if (!hosts.empty()) return true;
-    FleetStore store;
+    const bool is_list =
+        std::all_of(delivery.hosts.begin(), delivery.hosts.end(), Fleet::IsAgentId);
     std::vector<HostRecord> known;
-    if (!OpenDatabase(arguments, store) || !store.ReadHosts(known)) return false;
-    for (const HostRecord& host : known) hosts.push_back(host.agent_id);
-    if (hosts.empty()) Fail("the database knows no host");
+    FleetStore store;
+    if (!is_list && (!OpenDatabase(arguments, store) || !store.ReadHosts(known))) return false;
+    hosts = TargetsOf(delivery.hosts, known, true);
+    if (hosts.empty()) Fail("the database knows no such host");
     return !hosts.empty();
 }
 
 /// Publishes to all, and waits until the broker has them. False with `error`.
-bool PublishAll(Fleet::BrokerClient& broker, const std::string& feature,
-                const std::string& document, const std::vector<std::string>& hosts,
-                std::string& error) {
+bool PublishAll(Fleet::BrokerClient& broker, const Delivery& delivery,
+                const std::vector<std::string>& hosts, std::string& error) {
+    const std::int64_t now_s = SDK::TimeUtils::GetCurrentTimestampS();
     const std::int64_t end_ms = SDK::TimeUtils::GetMonotonicMs() + kPublishMs;
     std::size_t sent = 0;
     while (sent < hosts.size() || broker.Unacknowledged() > 0) {
         if (!broker.Step(kStep, -1, error)) return false;
         while (broker.IsConnected() && sent < hosts.size() &&
                broker.Unacknowledged() < kMostUnacknowledged) {
-            if (!broker.Publish({Fleet::PolicyTopic(hosts[sent], feature), document, true})) break;
+            if (!broker.Publish(delivery.MessageTo(hosts[sent], now_s))) break;
             ++sent;
         }
         if (SDK::TimeUtils::GetMonotonicMs() > end_ms) {
@@ -98,24 +86,18 @@ int MakeKey(const Arguments& arguments) {
 }
 
 int SignPolicy(const Arguments& arguments) {
-    std::string pem;
     Fleet::SignedPolicy policy;
-    if (SDK::FileUtils::ReadFile(arguments.key_file, pem, kMostKeyBytes) != 0) {
-        return Fail("cannot read " + arguments.key_file + ": " + std::strerror(errno));
-    }
-    const auto key = SDK::SigningKey::Read(pem);
-    if (key == nullptr || !key->CanSign()) {
-        return Fail(arguments.key_file + " holds no private Ed25519 key");
-    }
+    std::string error;
+    const auto key = ReadPrivateKey(arguments.key_file, error);
+    if (key == nullptr) return Fail(error);
     if (SDK::FileUtils::ReadFile(arguments.file, policy.text, Fleet::kMaxPolicyBytes) != 0) {
         return Fail("cannot read " + arguments.file + ": " + std::strerror(errno));
     }
     policy.version = arguments.version;
     policy.feature = arguments.feature;
-    policy.hosts = arguments.all_hosts ? std::vector<std::string>{"*"} : arguments.hosts;
-    if (policy.hosts.empty()) return Fail("name the hosts with --host, or use --all-hosts");
+    policy.hosts = AudienceOf(arguments);
+    if (policy.hosts.empty()) return Fail("name --host or --group, or give --all-hosts");
     const std::string document = Fleet::Sign(policy, *key);
-    std::string error;
     if (!Fleet::ReadSigned(document, *key, policy, error)) {
         return Fail("this cannot be signed: the document is too large or the feature is no name");
     }
@@ -123,7 +105,7 @@ int SignPolicy(const Arguments& arguments) {
     return std::cout.good() ? kExitOk : kExitFailed;
 }
 
-int PublishPolicy(const Arguments& arguments) {
+int PublishDocument(const Arguments& arguments) {
     CollectorSettings settings;
     std::string error;
     if (!ReadSettings(arguments.config, settings, error)) return Fail(error);
@@ -133,20 +115,21 @@ int PublishPolicy(const Arguments& arguments) {
     if (SDK::FileUtils::ReadFile(arguments.file, document, Fleet::kMaxPolicyBytes) != 0) {
         return Fail("cannot read " + arguments.file + ": " + std::strerror(errno));
     }
-    const Json::Value content = ContentOf(document);
-    const std::string feature = SDK::JsonUtils::GetStringValue(content, "feature", "");
-    if (!content.isObject() || !content["hosts"].isArray() || !Fleet::IsLeaf(feature)) {
-        return Fail(arguments.file + " is no signed policy; see sentrel_collector policy sign");
+    const auto delivery = ReadDelivery(document);
+    if (!delivery) return Fail(arguments.file + " is no signed policy or act");
+    const bool is_act = delivery->kind == Fleet::DocumentKind::kAct;
+    if (is_act && delivery->expires_s <= SDK::TimeUtils::GetCurrentTimestampS()) {
+        return Fail("the act has expired");
     }
     std::vector<std::string> hosts;
-    if (!Targets(arguments, content, hosts)) return kExitFailed;
+    if (!Targets(arguments, *delivery, hosts)) return kExitFailed;
     Fleet::BrokerClient broker(settings.broker, "", 0, [](Fleet::Message&&) {});
-    if (!broker.Connect(error) || !PublishAll(broker, feature, document, hosts, error)) {
+    if (!broker.Connect(error) || !PublishAll(broker, *delivery, hosts, error)) {
         return Fail("cannot publish: " + error);
     }
     broker.Disconnect();
-    std::cout << "published to " << hosts.size()
-              << " hosts; sentrel_collector results shows their answers" << std::endl;
+    std::cout << "published to " << hosts.size() << " hosts; sentrel_collector "
+              << (is_act ? "acts" : "results") << " shows their answers" << std::endl;
     return kExitOk;
 }
 

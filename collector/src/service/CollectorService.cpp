@@ -154,7 +154,8 @@ bool CollectorService::Begin(std::string& error) {
 bool CollectorService::Listen() {
     if (!broker_->Subscribe("$share/" + settings_.group + "/sentrel/+/report/+") ||
         !broker_->Subscribe("sentrel/+/state") ||
-        !broker_->Subscribe("sentrel/+/policy/+/result")) {
+        !broker_->Subscribe("sentrel/+/policy/+/result") ||
+        !broker_->Subscribe("sentrel/+/act/+/result")) {
         return false;
     }
     listening_ = true;

@@ -2,6 +2,7 @@
 // Must not know the broker (CollectorService does) or SQL (FleetStore does).
 #include "service/Intake.h"
 
+#include <Poco/NumberParser.h>
 #include <sdk/text/JsonUtils.h>
 
 #include <algorithm>
@@ -32,7 +33,8 @@ void Intake::Add(Fleet::Message&& message) {
     auto topic = Fleet::ParseTopic(message.topic);
     const bool is_report = topic && topic->channel == "report";
     const bool is_known =
-        is_report || (topic && (topic->channel == "state" || topic->channel == "result"));
+        is_report || (topic && (topic->channel == "state" || topic->channel == "result" ||
+                                topic->channel == "act_result"));
     if (!is_known || IsFull() ||
         (is_report && ++reports_in_batch_[topic->agent_id] > kMostReportsOfOneHost)) {
         ++counters_.refused;
@@ -86,19 +88,25 @@ bool Intake::StoreItem(Item& item, std::int64_t now_ms) {
     }
     if (item.topic.channel == "state") return StoreState(*host, item.message, now_ms);
     host->last_seen_ms = std::max(host->last_seen_ms, item.message.retain ? 0 : now_ms);
-    if (item.topic.channel == "result") {
-        if (item.message.payload.size() <= kMostResultBytes) {
-            return store_.SaveResult(host->id, item.topic.leaf, item.message.payload, now_ms);
-        }
-        ++counters_.refused;
-        return true;
-    }
+    if (item.topic.channel != "report") return StoreResult(*host, item, now_ms);
     const auto report = Fleet::ReadReport(item.topic.leaf, std::move(item.message));
     if (!report || report->body.size() > Fleet::kMaxBodyBytes) {
         ++counters_.refused;
         return true;
     }
     return StoreReport(*host, *report, now_ms);
+}
+
+bool Intake::StoreResult(const HostRecord& host, const Item& item, std::int64_t now_ms) {
+    const bool is_act = item.topic.channel == "act_result";
+    Poco::Int64 number = 0;
+    if (item.message.payload.size() > kMostResultBytes ||
+        (is_act && !Poco::NumberParser::tryParse64(item.topic.leaf, number))) {
+        ++counters_.refused;
+        return true;
+    }
+    if (is_act) return store_.SaveActResult(host.id, number, item.message.payload, now_ms);
+    return store_.SaveResult(host.id, item.topic.leaf, item.message.payload, now_ms);
 }
 
 bool Intake::StoreReport(HostRecord& host, const Fleet::Report& report, std::int64_t now_ms) {

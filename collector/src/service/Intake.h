@@ -73,6 +73,7 @@ class Intake {
     bool StoreBatch(std::int64_t now_ms);
     bool Undo();
     bool StoreItem(Item& item, std::int64_t now_ms);
+    bool StoreResult(const HostRecord& host, const Item& item, std::int64_t now_ms);
     bool StoreReport(HostRecord& host, const Fleet::Report& report, std::int64_t now_ms);
     bool AddReport(HostRecord& host, const Fleet::Report& report, std::int64_t now_ms);
     bool BeginStream(HostRecord& host, const Fleet::Report& report, std::int64_t now_ms);

@@ -168,6 +168,19 @@ bool FleetStore::SaveResult(std::int64_t host_id, const std::string& feature,
         {host_id, Clean(feature), now_ms, Clean(result)});
 }
 
+bool FleetStore::SaveActResult(std::int64_t host_id, std::int64_t number, const std::string& result,
+                               std::int64_t now_ms) {
+    return session_->Run(
+               "INSERT INTO act_results(host_id,number,time_ms,result) VALUES(?1,?2,?3,?4)"
+               " ON CONFLICT(host_id,number) DO UPDATE SET time_ms=?3,result=?4",
+               {host_id, number, now_ms, Clean(result)}) &&
+           session_->Run(
+               "DELETE FROM act_results WHERE host_id=?1 AND number<(SELECT min(number) FROM"
+               " (SELECT number FROM act_results WHERE host_id=?1 ORDER BY number DESC LIMIT 100)"
+               " AS newest)",
+               {host_id});
+}
+
 bool FleetStore::SetFact(const std::string& name, std::int64_t value) {
     return session_->Run(
         "INSERT INTO facts(name,value) VALUES(?1,?2) ON CONFLICT(name) DO UPDATE SET value=?2",
@@ -232,6 +245,20 @@ bool FleetStore::ListResults(const EachRow& each) {
             Json::Value result(Json::objectValue);
             result["agent_id"] = row.Bytes(0);
             result["feature"] = row.Bytes(1);
+            result["time_ms"] = Json::Int64{row.Int(2)};
+            result["result"] = row.Bytes(3);
+            return each(result);
+        });
+}
+
+bool FleetStore::ListActResults(std::int64_t limit, const EachRow& each) {
+    return session_->Run(
+        "SELECT h.agent_id,r.number,r.time_ms,r.result FROM act_results r"
+        " JOIN hosts h ON h.id=r.host_id ORDER BY 2 DESC,1 LIMIT ?1",
+        {limit}, [&](const Row& row) {
+            Json::Value result(Json::objectValue);
+            result["agent_id"] = row.Bytes(0);
+            result["number"] = Json::Int64{row.Int(1)};
             result["time_ms"] = Json::Int64{row.Int(2)};
             result["result"] = row.Bytes(3);
             return each(result);

@@ -72,6 +72,10 @@ class FleetStore {
     bool SaveResult(std::int64_t host_id, const std::string& feature, const std::string& result,
                     std::int64_t now_ms);
 
+    /// The newest answers of each host are kept.
+    bool SaveActResult(std::int64_t host_id, std::int64_t number, const std::string& result,
+                       std::int64_t now_ms);
+
     /// A named value of the collector itself, such as when it was last alive.
     bool SetFact(const std::string& name, std::int64_t value);
     bool ReadFact(const std::string& name, std::int64_t& value);  ///< 0 when it is missing
@@ -89,6 +93,7 @@ class FleetStore {
     bool ListReports(const ReportQuery& query, const EachRow& each);
     bool ListEvents(std::int64_t limit, const EachRow& each);
     bool ListResults(const EachRow& each);
+    bool ListActResults(std::int64_t limit, const EachRow& each);  ///< the newest first
 
     /// Bytes that the database uses; 0: unknown.
     std::int64_t Size();

@@ -6,7 +6,7 @@ namespace Collector {
 
 /// The steps from one version of the schema to the next (Database::SchemaSteps). A step that was
 /// released is never changed.
-constexpr std::array<const char*, 3> kSchemaSteps{{
+constexpr std::array<const char*, 4> kSchemaSteps{{
     "CREATE TABLE hosts("
     "id INTEGER PRIMARY KEY, agent_id TEXT NOT NULL UNIQUE, stream TEXT NOT NULL,"
     "epoch INTEGER NOT NULL, acknowledged INTEGER NOT NULL, bytes INTEGER NOT NULL,"
@@ -32,6 +32,17 @@ constexpr std::array<const char*, 3> kSchemaSteps{{
     "CREATE TABLE acts("
     "id INTEGER PRIMARY KEY, time_ms INTEGER NOT NULL, \"user\" TEXT NOT NULL, act TEXT NOT NULL);",
     "ALTER TABLE hosts ADD COLUMN revision INTEGER NOT NULL DEFAULT 0;",
+    "CREATE TABLE act_results("
+    "host_id INTEGER NOT NULL, number INTEGER NOT NULL, time_ms INTEGER NOT NULL,"
+    "result TEXT NOT NULL, PRIMARY KEY(host_id, number));"
+    "CREATE TABLE rollouts("
+    "id INTEGER PRIMARY KEY, time_ms INTEGER NOT NULL, author TEXT NOT NULL, kind TEXT NOT NULL,"
+    "name TEXT NOT NULL, number INTEGER NOT NULL, sha256 TEXT NOT NULL, document TEXT NOT NULL,"
+    "expires_ms INTEGER NOT NULL, wave INTEGER NOT NULL, wave_begun_ms INTEGER NOT NULL,"
+    "state TEXT NOT NULL, reason TEXT NOT NULL);"
+    "CREATE TABLE rollout_hosts("
+    "rollout_id INTEGER NOT NULL, host_id INTEGER NOT NULL, wave INTEGER NOT NULL,"
+    "sent_ms INTEGER NOT NULL, PRIMARY KEY(rollout_id, host_id));",
 }};
 
 }  // namespace Collector

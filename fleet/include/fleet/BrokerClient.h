@@ -20,6 +20,7 @@ struct Message {
     std::string payload;
     bool retain = false;
     std::map<std::string, std::string> properties = {};  ///< user properties; keys are unique
+    std::uint32_t expiry_s = 0;  ///< the broker drops it after so long; 0: never
 };
 
 /// One connection to an MQTT 5 broker (libmosquitto), without a thread of its own: everything

@@ -1,24 +1,27 @@
 #pragma once
 
-#include <sdk/text/SigningKey.h>
-
 #include <cstdint>
 #include <string>
-#include <vector>
+
+#include "fleet/SignedDocument.h"
 
 namespace Fleet {
 
-constexpr std::size_t kMaxPolicyBytes = 1024 * 1024;
+constexpr std::size_t kMaxPolicyBytes = kMaxDocumentBytes;
 
 /// A policy as the operator of the fleet signs it.
 struct SignedPolicy {
-    std::int64_t version = 0;        ///< a host takes only greater ones
-    std::vector<std::string> hosts;  ///< agent ids; "*" alone: every host of this key
+    std::int64_t version = 0;  ///< a host takes only greater ones
+    Audience hosts;
     std::string feature;
     std::string text;  ///< the policy document itself
-
-    bool IsFor(const std::string& agent_id) const;
 };
+
+/// The content to sign.
+std::string ContentOf(const SignedPolicy& policy);
+
+/// False when the content is not complete.
+bool ReadContent(const std::string& content, SignedPolicy& policy);
 
 /// The document to publish: the content and its signature. Empty when `key` cannot sign.
 std::string Sign(const SignedPolicy& policy, const SDK::SigningKey& key);

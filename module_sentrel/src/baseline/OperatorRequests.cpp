@@ -48,6 +48,7 @@ std::string Parse(const Json::Value& request, OperatorRequest& parsed) {
     parsed.generation = request["generation"].isUInt() ? request["generation"].asUInt() : 0;
     parsed.user = request["uid"].isUInt() ? request["uid"].asUInt() : static_cast<uid_t>(-1);
     parsed.process = request["pid"].isInt() ? request["pid"].asInt() : 0;
+    parsed.signer = SDK::JsonUtils::GetStringValue(request, "signer", "");
     for (const Json::Value& path : request["paths"]) {
         std::string& bytes = parsed.paths.emplace_back();
         if (!path.isString() || !SDK::PercentDecode(path.asString(), bytes) || !IsClean(bytes)) {
@@ -75,7 +76,8 @@ std::vector<std::string> OperatorRequest::PartsOf(const SentrelDirRule& rule) co
 }
 
 std::string OperatorRequest::By() const {
-    return "user " + std::to_string(user) + ", process " + std::to_string(process);
+    const std::string by = "user " + std::to_string(user) + ", process " + std::to_string(process);
+    return signer.empty() ? by : by + ", signed by " + signer;
 }
 
 Json::Value OperatorRequests::Submit(const Json::Value& request,

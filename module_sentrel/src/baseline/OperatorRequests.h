@@ -34,10 +34,11 @@ struct OperatorRequest {
     std::shared_ptr<const SDK::SigningKey> key = {};  ///< private; null: the one that is kept here
     uid_t user = 0;
     pid_t process = 0;
+    std::string signer = {};  ///< of a request from a fleet's centre; else empty
 
     /// What the request wants of the rule: paths relative to the protected path, "" for all of it.
     std::vector<std::string> PartsOf(const SentrelDirRule& rule) const;
-    /// "user 0, process 4711"
+    /// "user 0, process 4711", or "user 0, process 4711, signed by NAME"
     std::string By() const;
 };
 

@@ -38,6 +38,8 @@ int BeginDeploy(const ControlClient& client, const DeployOptions& options);
 /// `key` as in DeployOptions.
 int CommitDeploy(const ControlClient& client, const std::string& id, bool yes,
                  const std::string& key);
+/// Mounts the files of a deploy that a fleet's centre has begun, and prints where.
+int MountDeploy(const ControlClient& client, const std::string& id);
 int AbortDeploy(const ControlClient& client, const std::string& id);
 int ListDeploys(const ControlClient& client, bool json);
 

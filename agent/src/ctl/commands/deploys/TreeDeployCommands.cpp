@@ -30,6 +30,14 @@ std::string Line(const Json::Value& deploy) {
            text("tree") + "  " + text("reason");
 }
 
+/// Mounts the deploy's files at its "tree". A sentence when that fails.
+std::string MountTree(const OpenDeploy& deploy) {
+    const std::string mount = Overlay::ForeignMount(deploy.plan);
+    if (mount.empty()) return Overlay(deploy.plan).MountAtTree();
+    return "Another file system is mounted at " + mount +
+           "; a deploy would not hold what is changed there.";
+}
+
 }  // namespace
 
 int BeginDeploy(const ControlClient& control, const DeployOptions& options) {
@@ -41,11 +49,7 @@ int BeginDeploy(const ControlClient& control, const DeployOptions& options) {
     Answer answer;
     if (!client.Begin(request, deploy, answer)) return Refused(answer);
     client.DetachLeftOvers(deploy);
-    const std::string mount = Overlay::ForeignMount(deploy.plan);
-    const std::string problem = mount.empty()
-                                    ? Overlay(deploy.plan).MountAtTree()
-                                    : "Another file system is mounted at " + mount +
-                                          "; a deploy would not hold what is changed there.";
+    const std::string problem = MountTree(deploy);
     if (!problem.empty()) {
         client.Ask("abort", deploy.id);
         return Refuse(problem);
@@ -77,6 +81,19 @@ int CommitDeploy(const ControlClient& control, const std::string& id, bool yes,
     const std::string problem = overlay.MountAtTree();
     if (!problem.empty()) std::cerr << problem << std::endl;
     return Refuse("The deploy stays open.", changes < 0 ? kExitNotDeployed : kExitDeclined);
+}
+
+int MountDeploy(const ControlClient& control, const std::string& id) {
+    if (::geteuid() != 0) return Refuse(kNeedsRoot);
+    OpenDeploy deploy;
+    Answer answer;
+    if (!DeployClient(control).Show(id, deploy, answer)) return Refused(answer);
+    // Mounted once: a second one would hide what was changed in the first.
+    const std::string busy = Overlay(deploy.plan).UnmountTree();
+    const std::string problem = busy.empty() ? MountTree(deploy) : busy;
+    if (!problem.empty()) return Refuse(problem, kExitNotDeployed);
+    std::cout << deploy.plan.directory << "/tree" << std::endl;
+    return std::cout ? kExitOk : kExitFailed;
 }
 
 int AbortDeploy(const ControlClient& control, const std::string& id) {
