@@ -139,6 +139,12 @@ void DefineUsers(CLI::App& app, Arguments& args, Command& chosen) {
     Define(user->add_subcommand("list", "List the users and their last logins"), chosen, ListUsers);
 }
 
+void DefineNotify(CLI::App& app, Command& chosen) {
+    CLI::App* notify = app.add_subcommand("notify", "Try who is told of incidents");
+    notify->require_subcommand(1)->fallthrough();
+    Define(notify->add_subcommand("test", "Send a test through every channel"), chosen, TestNotify);
+}
+
 void DefineAll(CLI::App& app, Arguments& args, Command& chosen) {
     app.require_subcommand(1)->fallthrough();
     app.set_version_flag("--version", std::string("sentrel_collector ") + SENTREL_VERSION);
@@ -156,6 +162,13 @@ void DefineAll(CLI::App& app, Arguments& args, Command& chosen) {
     DefinePolicy(app, args, chosen);
     DefineAct(app, args, chosen);
     DefineUsers(app, args, chosen);
+    DefineNotify(app, chosen);
+    Define(app.add_subcommand("metrics", "Print the fleet in the text format of Prometheus"),
+           chosen, ShowMetrics);
+    CLI::App* backup =
+        app.add_subcommand("backup", "Copy the SQLite database while the service runs");
+    backup->add_option("FILE", args.file, "New file")->required();
+    Define(backup, chosen, BackUp);
 }
 
 }  // namespace

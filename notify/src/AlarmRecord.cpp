@@ -33,6 +33,8 @@ AlarmRecord ReadAlarm(const Json::Value& report) {
     alarm.count = std::max(1LL, Number(document, "event_count"));
     alarm.action = JsonUtils::GetStringValue(files[0], "action", "");
     alarm.path = JsonUtils::GetStringValue(files[0], "file_path", "");
+    alarm.host = JsonUtils::GetStringValue(report, "host", "");
+    alarm.agent_id = JsonUtils::GetStringValue(report, "agent_id", "");
     alarm.outcome = JsonUtils::GetStringValue(report, "outcome", "");
     if (report["duration_ms"].isNumeric()) alarm.duration_ms = report["duration_ms"].asDouble();
     return alarm;

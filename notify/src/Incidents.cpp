@@ -29,6 +29,8 @@ void AddTo(Incident& incident, const AlarmRecord& alarm, const Json::Value& repo
     if (incident.alarms++ == 0) {
         incident.begun_ms = alarm.time_ms;
         incident.common = alarm.path;
+        incident.host = alarm.host;
+        incident.agent_id = alarm.agent_id;
         incident.first = report;
     }
     if (incident.examples.size() < Incident::kExamples) incident.examples.push_back(alarm);
@@ -52,7 +54,9 @@ std::string TreeOf(const std::vector<std::string>& roots, const std::string& pat
 }
 
 bool Incidents::Add(const AlarmRecord& alarm, const Json::Value& report) {
-    const std::string key = each_ ? "" : TreeOf(roots_, alarm.path);
+    const std::string tree =
+        alarm.agent_id.empty() ? TreeOf(roots_, alarm.path) : "host " + alarm.agent_id;
+    const std::string key = each_ ? "" : tree;
     const auto known = open_.find(key);
     if (!each_ && known != open_.end() && alarm.time_ms - known->second->begun_ms < kLongestMs) {
         AddTo(*known->second, alarm, report);

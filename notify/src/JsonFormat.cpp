@@ -41,6 +41,10 @@ Json::Value Example(const AlarmRecord& alarm) {
 
 Json::Value IncidentObject(const Incident& incident) {
     Json::Value object(Json::objectValue);
+    if (!incident.agent_id.empty()) {
+        object["host"] = incident.host;
+        object["agent_id"] = incident.agent_id;
+    }
     object["begun"] = UtcTime(incident.begun_ms);
     object["path"] = incident.common;
     object["changes"] = static_cast<Json::Int64>(incident.count);

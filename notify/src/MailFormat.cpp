@@ -79,10 +79,18 @@ std::string MailDate(long long epoch_ms) {
 }
 
 std::string IncidentText(const Incident& incident) {
-    std::string text = Lines(StrUtils::Format(
-        "%s  %lld change%s in %s", UtcTime(incident.begun_ms).c_str(), incident.count,
-        incident.count == 1 ? "" : "s", Printable(incident.common).c_str()));
-    text += Lines("    " + CountsText(incident.actions) + "; " + CountsText(incident.outcomes));
+    const std::string time = UtcTime(incident.begun_ms) + "  ";
+    std::string text;
+    if (incident.IsOfHost()) {
+        text = Lines(time + Printable(incident.host) + ": " + CountsText(incident.actions));
+    } else {
+        text = Lines(
+            time +
+            StrUtils::Format("%lld change%s in ", incident.count, incident.count == 1 ? "" : "s") +
+            PlaceText(incident));
+        text += Lines("    " + CountsText(incident.actions) + "; " + CountsText(incident.outcomes));
+    }
+    if (!incident.agent_id.empty()) text += Lines("    agent " + Printable(incident.agent_id));
     for (const AlarmRecord& alarm : incident.examples) text += Lines("    - " + AlarmText(alarm));
     if (incident.alarms > incident.examples.size()) {
         text +=
@@ -97,9 +105,14 @@ std::string Body(const Message& message) {
                Printable(message.origin.host) +
                ".\nNothing has happened. Messages about changes will arrive like this one.\n";
     }
-    std::string text = "Sentrel on " + Printable(message.origin.host) + " saw " +
-                       std::to_string(message.changes) + " change" +
-                       (message.changes == 1 ? "" : "s") + " of protected paths.\n\n";
+    const bool is_fleet = !message.incidents.empty() && !message.incidents.front().agent_id.empty();
+    std::string text = "Sentrel on " + Printable(message.origin.host) + " saw ";
+    if (is_fleet && message.incidents.front().IsOfHost()) {
+        text += "hosts come or go.\n\n";
+    } else {
+        text += std::to_string(message.changes) + " change" + (message.changes == 1 ? "" : "s") +
+                " of protected paths.\n\n";
+    }
     if (message.kind == Message::Kind::kDigest) {
         text += "So many messages were sent that this one sums up several incidents.\n\n";
     }
@@ -113,6 +126,7 @@ std::string Body(const Message& message) {
             "sent.\n\n",
             message.lost);
     }
+    if (is_fleet) return text + "All alarms of a host: sentrel_collector reports --host AGENT\n";
     return text + "All alarms, with what was changed: morvanectl alarms --all --diff\n";
 }
 

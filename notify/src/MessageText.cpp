@@ -42,9 +42,16 @@ std::string CountsText(const std::map<std::string, long long>& counts) {
 }
 
 std::string AlarmText(const AlarmRecord& alarm) {
-    std::string text = Printable(alarm.action) + " " + Printable(alarm.path);
+    std::string text = Printable(alarm.action);
+    if (!alarm.path.empty()) text += " " + Printable(alarm.path);
     if (!alarm.outcome.empty()) text += ": " + Printable(alarm.outcome);
     if (alarm.duration_ms >= 0) text += StrUtils::Format(" in %.1f ms", alarm.duration_ms);
+    return text;
+}
+
+std::string PlaceText(const Incident& incident) {
+    std::string text = Printable(incident.common);
+    if (!incident.agent_id.empty()) text += " of " + Printable(incident.host);
     return text;
 }
 
@@ -52,8 +59,31 @@ bool IsFailure(const std::string& outcome) {
     return outcome.find("failed") != std::string::npos;
 }
 
+namespace {
+
+/// "www1: silent", "7 hosts: 5 silent, 3 back".
+std::string HostsHeadline(const Message& message) {
+    const std::size_t count = message.incidents.size() + message.left_out;
+    const Incident& first = message.incidents.front();
+    if (count == 1 && first.actions.size() == 1) {
+        return Printable(first.host) + ": " + Printable(first.actions.begin()->first);
+    }
+    std::map<std::string, long long> actions;
+    for (const Incident& incident : message.incidents) {
+        for (const auto& [name, number] : incident.actions) actions[name] += number;
+    }
+    const std::string what =
+        count == 1 ? Printable(first.host) : StrUtils::Format("%zu hosts", count);
+    return what + ": " + (message.left_out > 0 ? "such as " : "") + CountsText(actions);
+}
+
+}  // namespace
+
 std::string Headline(const Message& message) {
     if (message.kind == Message::Kind::kTest) return "Test: notifications of Sentrel arrive";
+    if (!message.incidents.empty() && message.incidents.front().IsOfHost()) {
+        return HostsHeadline(message);
+    }
     std::map<std::string, long long> outcomes;
     for (const Incident& incident : message.incidents) {
         for (const auto& [name, count] : incident.outcomes) outcomes[name] += count;
@@ -61,7 +91,7 @@ std::string Headline(const Message& message) {
     std::string text =
         std::to_string(message.changes) + (message.changes == 1 ? " change" : " changes");
     if (message.incidents.size() == 1 && message.left_out == 0) {
-        text += " in " + Printable(message.incidents.front().common);
+        text += " in " + PlaceText(message.incidents.front());
     } else {
         text += StrUtils::Format(" in %zu incidents", message.incidents.size() + message.left_out);
     }

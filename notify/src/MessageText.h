@@ -15,6 +15,9 @@ std::string CountsText(const std::map<std::string, long long>& counts);
 /// "modify /srv/www/a: restored in 2.5 ms".
 std::string AlarmText(const AlarmRecord& alarm);
 
+/// "/srv/www/", "/srv/www/ of www1".
+std::string PlaceText(const Incident& incident);
+
 bool IsFailure(const std::string& outcome);
 
 }  // namespace Notify

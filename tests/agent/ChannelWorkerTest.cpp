@@ -13,7 +13,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::ChannelWorker;
+using Notify::ChannelWorker;
 
 /// Answers "reports.read" as the store does.
 struct Store {
@@ -109,7 +109,7 @@ class ChannelWorkerTest : public testing::Test {
             [this](const Json::Value& request, Json::Value& answer) {
                 return store_.Read(request, answer);
             },
-            dir_.Path("mark"), ChannelWorker::Times{1, 1, 5, 0});
+            Notify::KeepInFile(dir_.Path("mark")), ChannelWorker::Times{1, 1, 5, 0});
         ASSERT_TRUE(
             test::WaitFor([&] { return !test::TempDir::Read(dir_.Path("mark")).empty(); }, 10s));
     }

@@ -45,7 +45,7 @@ class NotifierTest : public testing::Test {
                 if (health_.load() == std::string("off")) ++asked_;
                 return status;
             },
-            Agent::ChannelWorker::Times{1, 1, 5, 0});
+            Notify::ChannelWorker::Times{1, 1, 5, 0});
         if (::access(hook_.c_str(), F_OK) != 0) return;
         ASSERT_TRUE(test::WaitFor(
             [&] { return !test::TempDir::Read(dir_.Path("marks/hook.json")).empty(); }, 10s));

@@ -2,11 +2,9 @@
 #include "common/PrometheusText.h"
 
 #include <sdk/text/JsonUtils.h>
+#include <sdk/text/MetricFamily.h>
 #include <sdk/text/StrUtils.h>
-#include <sdk/text/Utf8.h>
 
-#include <array>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -22,26 +20,8 @@ constexpr int kRemoteOnly = 1;
 constexpr int kLocalAndRemote = 2;
 constexpr int kMadeByOthers = 3;
 
-using Labels = std::vector<std::pair<const char*, std::string>>;
-
-std::string Escaped(const std::string& value) {
-    std::string text;
-    for (const char c : SDK::ToValidUtf8(value)) {
-        if (c == '\\' || c == '"') text += '\\';
-        text += c == '\n' ? std::string("\\n") : std::string(1, c);
-    }
-    return text;
-}
-
-std::string Format(const Labels& labels) {
-    if (labels.empty()) return "";
-    std::string text;
-    for (const auto& [name, value] : labels) {
-        text += text.empty() ? "{" : ",";
-        text += std::string(name) + "=\"" + Escaped(value) + "\"";
-    }
-    return text + "}";
-}
+using Labels = SDK::MetricLabels;
+using Family = SDK::MetricFamily;
 
 /// The member at the end of `keys`; null when one of them is missing.
 Json::Value At(const Json::Value& object, std::initializer_list<const char*> keys) {
@@ -52,34 +32,6 @@ Json::Value At(const Json::Value& object, std::initializer_list<const char*> key
     }
     return value;
 }
-
-/// One metric with its samples. Writes nothing while it has none.
-class Family {
-  public:
-    Family(std::string& out, const char* name, const char* type, const char* help)
-        : out_(out), name_(name), type_(type), help_(help) {}
-
-    /// Numbers and booleans; anything else is left out, as is a sample with labels that are there.
-    void Add(const Json::Value& value, const Labels& labels = {}, const char* suffix = "") {
-        if (!value.isNumeric() && !value.isBool()) return;
-        const std::string sample = name_ + suffix + Format(labels);
-        if (!known_.insert(sample).second) return;
-        if (known_.size() == 1) {
-            out_ += "# HELP " + name_ + " " + help_ + "\n# TYPE " + name_ + " " + type_ + "\n";
-        }
-        out_ += sample + " ";
-        out_ += value.isInt64() ? std::to_string(value.asInt64())
-                                : SDK::StrUtils::Format("%.12g", value.asDouble());
-        out_ += "\n";
-    }
-
-  private:
-    std::string& out_;
-    const std::string name_;
-    const std::string type_;
-    const std::string help_;
-    std::set<std::string> known_;
-};
 
 /// A metric whose samples are members of one object, each with a label.
 struct Group {

@@ -53,7 +53,7 @@ Json::Value FaultStatus(const Notify::SettingsFault& fault) {
 Notifier::Notifier(Framework::QueryRegistry& queries, const Notify::Settings& settings,
                    const std::vector<Notify::SettingsFault>& faults, const Notify::Origin& origin,
                    const std::string& folder, const std::string& hook, StatusOf status,
-                   const ChannelWorker::Times& times)
+                   const Notify::ChannelWorker::Times& times)
     : queries_(queries), settings_(settings), faults_(faults), status_(std::move(status)) {
     SDK::DirUtils::MakeDirs(folder, kPrivate);
     plans_ = Notify::PlanChannels(settings, origin, [this] { return Roots(); });
@@ -64,11 +64,11 @@ Notifier::Notifier(Framework::QueryRegistry& queries, const Notify::Settings& se
         return queries_.Ask(kReportQuery, request, answer) && answer.isObject();
     };
     for (const Notify::ChannelPlan& plan : plans_) {
-        workers_.push_back(
-            std::make_unique<ChannelWorker>(plan, read, folder + "/" + plan.name + ".json", times));
+        workers_.push_back(std::make_unique<Notify::ChannelWorker>(
+            plan, read, Notify::KeepInFile(folder + "/" + plan.name + ".json"), times));
     }
     if (!settings.heartbeat.url.empty()) {
-        heartbeat_ = std::make_unique<Heartbeat>(settings.heartbeat, [this] {
+        heartbeat_ = std::make_unique<Notify::Heartbeat>(settings.heartbeat, [this] {
             const Json::Value health = status_()["health"];
             return JsonUtils::GetStringValue(health, "state", "off") != "off";
         });

@@ -1,7 +1,8 @@
 #pragma once
 
 #include <framework/QueryRegistry.h>
-#include <notify/Channel.h>
+#include <notify/ChannelWorker.h>
+#include <notify/Heartbeat.h>
 #include <notify/Settings.h>
 #include <sdk/time/CommandInterrupter.h>
 
@@ -9,9 +10,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "notify/ChannelWorker.h"
-#include "notify/Heartbeat.h"
 
 namespace Agent {
 
@@ -28,7 +26,7 @@ class Notifier {
     Notifier(Framework::QueryRegistry& queries, const Notify::Settings& settings,
              const std::vector<Notify::SettingsFault>& faults, const Notify::Origin& origin,
              const std::string& folder, const std::string& hook, StatusOf status,
-             const ChannelWorker::Times& times = {});
+             const Notify::ChannelWorker::Times& times = {});
     /// Ends running deliveries; they are repeated after the next start.
     ~Notifier();
     Notifier(const Notifier&) = delete;
@@ -47,8 +45,8 @@ class Notifier {
     const StatusOf status_;
     SDK::CommandInterrupter test_interrupter_;
     std::vector<Notify::ChannelPlan> plans_;
-    std::vector<std::unique_ptr<ChannelWorker>> workers_;
-    std::unique_ptr<Heartbeat> heartbeat_;  ///< null: off
+    std::vector<std::unique_ptr<Notify::ChannelWorker>> workers_;
+    std::unique_ptr<Notify::Heartbeat> heartbeat_;  ///< null: off
 };
 
 }  // namespace Agent

@@ -131,6 +131,17 @@ bool Take(const std::string& name, const Json::Value& value, CollectorSettings& 
     }
     if (name == "database") return TakeDatabase(value, settings.database, fault);
     if (name == "console") return TakeConsole(value, settings.console, fault);
+    if (name == "metrics_file") {
+        fault = "must be an absolute path";
+        if (!IsAbsolute(value)) return false;
+        settings.metrics_file = value.asString();
+        return true;
+    }
+    if (name == "notify") {
+        settings.notify = value;
+        fault = "must be an object";
+        return value.isObject();
+    }
     if (name == "group") {
         fault = "must be made of letters, digits, \"_\", \"-\" and \".\"";
         if (!value.isString() || !Fleet::IsLeaf(value.asString())) return false;
@@ -164,6 +175,22 @@ bool ReadSettings(const std::string& file, CollectorSettings& settings, std::str
         if (error.empty() && TakeAll(root, settings, error)) return true;
     }
     error = file + ": " + error;
+    return false;
+}
+
+bool MakeNotifySettings(const Json::Value& section, Notify::Settings& settings,
+                        std::string& error) {
+    if (section.isObject()) {
+        for (const char* other : {"syslog", "journald", "ocsf", "hook_seconds"}) {
+            if (!section.isMember(other)) continue;
+            error = std::string("/notify/") + other + ": is a key of hosts";
+            return false;
+        }
+    }
+    std::vector<Notify::SettingsFault> faults;
+    settings = Notify::ReadSettings(section, faults);
+    if (faults.empty()) return true;
+    error = faults.front().text;
     return false;
 }
 

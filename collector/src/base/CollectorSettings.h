@@ -2,6 +2,8 @@
 
 #include <database/Session.h>
 #include <fleet/BrokerSettings.h>
+#include <json/value.h>
+#include <notify/Settings.h>
 
 #include <cstdint>
 #include <string>
@@ -26,6 +28,8 @@ struct CollectorSettings {
     Database::Location database = "/var/lib/sentrel-collector/fleet.db";
     std::string group = "collectors";  ///< of the shared subscription
     ConsoleSettings console;
+    Json::Value notify;        ///< for MakeNotifySettings; null: nobody is told
+    std::string metrics_file;  ///< empty: none
     int silent_after_s = 45;
     int keep_days = 90;
     int max_megabytes_per_host = 64;  ///< of bodies; the oldest reports of a host go first
@@ -39,5 +43,9 @@ struct CollectorSettings {
 /// Reads the file. False with `error`: it cannot be read, is no JSON object, or has an unknown key
 /// or a wrong value.
 bool ReadSettings(const std::string& file, CollectorSettings& settings, std::string& error);
+
+/// Reads the section "notify". Not a part of ReadSettings, since only the service can read the
+/// secret of a webhook. False with `error`.
+bool MakeNotifySettings(const Json::Value& section, Notify::Settings& settings, std::string& error);
 
 }  // namespace Collector

@@ -55,6 +55,12 @@ int Run(const Arguments& arguments);
 /// The hosts and how they are.
 int ShowStatus(const Arguments& arguments);
 
+/// The fleet in the text format of Prometheus.
+int ShowMetrics(const Arguments& arguments);
+
+/// Copies an SQLite database to the new file `arguments.file`.
+int BackUp(const Arguments& arguments);
+
 /// One JSON object a line.
 int ListReports(const Arguments& arguments);
 int ListEvents(const Arguments& arguments);
@@ -85,6 +91,9 @@ int ListUsers(const Arguments& arguments);
 int RemoveUser(const Arguments& arguments);
 /// Gives the user a second factor and prints what the phone needs.
 int MakeTotp(const Arguments& arguments);
+
+/// Sends a test through every channel of the section "notify"; kExitFailed when one fails.
+int TestNotify(const Arguments& arguments);
 
 /// Says `text` on standard error; kExitFailed.
 int Fail(const std::string& text);

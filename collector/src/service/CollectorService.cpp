@@ -4,6 +4,7 @@
 
 #include <fleet/Topics.h>
 #include <poll.h>
+#include <sdk/files/FileUtils.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
@@ -16,6 +17,8 @@
 #include <utility>
 
 #include "base/ServiceLog.h"
+#include "service/Facts.h"
+#include "service/FleetMetrics.h"
 
 namespace Collector {
 
@@ -28,6 +31,7 @@ constexpr std::int64_t kMostRetryMs = 15'000;
 constexpr std::int64_t kConnectMs = 20'000;
 constexpr std::int64_t kLastedMs = 5'000;
 constexpr std::int64_t kPruneEveryMs = 10'000;
+constexpr std::int64_t kMetricsEveryMs = 30'000;
 
 std::int64_t EpochMs() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -71,7 +75,7 @@ CollectorService::CollectorService(CollectorSettings settings)
 int CollectorService::Run() {
     ::umask(027);
     signals_ = StopSignals();
-    if (!OpenStore() || !StartConsole()) return 1;
+    if (!OpenStore() || !StartConsole() || !StartNotifier()) return 1;
     Log(Severity::kNotice, "the collector starts; database " + settings_.database.Text());
     ::sd_notify(0, "READY=1");
     do {
@@ -83,6 +87,7 @@ int CollectorService::Run() {
     } while (!Stopped(retry_ms_));
     ::sd_notify(0, "STOPPING=1");
     console_.reset();
+    notifier_.reset();
     store_.SetFact(kAliveFact, 0);
     Log(Severity::kNotice, "the collector stops");
     return 0;
@@ -111,6 +116,18 @@ bool CollectorService::StartConsole() {
         return true;
     }
     Log(Severity::kError, "the console cannot start: " + error);
+    return false;
+}
+
+bool CollectorService::StartNotifier() {
+    if (settings_.notify.isNull()) return true;
+    Notify::Settings settings;
+    std::string error;
+    if (MakeNotifySettings(settings_.notify, settings, error)) {
+        notifier_ = std::make_unique<FleetNotifier>(settings, settings_.database);
+        if (notifier_->Start([this] { return is_well_.load(); }, error)) return true;
+    }
+    Log(Severity::kError, "notifications cannot start: " + error);
     return false;
 }
 
@@ -209,7 +226,12 @@ void CollectorService::Housekeeping() {
     if (now_ms >= alive_due_ms_) {
         alive_due_ms_ = now_ms + std::min(kAliveEveryMs, settings_.SilentAfterMs() / 3);
         SayAlive();
+        if (notifier_) notifier_->LogChanges();
         if (listening_) NoteStore(intake_.CheckSilence(EpochMs(), listening_since_ms_));
+    }
+    if (!settings_.metrics_file.empty() && now_ms >= metrics_due_ms_) {
+        metrics_due_ms_ = now_ms + kMetricsEveryMs;
+        WriteMetrics();
     }
     if (now_ms >= prune_due_ms_) {
         prune_due_ms_ = now_ms + kPruneEveryMs;
@@ -218,8 +240,24 @@ void CollectorService::Housekeeping() {
 }
 
 void CollectorService::SayAlive() {
-    store_.SetFact(kAliveFact, EpochMs());
-    store_.SetFact(kListeningFact, listening_ ? listening_since_ms_ : 0);
+    is_well_ = listening_ && is_storing_;
+    const bool good = store_.Begin() && store_.SetFact(kAliveFact, EpochMs()) &&
+                      store_.SetFact(kListeningFact, listening_ ? listening_since_ms_ : 0) &&
+                      SaveCounters(store_, intake_.Counters()) && store_.Commit();
+    if (!good) store_.Rollback();
+}
+
+/// A program that reads the file never sees a part of it.
+void CollectorService::WriteMetrics() {
+    std::string text;
+    const bool good = FormatMetrics(store_, intake_.Counters(), text) &&
+                      SDK::FileUtils::WriteFile(settings_.metrics_file, text, false) == 0;
+    if (good != has_metrics_) {
+        Log(good ? Severity::kNotice : Severity::kError,
+            (good ? "metrics are written to " : "cannot write metrics to ") +
+                settings_.metrics_file);
+    }
+    has_metrics_ = good;
 }
 
 }  // namespace Collector

@@ -4,6 +4,7 @@
 #include <fleet/BrokerClient.h>
 #include <sdk/files/FileDescriptor.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -12,15 +13,11 @@
 #include "base/CollectorSettings.h"
 #include "console/FleetBackend.h"
 #include "console/UserAccess.h"
+#include "notify/FleetNotifier.h"
 #include "service/Intake.h"
 #include "store/FleetStore.h"
 
 namespace Collector {
-
-// Facts in the store that tell others whether the service works; milliseconds since the epoch.
-constexpr const char* kAliveFact = "alive_ms";
-constexpr const char* kListeningFact = "listening_ms";  ///< 0: no connection to the broker
-constexpr std::int64_t kAliveEveryMs = 5'000;
 
 /// The service: one connection to the broker and one database on one thread, and the console on
 /// threads of its own.
@@ -34,6 +31,7 @@ class CollectorService {
   private:
     bool OpenStore();
     bool StartConsole();
+    bool StartNotifier();
     void RunConnection();
     bool Begin(std::string& error);
     bool Listen();
@@ -43,6 +41,7 @@ class CollectorService {
     void NoteStore(bool is_working);
     void Housekeeping();
     void SayAlive();
+    void WriteMetrics();
     bool Stopped(std::int64_t wait_ms) const;
 
     const CollectorSettings settings_;
@@ -53,11 +52,15 @@ class CollectorService {
     std::unique_ptr<Console::ConsoleServer> console_;
     SDK::FileDescriptor signals_;
     std::unique_ptr<Fleet::BrokerClient> broker_;
+    std::unique_ptr<FleetNotifier> notifier_;  ///< null: nobody is told
     bool listening_ = false;
-    bool is_storing_ = true;  ///< the last transaction did not fail
+    bool is_storing_ = true;            ///< the last transaction did not fail
+    std::atomic<bool> is_well_{false};  ///< listens and stores; for the heartbeat
     std::int64_t listening_since_ms_ = 0;
     std::int64_t alive_due_ms_ = 0;
     std::int64_t prune_due_ms_ = 0;
+    std::int64_t metrics_due_ms_ = 0;
+    bool has_metrics_ = false;  ///< the file is written
     std::int64_t retry_ms_ = 0;
 };
 

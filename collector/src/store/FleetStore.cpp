@@ -55,17 +55,31 @@ Json::Value ToReportRow(const Row& row) {
     return report;
 }
 
+Json::Value ToEventRow(const Row& row) {
+    Json::Value event(Json::objectValue);
+    event["id"] = Json::Int64{row.Int(0)};
+    event["time_ms"] = Json::Int64{row.Int(1)};
+    event["agent_id"] = row.Bytes(2);
+    event["kind"] = row.Bytes(3);
+    event["text"] = row.Bytes(4);
+    return event;
+}
+
+constexpr const char* kReports =
+    "SELECT r.id,h.agent_id,r.epoch,r.seq,r.time_ms,r.received_ms,r.kind,r.name,"
+    "r.outcome,r.duration_ms,r.evidence,r.whole_bytes,r.body"
+    " FROM reports r JOIN hosts h ON h.id=r.host_id WHERE r.id>";
+constexpr const char* kEvents =
+    "SELECT e.id,e.time_ms,coalesce(h.agent_id,''),e.kind,e.text FROM events e"
+    " LEFT JOIN hosts h ON h.id=e.host_id";
+
 /// The statement of a list, and its values, which borrow from the query.
 std::string ListSql(const ReportQuery& query, Values& values) {
     const auto next = [&values](const Database::Value& value) {
         values.push_back(value);
         return "?" + std::to_string(values.size());
     };
-    std::string sql =
-        "SELECT * FROM (SELECT r.id,h.agent_id,r.epoch,r.seq,r.time_ms,r.received_ms,r.kind,r.name,"
-        "r.outcome,r.duration_ms,r.evidence,r.whole_bytes,r.body"
-        " FROM reports r JOIN hosts h ON h.id=r.host_id WHERE r.id>" +
-        next(query.after);
+    std::string sql = std::string("SELECT * FROM (") + kReports + next(query.after);
     if (!query.agent_id.empty()) sql += " AND h.agent_id=" + next(query.agent_id);
     if (!query.kind.empty()) sql += " AND r.kind=" + next(query.kind);
     sql += query.after > 0 ? " ORDER BY r.id LIMIT " : " ORDER BY r.id DESC LIMIT ";
@@ -224,17 +238,9 @@ bool FleetStore::ListReports(const ReportQuery& query, const EachRow& each) {
 }
 
 bool FleetStore::ListEvents(std::int64_t limit, const EachRow& each) {
-    return session_->Run(
-        "SELECT * FROM (SELECT e.id,e.time_ms,coalesce(h.agent_id,''),e.kind,e.text FROM events e"
-        " LEFT JOIN hosts h ON h.id=e.host_id ORDER BY e.id DESC LIMIT ?1) AS page ORDER BY id",
-        {limit}, [&](const Row& row) {
-            Json::Value event(Json::objectValue);
-            event["time_ms"] = Json::Int64{row.Int(1)};
-            event["agent_id"] = row.Bytes(2);
-            event["kind"] = row.Bytes(3);
-            event["text"] = row.Bytes(4);
-            return each(event);
-        });
+    return session_->Run(std::string("SELECT * FROM (") + kEvents +
+                             " ORDER BY e.id DESC LIMIT ?1) AS page ORDER BY id",
+                         {limit}, [&](const Row& row) { return each(ToEventRow(row)); });
 }
 
 bool FleetStore::ListResults(const EachRow& each) {
@@ -263,6 +269,62 @@ bool FleetStore::ListActResults(std::int64_t limit, const EachRow& each) {
             result["result"] = row.Bytes(3);
             return each(result);
         });
+}
+
+bool FleetStore::ReadReportsAfter(std::int64_t id, std::int64_t limit, const EachRow& each) {
+    return session_->Run(std::string(kReports) + "?1 ORDER BY r.id LIMIT ?2", {id, limit},
+                         [&](const Row& row) { return each(ToReportRow(row)); });
+}
+
+bool FleetStore::ReadEventsAfter(std::int64_t id, std::int64_t limit, const EachRow& each) {
+    return session_->Run(std::string(kEvents) + " WHERE e.id>?1 ORDER BY e.id LIMIT ?2",
+                         {id, limit}, [&](const Row& row) { return each(ToEventRow(row)); });
+}
+
+bool FleetStore::ReadNumber(const std::string& sql, std::int64_t& number) {
+    return session_->Run(sql, {}, [&](const Row& row) {
+        number = row.Int(0);
+        return true;
+    });
+}
+
+bool FleetStore::LastReport(std::int64_t& id) {
+    return ReadNumber("SELECT coalesce(max(id),0) FROM reports", id);
+}
+
+bool FleetStore::LastEvent(std::int64_t& id) {
+    return ReadNumber("SELECT coalesce(max(id),0) FROM events", id);
+}
+
+bool FleetStore::ReadState(const std::string& agent_id, std::string& state) {
+    state.clear();
+    return session_->Run("SELECT state FROM hosts WHERE agent_id=?1", {agent_id},
+                         [&](const Row& row) {
+                             state = row.Bytes(0);
+                             return true;
+                         });
+}
+
+bool FleetStore::ReadMark(const std::string& name, std::optional<std::string>& value) {
+    value.reset();
+    return session_->Run("SELECT value FROM marks WHERE name=?1", {name}, [&](const Row& row) {
+        value = row.Bytes(0);
+        return true;
+    });
+}
+
+bool FleetStore::SetMark(const std::string& name, const std::string& value) {
+    return session_->Run(
+        "INSERT INTO marks(name,value) VALUES(?1,?2) ON CONFLICT(name) DO UPDATE SET value=?2",
+        {name, value});
+}
+
+bool FleetStore::RemoveMark(const std::string& name) {
+    return session_->Run("DELETE FROM marks WHERE name=?1", {name});
+}
+
+bool FleetStore::CopyTo(const std::string& path) {
+    return session_->Run("VACUUM INTO ?1", {path});
 }
 
 std::int64_t FleetStore::Size() {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -95,12 +96,31 @@ class FleetStore {
     bool ListResults(const EachRow& each);
     bool ListActResults(std::int64_t limit, const EachRow& each);  ///< the newest first
 
+    /// At most `limit` after that id, oldest first. Events have an "id", too; those of the
+    /// collector itself have no "agent_id".
+    bool ReadReportsAfter(std::int64_t id, std::int64_t limit, const EachRow& each);
+    bool ReadEventsAfter(std::int64_t id, std::int64_t limit, const EachRow& each);
+    bool LastReport(std::int64_t& id);  ///< 0 when there is none
+    bool LastEvent(std::int64_t& id);
+
+    /// Empty for an unknown host.
+    bool ReadState(const std::string& agent_id, std::string& state);
+
+    // Named texts, such as how far a channel of notifications has come.
+    bool ReadMark(const std::string& name, std::optional<std::string>& value);
+    bool SetMark(const std::string& name, const std::string& value);
+    bool RemoveMark(const std::string& name);
+
+    /// Copies an SQLite database to a new file, as of one moment.
+    bool CopyTo(const std::string& path);
+
     /// Bytes that the database uses; 0: unknown.
     std::int64_t Size();
 
     std::string Error() const { return session_ == nullptr ? error_ : session_->Error(); }
 
   private:
+    bool ReadNumber(const std::string& sql, std::int64_t& number);
     bool Prune(const std::string& sql, const Database::Values& values, const Removed& removed);
 
     std::unique_ptr<Database::Session> session_;

@@ -6,7 +6,7 @@ namespace Collector {
 
 /// The steps from one version of the schema to the next (Database::SchemaSteps). A step that was
 /// released is never changed.
-constexpr std::array<const char*, 4> kSchemaSteps{{
+constexpr std::array<const char*, 5> kSchemaSteps{{
     "CREATE TABLE hosts("
     "id INTEGER PRIMARY KEY, agent_id TEXT NOT NULL UNIQUE, stream TEXT NOT NULL,"
     "epoch INTEGER NOT NULL, acknowledged INTEGER NOT NULL, bytes INTEGER NOT NULL,"
@@ -43,6 +43,8 @@ constexpr std::array<const char*, 4> kSchemaSteps{{
     "CREATE TABLE rollout_hosts("
     "rollout_id INTEGER NOT NULL, host_id INTEGER NOT NULL, wave INTEGER NOT NULL,"
     "sent_ms INTEGER NOT NULL, PRIMARY KEY(rollout_id, host_id));",
+    "CREATE TABLE marks(name TEXT PRIMARY KEY, value TEXT NOT NULL);"
+    "CREATE INDEX reports_by_host ON reports(host_id, id);",
 }};
 
 }  // namespace Collector

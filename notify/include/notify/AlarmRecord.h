@@ -7,7 +7,9 @@
 namespace Notify {
 
 /// One alarm as its report says it. A report is what the report store answers: an object with
-/// "seq", "time_ms", "body" (the alarm document), "outcome", "duration_ms" and "evidence".
+/// "seq", "time_ms", "body" (the alarm document), "outcome", "duration_ms" and "evidence". A
+/// collector adds "host" and "agent_id". What it tells of a host itself, such as "silent", is an
+/// alarm without a path.
 struct AlarmRecord {
     bool is_alarm = false;  ///< the report has an alarm document; else only the time is set
     long long time_ms = 0;  ///< since the epoch
@@ -16,7 +18,9 @@ struct AlarmRecord {
     std::string action;  ///< "add", "delete", "modify", "attribute", "unknown"
     std::string path;    ///< raw
     std::string outcome;
-    double duration_ms = -1;  ///< below 0: unknown
+    double duration_ms = -1;    ///< below 0: unknown
+    std::string host = {};      ///< raw; empty: the host of the message
+    std::string agent_id = {};  ///< empty: that of the message
 };
 
 AlarmRecord ReadAlarm(const Json::Value& report);

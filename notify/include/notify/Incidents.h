@@ -11,7 +11,7 @@
 
 namespace Notify {
 
-/// Changes of one protected path within a minute.
+/// Changes of one protected path, or of one host of a fleet, within a minute.
 struct Incident {
     static constexpr std::size_t kExamples = 5;
     long long begun_ms = 0;
@@ -23,6 +23,11 @@ struct Incident {
     double slowest_ms = -1;
     Json::Value first = {};                  ///< the report of the first alarm
     std::vector<AlarmRecord> examples = {};  ///< the first kExamples alarms
+    std::string host = {};                   ///< empty: the host of the message
+    std::string agent_id = {};
+
+    /// Something happened to the host itself; the actions say what.
+    bool IsOfHost() const { return !agent_id.empty() && common.empty(); }
 };
 
 /// Groups alarms, which are given in the order of their time, into incidents. Not thread-safe.

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <json/value.h>
-#include <notify/Settings.h>
 #include <sdk/time/CommandInterrupter.h>
 
 #include <condition_variable>
@@ -9,14 +8,16 @@
 #include <mutex>
 #include <thread>
 
-namespace Agent {
+#include "notify/Settings.h"
+
+namespace Notify {
 
 /// Asks for a URL once a period on a thread of its own, as long as the protection works: a service
 /// that no longer hears of this host raises the alarm. Status and BeginStop are thread-safe.
 class Heartbeat {
   public:
     /// `is_alive`: whether to send; runs on the heartbeat's thread.
-    Heartbeat(const Notify::Settings::Heartbeat& settings, std::function<bool()> is_alive);
+    Heartbeat(const Settings::Heartbeat& settings, std::function<bool()> is_alive);
     ~Heartbeat();
     Heartbeat(const Heartbeat&) = delete;
     Heartbeat& operator=(const Heartbeat&) = delete;
@@ -30,7 +31,7 @@ class Heartbeat {
     void Work();
     void BeatOnce();
 
-    const Notify::Settings::Heartbeat settings_;
+    const Settings::Heartbeat settings_;
     const std::function<bool()> is_alive_;
     SDK::CommandInterrupter interrupter_;
     mutable std::mutex mutex_;  ///< guards the rest
@@ -40,4 +41,4 @@ class Heartbeat {
     std::thread thread_;
 };
 
-}  // namespace Agent
+}  // namespace Notify

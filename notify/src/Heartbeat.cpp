@@ -10,9 +10,9 @@
 #include <chrono>
 #include <utility>
 
-namespace Agent {
+namespace Notify {
 
-Heartbeat::Heartbeat(const Notify::Settings::Heartbeat& settings, std::function<bool()> is_alive)
+Heartbeat::Heartbeat(const Settings::Heartbeat& settings, std::function<bool()> is_alive)
     : settings_(settings), is_alive_(std::move(is_alive)) {
     status_["channel"] = "heartbeat";
     status_["to"] = SDK::HttpOrigin(settings.url);
@@ -57,7 +57,7 @@ void Heartbeat::BeatOnce() {
     std::string error;
     try {
         if (!is_alive_()) return;
-        error = Notify::SendHeartbeat(settings_);
+        error = SendHeartbeat(settings_);
     } catch (const std::exception& e) {
         error = e.what();
     }
@@ -75,4 +75,4 @@ void Heartbeat::BeatOnce() {
         static_cast<Json::Int64>(SDK::TimeUtils::GetCurrentTimestampS());
 }
 
-}  // namespace Agent
+}  // namespace Notify

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <json/value.h>
-#include <notify/Channel.h>
 #include <sdk/time/CommandInterrupter.h>
 
 #include <condition_variable>
@@ -11,9 +10,10 @@
 #include <string>
 #include <thread>
 
+#include "notify/Channel.h"
 #include "notify/ChannelMark.h"
 
-namespace Agent {
+namespace Notify {
 
 /// Follows the report store for one channel on a thread of its own and delivers what it finds.
 ///
@@ -32,8 +32,8 @@ class ChannelWorker {
         int degraded_after_s = 10 * 60;  ///< of failures
     };
 
-    /// Starts the thread. `mark_file`: where the mark is kept.
-    ChannelWorker(const Notify::ChannelPlan& plan, ReadReports read, std::string mark_file,
+    /// Starts the thread, which alone uses `read` and `marks` from then on.
+    ChannelWorker(const ChannelPlan& plan, ReadReports read, std::unique_ptr<MarkKeeper> marks,
                   const Times& times);
     /// Ends a running delivery and joins.
     ~ChannelWorker();
@@ -63,14 +63,14 @@ class ChannelWorker {
 
     const std::string name_;
     const ReadReports read_;
-    const std::string mark_file_;
+    const std::unique_ptr<MarkKeeper> marks_;
     const Times times_;
-    const Notify::Pacing pacing_;
+    const Pacing pacing_;
     const std::function<bool()> is_wanted_;  ///< may be null
 
     // The thread's own.
-    const std::unique_ptr<Notify::Channel> channel_;
-    Notify::Pacer pacer_;
+    const std::unique_ptr<Channel> channel_;
+    Pacer pacer_;
     ChannelMark mark_;
     bool is_begun_ = false;
     bool is_forgotten_ = false;  ///< the mark was removed while nobody wanted deliveries
@@ -87,4 +87,4 @@ class ChannelWorker {
     std::thread thread_;
 };
 
-}  // namespace Agent
+}  // namespace Notify

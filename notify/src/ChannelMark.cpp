@@ -3,10 +3,12 @@
 #include <json/value.h>
 #include <sdk/files/FileUtils.h>
 #include <sdk/text/JsonUtils.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
-namespace Agent {
+namespace Notify {
 
 namespace {
 
@@ -18,14 +20,29 @@ bool Take(const Json::Value& object, const char* key, long long& value) {
     return true;
 }
 
+class FileKeeper : public MarkKeeper {
+  public:
+    explicit FileKeeper(std::string path) : path_(std::move(path)) {}
+
+    Found Read(std::string& text) override {
+        return SDK::FileUtils::ReadFile(path_, text, kMostBytes) == 0 ? Found::kMark : Found::kNone;
+    }
+    std::string Write(const std::string& text) override {
+        if (SDK::FileUtils::WriteFile(path_, text, false) == 0) return "";
+        return path_ + ": " + std::strerror(errno);
+    }
+    void Remove() override { ::unlink(path_.c_str()); }
+
+  private:
+    const std::string path_;
+};
+
 }  // namespace
 
-bool ChannelMark::Read(const std::string& file) {
-    std::string text;
+bool ChannelMark::Parse(const std::string& text) {
     Json::Value object;
     *this = {};
-    if (SDK::FileUtils::ReadFile(file, text, kMostBytes) != 0 ||
-        SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), object) != 0 || !object.isObject() ||
+    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), object) != 0 || !object.isObject() ||
         !Take(object, "acked", acked) || !Take(object, "sending", sending) ||
         !Take(object, "lost", lost)) {
         *this = {};
@@ -37,15 +54,18 @@ bool ChannelMark::Read(const std::string& file) {
     return true;
 }
 
-int ChannelMark::Write(const std::string& file) const {
+std::string ChannelMark::Text() const {
     Json::Value object(Json::objectValue);
     object["acked"] = static_cast<Json::Int64>(acked);
     object["sending"] = static_cast<Json::Int64>(sending);
     object["lost"] = static_cast<Json::Int64>(lost);
     object["times"] = Json::Value(Json::arrayValue);
     for (const long long time : times) object["times"].append(static_cast<Json::Int64>(time));
-    const std::string text = SDK::JsonUtils::JsonToString(object) + "\n";
-    return SDK::FileUtils::WriteFile(file, text, false) == 0 ? 0 : errno;
+    return SDK::JsonUtils::JsonToString(object) + "\n";
 }
 
-}  // namespace Agent
+std::unique_ptr<MarkKeeper> KeepInFile(const std::string& path) {
+    return std::make_unique<FileKeeper>(path);
+}
+
+}  // namespace Notify

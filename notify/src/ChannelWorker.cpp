@@ -5,14 +5,12 @@
 #include <sdk/log/Log.h>
 #include <sdk/log/LoggerUtils.h>
 #include <sdk/time/TimeUtils.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <utility>
 
-namespace Agent {
+namespace Notify {
 
 using SDK::TimeUtils;
 
@@ -33,11 +31,11 @@ Json::Int64 Number(const Json::Value& object, const char* key) {
 
 }  // namespace
 
-ChannelWorker::ChannelWorker(const Notify::ChannelPlan& plan, ReadReports read,
-                             std::string mark_file, const Times& times)
+ChannelWorker::ChannelWorker(const ChannelPlan& plan, ReadReports read,
+                             std::unique_ptr<MarkKeeper> marks, const Times& times)
     : name_(plan.name),
       read_(std::move(read)),
-      mark_file_(std::move(mark_file)),
+      marks_(std::move(marks)),
       times_(times),
       pacing_(plan.pacing),
       is_wanted_(plan.is_wanted),
@@ -118,17 +116,19 @@ int ChannelWorker::Advance() {
 
 /// Begins at the end of the store when it is wanted again.
 void ChannelWorker::Forget() {
-    if (is_begun_ || !is_forgotten_) ::unlink(mark_file_.c_str());
+    if (is_begun_ || !is_forgotten_) marks_->Remove();
     is_forgotten_ = true;
     is_begun_ = false;
     channel_->Clear();
-    pacer_ = Notify::Pacer(pacing_);
+    pacer_ = Pacer(pacing_);
 }
 
 /// A new channel begins at the end of the store: nobody wants to hear of all that was before.
 bool ChannelWorker::Begin() {
-    const bool is_known = mark_.Read(mark_file_);
-    if (!is_known) {
+    std::string text;
+    const MarkKeeper::Found found = marks_->Read(text);
+    if (found == MarkKeeper::Found::kFailed) return false;
+    if (found == MarkKeeper::Found::kNone || !mark_.Parse(text)) {
         Json::Value request(Json::objectValue);
         request["limit"] = 1;
         Json::Value answer;
@@ -208,7 +208,7 @@ void ChannelWorker::Deliver() {
         mark_.sending = position_;
         SaveMark();
     }
-    const Notify::Delivery delivery{mark_.acked + 1, position_, mark_.lost, pacer_.IsDigest()};
+    const Delivery delivery{mark_.acked + 1, position_, mark_.lost, pacer_.IsDigest()};
     const std::string error = channel_->Deliver(delivery);
     const long long now_s = TimeUtils::GetCurrentTimestampS();
     if (error.empty()) {
@@ -259,12 +259,13 @@ void ChannelWorker::Failed(const std::string& error, long long now_s) {
 }
 
 void ChannelWorker::SaveMark() {
-    const int error = mark_.Write(mark_file_);
-    if (error != 0 && !is_mark_unwritable_) {
-        SDK_LOG(Log(), PRIO_ERROR, "cannot write %s: %s; a start may repeat notifications",
-                mark_file_, std::string(std::strerror(error)));
+    const std::string error = marks_->Write(mark_.Text());
+    if (!error.empty() && !is_mark_unwritable_) {
+        SDK_LOG(Log(), PRIO_ERROR,
+                "cannot keep the mark of notifications by %s: %s; a start may repeat some", name_,
+                error);
     }
-    is_mark_unwritable_ = error != 0;
+    is_mark_unwritable_ = !error.empty();
 }
 
 void ChannelWorker::Note(const std::function<void(Json::Value&)>& change) {
@@ -272,4 +273,4 @@ void ChannelWorker::Note(const std::function<void(Json::Value&)>& change) {
     change(status_);
 }
 
-}  // namespace Agent
+}  // namespace Notify
