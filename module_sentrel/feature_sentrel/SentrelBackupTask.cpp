@@ -5,6 +5,7 @@
 
 #include <sdk/log/Log.h>
 #include <sdk/restore/AttributeComparison.h>
+#include <sdk/time/TimeUtils.h>
 
 #include <algorithm>
 #include <chrono>
@@ -245,9 +246,11 @@ bool SentrelBackupTask::CommitBaseline(const SentrelDirRule& rule, Parts parts,
     commitment.parts = parts;
     commitment.is_over = [this] { return ShouldYield(); };
     std::string problem;
+    const std::int64_t start = SDK::TimeUtils::GetMonotonicMs();
     switch (state_.baselines.Commit(*places.anchors, std::move(commitment), problem)) {
         case RuleBaselines::Committed::kYes:
-            SDK_LOG(ModuleLogger(), PRIO_NOTICE, "the state of %s is approved.", rule.real_path);
+            SDK_LOG(ModuleLogger(), PRIO_NOTICE, "the state of %s is approved, listed in %d ms.",
+                    rule.real_path, static_cast<int>(SDK::TimeUtils::GetMonotonicMs() - start));
             is_trimmed_ = false;
             RequestPush();
             return true;

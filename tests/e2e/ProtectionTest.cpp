@@ -174,6 +174,19 @@ TEST_F(Protection, DeletedProtectedDirectory_IsRestored) {
     EXPECT_EQ(agent_.Stop(), 0);
 }
 
+TEST_F(Protection, UnfinishedCopyOfAnEndedRsync_IsDeletedAndNeverRestored) {
+    const std::string name = site_.Path("img/.logo.svg.Ab12Cd");
+    backup_.Write(name.substr(1), "half");
+    Protect();
+    EXPECT_FALSE(std::filesystem::exists(backup_.Path() + name));
+    std::filesystem::remove_all(site_.Path("img"));
+    EXPECT_TRUE(Await([&] {
+        return test::TempDir::Read(site_.Path("img/logo.svg")) == Good("img/logo.svg");
+    }));
+    EXPECT_FALSE(std::filesystem::exists(name));
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
 TEST_F(Protection, PolicyThatWaitsForTheBackupServerDaemon_DoesNotDelayRestores) {
     Protect();
     const test::TempDir received;

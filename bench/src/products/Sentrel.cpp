@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <regex>
 
 #include "ctl/client/ControlClient.h"
 #include "sdk/text/JsonUtils.h"
@@ -151,6 +153,17 @@ bool Sentrel::Protect(const Site& site, const ProductSettings& settings) {
     if (!ready) return Fail("not ready at the deadline: " + SDK::JsonUtils::JsonToString(Status()));
     permanent_ = {main_.Pid()};
     return true;
+}
+
+double Sentrel::ManifestMs() const {
+    static const std::regex kRecord("is approved, listed in ([0-9]+) ms");
+    std::ifstream log(install_ + "/log/agent.log");
+    double result = -1;
+    std::smatch found;
+    for (std::string line; std::getline(log, line);) {
+        if (std::regex_search(line, found, kRecord)) result = std::stod(found[1]);
+    }
+    return result;
 }
 
 void Sentrel::Unprotect() {

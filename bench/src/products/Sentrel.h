@@ -38,6 +38,10 @@ class Sentrel : public Product {
     /// From the policy request to "backup complete"; valid after Protect with makes_copy.
     double BackupMs() const { return backup_ms_; }
 
+    /// How long the agent took to list and sign the state that it approved last; negative when its
+    /// log does not say.
+    double ManifestMs() const;
+
     /// The status document; null when the agent does not answer.
     Json::Value Status() const;
 

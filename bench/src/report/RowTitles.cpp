@@ -62,6 +62,9 @@ const std::vector<RowTitle>& RowTitles() {
          "rsync -nc"},
         {"unseen", "A change of which the kernel tells nothing, until it is undone", "ms", ""},
         {"backup_200000", "First backup of 200,000 files", "ms", "bare rsync"},
+        {"backup_manifest",
+         "Its part: the list of what is approved, with the digests of all contents, signed", "ms",
+         ""},
     };
     return kTitles;
 }

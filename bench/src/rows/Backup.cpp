@@ -37,6 +37,8 @@ bool MeasureSentrel(Plan& plan, TestBed& bed, const ProductSettings& settings,
         return false;
     }
     plan.results.Add(kRow, agent.Name(), agent.BackupMs());
+    const double manifest = agent.ManifestMs();
+    if (manifest >= 0) plan.results.Add("backup_manifest", agent.Name(), manifest);
     agent.Unprotect();
     std::filesystem::rename(agent.CopyRoot(bed.Paths()), put_by);
     return true;

@@ -14,15 +14,15 @@ namespace {
 constexpr const char* kSystemdRun = "/usr/bin/systemd-run";
 constexpr long kMaxCgroupFile = 65536;
 
-// CHOWN to SETFCAP give received files their owners, modes and attributes; the others bind port 873,
-// shut each connection in backupserver_path and change its user and groups.
+// CHOWN to SETFCAP give received files their owners, modes and attributes; the others bind port
+// 873, shut each connection in backupserver_path and change its user and groups.
 constexpr const char* kProperties[] = {
     "Type=forking",
     "KillMode=mixed",
     "UMask=0077",
     "LimitCORE=0",
-    "CapabilityBoundingSet=CAP_CHOWN CAP_DAC_OVERRIDE CAP_FOWNER CAP_FSETID CAP_SETFCAP "
-    "CAP_NET_BIND_SERVICE CAP_SYS_CHROOT CAP_SETGID CAP_SETUID",
+    "CapabilityBoundingSet=CAP_CHOWN CAP_DAC_OVERRIDE CAP_FOWNER CAP_FSETID CAP_SETFCAP",
+    "CapabilityBoundingSet=CAP_NET_BIND_SERVICE CAP_SYS_CHROOT CAP_SETGID CAP_SETUID",
     "NoNewPrivileges=yes",
     "ProtectSystem=strict",
     "ProtectHome=read-only",

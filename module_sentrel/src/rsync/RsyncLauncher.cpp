@@ -96,13 +96,15 @@ CommandAnswer Run(const RsyncLine& line, const std::string& program, SDK::FileDe
                   const std::string& target_name, SDK::FileDescriptor scratch,
                   SDK::FileDescriptor replaced = {}) {
     CommandAnswer answer;
-    const std::string place_of_replaced = replaced.IsOpen() ? PlaceOf(3, "") : std::string();
-    answer.inherited.push_back(std::move(source));
-    answer.inherited.push_back(std::move(target));
-    answer.inherited.push_back(std::move(scratch));
-    if (replaced.IsOpen()) answer.inherited.push_back(std::move(replaced));
-    answer.arguments = line.With(program, PlaceOf(2, ""), PlaceOf(0, source_name),
-                                 PlaceOf(1, target_name), place_of_replaced);
+    const auto inherit = [&answer](SDK::FileDescriptor descriptor, const std::string& name) {
+        if (!descriptor.IsOpen()) return std::string();
+        answer.inherited.push_back(std::move(descriptor));
+        return PlaceOf(answer.inherited.size() - 1, name);
+    };
+    const std::string from = inherit(std::move(source), source_name);
+    const std::string to = inherit(std::move(target), target_name);
+    const std::string unfinished = inherit(std::move(scratch), "");
+    answer.arguments = line.With(program, unfinished, from, to, inherit(std::move(replaced), ""));
     return answer;
 }
 
@@ -117,9 +119,10 @@ CommandAnswer AnswerBackup(const RsyncLine& line, const std::string& program,
     if (!source.IsOpen()) return Failed("cannot open " + directory);
     SDK::FileDescriptor target = MakeCopyDirectory(rule, directory);
     if (!target.IsOpen()) return Failed("cannot make the copy of " + directory);
-    // The last step is a rename where the site is on the same file system.
-    SDK::FileDescriptor scratch = rule.OpenScratch();
-    if (!scratch.IsOpen()) return Failed(kNoScratch);
+    // rsync resolves the path of a scratch directory anew four times a file. What an ended rsync
+    // leaves among the copies of a directory its next run deletes, before anything is approved.
+    SDK::FileDescriptor scratch = is_file ? rule.OpenScratch() : SDK::FileDescriptor();
+    if (is_file && !scratch.IsOpen()) return Failed(kNoScratch);
     SDK::FileDescriptor replaced = open_replaced(rule);
     if (!replaced.IsOpen() && errno != 0) return Failed("cannot make a place for replaced copies");
     const std::string name = is_file ? FileName(rule.RootPath()) : std::string();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 
 namespace Engine {
 
@@ -44,8 +45,8 @@ std::vector<std::string> RsyncLine::With(const std::string& program, const std::
                                          const std::string& new_target,
                                          const std::string& replaced) const {
     std::vector<std::string> words{program};
-    words.insert(words.end(), kOptions.begin(), kOptions.end());
-    words.back() = "--temp-dir=" + scratch;
+    words.insert(words.end(), kOptions.begin(), std::prev(kOptions.end()));
+    if (!scratch.empty()) words.push_back("--temp-dir=" + scratch);
     for (const std::string& pattern : exclusions) {
         words.insert(words.end(), {kExclude, pattern});
     }

@@ -28,6 +28,8 @@ TEST(RsyncLine, Of_ParsesOnlyTheModulesLocalCommands) {
     EXPECT_FALSE(restore->is_backup);
     EXPECT_EQ(restore->target, "/site/-x y");
     EXPECT_EQ(restore->With("/r", "/t", "/a", "/b").back(), "/b");
+    EXPECT_EQ(restore->With("/r", "", "/a", "/b"),
+              (Words{"/r", "-az", "-H", "-X", "--links", "--delete-excluded", "/a", "/b"}));
     for (const Words& rest : {Words{"/one"}, Words{"/a", "/b", "/c"}, Words{"a", "/b"},
                               Words{"--exclude", "x", "/a"}, Words{"/a", "host::module/"}}) {
         EXPECT_FALSE(RsyncLine::Of(Command(rest))) << rest.front();
