@@ -152,6 +152,10 @@ bool BrokerClient::Step(std::chrono::milliseconds wait, int wake_fd, std::string
     return false;
 }
 
+int BrokerClient::Socket() const {
+    return mosquitto_socket(handle_.get());
+}
+
 bool BrokerClient::Handle(short ready) {
     if ((ready & POLLOUT) != 0 &&
         mosquitto_loop_write(handle_.get(), kMaxPacketsPerRead) != MOSQ_ERR_SUCCESS) {

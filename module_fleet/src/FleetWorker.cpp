@@ -153,7 +153,7 @@ FleetWorker::FleetWorker(FleetSettings settings, const std::string& agent_id)
              [](const Json::Value& result) {
                  SendDataMessage("sentrel_fleet_act_1", JsonUtils::JsonToString(result));
              }}),
-      retry_ms_(kFirstRetryMs),
+      backoff_(kFirstRetryMs, kMostRetryMs),
       thread_([this] { Run(); }) {}
 
 FleetWorker::~FleetWorker() {
@@ -182,7 +182,7 @@ void FleetWorker::Run() {
                     std::string(error.what()));
         }
         broker_.reset();
-    } while (!WaitForStop(std::chrono::milliseconds(retry_ms_)));
+    } while (!WaitForStop(std::chrono::milliseconds(backoff_.WaitMs())));
 }
 
 void FleetWorker::RunConnection() {
@@ -207,9 +207,9 @@ void FleetWorker::RunConnection() {
         return;
     }
     const bool lasted = greeted && SDK::TimeUtils::GetMonotonicMs() - begin_ms > kLastedMs;
-    retry_ms_ = lasted ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
+    backoff_.Ended(lasted);
     SDK_LOG(FleetLog(), PRIO_WARNING, "broker %s: %s; the next attempt follows in %s s",
-            settings_.broker.host, error, std::to_string(retry_ms_ / 1000));
+            settings_.broker.host, error, std::to_string(backoff_.WaitMs() / 1000));
     Json::Value status(Json::objectValue);
     status["connected"] = false;
     status["error"] = error;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fleet/Backoff.h>
 #include <fleet/BrokerClient.h>
 #include <json/value.h>
 #include <sdk/files/FileDescriptor.h>
@@ -54,7 +55,7 @@ class FleetWorker {
     ActReceiver acts_;
     std::unique_ptr<Fleet::BrokerClient> broker_;
     std::int64_t state_due_ms_ = 0;
-    std::int64_t retry_ms_ = 0;
+    Fleet::Backoff backoff_;
     std::mutex mutex_;    ///< guards status_
     Json::Value status_;  ///< null: nothing has happened yet
     std::thread thread_;

@@ -202,6 +202,7 @@ TEST_P(Outage, DatabaseThatStops_AcknowledgesNothingAndLosesNothing) {
         EXPECT_NE(intake_.Error(), "");
     }
     EXPECT_FALSE(intake_.CheckSilence(kNow + 99'000, kNow));
+    EXPECT_TRUE(intake_.AskForMissing().empty()) << "3 is in memory alone";
     ASSERT_TRUE(database_.Server().Start());
     EXPECT_TRUE(test::WaitFor(
         [&] {

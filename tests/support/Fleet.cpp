@@ -77,11 +77,11 @@ Broker::Broker(const std::vector<std::string>& agent_ids) : port_(FreePort()) {
     ::chmod(dir_.Path("password").c_str(), 0600);
     std::vector<std::string> users = agent_ids;
     users.insert(users.end(), {"collector", "operator"});
-    dir_.Write("passwords", "");
+    std::string passwords;
+    for (const std::string& user : users) passwords += user + ":" + kPassword + "\n";
+    dir_.Write("passwords", passwords);
     ::chmod(dir_.Path("passwords").c_str(), 0600);
-    for (const std::string& user : users) {
-        MustRun({"mosquitto_passwd", "-b", dir_.Path("passwords"), user, kPassword});
-    }
+    MustRun({"mosquitto_passwd", "-U", dir_.Path("passwords")});
 }
 
 bool Broker::Start() {
@@ -115,10 +115,10 @@ Fleet::BrokerSettings Broker::SettingsOf(const std::string& user) const {
     return settings;
 }
 
-CollectorProcess::CollectorProcess(const Broker& broker) {
+CollectorProcess::CollectorProcess(const Broker& broker, const Json::Value& database) {
     Json::Value config(Json::objectValue);
     config["broker"] = broker.JsonOf("collector");
-    config["database"] = Database();
+    config["database"] = database.isNull() ? Json::Value(Database()) : database;
     dir_.Write("collector.json", SDK::JsonUtils::JsonToString(config));
 }
 

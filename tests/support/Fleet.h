@@ -40,7 +40,8 @@ class Broker {
 /// The built collector.
 class CollectorProcess {
   public:
-    explicit CollectorProcess(const Broker& broker);
+    /// `database`: as in its configuration; null: an SQLite file.
+    explicit CollectorProcess(const Broker& broker, const Json::Value& database = {});
 
     /// Starts the service and waits until it listens.
     bool Start();

@@ -74,4 +74,14 @@ Database::Location Postgres::Location() const {
     return location;
 }
 
+Json::Value Postgres::Config() const {
+    const Database::Location location = Location();
+    Json::Value json(Json::objectValue);
+    json["host"] = location.host;
+    json["name"] = location.name;
+    json["user"] = location.user;
+    json["password_file"] = location.password_file;
+    return json;
+}
+
 }  // namespace test

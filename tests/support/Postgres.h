@@ -2,6 +2,7 @@
 
 #include <database/Session.h>
 #include <gtest/gtest.h>
+#include <json/value.h>
 
 #include <memory>
 #include <string>
@@ -27,6 +28,7 @@ class Postgres {
     void Stop() { process_.Stop(SIGQUIT); }
 
     Database::Location Location() const;
+    Json::Value Config() const;  ///< the same in the collector's configuration
 
   private:
     TempDir dir_;

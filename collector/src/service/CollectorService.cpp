@@ -70,7 +70,7 @@ CollectorService::CollectorService(CollectorSettings settings)
     : settings_(std::move(settings)),
       intake_(store_, settings_),
       access_(NowSeconds),
-      retry_ms_(kFirstRetryMs) {}
+      backoff_(kFirstRetryMs, kMostRetryMs) {}
 
 int CollectorService::Run() {
     ::umask(027);
@@ -84,7 +84,7 @@ int CollectorService::Run() {
         broker_.reset();
         listening_ = false;
         SayAlive();
-    } while (!Stopped(retry_ms_));
+    } while (!Stopped(backoff_.WaitMs()));
     ::sd_notify(0, "STOPPING=1");
     console_.reset();
     notifier_.reset();
@@ -155,7 +155,7 @@ void CollectorService::RunConnection() {
         return;
     }
     const bool lasted = listening_ && MonotonicMs() - begin_ms > kLastedMs;
-    retry_ms_ = lasted ? kFirstRetryMs : std::min(retry_ms_ * 2, kMostRetryMs);
+    backoff_.Ended(lasted);
     Log(Severity::kError, "broker " + settings_.broker.host + ": " + error);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <console/ConsoleServer.h>
+#include <fleet/Backoff.h>
 #include <fleet/BrokerClient.h>
 #include <sdk/files/FileDescriptor.h>
 
@@ -61,7 +62,7 @@ class CollectorService {
     std::int64_t prune_due_ms_ = 0;
     std::int64_t metrics_due_ms_ = 0;
     bool has_metrics_ = false;  ///< the file is written
-    std::int64_t retry_ms_ = 0;
+    Fleet::Backoff backoff_;
 };
 
 }  // namespace Collector

@@ -17,7 +17,8 @@ class HostTable {
     /// Borrows the store. At most `max_hosts` are taken.
     HostTable(FleetStore& store, std::size_t max_hosts) : store_(store), max_hosts_(max_hosts) {}
 
-    /// Reads all hosts, and forgets what was not written.
+    /// Reads all hosts, and forgets what was not written. After a failure All holds what is not
+    /// stored.
     bool Load();
 
     /// Reads all hosts when the last Load failed.

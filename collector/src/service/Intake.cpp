@@ -227,8 +227,11 @@ void Intake::Answer(const HostRecord& host, const std::string& stream, std::int6
     answer = {stream, seq, again};
 }
 
-std::vector<Reply> Intake::AskForMissing() const {
+std::vector<Reply> Intake::AskForMissing() {
     std::vector<Reply> replies;
+    // What a failed transaction has changed in memory is not stored: to name it would acknowledge
+    // it.
+    if (!hosts_.IsFresh()) return replies;
     for (const auto& [agent_id, host] : hosts_.All()) {
         if (!host.stream.empty())
             replies.push_back({agent_id, {host.stream, host.acknowledged, true}});
@@ -238,12 +241,13 @@ std::vector<Reply> Intake::AskForMissing() const {
 
 bool Intake::CheckSilence(std::int64_t now_ms, std::int64_t since_ms) {
     std::vector<std::string> silent;
+    if (!hosts_.IsFresh()) return Undo();
     for (const auto& [agent_id, host] : hosts_.All()) {
         const std::int64_t last = std::max(host.last_seen_ms, since_ms);
         if (!host.silent && now_ms - last > settings_.SilentAfterMs()) silent.push_back(agent_id);
     }
     if (silent.empty()) return true;
-    bool good = hosts_.IsFresh() && store_.Begin();
+    bool good = store_.Begin();
     for (const std::string& agent_id : silent) {
         HostRecord* const host = good ? hosts_.Change(agent_id, now_ms) : nullptr;
         good =

@@ -51,7 +51,7 @@ class Intake {
     bool Store(std::int64_t now_ms, std::vector<Reply>& replies);
 
     /// Asks every known host for what is not stored, after a new connection.
-    std::vector<Reply> AskForMissing() const;
+    std::vector<Reply> AskForMissing();
 
     /// Reports the hosts that are silent; `since_ms`: when this collector began to listen.
     bool CheckSilence(std::int64_t now_ms, std::int64_t since_ms);

@@ -53,6 +53,10 @@ class BrokerClient {
     /// what there is. False with `error` when the connection is lost or refused.
     bool Step(std::chrono::milliseconds wait, int wake_fd, std::string& error);
 
+    /// Of the connection, to wait for it with others; -1: none. A writable one may need a Step,
+    /// too.
+    int Socket() const;
+
     /// QoS 1. False when it cannot be sent. A subscription that the broker refuses ends the
     /// connection: Step says so.
     bool Subscribe(const std::string& filter);
