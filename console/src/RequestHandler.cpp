@@ -44,6 +44,7 @@ const char* TypeOf(const std::string& path) {
     if (suffix == ".html") return "text/html; charset=utf-8";
     if (suffix == ".css") return "text/css; charset=utf-8";
     if (suffix == ".js") return "text/javascript; charset=utf-8";
+    if (suffix == ".json") return "application/json";
     return "image/svg+xml";
 }
 

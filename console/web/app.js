@@ -5,7 +5,9 @@ import {show_hosts} from "./hosts.js";
 import {show_host} from "./host.js";
 import {show_incident} from "./incident.js";
 import {show_policies} from "./policies.js";
-import {show_events, show_results, show_acts} from "./fleet.js";
+import {show_events, show_results, show_rollout, show_acts} from "./fleet.js";
+import {show_policy} from "./policy.js";
+import {forget_key} from "./centre.js";
 
 const main = document.getElementById("main");
 let session = null;
@@ -14,7 +16,9 @@ let turn = 0;            // counts addresses, so that a late answer does not rep
 
 const pages = [
   {pattern: /^#\/events$/, show: show_events},
-  {pattern: /^#\/results$/, show: show_results},
+  {pattern: /^#\/results$/, show: () => show_results(session)},
+  {pattern: /^#\/rollout\/(\d+)$/, show: (id) => show_rollout(session, id)},
+  {pattern: /^#\/policy$/, show: () => show_policy(session)},
   {pattern: /^#\/acts$/, show: show_acts},
   {pattern: /^#\/host\/([^/]+)$/, show: (id) => show_host(session, decodeURIComponent(id))},
   {pattern: /^#\/host\/([^/]+)\/incident\/(\d+)$/, show: (id, number) => show_incident(session, decodeURIComponent(id), number)},
@@ -76,6 +80,7 @@ function login_form() {
 
 async function ask_to_log_in() {
   session = null;
+  forget_key();
   document.getElementById("who").replaceChildren();
   const {access} = await api.session().catch(() => ({}));
   if (access === "password") return main.replaceChildren(element("h1", {}, "Log in"), login_form());
@@ -92,7 +97,7 @@ async function log_in_by_address() {
 
 /** A fleet has pages beside its hosts. */
 function show_pages() {
-  const links = session.mode !== "fleet" ? [] : [["#/", "Hosts"], ["#/events", "Events"], ["#/results", "Policies"],
+  const links = session.mode !== "fleet" ? [] : [["#/", "Hosts"], ["#/events", "Events"], ["#/results", "Policies and acts"],
     ...(session.role === "admin" ? [["#/acts", "Audit log"]] : [])];
   document.getElementById("pages").replaceChildren(...links.map(([href, text]) => element("a", {href}, text)));
 }

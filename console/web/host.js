@@ -5,6 +5,7 @@ import {headline} from "./health.js";
 import {host_address} from "./hosts.js";
 import {incident_table, latency_chart} from "./incidents.js";
 import * as decisions from "./decisions.js";
+import {act_buttons} from "./centre.js";
 
 const second = 1000;
 
@@ -34,7 +35,7 @@ function path_card(session, host, path, pause) {
     element("div", {class: "headline"}, element("h3", {}, printable(path.path)), state_of(path)),
     pause ? element("p", {}, badge("Paused", "warn"), " until ", moment(pause.until * second), pause.reason ? [": ", printable(pause.reason)] : "") : null,
     told_of(path),
-    session.mode === "fleet" ? null : element("div", {class: "acts"},
+    session.mode === "fleet" ? act_buttons(session, host, path) : element("div", {class: "acts"},
       element("button", {onclick: () => decisions.verify(session, host, path)}, "Verify"),
       act("Roll back…", decisions.roll_back),
       pause ? act("Resume…", decisions.resume) : act("Pause…", decisions.pause)));
@@ -52,7 +53,7 @@ export async function show_host(session, id) {
     const status = answer.status;
     const pause_of = (path) => (status.pauses ?? []).find((pause) => pause.path === path.path);
     top.replaceChildren(...headline(answer.host));
-    paths.replaceChildren(...(status.protected_paths ?? []).map((path) => path_card(session, id, path, pause_of(path))));
+    paths.replaceChildren(...(status.protected_paths ?? []).map((path) => path_card(session, session.mode === "fleet" ? answer.host : id, path, pause_of(path))));
     if (paths.childElementCount === 0) paths.append(element("p", {class: "faint"}, "No path is protected yet: morvanectl protect DIRECTORY."));
     incidents.replaceChildren(incident_table(id, list.incidents, fresh_from));
     chart.replaceChildren(latency_chart(latency.points));

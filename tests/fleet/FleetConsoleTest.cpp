@@ -1,13 +1,22 @@
 // The console of a fleet in a real browser, with 5,000 hosts, some of them hostile.
 #include <console/ConsoleServer.h>
+#include <fleet/SignedAct.h>
+#include <fleet/SignedPolicy.h>
+#include <fleet/Topics.h>
 #include <gtest/gtest.h>
 #include <sdk/text/JsonUtils.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <thread>
 
 #include "base/Password.h"
+#include "centre/Delivery.h"
+#include "centre/Rollouts.h"
 #include "console/FleetBackend.h"
 #include "console/UserAccess.h"
 #include "support/TempDir.h"
@@ -15,6 +24,11 @@
 namespace {
 
 constexpr int kHosts = 5000;
+
+std::int64_t NowMs() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
 
 class FleetConsole : public testing::Test {
   protected:
@@ -44,6 +58,7 @@ class FleetConsole : public testing::Test {
         state["host"] = at == 3 ? "<img src=x onerror=hacked=1>" : "web" + std::to_string(at);
         state["version"] = "0.1.0";
         state["health"]["state"] = at % 100 == 0 ? "degraded" : "healthy";
+        if (at >= 10 && at < 30) state["groups"].append("web");
         if (at % 100 == 0) state["health"]["reasons"][0]["text"] = "1 change waits for a decision";
         state["protected_paths"][0]["path"] = "/var/www/html/";
         state["protected_paths"][0]["state"] = "ready";
@@ -89,6 +104,43 @@ class FleetConsole : public testing::Test {
         }
     }
 
+    /// Publishes what the console takes, and answers as hosts with that key do. host-10 rejects
+    /// policies.
+    void AnswerAsHosts(const SDK::SigningKey& key, const std::atomic<bool>& is_over) {
+        Collector::RolloutStore rollouts;
+        ASSERT_TRUE(rollouts.Open(Database()));
+        std::vector<Collector::HostRecord> known;
+        ASSERT_TRUE(store_.ReadHosts(known));
+        Collector::Rollouts service(rollouts, {200, 60'000}, [&](const Fleet::Message& sent) {
+            const auto topic = Fleet::ParseTopic(sent.topic);
+            const auto host = std::find_if(known.begin(), known.end(), [&](const auto& one) {
+                return one.agent_id == topic->agent_id;
+            });
+            Fleet::SignedAct act;
+            Fleet::SignedPolicy policy;
+            std::string error;
+            Json::Value answer;
+            answer["sha256"] = Collector::DigestOf(sent.payload);
+            const bool is_act = topic->channel == "act";
+            const bool is_signed = is_act ? Fleet::ReadSigned(sent.payload, key, act, error)
+                                          : Fleet::ReadSigned(sent.payload, key, policy, error);
+            answer["verdict"] = !is_signed ? "refused" : is_act ? "done" : "on";
+            if (is_signed && host->agent_id == "host-10" && !is_act) answer["verdict"] = "rejected";
+            answer["message"] = is_signed ? "As asked for." : error;
+            if (act.name == "verify") {
+                answer["details"]["differences"][0]["path"] = "/var/www/html/new <b>.php";
+                answer["details"]["differences"][0]["kind"] = "added";
+            }
+            const std::string text = SDK::JsonUtils::JsonToString(answer);
+            return is_act ? store_.SaveActResult(host->id, std::stoll(topic->leaf), text, NowMs())
+                          : store_.SaveResult(host->id, topic->leaf, text, NowMs());
+        });
+        while (!is_over) {
+            service.Work(NowMs());
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the service's own pace
+        }
+    }
+
     test::TempDir dir_;
     Collector::FleetStore store_;
 };
@@ -105,8 +157,16 @@ TEST_F(FleetConsole, PersonWithABrowser_FindsTheHostThatMatters) {
     ASSERT_TRUE(backend.Open(Database(), error)) << error;
     Console::ConsoleServer server({}, access, backend);
     ASSERT_TRUE(server.Start(error)) << error;
-    EXPECT_EQ(
-        std::system(("exec timeout 100 node " + folder + "/fleet.mjs " + server.Url()).c_str()), 0);
+    const auto key = SDK::SigningKey::Generate();
+    std::atomic<bool> is_over{false};
+    std::thread hosts([&] { AnswerAsHosts(*key, is_over); });
+    EXPECT_EQ(std::system(("exec timeout 150 node " + folder + "/fleet.mjs " + server.Url() + " " +
+                           dir_.Write("operator.key", key->PrivatePem()) + " " +
+                           dir_.Write("other.key", SDK::SigningKey::Generate()->PrivatePem()))
+                              .c_str()),
+              0);
+    is_over = true;
+    hosts.join();
 }
 
 }  // namespace

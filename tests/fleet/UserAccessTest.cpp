@@ -73,10 +73,23 @@ TEST_P(Users, PasswordLetsIn_AndAUserWhoWasRemovedMayNotGoOn) {
     EXPECT_FALSE(MayLogIn("nobody", "nobody's"));
     EXPECT_FALSE(MayLogIn("", ""));
     EXPECT_FALSE(access_.LogIn(Json::Value(Json::arrayValue)));
-    EXPECT_TRUE(access_.MayGoOn({"anna", Console::Role::kOperator}));
-    EXPECT_FALSE(access_.MayGoOn({"anna", Console::Role::kAdmin})) << "the role has changed";
+    Json::Value credentials;
+    credentials["user"] = "anna";
+    credentials["password"] = "correct horse";
+    const std::optional<Console::User> anna = access_.LogIn(credentials);
+    ASSERT_TRUE(anna);
+    EXPECT_TRUE(access_.MayGoOn(*anna));
+    Console::User other = *anna;
+    other.role = Console::Role::kAdmin;
+    EXPECT_FALSE(access_.MayGoOn(other)) << "the role has changed";
+    Collector::UserRecord changed = user_;
+    changed.password_hash = Collector::HashPassword("another horse");
+    EXPECT_TRUE(store_.Save(changed));
+    EXPECT_FALSE(access_.MayGoOn(*anna)) << "the password has changed";
+    EXPECT_TRUE(store_.Save(user_));
+    EXPECT_TRUE(access_.MayGoOn(*anna));
     EXPECT_TRUE(store_.Remove("anna"));
-    EXPECT_FALSE(access_.MayGoOn({"anna", Console::Role::kOperator}));
+    EXPECT_FALSE(access_.MayGoOn(*anna));
     EXPECT_FALSE(MayLogIn("anna", "correct horse"));
 }
 

@@ -1,4 +1,4 @@
-// Owns the addresses of the console of a fleet. It must not write. What hosts sent is hostile.
+// Owns the addresses of the console of a fleet. What hosts sent is hostile.
 #include "console/FleetBackend.h"
 
 #include <Poco/NumberParser.h>
@@ -9,6 +9,8 @@
 #include <chrono>
 #include <cmath>
 #include <thread>
+
+#include "centre/Delivery.h"
 
 namespace Collector {
 
@@ -22,7 +24,6 @@ namespace {
 constexpr int kNotFound = 404;
 constexpr int kForbidden = 403;
 constexpr int kFailed = 500;
-constexpr int kWrongMethod = 405;
 constexpr int kMostListed = 500;
 constexpr int kMostAlarms = 1000;
 constexpr std::chrono::milliseconds kLookEvery{250};
@@ -103,6 +104,8 @@ Json::Value SummaryOf(const HostRecord& host) {
     summary["seen_ms"] = Json::Int64{host.last_seen_ms};
     summary["last_undone_ms"] = NumberIn(state, "last_undone_ms");
     summary["paths"] = PathsOf(state).size();
+    summary["groups"] = Json::Value(Json::arrayValue);
+    for (const std::string& group : GroupsOf(host)) summary["groups"].append(group);
     return summary;
 }
 
@@ -137,24 +140,44 @@ bool IsNumber(const std::string& text) {
 
 bool FleetBackend::Open(const Database::Location& database, std::string& error) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (store_.OpenExisting(database) && users_.Open(database)) return true;
+    if (store_.OpenExisting(database) && users_.Open(database) && rollouts_.Open(database)) {
+        return true;
+    }
     error = "cannot open " + database.Text() + ": " + store_.Error();
     return false;
 }
 
 Reply FleetBackend::Handle(const Request& request) {
     const std::vector<std::string>& path = request.path;
-    if (request.method != "GET") return ErrorReply(kWrongMethod, "The console only shows so far.");
+    if (request.method != "GET") return Change(request);
     if (path == std::vector<std::string>{"changes"}) return AwaitNews(request);
     const std::lock_guard<std::mutex> lock(mutex_);
     if (path == std::vector<std::string>{"hosts"}) return ListHosts();
     if (path == std::vector<std::string>{"events"}) return ListEvents();
     if (path == std::vector<std::string>{"results"}) return ListResults();
     if (path == std::vector<std::string>{"acts"}) return ListActs(request.user);
+    if (!path.empty() && path[0] == "rollouts") return LookAtRollouts(path);
     if (path.size() < 2 || path[0] != "hosts") {
         return ErrorReply(kNotFound, "The console has no such address.");
     }
     return LookAtHost(path[1], {path.begin() + 2, path.end()});
+}
+
+Reply FleetBackend::Change(const Request& request) {
+    const std::vector<std::string>& path = request.path;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (path == std::vector<std::string>{"prepare"}) return centre_.Prepare(request);
+    if (path == std::vector<std::string>{"publish"}) return centre_.Publish(request);
+    if (path.size() == 3 && path[0] == "rollouts" && IsNumber(path[1])) {
+        return centre_.Change(request, NumberOf(path[1]), path[2]);
+    }
+    return ErrorReply(kNotFound, "The console has no such address.");
+}
+
+Reply FleetBackend::LookAtRollouts(const std::vector<std::string>& path) {
+    if (path.size() == 1) return centre_.List();
+    if (path.size() == 2 && IsNumber(path[1])) return centre_.Show(NumberOf(path[1]));
+    return ErrorReply(kNotFound, "The console has no such address.");
 }
 
 Reply FleetBackend::ListHosts() {

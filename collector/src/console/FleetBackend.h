@@ -7,12 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "console/CentreRequests.h"
 #include "store/FleetStore.h"
+#include "store/RolloutStore.h"
 #include "store/UserStore.h"
 
 namespace Collector {
 
-/// Answers the console's requests from the collector's database, which it only reads. Thread-safe.
+/// Answers the console's requests from the collector's database. What is to be published, it only
+/// stores there. Thread-safe.
 class FleetBackend : public Console::Backend {
   public:
     /// False, with a sentence in `error`, when the database cannot be opened.
@@ -23,6 +26,8 @@ class FleetBackend : public Console::Backend {
     void Stop() override { is_stopping_ = true; }
 
   private:
+    Console::Reply Change(const Console::Request& request);
+    Console::Reply LookAtRollouts(const std::vector<std::string>& path);
     Console::Reply LookAtHost(const std::string& agent_id, const std::vector<std::string>& what);
     Console::Reply ListHosts();
     Console::Reply ListEvents();
@@ -33,9 +38,11 @@ class FleetBackend : public Console::Backend {
     Json::Value NewestAlarms(const std::string& agent_id);
 
     std::atomic<bool> is_stopping_{false};
-    std::mutex mutex_;  ///< guards the two below
+    std::mutex mutex_;  ///< guards all below
     FleetStore store_;
     UserStore users_;
+    RolloutStore rollouts_;
+    CentreRequests centre_{store_, users_, rollouts_};
 };
 
 }  // namespace Collector

@@ -16,6 +16,11 @@ constexpr std::int64_t kMsPerSecond = 1000;
 constexpr std::size_t kMostName = 64;
 constexpr std::size_t kMostRemembered = 1000;
 
+/// Another one after a change of the password or the second factor.
+std::string StampOf(const UserRecord& user) {
+    return user.password_hash + user.totp_secret;
+}
+
 }  // namespace
 
 UserAccess::UserAccess(Clock now_s) : now_s_(now_s), nobodys_hash_(HashPassword("nobody's")) {}
@@ -52,13 +57,13 @@ std::optional<Console::User> UserAccess::LogIn(const Json::Value& credentials) {
         Log(Severity::kError, "cannot store a login: " + users_.Error());
         return {};
     }
-    return Console::User{user->name, user->role};
+    return Console::User{user->name, user->role, StampOf(*user)};
 }
 
 bool UserAccess::MayGoOn(const Console::User& user) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::optional<UserRecord> known = users_.Find(user.name);
-    return known && known->role == user.role;
+    return known && known->role == user.role && StampOf(*known) == user.stamp;
 }
 
 bool UserAccess::IsLocked(const std::string& name, std::int64_t now_s) {

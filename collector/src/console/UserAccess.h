@@ -27,7 +27,7 @@ class UserAccess : public Console::Access {
     /// Takes {"user", "password", "code"}.
     std::optional<Console::User> LogIn(const Json::Value& credentials) override;
 
-    /// False once the user was removed or has another role.
+    /// False once the user was removed or has another role, password or second factor.
     bool MayGoOn(const Console::User& user) override;
 
     static constexpr int kMostFailures = 5;

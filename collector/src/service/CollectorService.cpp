@@ -30,6 +30,7 @@ constexpr std::int64_t kFirstRetryMs = 500;
 constexpr std::int64_t kMostRetryMs = 15'000;
 constexpr std::int64_t kConnectMs = 20'000;
 constexpr std::int64_t kLastedMs = 5'000;
+constexpr std::int64_t kRolloutsEveryMs = 500;
 constexpr std::int64_t kPruneEveryMs = 10'000;
 constexpr std::int64_t kMetricsEveryMs = 30'000;
 
@@ -69,6 +70,8 @@ std::string ClientId() {
 CollectorService::CollectorService(CollectorSettings settings)
     : settings_(std::move(settings)),
       intake_(store_, settings_),
+      rollouts_(rollout_store_, {},
+                [this](const Fleet::Message& message) { return broker_->Publish(message); }),
       access_(NowSeconds),
       backoff_(kFirstRetryMs, kMostRetryMs) {}
 
@@ -94,7 +97,10 @@ int CollectorService::Run() {
 }
 
 bool CollectorService::OpenStore() {
-    if (store_.Open(settings_.database) && intake_.Load()) return true;
+    if (store_.Open(settings_.database) && intake_.Load() &&
+        rollout_store_.Open(settings_.database)) {
+        return true;
+    }
     Log(Severity::kError,
         "cannot use the database " + settings_.database.Text() + ": " + store_.Error());
     return false;
@@ -232,6 +238,10 @@ void CollectorService::Housekeeping() {
     if (!settings_.metrics_file.empty() && now_ms >= metrics_due_ms_) {
         metrics_due_ms_ = now_ms + kMetricsEveryMs;
         WriteMetrics();
+    }
+    if (listening_ && now_ms >= rollouts_due_ms_) {
+        rollouts_due_ms_ = now_ms + kRolloutsEveryMs;
+        rollouts_.Work(EpochMs());
     }
     if (now_ms >= prune_due_ms_) {
         prune_due_ms_ = now_ms + kPruneEveryMs;

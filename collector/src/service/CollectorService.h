@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/CollectorSettings.h"
+#include "centre/Rollouts.h"
 #include "console/FleetBackend.h"
 #include "console/UserAccess.h"
 #include "notify/FleetNotifier.h"
@@ -48,6 +49,8 @@ class CollectorService {
     const CollectorSettings settings_;
     FleetStore store_;
     Intake intake_;
+    RolloutStore rollout_store_;
+    Rollouts rollouts_;
     UserAccess access_;
     FleetBackend backend_;
     std::unique_ptr<Console::ConsoleServer> console_;
@@ -59,6 +62,7 @@ class CollectorService {
     std::atomic<bool> is_well_{false};  ///< listens and stores; for the heartbeat
     std::int64_t listening_since_ms_ = 0;
     std::int64_t alive_due_ms_ = 0;
+    std::int64_t rollouts_due_ms_ = 0;
     std::int64_t prune_due_ms_ = 0;
     std::int64_t metrics_due_ms_ = 0;
     bool has_metrics_ = false;  ///< the file is written

@@ -21,6 +21,8 @@ std::string RoleName(Role role);
 struct User {
     std::string name;
     Role role = Role::kViewer;
+    /// Of the credentials; a session ends when it changes. Never sent.
+    std::string stamp = {};
 };
 
 /// A request of the page below /api/ after its conversion from HTTP, from a user who is logged in.
