@@ -18,11 +18,11 @@ class DaemonUnit {
 
     /// What the unit consists of; all paths are absolute.
     struct Request {
-        std::string name;                          ///< such as "morvane-rsyncd.service"
-        std::string owner;                         ///< the agent's unit, with which it ends; or empty
-        std::string pid_file;                      ///< written by the daemon
-        std::vector<std::string> writable;         ///< one that does not exist is left out
-        std::vector<std::string> daemon;           ///< program and arguments; it detaches itself
+        std::string name;                   ///< such as "morvane-rsyncd.service"
+        std::string owner;                  ///< the agent's unit, with which it ends; or empty
+        std::string pid_file;               ///< written by the daemon
+        std::vector<std::string> writable;  ///< one that does not exist is left out
+        std::vector<std::string> daemon;    ///< program and arguments; it detaches itself
     };
 
     /// The words of the command that starts the unit and returns when the daemon has detached.
