@@ -34,7 +34,7 @@ product_version() {
 # check_stage DIR: a complete release build lies there.
 check_stage() {
     local part
-    for part in bin/morvane_agent bin/morvanectl bin/sentrel_collector module/libfleet_module.so lib/libsdk.so lib/libframework.so lib/librsync_preload.so \
+    for part in bin/morvane_agent bin/morvane_sentry bin/morvanectl bin/sentrel_collector module/libfleet_module.so lib/libsdk.so lib/libframework.so lib/librsync_preload.so \
         module/libsentrel_module.so module/libfilenotify_module.so module/libreport_module.so conf/agent.json; do
         [[ -e $1/$part ]] || die "there is no $1/$part. Build it first: scripts/package.sh without --stage."
     done
@@ -58,6 +58,7 @@ make_tree() {
     mv -- "$1/packaging/debian" "$1/debian"
     cp -a -- "$2" "$1/stage"
     cp -- "$ROOT/packaging/systemd/morvane-agent.service" "$1/debian/sentrel.morvane-agent.service"
+    cp -- "$ROOT/packaging/systemd/morvane-sentry.service" "$1/debian/sentrel.morvane-sentry.service"
     cp -- "$ROOT/packaging/systemd/sentrel-collector.service" "$1/debian/sentrel-collector.service"
     make_changelog "$3" >"$1/debian/changelog"
     sed -i "s|@MAINTAINER@|$MAINTAINER|" "$1/debian/control"

@@ -225,6 +225,40 @@ void SentrelInotifyTask::EndPauses() {
     }
 }
 
+/// Alarms of what the sentry did, in parts so that changes on the site do not wait.
+void SentrelInotifyTask::ReportShield() {
+    for (std::size_t i = 0; i < kMostAtOnce; ++i) {
+        std::optional<Shield::Told> told = state_.shield.Take();
+        if (!told) return;
+        if (!told->healed.empty()) {
+            ReportHealed(std::move(*told));
+            continue;
+        }
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s: %s.", told->real_path, told->trouble);
+        SendAlarm({told->real_path, ALARM_MODIFY, "", "", {told->trouble, -1, true}});
+    }
+    Waiter().Wake();
+}
+
+/// The sentry has put the page right before anybody read it, so no event will find it changed.
+void SentrelInotifyTask::ReportHealed(Shield::Told told) {
+    Alarm alarm;
+    alarm.file = told.healed;
+    alarm.type = ALARM_MODIFY;
+    alarm.note = {std::string(OutcomeText(Outcome::kRestored)) + " before it was read", -1, true};
+    state_.status.CountUndone(SentrelStatus::kRestoresDone);
+    std::string copy;
+    for (const auto& [id, rule] : watch_rules) {
+        const bool is_shown =
+            rule.real_path == told.real_path && SentrelUtils::GetInstance()->diff_content &&
+            !evidence_.IsSecret(alarm.file) && !alarms_.IsRepeat(alarm.file, alarm.type);
+        if (is_shown) copy = rule.backup_path + alarm.file;
+    }
+    const bool is_needed = evidence_.is_kept || !copy.empty();
+    alarms_.Raise(std::move(alarm), is_needed ? PinnedFile(std::move(told.content)) : PinnedFile(),
+                  copy);
+}
+
 /// The alarm names the copy, since the object on the site has alarms of its own.
 void SentrelInotifyTask::ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing) {
     for (const RuleBaselines::Fault& fault : undoing.copy_faults) {

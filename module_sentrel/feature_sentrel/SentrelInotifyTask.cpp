@@ -175,6 +175,7 @@ int SentrelInotifyTask::Run() {
     YieldCpu(last_cpu_tick, __FILE__, __LINE__, kTaskId);
     CheckPlaces();
     HandleBacklog(RetryQueue::Clock::now());
+    ReportShield();
     if (Waiter().WaitAndHandleEvent(kWaitMs, kMaxEventSources) == -1) {
         BulkConsumeMsg(kMaxMessagesPerCycle);
     }

@@ -30,6 +30,7 @@
 #include "feature_sentrel/rejudge/Rejudge.h"
 #include "places/MountTable.h"
 #include "places/ReleaseLinks.h"
+#include "shield/Shield.h"
 
 namespace Engine {
 
@@ -147,6 +148,8 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     bool HasLostItsCopy(const SentrelDirRule& rule, const std::string& path);
     bool IsHeldByPause(const SentrelDirRule& rule, const std::string& path);
     void EndPauses();
+    void ReportShield();
+    void ReportHealed(Shield::Told told);
     void ReportCopyFaults(const SentrelDirRule& rule, const UndoResult& undoing);
 
     /// `is_told`: Handling::is_told.

@@ -40,6 +40,12 @@ constexpr const char* kKeyQuery = "baseline.key";
 constexpr const char* kProgressQuery = "baseline.progress";
 constexpr const char* kDeployQuery = "deploy";
 constexpr const char* kPauseQuery = "pause";
+constexpr const char* kShieldQuery = "shield";
+constexpr const char* kShieldTickQuery = "sentry.tick.shield";
+constexpr const char* kShieldHealedQuery = "shield.healed";
+constexpr const char* kShieldTroubleQuery = "shield.trouble";
+// Until then a decision has begun, and no state is approved before it has ended.
+constexpr std::chrono::seconds kDecisionBegins{2};
 constexpr const char* kCompletionQuery = "policy.complete.sentrel_feature";
 
 std::string Unsigned(const std::string& problem) {
@@ -88,6 +94,7 @@ bool SentrelModule::Init() {
     state_.backup_server.Reset();
     state_.deploys.Load();
     state_.pauses.Load();
+    state_.shield.Load();
     state_.places.Judge({});
     RegisterCallbacks();
     CreateTasks();
@@ -132,6 +139,7 @@ Json::Value SentrelModule::AnswerRequest(const Json::Value& request) {
         request["action"] != "restore" && !JsonUtils::GetBoolValue(request, "dry_run", false);
     const std::string problem = approves ? state_.baselines.WhyUnsigned() : "";
     if (problem.empty()) {
+        if (approves) SuspendShield(kDecisionBegins);
         answer =
             state_.requests.Submit(request, approves ? state_.baselines.Lent().Take() : nullptr);
         WakeTasks();
@@ -222,13 +230,21 @@ void SentrelModule::RegisterQueries() {
                      [this](const Json::Value& request) { return AnswerDeploy(request); });
     queries.Register(kPauseQuery,
                      [this](const Json::Value& request) { return AnswerPause(request); });
+    queries.Register(kShieldQuery,
+                     [this](const Json::Value& request) { return AnswerShield(request); });
+    queries.Register(kShieldTickQuery,
+                     [this](const Json::Value& sentry) { return TickShield(sentry); });
+    for (const char* event : {kShieldHealedQuery, kShieldTroubleQuery}) {
+        queries.Register(event, [this](const Json::Value& told) { return TakeShieldEvent(told); });
+    }
 }
 
 void SentrelModule::UnregisterQueries() {
     Framework::QueryRegistry& queries = Framework::Engine::Instance().Queries();
     for (const char* query :
          {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackUpServerCheckQuery,
-          kCompletionQuery, kRequestQuery, kKeyQuery, kProgressQuery, kDeployQuery, kPauseQuery}) {
+          kCompletionQuery, kRequestQuery, kKeyQuery, kProgressQuery, kDeployQuery, kPauseQuery,
+          kShieldQuery, kShieldTickQuery, kShieldHealedQuery, kShieldTroubleQuery}) {
         queries.Unregister(query);
     }
 }

@@ -3,6 +3,8 @@
 #include <framework/Module.h>
 #include <json/value.h>
 
+#include <chrono>
+#include <optional>
 #include <string>
 
 #include "state/ModuleState.h"
@@ -63,6 +65,19 @@ class SentrelModule : public Framework::Module {
     Json::Value AnswerDeploy(const Json::Value& request);
     Json::Value AnswerPause(const Json::Value& request);
     Json::Value BeginDeploy(const Json::Value& request);
+    /// The rule that protects the percent-encoded path of the request.
+    static std::optional<SentrelDirRule> RuleOf(const SentrelStatus& status,
+                                                const Json::Value& request);
+
+    // The shield (SentrelShield.cpp).
+    std::string WhyNotShielded(const SentrelDirRule& rule) const;
+    Json::Value ShieldRules() const;
+    void PublishShield(bool must_wait);
+    void SuspendShield(std::chrono::milliseconds time);
+    Json::Value TickShield(const Json::Value& sentry);
+    Json::Value TakeShieldEvent(const Json::Value& event);
+    Json::Value ListShield() const;
+    Json::Value AnswerShield(const Json::Value& request);
 
     bool IsSwitchedOn(const std::string& feature, const std::string& policyJson,
                       void (SentrelModule::*switch_off)(Framework::Policy*));

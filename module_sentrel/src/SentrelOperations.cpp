@@ -27,8 +27,16 @@ Json::Value Error(const std::string& sentence) {
     return answer;
 }
 
-/// The rule that protects the percent-encoded path of the request.
-std::optional<SentrelDirRule> RuleOf(const SentrelStatus& status, const Json::Value& request) {
+unsigned int GenerationOf(const RuleBaselines& baselines, const std::string& real_path,
+                          const std::string& backup_path) {
+    const Json::Value known = baselines.ToJson(real_path, backup_path);
+    return known.isObject() ? known["generation"].asUInt() : 0;
+}
+
+}  // namespace
+
+std::optional<SentrelDirRule> SentrelModule::RuleOf(const SentrelStatus& status,
+                                                    const Json::Value& request) {
     std::string path;
     if (!SDK::PercentDecode(JsonUtils::GetStringValue(request, "path", "%"), path)) {
         return std::nullopt;
@@ -40,14 +48,6 @@ std::optional<SentrelDirRule> RuleOf(const SentrelStatus& status, const Json::Va
     }
     return std::nullopt;
 }
-
-unsigned int GenerationOf(const RuleBaselines& baselines, const std::string& real_path,
-                          const std::string& backup_path) {
-    const Json::Value known = baselines.ToJson(real_path, backup_path);
-    return known.isObject() ? known["generation"].asUInt() : 0;
-}
-
-}  // namespace
 
 Json::Value SentrelModule::BeginDeploy(const Json::Value& request) {
     if (!SentrelUtils::GetInstance()->is_run) {
@@ -71,7 +71,9 @@ Json::Value SentrelModule::BeginDeploy(const Json::Value& request) {
     if (generation == 0 || !state_.progress.IsComplete(*rule)) {
         return Error(rule->real_path + " has no approved state yet; see morvanectl status.");
     }
-    return state_.deploys.Begin(request, *places.anchors, generation);
+    Json::Value answer = state_.deploys.Begin(request, *places.anchors, generation);
+    PublishShield(true);
+    return answer;
 }
 
 Json::Value SentrelModule::AnswerDeploy(const Json::Value& request) {
@@ -120,7 +122,9 @@ Json::Value SentrelModule::AnswerPause(const Json::Value& request) {
     if (!state_.progress.IsComplete(*rule)) {
         return Error(rule->real_path + " has no approved state yet; see morvanectl status.");
     }
-    return state_.pauses.Begin(request, *rule);
+    Json::Value answer = state_.pauses.Begin(request, *rule);
+    PublishShield(true);
+    return answer;
 }
 
 }  // namespace Engine

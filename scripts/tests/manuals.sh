@@ -66,12 +66,14 @@ check_command() {
 
 main() {
     local page
-    for page in morvanectl.8 morvane_agent.8 sentrel_collector.8 agent.json.5 sentrel-policy.5; do
+    for page in morvanectl.8 morvane_agent.8 morvane_sentry.8 sentrel_collector.8 agent.json.5 sentrel-policy.5; do
         make_page "$page" "$STAGE/bin/${page%.*}"
     done
     check_command
     mapfile -t words < <("$STAGE/bin/morvane_agent" --help | names Options)
     expect_named morvane_agent.8 "${words[@]}"
+    mapfile -t words < <("$STAGE/bin/morvane_sentry" --help | names Options)
+    expect_named morvane_sentry.8 "${words[@]}"
     mapfile -t words < <(for page in '' status reports events results act acts sign publish "policy sign" "policy publish" "policy keygen"; do
         # shellcheck disable=SC2086
         "$STAGE/bin/sentrel_collector" $page --help | names Options

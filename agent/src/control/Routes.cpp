@@ -17,10 +17,11 @@ Reply MethodReply(const std::string& allow) {
 }
 
 Reply Unknown() {
-    return ErrorReply(404,
-                      "There is no such address. The control API has /v1/status, /v1/reports, "
-                      "/v1/policies, /v1/baseline, /v1/deploy, /v1/pause, /v1/notify and "
-                      "/v1/tasklets/ID.");
+    return ErrorReply(
+        404,
+        "There is no such address. The control API has /v1/status, /v1/reports, "
+        "/v1/policies, /v1/baseline, /v1/deploy, /v1/pause, /v1/shield, /v1/notify and "
+        "/v1/tasklets/ID.");
 }
 
 Reply VerdictReply(const std::string& feature, const PolicyVerdict& verdict) {
@@ -50,7 +51,7 @@ Reply Routes::Handle(const ControlRequest& request) {
     if (path.size() < 2 || path[0] != "v1") return Unknown();
     if (path[1] == "policies") return HandlePolicies(request);
     if (path[1] == "baseline") return HandleBaseline(request);
-    if (path[1] == "deploy" || path[1] == "pause" || path[1] == "notify") {
+    if (path[1] == "deploy" || path[1] == "pause" || path[1] == "shield" || path[1] == "notify") {
         return HandleOperation(request);
     }
     if (path[1] == "tasklets" && path.size() == 3) {

@@ -15,6 +15,7 @@
 #include "ctl/EvidenceCli.h"
 #include "ctl/NotifyCli.h"
 #include "ctl/ProtectCli.h"
+#include "ctl/ShieldCli.h"
 #include "ctl/client/ExitCodes.h"
 #include "ctl/commands/Commands.h"
 #include "ctl/commands/ConsoleCommand.h"
@@ -232,6 +233,7 @@ int Run(int argc, const char* const* argv) {
     DefineEvidence(app, args.command);
     DefineBaseline(app, args.command);
     DefineDeploy(app, args.command);
+    DefineShield(app, args.command);
     DefineConsole(app, args);
     DefineNotify(app, args.command);
     DefinePolicy(app, args);

@@ -136,9 +136,21 @@ bool SentryLink::Beat() {
     Json::Value request(Json::objectValue);
     request["op"] = "status";
     channel_->Send(request);
-    Json::Value ignored;
-    queries_.Ask("sentry.tick", request, ignored);
+    Tick();
     return true;
+}
+
+void SentryLink::Tick() {
+    Json::Value sentry;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        sentry = rooms_;
+    }
+    if (!sentry.isObject()) return;  // it has not answered yet
+    Json::Value ignored;
+    for (const std::string& name : queries_.Names("sentry.tick.")) {
+        queries_.Ask(name, sentry, ignored);
+    }
 }
 
 bool SentryLink::Take(Sentry::Message& message) {
@@ -172,8 +184,7 @@ bool SentryLink::Take(Sentry::Message& message) {
     if (!is_first) return true;
     SDK_LOG(Log(), PRIO_NOTICE, "the sentry runs, process %d",
             JsonUtils::GetIntValue(answer, "process", 0));
-    Json::Value ignored;
-    queries_.Ask("sentry.connected", answer, ignored);
+    Tick();
     return true;
 }
 

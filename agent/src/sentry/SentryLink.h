@@ -27,8 +27,9 @@ namespace Agent {
 /// after `wait_ms` at most (0: it is sent only). "status.sentry": a part of the status document.
 ///
 /// An event of the sentry is a query of its name ("shield.healed") on the link's thread, with the
-/// descriptor of its file as "file" (borrowed; -1: none). A new connection is the query
-/// "sentry.connected", and each period the query "sentry.tick".
+/// descriptor of its file as "file" (borrowed; -1: none). All queries that begin with
+/// "sentry.tick." are asked when a connection is new and then in each period, with what the sentry
+/// said of itself last.
 class SentryLink {
   public:
     /// Borrows `queries`. `fault`: what is wrong with the settings; empty: nothing.
@@ -46,6 +47,7 @@ class SentryLink {
     void Serve();
     bool Take(Sentry::Message& message);
     bool Beat();
+    void Tick();
     void Lost(const std::string& why);
     void KillGuard();
     bool PauseFor(std::chrono::milliseconds time);

@@ -3,6 +3,7 @@
 #include <sdk/files/FileDescriptor.h>
 
 #include <string>
+#include <utility>
 
 #include "places/RuleAnchors.h"
 
@@ -21,6 +22,9 @@ class PinnedFile {
 
     /// Holds the object `name` in the open directory `directory`; nothing when it is missing.
     PinnedFile(int directory, const std::string& name);
+
+    /// Holds the open object.
+    explicit PinnedFile(SDK::FileDescriptor object) : held_(std::move(object)) {}
 
     /// A path to the held object, also for commands, valid while this object lives; empty when
     /// nothing is held.

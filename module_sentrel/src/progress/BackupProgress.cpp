@@ -142,6 +142,13 @@ std::size_t BackupProgress::HeldCount(const SentrelDirRule& rule) const {
     return complete == nullptr ? 0 : complete->held.Size();
 }
 
+std::vector<std::string> BackupProgress::HeldPaths(const SentrelDirRule& rule,
+                                                   std::size_t most) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Complete* complete = Find(rule);
+    return complete == nullptr ? std::vector<std::string>() : complete->held.Paths(most);
+}
+
 void BackupProgress::SetChecking(const SentrelDirRule& rule, bool checking) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (Complete* const complete = Find(rule)) complete->checking = checking;

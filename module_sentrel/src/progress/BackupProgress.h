@@ -92,6 +92,8 @@ class BackupProgress {
     /// `path` as in IsOpen. Cheap while nothing is held.
     bool IsHeld(const SentrelDirRule& rule, const std::string& path) const;
     std::size_t HeldCount(const SentrelDirRule& rule) const;
+    /// The first `most`, relative to the protected path.
+    std::vector<std::string> HeldPaths(const SentrelDirRule& rule, std::size_t most) const;
 
     /// The path is being compared with its approved state: what is held is not known yet.
     void SetChecking(const SentrelDirRule& rule, bool checking);

@@ -35,6 +35,15 @@ bool HeldObjects::Covers(std::string_view below) const {
     return false;
 }
 
+std::vector<std::string> HeldObjects::Paths(std::size_t most) const {
+    std::vector<std::string> paths;
+    for (const auto& [below, with_content] : objects_) {
+        if (paths.size() >= most) break;
+        paths.push_back(below);
+    }
+    return paths;
+}
+
 bool HeldObjects::HasAnyIn(std::string_view below) const {
     if (Covers(below)) return true;
     const auto first = objects_.lower_bound(below);

@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Engine {
 
@@ -32,6 +33,9 @@ class HeldObjects {
     std::size_t Size() const { return objects_.size(); }
     bool IsEmpty() const { return objects_.empty() && !everything_; }
     bool HoldsEverything() const { return everything_; }
+
+    /// The first `most`, in order.
+    std::vector<std::string> Paths(std::size_t most) const;
 
   private:
     struct Order {

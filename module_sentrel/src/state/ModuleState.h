@@ -10,6 +10,7 @@
 #include "places/TrustedPlaces.h"
 #include "progress/BackupProgress.h"
 #include "rsync/RsyncLauncher.h"
+#include "shield/Shield.h"
 #include "status/BackUpServerStatus.h"
 #include "status/SentrelStatus.h"
 
@@ -27,6 +28,7 @@ struct ModuleState {
     OperatorRequests requests;
     Deploys deploys;
     Pauses pauses;
+    Shield shield;
     SentrelStatus status;
     BackUpServerStatus backup_server;
     ScheduleStatus schedule;

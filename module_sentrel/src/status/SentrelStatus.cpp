@@ -61,6 +61,11 @@ Json::Value SentrelStatus::ExclusionsOf(const Json::Value& request) const {
     return answer;
 }
 
+bool SentrelStatus::IsMonitorOnly() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return monitor_only_;
+}
+
 std::vector<SentrelDirRule> SentrelStatus::Rules() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<SentrelDirRule> rules;

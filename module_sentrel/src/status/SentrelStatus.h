@@ -66,6 +66,8 @@ class SentrelStatus {
     /// these, byte by byte. Ready before the task asks for its watches.
     Json::Value ExclusionsOf(const Json::Value& request) const;
 
+    bool IsMonitorOnly() const;
+
     void PublishPaths(std::vector<ProtectedPath> paths);
     void ClearPaths() { PublishPaths({}); }
     /// The rules of the paths that are published.

@@ -1,11 +1,19 @@
 #pragma once
 
+#include <map>
+#include <memory>
+#include <string>
+
 #include "base/Room.h"
 #include "base/SharedState.h"
+#include "shield/Guard.h"
 
 namespace Sentry {
 
-/// The operations "shield.…".
+/// The operation "shield.rules": {"serial","rules"} says which directories are shielded from now
+/// on; an older serial than the last is ignored. When it is answered, no other directory is. The
+/// events "shield.healed" {"path","rule"} with what was tampered, and "shield.trouble"
+/// {"rule","what"}; paths are percent-encoded.
 class ShieldRoom : public Room {
   public:
     /// Borrows `state`.
@@ -18,7 +26,21 @@ class ShieldRoom : public Room {
     void Stop() override;
 
   private:
+    struct Shielded {
+        Json::Value wanted;  ///< as the agent describes it
+        std::string problem;
+        std::unique_ptr<Guard> guard;  ///< null: it cannot be shielded
+    };
+
+    void TakeRules(const Json::Value& rules);
+    Shielded Begin(const Json::Value& wanted) const;
+    Json::Value ToJson(const std::string& path, const Shielded& shielded) const;
+
     SharedState& state_;
+    Tell tell_;
+    Guard::Settings settings_;
+    Json::UInt64 serial_ = 0;
+    std::map<std::string, Shielded> shielded_;  ///< by the path as the agent encodes it
 };
 
 }  // namespace Sentry
