@@ -24,6 +24,7 @@ namespace Engine {
 namespace {
 
 constexpr std::size_t kMostAtOnce = 64;
+constexpr std::size_t kMostHealed = 16;
 
 using Kind = Baseline::Difference::Kind;
 
@@ -225,9 +226,16 @@ void SentrelInotifyTask::EndPauses() {
     }
 }
 
-/// Alarms of what the sentry did, in parts so that changes on the site do not wait.
+/// Alarms of what the sentry did, in parts: contents are in memory, and changes on the site must
+/// not wait.
 void SentrelInotifyTask::ReportShield() {
-    for (std::size_t i = 0; i < kMostAtOnce; ++i) {
+    const std::uint64_t dropped = state_.shield.TakeDropped();
+    if (dropped > 0) {
+        SDK_LOG(ModuleLogger(), PRIO_ERROR, "%s events of the sentry have no alarm of their own.",
+                std::to_string(dropped));
+    }
+    if (!alarms_.IsEmpty()) return;
+    for (std::size_t i = 0; i < kMostHealed; ++i) {
         std::optional<Shield::Told> told = state_.shield.Take();
         if (!told) return;
         if (!told->healed.empty()) {

@@ -140,6 +140,7 @@ Json::Value SentrelModule::ListShield() const {
     Json::Value answer(Json::objectValue);
     answer["sentry"]["state"] = JsonUtils::GetStringValue(sentry, "state", "off");
     answer["sentry"]["why"] = JsonUtils::GetStringValue(sentry, "why", "");
+    answer["sentry"]["untold"] = sentry["shield"].get("untold", 0);
     answer["paths"] = Json::Value(Json::arrayValue);
     for (const SentrelDirRule& rule : state_.status.Rules()) {
         Json::Value one(Json::objectValue);

@@ -6,6 +6,7 @@
 #include <sdk/files/PathUtils.h>
 #include <sdk/text/JsonUtils.h>
 #include <sdk/text/PercentCode.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <utility>
@@ -21,6 +22,13 @@ constexpr long kMostBytes = 4L * 1024 * 1024;
 
 std::string File() {
     return SDK::PathUtils::GetInstallationPath() + "data/shield.json";
+}
+
+/// Of a file in memory, which nobody changes any more.
+std::uint64_t SizeOf(const SDK::FileDescriptor& content) {
+    struct stat info {};
+    const bool is_known = content.IsOpen() && ::fstat(content.Get(), &info) == 0;
+    return is_known ? static_cast<std::uint64_t>(info.st_size) : 0;
 }
 
 }  // namespace
@@ -92,6 +100,8 @@ void Shield::Tell(Told told) {
         ++dropped_;
         return;
     }
+    if (told_bytes_ + SizeOf(told.content) > kMostContent) told.content.Reset();
+    told_bytes_ += SizeOf(told.content);
     told_.push_back(std::move(told));
 }
 
@@ -100,7 +110,13 @@ std::optional<Shield::Told> Shield::Take() {
     if (told_.empty()) return std::nullopt;
     Told first = std::move(told_.front());
     told_.pop_front();
+    told_bytes_ -= SizeOf(first.content);
     return first;
+}
+
+std::uint64_t Shield::TakeDropped() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(dropped_, 0);
 }
 
 }  // namespace Engine

@@ -3,7 +3,6 @@
 #include <json/value.h>
 #include <sdk/files/FileDescriptor.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -44,23 +43,26 @@ class Shield {
         SDK::FileDescriptor content;  ///< what was tampered; not open: it could not be kept
         std::string trouble;
     };
-    /// Drops and counts what does not fit.
+    /// Counts what does not fit; a content that does not fit is left out.
     void Tell(Told told);
     std::optional<Told> Take();
-    std::uint64_t Dropped() const { return dropped_; }
+    /// The number of those that did not fit since the last call.
+    std::uint64_t TakeDropped();
 
   private:
-    static constexpr std::size_t kMostTold = 1024;  // each may hold a file in memory
+    static constexpr std::size_t kMostTold = 4096;
+    static constexpr std::uint64_t kMostContent = 64ULL * 1024 * 1024;  // contents are in memory
 
     int Write() const;
 
-    mutable std::mutex mutex_;                  ///< guards all below but dropped_
+    mutable std::mutex mutex_;                  ///< guards all below
     std::map<std::string, std::string> modes_;  ///< by real_path; without those that are off
     Clock::time_point suspended_until_;
     Json::Value rules_;
     std::uint64_t serial_ = 1;
     std::deque<Told> told_;
-    std::atomic<std::uint64_t> dropped_{0};
+    std::uint64_t told_bytes_ = 0;
+    std::uint64_t dropped_ = 0;
 };
 
 }  // namespace Engine

@@ -19,6 +19,7 @@ using SDK::JsonUtils;
 namespace {
 
 constexpr mode_t kPrivateMask = 0177;
+constexpr int kSendBytes = 4 * 1024 * 1024;  // events of an attack on many pages
 
 Json::Value Error(const std::string& text) {
     Json::Value answer(Json::objectValue);
@@ -77,6 +78,7 @@ void Service::Accept() {
     SDK::FileDescriptor socket(
         ::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket.IsOpen()) return;
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDBUF, &kSendBytes, sizeof(kSendBytes));
     auto channel = std::make_shared<Channel>(std::move(socket));
     if (channel->PeerUser() != 0 && channel->PeerUser() != ::geteuid()) return;
     Disconnect();

@@ -86,19 +86,20 @@ ShieldRoom::Shielded ShieldRoom::Begin(const Json::Value& wanted) const {
         wanted, SDK::PathUtils::GetInstallationPath() + "data/baseline", shielded.problem);
     if (rule == nullptr) return shielded;
     const std::string name = JsonUtils::GetStringValue(wanted, "path", "");
-    const auto healed = [tell = tell_, name](const std::string& path, int content) {
+    const auto healed = [tell = tell_, untold = untold_, name](const std::string& path,
+                                                               int content) {
         Json::Value event(Json::objectValue);
         event["event"] = "shield.healed";
         event["rule"] = name;
         event["path"] = SDK::PercentEncode(path);
-        tell(event, content);
+        if (!tell(event, content)) ++*untold;
     };
-    const auto trouble = [tell = tell_, name](const std::string& what) {
+    const auto trouble = [tell = tell_, untold = untold_, name](const std::string& what) {
         Json::Value event(Json::objectValue);
         event["event"] = "shield.trouble";
         event["rule"] = name;
         event["what"] = what;
-        tell(event, -1);
+        if (!tell(event, -1)) ++*untold;
     };
     auto guard = std::make_unique<Guard>(rule, settings_, healed, trouble);
     shielded.problem = guard->Problem();
@@ -121,6 +122,7 @@ Json::Value ShieldRoom::Status() const {
         if (!one.problem.empty()) problem = one.problem;
     }
     status["serial"] = serial_;
+    status["untold"] = static_cast<Json::UInt64>(*untold_);
     status["state"] = shielded_.empty() ? "off" : problem.empty() ? "running" : "refused";
     status["why"] = problem;
     return status;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -40,6 +42,9 @@ class ShieldRoom : public Room {
     Tell tell_;
     Guard::Settings settings_;
     Json::UInt64 serial_ = 0;
+    /// Events that the agent did not take, since it does not keep up.
+    const std::shared_ptr<std::atomic<std::uint64_t>> untold_ =
+        std::make_shared<std::atomic<std::uint64_t>>(0);
     std::map<std::string, Shielded> shielded_;  ///< by the path as the agent encodes it
 };
 

@@ -48,6 +48,10 @@ void Print(const Json::Value& all) {
     for (const Json::Value& one : all["paths"]) {
         std::cout << PathOf(one) << "  " << Describe(one) << "\n";
     }
+    const long long untold = Number(all["sentry"], "untold");
+    if (untold > 0) {
+        std::cout << Counted(untold, "event") << " came too fast to have an alarm.\n";
+    }
     if (state == "off") {
         std::cout << "Nothing is shielded: set \"sentry\": {\"enabled\": true} in "
                      "conf/agent.json and restart the agent.\n";

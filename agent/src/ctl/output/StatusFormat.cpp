@@ -80,6 +80,14 @@ std::string FormatPaths(const Json::Value& status, long long now_ms) {
     return text;
 }
 
+/// "running", "off" or "refused: why".
+std::string FormatSentry(const Json::Value& status) {
+    Json::Value sentry;
+    if (!JsonUtils::GetSubobjectValue(status, "sentry", sentry)) return "";
+    const std::string why = Text(sentry, "why");
+    return Line("sentry", Text(sentry, "state") + (why.empty() ? "" : ": " + why));
+}
+
 /// Empty for a schedule without pauses.
 std::string FormatSchedule(const Json::Value& status) {
     Json::Value schedule;
@@ -187,9 +195,10 @@ std::string FormatStatus(const Json::Value& status, long long now_ms) {
     const bool has_words = !warnings.empty() || HealthOf(status) != Health::kHealthy;
     return FormatHeadline(status, now_ms) + FormatGeneralReasons(status) +
            FormatOperations(status, now_ms) + FormatPaths(status, now_ms) + "\n" +
-           FormatSchedule(status) + FormatBackup(status) + FormatBackupServer(status, now_ms) +
-           FormatCounters(status) + FormatPolicies(status, now_ms) + FormatFleet(status) +
-           FormatAgent(status, now_ms) + warnings + (has_words ? kHint : "");
+           FormatSchedule(status) + FormatSentry(status) + FormatBackup(status) +
+           FormatBackupServer(status, now_ms) + FormatCounters(status) +
+           FormatPolicies(status, now_ms) + FormatFleet(status) + FormatAgent(status, now_ms) +
+           warnings + (has_words ? kHint : "");
 }
 
 }  // namespace Ctl
