@@ -5,12 +5,15 @@ set -euo pipefail
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 # shellcheck source=scripts/remote-demo.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/remote-demo.sh"
+# shellcheck source=scripts/fleet-demo.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/fleet-demo.sh"
 
 usage() {
     cat <<'END'
 Usage: scripts/quickstart.sh [OPTION]... [DIR]
        scripts/quickstart.sh --demo [DIR]
        scripts/quickstart.sh --demo-remote
+       scripts/quickstart.sh --demo-fleet
 
 Installs missing Debian packages, builds Sentrel, starts an agent in build/quickstart, and protects DIR
 until Ctrl-C: the agent undoes each change below DIR from a backup copy, and the script prints the alarm.
@@ -22,6 +25,10 @@ Without DIR the script makes a sample site for you to change.
   --demo-remote       start two agents on two temporary hosts: one protects a site and pushes its backup
                       copies to the other. Kill the server's daemon, try a wrong password, and show what
                       the agents report. Exit code 0: everything went as it should
+  --demo-fleet        start a broker, a collector and three agents on loopback: roll out a policy in waves,
+                      attack a host, try a wrong policy and a repeated act, kill a host. Prints the address
+                      of the console. Installs Debian's mosquitto where it is missing. Exit code 0: everything went
+                      as it should
   --ignore-dir NAME   ignore the directory NAME below DIR, such as uploads (may be repeated)
   --ignore-suffix S   ignore files whose names end in S, such as .log (may be repeated)
   --report-only       report changes, but do not undo them
@@ -45,6 +52,7 @@ parse_arguments() {
         case $1 in
             --demo) MODE=demo ;;
             --demo-remote) MODE=demo-remote ;;
+            --demo-fleet) MODE=demo-fleet ;;
             --ignore-dir | --ignore-suffix | --stage | --work | --deadline-ms)
                 [[ $# -ge 2 ]] || die "$1 needs a value; see --help"
                 parse_value "$1" "$2"
@@ -85,7 +93,7 @@ is_below() { [[ $1/ == "${2%/}"/* ]]; }
 
 check_target() {
     [[ -n $TARGET ]] || return 0
-    [[ $MODE != demo-remote ]] || die "--demo-remote makes a site of its own; see --help"
+    [[ $MODE != demo-remote && $MODE != demo-fleet ]] || die "--$MODE makes a site of its own; see --help"
     [[ -e $TARGET ]] || die "there is no directory $TARGET"
     [[ -d $TARGET ]] || die "$TARGET is not a directory"
     TARGET=$(realpath -e -- "$TARGET")
@@ -110,8 +118,8 @@ check_place() {
     is_utf8 "$WORK" ||
         die "the path ${WORK@Q} has bytes that are not UTF-8, so no policy can name it." \
             "Move this repository to another path."
-    [[ $MODE != demo ]] || is_plain "$WORK" ||
-        die "--demo does not run in the path ${WORK@Q}, because it has blanks or shell characters." \
+    [[ $MODE != demo && $MODE != demo-fleet ]] || is_plain "$WORK" ||
+        die "--$MODE does not run in the path ${WORK@Q}, because it has blanks or shell characters." \
             "Move this repository to another path."
     if [[ -e $WORK/lock ]] && ! flock -n "$WORK/lock" true; then
         die "another quickstart is running (process $(cat "$WORK/lock")); end it with Ctrl-C there" \
@@ -365,13 +373,22 @@ follow() {
 
 run_inside() {
     take_lock
-    if [[ $MODE == demo-remote ]]; then trap clean_up_hosts EXIT; else trap clean_up EXIT; fi
+    case $MODE in
+        demo-remote) trap clean_up_hosts EXIT ;;
+        demo-fleet) trap clean_up_fleet EXIT ;;
+        *) trap clean_up EXIT ;;
+    esac
     trap 'say; exit 130' INT
     trap 'exit 143' TERM HUP
     choose_place
     if [[ $MODE == demo-remote ]]; then
         shield_machine
         demo_remote
+        return
+    fi
+    if [[ $MODE == demo-fleet ]]; then
+        shield_machine
+        demo_fleet
         return
     fi
     readonly SOCKET=$PLACE/agent/run/agent.sock
@@ -396,6 +413,7 @@ main() {
     check_place
     [[ -n $STAGE ]] || build
     [[ $MODE != demo-remote ]] || install_dependencies iproute2
+    [[ $MODE != demo-fleet ]] || install_dependencies mosquitto openssl
     enter_namespace "$@"
 }
 

@@ -40,6 +40,10 @@ void DefineLists(CLI::App& app, Arguments& args, Command& chosen) {
     Define(events, chosen, ListEvents);
     CLI::App* results = app.add_subcommand("results", "List the hosts' answers to policies");
     Define(results, chosen, ListResults);
+    CLI::App* rollouts = app.add_subcommand(
+        "rollouts", "List how far policies and acts are that rollout or the console has published");
+    rollouts->add_option("--limit", args.limit, "The newest so many; default 100");
+    Define(rollouts, chosen, ListRollouts);
     CLI::App* acts = app.add_subcommand("acts", "List the hosts' answers to acts");
     acts->add_option("--limit", args.limit, "The newest so many; default 100");
     Define(acts, chosen, ListActResults);
@@ -57,6 +61,17 @@ void DefinePublish(CLI::App* publish, Arguments& args, Command& chosen) {
     publish->add_option("--password-file", args.password_file, "File with that user's password");
     publish->add_option("FILE", args.file, "The signed document")->required();
     Define(publish, chosen, PublishDocument);
+}
+
+void DefineRollout(CLI::App& app, Arguments& args, Command& chosen) {
+    CLI::App* rollout = app.add_subcommand(
+        "rollout", "Let the service publish a signed policy or act, a policy in two waves");
+    rollout
+        ->add_option("--percent", args.percent,
+                     "A policy goes to so many of the hosts first; default 5")
+        ->check(CLI::Range(1, 100));
+    rollout->add_option("FILE", args.file, "The signed document")->required();
+    Define(rollout, chosen, RollOut);
 }
 
 std::string NameOfUser() {
@@ -161,6 +176,7 @@ void DefineAll(CLI::App& app, Arguments& args, Command& chosen) {
     DefineLists(app, args, chosen);
     DefinePolicy(app, args, chosen);
     DefineAct(app, args, chosen);
+    DefineRollout(app, args, chosen);
     DefineUsers(app, args, chosen);
     DefineNotify(app, chosen);
     Define(app.add_subcommand("metrics", "Print the fleet in the text format of Prometheus"),

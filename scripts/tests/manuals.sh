@@ -74,7 +74,7 @@ main() {
     expect_named morvane_agent.8 "${words[@]}"
     mapfile -t words < <("$STAGE/bin/morvane_sentry" --help | names Options)
     expect_named morvane_sentry.8 "${words[@]}"
-    mapfile -t words < <(for page in '' status reports events results act acts sign publish "policy sign" "policy publish" "policy keygen"; do
+    mapfile -t words < <(for page in '' status reports events results act acts sign publish rollout rollouts "policy sign" "policy publish" "policy keygen"; do
         # shellcheck disable=SC2086
         "$STAGE/bin/sentrel_collector" $page --help | names Options
     done)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# demo.sh DEMO STAGE WORK DEADLINE_MS: the demo (--demo or --demo-remote) must pass and must not change the
-# machine.
+# demo.sh DEMO STAGE WORK DEADLINE_MS: the demo (--demo, --demo-remote or --demo-fleet) must pass and must not
+# change the machine.
 set -euo pipefail
 
 demo=$1 stage=$2 work=$3 deadline_ms=$4

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "base/ServiceLog.h"
-#include "centre/Delivery.h"
 
 namespace Collector {
 
@@ -66,6 +65,27 @@ RolloutProgress ProgressOf(const Rollout& rollout, const std::vector<RolloutHost
     return progress;
 }
 
+Json::Value ToJson(const Rollout& rollout, const RolloutProgress& progress) {
+    Json::Value json(Json::objectValue);
+    json["id"] = Json::Int64{rollout.id};
+    json["time_ms"] = Json::Int64{rollout.time_ms};
+    json["author"] = rollout.author;
+    json["kind"] = rollout.kind;
+    json["name"] = rollout.name;
+    json["number"] = Json::Int64{rollout.number};
+    json["sha256"] = rollout.sha256;
+    json["expires_ms"] = Json::Int64{rollout.expires_ms};
+    json["wave"] = Json::Int64{rollout.wave};
+    json["waves"] = progress.waves;
+    json["state"] = rollout.state;
+    json["reason"] = rollout.reason;
+    json["hosts"] = progress.hosts;
+    json["sent"] = progress.sent;
+    json["answered"] = progress.answered;
+    json["failed"] = progress.failed;
+    return json;
+}
+
 std::vector<int> WavesOf(std::size_t count, int percent) {
     const std::size_t share = count * static_cast<std::size_t>(std::clamp(percent, 1, 100));
     const std::size_t first = percent >= 100 ? count : std::max<std::size_t>(1, share / 100);
@@ -73,6 +93,26 @@ std::vector<int> WavesOf(std::size_t count, int percent) {
     std::fill(waves.begin(), waves.begin() + static_cast<std::ptrdiff_t>(std::min(first, count)),
               1);
     return waves;
+}
+
+int Enqueue(const Delivery& delivery, const std::vector<HostRecord>& known, int percent,
+            RolloutStore& store, Rollout& rollout) {
+    std::vector<RolloutHost> targets;
+    for (const HostRecord& host : known) {
+        if (!Fleet::IsFor(delivery.hosts, {host.agent_id, GroupsOf(host)})) continue;
+        targets.push_back({host.id, host.agent_id, 1, 0, ""});
+    }
+    if (targets.empty()) return 0;
+    const bool is_act = delivery.kind == Fleet::DocumentKind::kAct;
+    const std::vector<int> waves = WavesOf(targets.size(), is_act ? 100 : percent);
+    for (std::size_t at = 0; at < targets.size(); ++at) targets[at].wave = waves[at];
+    rollout.kind = Fleet::KindName(delivery.kind);
+    rollout.name = delivery.name;
+    rollout.number = delivery.number;
+    rollout.sha256 = DigestOf(delivery.document);
+    rollout.document = delivery.document;
+    rollout.expires_ms = delivery.expires_s * 1000;
+    return store.Add(rollout, targets) ? static_cast<int>(targets.size()) : -1;
 }
 
 Rollouts::Rollouts(RolloutStore& store, Times times, Publish publish)

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <fleet/BrokerClient.h>
+#include <json/value.h>
 
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "centre/Delivery.h"
+#include "store/FleetStore.h"
 #include "store/RolloutStore.h"
 
 namespace Collector {
@@ -27,6 +30,14 @@ RolloutProgress ProgressOf(const Rollout& rollout, const std::vector<RolloutHost
 
 /// The host's answer to this document; null: none yet.
 Json::Value AnswerOf(const Rollout& rollout, const RolloutHost& host);
+
+/// For people and scripts; without the document.
+Json::Value ToJson(const Rollout& rollout, const RolloutProgress& progress);
+
+/// Stores the delivery for the hosts that it names, in waves (WavesOf; an act in one). 0 when no
+/// known host is meant, below 0 when the store fails; else the number of hosts.
+int Enqueue(const Delivery& delivery, const std::vector<HostRecord>& known, int percent,
+            RolloutStore& store, Rollout& rollout);
 
 /// The wave of each of `count` hosts: the first `percent` of them, at least one, then all others.
 /// 100: one wave.

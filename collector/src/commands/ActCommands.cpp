@@ -8,7 +8,9 @@
 #include <chrono>
 #include <iostream>
 
+#include "centre/Rollouts.h"
 #include "commands/Commands.h"
+#include "commands/DatabaseAccess.h"
 #include "commands/KeyFile.h"
 
 namespace Collector {
@@ -99,6 +101,33 @@ int SignDocument(const Arguments& arguments) {
     const std::string document = Fleet::Seal(kind, content, *key);
     if (document.empty()) return Fail("the document is too large");
     return PrintDocument(document);
+}
+
+int RollOut(const Arguments& arguments) {
+    std::string text;
+    Database::Location database;
+    FleetStore hosts;
+    RolloutStore store;
+    std::vector<HostRecord> known;
+    if (SDK::FileUtils::ReadFile(arguments.file, text, kMostDocument) != 0) {
+        return Fail("cannot read " + arguments.file);
+    }
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    const auto delivery = ReadDelivery(text);
+    if (!delivery) return Fail(arguments.file + " is no signed policy or act");
+    if (!FindDatabase(arguments, database) || !OpenDatabase(arguments, hosts)) return kExitFailed;
+    if (!hosts.ReadHosts(known) || !store.Open(database)) {
+        return Fail("cannot read the database: " + hosts.Error() + store.Error());
+    }
+    Rollout rollout;
+    rollout.time_ms = NumberNow();
+    rollout.author = arguments.signer;
+    const int count = Enqueue(*delivery, known, arguments.percent, store, rollout);
+    if (count == 0) return Fail("the database knows no such host");
+    if (count < 0) return Fail("cannot write the database: " + store.Error());
+    std::cout << "for " << count << " hosts; sentrel_collector rollouts shows how far it is"
+              << std::endl;
+    return std::cout.good() ? kExitOk : kExitFailed;
 }
 
 }  // namespace Collector

@@ -39,6 +39,7 @@ struct Arguments {
     std::int64_t generation = 0;
     std::int64_t seconds = 0;
     std::int64_t valid_s = 900;
+    int percent = 5;
     std::string id;
     std::string reason;
     std::string signer;
@@ -66,6 +67,7 @@ int ListReports(const Arguments& arguments);
 int ListEvents(const Arguments& arguments);
 int ListResults(const Arguments& arguments);
 int ListActResults(const Arguments& arguments);
+int ListRollouts(const Arguments& arguments);
 
 /// Makes the operator's pair of keys.
 int MakeKey(const Arguments& arguments);
@@ -78,6 +80,9 @@ int MakeAct(const Arguments& arguments);
 
 /// Signs what the console or MakeAct has prepared.
 int SignDocument(const Arguments& arguments);
+
+/// Hands a signed policy or act to the service, which publishes it in waves.
+int RollOut(const Arguments& arguments);
 
 /// Publishes a signed policy or act to its hosts.
 int PublishDocument(const Arguments& arguments);

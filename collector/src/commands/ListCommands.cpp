@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "centre/Rollouts.h"
 #include "commands/Commands.h"
 #include "commands/DatabaseAccess.h"
 
@@ -45,6 +46,21 @@ int ListActResults(const Arguments& arguments) {
     FleetStore store;
     if (!OpenDatabase(arguments, store)) return kExitFailed;
     return Ended(store.ListActResults(arguments.limit, Print), store);
+}
+
+int ListRollouts(const Arguments& arguments) {
+    Database::Location database;
+    RolloutStore store;
+    std::vector<Rollout> newest;
+    std::vector<RolloutHost> hosts;
+    if (!FindDatabase(arguments, database)) return kExitFailed;
+    bool good = store.Open(database) && store.Newest(arguments.limit, newest);
+    for (const Rollout& rollout : newest) {
+        good = good && store.Hosts(rollout, hosts);
+        if (!good || !Print(ToJson(rollout, ProgressOf(rollout, hosts)))) break;
+    }
+    std::cout.flush();
+    return good ? kExitOk : Fail("cannot read the database: " + store.Error());
 }
 
 }  // namespace Collector

@@ -26,7 +26,7 @@ constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 constexpr int kConflict = 409;
 constexpr int kFailed = 500;
-constexpr int kFewestPercent = 1;
+constexpr int kFewPercent = 5;
 constexpr int kDefaultValidS = 900;
 constexpr int kMostListed = 50;
 
@@ -81,27 +81,6 @@ std::string PolicyContent(const Request& request) {
     return Fleet::ReadContent(content, policy) ? content : "";
 }
 
-Json::Value ToJson(const Rollout& rollout, const RolloutProgress& progress) {
-    Json::Value json(Json::objectValue);
-    json["id"] = Json::Int64{rollout.id};
-    json["time_ms"] = Json::Int64{rollout.time_ms};
-    json["author"] = rollout.author;
-    json["kind"] = rollout.kind;
-    json["name"] = rollout.name;
-    json["number"] = Json::Int64{rollout.number};
-    json["sha256"] = rollout.sha256;
-    json["expires_ms"] = Json::Int64{rollout.expires_ms};
-    json["wave"] = Json::Int64{rollout.wave};
-    json["waves"] = progress.waves;
-    json["state"] = rollout.state;
-    json["reason"] = rollout.reason;
-    json["hosts"] = progress.hosts;
-    json["sent"] = progress.sent;
-    json["answered"] = progress.answered;
-    json["failed"] = progress.failed;
-    return json;
-}
-
 std::string Called(const std::string& kind, const std::string& name, std::int64_t number) {
     return "the " + kind + " " + name + ", number " + std::to_string(number);
 }
@@ -137,30 +116,17 @@ Reply CentreRequests::Publish(const Request& request) {
     if (!refused.empty()) return ErrorReply(kForbidden, refused);
     std::vector<HostRecord> known;
     if (!hosts_.ReadHosts(known)) return ErrorReply(kFailed, hosts_.Error());
-    std::vector<RolloutHost> targets;
-    for (const HostRecord& host : known) {
-        if (!Fleet::IsFor(delivery->hosts, {host.agent_id, GroupsOf(host)})) continue;
-        targets.push_back({host.id, host.agent_id, 1, 0, ""});
-    }
-    if (targets.empty()) return ErrorReply(kBadRequest, "No host is meant.");
-    const int percent =
-        is_act ? 100 : JsonUtils::GetIntValue(request.body, "percent", kFewestPercent);
-    const std::vector<int> waves = WavesOf(targets.size(), percent);
-    for (std::size_t at = 0; at < targets.size(); ++at) targets[at].wave = waves[at];
     Rollout rollout;
     rollout.time_ms = NowMs();
     rollout.author = request.user.name;
-    rollout.kind = Fleet::KindName(delivery->kind);
-    rollout.name = delivery->name;
-    rollout.number = delivery->number;
-    rollout.sha256 = DigestOf(document);
-    rollout.document = document;
-    rollout.expires_ms = delivery->expires_s * 1000;
-    if (!users_.AddAct(rollout.author,
+    const int percent = JsonUtils::GetIntValue(request.body, "percent", kFewPercent);
+    const int count = Enqueue(*delivery, known, percent, rollouts_, rollout);
+    if (count == 0) return ErrorReply(kBadRequest, "No host is meant.");
+    if (count < 0 ||
+        !users_.AddAct(rollout.author,
                        "published " + Called(rollout.kind, rollout.name, rollout.number) + " for " +
-                           std::to_string(targets.size()) + " hosts",
-                       rollout.time_ms) ||
-        !rollouts_.Add(rollout, targets)) {
+                           std::to_string(count) + " hosts",
+                       rollout.time_ms)) {
         return ErrorReply(kFailed, "The database cannot store this: " + rollouts_.Error());
     }
     Json::Value body(Json::objectValue);
