@@ -11,7 +11,7 @@ readonly JOBS
 readonly BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config ccache
     libpoco-dev libjsoncpp-dev libboost-dev libsqlite3-dev libcli11-dev libssl-dev libsystemd-dev
-    libargon2-dev libmosquitto-dev libpq-dev
+    libargon2-dev libmosquitto-dev libpq-dev libbpf-dev clang bpftool
     rsync diffutils procps sudo ca-certificates util-linux
 )
 # To test it as well.

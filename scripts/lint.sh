@@ -54,6 +54,7 @@ check_tidy() {
     step "clang-tidy"
     (cmake --preset debug -DSENTREL_TESTS=OFF -B build/lint) >/dev/null ||
         die "cmake could not configure the sources for clang-tidy"
+    logged lint-generated cmake --build build/lint --target bpf_process || die "a source cannot be generated"
     local options=()
     [[ -z $FIX ]] || options+=(--fix)
     [[ -z $QUICK ]] || options+=('--checks=-clang-analyzer-*')

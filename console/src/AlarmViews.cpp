@@ -2,6 +2,7 @@
 #include "console/AlarmViews.h"
 
 #include <notify/Incidents.h>
+#include <notify/WhoText.h>
 #include <sdk/text/JsonUtils.h>
 
 #include <map>
@@ -51,6 +52,9 @@ Json::Value ToJson(const Notify::AlarmRecord& alarm, const Json::Value& report) 
     object["count"] = static_cast<Json::Int64>(alarm.count);
     object["diff"] = JsonUtils::GetStringValue(file, "diff", "");
     object["diff_attr"] = JsonUtils::GetStringValue(file, "diff_attr", "");
+    object["who"] = alarm.who;
+    object["who_lines"] = Json::Value(Json::arrayValue);
+    for (const std::string& line : Notify::WhoLines(report)) object["who_lines"].append(line);
     object["evidence"] = JsonUtils::GetStringValue(report, "evidence", "");
     return object;
 }

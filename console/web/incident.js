@@ -15,10 +15,14 @@ function change(host, alarm) {
     parts.push(element("p", {}, element("a", {href: "/api/" + address(["hosts", host, "evidence", alarm.evidence]), download: true},
       "Save what was found"), element("span", {class: "faint"}, ` SHA-256 ${alarm.evidence}`)));
   }
+  if (alarm.who_lines.length) {
+    parts.push(element("details", {}, element("summary", {}, "Who did it"),
+      element("pre", {}, alarm.who_lines.map(printable).join("\n"))));
+  }
   return element("section", {class: "change"},
     element("header", {}, element("h2", {}, printable(alarm.path)), badge(alarm.action), outcome_badge(alarm.outcome),
       element("span", {class: "faint"}, moment(alarm.time_ms), alarm.duration_ms >= 0 ? ` · ${duration(alarm.duration_ms)}` : "",
-        alarm.count > 1 ? ` · ${counted(alarm.count, "change")}` : "")),
+        alarm.count > 1 ? ` · ${counted(alarm.count, "change")}` : "", alarm.who ? ` · ${printable(alarm.who)}` : "")),
     parts.length ? element("div", {class: "body"}, parts) : null);
 }
 

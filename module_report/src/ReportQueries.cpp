@@ -1,5 +1,7 @@
 #include "ReportQueries.h"
 
+#include <sdk/text/JsonUtils.h>
+
 #include <algorithm>
 #include <chrono>
 #include <string>
@@ -69,6 +71,10 @@ Json::Value ToJson(const Report& report) {
     object["duration_ms"] =
         report.duration_ms < 0 ? Json::Value() : Json::Value(report.duration_ms);
     object["evidence"] = report.evidence;
+    Json::Value who;
+    if (SDK::JsonUtils::ParseJsonStr(report.who.data(), report.who.size(), who) == 0) {
+        object["who"] = std::move(who);
+    }
     return object;
 }
 

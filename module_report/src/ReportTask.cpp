@@ -36,6 +36,7 @@ bool ToReport(const Framework::Message* msg, Report& report) {
         report.outcome = data->GetNote().outcome;
         report.duration_ms = data->GetNote().duration_ms;
         report.evidence = data->GetNote().evidence;
+        report.who = data->GetNote().who;
         report.is_json_line = data->GetNote().is_json_line;
         return true;
     }

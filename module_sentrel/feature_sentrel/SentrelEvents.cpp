@@ -250,10 +250,12 @@ void SentrelInotifyTask::UndoAndReport(const SentrelDirRule& rule, const std::st
     if (undoing.outcome == Outcome::kRestored || undoing.outcome == Outcome::kRemoved) {
         state_.status.NoteUndoLatency(note.duration_ms);
     }
-    alarms_.Raise(std::move(alarm), std::move(description.pinned), description.copy);
+    alarms_.Raise(std::move(alarm), std::move(description.pinned), description.copy,
+                  who_.Ask(file, read_time));
     if (undoing.lost_directory.empty()) return;
     // Its own event will find it restored.
-    alarms_.Raise({undoing.lost_directory, ALARM_DELETE, "", "", note}, PinnedFile(), "");
+    alarms_.Raise({undoing.lost_directory, ALARM_DELETE, "", "", note}, PinnedFile(), "",
+                  who_.Ask(undoing.lost_directory, read_time));
 }
 
 /// To be called before the change is undone: the alarm describes the object as the attack left it.

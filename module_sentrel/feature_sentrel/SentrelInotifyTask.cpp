@@ -66,6 +66,7 @@ SentrelInotifyTask::SentrelInotifyTask(ModuleState& state, std::size_t backlog)
       alarms_(
           alarm_cache, [this](const Alarm& alarm) { SendAlarm(alarm); },
           [this] { Waiter().Wake(); }),
+      who_(WhoAsker::ToSentry, [this] { Waiter().Wake(); }),
       undoer_(state),
       deploys_(state, undoer_,
                [this](const std::string& watch_id, const std::string& path) {
@@ -154,6 +155,8 @@ bool SentrelInotifyTask::UnInit() {
     restores_.clear();
     deploys_.Forget();
     state_.requests.FailAll("The protection ended.");
+    who_.Watch({});
+    who_.Stop();
     alarms_.Finish();
     DeliverMerged(alarms_.TakeAllMerged());
     watch_rules.clear();
@@ -198,6 +201,7 @@ void SentrelInotifyTask::AddFileNotifyWatches() {
         paths.push_back({id, rule});
     }
     state_.status.PublishPaths(std::move(paths));
+    who_.Watch(rules);
     TakeMountsForNormal();
 }
 
@@ -336,6 +340,7 @@ void SentrelInotifyTask::PublishRules() {
     std::vector<SentrelStatus::ProtectedPath> paths;
     for (const auto& [id, rule] : watch_rules) paths.push_back({id, rule});
     state_.status.SetProtectionOn(utils->monitor_only, utils->backup_type, RulesInForce());
+    who_.Watch(RulesInForce());
     state_.status.PublishPaths(std::move(paths));
 }
 

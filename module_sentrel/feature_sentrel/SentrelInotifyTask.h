@@ -105,6 +105,9 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
     /// Judges again a portion of the changes that are due as of `now`.
     void HandleBacklog(std::chrono::steady_clock::time_point now);
 
+    /// As WhoAsker::Tick.
+    void TickSentry(const Json::Value& sentry) { who_.Tick(sentry); }
+
     std::map<std::string, SentrelDirRule> watch_rules;  ///< by watch id
     std::list<SentrelCacheMsg> alarm_cache;             ///< the front is the oldest
 
@@ -185,6 +188,7 @@ class SentrelInotifyTask : public Framework::Task, public AbstractMessageReceive
 
     ModuleState& state_;
     AlarmReporter alarms_;
+    WhoAsker who_;
     Undoer undoer_;
     DeployPutting deploys_;
     Rejudge rejudge_;

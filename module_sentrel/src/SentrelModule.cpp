@@ -42,6 +42,7 @@ constexpr const char* kDeployQuery = "deploy";
 constexpr const char* kPauseQuery = "pause";
 constexpr const char* kShieldQuery = "shield";
 constexpr const char* kShieldTickQuery = "sentry.tick.shield";
+constexpr const char* kWhoTickQuery = "sentry.tick.who";
 constexpr const char* kShieldHealedQuery = "shield.healed";
 constexpr const char* kShieldTroubleQuery = "shield.trouble";
 // Until then a decision has begun, and no state is approved before it has ended.
@@ -234,6 +235,10 @@ void SentrelModule::RegisterQueries() {
                      [this](const Json::Value& request) { return AnswerShield(request); });
     queries.Register(kShieldTickQuery,
                      [this](const Json::Value& sentry) { return TickShield(sentry); });
+    queries.Register(kWhoTickQuery, [this](const Json::Value& sentry) {
+        if (m_pInotifyTask != nullptr) m_pInotifyTask->TickSentry(sentry);
+        return Json::Value(Json::objectValue);
+    });
     for (const char* event : {kShieldHealedQuery, kShieldTroubleQuery}) {
         queries.Register(event, [this](const Json::Value& told) { return TakeShieldEvent(told); });
     }
@@ -244,7 +249,7 @@ void SentrelModule::UnregisterQueries() {
     for (const char* query :
          {kStatusQuery, kExclusionsQuery, kProtectionCheckQuery, kBackUpServerCheckQuery,
           kCompletionQuery, kRequestQuery, kKeyQuery, kProgressQuery, kDeployQuery, kPauseQuery,
-          kShieldQuery, kShieldTickQuery, kShieldHealedQuery, kShieldTroubleQuery}) {
+          kShieldQuery, kShieldTickQuery, kWhoTickQuery, kShieldHealedQuery, kShieldTroubleQuery}) {
         queries.Unregister(query);
     }
 }

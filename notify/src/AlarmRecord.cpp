@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "notify/WhoText.h"
+
 namespace Notify {
 
 using SDK::JsonUtils;
@@ -36,6 +38,7 @@ AlarmRecord ReadAlarm(const Json::Value& report) {
     alarm.host = JsonUtils::GetStringValue(report, "host", "");
     alarm.agent_id = JsonUtils::GetStringValue(report, "agent_id", "");
     alarm.outcome = JsonUtils::GetStringValue(report, "outcome", "");
+    alarm.who = ShortWho(report);
     if (report["duration_ms"].isNumeric()) alarm.duration_ms = report["duration_ms"].asDouble();
     return alarm;
 }

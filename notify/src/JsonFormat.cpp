@@ -36,6 +36,7 @@ Json::Value Example(const AlarmRecord& alarm) {
     object["path"] = alarm.path;
     object["outcome"] = alarm.outcome;
     object["duration_ms"] = alarm.duration_ms < 0 ? Json::Value() : Json::Value(alarm.duration_ms);
+    if (!alarm.who.empty()) object["who"] = alarm.who;
     return object;
 }
 

@@ -46,6 +46,7 @@ std::string AlarmText(const AlarmRecord& alarm) {
     if (!alarm.path.empty()) text += " " + Printable(alarm.path);
     if (!alarm.outcome.empty()) text += ": " + Printable(alarm.outcome);
     if (alarm.duration_ms >= 0) text += StrUtils::Format(" in %.1f ms", alarm.duration_ms);
+    if (!alarm.who.empty()) text += ", " + alarm.who;
     return text;
 }
 

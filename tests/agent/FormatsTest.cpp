@@ -50,6 +50,25 @@ TEST_F(Formats, AlarmWithDiff_HasItBelowAndHarmless) {
               "    -a\n    +\\x1b[2Jb\n");
 }
 
+TEST_F(Formats, AlarmWithItsAuthor_NamesItInTheLineAndWholeWithTheDiff) {
+    Json::Value report = Alarm("/srv/x", "");
+    report["who"] = Parse(
+        R"({"certainty":"exact","pid":7,"exe":"/usr/bin/se\u001bd","cmdline":"sed -i","uid":33,)"
+        R"("euid":0,"unit":"nginx.service","parents":[{"pid":5,"exe":"/bin/sh"}]})");
+    EXPECT_EQ(Ctl::FormatAlarm(report, false, kNow),
+              "08:37:33  modify     /srv/x  restored in 6.2 ms  "
+              "by se\\x1bd of nginx.service, user 33 as 0, process 7\n");
+    EXPECT_NE(
+        Ctl::FormatAlarm(report, true, kNow)
+            .find("\n    who: exact\n      program: /usr/bin/se\\x1bd\n      command: sed -i\n"
+                  "      process: 7\n      user: user 33 as 0\n      unit: nginx.service\n"
+                  "      started by: /bin/sh (5)\n"),
+        std::string::npos);
+    report["who"] = Parse(R"({"certainty":"unknown","reason":"it rested"})");
+    EXPECT_EQ(Ctl::FormatAlarm(report, true, kNow),
+              "08:37:33  modify     /srv/x  restored in 6.2 ms\n    who: unknown (it rested)\n");
+}
+
 TEST_F(Formats, AlarmWithoutOutcomeOrDocument_IsStillALine) {
     Json::Value report = Alarm("/srv/x", "");
     report["outcome"] = "";

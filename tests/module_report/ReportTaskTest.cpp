@@ -48,6 +48,15 @@ TEST_F(ReportTaskTest, ManySenders_NothingIsLostOrMixed) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), kThreads / 2 * kReports);
 }
 
+TEST_F(ReportTaskTest, NoteOfAnAlarm_IsKeptBesideItsBody) {
+    Framework::DataMessage alarm("2", "{}");
+    alarm.SetNote({"restored", 12.5, true, "id", R"({"pid":7})"});
+    std::string reply;
+    ASSERT_EQ(task_->InterceptMsg(&alarm, reply), 0);
+    const Engine::Report report = ReadAll().at(0);
+    EXPECT_EQ(report.body + report.evidence + report.who, R"({}id{"pid":7})");
+}
+
 TEST_F(ReportTaskTest, StoreFails_SenderIsToldAndTheAlarmFileStillWritten) {
     directory_.Write("data", "a file in the way");
     Framework::DataMessage alarm("2", "{}");

@@ -233,14 +233,23 @@ Json::Value SentryLink::Request(Json::Value request) {
     return reply;
 }
 
-/// {"sentry": {"state": "off"|"running"|"refused", "why", "lost", a member for each room}}
+/// {"sentry": {"state": "off"|"running"|"refused", "why", "lost", a member for each room},
+/// "counters": those of the rooms}
 Json::Value SentryLink::Status() {
     const std::lock_guard<std::mutex> lock(mutex_);
     Json::Value sentry = rooms_.isObject() ? rooms_ : Json::Value(Json::objectValue);
+    Json::Value status(Json::objectValue);
+    for (const std::string& room : sentry.getMemberNames()) {
+        const Json::Value counters =
+            sentry[room].isObject() ? sentry[room]["counters"] : Json::Value();
+        if (!counters.isObject()) continue;
+        for (const std::string& name : counters.getMemberNames()) {
+            status["counters"][name] = counters[name];
+        }
+    }
     sentry["state"] = state_;
     sentry["why"] = why_;
     sentry["lost"] = lost_;
-    Json::Value status(Json::objectValue);
     status["sentry"] = std::move(sentry);
     return status;
 }

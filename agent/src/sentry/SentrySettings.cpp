@@ -29,6 +29,10 @@ SentrySettings SentrySettings::Read(const Json::Value& section, std::string& err
     const Json::Value& enabled = section["enabled"];
     if (!enabled.isNull() && !enabled.isBool()) error = "/sentry/enabled: must be true or false";
     if (enabled.isBool()) settings.enabled = enabled.asBool();
+    const Json::Value& who = section["who"];
+    if (!who.isNull() && who != "on" && who != "executable" && who != "off") {
+        error = "/sentry/who: must be \"on\", \"executable\" or \"off\"";
+    }
     ReadNumber(section, "answer_ms", 10, 5000, settings.answer_ms, error);
     ReadNumber(section, "heal_kb", 1, 65536, settings.heal_kb, error);
     ReadNumber(section, "most_percent", 1, 100, settings.most_percent, error);

@@ -16,7 +16,8 @@ namespace Console {
 Json::Value IncidentsIn(const Json::Value& reports, const std::vector<std::string>& roots);
 
 /// {"incident", "alarms": [{"path", "action", "outcome", "time_ms", "duration_ms", "count", "diff",
-/// "diff_attr", "evidence"}], "left_out"}, at most 200 alarms; null when it is not among them.
+/// "diff_attr", "evidence", "who", "who_lines"}], "left_out"}, at most 200 alarms; null when it is
+/// not among them.
 Json::Value IncidentIn(const Json::Value& reports, const std::vector<std::string>& roots,
                        long long id);
 

@@ -26,6 +26,7 @@ struct ReportNote {
     /// writes it; receivers need not check it.
     bool is_json_line = false;
     std::string evidence = {};  ///< the id of what was kept of the object; empty: nothing
+    std::string who = {};       ///< a JSON object: who did it (docs/who.md); empty: not asked
 };
 
 /// A report on the command channel: id and body.

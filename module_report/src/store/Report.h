@@ -19,6 +19,7 @@ struct Report {
     std::string outcome;        ///< empty: unknown
     double duration_ms = -1;    ///< negative: unknown
     std::string evidence;       ///< empty: nothing was kept
+    std::string who;            ///< a JSON object; empty: nobody was asked
     bool is_json_line = false;  ///< the sender guarantees the form of the body; not stored
 };
 

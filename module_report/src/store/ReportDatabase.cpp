@@ -26,7 +26,7 @@ constexpr const char* kSetUp =
     "CREATE TABLE IF NOT EXISTS reports("
     "seq INTEGER PRIMARY KEY AUTOINCREMENT, time_ms INTEGER NOT NULL, kind TEXT NOT NULL,"
     "name TEXT NOT NULL, body BLOB NOT NULL, outcome TEXT NOT NULL, duration_ms REAL,"
-    "evidence TEXT NOT NULL DEFAULT '');"
+    "evidence TEXT NOT NULL DEFAULT '', who TEXT NOT NULL DEFAULT '');"
     "CREATE INDEX IF NOT EXISTS reports_by_time ON reports(time_ms);"
     "DROP INDEX IF EXISTS reports_by_kind;"
     "CREATE INDEX IF NOT EXISTS reports_cmd ON reports(seq) WHERE kind='cmd';"
@@ -51,7 +51,8 @@ const char* KindCondition(ReportFilter::Kind kind) {
 }
 
 std::string ReadSql(const ReportFilter& filter) {
-    std::string sql = "SELECT seq,time_ms,kind,name,body,outcome,duration_ms,evidence FROM reports";
+    std::string sql =
+        "SELECT seq,time_ms,kind,name,body,outcome,duration_ms,evidence,who FROM reports";
     if (filter.since_ms > 0) {
         // Times increase with sequence numbers except after clock changes. The first number of that
         // time limits the scan to newer rows. The plus signs force the planner to do so.
@@ -75,6 +76,7 @@ Report RowToReport(const SqliteRun& row) {
     report.outcome = row.Bytes(5);
     if (!row.IsNull(6)) report.duration_ms = row.Double(6);
     report.evidence = row.Bytes(7);
+    report.who = row.Bytes(8);
     return report;
 }
 
@@ -88,9 +90,13 @@ bool ReportDatabase::Open(const std::string& path) {
 
 /// The file may be of an older version of the agent.
 bool ReportDatabase::AddMissingColumns() {
+    return AddMissingColumn("evidence") && AddMissingColumn("who");
+}
+
+bool ReportDatabase::AddMissingColumn(const std::string& name) {
     SqliteStatement columns;
     if (!Check(columns.Prepare(
-            connection_, "SELECT 1 FROM pragma_table_info('reports') WHERE name='evidence'"))) {
+            connection_, "SELECT 1 FROM pragma_table_info('reports') WHERE name='" + name + "'"))) {
         return false;
     }
     int code = SQLITE_OK;
@@ -99,8 +105,8 @@ bool ReportDatabase::AddMissingColumns() {
         code = run.Step();
     }
     if (code == SQLITE_ROW) return true;
-    return Check(code) && Check(connection_.Execute(
-                              "ALTER TABLE reports ADD COLUMN evidence TEXT NOT NULL DEFAULT ''"));
+    const std::string add = "ALTER TABLE reports ADD COLUMN " + name + " TEXT NOT NULL DEFAULT ''";
+    return Check(code) && Check(connection_.Execute(add.c_str()));
 }
 
 bool ReportDatabase::PrepareStatements() {
@@ -109,8 +115,8 @@ bool ReportDatabase::PrepareStatements() {
         const char* sql;
     } all[] = {
         {insert_,
-         "INSERT INTO reports(time_ms,kind,name,body,outcome,duration_ms,evidence)"
-         " VALUES(?,?,?,?,?,?,?)"},
+         "INSERT INTO reports(time_ms,kind,name,body,outcome,duration_ms,evidence,who)"
+         " VALUES(?,?,?,?,?,?,?,?)"},
         {first_seq_, "SELECT coalesce(min(seq),0) FROM reports"},
         {last_seq_, kLastSeq},
         {count_, "SELECT count(*) FROM reports"},
@@ -139,6 +145,7 @@ bool ReportDatabase::Insert(Report& report) {
     run.BindText(5, report.outcome);
     if (report.duration_ms >= 0) run.Bind(6, report.duration_ms);
     run.BindText(7, report.evidence);
+    run.BindText(8, report.who);
     if (!Check(run.Step())) return false;
     report.seq = sqlite3_last_insert_rowid(connection_.Handle());
     return true;

@@ -79,6 +79,7 @@ class ReportDatabase {
 
   private:
     bool AddMissingColumns();
+    bool AddMissingColumn(const std::string& name);
     bool PrepareStatements();
     bool Check(int code);
     bool Value(SqliteStatement& statement, std::int64_t& value);

@@ -42,8 +42,9 @@ bool AlarmReporter::IsRepeat(const std::string& file, alarm_type type) {
     });
 }
 
-void AlarmReporter::Raise(Alarm alarm, PinnedFile pinned, const std::string& copy) {
-    Waiting waiting{std::chrono::steady_clock::now(), std::move(alarm), nullptr};
+void AlarmReporter::Raise(Alarm alarm, PinnedFile pinned, const std::string& copy,
+                          std::shared_ptr<const Attribution> who) {
+    Waiting waiting{std::chrono::steady_clock::now(), std::move(alarm), nullptr, std::move(who)};
     if (!pinned.Path().empty()) {
         if (held_ < most_held_) {
             waiting.difference =
@@ -74,6 +75,10 @@ bool AlarmReporter::IsOverdue() const {
 bool AlarmReporter::SendNext() {
     if (waiting_.empty()) return false;
     Waiting& first = waiting_.front();
+    if (first.who != nullptr) {
+        if (!first.who->IsReady()) return false;
+        first.alarm.note.who = first.who->Text();
+    }
     if (first.difference != nullptr) {
         if (!first.difference->IsReady()) return false;
         --held_;

@@ -16,6 +16,7 @@
 #include "feature_sentrel/alarms/MergedAlarms.h"
 #include "feature_sentrel/alarms/PinnedFile.h"
 #include "feature_sentrel/alarms/SentrelCacheMsg.h"
+#include "feature_sentrel/attribution/WhoAsker.h"
 #include "feature_sentrel/event_path/FileChange.h"
 
 namespace Engine {
@@ -36,8 +37,9 @@ class AlarmReporter {
 
     /// When `pinned` holds a file, keeps its content first and, unless `copy` is empty, compares it
     /// with `copy`. Leaves both out when too many files are held: descriptors must remain for other
-    /// work.
-    void Raise(Alarm alarm, PinnedFile pinned, const std::string& copy);
+    /// work. The alarm waits for `who`; null: it is not asked.
+    void Raise(Alarm alarm, PinnedFile pinned, const std::string& copy,
+               std::shared_ptr<const Attribution> who = nullptr);
 
     /// Keeps the content of an object that has no alarm of its own, behind all alarms. To be called
     /// while CanKeep: each waiting object holds a descriptor.
@@ -81,6 +83,7 @@ class AlarmReporter {
         std::chrono::steady_clock::time_point raised;
         Alarm alarm;
         std::shared_ptr<const Difference> difference;  ///< null: it needs none
+        std::shared_ptr<const Attribution> who;        ///< the same
     };
 
     std::list<SentrelCacheMsg>& cache_;

@@ -6,6 +6,8 @@
 #include <limits>
 #include <utility>
 
+#include "feature_sentrel/attribution/MergedWho.h"
+
 namespace Engine {
 
 std::string MergedAlarms::KeyOf(const Alarm& alarm) {
@@ -29,6 +31,7 @@ void MergedAlarms::Count(Alarm& known, const Alarm& alarm) {
     if (known.diff.empty()) known.diff = alarm.diff;
     if (known.diff_attr.empty()) known.diff_attr = alarm.diff_attr;
     known.note.duration_ms = std::max(known.note.duration_ms, alarm.note.duration_ms);
+    MergeWho(known.note.who, alarm.note.who);
     std::string& ids = known.note.evidence;
     const std::string& id = alarm.note.evidence;
     const auto count = static_cast<std::size_t>(std::count(ids.begin(), ids.end(), ' ')) + 1;

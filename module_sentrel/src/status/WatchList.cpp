@@ -1,22 +1,14 @@
 #include "status/WatchList.h"
 
-#include <Poco/Exception.h>
-#include <framework/Engine.h>
 #include <sdk/files/PathUtils.h>
+
+#include "base/RunningEngine.h"
 
 namespace Engine {
 
 namespace {
 
 constexpr const char* kReceiver = "sentrel_inotify_task";
-
-Framework::Engine* RunningEngine() {
-    try {
-        return &Framework::Engine::Instance();
-    } catch (const Poco::Exception&) {
-        return nullptr;
-    }
-}
 
 }  // namespace
 

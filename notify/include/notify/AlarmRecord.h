@@ -21,6 +21,7 @@ struct AlarmRecord {
     double duration_ms = -1;    ///< below 0: unknown
     std::string host = {};      ///< raw; empty: the host of the message
     std::string agent_id = {};  ///< empty: that of the message
+    std::string who = {};       ///< ShortWho; empty: not known
 };
 
 AlarmRecord ReadAlarm(const Json::Value& report);

@@ -1,5 +1,6 @@
 #include "ctl/output/AlarmFormat.h"
 
+#include <notify/WhoText.h>
 #include <sdk/text/JsonUtils.h>
 #include <sdk/text/StrUtils.h>
 
@@ -62,8 +63,11 @@ std::string FormatAlarm(const Json::Value& report, bool with_diff, long long now
         SDK::StrUtils::Format("%s  %-9s  %s", ShortTime(TimeOf(report), now_ms).c_str(),
                               Printable(JsonUtils::GetStringValue(file, "action", "")).c_str(),
                               Printable(JsonUtils::GetStringValue(file, "file_path", "")).c_str());
-    text += (outcome.empty() ? "" : "  " + outcome) + "\n";
+    const std::string who = Notify::ShortWho(report);
+    text += outcome.empty() ? "" : "  " + outcome;
+    text += (who.empty() ? "" : "  " + who) + "\n";
     if (with_diff) {
+        for (const std::string& line : Notify::WhoLines(report)) text += kIndent + line + "\n";
         text += Indented(JsonUtils::GetStringValue(file, "diff_attr", ""));
         text += Indented(JsonUtils::GetStringValue(file, "diff", ""));
     }

@@ -6,8 +6,8 @@
 
 namespace Ctl {
 
-/// One alarm report as a readable line with a line end: time, action, path, outcome and duration;
-/// with `with_diff` the change follows, indented.
+/// One alarm report as a readable line with a line end: time, action, path, outcome and duration,
+/// and who made the change; with `with_diff` the whole of that and the change follow, indented.
 std::string FormatAlarm(const Json::Value& report, bool with_diff, long long now_ms);
 
 /// One report of any kind as a readable line with a line end.
