@@ -43,7 +43,7 @@ TEST_F(WhoDidIt, ChangedPage_HasItsAuthorInTheAlarm) {
     const Json::Value who = AuthorOf("about.html");
     EXPECT_EQ(who["exe"], std::filesystem::canonical("/bin/tee").string());
     EXPECT_EQ(who["cmdline"], "tee " + site_.Path("about.html"));
-    EXPECT_EQ(who["uid"], ::geteuid());
+    EXPECT_EQ(who["uid"].asUInt(), ::geteuid());
     EXPECT_EQ(who["certainty"], Who()["process_events"].asBool() ? "exact" : "likely");
     EXPECT_TRUE(
         Await([&] { return test::TempDir::Read(site_.Path("about.html")) == Good("about.html"); }));

@@ -234,6 +234,45 @@ TEST_F(WhoKinds, WriterThatKeepsItsDescriptor_IsNamedEachTime) {
     }
 }
 
+TEST_F(WhoKinds, MovedDirectory_IsWatchedUnderItsNewNameOnly) {
+    if (!HasProcessEvents()) GTEST_SKIP() << room_.Status();
+    const auto marks = [&] { return room_.Status()["directories"].asInt(); };
+    site_.Write("old/deep/page.html", "page");
+    ASSERT_TRUE(test::WaitFor([&] { return marks() == 3; }, std::chrono::seconds(10))) << marks();
+    fs::rename(site_.Path("old"), site_.Path("new"));
+    const Kind kind = Own("write");
+    // The directory has its new name once the event of its move was taken.
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            const std::string file = site_.Path("new/deep/page.html");
+            Started process(kind, file);
+            const pid_t told = process.Told();
+            process.End();
+            const Json::Value who = Lookup(file);
+            return who["certainty"] == "exact" && who["pid"] == told;
+        },
+        std::chrono::seconds(10)));
+    EXPECT_EQ(Lookup(site_.Path("old/deep/page.html"))["certainty"], "unknown");
+    EXPECT_EQ(marks(), 3);
+}
+
+TEST_F(WhoKinds, Storm_LetsTheDirectoryRestAndIsNamedAgainAfterwards) {
+    if (!HasProcessEvents()) GTEST_SKIP() << room_.Status();
+    const auto resting = [&] { return room_.Status()["directories_resting"].asInt(); };
+    std::vector<std::string> files;
+    for (int i = 0; i < 100; ++i) files.push_back(site_.Write("s" + std::to_string(i), "x"));
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            for (unsigned i = 0; i < 20000; ++i) ::chmod(files[i % 100].c_str(), 0600 + i % 2);
+            return resting() == 1;
+        },
+        std::chrono::seconds(20)));
+    EXPECT_EQ(Lookup(files[0])["certainty"], "unknown");
+    EXPECT_TRUE(test::WaitFor([&] { return resting() == 0; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(test::WaitFor([&] { return Play(Own("write"), 0) == Result::kRight; },
+                              std::chrono::seconds(10)));
+}
+
 TEST_F(WhoKinds, OurOwnChanges_NameNobody) {
     const std::string file = site_.Write("own.html", "page");
     EXPECT_EQ(Lookup(file)["certainty"], "unknown");

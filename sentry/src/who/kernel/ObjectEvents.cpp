@@ -38,20 +38,22 @@ ObjectEvents::ObjectEvents()
 
 void ObjectEvents::Parse(const std::vector<char>& bytes, Nanoseconds now,
                          std::vector<Event>& events) {
-    auto left = static_cast<ssize_t>(bytes.size());
-    const auto* event = reinterpret_cast<const fanotify_event_metadata*>(bytes.data());
-    for (std::uint32_t ahead = 0; FAN_EVENT_OK(event, left); ++ahead) {
-        Take(reinterpret_cast<const char*>(event), ahead, now, events);
-        event = FAN_EVENT_NEXT(event, left);
+    // An event may lie where its structure may not: the kernel aligns to four bytes.
+    fanotify_event_metadata data{};
+    std::size_t begin = 0;
+    for (std::uint32_t ahead = 0; begin + sizeof(data) <= bytes.size(); ++ahead) {
+        std::memcpy(&data, bytes.data() + begin, sizeof(data));
+        if (data.event_len < sizeof(data) || data.event_len > bytes.size() - begin) return;
+        Take(data, bytes.data() + begin, ahead, now, events);
+        begin += data.event_len;
     }
 }
 
-void ObjectEvents::Take(const char* event, std::uint32_t ahead, Nanoseconds now,
-                        std::vector<Event>& events) {
-    const auto* data = reinterpret_cast<const fanotify_event_metadata*>(event);
-    if ((data->mask & FAN_Q_OVERFLOW) != 0) ++overflows_;
+void ObjectEvents::Take(const fanotify_event_metadata& data, const char* event, std::uint32_t ahead,
+                        Nanoseconds now, std::vector<Event>& events) {
+    if ((data.mask & FAN_Q_OVERFLOW) != 0) ++overflows_;
     const fanotify_event_info_fid* info =
-        FindDirectory(event + data->metadata_len, event + data->event_len);
+        FindDirectory(event + data.metadata_len, event + data.event_len);
     if (info == nullptr) return;
     const auto* handle = reinterpret_cast<const file_handle*>(info->handle);
     const auto* name = reinterpret_cast<const char*>(handle->f_handle) + handle->handle_bytes;
@@ -60,11 +62,11 @@ void ObjectEvents::Take(const char* event, std::uint32_t ahead, Nanoseconds now,
         WatchedTrees::Key(&info->fsid, handle->handle_type, handle->f_handle, handle->handle_bytes);
     std::string path = trees_->PathOf(key, is_named ? name : "", now);
     if (path.empty()) return;
-    if ((data->mask & FAN_ONDIR) != 0) {
-        if ((data->mask & (FAN_MOVED_FROM | FAN_DELETE)) != 0) trees_->Vanished(path);
-        if ((data->mask & (FAN_MOVED_TO | FAN_CREATE)) != 0) trees_->Appeared(path);
+    if ((data.mask & FAN_ONDIR) != 0) {
+        if ((data.mask & (FAN_MOVED_FROM | FAN_DELETE)) != 0) trees_->Vanished(path);
+        if ((data.mask & (FAN_MOVED_TO | FAN_CREATE)) != 0) trees_->Appeared(path);
     }
-    events.push_back({std::move(path), data->pid, ahead});
+    events.push_back({std::move(path), data.pid, ahead});
 }
 
 }  // namespace Sentry

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sdk/files/FileDescriptor.h>
+#include <sys/fanotify.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -41,7 +42,8 @@ class ObjectEvents {
     std::uint64_t Overflows() const { return overflows_; }
 
   private:
-    void Take(const char* event, std::uint32_t ahead, Nanoseconds now, std::vector<Event>& events);
+    void Take(const fanotify_event_metadata& data, const char* event, std::uint32_t ahead,
+              Nanoseconds now, std::vector<Event>& events);
 
     SDK::FileDescriptor group_;
     std::unique_ptr<WatchedTrees> trees_;
