@@ -6,6 +6,7 @@
 #include <sdk/files/PathUtils.h>
 #include <sentry/Channel.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -33,6 +34,7 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kLost = 3;
 constexpr mode_t kUmask = 077;
+constexpr int kPriority = -10;
 
 int Fail(const std::string& what) {
     std::cerr << "morvane_sentry: " << what << ": " << std::strerror(errno) << std::endl;
@@ -82,6 +84,8 @@ int Watch(pid_t guard, const SharedState& state, int signals) {
 
 int Run(bool is_child) {
     ::umask(kUmask);
+    // All openers wait for it. Without the right to it, it goes on as it is.
+    ::setpriority(PRIO_PROCESS, 0, kPriority);
     const std::string folder = SDK::PathUtils::GetInstallationPath() + "run";
     if (SDK::DirUtils::MakeDirs(folder, 0700) != 0) return Fail("cannot make " + folder);
     if (SDK::FileUtils::WriteFile(ProbeFile(), "", false) != 0) {

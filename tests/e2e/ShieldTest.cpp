@@ -2,6 +2,7 @@
 #include <sdk/text/PercentCode.h>
 #include <signal.h>
 #include <sys/fanotify.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -97,6 +98,16 @@ class Shielding : public test::ProtectedSite {
             const Json::Value one = Shielded();
             return one["in_force"] == mode && (mode == "off" || one["complete"].asBool());
         });
+    }
+    /// Starts the sentry by itself with no more rights than its unit gives it.
+    pid_t StartSentry() const {
+        const std::string program = agent_.Path("bin/morvane_sentry");
+        const pid_t sentry = ::fork();
+        if (sentry != 0) return sentry;
+        ::execl("/usr/bin/setpriv", "setpriv", "--bounding-set",
+                "-all,+sys_admin,+dac_override,+chown,+fowner,+fsetid", "--inh-caps", "-all",
+                "--no-new-privs", "--pdeathsig", "KILL", program.c_str(), nullptr);
+        ::_exit(1);
     }
     pid_t Guard() const { return agent_.Status()["sentry"]["process"].asInt(); }
     std::string Page() const { return site_.Path("index.html"); }
@@ -196,6 +207,25 @@ TEST_F(Shielding, ModesAndPauses_DecideWhatVisitorsSee) {
     EXPECT_EQ(agent_.Stop(), 0);
     ASSERT_TRUE(agent_.Start());
     EXPECT_TRUE(AwaitShield("heal")) << Shielded();
+}
+
+TEST_F(Shielding, SentryOfItsOwnUnit_ShieldsForAnAgentWithoutItsRights) {
+    agent_.RunThrough({"/usr/bin/setpriv", "--bounding-set",
+                       "-all,+chown,+dac_override,+fowner,+fsetid,+setfcap", "--inh-caps", "-all",
+                       "--no-new-privs"});
+    const pid_t sentry = StartSentry();
+    ASSERT_NO_FATAL_FAILURE(StartShield("heal"));
+    Visitor visitor(Page(), Good());
+    Replace("index.html", "defaced\n");
+    AwaitVisits(visitor);
+    visitor.Stop();
+    EXPECT_EQ(visitor.Tampered() + visitor.Errors() + visitor.Refused(), 0);
+    EXPECT_TRUE(Await([&] { return agent_.HasAlarm("modify", Page()); }));
+    EXPECT_EQ(agent_.Stop(), 0);
+    int status = -1;
+    ::kill(sentry, SIGTERM);
+    ASSERT_EQ(::waitpid(sentry, &status, 0), sentry);
+    EXPECT_EQ(status, 0);
 }
 
 // The watchdog kills a guard that does not answer; the agent starts another.
