@@ -186,6 +186,45 @@ TEST_F(Shielding, PageWithoutAUsableCopy_IsRefused) {
     EXPECT_EQ(visitor.Tampered() + visitor.Errors(), 0) << "of " << visitor.Visits();
 }
 
+// Each page is opened right after its replacement, faster than the agent restores.
+TEST_F(Shielding, ManyPagesAtOnce_AreHealedAndEachHasItsAlarm) {
+    constexpr int kPages = 300;
+    const auto page = [](int at) { return "many/page" + std::to_string(at) + ".html"; };
+    for (int at = 0; at < kPages; ++at) site_.Write(page(at), ProtectedSite::Good(page(at)));
+    ASSERT_NO_FATAL_FAILURE(StartShield("heal"));
+    int wrong = 0;
+    for (int at = 0; at < kPages; ++at) Replace(page(at), "defaced\n");
+    for (int at = kPages - 1; at >= 0; --at) {
+        if (TempDir::Read(site_.Path(page(at))) != ProtectedSite::Good(page(at))) ++wrong;
+    }
+    EXPECT_EQ(wrong, 0) << Shielded();
+    EXPECT_TRUE(Await([&] {
+        const auto alarms = agent_.JsonLines({"alarms", "--json", "--limit", "1000"});
+        return alarms.size() >= kPages;
+    })) << agent_.JsonLines({"alarms", "--json", "--limit", "1000"}).size();
+}
+
+// Wrong copies must not become an outage.
+TEST_F(Shielding, TooManyPagesThatCannotBeHealed_AreOnlyCounted) {
+    constexpr int kPages = 30;
+    const auto page = [](int at) { return "page" + std::to_string(at) + ".html"; };
+    for (int at = 0; at < kPages; ++at) site_.Write(page(at), ProtectedSite::Good(page(at)));
+    ASSERT_NO_FATAL_FAILURE(StartShield("heal"));
+    int refused = 0;
+    for (int at = 0; at < kPages; ++at) {
+        std::ofstream(backup_.Path() + site_.Path(page(at)), std::ios::app) << "wrong";
+        Replace(page(at), "defaced\n");
+        const int file = ::open(site_.Path(page(at)).c_str(), O_RDONLY | O_CLOEXEC);
+        if (file < 0) ++refused;
+        ::close(file);
+    }
+    EXPECT_EQ(refused, 20);
+    EXPECT_EQ(Shielded()["in_force"], "monitor") << Shielded();
+    EXPECT_TRUE(Await([&] {
+        return agent_.Ctl({"alarms"}).out.find("only monitors") != std::string::npos;
+    })) << agent_.Ctl({"alarms"}).out;
+}
+
 TEST_F(Shielding, ModesAndPauses_DecideWhatVisitorsSee) {
     ASSERT_NO_FATAL_FAILURE(StartShield("deny"));
     const std::string good = Good();

@@ -24,7 +24,7 @@ class ChangedPage : public testing::Test {
         given["backup"] = SDK::PercentEncode(site_.Backup() + "/");
         given["mode"] = "heal";
         given["generation"] = 1;
-        for (const char* list : {"prefixes", "suffixes", "held"}) {
+        for (const char* list : {"prefixes", "suffixes"}) {
             given[list] = Json::Value(Json::arrayValue);
         }
         std::string error;

@@ -68,9 +68,8 @@ void SentryLink::Work() {
         }
         const Clock::time_point begin = Clock::now();
         Serve();
-        // One that dies at once must not be started without end.
-        const bool is_stable = Clock::now() - begin > kLongestPause;
-        pause = is_stable ? kFirstPause : std::min(pause * 2, kLongestPause);
+        // The pause stays long for one that dies soon: it must not be started without end.
+        if (Clock::now() - begin > kLongestPause) pause = kFirstPause;
     } while (PauseFor(pause));
 }
 

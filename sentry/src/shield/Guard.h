@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "shield/FanotifyGroup.h"
@@ -42,6 +43,9 @@ class Guard {
 
     /// Why it does not work, in words; else empty.
     const std::string& Problem() const { return problem_; }
+
+    /// As Judge::SetHeld.
+    void SetHeld(std::vector<std::string> held) { judge_.SetHeld(std::move(held)); }
 
     /// {"path","mode","complete","directories","healed","refused","passed","late",
     /// "last_refusal"}

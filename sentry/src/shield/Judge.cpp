@@ -52,7 +52,8 @@ Judge::Judge(std::shared_ptr<const ShieldRule> rule, const FanotifyGroup& group,
       group_(group),
       settings_(settings),
       healed_(std::move(healed)),
-      trouble_(std::move(trouble)) {}
+      trouble_(std::move(trouble)),
+      held_(settings.held) {}
 
 void Judge::SetRoot(std::shared_ptr<const SDK::PathAnchor> root) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -106,7 +107,7 @@ Judge::Verdict Judge::Look(int file, Place& place, Baseline::ManifestEntry& appr
     place = Place::Of(*rule_, *root, file, info);
     if (place.kind == Place::Kind::kIgnored) return Verdict::kNotGuarded;
     if (place.kind == Place::Kind::kMoved) return Verdict::kUnknown;
-    if (rule_->IsHeld(place.below)) return Verdict::kNotGuarded;
+    if (IsHeld(place.below)) return Verdict::kNotGuarded;
     const std::optional<Baseline::ManifestEntry> entry = rule_->manifest->Find(place.below);
     if (!entry) return Verdict::kForeign;
     approved = *entry;
@@ -124,6 +125,17 @@ Judge::Verdict Judge::Compare(int file, const Baseline::ManifestEntry& approved)
         group_.AskAgain(file);
     }
     return Verdict::kChanged;
+}
+
+void Judge::SetHeld(std::vector<std::string> held) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    held_ = std::move(held);
+}
+
+bool Judge::IsHeld(const std::string& below) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::any_of(held_.begin(), held_.end(),
+                       [&below](const std::string& one) { return Baseline::IsWithin(below, one); });
 }
 
 std::string Judge::LastRefusal() const {

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "shield/FanotifyGroup.h"
 #include "shield/Healer.h"
@@ -25,6 +26,7 @@ class Judge {
         pid_t agent = 0;  ///< it and its descendants see files as they are
         std::uint64_t most_bytes = 0;
         unsigned int most_percent = 0;
+        std::vector<std::string> held = {};  ///< at the beginning, as of SetHeld
     };
     /// Tells the agent of a healed page, before it is overwritten. `content` is what was tampered;
     /// -1: it could not be kept.
@@ -49,6 +51,9 @@ class Judge {
     /// Where the directory lies now. Null until the first call.
     void SetRoot(std::shared_ptr<const SDK::PathAnchor> root);
 
+    /// What is not guarded meanwhile, as ShieldRule::ReadHeld gives it.
+    void SetHeld(std::vector<std::string> held);
+
     const Counts& Counted() const { return counts_; }
     /// The mode in force: kMonitor also when too much could not be healed.
     /// The file that was refused last, and why; empty: none.
@@ -65,6 +70,7 @@ class Judge {
     bool Refuse(const Place& place, const std::string& why);
     bool IsOfAgent(pid_t process) const;
     void NoteFailure(const std::string& below, const std::string& why);
+    bool IsHeld(const std::string& below) const;
     std::shared_ptr<const SDK::PathAnchor> Root() const;
 
     static constexpr std::size_t kTurns = 64;
@@ -77,8 +83,9 @@ class Judge {
     Counts counts_;
     std::atomic<bool> is_fallen_back_{false};
     std::array<std::mutex, kTurns> turns_;  ///< one file is compared and healed by one thread
-    mutable std::mutex mutex_;              ///< guards the three below
+    mutable std::mutex mutex_;              ///< guards all below
     std::shared_ptr<const SDK::PathAnchor> root_;
+    std::vector<std::string> held_;
     std::string last_refusal_;
     std::set<std::string> failed_;  ///< pages that could not be healed
 };

@@ -63,8 +63,12 @@ Json::Value ShieldRoom::Answer(const std::string& operation, const Json::Value& 
 
 void ShieldRoom::TakeRules(const Json::Value& rules) {
     std::map<std::string, Json::Value> wanted;
-    for (const Json::Value& rule : rules) {
-        wanted[JsonUtils::GetStringValue(rule, "path", "")] = rule;
+    std::map<std::string, std::vector<std::string>> held;
+    for (Json::Value rule : rules) {
+        const std::string path = JsonUtils::GetStringValue(rule, "path", "");
+        held[path] = ShieldRule::ReadHeld(rule);
+        rule.removeMember("held");
+        wanted[path] = rule;
     }
     for (auto one = shielded_.begin(); one != shielded_.end();) {
         const auto same = wanted.find(one->first);
@@ -72,14 +76,20 @@ void ShieldRoom::TakeRules(const Json::Value& rules) {
         one = is_kept ? std::next(one) : shielded_.erase(one);
     }
     for (const auto& [path, rule] : wanted) {
-        if (shielded_.count(path) == 0) shielded_[path] = Begin(rule);
+        const auto known = shielded_.find(path);
+        if (known == shielded_.end()) {
+            shielded_[path] = Begin(rule, held[path]);
+        } else if (known->second.guard != nullptr) {
+            known->second.guard->SetHeld(held[path]);
+        }
     }
     bool is_armed = false;
     for (const auto& [path, one] : shielded_) is_armed = is_armed || one.guard != nullptr;
     state_.is_armed = is_armed;
 }
 
-ShieldRoom::Shielded ShieldRoom::Begin(const Json::Value& wanted) const {
+ShieldRoom::Shielded ShieldRoom::Begin(const Json::Value& wanted,
+                                       std::vector<std::string> held) const {
     Shielded shielded;
     shielded.wanted = wanted;
     const std::shared_ptr<const ShieldRule> rule = ShieldRule::Read(
@@ -101,7 +111,9 @@ ShieldRoom::Shielded ShieldRoom::Begin(const Json::Value& wanted) const {
         event["what"] = what;
         if (!tell(event, -1)) ++*untold;
     };
-    auto guard = std::make_unique<Guard>(rule, settings_, healed, trouble);
+    Guard::Settings settings = settings_;
+    settings.judge.held = std::move(held);
+    auto guard = std::make_unique<Guard>(rule, settings, healed, trouble);
     shielded.problem = guard->Problem();
     if (shielded.problem.empty()) shielded.guard = std::move(guard);
     return shielded;

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "base/Room.h"
 #include "base/SharedState.h"
@@ -29,13 +30,13 @@ class ShieldRoom : public Room {
 
   private:
     struct Shielded {
-        Json::Value wanted;  ///< as the agent describes it
+        Json::Value wanted;  ///< as the agent describes it, without "held"
         std::string problem;
         std::unique_ptr<Guard> guard;  ///< null: it cannot be shielded
     };
 
     void TakeRules(const Json::Value& rules);
-    Shielded Begin(const Json::Value& wanted) const;
+    Shielded Begin(const Json::Value& wanted, std::vector<std::string> held) const;
     Json::Value ToJson(const std::string& path, const Shielded& shielded) const;
 
     SharedState& state_;

@@ -43,13 +43,12 @@ std::shared_ptr<const ShieldRule> ShieldRule::Read(const Json::Value& given,
                                                    const std::string& baselines,
                                                    std::string& error) {
     auto rule = std::make_shared<ShieldRule>();
-    const bool is_read = ReadText(given["path"], rule->real_path) &&
-                         ReadText(given["backup"], rule->backup_path) &&
-                         ReadMode(given, rule->mode) && given["generation"].isUInt() &&
-                         ReadTexts(given["prefixes"], rule->prefixes) &&
-                         ReadTexts(given["suffixes"], rule->suffixes) &&
-                         ReadTexts(given["held"], rule->held) && rule->real_path.front() == '/' &&
-                         rule->real_path.back() == '/' && rule->real_path.size() > 1;
+    const bool is_read =
+        ReadText(given["path"], rule->real_path) && ReadText(given["backup"], rule->backup_path) &&
+        ReadMode(given, rule->mode) && given["generation"].isUInt() &&
+        ReadTexts(given["prefixes"], rule->prefixes) &&
+        ReadTexts(given["suffixes"], rule->suffixes) && rule->real_path.front() == '/' &&
+        rule->real_path.back() == '/' && rule->real_path.size() > 1;
     error = "the agent's description of the directory cannot be read";
     if (!is_read) return nullptr;
     rule->root = SDK::PathUtils::WithoutTrailingSlash(rule->real_path);
@@ -77,9 +76,10 @@ bool ShieldRule::IsIgnored(const std::string& file) const {
     return IsLeftOut(file) || std::any_of(suffixes.begin(), suffixes.end(), ends_with);
 }
 
-bool ShieldRule::IsHeld(const std::string& below) const {
-    return std::any_of(held.begin(), held.end(),
-                       [&below](const std::string& one) { return Baseline::IsWithin(below, one); });
+std::vector<std::string> ShieldRule::ReadHeld(const Json::Value& given) {
+    std::vector<std::string> held;
+    ReadTexts(given["held"], held);
+    return held;
 }
 
 }  // namespace Sentry

@@ -26,13 +26,11 @@ struct ShieldRule {
     unsigned int generation = 0;
     std::vector<std::string> prefixes;  ///< full paths that begin with one are not guarded
     std::vector<std::string> suffixes;  ///< names that end with one are not guarded
-    /// Objects that an operator decides about, with all below them; relative. Not guarded.
-    std::vector<std::string> held;
     /// The approved state. Its signature was checked.
     std::shared_ptr<const Baseline::Manifest> manifest = nullptr;
     std::shared_ptr<const SDK::PathAnchor> copies = nullptr;  ///< the backup path
 
-    /// Reads {"path","backup","mode","generation","prefixes","suffixes","held"}; texts but the mode
+    /// Reads {"path","backup","mode","generation","prefixes","suffixes"}; texts but the mode
     /// are percent-encoded. Null, with `error` in words, when it cannot be used.
     static std::shared_ptr<const ShieldRule> Read(const Json::Value& given,
                                                   const std::string& baselines, std::string& error);
@@ -43,8 +41,9 @@ struct ShieldRule {
     /// A file in a guarded directory that is not guarded itself.
     bool IsIgnored(const std::string& file) const;
 
-    /// `below` is held, or something above it is.
-    bool IsHeld(const std::string& below) const;
+    /// Reads "held": objects that an operator decides about, with all below them, relative and
+    /// percent-encoded. They are not guarded.
+    static std::vector<std::string> ReadHeld(const Json::Value& given);
 };
 
 }  // namespace Sentry
