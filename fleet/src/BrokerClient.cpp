@@ -17,7 +17,9 @@ namespace Fleet {
 namespace {
 
 constexpr int kQos = 1;
-constexpr int kReceiveMaximum = 200;
+// What arrives while the collector stores a batch is the next batch.
+constexpr int kReceiveMaximum = 2000;
+constexpr int kSendMaximum = 200;  // the broker may want less; more wait in the client
 constexpr int kMaxPacketsPerRead = 100;
 constexpr int kFirstFailure = 0x80;  // reason codes of MQTT 5 from here on are failures
 constexpr std::size_t kMaxProperties = 16;
@@ -85,6 +87,7 @@ BrokerClient::BrokerClient(BrokerSettings settings, const std::string& client_id
     }
     mosquitto_int_option(handle_.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(handle_.get(), MOSQ_OPT_RECEIVE_MAXIMUM, kReceiveMaximum);
+    mosquitto_int_option(handle_.get(), MOSQ_OPT_SEND_MAXIMUM, kSendMaximum);
     mosquitto_int_option(handle_.get(), MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_connect_v5_callback_set(handle_.get(), OnConnect);
     mosquitto_disconnect_v5_callback_set(handle_.get(), OnDisconnect);

@@ -31,8 +31,9 @@ using SDK::JsonUtils;
 
 namespace {
 
-constexpr std::chrono::milliseconds kPass{250};
-constexpr std::int64_t kFirstRetryMs = 1'000;
+constexpr std::chrono::milliseconds kPass{500};  // upper bound of the wait of a new report
+constexpr std::int64_t kStatusMs = 1'000;
+constexpr std::int64_t kFirstRetryMs = 5'000;
 constexpr std::int64_t kMostRetryMs = 60'000;
 constexpr std::int64_t kConnectMs = 20'000;
 constexpr std::int64_t kLastedMs = 5'000;
@@ -248,7 +249,7 @@ bool FleetWorker::Begin(std::string& error) {
 
 void FleetWorker::Greet() {
     SDK_LOG(FleetLog(), PRIO_NOTICE, "connected to the broker %s", settings_.broker.host);
-    state_due_ms_ = 0;
+    state_due_ms_ = status_due_ms_ = 0;
     exporter_.Restart();
     broker_->Subscribe(Fleet::AckTopic(agent_id_));
     broker_->Subscribe(Fleet::PolicyTopic(agent_id_, "+"));
@@ -261,6 +262,8 @@ void FleetWorker::Pass(std::int64_t now_ms) {
     policies_.Work(now_ms);
     acts_.Work(now_ms, SDK::TimeUtils::GetCurrentTimestampS());
     if (now_ms >= state_due_ms_) PublishState(now_ms);
+    if (now_ms < status_due_ms_) return;
+    status_due_ms_ = now_ms + kStatusMs;
     Json::Value status(Json::objectValue);
     status["connected"] = true;
     status["refused_by_broker"] = Json::UInt64{broker_->Refused()};

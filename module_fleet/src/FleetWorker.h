@@ -24,7 +24,7 @@ class FleetWorker {
   public:
     FleetWorker(FleetSettings settings, const std::string& agent_id);
 
-    /// Ends the thread; takes a quarter of a second at most.
+    /// Ends the thread; takes half a second at most.
     ~FleetWorker();
     FleetWorker(const FleetWorker&) = delete;
     FleetWorker& operator=(const FleetWorker&) = delete;
@@ -55,6 +55,7 @@ class FleetWorker {
     ActReceiver acts_;
     std::unique_ptr<Fleet::BrokerClient> broker_;
     std::int64_t state_due_ms_ = 0;
+    std::int64_t status_due_ms_ = 0;
     Fleet::Backoff backoff_;
     std::mutex mutex_;    ///< guards status_
     Json::Value status_;  ///< null: nothing has happened yet

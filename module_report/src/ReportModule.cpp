@@ -19,6 +19,7 @@ namespace {
 constexpr const char* kReadQuery = "reports.read";
 constexpr const char* kAckQuery = "reports.ack";
 constexpr const char* kStatusQuery = "status.report";
+constexpr const char* kFleetExporters = "fleet-";  // as the fleet module names its streams
 
 std::int64_t EpochMs() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -44,6 +45,10 @@ bool ReportModule::Init() {
                                          settings.alarms_keep_files);
     queries_ = std::make_unique<ReportQueries>(*store_, *alarms_);
     store_->Open();
+    // A host that has left its fleet has no exporter that could still acknowledge.
+    if (Framework::ConfigManager::GetInstance().Section("fleet").empty()) {
+        store_->ForgetExporters(kFleetExporters);
+    }
     for (const char* id : {kCmdReportTask, kDataReportTask}) {
         tasks_.emplace_back(new ReportTask(id, *store_, *alarms_));
         tasks_.back()->duplicate();  // the reference that the framework takes

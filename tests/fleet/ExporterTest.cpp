@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <map>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "ReportExporter.h"
@@ -94,6 +97,35 @@ TEST_F(Exporter, ReportsDroppedBeforeTheyAreAcknowledged_AreCountedOnce) {
     exporter_.Restart();
     Pump(2);
     EXPECT_EQ(lost_, 4) << "5 to 8";
+}
+
+TEST_F(Exporter, RandomAcknowledgements_ForgetNoUnsentReport) {
+    std::minstd_rand random(20261122);
+    static const std::vector<std::string> pieces{"{",
+                                                 "}",
+                                                 "[",
+                                                 "\"stream\":",
+                                                 "\"seq\":",
+                                                 "\"again\":",
+                                                 ",",
+                                                 "true",
+                                                 "-1",
+                                                 "1e99",
+                                                 "99999999999999999999",
+                                                 "\xff",
+                                                 std::string(2000, '['),
+                                                 "\"fleet-1\"",
+                                                 "6"};
+    Pump(0);
+    for (int i = 0; i < 5000; ++i) {
+        std::string text = i % 3 == 0 ? "{" : "";
+        for (unsigned n = random() % 8; n > 0; --n) text += pieces[random() % pieces.size()];
+        const auto acknowledgement = Fleet::ReadAcknowledgement(text);
+        if (acknowledgement) exporter_.Take(*acknowledgement, i);
+    }
+    exporter_.Take({exporter_.State().stream, -5, true}, 10'000);
+    exporter_.Take({exporter_.State().stream, INT64_MAX, true}, 20'000);
+    EXPECT_EQ(exporter_.State().acknowledged, 7) << "beyond what was sent";
 }
 
 }  // namespace

@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <sdk/text/Utf8.h>
+
+#include <random>
 
 #include "service/Intake.h"
 #include "support/Postgres.h"
@@ -129,6 +132,84 @@ TEST_P(IntakeTest, HostileMessages_AreCountedAndChangeNothing) {
     std::vector<Fleet::Message> flood;
     for (int i = 1; i <= 600; ++i) flood.push_back(Message(i, i - 1, 0));
     EXPECT_EQ(Store(flood).seq, 500) << "one host may fill only a part of a batch";
+}
+
+/// Text that no sane host sends: cut and deep JSON, huge numbers, NUL bytes, wrong UTF-8.
+class Nonsense {
+  public:
+    explicit Nonsense(unsigned seed) : random_(seed) {}
+
+    int Below(int limit) { return static_cast<int>(random_() % static_cast<unsigned>(limit)); }
+
+    std::string Text() {
+        static const std::vector<std::string> pieces{
+            "",
+            "{",
+            "}",
+            "[",
+            "]",
+            "\"",
+            ":",
+            ",",
+            "online",
+            "seq",
+            "state",
+            "host",
+            "true",
+            "null",
+            "-1",
+            "1e999",
+            "\xff",
+            "\xc3",
+            "\xed\xa0\x80",
+            "\\u0000",
+            "\\ud800",
+            "99999999999999999999",
+            std::string(1, '\0'),
+            std::string(3000, '['),
+            "{\"online\":true,\"health\":[]}",
+            "{\"online\":1,\"reports\":{\"last_seq\":1e300}}",
+            "'; DROP TABLE hosts; --"};
+        std::string text;
+        for (int i = Below(5); i >= 0; --i) text += pieces[random_() % pieces.size()];
+        return text;
+    }
+
+    std::string Topic() {
+        static const std::vector<std::string> topics{
+            "sentrel/host-1/state",           "sentrel/host-1/report/alarm",
+            "sentrel/host-2/policy/f/result", "sentrel/host-1/act/5/result",
+            "sentrel/host-1/report/",         "sentrel//state",
+            "sentrel/host-1/act/-1/result",   "sentrel/host-1/ack"};
+        return Below(4) == 0 ? "sentrel/" + Text() : topics[random_() % topics.size()];
+    }
+
+  private:
+    std::minstd_rand random_;
+};
+
+TEST_P(IntakeTest, RandomMessages_NeverStopTheIntakeNorChangeWhatIsStored) {
+    Store({Message(1, 0, 0)});
+    Nonsense nonsense(20261122);
+    std::vector<Collector::Reply> replies;
+    for (int batch = 0; batch < 40; ++batch) {
+        for (int i = 0; i < 50; ++i) {
+            Fleet::Message message{nonsense.Topic(), nonsense.Text()};
+            message.retain = nonsense.Below(3) == 0;
+            for (const char* key : {"stream", "seq", "previous", "acknowledged", "time_ms"}) {
+                if (nonsense.Below(2) == 0) message.properties[key] = nonsense.Text();
+            }
+            intake_.Add(std::move(message));
+        }
+        ASSERT_TRUE(intake_.Store(kNow + batch, replies)) << batch << intake_.Error();
+    }
+    EXPECT_GT(intake_.Counters().refused, 500U);
+    EXPECT_EQ(Store({Message(2, 1, 1)}).seq, 2);
+    EXPECT_EQ(Stored(), (Seqs{1, 2}));
+    store_.ListResults([](const Json::Value& row) {
+        EXPECT_EQ(SDK::ToValidUtf8(row["result"].asString()), row["result"].asString());
+        return true;
+    });
 }
 
 TEST_P(IntakeTest, HostThatIsNotHeard_IsSilentOnceAndBackWithItsNextState) {

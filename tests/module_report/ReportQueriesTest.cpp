@@ -73,6 +73,16 @@ TEST_F(ReportQueriesTest, Exporter_GetsWhatItHasNotAcknowledged) {
     EXPECT_EQ(acknowledge(R"({"exporter":"broker","seq":99})"), 4) << "never past the last";
 }
 
+TEST_F(ReportQueriesTest, ForgottenExporters_AreNotCountedAsLosers) {
+    Store("1");
+    for (const char* name : {"fleet-1", "fleet-2", "shipper"}) {
+        queries_.Acknowledge(Parse(std::string(R"({"seq":1,"exporter":")") + name + R"("})"));
+    }
+    EXPECT_TRUE(store_->ForgetExporters("fleet-"));
+    const Json::Value exporters = queries_.Status()["reports"]["exporters"];
+    EXPECT_EQ(exporters.getMemberNames(), std::vector<std::string>{"shipper"});
+}
+
 TEST_F(ReportQueriesTest, WrongRequests_GetASentence) {
     for (const char* request :
          {R"({"kind":"alarms"})", R"({"kind":1})", R"({"after":-1})", R"({"after":"1"})",

@@ -20,6 +20,7 @@ pid_t Spawn(const std::vector<std::string>& words, const std::string& out, const
     const int flags = O_CREAT | O_WRONLY | O_APPEND;
     ::dup2(::open(out.c_str(), flags, 0600), STDOUT_FILENO);
     ::dup2(::open(err.c_str(), flags, 0600), STDERR_FILENO);
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);  // such as sockets of a library
     ::execvp(argv[0], argv.data());
     ::_exit(127);
 }

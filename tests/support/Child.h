@@ -23,6 +23,7 @@ class Child {
     void Kill() { Stop(SIGKILL); }
     int Stop(int signal = SIGTERM);  ///< the exit code; -1: none runs, or it was killed
     bool IsRunning() const { return pid_ > 0; }
+    pid_t Pid() const { return pid_; }
 
   private:
     pid_t pid_ = -1;

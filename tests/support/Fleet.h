@@ -47,6 +47,7 @@ class CollectorProcess {
     bool Start();
     void Kill() { process_.Kill(); }
     int Stop() { return process_.Stop(); }
+    pid_t Pid() const { return process_.Pid(); }
 
     /// Runs another command of the collector.
     CommandResult Run(const std::vector<std::string>& words) const;

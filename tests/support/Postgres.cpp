@@ -37,7 +37,7 @@ std::vector<std::string> Unprivileged(std::vector<std::string> words) {
 
 }  // namespace
 
-Postgres::Postgres() {
+Postgres::Postgres(Disk disk) : disk_(disk) {
     dir_.Write("password", std::string(kPassword) + "\n");
     const uid_t owner = ::geteuid() == 0 ? kNobody : ::geteuid();
     for (const std::string& path : {dir_.Path(), dir_.Path("password")}) {
@@ -51,11 +51,12 @@ Postgres::Postgres() {
 }
 
 bool Postgres::Start() {
-    // It must survive its own end, not that of the machine.
-    process_.Start(
-        Unprivileged({Program("postgres"), "-D", dir_.Path("data"), "-k", dir_.Path(), "-c",
-                      "listen_addresses=", "-c", "fsync=off", "-c", "shared_buffers=16MB"}),
-        dir_.Path("out"));
+    std::vector<std::string> words{Program("postgres"), "-D", dir_.Path("data"),  "-k",
+                                   dir_.Path(),         "-c", "listen_addresses="};
+    if (disk_ == Disk::kFast) {
+        words.insert(words.end(), {"-c", "fsync=off", "-c", "shared_buffers=16MB"});
+    }
+    process_.Start(Unprivileged(words), dir_.Path("out"));
     std::string error;
     const auto answers = [&] {
         return Database::Open(Location(), Database::Mode::kExisting, error) != nullptr;

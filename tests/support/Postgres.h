@@ -17,7 +17,9 @@ namespace test {
 /// user. Asks for the password of its only user.
 class Postgres {
   public:
-    Postgres();
+    /// Fast: what is committed survives the end of the server, but not that of the machine.
+    enum class Disk { kFast, kSafe };
+    explicit Postgres(Disk disk = Disk::kFast);
     ~Postgres() { Stop(); }
     Postgres(const Postgres&) = delete;
     Postgres& operator=(const Postgres&) = delete;
@@ -31,6 +33,7 @@ class Postgres {
     Json::Value Config() const;  ///< the same in the collector's configuration
 
   private:
+    const Disk disk_;
     TempDir dir_;
     Child process_;
 };

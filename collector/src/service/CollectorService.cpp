@@ -26,6 +26,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPass{500};
 constexpr std::int64_t kGatherMs = 10;
+constexpr std::int64_t kGatherLoadMs = 50;  ///< larger batches cost less a report
 constexpr std::int64_t kFirstRetryMs = 500;
 constexpr std::int64_t kMostRetryMs = 15'000;
 constexpr std::int64_t kConnectMs = 20'000;
@@ -192,9 +193,10 @@ bool CollectorService::Listen() {
 /// Waits for messages, gathers what arrives within some milliseconds, and stores it at once.
 bool CollectorService::Pass(std::string& error) {
     bool good = broker_->Step(kPass, signals_.Get(), error);
-    const std::int64_t end_ms = MonotonicMs() + kGatherMs;
+    const std::int64_t begin_ms = MonotonicMs();
     while (good && !intake_.IsEmpty() && !intake_.IsFull()) {
-        const std::int64_t left_ms = end_ms - MonotonicMs();
+        const std::int64_t gather_ms = intake_.IsLarge() ? kGatherLoadMs : kGatherMs;
+        const std::int64_t left_ms = begin_ms + gather_ms - MonotonicMs();
         if (left_ms <= 0) break;
         good = broker_->Step(std::chrono::milliseconds(left_ms), signals_.Get(), error);
     }

@@ -15,6 +15,7 @@ namespace Collector {
 namespace {
 
 constexpr std::size_t kMostMessages = 2000;
+constexpr std::size_t kLargeBatch = 100;
 constexpr std::size_t kMostBytes = 16 * 1024 * 1024;
 constexpr int kMostReportsOfOneHost = 500;
 constexpr std::size_t kMostStateBytes = 16 * 1024;
@@ -46,6 +47,10 @@ void Intake::Add(Fleet::Message&& message) {
 
 bool Intake::IsFull() const {
     return batch_.size() >= kMostMessages || batch_bytes_ >= kMostBytes;
+}
+
+bool Intake::IsLarge() const {
+    return batch_.size() >= kLargeBatch;
 }
 
 bool Intake::Store(std::int64_t now_ms, std::vector<Reply>& replies) {

@@ -45,6 +45,7 @@ class Intake {
     void Add(Fleet::Message&& message);
     bool IsEmpty() const { return batch_.empty(); }
     bool IsFull() const;
+    bool IsLarge() const;  ///< more arrives than a few hosts send
 
     /// Stores the batch. Empty replies and false when the store fails: nothing of the batch is
     /// stored then, and hosts will send it again. `now_ms`: since the epoch.

@@ -239,6 +239,17 @@ bool ReportDatabase::ReadExporters(std::vector<ExporterState>& exporters) {
     return Check(code);
 }
 
+bool ReportDatabase::RemoveExporters(const std::string& prefix) {
+    SqliteStatement statement;
+    if (!Check(statement.Prepare(connection_,
+                                 "DELETE FROM exporters WHERE substr(name,1,length(?1))=?1"))) {
+        return false;
+    }
+    SqliteRun run(statement);
+    run.BindText(1, prefix);
+    return Check(run.Step());
+}
+
 bool ReportDatabase::ContinueAfter(std::int64_t seq) {
     std::int64_t last = 0;
     if (!LastSeq(last)) return false;

@@ -62,6 +62,8 @@ class ReportDatabase {
     /// Sets how far an exporter has acknowledged.
     bool SetAcknowledged(const std::string& exporter, std::int64_t seq);
     bool ReadExporters(std::vector<ExporterState>& exporters);
+    /// Removes those whose names begin so.
+    bool RemoveExporters(const std::string& prefix);
 
     /// Makes the next sequence number greater than `seq`.
     bool ContinueAfter(std::int64_t seq);

@@ -84,6 +84,12 @@ bool ReportStore::Acknowledge(const std::string& exporter, std::int64_t seq) {
     });
 }
 
+bool ReportStore::ForgetExporters(const std::string& prefix) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return Attempt(other_throttle_, "forget exporters",
+                   [&](ReportDatabase& database) { return database.RemoveExporters(prefix); });
+}
+
 bool ReportStore::AckedSeq(const std::string& exporter, std::int64_t& seq) {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<ExporterState> exporters;

@@ -61,6 +61,9 @@ class ReportStore {
     /// Blocks at most `wait` until there is a match. False when the store cannot be read.
     bool Read(const ReportFilter& filter, std::chrono::milliseconds wait, ReportPage& page);
 
+    /// Forgets the exporters whose names begin so: nobody reads for them any more.
+    bool ForgetExporters(const std::string& prefix);
+
     /// Records that `exporter` has all reports up to `seq`; never decreases, nor passes the last
     /// report. False when it cannot be recorded.
     bool Acknowledge(const std::string& exporter, std::int64_t seq);

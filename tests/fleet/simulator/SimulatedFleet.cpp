@@ -12,7 +12,7 @@ namespace test {
 namespace {
 
 constexpr int kWaitMs = 5;
-constexpr std::int64_t kSweepMs = 250;  ///< each host gets a Step as often as in the agent
+constexpr std::int64_t kSweepMs = 500;  ///< each host gets a Step as often as in the agent
 constexpr std::int64_t kAskEveryMs = 20;
 constexpr std::int64_t kPage = 1000;
 

@@ -9,7 +9,7 @@ namespace test {
 namespace {
 
 // As in FleetWorker.
-constexpr std::int64_t kFirstRetryMs = 1'000;
+constexpr std::int64_t kFirstRetryMs = 5'000;
 constexpr std::int64_t kMostRetryMs = 60'000;
 constexpr std::int64_t kConnectMs = 20'000;
 constexpr std::int64_t kLastedMs = 5'000;
