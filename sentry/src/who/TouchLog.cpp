@@ -4,6 +4,20 @@
 
 namespace Sentry {
 
+namespace {
+
+bool IsSame(const Touch& known, const Touch& touch) {
+    return known.process == touch.process && known.pid == touch.pid;
+}
+
+/// The same process has just changed the object, too, and more is known of it then.
+bool IsSurer(const Touch& known, const Touch& touch) {
+    return known.is_exact && !touch.is_exact && touch.process != nullptr &&
+           known.process->IsSame(*touch.process) && touch.first - known.last < kSecond;
+}
+
+}  // namespace
+
 void TouchLog::Add(const std::string& path, const Touch& touch) {
     const auto [found, is_new] = objects_.try_emplace(path);
     Object& object = found->second;
@@ -15,10 +29,12 @@ void TouchLog::Add(const std::string& path, const Touch& touch) {
     std::vector<Touch>& touches = object.touches;
     Touch merged = touch;
     const auto same = std::find_if(touches.begin(), touches.end(), [&](const Touch& known) {
-        return known.process == touch.process && known.pid == touch.pid;
+        return IsSame(known, touch) || IsSurer(known, touch);
     });
     if (same != touches.end()) {
+        if (IsSurer(*same, touch)) merged = *same;
         merged.first = same->first;
+        merged.last = touch.last;
         touches.erase(same);
     } else if (touches.size() >= kMostTouches) {
         touches.erase(touches.begin());

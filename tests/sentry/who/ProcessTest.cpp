@@ -157,6 +157,19 @@ TEST_F(Table, EndedProcesses_AreForgottenAfterATimeAndBeyondALimit) {
     EXPECT_EQ(table_.Size(), before);
 }
 
+TEST(ProcessTable, WithoutEvents_WhoRunsIsReadFromProcAndNeverSure) {
+    ProcessTable table;
+    const ProcessTable::Found running = table.At(::getpid(), {1, Sentry::kSecond}, nullptr);
+    ASSERT_NE(running.process, nullptr);
+    EXPECT_EQ(running.process->pid, ::getpid());
+    ASSERT_FALSE(running.process->parents.empty());
+    EXPECT_EQ(running.process->parents[0].pid, ::getppid());
+    EXPECT_FALSE(running.is_exact);
+    EXPECT_EQ(table.At(50'000'000, {1, Sentry::kSecond}, nullptr).process, nullptr);
+    table.SetOwn(::getppid(), 0);
+    EXPECT_TRUE(table.At(::getpid(), {1, 2 * Sentry::kSecond}, nullptr).process->is_own);
+}
+
 TEST(ProcFs, ThisProcess_IsDescribed) {
     const Sentry::ProcFs::Found found = Sentry::ProcFs::Read(::getpid());
     ASSERT_NE(found.process, nullptr);

@@ -62,6 +62,11 @@ TEST(TouchLog, Touches_AreMergedByProcessAndBounded) {
     ASSERT_EQ(log.Of("/a").size(), 2U);
     EXPECT_EQ(log.Of("/a").back().first, 10);
     EXPECT_EQ(log.Of("/a").back().last, 30);
+    // What is less sure adds nothing to what was known of the same process just before.
+    log.Add("/a", {Process(1), 1, 35, 35, false, "why"});
+    ASSERT_EQ(log.Of("/a").size(), 2U);
+    EXPECT_TRUE(log.Of("/a").back().is_exact);
+    EXPECT_EQ(log.Of("/a").back().last, 35);
     for (pid_t pid = 3; pid < 50; ++pid) log.Add("/a", {Process(pid), pid, 40, 40, true});
     EXPECT_EQ(log.Of("/a").size(), Sentry::TouchLog::kMostTouches);
     for (std::size_t i = 0; i < Sentry::TouchLog::kMostObjects; ++i) {

@@ -80,12 +80,20 @@ std::string FormatPaths(const Json::Value& status, long long now_ms) {
     return text;
 }
 
+/// Why alarms name nobody, or not for sure. Empty when nothing hinders it.
+std::string FormatWho(const Json::Value& who) {
+    if (Text(who, "state") == "refused") return Line("authors", "unknown: " + Text(who, "why"));
+    const std::string why = Text(who, "process_events_why");
+    return why.empty() ? "" : Line("authors", "not for sure: " + why);
+}
+
 /// "running", "off" or "refused: why".
 std::string FormatSentry(const Json::Value& status) {
     Json::Value sentry;
     if (!JsonUtils::GetSubobjectValue(status, "sentry", sentry)) return "";
     const std::string why = Text(sentry, "why");
-    return Line("sentry", Text(sentry, "state") + (why.empty() ? "" : ": " + why));
+    return Line("sentry", Text(sentry, "state") + (why.empty() ? "" : ": " + why)) +
+           FormatWho(sentry["who"]);
 }
 
 /// Empty for a schedule without pauses.
