@@ -124,8 +124,7 @@ void DefinePolicy(CLI::App& app, Arguments& args, Command& chosen) {
     sign->add_option("--key", args.key_file, "File with the private key")->required();
     // Not --version: that is the option of the program.
     sign->add_option("--number", args.version,
-                     "Version of the policy; hosts take only greater ones")
-        ->required()
+                     "Version of the policy; hosts take only greater ones; default: the time")
         ->check(CLI::PositiveNumber);
     DefineAudience(sign, args);
     sign->add_option("FEATURE", args.feature, "Name of the feature")->required();

@@ -66,7 +66,7 @@ export async function show_host(session, id) {
       element("h2", {}, "Incidents"), incidents,
       element("h2", {}, "How fast changes were undone"), chart,
       element("h2", {}, "Agent"),
-      element("p", {}, `Version ${answer.host.version}, identity ${answer.host.id}. `, session.mode === "fleet" ? null : element("a", {href: host_address(id, "policies")}, "Policies"))],
+      element("p", {}, `Version ${answer.host.version}, identity ${answer.host.id}${answer.host.approved ? `, approved state ${answer.host.approved.slice(0, 12)}` : ""}. `, session.mode === "fleet" ? null : element("a", {href: host_address(id, "policies")}, "Policies"))],
     refresh: async () => {
       [answer, list, latency] = await load();
       const held = document.activeElement?.closest("a, button")?.textContent;

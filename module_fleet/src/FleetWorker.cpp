@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <sdk/commands/ExecuteCmdUtils.h>
 #include <sdk/files/PathUtils.h>
+#include <sdk/files/Sha256.h>
 #include <sdk/log/Log.h>
 #include <sdk/net/NameLookup.h>
 #include <sdk/text/JsonUtils.h>
@@ -92,6 +93,27 @@ Json::Value ShortPaths(const Json::Value& paths) {
         list.append(std::move(item));
     }
     return list;
+}
+
+/// {"id", "look_age_seconds"}: another id says that another state is approved, and the age is that
+/// of the oldest complete look at a protected path; below 0: there is a path without one.
+Json::Value ApprovedState(const Json::Value& paths, std::int64_t now_s) {
+    SDK::Sha256 digest;
+    std::int64_t age_s = 0;
+    for (const Json::Value& path : paths) {
+        const Json::Value& baseline = path["baseline"];
+        const std::string text = path["path"].asString() + "\n" +
+                                 baseline["generation"].asString() + "\n" +
+                                 baseline["approved_at"].asString() + "\n";
+        digest.Update(text.data(), text.size());
+        const Json::Value& ended = path["last_look"]["ended_at"];
+        const bool is_looked_at = ended.isInt64() && age_s >= 0;
+        age_s = is_looked_at ? std::max(age_s, now_s - ended.asInt64()) : -1;
+    }
+    Json::Value approved(Json::objectValue);
+    approved["id"] = digest.Hex();
+    approved["look_age_seconds"] = Json::Int64{age_s};
+    return approved;
 }
 
 void TellLoss(std::int64_t count, std::int64_t seq) {
@@ -297,6 +319,8 @@ void FleetWorker::PublishState(std::int64_t now_ms) {
     state["version"] = JsonUtils::GetStringValue(agent, "version", "");
     state["health"] = ShortHealth(agent["health"]);
     state["protected_paths"] = ShortPaths(agent["protected_paths"]);
+    state["approved"] =
+        ApprovedState(state["protected_paths"], SDK::TimeUtils::GetCurrentTimestampS());
     const Json::Value& undone = agent["protection"]["last_undone"];
     state["last_undone_ms"] = Json::Int64{undone.isInt64() ? undone.asInt64() * 1000 : 0};
     state["heartbeat_seconds"] = settings_.heartbeat_s;

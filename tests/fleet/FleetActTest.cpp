@@ -1,5 +1,6 @@
 #include <sdk/text/JsonUtils.h>
 
+#include "store/FleetStore.h"
 #include "support/FleetHost.h"
 
 namespace {
@@ -48,11 +49,25 @@ class FleetAct : public test::FleetHost {
         return answer;
     }
 
+    /// The id in the host's last heartbeat.
+    std::string ApprovedState() const {
+        Collector::FleetStore store;
+        std::vector<Collector::HostRecord> hosts;
+        Json::Value state;
+        if (!store.OpenExisting(collector_.Database()) || !store.ReadHosts(hosts)) return "";
+        const std::string text = hosts.at(0).state;
+        SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), state);
+        EXPECT_GE(state["approved"]["look_age_seconds"].asInt(), -1);
+        return state["approved"]["id"].asString();
+    }
+
     test::TempDir scratch_;
 };
 
 TEST_F(FleetAct, OperatorAtTheCentre_PausesAcceptsAndResumes) {
     const std::string site = site_.Path();
+    const std::string approved = ApprovedState();
+    EXPECT_FALSE(approved.empty()) << HostAtCollector();
     Json::Value answer = Act({"pause", site, "--for", "10m", "--reason", "release 7"});
     ASSERT_EQ(answer["verdict"], "done") << answer;
     const Json::Value pause = agent_.Status()["pauses"][0];
@@ -63,6 +78,7 @@ TEST_F(FleetAct, OperatorAtTheCentre_PausesAcceptsAndResumes) {
     ASSERT_EQ(answer["details"]["differences"].size(), 1U) << answer;
     answer = Act({"accept", site});
     ASSERT_EQ(answer["verdict"], "done") << answer;
+    EXPECT_TRUE(Await([&] { return ApprovedState() != approved; })) << "the heartbeat tells it";
     EXPECT_EQ(Act({"resume", site})["verdict"], "done");
     EXPECT_EQ(test::TempDir::Read(site_.Path("index.html")), "a new release");
     EXPECT_TRUE(TamperingIsUndone("about.html"));

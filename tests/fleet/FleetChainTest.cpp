@@ -120,11 +120,16 @@ TEST_F(FleetChain, CredentialsOfAnotherHost_ReachNeitherItsReportsNorItsAcknowle
         intruder.Publish({Fleet::StateTopic(victim), "{\"online\":true}", true});
         intruder.Publish({Fleet::AckTopic(victim), "{\"seq\":1}", false});
         intruder.Publish({Fleet::PolicyTopic(victim, "sentrel_feature"), "{}", true});
+        intruder.Publish({Fleet::ActTopic(victim, "1"), "{}", true});
+        if (victim != kOtherId) {
+            intruder.Publish({Fleet::ActResultTopic(victim, "1"), "{}", true});
+        }
     }
     ASSERT_TRUE(Await([&] { return step() && intruder.Unacknowledged() == 0; })) << error;
     ASSERT_TRUE(Await([&] { return step() && StoredSeq() == 1; })) << "its own report is missing";
     EXPECT_EQ(HostAtCollector()["agent_id"].asString(), kOtherId) << collector_.Status();
     EXPECT_EQ(Reports().size(), 1U);
+    EXPECT_TRUE(collector_.Lines({"acts"}).empty());
     // Of its own topics it may read the acknowledgement and no more.
     EXPECT_TRUE(Await([&] { return step() && received >= 1; }));
     EXPECT_EQ(received, 1);

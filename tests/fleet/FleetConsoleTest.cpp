@@ -57,6 +57,7 @@ class FleetConsole : public testing::Test {
         Json::Value state;
         state["host"] = at == 3 ? "<img src=x onerror=hacked=1>" : "web" + std::to_string(at);
         state["version"] = "0.1.0";
+        state["time_ms"] = Json::Int64{NowMs() - (at == 4 ? 600'000 : 0)};
         state["health"]["state"] = at % 100 == 0 ? "degraded" : "healthy";
         if (at >= 10 && at < 30) state["groups"].append("web");
         if (at % 100 == 0) state["health"]["reasons"][0]["text"] = "1 change waits for a decision";

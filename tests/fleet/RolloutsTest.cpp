@@ -143,6 +143,24 @@ TEST_P(RolloutsTest, RejectionSilenceOrAlarms_StopBeforeTheOthers) {
     EXPECT_NE(store_.Find(id_)->reason.find("4 alarms"), std::string::npos);
 }
 
+TEST_P(RolloutsTest, WhatALostConnectionTookAlong_IsSentAgain) {
+    ASSERT_EQ(Publish(Policy(), Role::kAdmin), 200);
+    Work("", 2);
+    std::vector<std::string> again;
+    Collector::Rollouts rollouts(store_, {1'000, 60'000, 500}, [&](const Fleet::Message& sent) {
+        again.push_back(sent.topic);
+        return true;
+    });
+    rollouts.Restart(now_ms_);
+    rollouts.Work(now_ms_ + 400);
+    EXPECT_TRUE(again.empty()) << "answers may still arrive";
+    ASSERT_TRUE(hosts_.SaveResult(
+        ids_.begin()->second, "sentrel_feature",
+        R"({"verdict":"on","sha256":")" + Collector::DigestOf(document_) + "\"}", now_ms_));
+    for (int step = 0; step < 3; ++step) rollouts.Work(now_ms_ += 600);
+    EXPECT_EQ(again, std::vector<std::string>{"sentrel/host-101/policy/sentrel_feature"});
+}
+
 TEST_P(RolloutsTest, Roles_DecideWhoMayPublish) {
     Json::Value pause(Json::objectValue);
     pause["act"] = "pause";

@@ -124,6 +124,19 @@ void Rollouts::Work(std::int64_t now_ms) {
         return Log(Severity::kError, "cannot read the rollouts: " + store_.Error());
     }
     for (const Rollout& rollout : running) Advance(rollout, now_ms);
+    if (resend_ms_ == 0 || now_ms < resend_ms_) return;
+    resend_ms_ = 0;
+    for (const Rollout& rollout : running) SendAgain(rollout, now_ms);
+}
+
+void Rollouts::SendAgain(const Rollout& rollout, std::int64_t now_ms) {
+    std::vector<RolloutHost> hosts;
+    const auto delivery = ReadDelivery(rollout.document);
+    if (!delivery || !store_.Hosts(rollout, hosts)) return;
+    for (const RolloutHost& host : hosts) {
+        if (host.sent_ms == 0 || !AnswerOf(rollout, host).isNull()) continue;
+        publish_(delivery->MessageTo(host.agent_id, now_ms / 1000));
+    }
 }
 
 void Rollouts::Advance(const Rollout& rollout, std::int64_t now_ms) {

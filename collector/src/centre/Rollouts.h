@@ -53,10 +53,15 @@ class Rollouts {
     struct Times {
         std::int64_t soak_ms = 15'000;     ///< between the last answer of a wave and the next wave
         std::int64_t answer_ms = 300'000;  ///< hosts have so long to answer
+        std::int64_t resend_ms = 5'000;    ///< after a new connection
     };
 
     /// Borrows the store, which is open.
     Rollouts(RolloutStore& store, Times times, Publish publish);
+
+    /// A new connection to the broker: what was sent on the last one may be lost. Soon, when the
+    /// broker has handed over the answers that it kept, Work sends again what has none.
+    void Restart(std::int64_t now_ms) { resend_ms_ = now_ms + times_.resend_ms; }
 
     /// Goes on by one step. `now_ms`: since the epoch.
     void Work(std::int64_t now_ms);
@@ -64,12 +69,14 @@ class Rollouts {
   private:
     void Advance(const Rollout& rollout, std::int64_t now_ms);
     void Send(const Rollout& rollout, const std::vector<RolloutHost>& hosts, std::int64_t now_ms);
+    void SendAgain(const Rollout& rollout, std::int64_t now_ms);
     std::string WhyStop(const Rollout& rollout, const RolloutProgress& progress,
                         std::int64_t now_ms);
 
     RolloutStore& store_;
     const Times times_;
     const Publish publish_;
+    std::int64_t resend_ms_ = 0;  ///< 0: nothing is to be sent again
 };
 
 }  // namespace Collector

@@ -5,7 +5,6 @@
 #include <sdk/text/PercentCode.h>
 #include <sdk/time/TimeUtils.h>
 
-#include <chrono>
 #include <iostream>
 
 #include "centre/Rollouts.h"
@@ -18,12 +17,6 @@ namespace Collector {
 namespace {
 
 constexpr long kMostDocument = 1024 * 1024;
-
-/// Acts with the same time get different numbers: it counts milliseconds.
-std::int64_t NumberNow() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
 
 /// What the act needs, or a sentence in `error`.
 Json::Value RequestOf(const Arguments& arguments, std::string& error) {

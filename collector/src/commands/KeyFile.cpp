@@ -3,6 +3,7 @@
 #include <sdk/files/FileUtils.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 namespace Collector {
@@ -23,6 +24,11 @@ std::unique_ptr<SDK::SigningKey> ReadPrivateKey(const std::string& file, std::st
     if (key != nullptr && key->CanSign()) return key;
     error = file + " holds no private Ed25519 key";
     return nullptr;
+}
+
+std::int64_t NumberNow() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
 Fleet::Audience AudienceOf(const Arguments& arguments) {

@@ -93,7 +93,7 @@ int SignPolicy(const Arguments& arguments) {
     if (SDK::FileUtils::ReadFile(arguments.file, policy.text, Fleet::kMaxPolicyBytes) != 0) {
         return Fail("cannot read " + arguments.file + ": " + std::strerror(errno));
     }
-    policy.version = arguments.version;
+    policy.version = arguments.version > 0 ? arguments.version : NumberNow();
     policy.feature = arguments.feature;
     policy.hosts = AudienceOf(arguments);
     if (policy.hosts.empty()) return Fail("name --host or --group, or give --all-hosts");

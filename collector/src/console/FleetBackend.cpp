@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <thread>
 
 #include "centre/Delivery.h"
@@ -89,6 +90,19 @@ Json::Value PathsOf(const Json::Value& state) {
     return paths;
 }
 
+/// What a clock that differs does to acts. The state is up to half a minute old.
+void TellSkew(const HostRecord& host, const Json::Value& state, Json::Value& reasons) {
+    constexpr std::int64_t kToleratedMs = 120'000;
+    const std::int64_t skew_ms = NumberIn(state, "time_ms") - host.last_seen_ms;
+    if (NumberIn(state, "time_ms") == 0 || std::llabs(skew_ms) < kToleratedMs) return;
+    Json::Value reason(Json::objectValue);
+    reason["code"] = "clock";
+    reason["text"] = "Its clock is " + std::to_string(std::llabs(skew_ms) / 1000) + " s " +
+                     (skew_ms > 0 ? "ahead of" : "behind") +
+                     " the collector's, so it may refuse acts.";
+    reasons.append(std::move(reason));
+}
+
 Json::Value SummaryOf(const HostRecord& host) {
     const Json::Value state = StateOf(host);
     const Json::Value health = Member(state, "health");
@@ -100,6 +114,8 @@ Json::Value SummaryOf(const HostRecord& host) {
     summary["state"] =
         host.silent ? "silent" : (told == "healthy" || told == "degraded" ? told : "off");
     summary["reasons"] = ReasonsOf(health);
+    if (!host.silent) TellSkew(host, state, summary["reasons"]);
+    summary["approved"] = JsonUtils::GetStringValue(Member(state, "approved"), "id", "");
     summary["version"] = JsonUtils::GetStringValue(state, "version", "");
     summary["seen_ms"] = Json::Int64{host.last_seen_ms};
     summary["last_undone_ms"] = NumberIn(state, "last_undone_ms");
@@ -233,6 +249,7 @@ Json::Value FleetBackend::NewestAlarms(const std::string& agent_id) {
     store_.ListReports(query, [&](const Json::Value& row) {
         Json::Value report = row;
         report["seq"] = row["id"];
+        report.removeMember("agent_id");  // incidents of one host are told apart by their paths
         const std::string duration = JsonUtils::GetStringValue(row, "duration_ms", "");
         double milliseconds = -1;
         if (!Poco::NumberParser::tryParseFloat(duration, milliseconds)) milliseconds = -1;

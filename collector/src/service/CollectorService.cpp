@@ -185,6 +185,7 @@ bool CollectorService::Listen() {
     listening_ = true;
     listening_since_ms_ = EpochMs();
     alive_due_ms_ = 0;
+    rollouts_.Restart(listening_since_ms_);
     Log(Severity::kNotice, "connected to the broker " + settings_.broker.host);
     Reply(intake_.AskForMissing());
     return true;

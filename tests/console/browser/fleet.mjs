@@ -50,6 +50,7 @@ try {
   };
   await page.goto(`${url}/#/host/host-4`);
   await page.getByRole("heading", {name: "web4"}).waitFor();
+  await page.getByText("behind the collector's, so it may refuse acts").waitFor();
   await tab_to("Pause…");
   await page.keyboard.press("Enter");
   await page.getByLabel("Reason").fill("release 7");
