@@ -108,9 +108,9 @@ export function verdict_badge(answer) {
 
 export function progress_line(rollout) {
   const kinds = {done: "good", running: "warn", stopped: "bad"};
-  return element("p", {role: "status"}, badge(rollout.state, kinds[rollout.state] ?? "warn"),
+  return element("p", {role: "status"}, badge(rollout.state, rollout.failed > 0 ? "bad" : kinds[rollout.state] ?? "warn"),
     ` ${rollout.answered} of ${counted(rollout.hosts, "host")} answered`, rollout.waves > 1 ? `, wave ${Math.min(rollout.wave, rollout.waves)} of ${rollout.waves}` : "",
-    rollout.failed > 0 ? `, ${rollout.failed} refused or failed` : "", ". ", printable(rollout.reason));
+    rollout.failed > 0 && !rollout.reason ? `, ${rollout.failed} refused or failed` : "", ". ", printable(rollout.reason));
 }
 
 function answer_list(hosts) {
@@ -228,5 +228,5 @@ const rollout_address = (id) => `#/rollout/${id}`;
 export function rollout_rows(rollouts) {
   const kinds = {done: "good", running: "warn", stopped: "bad"};
   return rollouts.map((one) => ({cells: [moment(one.time_ms), element("a", {href: rollout_address(one.id)}, `${one.kind} `, printable(one.name)),
-    badge(one.state, kinds[one.state] ?? "warn"), `${one.answered} of ${one.hosts}`, printable(one.author), printable(one.reason)]}));
+    badge(one.state, one.failed > 0 ? "bad" : kinds[one.state] ?? "warn"), `${one.answered} of ${one.hosts}`, printable(one.author), printable(one.reason)]}));
 }

@@ -156,6 +156,9 @@ void Rollouts::Advance(const Rollout& rollout, std::int64_t now_ms) {
         return Send(rollout, hosts, now_ms);
     } else if (progress.is_wave_answered && rollout.wave >= progress.waves) {
         next.state = "done";
+        if (progress.failed > 0) {
+            next.reason = std::to_string(progress.failed) + " hosts refused it or failed.";
+        }
     } else if (progress.is_wave_answered && waited_ms >= times_.soak_ms) {
         ++next.wave;
         next.wave_begun_ms = now_ms;
