@@ -159,6 +159,38 @@ TEST_F(FleetChain, BrokerOfAnotherCaOrName_IsNotTrusted) {
     EXPECT_FALSE(connects(settings));
 }
 
+TEST_F(FleetChain, ClientCertificate_StandsForTheHostAndForNoOther) {
+    broker_.UseCertificates({"collector", kOtherId});
+    test::CollectorProcess collector(broker_);
+    ASSERT_TRUE(broker_.Start());
+    ASSERT_TRUE(collector.Start());
+    Fleet::BrokerSettings settings = broker_.SettingsOf(kOtherId);
+    settings.user = kAgentId;  // the certificate counts
+    Fleet::BrokerClient client(settings, "", 1000, [](Fleet::Message&&) {});
+    std::string error;
+    ASSERT_TRUE(client.Connect(error)) << error;
+    const auto step = [&] { return client.Step(10ms, -1, error); };
+    ASSERT_TRUE(Await([&] { return step() && client.IsConnected(); })) << error;
+    for (const char* id : {kAgentId, kOtherId}) {
+        ASSERT_TRUE(client.Publish({Fleet::StateTopic(id), "{\"online\":true}", false}));
+    }
+    ASSERT_TRUE(Await([&] { return step() && client.Unacknowledged() == 0; })) << error;
+    EXPECT_EQ(client.Refused(), 1U);
+    ASSERT_TRUE(Await([&] { return collector.Status()["hosts"].size() == 1; }));
+    EXPECT_EQ(collector.Status()["hosts"][0]["agent_id"].asString(), kOtherId);
+
+    settings.cert_file.clear();
+    settings.key_file.clear();
+    settings.password_file = broker_.Path("password");
+    Fleet::BrokerClient stranger(settings, "", 0, [](Fleet::Message&&) {});
+    bool good = stranger.Connect(error);
+    EXPECT_TRUE(Await([&] {
+        good = good && stranger.Step(10ms, -1, error);
+        return !good;
+    })) << "a password instead of a certificate";
+    EXPECT_FALSE(stranger.IsConnected());
+}
+
 TEST_F(FleetChain, BrokerThatIsNotThere_HarmsNothing) {
     Protect();
     EXPECT_TRUE(TamperingIsUndone("index.html"));

@@ -41,17 +41,23 @@ void MustRun(const std::vector<std::string>& words) {
     EXPECT_EQ(result.exit_code, 0) << words[0] << ": " << result.err;
 }
 
+constexpr const char* kCurve = "ec_paramgen_curve:prime256v1";
+
+/// `file`.pem and `file`.key, signed by the CA of the directory.
+void MakeCertificate(const TempDir& dir, const std::string& file, const std::string& name) {
+    MustRun({"openssl", "req", "-newkey", "ec", "-pkeyopt", kCurve, "-nodes", "-subj",
+             "/CN=" + name, "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+             dir.Path(file + ".key"), "-out", dir.Path(file + ".csr")});
+    MustRun({"openssl", "x509", "-req", "-in", dir.Path(file + ".csr"), "-days", "2", "-CA",
+             dir.Path("ca.pem"), "-CAkey", dir.Path("ca.key"), "-CAcreateserial",
+             "-copy_extensions", "copy", "-out", dir.Path(file + ".pem")});
+}
+
 /// A CA and a certificate for 127.0.0.1.
 void MakeCertificates(const TempDir& dir) {
-    const std::string key = "ec", curve = "ec_paramgen_curve:prime256v1";
-    MustRun({"openssl", "req", "-x509", "-newkey", key, "-pkeyopt", curve, "-nodes", "-days", "2",
+    MustRun({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", kCurve, "-nodes", "-days", "2",
              "-subj", "/CN=test CA", "-keyout", dir.Path("ca.key"), "-out", dir.Path("ca.pem")});
-    MustRun({"openssl", "req", "-newkey", key, "-pkeyopt", curve, "-nodes", "-subj",
-             "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
-             dir.Path("broker.key"), "-out", dir.Path("broker.csr")});
-    MustRun({"openssl", "x509", "-req", "-in", dir.Path("broker.csr"), "-days", "2", "-CA",
-             dir.Path("ca.pem"), "-CAkey", dir.Path("ca.key"), "-CAcreateserial",
-             "-copy_extensions", "copy", "-out", dir.Path("broker.pem")});
+    MakeCertificate(dir, "broker", "127.0.0.1");
 }
 
 void Replace(std::string& text, const std::string& from, const std::string& to) {
@@ -84,6 +90,16 @@ Broker::Broker(const std::vector<std::string>& agent_ids) : port_(FreePort()) {
     MustRun({"mosquitto_passwd", "-U", dir_.Path("passwords")});
 }
 
+void Broker::UseCertificates(const std::vector<std::string>& users) {
+    std::string conf = TempDir::Read(dir_.Path("mosquitto.conf"));
+    Replace(conf, "\npassword_file ", "\n#password_file ");
+    Replace(conf, "#require_certificate", "require_certificate");
+    Replace(conf, "#use_identity_as_username", "use_identity_as_username");
+    dir_.Write("mosquitto.conf", conf);
+    for (const std::string& user : users) MakeCertificate(dir_, user, user);
+    has_certificates_ = true;
+}
+
 bool Broker::Start() {
     process_.Start({"/usr/sbin/mosquitto", "-c", dir_.Path("mosquitto.conf")}, dir_.Path("out"));
     if (WaitFor([this] { return IsListening(); }, Scaled(kDeadline))) return true;
@@ -103,6 +119,11 @@ Json::Value Broker::JsonOf(const std::string& user) const {
     broker["host"] = "127.0.0.1";
     broker["port"] = port_;
     broker["ca_file"] = dir_.Path("ca.pem");
+    if (has_certificates_) {
+        broker["cert_file"] = dir_.Path(user + ".pem");
+        broker["key_file"] = dir_.Path(user + ".key");
+        return broker;
+    }
     broker["password_file"] = dir_.Path("password");
     broker["user"] = user;
     return broker;

@@ -18,6 +18,9 @@ class Broker {
     /// Users with a password: "collector", "operator" and these hosts.
     explicit Broker(const std::vector<std::string>& agent_ids);
 
+    /// Clients of these names have certificates instead of passwords. Before Start.
+    void UseCertificates(const std::vector<std::string>& users);
+
     /// Starts it and waits until it listens.
     bool Start();
     void Kill() { process_.Kill(); }
@@ -34,6 +37,7 @@ class Broker {
 
     TempDir dir_;
     int port_ = 0;
+    bool has_certificates_ = false;
     Child process_;
 };
 
