@@ -100,6 +100,7 @@ class BadInput : public ::testing::Test {
                                                            {"B", "2"},
                                                            {"CHANNEL", "mail"},
                                                            {"WORD", "held"},
+                                                           {"MODE", "heal"},
                                                            {"COMMAND", "-- true"}};
         for (const std::string& one : positionals) {
             const auto value = values.find(one);

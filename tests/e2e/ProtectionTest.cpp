@@ -180,9 +180,8 @@ TEST_F(Protection, UnfinishedCopyOfAnEndedRsync_IsDeletedAndNeverRestored) {
     Protect();
     EXPECT_FALSE(std::filesystem::exists(backup_.Path() + name));
     std::filesystem::remove_all(site_.Path("img"));
-    EXPECT_TRUE(Await([&] {
-        return test::TempDir::Read(site_.Path("img/logo.svg")) == Good("img/logo.svg");
-    }));
+    EXPECT_TRUE(Await(
+        [&] { return test::TempDir::Read(site_.Path("img/logo.svg")) == Good("img/logo.svg"); }));
     EXPECT_FALSE(std::filesystem::exists(name));
     EXPECT_EQ(agent_.Stop(), 0);
 }
