@@ -7,6 +7,7 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -263,8 +264,9 @@ void SentrelInotifyTask::ReportHealed(Shield::Told told) {
         if (is_shown) copy = rule.backup_path + alarm.file;
     }
     const bool is_needed = evidence_.is_kept || !copy.empty();
+    const auto who = who_.Ask(alarm.file, std::chrono::steady_clock::now());
     alarms_.Raise(std::move(alarm), is_needed ? PinnedFile(std::move(told.content)) : PinnedFile(),
-                  copy);
+                  copy, who);
 }
 
 /// The alarm names the copy, since the object on the site has alarms of its own.

@@ -186,6 +186,21 @@ TEST_F(Shielding, PageWithoutAUsableCopy_IsRefused) {
     EXPECT_EQ(visitor.Tampered() + visitor.Errors(), 0) << "of " << visitor.Visits();
 }
 
+TEST_F(Shielding, PageHealedBeforeTheAgentSawIt_HasItsAlarmAndEvidence) {
+    ASSERT_NO_FATAL_FAILURE(StartShield("heal"));
+    agent_.Signal(SIGSTOP);
+    Replace("index.html", "defaced\n");
+    EXPECT_EQ(TempDir::Read(Page()), Good());
+    agent_.Signal(SIGCONT);
+    Json::Value alarm;
+    ASSERT_TRUE(Await([&] {
+        for (const Json::Value& one : agent_.JsonLines({"alarms", "--json"})) alarm = one;
+        return alarm["outcome"] == "restored before it was read";
+    })) << alarm;
+    EXPECT_NE(alarm["evidence"].asString(), "") << alarm;
+    EXPECT_EQ(agent_.Stop(), 0);
+}
+
 // Each page is opened right after its replacement, faster than the agent restores.
 TEST_F(Shielding, ManyPagesAtOnce_AreHealedAndEachHasItsAlarm) {
     constexpr int kPages = 300;
