@@ -1,11 +1,12 @@
 #include <sdk/text/JsonUtils.h>
+#include <sdk/text/Printable.h>
+#include <sdk/text/Terminal.h>
 #include <sdk/time/TimeUtils.h>
 
 #include <iostream>
 
 #include "commands/Commands.h"
 #include "commands/DatabaseAccess.h"
-#include "ctl/output/Terminal.h"
 #include "service/CollectorService.h"
 #include "service/Overview.h"
 
@@ -25,17 +26,17 @@ void PrintHost(const Json::Value& host) {
     const std::int64_t now_ms = SDK::TimeUtils::GetCurrentTimestampS() * 1000;
     const bool silent = host["silent"].asBool();
     const std::string health = host["health"].asString();
-    const Ctl::Colour colour =
-        silent ? Ctl::Colour::kRed
-               : (health == "healthy" ? Ctl::Colour::kGreen : Ctl::Colour::kYellow);
-    std::cout << "  " << Ctl::Coloured(silent ? "silent" : Ctl::Printable(health), colour) << "  "
-              << host["agent_id"].asString() << "  " << Ctl::Printable(host["host"].asString())
-              << "  last heard " << Ctl::ShortTime(host["last_seen_ms"].asInt64(), now_ms)
+    const SDK::Colour colour =
+        silent ? SDK::Colour::kRed
+               : (health == "healthy" ? SDK::Colour::kGreen : SDK::Colour::kYellow);
+    std::cout << "  " << SDK::Coloured(silent ? "silent" : SDK::Printable(health), colour) << "  "
+              << host["agent_id"].asString() << "  " << SDK::Printable(host["host"].asString())
+              << "  last heard " << SDK::ShortTime(host["last_seen_ms"].asInt64(), now_ms)
               << ", reports stored to " << host["stored_seq"].asString() << " of "
               << host["last_seq"].asString() << "\n";
     if (!host["reasons"].isArray()) return;
     for (const Json::Value& reason : host["reasons"]) {
-        std::cout << "          " << Ctl::Printable(JsonUtils::GetStringValue(reason, "text", ""))
+        std::cout << "          " << SDK::Printable(JsonUtils::GetStringValue(reason, "text", ""))
                   << "\n";
     }
 }

@@ -1,4 +1,5 @@
 #include <sdk/text/Printable.h>
+#include <sdk/text/Secret.h>
 #include <sdk/time/TimeUtils.h>
 
 #include <algorithm>
@@ -11,7 +12,6 @@
 #include "base/Totp.h"
 #include "commands/Commands.h"
 #include "commands/DatabaseAccess.h"
-#include "ctl/commands/Secret.h"
 #include "store/UserStore.h"
 
 namespace Collector {
@@ -56,7 +56,7 @@ int AddUser(const Arguments& arguments) {
     std::string password;
     std::string error;
     if (!Open(arguments, users)) return kExitFailed;
-    if (!Ctl::ReadPassword("Password of " + arguments.user + ": ", password, error)) {
+    if (!SDK::ReadPassword("Password of " + arguments.user + ": ", password, error)) {
         return Fail(error);
     }
     if (password.size() < kLeastPassword || password.size() > kMostPassword) {
@@ -67,7 +67,7 @@ int AddUser(const Arguments& arguments) {
     user.name = arguments.user;
     user.role = RoleNamed(arguments.role).value_or(Console::Role::kViewer);
     user.password_hash = HashPassword(password);
-    Ctl::EraseSecret(password);
+    SDK::EraseSecret(password);
     return Stored(users.Save(user) && Note(users, (is_new ? "added " : "changed ") + user.name +
                                                       " (" + arguments.role + ")"),
                   users);

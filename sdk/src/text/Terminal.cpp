@@ -1,13 +1,12 @@
-#include "ctl/output/Terminal.h"
-
 #include <poll.h>
+#include <sdk/text/Terminal.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
 #include <ctime>
 
-namespace Ctl {
+namespace SDK {
 
 namespace {
 
@@ -50,4 +49,4 @@ std::string ShortTime(long long epoch_ms, long long now_ms) {
     return text.data();
 }
 
-}  // namespace Ctl
+}  // namespace SDK
