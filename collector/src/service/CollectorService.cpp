@@ -88,6 +88,7 @@ int CollectorService::Run() {
         broker_.reset();
         listening_ = false;
         SayAlive();
+        if (!settings_.metrics_file.empty()) WriteMetrics();
     } while (!Stopped(backoff_.WaitMs()));
     ::sd_notify(0, "STOPPING=1");
     console_.reset();
