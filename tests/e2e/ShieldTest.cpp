@@ -189,7 +189,10 @@ TEST_F(Shielding, PageWithoutAUsableCopy_IsRefused) {
 TEST_F(Shielding, PageHealedBeforeTheAgentSawIt_HasItsAlarmAndEvidence) {
     ASSERT_NO_FATAL_FAILURE(StartShield("heal"));
     agent_.Signal(SIGSTOP);
-    Replace("index.html", "defaced\n");
+    int status = 0;
+    ASSERT_EQ(::waitpid(agent_.Pid(), &status, WUNTRACED), agent_.Pid());
+    ASSERT_TRUE(WIFSTOPPED(status));
+    Overwrite("defaced", 0);
     EXPECT_EQ(TempDir::Read(Page()), Good());
     agent_.Signal(SIGCONT);
     Json::Value alarm;
